@@ -1,0 +1,12 @@
+/* Marks what the executable offers to extension modules.
+ *
+ * kemd is built with hidden symbols and exports only what carries KEMD_API, so that a helper of
+ * the daemon can never take the place of a module's own function of the same name.
+ */
+#pragma once
+
+#define KEMD_API __attribute__((visibility("default")))
+
+/* Lets the compiler check a printf-style call: the text's and the first value's argument number,
+ * counted from 1 (in a C++ member function `this` is number 1). */
+#define KEMD_PRINTF(text, values) __attribute__((format(printf, text, values)))
