@@ -1,0 +1,141 @@
+#include "services/base/process_status.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+
+#include "services/base/unique_fd.h"
+
+namespace {
+
+// The lines of a file of any length through one buffer on the stack. A longer line than the buffer
+// (a process may have thousands of supplementary groups) comes in pieces; the pieces behind the
+// first one are skipped, as only the first words of a line matter here.
+class LineReader {
+  public:
+    explicit LineReader(int fd) : m_fd(fd) {}
+
+    bool Next(std::string_view& line) {
+        for (;;) {
+            const std::string_view rest(m_text.data() + m_begin, m_end - m_begin);
+            const size_t feed = rest.find('\n');
+            const bool cut = feed == rest.npos && rest.size() == m_text.size();
+            if (feed == rest.npos && !cut && Fill()) continue;
+
+            const bool skipped = m_inLongLine;
+            m_inLongLine = cut;
+            line = rest.substr(0, feed);
+            m_begin += feed == rest.npos ? rest.size() : feed + 1;
+            if (rest.empty()) return false;
+            if (!skipped) return true;
+        }
+    }
+
+  private:
+    bool Fill() {
+        std::memmove(m_text.data(), m_text.data() + m_begin, m_end - m_begin);
+        m_end -= m_begin;
+        m_begin = 0;
+        const ssize_t count = read(m_fd, m_text.data() + m_end, m_text.size() - m_end);
+        if (count <= 0) return false;
+        m_end += static_cast<size_t>(count);
+        return true;
+    }
+
+    int m_fd;
+    std::array<char, 4096> m_text;  // NOLINT(cppcoreguidelines-pro-type-member-init): hot path
+    size_t m_begin = 0;
+    size_t m_end = 0;
+    bool m_inLongLine = false;
+};
+
+std::string_view TakeWord(std::string_view& text) {
+    constexpr std::string_view kSpace = " \t\r\v\f\n";
+    text.remove_prefix(std::min(text.find_first_not_of(kSpace), text.size()));
+    const std::string_view word = text.substr(0, text.find_first_of(kSpace));
+    text.remove_prefix(word.size());
+    return word;
+}
+
+uint64_t ParseBytes(std::string_view text) {
+    const std::string_view number = TakeWord(text);
+    uint64_t value = 0;
+    std::from_chars(number.data(), number.data() + number.size(), value);
+    const std::string_view unit = TakeWord(text);
+    if (unit == "kB") return value << 10;
+    if (unit == "MB") return value << 20;
+    if (unit == "GB") return value << 30;
+    return value;
+}
+
+void ReadStatusBytes(pid_t pid, uint64_t& value, std::string_view key) {
+    std::array<char, 32> path{};
+    std::snprintf(path.data(), path.size(), "/proc/%d/status", pid);
+    const UniqueFd file(open(path.data(), O_RDONLY | O_CLOEXEC));
+    if (!file.IsOpen()) return;
+
+    LineReader lines(file.Get());
+    std::string_view line;
+    while (lines.Next(line)) {
+        if (TakeWord(line) != key) continue;
+        value = ParseBytes(line);
+        return;
+    }
+}
+
+}  // namespace
+
+void ReadProcStatusValue(pid_t pid, uint64_t& value, std::string_view key, uint32_t scaleSteps) {
+    ReadStatusBytes(pid, value, key);
+    constexpr uint32_t kStepsToZero = 7;  // 7 x 10 bits empty a 64-bit number
+    value = scaleSteps >= kStepsToZero ? 0 : value >> (10 * scaleSteps);
+}
+
+bool GetProcessMemoryInfo(pid_t pid, ProcessMemoryInfo& info) {
+    info = {};
+    uint64_t shared = 0;
+    ReadStatusBytes(pid, info.peak, "VmPeak:");
+    ReadStatusBytes(pid, info.size, "VmSize:");
+    ReadStatusBytes(pid, info.swap, "VmSwap:");
+    ReadStatusBytes(pid, shared, "VmLib:");
+    info.sizeLessShared = info.size - shared;
+    return info.peak != 0 && info.size != 0;
+}
+
+bool FindProcessByName(int32_t& pid, const char* name) {
+    pid = -1;
+    const std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
+    if (!proc) return false;
+    while (const dirent* entry = readdir(proc.get())) {
+        const auto candidate = static_cast<int32_t>(std::strtol(entry->d_name, nullptr, 10));
+        std::string command;
+        if (candidate < 1 || !ReadProcFileLine(candidate, "comm", command)) continue;
+        if (command != name) continue;
+        pid = candidate;
+        return true;
+    }
+    return false;
+}
+
+bool GetProcessExePath(std::string& path, pid_t pid) {
+    std::array<char, 4096> target{};
+    const std::string link = "/proc/" + std::to_string(pid) + "/exe";
+    const ssize_t length = readlink(link.c_str(), target.data(), target.size());
+    path.assign(target.data(), length > 0 ? static_cast<size_t>(length) : 0);
+    return length > 0;
+}
+
+bool ReadProcFileLine(pid_t pid, const char* fileName, std::string& text) {
+    text.clear();
+    std::ifstream file("/proc/" + std::to_string(pid) + "/" + fileName);
+    return static_cast<bool>(std::getline(file, text));
+}

@@ -1,0 +1,46 @@
+// A mutex that its owner may lock again. The trace object, the event tables and the registry use
+// it.
+//
+// Any thread may call. Constant-initialised, so that a global one is ready before any constructor
+// runs. When creation failed (or after Destroy) Lock and Unlock do nothing.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "kemd/api.h"
+
+class KEMD_API RecursiveMutex {
+  public:
+    constexpr RecursiveMutex() = default;
+    ~RecursiveMutex() { Destroy(); }
+    RecursiveMutex(const RecursiveMutex&) = delete;
+    RecursiveMutex& operator=(const RecursiveMutex&) = delete;
+
+    void Lock();
+    // Does nothing unless the caller is the owner.
+    void Unlock();
+    // Gives the lock up first when the caller still holds it, at whatever depth.
+    void Destroy();
+
+  private:
+    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
+    // Compared with the caller's id outside the mutex. Only a thread itself ever stores its own id,
+    // so "equal" is never stale; 0 is no thread.
+    std::atomic<pthread_t> m_owner{0};
+    int32_t m_depth = 0;
+    bool m_valid = true;
+};
+
+class RecursiveLock {
+  public:
+    explicit RecursiveLock(RecursiveMutex& mutex) : m_mutex(mutex) { m_mutex.Lock(); }
+    ~RecursiveLock() { m_mutex.Unlock(); }
+    RecursiveLock(const RecursiveLock&) = delete;
+    RecursiveLock& operator=(const RecursiveLock&) = delete;
+
+  private:
+    RecursiveMutex& m_mutex;
+};
