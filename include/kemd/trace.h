@@ -1,0 +1,27 @@
+/* Tracing for extension modules, in C and C++. Any thread may call, at any time of the process.
+ *
+ * Levels: 1 failures and major steps, 2 start-up details and decisions, 3 detailed steps, 5 object
+ * life; 4 and 6 are free. `tag` names the module in every record; null stands for the daemon's own
+ * name. A line feed at the end is added when it is missing; texts above 1,024 characters may be
+ * cut. None of these functions fails or throws, and none is a thread cancellation point.
+ */
+#pragma once
+
+#include "kemd/api.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* 1 while tracing is on. */
+KEMD_API int KemdTraceOn(void);
+
+/* Writes one record when tracing is on and `level` is not above the trace level in force. */
+KEMD_API void KemdTrace(const char* tag, unsigned level, const char* format, ...) KEMD_PRINTF(3, 4);
+
+/* Writes one record whatever the trace level, also to the small persistent log file. */
+KEMD_API void KemdMessage(const char* tag, const char* format, ...) KEMD_PRINTF(2, 3);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,64 @@
+#include "trace/config_file.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "services/base/unique_fd.h"
+#include "trace/config_text.h"
+
+std::optional<int64_t> ModificationTime(const char* path) {
+    struct stat status {};
+    if (stat(path, &status) != 0) return std::nullopt;
+    return status.st_mtim.tv_sec * int64_t{1'000'000'000} + status.st_mtim.tv_nsec;
+}
+
+static bool ReadWhole(int fd, std::string& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t count = read(fd, text.data() + done, text.size() - done);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return false;
+        done += static_cast<size_t>(count);
+    }
+    return true;
+}
+
+std::optional<std::string> ReadConfigFile(const char* path) try {
+    // Not blocking: a FIFO of that name must not stop the daemon before it is seen to be none.
+    const UniqueFd file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!file.IsOpen() || fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return std::nullopt;
+    }
+    std::string text(static_cast<size_t>(status.st_size), '\0');
+    if (!ReadWhole(file.Get(), text)) return std::nullopt;
+    const auto accepted = AcceptConfigText(text);
+    if (!accepted) return std::nullopt;
+    text.resize(accepted->size());
+    return text;
+} catch (const std::exception&) {
+    return std::nullopt;
+}
+
+std::optional<std::vector<std::string>> ListConfigFiles() try {
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(kTraceConfigDirectory), closedir);
+    if (!directory) return std::nullopt;
+    std::vector<std::string> names;
+    while (const dirent* entry = readdir(directory.get())) {
+        if (std::strstr(entry->d_name, ".ini") != nullptr) names.emplace_back(entry->d_name);
+    }
+    std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+        return std::strcoll(a.c_str(), b.c_str()) < 0;
+    });
+    return names;
+} catch (const std::bad_alloc&) {
+    return std::nullopt;
+}

@@ -1,0 +1,145 @@
+// The process-wide trace object `Debug`.
+//
+// Ready before `main` and before any constructor of a static object, and usable until the process
+// is gone: at its end it is closed, never destroyed, and every later call does nothing. Any thread
+// may call anything; one recursive lock guards the whole object. Nothing throws, and a thread that
+// is cancelled inside an operation is cancelled behind it.
+//
+// A record has a level, 1 (failures, major steps) to 6 (finest detail), and is written when it is
+// not above the trace level in force. Level 0 is written whenever there is a target.
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstdint>
+#include <string_view>
+
+#include "kemd/api.h"
+#include "services/base/cancel_guard.h"
+#include "services/base/recursive_mutex.h"
+#include "trace/environment.h"
+#include "trace/header.h"
+#include "trace/line_prefix.h"
+#include "trace/log_file.h"
+#include "trace/record.h"
+#include "trace/ring_buffer.h"
+#include "trace/trace_config.h"
+
+enum TraceTarget : uint32_t {
+    kTargetNone = 0,  // Trace writes nothing, Message still writes to the log file
+    kTargetLog = 1,
+    kTargetRing = 2,
+};
+
+class CDebug : public CDebugTraceConfig {
+  public:
+    constexpr CDebug() = default;
+    explicit CDebug(const char* moduleName);
+    CDebug(const CDebug&) = delete;
+    CDebug& operator=(const CDebug&) = delete;
+
+    // The order of the virtual functions is a binary interface: slots 0 and 1 the destructor pair,
+    // then 2 to 8 as they stand.
+    virtual ~CDebug();
+    virtual bool IsAvailable() const { return true; }
+    // Reads the configuration, opens the log file of `moduleName` (null or empty: keeps the name)
+    // and, when the settings ask for it, the start-up ring buffer. Closes what was open before.
+    // False only when a ring buffer was tried and failed; the object works on without it.
+    virtual bool Init(const char* moduleName);
+    virtual void Trace(unsigned level, const char* format, ...) KEMD_PRINTF(3, 4);
+    // Written whatever the level: into the ring buffer when that is the target, and in every case
+    // into the log file. The level of the second form is ignored.
+    virtual void Message(const char* format, ...) KEMD_PRINTF(2, 3);
+    virtual void Message(unsigned level, const char* format, ...) KEMD_PRINTF(3, 4);
+    // `tag` stands in the prefix in place of the module name; null: the module name.
+    virtual void MessageV(const char* format, va_list args, const char* tag) KEMD_PRINTF(2, 0);
+    // One record to the current target, without a level test.
+    virtual void TraceV(const char* format, va_list args, const char* tag) KEMD_PRINTF(2, 0);
+
+    // Trace for callers with a prepared argument list.
+    KEMD_API void TraceArgs(unsigned level, const char* format, va_list args) KEMD_PRINTF(3, 0);
+    KEMD_API void TraceTagged(unsigned level, const char* format, va_list args, const char* tag)
+        KEMD_PRINTF(3, 0);
+
+    // Keeps both for the header (they must live as long as the process) and writes them.
+    KEMD_API void SetCommandLine(int argc, char** argv);
+    // Ends the start-up phase: the log keeps what it holds, the start-up ring buffer is compressed
+    // and the run-time one opened. Works once after each Init.
+    KEMD_API void InitDone();
+    // False: trace level 0 and tracing off. True: the configured level and tracing on.
+    KEMD_API bool SwitchTrace(bool on);
+    KEMD_API void SetTraceTarget(unsigned target);
+    KEMD_API void WriteHeader(TraceTarget destination);
+    KEMD_API int FormatLinePrefix(char* buffer, size_t size, const char* tag);
+    // Everything off and closed. Later calls do nothing until the next Init.
+    KEMD_API void Close();
+
+  private:
+    // Cancellation stays off while the lock is held: a cancelled thread must not take it along.
+    class Lock {
+      public:
+        explicit Lock(CDebug& debug) : m_lock(debug.m_lock) {}
+
+      private:
+        CancelGuard m_guard;
+        RecursiveLock m_lock;
+    };
+    struct HeaderLines;
+
+    // debug.cpp
+    [[nodiscard]] Stamp MakeStamp() const;
+    [[nodiscard]] std::string_view TagOrName(const char* tag) const;
+    void Write(uint32_t target, const char* format, va_list args, const char* tag)
+        KEMD_PRINTF(3, 0);
+    void WriteLine(TraceTarget destination, const char* format, ...) KEMD_PRINTF(3, 4);
+
+    // debug_init.cpp
+    void SetModuleName(const char* moduleName);
+    void OpenLog();
+    [[nodiscard]] int64_t ComputeRingSize();
+    void SwitchOff();
+    void SwitchToRuntimeRing();
+    [[nodiscard]] HeaderFacts MakeHeaderFacts() const;
+
+    // debug_write.cpp
+    void WriteToLog(const Stamp& stamp, const char* tag, const char* format, va_list args)
+        KEMD_PRINTF(4, 0);
+    void WrapLog();
+    [[nodiscard]] bool InitRingBuffer(const char* path, int64_t size);
+    [[nodiscard]] bool FillRing(int64_t size);
+    void WriteToRing(RecordBuffer& buffer, const Stamp& stamp, const char* tag, const char* format,
+                     va_list args) KEMD_PRINTF(5, 0);
+    void WriteLongToRing(RecordBuffer& buffer, size_t length, const char* format, va_list args)
+        KEMD_PRINTF(4, 0);
+    void PutIntoRing(std::string_view record);
+
+    RecursiveMutex m_lock;
+    pid_t m_processId = 0;
+    int m_argumentCount = 0;
+    char** m_arguments = nullptr;
+    std::array<char, 26> m_startTime{};  // shown nowhere: for the reader of a core file
+    std::atomic<uint32_t> m_target{kTargetNone};
+    bool m_startupEnded = false;
+    bool m_initDone = false;       // as the header shows it: set with the run-time ring buffer only
+    bool m_writingHeader = false;  // into the ring buffer
+    int64_t m_ringSize = 0;        // bytes; four times the configured size during start-up
+    RingBuffer m_ring;
+    Path m_runtimeRingPath;
+    Path m_startupRingPath;
+    Path m_logPath;
+    LogFile m_log;
+    LinePrefix m_prefix;
+    RecordBuffer m_record;
+    EnvironmentSnapshot m_environment;
+};
+
+extern KEMD_API CDebug Debug;
+
+// What every caller in the tree uses for level-filtered records: a daemon whose tracing is off
+// makes no call at all.
+#define TRACE(level, ...)                                         \
+    do {                                                          \
+        if (Debug.IsTraceOn()) Debug.Trace((level), __VA_ARGS__); \
+    } while (0)

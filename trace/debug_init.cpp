@@ -1,0 +1,185 @@
+// The life of the trace object: opening, the end of the start-up phase, switching, closing.
+#include <sys/types.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+#include "trace/compress.h"
+#include "trace/debug.h"
+#include "trace/names.h"
+
+namespace {
+
+constexpr int64_t kStartupFactor = 4;
+
+void FormatStartTime(std::array<char, 26>& text) {
+    const time_t now = time(nullptr);
+    tm local{};
+    if (localtime_r(&now, &local) == nullptr || asctime_r(&local, text.data()) == nullptr) {
+        std::snprintf(text.data(), text.size(), "\nwww mmm dd hh:mm:ss yyyy");
+    }
+}
+
+}  // namespace
+
+// Sends the lines of a header to one destination. It has a line buffer of its own, because a header
+// is also written while another record waits in the common one.
+struct CDebug::HeaderLines {
+    CDebug& debug;
+    const TraceTarget destination;
+    RecordBuffer buffer;
+
+    HeaderLines(CDebug& owner, TraceTarget to) : debug(owner), destination(to) {}
+
+    static void Put(void* context, const char* format, va_list args) {
+        auto& self = *static_cast<HeaderLines*>(context);
+        if (self.destination == kTargetLog) {
+            if (!self.debug.m_log.IsOpen()) return;
+            self.debug.WriteToLog(self.debug.MakeStamp(), nullptr, format, args);
+            return;
+        }
+        // Not even the prefix would fit: a long command line must not cost a stamp for each
+        // argument.
+        if (self.debug.m_writingHeader && !self.debug.m_ring.HasRoom(kShortestPrefix)) return;
+        self.debug.WriteToRing(self.buffer, self.debug.MakeStamp(), nullptr, format, args);
+    }
+    HeaderSink Sink() { return {Put, this}; }
+};
+
+CDebug::CDebug(const char* moduleName) {
+    if (Init(moduleName)) return;
+    syslog(LOG_ERR, "ERROR: Error during initialization of the CDebug instance.\n");
+}
+
+CDebug::~CDebug() {
+    Close();
+}
+
+bool CDebug::Init(const char* moduleName) {
+    const Lock lock(*this);
+    Close();
+    m_startupEnded = false;
+    m_initDone = false;
+    SetModuleName(moduleName);
+    m_processId = getpid();
+    FormatStartTime(m_startTime);
+    m_environment.Take();
+    ReadTraceConfig(ModuleName());
+    m_traceOn = TraceLevel() != 0;
+    OpenLog();
+
+    bool opened = true;
+    m_ringSize = IsTraceOn() ? kStartupFactor * ComputeRingSize() : 0;
+    if (m_ringSize != 0) opened = InitRingBuffer(m_startupRingPath.Get(), m_ringSize);
+    if (!m_ring.IsMapped()) SwitchOff();
+    if (m_inForce.noHeader == 0) WriteHeader(kTargetLog);
+    m_traceOn = TraceLevel() != 0;
+    return opened;
+}
+
+void CDebug::SetModuleName(const char* moduleName) {
+    if (moduleName == nullptr || *moduleName == '\0') return;
+    m_moduleName = CopyText(moduleName);
+}
+
+void CDebug::OpenLog() {
+    Path name;
+    name.Assign(ModuleName());
+    ToLowerCase(name.Get());
+    const char* directory = m_inForce.logDirectory.Get();
+    m_logPath.Format("%s/log.%s", directory, name.Get());
+    m_runtimeRingPath.Format("%s/log.%s_a", directory, name.Get());
+    m_startupRingPath.Format("%s/log.%s_i", directory, name.Get());
+    m_log.SetLimit(m_inForce.logLimit);
+    if (m_log.Open(m_logPath.Get())) return;
+    syslog(LOG_ERR, "ERROR: Error during opening %s --> proceed without it\n", m_logPath.Get());
+}
+
+int64_t CDebug::ComputeRingSize() {
+    const char* own = std::getenv(RingWeightVariable().Get());
+    if (own != nullptr) m_inForce.ringWeight = static_cast<int32_t>(std::strtol(own, nullptr, 10));
+    m_inForce.ringFactor = std::min(m_inForce.ringFactor, 2);
+    const auto product =
+        static_cast<uint32_t>(m_inForce.ringFactor) * static_cast<uint32_t>(m_inForce.ringWeight);
+    const int64_t page = sysconf(_SC_PAGESIZE);
+    return (page > 0 ? page : 4096) * product * 256;
+}
+
+void CDebug::SetCommandLine(int argc, char** argv) {
+    const Lock lock(*this);
+    m_argumentCount = argc;
+    m_arguments = argv;
+    HeaderLines log(*this, kTargetLog);
+    EmitCommandLine(MakeHeaderFacts(), log.Sink());
+    if (m_target != kTargetRing || !m_ring.IsMapped()) return;
+    HeaderLines ring(*this, kTargetRing);
+    EmitCommandLine(MakeHeaderFacts(), ring.Sink());
+}
+
+void CDebug::WriteHeader(TraceTarget destination) {
+    const Lock lock(*this);
+    HeaderLines lines(*this, destination);
+    m_writingHeader = destination == kTargetRing;
+    EmitHeader(MakeHeaderFacts(), *this, lines.Sink());
+    m_writingHeader = false;
+}
+
+HeaderFacts CDebug::MakeHeaderFacts() const {
+    return {ModuleName(),        m_argumentCount, m_arguments,
+            m_environment,       m_processId,     m_target,
+            m_initDone,          m_logPath.Get(), m_log.Limit(),
+            m_ring.Descriptor(), m_ringSize,      m_runtimeRingPath.Get()};
+}
+
+void CDebug::InitDone() {
+    const Lock lock(*this);
+    if (m_startupEnded) return;
+    m_startupEnded = true;
+    m_log.MarkStartupEnd();
+    if (m_target == kTargetRing && m_ring.IsMapped()) SwitchToRuntimeRing();
+}
+
+void CDebug::SwitchToRuntimeRing() {
+    WriteLine(kTargetRing, "\n### End of initialization. ###");
+    m_traceOn = false;
+    m_ring.Close();
+    if (!CompressFile(m_startupRingPath.Get())) {
+        WriteLine(kTargetLog, "\n### gziping of startup log file failed -> it doesn't matter ###");
+    }
+    m_ringSize /= kStartupFactor;
+    const bool opened = InitRingBuffer(m_runtimeRingPath.Get(), m_ringSize);
+    if (!opened) SwitchOff();
+    m_traceOn = opened;
+    m_initDone = true;
+}
+
+bool CDebug::SwitchTrace(bool on) {
+    const Lock lock(*this);
+    m_level = on ? SavedTraceLevel() : 0;
+    m_traceOn = on;
+    return true;
+}
+
+void CDebug::SetTraceTarget(unsigned target) {
+    m_target = target;
+}
+
+void CDebug::SwitchOff() {
+    m_traceOn = false;
+    m_target = kTargetNone;
+    m_level = 0;
+    m_savedLevel = 0;
+}
+
+void CDebug::Close() {
+    const Lock lock(*this);
+    m_argumentCount = 0;
+    m_arguments = nullptr;
+    SwitchOff();
+    m_ring.Close();
+    m_log.Close();
+}

@@ -1,0 +1,76 @@
+#include "trace/header.h"
+
+#include <cstdlib>
+
+namespace {
+
+const char* OrNotSet(const char* value) {
+    return value != nullptr ? value : "NotSet";
+}
+
+void EmitTable(const NamedValue* entry, const HeaderSink& line) {
+    for (; entry->name != nullptr; ++entry) {
+        line("\n%s=%s", entry->name, OrNotSet(entry->value.get()));
+    }
+}
+
+void EmitValuesAsRead(const CDebugTraceConfig& config, const HeaderSink& line) {
+    const auto& read = config.AsRead();
+    line("\nDebug values from ini file :");
+    line("\nDynamicUpdate              : %d", read.dynamicUpdate);
+    line("\nDebugLevel                 : %d", config.ConfiguredLevel());
+    line("\nRingBufferSizeFactor       : %d", read.ringFactor);
+    line("\nRingBufferSizeWeight       : %d", read.ringWeight);
+    line("\nRingBufferDirectory        : %s", read.ringDirectory.Get());
+    line("\nNo Header to LogFile       : %d", read.noHeader);
+}
+
+void EmitValuesInForce(const HeaderFacts& facts, const CDebugTraceConfig& config,
+                       const HeaderSink& line) {
+    const auto& force = config.InForce();
+    line("\nInternal Debug values      :");
+    line("\nProcess PID                : %d", facts.processId);
+    line("\nTrace Target               : %d", static_cast<int>(facts.target));
+    line("\nTrace Level                : %d", static_cast<int>(config.TraceLevel()));
+    line("\nTrace Level Saved          : %d", static_cast<int>(config.SavedTraceLevel()));
+    line("\nApplication Init Done      : %d", facts.initDone ? 1 : 0);
+    line("\nLogFile Path               : %s", facts.logPath);
+    line("\nLogFile Max Size           : %d", static_cast<int>(facts.logLimit));
+    line("\nRing Buffer FD             : %d", facts.ringDescriptor);
+    line("\nRing Buffer Factor         : %d", force.ringFactor);
+    line("\nRing Buffer Weight         : %d", force.ringWeight);
+    line("\nRing Buffer Size           : %d", static_cast<int>(facts.ringSize));
+    line("\nRing Buffer Directory      : %s", force.logDirectory.Get());
+    line("\nRing Buffer Path           : %s", facts.ringPath);
+    line("\nNo Header to LogFile       : %d", force.noHeader);
+}
+
+}  // namespace
+
+void HeaderSink::operator()(const char* format, ...) const {
+    va_list args;
+    va_start(args, format);
+    m_writer(m_context, format, args);
+    va_end(args);
+}
+
+void EmitCommandLine(const HeaderFacts& facts, const HeaderSink& line) {
+    if (facts.argumentCount <= 0) return;
+    line("\n%s Command Line Options:", facts.moduleName);
+    for (int i = 0; i < facts.argumentCount; ++i)
+        line("\nargv[%d] = \"%s\"", i, facts.arguments[i]);
+}
+
+void EmitHeader(const HeaderFacts& facts, const CDebugTraceConfig& config, const HeaderSink& line) {
+    EmitCommandLine(facts, line);
+    line("\nOrvana Environment:");
+    EmitTable(facts.environment.environment.data(), line);
+    // Read at this moment, unlike the snapshot.
+    const auto variable = config.RingWeightVariable();
+    line("\n%s=%s", variable.Get(), OrNotSet(std::getenv(variable.Get())));
+    line("\nOrvana Configuration File:");
+    EmitTable(facts.environment.configuration.data(), line);
+    EmitValuesAsRead(config, line);
+    EmitValuesInForce(facts, config, line);
+    line("\n# End of header.");
+}

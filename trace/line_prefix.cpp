@@ -1,0 +1,90 @@
+#include "trace/line_prefix.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+
+namespace {
+
+constexpr std::string_view kUnknownTime = "yyyy-mm-dd hh:mm:ss.mmm";
+constexpr size_t kTagWidth = 13;
+constexpr size_t kMemoryWidth = 8;
+
+// Writing without bounds checks is safe here: time (at most 25), thread (11), memory (at most 27).
+constexpr size_t kHeadCapacity = 80;
+
+char* Put(char* to, std::string_view text) {
+    std::memcpy(to, text.data(), text.size());
+    return to + text.size();
+}
+
+char* PutMilliseconds(char* to, suseconds_t microseconds) {
+    const auto value = static_cast<unsigned>(microseconds / 1000);
+    *to++ = '.';
+    *to++ = static_cast<char>('0' + value / 100);
+    *to++ = static_cast<char>('0' + value / 10 % 10);
+    *to++ = static_cast<char>('0' + value % 10);
+    return to;
+}
+
+char* PutThread(char* to, uint32_t thread) {
+    *to++ = ' ';
+    *to++ = '[';
+    for (int shift = 28; shift >= 0; shift -= 4) *to++ = "0123456789ABCDEF"[thread >> shift & 15];
+    *to++ = ']';
+    *to++ = ' ';
+    return to;
+}
+
+char* PutMemory(char* to, uint64_t residentKb) {
+    std::array<char, 20> digits;  // NOLINT(cppcoreguidelines-pro-type-member-init): hot path
+    const char* end = std::to_chars(digits.data(), digits.data() + digits.size(), residentKb).ptr;
+    const auto length = static_cast<size_t>(end - digits.data());
+    for (size_t column = length; column < kMemoryWidth; ++column) *to++ = ' ';
+    to = Put(to, {digits.data(), length});
+    return Put(to, " KB !");
+}
+
+// Writes text at an offset of a field, cut to what the field holds.
+void PutCut(char* buffer, size_t size, size_t offset, std::string_view text) {
+    if (offset < size)
+        std::memcpy(buffer + offset, text.data(), std::min(text.size(), size - offset));
+}
+
+}  // namespace
+
+void LinePrefix::FormatSecond(time_t second) {
+    tm local{};
+    m_second = second;
+    m_length = 0;
+    if (localtime_r(&second, &local) == nullptr) return;
+    m_length = std::strftime(m_text.data(), m_text.size(), "%F %H:%M:%S", &local);
+}
+
+int LinePrefix::Build(char* buffer, size_t size, const Stamp& stamp, std::string_view tag) {
+    if (stamp.time.tv_sec != m_second || m_length == 0) FormatSecond(stamp.time.tv_sec);
+
+    std::array<char, kHeadCapacity>
+        head;  // NOLINT(cppcoreguidelines-pro-type-member-init): hot path
+    char* to = head.data();
+    if (m_length != 0) {
+        to = PutMilliseconds(Put(to, {m_text.data(), m_length}), stamp.time.tv_usec);
+    } else {
+        to = Put(to, kUnknownTime);
+    }
+    to = PutThread(to, stamp.thread);
+    if (stamp.withMemory) to = PutMemory(to, stamp.residentKb);
+    const auto headLength = static_cast<size_t>(to - head.data());
+
+    constexpr std::string_view kBlanks = "              ";
+    static_assert(kBlanks.size() == kTagWidth + 1);
+    const size_t padding = tag.size() < kTagWidth ? kTagWidth - tag.size() : 0;
+    const size_t needed = headLength + tag.size() + padding + 1;
+    if (size == 0) return static_cast<int>(needed);
+    const size_t room = size - 1;
+    PutCut(buffer, room, 0, {head.data(), headLength});
+    PutCut(buffer, room, headLength, tag);
+    PutCut(buffer, room, headLength + tag.size(), kBlanks.substr(0, padding + 1));
+    buffer[std::min(needed, room)] = '\0';
+    return static_cast<int>(needed);
+}

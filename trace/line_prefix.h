@@ -1,0 +1,39 @@
+// The prefix of every trace record: time, thread, resident memory (optional) and tag.
+//
+//   2026-11-15 20:04:51.123 [F7C3A740] kemd          text
+//   2026-11-15 20:04:51.123 [F7C3A740]     3412 KB !kemd          text
+#pragma once
+
+#include <sys/time.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <string_view>
+
+struct Stamp {
+    timeval time;
+    uint32_t thread;  // low 32 bits of pthread_self()
+    bool withMemory;
+    uint64_t residentKb;
+};
+
+// The shortest one: time, thread, a tag of up to 13 characters, and the blanks between.
+inline constexpr size_t kShortestPrefix = 49;
+
+// The caller holds the trace object's lock: the formatted second is kept between calls, because it
+// changes only once a second and formatting it costs more than the rest of a record.
+class LinePrefix {
+  public:
+    // Writes at most size - 1 characters and a terminator. Returns the length that the whole prefix
+    // needs, like snprintf.
+    int Build(char* buffer, size_t size, const Stamp& stamp, std::string_view tag);
+
+  private:
+    void FormatSecond(time_t second);
+
+    time_t m_second = 0;
+    size_t m_length = 0;  // 0: nothing formatted yet, or this second cannot be formatted
+    std::array<char, 22> m_text{};
+};

@@ -1,0 +1,52 @@
+#include "trace/log_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+bool LogFile::Open(const char* path) {
+    Close();
+    m_fd.Reset(open(path, O_RDWR | O_CREAT | O_TRUNC, 0666));
+    SetCloseOnExec(m_fd.Get());
+    return IsOpen();
+}
+
+void LogFile::Close() {
+    m_fd.Reset();
+    m_startupOffset = 0;
+    m_startupCount = 0;
+    m_count = 0;
+    m_cycle = 0;
+}
+
+bool LogFile::Append(std::string_view record) {
+    while (!record.empty()) {
+        const ssize_t written = write(m_fd.Get(), record.data(), record.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) break;
+        m_count += static_cast<uint64_t>(written);
+        record.remove_prefix(static_cast<size_t>(written));
+    }
+    return m_count > m_limit;
+}
+
+void LogFile::MarkStartupEnd() {
+    if (!IsOpen()) return;
+    m_startupOffset = lseek(m_fd.Get(), 0, SEEK_CUR);
+    m_startupCount = m_count;
+}
+
+bool LogFile::BeginCycle() {
+    errno = 0;
+    const bool moved = lseek(m_fd.Get(), m_startupOffset, SEEK_SET) >= 0;
+    if (!moved) {
+        const int saved = errno;
+        (void)lseek(m_fd.Get(), 0, SEEK_SET);
+        errno = saved;
+    }
+    m_count = m_startupCount;
+    ++m_cycle;
+    return moved;
+}

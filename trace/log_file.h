@@ -1,0 +1,43 @@
+// The small persistent log: records are appended until the size limit is passed, then writing goes
+// on behind the start-up part. The file is never truncated after it was opened. See
+// docs/trace-files.md. The caller holds the trace object's lock.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string_view>
+
+#include "services/base/unique_fd.h"
+
+class LogFile {
+  public:
+    // Truncates the file. Closes what was open before and starts counting anew.
+    [[nodiscard]] bool Open(const char* path);
+    void Close();
+    [[nodiscard]] bool IsOpen() const { return m_fd.IsOpen(); }
+
+    void SetLimit(uint32_t bytes) { m_limit = bytes; }
+    [[nodiscard]] uint32_t Limit() const { return m_limit; }
+
+    // Writes one record. A failure drops the rest of it. True when the file is now above its limit
+    // and BeginCycle is due.
+    bool Append(std::string_view record);
+
+    // What was written so far stays; later cycles start behind it.
+    void MarkStartupEnd();
+
+    // Moves back behind the start-up part. False with errno when the file cannot seek; writing then
+    // goes on from the start.
+    [[nodiscard]] bool BeginCycle();
+    [[nodiscard]] int32_t Cycle() const { return m_cycle; }
+    [[nodiscard]] uint32_t StartupCount() const { return static_cast<uint32_t>(m_startupCount); }
+
+  private:
+    UniqueFd m_fd;
+    uint32_t m_limit = 51200;
+    off_t m_startupOffset = 0;
+    uint64_t m_startupCount = 0;
+    uint64_t m_count = 0;
+    int32_t m_cycle = 0;
+};

@@ -1,0 +1,20 @@
+#include "trace/names.h"
+
+#include <cctype>
+#include <cstring>
+
+void AppendUpperCase(char* buffer, size_t size, const char* text) {
+    size_t length = strnlen(buffer, size);
+    if (length + 1 >= size) return;
+    buffer[length++] = '_';
+    for (; *text != '\0' && length + 1 < size; ++text) {
+        buffer[length++] = static_cast<char>(std::toupper(static_cast<unsigned char>(*text)));
+    }
+    buffer[length] = '\0';
+}
+
+void ToLowerCase(char* text) {
+    for (; *text != '\0'; ++text) {
+        *text = static_cast<char>(std::tolower(static_cast<unsigned char>(*text)));
+    }
+}

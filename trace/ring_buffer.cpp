@@ -1,0 +1,67 @@
+#include "trace/ring_buffer.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+bool RingBuffer::Create(const char* path) {
+    Close();
+    errno = 0;
+    m_fd.Reset(open(path, O_RDWR | O_CREAT | O_TRUNC, 0700));
+    SetCloseOnExec(m_fd.Get());
+    return m_fd.IsOpen();
+}
+
+bool RingBuffer::Fill(std::string_view lines) {
+    const ssize_t written = write(m_fd.Get(), lines.data(), lines.size());
+    return written >= 0 && static_cast<size_t>(written) == lines.size();
+}
+
+bool RingBuffer::Map(size_t size) {
+    errno = 0;
+    return m_map.MapShared(m_fd.Get(), size);
+}
+
+void RingBuffer::Close() {
+    m_map.Unmap();
+    m_fd.Reset();
+    m_writeOffset = 0;
+    m_restartOffset = 0;
+    m_wrapCount = 0;
+}
+
+bool RingBuffer::Append(std::string_view record) {
+    if (!HasRoom(record.size())) return false;
+    char* to = m_map.Data() + m_writeOffset;
+    std::memcpy(to, record.data(), record.size());
+    std::memcpy(to + record.size(), kTrailer.data(), kTrailer.size());
+    m_writeOffset += record.size();
+    return true;
+}
+
+void RingBuffer::EndHeader() {
+    // A header that fills the file (a command line of megabytes) still leaves room for a record.
+    const size_t last = m_map.Size() - std::min(m_map.Size(), 2 * kAlignment);
+    m_writeOffset = std::min(m_writeOffset + 2 * kAlignment, last);
+    m_writeOffset -= m_writeOffset % kAlignment;
+}
+
+void RingBuffer::BeginCycle() {
+    std::memset(m_map.Data() + m_writeOffset, '.', m_map.Size() - m_writeOffset);
+    ++m_wrapCount;
+    m_writeOffset = 0;
+}
+
+void RingBuffer::Resume(std::string_view record) {
+    m_writeOffset = m_restartOffset;
+    if (Append(record)) return;
+    const size_t room = m_map.Size() - m_writeOffset;
+    if (room <= kTrailer.size()) return;
+    const std::string_view head = record.substr(0, room - kTrailer.size() - 1);
+    std::memcpy(m_map.Data() + m_writeOffset, head.data(), head.size());
+    m_writeOffset += head.size();
+    (void)Append("\n");
+}

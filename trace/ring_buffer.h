@@ -1,0 +1,54 @@
+// A file of fixed size, mapped into memory and written as a ring. It knows bytes and offsets only:
+// what the header is and when a cycle begins is decided by the trace object, whose lock the caller
+// holds. See docs/trace-files.md for the layout.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "services/base/mapped_region.h"
+#include "services/base/unique_fd.h"
+
+class RingBuffer {
+  public:
+    static constexpr std::string_view kTrailer = "## TRACE-END ##\n";
+    static constexpr size_t kLineLength = 1024;  // of the pre-fill
+    static constexpr size_t kAlignment = 1024;   // of the first record behind the header
+
+    // Opening takes three steps, each false with errno: create the file, fill it line by line up to
+    // its size (this reserves the disk blocks: a store into a hole of a full disk would kill the
+    // process), map it.
+    [[nodiscard]] bool Create(const char* path);
+    [[nodiscard]] bool Fill(std::string_view lines);
+    [[nodiscard]] bool Map(size_t size);
+    // Unmaps, closes and forgets all offsets.
+    void Close();
+
+    [[nodiscard]] bool IsMapped() const { return m_map.Data() != nullptr; }
+    [[nodiscard]] int Descriptor() const { return m_fd.Get(); }
+    [[nodiscard]] size_t Size() const { return m_map.Size(); }
+
+    [[nodiscard]] bool HasRoom(size_t length) const {
+        return m_writeOffset + kTrailer.size() + length <= m_map.Size();
+    }
+    // Copies one record and the trailer behind it. False, with nothing written, when both do not
+    // fit any more.
+    [[nodiscard]] bool Append(std::string_view record);
+
+    // Ends the header: leaves 1 to 2 KiB of slack and moves to an aligned offset.
+    void EndHeader();
+    // Later cycles start at this position.
+    void SetRestart() { m_restartOffset = m_writeOffset; }
+    // Fills the rest of the file with dots and moves to its start, where the header goes again.
+    void BeginCycle();
+    // Moves behind the start record and appends, cutting the record where the file ends.
+    void Resume(std::string_view record);
+
+  private:
+    UniqueFd m_fd;
+    MappedRegion m_map;
+    size_t m_writeOffset = 0;
+    size_t m_restartOffset = 0;
+    uint32_t m_wrapCount = 0;
+};

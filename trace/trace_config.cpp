@@ -1,0 +1,171 @@
+#include "trace/trace_config.h"
+
+#include <array>
+#include <cstdlib>
+#include <optional>
+#include <string>
+
+#include "trace/config_file.h"
+#include "trace/config_text.h"
+#include "trace/names.h"
+
+namespace {
+
+constexpr const char* kGlobalFile = "global_trace.ini";
+constexpr std::string_view kGlobalSection = "GlobalDebugSettings";
+constexpr const char* kDefaultDirectory = "/var/log/orvmon";
+
+// A variable that is set counts, whatever it holds: an empty one is the number 0.
+std::optional<int32_t> EnvironmentNumber(const char* name) {
+    const char* value = std::getenv(name);
+    if (value == nullptr) return std::nullopt;
+    return static_cast<int32_t>(std::strtol(value, nullptr, 10));
+}
+
+int32_t FirstOf(std::optional<int32_t> environment, int32_t asRead, int32_t fallback) {
+    return environment.value_or(asRead != -1 ? asRead : fallback);
+}
+
+}  // namespace
+
+CDebugTraceConfig::VariableName CDebugTraceConfig::RingWeightVariable() const {
+    std::array<char, 48> name = {"OV_LOG_RINGBUF_WEIGHT"};
+    if (m_moduleName) AppendUpperCase(name.data(), name.size(), m_moduleName.get());
+    VariableName result;
+    result.Assign(name.data());
+    return result;
+}
+
+bool CDebugTraceConfig::ReadTraceConfig(const char* moduleName) {
+    const auto files = ListConfigFiles();
+    if (files && files->empty()) return true;  // Required: not even the environment is consulted.
+
+    m_asRead.ringDirectory.Clear();
+    m_asRead.ringFactor = -1;
+    m_asRead.ringWeight = -1;
+    m_asRead.noHeader = -1;
+    m_asRead.memoryTraces = -1;
+    m_configuredLevel = 0;
+    m_traceFlags = 0;
+
+    ReadGlobalFile();
+    SetUpdateInterval();
+    m_moduleFile.Forget();
+    if (files) {
+        for (const std::string& name : *files) {
+            if (ReadModuleFile(name.c_str(), moduleName)) break;
+        }
+    }
+    SetValuesInForce();
+    return true;
+}
+
+void CDebugTraceConfig::ReadGlobalFile() {
+    m_globalFile.path.Format("%s/%s", kTraceConfigDirectory, kGlobalFile);
+    const auto modified = ModificationTime(m_globalFile.path.Get());
+    const auto text = modified ? ReadConfigFile(m_globalFile.path.Get()) : std::nullopt;
+    if (!text) {
+        m_globalFile.Forget();
+        return;
+    }
+    m_globalFile.modified = *modified;
+    if (const auto section = FindConfigSection(*text, kGlobalSection)) {
+        m_asRead.dynamicUpdate = FindConfigNumber(*section, "DynamicUpdate", 0);
+    }
+}
+
+void CDebugTraceConfig::SetUpdateInterval() {
+    m_updateInterval = static_cast<uint32_t>(
+        FirstOf(EnvironmentNumber("OV_LOG_DYNAMIC_UPDATE"), m_asRead.dynamicUpdate, 0));
+}
+
+bool CDebugTraceConfig::ReadModuleFile(const char* name, const char* moduleName) {
+    WatchedFile candidate;
+    candidate.path.Format("%s/%s", kTraceConfigDirectory, name);
+    const auto modified = ModificationTime(candidate.path.Get());
+    const auto text = modified ? ReadConfigFile(candidate.path.Get()) : std::nullopt;
+    const auto section = text ? FindConfigSection(*text, moduleName) : std::nullopt;
+    if (!section) return false;
+    candidate.modified = *modified;
+    m_moduleFile = candidate;
+    ReadModuleSection(*section);
+    return true;
+}
+
+void CDebugTraceConfig::ReadModuleSection(std::string_view section) {
+    m_configuredLevel = FindConfigNumber(section, "FileDebugLevel", 0);
+    m_traceFlags = FindConfigNumber(section, "TraceFlags", 0);
+    m_asRead.ringFactor = FindConfigNumber(section, "RingBufferSizeFactor", -1);
+    m_asRead.ringWeight = FindConfigNumber(section, "RingBufferSizeWeight", -1);
+    m_asRead.ringDirectory.Assign(
+        FindConfigValue(section, "RingBufferDirectory", kPathSize).value_or(std::string_view()));
+    m_asRead.noHeader = FindConfigNumber(section, "NoHeaderToStderr", -1);
+    m_asRead.memoryTraces = FindConfigNumber(section, "MemoryTracesFlag", -1);
+}
+
+void CDebugTraceConfig::SetValuesInForce() {
+    // Required: OV_LOG_FILE_DIR has no effect. The log file and the ring buffers share one
+    // directory, and OV_LOG_RINGBUF_DIR names it.
+    const char* directory = std::getenv("OV_LOG_RINGBUF_DIR");
+    if (directory == nullptr) {
+        directory =
+            m_asRead.ringDirectory.IsEmpty() ? kDefaultDirectory : m_asRead.ringDirectory.Get();
+    }
+    m_inForce.logDirectory.Assign(directory);
+    m_inForce.logLimit =
+        static_cast<uint32_t>(EnvironmentNumber("OV_LOG_FILE_MAX_SIZE").value_or(51200));
+    m_level =
+        static_cast<uint32_t>(EnvironmentNumber("OV_LOG_DEBUG_LEVEL").value_or(m_configuredLevel));
+    // Required: this variable carries no prefix; it is the agents' configuration key of that name.
+    m_inForce.ringFactor = FirstOf(EnvironmentNumber("TraceFileLimit"), m_asRead.ringFactor, 0);
+    m_inForce.ringWeight =
+        FirstOf(EnvironmentNumber("OV_LOG_RINGBUF_WEIGHT"), m_asRead.ringWeight, 0);
+    m_inForce.noHeader = FirstOf(EnvironmentNumber("OV_LOG_NOHDR_TOSDTERR"), m_asRead.noHeader, 1);
+    m_savedLevel = TraceLevel();
+}
+
+void CDebugTraceConfig::UpdateTraceConfig(int64_t now) {
+    const int64_t interval = m_updateInterval.load(std::memory_order_relaxed);
+    if (now < m_lastCheck + interval && now >= m_lastCheck) return;
+    m_lastCheck = now;
+    UpdateGlobalFile();
+    UpdateModuleFile();
+}
+
+void CDebugTraceConfig::UpdateGlobalFile() {
+    if (m_globalFile.path.IsEmpty()) {
+        m_globalFile.path.Format("%s/%s", kTraceConfigDirectory, kGlobalFile);
+    }
+    const auto modified = ModificationTime(m_globalFile.path.Get());
+    if (!modified) {
+        m_globalFile.Forget();
+        return;
+    }
+    if (*modified <= m_globalFile.modified) return;
+    ReadGlobalFile();
+    // The environment is not consulted again.
+    if (!m_globalFile.path.IsEmpty() && m_asRead.dynamicUpdate != -1) {
+        m_updateInterval = static_cast<uint32_t>(m_asRead.dynamicUpdate);
+    }
+}
+
+void CDebugTraceConfig::UpdateModuleFile() {
+    if (m_moduleFile.path.IsEmpty()) return;
+    const auto modified = ModificationTime(m_moduleFile.path.Get());
+    if (!modified || *modified <= m_moduleFile.modified) return;
+    const auto text = ReadConfigFile(m_moduleFile.path.Get());
+    if (!text) {
+        m_moduleFile.Forget();
+        return;
+    }
+    m_moduleFile.modified = *modified;
+    if (const auto section = FindConfigSection(*text, ModuleName())) SetConfiguredLevel(*section);
+}
+
+void CDebugTraceConfig::SetConfiguredLevel(std::string_view section) {
+    m_configuredLevel = FindConfigNumber(section, "FileDebugLevel", 0);
+    m_level = static_cast<uint32_t>(m_configuredLevel);
+    m_savedLevel = static_cast<uint32_t>(m_configuredLevel);
+    m_traceFlags = FindConfigNumber(section, "TraceFlags", 0);
+    m_asRead.memoryTraces = FindConfigNumber(section, "MemoryTracesFlag", -1);
+}

@@ -1,0 +1,95 @@
+// The trace settings of one module: what its configuration files say, what the environment
+// overrides, and the values in force. See docs/trace-files.md for every key and variable.
+//
+// The base class of the trace object, which holds its lock around every call that changes
+// something here. The level, the saved level and the trace-on flag are read without the lock.
+// Nothing fails: a file that is missing, unreadable or unfinished counts as absent.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+#include "services/base/fixed_string.h"
+
+class CDebugTraceConfig {
+  public:
+    static constexpr size_t kPathSize = 256;
+    using Path = FixedString<kPathSize>;
+
+    // As the files give them; -1 is absent.
+    struct ValuesAsRead {
+        int32_t dynamicUpdate = -1;  // seconds
+        int32_t ringFactor = -1;
+        int32_t ringWeight = -1;
+        Path ringDirectory;
+        int32_t noHeader = -1;
+        int32_t memoryTraces = -1;  // has no default: absent means on
+    };
+    struct ValuesInForce {
+        Path logDirectory;
+        uint32_t logLimit = 51200;  // bytes
+        int32_t ringFactor = 0;
+        int32_t ringWeight = 0;
+        int32_t noHeader = 1;
+    };
+
+    [[nodiscard]] uint32_t TraceLevel() const { return m_level.load(std::memory_order_relaxed); }
+    [[nodiscard]] uint32_t SavedTraceLevel() const {
+        return m_savedLevel.load(std::memory_order_relaxed);
+    }
+    // True while a ring buffer is active and tracing is wanted. Callers test it before they trace:
+    // see TRACE in trace/debug.h.
+    [[nodiscard]] bool IsTraceOn() const { return m_traceOn.load(std::memory_order_relaxed); }
+    [[nodiscard]] int32_t ConfiguredLevel() const { return m_configuredLevel; }
+    [[nodiscard]] const char* ModuleName() const { return m_moduleName ? m_moduleName.get() : ""; }
+    [[nodiscard]] const ValuesAsRead& AsRead() const { return m_asRead; }
+    [[nodiscard]] const ValuesInForce& InForce() const { return m_inForce; }
+
+    // The module's own variable for the ring-buffer weight.
+    using VariableName = FixedString<48>;
+    [[nodiscard]] VariableName RingWeightVariable() const;
+
+  protected:
+    constexpr CDebugTraceConfig() = default;
+    ~CDebugTraceConfig() = default;
+
+    // Reads files and environment and sets the values in force. Always true.
+    bool ReadTraceConfig(const char* moduleName);
+    // Reads files that changed since they were last read, at most once per interval.
+    void UpdateTraceConfig(int64_t now);
+
+    std::atomic<uint32_t> m_level{0};
+    std::atomic<uint32_t> m_savedLevel{0};  // the configured level, which SIGHUP restores
+    int32_t m_configuredLevel = 0;
+    int32_t m_traceFlags = 0;  // stored only
+    std::atomic<bool> m_traceOn{false};
+    std::unique_ptr<char[]> m_moduleName;       // null until Init
+    std::atomic<uint32_t> m_updateInterval{0};  // seconds; 0: files are read once
+    ValuesAsRead m_asRead;
+    ValuesInForce m_inForce;
+
+  private:
+    // A file whose changes are watched. Forgotten (path empty) when it could not be read.
+    struct WatchedFile {
+        FixedString<512> path;
+        int64_t modified = 0;  // nanoseconds since the epoch
+
+        void Forget() { *this = WatchedFile(); }
+    };
+
+    void ReadGlobalFile();
+    bool ReadModuleFile(const char* name, const char* moduleName);
+    void ReadModuleSection(std::string_view section);
+    void SetValuesInForce();
+    void SetUpdateInterval();
+    void UpdateGlobalFile();
+    void UpdateModuleFile();
+    void SetConfiguredLevel(std::string_view section);
+
+    WatchedFile m_globalFile;
+    WatchedFile m_moduleFile;
+    int64_t m_lastCheck = 0;  // seconds since the epoch
+};
