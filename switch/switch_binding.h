@@ -1,0 +1,28 @@
+// The daemon's handle on the switch library `libswitch.so`: opens it, resolves its entry points and
+// guards the two calls that may fail inside it. See docs/switch-interface.md.
+//
+// A plain record that starts all zero and lives in `main`; only the initial thread uses it. It does
+// not own the interface object. Nothing throws.
+#pragma once
+
+#include <cstdint>
+
+#include "kemd/module_switch.h"
+
+struct SwitchBinding {
+    void (*pfnAddRef)();   // resolved, never called
+    void (*pfnRelease)();  // null when the library has none
+    bool (*pfnQueryInterface)(int32_t identifier, IModuleSwitch** interface);
+    void* hLibrary;             // from dlopen; null while closed
+    IModuleSwitch* pInterface;  // belongs to the library; null while not obtained
+    int32_t lastError;          // errno right after a failed dlopen
+
+    // Opens the library unless it is open and asks for the interface. True when there is one.
+    [[nodiscard]] bool Load();
+    [[nodiscard]] bool LoadModules(ModuleLoadParams* params);
+    bool UnloadModules(uint32_t options);
+    // Drops the library's reference and closes it, at an orderly end.
+    void Unload();
+    // Closes the library without a further call into it, for every other way out.
+    void CloseLibrary();
+};
