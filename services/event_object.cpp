@@ -1,0 +1,170 @@
+// The life of event objects: creation, sharing by name, reference counting, release.
+#include "services/event_object.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include "kemd/event.h"
+#include "services/base/cancel_guard.h"
+#include "services/base/never_destroyed.h"
+#include "services/base/recursive_mutex.h"
+#include "services/event_registry.h"
+#include "trace/debug.h"
+
+namespace {
+
+// The reference lock is taken before the table's own lock.
+constinit NeverDestroyed<RecursiveMutex> g_referenceLock;
+constinit NeverDestroyed<EventRegistry> g_registry;
+
+bool JoinNamed(EventHandle& handle, bool manualReset, const char* name) {
+    auto* event = static_cast<EventObject*>(g_registry.object.Find(name));
+    if (event == nullptr) return false;
+    handle.event = event;
+    ++event->refCount;
+    TRACE(3, "refCount for event %p <%s> incremented (IsSignaled=%d)\n", static_cast<void*>(event),
+          NameOf(*event), StateOf(*event));
+    if (event->IsManual != manualReset) {
+        TRACE(1, "WARNING: manual setting mismatch for event %p <%s>\n", static_cast<void*>(event),
+              NameOf(*event));
+    }
+    return true;
+}
+
+// Initialises the condition variable and the mutex, or nothing. A failure is traced with `name`,
+// which the event itself does not carry yet.
+bool InitSynchronisation(EventObject& event, const char* name) {
+    pthread_condattr_init(&event.condAttr);
+    const char* text =
+        "pthread_condattr_setclock(): ## ERROR ##: Set CLOCK_MONOTONIC failed (ret=%d) for event "
+        "%p <%s> (IsSignaled=%d)\n";
+    int ret = pthread_condattr_setclock(&event.condAttr, CLOCK_MONOTONIC);
+    if (ret == 0) {
+        text =
+            "pthread_cond_init(), CLOCK_MONOTONIC: ## ERROR ##: failed (ret=%d) on event %p <%s> "
+            "(IsSignaled=%d)\n";
+        ret = pthread_cond_init(&event.cond, &event.condAttr);
+        if (ret == 0) {
+            // Required: the text names the clock although this step is the mutex.
+            text =
+                "pthread_mutex_init(), CLOCK_MONOTONIC: ## ERROR ##: failed (ret=%d) on event %p "
+                "<%s> (IsSignaled=%d)\n";
+            ret = pthread_mutex_init(&event.mutex, nullptr);
+            if (ret == 0) return true;
+            pthread_cond_destroy(&event.cond);
+        }
+    }
+    pthread_condattr_destroy(&event.condAttr);
+    TRACE(3, text, ret, static_cast<void*>(&event), NameOf(name), StateOf(event));
+    return false;
+}
+
+void Destroy(EventObject* event) {
+    pthread_cond_destroy(&event->cond);
+    pthread_condattr_destroy(&event->condAttr);
+    pthread_mutex_destroy(&event->mutex);
+    std::free(event->name);
+    delete event;
+}
+
+EventObject* NewEvent(bool initialState, bool manualReset, const char* name) {
+    auto* event = new (std::nothrow) EventObject{};
+    if (event == nullptr) return nullptr;
+    event->IsManual = manualReset;
+    event->refCount = 1;
+    event->IsSignaled = initialState;
+    if (!InitSynchronisation(*event, name)) {
+        delete event;
+        return nullptr;
+    }
+    if (name == nullptr) return event;
+    event->name = strdup(name);
+    if (event->name == nullptr || !g_registry.object.Put(name, event)) {
+        Destroy(event);
+        return nullptr;
+    }
+    return event;
+}
+
+void WaitUntilUnused(EventObject& event) {
+    for (;;) {
+        {
+            const EventLock lock(event);
+            if (event.waiters == 0) return;
+        }
+        sleep(1);
+    }
+}
+
+// Drops the handle's reference; the handle keeps its pointer.
+void Release(EventObject* event) {
+    if (event == nullptr) return;
+    const CancelGuard guard;
+    {
+        const RecursiveLock lock(g_referenceLock.object);
+        if (event->refCount != 1) {
+            --event->refCount;
+            // Still under the lock: behind it another thread may free the event at any time.
+            TRACE(5, "decr refcount on event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(event),
+                  NameOf(*event), StateOf(*event));
+            return;
+        }
+        event->refCount = 0;
+        if (event->name != nullptr) g_registry.object.Remove(event->name);
+    }
+    WaitUntilUnused(*event);
+    TRACE(5, "deleting event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(event), NameOf(*event),
+          StateOf(*event));
+    Destroy(event);
+}
+
+void CopyHandle(EventHandle& target, const EventHandle& source) {
+    const CancelGuard guard;
+    const RecursiveLock lock(g_referenceLock.object);
+    target.closed = false;
+    target.event = source.event;
+    if (source.event == nullptr) return;
+    ++source.event->refCount;
+    TRACE(5, "incr refcount on event %p <%s> (IsSignaled=%d,IsManual=%d)\n",
+          static_cast<void*>(source.event), NameOf(*source.event), StateOf(*source.event),
+          source.event->IsManual ? 1 : 0);
+}
+
+}  // namespace
+
+EventHandle::~EventHandle() {
+    Release(event);
+}
+
+EventHandle::EventHandle(const EventHandle& source) {
+    CopyHandle(*this, source);
+}
+
+EventHandle& EventHandle::operator=(const EventHandle& source) {
+    if (this == &source) return *this;
+    EventObject* const previous = event;
+    CopyHandle(*this, source);
+    Release(previous);
+    return *this;
+}
+
+void CreateEvent(EventHandle& handle, bool initialState, bool manualReset, const char* name) {
+    const CancelGuard guard;
+    Release(handle.event);
+    handle.event = nullptr;
+    handle.closed = false;
+    if (name == nullptr) {
+        handle.event = NewEvent(initialState, manualReset, name);
+    } else {
+        const RecursiveLock lock(g_referenceLock.object);
+        if (JoinNamed(handle, manualReset, name)) return;
+        handle.event = NewEvent(initialState, manualReset, name);
+    }
+    if (handle.event == nullptr) return;
+    TRACE(5, "creating event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(handle.event),
+          NameOf(name), initialState ? 1 : 0);
+}

@@ -1,0 +1,33 @@
+// The table of named objects that creators share within the process. It owns the names only.
+//
+// Any thread may call; constant-initialised. A caller that looks up and then creates holds a lock
+// of its own around both, and takes it first.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "services/base/recursive_mutex.h"
+
+class EventRegistry {
+  public:
+    constexpr EventRegistry() = default;
+
+    // Null when there is none of that name.
+    [[nodiscard]] void* Find(const char* name);
+    // Replaces the object of that name. False when memory does not suffice.
+    [[nodiscard]] bool Put(const char* name, void* object);
+    void Remove(const char* name);
+
+  private:
+    struct Entry {
+        std::unique_ptr<char[]> name;
+        void* object;
+    };
+    // The first entry that does not sort before `name`.
+    std::vector<Entry>::iterator Seek(const char* name);
+    bool Matches(std::vector<Entry>::iterator position, const char* name) const;
+
+    RecursiveMutex m_lock;
+    std::vector<Entry> m_entries;  // sorted by name
+};
