@@ -1,0 +1,43 @@
+// kemd: brings the extension modules of the agent suite up and down and keeps a trace of it.
+#include <unistd.h>
+
+#include "daemon/service.h"
+#include "daemon/smbus_probe.h"
+#include "daemon/startup.h"
+#include "daemon/version.h"
+#include "lock/file_lock.h"
+#include "trace/debug.h"
+
+int main(int argc, char** argv) {
+    if (getuid() != 0) {
+        Complain(argv, "Error! Permission denied\n");
+        return 1;
+    }
+    OpenStandardDescriptors();
+
+    // Taken before the fork, so that a second start fails in sight of whoever started it. Every
+    // return gives it up.
+    CFileLock lock;
+    if (!lock.Lock("/var/lock/kemd", "kemd", 0)) {
+        Complain(argv, "Error! Another process instance is already running!\n");
+        return 1;
+    }
+    if (!Detach(argc, argv)) return 1;
+
+    (void)Debug.Init("kemd");  // without its files the daemon runs all the same
+    Debug.SetCommandLine(argc, argv);
+    ModuleLoadParams params = ParseCommandLine(argc, argv);
+    PrepareProcess();
+    WriteBanner();
+    OpenSystemLog();
+    if (params.runMode == kRunModeNormal) DiscoverSmbusDriverInfo();
+
+    // In this frame for the whole run; closed on every way out of it.
+    SwitchBinding binding{};
+    if (!binding.Load()) {
+        Debug.Message(0U, "%s-MAIN: FATAL ERROR! Server Control SWITCH could not be loaded!", kTag);
+        binding.CloseLibrary();
+        return 1;
+    }
+    return RunService(binding, params) ? 0 : 1;
+}

@@ -1,0 +1,75 @@
+#include "daemon/service.h"
+
+#include <cxxabi.h>
+#include <unistd.h>
+
+#include <exception>
+
+#include "daemon/signal_loop.h"
+#include "daemon/startup.h"
+#include "daemon/version.h"
+#include "trace/debug.h"
+
+namespace {
+
+void StartModules(SwitchBinding& binding, ModuleLoadParams& params) {
+    TRACE(2, "%s-MAIN: Load extension modules ...", kTag);
+    if (!binding.LoadModules(&params)) {
+        TRACE(1, "%s-MAIN: ERROR! Load extension modules FAILED!", kTag);
+        return;
+    }
+    TRACE(2, "%s-MAIN: ... extension modules loaded", kTag);
+    TRACE(2, "%s-MAIN: Start all modules  ...", kTag);
+    if (binding.pInterface != nullptr) binding.pInterface->StartAllModules();
+    TRACE(2, "%s-MAIN: ... all modules started", kTag);
+}
+
+void FinishStartup() {
+    sleep(1);
+    Debug.Message("%s-MAIN: ## Done initializing ##\n", kTag);
+    Debug.InitDone();
+}
+
+void StopModules(SwitchBinding& binding) {
+    TRACE(2, "%s-MAIN::OnExitService      : Stopping all modules...\n", kTag);
+    if (binding.pInterface != nullptr) binding.pInterface->StopAllModules();
+    TRACE(2, "%s-MAIN::OnExitService      : ... all modules stopped\n", kTag);
+    TRACE(2, "%s-MAIN::OnExitService      : Start unload of all registered extension modules ...\n",
+          kTag);
+    binding.UnloadModules(0);
+    TRACE(2,
+          "%s-MAIN::OnExitService      : ... unload of all registered extension modules "
+          "completed!\n",
+          kTag);
+    binding.Unload();
+    Debug.Message("%s-MAIN: ## EXIT PROCESS %s ##\n", kTag, kTag);
+}
+
+bool RunGuarded(SwitchBinding& binding, ModuleLoadParams& params) {
+    try {
+        StartModules(binding, params);
+        FinishStartup();
+        WaitForStop(binding.pInterface);
+        StopModules(binding);
+        return true;
+    } catch (const abi::__forced_unwind&) {
+        throw;  // a cancelled thread, not a failure
+    } catch (const std::exception& error) {
+        Debug.Message("%s-MAIN: FATAL ERROR! Exception from Server Control SWITCH: %s\n", kTag,
+                      error.what());
+    } catch (...) {
+        Debug.Message("%s-MAIN: FATAL ERROR! Unknown exception from Server Control SWITCH\n", kTag);
+    }
+    return false;
+}
+
+}  // namespace
+
+bool RunService(SwitchBinding& binding, ModuleLoadParams& params) {
+    CreatePidFile();
+    const bool stopped = RunGuarded(binding, params);
+    // Only here, with every handler left: the exception may have lived in the library.
+    binding.CloseLibrary();
+    RemovePidFile();
+    return stopped;
+}

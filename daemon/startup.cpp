@@ -1,0 +1,151 @@
+#include "daemon/startup.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string_view>
+
+#include "daemon/version.h"
+#include "daemon/wait_signals.h"
+#include "services/base/unique_fd.h"
+#include "trace/debug.h"
+
+namespace {
+
+constexpr const char* kPidFile = "/var/run/kemd.pid";
+
+void SetRunMode(ModuleLoadParams& params, RunMode mode, const char* text) {
+    params.runMode = mode;
+    TRACE(2, "\n%s-MAIN::ParseCommandLine   : %s", kTag, text);
+}
+
+void ParseSwitch(ModuleLoadParams& params, std::string_view argument) {
+    if (argument == "-rescan") {
+        params.flags |= kForceRescan;
+        TRACE(2, "\n%s-MAIN::ParseCommandLine   : RESCAN due to -rescan", kTag);
+    } else if (argument == "-agentless") {
+        SetRunMode(params, kRunModeAgentless, "Agentsless mode due to -agentless");
+    } else if (argument == "-ovins") {
+        SetRunMode(params, kRunModeInstall, "OVINS mode due to -ovins");
+    } else if (argument == "-ovupd") {
+        SetRunMode(params, kRunModeUpdate, "OVUPD mode due to -ovupd");
+    }
+}
+
+// "Nov 15 20:00:05": the time without weekday and year.
+std::array<char, 27> StartTime() {
+    std::array<char, 27> text{};
+    const time_t now = time(nullptr);
+    tm local{};
+    if (localtime_r(&now, &local) == nullptr || asctime_r(&local, text.data()) == nullptr) {
+        // Required: the same four characters are skipped, so this one is shown skewed.
+        std::snprintf(text.data(), text.size(), "mmm dd hh:mm:ss yyyy\n");
+    }
+    return text;
+}
+
+// 0 or the errno of what failed; nothing is left behind then.
+int WritePid(const char* path) {
+    UniqueFd file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (!file.IsOpen()) return errno;
+    if (dprintf(file.Get(), "%d\n", getpid()) > 0) return 0;
+    const int error = errno;
+    unlink(path);
+    return error;
+}
+
+}  // namespace
+
+void OpenStandardDescriptors() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        // open takes the lowest free number, which is this one.
+        if (fcntl(fd, F_GETFD) < 0) (void)!open("/dev/null", O_RDWR);
+    }
+}
+
+void Complain(char** argv, const char* format, ...) {
+    std::fprintf(stderr, "%s: %s-MAIN: ", argv[0] != nullptr ? argv[0] : "", kTag);
+    va_list args;
+    va_start(args, format);
+    std::vfprintf(stderr, format, args);
+    va_end(args);
+}
+
+bool Detach(int argc, char** argv) {
+    const bool foreground = std::any_of(argv + std::min(argc, 1), argv + argc, [](const char* arg) {
+        return std::string_view(arg) == "-n" || std::string_view(arg) == "-nodemon";
+    });
+    if (foreground) {
+        Complain(argv, "started in \"No Demon\" Mode\n");
+        return true;
+    }
+    const pid_t child = fork();
+    if (child < 0) {
+        Complain(argv, "Error! Cannot fork --> no demon !!!: %s\n", std::strerror(errno));
+        return false;
+    }
+    if (child > 0) exit(0);  // not by return: the lock is the child's now
+    return true;
+}
+
+ModuleLoadParams ParseCommandLine(int argc, char** argv) {
+    ModuleLoadParams params{};
+    for (int i = 1; i < argc; ++i) ParseSwitch(params, argv[i]);
+    TRACE(2, "%s-MAIN: RUN MODE: %d", kTag, params.runMode);
+    return params;
+}
+
+void PrepareProcess() {
+    (void)setsid();  // fails harmlessly in the foreground
+    (void)!chdir("/");
+    umask(026);  // Required: 026, not 022. Nothing of ours is for others to read.
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ignore, nullptr);
+    sigaction(SIGIO, &ignore, nullptr);
+    const sigset_t signals = WaitSignals();
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+}
+
+void WriteBanner() {
+    const VersionNumbers version = ParseVersion(kVersion.version);
+    Debug.Message("%s Version=\"%d.%02d-%02d\" Milestone=\"%s\" Built=\"%s\" Start=\"%.15s\"",
+                  kVersion.programName, static_cast<int>(version.major),
+                  static_cast<int>(version.minor), static_cast<int>(version.build),
+                  kVersion.milestone, kVersion.buildDate, StartTime().data() + 4);
+    Debug.Message("%s-MAIN: running as x86_64 (64-Bit) process; Build on SLES11 GA x86_64 (64-Bit)",
+                  kTag);
+}
+
+void OpenSystemLog() {
+    tzset();
+    openlog(kVersion.programName, LOG_PID | LOG_NOWAIT, LOG_DAEMON);
+    TRACE(3, "%s-MAIN: Syslog %s openend,", kTag, kVersion.programName);
+}
+
+void CreatePidFile() {
+    const int error = WritePid(kPidFile);
+    if (error == 0) {
+        TRACE(2, "%s-MAIN: kemd PID file %s created; kemd PID = %d", kTag, kPidFile, getpid());
+        return;
+    }
+    TRACE(1, "%s-MAIN: ERROR! Cannot create kemd PID file %s for kemd PID %d (errno=%d)!", kTag,
+          kPidFile, getpid(), error);
+    syslog(LOG_ERR, "Cannot create kemd PID file %s for kemd PID %d (errno = %d)!", kPidFile,
+           getpid(), error);
+}
+
+void RemovePidFile() {
+    (void)unlink(kPidFile);
+}

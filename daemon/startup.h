@@ -1,0 +1,31 @@
+// The steps that bring the process up, in the order in which `main` takes them. Initial thread
+// only; no thread exists before the modules start.
+#pragma once
+
+#include "kemd/api.h"
+#include "kemd/module_switch.h"
+
+// Opens what is closed of the three standard descriptors on /dev/null, so that no file of ours
+// becomes standard error by accident.
+void OpenStandardDescriptors();
+
+// Goes to the background unless the command line says "-n" or "-nodemon". The parent ends here,
+// with exit status 0 and without giving up anything. False when there is no child.
+[[nodiscard]] bool Detach(int argc, char** argv);
+
+// The run mode and the rescan flag; each recognised switch is traced, unknown ones are ignored.
+ModuleLoadParams ParseCommandLine(int argc, char** argv);
+
+// Session, directory, file mode mask, and the signal mask that every later thread inherits.
+void PrepareProcess();
+
+void WriteBanner();
+void OpenSystemLog();
+
+// The process id file. Failing to write it is reported; the daemon runs on without.
+void CreatePidFile();
+void RemovePidFile();
+
+// The daemon's own words on standard error, before the trace exists: "<program>: KEMD-MAIN:
+// <text>".
+void Complain(char** argv, const char* format, ...) KEMD_PRINTF(2, 3);

@@ -1,0 +1,25 @@
+// Who this program is: constants that the build supplies.
+#pragma once
+
+#include <cstdint>
+
+// Stands at the head of the daemon's own messages.
+inline constexpr const char* kTag = "KEMD";
+
+struct VersionRecord {
+    const char* programName;
+    const char* version;    // "major.minor-build"
+    const char* milestone;  // "-" for none
+    const char* buildDate;  // "YYYY/MM/DD-hh:mm"
+    const char* installPath;
+    const char* description;
+};
+extern const VersionRecord kVersion;
+
+// The three numbers of the version text; one that does not parse is 0.
+struct VersionNumbers {
+    unsigned major;
+    unsigned minor;
+    unsigned build;
+};
+VersionNumbers ParseVersion(const char* text);
