@@ -1,0 +1,157 @@
+#include "module_switch.h"
+
+#include <cxxabi.h>
+#include <dirent.h>
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <memory>
+
+#include "kemd/trace.h"
+
+namespace {
+
+constexpr const char* kTag = "switch";
+constexpr const char* kDefaultDirectory = "/usr/lib/kemd/modules";
+
+std::string ModuleDirectory() {
+    const char* directory = std::getenv("OV_MODULE_DIR");
+    return directory != nullptr && *directory != '\0' ? directory : kDefaultDirectory;
+}
+
+// The names of all files "*.so", sorted. False when the directory cannot be read.
+bool ListModules(const std::string& directory, std::vector<std::string>& names) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(directory.c_str()), closedir);
+    if (!entries) {
+        KemdMessage(kTag, "cannot read the module directory %s (%s)", directory.c_str(),
+                    std::strerror(errno));
+        return false;
+    }
+    while (const dirent* entry = readdir(entries.get())) {
+        const std::string name = entry->d_name;
+        if (name.size() > 3 && name.ends_with(".so")) names.push_back(name);
+    }
+    std::sort(names.begin(), names.end());
+    return true;
+}
+
+void Report(const std::string& name, const char* what, const char* reason) {
+    KemdMessage(kTag, "module %s %s: %s", name.c_str(), what, reason);
+}
+
+// Calls into a module and says what it threw. A cancelled thread is not a failure.
+template <typename Call>
+bool CallModule(const std::string& name, const char* what, Call call) {
+    try {
+        call();
+        return true;
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (const std::exception& error) {
+        Report(name, what, error.what());
+    } catch (...) {
+        Report(name, what, "unknown exception");
+    }
+    return false;
+}
+
+// What makes a library a module of this version; null when it is one.
+const char* Refuse(const KemdModule* entry) {
+    if (entry == nullptr) return "it does not export kemdModule";
+    if (entry->version != KEMD_MODULE_VERSION) return "its interface version is another";
+    if (entry->start == nullptr || entry->stop == nullptr) return "start or stop is missing";
+    return nullptr;
+}
+
+}  // namespace
+
+bool ModuleSwitch::LoadModules(ModuleLoadParams* params) {
+    const bool rescan = (params->flags & kForceRescan) != 0;
+    if (m_scanned && !rescan) return true;
+    const std::string directory = ModuleDirectory();
+    KemdTrace(kTag, 2, "loading modules from %s (run mode %d, rescan %d)", directory.c_str(),
+              params->runMode, rescan ? 1 : 0);
+    std::vector<std::string> names;
+    if (!ListModules(directory, names)) return false;
+    for (const std::string& name : names) {
+        if (!IsLoaded(name)) LoadModule(directory, name);
+    }
+    std::sort(m_modules.begin(), m_modules.end(),
+              [](const Module& a, const Module& b) { return a.name < b.name; });
+    m_scanned = true;
+    return true;
+}
+
+bool ModuleSwitch::IsLoaded(const std::string& name) const {
+    return std::any_of(m_modules.begin(), m_modules.end(),
+                       [&](const Module& module) { return module.name == name; });
+}
+
+void ModuleSwitch::LoadModule(const std::string& directory, const std::string& name) {
+    void* library = nullptr;
+    const std::string path = directory + "/" + name;
+    const bool returned = CallModule(
+        name, "cannot be loaded", [&] { library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL); });
+    if (!returned) return;
+    if (library == nullptr) return Report(name, "cannot be loaded", dlerror());
+
+    const auto* entry = static_cast<const KemdModule*>(dlsym(library, "kemdModule"));
+    if (const char* reason = Refuse(entry)) {
+        Report(name, "is left out", reason);
+        dlclose(library);
+        return;
+    }
+    m_modules.push_back({name, library, entry, false, false});
+    KemdTrace(kTag, 2, "module %s loaded", name.c_str());
+}
+
+void ModuleSwitch::StartAllModules() {
+    for (Module& module : m_modules) {
+        if (!module.started && !module.failed) StartModule(module);
+    }
+}
+
+void ModuleSwitch::StartModule(Module& module) {
+    int result = 0;
+    module.started =
+        CallModule(module.name, "failed to start", [&] { result = module.entry->start(); }) &&
+        result == 0;
+    // Not unloaded before the end: what it began may still be running.
+    module.failed = !module.started;
+    if (module.started) {
+        KemdTrace(kTag, 2, "module %s started", module.name.c_str());
+    } else if (result != 0) {
+        Report(module.name, "failed to start", ("result " + std::to_string(result)).c_str());
+    }
+}
+
+void ModuleSwitch::StopAllModules() {
+    for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
+        if (!module->started) continue;
+        module->started = false;
+        if (CallModule(module->name, "failed to stop", module->entry->stop)) {
+            KemdTrace(kTag, 2, "module %s stopped", module->name.c_str());
+        }
+    }
+}
+
+bool ModuleSwitch::UnloadModules(uint32_t /*options*/) {
+    for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
+        dlclose(module->library);
+    }
+    m_modules.clear();
+    m_scanned = false;
+    return true;
+}
+
+void ModuleSwitch::NotifyModules(uint32_t code, void* data, uint32_t /*word*/) {
+    for (const Module& module : m_modules) {
+        if (!module.started || module.entry->notify == nullptr) continue;
+        CallModule(module.name, "failed to take a notification",
+                   [&] { module.entry->notify(code, data); });
+    }
+}

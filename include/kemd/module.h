@@ -1,0 +1,36 @@
+/* What an extension module exports, in C: one constant object named kemdModule.
+ *
+ *     static int Start(void) { ... return 0; }
+ *     static void Stop(void) { ... }
+ *     KEMD_MODULE = {KEMD_MODULE_VERSION, Start, Stop, NULL};
+ *
+ * All three functions are called on the daemon's initial thread, one module after the other, and
+ * should return soon. Threads that a module starts inherit a signal mask without SIGINT, SIGTERM,
+ * SIGHUP and SIGALRM, which only the daemon takes; they must have ended when `stop` returns,
+ * because the module is unloaded after it.
+ */
+#pragma once
+
+#include <stdint.h>
+
+#include "kemd/api.h"
+
+#define KEMD_MODULE_VERSION 1u
+
+struct KemdModule {
+    uint32_t version; /* KEMD_MODULE_VERSION; anything else is refused */
+    int (*start)(
+        void); /* 0, or a number that is traced: the module is then left out, not stopped */
+    void (*stop)(void); /* called once for each successful start, in reverse order of the starts */
+    /* May be null. 0x20000: the daemon is about to stop, data is null. 0x30000: the system halts or
+     * reboots, data is the address of an int32_t, 0 for halt and 6 for reboot. */
+    void (*notify)(uint32_t code, const void* data);
+};
+
+#ifdef __cplusplus
+#define KEMD_MODULE                                         \
+    extern "C" KEMD_API const struct KemdModule kemdModule; \
+    const struct KemdModule kemdModule
+#else
+#define KEMD_MODULE KEMD_API const struct KemdModule kemdModule
+#endif
