@@ -15,7 +15,10 @@ Stamp CDebug::MakeStamp() const {
     stamp.thread = static_cast<uint32_t>(pthread_self());
     stamp.withMemory = m_asRead.memoryTraces != 0;
     stamp.residentKb = 0;
-    if (stamp.withMemory) ReadProcStatusValue(getpid(), stamp.residentKb, "VmRSS:", 1);
+    if (stamp.withMemory) {
+        const CancelGuard guard;
+        ReadProcStatusValue(getpid(), stamp.residentKb, "VmRSS:", 1);
+    }
     return stamp;
 }
 
@@ -73,12 +76,13 @@ void CDebug::MessageV(const char* format, va_list args, const char* tag) {
 }
 
 void CDebug::Write(uint32_t target, const char* format, va_list args, const char* tag) {
-    if (format == nullptr || target == kTargetNone) return;
-    const Lock lock(*this);
-    if (target == kTargetRing && m_ring.IsMapped()) {
-        WriteToRing(m_record, MakeStamp(), tag, format, args);
-    } else if (target == kTargetLog && m_log.IsOpen()) {
-        WriteToLog(MakeStamp(), tag, format, args);
+    if (format == nullptr) return;
+    if (target == kTargetRing) {
+        const RecursiveLock lock(m_lock);
+        if (m_ring.IsMapped()) WriteToRing(m_record, MakeStamp(), tag, format, args);
+    } else if (target == kTargetLog) {
+        const Lock lock(*this);
+        if (m_log.IsOpen()) WriteToLog(MakeStamp(), tag, format, args);
     }
 }
 

@@ -77,16 +77,32 @@ bool CDebug::InitRingBuffer(const char* path, int64_t size) {
 }
 
 bool CDebug::FillRing(int64_t size) {
-    std::array<char, RingBuffer::kLineLength> line{};
-    for (; size > 0; size -= static_cast<int64_t>(line.size())) {
-        const int length = m_prefix.Build(line.data(), RecordBuffer::kPrefixLimit + 1, MakeStamp(),
-                                          TagOrName(nullptr));
-        const size_t start = std::min(static_cast<size_t>(length), RecordBuffer::kPrefixLimit);
-        std::memset(line.data() + start, '_', line.size() - start - 1);
-        line.back() = '\n';
-        if (!m_ring.Fill({line.data(), line.size()})) return false;
+    // Lines go out in blocks that share one stamp: reading the memory figure and one write for each
+    // of them would take most of the daemon's start.
+    constexpr int64_t kLines = 16;
+    std::array<char, kLines * RingBuffer::kLineLength> block{};
+    while (size > 0) {
+        FillLine(block.data());
+        for (int64_t line = 1; line < kLines; ++line) {
+            std::memcpy(&block[line * RingBuffer::kLineLength], block.data(),
+                        RingBuffer::kLineLength);
+        }
+        // The last line is written whole, also when the size ends within it.
+        const int64_t lines =
+            std::min((size + RingBuffer::kLineLength - 1) / RingBuffer::kLineLength, kLines);
+        const auto length = static_cast<size_t>(lines) * RingBuffer::kLineLength;
+        if (!m_ring.Fill({block.data(), length})) return false;
+        size -= lines * RingBuffer::kLineLength;
     }
     return true;
+}
+
+void CDebug::FillLine(char* line) {
+    const int length =
+        m_prefix.Build(line, RecordBuffer::kPrefixLimit + 1, MakeStamp(), TagOrName(nullptr));
+    const size_t start = std::min(static_cast<size_t>(length), RecordBuffer::kPrefixLimit);
+    std::memset(line + start, '_', RingBuffer::kLineLength - start - 1);
+    line[RingBuffer::kLineLength - 1] = '\n';
 }
 
 void CDebug::WriteToRing(RecordBuffer& buffer, const Stamp& stamp, const char* tag,

@@ -4,6 +4,8 @@
 #include <charconv>
 #include <cstring>
 
+#include "services/base/cancel_guard.h"
+
 namespace {
 
 constexpr std::string_view kUnknownTime = "yyyy-mm-dd hh:mm:ss.mmm";
@@ -54,6 +56,7 @@ void PutCut(char* buffer, size_t size, size_t offset, std::string_view text) {
 }  // namespace
 
 void LinePrefix::FormatSecond(time_t second) {
+    const CancelGuard guard;  // the time zone may have to be read from a file
     tm local{};
     m_second = second;
     m_length = 0;

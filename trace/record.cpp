@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cstdio>
 #include <cstring>
+
+#include "trace/format.h"
 
 void RecordBuffer::BuildPrefix(LinePrefix& prefix, const Stamp& stamp, std::string_view tag) {
     const int length = prefix.Build(m_text.data(), kPrefixLimit + 1, stamp, tag);
@@ -11,7 +12,7 @@ void RecordBuffer::BuildPrefix(LinePrefix& prefix, const Stamp& stamp, std::stri
 }
 
 int RecordBuffer::FormatText(const char* format, va_list args) {
-    return std::vsnprintf(m_text.data() + m_prefixLength, kTextLimit + 1, format, args);
+    return FormatTraceText(m_text.data() + m_prefixLength, kTextLimit + 1, format, args);
 }
 
 int RecordBuffer::FormatText(const char* format, ...) {

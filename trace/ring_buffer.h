@@ -13,7 +13,7 @@
 class RingBuffer {
   public:
     static constexpr std::string_view kTrailer = "## TRACE-END ##\n";
-    static constexpr size_t kLineLength = 1024;  // of the pre-fill
+    static constexpr int64_t kLineLength = 1024;  // of the pre-fill, bytes
     static constexpr size_t kAlignment = 1024;   // of the first record behind the header
 
     // Opening takes three steps, each false with errno: create the file, fill it line by line up to

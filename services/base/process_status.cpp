@@ -4,10 +4,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <charconv>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -58,11 +56,17 @@ class LineReader {
     bool m_inLongLine = false;
 };
 
+bool IsSpace(char c) {
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
 std::string_view TakeWord(std::string_view& text) {
-    constexpr std::string_view kSpace = " \t\r\v\f\n";
-    text.remove_prefix(std::min(text.find_first_not_of(kSpace), text.size()));
-    const std::string_view word = text.substr(0, text.find_first_of(kSpace));
-    text.remove_prefix(word.size());
+    size_t start = 0;
+    while (start < text.size() && IsSpace(text[start])) ++start;
+    size_t end = start;
+    while (end < text.size() && !IsSpace(text[end])) ++end;
+    const std::string_view word = text.substr(start, end - start);
+    text.remove_prefix(end);
     return word;
 }
 
@@ -78,8 +82,10 @@ uint64_t ParseBytes(std::string_view text) {
 }
 
 void ReadStatusBytes(pid_t pid, uint64_t& value, std::string_view key) {
-    std::array<char, 32> path{};
-    std::snprintf(path.data(), path.size(), "/proc/%d/status", pid);
+    std::array<char, 32> path = {"/proc/"};
+    constexpr size_t kPidOffset = 6;
+    char* const end = std::to_chars(path.data() + kPidOffset, path.data() + path.size(), pid).ptr;
+    std::memcpy(end, "/status", sizeof("/status"));
     const UniqueFd file(open(path.data(), O_RDONLY | O_CLOEXEC));
     if (!file.IsOpen()) return;
 
