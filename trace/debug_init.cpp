@@ -61,7 +61,9 @@ CDebug::~CDebug() {
 
 bool CDebug::Init(const char* moduleName) {
     const Lock lock(*this);
-    Close();
+    m_target = kTargetNone;
+    m_ring.Close();
+    m_log.Close();
     m_startupEnded = false;
     m_initDone = false;
     SetModuleName(moduleName);
