@@ -147,7 +147,7 @@ void CDebug::InitDone() {
 
 void CDebug::SwitchToRuntimeRing() {
     WriteLine(kTargetRing, "\n### End of initialization. ###");
-    m_traceOn = false;
+    // Tracing stays on: records of other threads wait for the lock and go into the new ring.
     m_ring.Close();
     if (!CompressFile(m_startupRingPath.Get())) {
         WriteLine(kTargetLog, "\n### gziping of startup log file failed -> it doesn't matter ###");
