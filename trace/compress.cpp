@@ -31,7 +31,7 @@ std::string CompressCommand(const char* path) {
 }
 
 bool CompressFile(const char* path) try {
-    FILE* gzip = popen(CompressCommand(path).c_str(), "r");
+    FILE* gzip = popen(CompressCommand(path).c_str(), "re");
     if (gzip == nullptr) return false;
     (void)pclose(gzip);
     return true;

@@ -17,7 +17,10 @@
 std::optional<int64_t> ModificationTime(const char* path) {
     struct stat status {};
     if (stat(path, &status) != 0) return std::nullopt;
-    return status.st_mtim.tv_sec * int64_t{1'000'000'000} + status.st_mtim.tv_nsec;
+    constexpr int64_t kSecond = 1'000'000'000;
+    constexpr int64_t kLast = INT64_MAX / kSecond - 1;  // a file may claim any year
+    const int64_t seconds = std::clamp<int64_t>(status.st_mtim.tv_sec, -kLast, kLast);
+    return seconds * kSecond + status.st_mtim.tv_nsec;
 }
 
 static bool ReadWhole(int fd, std::string& text) {

@@ -44,11 +44,11 @@ void CDebug::TraceTagged(unsigned level, const char* format, va_list args, const
         UpdateTraceConfig(time(nullptr));
     }
     if (level > TraceLevel()) return;
-    Write(m_target.load(std::memory_order_relaxed), format, args, tag);
+    WriteRecord(m_target.load(std::memory_order_relaxed), format, args, tag);
 }
 
 void CDebug::TraceV(const char* format, va_list args, const char* tag) {
-    Write(m_target.load(std::memory_order_relaxed), format, args, tag);
+    WriteRecord(m_target.load(std::memory_order_relaxed), format, args, tag);
 }
 
 void CDebug::Message(const char* format, ...) {
@@ -75,7 +75,7 @@ void CDebug::MessageV(const char* format, va_list args, const char* tag) {
     WriteToLog(stamp, tag, format, args);
 }
 
-void CDebug::Write(uint32_t target, const char* format, va_list args, const char* tag) {
+void CDebug::WriteRecord(uint32_t target, const char* format, va_list args, const char* tag) {
     if (format == nullptr) return;
     if (target == kTargetRing) {
         const RecursiveLock lock(m_lock);
@@ -86,10 +86,10 @@ void CDebug::Write(uint32_t target, const char* format, va_list args, const char
     }
 }
 
-void CDebug::WriteLine(TraceTarget destination, const char* format, ...) {
+void CDebug::WriteNote(TraceTarget destination, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    Write(destination, format, args, nullptr);
+    WriteRecord(destination, format, args, nullptr);
     va_end(args);
 }
 

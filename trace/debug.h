@@ -12,6 +12,7 @@
 #include <sys/types.h>
 
 #include <array>
+#include <atomic>
 #include <cstdarg>
 #include <cstdint>
 #include <string_view>
@@ -73,6 +74,8 @@ class CDebug : public CDebugTraceConfig {
     KEMD_API void SetTraceTarget(unsigned target);
     KEMD_API void WriteHeader(TraceTarget destination);
     KEMD_API int FormatLinePrefix(char* buffer, size_t size, const char* tag);
+    // The process that called Init; 0 before.
+    [[nodiscard]] pid_t ProcessId() const { return m_processId; }
     // Everything off and closed. Later calls do nothing until the next Init.
     KEMD_API void Close();
 
@@ -93,13 +96,16 @@ class CDebug : public CDebugTraceConfig {
     // debug.cpp
     [[nodiscard]] Stamp MakeStamp() const;
     [[nodiscard]] std::string_view TagOrName(const char* tag) const;
-    void Write(uint32_t target, const char* format, va_list args, const char* tag)
+    void WriteRecord(uint32_t target, const char* format, va_list args, const char* tag)
         KEMD_PRINTF(3, 0);
-    void WriteLine(TraceTarget destination, const char* format, ...) KEMD_PRINTF(3, 4);
+    // A record of the trace object itself.
+    void WriteNote(TraceTarget destination, const char* format, ...) KEMD_PRINTF(3, 4);
 
     // debug_init.cpp
     void SetModuleName(const char* moduleName);
     void OpenLog();
+    void FormatPath(Path& path, const char* suffix) const;
+    void FormatRingPaths();
     [[nodiscard]] int64_t ComputeRingSize();
     void SwitchOff();
     void SwitchToRuntimeRing();
@@ -125,6 +131,7 @@ class CDebug : public CDebugTraceConfig {
     std::array<char, 26> m_startTime{};  // shown nowhere: for the reader of a core file
     std::atomic<uint32_t> m_target{kTargetNone};
     bool m_startupEnded = false;
+    bool m_closed = false;
     bool m_initDone = false;       // as the header shows it: set with the run-time ring buffer only
     bool m_writingHeader = false;  // into the ring buffer
     int64_t m_ringSize = 0;        // bytes; four times the configured size during start-up

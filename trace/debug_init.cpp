@@ -27,25 +27,24 @@ void FormatStartTime(std::array<char, 26>& text) {
 }  // namespace
 
 // Sends the lines of a header to one destination. It has a line buffer of its own, because a header
-// is also written while another record waits in the common one.
+// is also written while another record waits in the common one, and one stamp for all lines,
+// because a command line may have a hundred thousand.
 struct CDebug::HeaderLines {
     CDebug& debug;
     const TraceTarget destination;
+    const Stamp stamp;
     RecordBuffer buffer;
 
-    HeaderLines(CDebug& owner, TraceTarget to) : debug(owner), destination(to) {}
+    HeaderLines(CDebug& owner, TraceTarget to)
+        : debug(owner), destination(to), stamp(owner.MakeStamp()) {}
 
     static void Put(void* context, const char* format, va_list args) {
         auto& self = *static_cast<HeaderLines*>(context);
         if (self.destination == kTargetLog) {
-            if (!self.debug.m_log.IsOpen()) return;
-            self.debug.WriteToLog(self.debug.MakeStamp(), nullptr, format, args);
-            return;
+            self.debug.WriteToLog(self.stamp, nullptr, format, args);
+        } else {
+            self.debug.WriteToRing(self.buffer, self.stamp, nullptr, format, args);
         }
-        // Not even the prefix would fit: a long command line must not cost a stamp for each
-        // argument.
-        if (self.debug.m_writingHeader && !self.debug.m_ring.HasRoom(kShortestPrefix)) return;
-        self.debug.WriteToRing(self.buffer, self.debug.MakeStamp(), nullptr, format, args);
     }
     HeaderSink Sink() { return {Put, this}; }
 };
@@ -66,6 +65,7 @@ bool CDebug::Init(const char* moduleName) {
     m_log.Close();
     m_startupEnded = false;
     m_initDone = false;
+    m_closed = false;
     SetModuleName(moduleName);
     m_processId = getpid();
     FormatStartTime(m_startTime);
@@ -76,6 +76,7 @@ bool CDebug::Init(const char* moduleName) {
 
     bool opened = true;
     m_ringSize = IsTraceOn() ? kStartupFactor * ComputeRingSize() : 0;
+    FormatRingPaths();
     if (m_ringSize != 0) opened = InitRingBuffer(m_startupRingPath.Get(), m_ringSize);
     if (!m_ring.IsMapped()) SwitchOff();
     if (m_inForce.noHeader == 0) WriteHeader(kTargetLog);
@@ -89,16 +90,26 @@ void CDebug::SetModuleName(const char* moduleName) {
 }
 
 void CDebug::OpenLog() {
-    Path name;
-    name.Assign(ModuleName());
-    ToLowerCase(name.Get());
-    const char* directory = m_inForce.logDirectory.Get();
-    m_logPath.Format("%s/log.%s", directory, name.Get());
-    m_runtimeRingPath.Format("%s/log.%s_a", directory, name.Get());
-    m_startupRingPath.Format("%s/log.%s_i", directory, name.Get());
+    FormatPath(m_logPath, "");
     m_log.SetLimit(m_inForce.logLimit);
     if (m_log.Open(m_logPath.Get())) return;
     syslog(LOG_ERR, "ERROR: Error during opening %s --> proceed without it\n", m_logPath.Get());
+}
+
+void CDebug::FormatPath(Path& path, const char* suffix) const {
+    Path name;
+    name.Assign(ModuleName());
+    ToLowerCase(name.Get());
+    path.Format("%s/log.%s%s", m_inForce.logDirectory.Get(), name.Get(), suffix);
+}
+
+// Required: without a ring the header shows no path for it.
+void CDebug::FormatRingPaths() {
+    m_runtimeRingPath.Clear();
+    m_startupRingPath.Clear();
+    if (m_ringSize == 0) return;
+    FormatPath(m_runtimeRingPath, "_a");
+    FormatPath(m_startupRingPath, "_i");
 }
 
 int64_t CDebug::ComputeRingSize() {
@@ -146,11 +157,11 @@ void CDebug::InitDone() {
 }
 
 void CDebug::SwitchToRuntimeRing() {
-    WriteLine(kTargetRing, "\n### End of initialization. ###");
+    WriteNote(kTargetRing, "\n### End of initialization. ###");
     // Tracing stays on: records of other threads wait for the lock and go into the new ring.
     m_ring.Close();
     if (!CompressFile(m_startupRingPath.Get())) {
-        WriteLine(kTargetLog, "\n### gziping of startup log file failed -> it doesn't matter ###");
+        WriteNote(kTargetLog, "\n### gziping of startup log file failed -> it doesn't matter ###");
     }
     m_ringSize /= kStartupFactor;
     const bool opened = InitRingBuffer(m_runtimeRingPath.Get(), m_ringSize);
@@ -161,6 +172,7 @@ void CDebug::SwitchToRuntimeRing() {
 
 bool CDebug::SwitchTrace(bool on) {
     const Lock lock(*this);
+    if (m_closed) return true;
     m_level = on ? SavedTraceLevel() : 0;
     m_traceOn = on;
     return true;
@@ -181,7 +193,9 @@ void CDebug::Close() {
     const Lock lock(*this);
     m_argumentCount = 0;
     m_arguments = nullptr;
+    m_updateInterval = 0;
     SwitchOff();
     m_ring.Close();
     m_log.Close();
+    m_closed = true;
 }

@@ -46,33 +46,33 @@ bool CDebug::InitRingBuffer(const char* path, int64_t size) {
         "\n### InitRingBuffer(): mmap of %s failed (errno=%d; %s) ###";
     if (size < 0 || size > INT32_MAX) {
         // Beyond what the pre-fill counts: a hole in the file would be a fault at the first store.
-        WriteLine(kTargetLog, kMapFailed, path, EFBIG, std::strerror(EFBIG));
+        WriteNote(kTargetLog, kMapFailed, path, EFBIG, std::strerror(EFBIG));
         return false;
     }
     if (!m_ring.Create(path)) {
         const int error = errno;
-        WriteLine(kTargetLog, "\n### InitRingBuffer(): open of %s failed (errno=%d; %s) ###", path,
+        WriteNote(kTargetLog, "\n### InitRingBuffer(): open of %s failed (errno=%d; %s) ###", path,
                   error, std::strerror(error));
         return false;
     }
     if (!FillRing(size)) {
         m_ring.Close();
-        WriteLine(kTargetLog,
+        WriteNote(kTargetLog,
                   "\n### InitRingBuffer(): (2) write m_InternalDebugBuffer to %s failed ###", path);
         return false;
     }
     if (!m_ring.Map(static_cast<size_t>(size))) {
         const int error = errno;
         m_ring.Close();
-        WriteLine(kTargetLog, kMapFailed, path, error, std::strerror(error));
+        WriteNote(kTargetLog, kMapFailed, path, error, std::strerror(error));
         return false;
     }
     m_target = kTargetRing;
     WriteHeader(kTargetRing);
     m_ring.EndHeader();
-    WriteLine(kTargetRing, "\n### Begin of RingBuffer. ###");
+    WriteNote(kTargetRing, "\n### Begin of RingBuffer. ###");
     m_ring.SetRestart();
-    WriteLine(kTargetRing, "\n### Start of initialization. ###");
+    WriteNote(kTargetRing, "\n### Start of initialization. ###");
     return true;
 }
 

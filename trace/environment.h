@@ -77,6 +77,3 @@ struct EnvironmentSnapshot {
     // Reads both tables anew. A value that memory does not suffice for counts as unset.
     void Take();
 };
-
-// A copy on the heap, null when memory does not suffice.
-std::unique_ptr<char[]> CopyText(const char* text);

@@ -12,7 +12,7 @@ constexpr std::string_view kUnknownTime = "yyyy-mm-dd hh:mm:ss.mmm";
 constexpr size_t kTagWidth = 13;
 constexpr size_t kMemoryWidth = 8;
 
-// Writing without bounds checks is safe here: time (at most 25), thread (11), memory (at most 27).
+// Writing without bounds checks is safe here: time (at most 25), thread (12), memory (at most 25).
 constexpr size_t kHeadCapacity = 80;
 
 char* Put(char* to, std::string_view text) {

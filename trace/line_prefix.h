@@ -19,9 +19,6 @@ struct Stamp {
     uint64_t residentKb;
 };
 
-// The shortest one: time, thread, a tag of up to 13 characters, and the blanks between.
-inline constexpr size_t kShortestPrefix = 49;
-
 // The caller holds the trace object's lock: the formatted second is kept between calls, because it
 // changes only once a second and formatting it costs more than the rest of a record.
 class LinePrefix {

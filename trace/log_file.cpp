@@ -29,7 +29,7 @@ bool LogFile::Append(std::string_view record) {
         m_count += static_cast<uint64_t>(written);
         record.remove_prefix(static_cast<size_t>(written));
     }
-    return m_count > m_limit;
+    return record.empty() && m_count > m_limit;
 }
 
 void LogFile::MarkStartupEnd() {

@@ -20,8 +20,8 @@ class LogFile {
     void SetLimit(uint32_t bytes) { m_limit = bytes; }
     [[nodiscard]] uint32_t Limit() const { return m_limit; }
 
-    // Writes one record. A failure drops the rest of it. True when the file is now above its limit
-    // and BeginCycle is due.
+    // Writes one record; a failure drops the rest of it. True when it was written and the file is
+    // now above its limit: BeginCycle is due.
     bool Append(std::string_view record);
 
     // What was written so far stays; later cycles start behind it.

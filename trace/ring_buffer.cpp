@@ -34,7 +34,7 @@ void RingBuffer::Close() {
 }
 
 bool RingBuffer::Append(std::string_view record) {
-    if (!HasRoom(record.size())) return false;
+    if (m_writeOffset + record.size() + kTrailer.size() > m_map.Size()) return false;
     char* to = m_map.Data() + m_writeOffset;
     std::memcpy(to, record.data(), record.size());
     std::memcpy(to + record.size(), kTrailer.data(), kTrailer.size());

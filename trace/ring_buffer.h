@@ -14,7 +14,7 @@ class RingBuffer {
   public:
     static constexpr std::string_view kTrailer = "## TRACE-END ##\n";
     static constexpr int64_t kLineLength = 1024;  // of the pre-fill, bytes
-    static constexpr size_t kAlignment = 1024;   // of the first record behind the header
+    static constexpr size_t kAlignment = 1024;    // of the first record behind the header
 
     // Opening takes three steps, each false with errno: create the file, fill it line by line up to
     // its size (this reserves the disk blocks: a store into a hole of a full disk would kill the
@@ -29,9 +29,6 @@ class RingBuffer {
     [[nodiscard]] int Descriptor() const { return m_fd.Get(); }
     [[nodiscard]] size_t Size() const { return m_map.Size(); }
 
-    [[nodiscard]] bool HasRoom(size_t length) const {
-        return m_writeOffset + kTrailer.size() + length <= m_map.Size();
-    }
     // Copies one record and the trailer behind it. False, with nothing written, when both do not
     // fit any more.
     [[nodiscard]] bool Append(std::string_view record);

@@ -48,7 +48,7 @@ bool CDebugTraceConfig::ReadTraceConfig(const char* moduleName) {
     m_configuredLevel = 0;
     m_traceFlags = 0;
 
-    ReadGlobalFile();
+    (void)ReadGlobalFile();
     SetUpdateInterval();
     m_moduleFile.Forget();
     if (files) {
@@ -60,18 +60,18 @@ bool CDebugTraceConfig::ReadTraceConfig(const char* moduleName) {
     return true;
 }
 
-void CDebugTraceConfig::ReadGlobalFile() {
+bool CDebugTraceConfig::ReadGlobalFile() {
     m_globalFile.path.Format("%s/%s", kTraceConfigDirectory, kGlobalFile);
     const auto modified = ModificationTime(m_globalFile.path.Get());
     const auto text = modified ? ReadConfigFile(m_globalFile.path.Get()) : std::nullopt;
     if (!text) {
         m_globalFile.Forget();
-        return;
+        return false;
     }
     m_globalFile.modified = *modified;
-    if (const auto section = FindConfigSection(*text, kGlobalSection)) {
-        m_asRead.dynamicUpdate = FindConfigNumber(*section, "DynamicUpdate", 0);
-    }
+    const auto section = FindConfigSection(*text, kGlobalSection);
+    if (section) m_asRead.dynamicUpdate = FindConfigNumber(*section, "DynamicUpdate", 0);
+    return section.has_value();
 }
 
 void CDebugTraceConfig::SetUpdateInterval() {
@@ -142,11 +142,8 @@ void CDebugTraceConfig::UpdateGlobalFile() {
         return;
     }
     if (*modified <= m_globalFile.modified) return;
-    ReadGlobalFile();
     // The environment is not consulted again.
-    if (!m_globalFile.path.IsEmpty() && m_asRead.dynamicUpdate != -1) {
-        m_updateInterval = static_cast<uint32_t>(m_asRead.dynamicUpdate);
-    }
+    if (ReadGlobalFile()) m_updateInterval = static_cast<uint32_t>(m_asRead.dynamicUpdate);
 }
 
 void CDebugTraceConfig::UpdateModuleFile() {

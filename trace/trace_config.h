@@ -43,6 +43,7 @@ class CDebugTraceConfig {
     // True while a ring buffer is active and tracing is wanted. Callers test it before they trace:
     // see TRACE in trace/debug.h.
     [[nodiscard]] bool IsTraceOn() const { return m_traceOn.load(std::memory_order_relaxed); }
+    // These change at Init and with a dynamic update, under the lock.
     [[nodiscard]] int32_t ConfiguredLevel() const { return m_configuredLevel; }
     [[nodiscard]] const char* ModuleName() const { return m_moduleName ? m_moduleName.get() : ""; }
     [[nodiscard]] const ValuesAsRead& AsRead() const { return m_asRead; }
@@ -66,10 +67,7 @@ class CDebugTraceConfig {
     int32_t m_configuredLevel = 0;
     int32_t m_traceFlags = 0;  // stored only
     std::atomic<bool> m_traceOn{false};
-    std::unique_ptr<char[]> m_moduleName;       // null until Init
-    std::atomic<uint32_t> m_updateInterval{0};  // seconds; 0: files are read once
-    ValuesAsRead m_asRead;
-    ValuesInForce m_inForce;
+    std::unique_ptr<char[]> m_moduleName;  // null until Init
 
   private:
     // A file whose changes are watched. Forgotten (path empty) when it could not be read.
@@ -79,8 +77,22 @@ class CDebugTraceConfig {
 
         void Forget() { *this = WatchedFile(); }
     };
+    WatchedFile m_globalFile;
+    WatchedFile m_moduleFile;
 
-    void ReadGlobalFile();
+  protected:
+    std::atomic<uint32_t> m_updateInterval{0};  // seconds; 0: files are read once
+
+  private:
+    int64_t m_lastCheck = 0;  // seconds since the epoch
+
+  protected:
+    ValuesAsRead m_asRead;
+    ValuesInForce m_inForce;
+
+  private:
+    // False when the section was not found.
+    bool ReadGlobalFile();
     bool ReadModuleFile(const char* name, const char* moduleName);
     void ReadModuleSection(std::string_view section);
     void SetValuesInForce();
@@ -88,8 +100,4 @@ class CDebugTraceConfig {
     void UpdateGlobalFile();
     void UpdateModuleFile();
     void SetConfiguredLevel(std::string_view section);
-
-    WatchedFile m_globalFile;
-    WatchedFile m_moduleFile;
-    int64_t m_lastCheck = 0;  // seconds since the epoch
 };

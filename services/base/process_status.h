@@ -1,6 +1,6 @@
 // What /proc says about a process. Plain readers without state: any thread may call.
 //
-// Nothing is traced (the trace object itself stands on this) and nothing throws: a process or file
+// Nothing is traced (the trace object itself stands on this) and no failure throws: a process or file
 // that cannot be read leaves numbers 0, the process id -1, texts empty and results false.
 #pragma once
 
