@@ -1,4 +1,4 @@
-#include "daemon/exit_event.h"
+#include "kemd/exit_event.h"
 
 #include "services/base/never_destroyed.h"
 

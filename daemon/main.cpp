@@ -1,6 +1,8 @@
 // kemd: brings the extension modules of the agent suite up and down and keeps a trace of it.
 #include <unistd.h>
 
+#include <cstdio>
+
 #include "daemon/service.h"
 #include "daemon/smbus_probe.h"
 #include "daemon/startup.h"
@@ -10,7 +12,7 @@
 
 int main(int argc, char** argv) {
     if (getuid() != 0) {
-        Complain(argv, "Error! Permission denied\n");
+        std::fprintf(stderr, "%s: %s-MAIN: Error! Permission denied\n", argv[0], kTag);
         return 1;
     }
     OpenStandardDescriptors();
@@ -19,7 +21,8 @@ int main(int argc, char** argv) {
     // return gives it up.
     CFileLock lock;
     if (!lock.Lock("/var/lock/kemd", "kemd", 0)) {
-        Complain(argv, "Error! Another process instance is already running!\n");
+        std::fprintf(stderr, "%s: %s-MAIN: Error! Another process instance is already running!\n",
+                     argv[0], kTag);
         return 1;
     }
     if (!Detach(argc, argv)) return 1;

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "daemon/version.h"
+#include "services/base/unique_fd.h"
 #include "trace/debug.h"
 
 namespace {
@@ -69,11 +70,12 @@ int32_t RunLevelFromUtmp() {
 int32_t RunLevelFromCommand() {
     FILE* command = popen("/sbin/runlevel", "r");
     if (command == nullptr) return kRunLevelUnknown;
+    SetCloseOnExec(fileno(command));
     std::array<char, 64> line{};
     int32_t level = kRunLevelUnknown;
     if (std::fgets(line.data(), line.size(), command) != nullptr) {
         const char* blank = std::strchr(line.data(), ' ');
-        if (blank != nullptr) level = LevelOf(static_cast<unsigned char>(blank[1]));
+        if (blank != nullptr) level = LevelOf(blank[1]);
     }
     (void)pclose(command);
     return level;

@@ -63,13 +63,24 @@ bool RunGuarded(SwitchBinding& binding, ModuleLoadParams& params) {
     return false;
 }
 
+// Runs with every handler left, also when the initial thread itself is ended by a module: an
+// exception may have lived in the library.
+struct Cleanup {
+    SwitchBinding& binding;
+
+    explicit Cleanup(SwitchBinding& owned) : binding(owned) {}
+    Cleanup(const Cleanup&) = delete;
+    Cleanup& operator=(const Cleanup&) = delete;
+    ~Cleanup() {
+        binding.CloseLibrary();
+        RemovePidFile();
+    }
+};
+
 }  // namespace
 
 bool RunService(SwitchBinding& binding, ModuleLoadParams& params) {
+    const Cleanup cleanup(binding);
     CreatePidFile();
-    const bool stopped = RunGuarded(binding, params);
-    // Only here, with every handler left: the exception may have lived in the library.
-    binding.CloseLibrary();
-    RemovePidFile();
-    return stopped;
+    return RunGuarded(binding, params);
 }

@@ -3,7 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "daemon/exit_event.h"
+#include "kemd/exit_event.h"
 #include "daemon/run_level.h"
 #include "daemon/version.h"
 #include "daemon/wait_signals.h"

@@ -9,7 +9,6 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,27 +24,27 @@ namespace {
 
 constexpr const char* kPidFile = "/var/run/kemd.pid";
 
-void SetRunMode(ModuleLoadParams& params, RunMode mode, const char* text) {
-    params.runMode = mode;
-    TRACE(2, "\n%s-MAIN::ParseCommandLine   : %s", kTag, text);
-}
-
 void ParseSwitch(ModuleLoadParams& params, std::string_view argument) {
     if (argument == "-rescan") {
         params.flags |= kForceRescan;
         TRACE(2, "\n%s-MAIN::ParseCommandLine   : RESCAN due to -rescan", kTag);
     } else if (argument == "-agentless") {
-        SetRunMode(params, kRunModeAgentless, "Agentsless mode due to -agentless");
+        params.runMode = kRunModeAgentless;
+        TRACE(2, "\n%s-MAIN::ParseCommandLine   : Agentsless mode due to -agentless", kTag);
     } else if (argument == "-ovins") {
-        SetRunMode(params, kRunModeInstall, "OVINS mode due to -ovins");
+        params.runMode = kRunModeInstall;
+        TRACE(2, "\n%s-MAIN::ParseCommandLine   : OVINS mode due to -ovins", kTag);
     } else if (argument == "-ovupd") {
-        SetRunMode(params, kRunModeUpdate, "OVUPD mode due to -ovupd");
+        params.runMode = kRunModeUpdate;
+        TRACE(2, "\n%s-MAIN::ParseCommandLine   : OVUPD mode due to -ovupd", kTag);
     }
 }
 
 // "Nov 15 20:00:05": the time without weekday and year.
-std::array<char, 27> StartTime() {
-    std::array<char, 27> text{};
+using TimeText = std::array<char, 26>;  // as asctime_r wants it
+
+TimeText StartTime() {
+    TimeText text{};
     const time_t now = time(nullptr);
     tm local{};
     if (localtime_r(&now, &local) == nullptr || asctime_r(&local, text.data()) == nullptr) {
@@ -74,25 +73,18 @@ void OpenStandardDescriptors() {
     }
 }
 
-void Complain(char** argv, const char* format, ...) {
-    std::fprintf(stderr, "%s: %s-MAIN: ", argv[0] != nullptr ? argv[0] : "", kTag);
-    va_list args;
-    va_start(args, format);
-    std::vfprintf(stderr, format, args);
-    va_end(args);
-}
-
 bool Detach(int argc, char** argv) {
     const bool foreground = std::any_of(argv + std::min(argc, 1), argv + argc, [](const char* arg) {
         return std::string_view(arg) == "-n" || std::string_view(arg) == "-nodemon";
     });
     if (foreground) {
-        Complain(argv, "started in \"No Demon\" Mode\n");
+        std::fprintf(stderr, "%s: %s-MAIN: started in \"No Demon\" Mode\n", argv[0], kTag);
         return true;
     }
     const pid_t child = fork();
     if (child < 0) {
-        Complain(argv, "Error! Cannot fork --> no demon !!!: %s\n", std::strerror(errno));
+        std::fprintf(stderr, "%s: %s-MAIN: Error! Cannot fork --> no demon !!!: %s\n", argv[0],
+                     kTag, std::strerror(errno));
         return false;
     }
     if (child > 0) exit(0);  // not by return: the lock is the child's now

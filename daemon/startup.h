@@ -2,7 +2,6 @@
 // only; no thread exists before the modules start.
 #pragma once
 
-#include "kemd/api.h"
 #include "kemd/module_switch.h"
 
 // Opens what is closed of the three standard descriptors on /dev/null, so that no file of ours
@@ -25,7 +24,3 @@ void OpenSystemLog();
 // The process id file. Failing to write it is reported; the daemon runs on without.
 void CreatePidFile();
 void RemovePidFile();
-
-// The daemon's own words on standard error, before the trace exists: "<program>: KEMD-MAIN:
-// <text>".
-void Complain(char** argv, const char* format, ...) KEMD_PRINTF(2, 3);

@@ -6,6 +6,7 @@
 // Stands at the head of the daemon's own messages.
 inline constexpr const char* kTag = "KEMD";
 
+// The whole record is part of the build; not every field is shown.
 struct VersionRecord {
     const char* programName;
     const char* version;    // "major.minor-build"

@@ -59,7 +59,10 @@ bool CFileLock::Lock(const char* basePath, const char* ownerName, int32_t waitMs
     struct stat status {};
     if (stat(m_path.Get(), &status) == 0) {
         TRACE(3, "\nCFileLock::Lock     : lockfile %s EXISTS!\n", m_path.Get());
-        if (!IsFileLockable(retries)) return ReportHolder();
+        if (!ProbeFile(retries)) {
+            ReadHolder();
+            return false;
+        }
     } else {
         TRACE(3, "\nCFileLock::Lock     : lockfile %s does NOT exist!\n", m_path.Get());
         TRACE(3, "\nCFileLock::Lock     : fileIsLockable = %s\n", BoolText(true));
@@ -80,7 +83,7 @@ bool CFileLock::CreateDirectories(const std::string& directory) {
     return end < directory.size() || make(directory);
 }
 
-bool CFileLock::IsFileLockable(int32_t retries) {
+bool CFileLock::ProbeFile(int32_t retries) {
     errno = 0;
     m_fd = OpenToRead();
     if (m_fd < 0) {
@@ -143,12 +146,12 @@ bool CFileLock::CreateAndHold(const char* ownerName) {
     return true;
 }
 
-bool CFileLock::ReportHolder() {
+void CFileLock::ReadHolder() {
     errno = 0;
     m_fd = OpenToRead();
     if (m_fd < 0) {
         m_lastError = errno;
-        return false;
+        return;
     }
     m_isOpen = true;
     std::array<char, 255> text{};
@@ -159,7 +162,6 @@ bool CFileLock::ReportHolder() {
     }
     m_owner.assign(text.data(), static_cast<size_t>(length));
     CloseFile();
-    return false;
 }
 
 int CFileLock::OpenToRead() {

@@ -2,9 +2,8 @@
 // content names the owner ("kemd#4711").
 //
 // Single-threaded use. The lock belongs to the open file, so a child made by fork keeps it; the
-// file is removed when the object that holds it goes away. Results are bools, the reason is in
-// LastError(). The two steps "is it free" and "create it" are deliberately separate, and links are
-// followed.
+// file is removed when the object that holds it goes away. Results are bools. The two steps "is it
+// free" and "create it" are deliberately separate, and links are followed.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +22,8 @@ class CFileLock {
     // `waitMs` has no effect on a lock that another instance holds: that fails at once.
     [[nodiscard]] bool Lock(const char* basePath, const char* ownerName, int32_t waitMs);
 
-    // errno of the failing call of the last operation; 9 when no file was open.
+    // errno of the call on the lock file that failed last, 0 after a success. A refused or failing
+    // directory leaves it as it was.
     [[nodiscard]] int32_t LastError() const { return m_lastError; }
     // After a failed Lock: what the other instance's lock file says, at most 255 bytes.
     [[nodiscard]] const std::string& Owner() const { return m_owner; }
@@ -32,18 +32,18 @@ class CFileLock {
     static constexpr size_t kPathLength = 260;
 
     bool CreateDirectories(const std::string& directory);
-    bool IsFileLockable(int32_t retries);
+    bool ProbeFile(int32_t retries);
     bool TryLock(int32_t retries);
     bool CreateAndHold(const char* ownerName);
-    bool ReportHolder();
+    void ReadHolder();
     int OpenToRead();
     void CloseFile();
     void Unlock();
 
-    int32_t m_fd = -1;        // the destructor closes it
-    bool m_isOpen = false;    // m_fd is open
-    bool m_isLocked = false;  // this object placed the lock
-    bool m_isReleased = false;
+    int32_t m_fd = -1;          // the destructor closes it
+    bool m_isOpen = false;      // m_fd is open
+    bool m_isLocked = false;    // this object placed the lock
+    bool m_isReleased = false;  // readable in a core file
     FixedString<kPathLength + 1> m_path;
     int32_t m_lastError = 0;
     std::string m_owner;

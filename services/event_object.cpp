@@ -35,31 +35,47 @@ bool JoinNamed(EventHandle& handle, bool manualReset, const char* name) {
     return true;
 }
 
-// Initialises the condition variable and the mutex, or nothing. A failure is traced with `name`,
-// which the event itself does not carry yet.
+// Traces why an event could not be made. `name` is that of the event to be, which carries none yet.
+bool Fail(const EventObject& event, const char* name, const char* text, int ret) {
+    TRACE(3, text, ret, static_cast<const void*>(&event), NameOf(name), StateOf(event));
+    return false;
+}
+
+bool InitMutex(EventObject& event, const char* name) {
+    const int ret = pthread_mutex_init(&event.mutex, nullptr);
+    if (ret == 0) return true;
+    // Required: the text names the clock although this step is the mutex.
+    return Fail(event, name,
+                "pthread_mutex_init(), CLOCK_MONOTONIC: ## ERROR ##: failed (ret=%d) on event %p "
+                "<%s> (IsSignaled=%d)\n",
+                ret);
+}
+
+bool InitCondition(EventObject& event, const char* name) {
+    int ret = pthread_condattr_setclock(&event.condAttr, CLOCK_MONOTONIC);
+    if (ret != 0) {
+        return Fail(event, name,
+                    "pthread_condattr_setclock(): ## ERROR ##: Set CLOCK_MONOTONIC failed (ret=%d) "
+                    "for event %p <%s> (IsSignaled=%d)\n",
+                    ret);
+    }
+    ret = pthread_cond_init(&event.cond, &event.condAttr);
+    if (ret != 0) {
+        return Fail(event, name,
+                    "pthread_cond_init(), CLOCK_MONOTONIC: ## ERROR ##: failed (ret=%d) on event "
+                    "%p <%s> (IsSignaled=%d)\n",
+                    ret);
+    }
+    if (InitMutex(event, name)) return true;
+    pthread_cond_destroy(&event.cond);
+    return false;
+}
+
+// All or nothing.
 bool InitSynchronisation(EventObject& event, const char* name) {
     pthread_condattr_init(&event.condAttr);
-    const char* text =
-        "pthread_condattr_setclock(): ## ERROR ##: Set CLOCK_MONOTONIC failed (ret=%d) for event "
-        "%p <%s> (IsSignaled=%d)\n";
-    int ret = pthread_condattr_setclock(&event.condAttr, CLOCK_MONOTONIC);
-    if (ret == 0) {
-        text =
-            "pthread_cond_init(), CLOCK_MONOTONIC: ## ERROR ##: failed (ret=%d) on event %p <%s> "
-            "(IsSignaled=%d)\n";
-        ret = pthread_cond_init(&event.cond, &event.condAttr);
-        if (ret == 0) {
-            // Required: the text names the clock although this step is the mutex.
-            text =
-                "pthread_mutex_init(), CLOCK_MONOTONIC: ## ERROR ##: failed (ret=%d) on event %p "
-                "<%s> (IsSignaled=%d)\n";
-            ret = pthread_mutex_init(&event.mutex, nullptr);
-            if (ret == 0) return true;
-            pthread_cond_destroy(&event.cond);
-        }
-    }
+    if (InitCondition(event, name)) return true;
     pthread_condattr_destroy(&event.condAttr);
-    TRACE(3, text, ret, static_cast<void*>(&event), NameOf(name), StateOf(event));
     return false;
 }
 

@@ -31,22 +31,28 @@ bool ReturnsNormally(Call call) {
 
 }  // namespace
 
+bool SwitchBinding::OpenLibrary() {
+    // The declaration of dlopen promises not to throw, but an initialiser of the library may. The
+    // compiler must not see whom it calls, or it leaves the handler out.
+    void* (*volatile const open)(const char*, int) = dlopen;
+    const bool returned =
+        ReturnsNormally([&] { hLibrary = open("libswitch.so", RTLD_NOW | RTLD_GLOBAL); });
+    const int error = errno;
+    if (hLibrary != nullptr) return true;
+    TRACE(1, "LoadLibrary: ## ERROR:  %s\n",
+          returned ? dlerror() : "libswitch.so: exception in an initialiser");
+    lastError = error;
+    return false;
+}
+
 bool SwitchBinding::Load() {
-    if (hLibrary == nullptr) {
-        hLibrary = dlopen("libswitch.so", RTLD_NOW | RTLD_GLOBAL);
-        const int error = errno;
-        if (hLibrary == nullptr) {
-            TRACE(1, "LoadLibrary: ## ERROR:  %s\n", dlerror());
-            lastError = error;
-            return pInterface != nullptr;
-        }
-    }
+    if (hLibrary == nullptr && !OpenLibrary()) return pInterface != nullptr;
     Resolve(hLibrary, "SW_AddRef", pfnAddRef);
     Resolve(hLibrary, "SW_Release", pfnRelease);
     Resolve(hLibrary, "SW_QueryInterface", pfnQueryInterface);
     if (pfnQueryInterface == nullptr) return pInterface != nullptr;
-    bool found = false;
-    if (!ReturnsNormally([&] { found = pfnQueryInterface(0, &pInterface); }) || !found) {
+    uint8_t found = 0;
+    if (!ReturnsNormally([&] { found = pfnQueryInterface(0, &pInterface); }) || found == 0) {
         pInterface = nullptr;
     }
     return pInterface != nullptr;

@@ -12,7 +12,8 @@
 struct SwitchBinding {
     void (*pfnAddRef)();   // resolved, never called
     void (*pfnRelease)();  // null when the library has none
-    bool (*pfnQueryInterface)(int32_t identifier, IModuleSwitch** interface);
+    // A bool, tested as the 8 bits that a library in another language returns.
+    uint8_t (*pfnQueryInterface)(int32_t identifier, IModuleSwitch** interface);
     void* hLibrary;             // from dlopen; null while closed
     IModuleSwitch* pInterface;  // belongs to the library; null while not obtained
     int32_t lastError;          // errno right after a failed dlopen
@@ -23,6 +24,7 @@ struct SwitchBinding {
     bool UnloadModules(uint32_t options);
     // Drops the library's reference and closes it, at an orderly end.
     void Unload();
+    [[nodiscard]] bool OpenLibrary();
     // Closes the library without a further call into it, for every other way out.
     void CloseLibrary();
 };

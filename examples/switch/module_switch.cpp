@@ -91,16 +91,25 @@ bool ModuleSwitch::IsLoaded(const std::string& name) const {
                        [&](const Module& module) { return module.name == name; });
 }
 
+bool ModuleSwitch::HasEntry(const KemdModule* entry) const {
+    return std::any_of(m_modules.begin(), m_modules.end(),
+                       [&](const Module& module) { return module.entry == entry; });
+}
+
 void ModuleSwitch::LoadModule(const std::string& directory, const std::string& name) {
     void* library = nullptr;
     const std::string path = directory + "/" + name;
-    const bool returned = CallModule(
-        name, "cannot be loaded", [&] { library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL); });
+    // dlopen is declared not to throw, but an initialiser of the module may: the compiler must not
+    // see whom it calls, or it leaves the handler out.
+    void* (*volatile const open)(const char*, int) = dlopen;
+    const bool returned = CallModule(name, "cannot be loaded",
+                                     [&] { library = open(path.c_str(), RTLD_NOW | RTLD_LOCAL); });
     if (!returned) return;
     if (library == nullptr) return Report(name, "cannot be loaded", dlerror());
 
     const auto* entry = static_cast<const KemdModule*>(dlsym(library, "kemdModule"));
-    if (const char* reason = Refuse(entry)) {
+    const char* reason = HasEntry(entry) ? "it is loaded under another name" : Refuse(entry);
+    if (reason != nullptr) {
         Report(name, "is left out", reason);
         dlclose(library);
         return;
@@ -120,7 +129,6 @@ void ModuleSwitch::StartModule(Module& module) {
     module.started =
         CallModule(module.name, "failed to start", [&] { result = module.entry->start(); }) &&
         result == 0;
-    // Not unloaded before the end: what it began may still be running.
     module.failed = !module.started;
     if (module.started) {
         KemdTrace(kTag, 2, "module %s started", module.name.c_str());
@@ -133,15 +141,16 @@ void ModuleSwitch::StopAllModules() {
     for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
         if (!module->started) continue;
         module->started = false;
-        if (CallModule(module->name, "failed to stop", module->entry->stop)) {
-            KemdTrace(kTag, 2, "module %s stopped", module->name.c_str());
-        }
+        module->failed = !CallModule(module->name, "failed to stop", module->entry->stop);
+        if (!module->failed) KemdTrace(kTag, 2, "module %s stopped", module->name.c_str());
     }
 }
 
 bool ModuleSwitch::UnloadModules(uint32_t /*options*/) {
+    StopAllModules();
     for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
-        dlclose(module->library);
+        // What a failed start or stop left behind may still be running in there.
+        if (!module->failed) dlclose(module->library);
     }
     m_modules.clear();
     m_scanned = false;

@@ -28,11 +28,12 @@ class ModuleSwitch : public IModuleSwitch {
         std::string name;  // of the file
         void* library;     // from dlopen
         const KemdModule* entry;
-        bool failed;
+        bool failed;  // in start or stop
         bool started;
     };
 
     [[nodiscard]] bool IsLoaded(const std::string& name) const;
+    [[nodiscard]] bool HasEntry(const KemdModule* entry) const;
     void LoadModule(const std::string& directory, const std::string& name);
     static void StartModule(Module& module);
 

@@ -24,7 +24,8 @@ inline constexpr uint32_t kWaitForever = 0xFFFFFFFF;
 struct KEMD_API EventHandle {
     constexpr EventHandle() = default;
     ~EventHandle();
-    // A copy is open also when the source was closed, and empty when it was empty.
+    // A copy is open also when the source was closed, and empty when it was empty. Assigning gives
+    // up the reference held so far.
     EventHandle(const EventHandle& source);
     EventHandle& operator=(const EventHandle& source);
 
@@ -32,8 +33,9 @@ struct KEMD_API EventHandle {
     std::atomic<bool> closed{false};
 };
 
-// Fills in the handle: a new event, or the existing one of that name, which then keeps its own
-// state and reset mode. `name` may be null. The handle is empty on failure.
+// Fills in the handle, which gives up a reference that it held: a new event, or the existing one of
+// that name, which then keeps its own state and reset mode. `name` may be null. The handle is empty
+// on failure.
 KEMD_API void CreateEvent(EventHandle& handle, bool initialState, bool manualReset,
                           const char* name);
 // Gives an event new attributes; fails while threads wait on it.

@@ -5,9 +5,9 @@
  *     KEMD_MODULE = {KEMD_MODULE_VERSION, Start, Stop, NULL};
  *
  * All three functions are called on the daemon's initial thread, one module after the other, and
- * should return soon. Threads that a module starts inherit a signal mask without SIGINT, SIGTERM,
- * SIGHUP and SIGALRM, which only the daemon takes; they must have ended when `stop` returns,
- * because the module is unloaded after it.
+ * should return soon. Threads that a module starts inherit a signal mask in which SIGINT, SIGTERM,
+ * SIGHUP and SIGALRM are blocked, as only the daemon takes them; they must have ended when `stop`
+ * returns, because the module is unloaded after it.
  */
 #pragma once
 
@@ -18,10 +18,12 @@
 #define KEMD_MODULE_VERSION 1u
 
 struct KemdModule {
-    uint32_t version; /* KEMD_MODULE_VERSION; anything else is refused */
-    int (*start)(
-        void); /* 0, or a number that is traced: the module is then left out, not stopped */
-    void (*stop)(void); /* called once for each successful start, in reverse order of the starts */
+    /* KEMD_MODULE_VERSION; anything else is refused. */
+    uint32_t version;
+    /* 0, or a number that is traced: the module is then left out and not stopped. */
+    int (*start)(void);
+    /* Called once for each successful start, in reverse order of the starts. */
+    void (*stop)(void);
     /* May be null. 0x20000: the daemon is about to stop, data is null. 0x30000: the system halts or
      * reboots, data is the address of an int32_t, 0 for halt and 6 for reboot. */
     void (*notify)(uint32_t code, const void* data);
