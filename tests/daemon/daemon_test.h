@@ -1,0 +1,50 @@
+// A fixture that runs the real daemon on its real paths, one after the other, with the switch
+// library that a test asks for. Traced at level 3, with start-up and run-time ring buffers; the
+// start-up one stays readable because the daemon finds no gzip.
+#pragma once
+
+#include <sys/types.h>
+
+#include <csignal>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tests/world.h"
+
+class DaemonTest : public testing::Test {
+  protected:
+    static constexpr const char* kPidFile = "/var/run/kemd.pid";
+    static constexpr const char* kLockFile = "/var/lock/kemd.lock";
+
+    void SetUp() override;
+    void TearDown() override;
+
+    // "c" or "throwing" of the tests, or "reference"; `script`: see script.h.
+    void UseSwitch(const std::string& name, const std::string& script = "");
+
+    // The process id of the started program. `prepare` runs in it before the daemon does.
+    pid_t Start(const std::vector<std::string>& arguments, void (*prepare)() = nullptr);
+    // Starts in the foreground and waits until the daemon waits for signals.
+    pid_t Run(const std::vector<std::string>& arguments = {});
+    // The exit status, or 1000 and the number of the signal that ended the process.
+    int WaitForExit(pid_t pid);
+    int Stop(pid_t pid, int signal = SIGTERM);
+    void Kill(pid_t pid);
+    // The daemon in the background: who wrote the process id file. Waits for the file.
+    pid_t PidFromFile();
+
+    static std::string Complaints();  // standard error of the last start
+    static std::string Calls() { return ReadFile("/tmp/calls"); }
+    [[nodiscard]] std::string Log() const { return ReadFile(m_logDirectory + "/log.kemd"); }
+    // Both ring buffers, one behind the other.
+    [[nodiscard]] std::string Trace() const;
+    [[nodiscard]] bool WaitForLog(const std::string& text) const;
+    [[nodiscard]] static bool WaitForCall(const std::string& name);
+
+    std::map<std::string, std::string> m_environment;
+    std::string m_logDirectory = "/var/log/orvmon";
+
+  private:
+    std::vector<pid_t> m_running;
+};

@@ -1,0 +1,60 @@
+// A switch library that throws where the script says so: an exception type of its own that the
+// daemon cannot know, or with the word "odd" one that is not even a std::exception.
+#include <exception>
+#include <string>
+
+#include "kemd/api.h"
+#include "kemd/module_switch.h"
+#include "tests/daemon/script.h"
+
+namespace {
+
+class LibraryError : public std::exception {
+  public:
+    explicit LibraryError(const char* word) : m_text(std::string("library says ") + word) {}
+    [[nodiscard]] const char* what() const noexcept override { return m_text.c_str(); }
+
+  private:
+    std::string m_text;
+};
+
+struct Oddity {
+    std::string text = "odd";
+};
+
+void Call(const char* word) {
+    Record("%s", word);
+    if (!Scripted(word)) return;
+    if (Scripted("odd")) throw Oddity();
+    throw LibraryError(word);
+}
+
+class ThrowingSwitch : public IModuleSwitch {
+  public:
+    bool LoadModules(ModuleLoadParams* /*params*/) override { return Call("load"), true; }
+    bool UnloadModules(uint32_t /*options*/) override { return Call("unload"), true; }
+    void StartAllModules() override { Call("start"); }
+    void StopAllModules() override { Call("stop"); }
+    void NotifyModules(uint32_t /*code*/, void* /*data*/, uint32_t /*word*/) override {
+        Call("notify");
+    }
+};
+
+ThrowingSwitch g_switch;
+
+}  // namespace
+
+extern "C" {
+
+KEMD_API void SW_AddRef() {}
+
+KEMD_API void SW_Release() {
+    Record("SW_Release");
+}
+
+KEMD_API bool SW_QueryInterface(int32_t /*identifier*/, IModuleSwitch** interface) {
+    *interface = &g_switch;
+    return true;
+}
+
+}  // extern "C"

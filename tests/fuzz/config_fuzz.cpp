@@ -1,0 +1,58 @@
+// Feeds any bytes to the reader of trace configuration files. With clang and KEMD_FUZZ a libFuzzer
+// target; replay.cpp runs the same function over the files of tests/fuzz/corpus.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+#include <vector>
+
+#include "trace/config_text.h"
+
+namespace {
+
+void Require(bool condition, const char* what) {
+    if (condition) return;
+    std::fprintf(stderr, "config_fuzz: %s\n", what);
+    std::abort();
+}
+
+// Whether the part lies inside the whole.
+bool Inside(std::string_view part, std::string_view whole) {
+    return part.data() >= whole.data() && part.data() + part.size() <= whole.data() + whole.size();
+}
+
+void ReadSection(std::string_view section) {
+    for (const std::string_view key : {"FileDebugLevel", "RingBufferDirectory", "a", ""}) {
+        for (const size_t limit : {0, 1, 64, 256}) {
+            const auto value = FindConfigValue(section, key, limit);
+            Require(!value || (Inside(*value, section) && value->size() <= limit), "value outside");
+            Require(!value || value->find_first_of("\r\n") == value->npos, "value with a line end");
+        }
+        const bool present = FindConfigValue(section, key, 64).has_value();
+        const int32_t number = FindConfigNumber(section, key, -77);
+        Require(present || number == -77, "number without a value");
+        Require(number == FindConfigNumber(section, key, number), "number depends on the fallback");
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::vector<char> copy(data, data + size);  // of exactly this size, for the sanitizers
+    const std::string_view file(copy.data(), copy.size());
+    const auto text = AcceptConfigText(file);
+    Require(!text || (Inside(*text, file) && text->ends_with(']')), "text outside");
+    for (const std::string_view source : {text.value_or(""), file}) {
+        for (const std::string_view name : {"kemd", "GlobalDebugSettings", ""}) {
+            const auto section = FindConfigSection(source, name);
+            if (!section) continue;
+            Require(Inside(*section, source), "section outside");
+            Require(section->find('[') == section->npos, "section with a header");
+            ReadSection(*section);
+        }
+    }
+    ReadSection(file);
+    return 0;
+}

@@ -1,0 +1,89 @@
+// Runs with tests/services/status.in as /proc/1/status, so that every figure is known.
+#include "services/base/process_status.h"
+
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <map>
+#include <tuple>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr pid_t kNobody = 0x7FFFFFFF;
+
+TEST(ProcessStatus, ValueByKeyUnitAndSteps) {
+    // Process, key, scale steps, what the caller left in the value, what it must be then.
+    const std::vector<std::tuple<pid_t, const char*, uint32_t, uint64_t, uint64_t>> rows = {
+        {1, "VmRSS:", 0, 0, 2048 * 1024},
+        {1, "VmRSS:", 1, 0, 2048},
+        {1, "VmRSS:", 2, 0, 2},
+        {1, "VmRSS:", 7, 0, 0},
+        {1, "VmRSS:", ~0u, 0, 0},
+        {1, "VmRSS", 0, 0, 5},
+        {1, "VmRS", 1, 0, 0},
+        {1, "mRSS:", 1, 0, 0},
+        {1, "VmPeak:", 1, 0, 20 * 1024},
+        {1, "VmSize:", 3, 0, 3},
+        {1, "VmSwap:", 0, 0, 12},
+        {1, "VmStk:", 0, 0, 7},
+        {1, "VmExe:", 0, 77, 0},  // found, but no number
+        {1, "VmHWM:", 0, 0, 0},   // stands inside a long line only
+        {1, "Last:", 0, 0, 9},    // without a line end
+        {1, "Nothing:", 1, 4096, 4},
+        {kNobody, "VmRSS:", 1, 0, 0},
+        {-1, "VmRSS:", 1, 3000, 2}};
+    for (const auto& [process, key, steps, initial, expected] : rows) {
+        uint64_t value = initial;
+        ReadProcStatusValue(process, value, key, steps);
+        EXPECT_EQ(expected, value) << process << " " << key << " " << steps;
+    }
+}
+
+TEST(ProcessStatus, MemoryInfo) {
+    ProcessMemoryInfo info = {1, 2, 3, 4, 5};
+    EXPECT_TRUE(GetProcessMemoryInfo(1, info));
+    EXPECT_EQ(uint64_t{3} << 30, info.size);
+    EXPECT_EQ(uint64_t{20} << 20, info.peak);
+    EXPECT_EQ(12u, info.swap);
+    EXPECT_EQ(0u, info.reserved);
+    EXPECT_EQ((uint64_t{3} << 30) - 0x7FFFFFFFFFFFFFFF, info.sizeLessShared);
+
+    EXPECT_FALSE(GetProcessMemoryInfo(kNobody, info));
+    EXPECT_EQ(0u, info.size + info.peak + info.swap + info.reserved + info.sizeLessShared);
+}
+
+TEST(ProcessStatus, FindsProcessesByTheirWholeName) {
+    prctl(PR_SET_NAME, "a child");  // it inherits the name, so it has it from its first moment
+    const pid_t child = fork();
+    if (child == 0) _exit(pause());
+    prctl(PR_SET_NAME, "test");
+    const std::map<const char*, int32_t> rows = {
+        {"a child", child}, {"test", 1}, {"a chil", -1}, {"", -1}};
+    for (const auto& [name, expected] : rows) {
+        int32_t found = 1234;
+        EXPECT_EQ(expected > 0, FindProcessByName(found, name)) << name;
+        EXPECT_EQ(expected, found) << name;
+    }
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+}
+
+TEST(ProcessStatus, ProgramPathAndFirstLine) {
+    std::string text = "old";
+    EXPECT_TRUE(GetProcessExePath(text, 1));
+    EXPECT_EQ("/test/process_status_test", text);
+    EXPECT_FALSE(GetProcessExePath(text, kNobody));
+    EXPECT_EQ("", text);
+    EXPECT_TRUE(ReadProcFileLine(1, "status", text));
+    EXPECT_EQ("Name:\tkemd", text);
+    EXPECT_FALSE(ReadProcFileLine(1, "nothing", text));
+    EXPECT_EQ("", text);
+    EXPECT_FALSE(ReadProcFileLine(kNobody, "comm", text));
+}
+
+}  // namespace

@@ -1,0 +1,214 @@
+#include "trace/debug.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+
+#include <cstdlib>
+#include <iterator>
+#include <sstream>
+#include <thread>
+
+#include "kemd/trace.h"
+#include "tests/trace/trace_world.h"
+
+namespace {
+
+class DebugTest : public TraceTest {
+  protected:
+    void TearDown() override { Debug.Close(); }
+
+    // The records of a ring file, behind those of its opening, up to the newest one.
+    static std::string RingRecords(const std::string& path) {
+        const std::string file = ReadFile(path), start = "### Start of initialization. ###\n";
+        const size_t begin = file.find(start) + start.size();
+        return file.substr(begin, file.find(kTrailer, begin) - begin);
+    }
+    // Whether these are the new records since the last call.
+    void ExpectNew(const Lines& ring, const Lines& log) {
+        m_ring += Records(ring);
+        m_log += Records(log);
+        EXPECT_EQ(m_ring, RingRecords(kStartupRing));
+        EXPECT_EQ(m_log, ReadFile(kLog));
+    }
+
+  private:
+    std::string m_ring, m_log;
+};
+
+TEST_F(DebugTest, BeforeInitAndAfterCloseNothingIsWrittenAndNothingFails) {
+    const auto useAll = [&] {
+        EXPECT_TRUE(debug.IsAvailable());
+        for (const unsigned target : {kTargetNone, kTargetLog, kTargetRing}) {
+            debug.SetTraceTarget(target);
+            debug.Trace(0, "lost");
+            debug.Message("lost");
+            debug.Message(1, "lost");
+            debug.SetCommandLine(0, nullptr);
+            debug.WriteHeader(static_cast<TraceTarget>(target));
+        }
+        debug.SwitchTrace(false);
+    };
+    useAll();
+    debug.InitDone();
+    EXPECT_TRUE(fs::is_empty("/var/log/orvmon"));
+    ASSERT_TRUE(StartRing(debug));
+    debug.Close();
+    useAll();
+    debug.Close();
+    ExpectNew({}, {});
+}
+
+TEST_F(DebugTest, TargetSaysWhereRecordsGo) {
+    ASSERT_TRUE(StartRing(debug));
+    for (const unsigned target :
+         {kTargetRing, kTargetLog, kTargetNone, TraceTarget{3}, kTargetRing}) {
+        debug.SetTraceTarget(target);
+        debug.Trace(5, "a");
+        debug.Trace(6, "above the level");
+        debug.Message("\nb\n");
+        debug.Message(1000, "c");
+        ExpectNew(target == kTargetRing ? Lines{"a", "b", "c"} : Lines{},
+                  target == kTargetLog ? Lines{"a", "b", "c"} : Lines{"b", "c"});
+    }
+    debug.SetTraceTarget(kTargetLog);
+    debug.InitDone();  // the ring buffers are switched only while they are the target
+    EXPECT_FALSE(fs::exists(kRuntimeRing));
+}
+
+TEST_F(DebugTest, SwitchTraceStopsAllLevelsButZeroAndRestoresTheConfiguredOne) {
+    ASSERT_TRUE(StartRing(debug));
+    const auto traceAll = [&] {
+        for (unsigned level = 0; level < 8; ++level) debug.Trace(level, "%u", level);
+    };
+    for (int i = 0; i < 2; ++i) {
+        traceAll();
+        ExpectNew({"0", "1", "2", "3", "4", "5"}, {});
+        EXPECT_TRUE(debug.SwitchTrace(false));
+        EXPECT_FALSE(debug.IsTraceOn());
+        traceAll();
+        ExpectNew({"0"}, {});
+        EXPECT_TRUE(debug.SwitchTrace(true));
+        EXPECT_TRUE(debug.IsTraceOn());
+    }
+}
+
+TEST_F(DebugTest, SecondInitClosesWhatWasOpen) {
+    ASSERT_TRUE(StartRing(debug));
+    const auto open = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+    const auto before = open();
+    for (const char* name : {"other", "", "kemd"}) ASSERT_TRUE(debug.Init(name)) << name;
+    debug.InitDone();
+    EXPECT_EQ(before, open());
+    EXPECT_EQ(FD_CLOEXEC, fcntl(DescriptorOf(kRuntimeRing), F_GETFD));
+    EXPECT_EQ(FD_CLOEXEC, fcntl(DescriptorOf(kLog), F_GETFD));
+    debug.Close();
+    EXPECT_EQ(before - 2, open());
+}
+
+TEST_F(DebugTest, VirtualSlots) {
+    const auto slot = [&](size_t number) { return (*reinterpret_cast<void***>(&debug))[number]; };
+    using Levelled = void (*)(CDebug*, unsigned, const char*, ...);
+    using Prepared = void (*)(CDebug*, const char*, va_list, const char*);
+    Configure("MemoryTracesFlag = 0");
+    EXPECT_TRUE(reinterpret_cast<bool (*)(CDebug*)>(slot(2))(&debug));
+    EXPECT_TRUE((reinterpret_cast<bool (*)(CDebug*, const char*)>(slot(3))(&debug, "kemd")));
+    debug.SetTraceTarget(kTargetLog);
+    va_list none{};
+    reinterpret_cast<Levelled>(slot(4))(&debug, 0, "%d", 4);
+    reinterpret_cast<void (*)(CDebug*, const char*, ...)>(slot(5))(&debug, "%d", 5);
+    reinterpret_cast<Levelled>(slot(6))(&debug, 9, "%d", 6);
+    reinterpret_cast<Prepared>(slot(7))(&debug, "7", none, nullptr);
+    reinterpret_cast<Prepared>(slot(8))(&debug, "8", none, "tag");
+    EXPECT_EQ(Records({"4", "5", "6", "7"}) + Record("8", "tag"), ReadFile(kLog));
+}
+
+TEST_F(DebugTest, ConstructorReportsAFailureToTheSystemLog) {
+    SyslogReader syslog;
+    ASSERT_TRUE(StartRing(debug));
+    EXPECT_TRUE(CDebug("kemd").IsTraceOn());
+    EXPECT_EQ("", syslog.Next());
+    fs::remove(kStartupRing);
+    fs::create_directory(kStartupRing);
+    EXPECT_FALSE(CDebug("kemd").IsTraceOn());
+    EXPECT_EQ("<11> ERROR: Error during initialization of the CDebug instance.\n", syslog.Next());
+}
+
+TEST_F(DebugTest, ModulesTraceUnderTheirTag) {
+    KemdMessage("early", "lost");
+    EXPECT_EQ(0, KemdTraceOn());
+    ASSERT_TRUE(StartRing(Debug));
+    EXPECT_EQ(1, KemdTraceOn());
+    KemdTrace("module", 5, "\n%d %s", 1, "one");
+    KemdTrace("module", 6, "above the level");
+    KemdTrace(nullptr, 1, "two");
+    KemdMessage("module", "three");
+    Debug.SwitchTrace(false);
+    KemdTrace("module", 0, "switched off");
+    EXPECT_EQ(Record("1 one", "module") + Record("two") + Record("three", "module"),
+              RingRecords(kStartupRing));
+    EXPECT_EQ(Record("three", "module"), ReadFile(kLog));
+}
+
+TEST_F(DebugTest, HostileEnvironmentIsSurvived) {
+    for (const size_t length : {300, 4096}) {
+        const std::string value = "/" + std::string(length, '%');
+        for (const char* name : {"OV_LOG_RINGBUF_DIR", "OV_LOG_FILE_MAX_SIZE", "OV_SYSTEM",
+                                 "AgentShut", "OV_LOG_RINGBUF_WEIGHT_KEMD"}) {
+            setenv(name, value.c_str(), 1);
+        }
+        setenv("OV_LOG_NOHDR_TOSDTERR", "0", 1);
+        EXPECT_TRUE(StartRing(debug));  // the own weight variable is 0
+        debug.InitDone();
+        EXPECT_EQ(value.substr(0, 255), debug.InForce().logDirectory.Get());
+        std::array<char, 30> prefix{};
+        EXPECT_EQ(136, debug.FormatLinePrefix(prefix.data(), prefix.size(),
+                                              std::string(100, 't').c_str()));
+        EXPECT_EQ(Prefix().substr(0, 29), prefix.data());
+    }
+}
+
+TEST_F(DebugTest, ConcurrentRecordsAreWholeAndCompleteAcrossTheEndOfStartup) {
+    ASSERT_TRUE(StartRing(debug));
+    constexpr size_t kThreads = 4, kRecords = 2000;
+    std::vector<std::thread> threads;
+    for (size_t id = 0; id < kThreads; ++id) {
+        threads.emplace_back([this, id] {
+            for (size_t i = 0; i < kRecords; ++i) debug.Trace(1, "thread %zu record %zu", id, i);
+        });
+    }
+    debug.InitDone();  // the others wait while the file is compressed
+    for (std::thread& thread : threads) thread.join();
+    ASSERT_EQ(0, system(("gzip -d " + kStartupRing).c_str()));
+
+    std::istringstream lines(RingRecords(kStartupRing) + RingRecords(kRuntimeRing));
+    std::vector<size_t> next(kThreads, 0);
+    size_t count = 0;
+    for (std::string line; std::getline(lines, line); ++count) {
+        const std::string text = line.substr(Prefix().size());
+        size_t id = 0;
+        if (sscanf(text.c_str(), "thread %zu", &id) != 1) continue;
+        EXPECT_EQ("thread " + std::to_string(id) + " record " + std::to_string(next.at(id)++),
+                  text);
+    }
+    EXPECT_EQ(std::vector<size_t>(kThreads, kRecords), next);
+    EXPECT_EQ(kThreads * kRecords + 1, count);  // and the record that ends the start-up
+}
+
+TEST_F(DebugTest, CancelledThreadLeavesTheLockFreeAndIsCancelled) {
+    ASSERT_TRUE(StartRing(debug));
+    const auto run = [](void* object) -> void* {
+        pthread_cancel(pthread_self());  // acts at the next cancellation point
+        static_cast<CDebug*>(object)->Message("to the file");  // ... which must not be in here
+        pthread_testcancel();
+        return nullptr;
+    };
+    pthread_t thread{};
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, run, &debug));
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    debug.Message("the lock is free");
+    EXPECT_TRUE(InOrder(ReadFile(kLog), {"to the file\n", Record("the lock is free")}));
+}
+
+}  // namespace

@@ -1,0 +1,109 @@
+#include "trace/log_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "tests/trace/trace_world.h"
+
+namespace {
+
+class LogFileTest : public TraceTest {
+  protected:
+    void Start(size_t limit) {
+        Configure("MemoryTracesFlag = 0");
+        setenv("OV_LOG_FILE_MAX_SIZE", std::to_string(limit).c_str(), 1);
+        ASSERT_TRUE(debug.Init("kemd"));
+        m_limit = limit;
+        model.clear();
+        position = startupEnd = cycle = 0;
+    }
+    // Writes one record, to the model as the file's contract has it.
+    void Put(const std::string& text, const std::string& tag) {
+        Send(debug, tag.c_str(), "%s", text.c_str());
+        Write(Record(text, tag));
+        if (position <= m_limit) return;
+        position = startupEnd;
+        const std::string count = std::to_string(startupEnd);
+        Write(Record("------ WRAP ----- Cycle=" + std::to_string(++cycle) +
+                         ", CntInitEnd=" + count + ", CurrentByteCnt=" + count +
+                         " (MaxCnt=" + std::to_string(m_limit) + ")",
+                     tag));
+    }
+    void PutMany(int first, int last) {
+        for (int i = first; i < last; ++i) {
+            SetClock(kStart + i);
+            Put(std::to_string(i) + std::string(static_cast<size_t>(i % 40), '-'),
+                i % 2 == 0 ? "even" : "odd");
+        }
+        EXPECT_EQ("", Difference(model, ReadFile(kLog)));
+    }
+    std::string model;
+    size_t position = 0, startupEnd = 0, cycle = 0;
+
+  private:
+    void Write(const std::string& record) {
+        model.replace(position, record.size(), record);
+        position += record.size();
+    }
+    size_t m_limit = 0;
+};
+
+TEST_F(LogFileTest, WrapsToItsStartDuringStartupAndBehindTheStartupPartLater) {
+    Start(1500);
+    PutMany(0, 75);
+    EXPECT_EQ(3u, cycle);
+    debug.InitDone();
+    startupEnd = position;
+    PutMany(75, 200);
+    debug.InitDone();  // a second one changes nothing
+    PutMany(200, 300);
+    EXPECT_GT(cycle, 10u);
+}
+
+TEST_F(LogFileTest, LimitIsPassedByOneRecordAtMost) {
+    const size_t three = 3 * Record("abc").size();
+    for (const size_t limit :
+         {size_t{0}, size_t{1}, three - 1, three, three + 1, size_t{0xFFFFFFFF}}) {
+        Start(limit);
+        for (int i = 0; i < 8; ++i) Put("abc", "kemd");
+        EXPECT_EQ(model, ReadFile(kLog)) << limit;
+    }
+}
+
+TEST_F(LogFileTest, EachInitTruncatesTheFile) {
+    WriteFile(kLog, std::string(5000, 'o'));
+    Start(51200);
+    debug.Message("first");
+    ASSERT_TRUE(debug.Init("KeMd"));  // the file's name is in lower case
+    debug.Message("second");
+    EXPECT_EQ(Record("second", "KeMd"), ReadFile(kLog));
+}
+
+TEST_F(LogFileTest, OpenFailureGoesToTheSystemLogOnceAndNothingElseFails) {
+    SyslogReader syslog;
+    fs::remove_all("/var/log/orvmon");
+    Start(51200);
+    debug.Message("lost");
+    debug.SetTraceTarget(kTargetLog);
+    debug.Trace(0, "lost");
+    debug.InitDone();
+    EXPECT_EQ("<11> ERROR: Error during opening " + kLog + " --> proceed without it\n",
+              syslog.Next());
+    EXPECT_EQ("", syslog.Next());
+}
+
+TEST_F(LogFileTest, FileThatCannotSeekIsRewound) {
+    SyslogReader syslog;
+    ASSERT_EQ(0, mkfifo(kLog.c_str(), 0600));
+    Start(10);
+    Put("abc", "kemd");
+    const UniqueFd fifo(open(kLog.c_str(), O_RDONLY | O_NONBLOCK));
+    std::string content(1000, '\0');
+    content.resize(static_cast<size_t>(
+        std::max<ssize_t>(0, read(fifo.Get(), content.data(), content.size()))));
+    EXPECT_EQ(Record("abc") + model, content);
+    EXPECT_EQ("<11> ERROR: fseek failed for " + kLog + " (errno=29) --> rewind it\n",
+              syslog.Next());
+}
+
+}  // namespace

@@ -1,0 +1,259 @@
+#include "trace/ring_buffer.h"
+
+#include <csignal>
+#include <cstdlib>
+
+#include "tests/trace/trace_world.h"
+
+namespace {
+
+constexpr size_t kSize = size_t{1} << 20;  // factor 1, weight 1, pages of 4 KiB
+
+// A ring file as docs/trace-files.md draws it.
+struct RingModel {
+    std::string file;
+    Lines header;
+    size_t offset = 0;
+    size_t restart = 0;
+
+    RingModel(size_t size, const Lines& texts) : header(texts) {
+        for (size_t line = 0; line < size / 1024; ++line) {
+            file += Prefix() + std::string(1023 - Prefix().size(), '_') + "\n";
+        }
+        for (const std::string& text : header) Copy(Record(text));
+        offset = (offset + 2048) & ~size_t{1023};
+        Put("### Begin of RingBuffer. ###");
+        restart = offset;
+        Put("### Start of initialization. ###");
+    }
+    void Copy(const std::string& record) {
+        file.replace(offset, record.size(), record);
+        offset += record.size();
+        file.replace(offset, kTrailer.size(), kTrailer);
+    }
+    void Put(const std::string& text) {
+        if (offset + 16 + Record(text).size() > file.size()) {
+            file.replace(offset, file.npos, file.size() - offset, '.');
+            offset = 0;
+            for (const std::string& line : header) Copy(Record(line));
+            offset = restart;
+        }
+        Copy(Record(text));
+    }
+};
+
+class RingTest : public TraceTest {
+  protected:
+    // The header of a ring file that StartRing opened.
+    static Lines Header(const std::string& path, Text initDone,
+                        const std::map<std::string, std::string>& set = {}) {
+        const std::string fd = std::to_string(DescriptorOf(path)),
+                          size = path == kStartupRing ? "4194304" : "1048576";
+        return HeaderTexts(set, {"-1", "5", "1", "1", "", "-1"},
+                           {"1", "2", "5", "5", initDone, kLog, "51200", fd, "1", "1", size,
+                            "/var/log/orvmon", kRuntimeRing, "1"});
+    }
+    // The model of a run-time ring that was just opened; later headers show its end of start-up.
+    RingModel StartRuntime() {
+        EXPECT_TRUE(StartRing(debug));
+        debug.InitDone();
+        RingModel model(kSize, Header(kRuntimeRing, "0"));
+        model.header = Header(kRuntimeRing, "1");
+        return model;
+    }
+    void Put(RingModel& model, const std::string& text) {
+        debug.Trace(5, "%s", text.c_str());
+        model.Put(text);
+    }
+    void ExpectOff() {
+        EXPECT_EQ(0u, debug.TraceLevel() + debug.SavedTraceLevel());
+        EXPECT_FALSE(debug.IsTraceOn());
+        const std::string before = ReadFile(kLog);
+        debug.Trace(0, "lost");
+        debug.Message("kept");
+        EXPECT_EQ(before + Record("kept"), ReadFile(kLog));
+    }
+};
+
+TEST_F(RingTest, StartupFile) {
+    const std::string value(4096, '%');  // the ring keeps long header lines whole
+    setenv("OV_REPO", value.c_str(), 1);
+    ASSERT_TRUE(StartRing(debug));
+    RingModel model(4 * kSize, Header(kStartupRing, "0", {{"OV_REPO", value}}));
+    SetClock(kStart + 5);
+    Put(model, "first");
+    debug.Trace(6, "above the level");
+    debug.Trace(1, nullptr);
+    Put(model, "last");
+    EXPECT_EQ("", Difference(model.file, ReadFile(kStartupRing)));
+    EXPECT_EQ("", ReadFile(kLog));
+    EXPECT_FALSE(fs::exists(kRuntimeRing));
+}
+
+TEST_F(RingTest, RecordThatJustFitsStaysAndOneByteMoreStartsACycle) {
+    for (const size_t extra : {0, 1}) {
+        SetClock(kStart);
+        RingModel model = StartRuntime();
+        for (int cycle = 1; cycle <= 3; ++cycle) {
+            SetClock(kStart + cycle);  // a header that was not written again would show
+            while (kSize - model.offset > 1000)
+                Put(model, std::string(kSize - model.offset > 2000 ? 700 : 9, 'a'));
+            Put(model, std::string(kSize - model.offset - Record("").size() - 16 + extra, 'b'));
+            EXPECT_EQ(extra == 0, model.offset == kSize - 16);
+            ASSERT_EQ("", Difference(model.file, ReadFile(kRuntimeRing)));
+            Put(model, "next");
+            ASSERT_EQ("", Difference(model.file, ReadFile(kRuntimeRing)));
+        }
+    }
+}
+
+TEST_F(RingTest, LongRecordsAreWholeUpToATenthOfTheRing) {
+    RingModel model = StartRuntime();
+    for (const size_t length : {1023, 1024, 1025, 5000, 104856, 104857, 1000000}) {
+        const std::string text(length, 'x');
+        debug.Trace(1, "\n%s\n", text.c_str());  // its line feed counts as a character
+        model.Put(length < 104857 ? text
+                                  : text.substr(0, 1024) +
+                                        "\n## WARNING: TRACE-SIZE TOO BIG: Output Truncated!");
+        Put(model, "between");
+    }
+    for (int i = 0; i < 25; ++i)
+        Put(model, std::string(104857, 'y'));  // they wait while a header is written
+    EXPECT_EQ("", Difference(model.file, ReadFile(kRuntimeRing)));
+}
+
+TEST_F(RingTest, InitDoneCompressesTheStartupFileAndOpensTheRuntimeFile) {
+    ASSERT_TRUE(StartRing(debug));
+    RingModel startup(4 * kSize, Header(kStartupRing, "0"));
+    std::string program = "/usr/sbin/kemd";
+    std::array<char*, 1> arguments = {program.data()};
+    debug.SetCommandLine(1, arguments.data());
+    Lines header = {"kemd Command Line Options:", "argv[0] = \"/usr/sbin/kemd\""};
+    EXPECT_EQ(Records(header), ReadFile(kLog));
+    for (const std::string& line : header) startup.Put(line);
+    debug.InitDone();
+    startup.Put("### End of initialization. ###");
+    EXPECT_FALSE(fs::exists(kStartupRing));
+    EXPECT_EQ(0, system(("gzip -d " + kStartupRing).c_str()));
+    EXPECT_EQ("", Difference(startup.file, ReadFile(kStartupRing)));
+
+    const Lines rest = Header(kRuntimeRing, "0");
+    header.insert(header.end(), rest.begin(), rest.end());
+    RingModel model(kSize, header);
+    Put(model, "first");
+    debug.InitDone();  // a second one changes nothing
+    Put(model, "second");
+    EXPECT_EQ("", Difference(model.file, ReadFile(kRuntimeRing)));
+    EXPECT_TRUE(debug.IsTraceOn());
+}
+
+TEST_F(RingTest, DirectoryNameNeverBecomesACommand) {
+    for (const std::string directory :
+         {"/tmp/a b", "/tmp/$(touch x)", "/tmp/a'; touch x; '", "/tmp/`touch x`&"}) {
+        fs::create_directories(directory);
+        setenv("OV_LOG_RINGBUF_DIR", directory.c_str(), 1);
+        ASSERT_TRUE(StartRing(debug));
+        debug.InitDone();
+        EXPECT_TRUE(fs::exists(directory + "/log.kemd_i.gz")) << directory;
+        EXPECT_FALSE(fs::exists("x"));
+    }
+}
+
+TEST_F(RingTest, SizeFollowsFactorAndWeight) {
+    // Factor, weight, the module's own weight; the factor stored; MiB of the start-up file, where 0
+    // is none and -1 refused.
+    const std::vector<std::tuple<Text, Text, Text, int32_t, int64_t>> rows = {
+        {"1", "1", nullptr, 1, 4},    {"5", "1", nullptr, 2, 8},
+        {"1", "1", "3", 1, 12},       {"1", "0", nullptr, 1, 0},
+        {"0", "1", nullptr, 0, 0},    {"1", "1", "", 1, 0},
+        {"1", "1", "0x2", 1, 0},      {"2", "-2147483648", nullptr, 2, 0},
+        {"1", "512", nullptr, 1, -1}, {"-1", "1", nullptr, -1, -1},
+        {"2", "-1", nullptr, 2, -1},  {"2", "2147483647", nullptr, 2, -1}};
+    Configure("FileDebugLevel=5\nMemoryTracesFlag=0");
+    for (const auto& [factor, weight, own, stored, size] : rows) {
+        SCOPED_TRACE(std::string(factor) + " x " + weight);
+        setenv("TraceFileLimit", factor, 1);
+        setenv("OV_LOG_RINGBUF_WEIGHT", weight, 1);
+        SetOrUnset("OV_LOG_RINGBUF_WEIGHT_KEMD", own);
+        EXPECT_EQ(size >= 0, debug.Init("kemd"));
+        EXPECT_EQ(stored, debug.InForce().ringFactor);
+        std::error_code none;
+        EXPECT_EQ(size > 0 ? size << 20 : -1,
+                  static_cast<int64_t>(fs::file_size(kStartupRing, none)));
+        const std::string refused =
+            Prefix() + "### InitRingBuffer(): mmap of " + kStartupRing + " failed (errno=";
+        EXPECT_EQ(size < 0, ReadFile(kLog).starts_with(refused));
+        if (size <= 0) ExpectOff();
+        fs::remove(kStartupRing);
+    }
+}
+
+TEST_F(RingTest, FileThatCannotBeOpenedSwitchesTracingOff) {
+    const auto record = [](const std::string& path) {
+        return Record("### InitRingBuffer(): open of " + path +
+                      " failed (errno=21; Is a directory) ###");
+    };
+    fs::create_directory(kStartupRing);
+    EXPECT_FALSE(StartRing(debug));
+    EXPECT_EQ(record(kStartupRing), ReadFile(kLog));
+    ExpectOff();
+
+    fs::remove(kStartupRing);
+    fs::create_directory(kRuntimeRing);
+    EXPECT_TRUE(StartRing(debug));
+    debug.InitDone();
+    EXPECT_EQ(record(kRuntimeRing), ReadFile(kLog));
+    EXPECT_TRUE(fs::exists(kStartupRing + ".gz"));
+    ExpectOff();
+}
+
+TEST_F(RingTest, FileThatCannotBeFilledSwitchesTracingOff) {
+    signal(SIGXFSZ, SIG_IGN);
+    {
+        const LoweredLimit size(RLIMIT_FSIZE, kSize - 512);
+        EXPECT_FALSE(StartRing(debug));
+    }
+    EXPECT_EQ(Record("### InitRingBuffer(): (2) write m_InternalDebugBuffer to " + kStartupRing +
+                     " failed ###"),
+              ReadFile(kLog));
+    EXPECT_EQ(-1, DescriptorOf(kStartupRing));
+    ExpectOff();
+}
+
+TEST_F(RingTest, CompressionThatCannotBeStartedIsRecorded) {
+    ASSERT_TRUE(StartRing(debug));
+    {
+        const LoweredLimit files(RLIMIT_NOFILE,
+                                 static_cast<rlim_t>(DescriptorOf(kStartupRing) + 1));
+        debug.InitDone();  // there is one descriptor: enough for a file, not for a pipe
+    }
+    EXPECT_EQ(Record("### gziping of startup log file failed -> it doesn't matter ###"),
+              ReadFile(kLog));
+    EXPECT_EQ("",
+              Difference(RingModel(kSize, Header(kRuntimeRing, "0")).file, ReadFile(kRuntimeRing)));
+}
+
+TEST_F(RingTest, HeaderLargerThanTheFileNeverWraps) {
+    ASSERT_TRUE(StartRing(debug));
+    std::string argument(100, 'a');
+    std::vector<char*> arguments(9000, argument.data());
+    debug.SetCommandLine(static_cast<int>(arguments.size()), arguments.data());
+    debug.InitDone();
+    const size_t begin = ReadFile(kRuntimeRing).find(Record("### Begin of RingBuffer. ###"));
+    EXPECT_EQ(0u, begin % 1024);
+    for (int i = 0; i < 15; ++i) {
+        const std::string text = std::to_string(i) + std::string(i % 5 == 0 ? 50'000 : 300, 'x');
+        debug.Trace(1, "%s", text.c_str());
+        const std::string file = ReadFile(kRuntimeRing);
+        ASSERT_EQ(kSize, file.size());
+        EXPECT_TRUE(file.starts_with(Record("kemd Command Line Options:")));
+        // Behind the newest trailer there is no second one; the record before it may be cut.
+        const size_t end = file.find("\n" + kTrailer, begin),
+                     start = file.rfind(Prefix(), end) + Prefix().size();
+        ASSERT_NE(file.npos, end);
+        EXPECT_TRUE(text.starts_with(file.substr(start, end - start))) << i;
+        EXPECT_EQ(i % 5 != 0, text.size() == end - start) << i;
+    }
+}
+
+}  // namespace

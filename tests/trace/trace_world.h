@@ -1,0 +1,87 @@
+// What the trace tests share: a clock that stands still, so that whole files can be compared byte
+// for byte; clean directories and environment; and the header as every file must hold it.
+#pragma once
+
+#include <sys/resource.h>
+
+#include <ctime>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/world.h"
+#include "trace/debug.h"
+
+namespace fs = std::filesystem;
+
+using Lines = std::vector<std::string>;
+using Text = const char*;
+
+inline const std::string kLog = "/var/log/orvmon/log.kemd";
+inline const std::string kStartupRing = kLog + "_i";
+inline const std::string kRuntimeRing = kLog + "_a";
+inline const std::string kTrailer = "## TRACE-END ##\n";
+constexpr time_t kStart = 1794773091;  // 2026-11-15 20:04:51
+
+// What gettimeofday and time tell the whole program.
+void SetClock(time_t second);
+
+// The prefix of a record that this thread writes now, without the memory column; one record; all.
+std::string Prefix(const std::string& tag = "kemd");
+std::string Record(const std::string& text, const std::string& tag = "kemd");
+std::string Records(const Lines& texts);
+
+// Where two files differ; empty: nowhere.
+std::string Difference(const std::string& expected, const std::string& found);
+int DescriptorOf(const std::string& path);  // the one that has the file open, else -1
+void SetOrUnset(const char* variable, const char* value);  // null: unset
+
+// A message whose format the compiler does not check.
+void Send(CDebug& debug, const char* tag, const char* format, ...);
+
+// The texts of all header records: the variables that are not "NotSet", and the values as read and
+// in force in the order of the header.
+Lines HeaderTexts(const std::map<std::string, std::string>& set, const Lines& asRead,
+                  const Lines& inForce);
+
+class TraceTest : public testing::Test {
+  protected:
+    void SetUp() override;
+
+    // One finished file with a section for kemd; `modified` is its time in seconds.
+    void Configure(const std::string& keys, time_t modified = kStart);
+    void WriteConfig(const std::string& name, const std::string& text, time_t modified = kStart);
+    // Level 5 and ring buffers of 4 and 1 MiB, without the memory column.
+    bool StartRing(CDebug& object);
+
+    CDebug debug;
+};
+
+// Lowers a limit of the process while it lives.
+class LoweredLimit {
+  public:
+    LoweredLimit(__rlimit_resource resource, rlim_t value) : m_resource(resource) {
+        getrlimit(resource, &m_limit);
+        const rlimit lower = {value, m_limit.rlim_max};
+        setrlimit(resource, &lower);
+    }
+    ~LoweredLimit() { setrlimit(m_resource, &m_limit); }
+    LoweredLimit(const LoweredLimit&) = delete;
+    LoweredLimit& operator=(const LoweredLimit&) = delete;
+
+  private:
+    __rlimit_resource m_resource;
+    rlimit m_limit{};
+};
+
+// Receives what the program sends to the system log.
+class SyslogReader {
+  public:
+    SyslogReader();
+    std::string Next();  // priority and text; empty when nothing more was sent
+
+  private:
+    UniqueFd m_socket;
+};

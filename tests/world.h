@@ -1,0 +1,70 @@
+// What the tests of several areas share: files of the private root, text checks, and waiting for
+// something that another process or thread does.
+#pragma once
+
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+// Empty when there is no such file.
+inline std::string ReadFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+// Makes the file's directories too.
+inline void WriteFile(const std::string& path, const std::string& text) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+// Tracing at this level into ring buffers of 4 and 1 MiB, without the memory column: asking for it
+// 4,096 times at each start takes seconds in a sanitized build.
+inline void ConfigureTrace(int level) {
+    WriteFile("/etc/norvik/OrvanaSuite/TraceConfig/kemd.ini",
+              "[kemd]\nFileDebugLevel = " + std::to_string(level) +
+                  "\nRingBufferSizeFactor = 1\nRingBufferSizeWeight = 1\nMemoryTracesFlag = 0\n"
+                  "[EndOfFile]\n");
+}
+
+// What a ring-buffer file holds in front of the newest trailer. Valid until the ring wraps.
+inline std::string RingText(const std::string& path) {
+    const std::string text = ReadFile(path);
+    const size_t end = text.rfind("## TRACE-END ##\n");
+    return end == text.npos ? "" : text.substr(0, end);
+}
+
+// Whether the text holds all parts, each behind the one before it.
+inline testing::AssertionResult InOrder(const std::string& text,
+                                        const std::vector<std::string>& parts) {
+    size_t position = 0;
+    for (const std::string& part : parts) {
+        position = text.find(part, position);
+        if (position == text.npos) {
+            constexpr size_t kShown = 6000;
+            return testing::AssertionFailure()
+                   << "missing, or not in this order: \"" << part << "\" in ...\n"
+                   << text.substr(text.size() - std::min(text.size(), kShown));
+        }
+        position += part.size();
+    }
+    return testing::AssertionSuccess();
+}
+
+// Polls until the condition holds; false when it does not within a long while.
+template <typename Condition>
+[[nodiscard]] bool WaitFor(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        usleep(1000);
+    }
+    return true;
+}
