@@ -29,15 +29,6 @@ char* PutMilliseconds(char* to, suseconds_t microseconds) {
     return to;
 }
 
-char* PutThread(char* to, uint32_t thread) {
-    *to++ = ' ';
-    *to++ = '[';
-    for (int shift = 28; shift >= 0; shift -= 4) *to++ = "0123456789ABCDEF"[thread >> shift & 15];
-    *to++ = ']';
-    *to++ = ' ';
-    return to;
-}
-
 char* PutMemory(char* to, uint64_t residentKb) {
     std::array<char, 20> digits;  // NOLINT(cppcoreguidelines-pro-type-member-init): hot path
     const char* end = std::to_chars(digits.data(), digits.data() + digits.size(), residentKb).ptr;
@@ -49,8 +40,9 @@ char* PutMemory(char* to, uint64_t residentKb) {
 
 // Writes text at an offset of a field, cut to what the field holds.
 void PutCut(char* buffer, size_t size, size_t offset, std::string_view text) {
-    if (offset < size)
+    if (offset < size) {
         std::memcpy(buffer + offset, text.data(), std::min(text.size(), size - offset));
+    }
 }
 
 }  // namespace
@@ -64,30 +56,43 @@ void LinePrefix::FormatSecond(time_t second) {
     m_length = std::strftime(m_text.data(), m_text.size(), "%F %H:%M:%S", &local);
 }
 
-int LinePrefix::Build(char* buffer, size_t size, const Stamp& stamp, std::string_view tag) {
-    if (stamp.time.tv_sec != m_second || m_length == 0) FormatSecond(stamp.time.tv_sec);
+void LinePrefix::FormatThread(uint32_t thread) {
+    m_thread = thread;
+    char* to = Put(m_threadText.data(), " [");
+    for (int shift = 28; shift >= 0; shift -= 4) *to++ = "0123456789ABCDEF"[thread >> shift & 15];
+    Put(to, "] ");
+}
 
-    std::array<char, kHeadCapacity>
-        head;  // NOLINT(cppcoreguidelines-pro-type-member-init): hot path
-    char* to = head.data();
+size_t LinePrefix::BuildHead(char* buffer, const Stamp& stamp) {
+    if (stamp.time.tv_sec != m_second || m_length == 0) FormatSecond(stamp.time.tv_sec);
+    if (stamp.thread != m_thread || m_threadText[0] == '\0') FormatThread(stamp.thread);
+    char* to = buffer;
     if (m_length != 0) {
         to = PutMilliseconds(Put(to, {m_text.data(), m_length}), stamp.time.tv_usec);
     } else {
         to = Put(to, kUnknownTime);
     }
-    to = PutThread(to, stamp.thread);
+    to = Put(to, {m_threadText.data(), m_threadText.size()});
     if (stamp.withMemory) to = PutMemory(to, stamp.residentKb);
-    const auto headLength = static_cast<size_t>(to - head.data());
+    return static_cast<size_t>(to - buffer);
+}
 
+int LinePrefix::Build(char* buffer, size_t size, const Stamp& stamp, std::string_view tag) {
+    const size_t room = size > 0 ? size - 1 : 0;
+    size_t head = 0;
+    if (room >= kHeadCapacity) {
+        head = BuildHead(buffer, stamp);
+    } else {
+        std::array<char, kHeadCapacity> whole{};
+        head = BuildHead(whole.data(), stamp);
+        PutCut(buffer, room, 0, {whole.data(), head});
+    }
     constexpr std::string_view kBlanks = "              ";
     static_assert(kBlanks.size() == kTagWidth + 1);
     const size_t padding = tag.size() < kTagWidth ? kTagWidth - tag.size() : 0;
-    const size_t needed = headLength + tag.size() + padding + 1;
-    if (size == 0) return static_cast<int>(needed);
-    const size_t room = size - 1;
-    PutCut(buffer, room, 0, {head.data(), headLength});
-    PutCut(buffer, room, headLength, tag);
-    PutCut(buffer, room, headLength + tag.size(), kBlanks.substr(0, padding + 1));
-    buffer[std::min(needed, room)] = '\0';
+    const size_t needed = head + tag.size() + padding + 1;
+    PutCut(buffer, room, head, tag);
+    PutCut(buffer, room, head + tag.size(), kBlanks.substr(0, padding + 1));
+    if (size > 0) buffer[std::min(needed, room)] = '\0';
     return static_cast<int>(needed);
 }

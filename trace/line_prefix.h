@@ -19,8 +19,8 @@ struct Stamp {
     uint64_t residentKb;
 };
 
-// The caller holds the trace object's lock: the formatted second is kept between calls, because it
-// changes only once a second and formatting it costs more than the rest of a record.
+// The caller holds the trace object's lock: the formatted second and thread are kept between calls,
+// because formatting the time anew costs more than the rest of a record.
 class LinePrefix {
   public:
     // Writes at most size - 1 characters and a terminator. Returns the length that the whole prefix
@@ -29,8 +29,13 @@ class LinePrefix {
 
   private:
     void FormatSecond(time_t second);
+    void FormatThread(uint32_t thread);
+    // Everything in front of the tag, into a buffer that is large enough. Returns its length.
+    size_t BuildHead(char* buffer, const Stamp& stamp);
 
     time_t m_second = 0;
     size_t m_length = 0;  // 0: nothing formatted yet, or this second cannot be formatted
     std::array<char, 22> m_text{};
+    uint32_t m_thread = 0;
+    std::array<char, 12> m_threadText{};  // " [F7C3A740] "; empty: nothing formatted yet
 };

@@ -59,7 +59,7 @@ pid_t DaemonTest::Start(const std::vector<std::string>& arguments, void (*prepar
         if (prepare != nullptr) prepare();
         Become(arguments, m_environment);
     }
-    m_running.push_back(pid);
+    if (pid > 0) m_running.push_back(pid);
     return pid;
 }
 
@@ -80,6 +80,7 @@ int DaemonTest::WaitForExit(pid_t pid) {
 }
 
 int DaemonTest::Stop(pid_t pid, int signal) {
+    if (pid <= 0) return -1;  // there was no process; 0 would be all of ours
     kill(pid, signal);
     return WaitForExit(pid);
 }
@@ -90,8 +91,9 @@ void DaemonTest::Kill(pid_t pid) {
 
 pid_t DaemonTest::PidFromFile() {
     EXPECT_TRUE(WaitFor([] { return ReadFile(kPidFile).ends_with('\n'); }));
-    m_running.push_back(static_cast<pid_t>(strtol(ReadFile(kPidFile).c_str(), nullptr, 10)));
-    return m_running.back();
+    const auto pid = static_cast<pid_t>(strtol(ReadFile(kPidFile).c_str(), nullptr, 10));
+    if (pid > 0) m_running.push_back(pid);
+    return pid;
 }
 
 std::string DaemonTest::Complaints() {
