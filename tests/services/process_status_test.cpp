@@ -44,19 +44,6 @@ TEST(ProcessStatus, ValueByKeyUnitAndSteps) {
     }
 }
 
-TEST(ProcessStatus, MemoryInfo) {
-    ProcessMemoryInfo info = {1, 2, 3, 4, 5};
-    EXPECT_TRUE(GetProcessMemoryInfo(1, info));
-    EXPECT_EQ(uint64_t{3} << 30, info.size);
-    EXPECT_EQ(uint64_t{20} << 20, info.peak);
-    EXPECT_EQ(12u, info.swap);
-    EXPECT_EQ(0u, info.reserved);
-    EXPECT_EQ((uint64_t{3} << 30) - 0x7FFFFFFFFFFFFFFF, info.sizeLessShared);
-
-    EXPECT_FALSE(GetProcessMemoryInfo(kNobody, info));
-    EXPECT_EQ(0u, info.size + info.peak + info.swap + info.reserved + info.sizeLessShared);
-}
-
 TEST(ProcessStatus, FindsProcessesByTheirWholeName) {
     prctl(PR_SET_NAME, "a child");  // it inherits the name, so it has it from its first moment
     const pid_t child = fork();
@@ -71,19 +58,6 @@ TEST(ProcessStatus, FindsProcessesByTheirWholeName) {
     }
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
-}
-
-TEST(ProcessStatus, ProgramPathAndFirstLine) {
-    std::string text = "old";
-    EXPECT_TRUE(GetProcessExePath(text, 1));
-    EXPECT_EQ("/test/process_status_test", text);
-    EXPECT_FALSE(GetProcessExePath(text, kNobody));
-    EXPECT_EQ("", text);
-    EXPECT_TRUE(ReadProcFileLine(1, "status", text));
-    EXPECT_EQ("Name:\tkemd", text);
-    EXPECT_FALSE(ReadProcFileLine(1, "nothing", text));
-    EXPECT_EQ("", text);
-    EXPECT_FALSE(ReadProcFileLine(kNobody, "comm", text));
 }
 
 }  // namespace

@@ -35,29 +35,6 @@ class DebugTest : public TraceTest {
     std::string m_ring, m_log;
 };
 
-TEST_F(DebugTest, BeforeInitAndAfterCloseNothingIsWrittenAndNothingFails) {
-    const auto useAll = [&] {
-        EXPECT_TRUE(debug.IsAvailable());
-        for (const unsigned target : {kTargetNone, kTargetLog, kTargetRing}) {
-            debug.SetTraceTarget(target);
-            debug.Trace(0, "lost");
-            debug.Message("lost");
-            debug.Message(1, "lost");
-            debug.SetCommandLine(0, nullptr);
-            debug.WriteHeader(static_cast<TraceTarget>(target));
-        }
-        debug.SwitchTrace(false);
-    };
-    useAll();
-    debug.InitDone();
-    EXPECT_TRUE(fs::is_empty("/var/log/orvmon"));
-    ASSERT_TRUE(StartRing(debug));
-    debug.Close();
-    useAll();
-    debug.Close();
-    ExpectNew({}, {});
-}
-
 TEST_F(DebugTest, TargetSaysWhereRecordsGo) {
     ASSERT_TRUE(StartRing(debug));
     for (const unsigned target :
@@ -122,17 +99,6 @@ TEST_F(DebugTest, VirtualSlots) {
     EXPECT_EQ(Records({"4", "5", "6", "7"}) + Record("8", "tag"), ReadFile(kLog));
 }
 
-TEST_F(DebugTest, ConstructorReportsAFailureToTheSystemLog) {
-    SyslogReader syslog;
-    ASSERT_TRUE(StartRing(debug));
-    EXPECT_TRUE(CDebug("kemd").IsTraceOn());
-    EXPECT_EQ("", syslog.Next());
-    fs::remove(kStartupRing);
-    fs::create_directory(kStartupRing);
-    EXPECT_FALSE(CDebug("kemd").IsTraceOn());
-    EXPECT_EQ("<11> ERROR: Error during initialization of the CDebug instance.\n", syslog.Next());
-}
-
 TEST_F(DebugTest, ModulesTraceUnderTheirTag) {
     KemdMessage("early", "lost");
     EXPECT_EQ(0, KemdTraceOn());
@@ -147,24 +113,6 @@ TEST_F(DebugTest, ModulesTraceUnderTheirTag) {
     EXPECT_EQ(Record("1 one", "module") + Record("two") + Record("three", "module"),
               RingRecords(kStartupRing));
     EXPECT_EQ(Record("three", "module"), ReadFile(kLog));
-}
-
-TEST_F(DebugTest, HostileEnvironmentIsSurvived) {
-    for (const size_t length : {300, 4096}) {
-        const std::string value = "/" + std::string(length, '%');
-        for (const char* name : {"OV_LOG_RINGBUF_DIR", "OV_LOG_FILE_MAX_SIZE", "OV_SYSTEM",
-                                 "AgentShut", "OV_LOG_RINGBUF_WEIGHT_KEMD"}) {
-            setenv(name, value.c_str(), 1);
-        }
-        setenv("OV_LOG_NOHDR_TOSDTERR", "0", 1);
-        EXPECT_TRUE(StartRing(debug));  // the own weight variable is 0
-        debug.InitDone();
-        EXPECT_EQ(value.substr(0, 255), debug.InForce().logDirectory.Get());
-        std::array<char, 30> prefix{};
-        EXPECT_EQ(136, debug.FormatLinePrefix(prefix.data(), prefix.size(),
-                                              std::string(100, 't').c_str()));
-        EXPECT_EQ(Prefix().substr(0, 29), prefix.data());
-    }
 }
 
 TEST_F(DebugTest, ConcurrentRecordsAreWholeAndCompleteAcrossTheEndOfStartup) {

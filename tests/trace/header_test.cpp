@@ -21,27 +21,6 @@ TEST_F(HeaderTest, LogFileShowsEnvironmentAndSettingsButNoCommandLine) {
     EXPECT_EQ("", Difference(Records(expected), ReadFile("/tmp/log.kemd")));
 }
 
-TEST_F(HeaderTest, LaterChangesShowInTheOwnVariableAndTheCommandLineOnly) {
-    Configure("MemoryTracesFlag=0");
-    setenv("OV_ARCH", "before", 1);
-    ASSERT_TRUE(debug.Init("kemd"));
-    setenv("OV_ARCH", "after", 1);
-    setenv("OV_LOG_RINGBUF_WEIGHT_KEMD", "12", 1);
-    std::string program = "kemd", option = "-100%d";
-    std::array<char*, 2> arguments = {program.data(), option.data()};
-    debug.SetCommandLine(2, arguments.data());
-    std::string expected =
-        Records({"kemd Command Line Options:", "argv[0] = \"kemd\"", "argv[1] = \"-100%d\""});
-    EXPECT_EQ(expected, ReadFile(kLog));
-    debug.WriteHeader(kTargetLog);
-    expected += expected +
-                Records(HeaderTexts({{"OV_ARCH", "before"}, {"OV_LOG_RINGBUF_WEIGHT_KEMD", "12"}},
-                                    {"-1", "0", "-1", "-1", "", "-1"},
-                                    {"1", "0", "0", "0", "0", kLog, "51200", "-1", "0", "0", "0",
-                                     "/var/log/orvmon", "", "1"}));
-    EXPECT_EQ("", Difference(expected, ReadFile(kLog)));
-}
-
 TEST_F(HeaderTest, OwnVariableIsNamedAfterTheModule) {
     setenv("OV_LOG_NOHDR_TOSDTERR", "0", 1);
     for (const auto& [module, suffix] : std::map<std::string, std::string>{

@@ -60,25 +60,6 @@ TEST_F(LogFileTest, WrapsToItsStartDuringStartupAndBehindTheStartupPartLater) {
     EXPECT_GT(cycle, 10u);
 }
 
-TEST_F(LogFileTest, LimitIsPassedByOneRecordAtMost) {
-    const size_t three = 3 * Record("abc").size();
-    for (const size_t limit :
-         {size_t{0}, size_t{1}, three - 1, three, three + 1, size_t{0xFFFFFFFF}}) {
-        Start(limit);
-        for (int i = 0; i < 8; ++i) Put("abc", "kemd");
-        EXPECT_EQ(model, ReadFile(kLog)) << limit;
-    }
-}
-
-TEST_F(LogFileTest, EachInitTruncatesTheFile) {
-    WriteFile(kLog, std::string(5000, 'o'));
-    Start(51200);
-    debug.Message("first");
-    ASSERT_TRUE(debug.Init("KeMd"));  // the file's name is in lower case
-    debug.Message("second");
-    EXPECT_EQ(Record("second", "KeMd"), ReadFile(kLog));
-}
-
 TEST_F(LogFileTest, OpenFailureGoesToTheSystemLogOnceAndNothingElseFails) {
     SyslogReader syslog;
     fs::remove_all("/var/log/orvmon");
@@ -90,20 +71,6 @@ TEST_F(LogFileTest, OpenFailureGoesToTheSystemLogOnceAndNothingElseFails) {
     EXPECT_EQ("<11> ERROR: Error during opening " + kLog + " --> proceed without it\n",
               syslog.Next());
     EXPECT_EQ("", syslog.Next());
-}
-
-TEST_F(LogFileTest, FileThatCannotSeekIsRewound) {
-    SyslogReader syslog;
-    ASSERT_EQ(0, mkfifo(kLog.c_str(), 0600));
-    Start(10);
-    Put("abc", "kemd");
-    const UniqueFd fifo(open(kLog.c_str(), O_RDONLY | O_NONBLOCK));
-    std::string content(1000, '\0');
-    content.resize(static_cast<size_t>(
-        std::max<ssize_t>(0, read(fifo.Get(), content.data(), content.size()))));
-    EXPECT_EQ(Record("abc") + model, content);
-    EXPECT_EQ("<11> ERROR: fseek failed for " + kLog + " (errno=29) --> rewind it\n",
-              syslog.Next());
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "trace/ring_buffer.h"
 
-#include <csignal>
 #include <cstdlib>
 
 #include "tests/trace/trace_world.h"
@@ -205,32 +204,6 @@ TEST_F(RingTest, FileThatCannotBeOpenedSwitchesTracingOff) {
     EXPECT_EQ(record(kRuntimeRing), ReadFile(kLog));
     EXPECT_TRUE(fs::exists(kStartupRing + ".gz"));
     ExpectOff();
-}
-
-TEST_F(RingTest, FileThatCannotBeFilledSwitchesTracingOff) {
-    signal(SIGXFSZ, SIG_IGN);
-    {
-        const LoweredLimit size(RLIMIT_FSIZE, kSize - 512);
-        EXPECT_FALSE(StartRing(debug));
-    }
-    EXPECT_EQ(Record("### InitRingBuffer(): (2) write m_InternalDebugBuffer to " + kStartupRing +
-                     " failed ###"),
-              ReadFile(kLog));
-    EXPECT_EQ(-1, DescriptorOf(kStartupRing));
-    ExpectOff();
-}
-
-TEST_F(RingTest, CompressionThatCannotBeStartedIsRecorded) {
-    ASSERT_TRUE(StartRing(debug));
-    {
-        const LoweredLimit files(RLIMIT_NOFILE,
-                                 static_cast<rlim_t>(DescriptorOf(kStartupRing) + 1));
-        debug.InitDone();  // there is one descriptor: enough for a file, not for a pipe
-    }
-    EXPECT_EQ(Record("### gziping of startup log file failed -> it doesn't matter ###"),
-              ReadFile(kLog));
-    EXPECT_EQ("",
-              Difference(RingModel(kSize, Header(kRuntimeRing, "0")).file, ReadFile(kRuntimeRing)));
 }
 
 TEST_F(RingTest, HeaderLargerThanTheFileNeverWraps) {

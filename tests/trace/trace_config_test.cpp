@@ -41,26 +41,6 @@ TEST_F(TraceConfigTest, NumbersComeFromTheEnvironmentThenTheFileThenTheDefault) 
     }
 }
 
-TEST_F(TraceConfigTest, LevelComesFromTheEnvironmentThenTheFile) {
-    const std::vector<std::tuple<Text, Text, uint32_t>> rows = {
-        {nullptr, "FileDebugLevel=3", 3},
-        {"4", "FileDebugLevel=3", 4},
-        {"4", "", 4},
-        {"", "FileDebugLevel=3", 0},
-        {nullptr, "filedebuglevel=3", 0},
-        {nullptr, "FileDebugLevel=0x10", 16}};
-    setenv("TraceFileLimit", "1", 1);  // without a ring buffer the level is always 0
-    setenv("OV_LOG_RINGBUF_WEIGHT", "1", 1);
-    for (const auto& [environment, key, level] : rows) {
-        SetOrUnset("OV_LOG_DEBUG_LEVEL", environment);
-        Configure(key);
-        ASSERT_TRUE(debug.Init("kemd"));
-        EXPECT_EQ(level, debug.TraceLevel()) << key;
-        EXPECT_EQ(level, debug.SavedTraceLevel());
-        EXPECT_EQ(level != 0, debug.IsTraceOn());
-    }
-}
-
 TEST_F(TraceConfigTest, RingBufferDirectoryVariableNamesTheDirectoryOfAllFiles) {
     const std::vector<std::tuple<Text, Text, Text, std::string>> rows = {
         {nullptr, nullptr, "", "/var/log/orvmon"},
@@ -132,24 +112,6 @@ class DynamicUpdateTest : public TraceTest {
         return object.TraceLevel();
     }
 };
-
-TEST_F(DynamicUpdateTest, Interval) {
-    const std::vector<std::tuple<Text, Text, time_t>> rows = {
-        // 0 seconds: never
-        {nullptr, "DynamicUpdate=0x1E", 30}, {"7", "DynamicUpdate=0x1E", 7},
-        {"0x1E", "DynamicUpdate=5", 0},      {"", "DynamicUpdate=5", 0},
-        {nullptr, "DynamicUpdate=0", 0},     {nullptr, "", 0}};
-    for (const auto& [variable, key, seconds] : rows) {
-        SetOrUnset("OV_LOG_DYNAMIC_UPDATE", variable);
-        Global(key);
-        CDebug fresh;  // its first check is due at once
-        ASSERT_TRUE(StartRing(fresh));
-        EXPECT_EQ(5u, LevelAt(0, fresh));
-        Configure("FileDebugLevel=6", kStart + 1);
-        EXPECT_EQ(5u, LevelAt(seconds != 0 ? seconds - 1 : 1'000'000, fresh)) << key;
-        EXPECT_EQ(seconds != 0 ? 6u : 5u, LevelAt(seconds, fresh)) << key;
-    }
-}
 
 TEST_F(DynamicUpdateTest, TakesLevelAndMemoryColumnFromAChangedFile) {
     setenv("OV_LOG_DEBUG_LEVEL", "4", 1);

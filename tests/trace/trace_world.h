@@ -2,8 +2,6 @@
 // for byte; clean directories and environment; and the header as every file must hold it.
 #pragma once
 
-#include <sys/resource.h>
-
 #include <ctime>
 #include <map>
 #include <string>
@@ -57,23 +55,6 @@ class TraceTest : public testing::Test {
     bool StartRing(CDebug& object);
 
     CDebug debug;
-};
-
-// Lowers a limit of the process while it lives.
-class LoweredLimit {
-  public:
-    LoweredLimit(__rlimit_resource resource, rlim_t value) : m_resource(resource) {
-        getrlimit(resource, &m_limit);
-        const rlimit lower = {value, m_limit.rlim_max};
-        setrlimit(resource, &lower);
-    }
-    ~LoweredLimit() { setrlimit(m_resource, &m_limit); }
-    LoweredLimit(const LoweredLimit&) = delete;
-    LoweredLimit& operator=(const LoweredLimit&) = delete;
-
-  private:
-    __rlimit_resource m_resource;
-    rlimit m_limit{};
 };
 
 // Receives what the program sends to the system log.
