@@ -3,10 +3,10 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "kemd/exit_event.h"
 #include "daemon/run_level.h"
 #include "daemon/version.h"
 #include "daemon/wait_signals.h"
+#include "kemd/exit_event.h"
 #include "trace/debug.h"
 
 namespace {
