@@ -213,6 +213,7 @@ void CompareLogFile() {
 
 void RunThreads(int threads, int count) {
     std::vector<std::thread> running;
+    running.reserve(static_cast<size_t>(threads));
     for (int t = 0; t < threads; ++t) {
         running.emplace_back([=] {
             for (int i = 0; i < count; ++i) TraceRecord(i);

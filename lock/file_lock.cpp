@@ -95,26 +95,28 @@ bool CFileLock::ProbeFile(int32_t retries) {
     m_isOpen = true;
     TRACE(3, "\nCFileLock::Lock     : Successfully opened lockfile %s\n", m_path.Get());
     TRACE(3, "\nCFileLock::Lock     : Trying to lock lockfile %s\n", m_path.Get());
-    const bool lockable = TryLock(retries);
+    const bool lockable = TryLockRepeatedly(retries);
     CloseFile();
     TRACE(3, "\nCFileLock::Lock     : fileIsLockable = %s\n", BoolText(lockable));
     return lockable;
 }
 
+bool CFileLock::TryLock() {
+    if (flock(m_fd, LOCK_EX | LOCK_NB) != 0) {
+        m_lastError = errno;
+        return false;
+    }
+    TRACE(3, "\nCFileLock::Lock     : Successfully locked lockfile %s\n", m_path.Get());
+    if (flock(m_fd, LOCK_UN) != 0) m_lastError = errno;
+    return true;
+}
+
 // Required: only error 32 is tried again. Linux reports a held lock as EWOULDBLOCK, so a running
 // instance is found at the first attempt, whatever the wait.
-bool CFileLock::TryLock(int32_t retries) {
+bool CFileLock::TryLockRepeatedly(int32_t retries) {
     for (;;) {
-        if (flock(m_fd, LOCK_EX | LOCK_NB) == 0) {
-            TRACE(3, "\nCFileLock::Lock     : Successfully locked lockfile %s\n", m_path.Get());
-            if (flock(m_fd, LOCK_UN) != 0) m_lastError = errno;
-            return true;
-        }
-        m_lastError = errno;
-        if (m_lastError != kSharingViolation) {
-            TRACE(3, "\nCFileLock::Lock     : Could NOT lock lockfile %s\n", m_path.Get());
-            return false;
-        }
+        if (TryLock()) return true;
+        if (m_lastError != kSharingViolation) break;
         TRACE(3,
               "\nCFileLock::Lock     : Error Sharing Violation while trying to lock lockfile %s\n",
               m_path.Get());
@@ -122,6 +124,8 @@ bool CFileLock::TryLock(int32_t retries) {
         usleep(kRetryPause);
         if (retries < 1) return false;
     }
+    TRACE(3, "\nCFileLock::Lock     : Could NOT lock lockfile %s\n", m_path.Get());
+    return false;
 }
 
 bool CFileLock::CreateAndHold(const char* ownerName) {

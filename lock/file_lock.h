@@ -33,7 +33,8 @@ class CFileLock {
 
     bool CreateDirectories(const std::string& directory);
     bool ProbeFile(int32_t retries);
-    bool TryLock(int32_t retries);
+    bool TryLock();
+    bool TryLockRepeatedly(int32_t retries);
     bool CreateAndHold(const char* ownerName);
     void ReadHolder();
     int OpenToRead();

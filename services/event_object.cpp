@@ -116,22 +116,25 @@ void WaitUntilUnused(EventObject& event) {
     }
 }
 
+// True when other handles remain. The last one takes the event out of the table.
+bool DropReference(EventObject& event) {
+    const RecursiveLock lock(g_referenceLock.object);
+    if (event.refCount == 1) {
+        event.refCount = 0;
+        if (event.name != nullptr) g_registry.object.Remove(event.name);
+        return false;
+    }
+    --event.refCount;
+    // Still under the lock: behind it another thread may free the event at any time.
+    TRACE(5, "decr refcount on event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(&event),
+          NameOf(event), StateOf(event));
+    return true;
+}
+
 // Drops the handle's reference; the handle keeps its pointer.
 void Release(EventObject* event) {
-    if (event == nullptr) return;
     const CancelGuard guard;
-    {
-        const RecursiveLock lock(g_referenceLock.object);
-        if (event->refCount != 1) {
-            --event->refCount;
-            // Still under the lock: behind it another thread may free the event at any time.
-            TRACE(5, "decr refcount on event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(event),
-                  NameOf(*event), StateOf(*event));
-            return;
-        }
-        event->refCount = 0;
-        if (event->name != nullptr) g_registry.object.Remove(event->name);
-    }
+    if (event == nullptr || DropReference(*event)) return;
     WaitUntilUnused(*event);
     TRACE(5, "deleting event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(event), NameOf(*event),
           StateOf(*event));

@@ -50,7 +50,7 @@ struct CDebug::HeaderLines {
 };
 
 CDebug::CDebug(const char* moduleName) {
-    if (Init(moduleName)) return;
+    if (CDebug::Init(moduleName)) return;
     syslog(LOG_ERR, "ERROR: Error during initialization of the CDebug instance.\n");
 }
 

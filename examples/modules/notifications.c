@@ -2,22 +2,22 @@
 #include "kemd/module.h"
 #include "kemd/trace.h"
 
-static const char* const tag = "notifications";
+static const char* const kTag = "notifications";
 
 static int Start(void) {
-    KemdTrace(tag, 2, "waiting for notifications");
+    KemdTrace(kTag, 2, "waiting for notifications");
     return 0;
 }
 
 static void Stop(void) {
-    KemdTrace(tag, 2, "stopped");
+    KemdTrace(kTag, 2, "stopped");
 }
 
 static void Notify(uint32_t code, const void* data) {
     if (data == 0) {
-        KemdTrace(tag, 2, "notification 0x%X", (unsigned)code);
+        KemdTrace(kTag, 2, "notification 0x%X", (unsigned)code);
     } else {
-        KemdTrace(tag, 2, "notification 0x%X, run level %d", (unsigned)code,
+        KemdTrace(kTag, 2, "notification 0x%X, run level %d", (unsigned)code,
                   (int)*(const int32_t*)data);
     }
 }

@@ -50,7 +50,7 @@ class LineReader {
     }
 
     int m_fd;
-    std::array<char, 4096> m_text;  // NOLINT(cppcoreguidelines-pro-type-member-init): hot path
+    std::array<char, 4096> m_text{};
     size_t m_begin = 0;
     size_t m_end = 0;
     bool m_inLongLine = false;
