@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -41,6 +42,10 @@ inline std::string RingText(const std::string& path) {
     return end == text.npos ? "" : text.substr(0, end);
 }
 
+inline bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != text.npos;
+}
+
 // Whether the text holds all parts, each behind the one before it.
 inline testing::AssertionResult InOrder(const std::string& text,
                                         const std::vector<std::string>& parts) {
@@ -48,10 +53,9 @@ inline testing::AssertionResult InOrder(const std::string& text,
     for (const std::string& part : parts) {
         position = text.find(part, position);
         if (position == text.npos) {
-            constexpr size_t kShown = 6000;
             return testing::AssertionFailure()
-                   << "missing, or not in this order: \"" << part << "\" in ...\n"
-                   << text.substr(text.size() - std::min(text.size(), kShown));
+                   << "\"" << part << "\" is not in its place in ...\n"
+                   << text.substr(std::max<size_t>(text.size(), 6000) - 6000);
         }
         position += part.size();
     }

@@ -8,60 +8,42 @@
 
 typedef void (*Slot)(void);
 
-static void Destroy(void* self) {
-    (void)self;
-    Record("slot 0");
+static void NeverCalled(void) {
+    Record("a slot that nobody calls");
 }
 
-static void Dispose(void* self) {
-    (void)self;
-    Record("slot 1");
-}
-
-static bool LoadModules(void* self, const uint32_t* params) {
-    (void)self;
+static bool LoadModules(const void* self, const uint32_t* params) {
     Record("LoadModules flags=%u mode=%d", params[0], (int)params[1]);
-    return !Scripted("fail-load");
+    return self && !Scripted("fail-load");
 }
 
-static bool UnloadModules(void* self, uint32_t options) {
-    (void)self;
+static bool UnloadModules(const void* self, uint32_t options) {
     Record("UnloadModules options=%u", options);
-    return true;
+    return self;
 }
 
-static void StartAllModules(void* self) {
-    (void)self;
+static void StartAllModules(void) {
     Record("StartAllModules");
 }
 
-static void StopAllModules(void* self) {
-    (void)self;
+static void StopAllModules(void) {
     Record("StopAllModules");
 }
 
-static void Unused(void* self) {
+static void NotifyModules(const void* self, uint32_t code, const int32_t* data, uint32_t word) {
     (void)self;
-    Record("a slot between 6 and 15");
+    if (data) Record("NotifyModules code=0x%X data=%d word=%u", code, *data, word);
+    if (!data) Record("NotifyModules code=0x%X word=%u", code, word);
 }
 
-static void NotifyModules(void* self, uint32_t code, const int32_t* data, uint32_t word) {
-    (void)self;
-    if (data) {
-        Record("NotifyModules code=0x%X data=%d word=%u", code, *data, word);
-    } else {
-        Record("NotifyModules code=0x%X word=%u", code, word);
-    }
-}
-
-static const Slot table[] = {
-    (Slot)Destroy,         (Slot)Dispose,        (Slot)LoadModules, (Slot)UnloadModules,
-    (Slot)StartAllModules, (Slot)StopAllModules, (Slot)Unused,      (Slot)Unused,
-    (Slot)Unused,          (Slot)Unused,         (Slot)Unused,      (Slot)Unused,
-    (Slot)Unused,          (Slot)Unused,         (Slot)Unused,      (Slot)Unused,
-    (Slot)NotifyModules,
+#define TWICE(slot) (Slot)(slot), (Slot)(slot)
+static const Slot kTable[] = {
+    TWICE(NeverCalled), /* the destructor pair */
+    (Slot)LoadModules,  (Slot)UnloadModules, (Slot)StartAllModules, (Slot)StopAllModules,
+    TWICE(NeverCalled), TWICE(NeverCalled),  TWICE(NeverCalled),    TWICE(NeverCalled),
+    TWICE(NeverCalled), (Slot)NotifyModules,
 };
-static struct { const Slot* table; } object = {table};
+static const Slot* object = kTable;
 
 KEMD_API bool SW_QueryInterface(int32_t identifier, void** interface) {
     Record("SW_QueryInterface identifier=%d", identifier);

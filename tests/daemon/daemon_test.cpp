@@ -9,27 +9,11 @@
 
 namespace fs = std::filesystem;
 
-namespace {
-
 constexpr const char* kStandardError = "/tmp/stderr";
-
-[[noreturn]] void Become(const std::vector<std::string>& arguments,
-                         const std::map<std::string, std::string>& environment) {
-    for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
-    std::string program = "/build/kemd";
-    std::vector<char*> argv{program.data()};
-    for (const std::string& argument : arguments)
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    execv(program.c_str(), argv.data());
-    _exit(127);
-}
-
-}  // namespace
 
 void DaemonTest::SetUp() {
     std::error_code ignored;
-    for (const char* path : {kPidFile, kLockFile, "/tmp/calls", "/etc/orvmon", "/var/log/orvmon"}) {
+    for (const char* path : {kPidFile, kLockFile, "/etc/orvmon", "/var/log/orvmon"}) {
         fs::remove_all(path, ignored);
     }
     fs::create_directories(m_logDirectory);
@@ -51,24 +35,38 @@ void DaemonTest::UseSwitch(const std::string& name, const std::string& script) {
 }
 
 pid_t DaemonTest::Start(const std::vector<std::string>& arguments, void (*prepare)()) {
-    fs::remove("/tmp/calls");
-    fs::remove(kStandardError);
+    for (const char* file : {"/tmp/calls", kStandardError}) fs::remove(file);
     const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(open(kStandardError, O_WRONLY | O_CREAT, 0644), STDERR_FILENO);
-        if (prepare != nullptr) prepare();
-        Become(arguments, m_environment);
+    if (pid != 0) {
+        if (pid > 0) m_running.push_back(pid);
+        return pid;
     }
-    if (pid > 0) m_running.push_back(pid);
+    dup2(open(kStandardError, O_WRONLY | O_CREAT, 0644), STDERR_FILENO);
+    if (prepare != nullptr) prepare();
+    for (const auto& [name, value] : m_environment) setenv(name.c_str(), value.c_str(), 1);
+    const char* program = "/build/kemd";
+    std::vector<const char*> argv{program};
+    for (const std::string& argument : arguments) argv.push_back(argument.c_str());
+    argv.push_back(nullptr);
+    execv(program, const_cast<char**>(argv.data()));
+    _exit(127);
+}
+
+pid_t DaemonTest::StartAndWait(const std::vector<std::string>& arguments) {
+    const pid_t pid = Start(arguments);
+    EXPECT_TRUE(WaitFor([] { return Contains(Calls(), "StartAllModules\n"); }));
     return pid;
 }
 
-pid_t DaemonTest::Run(const std::vector<std::string>& arguments) {
-    std::vector<std::string> all{"-n"};
-    all.insert(all.end(), arguments.begin(), arguments.end());
+pid_t DaemonTest::Run(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "-n");
     fs::remove(m_logDirectory + "/log.kemd");
-    const pid_t pid = Start(all);
-    EXPECT_TRUE(WaitForLog("Waiting for signals"));
+    const pid_t pid = Start(arguments);
+    EXPECT_TRUE(WaitFor([&] {
+        siginfo_t ended{};
+        waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT);
+        return ended.si_pid == pid || Contains(Log(), "Waiting for signals");
+    }));
     return pid;
 }
 
@@ -85,10 +83,6 @@ int DaemonTest::Stop(pid_t pid, int signal) {
     return WaitForExit(pid);
 }
 
-void DaemonTest::Kill(pid_t pid) {
-    (void)Stop(pid, SIGKILL);
-}
-
 pid_t DaemonTest::PidFromFile() {
     EXPECT_TRUE(WaitFor([] { return ReadFile(kPidFile).ends_with('\n'); }));
     const auto pid = static_cast<pid_t>(strtol(ReadFile(kPidFile).c_str(), nullptr, 10));
@@ -98,16 +92,4 @@ pid_t DaemonTest::PidFromFile() {
 
 std::string DaemonTest::Complaints() {
     return ReadFile(kStandardError);
-}
-
-std::string DaemonTest::Trace() const {
-    return RingText(m_logDirectory + "/log.kemd_i") + RingText(m_logDirectory + "/log.kemd_a");
-}
-
-bool DaemonTest::WaitForLog(const std::string& text) const {
-    return WaitFor([&] { return Log().find(text) != std::string::npos; });
-}
-
-bool DaemonTest::WaitForCall(const std::string& name) {
-    return WaitFor([&] { return Calls().find(name + "\n") != std::string::npos; });
 }

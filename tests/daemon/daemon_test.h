@@ -25,22 +25,27 @@ class DaemonTest : public testing::Test {
 
     // The process id of the started program. `prepare` runs in it before the daemon does.
     pid_t Start(const std::vector<std::string>& arguments, void (*prepare)() = nullptr);
-    // Starts in the foreground and waits until the daemon waits for signals.
-    pid_t Run(const std::vector<std::string>& arguments = {});
+    // The same, until the modules of the C switch library were told to start.
+    pid_t StartAndWait(const std::vector<std::string>& arguments);
+    // Starts in the foreground, until the daemon waits for signals or has ended.
+    pid_t Run(std::vector<std::string> arguments = {});
     // The exit status, or 1000 and the number of the signal that ended the process.
     int WaitForExit(pid_t pid);
     int Stop(pid_t pid, int signal = SIGTERM);
-    void Kill(pid_t pid);
-    // The daemon in the background: who wrote the process id file. Waits for the file.
+    void Kill(pid_t pid) { (void)Stop(pid, SIGKILL); }
+    // Who wrote the process id file; waits for the file.
     pid_t PidFromFile();
 
     static std::string Complaints();  // standard error of the last start
     static std::string Calls() { return ReadFile("/tmp/calls"); }
     [[nodiscard]] std::string Log() const { return ReadFile(m_logDirectory + "/log.kemd"); }
+    [[nodiscard]] bool WaitForLog(const std::string& text) const {
+        return WaitFor([&] { return Contains(Log(), text); });
+    }
     // Both ring buffers, one behind the other.
-    [[nodiscard]] std::string Trace() const;
-    [[nodiscard]] bool WaitForLog(const std::string& text) const;
-    [[nodiscard]] static bool WaitForCall(const std::string& name);
+    [[nodiscard]] std::string Trace() const {
+        return RingText(m_logDirectory + "/log.kemd_i") + RingText(m_logDirectory + "/log.kemd_a");
+    }
 
     std::map<std::string, std::string> m_environment;
     std::string m_logDirectory = "/var/log/orvmon";

@@ -23,5 +23,5 @@ static inline int Scripted(const char* word) {
     if (!file) return 0;
     if (!fgets(text, sizeof text, file)) text[0] = '\0';
     fclose(file);
-    return strstr(text, word) != NULL;
+    return strstr(text, word) ? 1 : 0;
 }

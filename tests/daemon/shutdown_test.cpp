@@ -13,26 +13,18 @@ TEST_F(DaemonTest, StopCallsTheModulesInOrder) {
         std::string level;
         std::string shutdown;
         int signal;
-    } cases[] = {
-        {"0\n", "0", "NotifyModules code=0x30000 data=0 word=0\n", SIGTERM},
-        {"6 and more", "6", "NotifyModules code=0x30000 data=6 word=0\n", SIGINT},
-        {"3\n", "-1", "", SIGTERM},
-        {"", "5", "", SIGINT},  // there is no file
-    };
+    } cases[] = {{"0\n", "0", "NotifyModules code=0x30000 data=0 word=0\n", SIGTERM},
+                 {"6 and more", "6", "NotifyModules code=0x30000 data=6 word=0\n", SIGINT},
+                 {"3\n", "-1", "", SIGTERM},
+                 {"", "5", "", SIGINT}};  // there is no file
     for (const auto& [file, level, shutdown, signal] : cases) {
         WriteFile("/etc/orvmon/RunLevel", file);
         if (file.empty()) fs::remove("/etc/orvmon/RunLevel");
-        const pid_t pid = Run();
-        EXPECT_EQ(Stop(pid, signal), 0) << level;
+        EXPECT_EQ(Stop(Run(), signal), 0) << level;
         EXPECT_EQ(Calls(),
-                  "SW_QueryInterface identifier=0\n"
-                  "LoadModules flags=0 mode=0\n"
-                  "StartAllModules\n"
+                  "SW_QueryInterface identifier=0\nLoadModules flags=0 mode=0\nStartAllModules\n"
                   "NotifyModules code=0x20000 word=0\n" +
-                      shutdown +
-                      "StopAllModules\n"
-                      "UnloadModules options=0\n"
-                      "SW_Release\n");
+                      shutdown + "StopAllModules\nUnloadModules options=0\nSW_Release\n");
         const std::string number = std::to_string(signal);
         EXPECT_TRUE(InOrder(Log(), {"KEMD-MAIN:  ... got signal " + number + "\n",
                                     "KEMD-MAIN: Signal " + number + " caught -> processing\n",
@@ -41,6 +33,10 @@ TEST_F(DaemonTest, StopCallsTheModulesInOrder) {
                                     "KEMD-MAIN: ## EXIT PROCESS KEMD ##\n"}));
         EXPECT_FALSE(fs::exists(kPidFile) || fs::exists(kLockFile)) << level;
     }
+    const std::string missing = "KEMD-MAIN: cannot open /etc/orvmon/RunLevel ";
+    EXPECT_TRUE(
+        InOrder(Log(), {missing + "(try 0)\n", missing + "(try 1)\n", missing + "(try 2)\n",
+                        "KEMD-MAIN: this seems to be a simple stop of KEMD (not OS shutdown)\n"}));
 }
 
 TEST_F(DaemonTest, HangupTogglesTracingAndAlarmDoesNothing) {
@@ -48,53 +44,59 @@ TEST_F(DaemonTest, HangupTogglesTracingAndAlarmDoesNothing) {
     const std::string off = "KEMD-MAIN: Trace reset due to SIGHUP\n";
     const std::string on = "KEMD-MAIN: Trace forced due to SIGHUP\n";
     const std::string alarm = "KEMD-MAIN: WARNING: Signal 14 (SIGALRM) caught -> ignoring\n";
-    const std::string stopping = "KEMD-MAIN::OnExitService      : ";
+    const std::string stop = "KEMD-MAIN::OnExitService      : ";
+    const std::string unload = "nload of all registered extension modules ";
     for (const int hangups : {1, 2}) {
         const pid_t pid = Run();
+        std::vector<std::string> texts{"got signal 1\n", hangup, off};
         kill(pid, SIGHUP);
         ASSERT_TRUE(WaitForLog(off));
         if (hangups == 2) {
+            texts.insert(texts.end(), {"got signal 1\n", hangup, on});
             kill(pid, SIGHUP);
             ASSERT_TRUE(WaitForLog(on));
         }
+        texts.insert(texts.end(), {"got signal 14\n", alarm, "got signal 15\n"});
         kill(pid, SIGALRM);
         ASSERT_TRUE(WaitForLog(alarm));
         EXPECT_EQ(Stop(pid), 0);
-        std::vector<std::string> texts{"got signal 1\n", hangup, off};
-        if (hangups == 2) texts.insert(texts.end(), {"got signal 1\n", hangup, on});
-        texts.insert(texts.end(), {"got signal 14\n", alarm, "got signal 15\n"});
         EXPECT_TRUE(InOrder(Log(), texts));
         EXPECT_TRUE(InOrder(Trace(), texts));  // messages get there in either state
-        EXPECT_EQ(static_cast<bool>(InOrder(
-                      Trace(), {"KEMD-MAIN: /usr/bin/systemctl detected on this OS\n",
-                                stopping + "Stopping all modules...\n",
-                                stopping + "... all modules stopped\n",
-                                stopping + "Start unload of all registered extension modules ...\n",
-                                stopping + "... unload of all registered extension modules "
-                                           "completed!\n"})),
-                  hangups == 2);
+        EXPECT_EQ(Contains(Trace(), stop), hangups == 2);
     }
+    EXPECT_TRUE(
+        InOrder(Trace(), {stop + "Stopping all modules...\n", stop + "... all modules stopped\n",
+                          stop + "Start u" + unload, stop + "... u" + unload + "completed!\n"}));
 }
 
-TEST_F(DaemonTest, ExceptionOfTheLibraryEndsItCleanly) {
+TEST_F(DaemonTest, FaultsOfTheLibraryHaveTheirEnds) {
     const struct {
+        const char* library;
         const char* script;
+        bool runs;  // until it is told to stop
+        int status;
         const char* text;
         const char* lastCall;
     } cases[] = {
-        {"start", "library says start", "start\n"},
-        {"notify odd", "nknown exception", "notify\n"},
-        {"stop", "library says stop", "stop\n"},
+        {"missing", "", false, 1, "FATAL ERROR! Server Control SWITCH could not be loaded!\n", ""},
+        {"c", "fail-query", false, 1, "SWITCH could not be loaded!\n", "identifier=0\n"},
+        {"c", "fail-load", true, 0, "ERROR! Load extension modules FAILED!\n", "SW_Release\n"},
+        {"throwing", "load", true, 0, "ERROR! Load extension modules FAILED!\n", "SW_Release\n"},
+        // After other exceptions the library is not called any more, not even to release it.
+        {"throwing", "start", false, 1, "library says start\n", "start\n"},
+        {"throwing", "notify odd", true, 1, "nknown exception", "notify\n"},
+        {"throwing", "stop", true, 1, "library says stop\n", "stop\n"},
     };
-    for (const auto& [script, text, lastCall] : cases) {
-        UseSwitch("throwing", script);
-        const bool atStart = std::string(script) == "start";
-        const pid_t pid = atStart ? Start({"-n"}) : Run();
-        EXPECT_EQ(atStart ? WaitForExit(pid) : Stop(pid), 1) << script;
-        EXPECT_TRUE(Calls().ends_with(lastCall)) << Calls();  // neither unload nor SW_Release
-        EXPECT_TRUE(InOrder(Log(), {"xception", "\n"}));
-        EXPECT_TRUE(InOrder(Log(), {text}));
-        EXPECT_FALSE(InOrder(Log(), {"xception", "\n", "xception"}));
+    for (const auto& [library, script, runs, status, text, lastCall] : cases) {
+        UseSwitch(library, script);
+        const pid_t pid = Run();
+        EXPECT_EQ(ReadFile(kPidFile), runs ? std::to_string(pid) + "\n" : "") << script;
+        EXPECT_EQ(Contains(Log(), "## Done initializing ##"), runs) << script;
+        EXPECT_EQ(Stop(pid), status) << script;
+        EXPECT_TRUE(Contains(Log() + Trace(), text)) << text;
+        EXPECT_FALSE(InOrder(Log(), {"xception", "xception"}));  // one message at most
+        EXPECT_TRUE(Calls().ends_with(lastCall)) << Calls();
+        EXPECT_FALSE(Contains(Calls(), "StartAllModules"));
         EXPECT_FALSE(fs::exists(kPidFile) || fs::exists(kLockFile)) << script;
     }
 }
@@ -105,13 +107,11 @@ TEST_F(DaemonTest, RingKeepsTheNewestRecordOfAKilledDaemon) {
     kill(pid, SIGALRM);
     ASSERT_TRUE(WaitForLog(newest));
     EXPECT_EQ(Stop(pid, SIGKILL), 1000 + SIGKILL);
-    const std::string ring = ReadFile("/var/log/orvmon/log.kemd_a");
-    EXPECT_EQ(ring.size(), 1024U * 1024U);
+    EXPECT_EQ(fs::file_size("/var/log/orvmon/log.kemd_a"), 1024U * 1024U);
     EXPECT_TRUE(RingText("/var/log/orvmon/log.kemd_a").ends_with(newest));
     // What it left behind does not keep the next one from starting.
     EXPECT_TRUE(fs::exists(kLockFile) && fs::exists(kPidFile));
-    const pid_t next = Start({"-n"});
-    ASSERT_TRUE(WaitForCall("StartAllModules"));
+    const pid_t next = StartAndWait({"-n"});
     EXPECT_EQ(ReadFile(kLockFile), "kemd#" + std::to_string(next));
 }
 
@@ -120,14 +120,14 @@ TEST_F(DaemonTest, ReferenceLibraryRunsTheExampleModules) {
     m_environment["OV_MODULE_DIR"] = "/build/modules";
     WriteFile("/etc/orvmon/RunLevel", "6");
     const pid_t pid = Run();
-    ASSERT_TRUE(WaitFor([this] { return static_cast<bool>(InOrder(Trace(), {" beat "})); }));
+    ASSERT_TRUE(WaitFor([this] { return Contains(Trace(), " heartbeat     beat "); }));
     EXPECT_EQ(Stop(pid), 0);
     EXPECT_TRUE(InOrder(
-        Trace(),
-        {" switch        module heartbeat.so started\n", "module notifications.so started\n",
-         " notifications notification 0x20000\n", "notification 0x30000, run level 6\n",
-         "module notifications.so stopped\n", "module heartbeat.so stopped\n",
-         "unload of all registered extension modules completed!\n"}));
+        Trace(), {" switch        module heartbeat.so started\n",
+                  "module notifications.so started\n", " notifications notification 0x20000\n",
+                  " notifications notification 0x30000, run level 6\n",
+                  "module notifications.so stopped\n", "module heartbeat.so stopped\n",
+                  "unload of all registered extension modules completed!\n"}));
 }
 
 }  // namespace

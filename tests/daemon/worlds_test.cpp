@@ -21,7 +21,7 @@ TEST_F(DaemonTest, RunsWithoutAProcessIdFile) {
     const pid_t pid = Run();
     const std::string process = std::to_string(pid);
     EXPECT_FALSE(fs::exists(kPidFile));
-    EXPECT_TRUE(InOrder(Calls(), {"StartAllModules\n"}));
+    EXPECT_TRUE(Contains(Calls(), "StartAllModules\n"));
     EXPECT_TRUE(InOrder(Trace(), {"KEMD-MAIN: ERROR! Cannot create kemd PID file /var/run/kemd.pid "
                                   "for kemd PID " +
                                   process + " (errno=30)!\n"}));
@@ -42,9 +42,7 @@ TEST_F(DaemonTest, RunsOnAFullDisk) {
         fs::remove_all("/var/log/orvmon");
         fs::create_directories("/var/log/orvmon");
         if (readable) fs::create_symlink("/tmp/log.kemd", "/var/log/orvmon/log.kemd");
-        const pid_t pid = Start({"-n"});
-        ASSERT_TRUE(WaitForCall("StartAllModules"));
-        EXPECT_EQ(Stop(pid), 0);
+        EXPECT_EQ(Stop(StartAndWait({"-n"})), 0);
     }
     EXPECT_TRUE(InOrder(
         Log(), {"### InitRingBuffer(): (2) write m_InternalDebugBuffer to "

@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 // Seen by the constructor of a static object of another file, in whatever order they run.
-static const bool g_exitEventExists = ExitEvent().event != nullptr;
+static const bool kExitEventExists = ExitEvent().event != nullptr;
 
 namespace {
 
@@ -29,8 +29,7 @@ EventHandle NewEvent(bool initialState, bool manualReset, const char* name = nul
     return handle;
 }
 
-// A thread that waits without limit, or as long as it is told, and is counted as a waiter when this
-// returns.
+// A thread that waits, and is counted as a waiter when this returns.
 std::future<int> StartWaiter(EventHandle& handle, uint32_t timeoutMs = kWaitForever) {
     const int waiters = handle.event->waiters;
     auto result = std::async(std::launch::async,
@@ -39,29 +38,24 @@ std::future<int> StartWaiter(EventHandle& handle, uint32_t timeoutMs = kWaitFore
     return result;
 }
 
-TEST(EventTest, ManualResetStaysSignaled) {
-    EventHandle event = NewEvent(false, true);
-    EXPECT_EQ(WaitForEvent(event, 0), 102);
-    EXPECT_EQ(SetEvent(event), 1);
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(WaitForEvent(event, 0), 0);
-    EXPECT_EQ(CheckEvent(event), 1);
-    EXPECT_EQ(ResetEvent(event), 1);
-    EXPECT_EQ(CheckEvent(event), 0);
-    EXPECT_EQ(WaitForEvent(event, 0), 102);
-}
-
-TEST(EventTest, AutoResetIsConsumedByOneWait) {
-    EventHandle event = NewEvent(false, false);
-    EXPECT_EQ(SetEvent(event), 1);
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(CheckEvent(event), 1);
-    EXPECT_EQ(WaitForEvent(event, kWaitForever), 0);
-    EXPECT_EQ(CheckEvent(event), 0);
-    EXPECT_EQ(WaitForEvent(event, 0), 102);
+TEST(EventTest, OnlyAutoResetConsumesTheSignal) {
+    for (const bool manual : {true, false}) {
+        EventHandle event = NewEvent(false, manual);
+        EXPECT_EQ(WaitForEvent(event, 0), 102);
+        EXPECT_EQ(SetEvent(event), 1);
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(CheckEvent(event), 1);
+        EXPECT_EQ(WaitForEvent(event, kWaitForever), 0);
+        EXPECT_EQ(CheckEvent(event), manual ? 1 : 0);
+        EXPECT_EQ(WaitForEvent(event, 0), manual ? 0 : 102);
+        EXPECT_EQ(ResetEvent(event), 1);
+        EXPECT_EQ(CheckEvent(event), 0);
+    }
 }
 
 TEST(EventTest, WaitEndsAtItsDeadline) {
     for (const uint32_t timeoutMs : {0, 30, 1005}) {
-        EventHandle event = NewEvent(false, true);
+        EventHandle event = NewEvent(true, true);
+        PulseEvent(event);  // wakes nobody later
         const auto start = Clock::now();
         EXPECT_EQ(WaitForEvent(event, timeoutMs), kWaitTimedOut);
         EXPECT_GE(Clock::now() - start, milliseconds(timeoutMs));
@@ -70,42 +64,25 @@ TEST(EventTest, WaitEndsAtItsDeadline) {
     }
 }
 
-TEST(EventTest, SetWakesAllOrOne) {
-    EventHandle manual = NewEvent(false, true);
-    auto first = StartWaiter(manual);
-    auto second = StartWaiter(manual);
-    SetEvent(manual);
-    EXPECT_EQ(first.get() + second.get(), 0);
-
-    EventHandle automatic = NewEvent(false, false);
-    first = StartWaiter(automatic);
-    second = StartWaiter(automatic);
-    SetEvent(automatic);
-    ASSERT_TRUE(WaitFor([&] { return automatic.event->waiters == 1; }));
-    EXPECT_EQ(CheckEvent(automatic), 0);
-    SetEvent(automatic);
-    EXPECT_EQ(first.get() + second.get(), 0);
-    EXPECT_EQ(CheckEvent(automatic), 0);
-}
-
-TEST(EventTest, PulseWakesOnlyWhoWaits) {
-    EventHandle event = NewEvent(true, true);
-    EXPECT_EQ(PulseEvent(event), 1);
-    EXPECT_EQ(CheckEvent(event), 0);
-    EXPECT_EQ(WaitForEvent(event, 10), kWaitTimedOut);
-    auto first = StartWaiter(event);
-    auto second = StartWaiter(event);
-    EXPECT_EQ(PulseEvent(event), 1);
-    EXPECT_EQ(first.get() + second.get(), 0);
-    EXPECT_EQ(CheckEvent(event), 0);
-}
-
-TEST(EventTest, CloseWakesTheWaiterAndEndsTheHandle) {
-    for (const bool manual : {true, false}) {
+TEST(EventTest, WakesAllWaitersOrOne) {
+    const struct {
+        int (*wake)(EventHandle&);
+        bool manual;
+        int left;  // still waiting
+        int state;
+    } cases[] = {{SetEvent, true, 0, 1},    {SetEvent, false, 1, 0},  {PulseEvent, true, 0, 0},
+                 {PulseEvent, false, 1, 0}, {CloseEvent, true, 0, 1}, {CloseEvent, false, 1, 0}};
+    for (const auto& [wake, manual, left, state] : cases) {
         EventHandle event = NewEvent(false, manual);
-        auto waiter = StartWaiter(event);
-        EXPECT_EQ(CloseEvent(event), 1);
-        EXPECT_EQ(waiter.get(), kWaitSignaled);
+        EventHandle copy(event);  // stays open
+        auto first = StartWaiter(event);
+        auto second = StartWaiter(event);
+        EXPECT_EQ(ReinitEvent(event, true, manual), 0);
+        EXPECT_EQ(wake(event), 1);
+        ASSERT_TRUE(WaitFor([&, left = left] { return copy.event->waiters == left; }));
+        EXPECT_EQ(CheckEvent(copy), state);
+        if (left != 0) SetEvent(copy);
+        EXPECT_EQ(first.get() + second.get(), 0);
     }
 }
 
@@ -114,45 +91,18 @@ TEST(EventTest, EmptyAndClosedHandlesFail) {
     CloseEvent(closed);
     EventHandle empty;
     for (EventHandle* handle : {&closed, &empty}) {
-        EXPECT_EQ(SetEvent(*handle), 0);
-        EXPECT_EQ(PulseEvent(*handle), 0);
-        EXPECT_EQ(ResetEvent(*handle), 0);
-        EXPECT_EQ(CheckEvent(*handle), 0);
-        EXPECT_EQ(CloseEvent(*handle), 0);
+        for (auto* operation : {SetEvent, PulseEvent, ResetEvent, CheckEvent, CloseEvent}) {
+            EXPECT_EQ(operation(*handle), 0);
+        }
         EXPECT_EQ(ReinitEvent(*handle, false, true), 0);
         EXPECT_EQ(WaitForEvent(*handle, 0), kWaitFailed);
     }
     EventHandle reopened(closed);
     EXPECT_EQ(CheckEvent(reopened), 1);
     EXPECT_EQ(closed.event->refCount, 2);
-    const EventHandle nothing(empty);
-    EXPECT_EQ(nothing.event, nullptr);
-}
-
-TEST(EventTest, ReferencesAreCounted) {
-    EventHandle event = NewEvent(false, true);
-    {
-        EventHandle copy(event);
-        EventHandle other = NewEvent(false, true);
-        other = event;
-        EventHandle& self = other;
-        other = self;
-        EXPECT_EQ(event.event->refCount, 3);
-        EXPECT_EQ(SetEvent(copy), 1);
-    }
-    EXPECT_EQ(event.event->refCount, 1);
-    EXPECT_EQ(CheckEvent(event), 1);
-}
-
-TEST(EventTest, ReinitFailsWhileSomebodyWaits) {
-    EventHandle event = NewEvent(false, true);
-    auto waiter = StartWaiter(event);
-    EXPECT_EQ(ReinitEvent(event, true, false), 0);
-    SetEvent(event);
-    EXPECT_EQ(waiter.get(), kWaitSignaled);
-    EXPECT_EQ(ReinitEvent(event, true, false), 1);
-    EXPECT_EQ(WaitForEvent(event, 0), kWaitSignaled);
-    EXPECT_EQ(WaitForEvent(event, 0), kWaitTimedOut);
+    reopened = empty;
+    EXPECT_EQ(reopened.event, nullptr);
+    EXPECT_EQ(closed.event->refCount, 1);
 }
 
 class EventTraceTest : public TracedTest {};
@@ -170,13 +120,14 @@ TEST_F(EventTraceTest, NameIsSharedUntilTheLastHandleGoes) {
     }
     EventHandle fresh = NewEvent(false, false, "shared");
     EXPECT_EQ(fresh.event->refCount, 1);
-    EXPECT_EQ(CheckEvent(fresh), 0);
+    EXPECT_EQ(ReinitEvent(fresh, true, false), 1);
     EXPECT_TRUE(InOrder(
         Trace(),
         {"creating event 0x", " <shared> (IsSignaled=0)\n", "refCount for event 0x",
          " <shared> incremented (IsSignaled=0)\n", "WARNING: manual setting mismatch for event 0x",
          " <shared>\n", " <shared> IsSignaled=0 --> IsSignaled=1\n", "decr refcount on event 0x",
-         "deleting event 0x", " <shared> (IsSignaled=1)\n", "creating event 0x"}));
+         "deleting event 0x", " <shared> (IsSignaled=1)\n", "creating event 0x",
+         "(IsSignaled=0,IsManual=0) --> (IsSignaled=1,IsManual=0)\n"}));
 }
 
 TEST(EventTest, ManyNamesStayFindable) {
@@ -185,12 +136,10 @@ TEST(EventTest, ManyNamesStayFindable) {
     // Neither in ascending nor in descending order.
     const auto name = [](int i) { return "event " + std::to_string(i * 17 % kCount); };
     for (int i = 0; i < kCount; ++i) CreateEvent(handles[i], false, true, name(i).c_str());
+    handles[10] = EventHandle();
     for (int i = 0; i < kCount; ++i) {
-        EXPECT_EQ(NewEvent(false, true, name(i).c_str()).event, handles[i].event) << name(i);
-    }
-    handles.erase(handles.begin() + 10);
-    for (int i = 10; i < kCount - 1; ++i) {
-        EXPECT_EQ(NewEvent(false, true, name(i + 1).c_str()).event, handles[i].event) << i;
+        const EventHandle found = NewEvent(false, true, name(i).c_str());
+        EXPECT_EQ(found.event == handles[i].event, i != 10) << name(i);
     }
 }
 
@@ -221,19 +170,13 @@ TEST(EventTest, LastReleaseWaitsForTheWaiter) {
     EXPECT_EQ(waiter.get(), kWaitTimedOut);
 }
 
-TEST(EventTest, ExitEventIsThereBeforeMain) {
-    EXPECT_TRUE(g_exitEventExists);
+TEST(EventDeathTest, ExitEventOutlivesMain) {
+    EXPECT_TRUE(kExitEventExists && ExitEvent().event->IsManual);
     EXPECT_EQ(CheckEvent(ExitEvent()), 0);
-    EXPECT_TRUE(ExitEvent().event->IsManual);
-    EXPECT_EQ(ExitEvent().event->name, nullptr);
-}
-
-TEST(EventDeathTest, ProcessEndsWhileAThreadWaitsOnTheExitEvent) {
     const auto exitWithWaiter = [] {
         alarm(20);  // ends a hanging exit
         std::thread([] { WaitForEvent(ExitEvent(), kWaitForever); }).detach();
-        const bool waits = WaitFor([] { return ExitEvent().event->waiters == 1; });
-        exit(waits ? 7 : 1);
+        exit(WaitFor([] { return ExitEvent().event->waiters == 1; }) ? 7 : 1);
     };
     EXPECT_EXIT(exitWithWaiter(), testing::ExitedWithCode(7), "");
 }

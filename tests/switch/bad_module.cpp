@@ -4,21 +4,25 @@
 #include "kemd/module.h"
 
 static int Start() {
-#if defined(BAD_START)
-    return 42;
-#elif defined(BAD_THROW)
+#ifdef BAD_THROW
     throw std::runtime_error("not today");
-#else
-    return 0;
 #endif
+#ifdef BAD_START
+    return 42;
+#endif
+    return 0;
 }
 
 [[maybe_unused]] static void Stop() {}
 
-#if defined(BAD_SYMBOL)
-extern "C" KEMD_API const KemdModule anotherName;
-const KemdModule anotherName = {KEMD_MODULE_VERSION, Start, Stop, nullptr};
-#elif defined(BAD_VERSION)
+#ifdef BAD_INIT
+static const int kNumber = [] { return throw std::runtime_error("not even loaded"), 0; }();
+#endif
+
+#ifdef BAD_SYMBOL
+#define kemdModule anotherName
+#endif
+#ifdef BAD_VERSION
 KEMD_MODULE = {KEMD_MODULE_VERSION + 1, Start, Stop, nullptr};
 #elif defined(BAD_FUNCTION)
 KEMD_MODULE = {KEMD_MODULE_VERSION, Start, nullptr, nullptr};

@@ -6,8 +6,6 @@
 
 namespace {
 
-constexpr const char* kCSwitch = "/test/switches/c/libswitch.so";
-
 void ExpectClosed(const SwitchBinding& binding) {
     EXPECT_EQ(binding.pfnAddRef, nullptr);
     EXPECT_EQ(binding.pfnRelease, nullptr);
@@ -17,68 +15,57 @@ void ExpectClosed(const SwitchBinding& binding) {
 }
 
 TEST_F(SwitchTest, MissingLibraryKeepsTheReason) {
+    Install("");
     EXPECT_FALSE(m_binding.Load());
     EXPECT_EQ(m_binding.lastError, ENOENT);
     ExpectClosed(m_binding);
-    EXPECT_TRUE(
-        InOrder(Trace(), {"LoadLibrary: ## ERROR:  libswitch.so: cannot open shared object"}));
+    EXPECT_TRUE(Contains(Trace(), "LoadLibrary: ## ERROR:  libswitch.so: cannot open shared obj"));
 }
 
 TEST_F(SwitchTest, CallsGoThroughAndEndWithOneRelease) {
-    Install(kCSwitch);
-    ModuleLoadParams params{2, kRunModeUpdate};
+    Install("/test/switches/c/libswitch.so");
     ASSERT_TRUE(m_binding.Load());
-    EXPECT_TRUE(m_binding.LoadModules(&params));
+    EXPECT_TRUE(m_binding.LoadModules(&m_params));
+    WriteFile("/tmp/script", "fail-load");
+    EXPECT_FALSE(m_binding.LoadModules(&m_params));  // passed on without a text
     EXPECT_TRUE(m_binding.UnloadModules(7));
     m_binding.Unload();
     ExpectClosed(m_binding);
-    EXPECT_EQ(Calls(),
+    EXPECT_EQ(ReadFile("/tmp/calls"),
               "SW_QueryInterface identifier=0\nLoadModules flags=2 mode=8\n"
-              "UnloadModules options=7\nSW_Release\n");
+              "LoadModules flags=2 mode=8\nUnloadModules options=7\nSW_Release\n");
     EXPECT_TRUE(InOrder(Trace(), {"SWITCH API          : Loading modules, force rescan = 3\n",
                                   "SWITCH API          : Unloading modules...\n"}));
-    EXPECT_FALSE(InOrder(Trace(), {"FAILED"}));
-}
-
-TEST_F(SwitchTest, FalseFromTheLibraryIsPassedOnWithoutAText) {
-    Install(kCSwitch);
-    WriteFile("/tmp/script", "fail-load");
-    ModuleLoadParams params{};
-    ASSERT_TRUE(m_binding.Load());
-    EXPECT_FALSE(m_binding.LoadModules(&params));
-    EXPECT_TRUE(InOrder(Trace(), {"Loading modules, force rescan = 1\n"}));
-    EXPECT_FALSE(InOrder(Trace(), {"FAILED"}));
+    EXPECT_FALSE(Contains(Trace(), "FAILED"));
 }
 
 TEST_F(SwitchTest, WithoutAnInterfaceNothingIsCalled) {
-    Install(kCSwitch);
+    Install("/test/switches/c/libswitch.so");
     WriteFile("/tmp/script", "fail-query");
-    ModuleLoadParams params{};
     EXPECT_FALSE(m_binding.Load());
     EXPECT_NE(m_binding.hLibrary, nullptr);
     EXPECT_EQ(m_binding.pInterface, nullptr);
-    EXPECT_FALSE(m_binding.LoadModules(&params));
+    EXPECT_FALSE(m_binding.LoadModules(&m_params));
     EXPECT_FALSE(m_binding.UnloadModules(0));
     m_binding.CloseLibrary();
     ExpectClosed(m_binding);
-    EXPECT_EQ(Calls(), "SW_QueryInterface identifier=0\n");
+    EXPECT_EQ(ReadFile("/tmp/calls"), "SW_QueryInterface identifier=0\n");
     EXPECT_TRUE(InOrder(Trace(), {"SWITCH API          : ## ERROR! Loading modules FAILED!\n",
                                   "SWITCH API          : ## ERROR! Unloading modules FAILED!\n"}));
-    EXPECT_FALSE(InOrder(Trace(), {"Exception"}));
+    EXPECT_FALSE(Contains(Trace(), "Exception"));
 }
 
 TEST_F(SwitchTest, OpenLibraryIsAskedAnew) {
-    Install(kCSwitch);
+    Install("/test/switches/c/libswitch.so");
     ASSERT_TRUE(m_binding.Load());
     const SwitchBinding first = m_binding;
-    std::filesystem::remove("/tmp/switch/libswitch.so");
+    Install("");
     m_binding.pInterface = nullptr;
     m_binding.pfnRelease = nullptr;
     EXPECT_TRUE(m_binding.Load());
     EXPECT_EQ(m_binding.hLibrary, first.hLibrary);
     EXPECT_EQ(m_binding.pInterface, first.pInterface);
     EXPECT_EQ(m_binding.pfnRelease, first.pfnRelease);
-    EXPECT_EQ(Calls(), "SW_QueryInterface identifier=0\nSW_QueryInterface identifier=0\n");
 }
 
 TEST_F(SwitchTest, OnlyTheQueryIsIndispensable) {
@@ -86,9 +73,6 @@ TEST_F(SwitchTest, OnlyTheQueryIsIndispensable) {
     EXPECT_TRUE(m_binding.Load());
     EXPECT_EQ(m_binding.pfnRelease, nullptr);
     m_binding.Unload();
-    ExpectClosed(m_binding);
-
-    std::filesystem::remove("/tmp/switch/libswitch.so");
     Install("/build/modules/notifications.so");  // a library without any of the entry points
     EXPECT_FALSE(m_binding.Load());
     EXPECT_NE(m_binding.hLibrary, nullptr);
@@ -96,11 +80,10 @@ TEST_F(SwitchTest, OnlyTheQueryIsIndispensable) {
 
 TEST_F(SwitchTest, ExceptionsBecomeFalse) {
     Install("/test/switches/throwing/libswitch.so");
-    ModuleLoadParams params{};
     ASSERT_TRUE(m_binding.Load());
     for (const char* script : {"load unload", "load unload odd"}) {
         WriteFile("/tmp/script", script);
-        EXPECT_FALSE(m_binding.LoadModules(&params)) << script;
+        EXPECT_FALSE(m_binding.LoadModules(&m_params)) << script;
         EXPECT_FALSE(m_binding.UnloadModules(0)) << script;
     }
     const std::string load = "SWITCH DLL - Exception during LoadModules\n";

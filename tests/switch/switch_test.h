@@ -9,21 +9,18 @@
 
 class SwitchTest : public TracedTest {
   protected:
-    void SetUp() override {
-        TracedTest::SetUp();
-        for (const char* file : {"/tmp/calls", "/tmp/script", "/tmp/switch/libswitch.so"}) {
-            std::filesystem::remove(file);
-        }
-    }
     void TearDown() override {
         m_binding.CloseLibrary();
+        for (const char* file : {"/tmp/calls", "/tmp/script"}) std::filesystem::remove(file);
         TracedTest::TearDown();
     }
 
+    // Empty: there is none.
     static void Install(const std::string& library) {
-        std::filesystem::copy_file(library, "/tmp/switch/libswitch.so");
+        std::filesystem::remove("/tmp/switch/libswitch.so");
+        if (!library.empty()) std::filesystem::copy(library, "/tmp/switch/libswitch.so");
     }
-    static std::string Calls() { return ReadFile("/tmp/calls"); }
 
     SwitchBinding m_binding{};
+    ModuleLoadParams m_params{2, kRunModeUpdate};
 };

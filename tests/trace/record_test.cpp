@@ -19,8 +19,8 @@ TEST(LinePrefix, Forms) {
          tag,
          "2026-11-15 20:04:51.000 [00000001] 18446744073709551615 KB !" + tag + " "},
         {{{std::numeric_limits<time_t>::max(), 0}, 1, false, 0},
-         "k",
-         "yyyy-mm-dd hh:mm:ss.mmm [00000001] k             "}};
+         "twelve chars",
+         "yyyy-mm-dd hh:mm:ss.mmm [00000001] twelve chars  "}};
     LinePrefix prefix;  // one for all rows: the second that it keeps must not be an old one
     for (const auto& [stamp, name, expected] : rows) {
         for (size_t size = 1; size < expected.size() + 3; ++size) {
