@@ -1,12 +1,10 @@
 // A text field of fixed size: what does not fit is cut, and it is always terminated.
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
-#include <cstring>
 #include <string_view>
 
 #include "kemd/api.h"
@@ -17,9 +15,7 @@ class FixedString {
     constexpr FixedString() = default;
 
     void Assign(std::string_view text) {
-        const size_t length = std::min(text.size(), kSize - 1);
-        std::memcpy(m_text.data(), text.data(), length);
-        m_text[length] = '\0';
+        m_text[text.copy(m_text.data(), kSize - 1)] = '\0';
     }
     KEMD_PRINTF(2, 3) void Format(const char* format, ...) {
         va_list args;

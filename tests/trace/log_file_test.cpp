@@ -1,8 +1,5 @@
 #include "trace/log_file.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include "tests/trace/trace_world.h"
 
 namespace {
