@@ -14,9 +14,7 @@ class FixedString {
   public:
     constexpr FixedString() = default;
 
-    void Assign(std::string_view text) {
-        m_text[text.copy(m_text.data(), kSize - 1)] = '\0';
-    }
+    void Assign(std::string_view text) { m_text[text.copy(m_text.data(), kSize - 1)] = '\0'; }
     KEMD_PRINTF(2, 3) void Format(const char* format, ...) {
         va_list args;
         va_start(args, format);
