@@ -12,7 +12,7 @@
 #include "services/base/cancel_guard.h"
 #include "services/base/never_destroyed.h"
 #include "services/base/recursive_mutex.h"
-#include "services/event_registry.h"
+#include "services/name_registry.h"
 #include "trace/debug.h"
 
 namespace {

@@ -1,27 +1,27 @@
-#include "services/event_registry.h"
+#include "services/name_registry.h"
 
 #include <algorithm>
 #include <cstring>
 #include <exception>
 #include <string_view>
 
-std::vector<EventRegistry::Entry>::iterator EventRegistry::Seek(const char* name) {
+std::vector<NameRegistry::Entry>::iterator NameRegistry::Seek(const char* name) {
     return std::lower_bound(
         m_entries.begin(), m_entries.end(), name,
         [](const Entry& entry, const char* key) { return std::strcmp(entry.name.get(), key) < 0; });
 }
 
-bool EventRegistry::Matches(std::vector<Entry>::iterator position, const char* name) const {
+bool NameRegistry::Matches(std::vector<Entry>::iterator position, const char* name) const {
     return position != m_entries.end() && std::strcmp(position->name.get(), name) == 0;
 }
 
-void* EventRegistry::Find(const char* name) {
+void* NameRegistry::Find(const char* name) {
     const RecursiveLock lock(m_lock);
     const auto position = Seek(name);
     return Matches(position, name) ? position->object : nullptr;
 }
 
-bool EventRegistry::Put(const char* name, void* object) try {
+bool NameRegistry::Put(const char* name, void* object) try {
     const RecursiveLock lock(m_lock);
     const auto position = Seek(name);
     if (Matches(position, name)) {
@@ -37,7 +37,7 @@ bool EventRegistry::Put(const char* name, void* object) try {
     return false;
 }
 
-void EventRegistry::Remove(const char* name) {
+void NameRegistry::Remove(const char* name) {
     const RecursiveLock lock(m_lock);
     const auto position = Seek(name);
     if (Matches(position, name)) m_entries.erase(position);

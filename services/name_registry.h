@@ -1,4 +1,5 @@
-// The table of named objects that creators share within the process. It owns the names only.
+// A table of named objects that creators share within the process: one for events, one for
+// semaphores. It owns the names only.
 //
 // Any thread may call; constant-initialised. A caller that looks up and then creates holds a lock
 // of its own around both, and takes it first.
@@ -9,9 +10,9 @@
 
 #include "services/base/recursive_mutex.h"
 
-class EventRegistry {
+class NameRegistry {
   public:
-    constexpr EventRegistry() = default;
+    constexpr NameRegistry() = default;
 
     // Null when there is none of that name.
     [[nodiscard]] void* Find(const char* name);
@@ -31,3 +32,6 @@ class EventRegistry {
     RecursiveMutex m_lock;
     std::vector<Entry> m_entries;  // sorted by name
 };
+
+using EventRegistry = NameRegistry;
+using SemaphoreRegistry = NameRegistry;

@@ -1,0 +1,71 @@
+// Reads an open file line by line through a buffer of its own, without allocation.
+//
+// Lines are those of fgets with a buffer of 1,024 bytes: a line carries its line feed, the last one
+// may lack it, and a line of more than 1,023 bytes comes in pieces. Bytes of value 0 are passed on.
+#pragma once
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+// The line as a C string shows it: up to its first NUL.
+inline std::string_view CutAtNul(std::string_view line) {
+    return line.substr(0, line.find('\0'));
+}
+
+class LineReader {
+  public:
+    static constexpr size_t kMaxLine = 1023;
+
+    // Starts at the descriptor's file position; does not own the descriptor.
+    explicit LineReader(int fd) : m_fd(fd) {}
+
+    // False at the end of the file and when it cannot be read on. The line is valid until the next
+    // call.
+    [[nodiscard]] bool Next(std::string_view& line) {
+        for (;;) {
+            const char* const start = m_buffer.data() + m_begin;
+            const size_t window = std::min(m_end - m_begin, kMaxLine);
+            const void* const feed = std::memchr(start, '\n', window);
+            if (feed == nullptr && window < kMaxLine && Fill()) continue;
+            const size_t length =
+                feed == nullptr ? window
+                                : static_cast<size_t>(static_cast<const char*>(feed) - start) + 1;
+            line = {m_buffer.data() + m_begin, length};
+            m_begin += length;
+            m_position += static_cast<off_t>(length);
+            return length > 0;
+        }
+    }
+    // How many bytes the lines so far had.
+    [[nodiscard]] off_t Position() const { return m_position; }
+    // Whether Next ended on an error instead of the end of the file.
+    [[nodiscard]] bool HasFailed() const { return m_failed; }
+
+  private:
+    // Reads more behind what is there; false when there is no more.
+    bool Fill() {
+        std::memmove(m_buffer.data(), m_buffer.data() + m_begin, m_end - m_begin);
+        m_end -= m_begin;
+        m_begin = 0;
+        ssize_t count = -1;
+        do {
+            count = read(m_fd, m_buffer.data() + m_end, m_buffer.size() - m_end);
+        } while (count < 0 && errno == EINTR);
+        if (count < 0) m_failed = true;
+        if (count <= 0) return false;
+        m_end += static_cast<size_t>(count);
+        return true;
+    }
+
+    int m_fd;
+    bool m_failed = false;
+    size_t m_begin = 0;  // of what is not taken yet
+    size_t m_end = 0;
+    off_t m_position = 0;
+    std::array<char, 32 * 1024> m_buffer;
+};

@@ -1,0 +1,8 @@
+// Within the process a profile file is not read while one is written.
+#pragma once
+
+#include <shared_mutex>
+
+#include "services/base/never_destroyed.h"
+
+inline constinit NeverDestroyed<std::shared_mutex> g_profileLock;

@@ -1,0 +1,186 @@
+// Reading and setting values.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <string_view>
+#include <utility>
+
+#include "kemd/registry.h"
+#include "services/registry/store.h"
+#include "trace/debug.h"
+
+namespace {
+
+// Replaces every %NAME% by the environment variable, "%%" by one "%".
+std::string Expand(std::string_view text) {
+    std::string expanded;
+    for (;;) {
+        const size_t begin = text.find('%');
+        const size_t end = begin == text.npos ? begin : text.find('%', begin + 1);
+        if (end == text.npos) return expanded.append(text);
+        const std::string name(text.substr(begin + 1, end - begin - 1));
+        const char* const value = name.empty() ? "%" : std::getenv(name.c_str());
+        expanded.append(text.substr(0, begin)).append(value != nullptr ? value : "");
+        text.remove_prefix(end + 1);
+    }
+}
+
+// Whether data of this type and size can be stored.
+bool IsStorable(const void* data, uint32_t size, uint32_t type) {
+    if (data == nullptr) return false;
+    return type == kRegistryNumber ? size == sizeof(int32_t)
+                                   : type >= kRegistryString && type <= kRegistryBinary;
+}
+
+RegistryEntry NewEntry(const char* name, const void* data, uint32_t size, uint32_t type) {
+    if (type != kRegistryNumber) {
+        return RegistryEntry(name, static_cast<RegistryType>(type),
+                             {static_cast<const char*>(data), size});
+    }
+    int32_t number = 0;
+    std::memcpy(&number, data, sizeof number);
+    return RegistryEntry(name, number);
+}
+
+}  // namespace
+
+bool CRegistry::SetValue(const char* name, const void* data, uint32_t size, uint32_t type,
+                         const RegistryHandle& node) try {
+    TheRegistryStore().MarkDirty();
+    TRACE(2, "CRegistry::SetValue \"%s\" %d %d\n", name, static_cast<int>(size),
+          static_cast<int>(type));
+    const RegistryKey key = KeyOf(node);
+    if (!key || !IsStorable(data, size, type)) return false;
+    RegistryEntry replaced;
+    {
+        LockedNode locked(*key);
+        if (locked.IsDeleted()) return false;
+        if (name == nullptr) return true;
+        const RegistryEntry* entry = locked.Put(NewEntry(name, data, size, type), replaced);
+        if (replaced.Type() != 0) {
+            TRACE(2, "CRegistry::SetValue oEntry = %p\n", static_cast<const void*>(entry));
+        }
+    }
+    Discard(replaced);
+    return true;
+} catch (const std::exception&) {
+    return false;
+}
+
+int32_t CRegistry::SetValue(const char* name, int32_t number) {
+    return SetValue(name, &number, sizeof number, kRegistryNumber) ? 0 : kRegistryInvalid;
+}
+
+int32_t CRegistry::SetValue(const char* name, const char* text) {
+    const auto size = static_cast<uint32_t>(text != nullptr ? std::strlen(text) : 0);
+    return SetValue(name, text, size, kRegistryString) ? 0 : kRegistryInvalid;
+}
+
+// The one way by which values are read: into m_value, with size and type.
+int32_t CRegistry::Read(const RegistryKey& key, const char* name) {
+    m_valueSize = 0;
+    m_valueType = 0;
+    m_value.clear();
+    if (!key) return kRegistryInvalid;
+    const LockedNode locked(*key);
+    if (locked.IsDeleted()) return kRegistryInvalid;
+    const RegistryEntry* entry = name != nullptr ? locked.Find(name) : nullptr;
+    if (entry == nullptr) return kRegistryAbsent;
+    m_valueType = entry->Type();
+    m_value = entry->Data();
+    m_valueSize = static_cast<uint32_t>(m_value.size());
+    if (m_valueType == kRegistryNumber) {
+        const int32_t number = entry->Number();
+        m_value.assign(reinterpret_cast<const char*>(&number), sizeof number);
+        m_valueSize = sizeof number;
+    } else if (m_valueType == kRegistryString || m_valueType == kRegistryExpandString) {
+        ++m_valueSize;
+        if (m_expand && m_valueType == kRegistryExpandString) m_value = Expand(m_value);
+    }
+    return 0;
+}
+
+int32_t CRegistry::ReadText(const char* name, const RegistryHandle& node) {
+    const int32_t result = Read(KeyOf(node), name);
+    if (result != 0) return result;
+    const bool isText = m_valueType == kRegistryString || m_valueType == kRegistryExpandString;
+    return isText ? 0 : kRegistryAbsent;
+}
+
+int32_t CRegistry::QueryValue(int32_t* out, const char* name, const RegistryHandle& node) try {
+    const int32_t result = Read(KeyOf(node), name);
+    if (result != 0) return result;
+    if (m_valueType != kRegistryNumber || out == nullptr) return kRegistryAbsent;
+    std::memcpy(out, m_value.data(), sizeof *out);
+    return 0;
+} catch (const std::exception&) {
+    return kRegistryAbsent;
+}
+
+int32_t CRegistry::QueryValue(std::string* out, const char* name, const RegistryHandle& node) try {
+    const int32_t result = ReadText(name, node);
+    if (result != 0) return result;
+    if (out == nullptr) return kRegistryAbsent;
+    *out = m_value;
+    return 0;
+} catch (const std::exception&) {
+    return kRegistryAbsent;
+}
+
+int32_t CRegistry::QueryValue(std::vector<uint8_t>* out, const char* name,
+                              const RegistryHandle& node) try {
+    const int32_t result = Read(KeyOf(node), name);
+    if (result != 0) return result;
+    if (m_valueType != kRegistryBinary || out == nullptr) return kRegistryAbsent;
+    out->assign(m_value.begin(), m_value.end());
+    return 0;
+} catch (const std::exception&) {
+    return kRegistryAbsent;
+}
+
+int32_t CRegistry::QueryValue(char* buffer, const char* name, uint32_t size,
+                              const RegistryHandle& node) try {
+    const int32_t result = ReadText(name, node);
+    if (result != 0 || buffer == nullptr) return result;
+    m_value.copy(buffer, size);
+    if (m_value.size() >= size) return kRegistryTooLong;
+    buffer[m_value.size()] = '\0';
+    return 0;
+} catch (const std::exception&) {
+    return kRegistryAbsent;
+}
+
+int32_t CRegistry::QueryValue(char* buffer, const char* name, uint32_t* count,
+                              const RegistryHandle& node) try {
+    const RegistryKey key = KeyOf(node);
+    if (!key) return kRegistryInvalid;
+    if (count == nullptr) {
+        TRACE(1, "CRegistry::QueryValue: ** ERROR **  pdwCount is a NULL pointer\n");
+        return kRegistryTooLong;
+    }
+    const int32_t result = ReadText(name, node);
+    if (result != 0) return result;
+    const auto length = static_cast<uint32_t>(m_value.size());
+    if (buffer == nullptr) {
+        *count = length + 1;
+        return 0;
+    }
+    m_value.copy(buffer, *count);
+    if (length >= *count) return kRegistryTooLong;
+    buffer[length] = '\0';
+    *count = length;
+    return 0;
+} catch (const std::exception&) {
+    return kRegistryAbsent;
+}
+
+bool CRegistry::ReadIdentifierValue(std::string& out, const char* name) {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        CRegistry registry;
+        if (registry.OpenIdentifierKey() == 0 && registry.QueryValue(&out, name) == 0) {
+            return true;
+        }
+    }
+    return false;
+}

@@ -1,0 +1,9 @@
+// Writing the registry's file so that at any moment, whatever fails or ends the process, the old or
+// the new store is there whole.
+#pragma once
+
+#include "services/registry/node.h"
+
+// The tree becomes /etc/orvmon/registry, what stood there registry.old; both are on disk on return.
+// False with errno when that fails, which is traced; then all files are as they were.
+bool SaveRegistryFile(CRegistryNode& root);
