@@ -67,11 +67,6 @@ bool WriteNewFile(int fd, CRegistryNode& root) try {
     return false;
 }
 
-bool HasLiveContent() {
-    struct stat status {};
-    return stat(kRegistryFile, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
-}
-
 bool Exchange() {
     return renameat2(AT_FDCWD, kNewFile, AT_FDCWD, kRegistryFile, RENAME_EXCHANGE) == 0;
 }
@@ -90,7 +85,10 @@ bool RenameBoth() {
 // The live file becomes the previous generation, the new file the live one. An exchange first: no
 // moment without a live file, and a failure behind it can be taken back.
 bool MoveIntoPlace() {
-    if (!HasLiveContent()) return rename(kNewFile, kRegistryFile) == 0;
+    struct stat live {};
+    if (stat(kRegistryFile, &live) != 0 && errno != ENOENT) return false;
+    // Nothing, or nothing worth keeping.
+    if (!S_ISREG(live.st_mode) || live.st_size == 0) return rename(kNewFile, kRegistryFile) == 0;
     if (!Exchange()) return (errno == EINVAL || errno == ENOSYS) && RenameBoth();
     if (rename(kNewFile, kRegistryOldFile) == 0) return true;
     const int error = errno;

@@ -1,0 +1,272 @@
+#include "kemd/profile.h"
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "tests/traced_test.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kFile = "/etc/test.ini";
+
+std::string Value(const char* section, const char* key, uint32_t size = 100) {
+    std::string out(size, '#');
+    out.resize(GetPrivateProfileString(section, key, "default", out.data(), size, kFile));
+    return out;
+}
+
+TEST(ProfileTest, ReaderTakesLinesApart) {
+    const std::string longValue(1500, 'x');
+    WriteFile(
+        kFile,
+        "early=1\n ;[A]\n  [A] behind\n\tkey \t= abc ; note\nno equals\n =noname\nempty = ;x\n"
+        "twice=a=b \nKey=other\nhalf;=x\nlong=" +
+            longValue + "\ntail=t\n[B]\nb=1\n[A]\nsecond=1\n[open");
+    const struct {
+        const char* section;
+        const char* key;
+        std::string value;
+    } cases[] = {{"A", "key", "abc"},
+                 {"A", "", "noname"},
+                 {"A", "empty", "default"},
+                 {"A", "twice", "a=b"},
+                 {"A", "Key", "other"},
+                 {"A", "half", "default"},
+                 {"A", "early", "default"},
+                 {"A", "second", "default"},
+                 {"A", "tail", "t"},
+                 {"B", "b", "1"},
+                 {"a", "key", "default"},
+                 {"", "b", "default"},
+                 {"A] behind", "key", "default"},
+                 {"open", "b", "default"},
+                 // The line is read as two of 1,023 bytes at most.
+                 {"A", "long", std::string(1018, 'x')}};
+    for (const auto& [section, key, value] : cases) {
+        EXPECT_EQ(Value(section, key, 2000), value) << section << ' ' << key;
+    }
+    EXPECT_EQ(Value("A", nullptr, 2000), std::string("key\0\0empty\0twice\0Key\0long\0tail\0", 31));
+    EXPECT_EQ(Value(nullptr, nullptr), std::string("A\0B\0A\0", 6));
+}
+
+TEST(ProfileTest, ReaderFillsBuffersOfAnySize) {
+    WriteFile(kFile, "[A]\nabc=12345\nde=2\n[B]\n");
+    const struct {
+        const char* section;
+        const char* key;
+        uint32_t size;
+        uint32_t result;
+        std::string out;
+    } cases[] = {{"A", "abc", 0, 0, "########"},
+                 {"A", "abc", 1, 0, std::string("\0#######", 8)},
+                 {"A", "abc", 2, 1, std::string("d\0######", 8)},  // the scan stops at once
+                 {"A", "abc", 3, 2, std::string("12\0#####", 8)},
+                 {"A", "abc", 5, 4, std::string("1234\0###", 8)},
+                 {"A", "abc", 6, 5, std::string("12345\0##", 8)},
+                 {"A", nullptr, 2, 0, std::string("\0#######", 8)},
+                 {"A", nullptr, 4, 2, std::string("ab\0\0####", 8)},
+                 {"A", nullptr, 5, 4, std::string("abc\0\0###", 8)},  // ends exactly at the end
+                 {"A", nullptr, 6, 4, std::string("abc\0\0\0##", 8)},
+                 {"A", nullptr, 7, 5, std::string("abc\0d\0\0#", 8)},
+                 {"A", nullptr, 8, 7, std::string("abc\0de\0\0", 8)},
+                 {nullptr, nullptr, 8, 4, std::string("A\0B\0\0##\0", 8)},
+                 {"C", nullptr, 8, 0, std::string("\0#######", 8)}};
+    for (const auto& [section, key, size, result, out] : cases) {
+        std::string buffer(8, '#');
+        EXPECT_EQ(GetPrivateProfileString(section, key, "default", buffer.data(), size, kFile),
+                  result)
+            << size;
+        EXPECT_EQ(buffer, out) << size << (key == nullptr);
+    }
+    char out[4] = "##";
+    EXPECT_EQ(GetPrivateProfileString("A", "abc", "x", nullptr, 4, kFile), 0U);
+    EXPECT_EQ(GetPrivateProfileStringChecked("A", "abc", "x", out, 4, nullptr), 0U);
+    EXPECT_EQ(out[0], '#');
+    EXPECT_EQ(GetPrivateProfileString("A", "abc", "long text", out, 4, nullptr), 3U);
+    EXPECT_STREQ(out, "lon");
+    for (const char* section : {static_cast<const char*>(nullptr), "A"}) {
+        EXPECT_EQ(GetPrivateProfileString(section, nullptr, "x", out, 4, "/none"), 0U);
+    }
+    EXPECT_EQ(GetPrivateProfileString("A", "none", nullptr, out, 4, kFile), 0U);
+}
+
+class ProfileTraceTest : public TracedTest {};
+
+TEST_F(ProfileTraceTest, WriterChangesTheFileByteForByte) {
+    struct Case {
+        std::string before;
+        const char* section;
+        const char* key;
+        const char* value;
+        bool result;
+        std::string after;
+    };
+    const std::string longLine = "a=" + std::string(1100, 'x') + "\n";
+    const std::vector<Case> cases = {
+        // a new section at the end, also when the reader sees one that is indented, or the last
+        // line has no line feed
+        {"", "S", "k", "v", true, "\n[S]\n\nk=v\n"},
+        {"  [S]\nk=1\n", "S", "k", "v", true, "  [S]\nk=1\n\n[S]\n\nk=v\n"},
+        {"[S]", "S", "k", "v", true, "[S]\n[S]\n\nk=v\n"},
+        {"[S ]\n[Sec]\n", "S", "k", "v", true, "[S ]\n[Sec]\n\n[S]\n\nk=v\n"},
+        // a new entry at the end of its section
+        {"[S]\na=1\n\n[T]\nb=1\n", "S", "k", "v", true, "[S]\na=1\n\nk=v\n[T]\nb=1\n"},
+        {"[S]\na=1", "S", "k", "v", true, "[S]\na=1k=v\n"},
+        {"[S]x\n;k=0\n k=0\n", "S", "k", "v", true, "[S]x\n;k=0\n k=0\nk=v\n"},
+        // in place; the first entry gets an empty line above it
+        {"[S]\nk \t=1 ; n\nb=2\n", "S", "k", "v", true, "[S]\n\nk=v\nb=2\n"},
+        {"[S]\nnoise\nk=1\nb=2\n", "S", "k", "v", true, "[S]\nnoise\nk=v\nb=2\n"},
+        {"[S]\n;c\nk=1\n[S]\nk=2\n", "S", "k", "v", true, "[S]\n;c\n\nk=v\n[S]\nk=2\n"},
+        {"[S]\n" + longLine + "z=1\n", "S", "a", "v", true,
+         "[S]\n\na=v\n" + longLine.substr(1023) + "z=1\n"},
+        // deletions
+        {"[S]\na=1\nk=2\n", "S", "k", nullptr, true, "[S]\na=1\n"},
+        {"[S]\nk=2\na=1\n", "S", "k", nullptr, true, "[S]\n\na=1\n"},
+        {"[S]\na=1\n[T]\nk=1\n", "S", "k", nullptr, false, "[S]\na=1\n[T]\nk=1\n"},
+        {"[R]\nk=1\n", "S", "k", nullptr, false, "[R]\nk=1\n"},
+        {"[R]\n[S]\na=1\n[T]\nb\n", "S", nullptr, "v", true, "[R]\n[T]\nb\n"},
+        {"[R]\n\n[S]\na=1", "S", nullptr, nullptr, true, "[R]\n\n"},
+        {"[R]\n", "S", nullptr, nullptr, false, "[R]\n"},
+    };
+    for (const Case& c : cases) {
+        WriteFile(kFile, c.before);
+        EXPECT_EQ(WritePrivateProfileString(c.section, c.key, c.value, kFile), c.result);
+        EXPECT_EQ(ReadFile(kFile), c.after) << "was: " << c.before;
+    }
+    EXPECT_FALSE(WritePrivateProfileString(nullptr, "k", "v", kFile));
+    EXPECT_FALSE(WritePrivateProfileString("S", "k", "v", nullptr));
+    fs::remove(kFile);
+    EXPECT_TRUE(WritePrivateProfileString("S", "k", nullptr, kFile));
+    EXPECT_TRUE(WritePrivateProfileString("S", nullptr, nullptr, kFile));
+    EXPECT_FALSE(fs::exists(kFile));
+    EXPECT_FALSE(WritePrivateProfileString("S", "k", "v", "/none/x"));
+    umask(077);
+    EXPECT_TRUE(WritePrivateProfileString("S", "k", "v", kFile));
+    umask(022);
+    EXPECT_EQ(fs::status(kFile).permissions(), fs::perms(0644));
+    EXPECT_TRUE(InOrder(
+        Trace(),
+        {"WritePrivateProfileString(S, k, <nil>, /etc/test.ini)\n",
+         "WritePrivateProfileString rc=0x0001\n", "WritePrivateProfileString rc=0x0000\n",
+         "## WARNING: invalid pointer to AppName\n", "## WARNING: invalid pointer to FileName\n",
+         "WritePrivateProfileString(S, k, <nil>, ", "WritePrivateProfileString rc=0x0001\n",
+         "WritePrivateProfileString(S, <nil>, <nil>, ", "WritePrivateProfileString rc=0x0001\n",
+         "WritePrivateProfileString(S, k, v, /none/x)\n",
+         "WritePrivateProfileString: ## WARNING: append open error: /none/x\n",
+         "WritePrivateProfileString(S, k, v, /etc/test.ini)\n"}));
+}
+
+TEST(ProfileTest, WriteThatDoesNotFitLeavesTheFile) {
+    const std::string before = "[S]\na=1\nk=2\n[T]\n" + std::string(3000, 't') + "\n[U]\n";
+    signal(SIGXFSZ, SIG_IGN);
+    for (const char* section : {"S", "T", "U", "V"}) {
+        WriteFile(kFile, before);
+        const rlimit limit{before.size() + 1, RLIM_INFINITY};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        EXPECT_FALSE(WritePrivateProfileString(section, "k", "longer", kFile));
+        const rlimit none{RLIM_INFINITY, RLIM_INFINITY};
+        setrlimit(RLIMIT_FSIZE, &none);
+        EXPECT_EQ(ReadFile(kFile), before) << section;
+    }
+    // What is no file is neither read nor written, and nobody waits for it.
+    fs::create_directory("/etc/directory.ini");
+    ASSERT_EQ(mkfifo("/etc/fifo.ini", 0600), 0);
+    for (const char* name : {"/etc/directory.ini", "/etc/fifo.ini", "/dev/zero"}) {
+        char out[10];
+        EXPECT_EQ(GetPrivateProfileString("S", "k", "def", out, sizeof out, name), 3U);
+        EXPECT_FALSE(WritePrivateProfileString("S", "k", "v", name));
+        CProfileFile profile;
+        EXPECT_FALSE(profile.SetFileName(name, true));
+    }
+}
+
+TEST(ProfileTest, ObjectReadsListsAndNumbers) {
+    WriteFile(kFile, "[N]\nhex=0x10\noct=010\nneg=-1\nbad=x\nbig=" + std::string(5000, '7') +
+                         "\n[L]\na=1\nb=2\n");
+    CProfileFile profile;
+    std::string text = "untouched";
+    EXPECT_STREQ(profile.GetFileName(), "");
+    EXPECT_FALSE(profile.Check(false));
+    EXPECT_FALSE(profile.GetString(text, "L", "a", "d"));
+    EXPECT_STREQ(profile.GetValue("L", "a", "d"), "d");
+    EXPECT_STREQ(profile.GetList("L"), "");
+    EXPECT_FALSE(profile.SetFileName("/none", true));
+    EXPECT_EQ(text, "untouched");
+    ASSERT_TRUE(profile.SetFileName(kFile, true));
+    ASSERT_TRUE(profile.SetFileName(profile.GetFileName(), true));  // its own text
+
+    const struct {
+        const char* key;
+        uint32_t value;
+    } numbers[] = {{"hex", 16}, {"oct", 8}, {"neg", 0xFFFFFFFF}, {"bad", 0}, {"none", 7}};
+    for (const auto& [key, value] : numbers) EXPECT_EQ(profile.GetUInt("N", key, 7), value) << key;
+    EXPECT_EQ(profile.GetUInt("N", nullptr, 7), 7U);
+
+    EXPECT_TRUE(profile.GetString(text, "L", "none", "d"));
+    EXPECT_EQ(text, "d");
+    EXPECT_STREQ(profile.GetList(nullptr), "N");
+    EXPECT_STREQ(profile.GetList(profile.NextEntry()), "a");  // a name out of the list itself
+    EXPECT_STREQ(profile.NextEntry(), "b");
+    for (int i = 0; i < 3; ++i) EXPECT_STREQ(profile.NextEntry(), "");
+    EXPECT_STREQ(profile.GetValue("L", profile.GetValue("none", "none", "a"), ""), "1");
+    std::vector<std::string> names{"old"};
+    EXPECT_TRUE(profile.GetKeyNames(names, "L"));
+    EXPECT_FALSE(profile.GetKeyNames(names, nullptr));
+    EXPECT_TRUE(profile.GetSectionNames(names));
+    EXPECT_EQ(names, (std::vector<std::string>{"old", "a", "b", "N", "L"}));
+    EXPECT_STREQ(profile.GetValue("N", "big", ""), std::string(1019, '7').c_str());
+}
+
+TEST(ProfileTest, ObjectGrowsItsBuffersUpToTheLimit) {
+    std::string names;
+    std::string file = "[L]\n";
+    // 64,000 bytes of names fit, one name more does not.
+    for (int i = 10000; i < 19215; ++i) file += std::to_string(i * 10).substr(0, 6) + "=1\n";
+    CProfileFile profile;
+    WriteFile(kFile, file);
+    ASSERT_TRUE(profile.SetFileName(kFile, true));
+    int count = 0;
+    for (const char* name = profile.GetList("L"); *name != '\0'; name = profile.NextEntry())
+        ++count;
+    EXPECT_EQ(count, 9215);
+    WriteFile(kFile, file + "200000=1\n");
+    EXPECT_STREQ(profile.GetList("L"), "");
+    EXPECT_STREQ(profile.NextEntry(), "");
+}
+
+TEST(ProfileTest, ObjectWritesAndCopies) {
+    fs::remove(kFile);
+    CProfileFile profile;
+    ASSERT_TRUE(profile.SetFileName(kFile, false));
+    EXPECT_FALSE(profile.Check(true));
+    EXPECT_TRUE(profile.WriteString("A", "s", "text"));
+    EXPECT_TRUE(profile.WriteUInt("A", "u", 4294967295U));
+    EXPECT_TRUE(profile.WriteInt("A", "i", -5));
+    EXPECT_FALSE(profile.WriteString(nullptr, "s", "x"));
+    EXPECT_FALSE(profile.WriteInt("A", nullptr, 1));
+    EXPECT_TRUE(profile.Check(true));
+    EXPECT_TRUE(profile.CopySection(nullptr, "B"));
+    EXPECT_TRUE(profile.CopySection("A", nullptr));
+    const std::string once = "\n[A]\n\ns=text\nu=4294967295\ni=-5\n";
+    EXPECT_EQ(ReadFile(kFile), once);
+    EXPECT_TRUE(profile.CopySection(profile.GetList(nullptr), "B"));
+    EXPECT_EQ(ReadFile(kFile), once + "\n[B]\n\ns=text\nu=4294967295\ni=-5\n");
+    EXPECT_TRUE(profile.DeleteKey("B", "u"));
+    EXPECT_TRUE(profile.DeleteSection("A"));
+    EXPECT_EQ(ReadFile(kFile), "\n[B]\n\ns=text\ni=-5\n");
+    profile.Flush();
+    profile.Invalidate();
+    EXPECT_FALSE(profile.CopySection("B", "C"));
+    EXPECT_FALSE(profile.WriteString("B", "s", "x"));
+    EXPECT_FALSE(profile.DeleteSection("B"));
+    EXPECT_FALSE(profile.Check(false));
+    EXPECT_STREQ(profile.GetFileName(), kFile);
+}
+
+}  // namespace

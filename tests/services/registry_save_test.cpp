@@ -1,0 +1,209 @@
+// Saving the registry when a system call fails, when the process is killed at one, and beside
+// another process. The saving process is a child that the test stops at each of its calls.
+#include <sys/ptrace.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/user.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <set>
+
+#include "tests/services/registry_world.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kOldPath = kRegistryPath + ".old";
+const std::string kNewPath = kRegistryPath + ".new";
+
+enum class Fault { kFail, kKill };
+
+// The calls that a save makes for its files; a sanitizer makes others.
+const std::set<long> kFileCalls = {SYS_openat,    SYS_newfstatat, SYS_fstat,  SYS_flock,
+                                   SYS_ftruncate, SYS_write,      SYS_fchmod, SYS_fsync,
+                                   SYS_rename,    SYS_renameat2,  SYS_unlink, SYS_close};
+
+[[noreturn]] void ChangeAndSave(const std::string& text) {
+    CRegistry registry(HKEY_LOCAL_MACHINE);
+    registry.SetValue("v", text.c_str());
+    _exit(CRegistry::SaveTree() ? 0 : 1);
+}
+
+pid_t StartTraced(const std::string& text) {
+    const pid_t child = fork();
+    if (child == 0) {
+        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(99);
+        raise(SIGSTOP);
+        ChangeAndSave(text);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFSTOPPED(status));
+    ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_EXITKILL | PTRACE_O_TRACESYSGOOD);
+    return child;
+}
+
+void RefuseCall(pid_t child, user_regs_struct registers, long error) {
+    registers.orig_rax = static_cast<unsigned long long>(-1);
+    ptrace(PTRACE_SETREGS, child, nullptr, &registers);
+    ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+    waitpid(child, nullptr, 0);
+    registers.rax = static_cast<unsigned long long>(-error);
+    ptrace(PTRACE_SETREGS, child, nullptr, &registers);
+}
+
+// A save with a fault at its n-th call. Its wait status, and whether it came to that call.
+bool SaveWithFault(const std::string& text, int n, Fault fault, long error, int& status) {
+    const pid_t child = StartTraced(text);
+    bool entering = false;
+    bool reached = false;
+    for (;;) {
+        ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+        waitpid(child, &status, 0);
+        if (WIFEXITED(status) || WIFSIGNALED(status)) return reached;
+        if (WSTOPSIG(status) != (SIGTRAP | 0x80)) continue;
+        entering = !entering;
+        user_regs_struct registers{};
+        ptrace(PTRACE_GETREGS, child, nullptr, &registers);
+        if (!entering || kFileCalls.count(static_cast<long>(registers.orig_rax)) == 0) continue;
+        if (n-- != 0) continue;
+        reached = true;
+        entering = false;
+        if (fault == Fault::kKill) {
+            kill(child, SIGKILL);
+        } else {
+            RefuseCall(child, registers, error);
+        }
+    }
+}
+
+class RegistrySaveTest : public RegistryTest {
+  protected:
+    void SetUp() override {
+        RegistryTest::SetUp();
+        Load("v=s=older\n");
+        CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", "old");
+        ASSERT_TRUE(CRegistry::SaveTree());
+        ASSERT_EQ(ReadFile(kRegistryPath), kLive);
+        ASSERT_EQ(ReadFile(kOldPath), kOlder);
+    }
+    static void ResetFiles() {
+        fs::remove_all(kNewPath);
+        WriteFile(kRegistryPath, kLive);
+        WriteFile(kOldPath, kOlder);
+    }
+    // What a child has traced: it goes on where this process stopped, and does not move it on.
+    static std::string ChildTrace() {
+        const std::string ring = ReadFile("/var/log/orvmon/log.kemd_i");
+        const size_t start = ring.find("## SAVE ##\n");
+        return ring.substr(start, ring.find("## TRACE-END ##", start) - start);
+    }
+    static bool IsUntouched() {
+        return ReadFile(kRegistryPath) == kLive && ReadFile(kOldPath) == kOlder;
+    }
+    static bool IsSaved() {
+        return ReadFile(kRegistryPath) == kSaved && ReadFile(kOldPath) == kLive;
+    }
+
+    inline static const std::string kOlder = FileWith("v=s=older\n");
+    inline static const std::string kLive = FileWith("v=s=old\n");
+    inline static const std::string kSaved = FileWith("v=s=new\n");
+};
+
+TEST_F(RegistrySaveTest, FailedCallLeavesAllFiles) {
+    // EINVAL is what a file system says that cannot exchange names.
+    Debug.Trace(1, "## SAVE ##\n");
+    for (const long error : {EIO, EINVAL}) {
+        int failures = 0;
+        for (int n = 0, status = 0; SaveWithFault("new", n, Fault::kFail, error, status); ++n) {
+            ASSERT_TRUE(WIFEXITED(status)) << n;
+            const bool saved = WEXITSTATUS(status) == 0;
+            EXPECT_TRUE(IsSaved() || (!saved && IsUntouched())) << "call " << n;
+            // What could not be locked may be another process's file, and stays.
+            EXPECT_EQ(ReadFile(kNewPath), "") << "call " << n;
+            const std::string trace = ChildTrace();
+            const std::string text = "CRegistry: ERROR: Cannot ";
+            EXPECT_EQ(Contains(trace, text), !saved) << "call " << n;
+            EXPECT_FALSE(InOrder(trace, {text, text}));
+            if (!saved) ++failures;
+            ResetFiles();
+        }
+        EXPECT_GE(failures, 8);
+    }
+}
+
+TEST_F(RegistrySaveTest, KilledSaveLeavesTheOldOrTheNewStore) {
+    int status = 0;
+    for (int n = 0; SaveWithFault("new", n, Fault::kKill, 0, status); ++n) {
+        ASSERT_TRUE(WIFSIGNALED(status)) << n;
+        // What the next start takes.
+        RegistryKey root(new CRegistryNode);
+        EXPECT_TRUE(RestoreRegistryFile(kRegistryPath.c_str(), *root));
+        const std::string text = Text(*root);
+        EXPECT_TRUE(text == kLive || text == kSaved) << "call " << n;
+        const std::string old = ReadFile(kOldPath);
+        EXPECT_TRUE(old == kOlder || old == kLive) << "call " << n;
+        // What is left behind does not disturb the next save.
+        CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", "next");
+        EXPECT_TRUE(CRegistry::SaveTree());
+        EXPECT_EQ(ReadFile(kRegistryPath), FileWith("v=s=next\n"));
+        EXPECT_FALSE(fs::exists(kNewPath));
+        ResetFiles();
+    }
+    EXPECT_TRUE(WIFEXITED(status) && IsSaved());
+    EXPECT_EQ(fs::status(kRegistryPath).permissions(), fs::perms(0644));
+}
+
+TEST_F(RegistrySaveTest, ReplacesOnlyWhatItWasLoadedFrom) {
+    // No live file: the previous generation stays.
+    fs::remove(kRegistryPath);
+    CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", "new");
+    EXPECT_EQ(ReadFile(kRegistryPath), kSaved);
+    EXPECT_EQ(ReadFile(kOldPath), kOlder);
+    EXPECT_TRUE(Contains(Trace(),
+                         "CRegistry::SaveTree MPRegistryTemp[/etc/orvmon/registry.new] \t "
+                         "MPRegistry[/etc/orvmon/registry]\n"));
+    // Something in the place of the new file: nothing is lost, and it is not tried again.
+    fs::create_directory(kNewPath);
+    CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", "newer");
+    EXPECT_TRUE(CRegistry::SaveTree());
+    EXPECT_EQ(ReadFile(kRegistryPath), kSaved);
+    fs::remove(kNewPath);
+    { const CRegistry unchanged; }
+    EXPECT_EQ(ReadFile(kRegistryPath), kSaved);
+    // A tree that was never loaded must not replace the file by an empty one.
+    RegistryStore unloaded;
+    unloaded.MarkDirty();
+    EXPECT_TRUE(unloaded.Save());
+    EXPECT_EQ(ReadFile(kRegistryPath), kSaved);
+}
+
+TEST_F(RegistrySaveTest, ProcessesTakeTurns) {
+    std::vector<pid_t> children;
+    for (const char* text : {"one", "two", "three"}) {
+        children.push_back(fork());
+        if (children.back() != 0) continue;
+        bool saved = true;
+        for (int i = 0; i < 40; ++i) {
+            CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", text);
+            CRegistry registry(HKEY_LOCAL_MACHINE);
+            registry.SetValue("v", text);
+            saved = CRegistry::SaveTree() && saved;
+        }
+        _exit(saved ? 0 : 1);
+    }
+    for (const pid_t child : children) {
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+    }
+    for (const std::string& path : {kRegistryPath, kOldPath}) {
+        EXPECT_EQ(ReadFile(path).size(),
+                  FileWith("v=s=one\n").size() + (Contains(ReadFile(path), "three") ? 2 : 0));
+    }
+    EXPECT_FALSE(fs::exists(kNewPath));
+}
+
+}  // namespace

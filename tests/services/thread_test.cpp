@@ -1,0 +1,140 @@
+#include "kemd/thread.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <thread>
+
+#include "kemd/event.h"
+#include "tests/traced_test.h"
+
+namespace {
+
+class ThreadTest : public TracedTest {};
+
+void* WaitForIt(void* handle) {
+    WaitForEvent(*static_cast<EventHandle*>(handle), kWaitForever);
+    return handle;
+}
+
+std::string Id(pthread_t thread) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(thread));
+    return text;
+}
+
+TEST_F(ThreadTest, JoinableThreadIsWaitedForWhateverTheTimeout) {
+    EventHandle event;
+    CreateEvent(event, false, true, nullptr);
+    CThread thread;
+    EXPECT_TRUE(thread.WaitForTermination(0));
+    EXPECT_FALSE(thread.Kill());
+    ASSERT_TRUE(thread.Start(WaitForIt, &event, 0, true, 0x1234, true));
+    const std::string id = Id(thread.m_thread);
+    std::thread setter([&] {
+        usleep(50'000);
+        SetEvent(event);
+    });
+    EXPECT_TRUE(thread.WaitForTermination(1));
+    EXPECT_EQ(CheckEvent(event), 1);
+    EXPECT_EQ(thread.m_thread, 0U);
+    setter.join();
+    ASSERT_TRUE(thread.Start(WaitForIt, &event, 0, false, 0, true));
+    EXPECT_TRUE(thread.Kill());
+    EXPECT_EQ(thread.m_thread, 0U);
+    char ended[100];
+    std::snprintf(ended, sizeof ended, " has terminated, pstat=%p\n", static_cast<void*>(&event));
+    EXPECT_TRUE(InOrder(
+        Trace(),
+        {"CThread::WaitForTermination: Thread = 0x000000000 doesn't exist !\n",
+         "CThread::Kill: Try to kill the Thread = 0x00000000\n",
+         "CThread::Kill: Thread = 0x000000000 doesn't exist !\n",
+         "CThread::Start: Start a thread, Prio=0, Suspend=1, StackSize=0x00001234, Waitable=1, "
+         "KillAliveThread=0\n",
+         "pthread_attr_init: 0\n", "ThreadPrio=0\n",
+         "CThread::Start: thread=" + id + " created, Prio=0, Waitable=1, StackSize=0x1234\n",
+         "CThread::WaitForTermination: WARNING: can't wait for Thread = " + id +
+             " termination with timeout\n",
+         "CThread::WaitForTermination: a joinable Thread = " + id + ended,
+         "CThread::Kill: Try to kill the Thread = 0x",
+         "CThread::Kill: Try to join a joinable Thread = 0x",
+         "CThread::Kill: a joinable Thread = 0x", ended}));
+}
+
+// Counts on every way out, cancellation included.
+struct Counted {
+    std::atomic<int> running{0};
+    EventHandle event;
+};
+
+void* RunCounted(void* argument) {
+    auto& counted = *static_cast<Counted*>(argument);
+    struct Mark {
+        std::atomic<int>& running;
+        ~Mark() { --running; }
+    } const mark{counted.running};
+    ++counted.running;
+    WaitForEvent(counted.event, kWaitForever);
+    return nullptr;
+}
+
+TEST_F(ThreadTest, DetachedThreadIsCancelledOnlyWhileItLives) {
+    Counted counted;
+    CreateEvent(counted.event, false, true, nullptr);
+    CThread thread;
+    ASSERT_TRUE(thread.Start(RunCounted, &counted, 0, false, 0, false));
+    const std::string id = Id(thread.m_thread);
+    EXPECT_FALSE(thread.WaitForTermination(-1));
+    ASSERT_TRUE(WaitFor([&] { return counted.running == 1; }));
+    thread.m_killAliveThread = true;
+    ASSERT_TRUE(thread.Start(RunCounted, &counted, 0, false, 0, false));  // ends the first one
+    ASSERT_TRUE(WaitFor([&] { return counted.running == 1; }));
+    const pthread_t second = thread.m_thread;
+    SetEvent(counted.event);
+    ASSERT_TRUE(WaitFor([&] { return counted.running == 0; }));
+    usleep(100'000);  // the thread is gone, and its id may already be another one's
+    EXPECT_TRUE(thread.Kill());
+    EXPECT_EQ(thread.m_thread, 0U);
+    const std::string trace = Trace();
+    EXPECT_TRUE(InOrder(
+        trace, {"CThread::WaitForTermination: WARNING: Can't wait for detached thread " + id + "\n",
+                "KillAliveThread=1\n", "CThread::Kill: Try to kill the Thread = " + id + "\n",
+                "CThread::Kill: Try to kill a non-joinable Thread = 0x0" + id.substr(2) + "\n",
+                "CThread::Kill: Killing a non-joinable thread " + id + "\n",
+                "CThread::Kill: a non-joinable thread " + id + " cancel invoked\n",
+                "CThread::Kill: Try to kill the Thread = " + Id(second) + "\n"}));
+    EXPECT_EQ(trace.find("Killing", trace.rfind("Try to kill the Thread")), trace.npos);
+}
+
+TEST_F(ThreadTest, FailedStartTellsWhyAndKeepsTheThread) {
+    EventHandle event;
+    CreateEvent(event, true, true, nullptr);
+    CThread thread;
+    ASSERT_TRUE(thread.Start(WaitForIt, &event, 0, false, 0, true));
+    const pthread_t first = thread.m_thread;
+    EXPECT_FALSE(thread.Start(WaitForIt, &event, 1000, false, 0, false));
+    EXPECT_EQ(thread.m_thread, first);
+    EXPECT_FALSE(thread.m_waitable);
+    thread.m_waitable = true;
+    EXPECT_TRUE(thread.WaitForTermination(-1));
+    // With the privilege the priority is in force, without it there is no thread.
+    static std::atomic<int> policy{-1};
+    const auto askPolicy = [](void*) -> void* {
+        sched_param parameters{};
+        int value = 0;
+        pthread_getschedparam(pthread_self(), &value, &parameters);
+        policy = value;
+        return nullptr;
+    };
+    const bool started = thread.Start(askPolicy, nullptr, 63, false, 0, true);
+    if (started) {
+        EXPECT_TRUE(thread.WaitForTermination(-1));
+        EXPECT_EQ(policy, SCHED_RR);
+    }
+    EXPECT_TRUE(InOrder(Trace(),
+                        {"pthread_attr_setschedparam failed: error=22 priority=1000\n",
+                         started ? "created, Prio=63, Waitable=1" : "pthread_create failed: 1\n"}));
+}
+
+}  // namespace
