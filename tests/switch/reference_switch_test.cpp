@@ -49,6 +49,24 @@ TEST_F(ReferenceSwitchTest, ModulesStartInOrderAndStopInReverse) {
     }
 }
 
+TEST_F(ReferenceSwitchTest, ModulesUseTheHostServices) {
+    AddModule("/build/modules/counter.so");
+    WriteFile("/etc/orvmon/registry", "[HKEY_LOCAL_MACHINE]\n\n");
+    WriteFile("/etc/orvmon/counter.ini", "[Counter]\nOrders = 2\n");
+    ASSERT_TRUE(m_binding.LoadModules(&m_params));
+    for (int i = 0; i < 2; ++i) {
+        m_binding.pInterface->StartAllModules();
+        ASSERT_TRUE(
+            WaitFor([i] { return Contains(Trace(), i == 0 ? "order 2\n" : "number 2\n"); }));
+        m_binding.pInterface->StopAllModules();
+    }
+    EXPECT_TRUE(m_binding.UnloadModules(0));
+    EXPECT_EQ(ReadFile("/etc/orvmon/registry"),
+              "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[kemd]\n[counter]\nStarts=d=2\n\n\n\n\n\n");
+    EXPECT_TRUE(InOrder(Trace(), {" counter       start number 1\n", "order 1\n", "order 2\n",
+                                  "module counter.so stopped\n", "start number 2\n"}));
+}
+
 TEST_F(ReferenceSwitchTest, BadModulesAreNamedAndLeftOut) {
     for (const auto& module : fs::directory_iterator("/test/bad_modules")) AddModule(module.path());
     AddModule("/build/modules/notifications.so");
