@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <exception>
 #include <mutex>
+#include <utility>
 
 #include "services/base/cancel_guard.h"
 #include "trace/debug.h"

@@ -38,7 +38,7 @@ KEMD_API bool WritePrivateProfileString(const char* section, const char* key, co
                                         const char* fileName);
 
 // One profile file by name. All operations but SetFileName, IsValid, Invalidate and GetFileName
-// fail while the object is not valid. Values and lists of more than 64,000 characters count as
+// fail while the object is not valid. Values and lists of more than 64,509 characters count as
 // unreadable.
 class KEMD_API CProfileFile {
   public:

@@ -8,8 +8,9 @@
 //
 // Paths separate their components by backslashes or, when none is left, slashes. Names are compared
 // byte by byte. Within a key a value and a subkey cannot have the same name. What the file cannot
-// hold (line feeds in names and texts, lines of more than 1,022 characters, names with "=") is
-// stored all the same and misread when the file is loaded.
+// hold (line feeds, lines of more than 1,022 characters, names with "=", names of keys with "]", names
+// of values that begin with "[" when a "]" follows) is stored all the same and misread when the file
+// is loaded.
 //
 // Results are 0 or one of the numbers below, unless stated otherwise. A key that was deleted or
 // reloaded while a CRegistry had it open counts as no open key.
@@ -113,8 +114,10 @@ class KEMD_API CRegistry {
     // Loads the tree, with `forceSetup` also when it is loaded: keys below the root keys that the
     // file holds are replaced, and unsaved changes in them lost.
     static void SetupTree(bool forceSetup);
-    // Writes a changed tree, and has it on disk when it returns. False with errno when that fails;
-    // the files are then as they were, and it is not tried again before the next change.
+    // Writes a changed tree and has it on disk when it returns, also when another thread was just
+    // writing it. False with errno when that failed, and it is not tried again before the next
+    // change. The files are then as they were, unless only their directory could not be brought to
+    // the disk.
     static bool SaveTree();
 
     // Opens a key; with null from the root of the tree. 0 or -1, then no key is open.

@@ -31,7 +31,8 @@ class KEMD_API CThread {
     // detached one. A thread cancellation point.
     bool WaitForTermination(int32_t timeoutMs);
     // A joinable thread is waited for, not cancelled; a detached one is asked to end at its next
-    // cancellation point. False when there is no thread or the system refuses.
+    // cancellation point. False when there is no thread or the system refuses. Waiting is a
+    // cancellation point, here and in a Start that kills.
     bool Kill();
 
     // The running or last started thread; 0 when there is none.

@@ -15,12 +15,11 @@ class MappedRegion {
     // Maps `size` bytes of the file from its start, shared, readable and writable. Replaces what
     // was mapped before. False with errno when the system refuses.
     [[nodiscard]] bool MapShared(int fd, size_t size) {
-        Unmap();
-        void* address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (address == MAP_FAILED) return false;
-        m_data = static_cast<char*>(address);
-        m_size = size;
-        return true;
+        return Map(fd, 0, size, PROT_READ | PROT_WRITE);
+    }
+    // Only readable; `offset` is a multiple of the page size.
+    [[nodiscard]] bool MapReadOnly(int fd, off_t offset, size_t size) {
+        return Map(fd, offset, size, PROT_READ);
     }
 
     void Unmap() {
@@ -34,6 +33,15 @@ class MappedRegion {
     [[nodiscard]] size_t Size() const { return m_size; }
 
   private:
+    bool Map(int fd, off_t offset, size_t size, int protection) {
+        Unmap();
+        void* address = mmap(nullptr, size, protection, MAP_SHARED, fd, offset);
+        if (address == MAP_FAILED) return false;
+        m_data = static_cast<char*>(address);
+        m_size = size;
+        return true;
+    }
+
     char* m_data = nullptr;
     size_t m_size = 0;
 };

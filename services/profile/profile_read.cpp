@@ -126,6 +126,7 @@ uint32_t CopyDefault(const char* text, char* out, uint32_t size) {
     const size_t length = strnlen(text, size - 1);
     std::memmove(out, text, length);
     out[length] = '\0';
+    out[size - 1] = '\0';  // as behind every other text
     return static_cast<uint32_t>(length);
 }
 

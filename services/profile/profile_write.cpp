@@ -1,4 +1,5 @@
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <exception>
 #include <mutex>
@@ -111,20 +112,31 @@ std::string EntryText(const Request& request) {
     return std::string(request.key).append("=").append(request.value).append("\n");
 }
 
-Result Append(const Request& request, const std::string& text, bool isNew) {
-    const UniqueFd file = OpenRegularFile(request.fileName, O_WRONLY | (isNew ? O_CREAT : 0), 0666);
+// Some file systems report a failed write only here.
+bool Close(UniqueFd& file) {
+    return close(file.Release()) == 0;
+}
+
+Result Append(const Request& request, const std::string& text, bool mayCreate) {
+    constexpr int kFlags = O_WRONLY | O_APPEND;
+    UniqueFd file;
+    if (mayCreate) file = OpenRegularFile(request.fileName, kFlags | O_CREAT | O_EXCL, 0644);
+    const bool isNew = file.IsOpen();
+    if (!isNew) file = OpenRegularFile(request.fileName, kFlags);
     if (!file.IsOpen()) {
         TRACE(1, "WritePrivateProfileString: ## WARNING: append open error: %s\n",
               request.fileName);
         return Result::kNotOpened;
     }
-    if (isNew) (void)fchmod(file.Get(), 0644);
-    return AppendToFile(file.Get(), text) ? Result::kDone : Result::kFailed;
+    if (mayCreate) (void)fchmod(file.Get(), 0644);  // whatever the process's mask is
+    if (AppendToFile(file.Get(), text) && Close(file)) return Result::kDone;
+    if (isNew) (void)unlink(request.fileName);
+    return Result::kFailed;
 }
 
-Result AppendSection(const Request& request, bool isNew) {
+Result AppendSection(const Request& request, bool mayCreate) {
     const std::string header = std::string("\n[").append(request.section).append("]\n\n");
-    return Append(request, header + EntryText(request), isNew);
+    return Append(request, header + EntryText(request), mayCreate);
 }
 
 Result Write(const Request& request) try {
@@ -144,8 +156,9 @@ Result Write(const Request& request) try {
     const std::string text = (change.afterLineFeed ? "\n" : "") + EntryText(request);
     switch (change.kind) {
         case Change::kReplace:
-            return SpliceFile(file.Get(), change.start, change.end, text) ? Result::kDone
-                                                                          : Result::kFailed;
+            return SpliceFile(file.Get(), change.start, change.end, text) && Close(file)
+                       ? Result::kDone
+                       : Result::kFailed;
         case Change::kAppendEntry:
             file.Reset();
             return Append(request, text, false);

@@ -52,9 +52,20 @@ bool SpliceFile(int fd, off_t start, off_t end, std::string_view text) try {
 }
 
 bool AppendToFile(int fd, std::string_view text) {
+    const size_t whole = text.size();
+    while (!text.empty()) {
+        const ssize_t count = write(fd, text.data(), text.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) break;
+        text.remove_prefix(static_cast<size_t>(count));
+    }
+    if (text.empty()) return true;
+    // The piece that was written is taken back, unless others have written behind it.
+    const auto written = static_cast<off_t>(whole - text.size());
     struct stat status {};
-    if (fstat(fd, &status) != 0) return false;
-    if (WriteAt(fd, text, status.st_size)) return true;
-    (void)!ftruncate(fd, status.st_size);
+    const off_t end = lseek(fd, 0, SEEK_CUR);
+    if (written > 0 && fstat(fd, &status) == 0 && status.st_size == end) {
+        (void)!ftruncate(fd, end - written);
+    }
     return false;
 }

@@ -9,4 +9,5 @@
 // Puts `text` in the place of the bytes from `start` to `end`; what follows moves along.
 [[nodiscard]] bool SpliceFile(int fd, off_t start, off_t end, std::string_view text);
 
+// The file is open for appending (O_APPEND): others may append to it at the same time.
 [[nodiscard]] bool AppendToFile(int fd, std::string_view text);

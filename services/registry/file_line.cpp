@@ -59,25 +59,36 @@ std::string DecodeRegistryBinary(std::string_view data) {
     }
 }
 
+// Grows the text once and fills it in: saving a tree is little else.
+static void AppendLine(std::string& text, const RegistryEntry& entry, std::string_view marker,
+                       std::string_view data) {
+    const std::string_view name(entry.Name(), entry.NameSize());
+    const size_t start = text.size();
+    text.resize(start + name.size() + marker.size() + data.size() + 1);
+    char* end = text.data() + start;
+    end += name.copy(end, name.size());
+    for (const char c : marker) *end++ = c;
+    end[data.copy(end, data.size())] = '\n';
+}
+
+static std::string BinaryText(std::string_view bytes) {
+    std::string text;
+    text.reserve(3 * bytes.size());
+    for (const unsigned char byte : bytes) text += {kDigits[byte / 16], kDigits[byte % 16], ' '};
+    return text;
+}
+
 void AppendRegistryValue(std::string& text, const RegistryEntry& entry) {
-    for (const Marker& marker : kMarkers) {
-        if (marker.type == entry.Type()) text.append(entry.Name()).append(marker.text);
-    }
     switch (entry.Type()) {
-        case kRegistryNumber:
-            text += std::to_string(entry.Number());
-            break;
         case kRegistryString:
+            return AppendLine(text, entry, "=s=", entry.Data());
         case kRegistryExpandString:
-            text += entry.Data();
-            break;
+            return AppendLine(text, entry, "=es=", entry.Data());
         case kRegistryBinary:
-            for (const unsigned char byte : entry.Data()) {
-                text += {kDigits[byte / 16], kDigits[byte % 16], ' '};
-            }
-            break;
+            return AppendLine(text, entry, "=b=", BinaryText(entry.Data()));
+        case kRegistryNumber:
+            return AppendLine(text, entry, "=d=", std::to_string(entry.Number()));
         default:
             return;
     }
-    text += '\n';
 }

@@ -1,5 +1,6 @@
 #include "services/registry/file_text.h"
 
+#include <algorithm>
 #include <exception>
 #include <string>
 #include <utility>
@@ -9,23 +10,49 @@
 
 namespace {
 
-void Store(CRegistryNode& node, RegistryEntry entry) {
-    RegistryEntry replaced;
-    LockedNode(node).Put(std::move(entry), replaced);
-    Discard(replaced);
-}
+// A key that is being read.
+struct OpenKey {
+    std::string name;
+    RegistryEntries entries;
+};
 
-void StoreValue(CRegistryNode& node, const RegistryLine& line) try {
+void TakeValue(RegistryEntries& entries, const RegistryLine& line) try {
     if (line.type == kRegistryNumber) {
         const auto number = DecodeRegistryNumber(line.data);
-        if (number) Store(node, RegistryEntry(line.name, *number));
+        if (number) entries.emplace_back(line.name, *number);
     } else if (line.type == kRegistryBinary) {
-        Store(node, RegistryEntry(line.name, line.type, DecodeRegistryBinary(line.data)));
+        entries.emplace_back(line.name, line.type, DecodeRegistryBinary(line.data));
     } else {
-        Store(node, RegistryEntry(line.name, line.type, line.data));
+        entries.emplace_back(line.name, line.type, line.data);
     }
 } catch (const std::exception&) {
     // Memory does not suffice for this one.
+}
+
+// A file that was written here is sorted. For others once at the end: entry by entry a large key
+// would take forever.
+void Sort(RegistryEntries& entries) {
+    const auto isBefore = [](const RegistryEntry& a, const RegistryEntry& b) {
+        return CompareNames(a, b) < 0;
+    };
+    const auto isNotBefore = [&isBefore](const auto& a, const auto& b) { return !isBefore(a, b); };
+    if (std::adjacent_find(entries.begin(), entries.end(), isNotBefore) != entries.end()) {
+        std::stable_sort(entries.begin(), entries.end(), isBefore);
+        const auto kept = std::unique(
+            entries.rbegin(), entries.rend(),
+            [](const RegistryEntry& a, const RegistryEntry& b) { return CompareNames(a, b) == 0; });
+        entries.erase(entries.begin(), kept.base());
+    }
+    entries.shrink_to_fit();
+}
+
+// Ends the innermost key, which becomes an entry of the one around it.
+void CloseKey(std::vector<OpenKey>& open) {
+    const RegistryKey node(new CRegistryNode);
+    (void)LockedNode(*node).Merge(std::move(open.back().entries));
+    const std::string name = std::move(open.back().name);
+    open.pop_back();
+    open.back().entries.emplace_back(name, node);
 }
 
 struct Subkey {
@@ -52,37 +79,44 @@ Level OpenLevel(CRegistryNode& node, std::string& text) {
 
 }  // namespace
 
-bool ParseRegistry(LineReader& lines, CRegistryNode& target) {
-    std::vector<Subkey> open;  // the subkeys that the line in hand is inside of
-    bool recognised = false;
-    bool more = true;
+std::optional<RegistryEntries> ParseRegistry(LineReader& lines) {
+    std::vector<OpenKey> open(1);  // from the top level to the key that the line in hand is in
+    bool isRecognised = false;
+    bool isMore = true;
     for (;;) {
         std::string_view text;
-        more = more && lines.Next(text);
-        CRegistryNode& node = open.empty() ? target : *open.back().node;
-        const RegistryLine line = DecodeRegistryLine(more ? text : "");
+        isMore = isMore && lines.Next(text);
+        const RegistryLine line = DecodeRegistryLine(isMore ? text : "");
         switch (line.kind) {
-            case RegistryLine::kEnd: {
-                LockedNode(node).Trim();
-                if (open.empty()) return recognised;
-                const Subkey subkey = std::move(open.back());
-                open.pop_back();
-                Store(open.empty() ? target : *open.back().node,
-                      RegistryEntry(subkey.name, subkey.node));
-                recognised = true;
+            case RegistryLine::kEnd:
+                Sort(open.back().entries);
+                if (open.size() > 1) {
+                    CloseKey(open);
+                } else if (isRecognised) {
+                    return std::move(open.back().entries);
+                } else {
+                    return std::nullopt;
+                }
                 break;
-            }
             case RegistryLine::kHeader:
-                open.push_back({std::string(line.name), RegistryKey(new CRegistryNode)});
+                open.push_back({std::string(line.name), {}});
+                isRecognised = true;
                 break;
             case RegistryLine::kValue:
-                StoreValue(node, line);
-                recognised = true;
+                TakeValue(open.back().entries, line);
+                isRecognised = true;
                 break;
             default:
                 break;
         }
     }
+}
+
+bool ParseRegistry(LineReader& lines, CRegistryNode& target) {
+    auto entries = ParseRegistry(lines);
+    if (!entries) return false;
+    const std::vector<RemovedEntry> replaced = LockedNode(target).Merge(std::move(*entries));
+    return true;
 }
 
 bool WriteRegistry(CRegistryNode& root, const std::function<bool(std::string_view)>& write) {

@@ -1,5 +1,6 @@
 #include "services/registry/node.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -13,32 +14,28 @@ void RegistryKey::Release() {
     if (m_node->m_references.fetch_sub(1, std::memory_order_acq_rel) == 1) delete m_node;
 }
 
-std::vector<RegistryEntry> CRegistryNode::TakeEntries() {
+RegistryEntries CRegistryNode::Empty() {
     const RecursiveLock lock(m_lock);
     m_isDeleted = true;
     ++m_generation;
     return std::exchange(m_entries, {});
 }
 
-// With a stack of its own: a file decides how deep a tree is.
-void CRegistryNode::deleteNode() {
-    struct Level {
-        std::vector<RegistryEntry> entries;
-        size_t next = 0;
-    };
-    std::vector<Level> levels;
-    std::vector<RegistryEntry> entries = TakeEntries();
-    if (!entries.empty()) levels.push_back({std::move(entries)});
-    while (!levels.empty()) {
-        Level& level = levels.back();
-        if (level.next == level.entries.size()) {
-            levels.pop_back();
-            continue;
+// With a list instead of recursion: a file decides how deep a tree is.
+void CRegistryNode::DeleteEntries(RegistryEntries entries) {
+    RegistryKey pending;
+    for (;;) {
+        for (RegistryEntry& entry : entries) {
+            if (entry.IsSubkey() && !entry.Node()) continue;
+            TRACE(2, "CRegistryNode::deleteNode \"%s\"\n", entry.Name());
+            if (!entry.IsSubkey()) continue;
+            RegistryKey node = entry.TakeNode();
+            node->m_nextDeleted = std::exchange(pending, node);
         }
-        const RegistryEntry& entry = level.entries[level.next++];
-        if (entry.IsSubkey() && !entry.Node()) continue;
-        TRACE(2, "CRegistryNode::deleteNode \"%s\"\n", entry.Name());
-        if (entry.IsSubkey()) levels.push_back({entry.Node()->TakeEntries()});
+        if (!pending) return;
+        const RegistryKey node = pending;
+        pending = std::exchange(node->m_nextDeleted, {});
+        entries = node->Empty();
     }
 }
 
@@ -47,60 +44,88 @@ void CRegistryNode::Revive() {
     m_isDeleted = false;
 }
 
-// As strcmp; the name of an entry ends with a NUL, the one that is looked for need not.
-static int Compare(const char* entryName, std::string_view name) {
-    const int order = std::strncmp(entryName, name.data(), name.size());
-    return order != 0 ? order : static_cast<unsigned char>(entryName[name.size()]);
+// As strcmp. `order` is the name's.
+static int Compare(const RegistryEntry& entry, std::string_view name, uint64_t order) {
+    if (entry.Order() != order) return entry.Order() < order ? -1 : 1;
+    const int rest =
+        std::memcmp(entry.Name(), name.data(), std::min(entry.NameSize(), name.size()));
+    if (rest != 0 || entry.NameSize() == name.size()) return rest;
+    return entry.NameSize() < name.size() ? -1 : 1;
 }
 
-size_t LockedNode::Seek(std::string_view name) const {
+// Fetches all entries of a small key at once: the steps of a search would wait for one cache line
+// after the other.
+static void Prefetch(const std::vector<RegistryEntry>& entries) {
+    constexpr size_t kLine = 64;
+    constexpr size_t kMost = 8 * kLine;
+    const auto* bytes = reinterpret_cast<const char*>(entries.data());
+    const size_t size = std::min(entries.size() * sizeof(RegistryEntry), kMost);
+    for (size_t offset = 0; offset < size; offset += kLine) __builtin_prefetch(bytes + offset);
+}
+
+LockedNode::Place LockedNode::Seek(std::string_view name) const {
     const auto& entries = m_node.m_entries;
-    // A file is sorted as it was written: nearly every entry that is read belongs to the end.
-    if (entries.empty() || Compare(entries.back().Name(), name) < 0) return entries.size();
+    Prefetch(entries);
+    const uint64_t order = NameOrder(name);
     size_t first = 0;
-    size_t last = entries.size() - 1;
+    size_t last = entries.size();
     while (first < last) {
         const size_t middle = (first + last) / 2;
-        if (Compare(entries[middle].Name(), name) < 0) {
+        const int result = Compare(entries[middle], name, order);
+        if (result == 0) return {middle, true};
+        if (result < 0) {
             first = middle + 1;
         } else {
             last = middle;
         }
     }
-    return first;
+    return {first, false};
 }
 
 const RegistryEntry* LockedNode::Find(std::string_view name) const {
-    const size_t position = Seek(name);
-    const auto& entries = m_node.m_entries;
-    if (position == entries.size() || Compare(entries[position].Name(), name) != 0) return nullptr;
-    return &entries[position];
+    const Place place = Seek(name);
+    return place.isTaken ? &m_node.m_entries[place.position] : nullptr;
 }
 
-const RegistryEntry* LockedNode::Put(RegistryEntry entry, RegistryEntry& replaced) {
+RemovedEntry LockedNode::Put(RegistryEntry entry) {
     constexpr size_t kGrowth = 16;
     auto& entries = m_node.m_entries;
-    const size_t position = Seek(entry.Name());
+    const Place place = Seek({entry.Name(), entry.NameSize()});
     ++m_node.m_generation;
-    if (position < entries.size() && Compare(entries[position].Name(), entry.Name()) == 0) {
-        replaced = std::exchange(entries[position], std::move(entry));
-        return &entries[position];
+    if (place.isTaken) {
+        return RemovedEntry(std::exchange(entries[place.position], std::move(entry)));
     }
-    if (entries.size() == entries.capacity()) entries.reserve(entries.size() + kGrowth);
-    return &*entries.insert(entries.begin() + static_cast<std::ptrdiff_t>(position),
-                            std::move(entry));
+    if (entries.size() == entries.capacity()) {
+        entries.reserve(entries.size() + std::max(kGrowth, entries.size() / 2));
+    }
+    entries.insert(entries.begin() + static_cast<std::ptrdiff_t>(place.position), std::move(entry));
+    return {};
 }
 
-bool LockedNode::Remove(std::string_view name, RegistryEntry& removed) {
-    const size_t position = Seek(name);
+std::vector<RemovedEntry> LockedNode::Merge(RegistryEntries entries) {
+    std::vector<RemovedEntry> removed;
+    if (m_node.m_entries.empty()) {
+        ++m_node.m_generation;
+        m_node.m_entries = std::move(entries);
+        return removed;
+    }
+    // All memory first: the entries are put together or not at all.
+    removed.reserve(entries.size());
+    m_node.m_entries.reserve(m_node.m_entries.size() + entries.size());
+    for (RegistryEntry& entry : entries) removed.push_back(Put(std::move(entry)));
+    return removed;
+}
+
+RemovedEntry LockedNode::Remove(std::string_view name) {
+    const Place place = Seek(name);
     auto& entries = m_node.m_entries;
-    if (position == entries.size() || Compare(entries[position].Name(), name) != 0) return false;
+    if (!place.isTaken) return {};
     ++m_node.m_generation;
-    removed = std::move(entries[position]);
-    entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(position));
-    return true;
+    RegistryEntry entry = std::move(entries[place.position]);
+    entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(place.position));
+    return RemovedEntry(std::move(entry));
 }
 
-void Discard(const RegistryEntry& entry) {
-    if (entry.Node()) entry.Node()->deleteNode();
+int CompareNames(const RegistryEntry& a, const RegistryEntry& b) {
+    return Compare(a, {b.Name(), b.NameSize()}, b.Order());
 }

@@ -9,10 +9,13 @@
 #include <atomic>
 #include <cstdint>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "services/base/recursive_mutex.h"
 #include "services/registry/entry.h"
+
+using RegistryEntries = std::vector<RegistryEntry>;
 
 class CRegistryNode {
   public:
@@ -21,21 +24,46 @@ class CRegistryNode {
     CRegistryNode(const CRegistryNode&) = delete;
     CRegistryNode& operator=(const CRegistryNode&) = delete;
 
-    // Empties and marks this key and all below it, however deep. Traces the names.
-    void deleteNode();
+    // Empties and marks this key and all below it, however deep; needs no memory. Traces the names.
+    void deleteNode() { DeleteEntries(Empty()); }
+    // The same for entries that were taken out of a key.
+    static void DeleteEntries(RegistryEntries entries);
+    // Marks this key and gives its entries away.
+    RegistryEntries Empty();
     // Takes the mark away.
     void Revive();
 
   private:
     friend class LockedNode;
     friend class RegistryKey;
-    std::vector<RegistryEntry> TakeEntries();
 
     RecursiveMutex m_lock;
     std::atomic<int32_t> m_references;
     bool m_isDeleted = false;
     uint32_t m_generation = 0;  // changes with the set of entries
-    std::vector<RegistryEntry> m_entries;
+    RegistryEntries m_entries;
+    RegistryKey m_nextDeleted;  // a list of keys that are still to be emptied
+};
+
+// An entry that was taken out of a key. A subkey is empty and marked from then on; the end of this
+// object frees what was below it, and must find no lock held.
+class RemovedEntry {
+  public:
+    RemovedEntry() = default;
+    // The parent is locked: nobody can find the subkey and revive it in between.
+    explicit RemovedEntry(RegistryEntry entry) : m_entry(std::move(entry)) {
+        if (m_entry.Node()) m_below = m_entry.Node()->Empty();
+    }
+    ~RemovedEntry() { CRegistryNode::DeleteEntries(std::move(m_below)); }
+    RemovedEntry(RemovedEntry&&) = default;
+    RemovedEntry& operator=(RemovedEntry&&) = default;
+
+    // Whether there was one.
+    explicit operator bool() const { return m_entry.Type() != 0; }
+
+  private:
+    RegistryEntry m_entry;
+    RegistryEntries m_below;
 };
 
 // Holds the lock of a key and gives access to its entries. Pointers are valid until the next Put or
@@ -46,23 +74,26 @@ class LockedNode {
 
     [[nodiscard]] bool IsDeleted() const { return m_node.m_isDeleted; }
     [[nodiscard]] uint32_t Generation() const { return m_node.m_generation; }
-    [[nodiscard]] const std::vector<RegistryEntry>& Entries() const { return m_node.m_entries; }
+    [[nodiscard]] const RegistryEntries& Entries() const { return m_node.m_entries; }
     // Null when there is none.
     [[nodiscard]] const RegistryEntry* Find(std::string_view name) const;
-    // Inserts the entry or replaces the one of its name, which goes to `replaced`.
-    const RegistryEntry* Put(RegistryEntry entry, RegistryEntry& replaced);
-    // Takes the entry out; false when there is none.
-    bool Remove(std::string_view name, RegistryEntry& removed);
-    // Gives memory back that was kept for more entries.
-    void Trim() { m_node.m_entries.shrink_to_fit(); }
+    // Inserts the entry or replaces the one of its name, which is returned.
+    [[nodiscard]] RemovedEntry Put(RegistryEntry entry);
+    // Puts all of them, which are sorted and have different names.
+    [[nodiscard]] std::vector<RemovedEntry> Merge(RegistryEntries entries);
+    // Takes the entry out, when there is one.
+    [[nodiscard]] RemovedEntry Remove(std::string_view name);
 
   private:
-    // The position of the first entry that does not sort before `name`.
-    [[nodiscard]] size_t Seek(std::string_view name) const;
+    struct Place {
+        size_t position;
+        bool isTaken;
+    };
+    // Where the entry of that name is, or else belongs.
+    [[nodiscard]] Place Seek(std::string_view name) const;
 
     RecursiveLock m_lock;
     CRegistryNode& m_node;
 };
-
-// Ends an entry that was taken out of the tree, with all below it. No lock may be held.
-void Discard(const RegistryEntry& entry);
+// As strcmp.
+int CompareNames(const RegistryEntry& a, const RegistryEntry& b);

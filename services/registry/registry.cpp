@@ -45,8 +45,10 @@ RegistryKey EnsureSubkey(CRegistryNode& node, std::string_view name) {
     if (locked.IsDeleted()) return {};
     const RegistryEntry* entry = locked.Find(name);
     if (entry != nullptr) return entry->Node();
-    RegistryEntry replaced;
-    return locked.Put(RegistryEntry(name, RegistryKey(new CRegistryNode)), replaced)->Node();
+    RegistryKey key(new CRegistryNode);
+    (void)locked.Put(RegistryEntry(name, key));  // replaces nothing
+    TheRegistryStore().MarkDirty();
+    return key;
 }
 
 template <typename Step>
@@ -95,8 +97,9 @@ CRegistry& CRegistry::operator=(const CRegistry& source) {
     return *this;
 }
 
+// Without a change there is nothing to wait for.
 CRegistry::~CRegistry() {
-    SaveTree();
+    if (TheRegistryStore().IsDirty()) SaveTree();
 }
 
 void CRegistry::InitClass() try {
@@ -133,9 +136,10 @@ void CRegistry::SetKey(RegistryKey key) {
 }
 
 int32_t CRegistry::Open(const char* path, const RegistryHandle& hKey) {
-    const RegistryKey start = hKey.Key();
+    RegistryKey start = hKey.Key();
     TRACE(2, "\nCRegistry::Open \"%s\", hKey = %d\n", path, static_cast<int>(ShortAddress(start)));
-    return OpenFrom(hKey.IsNull() ? TheRegistryStore().Root() : start, path);
+    if (hKey.IsNull()) start = TheRegistryStore().Root();
+    return OpenFrom(std::move(start), path);
 }
 
 int32_t CRegistry::OpenFrom(RegistryKey start, const char* path) try {
@@ -147,7 +151,7 @@ int32_t CRegistry::OpenFrom(RegistryKey start, const char* path) try {
         return m_status;
     }
     m_path = text;  // which may be this object's own
-    std::replace(m_path.begin(), m_path.end(), '\\', '/');
+    for (char& c : m_path) c = c == '\\' ? '/' : c;
     m_status = 0;
     return m_status;
 } catch (const std::exception&) {
@@ -199,23 +203,19 @@ int32_t CRegistry::CreateKey(const RegistryHandle& node, const char* path) try {
     return kRegistryFailed;
 }
 
-int32_t CRegistry::Remove(const char* name, bool onlySubkey) try {
+int32_t CRegistry::Remove(const char* name, bool onlySubkey) {
     TheRegistryStore().MarkDirty();
     if (!m_key) return kRegistryInvalid;
-    RegistryEntry removed;
-    {
-        LockedNode locked(*m_key);
-        if (locked.IsDeleted()) return kRegistryInvalid;
-        const RegistryEntry* entry = name != nullptr ? locked.Find(name) : nullptr;
-        if (entry == nullptr || (onlySubkey && !entry->IsSubkey())) {
-            return onlySubkey ? kRegistryInvalid : 0;
-        }
-        locked.Remove(name, removed);
+    RemovedEntry removed;  // freed behind the lock
+    LockedNode locked(*m_key);
+    if (locked.IsDeleted()) return kRegistryInvalid;
+    const RegistryEntry* entry = name != nullptr ? locked.Find(name) : nullptr;
+    if (entry == nullptr || (onlySubkey && !entry->IsSubkey())) {
+        return onlySubkey ? kRegistryInvalid : 0;
     }
-    Discard(removed);
+    removed = locked.Remove(name);
+    TheRegistryStore().MarkDirty();
     return 0;
-} catch (const std::exception&) {
-    return kRegistryInvalid;
 }
 
 int32_t CRegistry::DeleteKey(const char* name) {

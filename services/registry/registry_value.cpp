@@ -52,17 +52,15 @@ bool CRegistry::SetValue(const char* name, const void* data, uint32_t size, uint
           static_cast<int>(type));
     const RegistryKey key = KeyOf(node);
     if (!key || !IsStorable(data, size, type)) return false;
-    RegistryEntry replaced;
-    {
-        LockedNode locked(*key);
-        if (locked.IsDeleted()) return false;
-        if (name == nullptr) return true;
-        const RegistryEntry* entry = locked.Put(NewEntry(name, data, size, type), replaced);
-        if (replaced.Type() != 0) {
-            TRACE(2, "CRegistry::SetValue oEntry = %p\n", static_cast<const void*>(entry));
-        }
+    RemovedEntry replaced;  // freed behind the lock
+    LockedNode locked(*key);
+    if (locked.IsDeleted()) return false;
+    if (name == nullptr) return true;
+    replaced = locked.Put(NewEntry(name, data, size, type));
+    TheRegistryStore().MarkDirty();
+    if (replaced) {
+        TRACE(2, "CRegistry::SetValue oEntry = %p\n", static_cast<const void*>(locked.Find(name)));
     }
-    Discard(replaced);
     return true;
 } catch (const std::exception&) {
     return false;

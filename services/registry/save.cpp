@@ -20,38 +20,36 @@ namespace {
 
 constexpr const char* kDirectory = "/etc/orvmon";
 constexpr const char* kNewFile = "/etc/orvmon/registry.new";
+constexpr const char* kLockFile = "/etc/orvmon/registry.lock";
+constexpr const char* kKeptFile = "/etc/orvmon/registry.old.kept";
 
-bool IsFileOf(const char* path, int fd) {
-    struct stat named {};
-    struct stat open {};
-    return stat(path, &named) == 0 && fstat(fd, &open) == 0 && named.st_dev == open.st_dev &&
-           named.st_ino == open.st_ino;
-}
-
-// Another process may be saving: its lock on the new file ends when the file has its final name.
-UniqueFd OpenNewFile() {
+// Held for a whole save, as other processes save too. A file of its own that is never renamed and
+// that only root can open: who could open it could keep root from saving.
+UniqueFd LockSaving() {
     constexpr int kAttempts = 500;
     constexpr useconds_t kPause = 10'000;
+    UniqueFd lock = OpenRegularFile(kLockFile, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
+    if (!lock.IsOpen()) return {};
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        UniqueFd file = OpenRegularFile(kNewFile, O_WRONLY | O_CREAT | O_NOFOLLOW, 0600);
-        if (!file.IsOpen()) return {};
-        if (flock(file.Get(), LOCK_EX | LOCK_NB) == 0) {
-            if (IsFileOf(kNewFile, file.Get())) return file;
-        } else if (errno != EWOULDBLOCK) {
-            return {};
-        } else {
-            usleep(kPause);
-        }
+        // A file system without locks has nobody to wait for.
+        if (flock(lock.Get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return lock;
+        usleep(kPause);
     }
     errno = EBUSY;
     return {};
+}
+
+// A new file each time: what was left there, or put there by somebody else, is not written to.
+UniqueFd OpenNewFile() {
+    if (unlink(kNewFile) != 0 && errno != ENOENT) return {};
+    return OpenRegularFile(kNewFile, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
 }
 
 bool WriteAll(int fd, std::string_view text) {
     while (!text.empty()) {
         const ssize_t count = write(fd, text.data(), text.size());
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return false;
+        if (count <= 0) return false;
         text.remove_prefix(static_cast<size_t>(count));
     }
     return true;
@@ -59,8 +57,7 @@ bool WriteAll(int fd, std::string_view text) {
 
 bool WriteNewFile(int fd, CRegistryNode& root) try {
     // The mode is set before the file has its final name: nobody finds it without.
-    return ftruncate(fd, 0) == 0 &&
-           WriteRegistry(root, [fd](std::string_view text) { return WriteAll(fd, text); }) &&
+    return WriteRegistry(root, [fd](std::string_view text) { return WriteAll(fd, text); }) &&
            fchmod(fd, 0644) == 0 && fsync(fd) == 0;
 } catch (const std::exception&) {
     errno = ENOMEM;
@@ -72,12 +69,21 @@ bool Exchange() {
 }
 
 // For file systems that cannot exchange two names. In between there is no live file; the previous
-// generation, which the next start then takes, is the one that was live.
+// generation, which the next start then takes, is the one that was live. The generation before is
+// kept aside until all is done.
 bool RenameBoth() {
-    if (rename(kRegistryFile, kRegistryOldFile) != 0) return false;
-    if (rename(kNewFile, kRegistryFile) == 0) return true;
+    const bool hasOld = rename(kRegistryOldFile, kKeptFile) == 0;
+    if (rename(kRegistryFile, kRegistryOldFile) == 0) {
+        if (rename(kNewFile, kRegistryFile) == 0) {
+            (void)unlink(kKeptFile);
+            return true;
+        }
+        const int error = errno;
+        (void)rename(kRegistryOldFile, kRegistryFile);
+        errno = error;
+    }
     const int error = errno;
-    (void)rename(kRegistryOldFile, kRegistryFile);
+    if (hasOld) (void)rename(kKeptFile, kRegistryOldFile);
     errno = error;
     return false;
 }
@@ -100,7 +106,8 @@ bool MoveIntoPlace() {
 
 bool SyncDirectory() {
     const UniqueFd directory(open(kDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return directory.IsOpen() && fsync(directory.Get()) == 0;
+    // EINVAL: a file system that brings names to the disk by itself.
+    return directory.IsOpen() && (fsync(directory.Get()) == 0 || errno == EINVAL);
 }
 
 bool Fail() {
@@ -113,8 +120,8 @@ bool Fail() {
 }  // namespace
 
 bool SaveRegistryFile(CRegistryNode& root) {
-    // Open until the end: whoever else saves waits for its lock.
-    const UniqueFd file = OpenNewFile();
+    const UniqueFd lock = LockSaving();
+    const UniqueFd file = lock.IsOpen() ? OpenNewFile() : UniqueFd();
     if (!file.IsOpen()) {
         const int error = errno;
         TRACE(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", kNewFile);

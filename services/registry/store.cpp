@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "services/base/cancel_guard.h"
@@ -19,50 +21,65 @@ RegistryStore& TheRegistryStore() {
     return g_store.object;
 }
 
-bool RestoreRegistryFile(const char* path, CRegistryNode& node) {
+static std::optional<RegistryEntries> LoadRegistryFile(const char* path) {
     if (path == nullptr || *path == '\0') {
         TRACE(1, "CRegistry: ERROR: Empty file path");
-        return false;
+        return std::nullopt;
     }
     const UniqueFd file = OpenRegularFile(path, O_RDONLY);
     if (!file.IsOpen()) {
         TRACE(1, "CRegistry: WARNING: Could not open \"%s\"\n", path);
-        return false;
+        return std::nullopt;
     }
     struct stat status {};
     if (fstat(file.Get(), &status) == 0 && status.st_size == 0) {
         TRACE(1, "CRegistry: WARNING: The length of \"%s\" is not sufficient\n", path);
-        return false;
+        return std::nullopt;
     }
     LineReader lines(file.Get());
+    auto entries = ParseRegistry(lines);
     // A file that cannot be read to its end must not become the store.
-    if (ParseRegistry(lines, node) && !lines.HasFailed()) return true;
+    if (entries && !lines.HasFailed()) return entries;
     TRACE(1,
           "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this "
           "file\n",
           path);
-    return false;
+    return std::nullopt;
 }
 
-bool RegistryStore::RestoreAny() {
-    if (RestoreRegistryFile(kRegistryFile, m_root)) return true;
-    TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying backup\n",
-          kRegistryFile);
-    if (RestoreRegistryFile(kRegistryOldFile, m_root)) return true;
-    TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying default\n",
-          kRegistryOldFile);
-    if (RestoreRegistryFile(kRegistryDefaultFile, m_root)) return true;
-    TRACE(1, "CRegistry: ERROR: Could not restore tree from \"%s\", restoring failed\n",
-          kRegistryDefaultFile);
-    return false;
+bool RestoreRegistryFile(const char* path, CRegistryNode& node) {
+    auto entries = LoadRegistryFile(path);
+    if (!entries) return false;
+    const auto replaced = LockedNode(node).Merge(std::move(*entries));
+    return true;
 }
 
-void RegistryStore::PointHandles() {
-    const LockedNode root(m_root);
+// The root handles follow in the same step: none ever names a key that is gone.
+bool RegistryStore::Restore(const char* path) {
+    auto entries = LoadRegistryFile(path);
+    if (!entries) return false;
+    std::vector<RemovedEntry> replaced;  // freed behind the lock
+    LockedNode root(m_root);
+    replaced = root.Merge(std::move(*entries));
     for (size_t i = 0; i < m_handles.size(); ++i) {
         const RegistryEntry* entry = root.Find(kRootKeyNames[i]);
         m_handles[i] = entry != nullptr ? entry->Node() : RegistryKey();
     }
+    m_isLoaded = true;
+    return true;
+}
+
+bool RegistryStore::RestoreAny() {
+    if (Restore(kRegistryFile)) return true;
+    TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying backup\n",
+          kRegistryFile);
+    if (Restore(kRegistryOldFile)) return true;
+    TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying default\n",
+          kRegistryOldFile);
+    if (Restore(kRegistryDefaultFile)) return true;
+    TRACE(1, "CRegistry: ERROR: Could not restore tree from \"%s\", restoring failed\n",
+          kRegistryDefaultFile);
+    return false;
 }
 
 void RegistryStore::Setup(bool force) {
@@ -74,7 +91,6 @@ void RegistryStore::Setup(bool force) {
           m_isSetup ? 1 : 0, m_isDirty ? 1 : 0);
     try {
         if (!RestoreAny()) return;
-        PointHandles();
     } catch (const std::exception&) {
         TRACE(2, "CRegistry: SetupTree(): ## ERROR during Setup\n");
     }
@@ -91,8 +107,7 @@ void RegistryStore::EnsureRootKeys() {
         if (entry != nullptr && entry->Node()) continue;
         // The key was deleted while its handle kept it: it begins again, empty.
         if (m_handles[i]) m_handles[i]->Revive();
-        RegistryEntry replaced;  // has no node
-        root.Put(RegistryEntry(kRootKeyNames[i], m_handles[i]), replaced);
+        (void)root.Put(RegistryEntry(kRootKeyNames[i], m_handles[i]));  // replaces no subkey
     }
 }
 
@@ -110,12 +125,14 @@ bool RegistryStore::IsEmpty() {
 }
 
 bool RegistryStore::Save() {
-    if (!m_isDirty) return true;
     const CancelGuard guard;
     const RecursiveLock lock(m_setupLock);
     // First of all: what is changed while the tree is written is saved the next time.
-    if (!m_isDirty.exchange(false)) return true;
-    // A file that could not be read now may be readable again tomorrow.
-    if (!m_isSetup && IsEmpty()) return true;
-    return SaveRegistryFile(m_root);
+    if (m_isDirty.exchange(false)) {
+        // A file that could not be read now may be readable again tomorrow.
+        const bool hasContent = m_isLoaded || !IsEmpty();
+        m_saveError = hasContent && !SaveRegistryFile(m_root) ? errno : 0;
+    }
+    errno = m_saveError;
+    return m_saveError == 0;
 }

@@ -25,11 +25,14 @@ class RegistryStore {
 
     // Loads the tree from the first file that can be restored, unless that was done before.
     void Setup(bool force);
-    // Whether a file was restored (or failed in a way that is not tried again).
-    [[nodiscard]] bool IsSetup() const { return m_isSetup; }
+    // Whether a file was restored.
+    [[nodiscard]] bool IsLoaded() const { return m_isLoaded; }
     // Enters the root keys again when HKEY_LOCAL_MACHINE is missing.
     void EnsureRootKeys();
+    // Before a change, whether or not it succeeds, and again behind it: a save in between has not
+    // seen it.
     void MarkDirty() { m_isDirty = true; }
+    [[nodiscard]] bool IsDirty() const { return m_isDirty; }
     // See CRegistry::SaveTree.
     bool Save();
 
@@ -39,12 +42,14 @@ class RegistryStore {
 
   private:
     bool RestoreAny();
-    void PointHandles();
+    bool Restore(const char* path);
     bool IsEmpty();
 
     RecursiveMutex m_setupLock;
     std::atomic<bool> m_isSetup{false};
+    std::atomic<bool> m_isLoaded{false};
     std::atomic<bool> m_isDirty{false};
+    int m_saveError = 0;      // of the last save; guarded by the set-up lock
     CRegistryNode m_root{1};  // this object's reference, which never ends
     // Guarded by the lock of m_root.
     std::array<RegistryKey, kRootKeyNames.size()> m_handles;

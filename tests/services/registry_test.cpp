@@ -1,5 +1,6 @@
 // The operations of the cursor, each result code and what they leave in the tree.
 #include <cstdlib>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -93,8 +94,8 @@ TEST_F(RegistryTest, CreatesAndDeletesKeys) {
     EXPECT_TRUE(
         InOrder(Trace(), {"CRegistry::CreateKey \"<null>\"\n", "CRegistry::CreateKey \"A\\B/C\"\n",
                           "CRegistry::SetValue \"n\" 4 4\n", "CRegistry::DeleteKey \"A\"\n",
-                          "CRegistryNode::deleteNode \"B\"\n", "CRegistryNode::deleteNode \"C\"\n",
-                          "CRegistryNode::deleteNode \"n\"\n", "CRegistryNode::deleteNode \"D\"\n",
+                          "CRegistryNode::deleteNode \"B\"\n", "CRegistryNode::deleteNode \"D\"\n",
+                          "CRegistryNode::deleteNode \"C\"\n", "CRegistryNode::deleteNode \"n\"\n",
                           "CRegistry::DeleteValue \"v\"\n"}));
 }
 
@@ -286,31 +287,58 @@ TEST_F(RegistryTest, PointersLeadToOtherKeys) {
                                       identifier + "\"\n"}));
 }
 
-TEST_F(RegistryTest, ThreadsShareOneTreeThatIsReloaded) {
-    Load("[shared]\n\n");
+void RunThreads(const std::function<void(int thread, int round)>& run) {
     std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([i] {
-            const std::string own = "own" + std::to_string(i);
-            for (int round = 0; round < 200; ++round) {
-                CRegistry registry;
-                registry.CreateKey(HKEY_LOCAL_MACHINE, own.c_str());
-                registry.SetValue("n", round);
-                CRegistry shared("shared", HKEY_LOCAL_MACHINE);
-                int32_t number = round;
-                // A reload may take the key away at any time: then there is none, or no value.
-                const int32_t result = registry.QueryValue(&number, "n");
-                EXPECT_TRUE(result == 0 || result == 22 || result == 61) << result;
-                EXPECT_EQ(number, round);
-                shared.SetValue(own.c_str(), own.c_str());
-                char name[16];
-                for (uint32_t k = 0; shared.EnumKey(name, sizeof name, k) == 0; ++k) continue;
-                if (round % 8 == 0) shared.DeleteValue(own.c_str());
-                if (i == 0 && round % 16 == 0) CRegistry::SetupTree(true);
-            }
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([&run, i] {
+            for (int round = 0; round < 300; ++round) run(i, round);
         });
     }
     for (std::thread& thread : threads) thread.join();
+}
+
+TEST_F(RegistryTest, EveryThreadsLastChangeReachesTheDisk) {
+    Load("");
+    RunThreads([](int thread, int round) {
+        CRegistry registry;
+        registry.CreateKey(HKEY_LOCAL_MACHINE, ("a\\b\\" + std::to_string(thread)).c_str());
+        registry.SetValue("n", round);
+        if (round % 2 == 0) registry.DeleteValue("n");
+    });
+    EXPECT_EQ(ReadFile(kRegistryPath),
+              FileWith("[a]\n[b]\n[0]\nn=d=299\n\n[1]\nn=d=299\n\n[2]\nn=d=299\n\n\n\n"));
+}
+
+TEST_F(RegistryTest, RootKeyThatIsDeletedAllTheTimeStaysUsable) {
+    Load("");
+    RunThreads([](int thread, int /*round*/) {
+        CRegistry root("", nullptr);
+        if (thread == 0) root.DeleteKey("HKEY_LOCAL_MACHINE");
+    });
+    CRegistry machine(HKEY_LOCAL_MACHINE);
+    EXPECT_EQ(machine.SetValue("v", 1), 0);
+    EXPECT_EQ(CRegistry("HKEY_LOCAL_MACHINE", nullptr).Status(), 0);
+}
+
+TEST_F(RegistryTest, ThreadsShareOneTreeThatIsReloaded) {
+    Load("[shared]\n\n");
+    RunThreads([](int i, int round) {
+        const std::string own = "own" + std::to_string(i);
+        CRegistry registry;
+        registry.CreateKey(HKEY_LOCAL_MACHINE, own.c_str());
+        registry.SetValue("n", round);
+        CRegistry shared("shared", HKEY_LOCAL_MACHINE);
+        int32_t number = round;
+        // A reload may take the key away at any time: then there is none, or no value.
+        const int32_t result = registry.QueryValue(&number, "n");
+        EXPECT_TRUE(result == 0 || result == 22 || result == 61) << result;
+        EXPECT_EQ(number, round);
+        shared.SetValue(own.c_str(), own.c_str());
+        char name[16];
+        for (uint32_t k = 0; shared.EnumKey(name, sizeof name, k) == 0; ++k) continue;
+        if (round % 8 == 0) shared.DeleteValue(own.c_str());
+        if (i == 0 && round % 16 == 0) CRegistry::SetupTree(true);
+    });
     EXPECT_EQ(CRegistry("shared", HKEY_LOCAL_MACHINE).Status(), 0);
 }
 
