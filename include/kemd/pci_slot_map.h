@@ -1,0 +1,52 @@
+// Which slot holds a PCI device, as the firmware says: from the PCI IRQ routing table, else from
+// the SMBIOS tables.
+//
+// Any thread may call. The map is gathered once per process, by the first call, and kept, also when
+// nothing was found. Nothing throws.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kemd/api.h"
+
+struct KEMD_API PciSlotData {
+    uint8_t bus;
+    uint8_t device;
+    uint8_t slot;
+    uint8_t type;  // "Slot Type" code of an SMBIOS system slot; 0: not known
+
+    // A serial slot has a bus of its own. Traces which kind it is.
+    [[nodiscard]] bool IsSerialBus() const;
+    // Whether the record stands for this device: by the bus alone when `isSerial`.
+    [[nodiscard]] bool Matches(uint8_t wantedBus, uint8_t wantedDevice, bool isSerial) const;
+    // Bus, device, slot and type in hexadecimal.
+    [[nodiscard]] std::string Description() const;
+};
+
+enum class PciSlotSource { kNone, kIrqRoutingTable, kSmbios };
+
+class CSMBios;
+
+class KEMD_API CPciSlotMap {
+  public:
+    using Slots = std::vector<PciSlotData>;
+
+    // The slot's number; 0 when it is not known.
+    static uint8_t GetPciSlotNumber(uint8_t bus, uint8_t device);
+    // The records of the map, valid until the process ends.
+    static const Slots& GetSlotMapping();
+    // Where the records come from; none when there are none.
+    static PciSlotSource Source();
+
+    // What one source says; each asks the system anew.
+    static Slots GetSlotMappingFromIrqRoutingTable();
+    static Slots GetSlotMappingFromSMBIOS();
+    // The slots of tables that are connected.
+    static Slots GetSlotMappingFromSMBIOS(const CSMBios& smbios);
+    // Gives each IRQ record the type of the first SMBIOS record that stands for its device.
+    static void UpdateSlotTypeFromSMBios(Slots& irqSlots, const Slots& smbiosSlots);
+    // The first record that stands for the device; null when there is none.
+    static const PciSlotData* Find(const Slots& slots, uint8_t bus, uint8_t device);
+};

@@ -1,0 +1,156 @@
+#include "inventory/bios_tables.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "inventory/efi_system_table.h"
+#include "inventory/smbios_entry.h"
+#include "services/base/regular_file.h"
+#include "trace/debug.h"
+
+namespace {
+
+constexpr size_t kEntryPoint2Size = 32;
+constexpr size_t kEntryPoint3Size = 24;
+
+using Bytes = std::vector<uint8_t>;
+
+std::optional<Bytes> ReadAll(int fd, size_t limit) {
+    struct stat status {};
+    if (fstat(fd, &status) != 0) return std::nullopt;
+    constexpr size_t kStep = 4096;
+    // One byte more than it says: the end is seen without another round.
+    Bytes bytes(std::min(limit, static_cast<size_t>(status.st_size)) + 1);
+    size_t done = 0;
+    for (;;) {
+        const ssize_t count = read(fd, bytes.data() + done, bytes.size() - done);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return std::nullopt;
+        if (count == 0) break;
+        done += static_cast<size_t>(count);
+        if (done > limit) return std::nullopt;
+        if (done == bytes.size()) bytes.resize(done + kStep);
+    }
+    bytes.resize(done);
+    return bytes;
+}
+
+std::optional<SmbiosData> GetAnySMBiosFromSysfs() {
+    auto entry = ReadTableFile("/sys/firmware/dmi/tables/smbios_entry_point", 4096);
+    if (!entry) {
+        TRACE(3, "\nCBiosTables::GetAnySMBiosFromSysfs() Could not read SMBios entry file.");
+        return std::nullopt;
+    }
+    auto table = ReadTableFile("/sys/firmware/dmi/tables/DMI", kLargestSmbiosTable);
+    if (!table) {
+        TRACE(3, "\nCBiosTables::GetAnySMBiosFromSysfs() Could not read SMBios data table file.");
+        return std::nullopt;
+    }
+    if (!HasSmbiosAnchor(*entry)) {
+        TRACE(3, "\nCBiosTables::GetAnySMBiosFromSysfs() : Invalid SMBios.");
+        return std::nullopt;
+    }
+    TRACE(3, "\nCBiosTables::GetAnySMBiosFromSysfs() Success : Header (%u) bytes, Data (%u) bytes",
+          static_cast<unsigned>(entry->size()), static_cast<unsigned>(table->size()));
+    SmbiosData data;
+    data.source = SmbiosSource::kSysfs;
+    data.entryPoint = std::move(*entry);
+    data.table = std::move(*table);
+    return data;
+}
+
+// The table that a stored entry point describes.
+bool CopyTable(CDeviceBiosBase& device, SmbiosData& data) {
+    const SmbiosTableRange range = ReadSmbiosTableRange(data.entryPoint);
+    if (range.address == 0 || range.length == 0 || range.length > kLargestSmbiosTable) return false;
+    const auto table = device.Map(range.address, range.length);
+    data.table.assign(table.begin(), table.end());
+    return !table.empty();
+}
+
+bool ReadVersion3(CDeviceBiosBase& device, uint64_t address, SmbiosData& data) {
+    const auto mapped =
+        address != 0 ? device.Map(address, kEntryPoint3Size) : std::span<const uint8_t>();
+    const std::string_view anchor = "_SM3_";
+    if (mapped.empty() || !std::equal(anchor.begin(), anchor.end(), mapped.begin())) return false;
+    data.entryPoint.assign(mapped.begin(), mapped.end());
+    return CopyTable(device, data);
+}
+
+bool ReadVersion2(CDeviceBiosBase& device, uint64_t address, SmbiosData& data) {
+    if (address == 0) return false;
+    return CheckSmbiosHeader(device.Map(address, kEntryPoint2Size), data) &&
+           HasSmbiosAnchor(data.entryPoint) && CopyTable(device, data);
+}
+
+std::optional<SmbiosData> GetAnySMBiosFromMemory() {
+    constexpr size_t kLimit = 64 * 1024;
+    auto text = ReadTableFile("/sys/firmware/efi/systab", kLimit);
+    if (!text) text = ReadTableFile("/proc/efi/systab", kLimit);
+    EfiSmbiosAddresses addresses;
+    if (text) {
+        addresses = ParseEfiSystemTable({reinterpret_cast<char*>(text->data()), text->size()});
+    }
+    if (addresses.version3 == 0 && addresses.version2 == 0) {
+        TRACE(3, "\nCBiosTables::GetAnySMBiosFromMemory() No SMBios 3 in memory.");
+        TRACE(3, "\nCBiosTables::GetAnySMBiosFromMemory() No SMBios 2 in memory.");
+        return std::nullopt;
+    }
+    CDeviceBios device;
+    SmbiosData data;
+    data.source = SmbiosSource::kMemory;
+    if (ReadVersion3(device, addresses.version3, data)) return data;
+    TRACE(3, "\nCBiosTables::GetAnySMBiosFromMemory() No SMBios 3 in memory.");
+    if (ReadVersion2(device, addresses.version2, data)) return data;
+    TRACE(3, "\nCBiosTables::GetAnySMBiosFromMemory() No SMBios 2 in memory.");
+    return std::nullopt;
+}
+
+// The device gives the entry point and, behind it, the table.
+std::optional<SmbiosData> GetEsxiSmbios() {
+    const UniqueFd device(open("/vmfs/devices/char/mem/smbios", O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!device.IsOpen() || fstat(device.Get(), &status) != 0) return std::nullopt;
+    if (!S_ISCHR(status.st_mode) && !S_ISREG(status.st_mode)) return std::nullopt;
+    const auto bytes = ReadAll(device.Get(), kLargestSmbiosTable);
+    if (!bytes || !HasSmbiosAnchor(*bytes)) return std::nullopt;
+    const size_t length = ReadSmbiosEntryLength(*bytes);
+    if (length == 0 || length >= bytes->size()) return std::nullopt;
+    SmbiosData data;
+    data.source = SmbiosSource::kEsxiDevice;
+    const auto end = bytes->begin() + static_cast<std::ptrdiff_t>(length);
+    data.entryPoint.assign(bytes->begin(), end);
+    data.table.assign(end, bytes->end());
+    return data;
+}
+
+}  // namespace
+
+std::optional<Bytes> ReadTableFile(const char* path, size_t limit) {
+    const UniqueFd file = OpenRegularFile(path, O_RDONLY);
+    if (!file.IsOpen()) return std::nullopt;
+    auto bytes = ReadAll(file.Get(), limit);
+    if (bytes && bytes->empty()) bytes.reset();
+    return bytes;
+}
+
+std::optional<SmbiosData> CBiosTables::GetSmbiosData() {
+    TRACE(5, "\nCBiosTables::GetSmbiosData() Start.");
+    if (auto data = GetAnySMBiosFromSysfs()) {
+        TRACE(5, "\nCBiosTables::GetSmbiosData() : Found in sysfs.");
+        return data;
+    }
+    if (auto data = GetAnySMBiosFromMemory()) {
+        TRACE(5, "\nCBiosTables::GetSmbiosData() : Found in memory.");
+        return data;
+    }
+    if (auto data = GetEsxiSmbios()) {
+        TRACE(5, "\nCBiosTables::GetSmbiosData() : ESXi specific SMBios found.");
+        return data;
+    }
+    TRACE(1, "\nCBiosTables::GetSmbiosData() : ERROR ## No SMBios found!");
+    return std::nullopt;
+}

@@ -1,0 +1,103 @@
+#include "kemd/pci_slot_map.h"
+
+#include <exception>
+#include <utility>
+
+#include "trace/debug.h"
+
+namespace {
+
+using Slots = CPciSlotMap::Slots;
+
+struct SlotMap {
+    Slots slots;
+    PciSlotSource source = PciSlotSource::kNone;
+};
+
+SlotMap ChooseMap() {
+    Slots irq = CPciSlotMap::GetSlotMappingFromIrqRoutingTable();
+    Slots smbios = CPciSlotMap::GetSlotMappingFromSMBIOS();
+    if (!irq.empty()) {
+        TRACE(2, "\nCPciSlotMap::GetSlotMapping(): Using slot data from IRQ.\n");
+        if (!smbios.empty()) CPciSlotMap::UpdateSlotTypeFromSMBios(irq, smbios);
+        return {std::move(irq), PciSlotSource::kIrqRoutingTable};
+    }
+    if (!smbios.empty()) {
+        TRACE(2, "\nCPciSlotMap::GetSlotMapping(): Using slot data from SMBios.\n");
+        return {std::move(smbios), PciSlotSource::kSmbios};
+    }
+    TRACE(1, "\nCPciSlotMap::GetSlotMapping(): ERROR # No slot data found on this machine!\n");
+    return {};
+}
+
+// Never destroyed: threads of modules may ask until the process is gone.
+const SlotMap& TheMap() {
+    static const SlotMap& map = *new SlotMap(ChooseMap());
+    return map;
+}
+
+void TraceNotFound(uint8_t bus, uint8_t device) {
+    TRACE(3, "slot number for %02x:%02x not found, assuming SlotNo=0\n", bus, device);
+}
+
+}  // namespace
+
+void CPciSlotMap::UpdateSlotTypeFromSMBios(Slots& irqSlots, const Slots& smbiosSlots) {
+    TRACE(3,
+          "\nCPciSlotMap::UpdateSlotTypeFromSMBios(): Updating IRQ slot type using data from "
+          "SMBios.\n");
+    for (PciSlotData& slot : irqSlots) {
+        const PciSlotData* match = Find(smbiosSlots, slot.bus, slot.device);
+        if (match != nullptr) {
+            slot.type = match->type;
+            TRACE(5, "\nCPciSlotMap::UpdateSlotTypeFromSMBios(): Updated slot type:");
+        } else {
+            TRACE(5,
+                  "\nCPciSlotMap::UpdateSlotTypeFromSMBios(): Could not match with any SMBios "
+                  "entry:");
+        }
+        TRACE(5, "\n\t%s", slot.Description().c_str());
+    }
+    TRACE(3, "\nCPciSlotMap::UpdateSlotTypeFromSMBios(): Done.\n");
+}
+
+const PciSlotData* CPciSlotMap::Find(const Slots& slots, uint8_t bus, uint8_t device) {
+    for (const PciSlotData& slot : slots) {
+        if (slot.Matches(bus, device, slot.IsSerialBus())) return &slot;
+    }
+    return nullptr;
+}
+
+const CPciSlotMap::Slots& CPciSlotMap::GetSlotMapping() try {
+    return TheMap().slots;
+} catch (const std::exception&) {
+    static const Slots none;
+    return none;
+}
+
+PciSlotSource CPciSlotMap::Source() try { return TheMap().source; } catch (const std::exception&) {
+    return PciSlotSource::kNone;
+}
+
+uint8_t CPciSlotMap::GetPciSlotNumber(uint8_t bus, uint8_t device) try {
+    const Slots& slots = GetSlotMapping();
+    if (slots.empty()) {
+        TRACE(1, "\nCPciSlotMap::GetPciSlotNumber() : ERROR ## Could not retrieve slot mapping.");
+        TraceNotFound(bus, device);
+        return 0;
+    }
+    TRACE(5,
+          "\nCPciSlotMap::GetPciSlotNumber() : Searching PCI slot table for bus '%x' device '%x'",
+          bus, device);
+    for (const PciSlotData& slot : slots) {
+        TRACE(5, "\nCPciSlotMap::GetPciSlotNumber() : Check %s", slot.Description().c_str());
+        if (!slot.Matches(bus, device, slot.IsSerialBus())) continue;
+        TRACE(5, "\nCPciSlotMap::GetPciSlotNumber() : Found PCI Slot for this device - %d",
+              slot.slot);
+        return slot.slot;
+    }
+    TraceNotFound(bus, device);
+    return 0;
+} catch (const std::exception&) {
+    return 0;  // without memory for a trace text
+}

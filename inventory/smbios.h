@@ -1,0 +1,56 @@
+// The host's SMBIOS tables with an index of the structures by type.
+//
+// One object belongs to one thread; it is not copyable, and what it gives out is valid as long as
+// it is connected. Nothing throws: failures are false, a text and trace records.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "inventory/smbios_data.h"
+#include "inventory/smbios_entry.h"
+#include "inventory/smbios_walk.h"
+#include "kemd/api.h"
+
+class CSMBios {
+  public:
+    // From a structure's type to the positions of all of that type in the table, in its order.
+    using Index = std::map<uint8_t, std::vector<size_t>>;
+
+    CSMBios() = default;
+    ~CSMBios();
+    CSMBios(const CSMBios&) = delete;
+    CSMBios& operator=(const CSMBios&) = delete;
+
+    // Gets the tables from the operating system or the shadow memory, and indexes them. False when
+    // there are none or they are broken; what was found up to there can be looked at.
+    bool Connect();
+    // The same with tables that the caller has.
+    bool Connect(SmbiosData data);
+
+    [[nodiscard]] const SmbiosData& Data() const { return m_data; }
+    [[nodiscard]] SmbiosRevision Revision() const { return m_revision; }
+    // As the entry point says, or as found when it says nothing.
+    [[nodiscard]] uint16_t StructureCount() const { return m_data.structureCount; }
+    [[nodiscard]] const Index& Structures() const { return m_index; }
+    // The formatted area of the structure at a position out of the index, its header included.
+    [[nodiscard]] std::span<const uint8_t> Formatted(size_t position) const;
+    // Empty when nothing went wrong.
+    [[nodiscard]] const std::string& Error() const { return m_data.error; }
+
+  private:
+    bool Fetch();
+    bool Attach();
+    bool BuildStructureList();
+    bool WalkStructures();
+    bool Fail(const char* format, ...) KEMD_PRINTF(2, 3);
+
+    SmbiosData m_data;
+    SmbiosRevision m_revision;
+    Index m_index;
+    int m_found = 0;  // structures stepped over
+    size_t m_position = 0;
+};

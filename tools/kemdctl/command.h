@@ -1,0 +1,46 @@
+// What all commands of kemdctl share: exit codes, the command line, messages and results.
+#pragma once
+
+#include <span>
+#include <string_view>
+#include <vector>
+
+enum ExitCode : int {
+    kYes = 0,    // or done
+    kNo = 1,     // not there, or findings
+    kError = 2,  // usage, files, permissions
+};
+
+// The command line, parted: options may stand anywhere, "--" ends them.
+struct CommandLine {
+    struct Option {
+        std::string_view name;
+        const char* value;  // behind a "="; null: none there
+        size_t position;    // how many words stand before it
+    };
+    std::vector<const char*> words;
+    std::vector<Option> options;
+
+    CommandLine(int argc, char** argv);
+    [[nodiscard]] bool Has(std::string_view option) const;
+    // The value of an option, "--name=value" or "--name value", whose word is taken out; null when
+    // there is neither.
+    const char* TakeValue(std::string_view option);
+    // Whether all options are among these; complains when not.
+    [[nodiscard]] bool HasOnly(std::span<const std::string_view> known) const;
+    // The first word, which is taken out; empty when there is none.
+    std::string_view TakeCommand();
+};
+
+// Writes "kemdctl: ", the text and a line feed to standard error. Names and data that come from
+// elsewhere go through Printable first.
+void Complain(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// Results, on standard output. After a failure nothing more is written; FinishOutput then
+// complains, unless nobody reads, and returns false.
+void Write(std::string_view text);
+bool HasWriteFailed();
+bool FinishOutput();
+// To be called first: results never end up in a file that was opened in the place of a standard
+// descriptor, and a reader that goes away ends nothing.
+void PrepareStreams();

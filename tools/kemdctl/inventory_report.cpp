@@ -1,0 +1,127 @@
+#include "tools/kemdctl/inventory_report.h"
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+
+#include "tools/kemdctl/command.h"
+#include "tools/kemdctl/inventory_names.h"
+#include "tools/kemdctl/json.h"
+
+namespace {
+
+struct SourceName {
+    const char* shown;
+    const char* json;
+};
+
+SourceName NameOf(SmbiosSource source) {
+    switch (source) {
+        case SmbiosSource::kSysfs:
+            return {"/sys/firmware/dmi/tables", "sysfs"};
+        case SmbiosSource::kMemory:
+            return {"the memory that the EFI system table names", "memory"};
+        case SmbiosSource::kEsxiDevice:
+            return {"the ESXi device", "esxi"};
+        case SmbiosSource::kShadowMemory:
+            return {"the BIOS shadow memory", "shadow"};
+        case SmbiosSource::kFile:
+            return {"the dump", "dump"};
+        default:
+            return {"nowhere", "none"};
+    }
+}
+
+SourceName NameOf(PciSlotSource source) {
+    switch (source) {
+        case PciSlotSource::kIrqRoutingTable:
+            return {"IRQ routing table", "irq-routing-table"};
+        case PciSlotSource::kSmbios:
+            return {"SMBIOS", "smbios"};
+        default:
+            return {"none", "none"};
+    }
+}
+
+std::string Format(const char* format, ...) KEMD_PRINTF(1, 2);
+std::string Format(const char* format, ...) {
+    std::array<char, 256> text{};
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text.data(), text.size(), format, args);
+    va_end(args);
+    return text.data();
+}
+
+std::string RevisionText(const CSMBios& smbios) {
+    return Format("%d.%d", smbios.Revision().major, smbios.Revision().minor);
+}
+
+void ShowSlots(const Inventory& inventory) {
+    Write("\nbus:device  slot  type                                source\n");
+    for (const PciSlotData& slot : inventory.slots) {
+        Write(Format("%02x:%02x       %4d  %-34s  %s\n", slot.bus, slot.device, slot.slot,
+                     SlotTypeName(slot.type).c_str(), NameOf(inventory.slotSource).shown));
+    }
+}
+
+}  // namespace
+
+void ShowInventory(const Inventory& inventory) {
+    const CSMBios& smbios = inventory.smbios;
+    if (inventory.hasSmbios) {
+        Write(Format("SMBIOS %s, %d structures in %zu bytes, from %s\n\n",
+                     RevisionText(smbios).c_str(), smbios.StructureCount(),
+                     smbios.Data().table.size(), NameOf(smbios.Data().source).shown));
+        Write("type  structures\n");
+        for (const auto& [type, positions] : smbios.Structures()) {
+            Write(Format("%4d  %10zu  %s\n", type, positions.size(), StructureName(type)));
+        }
+    }
+    if (!inventory.slots.empty()) ShowSlots(inventory);
+}
+
+void ShowInventoryAsJson(const Inventory& inventory) {
+    const CSMBios& smbios = inventory.smbios;
+    JsonWriter json;
+    const auto number = [&json](const char* key, int64_t value) {
+        json.Key(key);
+        json.Number(value);
+    };
+    const auto text = [&json](const char* key, const std::string& value) {
+        json.Key(key);
+        json.Text(value);
+    };
+    json.Open('{');
+    json.Key("smbios");
+    json.Open('{');
+    text("source", NameOf(inventory.hasSmbios ? smbios.Data().source : SmbiosSource::kNone).json);
+    text("revision", RevisionText(smbios));
+    number("structures", smbios.StructureCount());
+    json.Key("types");
+    json.Open('[');
+    for (const auto& [type, positions] : smbios.Structures()) {
+        json.Open('{');
+        number("type", type);
+        text("name", StructureName(type));
+        number("count", static_cast<int64_t>(positions.size()));
+        json.Close('}');
+    }
+    json.Close(']');
+    json.Close('}');
+    json.Key("slots");
+    json.Open('[');
+    for (const PciSlotData& slot : inventory.slots) {
+        json.Open('{');
+        number("bus", slot.bus);
+        number("device", slot.device);
+        number("slot", slot.slot);
+        number("type", slot.type);
+        text("name", SlotTypeName(slot.type));
+        text("source", NameOf(inventory.slotSource).json);
+        json.Close('}');
+    }
+    json.Close(']');
+    json.Close('}');
+    json.Finish();
+}

@@ -1,0 +1,44 @@
+// Writes JSON to standard output piece by piece: the caller opens and closes objects and arrays,
+// the commas come by themselves. Keeps no stack, so nesting costs nothing.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "tools/kemdctl/command.h"
+
+class JsonWriter {
+  public:
+    // '{' or '['.
+    void Open(char bracket) {
+        Separate();
+        Write({&bracket, 1});
+        m_needsComma = false;
+    }
+    void Close(char bracket) {
+        Write({&bracket, 1});
+        m_needsComma = true;
+    }
+    void Key(std::string_view name) {
+        Text(name);
+        Write(":");
+        m_needsComma = false;
+    }
+    // Bytes that are no UTF-8 become U+FFFD.
+    void Text(std::string_view text);
+    void Number(int64_t number) {
+        Separate();
+        Write(std::to_string(number));
+    }
+    // The line feed behind everything.
+    void Finish() { Write("\n"); }
+
+  private:
+    void Separate() {
+        if (m_needsComma) Write(",");
+        m_needsComma = true;
+    }
+
+    bool m_needsComma = false;
+};

@@ -1,0 +1,67 @@
+// kemdctl: the administrator's side of kemd. What can be done is in the table.
+#include <exception>
+#include <string>
+
+#include "daemon/version.h"
+#include "tools/kemdctl/command.h"
+#include "tools/kemdctl/inventory_command.h"
+#include "tools/kemdctl/registry_command.h"
+#include "tools/kemdctl/text.h"
+
+namespace {
+
+struct Command {
+    std::string_view name;
+    const char* summary;
+    int (*run)(CommandLine& line);
+};
+constexpr Command kCommands[] = {
+    {"inventory", "show the firmware's tables and which slot holds a PCI device", RunInventory},
+    {"registry", "read, change, check and restore the suite's registry", RunRegistry},
+};
+
+void WriteHelp() {
+    Write("usage: kemdctl COMMAND ...\n\n");
+    for (const Command& command : kCommands) {
+        const std::string blanks(12 - command.name.size(), ' ');
+        Write("  " + std::string(command.name) + blanks + command.summary + "\n");
+    }
+    Write(
+        "\n"
+        "  --help      shows this, or the help of COMMAND\n"
+        "  --version   shows the version\n"
+        "  --json      results as JSON, where a command has them\n"
+        "\n"
+        "Options may stand anywhere; -- ends them. Exit status: 0 yes or done, 1 no (not\n"
+        "there, findings), 2 an error, which is told on standard error.\n");
+}
+
+int Run(CommandLine& line) {
+    if (line.Has("--version")) {
+        Write(std::string("kemdctl ") + kVersion.version + "\n");
+        return kYes;
+    }
+    const std::string_view name = line.TakeCommand();
+    for (const Command& command : kCommands) {
+        if (command.name == name) return command.run(line);
+    }
+    if (name.empty() && line.Has("--help")) {
+        WriteHelp();
+        return kYes;
+    }
+    if (!name.empty()) Complain("unknown command %s", Printable(name).c_str());
+    Complain("see kemdctl --help");
+    return kError;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    PrepareStreams();
+    CommandLine line(argc, argv);
+    const int result = Run(line);
+    return FinishOutput() ? result : kError;
+} catch (const std::exception& error) {
+    Complain("%s", error.what());
+    return kError;
+}

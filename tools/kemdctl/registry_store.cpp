@@ -1,0 +1,117 @@
+#include "tools/kemdctl/registry_store.h"
+
+#include <sys/file.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include "services/base/never_destroyed.h"
+#include "services/base/regular_file.h"
+#include "services/registry/store.h"
+#include "tools/kemdctl/command.h"
+
+namespace {
+
+constexpr const char* kDirectory = "/etc/orvmon";
+constexpr const char* kPidFile = "/var/run/kemd.pid";
+
+void NoteRunningDaemon() {
+    pid_t pid = 0;
+    std::ifstream(kPidFile) >> pid;
+    if (pid <= 0 || access(("/proc/" + std::to_string(pid)).c_str(), F_OK) != 0) return;
+    Complain("note: kemd is running; its modules keep a copy of the registry of their own and");
+    Complain("note: may write over this change when they save next");
+}
+
+// Empty when there is something.
+std::string WhyNothingToRead(const char* path) {
+    const UniqueFd file = OpenRegularFile(path, O_RDONLY);
+    if (!file.IsOpen()) return errno == EINVAL ? "no regular file" : std::strerror(errno);
+    struct stat status {};
+    if (fstat(file.Get(), &status) == 0 && status.st_size == 0) return "the file is empty";
+    return {};
+}
+
+}  // namespace
+
+CRegistry& Cursor() {
+    static NeverDestroyed<CRegistry> cursor;
+    return cursor.object;
+}
+
+std::string WhyUnusable(const char* path) {
+    const std::string why = WhyNothingToRead(path);
+    return why.empty() ? "cannot be read to its end, or holds no registry" : why;
+}
+
+bool LoadStore() {
+    (void)Cursor();
+    if (TheRegistryStore().IsLoaded()) {
+        const std::string why = WhyNothingToRead(kRegistryFile);
+        if (!why.empty()) {
+            Complain("note: %s: %s; an older registry is used", kRegistryFile, why.c_str());
+        }
+        return true;
+    }
+    Complain("there is no registry that can be loaded:");
+    for (const char* const path : {kRegistryFile, kRegistryOldFile, kRegistryDefaultFile}) {
+        Complain("%s: %s", path, WhyUnusable(path).c_str());
+    }
+    return false;
+}
+
+KeyPath SplitPath(std::string_view path) {
+    KeyPath components;
+    while (!path.empty()) {
+        const size_t backslash = path.find('\\');
+        const size_t separator = backslash != path.npos ? backslash : path.find('/');
+        components.push_back(path.substr(0, separator));
+        path.remove_prefix(std::min(components.back().size() + 1, path.size()));
+    }
+    return components;
+}
+
+bool IsRootKey(std::string_view name) {
+    return std::find(kRootKeyNames.begin(), kRootKeyNames.end(), name) != kRootKeyNames.end();
+}
+
+RegistryKey FindKey(const KeyPath& path) {
+    RegistryKey key = TheRegistryStore().Root();
+    for (const std::string_view name : path) {
+        const RegistryKey parent = std::move(key);
+        if (!parent) return {};
+        const LockedNode locked(*parent);
+        const RegistryEntry* const entry = locked.Find(name);
+        key = entry != nullptr ? entry->Node() : RegistryKey();
+    }
+    return key;
+}
+
+bool WriterLock::Take() {
+    constexpr int kAttempts = 200;
+    constexpr useconds_t kPause = 50'000;  // 10 seconds in all
+    m_directory.Reset(open(kDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!m_directory.IsOpen()) {
+        Complain("cannot open %s: %s", kDirectory, std::strerror(errno));
+        return false;
+    }
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (flock(m_directory.Get(), LOCK_EX | LOCK_NB) == 0) return true;
+        if (errno != EWOULDBLOCK) break;
+        usleep(kPause);
+    }
+    Complain("cannot lock %s: %s", kDirectory,
+             errno == EWOULDBLOCK ? "another kemdctl changes the registry" : std::strerror(errno));
+    return false;
+}
+
+int SaveStore() {
+    if (!CRegistry::SaveTree()) {
+        Complain("cannot save %s: %s", kRegistryFile, std::strerror(errno));
+        return kError;
+    }
+    NoteRunningDaemon();
+    return kYes;
+}

@@ -1,0 +1,39 @@
+// The store as the registry commands see it: loading, finding keys, excluding other writers,
+// saving.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kemd/registry.h"
+#include "services/base/unique_fd.h"
+
+// The process's one cursor; the first call loads the store. It is never destroyed, so that nothing
+// is saved but by SaveStore.
+CRegistry& Cursor();
+
+// Loads the store; complains and returns false when there is none.
+bool LoadStore();
+// Why a registry file cannot be restored.
+std::string WhyUnusable(const char* path);
+
+// The components of a key's path, as CRegistry takes it apart.
+using KeyPath = std::vector<std::string_view>;
+KeyPath SplitPath(std::string_view path);
+bool IsRootKey(std::string_view name);
+// From the root of the tree; nothing when there is no such key.
+RegistryKey FindKey(const KeyPath& path);
+
+// Holds off other writing commands while it lives.
+class WriterLock {
+  public:
+    // Waits for a while; complains and returns false when that does not help.
+    bool Take();
+
+  private:
+    UniqueFd m_directory;
+};
+
+// Writes what was changed; an exit code. Complains when that fails, and says when a daemon runs.
+int SaveStore();

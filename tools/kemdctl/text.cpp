@@ -1,0 +1,61 @@
+#include "tools/kemdctl/text.h"
+
+#include <algorithm>
+#include <cstdio>
+
+static unsigned ByteAt(std::string_view text, size_t position) {
+    return static_cast<unsigned char>(text[position]);
+}
+
+static bool IsTail(char byte) {
+    return (static_cast<unsigned char>(byte) & 0xc0U) == 0x80;
+}
+
+static bool IsPlain(char byte) {
+    return byte >= 0x20 && byte < 0x7f;
+}
+
+size_t Utf8Length(std::string_view text) {
+    if (text.empty()) return 0;
+    const unsigned lead = ByteAt(text, 0);
+    if (lead < 0x80) return 1;
+    if (lead < 0xc2 || lead > 0xf4) return 0;
+    const size_t length = lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
+    if (text.size() < length) return 0;
+    if (!std::all_of(text.begin() + 1, text.begin() + length, IsTail)) return 0;
+    // Longer forms than needed, halves of surrogate pairs, and what lies behind the last character.
+    const unsigned second = ByteAt(text, 1);
+    if ((lead == 0xe0 && second < 0xa0) || (lead == 0xed && second >= 0xa0)) return 0;
+    if ((lead == 0xf0 && second < 0x90) || (lead == 0xf4 && second >= 0x90)) return 0;
+    return length;
+}
+
+std::string Printable(std::string_view text) {
+    std::string shown;
+    for (;;) {
+        const auto* const plainEnd = std::find_if_not(text.begin(), text.end(), IsPlain);
+        shown.append(text.begin(), plainEnd);
+        text.remove_prefix(static_cast<size_t>(plainEnd - text.begin()));
+        if (text.empty()) return shown;
+        const size_t length = Utf8Length(text);
+        const unsigned byte = ByteAt(text, 0);
+        // The control characters above ASCII are C2 80 to C2 9F.
+        const bool isControl =
+            byte < 0x20 || byte == 0x7f || (length == 2 && byte == 0xc2 && ByteAt(text, 1) < 0xa0);
+        const size_t taken = length == 0 || isControl ? 1 : length;
+        if (byte == '\n' || byte == '\r' || byte == '\t') {
+            shown += byte == '\n' ? "\\n" : byte == '\r' ? "\\r" : "\\t";
+        } else if (length == 0 || isControl) {
+            char code[8];
+            std::snprintf(code, sizeof code, "\\x%02x", byte);
+            shown += code;
+        } else {
+            shown += text.substr(0, taken);
+        }
+        text.remove_prefix(taken);
+    }
+}
+
+size_t Width(std::string_view text) {
+    return text.size() - static_cast<size_t>(std::count_if(text.begin(), text.end(), IsTail));
+}
