@@ -15,6 +15,14 @@ struct Contender {
     std::vector<double> nanoseconds = {};  // per operation, one for each round
 };
 
+// One that makes the same call each time, with the number of the repetition.
+template <typename Call>
+Contender Make(const char* name, Call call) {
+    return {name, [call](int count) {
+                for (int i = 0; i < count; ++i) call(i);
+            }};
+}
+
 inline double Median(std::vector<double> values) {
     std::nth_element(values.begin(), values.begin() + static_cast<long>(values.size() / 2),
                      values.end());

@@ -120,13 +120,6 @@ void ReadStatusFile() {
     close(fd);
 }
 
-template <typename Call>
-Contender Make(const char* name, Call call) {
-    return {name, [call](int count) {
-                for (int i = 0; i < count; ++i) call(i);
-            }};
-}
-
 void StartTrace(const char* memoryColumn) {
     setenv("OV_LOG_RINGBUF_DIR", kDirectory, 1);
     setenv("OV_LOG_DEBUG_LEVEL", "3", 1);

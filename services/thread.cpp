@@ -82,12 +82,10 @@ bool SetAttributes(pthread_attr_t& attributes, int32_t priority, bool waitable) 
         return false;
     }
     TRACE(4, "\npthread_attr_init: %d", ret);
-    if (!waitable) {
-        ret = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-        if (ret != 0) {
-            TRACE(2, "\npthread_attr_setdetachstate failed: %d", ret);
-            return false;
-        }
+    if (!waitable) ret = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    if (ret != 0) {
+        TRACE(2, "\npthread_attr_setdetachstate failed: %d", ret);
+        return false;
     }
     TRACE(2, "\nThreadPrio=%d", priority);
     return priority == 0 || SetPriority(attributes, priority);

@@ -22,6 +22,7 @@ class LineReader {
     static constexpr size_t kMaxLine = 1023;
 
     // Starts at the descriptor's file position; does not own the descriptor.
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the buffer is filled by reading
     explicit LineReader(int fd) : m_fd(fd) {}
 
     // False at the end of the file and when it cannot be read on. The line is valid until the next
@@ -31,7 +32,7 @@ class LineReader {
             const char* const start = m_buffer.data() + m_begin;
             const size_t window = std::min(m_end - m_begin, kMaxLine);
             const void* const feed = std::memchr(start, '\n', window);
-            if (feed == nullptr && window < kMaxLine && Fill()) continue;
+            if (feed == nullptr && window < kMaxLine && !m_atEnd && Fill()) continue;
             const size_t length =
                 feed == nullptr ? window
                                 : static_cast<size_t>(static_cast<const char*>(feed) - start) + 1;
@@ -57,15 +58,17 @@ class LineReader {
             count = read(m_fd, m_buffer.data() + m_end, m_buffer.size() - m_end);
         } while (count < 0 && errno == EINTR);
         if (count < 0) m_failed = true;
-        if (count <= 0) return false;
+        m_atEnd = count <= 0;
+        if (m_atEnd) return false;
         m_end += static_cast<size_t>(count);
         return true;
     }
 
     int m_fd;
     bool m_failed = false;
+    bool m_atEnd = false;  // of the file, or where it cannot be read on
     size_t m_begin = 0;  // of what is not taken yet
     size_t m_end = 0;
     off_t m_position = 0;
-    std::array<char, 32 * 1024> m_buffer;
+    std::array<char, size_t{32} * 1024> m_buffer;
 };

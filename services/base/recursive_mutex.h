@@ -19,9 +19,23 @@ class KEMD_API RecursiveMutex {
     RecursiveMutex(const RecursiveMutex&) = delete;
     RecursiveMutex& operator=(const RecursiveMutex&) = delete;
 
-    void Lock();
+    // Inline: the registry takes several for each look-up.
+    void Lock() {
+        if (!m_valid) return;
+        const pthread_t self = pthread_self();
+        if (m_owner.load(std::memory_order_relaxed) != self) {
+            pthread_mutex_lock(&m_mutex);
+            m_owner.store(self, std::memory_order_relaxed);
+        }
+        ++m_depth;
+    }
     // Does nothing unless the caller is the owner.
-    void Unlock();
+    void Unlock() {
+        if (!m_valid || m_owner.load(std::memory_order_relaxed) != pthread_self()) return;
+        if (--m_depth > 0) return;
+        m_owner.store(0, std::memory_order_relaxed);
+        pthread_mutex_unlock(&m_mutex);
+    }
     // Gives the lock up first when the caller still holds it, at whatever depth.
     void Destroy();
 

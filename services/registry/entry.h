@@ -9,6 +9,7 @@
 #include <memory>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "kemd/registry.h"
 
@@ -30,44 +31,73 @@ inline uint64_t NameOrder(std::string_view name) {
 class RegistryEntry {
   public:
     RegistryEntry() = default;
+    ~RegistryEntry() {
+        if (!IsPacked()) delete[] m_block;
+    }
+    // By exchange: inserting into a large key moves thousands of entries.
+    RegistryEntry(RegistryEntry&& source) noexcept { *this = std::move(source); }
+    RegistryEntry& operator=(RegistryEntry&& source) noexcept {
+        std::swap(m_block, source.m_block);
+        std::swap(m_bits, source.m_bits);
+        m_node = std::move(source.m_node);
+        return *this;
+    }
+    RegistryEntry(const RegistryEntry&) = delete;
+    RegistryEntry& operator=(const RegistryEntry&) = delete;
     RegistryEntry(std::string_view name, int32_t number);
     // Text (kept up to its first NUL) or bytes. Fewer than 2^32.
     RegistryEntry(std::string_view name, RegistryType type, std::string_view data);
     // `node` may be none.
     RegistryEntry(std::string_view name, RegistryKey node);
 
-    [[nodiscard]] const char* Name() const { return m_block.get() + sizeof(Head); }
-    [[nodiscard]] size_t NameSize() const { return GetHead().nameSize; }
+    [[nodiscard]] std::string_view Name() const { return {Text(), GetHead().nameSize}; }
     // Of the entry's name, see NameOrder.
-    [[nodiscard]] uint64_t Order() const { return m_order; }
-    [[nodiscard]] uint32_t Type() const { return m_type; }
-    [[nodiscard]] bool IsSubkey() const { return m_type == kRegistrySubkey; }
+    [[nodiscard]] uint64_t Order() const { return m_bits >> kOrderShift; }
+    [[nodiscard]] uint32_t Type() const { return m_bits >> kTypeShift & 0x7FFF; }
+    [[nodiscard]] bool IsSubkey() const { return Type() == kRegistrySubkey; }
     [[nodiscard]] const RegistryKey& Node() const { return m_node; }
     RegistryKey TakeNode() { return std::move(m_node); }
-    [[nodiscard]] int32_t Number() const { return static_cast<int32_t>(GetHead().number); }
-    // Of types 1 to 3; a text is followed by a NUL.
-    [[nodiscard]] std::string_view Data() const {
-        if (m_type < kRegistryString || m_type > kRegistryBinary) return {};
-        const Head head = GetHead();
-        return {Name() + head.nameSize + 1, head.number};
-    }
+    [[nodiscard]] int32_t Number() const;
+    // Of types 1 to 3.
+    [[nodiscard]] std::string_view Data() const;
+    // What a file has for a text or a number, with the line feed; of the others the name and the
+    // bytes.
+    [[nodiscard]] std::string_view Line() const { return {Text(), GetHead().size}; }
+
+    // The text may lie in memory that several entries have in common: its size there, moving it to
+    // that place, and taking it out again.
+    [[nodiscard]] size_t PackedSize() const { return sizeof(Head) + GetHead().size; }
+    void PackInto(char* place);
+    void Unpack();
 
   private:
+    static constexpr int kTypeShift = 1;
+    static constexpr int kOrderShift = 16;
+
     struct Head {
         uint32_t nameSize;
-        uint32_t number;  // type 4: the number; types 1 to 3: the size of the data
+        uint32_t size;
     };
-    RegistryEntry(std::string_view name, uint32_t type, std::string_view data, uint32_t number);
+    RegistryEntry(std::string_view name, uint32_t type, std::string_view data);
     [[nodiscard]] Head GetHead() const {
         Head head{};
-        std::memcpy(&head, m_block.get(), sizeof head);
+        std::memcpy(&head, m_block, sizeof head);
         return head;
     }
+    [[nodiscard]] bool IsPacked() const { return (m_bits & 1) != 0; }
+    [[nodiscard]] const char* Text() const { return m_block + sizeof(Head); }
 
-    // One allocation for the head, the name, its NUL, the data and another NUL: half of a tree's
-    // memory would otherwise be the heap's own.
-    std::unique_ptr<char[]> m_block;
+    const char* m_block = nullptr;  // the head and the line; owned unless packed
     RegistryKey m_node;
-    uint64_t m_order : 8 * kNameOrderBytes = 0;
-    uint64_t m_type : 16 = 0;
+    uint64_t m_bits = 0;  // from below: packed, type, order
 };
+
+// The entries of a key. Those that come from a file have their texts side by side: half of a tree's
+// memory would otherwise be the heap's own, and going over it would wait for memory at each value.
+struct RegistryEntries {
+    std::vector<RegistryEntry> list;
+    std::unique_ptr<char[]> text;
+};
+
+// What stands between name and data in a file; empty for types that have no line of that form.
+std::string_view RegistryMarker(uint32_t type);

@@ -6,14 +6,8 @@
 
 namespace {
 
-struct Marker {
-    std::string_view text;
-    RegistryType type;
-};
-constexpr Marker kMarkers[] = {{"=s=", kRegistryString},
-                               {"=es=", kRegistryExpandString},
-                               {"=b=", kRegistryBinary},
-                               {"=d=", kRegistryNumber}};
+constexpr RegistryType kValueTypes[] = {kRegistryString, kRegistryExpandString, kRegistryBinary,
+                                        kRegistryNumber};
 
 constexpr char kDigits[] = "0123456789abcdef";
 
@@ -30,10 +24,10 @@ RegistryLine DecodeRegistryLine(std::string_view line) {
     const size_t equals = line.find('=');
     if (equals == line.npos) return {};
     const std::string_view rest = line.substr(equals);
-    for (const Marker& marker : kMarkers) {
-        if (!rest.starts_with(marker.text)) continue;
-        return {RegistryLine::kValue, line.substr(0, equals), marker.type,
-                rest.substr(marker.text.size())};
+    for (const RegistryType type : kValueTypes) {
+        const std::string_view marker = RegistryMarker(type);
+        if (!rest.starts_with(marker)) continue;
+        return {RegistryLine::kValue, line.substr(0, equals), type, rest.substr(marker.size())};
     }
     return {};
 }
@@ -59,36 +53,15 @@ std::string DecodeRegistryBinary(std::string_view data) {
     }
 }
 
-// Grows the text once and fills it in: saving a tree is little else.
-static void AppendLine(std::string& text, const RegistryEntry& entry, std::string_view marker,
-                       std::string_view data) {
-    const std::string_view name(entry.Name(), entry.NameSize());
-    const size_t start = text.size();
-    text.resize(start + name.size() + marker.size() + data.size() + 1);
-    char* end = text.data() + start;
-    end += name.copy(end, name.size());
-    for (const char c : marker) *end++ = c;
-    end[data.copy(end, data.size())] = '\n';
-}
-
-static std::string BinaryText(std::string_view bytes) {
-    std::string text;
-    text.reserve(3 * bytes.size());
-    for (const unsigned char byte : bytes) text += {kDigits[byte / 16], kDigits[byte % 16], ' '};
-    return text;
-}
-
 void AppendRegistryValue(std::string& text, const RegistryEntry& entry) {
-    switch (entry.Type()) {
-        case kRegistryString:
-            return AppendLine(text, entry, "=s=", entry.Data());
-        case kRegistryExpandString:
-            return AppendLine(text, entry, "=es=", entry.Data());
-        case kRegistryBinary:
-            return AppendLine(text, entry, "=b=", BinaryText(entry.Data()));
-        case kRegistryNumber:
-            return AppendLine(text, entry, "=d=", std::to_string(entry.Number()));
-        default:
-            return;
+    if (entry.IsSubkey()) return;
+    if (entry.Type() != kRegistryBinary) {
+        text += entry.Line();
+        return;
     }
+    text.append(entry.Name()).append(RegistryMarker(kRegistryBinary));
+    for (const unsigned char byte : entry.Data()) {
+        text += {kDigits[byte / 16], kDigits[byte % 16], ' '};
+    }
+    text += '\n';
 }

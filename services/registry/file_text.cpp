@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,10 +14,10 @@ namespace {
 // A key that is being read.
 struct OpenKey {
     std::string name;
-    RegistryEntries entries;
+    std::vector<RegistryEntry> entries;
 };
 
-void TakeValue(RegistryEntries& entries, const RegistryLine& line) try {
+void TakeValue(std::vector<RegistryEntry>& entries, const RegistryLine& line) try {
     if (line.type == kRegistryNumber) {
         const auto number = DecodeRegistryNumber(line.data);
         if (number) entries.emplace_back(line.name, *number);
@@ -31,7 +32,7 @@ void TakeValue(RegistryEntries& entries, const RegistryLine& line) try {
 
 // A file that was written here is sorted. For others once at the end: entry by entry a large key
 // would take forever.
-void Sort(RegistryEntries& entries) {
+void Sort(std::vector<RegistryEntry>& entries) {
     const auto isBefore = [](const RegistryEntry& a, const RegistryEntry& b) {
         return CompareNames(a, b) < 0;
     };
@@ -46,13 +47,29 @@ void Sort(RegistryEntries& entries) {
     entries.shrink_to_fit();
 }
 
-// Ends the innermost key, which becomes an entry of the one around it.
-void CloseKey(std::vector<OpenKey>& open) {
+RegistryEntries Pack(std::vector<RegistryEntry> entries) {
+    Sort(entries);
+    size_t size = 0;
+    for (const RegistryEntry& entry : entries) size += entry.PackedSize();
+    RegistryEntries packed{std::move(entries), nullptr};
+    if (size > 0) packed.text = std::make_unique_for_overwrite<char[]>(size);
+    char* next = packed.text.get();
+    for (RegistryEntry& entry : packed.list) {
+        entry.PackInto(next);
+        next += entry.PackedSize();
+    }
+    return packed;
+}
+
+// Ends the innermost key, which becomes an entry of the one around it. False when there is none.
+bool CloseKey(std::vector<OpenKey>& open) {
+    if (open.size() == 1) return false;
     const RegistryKey node(new CRegistryNode);
-    (void)LockedNode(*node).Merge(std::move(open.back().entries));
+    (void)LockedNode(*node).Merge(Pack(std::move(open.back().entries)));
     const std::string name = std::move(open.back().name);
     open.pop_back();
     open.back().entries.emplace_back(name, node);
+    return true;
 }
 
 struct Subkey {
@@ -72,7 +89,8 @@ Level OpenLevel(CRegistryNode& node, std::string& text) {
     const LockedNode locked(node);
     for (const RegistryEntry& entry : locked.Entries()) {
         AppendRegistryValue(text, entry);
-        if (entry.IsSubkey() && entry.Node()) level.subkeys.push_back({entry.Name(), entry.Node()});
+        if (entry.IsSubkey() && entry.Node())
+            level.subkeys.push_back({std::string(entry.Name()), entry.Node()});
     }
     return level;
 }
@@ -82,34 +100,19 @@ Level OpenLevel(CRegistryNode& node, std::string& text) {
 std::optional<RegistryEntries> ParseRegistry(LineReader& lines) {
     std::vector<OpenKey> open(1);  // from the top level to the key that the line in hand is in
     bool isRecognised = false;
-    bool isMore = true;
     for (;;) {
         std::string_view text;
-        isMore = isMore && lines.Next(text);
-        const RegistryLine line = DecodeRegistryLine(isMore ? text : "");
-        switch (line.kind) {
-            case RegistryLine::kEnd:
-                Sort(open.back().entries);
-                if (open.size() > 1) {
-                    CloseKey(open);
-                } else if (isRecognised) {
-                    return std::move(open.back().entries);
-                } else {
-                    return std::nullopt;
-                }
-                break;
-            case RegistryLine::kHeader:
-                open.push_back({std::string(line.name), {}});
-                isRecognised = true;
-                break;
-            case RegistryLine::kValue:
-                TakeValue(open.back().entries, line);
-                isRecognised = true;
-                break;
-            default:
-                break;
+        (void)lines.Next(text);  // behind the end of the file nothing, which ends every key
+        const RegistryLine line = DecodeRegistryLine(text);
+        if (line.kind == RegistryLine::kEnd && !CloseKey(open)) break;
+        if (line.kind == RegistryLine::kHeader) open.push_back({std::string(line.name), {}});
+        if (line.kind == RegistryLine::kValue) TakeValue(open.back().entries, line);
+        if (line.kind != RegistryLine::kEnd && line.kind != RegistryLine::kIgnored) {
+            isRecognised = true;
         }
     }
+    if (!isRecognised) return std::nullopt;
+    return Pack(std::move(open.back().entries));
 }
 
 bool ParseRegistry(LineReader& lines, CRegistryNode& target) {
@@ -120,7 +123,7 @@ bool ParseRegistry(LineReader& lines, CRegistryNode& target) {
 }
 
 bool WriteRegistry(CRegistryNode& root, const std::function<bool(std::string_view)>& write) {
-    constexpr size_t kPiece = 64 * 1024;
+    constexpr size_t kPiece = size_t{256} * 1024;
     std::string text;
     std::vector<Level> levels;
     levels.push_back(OpenLevel(root, text));

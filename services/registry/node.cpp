@@ -18,42 +18,41 @@ RegistryEntries CRegistryNode::Empty() {
     const RecursiveLock lock(m_lock);
     m_isDeleted = true;
     ++m_generation;
-    return std::exchange(m_entries, {});
+    return {std::exchange(m_entries, {}), std::move(m_text)};
+}
+
+static void TraceDeleted(const RegistryEntry& entry) {
+    if (entry.IsSubkey() && !entry.Node()) return;
+    TRACE(2, "CRegistryNode::deleteNode \"%.*s\"\n", static_cast<int>(entry.Name().size()),
+          entry.Name().data());
 }
 
 // With a list instead of recursion: a file decides how deep a tree is.
 void CRegistryNode::DeleteEntries(RegistryEntries entries) {
     RegistryKey pending;
-    for (;;) {
-        for (RegistryEntry& entry : entries) {
-            if (entry.IsSubkey() && !entry.Node()) continue;
-            TRACE(2, "CRegistryNode::deleteNode \"%s\"\n", entry.Name());
-            if (!entry.IsSubkey()) continue;
-            RegistryKey node = entry.TakeNode();
-            node->m_nextDeleted = std::exchange(pending, node);
+    const auto begin = [&pending](RegistryEntries& level) {
+        for (RegistryEntry& entry : level.list) {
+            TraceDeleted(entry);
+            const RegistryKey node = entry.TakeNode();
+            if (node) node->m_nextDeleted = std::exchange(pending, node);
         }
-        if (!pending) return;
+    };
+    begin(entries);
+    while (pending) {
         const RegistryKey node = pending;
         pending = std::exchange(node->m_nextDeleted, {});
         entries = node->Empty();
+        begin(entries);
     }
-}
-
-void CRegistryNode::Revive() {
-    const RecursiveLock lock(m_lock);
-    m_isDeleted = false;
 }
 
 // As strcmp. `order` is the name's.
 static int Compare(const RegistryEntry& entry, std::string_view name, uint64_t order) {
     if (entry.Order() != order) return entry.Order() < order ? -1 : 1;
-    const int rest =
-        std::memcmp(entry.Name(), name.data(), std::min(entry.NameSize(), name.size()));
-    if (rest != 0 || entry.NameSize() == name.size()) return rest;
-    return entry.NameSize() < name.size() ? -1 : 1;
+    return entry.Name().compare(name);
 }
 
-// Fetches all entries of a small key at once: the steps of a search would wait for one cache line
+// Fetches the entries of a small key at once: the steps of a search would wait for one cache line
 // after the other.
 static void Prefetch(const std::vector<RegistryEntry>& entries) {
     constexpr size_t kLine = 64;
@@ -90,7 +89,7 @@ const RegistryEntry* LockedNode::Find(std::string_view name) const {
 RemovedEntry LockedNode::Put(RegistryEntry entry) {
     constexpr size_t kGrowth = 16;
     auto& entries = m_node.m_entries;
-    const Place place = Seek({entry.Name(), entry.NameSize()});
+    const Place place = Seek(entry.Name());
     ++m_node.m_generation;
     if (place.isTaken) {
         return RemovedEntry(std::exchange(entries[place.position], std::move(entry)));
@@ -106,13 +105,15 @@ std::vector<RemovedEntry> LockedNode::Merge(RegistryEntries entries) {
     std::vector<RemovedEntry> removed;
     if (m_node.m_entries.empty()) {
         ++m_node.m_generation;
-        m_node.m_entries = std::move(entries);
+        m_node.m_entries = std::move(entries.list);
+        m_node.m_text = std::move(entries.text);
         return removed;
     }
     // All memory first: the entries are put together or not at all.
-    removed.reserve(entries.size());
-    m_node.m_entries.reserve(m_node.m_entries.size() + entries.size());
-    for (RegistryEntry& entry : entries) removed.push_back(Put(std::move(entry)));
+    removed.reserve(entries.list.size());
+    m_node.m_entries.reserve(m_node.m_entries.size() + entries.list.size());
+    for (RegistryEntry& entry : entries.list) entry.Unpack();
+    for (RegistryEntry& entry : entries.list) removed.push_back(Put(std::move(entry)));
     return removed;
 }
 
@@ -127,5 +128,5 @@ RemovedEntry LockedNode::Remove(std::string_view name) {
 }
 
 int CompareNames(const RegistryEntry& a, const RegistryEntry& b) {
-    return Compare(a, {b.Name(), b.NameSize()}, b.Order());
+    return Compare(a, b.Name(), b.Order());
 }

@@ -15,8 +15,6 @@
 #include "services/base/recursive_mutex.h"
 #include "services/registry/entry.h"
 
-using RegistryEntries = std::vector<RegistryEntry>;
-
 class CRegistryNode {
   public:
     explicit constexpr CRegistryNode(int32_t references = 0) : m_references(references) {}
@@ -31,7 +29,9 @@ class CRegistryNode {
     // Marks this key and gives its entries away.
     RegistryEntries Empty();
     // Takes the mark away.
-    void Revive();
+    void Revive() { m_isDeleted = false; }
+    // May change at any time unless the key is locked.
+    [[nodiscard]] bool IsDeleted() const { return m_isDeleted; }
 
   private:
     friend class LockedNode;
@@ -39,10 +39,11 @@ class CRegistryNode {
 
     RecursiveMutex m_lock;
     std::atomic<int32_t> m_references;
-    bool m_isDeleted = false;
+    std::atomic<bool> m_isDeleted{false};
     uint32_t m_generation = 0;  // changes with the set of entries
-    RegistryEntries m_entries;
-    RegistryKey m_nextDeleted;  // a list of keys that are still to be emptied
+    std::vector<RegistryEntry> m_entries;
+    std::unique_ptr<char[]> m_text;  // of packed entries
+    RegistryKey m_nextDeleted;       // a list of keys that are still to be emptied
 };
 
 // An entry that was taken out of a key. A subkey is empty and marked from then on; the end of this
@@ -50,6 +51,8 @@ class CRegistryNode {
 class RemovedEntry {
   public:
     RemovedEntry() = default;
+    RemovedEntry(const RemovedEntry&) = delete;
+    RemovedEntry& operator=(const RemovedEntry&) = delete;
     // The parent is locked: nobody can find the subkey and revive it in between.
     explicit RemovedEntry(RegistryEntry entry) : m_entry(std::move(entry)) {
         if (m_entry.Node()) m_below = m_entry.Node()->Empty();
@@ -74,7 +77,7 @@ class LockedNode {
 
     [[nodiscard]] bool IsDeleted() const { return m_node.m_isDeleted; }
     [[nodiscard]] uint32_t Generation() const { return m_node.m_generation; }
-    [[nodiscard]] const RegistryEntries& Entries() const { return m_node.m_entries; }
+    [[nodiscard]] const std::vector<RegistryEntry>& Entries() const { return m_node.m_entries; }
     // Null when there is none.
     [[nodiscard]] const RegistryEntry* Find(std::string_view name) const;
     // Inserts the entry or replaces the one of its name, which is returned.

@@ -54,7 +54,7 @@ RegistryKey EnsureSubkey(CRegistryNode& node, std::string_view name) {
 template <typename Step>
 RegistryKey Walk(RegistryKey key, std::string_view path, Step step) {
     while (key && !path.empty()) key = step(*key, TakeComponent(path));
-    return key && !LockedNode(*key).IsDeleted() ? key : RegistryKey();
+    return key && !key->IsDeleted() ? key : RegistryKey();
 }
 
 unsigned ShortAddress(const RegistryKey& key) {

@@ -55,7 +55,7 @@ int32_t CRegistry::EnumKey(char* buffer, uint32_t* length, uint32_t index, uint3
 }
 
 int32_t CRegistry::EnumValue(char* name, uint32_t* nameLength, uint32_t index, uint32_t filter,
-                             void* data, uint32_t* dataSize) {
+                             void* data, uint32_t* dataSize) try {
     if (!m_key || name == nullptr || nameLength == nullptr) return kRegistryInvalid;
     const LockedNode locked(*m_key);
     if (locked.IsDeleted()) return kRegistryInvalid;
@@ -73,13 +73,16 @@ int32_t CRegistry::EnumValue(char* name, uint32_t* nameLength, uint32_t index, u
     if (dataSize == nullptr) return 0;
     const bool isText = entry->Type() == kRegistryString || entry->Type() == kRegistryExpandString;
     if (data != nullptr && isText) {
-        return QueryValue(static_cast<char*>(data), entry->Name(), dataSize);
+        ReadEntry(*entry);
+        return CopyText(static_cast<char*>(data), dataSize);
     }
     const bool isNumber = data != nullptr && entry->Type() == kRegistryNumber;
     *dataSize = isNumber && *dataSize >= sizeof(int32_t) ? sizeof(int32_t) : 0;
     const int32_t number = entry->Number();
     if (*dataSize != 0) std::memcpy(data, &number, sizeof number);
     return 0;
+} catch (const std::exception&) {
+    return kRegistryAbsent;
 }
 
 int32_t CRegistry::GetSubKeyCount(uint32_t* count) {

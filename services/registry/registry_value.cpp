@@ -85,18 +85,22 @@ int32_t CRegistry::Read(const RegistryKey& key, const char* name) {
     if (locked.IsDeleted()) return kRegistryInvalid;
     const RegistryEntry* entry = name != nullptr ? locked.Find(name) : nullptr;
     if (entry == nullptr) return kRegistryAbsent;
-    m_valueType = entry->Type();
-    m_value = entry->Data();
+    ReadEntry(*entry);
+    return 0;
+}
+
+void CRegistry::ReadEntry(const RegistryEntry& entry) {
+    m_valueType = entry.Type();
+    m_value = entry.Data();
     m_valueSize = static_cast<uint32_t>(m_value.size());
     if (m_valueType == kRegistryNumber) {
-        const int32_t number = entry->Number();
+        const int32_t number = entry.Number();
         m_value.assign(reinterpret_cast<const char*>(&number), sizeof number);
         m_valueSize = sizeof number;
     } else if (m_valueType == kRegistryString || m_valueType == kRegistryExpandString) {
         ++m_valueSize;
         if (m_expand && m_valueType == kRegistryExpandString) m_value = Expand(m_value);
     }
-    return 0;
 }
 
 int32_t CRegistry::ReadText(const char* name, const RegistryHandle& node) {
@@ -158,7 +162,13 @@ int32_t CRegistry::QueryValue(char* buffer, const char* name, uint32_t* count,
         return kRegistryTooLong;
     }
     const int32_t result = ReadText(name, node);
-    if (result != 0) return result;
+    return result == 0 ? CopyText(buffer, count) : result;
+} catch (const std::exception&) {
+    return kRegistryAbsent;
+}
+
+// The value last read.
+int32_t CRegistry::CopyText(char* buffer, uint32_t* count) const {
     const auto length = static_cast<uint32_t>(m_value.size());
     if (buffer == nullptr) {
         *count = length + 1;
@@ -169,8 +179,6 @@ int32_t CRegistry::QueryValue(char* buffer, const char* name, uint32_t* count,
     buffer[length] = '\0';
     *count = length;
     return 0;
-} catch (const std::exception&) {
-    return kRegistryAbsent;
 }
 
 bool CRegistry::ReadIdentifierValue(std::string& out, const char* name) {

@@ -57,8 +57,13 @@ bool WriteAll(int fd, std::string_view text) {
 
 bool WriteNewFile(int fd, CRegistryNode& root) try {
     // The mode is set before the file has its final name: nobody finds it without.
-    return WriteRegistry(root, [fd](std::string_view text) { return WriteAll(fd, text); }) &&
-           fchmod(fd, 0644) == 0 && fsync(fd) == 0;
+    const auto write = [fd](std::string_view text) {
+        if (!WriteAll(fd, text)) return false;
+        // The disk begins while the next piece is made. Only fsync says whether it worked.
+        (void)sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+        return true;
+    };
+    return WriteRegistry(root, write) && fchmod(fd, 0644) == 0 && fsync(fd) == 0;
 } catch (const std::exception&) {
     errno = ENOMEM;
     return false;

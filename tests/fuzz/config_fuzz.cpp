@@ -1,20 +1,12 @@
 // Feeds any bytes to the reader of trace configuration files. With clang and KEMD_FUZZ a libFuzzer
 // target; replay.cpp runs the same function over the files of tests/fuzz/corpus.
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string_view>
 #include <vector>
 
+#include "tests/fuzz/fuzz.h"
 #include "trace/config_text.h"
 
 namespace {
-
-void Require(bool condition, const char* what) {
-    if (condition) return;
-    std::fprintf(stderr, "config_fuzz: %s\n", what);
-    std::abort();
-}
 
 // Whether the part lies inside the whole.
 bool Inside(std::string_view part, std::string_view whole) {
@@ -37,9 +29,7 @@ void ReadSection(std::string_view section) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::vector<char> copy(data, data + size);  // of exactly this size, for the sanitizers
     const std::string_view file(copy.data(), copy.size());
     const auto text = AcceptConfigText(file);
