@@ -3,11 +3,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
 #include "inventory/efi_system_table.h"
 #include "inventory/smbios_entry.h"
+#include "inventory/table_field.h"
 #include "services/base/regular_file.h"
 #include "trace/debug.h"
 
@@ -74,20 +76,19 @@ bool CopyTable(CDeviceBiosBase& device, SmbiosData& data) {
 bool ReadVersion3(CDeviceBiosBase& device, uint64_t address, SmbiosData& data) {
     const auto mapped =
         address != 0 ? device.Map(address, kEntryPoint3Size) : std::span<const uint8_t>();
-    const std::string_view anchor = "_SM3_";
-    if (mapped.empty() || !std::equal(anchor.begin(), anchor.end(), mapped.begin())) return false;
+    if (!BeginsWith(mapped, "_SM3_")) return false;
     data.entryPoint.assign(mapped.begin(), mapped.end());
     return CopyTable(device, data);
 }
 
 bool ReadVersion2(CDeviceBiosBase& device, uint64_t address, SmbiosData& data) {
     if (address == 0) return false;
-    return CheckSmbiosHeader(device.Map(address, kEntryPoint2Size), data) &&
-           HasSmbiosAnchor(data.entryPoint) && CopyTable(device, data);
+    const auto mapped = device.Map(address, kEntryPoint2Size);
+    return BeginsWith(mapped, "_SM_") && CheckSmbiosHeader(mapped, data) && CopyTable(device, data);
 }
 
 std::optional<SmbiosData> GetAnySMBiosFromMemory() {
-    constexpr size_t kLimit = 64 * 1024;
+    constexpr size_t kLimit = size_t{64} * 1024;
     auto text = ReadTableFile("/sys/firmware/efi/systab", kLimit);
     if (!text) text = ReadTableFile("/proc/efi/systab", kLimit);
     EfiSmbiosAddresses addresses;
@@ -111,7 +112,8 @@ std::optional<SmbiosData> GetAnySMBiosFromMemory() {
 
 // The device gives the entry point and, behind it, the table.
 std::optional<SmbiosData> GetEsxiSmbios() {
-    const UniqueFd device(open("/vmfs/devices/char/mem/smbios", O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const UniqueFd device(
+        open("/vmfs/devices/char/mem/smbios", O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
     if (!device.IsOpen() || fstat(device.Get(), &status) != 0) return std::nullopt;
     if (!S_ISCHR(status.st_mode) && !S_ISREG(status.st_mode)) return std::nullopt;

@@ -14,7 +14,7 @@ class CBiosTables {
 };
 
 // No table is larger: what firmware says beyond that is not believed.
-inline constexpr size_t kLargestSmbiosTable = 16 * 1024 * 1024;
+inline constexpr size_t kLargestSmbiosTable = size_t{16} * 1024 * 1024;
 
 // A file's bytes; nothing when it is not regular, cannot be read or has more than the limit.
 std::optional<std::vector<uint8_t>> ReadTableFile(const char* path, size_t limit);

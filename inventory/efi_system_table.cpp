@@ -19,8 +19,10 @@ EfiSmbiosAddresses ParseEfiSystemTable(std::string_view text) {
         const size_t equals = line.find('=');
         if (equals == line.npos) continue;
         const std::string_view name = line.substr(0, equals);
-        if (name == "SMBIOS3") addresses.version3 = ParseAddress(line.substr(equals + 1));
-        if (name == "SMBIOS") addresses.version2 = ParseAddress(line.substr(equals + 1));
+        const uint64_t address = ParseAddress(line.substr(equals + 1));
+        if (address == 0) continue;
+        if (name == "SMBIOS3") addresses.version3 = address;
+        if (name == "SMBIOS") addresses.version2 = address;
     }
     return addresses;
 }

@@ -3,6 +3,7 @@
 #include <exception>
 #include <utility>
 
+#include "services/base/cancel_guard.h"
 #include "trace/debug.h"
 
 namespace {
@@ -32,6 +33,7 @@ SlotMap ChooseMap() {
 
 // Never destroyed: threads of modules may ask until the process is gone.
 const SlotMap& TheMap() {
+    const CancelGuard guard;
     static const SlotMap& map = *new SlotMap(ChooseMap());
     return map;
 }
@@ -42,23 +44,23 @@ void TraceNotFound(uint8_t bus, uint8_t device) {
 
 }  // namespace
 
-void CPciSlotMap::UpdateSlotTypeFromSMBios(Slots& irqSlots, const Slots& smbiosSlots) {
+void CPciSlotMap::UpdateSlotTypeFromSMBios(Slots& irqSlots, const Slots& smbiosSlots) try {
+    static constexpr const char* kUpdated =
+        "\nCPciSlotMap::UpdateSlotTypeFromSMBios(): Updated slot type:";
+    static constexpr const char* kUnmatched =
+        "\nCPciSlotMap::UpdateSlotTypeFromSMBios(): Could not match with any SMBios entry:";
     TRACE(3,
           "\nCPciSlotMap::UpdateSlotTypeFromSMBios(): Updating IRQ slot type using data from "
           "SMBios.\n");
     for (PciSlotData& slot : irqSlots) {
         const PciSlotData* match = Find(smbiosSlots, slot.bus, slot.device);
-        if (match != nullptr) {
-            slot.type = match->type;
-            TRACE(5, "\nCPciSlotMap::UpdateSlotTypeFromSMBios(): Updated slot type:");
-        } else {
-            TRACE(5,
-                  "\nCPciSlotMap::UpdateSlotTypeFromSMBios(): Could not match with any SMBios "
-                  "entry:");
-        }
+        if (match != nullptr) slot.type = match->type;
+        TRACE(5, match != nullptr ? kUpdated : kUnmatched);
         TRACE(5, "\n\t%s", slot.Description().c_str());
     }
     TRACE(3, "\nCPciSlotMap::UpdateSlotTypeFromSMBios(): Done.\n");
+} catch (const std::exception&) {
+    // Without memory for a trace text the other types stay as they are.
 }
 
 const PciSlotData* CPciSlotMap::Find(const Slots& slots, uint8_t bus, uint8_t device) {

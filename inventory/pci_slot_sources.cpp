@@ -1,9 +1,10 @@
 // The two sources of slot records.
+#include "inventory/pci_slot_sources.h"
+
 #include <exception>
 
 #include "inventory/device_bios.h"
-#include "inventory/smbios.h"
-#include "kemd/pci_slot_map.h"
+#include "services/base/cancel_guard.h"
 #include "trace/debug.h"
 
 namespace {
@@ -86,6 +87,7 @@ bool ForEach(const CSMBios& smbios, uint8_t type, Add add) {
 }
 
 Slots GatherFromRoutingTable() {
+    const CancelGuard guard;
     CDeviceBios device;
     const std::vector<uint8_t> entries = device.GetRoutingTable();
     if (entries.empty()) {
@@ -131,12 +133,12 @@ Slots CPciSlotMap::GetSlotMappingFromSMBIOS() {
           "\nCPciSlotMap::GetSlotMappingFromSMBIOS(): Attempt to get Slot Mapping from SMBIOS "
           "data.\n");
     CSMBios smbios;
-    if (smbios.Connect()) return GetSlotMappingFromSMBIOS(smbios);
+    if (smbios.Connect()) return GatherSmbiosSlots(smbios);
     TRACE(1, "\nCPciSlotMap::GetSlotMappingFromSMBIOS(): ERROR ## cannot connect to SMBios!\n");
     return {};
 }
 
-Slots CPciSlotMap::GetSlotMappingFromSMBIOS(const CSMBios& smbios) try {
+Slots GatherSmbiosSlots(const CSMBios& smbios) try {
     Slots slots;
     if (!ForEach(smbios, kSystemSlots, [&slots](Bytes bytes) { AddSystemSlot(slots, bytes); })) {
         TRACE(3, "\nCPciSlotMap::GetSlotMappingFromSMBIOS(): No System Slots (Type 9) entries.\n");

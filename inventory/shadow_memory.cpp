@@ -16,27 +16,30 @@ constexpr uint32_t kArea = 0xE0000;
 constexpr size_t kAreaSize = 0x20000;
 constexpr size_t kParagraph = 16;
 
+// Whether an entry point begins at this underscore.
+bool IsEntryPoint(Bytes area, size_t offset) {
+    const unsigned address = kArea + static_cast<unsigned>(offset);
+    if (offset % kParagraph != 0) {
+        TRACE(6,
+              "\nScanForSignature    :   '_' found at a non-paragraph address (0x%08X), continue "
+              "searching",
+              address);
+        return false;
+    }
+    if (!BeginsWith(area.subspan(offset), "_SM_")) return false;
+    TRACE(3, "\nScanForSignature    : SMBIOS signature \"_SM_\" found (SM BIOS >= 2.1) at 0x%08X",
+          address);
+    return true;
+}
+
 // From the entry point to the area's end; empty when there is none.
 Bytes ScanForSignature(Bytes area) {
-    size_t offset = 0;
-    while (offset < area.size() - kParagraph) {
-        const void* hit = std::memchr(area.data() + offset, '_', area.size() - kParagraph - offset);
-        if (hit == nullptr) return {};
+    const size_t end = area.size() - kParagraph;
+    for (size_t offset = 0; offset < end; ++offset) {
+        const void* hit = std::memchr(area.data() + offset, '_', end - offset);
+        if (hit == nullptr) break;
         offset = static_cast<size_t>(static_cast<const uint8_t*>(hit) - area.data());
-        const unsigned address = kArea + static_cast<unsigned>(offset);
-        if (offset % kParagraph != 0) {
-            TRACE(6,
-                  "\nScanForSignature    :   '_' found at a non-paragraph address (0x%08X), "
-                  "continue searching",
-                  address);
-        } else if (BeginsWith(area.subspan(offset), "_SM_")) {
-            TRACE(3,
-                  "\nScanForSignature    : SMBIOS signature \"_SM_\" found (SM BIOS >= 2.1) at "
-                  "0x%08X",
-                  address);
-            return area.subspan(offset);
-        }
-        ++offset;
+        if (IsEntryPoint(area, offset)) return area.subspan(offset);
     }
     return {};
 }
@@ -60,7 +63,7 @@ bool GetShadowSmbios(CDeviceBiosBase& device, SmbiosData& data) {
                     device.LastError());
     }
     const Bytes entryPoint = ScanForSignature(area);
-    if (entryPoint.empty() || !CheckSmbiosHeader(entryPoint, data)) return false;
+    if (!entryPoint.empty() && !CheckSmbiosHeader(entryPoint, data)) return false;
     if (data.tableAddress == 0) {
         return Fail(data, "No address for SMBIOS strucures detected!", 0);
     }

@@ -9,6 +9,7 @@
 #include "inventory/bios_tables.h"
 #include "inventory/hex_dump.h"
 #include "inventory/shadow_memory.h"
+#include "services/base/cancel_guard.h"
 #include "trace/debug.h"
 
 CSMBios::~CSMBios() {
@@ -32,17 +33,29 @@ bool CSMBios::Fetch() {
     return true;
 }
 
+void CSMBios::Reset(SmbiosData data) {
+    m_data = std::move(data);
+    m_data.error.clear();
+    m_index.clear();
+    m_revision = {};
+    m_found = 0;
+    m_position = 0;
+}
+
 bool CSMBios::Connect() try {
-    m_data = {};
+    const CancelGuard guard;
+    Reset({});
     return Fetch() && Attach();
 } catch (const std::exception&) {
+    m_data.error = "no memory";
     return false;
 }
 
 bool CSMBios::Connect(SmbiosData data) try {
-    m_data = std::move(data);
+    Reset(std::move(data));
     return Attach();
 } catch (const std::exception&) {
+    m_data.error = "no memory";
     return false;
 }
 
@@ -81,52 +94,54 @@ bool CSMBios::Fail(const char* format, ...) {
     return false;
 }
 
+// One structure: traced, entered into the index and stepped over.
+bool CSMBios::TakeStructure(SmbiosWalk& walk, SmbiosStructure& structure) {
+    const SmbiosStructure last = structure;
+    m_position = walk.Position();
+    if (!walk.ReadHeader(structure)) {
+        return Fail(
+            "## FATAL ERROR! SMBIOS structure pointer exceeds structure table end while reading "
+            "struct header!\n   struct[%d], type=0x%02X, handle=%d",
+            m_found, last.type, last.handle);
+    }
+    TRACE(4, "\nBuildStructureList  : - found struct type %d (handle=%d, len=%d)", structure.type,
+          structure.handle, structure.length);
+    TraceHexDump(structure.formatted);
+    m_index[structure.type].push_back(structure.offset);
+    if (!walk.SkipFormatted(structure)) {
+        return Fail(
+            "## FATAL ERROR! SMBIOS structure pointer exceeds structure table end while going to "
+            "struct end!\n   struct[%d], last type=0x%02X, last handle=%d\n   struct Offset 0x%04X",
+            m_found, structure.type, structure.handle, static_cast<unsigned>(structure.offset));
+    }
+    m_position = walk.Position();
+    const bool hasEnd = walk.SkipStrings([](std::string_view text) {
+        TRACE(6, "\nBuildStructureList  :    -> found string \"%s\"", text.data());
+    });
+    if (hasEnd) return true;
+    return Fail(
+        "## FATAL ERROR! SMBIOS structure pointer exceeds structure table end while when string "
+        "table end found!\n   struct[%d], type=0x%02X, handle=%d\n   struct Offset 0x%04X",
+        m_found, structure.type, structure.handle, static_cast<unsigned>(structure.offset));
+}
+
 bool CSMBios::WalkStructures() {
     SmbiosWalk walk(m_data.table);
-    SmbiosStructure last;
-    do {
-        SmbiosStructure structure;
-        m_position = walk.Position();
-        if (!walk.ReadHeader(structure)) {
-            return Fail(
-                "## FATAL ERROR! SMBIOS structure pointer exceeds structure table end while "
-                "reading struct header!\n   struct[%d], type=0x%02X, handle=%d",
-                m_found, last.type, last.handle);
+    SmbiosStructure structure;
+    while (structure.type != SmbiosWalk::kEndOfTable) {
+        if (m_found > 0 && walk.IsAtEnd()) {
+            TRACE(4, "\nBuildStructureList  :   end of BIOS structures!");
+            return true;
         }
-        TRACE(4, "\nBuildStructureList  : - found struct type %d (handle=%d, len=%d)",
-              structure.type, structure.handle, structure.length);
-        TraceHexDump(structure.formatted);
-        m_index[structure.type].push_back(structure.offset);
-        last = structure;
-        if (!walk.SkipFormatted(structure)) {
-            return Fail(
-                "## FATAL ERROR! SMBIOS structure pointer exceeds structure table end while going "
-                "to struct end!\n   struct[%d], last type=0x%02X, last handle=%d\n   struct Offset "
-                "0x%04X",
-                m_found, structure.type, structure.handle, static_cast<unsigned>(structure.offset));
-        }
-        m_position = walk.Position();
-        const bool ended = walk.SkipStrings([](std::string_view text) {
-            TRACE(6, "\nBuildStructureList  :    -> found string \"%s\"", text.data());
-        });
-        if (!ended) {
-            return Fail(
-                "## FATAL ERROR! SMBIOS structure pointer exceeds structure table end while when "
-                "string table end found!\n   struct[%d], type=0x%02X, handle=%d\n   struct Offset "
-                "0x%04X",
-                m_found, structure.type, structure.handle, static_cast<unsigned>(structure.offset));
-        }
+        if (!TakeStructure(walk, structure)) return false;
         ++m_found;
-        if (structure.type == SmbiosWalk::kEndOfTable) return true;
-    } while (!walk.IsAtEnd());
-    TRACE(4, "\nBuildStructureList  :   end of BIOS structures!");
+    }
     return true;
 }
 
 bool CSMBios::BuildStructureList() {
-    m_index.clear();
-    m_found = 0;
     if (m_data.table.empty()) {
+        m_data.error = "SMBIOS structures are not set";
         TRACE(1, "\nBuildStructureList  : ## ERROR! SMBIOS structures are not set");
         return false;
     }

@@ -42,10 +42,12 @@ class CSMBios {
     [[nodiscard]] const std::string& Error() const { return m_data.error; }
 
   private:
+    void Reset(SmbiosData data);
     bool Fetch();
     bool Attach();
     bool BuildStructureList();
     bool WalkStructures();
+    bool TakeStructure(SmbiosWalk& walk, SmbiosStructure& structure);
     bool Fail(const char* format, ...) KEMD_PRINTF(2, 3);
 
     SmbiosData m_data;

@@ -60,6 +60,7 @@ bool CheckSmbiosHeader(Bytes mapped, SmbiosData& data) {
     const Bytes header = mapped.first(std::min(length, mapped.size()));
     const int sum = std::accumulate(header.begin(), header.end(), 0);
     if (length == 0 || length > mapped.size() || sum % 256 != 0) {
+        data.error = "CHECKSUM ERROR in DMI structure header!";
         TRACE(1, "\n\nCheckSmbiosHeader   : ## CHECKSUM ERROR in DMI structure header!\n");
         return false;
     }
@@ -97,5 +98,6 @@ SmbiosTableRange ReadSmbiosTableRange(Bytes entryPoint) {
 }
 
 size_t ReadSmbiosEntryLength(Bytes entryPoint) {
-    return ReadByte(entryPoint, IsVersion3(entryPoint) ? kEntryPointLength3 : kEntryPointLength);
+    if (IsVersion3(entryPoint)) return ReadByte(entryPoint, kEntryPointLength3);
+    return BeginsWith(entryPoint, "_SM_") ? ReadByte(entryPoint, kEntryPointLength) : 0;
 }

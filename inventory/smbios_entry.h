@@ -30,5 +30,5 @@ struct SmbiosTableRange {
 };
 // Of either version; 0 where the bytes are too few.
 SmbiosTableRange ReadSmbiosTableRange(std::span<const uint8_t> entryPoint);
-// The entry point's own length field.
+// The entry point's own length field; 0 when it has none.
 size_t ReadSmbiosEntryLength(std::span<const uint8_t> entryPoint);

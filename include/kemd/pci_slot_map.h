@@ -2,7 +2,8 @@
 // the SMBIOS tables.
 //
 // Any thread may call. The map is gathered once per process, by the first call, and kept, also when
-// nothing was found. Nothing throws.
+// nothing was found. Nothing throws, unless stated otherwise, and a thread that is cancelled while
+// the map is gathered is cancelled behind it. PCI segments are not told apart.
 #pragma once
 
 #include <cstdint>
@@ -21,13 +22,11 @@ struct KEMD_API PciSlotData {
     [[nodiscard]] bool IsSerialBus() const;
     // Whether the record stands for this device: by the bus alone when `isSerial`.
     [[nodiscard]] bool Matches(uint8_t wantedBus, uint8_t wantedDevice, bool isSerial) const;
-    // Bus, device, slot and type in hexadecimal.
+    // Bus, device, slot and type in hexadecimal. std::bad_alloc when memory does not suffice.
     [[nodiscard]] std::string Description() const;
 };
 
 enum class PciSlotSource { kNone, kIrqRoutingTable, kSmbios };
-
-class CSMBios;
 
 class KEMD_API CPciSlotMap {
   public:
@@ -43,8 +42,6 @@ class KEMD_API CPciSlotMap {
     // What one source says; each asks the system anew.
     static Slots GetSlotMappingFromIrqRoutingTable();
     static Slots GetSlotMappingFromSMBIOS();
-    // The slots of tables that are connected.
-    static Slots GetSlotMappingFromSMBIOS(const CSMBios& smbios);
     // Gives each IRQ record the type of the first SMBIOS record that stands for its device.
     static void UpdateSlotTypeFromSMBios(Slots& irqSlots, const Slots& smbiosSlots);
     // The first record that stands for the device; null when there is none.

@@ -8,9 +8,9 @@
 //
 // Paths separate their components by backslashes or, when none is left, slashes. Names are compared
 // byte by byte. Within a key a value and a subkey cannot have the same name. What the file cannot
-// hold (line feeds, lines of more than 1,022 characters, names with "=", names of keys with "]", names
-// of values that begin with "[" when a "]" follows) is stored all the same and misread when the file
-// is loaded.
+// hold (line feeds, lines of more than 1,022 characters, names with "=", names of keys with "]",
+// names of values that begin with "[" when a "]" follows) is stored all the same and misread when
+// the file is loaded.
 //
 // Results are 0 or one of the numbers below, unless stated otherwise. A key that was deleted or
 // reloaded while a CRegistry had it open counts as no open key.
@@ -58,12 +58,14 @@ class KEMD_API RegistryKey {
     explicit RegistryKey(CRegistryNode* node);
     RegistryKey(const RegistryKey& source) : RegistryKey(source.m_node) {}
     RegistryKey(RegistryKey&& source) noexcept : m_node(source.m_node) { source.m_node = nullptr; }
-    RegistryKey& operator=(RegistryKey source) noexcept {
+    RegistryKey& operator=(const RegistryKey& source) { return *this = RegistryKey(source); }
+    RegistryKey& operator=(RegistryKey&& source) noexcept {
         CRegistryNode* const node = m_node;
         m_node = source.m_node;
         source.m_node = node;
         return *this;
     }
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): the analysis does not see the count
     ~RegistryKey() {
         if (m_node != nullptr) Release();
     }
@@ -190,6 +192,8 @@ class KEMD_API CRegistry {
     int32_t OpenFrom(RegistryKey start, const char* path);
     int32_t OpenPointerFrom(const RegistryKey& start, const char* path, const char* name);
     int32_t Read(const RegistryKey& key, const char* name);
+    void ReadEntry(const RegistryEntry& entry);
+    int32_t CopyText(char* buffer, uint32_t* count) const;
     int32_t ReadText(const char* name, const RegistryHandle& node);
     int32_t OpenIdentifierKey();
     static const RegistryEntry* Seek(const LockedNode& locked, EnumState& state, uint32_t index,

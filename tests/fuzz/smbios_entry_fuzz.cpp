@@ -15,6 +15,7 @@ class FuzzMemory : public CDeviceBiosBase {
   public:
     explicit FuzzMemory(std::vector<uint8_t> area) : m_area(std::move(area)) {}
     std::span<const uint8_t> Map(uint64_t address, size_t length) override {
+        m_mapped.reset();
         const bool isInside =
             address >= 0xE0000 && address < 0x100000 && length > 0 && length <= 0x100000 - address;
         if (!isInside) return {};

@@ -1,8 +1,7 @@
 // Feeds any bytes to the walk over an SMBIOS table and to the slot records out of it.
 #include <vector>
 
-#include "inventory/smbios.h"
-#include "kemd/pci_slot_map.h"
+#include "inventory/pci_slot_sources.h"
 #include "tests/fuzz/fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -24,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     Require(structures <= size / 4, "more structures than headers");
-    const auto slots = CPciSlotMap::GetSlotMappingFromSMBIOS(smbios);
+    const auto slots = GatherSmbiosSlots(smbios);
     Require(slots.size() <= structures, "more slots than structures");
     return 0;
 }

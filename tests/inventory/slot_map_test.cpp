@@ -1,8 +1,9 @@
 // The routing table, the slot records of both sources, and the map of them.
+#include <sys/wait.h>
+
 #include <thread>
 
-#include "inventory/smbios.h"
-#include "kemd/pci_slot_map.h"
+#include "inventory/pci_slot_sources.h"
 #include "tests/inventory/memory_world.h"
 #include "tests/traced_test.h"
 
@@ -131,7 +132,7 @@ TEST_F(SlotMapTest, SmbiosSlotsThatAreThereAreTaken) {
                 std::string("\x29\x0a\1\0xxxxxx\0\0", 12));
     CSMBios smbios;
     ASSERT_TRUE(smbios.Connect(data));
-    const Slots slots = CPciSlotMap::GetSlotMappingFromSMBIOS(smbios);
+    const Slots slots = GatherSmbiosSlots(smbios);
     EXPECT_EQ(Text(slots), "0 5 1 6 / 3 0 4 165 / 0 3 7 0 / ");
     EXPECT_TRUE(InOrder(
         Trace(), {"CurrentUsage status - 3 for bus - 0.\n",
@@ -151,10 +152,40 @@ TEST_F(SlotMapTest, SmbiosSlotsThatAreThereAreTaken) {
                                   "\tbus 00, device 06, slot 03, type 01\n", "(): Done.\n"}));
     data.table = {127, 4, 0, 0, 0, 0};
     ASSERT_TRUE(smbios.Connect(data));
-    EXPECT_TRUE(CPciSlotMap::GetSlotMappingFromSMBIOS(smbios).empty());
+    EXPECT_TRUE(GatherSmbiosSlots(smbios).empty());
     EXPECT_TRUE(InOrder(Trace(), {"No System Slots (Type 9) entries.\n",
                                   "No Onboard Devices Extended Information (Type 41) entries.\n",
                                   "ERROR ## No slot data in SMBios!\n"}));
+}
+
+// The map is one for each process: in a child, whose trace goes on where this one stopped.
+std::string TraceOfChild(int expectedSlot) {
+    const pid_t child = fork();
+    if (child == 0) _exit(CPciSlotMap::GetPciSlotNumber(1, 9));
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), expectedSlot);
+    return RingText("/var/log/orvmon/log.kemd_i");
+}
+
+TEST_F(SlotMapTest, MapIsMadeOfWhatThereIs) {
+    Bytes memory = FirmwareImage("pc");
+    memory[0xF5C80] = 'x';  // no routing table
+    WriteFile("/dev/mem", {memory.begin(), memory.end()});
+    EXPECT_TRUE(
+        InOrder(TraceOfChild(3),
+                {"First try with (new) memory struct interface...\n",
+                 "CDevScan            : Search for slot mapping table (mapped address = 0x",
+                 "ERROR ## No slot data in IRQ Routing Table!\n",
+                 "GetSlotMappingFromSMBIOS(): Attempt to get Slot Mapping from SMBIOS data.\n",
+                 "CPciSlotMap::GetSlotMapping(): Using slot data from SMBios.\n",
+                 "Found PCI Slot for this device - 3\n"}));
+    std::filesystem::remove("/dev/mem");
+    EXPECT_TRUE(
+        InOrder(TraceOfChild(0),
+                {"CPciSlotMap::GetSlotMapping(): ERROR # No slot data found on this machine!\n",
+                 "GetPciSlotNumber() : ERROR ## Could not retrieve slot mapping.\n",
+                 "slot number for 01:09 not found, assuming SlotNo=0\n"}));
 }
 
 TEST_F(SlotMapTest, MapOfARealMachineIsGatheredOnce) {

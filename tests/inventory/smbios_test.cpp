@@ -126,12 +126,15 @@ TEST_F(SmbiosTest, MissingAndLyingSourcesFail) {
     WriteMemory(liar);
     for (const char* address : {"0xf59c0", "0xfffffffffffffff0", "0xfffff", "0"}) {
         WriteFile(kSystab, std::string("SMBIOS3=") + address + "\nSMBIOS=" + address + "\n");
-        EXPECT_EQ(fails(), "");
+        EXPECT_EQ(fails(), "No address for SMBIOS strucures detected!");
     }
     EXPECT_TRUE(InOrder(
         Trace(), {"CSMBios (GetShadow) : ## ERROR! Could not map SMBIOS physical memory (LastError",
                   "CSMBios (Connect)   : ## ERROR! Could not find any SMBIOS data!\n"}));
 }
+
+constexpr const char* kNoAddress = "No address for SMBIOS strucures detected!";
+constexpr const char* kChecksum = "CHECKSUM ERROR in DMI structure header!";
 
 TEST_F(SmbiosTest, ShadowScanWantsParagraphsAndAGoodChecksum) {
     Bytes entry(31);
@@ -150,12 +153,12 @@ TEST_F(SmbiosTest, ShadowScanWantsParagraphsAndAGoodChecksum) {
         std::string error;
     } cases[] = {{0xE0000, 0, 0, true, ""},
                  {0xFFFD0, 0, 0, true, ""},
-                 {0xFFFF0, 0, 0, false, ""},  // its 31 bytes run out of the area
-                 {0xE0008, 0, 0, false, ""},
-                 {0xE0000, 4, 1, false, ""},
-                 {0xE0000, 5, 0, false, ""},
-                 {0xE0000, 5, 255, false, ""},
-                 {0xE0000, 0x1A, 0, false, "No address for SMBIOS strucures detected!"},
+                 {0xFFFF0, 0, 0, false, kNoAddress},  // behind the last place
+                 {0xE0008, 0, 0, false, kNoAddress},
+                 {0xE0000, 4, 1, false, kChecksum},
+                 {0xE0000, 5, 0, false, kChecksum},
+                 {0xE0000, 5, 255, false, kChecksum},
+                 {0xE0000, 0x1A, 0, false, kNoAddress},
                  {0xE0000, 0x1B, 1, false,
                   "Remapping of SMBIOS structure memory failed (LastError = 0x00000006)!"},
                  {0xE0000, 0x16, 0, false,
@@ -206,7 +209,7 @@ TEST_F(SmbiosTest, BrokenTablesEndAtTheFault) {
         {std::string("\1\4\2\0abc", 7), false, "1x1 ",
          fatal +
              "when string table end found!\n   struct[0], type=0x01, handle=2\n   struct Offset 0x0000"},
-        {"", false, "", ""},
+        {"", false, "", "SMBIOS structures are not set"},
     };
     for (const auto& [table, result, types, error] : cases) {
         CSMBios smbios;
@@ -240,6 +243,44 @@ TEST_F(SmbiosTest, BrokenTablesEndAtTheFault) {
                   "BuildStructureList  : ## ERROR! SMBIOS structures are not set\n",
                   "## ERROR! Number of SMBIOS structures found (11) does not match to number in "
                   "header (12)!\n"}));
+}
+
+TEST_F(SmbiosTest, FinestLevelShowsStringsAndStrayMarks) {
+    Debug.Close();
+    ConfigureTrace(6);
+    ASSERT_TRUE(Debug.Init("kemd"));
+    Bytes memory = pc;
+    memory[0xE0001] = '_';
+    WriteMemory(memory);
+    CSMBios smbios;
+    ASSERT_TRUE(smbios.Connect());
+    // What comes later leaves nothing of what was before.
+    EXPECT_FALSE(smbios.Connect(SmbiosData()));
+    EXPECT_TRUE(smbios.Structures().empty());
+    EXPECT_EQ(smbios.Revision().major, 0);
+    EXPECT_TRUE(InOrder(
+        Trace(), {"'_' found at a non-paragraph address (0x000E0001), continue searching\n",
+                  "Header size:    31\n", "Anchor string:  _SM_\n", "number of structures: 11\n",
+                  "BuildStructureList  :    -> found string \"SeaBIOS\"\n",
+                  "-> found string \"PCIe Slot 3\"\n"}));
+}
+
+// A thread that is cancelled while it reads files is cancelled behind it, in one piece.
+TEST_F(SmbiosTest, CancellationWaitsForTheEnd) {
+    WriteMemory(pc);
+    static CSMBios smbios;
+    pthread_t thread{};
+    const auto connect = [](void*) -> void* {
+        pthread_cancel(pthread_self());  // is due at the first file already
+        smbios.Connect();
+        pthread_testcancel();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, nullptr, connect, nullptr), 0);
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(Types(smbios), kAllTypes);
 }
 
 TEST_F(SmbiosTest, RevisionComesFromEveryKindOfEntryPoint) {

@@ -50,6 +50,9 @@ TEST_F(InventoryCommand, ShowsTablesAndSlots) {
                  {"--slot 01:00", 1, ""},
                  {"--slot 00:20", 2, ""},
                  {"--slot 00", 2, ""},
+                 {"--slot -1:05", 2, ""},
+                 {"--slot 0x:1", 2, ""},
+                 {"--slot 00:05 --dump /tmp/x", 2, ""},
                  {"--slot", 2, ""},
                  {"--from-dump /none", 2, ""},
                  {"more", 2, ""},
@@ -88,13 +91,15 @@ TEST_F(InventoryCommand, DumpsAreReadBack) {
              "SMBIOS\n", isPc ? "00:05          2  not known" : "00:02          1  not known"}));
         EXPECT_EQ(Ctl("inventory --from-dump /tmp/dump --slot 01:1f").out, "3\n");  // serial
         // Damaged: the rest is shown, and what is wrong is said.
+        // The length of a version-3 entry point is only the most that there can be.
         WriteFile("/tmp/cut", dump.substr(0, dump.size() - 1));
-        EXPECT_EQ(Ctl("inventory --from-dump /tmp/cut").code, 2);
+        EXPECT_EQ(Ctl("inventory --from-dump /tmp/cut").code, isPc ? 2 : 1);
         std::string broken = dump;
-        broken[32 + 1] = 3;
+        broken[broken.size() - 5] = 3;  // the length of the last structure
         WriteFile("/tmp/broken", broken);
         const Result damaged = Ctl("inventory --from-dump /tmp/broken");
         EXPECT_EQ(damaged.code, 1);
+        EXPECT_TRUE(InOrder(damaged.out, {", 10 structures in ", "  41           1", "01:00"}));
         EXPECT_TRUE(Contains(damaged.err, "kemdctl: SMBIOS: ## FATAL ERROR! SMBIOS structure"));
     }
 }
@@ -112,6 +117,8 @@ TEST_F(InventoryCommand, SaysWhatIsMissing) {
     EXPECT_TRUE(Contains(result.err, "cannot read /sys/firmware/dmi/tables/DMI: Too many levels"));
     fs::remove("/dev/mem");
     EXPECT_EQ(Ctl("inventory").code, 2);
+    EXPECT_TRUE(
+        Contains(Ctl("inventory --from-dump /tmp").err, "cannot read /tmp: Is a directory"));
 }
 
 }  // namespace

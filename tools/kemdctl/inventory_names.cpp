@@ -57,6 +57,9 @@ constexpr SlotName kSlotNames[] = {
     {0xA2, "PC-98/E"},
     {0xA3, "PC-98 local bus"},
     {0xA4, "PC-98 card"},
+    {0xC4, "PCI Express 6 and above"},
+    {0xC5, "EDSFF E1"},
+    {0xC6, "EDSFF E3"},
 };
 
 // Six codes for each generation: without a width, x1, x2, x4, x8 and x16.

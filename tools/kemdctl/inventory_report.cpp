@@ -57,6 +57,12 @@ std::string RevisionText(const CSMBios& smbios) {
     return Format("%d.%d", smbios.Revision().major, smbios.Revision().minor);
 }
 
+size_t CountStructures(const CSMBios& smbios) {
+    size_t count = 0;
+    for (const auto& [type, positions] : smbios.Structures()) count += positions.size();
+    return count;
+}
+
 void ShowSlots(const Inventory& inventory) {
     Write("\nbus:device  slot  type                                source\n");
     for (const PciSlotData& slot : inventory.slots) {
@@ -69,9 +75,9 @@ void ShowSlots(const Inventory& inventory) {
 
 void ShowInventory(const Inventory& inventory) {
     const CSMBios& smbios = inventory.smbios;
-    if (inventory.hasSmbios) {
-        Write(Format("SMBIOS %s, %d structures in %zu bytes, from %s\n\n",
-                     RevisionText(smbios).c_str(), smbios.StructureCount(),
+    if (smbios.Data().source != SmbiosSource::kNone) {
+        Write(Format("SMBIOS %s, %zu structures in %zu bytes, from %s\n\n",
+                     RevisionText(smbios).c_str(), CountStructures(smbios),
                      smbios.Data().table.size(), NameOf(smbios.Data().source).shown));
         Write("type  structures\n");
         for (const auto& [type, positions] : smbios.Structures()) {
@@ -95,9 +101,9 @@ void ShowInventoryAsJson(const Inventory& inventory) {
     json.Open('{');
     json.Key("smbios");
     json.Open('{');
-    text("source", NameOf(inventory.hasSmbios ? smbios.Data().source : SmbiosSource::kNone).json);
+    text("source", NameOf(smbios.Data().source).json);
     text("revision", RevisionText(smbios));
-    number("structures", smbios.StructureCount());
+    number("structures", static_cast<int64_t>(CountStructures(smbios)));
     json.Key("types");
     json.Open('[');
     for (const auto& [type, positions] : smbios.Structures()) {

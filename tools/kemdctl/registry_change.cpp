@@ -79,7 +79,9 @@ bool Store(const char* keyName, const RegistryEntry& value) {
     const bool isNumber = value.Type() == kRegistryNumber;
     const void* const data = isNumber ? static_cast<const void*>(&number) : value.Data().data();
     const size_t size = isNumber ? sizeof number : value.Data().size();
-    if (cursor.SetValue(value.Name(), data, static_cast<uint32_t>(size), value.Type())) return true;
+    if (cursor.SetValue(std::string(value.Name()).c_str(), data, static_cast<uint32_t>(size),
+                        value.Type()))
+        return true;
     Complain("cannot set %s", Printable(value.Name()).c_str());
     return false;
 }

@@ -109,7 +109,7 @@ std::optional<Subkey> Lister::TakeSubkey(Level& level) {
     const auto& entries = locked.Entries();
     while (level.next < entries.size()) {
         const RegistryEntry& entry = entries[level.next++];
-        if (entry.Node()) return Subkey{entry.Name(), entry.Node()};
+        if (entry.Node()) return Subkey{std::string(entry.Name()), entry.Node()};
     }
     return std::nullopt;
 }
@@ -141,8 +141,9 @@ void Lister::ShowValues(CRegistryNode& node) {
         }
         const std::string name = Printable(entry.Name());
         const std::string blanks(column - std::min(column, Width(name)), ' ');
-        Write("  " + name + blanks + "  " + TypeName(entry.Type()) + "  " +
-              Printable(DataText(entry)) + "\n");
+        std::string line = "  " + name + blanks + "  ";
+        line.append(TypeName(entry.Type())).append("  ").append(Printable(DataText(entry)));
+        Write(line + "\n");
     }
 }
 
@@ -165,7 +166,7 @@ int RegistryGet(const CommandLine& line) {
     std::string data = DataText(*entry);
     Cursor().SetExpand(line.Has("--expand"));
     if (entry->Type() == kRegistryExpandString)
-        (void)Cursor().QueryValue(&data, entry->Name(), key);
+        (void)Cursor().QueryValue(&data, line.words[1], key);
     if (line.Has("--json")) {
         JsonWriter json;
         WriteValue(json, *entry, data);

@@ -27,14 +27,16 @@ void FixChecksum(std::vector<uint8_t>& bytes, size_t start, size_t end, size_t p
 
 std::string EncodeSmbiosDump(const SmbiosData& data) {
     std::vector<uint8_t> entry = data.entryPoint;
-    const size_t length = std::min(ReadSmbiosEntryLength(entry), entry.size());
+    const size_t length = ReadSmbiosEntryLength(entry);
+    if (length > entry.size()) return {};
     // DMTF DSP0134, the two entry points: table address, table length, checksums.
     if (BeginsWith(entry, "_SM3_") && length >= 24 && length <= kTableOffset) {
         Store(entry, 0x0C, 4, data.table.size());
         Store(entry, 0x10, 8, kTableOffset);
         FixChecksum(entry, 0, length, 0x05);
     } else if (BeginsWith(entry, "_SM_") && length >= 30 && length <= kTableOffset &&
-               entry.size() > 30 && data.table.size() <= UINT16_MAX) {
+               data.table.size() <= UINT16_MAX) {
+        entry.resize(kTableOffset);  // some firmware counts one byte too few
         Store(entry, 0x16, 2, data.table.size());
         Store(entry, 0x18, 4, kTableOffset);
         FixChecksum(entry, 0x10, 0x1F, 0x15);
@@ -51,14 +53,18 @@ bool DecodeSmbiosDump(const std::vector<uint8_t>& file, SmbiosData& data) {
     const std::span<const uint8_t> bytes(file);
     data.source = SmbiosSource::kFile;
     if (BeginsWith(bytes, "_SM3_")) {
-        const size_t length = std::min(ReadSmbiosEntryLength(bytes), bytes.size());
+        const size_t length = ReadSmbiosEntryLength(bytes);
+        if (length < 24 || length > bytes.size()) return false;
         data.entryPoint.assign(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length));
     } else if (!BeginsWith(bytes, "_SM_") || !CheckSmbiosHeader(bytes, data)) {
         return false;
     }
     const SmbiosTableRange range = ReadSmbiosTableRange(bytes);
-    if (range.address > bytes.size() || range.length > bytes.size() - range.address) return false;
-    const auto table = bytes.subspan(range.address, range.length);
+    if (range.address >= bytes.size()) return false;
+    const auto rest = bytes.subspan(range.address);
+    // The length of a version-3 entry point is the most that the table can have.
+    if (range.length > rest.size() && !BeginsWith(bytes, "_SM3_")) return false;
+    const auto table = rest.first(std::min<uint64_t>(range.length, rest.size()));
     data.table.assign(table.begin(), table.end());
-    return true;
+    return !data.table.empty();
 }
