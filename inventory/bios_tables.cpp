@@ -24,17 +24,17 @@ std::optional<Bytes> ReadAll(int fd, size_t limit) {
     struct stat status {};
     if (fstat(fd, &status) != 0) return std::nullopt;
     constexpr size_t kStep = 4096;
-    // One byte more than it says: the end is seen without another round.
-    Bytes bytes(std::min(limit, static_cast<size_t>(status.st_size)) + 1);
+    const auto size = static_cast<size_t>(status.st_size);  // 0: a device, which does not know
+    Bytes bytes(std::min(size == 0 ? kStep : size, limit + 1));
     size_t done = 0;
-    for (;;) {
+    while (size == 0 || done < size) {
         const ssize_t count = read(fd, bytes.data() + done, bytes.size() - done);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) return std::nullopt;
         if (count == 0) break;
         done += static_cast<size_t>(count);
         if (done > limit) return std::nullopt;
-        if (done == bytes.size()) bytes.resize(done + kStep);
+        if (size == 0 && done == bytes.size()) bytes.resize(done + kStep);
     }
     bytes.resize(done);
     return bytes;

@@ -37,6 +37,7 @@ void CSMBios::Reset(SmbiosData data) {
     m_data = std::move(data);
     m_data.error.clear();
     m_index.clear();
+    m_positions = {};
     m_revision = {};
     m_found = 0;
     m_position = 0;
@@ -107,7 +108,12 @@ bool CSMBios::TakeStructure(SmbiosWalk& walk, SmbiosStructure& structure) {
     TRACE(4, "\nBuildStructureList  : - found struct type %d (handle=%d, len=%d)", structure.type,
           structure.handle, structure.length);
     TraceHexDump(structure.formatted);
-    m_index[structure.type].push_back(structure.offset);
+    auto*& positions = m_positions[structure.type];
+    if (positions == nullptr) {
+        positions = &m_index[structure.type];
+        positions->reserve(kUsualCount);
+    }
+    positions->push_back(structure.offset);
     if (!walk.SkipFormatted(structure)) {
         return Fail(
             "## FATAL ERROR! SMBIOS structure pointer exceeds structure table end while going to "

@@ -4,6 +4,7 @@
 // it is connected. Nothing throws: failures are false, a text and trace records.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <span>
@@ -42,6 +43,8 @@ class CSMBios {
     [[nodiscard]] const std::string& Error() const { return m_data.error; }
 
   private:
+    static constexpr size_t kUsualCount = 16;  // of structures of a type
+
     void Reset(SmbiosData data);
     bool Fetch();
     bool Attach();
@@ -53,6 +56,7 @@ class CSMBios {
     SmbiosData m_data;
     SmbiosRevision m_revision;
     Index m_index;
-    int m_found = 0;  // structures stepped over
+    std::array<std::vector<size_t>*, 256> m_positions{};  // into the index, by type; null: none yet
+    int m_found = 0;                                      // structures stepped over
     size_t m_position = 0;
 };
