@@ -27,7 +27,9 @@ class SampleMaker {
             if (m_keys++ >= kKeys) return;
             key.subkeyNames.push_back(strdup(name.c_str()));
             key.subkeys.push_back(std::make_unique<SampleKey>());
-            Fill(*key.subkeys.back(), path.empty() ? name : path + '\\' + name, level + 1);
+            std::string below = path;
+            below.append(path.empty() ? "" : "\\").append(name);
+            Fill(*key.subkeys.back(), below, level + 1);
         }
     }
 

@@ -17,7 +17,7 @@ uint8_t DeviceOf(uint8_t deviceFunction) {
     return static_cast<uint8_t>(deviceFunction >> 3);
 }
 
-// PCI IRQ Routing Table Specification, slot entry, by field name.
+// The slot entry of the PCI IRQ routing table, by the field names of its published layout.
 constexpr size_t kRoutingEntrySize = 16;
 constexpr size_t kPciBusNumber = 0;
 constexpr size_t kPciDeviceNumber = 1;

@@ -1,5 +1,5 @@
-// The PCI IRQ routing table, "$PIR", in the BIOS area below 1 MiB. Layout: PCI IRQ Routing Table
-// Specification, a header of 32 bytes and entries of 16.
+// The PCI IRQ routing table, "$PIR", in the BIOS area below 1 MiB: a header of 32 bytes and entries
+// of 16, in the layout that was published for it.
 #include <cstring>
 #include <numeric>
 

@@ -134,14 +134,12 @@ bool CSMBios::TakeStructure(SmbiosWalk& walk, SmbiosStructure& structure) {
 bool CSMBios::WalkStructures() {
     SmbiosWalk walk(m_data.table);
     SmbiosStructure structure;
-    while (structure.type != SmbiosWalk::kEndOfTable) {
-        if (m_found > 0 && walk.IsAtEnd()) {
-            TRACE(4, "\nBuildStructureList  :   end of BIOS structures!");
-            return true;
-        }
+    do {
         if (!TakeStructure(walk, structure)) return false;
         ++m_found;
-    }
+        if (structure.type == SmbiosWalk::kEndOfTable) return true;
+    } while (!walk.IsAtEnd());
+    TRACE(4, "\nBuildStructureList  :   end of BIOS structures!");
     return true;
 }
 

@@ -67,7 +67,7 @@ class LineReader {
     int m_fd;
     bool m_failed = false;
     bool m_atEnd = false;  // of the file, or where it cannot be read on
-    size_t m_begin = 0;  // of what is not taken yet
+    size_t m_begin = 0;    // of what is not taken yet
     size_t m_end = 0;
     off_t m_position = 0;
     std::array<char, size_t{32} * 1024> m_buffer;

@@ -141,9 +141,10 @@ void Lister::ShowValues(CRegistryNode& node) {
         }
         const std::string name = Printable(entry.Name());
         const std::string blanks(column - std::min(column, Width(name)), ' ');
-        std::string line = "  " + name + blanks + "  ";
-        line.append(TypeName(entry.Type())).append("  ").append(Printable(DataText(entry)));
-        Write(line + "\n");
+        std::string line = "  ";
+        line.append(name).append(blanks).append("  ").append(TypeName(entry.Type()));
+        line.append("  ").append(Printable(DataText(entry))).append("\n");
+        Write(line);
     }
 }
 
