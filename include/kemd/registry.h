@@ -52,7 +52,6 @@ class RegistryEntry;
 
 // A counted reference to one key, or to none.
 class KEMD_API RegistryKey {
-    // NOLINTBEGIN(clang-analyzer-cplusplus.NewDelete): the analysis does not see the count
   public:
     constexpr RegistryKey() = default;
     // Adds a reference of its own.
@@ -79,7 +78,6 @@ class KEMD_API RegistryKey {
     void Release();
 
     CRegistryNode* m_node = nullptr;
-    // NOLINTEND(clang-analyzer-cplusplus.NewDelete)
 };
 
 // What an operation starts from: nothing (null), a root key or an open key.

@@ -122,7 +122,8 @@ Result Append(const Request& request, const std::string& text, bool mayCreate) {
     UniqueFd file;
     if (mayCreate) file = OpenRegularFile(request.fileName, kFlags | O_CREAT | O_EXCL, 0644);
     const bool isNew = file.IsOpen();
-    if (!isNew) file = OpenRegularFile(request.fileName, kFlags);
+    // Not exclusive: the name may be a link to a file that is still to be made.
+    if (!isNew) file = OpenRegularFile(request.fileName, kFlags | (mayCreate ? O_CREAT : 0), 0644);
     if (!file.IsOpen()) {
         TRACE(1, "WritePrivateProfileString: ## WARNING: append open error: %s\n",
               request.fileName);

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <charconv>
+#include <stdexcept>
 #include <utility>
 
 #include "services/base/line_reader.h"
@@ -21,6 +22,7 @@ RegistryEntry::RegistryEntry(std::string_view name, uint32_t type, std::string_v
     const std::string_view marker = HasLine(type) ? RegistryMarker(type) : "";
     const std::string_view end = HasLine(type) ? "\n" : "";
     const size_t size = name.size() + marker.size() + data.size() + end.size();
+    if (size > UINT32_MAX) throw std::length_error("registry entry");
     char* const block = new char[sizeof(Head) + size];
     m_block = block;
     const Head head{static_cast<uint32_t>(name.size()), static_cast<uint32_t>(size)};

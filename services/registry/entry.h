@@ -31,11 +31,9 @@ inline uint64_t NameOrder(std::string_view name) {
 class RegistryEntry {
   public:
     RegistryEntry() = default;
-    // NOLINTBEGIN(clang-analyzer-cplusplus.NewDelete): the analysis loses track of what is packed
     ~RegistryEntry() {
         if (!IsPacked()) delete[] m_block;
     }
-    // NOLINTEND(clang-analyzer-cplusplus.NewDelete)
     // By exchange: inserting into a large key moves thousands of entries.
     RegistryEntry(RegistryEntry&& source) noexcept { *this = std::move(source); }
     RegistryEntry& operator=(RegistryEntry&& source) noexcept {
@@ -47,7 +45,7 @@ class RegistryEntry {
     RegistryEntry(const RegistryEntry&) = delete;
     RegistryEntry& operator=(const RegistryEntry&) = delete;
     RegistryEntry(std::string_view name, int32_t number);
-    // Text (kept up to its first NUL) or bytes. Fewer than 2^32.
+    // Text (kept up to its first NUL) or bytes. std::length_error when all is 2^32 bytes or more.
     RegistryEntry(std::string_view name, RegistryType type, std::string_view data);
     // `node` may be none.
     RegistryEntry(std::string_view name, RegistryKey node);

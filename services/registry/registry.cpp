@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <exception>
 #include <string_view>
 #include <utility>
@@ -97,9 +98,11 @@ CRegistry& CRegistry::operator=(const CRegistry& source) {
     return *this;
 }
 
-// Without a change there is nothing to wait for.
+// Without a change there is nothing to wait for. The end of an object changes no errno.
 CRegistry::~CRegistry() {
+    const int error = errno;
     if (TheRegistryStore().IsDirty()) SaveTree();
+    errno = error;
 }
 
 void CRegistry::InitClass() try {

@@ -156,7 +156,7 @@ int32_t CRegistry::QueryValue(char* buffer, const char* name, uint32_t size,
 int32_t CRegistry::QueryValue(char* buffer, const char* name, uint32_t* count,
                               const RegistryHandle& node) try {
     const RegistryKey key = KeyOf(node);
-    if (!key) return kRegistryInvalid;
+    if (!key || key->IsDeleted()) return kRegistryInvalid;
     if (count == nullptr) {
         TRACE(1, "CRegistry::QueryValue: ** ERROR **  pdwCount is a NULL pointer\n");
         return kRegistryTooLong;

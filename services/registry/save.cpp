@@ -25,19 +25,33 @@ constexpr const char* kKeptFile = "/etc/orvmon/registry.old.kept";
 
 // Held for a whole save, as other processes save too. A file of its own that is never renamed and
 // that only root can open: who could open it could keep root from saving.
-UniqueFd LockSaving() {
-    constexpr int kAttempts = 500;
-    constexpr useconds_t kPause = 10'000;
-    UniqueFd lock = OpenRegularFile(kLockFile, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
-    if (!lock.IsOpen()) return {};
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        // A file system without locks has nobody to wait for.
-        if (flock(lock.Get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return lock;
-        usleep(kPause);
+class SaveLock {
+  public:
+    SaveLock() : m_file(OpenRegularFile(kLockFile, O_RDWR | O_CREAT | O_NOFOLLOW, 0600)) {}
+    // Not left to the end of the descriptor: a child that was forked meanwhile has it, too.
+    ~SaveLock() {
+        if (m_file.IsOpen()) (void)flock(m_file.Get(), LOCK_UN);
     }
-    errno = EBUSY;
-    return {};
-}
+    SaveLock(const SaveLock&) = delete;
+    SaveLock& operator=(const SaveLock&) = delete;
+
+    // Waits for five seconds at most. False with errno.
+    bool Take() {
+        constexpr int kAttempts = 500;
+        constexpr useconds_t kPause = 10'000;
+        if (!m_file.IsOpen()) return false;
+        for (int attempt = 0; attempt < kAttempts; ++attempt) {
+            // A file system without locks has nobody to wait for.
+            if (flock(m_file.Get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) return true;
+            usleep(kPause);
+        }
+        errno = EBUSY;
+        return false;
+    }
+
+  private:
+    UniqueFd m_file;
+};
 
 // A new file each time: what was left there, or put there by somebody else, is not written to.
 UniqueFd OpenNewFile() {
@@ -83,8 +97,9 @@ bool RenameBoth() {
             (void)unlink(kKeptFile);
             return true;
         }
+        // When it cannot be taken back, the previous generation is the live store's only copy.
         const int error = errno;
-        (void)rename(kRegistryOldFile, kRegistryFile);
+        if (rename(kRegistryOldFile, kRegistryFile) != 0) return false;
         errno = error;
     }
     const int error = errno;
@@ -125,8 +140,8 @@ bool Fail() {
 }  // namespace
 
 bool SaveRegistryFile(CRegistryNode& root) {
-    const UniqueFd lock = LockSaving();
-    const UniqueFd file = lock.IsOpen() ? OpenNewFile() : UniqueFd();
+    SaveLock lock;
+    const UniqueFd file = lock.Take() ? OpenNewFile() : UniqueFd();
     if (!file.IsOpen()) {
         const int error = errno;
         TRACE(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", kNewFile);
@@ -135,7 +150,8 @@ bool SaveRegistryFile(CRegistryNode& root) {
     }
     if (!WriteNewFile(file.Get(), root) || !MoveIntoPlace()) {
         const int error = errno;
-        unlink(kNewFile);
+        // Without a live file the new one may be the best there is.
+        if (access(kRegistryFile, F_OK) == 0) (void)unlink(kNewFile);
         errno = error;
         return Fail();
     }

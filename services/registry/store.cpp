@@ -133,6 +133,6 @@ bool RegistryStore::Save() {
         const bool hasContent = m_isLoaded || !IsEmpty();
         m_saveError = hasContent && !SaveRegistryFile(m_root) ? errno : 0;
     }
-    errno = m_saveError;
+    if (m_saveError != 0) errno = m_saveError;
     return m_saveError == 0;
 }

@@ -146,8 +146,9 @@ TEST_F(ProfileTraceTest, WriterChangesTheFileByteForByte) {
     EXPECT_TRUE(WritePrivateProfileString("S", nullptr, nullptr, kFile));
     EXPECT_FALSE(fs::exists(kFile));
     EXPECT_FALSE(WritePrivateProfileString("S", "k", "v", "/none/x"));
+    fs::create_symlink(kFile, "/etc/link.ini");  // to a file that is still to be made
     umask(077);
-    EXPECT_TRUE(WritePrivateProfileString("S", "k", "v", kFile));
+    EXPECT_TRUE(WritePrivateProfileString("S", "k", "v", "/etc/link.ini"));
     umask(022);
     EXPECT_EQ(fs::status(kFile).permissions(), fs::perms(0644));
     EXPECT_TRUE(InOrder(
@@ -159,7 +160,7 @@ TEST_F(ProfileTraceTest, WriterChangesTheFileByteForByte) {
          "WritePrivateProfileString(S, <nil>, <nil>, ", "WritePrivateProfileString rc=0x0001\n",
          "WritePrivateProfileString(S, k, v, /none/x)\n",
          "WritePrivateProfileString: ## WARNING: append open error: /none/x\n",
-         "WritePrivateProfileString(S, k, v, /etc/test.ini)\n"}));
+         "WritePrivateProfileString(S, k, v, /etc/link.ini)\n"}));
 }
 
 TEST(ProfileTest, WriteThatDoesNotFitLeavesTheFile) {

@@ -40,8 +40,9 @@ std::string DeepStore(size_t depth) {
 
 TEST_F(Kemdctl, CommandLineIsChecked) {
     for (const char* const arguments :
-         {"", "nothing", "registry", "registry nothing", "registry get onlykey", "registry list -x",
-          "registry list a b", "registry set --json a b string c", "registry list -- -r --json"}) {
+         {"", "nothing", "registry", "registry nothing", "registry list --json=no",
+          "registry list -r -r", "registry get onlykey", "registry list -x", "registry list a b",
+          "registry set --json a b string c", "registry list -- -r --json"}) {
         const Result result = Ctl(arguments);
         EXPECT_EQ(result.code, 2) << arguments;
         EXPECT_EQ(result.out, "") << arguments;

@@ -27,7 +27,7 @@ CommandLine::CommandLine(int argc, char** argv) {
         } else {
             const size_t equals = word.find('=');
             const char* const value = equals != word.npos ? argv[i] + equals + 1 : nullptr;
-            options.push_back({word.substr(0, equals), value, words.size()});
+            options.push_back({word.substr(0, equals), value, words.size(), false});
         }
     }
 }
@@ -40,9 +40,9 @@ bool CommandLine::Has(std::string_view option) const {
 const char* CommandLine::TakeValue(std::string_view option) {
     const auto found = std::find_if(options.begin(), options.end(),
                                     [option](const Option& each) { return each.name == option; });
-    if (found == options.end() || found->value != nullptr) {
-        return found == options.end() ? nullptr : found->value;
-    }
+    if (found == options.end()) return nullptr;
+    found->isTaken = true;
+    if (found->value != nullptr) return found->value;
     const size_t position = found->position;
     if (position >= words.size()) return nullptr;
     found->value = words[position];
@@ -53,8 +53,16 @@ const char* CommandLine::TakeValue(std::string_view option) {
 
 bool CommandLine::HasOnly(std::span<const std::string_view> known) const {
     for (const Option& option : options) {
-        if (std::find(known.begin(), known.end(), option.name) != known.end()) continue;
-        Complain("unknown option %s", Printable(option.name).c_str());
+        const bool isKnown = std::find(known.begin(), known.end(), option.name) != known.end();
+        const auto times =
+            std::count_if(options.begin(), options.end(),
+                          [&option](const Option& each) { return each.name == option.name; });
+        if (isKnown && times == 1 && (option.value == nullptr || option.isTaken)) continue;
+        Complain("%s option %s",
+                 !isKnown    ? "unknown"
+                 : times > 1 ? "repeated"
+                             : "a value for the",
+                 Printable(option.name).c_str());
         return false;
     }
     return true;

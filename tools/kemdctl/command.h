@@ -17,6 +17,7 @@ struct CommandLine {
         std::string_view name;
         const char* value;  // behind a "="; null: none there
         size_t position;    // how many words stand before it
+        bool isTaken;       // by TakeValue
     };
     std::vector<const char*> words;
     std::vector<Option> options;
@@ -26,7 +27,8 @@ struct CommandLine {
     // The value of an option, "--name=value" or "--name value", whose word is taken out; null when
     // there is neither.
     const char* TakeValue(std::string_view option);
-    // Whether all options are among these; complains when not.
+    // Whether all options are among these, each at most once, and with a value only if that was
+    // taken; complains when not.
     [[nodiscard]] bool HasOnly(std::span<const std::string_view> known) const;
     // The first word, which is taken out; empty when there is none.
     std::string_view TakeCommand();

@@ -111,7 +111,9 @@ int ShowSlot(const Inventory& inventory, const PciAddress& address, bool withJso
 int WriteDump(const Inventory& inventory, const char* path) {
     const std::string dump = EncodeSmbiosDump(inventory.smbios.Data());
     if (dump.empty()) {
-        Complain("there is no entry point that a dump can hold");
+        const std::string& error = inventory.smbios.Error();
+        Complain("nothing that a dump can hold: %s",
+                 error.empty() ? "an unknown entry point" : Printable(error).c_str());
         return kNo;
     }
     return WriteOutputFile(path, 0600, [&dump](const FileSink& write) { return write(dump); });

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr const char* kDirectory = "/etc/orvmon";
+constexpr const char* kLockFile = "/etc/orvmon/kemdctl.lock";
 constexpr const char* kPidFile = "/var/run/kemd.pid";
 
 void NoteRunningDaemon() {
@@ -92,17 +92,18 @@ RegistryKey FindKey(const KeyPath& path) {
 bool WriterLock::Take() {
     constexpr int kAttempts = 200;
     constexpr useconds_t kPause = 50'000;  // 10 seconds in all
-    m_directory.Reset(open(kDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!m_directory.IsOpen()) {
-        Complain("cannot open %s: %s", kDirectory, std::strerror(errno));
+    // Not the directory: everybody may open that, and could keep root from writing.
+    m_file = OpenRegularFile(kLockFile, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
+    if (!m_file.IsOpen()) {
+        Complain("cannot open %s: %s", kLockFile, std::strerror(errno));
         return false;
     }
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (flock(m_directory.Get(), LOCK_EX | LOCK_NB) == 0) return true;
+        if (flock(m_file.Get(), LOCK_EX | LOCK_NB) == 0) return true;
         if (errno != EWOULDBLOCK) break;
         usleep(kPause);
     }
-    Complain("cannot lock %s: %s", kDirectory,
+    Complain("cannot lock %s: %s", kLockFile,
              errno == EWOULDBLOCK ? "another kemdctl changes the registry" : std::strerror(errno));
     return false;
 }

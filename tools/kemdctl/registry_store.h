@@ -32,7 +32,7 @@ class WriterLock {
     bool Take();
 
   private:
-    UniqueFd m_directory;
+    UniqueFd m_file;
 };
 
 // Writes what was changed; an exit code. Complains when that fails, and says when a daemon runs.

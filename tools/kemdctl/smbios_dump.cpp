@@ -28,7 +28,7 @@ void FixChecksum(std::vector<uint8_t>& bytes, size_t start, size_t end, size_t p
 std::string EncodeSmbiosDump(const SmbiosData& data) {
     std::vector<uint8_t> entry = data.entryPoint;
     const size_t length = ReadSmbiosEntryLength(entry);
-    if (length > entry.size()) return {};
+    if (length > entry.size() || data.table.empty()) return {};
     // DMTF DSP0134, the two entry points: table address, table length, checksums.
     if (BeginsWith(entry, "_SM3_") && length >= 24 && length <= kTableOffset) {
         Store(entry, 0x0C, 4, data.table.size());
