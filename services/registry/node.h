@@ -30,6 +30,8 @@ class CRegistryNode {
     RegistryEntries Empty();
     // Takes the mark away.
     void Revive() { m_isDeleted = false; }
+    // Begins to fetch what a search in this key reads behind its lock.
+    void Prefetch() const { __builtin_prefetch(&m_entries); }
     // May change at any time unless the key is locked.
     [[nodiscard]] bool IsDeleted() const { return m_isDeleted; }
 

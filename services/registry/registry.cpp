@@ -37,7 +37,9 @@ std::string_view TakeComponent(std::string_view& path) {
 RegistryKey FindSubkey(CRegistryNode& node, std::string_view name) {
     const LockedNode locked(node);
     const RegistryEntry* entry = locked.Find(name);
-    return entry != nullptr ? entry->Node() : RegistryKey();
+    if (entry == nullptr) return {};
+    if (entry->Node()) entry->Node()->Prefetch();
+    return entry->Node();
 }
 
 // As FindSubkey, and makes the subkey when nothing of that name is there.
