@@ -220,12 +220,14 @@ TEST_F(SmbiosTest, BrokenTablesEndAtTheFault) {
         EXPECT_EQ(smbios.Error(), error);
     }
     // A real table cut at every byte, and structure counts that do not fit.
+    Debug.SwitchTrace(false);
     for (size_t length = 0; length < 0x1B6; ++length) {
         CSMBios smbios;
         SmbiosData data;
         data.table = ToBytes(Text(pc, 0xF59D0, length));
         EXPECT_FALSE(smbios.Connect(data) && smbios.StructureCount() == 11) << length;
     }
+    Debug.SwitchTrace(true);
     CSMBios smbios;
     SmbiosData data;
     data.structureCount = 12;

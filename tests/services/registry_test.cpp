@@ -291,7 +291,7 @@ void RunThreads(const std::function<void(int thread, int round)>& run) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 3; ++i) {
         threads.emplace_back([&run, i] {
-            for (int round = 0; round < 300; ++round) run(i, round);
+            for (int round = 0; round < 120; ++round) run(i, round);
         });
     }
     for (std::thread& thread : threads) thread.join();
@@ -306,7 +306,7 @@ TEST_F(RegistryTest, EveryThreadsLastChangeReachesTheDisk) {
         if (round % 2 == 0) registry.DeleteValue("n");
     });
     EXPECT_EQ(ReadFile(kRegistryPath),
-              FileWith("[a]\n[b]\n[0]\nn=d=299\n\n[1]\nn=d=299\n\n[2]\nn=d=299\n\n\n\n"));
+              FileWith("[a]\n[b]\n[0]\nn=d=119\n\n[1]\nn=d=119\n\n[2]\nn=d=119\n\n\n\n"));
 }
 
 TEST_F(RegistryTest, RootKeyThatIsDeletedAllTheTimeStaysUsable) {
