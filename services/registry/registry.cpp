@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "services/registry/path.h"
 #include "services/registry/store.h"
 #include "trace/debug.h"
 
@@ -16,22 +17,6 @@ namespace {
 // The suite's identifier key, below a root key.
 constexpr const char* kIdentifierKey =
     R"(SYSTEM\CurrentControlSet\Control\UUID\7C41E0B8-93D5-4F6A-A2C7-5E18D90B64F3)";
-
-constexpr std::string_view::size_type kNone = std::string_view::npos;
-
-// The first backslash or, when there is none, the first slash.
-size_t FindSeparator(std::string_view path) {
-    const size_t position = path.find('\\');
-    return position != kNone ? position : path.find('/');
-}
-
-// The path's first component; takes it and its separator off.
-std::string_view TakeComponent(std::string_view& path) {
-    const size_t length = std::min(FindSeparator(path), path.size());
-    const std::string_view component = path.substr(0, length);
-    path.remove_prefix(std::min(length + 1, path.size()));
-    return component;
-}
 
 // The subkey; nothing when there is none, or a value in its place.
 RegistryKey FindSubkey(CRegistryNode& node, std::string_view name) {
@@ -173,7 +158,7 @@ int32_t CRegistry::OpenPointerFrom(const RegistryKey& start, const char* path,
     const int32_t result = QueryValue(&target, name);
     m_status = kRegistryFailed;
     const size_t separator = FindSeparator(target);
-    if (result != 0 || separator == kNone) return kRegistryFailed;
+    if (result != 0 || separator == target.npos) return kRegistryFailed;
     for (size_t i = 0; i < separator; ++i) {
         target[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(target[i])));
     }

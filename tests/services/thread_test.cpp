@@ -1,9 +1,8 @@
 #include "kemd/thread.h"
 
-#include <unistd.h>
-
 #include <atomic>
 #include <cstdio>
+#include <iterator>
 #include <thread>
 
 #include "kemd/event.h"
@@ -32,10 +31,7 @@ TEST_F(ThreadTest, JoinableThreadIsWaitedForWhateverTheTimeout) {
     EXPECT_FALSE(thread.Kill());
     ASSERT_TRUE(thread.Start(WaitForIt, &event, 0, true, 0x1234, true));
     const std::string id = Id(thread.m_thread);
-    std::thread setter([&] {
-        usleep(50'000);
-        SetEvent(event);
-    });
+    std::thread setter([&] { SetEvent(event); });  // the thread cannot end before
     EXPECT_TRUE(thread.WaitForTermination(1));
     EXPECT_EQ(CheckEvent(event), 1);
     EXPECT_EQ(thread.m_thread, 0U);
@@ -79,7 +75,13 @@ void* RunCounted(void* argument) {
     return nullptr;
 }
 
+std::ptrdiff_t CountThreads() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                         std::filesystem::directory_iterator());
+}
+
 TEST_F(ThreadTest, DetachedThreadIsCancelledOnlyWhileItLives) {
+    const std::ptrdiff_t threads = CountThreads();
     Counted counted;
     CreateEvent(counted.event, false, true, nullptr);
     CThread thread;
@@ -93,7 +95,8 @@ TEST_F(ThreadTest, DetachedThreadIsCancelledOnlyWhileItLives) {
     const pthread_t second = thread.m_thread;
     SetEvent(counted.event);
     ASSERT_TRUE(WaitFor([&] { return counted.running == 0; }));
-    usleep(100'000);  // the thread is gone, and its id may already be another one's
+    // The thread is gone, and its id may already be another one's.
+    ASSERT_TRUE(WaitFor([&] { return CountThreads() <= threads; }));
     EXPECT_TRUE(thread.Kill());
     EXPECT_EQ(thread.m_thread, 0U);
     const std::string trace = Trace();

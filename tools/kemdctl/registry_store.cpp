@@ -9,6 +9,7 @@
 
 #include "services/base/never_destroyed.h"
 #include "services/base/regular_file.h"
+#include "services/registry/path.h"
 #include "services/registry/store.h"
 #include "tools/kemdctl/command.h"
 
@@ -64,12 +65,7 @@ bool LoadStore() {
 
 KeyPath SplitPath(std::string_view path) {
     KeyPath components;
-    while (!path.empty()) {
-        const size_t backslash = path.find('\\');
-        const size_t separator = backslash != path.npos ? backslash : path.find('/');
-        components.push_back(path.substr(0, separator));
-        path.remove_prefix(std::min(components.back().size() + 1, path.size()));
-    }
+    while (!path.empty()) components.push_back(TakeComponent(path));
     return components;
 }
 
