@@ -5,6 +5,7 @@
 
 #include <exception>
 
+#include "daemon/notify.h"
 #include "daemon/signal_loop.h"
 #include "daemon/startup.h"
 #include "daemon/version.h"
@@ -28,6 +29,7 @@ void FinishStartup() {
     sleep(1);
     Debug.Message("%s-MAIN: ## Done initializing ##\n", kTag);
     Debug.InitDone();
+    NotifyReady();
 }
 
 void StopModules(SwitchBinding& binding) {

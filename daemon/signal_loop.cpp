@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "daemon/notify.h"
 #include "daemon/run_level.h"
 #include "daemon/version.h"
 #include "daemon/wait_signals.h"
@@ -26,6 +27,7 @@ void ToggleTrace() {
 
 void DecideStop(IModuleSwitch* modules) {
     Debug.Message("%s-MAIN: Signal %d caught -> processing\n", kTag, g_lastSignal);
+    NotifyStopping();
     int32_t runLevel = DetectRunLevel();
     Debug.Message("%s-MAIN: Current RunLevel = %d\n", kTag, runLevel);
     if (modules != nullptr) {
@@ -86,5 +88,6 @@ void WaitForStop(IModuleSwitch* modules) {
             StopAfterError(modules, result);
         }
     } while (CheckEvent(ExitEvent()) == 0);
+    NotifyStopping();  // whoever decided it
     Debug.Message("%s-MAIN: ## Someone signaled exit state ##\n", kTag);
 }

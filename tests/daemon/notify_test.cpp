@@ -1,0 +1,59 @@
+// What the init system hears.
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstddef>
+
+#include "tests/daemon/daemon_test.h"
+
+namespace {
+
+class InitSystem {
+  public:
+    // "@" stands for a NUL, as in NOTIFY_SOCKET.
+    explicit InitSystem(std::string name) {
+        if (name[0] == '@') name[0] = '\0';
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        name.copy(address.sun_path, sizeof(address.sun_path));
+        EXPECT_EQ(bind(m_socket, reinterpret_cast<sockaddr*>(&address),
+                       static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size())),
+                  0);
+    }
+    ~InitSystem() { close(m_socket); }
+
+    // The next datagram; empty when there is none.
+    std::string Hear(int flags = 0) const {
+        char text[256]{};
+        return recv(m_socket, text, sizeof(text) - 1, flags) > 0 ? text : "";
+    }
+
+  private:
+    int m_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+};
+
+TEST_F(DaemonTest, TellsTheInitSystemThatItIsReadyAndThatItStops) {
+    for (const char* name : {"/run/notify", "@kemd/notify"}) {
+        const InitSystem init(name);
+        m_environment["NOTIFY_SOCKET"] = name;
+        const pid_t pid = Start({"-n"});
+        EXPECT_EQ(init.Hear(), "READY=1");
+        EXPECT_TRUE(Contains(Log(), "## Done initializing ##\n"));
+        EXPECT_EQ(Stop(pid), 0);
+        EXPECT_EQ(init.Hear(MSG_DONTWAIT), "STOPPING=1");
+        EXPECT_EQ(init.Hear(MSG_DONTWAIT), "");
+    }
+}
+
+TEST_F(DaemonTest, RunsWhenTheInitSystemCannotBeTold) {
+    for (const std::string& name :
+         {std::string("/run/nobody"), std::string("relative"), "/" + std::string(200, 'x')}) {
+        m_environment["NOTIFY_SOCKET"] = name;
+        const pid_t pid = Run();
+        EXPECT_TRUE(WaitForLog("KEMD-MAIN: cannot send READY=1 to " + name + " ("));
+        EXPECT_EQ(Stop(pid), 0);
+    }
+}
+
+}  // namespace
