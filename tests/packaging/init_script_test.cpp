@@ -1,0 +1,45 @@
+// /etc/init.d/kemd with the real daemon.
+#include "tests/packaging/script.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kPidFile = "/var/run/kemd.pid";
+
+TEST(InitScript, StartsAndStopsTheDaemon) {
+    fs::remove("/run/systemd/system");  // another init system, in its usual level
+    WriteProgram("/usr/sbin/runlevel", "echo N 2");
+    WriteFile("/etc/os-release", "ID=debian\nVERSION_ID=12\n");
+    WriteFile("/etc/default/kemd",
+              "LD_LIBRARY_PATH=/build/tests/switches/c\nOV_NICKNAME=\"MINE 1\"\n");
+    WriteFile("/etc/orvmon/RunLevel", "6\n");
+    fs::remove_all("/var/log/orvmon");
+    ConfigureTrace(1);
+
+    EXPECT_EQ(Shell("/etc/init.d/kemd status"), 3);
+    ASSERT_EQ(Shell("/etc/init.d/kemd start"), 0) << Output();
+    const std::string first = ReadFile(kPidFile);
+    EXPECT_EQ(Shell("/etc/init.d/kemd start"), 0);
+    EXPECT_TRUE(Contains(Output(), "already running"));
+    EXPECT_EQ(Shell("/etc/init.d/kemd status"), 0);
+    EXPECT_EQ(Shell("/etc/init.d/kemd reload"), 2);
+    EXPECT_EQ(Shell("/etc/init.d/kemd restart"), 0) << Output();
+    EXPECT_NE(ReadFile(kPidFile), first);
+    // The leftover of the last shutdown is gone, so this is a plain stop.
+    EXPECT_EQ(Shell("/etc/init.d/kemd stop"), 0) << Output();
+    EXPECT_TRUE(InOrder(RingText("/var/log/orvmon/log.kemd_a"),
+                        {"we are runing on OS \"MINE 1\"\n", "Current RunLevel = "}));
+    EXPECT_FALSE(fs::exists(kPidFile) || fs::exists("/var/lock/kemd.lock"));
+
+    // A number that another process has is not the daemon's.
+    WriteFile(kPidFile, "1\n");
+    EXPECT_EQ(Shell("/etc/init.d/kemd status"), 1);
+    EXPECT_EQ(Shell("/etc/init.d/kemd stop"), 0);
+    WriteFile("/etc/default/kemd", "LD_LIBRARY_PATH=/nowhere\n");
+    EXPECT_EQ(Shell("/etc/init.d/kemd start"), 1);
+    EXPECT_TRUE(Contains(Output(), "has ended at once, see /var/log/orvmon/log.kemd")) << Output();
+    fs::remove(kPidFile);
+}
+
+}  // namespace
