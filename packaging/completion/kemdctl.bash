@@ -1,0 +1,126 @@
+# Completion of kemdctl for bash.
+# shellcheck shell=bash
+
+# The entries of a registry key, one a line: "k" or "v" for key or value, a blank, the name. Nothing
+# is waited for long, and what goes wrong is no matter here.
+_kemdctl_entries() {
+    local line name type
+    while IFS= read -r line; do
+        [[ $line == '  '* ]] || continue
+        name=$line
+        for type in string expand number binary; do name=${name%%"  $type  "*}; done
+        if [[ $name != "$line" ]]; then
+            name="v ${name#  }"
+            echo "${name%"${name##*[! ]}"}" # without the blanks that align the types
+        elif [[ $name == *\\ ]]; then
+            name=${name#  }
+            echo "k ${name%\\}"
+        fi
+    done < <(timeout 2 kemdctl registry list -- "$@" 2>/dev/null </dev/null)
+}
+
+# What the shell will make of a word that is being typed, its quotes perhaps not closed yet.
+_kemdctl_unquote() {
+    local word=$1
+    case $word in
+        \'*) word=${word//\'/} ;;
+        \"*) word=${word//\"/} ;;
+        *)
+            # shellcheck disable=SC2162 # to take backslashes off is what it is for
+            IFS= read word <<<"$word"
+            ;;
+    esac
+    printf '%s\n' "$word"
+}
+
+# Offers the keys that continue a path; like directories, they are followed by a separator.
+_kemdctl_keys() {
+    local path separator=/ parent='' kind name
+    path=$(_kemdctl_unquote "$1")
+    [[ $path == *\\* ]] && separator=\\
+    [[ $path == *"$separator"* ]] && parent=${path%"$separator"*}$separator
+    while read -r kind name; do
+        # A part with a slash can only be reached with backslashes.
+        [[ $kind == k && $name != *\\* && $name != *"$separator"* ]] || continue
+        [[ $parent$name == "$path"* ]] && COMPREPLY+=("$parent$name$separator")
+    done < <(_kemdctl_entries ${parent:+"$parent"})
+    compopt -o filenames -o nospace 2>/dev/null
+}
+
+_kemdctl_values() {
+    local begin kind name
+    begin=$(_kemdctl_unquote "$2")
+    while read -r kind name; do
+        [[ $kind == v && $name == "$begin"* && $name != *\\* ]] && COMPREPLY+=("$name")
+    done < <(_kemdctl_entries "$(_kemdctl_unquote "$1")")
+    compopt -o filenames 2>/dev/null # for its quoting
+}
+
+# Leaves the word to the completion of file names.
+_kemdctl_files() { compopt -o default 2>/dev/null; }
+
+_kemdctl_choose() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "$cur"); }
+
+# The words of "kemdctl registry SUBCOMMAND" behind the subcommand; the last one is being typed.
+_kemdctl_registry() {
+    local subcommand=$1
+    shift
+    case $subcommand:$# in
+        get:1 | list:1 | set:1 | delete:1) _kemdctl_keys "$1" ;;
+        get:2 | set:2 | delete:2) _kemdctl_values "$1" "$2" ;;
+        set:3) _kemdctl_choose "string expand number binary" ;;
+        export:1 | import:1 | check:1) _kemdctl_files ;;
+    esac
+}
+
+_kemdctl_options() {
+    case $1:$2 in
+        status:*) echo --json --help ;;
+        check:*) echo --json --quiet -q --help ;;
+        inventory:*) echo --slot --dump --from-dump --json --help ;;
+        registry:get) echo --expand --json --help ;;
+        registry:list) echo -r --json --help ;;
+        registry:import) echo --force --help ;;
+        registry:check) echo --json --help ;;
+        registry:restore) echo --default --help ;;
+        :*) echo --help --version ;;
+        *) echo --help ;;
+    esac
+}
+
+_kemdctl() {
+    COMPREPLY=()
+    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]} word i
+    local words=() ended=
+    if [[ $cur == = ]]; then
+        cur=
+    elif [[ $prev == = ]]; then
+        prev=${COMP_WORDS[COMP_CWORD - 2]}
+    fi
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        word=${COMP_WORDS[i]}
+        if [[ -n $ended || $word != -?* || $word == -[0-9]* ]]; then
+            words+=("$word")
+        elif [[ $word == -- ]]; then
+            ended=1
+        fi
+    done
+
+    if [[ -z $ended ]]; then
+        case ${words[0]}:$prev in
+            inventory:--slot) return ;;
+            inventory:--dump | inventory:--from-dump) _kemdctl_files; return ;;
+        esac
+        if [[ $cur == -* ]]; then
+            _kemdctl_choose "$(_kemdctl_options "${words[0]-}" "${words[1]-}")"
+            return
+        fi
+    fi
+    case ${words[0]-}:${#words[@]} in
+        :0) _kemdctl_choose "check inventory registry status" ;;
+        registry:1) _kemdctl_choose "check delete export get import list restore set" ;;
+        registry:*) _kemdctl_registry "${words[@]:1}" "$cur" ;;
+    esac
+}
+
+complete -F _kemdctl kemdctl
