@@ -1,6 +1,7 @@
 // How long the daemon takes from execve to "Waiting for signals", less its one-second sleep, what
 // memory it holds then, and whether it is quiet while it waits. Runs /build/kemd in a private root.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -94,6 +95,7 @@ void Measure(const char* title, int rounds) {
 }  // namespace
 
 int main() {
+    umask(022);  // others must not be able to write the module directory
     std::filesystem::create_directories("/var/log/orvmon");
     std::filesystem::create_directories("/tmp/modules");
     setenv("LD_LIBRARY_PATH", "/build/lib", 1);

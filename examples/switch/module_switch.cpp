@@ -3,6 +3,7 @@
 #include <cxxabi.h>
 #include <dirent.h>
 #include <dlfcn.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,7 +12,9 @@
 #include <exception>
 #include <memory>
 
+#include "file_safety.h"
 #include "kemd/trace.h"
+#include "signal_mask.h"
 
 namespace {
 
@@ -43,9 +46,23 @@ void Report(const std::string& name, const char* what, const char* reason) {
     KemdMessage(kTag, "module %s %s: %s", name.c_str(), what, reason);
 }
 
+// Puts the signal mask back at the end of a call, however it ends, and says so.
+struct MaskGuard {
+    const std::string& name;
+    SignalMask mask;
+
+    explicit MaskGuard(const std::string& module) : name(module) {}
+    MaskGuard(const MaskGuard&) = delete;
+    MaskGuard& operator=(const MaskGuard&) = delete;
+    ~MaskGuard() {
+        if (mask.Restore()) Report(name, "changed the signal mask of the daemon", "put back");
+    }
+};
+
 // Calls into a module and says what it threw. A cancelled thread is not a failure.
 template <typename Call>
 bool CallModule(const std::string& name, const char* what, Call call) {
+    const MaskGuard guard(name);
     try {
         call();
         return true;
@@ -77,6 +94,15 @@ bool ModuleSwitch::LoadModules(ModuleLoadParams* params) {
               params->runMode, rescan ? 1 : 0);
     std::vector<std::string> names;
     if (!ListModules(directory, names)) return false;
+    const std::string reason = UnsafePath(directory);
+    if (!reason.empty()) {
+        KemdMessage(kTag, "no module is loaded: %s", reason.c_str());
+        return false;
+    }
+    // A module that cancels its caller would end the thread that the daemon lives on while the
+    // others run. Never switched back: a request that is pending would be obeyed then.
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    if (m_modules.empty()) m_threadsBefore = LiveThreads();
     for (const std::string& name : names) {
         if (!IsLoaded(name)) LoadModule(directory, name);
     }
@@ -99,6 +125,8 @@ bool ModuleSwitch::HasEntry(const KemdModule* entry) const {
 void ModuleSwitch::LoadModule(const std::string& directory, const std::string& name) {
     void* library = nullptr;
     const std::string path = directory + "/" + name;
+    const std::string unsafe = UnsafeModule(path);
+    if (!unsafe.empty()) return Report(name, "is left out", unsafe.c_str());
     // dlopen is declared not to throw, but an initialiser of the module may: the compiler must not
     // see whom it calls, or it leaves the handler out.
     void* (*volatile const open)(const char*, int) = dlopen;
@@ -114,7 +142,7 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
         dlclose(library);
         return;
     }
-    m_modules.push_back({name, library, entry, false, false});
+    m_modules.push_back({name, library, entry, false, false, {}});
     KemdTrace(kTag, 2, "module %s loaded", name.c_str());
 }
 
@@ -125,10 +153,12 @@ void ModuleSwitch::StartAllModules() {
 }
 
 void ModuleSwitch::StartModule(Module& module) {
+    const ThreadIds before = LiveThreads();
     int result = 0;
     module.started =
         CallModule(module.name, "failed to start", [&] { result = module.entry->start(); }) &&
         result == 0;
+    module.threads = Without(LiveThreads(), before);
     module.failed = !module.started;
     if (module.started) {
         KemdTrace(kTag, 2, "module %s started", module.name.c_str());
@@ -146,11 +176,32 @@ void ModuleSwitch::StopAllModules() {
     }
 }
 
+// Everything has been stopped, so a thread that was not there before the modules runs code of one
+// of them, or will return into it.
+bool ModuleSwitch::ThreadsAreLeft() const {
+    AwaitEnd(Without(LiveThreads(), m_threadsBefore));
+    const ThreadIds now = LiveThreads();
+    const ThreadIds left = Without(now, m_threadsBefore);
+    for (const pid_t thread : left) {
+        const auto owner =
+            std::find_if(m_modules.begin(), m_modules.end(), [&](const Module& module) {
+                return std::binary_search(module.threads.begin(), module.threads.end(), thread);
+            });
+        const bool known = owner != m_modules.end();
+        KemdMessage(kTag, "thread %d (%s) is left behind, it came up %s%s", thread,
+                    ThreadName(thread).c_str(), known ? "in the start of module " : "later",
+                    known ? owner->name.c_str() : "");
+    }
+    return !left.empty() || now.empty();
+}
+
 bool ModuleSwitch::UnloadModules(uint32_t /*options*/) {
     StopAllModules();
+    const bool keep = !m_modules.empty() && ThreadsAreLeft();
+    if (keep) KemdMessage(kTag, "threads of modules may still run: no module is unloaded");
     for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
         // What a failed start or stop left behind may still be running in there.
-        if (!module->failed) dlclose(module->library);
+        if (!module->failed && !keep) dlclose(module->library);
     }
     m_modules.clear();
     m_scanned = false;

@@ -1,8 +1,8 @@
 // The reference switch library: loads the extension modules of one directory and controls them.
 //
 // One bad module never stops the others: what cannot be loaded, has another interface version,
-// fails or throws is traced by name with the reason and left out. Called on the daemon's initial
-// thread.
+// fails or throws is traced by name with the reason and left out; so is one that others than root
+// may write. Called on the daemon's initial thread, which nobody can cancel from the first load on.
 #pragma once
 
 #include <string>
@@ -10,12 +10,15 @@
 
 #include "kemd/module.h"
 #include "kemd/module_switch.h"
+#include "live_threads.h"
 
 class ModuleSwitch : public IModuleSwitch {
   public:
     // Reads the directory at the first call, and again when a rescan is asked for: modules that
-    // came since are then added. False when the directory cannot be read.
+    // came since are then added. False when the directory cannot be read or others than root may
+    // write it.
     bool LoadModules(ModuleLoadParams* params) override;
+    // Stops what runs. While threads of modules are left, all modules stay in memory.
     bool UnloadModules(uint32_t options) override;
     // In the order of their names. Modules that run already are not started again.
     void StartAllModules() override;
@@ -30,13 +33,16 @@ class ModuleSwitch : public IModuleSwitch {
         const KemdModule* entry;
         bool failed;  // in start or stop
         bool started;
+        ThreadIds threads;  // that came up in its start
     };
 
     [[nodiscard]] bool IsLoaded(const std::string& name) const;
     [[nodiscard]] bool HasEntry(const KemdModule* entry) const;
     void LoadModule(const std::string& directory, const std::string& name);
     static void StartModule(Module& module);
+    [[nodiscard]] bool ThreadsAreLeft() const;
 
     bool m_scanned = false;
+    ThreadIds m_threadsBefore;      // there before the first module was loaded
     std::vector<Module> m_modules;  // sorted by name
 };

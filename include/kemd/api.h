@@ -10,3 +10,10 @@
 /* Lets the compiler check a printf-style call: the text's and the first value's argument number,
  * counted from 1 (in a C++ member function `this` is number 1). */
 #define KEMD_PRINTF(text, values) __attribute__((format(printf, text, values)))
+
+/* A statement about the binary interface that the compiler proves, in C and C++. */
+#ifdef __cplusplus
+#define KEMD_STATIC_ASSERT(condition, text) static_assert(condition, text)
+#else
+#define KEMD_STATIC_ASSERT(condition, text) _Static_assert(condition, text)
+#endif

@@ -11,6 +11,7 @@
  */
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "kemd/api.h"
@@ -28,6 +29,13 @@ struct KemdModule {
      * reboots, data is the address of an int32_t, 0 for halt and 6 for reboot. */
     void (*notify)(uint32_t code, const void* data);
 };
+
+/* The binary interface of this version; a later one gets a number of its own. */
+KEMD_STATIC_ASSERT(offsetof(struct KemdModule, version) == 0, "slot of version");
+KEMD_STATIC_ASSERT(offsetof(struct KemdModule, start) == 8, "slot of start");
+KEMD_STATIC_ASSERT(offsetof(struct KemdModule, stop) == 16, "slot of stop");
+KEMD_STATIC_ASSERT(offsetof(struct KemdModule, notify) == 24, "slot of notify");
+KEMD_STATIC_ASSERT(sizeof(struct KemdModule) == 32, "size of the module's object");
 
 #ifdef __cplusplus
 #define KEMD_MODULE                                         \

@@ -8,12 +8,7 @@
 
 #include <cstdint>
 
-// What was asked for on the command line; owned by the caller, lives across the call.
-struct ModuleLoadParams {
-    uint32_t flags;   // bit 0: force a rescan of the installed modules
-    int32_t runMode;  // one of RunMode
-};
-static_assert(sizeof(ModuleLoadParams) == 8);
+#include "kemd/module_switch_table.h"
 
 enum ModuleLoadFlags : uint32_t { kForceRescan = 1 };
 
@@ -29,8 +24,8 @@ enum ModuleNotification : uint32_t {
     kNotifyShutdown = 0x30000,  // the system halts or reboots; data: int32_t run level, 0 or 6
 };
 
-// The slot numbers of the virtual table are the binary interface: a table made by hand in C may
-// stand in for this class. Do not reorder, and add at the end only.
+// The slot numbers of the virtual table are the binary interface: the table of
+// kemd/module_switch_table.h may stand in for this class. Do not reorder, and add at the end only.
 class IModuleSwitch {
   public:
     virtual ~IModuleSwitch() = default;  // slots 0 and 1

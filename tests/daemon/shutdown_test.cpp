@@ -2,6 +2,7 @@
 #include <filesystem>
 
 #include "tests/daemon/daemon_test.h"
+#include "tests/modules.h"
 
 namespace {
 
@@ -117,7 +118,11 @@ TEST_F(DaemonTest, RingKeepsTheNewestRecordOfAKilledDaemon) {
 
 TEST_F(DaemonTest, ReferenceLibraryRunsTheExampleModules) {
     UseSwitch("reference");
-    m_environment["OV_MODULE_DIR"] = "/build/modules";
+    m_environment["OV_MODULE_DIR"] = kModules;
+    ClearModules();
+    for (const char* name : {"heartbeat", "notifications"}) {
+        AddModule("/build/modules/" + std::string(name) + ".so");
+    }
     WriteFile("/etc/orvmon/RunLevel", "6");
     const pid_t pid = Run();
     ASSERT_TRUE(WaitFor([this] { return Contains(Trace(), " heartbeat     beat "); }));

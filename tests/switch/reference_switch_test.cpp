@@ -1,8 +1,11 @@
 // The embedded switch library with good and bad modules.
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <filesystem>
+#include <thread>
 
+#include "tests/modules.h"
 #include "tests/switch/switch_test.h"
 
 namespace {
@@ -13,13 +16,13 @@ class ReferenceSwitchTest : public SwitchTest {
   protected:
     void SetUp() override {
         SwitchTest::SetUp();
+        // The thread sanitizer makes one of its own beside the first; it is no module's.
+        std::thread([] {}).join();
         Install("/build/lib/libswitch.so");
-        fs::remove_all("/tmp/modules");
-        fs::create_directories("/tmp/modules");
-        setenv("OV_MODULE_DIR", "/tmp/modules", 1);
+        ClearModules();
+        setenv("OV_MODULE_DIR", kModules, 1);
         ASSERT_TRUE(m_binding.Load());
     }
-    static void AddModule(const std::string& path) { fs::copy(path, "/tmp/modules"); }
 };
 
 TEST_F(ReferenceSwitchTest, ModulesStartInOrderAndStopInReverse) {
@@ -72,6 +75,7 @@ TEST_F(ReferenceSwitchTest, BadModulesAreNamedAndLeftOut) {
     AddModule("/build/modules/notifications.so");
     fs::create_symlink("notifications.so", "/tmp/modules/second_name.so");
     WriteFile("/tmp/modules/broken.so", "not a library");
+    MakeSafe("/tmp/modules/broken.so");
     ASSERT_TRUE(m_binding.LoadModules(&m_params));
     m_binding.pInterface->StartAllModules();
     m_binding.pInterface->NotifyModules(kNotifyStop, nullptr, 0);
@@ -94,6 +98,39 @@ TEST_F(ReferenceSwitchTest, BadModulesAreNamedAndLeftOut) {
     m_params.flags = kForceRescan;
     EXPECT_FALSE(m_binding.LoadModules(&m_params));
     EXPECT_TRUE(Contains(Trace(), "cannot read the module directory /tmp/modules (No such file"));
+}
+
+TEST_F(ReferenceSwitchTest, ModulesThatOthersMayWriteAreLeftOut) {
+    const auto mode = [](const std::string& path, int bits) {
+        fs::permissions(path, static_cast<fs::perms>(bits));
+    };
+    AddModule("/build/modules/heartbeat.so");
+    mode("/tmp/modules/heartbeat.so", 0664);
+    AddModule("/build/modules/notifications.so");
+    if (chown("/tmp/modules/notifications.so", 1000, 0) == 0) {  // a user namespace may lack it
+        ASSERT_TRUE(m_binding.LoadModules(&m_params));
+        EXPECT_TRUE(Contains(Trace(),
+                             "module notifications.so is left out: /tmp/modules/notifications.so "
+                             "may be written by others than root: owner 1000, mode 0755; wanted: "
+                             "owner 0, mode 0644 or 0755\n"));
+    }
+    // A safe file behind a link into a directory that is none.
+    fs::create_directories("/tmp/open");
+    fs::rename("/tmp/modules/notifications.so", "/tmp/open/notifications.so");
+    (void)!chown("/tmp/open/notifications.so", 0, 0);
+    mode("/tmp/open", 0777);
+    fs::create_symlink("/tmp/open/notifications.so", "/tmp/modules/link.so");
+    m_params.flags = kForceRescan;
+    ASSERT_TRUE(m_binding.LoadModules(&m_params));
+    EXPECT_TRUE(InOrder(Trace(), {"module heartbeat.so is left out: ", "heartbeat.so may be ",
+                                  "owner 0, mode 0664; wanted: owner 0, mode 0644 or 0755\n",
+                                  "module link.so is left out: /tmp/open/ may be written by others "
+                                  "than root: owner 0, mode 0777; wanted: owner 0, mode 0755\n"}));
+    mode("/tmp/modules", 0775);
+    EXPECT_FALSE(m_binding.LoadModules(&m_params));
+    EXPECT_TRUE(Contains(Trace(), "no module is loaded: /tmp/modules may be written by others"));
+    EXPECT_FALSE(Contains(Trace(), ".so loaded\n"));
+    fs::remove_all("/tmp/open");
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ CommandLine::CommandLine(int argc, char** argv) {
         } else {
             const size_t equals = word.find('=');
             const char* const value = equals != word.npos ? argv[i] + equals + 1 : nullptr;
-            options.push_back({word.substr(0, equals), value, words.size(), false});
+            options.push_back({word.substr(0, equals), value, words.size(), false, false});
         }
     }
 }
@@ -40,15 +40,28 @@ bool CommandLine::Has(std::string_view option) const {
 const char* CommandLine::TakeValue(std::string_view option) {
     const auto found = std::find_if(options.begin(), options.end(),
                                     [option](const Option& each) { return each.name == option; });
-    if (found == options.end()) return nullptr;
-    found->isTaken = true;
-    if (found->value != nullptr) return found->value;
-    const size_t position = found->position;
+    return found == options.end() ? nullptr : TakeValue(*found);
+}
+
+std::vector<const char*> CommandLine::TakeValues(std::string_view option) {
+    std::vector<const char*> values;
+    for (Option& each : options) {
+        if (each.name != option) continue;
+        each.mayRepeat = true;
+        values.push_back(TakeValue(each));
+    }
+    return values;
+}
+
+const char* CommandLine::TakeValue(Option& option) {
+    option.isTaken = true;
+    if (option.value != nullptr) return option.value;
+    const size_t position = option.position;
     if (position >= words.size()) return nullptr;
-    found->value = words[position];
+    option.value = words[position];
     words.erase(words.begin() + static_cast<std::ptrdiff_t>(position));
     for (Option& each : options) each.position -= each.position > position ? 1 : 0;
-    return found->value;
+    return option.value;
 }
 
 bool CommandLine::HasOnly(std::span<const std::string_view> known) const {
@@ -57,7 +70,9 @@ bool CommandLine::HasOnly(std::span<const std::string_view> known) const {
         const auto times =
             std::count_if(options.begin(), options.end(),
                           [&option](const Option& each) { return each.name == option.name; });
-        if (isKnown && times == 1 && (option.value == nullptr || option.isTaken)) continue;
+        if (isKnown && (times == 1 || option.mayRepeat) &&
+            (option.value == nullptr || option.isTaken))
+            continue;
         Complain("%s option %s",
                  !isKnown    ? "unknown"
                  : times > 1 ? "repeated"

@@ -9,6 +9,7 @@ enum ExitCode : int {
     kYes = 0,    // or done
     kNo = 1,     // not there, or findings
     kError = 2,  // usage, files, permissions
+    kNotRunning = 3,
 };
 
 // The command line, parted: options may stand anywhere, "--" ends them.
@@ -18,6 +19,7 @@ struct CommandLine {
         const char* value;  // behind a "="; null: none there
         size_t position;    // how many words stand before it
         bool isTaken;       // by TakeValue
+        bool mayRepeat;     // by TakeValues
     };
     std::vector<const char*> words;
     std::vector<Option> options;
@@ -27,11 +29,16 @@ struct CommandLine {
     // The value of an option, "--name=value" or "--name value", whose word is taken out; null when
     // there is neither.
     const char* TakeValue(std::string_view option);
-    // Whether all options are among these, each at most once, and with a value only if that was
-    // taken; complains when not.
+    // The same for an option that may be repeated: a value for each time, null where there is none.
+    std::vector<const char*> TakeValues(std::string_view option);
+    // Whether all options are among these, each at most once unless it may repeat, and with a value
+    // only if that was taken; complains when not.
     [[nodiscard]] bool HasOnly(std::span<const std::string_view> known) const;
     // The first word, which is taken out; empty when there is none.
     std::string_view TakeCommand();
+
+  private:
+    const char* TakeValue(Option& option);
 };
 
 // Writes "kemdctl: ", the text and a line feed to standard error. Names and data that come from

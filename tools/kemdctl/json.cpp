@@ -1,26 +1,52 @@
 #include "tools/kemdctl/json.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "tools/kemdctl/text.h"
 
-void JsonWriter::Text(std::string_view text) {
-    Separate();
-    std::string quoted = "\"";
+// Control characters are those below a blank, DEL, and U+0080 to U+009F.
+static bool IsControl(std::string_view character) {
+    const auto first = static_cast<unsigned char>(character[0]);
+    return first < 0x20 || first == 0x7f ||
+           (first == 0xc2 && static_cast<unsigned char>(character[1]) < 0xa0);
+}
+
+static bool IsPlain(char c) {
+    return c >= 0x20 && c < 0x7f && c != '"' && c != '\\';
+}
+
+void AppendJson(std::string& to, std::string_view text) {
+    to += '"';
     while (!text.empty()) {
+        const auto* const plainEnd = std::find_if_not(text.begin(), text.end(), IsPlain);
+        to.append(text.begin(), plainEnd);
+        text.remove_prefix(static_cast<size_t>(plainEnd - text.begin()));
+        if (text.empty()) break;
         const size_t length = Utf8Length(text);
-        const char first = text[0];
         if (length == 0) {
-            quoted += "\xef\xbf\xbd";
-        } else if (static_cast<unsigned char>(first) < 0x20) {
+            to += "\xef\xbf\xbd";
+        } else if (IsControl(text.substr(0, length))) {
             char code[8];
-            std::snprintf(code, sizeof code, "\\u%04x", static_cast<unsigned>(first));
-            quoted += code;
+            std::snprintf(code, sizeof code, "\\u%04x",
+                          static_cast<unsigned char>(text[length - 1]));
+            to += code;
         } else {
-            if (first == '"' || first == '\\') quoted += '\\';
-            quoted += text.substr(0, length);
+            if (length == 1 && (text[0] == '"' || text[0] == '\\')) to += '\\';
+            to += text.substr(0, length);
         }
         text.remove_prefix(length == 0 ? 1 : length);
     }
-    Write(quoted + '"');
+    to += '"';
+}
+
+std::string JsonQuoted(std::string_view text) {
+    std::string quoted;
+    AppendJson(quoted, text);
+    return quoted;
+}
+
+void JsonWriter::Text(std::string_view text) {
+    Separate();
+    Write(JsonQuoted(text));
 }

@@ -8,6 +8,11 @@
 
 #include "tools/kemdctl/command.h"
 
+// A text as JSON has it, in quotes. Bytes that are no UTF-8 become U+FFFD; control characters, also
+// those above ASCII, are escaped.
+void AppendJson(std::string& to, std::string_view text);
+std::string JsonQuoted(std::string_view text);
+
 class JsonWriter {
   public:
     // '{' or '['.
@@ -25,11 +30,15 @@ class JsonWriter {
         Write(":");
         m_needsComma = false;
     }
-    // Bytes that are no UTF-8 become U+FFFD.
+    // As JsonQuoted.
     void Text(std::string_view text);
     void Number(int64_t number) {
         Separate();
         Write(std::to_string(number));
+    }
+    void Flag(bool value) {
+        Separate();
+        Write(value ? "true" : "false");
     }
     // The line feed behind everything.
     void Finish() { Write("\n"); }

@@ -3,9 +3,11 @@
 #include <string>
 
 #include "daemon/version.h"
+#include "tools/kemdctl/check_command.h"
 #include "tools/kemdctl/command.h"
 #include "tools/kemdctl/inventory_command.h"
 #include "tools/kemdctl/registry_command.h"
+#include "tools/kemdctl/status_command.h"
 #include "tools/kemdctl/text.h"
 
 namespace {
@@ -16,8 +18,10 @@ struct Command {
     int (*run)(CommandLine& line);
 };
 constexpr Command kCommands[] = {
+    {"check", "look for what keeps kemd from working, and say what to do", RunCheck},
     {"inventory", "show the firmware's tables and which slot holds a PCI device", RunInventory},
     {"registry", "read, change, check and restore the suite's registry", RunRegistry},
+    {"status", "show whether kemd runs, its lock, its trace and its modules", RunStatus},
 };
 
 void WriteHelp() {
@@ -33,7 +37,8 @@ void WriteHelp() {
         "  --json      results as JSON, where a command has them\n"
         "\n"
         "Options may stand anywhere; -- ends them. Exit status: 0 yes or done, 1 no (not\n"
-        "there, findings), 2 an error, which is told on standard error.\n");
+        "there, findings), 2 an error, which is told on standard error, 3 (status only)\n"
+        "kemd does not run.\n");
 }
 
 int Run(CommandLine& line) {

@@ -29,24 +29,37 @@ bool WriteAll(int fd, std::string_view text) {
     return true;
 }
 
-int WriteOutputFile(const char* path, mode_t mode,
-                    const std::function<bool(const FileSink&)>& produce) {
+OutputFile::~OutputFile() {
+    const int saved = errno;
+    if (!m_name.empty()) unlink(m_name.c_str());
+    errno = saved;
+}
+
+bool OutputFile::Open() {
     struct stat status {};
     // Renaming would replace a device or a pipe.
-    if (stat(path, &status) == 0 && !S_ISREG(status.st_mode)) {
+    if (stat(m_path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-        return FileError("write", path);
+        return false;
     }
-    std::string name = std::string(path) + ".XXXXXX";
-    const UniqueFd file(mkostemp(name.data(), O_CLOEXEC));
-    if (!file.IsOpen()) return FileError("write", path);
-    const FileSink sink = [&file](std::string_view text) { return WriteAll(file.Get(), text); };
-    if (produce(sink) && fchmod(file.Get(), mode) == 0 && fsync(file.Get()) == 0 &&
-        rename(name.c_str(), path) == 0) {
-        return kYes;
+    std::string name = m_path + ".XXXXXX";
+    m_fd.Reset(mkostemp(name.data(), O_CLOEXEC));
+    if (m_fd.IsOpen()) m_name = name;
+    return m_fd.IsOpen();
+}
+
+bool OutputFile::Commit() {
+    if (fchmod(m_fd.Get(), m_mode) != 0 || fsync(m_fd.Get()) != 0 ||
+        rename(m_name.c_str(), m_path.c_str()) != 0) {
+        return false;
     }
-    const int error = errno;
-    unlink(name.c_str());
-    errno = error;
-    return FileError("write", path);
+    m_name.clear();
+    return true;
+}
+
+int WriteOutputFile(const char* path, mode_t mode,
+                    const std::function<bool(const FileSink&)>& produce) {
+    OutputFile file(path, mode);
+    const FileSink sink = [&file](std::string_view text) { return file.Write(text); };
+    return file.Open() && produce(sink) && file.Commit() ? kYes : FileError("write", path);
 }

@@ -4,7 +4,10 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <string>
 #include <string_view>
+
+#include "services/base/unique_fd.h"
 
 // "cannot <action> <path>: <why>" from errno; the exit code for it.
 int FileError(const char* action, const char* path);
@@ -12,8 +15,31 @@ int FileError(const char* action, const char* path);
 // Writes all of the text to a descriptor; false with errno.
 bool WriteAll(int fd, std::string_view text);
 
+// A file that is there whole or as it was: it is written beside its place and renamed.
+class OutputFile {
+  public:
+    OutputFile(std::string path, mode_t mode) : m_path(std::move(path)), m_mode(mode) {}
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+    // Without Commit, nothing is left.
+    ~OutputFile();
+
+    // The three return false with errno.
+    [[nodiscard]] bool Open();
+    [[nodiscard]] bool Write(std::string_view text) { return WriteAll(m_fd.Get(), text); }
+    [[nodiscard]] bool Commit();
+
+    [[nodiscard]] const char* Path() const { return m_path.c_str(); }
+    [[nodiscard]] int Get() const { return m_fd.Get(); }
+
+  private:
+    std::string m_path;
+    std::string m_name;  // while it is written; empty otherwise
+    mode_t m_mode;
+    UniqueFd m_fd;
+};
+
 using FileSink = std::function<bool(std::string_view)>;
-// Gives `produce` a sink for the content of the file, which is there whole or as it was: it is
-// written beside its place and renamed. kYes, or kError with a message.
+// Gives `produce` a sink for the content of an output file. kYes, or kError with a message.
 int WriteOutputFile(const char* path, mode_t mode,
                     const std::function<bool(const FileSink&)>& produce);

@@ -1,0 +1,140 @@
+// A module that misbehaves in one way, chosen by the build.
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <stdexcept>
+#include <thread>
+
+#include "kemd/event.h"
+#include "kemd/module.h"
+#include "kemd/trace.h"
+
+[[maybe_unused]] static constexpr const char* kTag = "misbehaving";
+
+#if defined(FAILS)
+static int Start() {
+    return 7;
+}
+static void Stop() {}
+
+#elif defined(THROWS)
+static int Start() {
+    throw std::runtime_error("not today");
+}
+static void Stop() {}
+
+#elif defined(LATE)  // its thread runs on for a while when stop has returned
+static EventHandle g_stop;
+static int Start() {
+    CreateEvent(g_stop, false, true, nullptr);
+    std::thread([] {
+        WaitForEvent(g_stop, kWaitForever);
+        usleep(300'000);
+        KemdTrace(kTag, 2, "late end of a thread");
+    }).detach();
+    return 0;
+}
+static void Stop() {
+    SetEvent(g_stop);
+}
+
+#elif defined(BLOCKS)
+static int Start() {
+    return 0;
+}
+static void Stop() {
+    KemdTrace(kTag, 2, "stop does not return");
+    for (;;) pause();
+}
+
+#elif defined(FORKS)
+static int Start() {
+    const pid_t child = fork();
+    while (child == 0) pause();
+    KemdTrace(kTag, 2, "child %d", child);
+    return 0;
+}
+static void Stop() {}
+
+#elif defined(LEAKS)
+static std::atomic<unsigned> g_beats{0};
+static int Start() {
+    std::thread([] {
+        pthread_setname_np(pthread_self(), "leaked");
+        for (;; ++g_beats) sched_yield();  // always about to return into this code
+    }).detach();
+    return 0;
+}
+static void Stop() {}
+
+#elif defined(MASK)
+static int Start() {
+    sigset_t signals{};
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    return 0;
+}
+static void Stop() {}
+
+#elif defined(CANCELS)
+static int Start() {
+    return pthread_cancel(pthread_self());
+}
+static void Stop() {}
+
+#elif defined(CLOSES)
+static int Start() {
+    for (int file = 3; file < 1024; ++file) close(file);
+    return 0;
+}
+static void Stop() {}
+
+#elif defined(DIES)
+static int Start() {
+    (void)signal(SIGSEGV, SIG_DFL);  // not a sanitizer's
+    return raise(SIGSEGV);
+}
+static void Stop() {}
+
+#elif defined(EXITS)
+static int Start() {
+    _exit(3);
+}
+static void Stop() {}
+
+#elif defined(CHANGES)  // whatever belongs to the whole process
+static EventHandle g_stop;
+static EventHandle g_ready;
+static std::thread g_thread;
+static void Work() {
+    sigset_t signals{};
+    sigaddset(&signals, SIGHUP);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    SetEvent(g_ready);
+    WaitForEvent(g_stop, kWaitForever);
+}
+static int Start() {
+    umask(0);
+    (void)!chdir("/tmp");
+    (void)!open("/etc", O_RDONLY | O_CLOEXEC);
+    (void)signal(SIGPIPE, SIG_DFL);
+    (void)signal(SIGALRM, [](int) {});
+    CreateEvent(g_stop, false, true, nullptr);
+    CreateEvent(g_ready, false, true, nullptr);
+    g_thread = std::thread(Work);
+    WaitForEvent(g_ready, kWaitForever);
+    return 0;
+}
+static void Stop() {
+    SetEvent(g_stop);
+    g_thread.join();
+}
+#endif
+
+KEMD_MODULE = {KEMD_MODULE_VERSION, Start, Stop, nullptr};

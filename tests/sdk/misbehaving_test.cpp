@@ -1,0 +1,120 @@
+// What a module that misbehaves does to the real daemon, beside a module that does not; and that
+// the next start is clean.
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "tests/daemon/daemon_test.h"
+#include "tests/modules.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class MisbehavingTest : public DaemonTest {
+  protected:
+    void SetUp() override {
+        DaemonTest::SetUp();
+        UseSwitch("reference");
+        m_environment["OV_MODULE_DIR"] = kModules;
+    }
+
+    static void Install(const std::string& kind) {
+        ClearModules();
+        AddModule("/build/modules/notifications.so");
+        if (!kind.empty()) AddModule("/test/misbehaving/" + kind + ".so");
+    }
+
+    // Until the daemon waits for signals, as the ring shows it: a module may close the log file.
+    pid_t RunTraced() {
+        for (const char* ring : {"/log.kemd_i", "/log.kemd_a"}) fs::remove(m_logDirectory + ring);
+        const pid_t pid = Start({"-n"});
+        EXPECT_TRUE(WaitFor([&] {
+            siginfo_t ended{};
+            waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT);
+            return ended.si_pid == pid ||
+                   Contains(RingText(m_logDirectory + "/log.kemd_a"), "Waiting for signals");
+        }));
+        return pid;
+    }
+
+    void ExpectCleanRestart() {
+        Install("");
+        const pid_t pid = RunTraced();
+        EXPECT_EQ(ReadFile(kLockFile), "kemd#" + std::to_string(pid)) << Complaints();
+        EXPECT_EQ(ReadFile(kPidFile), std::to_string(pid) + "\n");
+        EXPECT_EQ(Stop(pid), 0);
+        EXPECT_TRUE(InOrder(Trace(), {"module notifications.so started\n",
+                                      "module notifications.so stopped\n", "## EXIT PROCESS"}));
+        EXPECT_FALSE(fs::exists(kPidFile) || fs::exists(kLockFile));
+    }
+};
+
+TEST_F(MisbehavingTest, TheOthersRunOnAndTheStopIsOrderly) {
+    const std::string started = "module notifications.so started\n";
+    const std::string stopped = "module notifications.so stopped\n";
+    const std::string unloaded = "unload of all registered extension modules completed!\n";
+    const struct {
+        std::string kind;
+        std::vector<std::string> trace;
+    } cases[] = {
+        {"fails", {"module fails.so failed to start: result 7\n", started, stopped}},
+        {"throws", {started, "module throws.so failed to start: not today\n", stopped}},
+        {"late", {started, "module late.so stopped\n", "late end of a thread\n", unloaded}},
+        {"leaks",
+         {started, stopped, "module leaks.so stopped\n",
+          "(leaked) is left behind, it came up in the start of module leaks.so\n",
+          "threads of modules may still run: no module is unloaded\n", unloaded}},
+        {"mask",
+         {"module mask.so changed the signal mask of the daemon: put back\n", started, stopped}},
+        {"cancels", {"module cancels.so started\n", started, stopped, unloaded}},
+        {"closes", {started, stopped, "module closes.so stopped\n", unloaded}},
+        {"changes", {"module changes.so started\n", started, stopped, unloaded}},
+    };
+    for (const auto& [kind, trace] : cases) {
+        SCOPED_TRACE(kind);
+        Install(kind);
+        EXPECT_EQ(Stop(RunTraced()), 0);
+        EXPECT_TRUE(InOrder(Trace(), trace));
+        ExpectCleanRestart();
+    }
+}
+
+// A module that dies or ends the process takes the daemon along; what it leaves is no obstacle.
+TEST_F(MisbehavingTest, DeathLeavesNothingInTheWay) {
+    for (const auto& [kind, status] : {std::pair{"dies", 1000 + SIGSEGV}, {"exits", 3}}) {
+        SCOPED_TRACE(kind);
+        Install(kind);
+        EXPECT_EQ(WaitForExit(RunTraced()), status);
+        EXPECT_TRUE(fs::exists(kLockFile) && fs::exists(kPidFile));
+        ExpectCleanRestart();
+    }
+}
+
+TEST_F(MisbehavingTest, StopThatBlocksEndsWithAKill) {
+    Install("blocks");
+    const pid_t pid = RunTraced();
+    kill(pid, SIGTERM);
+    ASSERT_TRUE(WaitFor([this] { return Contains(Trace(), "stop does not return\n"); }));
+    kill(pid, SIGTERM);  // a second request changes nothing
+    EXPECT_EQ(kill(pid, 0), 0);
+    EXPECT_EQ(Stop(pid, SIGKILL), 1000 + SIGKILL);
+    EXPECT_TRUE(InOrder(Trace(), {"notifications.so stopped\n", "stop does not return\n"}));
+    ExpectCleanRestart();
+}
+
+TEST_F(MisbehavingTest, ChildThatLivesOnKeepsNoLock) {
+    Install("forks");
+    EXPECT_EQ(Stop(RunTraced()), 0);
+    const std::string text = "misbehaving   child ";
+    const std::string trace = Trace();
+    const size_t found = trace.find(text);
+    ASSERT_NE(found, std::string::npos);
+    const auto child = static_cast<pid_t>(std::stol(trace.substr(found + text.size())));
+    ExpectCleanRestart();
+    EXPECT_EQ(kill(child, 0), 0) << "it should still live";
+    EXPECT_EQ(Stop(child, SIGKILL), 1000 + SIGKILL);
+}
+
+}  // namespace

@@ -1,0 +1,219 @@
+// kemdctl status and check beside the real daemon, and in worlds where nothing or everything is
+// right.
+#include <sys/stat.h>
+
+#include "tests/daemon/daemon_test.h"
+#include "tests/tools/ctl.h"
+
+namespace fs = std::filesystem;
+
+constexpr const char* kTraceConfig = "/etc/norvik/OrvanaSuite/TraceConfig";
+constexpr const char* kRegistry =
+    "[HKEY_LOCAL_MACHINE]\n\n[HKEY_CURRENT_USER]\n\n[HKEY_USERS]\n\n[HKEY_CLASSES_ROOT]\n\n"
+    "[HKEY_CURRENT_CONFIG]\n\n\n";
+
+static std::string Process(pid_t pid) {
+    return "process " + std::to_string(pid);
+}
+
+// As root's file that nobody else may write, whoever built it.
+static void Install(const std::string& from, const std::string& to) {
+    umask(022);
+    WriteFile(to, ReadFile(from));
+}
+
+class StatusTest : public DaemonTest {
+  protected:
+    void UseModules() {
+        UseSwitch("reference");
+        fs::remove_all("/opt");
+        Install("/build/modules/counter.so", "/opt/modules/counter.so");
+        Install("/build/modules/heartbeat.so", "/opt/modules/heartbeat.so");
+        m_environment["OV_MODULE_DIR"] = "/opt/modules";
+        m_environment["PATH"] = "/usr/bin";  // the start-up ring is compressed
+    }
+};
+
+TEST_F(StatusTest, ForegroundWithModules) {
+    UseModules();
+    const pid_t pid = Run({"-ovupd", "-agentless", "-rescan"});
+    ASSERT_TRUE(fs::exists("/var/log/orvmon/log.kemd_i.gz"));
+    const Result status = Ctl("status");
+    EXPECT_EQ(status.code, 0) << status.err;
+    EXPECT_TRUE(InOrder(
+        status.out,
+        {"state:            running, " + Process(pid) + "\nsince: ",
+         "run mode:         5, agentless", "foreground, rescan",
+         "\"kemd#" + std::to_string(pid) + "\", held by " + Process(pid),
+         "process-id file:  " + Process(pid) + ", the daemon and holder", "/var/log/orvmon (by",
+         "trace level:      3\ntrace target:     2, ring buffer\n", "log.kemd, ", "wrapped 0 times",
+         "log.kemd_a, 1048576 bytes\n", "newest record:    20", " ago) in log.kemd",
+         "modules: ", "counter.so started, heartbeat.so started"}));
+    const std::string json = Ctl("status --json").out;
+    EXPECT_TRUE(InOrder(json, {"{\"running\":true,\"pid\":" + std::to_string(pid) + ",",
+                               "\"foreground\":true", "\"holder\":" + std::to_string(pid),
+                               "\"level\":3", "{\"file\":\"heartbeat.so\",\"state\":\"started\""}));
+    EXPECT_EQ(Stop(pid), 0);
+    const Result stopped = Ctl("status");
+    EXPECT_EQ(stopped.code, 3);
+    EXPECT_TRUE(
+        InOrder(stopped.out, {"state:            not running\nlock file:        not there\n",
+                              "process-id file:  not there\n", "heartbeat.so stopped"}));
+}
+
+TEST_F(StatusTest, BackgroundAndKilled) {
+    const pid_t starter = Start({"-ovins", "-agentless", "-ovins"});
+    EXPECT_EQ(WaitForExit(starter), 0);
+    const pid_t pid = PidFromFile();
+    ASSERT_TRUE(WaitForLog("Waiting for signals"));
+    Result status = Ctl("status");
+    EXPECT_EQ(status.code, 0);
+    EXPECT_TRUE(InOrder(status.out, {"7, OVINS, background\n", "\"kemd#" + std::to_string(starter) +
+                                                                   "\", held by " + Process(pid)}));
+    // A daemon that cannot write the file runs all the same.
+    fs::remove(kPidFile);
+    status = Ctl("status");
+    EXPECT_EQ(status.code, 0);
+    EXPECT_TRUE(
+        InOrder(status.out, {Process(pid), "process-id file:  not there, which is allowed"}));
+    // Without the name in the file system nobody can find the lock.
+    fs::rename(kLockFile, "/run/lock/other");
+    EXPECT_EQ(Ctl("status").code, 0);
+    EXPECT_TRUE(Contains(Ctl("check -q").out, "kemd.lock: not there although kemd runs"));
+    fs::rename("/run/lock/other", kLockFile);
+
+    WriteFile(kPidFile, std::to_string(pid) + "\n");
+    Kill(pid);
+    status = Ctl("status");
+    EXPECT_EQ(status.code, 3);
+    EXPECT_TRUE(InOrder(status.out, {"not running", "held by nobody", "which does not live"}));
+    EXPECT_TRUE(InOrder(Ctl("check").out, {"kemd.lock: left over, held by nobody: harmless",
+                                           "warning  /var/run/kemd.pid: " + Process(pid),
+                                           "-- rm /var/run/kemd.pid"}));
+    WriteFile(kPidFile, "1\n");
+    EXPECT_TRUE(
+        Contains(Ctl("status").out, "process 1, which is not the daemon but \"kemdctl_state"));
+    EXPECT_EQ(Ctl("status now").code, 2);
+}
+
+// What the files of a daemon long gone say, as far as it makes sense.
+TEST_F(StatusTest, TraceFiles) {
+    const auto line = [](const std::string& stamp, const std::string& text) {
+        return "2020-01-01 " + stamp + " [D82A0740]     3188 KB !" + text + "\n";
+    };
+    WriteFile("/var/log/orvmon/log.kemd",
+              line("10:00:00.000", "kemd          start") +
+                  line("10:00:03.000", "------ WRAP ----- Cycle=3, CntInitEnd=1") +
+                  line("10:00:04.000", "switch        module b.so failed to start: result 1") +
+                  line("10:00:02.000", "switch        module b.so loaded") + "2020-01-01 10:00");
+    std::string ring = line("09:00:00.000", "kemd          Trace Level                : 6") +
+                       line("09:00:00.000", "kemd          # End of header.") + "## TRACE-END ##\n";
+    ring.resize(2048, '\n');
+    ring += line("09:00:01.000", "kemd          ### Begin of RingBuffer. ###") +
+            line("10:00:05.000", "switch        module \x1b[2J.so stopped") +
+            "## TRACE-END ##\n\xff\xfe cut\n" +
+            line("09:59:00.000", "switch        module old.so loaded") + "......";
+    WriteFile("/var/log/orvmon/log.kemd_a", ring);
+    const std::string status = Ctl("status").out;
+    EXPECT_TRUE(InOrder(status, {"trace level:      6\n", "wrapped 3 times",
+                                 "newest record:    2020-01-01 10:00:05.000", "in log.kemd_a\n",
+                                 "modules:          \\x1b[2J.so stopped, b.so failed to start\n"}));
+    fs::remove("/var/log/orvmon/log.kemd_a");
+    EXPECT_TRUE(Contains(Ctl("status").out, "newest record:    2020-01-01 10:00:04.000"));
+}
+
+class CheckTest : public DaemonTest {
+  protected:
+    // Installed as a package does it.
+    void SetUp() override {
+        DaemonTest::SetUp();
+        fs::remove("/etc/orvmon/RunLevel");
+        fs::remove_all("/opt");
+        Install("/build/lib/libswitch.so", "/opt/lib/libswitch.so");
+        Install("/build/modules/heartbeat.so", "/opt/modules/heartbeat.so");
+        WriteFile("/etc/default/kemd",
+                  "# for kemd\nLD_LIBRARY_PATH=/opt/lib\nOV_MODULE_DIR=\"/opt/modules\"\n");
+        WriteFile("/etc/orvmon/registry.default", kRegistry);
+    }
+    void TearDown() override {
+        DaemonTest::TearDown();
+        fs::remove("/etc/default/kemd");
+        fs::remove_all(kTraceConfig);
+    }
+};
+
+TEST_F(CheckTest, NothingToMend) {
+    const Result result = Ctl("check");
+    EXPECT_EQ(result.code, 0) << result.out << result.err;
+    EXPECT_TRUE(InOrder(result.out,
+                        {"kemd.ini is accepted and supplies", "kemd is accepted, variables set: 2",
+                         "tracing is on at level 3", "/var/log/orvmon is there and safe",
+                         "/var/lock is there and safe", "libswitch.so, found by LD_LIBRARY_PATH",
+                         "heartbeat.so is a module and safe", "registry is not there: an older one",
+                         "registry.default is whole", "kemd.lock: not there", "RunLevel is not"}));
+    EXPECT_EQ(Ctl("check -q").out, "");
+    EXPECT_EQ(Ctl("check --json --quiet").out, "[]\n");
+    EXPECT_EQ(Ctl("check x").code, 2);
+}
+
+TEST_F(CheckTest, EverythingIsWrong) {
+    const std::string config = std::string(kTraceConfig) + "/";
+    WriteFile(config + "a.ini", "[kemd]\nFileDebugLevel = 1\n");
+    WriteFile(config + "kemd.ini",
+              "[kemd]\n# FileDebugLevel = 4\nFileDebugLevel = 2\nLevel = 1\nTraceFlags = on\n"
+              "RingBufferDirectory = trace\n[EndOfFile]\n");
+    WriteFile(config + "kemd.ini.old", "[KEMD]\n[endoffile]\n");
+    fs::create_directory(config + "z.ini");
+    WriteFile("/etc/default/kemd",
+              "export A=1\nLD_LIBRARY_PATH=/opt/modules::/opt/lib\nOV_MODULE_DIR=/opt/modules\n");
+    chmod("/etc/orvmon", 0775);
+    chmod("/opt/modules", 0777);
+    Install("/build/modules/heartbeat.so", "/opt/lib/libswitch.so");
+    WriteFile("/opt/modules/empty.so", "");
+    Install("/build/lib/libswitch.so", "/opt/modules/switch.so");
+    WriteFile("/etc/orvmon/registry", "[HKEY_USERS]\nx\n\n\n");
+    WriteFile("/etc/orvmon/RunLevel", "6\n");
+    const Result result = Ctl("check -q");
+    EXPECT_EQ(result.code, 1) << result.err;
+    for (const char* const finding :
+         {"error    /etc/norvik/OrvanaSuite/TraceConfig/a.ini is ignored: its last section is not",
+          "FileDebugLevel is taken from the line \"# FileDebugLevel = 4\", its value is \"4\"",
+          "the key \"Level\" is not known", "TraceFlags \"on\" is no number",
+          "RingBufferDirectory \"trace\" is no absolute path",
+          "kemd.ini.old is ignored: ", "z.ini is ignored: no regular file",
+          "/etc/default/kemd, line 1: not NAME=value", "level is 4, but there is no ring buffer",
+          "error    /etc/orvmon may be written by others", "-- chmod go-w /etc/orvmon\n",
+          "does not export SW_QueryInterface", "error    /opt/modules may be written",
+          "empty.so is no module: no ELF file", "switch.so does not export kemdModule",
+          "registry has 5 findings (line 2: no \"=\"",
+          "/etc/orvmon/RunLevel holds 6: the next plain stop"}) {
+        EXPECT_TRUE(Contains(result.out, finding)) << finding << " is not in\n" << result.out;
+    }
+    EXPECT_TRUE(Contains(Ctl("check --json").out,
+                         "{\"severity\":\"warning\",\"what\":\"/etc/orvmon/"
+                         "RunLevel holds 6"));
+    EXPECT_EQ(result.out.find("/opt/modules may"), result.out.rfind("/opt/modules may"));
+    fs::remove_all(kTraceConfig);
+    fs::create_directory(kTraceConfig);
+    EXPECT_TRUE(Contains(Ctl("check -q").out, "write its log to /log.kemd"));
+}
+
+// Cut anywhere or with its table anywhere, a library is broken and nothing worse.
+TEST_F(CheckTest, BrokenLibraries) {
+    const std::string library = ReadFile("/build/lib/libswitch.so");
+    std::vector<std::string> broken = {""};
+    for (const size_t size : {1, 63, 64, 4096}) broken.push_back(library.substr(0, size));
+    for (const size_t position : {5, 16, 18, 0x28, 0x2f, 0x3a, 0x3c}) {
+        broken.push_back(library);
+        broken.back()[position] = '\x7f';
+    }
+    for (const std::string& each : broken) {
+        WriteFile("/opt/lib/libswitch.so", each);
+        const Result result = Ctl("check -q");
+        EXPECT_EQ(result.code, 1);
+        EXPECT_TRUE(Contains(result.out, "error    ")) << result.out;
+        EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'),
+                  1 + (Contains(result.out, "is passed over") ? 1 : 0))
+            << result.out;
+    }
+}

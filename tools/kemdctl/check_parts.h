@@ -1,0 +1,25 @@
+// The parts of kemdctl check. Each adds what it finds, at least one finding.
+#pragma once
+
+#include "tools/kemdctl/daemon_environment.h"
+#include "tools/kemdctl/daemon_state.h"
+#include "tools/kemdctl/finding.h"
+
+// What makes a directory that the package has made.
+inline constexpr const char* kMakeDirectories = "systemd-tmpfiles --create kemd.conf";
+
+// check_trace_config.cpp: the configuration directory, its files, the file of variables, and what
+// the daemon makes of them all.
+void CheckTraceConfig(Findings& findings, const DaemonEnvironment& environment);
+// check_trace_section.cpp: the keys of one section, as the daemon finds them.
+void CheckTraceSection(Findings& findings, const std::string& path, std::string_view section,
+                       bool isGlobal);
+// check_directories.cpp
+void CheckDirectories(Findings& findings, const DaemonEnvironment& environment);
+// check_switch.cpp: the switch library and the modules.
+void CheckSwitchLibrary(Findings& findings, const DaemonEnvironment& environment);
+void CheckModules(Findings& findings, const DaemonEnvironment& environment);
+// check_registry_files.cpp
+void CheckRegistryFiles(Findings& findings);
+// check_leftovers.cpp: lock file, process-id file, run-level file.
+void CheckLeftovers(Findings& findings, const DaemonState& state);

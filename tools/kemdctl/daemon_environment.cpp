@@ -1,0 +1,95 @@
+#include "tools/kemdctl/daemon_environment.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <sstream>
+
+#include "tools/kemdctl/small_file.h"
+
+namespace {
+
+bool IsVariableName(std::string_view name) {
+    const auto isPart = [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; };
+    return !name.empty() && std::isdigit(static_cast<unsigned char>(name[0])) == 0 &&
+           std::all_of(name.begin(), name.end(), isPart);
+}
+
+std::string_view Trim(std::string_view text) {
+    constexpr std::string_view kBlanks = " \t\r";
+    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
+    return text.substr(0, text.find_last_not_of(kBlanks) + 1);
+}
+
+bool AddVariable(Variables& variables, std::string_view line) {
+    const size_t equals = line.find('=');
+    if (equals == line.npos || !IsVariableName(line.substr(0, equals))) return false;
+    std::string_view value = Trim(line.substr(equals + 1));
+    const bool isQuoted =
+        value.size() >= 2 && (value[0] == '"' || value[0] == '\'') && value.front() == value.back();
+    if (isQuoted) value = value.substr(1, value.size() - 2);
+    variables.insert_or_assign(std::string(line.substr(0, equals)), std::string(value));
+    return true;
+}
+
+}  // namespace
+
+const char* DaemonEnvironment::Find(std::string_view name) const {
+    const auto found = variables.find(name);
+    return found != variables.end() ? found->second.c_str() : nullptr;
+}
+
+bool ReadDefaultFile(Variables& variables, const std::function<void(size_t line)>& badLine) {
+    const auto text = ReadSmallFile(kDefaultFile);
+    if (!text) return false;
+    std::istringstream lines(*text);
+    size_t number = 0;
+    for (std::string raw; std::getline(lines, raw);) {
+        ++number;
+        const std::string_view line = Trim(raw);
+        if (line.empty() || line[0] == '#' || line[0] == ';') continue;
+        if (!AddVariable(variables, line)) badLine(number);
+    }
+    return true;
+}
+
+DaemonEnvironment ReadDaemonEnvironment(const DaemonState& state) {
+    DaemonEnvironment environment;
+    const auto own = state.daemon ? ReadProcessEnvironment(state.daemon->pid) : std::nullopt;
+    if (own) {
+        environment.source = "the environment of process " + std::to_string(state.daemon->pid);
+        for (const std::string& line : *own) {
+            const size_t equals = line.find('=');
+            if (equals == std::string::npos) continue;
+            environment.variables.emplace(line.substr(0, equals), line.substr(equals + 1));
+        }
+        return environment;
+    }
+    environment.error = state.daemon ? errno : 0;
+    const bool isThere = ReadDefaultFile(environment.variables, [](size_t) {});
+    environment.source = isThere ? kDefaultFile : "no variables";
+    if (environment.error != 0) environment.source += ", as kemd's own may not be read";
+    return environment;
+}
+
+TraceSettings::TraceSettings(const DaemonEnvironment& environment) {
+    for (const char* const name :
+         {"OV_LOG_DEBUG_LEVEL", "OV_LOG_DYNAMIC_UPDATE", "OV_LOG_FILE_MAX_SIZE",
+          "OV_LOG_NOHDR_TOSDTERR", "OV_LOG_RINGBUF_DIR", "OV_LOG_RINGBUF_WEIGHT",
+          "OV_LOG_RINGBUF_WEIGHT_KEMD", "TraceFileLimit"}) {
+        const char* const value = environment.Find(name);
+        if (value != nullptr) {
+            (void)setenv(name, value, 1);
+        } else {
+            (void)unsetenv(name);
+        }
+    }
+    ReadTraceConfig("kemd");
+}
+
+bool TraceSettings::HasRing() const {
+    const char* const own = std::getenv("OV_LOG_RINGBUF_WEIGHT_KEMD");
+    const long weight = own != nullptr ? std::strtol(own, nullptr, 10) : InForce().ringWeight;
+    return InForce().ringFactor != 0 && weight != 0;
+}

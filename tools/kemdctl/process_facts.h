@@ -1,0 +1,34 @@
+// What /proc tells everybody about processes, and which of them is the daemon. Nothing here fails:
+// what cannot be read is left out.
+#pragma once
+
+#include <sys/types.h>
+
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct ProcessFacts {
+    pid_t pid = 0;
+    pid_t parent = 0;
+    uid_t owner = 0;           // effective user
+    bool isAlive = false;      // one that has ended and waits for its parent is not
+    bool isVisible = false;    // false: /proc hides it, and all below is unknown
+    bool isContained = false;  // has process ids of its own, as in a container
+    std::string name;
+    std::optional<time_t> started;
+    std::vector<std::string> arguments;
+};
+
+ProcessFacts ReadProcess(pid_t pid);
+// A living process of root with the daemon's name that belongs to this system.
+bool IsDaemon(const ProcessFacts& process);
+
+std::vector<pid_t> ListProcesses();
+// The oldest daemon by its name, no child of one; 0: none.
+pid_t FindDaemon();
+
+// The variables NAME=value that the process was started with; nothing, with errno, when they may
+// not be read.
+std::optional<std::vector<std::string>> ReadProcessEnvironment(pid_t pid);

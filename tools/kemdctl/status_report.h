@@ -1,0 +1,22 @@
+// Shows what kemdctl status has found out.
+#pragma once
+
+#include <string>
+
+#include "tools/kemdctl/daemon_state.h"
+#include "tools/kemdctl/trace_facts.h"
+
+struct Status {
+    DaemonState state;
+    std::string traceDirectory;
+    std::string traceSource;  // of the variables that decide on it
+    TraceFacts trace;
+    time_t now = 0;
+
+    // Of the running daemon, or 0.
+    [[nodiscard]] pid_t Pid() const { return state.daemon ? state.daemon->pid : 0; }
+    [[nodiscard]] const TraceFileFacts& Ring() const { return trace.Ring(Pid()); }
+};
+
+void ShowStatus(const Status& status);
+void ShowStatusAsJson(const Status& status);

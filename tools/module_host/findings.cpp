@@ -1,0 +1,103 @@
+#include "tools/module_host/findings.h"
+
+#include <array>
+#include <csignal>
+#include <cstring>
+
+#include "daemon/wait_signals.h"
+
+namespace {
+
+constexpr SignalSet Bit(int signal) {
+    return SignalSet{1} << (signal - 1);
+}
+
+// "SIGTERM SIGHUP", and a number for a signal without a name.
+std::string Names(SignalSet signals) {
+    std::string names;
+    for (int signal = 1; signal <= 64; ++signal) {
+        if ((signals & Bit(signal)) == 0) continue;
+        const char* name = sigabbrev_np(signal);
+        names += names.empty() ? "" : " ";
+        names += name != nullptr ? std::string("SIG") + name : std::to_string(signal);
+    }
+    return names;
+}
+
+SignalSet DaemonSignals() {
+    const sigset_t waited = WaitSignals();
+    SignalSet signals = 0;
+    for (int signal = 1; signal <= 64; ++signal) {
+        if (sigismember(&waited, signal) == 1) signals |= Bit(signal);
+    }
+    return signals;
+}
+
+void Add(Findings& findings, const std::string& what, SignalSet signals) {
+    if (signals != 0) findings.push_back(what + Names(signals));
+}
+
+void CompareThreads(Findings& findings, pid_t caller, const ProcessView& before,
+                    const ProcessView& after) {
+    for (const auto& [id, thread] : after.threads) {
+        const auto known = before.threads.find(id);
+        const SignalSet was = known == before.threads.end() ? ~SignalSet{0} : known->second.blocked;
+        if (id != caller) {
+            Add(findings,
+                "thread " + std::to_string(id) + " (" + thread.name +
+                    ") does not block what only the daemon takes: ",
+                DaemonSignals() & was & ~thread.blocked);
+            continue;
+        }
+        Add(findings, "unblocked in the calling thread: ", was & ~thread.blocked);
+        Add(findings, "blocked in the calling thread: ", thread.blocked & ~was);
+    }
+}
+
+void CompareSignals(Findings& findings, const ProcessView& before, const ProcessView& after) {
+    const SignalSet ignored = Bit(SIGPIPE) | Bit(SIGIO);
+    Add(findings, "no longer ignored: ", before.ignored & ~after.ignored & ignored);
+    Add(findings, "handler installed, but only the daemon takes: ",
+        after.caught & ~before.caught & DaemonSignals());
+    Add(findings,
+        "ignored, so the daemon never sees: ", after.ignored & ~before.ignored & DaemonSignals());
+}
+
+void CompareFiles(Findings& findings, const ProcessView& before, const ProcessView& after,
+                  const char* what) {
+    for (const auto& [file, target] : before.files) {
+        const auto now = after.files.find(file);
+        if (now != after.files.end() && now->second == target) continue;
+        findings.push_back(what + std::to_string(file) + " (" + target + ")");
+    }
+}
+
+}  // namespace
+
+Findings Changes(pid_t process, const ProcessView& before, const ProcessView& after) {
+    Findings findings;
+    CompareThreads(findings, process, before, after);
+    CompareSignals(findings, before, after);
+    if (after.fileModeMask != before.fileModeMask) {
+        findings.push_back("file mode mask changed from " + before.fileModeMask + " to " +
+                           after.fileModeMask);
+    }
+    if (after.directory != before.directory) {
+        findings.push_back("working directory changed to " + after.directory);
+    }
+    return findings;
+}
+
+Findings LeftBehind(const ProcessView& first, const ProcessView& last) {
+    Findings findings;
+    CompareFiles(findings, first, last, "descriptor of the host closed or replaced: ");
+    for (const auto& [file, target] : last.files) {
+        if (first.files.contains(file)) continue;
+        findings.push_back("descriptor left open: " + std::to_string(file) + " (" + target + ")");
+    }
+    for (const auto& [id, name] : last.children) {
+        if (first.children.contains(id)) continue;
+        findings.push_back("process left behind: " + std::to_string(id) + " (" + name + ")");
+    }
+    return findings;
+}

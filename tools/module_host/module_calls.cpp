@@ -1,0 +1,123 @@
+#include "tools/module_host/module_calls.h"
+
+#include <cxxabi.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <thread>
+
+#include "daemon/startup.h"
+#include "kemd/exit_event.h"
+#include "kemd/module.h"
+#include "kemd/module_switch.h"
+
+namespace {
+
+struct Module {
+    void* library = nullptr;
+    const KemdModule* entry = nullptr;
+};
+
+void SetText(CallBoard& board, Outcome outcome, const char* text) {
+    board.outcome = outcome;
+    std::snprintf(board.text.data(), board.text.size(), "%s", text);
+}
+
+// What makes a library no module of this version; null when it is one.
+const char* Refuse(const KemdModule* entry) {
+    if (entry == nullptr) return "it does not export kemdModule";
+    if (entry->version != KEMD_MODULE_VERSION) return "its interface version is another";
+    if (entry->start == nullptr || entry->stop == nullptr) return "start or stop is missing";
+    return nullptr;
+}
+
+void Load(CallBoard& board, Module& module, const char* path) {
+    // dlopen is declared not to throw, but an initialiser of the module may: the compiler must not
+    // see whom it calls, or it leaves the handler out.
+    void* (*volatile const open)(const char*, int) = dlopen;
+    module.library = open(path, RTLD_NOW | RTLD_LOCAL);
+    if (module.library == nullptr) return SetText(board, Outcome::kNoModule, dlerror());
+    module.entry = static_cast<const KemdModule*>(dlsym(module.library, "kemdModule"));
+    const char* reason = Refuse(module.entry);
+    if (reason != nullptr) return SetText(board, Outcome::kNoModule, reason);
+    board.hasNotify = module.entry->notify != nullptr;
+}
+
+void Make(CallBoard& board, Module& module, const char* path) {
+    switch (board.call) {
+        case Call::kLoad:
+            return Load(board, module, path);
+        case Call::kStart:
+            board.result = module.entry->start();
+            return;
+        case Call::kNotifyStop:
+            return module.entry->notify(kNotifyStop, nullptr);
+        case Call::kNotifyShutdown:
+            return module.entry->notify(kNotifyShutdown, &board.runLevel);
+        case Call::kStop:
+            (void)SetEvent(ExitEvent());  // as the daemon has done by then
+            return module.entry->stop();
+        case Call::kUnload:
+            (void)dlclose(module.library);
+            return;
+        case Call::kNone:
+            return;
+    }
+}
+
+void MakeGuarded(CallBoard& board, Module& module, const char* path) {
+    const auto begin = std::chrono::steady_clock::now();
+    board.outcome = Outcome::kReturned;
+    try {
+        Make(board, module, path);
+        pthread_testcancel();  // a request that is pending is obeyed here, in sight
+    } catch (const std::exception& error) {
+        SetText(board, Outcome::kThrew, error.what());
+    } catch (...) {
+        if (abi::__cxa_current_exception_type() == nullptr) throw;  // the thread is ending
+        SetText(board, Outcome::kThrew, "an exception that is no std::exception");
+    }
+    board.nanoseconds = (std::chrono::steady_clock::now() - begin).count();
+}
+
+// Speaks for a thread that does not come back.
+struct LastWord {
+    CallBoard& board;
+
+    explicit LastWord(CallBoard& shared) : board(shared) {}
+    LastWord(const LastWord&) = delete;
+    LastWord& operator=(const LastWord&) = delete;
+    ~LastWord() {
+        board.outcome = Outcome::kEnded;
+        sem_post(&board.done);
+    }
+};
+
+void WaitForTurn(CallBoard& board) {
+    while (sem_wait(&board.go) != 0) {
+    }
+}
+
+}  // namespace
+
+void ServeCalls(CallBoard& board, const char* path) {
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+    PrepareProcess();
+    // Stands for the daemon's own files. Stays open, so nobody owns it.
+    (void)!open("/dev/null", O_RDWR | O_CLOEXEC);
+    // What the run-time makes for the first thread of a process is there before the module is.
+    std::thread([] {}).join();
+    const LastWord lastWord(board);
+    Module module;
+    for (;;) {
+        sem_post(&board.done);
+        WaitForTurn(board);
+        MakeGuarded(board, module, path);
+    }
+}

@@ -1,0 +1,167 @@
+#include "tools/module_host/walk.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+
+#include "tools/module_host/findings.h"
+#include "tools/module_host/module_process.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using State = ModuleProcess::State;
+
+constexpr double kSlowMs = 500;
+
+class Walk {
+  public:
+    Walk(const char* path, const WalkOptions& options)
+        : m_options(options), m_process(path), m_first(LookAt(m_process.Id())), m_last(m_first) {}
+
+    WalkResult Run();
+
+  private:
+    void RunStarted();
+    // True when the call returned in order.
+    bool Make(Call call, const char* name, const char* detail = "");
+    bool Judge(const char* name);
+    void Finding(const std::string& text);
+    void Look();
+    [[nodiscard]] Processes ThreadsLeft() const;
+    bool AwaitThreads();
+
+    const WalkOptions& m_options;
+    ModuleProcess m_process;
+    const ProcessView m_first;
+    ProcessView m_last;
+    bool m_over = false;  // the process is gone, or makes no further call
+    unsigned m_findings = 0;
+};
+
+void Walk::Finding(const std::string& text) {
+    std::printf("  ! %s\n", text.c_str());
+    std::fflush(stdout);
+    ++m_findings;
+}
+
+// What changed since the last look.
+void Walk::Look() {
+    ProcessView view = LookAt(m_process.Id());
+    if (!view.readable) return Finding("the process cannot be looked at any more");
+    for (const std::string& text : Changes(m_process.Id(), m_last, view)) Finding(text);
+    m_last = std::move(view);
+}
+
+bool Walk::Make(Call call, const char* name, const char* detail) {
+    const State state = m_process.MakeCall(call, m_options.timeout);
+    m_over = state != State::kWaiting;
+    if (state == State::kGone) Finding(m_process.EndText() + " in " + name);
+    if (state == State::kBlocked) {
+        Finding(std::string(name) + " has not returned within " +
+                std::to_string(m_options.timeout) + " s");
+    }
+    if (m_over) return false;
+    if (m_process.Board().outcome == Outcome::kNoModule) return false;
+    const double ms = static_cast<double>(m_process.Board().nanoseconds) / 1e6;
+    std::printf("%-8s %9.2f ms%s\n", name, ms, detail);
+    std::fflush(stdout);
+    if (ms > kSlowMs) Finding(std::string(name) + " takes long: everything else waits for it");
+    return Judge(name);
+}
+
+bool Walk::Judge(const char* name) {
+    const CallBoard& board = m_process.Board();
+    if (board.outcome == Outcome::kEnded) {
+        Finding("the calling thread was cancelled or ended itself in " + std::string(name));
+        m_over = true;
+        return false;
+    }
+    if (board.outcome == Outcome::kThrew) {
+        Finding("exception out of " + std::string(name) + ": " + board.text.data());
+    }
+    Look();
+    return board.outcome == Outcome::kReturned;
+}
+
+void Walk::RunStarted() {
+    if (!m_process.Pause(m_options.seconds)) {
+        m_over = true;
+        return Finding(m_process.EndText() + " while it ran");
+    }
+    std::printf("running  %9.2f ms\n", m_options.seconds * 1e3);
+    Look();
+    if (m_process.Board().hasNotify) {
+        (void)Make(Call::kNotifyStop, "notify", "  0x20000");
+        if (m_over) return;
+        if (m_options.runLevel) {
+            m_process.Board().runLevel = *m_options.runLevel;
+            (void)Make(Call::kNotifyShutdown, "notify",
+                       *m_options.runLevel == 0 ? "  0x30000, halt" : "  0x30000, reboot");
+            if (m_over) return;
+        }
+    }
+    if (Make(Call::kStop, "stop") && AwaitThreads()) (void)Make(Call::kUnload, "unload");
+}
+
+Processes Walk::ThreadsLeft() const {
+    Processes left;
+    for (const auto& [id, thread] : LookAt(m_process.Id()).threads) {
+        if (!m_first.threads.contains(id)) left[id] = thread.name;
+    }
+    return left;
+}
+
+// The switch library grants a thread that is on its way out a second. True when none is left.
+bool Walk::AwaitThreads() {
+    constexpr int kUnnoticedMs = 100;  // one that was joined stays listed for a moment
+    const auto begin = Clock::now();
+    Processes left = ThreadsLeft();
+    const Processes atFirst = left;
+    while (!left.empty() && Clock::now() < begin + std::chrono::seconds(1)) {
+        usleep(1000);
+        left = ThreadsLeft();
+    }
+    const auto ms =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count();
+    for (const auto& [id, name] : left.empty() ? atFirst : left) {
+        const std::string thread = "thread " + std::to_string(id) + " (" + name + ") ";
+        if (!left.empty()) {
+            Finding(thread + "is left after stop: the module stays in memory");
+        } else if (ms > kUnnoticedMs) {
+            Finding(thread + "ended only " + std::to_string(ms) + " ms after stop returned");
+        }
+    }
+    return left.empty();
+}
+
+WalkResult Walk::Run() {
+    if (!Make(Call::kLoad, "load")) {
+        if (m_over || m_process.Board().outcome != Outcome::kNoModule) return WalkResult::kFindings;
+        std::fprintf(stderr, "kemd-module-host: no module: %s\n", m_process.Board().text.data());
+        return WalkResult::kNoModule;
+    }
+    const bool returned = Make(Call::kStart, "start");
+    const int result = m_process.Board().result;
+    if (returned && result != 0) {
+        Finding("start failed with result " + std::to_string(result) + ": the module is left out");
+    }
+    if (returned && result == 0) {
+        RunStarted();
+    } else if (!m_over) {
+        (void)AwaitThreads();  // a module that failed is not unloaded
+    }
+    if (!m_over) {
+        for (const std::string& text : LeftBehind(m_first, LookAt(m_process.Id()))) Finding(text);
+    }
+    std::printf(m_findings == 0 ? "clean\n" : "%u finding(s)\n", m_findings);
+    return m_findings == 0 ? WalkResult::kClean : WalkResult::kFindings;
+}
+
+}  // namespace
+
+WalkResult WalkModule(const char* path, const WalkOptions& options) {
+    return Walk(path, options).Run();
+}
