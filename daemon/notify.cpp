@@ -33,12 +33,13 @@ bool Send(std::string_view name, std::string_view state) {
         return false;
     }
     const UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!socket.IsOpen()) return false;
     // The receiver may be busy at boot, and a lost word would count as a failed start; but nobody
     // may hold up a stop for ever.
     const timeval limit{5, 0};
     (void)setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-    return socket.IsOpen() && sendto(socket.Get(), state.data(), state.size(), MSG_NOSIGNAL,
-                                     reinterpret_cast<const sockaddr*>(&address), length) >= 0;
+    return sendto(socket.Get(), state.data(), state.size(), MSG_NOSIGNAL,
+                  reinterpret_cast<const sockaddr*>(&address), length) >= 0;
 }
 
 void Notify(std::string_view state) {

@@ -77,6 +77,12 @@ _kemdctl_options() {
     case $1:$2 in
         status:*) echo --json --help ;;
         check:*) echo --json --quiet -q --help ;;
+        trace:*)
+            echo --start --since --until --thread --tag --grep -g --exclude -v --ignore-case -i \
+                --lines -n --follow -f --wait-for --timeout --output -o --json --delta --gaps --raw \
+                --color --no-pager --quiet -q --count --stats --export --html --header --verify \
+                --last-run --collect --help
+            ;;
         inventory:*) echo --slot --dump --from-dump --json --help ;;
         registry:get) echo --expand --json --help ;;
         registry:list) echo -r --json --help ;;
@@ -110,6 +116,12 @@ _kemdctl() {
         case ${words[0]}:$prev in
             inventory:--slot) return ;;
             inventory:--dump | inventory:--from-dump) _kemdctl_files; return ;;
+            trace:--export | trace:--html | trace:--collect) _kemdctl_files; return ;;
+            trace:--output | trace:-o) _kemdctl_choose "full short json csv"; return ;;
+            trace:--color) _kemdctl_choose "auto always never"; return ;;
+            trace:--since | trace:--until) _kemdctl_choose "today yesterday now"; return ;;
+            trace:--thread | trace:--tag | trace:--grep | trace:-g | trace:--exclude | trace:-v) return ;;
+            trace:--lines | trace:-n | trace:--wait-for | trace:--timeout | trace:--gaps) return ;;
         esac
         if [[ $cur == -* ]]; then
             _kemdctl_choose "$(_kemdctl_options "${words[0]-}" "${words[1]-}")"
@@ -117,7 +129,8 @@ _kemdctl() {
         fi
     fi
     case ${words[0]-}:${#words[@]} in
-        :0) _kemdctl_choose "check inventory registry status" ;;
+        :0) _kemdctl_choose "check inventory registry status trace" ;;
+        trace:*) _kemdctl_files ;;
         registry:1) _kemdctl_choose "check delete export get import list restore set" ;;
         registry:*) _kemdctl_registry "${words[@]:1}" "$cur" ;;
     esac

@@ -12,7 +12,7 @@ TEST(InitScript, StartsAndStopsTheDaemon) {
     WriteProgram("/usr/sbin/runlevel", "echo N 2");
     WriteFile("/etc/os-release", "ID=debian\nVERSION_ID=12\n");
     WriteFile("/etc/default/kemd",
-              "LD_LIBRARY_PATH=/build/tests/switches/c\nOV_NICKNAME=\"MINE 1\"\n");
+              "LD_LIBRARY_PATH=/build/tests/switches/c\nOV_NICKNAME=\"SLES12\"\n'=\n");
     WriteFile("/etc/orvmon/RunLevel", "6\n");
     fs::remove_all("/var/log/orvmon");
     ConfigureTrace(1);
@@ -20,16 +20,17 @@ TEST(InitScript, StartsAndStopsTheDaemon) {
     EXPECT_EQ(Shell("/etc/init.d/kemd status"), 3);
     ASSERT_EQ(Shell("/etc/init.d/kemd start"), 0) << Output();
     const std::string first = ReadFile(kPidFile);
+    EXPECT_FALSE(fs::exists("/etc/orvmon/RunLevel"));  // which the last shutdown left
     EXPECT_EQ(Shell("/etc/init.d/kemd start"), 0);
     EXPECT_TRUE(Contains(Output(), "already running"));
     EXPECT_EQ(Shell("/etc/init.d/kemd status"), 0);
     EXPECT_EQ(Shell("/etc/init.d/kemd reload"), 2);
     EXPECT_EQ(Shell("/etc/init.d/kemd restart"), 0) << Output();
     EXPECT_NE(ReadFile(kPidFile), first);
-    // The leftover of the last shutdown is gone, so this is a plain stop.
+    fs::remove(kPidFile);  // it is found by its lock
     EXPECT_EQ(Shell("/etc/init.d/kemd stop"), 0) << Output();
     EXPECT_TRUE(InOrder(RingText("/var/log/orvmon/log.kemd_a"),
-                        {"we are runing on OS \"MINE 1\"\n", "Current RunLevel = "}));
+                        {"we are runing on OS \"SLES12\"\n", "Current RunLevel = 5\n"}));
     EXPECT_FALSE(fs::exists(kPidFile) || fs::exists("/var/lock/kemd.lock"));
 
     // A number that another process has is not the daemon's.

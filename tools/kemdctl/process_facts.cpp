@@ -59,13 +59,14 @@ std::optional<time_t> StartTime(pid_t pid) {
            static_cast<time_t>(seconds);
 }
 
-// By the program file, which only root sees, when a module renamed the thread.
+// By the program file, which only root sees: a module may rename the thread, and a script may have
+// the daemon's name.
 bool HasDaemonName(const ProcessFacts& process) {
-    if (process.name == kDaemonName) return true;
     std::string target(4096, '\0');
     const ssize_t length =
         readlink(ProcPath(process.pid, "exe").c_str(), target.data(), target.size());
-    target.resize(static_cast<size_t>(std::max<ssize_t>(length, 0)));
+    if (length < 0) return process.name == kDaemonName;
+    target.resize(static_cast<size_t>(length));
     constexpr std::string_view kReplaced = " (deleted)";  // by an upgrade
     if (target.ends_with(kReplaced)) target.resize(target.size() - kReplaced.size());
     return target.substr(target.rfind('/') + 1) == kDaemonName;
