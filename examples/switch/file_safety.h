@@ -1,15 +1,33 @@
-// Who could change what the daemon is about to load. Modules run as root, so whoever may write one
-// is root.
+// Who could change what the daemon is about to load. Modules run as root, so whoever may write one,
+// or put another one in its place, is root.
 //
-// Looked at before the file is opened, by its name: in a directory that only root may write nobody
-// else can put another file in its place meanwhile.
+// Looked at by names, before anything is opened: where only root may write, nobody else can change
+// meanwhile what a name stands for.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <string>
+#include <vector>
 
-// Empty when `path`, links followed, belongs to root and neither its group nor others may write it.
-// Else what was found and what is wanted; also when there is nothing to look at.
-std::string UnsafePath(const std::string& path);
+// A file, directory or symbolic link that others than root may change.
+struct PathFault {
+    std::string path;  // without links
+    struct stat status;
+};
 
-// The same for a module's file and for the directory that the file, links followed, lies in.
-std::string UnsafeModule(const std::string& path);
+// What a walk from / to a path met.
+struct PathReport {
+    std::string resolved;           // the path without links; those behind an error stay
+    int error = 0;                  // errno that ended the walk early; 0: it came to the end
+    struct stat status {};          // of the last file or directory that it came to
+    std::vector<PathFault> faults;  // on the way, from / on; none: all is in the hands of root
+};
+
+// Walks the path name by name and follows links, 40 at most. Each name belongs to root; what is no
+// link is writable by nobody else. A directory like /tmp, where nobody can move what belongs to
+// root, may be passed, but not be the end, unless `mayBeShared`, nor lack the next name.
+PathReport WalkPath(const std::string& path, bool mayBeShared = false);
+
+// Empty when the walk came to the end and met no fault. Else the one next to the end, or the error.
+std::string Unsafe(const PathReport& report);

@@ -94,7 +94,7 @@ bool ModuleSwitch::LoadModules(ModuleLoadParams* params) {
               params->runMode, rescan ? 1 : 0);
     std::vector<std::string> names;
     if (!ListModules(directory, names)) return false;
-    const std::string reason = UnsafePath(directory);
+    const std::string reason = Unsafe(WalkPath(directory));
     if (!reason.empty()) {
         KemdMessage(kTag, "no module is loaded: %s", reason.c_str());
         return false;
@@ -124,14 +124,16 @@ bool ModuleSwitch::HasEntry(const KemdModule* entry) const {
 
 void ModuleSwitch::LoadModule(const std::string& directory, const std::string& name) {
     void* library = nullptr;
-    const std::string path = directory + "/" + name;
-    const std::string unsafe = UnsafeModule(path);
+    // What was looked at is what is loaded, whatever becomes of a link meanwhile.
+    const PathReport file = WalkPath(directory + "/" + name);
+    const std::string unsafe = Unsafe(file);
     if (!unsafe.empty()) return Report(name, "is left out", unsafe.c_str());
     // dlopen is declared not to throw, but an initialiser of the module may: the compiler must not
     // see whom it calls, or it leaves the handler out.
     void* (*volatile const open)(const char*, int) = dlopen;
-    const bool returned = CallModule(name, "cannot be loaded",
-                                     [&] { library = open(path.c_str(), RTLD_NOW | RTLD_LOCAL); });
+    const bool returned = CallModule(name, "cannot be loaded", [&] {
+        library = open(file.resolved.c_str(), RTLD_NOW | RTLD_LOCAL);
+    });
     if (!returned) return;
     if (library == nullptr) return Report(name, "cannot be loaded", dlerror());
 

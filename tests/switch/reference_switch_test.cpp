@@ -124,12 +124,22 @@ TEST_F(ReferenceSwitchTest, ModulesThatOthersMayWriteAreLeftOut) {
     ASSERT_TRUE(m_binding.LoadModules(&m_params));
     EXPECT_TRUE(InOrder(Trace(), {"module heartbeat.so is left out: ", "heartbeat.so may be ",
                                   "owner 0, mode 0664; wanted: owner 0, mode 0644 or 0755\n",
-                                  "module link.so is left out: /tmp/open/ may be written by others "
+                                  "module link.so is left out: /tmp/open may be written by others "
                                   "than root: owner 0, mode 0777; wanted: owner 0, mode 0755\n"}));
     mode("/tmp/modules", 0775);
     EXPECT_FALSE(m_binding.LoadModules(&m_params));
     EXPECT_TRUE(Contains(Trace(), "no module is loaded: /tmp/modules may be written by others"));
+    mode("/tmp/modules", 0755);
+    mode("/tmp", 0777);
+    EXPECT_FALSE(m_binding.LoadModules(&m_params));
+    EXPECT_TRUE(Contains(Trace(), "no module is loaded: /tmp may be written by others"));
     EXPECT_FALSE(Contains(Trace(), ".so loaded\n"));
+    // Where nobody can move what is root's, it may lie.
+    mode("/tmp", 01777);
+    AddModule("/build/modules/heartbeat.so");
+    EXPECT_TRUE(m_binding.LoadModules(&m_params));
+    EXPECT_TRUE(Contains(Trace(), "module heartbeat.so loaded\n"));
+    mode("/tmp", 0755);
     fs::remove_all("/tmp/open");
 }
 

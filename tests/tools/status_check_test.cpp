@@ -16,9 +16,10 @@ static std::string Process(pid_t pid) {
     return "process " + std::to_string(pid);
 }
 
-// As root's file that nobody else may write, whoever built it.
+// On a host the files are writable for root alone, whatever the umask of who builds and tests.
+static const mode_t kInheritedUmask = umask(022);
+
 static void Install(const std::string& from, const std::string& to) {
-    umask(022);
     WriteFile(to, ReadFile(from));
 }
 
@@ -145,12 +146,13 @@ class CheckTest : public DaemonTest {
 TEST_F(CheckTest, NothingToMend) {
     const Result result = Ctl("check");
     EXPECT_EQ(result.code, 0) << result.out << result.err;
-    EXPECT_TRUE(InOrder(result.out,
-                        {"kemd.ini is accepted and supplies", "kemd is accepted, variables set: 2",
-                         "tracing is on at level 3", "/var/log/orvmon is there and safe",
-                         "/var/lock is there and safe", "libswitch.so, found by LD_LIBRARY_PATH",
-                         "heartbeat.so is a module and safe", "registry is not there: an older one",
-                         "registry.default is whole", "kemd.lock: not there", "RunLevel is not"}));
+    EXPECT_TRUE(InOrder(
+        result.out,
+        {"kemd.ini is accepted and supplies", "kemd is accepted, variables set: 2, and safe",
+         "tracing is on at level 3", "/var/log/orvmon is there and safe: owner 0, mode 0755",
+         "/var/lock is there and safe", "libswitch.so, found by LD_LIBRARY_PATH",
+         "heartbeat.so is a module and safe", "registry is not there: an older one",
+         "registry.default is whole", "kemd.lock: not there", "RunLevel is not"}));
     EXPECT_EQ(Ctl("check -q").out, "");
     EXPECT_EQ(Ctl("check --json --quiet").out, "[]\n");
     EXPECT_EQ(Ctl("check x").code, 2);
@@ -196,6 +198,69 @@ TEST_F(CheckTest, EverythingIsWrong) {
     fs::remove_all(kTraceConfig);
     fs::create_directory(kTraceConfig);
     EXPECT_TRUE(Contains(Ctl("check -q").out, "write its log to /log.kemd"));
+}
+
+// Who can put something else in the place of what root runs or reads is root.
+TEST_F(CheckTest, WhatOthersCouldReplace) {
+    for (const auto& [path, mode] : std::vector<std::pair<const char*, mode_t>>{
+             {"/opt/open", 0777}, {"/opt/shared", 01777}, {"/opt/sticky", 01777}}) {
+        fs::create_directory(path);
+        chmod(path, mode);
+    }
+    fs::create_symlink("../lib", "/opt/open/link");
+    fs::rename("/opt/modules", "/opt/sticky/modules");
+    WriteFile("/etc/default/kemd",
+              "LD_LIBRARY_PATH=/opt/open/link:/opt/shared/none:/opt/none\n"
+              "OV_MODULE_DIR=/opt/lib/../sticky/modules\n# don't\nA=\"it's\" #\nB='it\n");
+    chmod("/etc/default/kemd", 0664);
+    chmod((std::string(kTraceConfig) + "/kemd.ini").c_str(), 0666);
+    chmod("/var/log", 0775);
+    const bool isRealRoot = lchown("/opt/open/link", 1000, 0) == 0;  // a user namespace has no 1000
+    const Result result = Ctl("check");
+    chmod("/var/log", 0755);
+    EXPECT_EQ(result.code, 1) << result.err;
+    for (const char* const finding :
+         {"error    /opt/open may be written", "error    /opt/shared may be written",
+          "warning  /etc/default/kemd, line 5: a quote", "error    /etc/default/kemd may be",
+          "/TraceConfig/kemd.ini may be written", "error    /var/log may be", "-- chmod go-w /var",
+          "ok       /opt/lib/../sticky/modules/heartbeat.so is a module and safe"}) {
+        EXPECT_TRUE(Contains(result.out, finding)) << finding << " is not in\n" << result.out;
+    }
+    for (const char* const other :
+         {"/opt/none", "/opt/sticky may", "kemd, line 3", "kemd, line 4"}) {
+        EXPECT_FALSE(Contains(result.out, other)) << other << " is in\n" << result.out;
+    }
+    if (!isRealRoot) return;
+    EXPECT_TRUE(
+        Contains(result.out, "/opt/open/link belongs to user 1000 -- chown -h root:root /"));
+    WriteFile(kLockFile, "");
+    ASSERT_EQ(chown(kLockFile, 1000, 0), 0);
+    EXPECT_TRUE(InOrder(Ctl("check").out, {"kemd.lock: belongs to user 1000", "-- rm /var/lock/"}));
+    fs::remove(kLockFile);
+}
+
+// A set-uid program of an ordinary user, under the daemon's name.
+TEST_F(StatusTest, OfAnotherUser) {
+    Install("/bin/gzip", "/opt/user/kemd");
+    chmod("/opt/user/kemd", 0755);
+    int input[2];
+    ASSERT_EQ(pipe(input), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(input[0], STDIN_FILENO);
+        // A user namespace has no 1000.
+        if (setresuid(1000, 0, 0) == 0) execl("/opt/user/kemd", "kemd", "-c", nullptr);
+        _exit(1);
+    }
+    const std::string name = "/proc/" + std::to_string(pid) + "/comm";
+    ASSERT_TRUE(
+        WaitFor([&] { return ReadFile(name) == "kemd\n" || waitpid(pid, nullptr, WNOHANG) != 0; }));
+    WriteFile(kPidFile, std::to_string(pid) + "\n");
+    EXPECT_EQ(Ctl("status").code, 3);
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    for (const int end : input) close(end);
+    for (const char* const path : {"/opt/user", kPidFile}) fs::remove_all(path);
 }
 
 // Cut anywhere or with its table anywhere, a library is broken and nothing worse.

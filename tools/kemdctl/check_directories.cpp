@@ -1,16 +1,11 @@
 #include <sys/stat.h>
 
-#include <cerrno>
-#include <cstring>
-
 #include "tools/kemdctl/check_parts.h"
 #include "tools/kemdctl/file_safety.h"
 #include "tools/kemdctl/text.h"
 #include "trace/config_file.h"
 
 namespace {
-
-constexpr std::string_view kPackagedLogDirectory = "/var/log/orvmon";
 
 void CheckLogDirectory(Findings& findings, const std::string& directory) {
     if (directory.empty()) return;  // told with the configuration
@@ -19,21 +14,21 @@ void CheckLogDirectory(Findings& findings, const std::string& directory) {
                                     "\" is no absolute path: it depends on where kemd is started",
                                 "give one that begins with /");
     }
-    const bool isPackaged = directory == kPackagedLogDirectory;
-    CheckDirectory(findings, directory,
-                   isPackaged ? kMakeDirectories : "install -d -m 755 " + Printable(directory));
+    CheckDirectory(findings, directory);
 }
 
 }  // namespace
 
 void CheckDirectories(Findings& findings, const DaemonEnvironment& environment) {
     CheckLogDirectory(findings, TraceSettings(environment).InForce().logDirectory.Get());
-    CheckDirectory(findings, "/etc/orvmon", kMakeDirectories);
+    CheckDirectory(findings, "/etc/orvmon");
     struct stat status {};
     if (stat(kTraceConfigDirectory, &status) == 0 && S_ISDIR(status.st_mode)) {
-        CheckDirectory(findings, kTraceConfigDirectory, kMakeDirectories);
+        CheckDirectory(findings, kTraceConfigDirectory);
+    } else {
+        (void)CheckInRootsHands(findings, kTraceConfigDirectory, true);
     }
     // Without it a start fails as if another instance ran.
-    CheckDirectory(findings, "/var/lock", kMakeDirectories, true);
-    CheckDirectory(findings, "/var/run", "install -d -m 755 /run && ln -sfn /run /var/run");
+    CheckDirectory(findings, "/var/lock", true);
+    CheckDirectory(findings, "/var/run");
 }

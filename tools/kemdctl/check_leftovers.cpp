@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -10,7 +12,20 @@ namespace {
 
 constexpr const char* kRunLevelFile = "/etc/orvmon/RunLevel";
 
+// Where the directory is open for all, anybody may have made the file. With fs.protected_regular,
+// or a link with fs.protected_symlinks, root itself then cannot open it for writing.
+bool IsForeignLock(Findings& findings, const DaemonState& state) {
+    struct stat status {};
+    if (lstat(kLockFile, &status) != 0 || status.st_uid == 0) return false;
+    const std::string mend = std::string("rm ") + kLockFile;
+    findings.Error(std::string(kLockFile) + ": belongs to user " + std::to_string(status.st_uid) +
+                       ": kemd may take it for the lock of another instance and not start",
+                   state.daemon ? "stop kemd; " + mend : mend);
+    return true;
+}
+
 void CheckLock(Findings& findings, const DaemonState& state) {
+    if (IsForeignLock(findings, state)) return;
     const LockFacts& lock = state.lock;
     const std::string shown = std::string(kLockFile) + ": ";
     if (lock.error != 0) return findings.CannotLook(kLockFile, lock.error);

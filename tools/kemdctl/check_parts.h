@@ -5,12 +5,11 @@
 #include "tools/kemdctl/daemon_state.h"
 #include "tools/kemdctl/finding.h"
 
-// What makes a directory that the package has made.
-inline constexpr const char* kMakeDirectories = "systemd-tmpfiles --create kemd.conf";
-
 // check_trace_config.cpp: the configuration directory, its files, the file of variables, and what
 // the daemon makes of them all.
 void CheckTraceConfig(Findings& findings, const DaemonEnvironment& environment);
+// check_default_file.cpp: the file of variables.
+void CheckDefaultFile(Findings& findings);
 // check_trace_section.cpp: the keys of one section, as the daemon finds them.
 void CheckTraceSection(Findings& findings, const std::string& path, std::string_view section,
                        bool isGlobal);

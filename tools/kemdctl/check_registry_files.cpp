@@ -34,7 +34,7 @@ void CheckFile(Findings& findings, const char* path, const std::string& mend) {
     } else if (count > 0) {
         findings.Error(shown + " has " + std::to_string(count) + " findings (" + first + ")",
                        "kemdctl registry check " + shown + "; " + mend);
-    } else if (CheckOwnerAndMode(findings, shown)) {
+    } else if (CheckInRootsHands(findings, shown)) {
         findings.Ok(shown + " is whole");
     }
 }

@@ -1,5 +1,4 @@
 #include <dirent.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -28,7 +27,8 @@ void CheckExports(Findings& findings, const std::string& shown, const ElfExports
     }
 }
 
-// Whoever may write into one of these directories can put a library there.
+// Whoever may write into one of these directories, or make one that is missing, can put a library
+// there.
 void CheckSearchPath(Findings& findings, std::string_view path) {
     while (!path.empty()) {
         const size_t end = path.find_first_of(":;");
@@ -37,8 +37,8 @@ void CheckSearchPath(Findings& findings, std::string_view path) {
             findings.Error("LD_LIBRARY_PATH names \"" + Printable(directory) +
                                "\", which is wherever kemd is started",
                            "give absolute paths, and no empty one");
-        } else if (access(directory.c_str(), F_OK) == 0) {
-            (void)CheckOwnerAndMode(findings, directory);
+        } else {
+            (void)CheckInRootsHands(findings, directory, true);
         }
         // An end of ":" is an empty path as well.
         path = end == path.npos ? "" : end + 1 == path.size() ? "." : path.substr(end + 1);
@@ -66,7 +66,7 @@ void CheckModule(Findings& findings, const std::string& path) {
     } else if (!exports.Has("kemdModule")) {
         findings.Warning(shown + " does not export kemdModule: it is left out",
                          "replace or remove it");
-    } else if (CheckCode(findings, path)) {
+    } else if (CheckInRootsHands(findings, path)) {
         findings.Ok(shown + " is a module and safe");
     }
 }
@@ -89,7 +89,7 @@ void CheckSwitchLibrary(Findings& findings, const DaemonEnvironment& environment
                 "replace or remove it");
         }
         CheckExports(findings, shown, exports);
-        if (CheckCode(findings, place.path)) {
+        if (CheckInRootsHands(findings, place.path)) {
             findings.Ok(shown + ", found by " + place.reason + ", is a shared library and safe");
         }
         return;
@@ -106,10 +106,11 @@ void CheckModules(Findings& findings, const DaemonEnvironment& environment) {
     const std::string shown = Printable(directory);
     if (!names && errno != ENOENT && errno != ENOTDIR) return findings.CannotLook(directory, errno);
     if (!names) {
+        (void)CheckInRootsHands(findings, directory, true);
         return findings.Warning("there is no module directory " + shown,
                                 "install -d -m 755 " + shown);
     }
-    CheckDirectory(findings, directory, "install -d -m 755 " + shown);
+    CheckDirectory(findings, directory);
     if (names->empty()) findings.Ok(shown + " holds no module");
     for (const std::string& name : *names) {
         std::string path = directory;

@@ -5,6 +5,7 @@
 
 #include "services/base/regular_file.h"
 #include "tools/kemdctl/check_parts.h"
+#include "tools/kemdctl/file_safety.h"
 #include "tools/kemdctl/text.h"
 #include "trace/config_file.h"
 #include "trace/config_text.h"
@@ -49,6 +50,8 @@ void CheckFile(Findings& findings, const std::string& name, std::string& supplie
     const std::string path = std::string(kTraceConfigDirectory) + "/" + name;
     const std::string shown = Printable(path);
     const auto text = Accept(findings, path);
+    // Who can write it chooses the directory that kemd writes into.
+    (void)CheckInRootsHands(findings, path, true);
     if (!text) return;
     if (name == kGlobalName) CheckGlobalFile(findings, path, *text);
     const auto section = FindConfigSection(*text, kModule);
@@ -64,19 +67,6 @@ void CheckFile(Findings& findings, const std::string& name, std::string& supplie
             "the section [kemd] of " + shown + " is ignored: " + supplier + " comes first",
             "keep one of them; a name counts when it holds \".ini\" anywhere");
     }
-}
-
-void CheckVariables(Findings& findings) {
-    Variables variables;
-    const bool isRead = ReadDefaultFile(variables, [&findings](size_t line) {
-        findings.Warning(
-            std::string(kDefaultFile) + ", line " + std::to_string(line) + ": not NAME=value",
-            "mend or remove the line; no \"export\", no blanks around the =");
-    });
-    if (!isRead && errno != ENOENT) return findings.CannotLook(kDefaultFile, errno);
-    findings.Ok(std::string(kDefaultFile) +
-                (isRead ? " is accepted, variables set: " + std::to_string(variables.size())
-                        : " is not there, which is allowed"));
 }
 
 void CheckSettings(Findings& findings, const DaemonEnvironment& environment) {
@@ -97,8 +87,7 @@ void CheckTraceConfig(Findings& findings, const DaemonEnvironment& environment) 
     if (!names && error == ENOENT) {
         findings.Ok(directory + " is not there: variables and defaults apply");
     } else if (!names && error == ENOTDIR) {
-        findings.Error(directory + " is no directory",
-                       "remove it; " + std::string(kMakeDirectories));
+        findings.Error(directory + " is no directory", "remove it and install the package again");
     } else if (!names) {
         findings.CannotLook(directory, error);
     } else if (names->empty()) {
@@ -112,6 +101,6 @@ void CheckTraceConfig(Findings& findings, const DaemonEnvironment& environment) 
     if (names) {
         for (const std::string& name : *names) CheckFile(findings, name, supplier);
     }
-    CheckVariables(findings);
+    CheckDefaultFile(findings);
     CheckSettings(findings, environment);
 }

@@ -1,90 +1,59 @@
 #include "tools/kemdctl/file_safety.h"
 
-#include <sys/stat.h>
-
+#include <array>
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <set>
+#include <cstdio>
 
+#include "examples/switch/file_safety.h"
 #include "tools/kemdctl/text.h"
 
 namespace {
 
-// The path without symbolic links; empty, with errno, when there is nothing.
-std::string Resolve(const std::string& path) {
-    const std::unique_ptr<char, void (*)(void*)> resolved(realpath(path.c_str(), nullptr),
-                                                          std::free);
-    return resolved ? resolved.get() : "";
+void TellFaults(Findings& findings, const PathReport& report) {
+    for (const auto& [path, status] : report.faults) {
+        const std::string shown = Printable(path);
+        const bool isLink = S_ISLNK(status.st_mode);
+        if (status.st_uid != 0) {
+            findings.Error(shown + " belongs to user " + std::to_string(status.st_uid),
+                           (isLink ? "chown -h root:root " : "chown root:root ") + shown);
+        }
+        if (!isLink && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+            findings.Error(shown + " may be written by others than root", "chmod go-w " + shown);
+        }
+    }
 }
 
-std::string DirectoryOf(const std::string& path) {
-    const size_t slash = path.rfind('/');
-    return slash == 0 || slash == path.npos ? "/" : path.substr(0, slash);
-}
-
-// Adds an absolute path and all directories above it.
-void AddChain(std::set<std::string>& chain, std::string path) {
-    while (!path.empty() && chain.insert(path).second && path != "/") path = DirectoryOf(path);
+std::string OwnerAndMode(const struct stat& status) {
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "owner %u, mode %04o", status.st_uid,
+                  status.st_mode & 07777U);
+    return text.data();
 }
 
 }  // namespace
 
-bool CheckOwnerAndMode(Findings& findings, const std::string& path, bool isShared) {
-    struct stat status {};
-    if (stat(path.c_str(), &status) != 0) {
-        findings.CannotLook(path, errno);
-        return false;
-    }
+bool CheckDirectory(Findings& findings, const std::string& path, bool isShared) {
+    const PathReport report = WalkPath(path, isShared);
     const std::string shown = Printable(path);
-    const bool isSticky = S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
-    const bool isOpen = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !(isShared && isSticky);
-    if (status.st_uid != 0) {
-        findings.Error(shown + " belongs to user " + std::to_string(status.st_uid),
-                       "chown root:root " + shown);
+    const std::string make = "install -d -m 755 " + Printable(report.resolved);
+    TellFaults(findings, report);
+    if (report.error == ENOENT) {
+        findings.Error(shown + " is missing", make);
+    } else if (report.error == ENOTDIR || (report.error == 0 && !S_ISDIR(report.status.st_mode))) {
+        findings.Error(shown + " is no directory", "remove what is in its place; " + make);
+    } else if (report.error != 0) {
+        findings.CannotLook(path, report.error);
+    } else if (report.faults.empty()) {
+        findings.Ok(shown + " is there and safe: " + OwnerAndMode(report.status));
+        return true;
     }
-    if (isOpen) {
-        findings.Error(shown + " may be written by others than root", "chmod go-w " + shown);
-    }
-    return status.st_uid == 0 && !isOpen;
+    return false;
 }
 
-bool CheckDirectory(Findings& findings, const std::string& path, const std::string& make,
-                    bool isShared) {
-    const std::string resolved = Resolve(path);
-    struct stat status {};
-    if (resolved.empty() || stat(resolved.c_str(), &status) != 0) {
-        if (errno == ENOENT) {
-            findings.Error(Printable(path) + " is missing", make);
-        } else {
-            findings.CannotLook(path, errno);
-        }
-        return false;
-    }
-    if (!S_ISDIR(status.st_mode)) {
-        findings.Error(Printable(path) + " is no directory", "remove it; " + make);
-        return false;
-    }
-    if (!CheckOwnerAndMode(findings, resolved, isShared)) return false;
-    findings.Ok(Printable(path) + " is there and safe");
-    return true;
-}
-
-bool CheckCode(Findings& findings, const std::string& path) {
-    const std::string resolved = Resolve(path);
-    if (resolved.empty()) {
-        findings.CannotLook(path, errno);
-        return false;
-    }
-    // Where it really is, and where the link to it stands. A directory like /tmp is safe here: what
-    // belongs to root in it, nobody else can move.
-    std::set<std::string> chain;
-    AddChain(chain, resolved);
-    AddChain(chain, Resolve(DirectoryOf(path)));
-    bool isSafe = true;
-    for (const std::string& each : chain) {
-        isSafe = CheckOwnerAndMode(findings, each, each != resolved) && isSafe;
-    }
-    return isSafe;
+bool CheckInRootsHands(Findings& findings, const std::string& path, bool mayBeMissing) {
+    const PathReport report = WalkPath(path);
+    TellFaults(findings, report);
+    const bool isMissing = report.error == ENOENT || report.error == ENOTDIR;
+    if (report.error != 0 && !(isMissing && mayBeMissing)) findings.CannotLook(path, report.error);
+    return report.error == 0 && report.faults.empty();
 }

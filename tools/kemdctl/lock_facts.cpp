@@ -61,11 +61,12 @@ void LookAtTable(const char* path, const struct stat& file, LockFacts& lock) {
 // also when the table is silent, as it is about a process that took a lock, left it to its child
 // and ended, seen from inside of a container.
 bool HoldsLock(const std::string& process, const std::string& descriptor, const struct stat& file) {
-    struct stat open {};
-    if (stat((process + "/fd/" + descriptor).c_str(), &open) != 0) return false;
-    if (open.st_dev != file.st_dev || open.st_ino != file.st_ino) return false;
+    // First, as stat on a descriptor of a network mount that is dead never returns.
     const auto info = ReadSmallFile(process + "/fdinfo/" + descriptor);
-    return info && info->find("FLOCK") != std::string::npos;
+    if (!info || info->find("FLOCK") == std::string::npos) return false;
+    struct stat open {};
+    return stat((process + "/fd/" + descriptor).c_str(), &open) == 0 &&
+           open.st_dev == file.st_dev && open.st_ino == file.st_ino;
 }
 
 void LookAtProcess(pid_t pid, const struct stat& file, LockFacts& lock) {

@@ -88,12 +88,9 @@ ProcessFacts ReadProcess(pid_t pid) {
     process.isAlive = !state.starts_with('Z') && !state.starts_with('X');
     process.name = StatusField(*status, "Name");
     process.parent = static_cast<pid_t>(std::atol(StatusField(*status, "PPid").c_str()));
-    // Real, effective, saved, file system.
-    const std::string users = StatusField(*status, "Uid");
-    const size_t effective = users.find('\t');
-    if (effective != std::string::npos) {
-        process.owner = static_cast<uid_t>(std::strtoul(users.c_str() + effective, nullptr, 10));
-    }
+    // Real, effective, saved, file system. A set-uid program of an ordinary user has only the
+    // second.
+    process.isRoots = StatusField(*status, "Uid").starts_with("0\t0\t");
     process.isContained = StatusField(*status, "NSpid").find('\t') != std::string::npos;
     process.started = StartTime(pid);
     process.arguments = SplitAtNul(ReadSmallFile(ProcPath(pid, "cmdline")).value_or(""));
@@ -101,7 +98,7 @@ ProcessFacts ReadProcess(pid_t pid) {
 }
 
 bool IsDaemon(const ProcessFacts& process) {
-    return process.isAlive && process.isVisible && process.owner == 0 && !process.isContained &&
+    return process.isAlive && process.isVisible && process.isRoots && !process.isContained &&
            HasDaemonName(process);
 }
 

@@ -12,7 +12,7 @@
 struct ProcessFacts {
     pid_t pid = 0;
     pid_t parent = 0;
-    uid_t owner = 0;           // effective user
+    bool isRoots = false;      // its real and its effective user are root
     bool isAlive = false;      // one that has ended and waits for its parent is not
     bool isVisible = false;    // false: /proc hides it, and all below is unknown
     bool isContained = false;  // has process ids of its own, as in a container

@@ -94,7 +94,7 @@ int Walk(const char* module, const WalkOptions& options) {
         std::fprintf(stderr, "kemd-module-host: %s: %s\n", module, std::strerror(errno));
         return kUsageStatus;
     }
-    const std::string unsafe = UnsafePath(path.get());
+    const std::string unsafe = Unsafe(WalkPath(path.get()));
     if (!unsafe.empty()) std::fprintf(stderr, "note: a host would refuse it: %s\n", unsafe.c_str());
     switch (WalkModule(path.get(), options)) {
         case WalkResult::kClean:
