@@ -1,5 +1,7 @@
 /* A switch library in plain C, its table of virtual functions made by hand. With BARE_SWITCH it
  * lacks the two entry points that a library need not have. */
+#include <unistd.h>
+
 #include "kemd/module_switch_table.h"
 #include "tests/daemon/script.h"
 
@@ -20,6 +22,7 @@ static bool UnloadModules(void* self, uint32_t options) {
 
 static void StartAllModules(void* self) {
     if (self) Record("StartAllModules");
+    while (Scripted("block-start")) pause();
 }
 
 static void StopAllModules(void* self) {

@@ -9,6 +9,7 @@
 #include "tools/kemdctl/registry_command.h"
 #include "tools/kemdctl/status_command.h"
 #include "tools/kemdctl/text.h"
+#include "tools/kemdctl/trace_command.h"
 
 namespace {
 
@@ -22,6 +23,7 @@ constexpr Command kCommands[] = {
     {"inventory", "show the firmware's tables and which slot holds a PCI device", RunInventory},
     {"registry", "read, change, check and restore the suite's registry", RunRegistry},
     {"status", "show whether kemd runs, its lock, its trace and its modules", RunStatus},
+    {"trace", "show the records of its trace files in one order", RunTrace},
 };
 
 void WriteHelp() {

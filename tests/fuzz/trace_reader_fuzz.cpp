@@ -1,0 +1,68 @@
+// Reads any bytes as a trace file, in each of the ways there are: whatever is in them, the records
+// come from the file and lie in it one behind the other.
+#include "tests/fuzz/fuzz.h"
+#include "tools/trace_reader/describe.h"
+#include "tools/trace_reader/trace_merge.h"
+
+namespace {
+
+bool IsWithin(std::string_view part, std::string_view whole) {
+    return part.empty() || (part.data() >= whole.data() &&
+                            part.data() + part.size() <= whole.data() + whole.size());
+}
+
+std::string ReadOneByOne(TraceSource& source, size_t size) {
+    std::string text;
+    for (TraceRecord record; source.Next(record);) {
+        Require(IsWithin(record.text, record.line) && IsWithin(record.tag, record.line),
+                "a part outside of its record");
+        Require(record.kind == RecordKind::kRecord, "a hidden record");
+        text += std::string(record.line) + "\n";
+    }
+    Require(text.size() <= size + 2, "more than the file has");
+    (void)Describe(source.Facts());
+    return text;
+}
+
+std::string ReadRuns(TraceSource& source) {
+    std::string text;
+    for (TraceRecord record; source.Next(record);) {
+        text += std::string(record.line) + "\n";
+        for (TraceRun run; source.NextRun(run);) text += std::string(run.lines) + "\n";
+    }
+    return text;
+}
+
+void ReadTwo(const std::string& one, const std::string& other) {
+    TraceMerge merge;
+    merge.ShowAll(one.size() % 2 == 1);
+    merge.Add(one);
+    merge.Add(other);
+    uint64_t count = 0, counted = 0;
+    for (TraceRecord record; merge.Next(record);) count += record.kind == RecordKind::kRecord;
+    for (const auto& source : merge.Sources()) counted += source->Facts().records;
+    Require(count <= counted, "records from nowhere");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+    if (bytes.starts_with("\x1f\x8b")) return 0;  // that would test gzip
+    const size_t middle = std::min(bytes.find('\0'), size);
+    static const MemoryFile file, second;
+    file.Fill(bytes);
+    TraceSource source(file.Path(), 0);
+    Require(source.Open(), "opening");
+    const std::string text = ReadOneByOne(source, size);
+    source.Rewind();
+    Require(ReadRuns(source) == text, "runs that differ from their records");
+    source.SeekTime(1794773091000);
+    Require(ReadOneByOne(source, size).size() <= text.size(), "seeking found more");
+    second.Fill(bytes.substr(middle));
+    file.Fill(bytes.substr(0, middle));
+    (void)source.Advance();
+    (void)ReadOneByOne(source, size);
+    ReadTwo(file.Path(), second.Path());
+    return 0;
+}

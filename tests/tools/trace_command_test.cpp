@@ -1,0 +1,283 @@
+// kemdctl trace: which records it chooses, how it shows them, and when it ends.
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+
+#include "tests/tools/ctl.h"
+#include "tests/traced_test.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+const std::string kHead = "2026-11-21 10:00:00.000 [0000AAAA]     3188 KB !";
+
+class TraceCommandTest : public TracedTest {
+  protected:
+    static Result Trace(const std::string& arguments) { return Ctl("trace " + arguments); }
+    // A log of these lines.
+    static void WriteLog(const std::string& path, const Lines& lines) {
+        std::string text;
+        for (const std::string& line : lines) text += line + "\n";
+        WriteFile(path, text);
+    }
+    static Lines Split(const std::string& text) {
+        std::istringstream stream(text);
+        Lines lines;
+        for (std::string line; std::getline(stream, line);) lines.push_back(line);
+        return lines;
+    }
+    // What a terminal gets from this command of the shell.
+    static std::string OnTerminal(const std::string& command) {
+        int terminal = -1;
+        const pid_t process = forkpty(&terminal, nullptr, nullptr, nullptr);
+        if (process == 0) {
+            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+            _exit(127);
+        }
+        std::string shown(1 << 16, '\0');
+        size_t length = 0;
+        for (ssize_t got = 1; got > 0; length += static_cast<size_t>(std::max<ssize_t>(got, 0))) {
+            got = read(terminal, shown.data() + length, shown.size() - length);
+        }
+        shown.resize(length);
+        EXPECT_EQ(process, waitpid(process, nullptr, 0));
+        close(terminal);
+        return shown;
+    }
+    // Goes on beside the test, its output in /tmp/followed.
+    pid_t Spawn(const std::string& arguments) {
+        const std::string command = "exec /build/kemdctl trace " + arguments + " >/tmp/followed";
+        m_spawned = fork();
+        if (m_spawned == 0) {
+            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+            _exit(127);
+        }
+        return m_spawned;
+    }
+    // Its exit status, once it has ended.
+    [[nodiscard]] bool HasEnded(int& code) const {
+        int status = 0;
+        if (waitpid(m_spawned, &status, WNOHANG) != m_spawned) return false;
+        code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return true;
+    }
+
+  private:
+    pid_t m_spawned = 0;
+};
+
+const Lines kFive = {"2026-11-20 23:59:59.500 [0000AAAA] kemd          alpha (1)",
+                     "2026-11-21 10:00:00.000 [0000AAAA] kemd          ERROR! alpha (2)",
+                     "2026-11-21 10:00:00.250 [DEADBEEF] counter       beta (3)",
+                     "2026-11-21 10:00:10.250 [DEADBEEF] counter       Beta (4)",
+                     "2026-11-21 10:00:11.000 [0000AAAA] kemd          gamma (5)\nbeta behind it"};
+
+TEST_F(TraceCommandTest, ChoicesCombineInOneOrder) {
+    WriteLog("/tmp/five", kFive);
+    const struct {
+        const char* options;
+        const char* chosen;  // the numbers in the texts
+    } cases[] = {
+        {"", "12345"},
+        {"-n 2", "45"},
+        {"-n 0", ""},
+        {"--since 2026-11-21", "2345"},
+        {"--since '2026-11-20 23:59' --until 2026-11-21T10:00", "12"},
+        {"--since '2026-11-21 10:00:00.25' --until '2026-11-21 10:00:10.250'", "34"},
+        {"--until 1d", nullptr},
+        {"--thread aaaa", "125"},
+        {"--thread 0xAAAA --thread deadbeef --tag counter", "34"},
+        {"--tag kemd --tag counter -n 9", "12345"},
+        {"-g alpha --grep gamma", "125"},
+        {"-g ^beta", "35"},  // at each line of a text
+        {"-i -g ^BETA", "345"},
+        {"-g 'alpha|mm' -v ! -v '\\(1\\)'", "5"},
+        {"-g a -v beta -n 2", "24"},  // the last ones of what is left
+        {"-n 2 --exclude=beta -g=a", "24"},
+        {"--gaps 5 --since 2026-11-21", "34"},
+        {"--gaps 5s -n 2", ""},
+        {"--gaps 0.7 -n 3", "345"},
+        {"-g 'a(b'", nullptr},
+        {"-g ''", nullptr},
+        {"--thread xyz", nullptr},
+        {"-n -1", nullptr},
+        {"-n 1 --lines 1", nullptr},
+        {"--since 25:00", nullptr},
+        {"--gaps", nullptr},
+        {"--timeout 1", nullptr},
+        {"--verify -n 1", nullptr},
+        {"--count --stats", nullptr},
+        {"-o xml", nullptr},
+    };
+    for (const auto& each : cases) {
+        const Result result = Trace(std::string(each.options) + " -q /tmp/five");
+        std::string chosen;
+        for (size_t at = 0; (at = result.out.find('(', at)) != std::string::npos; ++at) {
+            chosen += result.out[at + 1];
+        }
+        const std::string expected = each.chosen != nullptr ? each.chosen : "";
+        const int code = each.chosen == nullptr ? 2 : expected.empty() ? 1 : 0;
+        EXPECT_EQ(expected, chosen) << each.options;
+        EXPECT_EQ(code, result.code) << each.options << result.err;
+        EXPECT_EQ(code == 2, !result.err.empty()) << each.options << result.err;
+        if (code == 2 || Contains(each.options, "--gaps")) continue;
+        EXPECT_EQ(std::to_string(expected.size()) + "\n",
+                  Trace(std::string(each.options) + " --count -q /tmp/five").out);
+    }
+}
+
+TEST_F(TraceCommandTest, RecordsOfTheRealTraceSinceAPointOfTheClock) {
+    Debug.Message("kemd Version=\"1\" of the first run");
+    Debug.Message("the first run");
+    const std::string first = ReadFile("/var/log/orvmon/log.kemd");
+    ASSERT_TRUE(Debug.Init("kemd"));
+    TRACE(5, "before the banner");
+    Debug.Message("kemd Version=\"1\" of the second run");
+    Debug.Message("the second run");
+    WriteFile("/tmp/first", first);
+    const Result second = Trace("--start /tmp/first /var/log/orvmon");
+    EXPECT_TRUE(InOrder(second.out, {"### Start", "before the banner", "the second run"}));
+    EXPECT_FALSE(Contains(second.out, "first")) << second.out;
+    EXPECT_TRUE(InOrder(second.err, {"/tmp/first: log, 2 records", "log.kemd_i: ring, 4 records"}));
+    EXPECT_TRUE(InOrder(Trace("/tmp/first").out, {"first run", "the first run"}));
+    for (const char* options : {"--since -1h", "--since now-", "--until -1m", "--until +1.5h",
+                                "--since yesterday --until '+1d12h'", "--since today"}) {
+        const int code = Contains(options, "now-") ? 2 : Contains(options, "-1m") ? 1 : 0;
+        EXPECT_EQ(code, Trace(std::string(options) + " -n 1").code) << options;
+    }
+}
+
+TEST_F(TraceCommandTest, FormsAndWhatIsBetweenRecords) {
+    WriteLog("/tmp/five", {kFive.begin() + 2, kFive.end()});
+    EXPECT_EQ(
+        "10:00:00.250 counter       beta (3)\n"
+        "10:00:10.250 counter       Beta (4)\n"
+        "10:00:11.000 kemd          gamma (5)\n"
+        "    beta behind it\n",
+        Trace("-o short /tmp/five").out);
+    EXPECT_EQ("            " + kFive[2] + "\n    +10.000 " + kFive[3] + "\n",
+              Trace("--delta /tmp/five -v gamma").out);
+    EXPECT_EQ(kFive[2] + "\n-- 10.000 s without a record --\n" + kFive[3] + "\n",
+              Trace("--gaps 5 /tmp/five").out);
+    WriteLog("/tmp/hostile", {kHead + "a\"b           x,\"\x1b[2J\xff\xc2\x9b\xc3\xa4\\"});
+    EXPECT_EQ(
+        "{\"time\":\"2026-11-21 10:00:00.000\",\"thread\":\"0000AAAA\",\"residentKb\":3188,"
+        "\"tag\":\"a\\\"b\",\"text\":\"x,\\\"\\u001b[2J\xef\xbf\xbd\\u009b\xc3\xa4\\\\\","
+        "\"file\":\"/tmp/hostile\"}\n",
+        Trace("--json /tmp/hostile").out);
+    EXPECT_EQ(
+        "time,thread,residentKb,tag,text,file\r\n2026-11-21 10:00:00.000,0000AAAA,3188,"
+        "\"a\"\"b\",\"x,\"\"\x1b[2J\xff\xc2\x9b\xc3\xa4\\\",/tmp/hostile\r\n",
+        Trace("-o csv /tmp/hostile").out);
+    EXPECT_TRUE(Contains(Trace("-o csv --gaps 1 /tmp/five").out, ",/tmp/five,10.000\r\n"));
+}
+
+TEST_F(TraceCommandTest, HostileTextNeverDrivesATerminal) {
+    std::string hostile = kHead + "t\x1bg           ERROR \x1b[2J\x9b\x07\x08\xc2\x9bneedle\xff";
+    WriteLog("/tmp/hostile", {hostile + std::string(5000, 'x'), hostile + "\nneedle\x1b]0;\r."});
+    const std::string command =
+        "TERM=xterm /build/kemdctl trace --no-pager -g needle /tmp/hostile ";
+    for (const char* options : {"", "-o short", "-o json", "-o csv", "--raw --delta"}) {
+        for (const char* noColor : {"", "NO_COLOR=1 "}) {
+            std::string shown = OnTerminal(noColor + command + options + " 2>/dev/null");
+            EXPECT_TRUE(Contains(shown, "needle")) << options;
+            const bool isPainted = *noColor == '\0' && (*options == '\0' || Contains(options, "t"));
+            for (const char* paint : {"\x1b[0m", "\x1b[2m", "\x1b[31m", "\x1b[1;7m"}) {
+                const bool isText = !Contains(options, "-o j") && !Contains(options, "-o c");
+                EXPECT_EQ(isText && isPainted, Contains(shown, paint)) << options;
+                for (size_t at = 0; (at = shown.find(paint)) != std::string::npos;) {
+                    shown.erase(at, std::string(paint).size());
+                }
+            }
+            EXPECT_EQ(std::string::npos, shown.find_first_of("\x1b\x07\x08\x9b\xff")) << shown;
+        }
+    }
+    EXPECT_TRUE(Contains(Trace("/tmp/hostile").out, hostile)) << "a pipe gets the bytes";
+    EXPECT_FALSE(Contains(Trace("--color=always /tmp/hostile").out, "\x1b[2J"));
+}
+
+TEST_F(TraceCommandTest, PagerShowsAllAndMayBeLeft) {
+    WriteLog("/tmp/five", kFive);
+    const auto paged = [](const std::string& pager, const std::string& end) {
+        return OnTerminal("TERM=xterm NO_COLOR=1 KEMDCTL_PAGER='" + pager +
+                          "' /build/kemdctl trace /tmp/five" + end);
+    };
+    const std::string all = paged("while read -r l; do echo \"[$l]\"; done", "; echo =$?");
+    EXPECT_TRUE(InOrder(all, {"[2026-11-20", "(5)]", "five: log, 5 records", "=0"})) << all;
+    EXPECT_TRUE(InOrder(paged("read -r l; echo \"[$l]\"", " -q; echo =$?"), {"(1)]", "=0"}));
+    EXPECT_TRUE(InOrder(paged("", ""), {"(1)", "(5)"}));
+    EXPECT_FALSE(Contains(paged("echo paged", " -g nothing"), "paged"));
+}
+
+TEST_F(TraceCommandTest, HelpFitsAScreenAndAReaderMayGoAway) {
+    const Lines help = Split(Trace("--help").out);
+    EXPECT_LE(help.size(), 24u);
+    for (const std::string& line : help) EXPECT_LT(line.size(), 80u) << line;
+    WriteLog("/tmp/many", Lines(20'000, kFive[1]));
+    EXPECT_EQ(0, std::system("(/build/kemdctl trace /tmp/many; echo $? >/tmp/code) 2>/tmp/err |"
+                             " read -r line"));
+    EXPECT_TRUE(WaitFor([] { return ReadFile("/tmp/code") == "2\n"; }));
+    EXPECT_EQ("", ReadFile("/tmp/err"));
+}
+
+TEST_F(TraceCommandTest, WaitsForARecordThatComes) {
+    Debug.Message("a needle of before");
+    int code = -1;
+    Spawn("--wait-for 'needle [0-9]+|of before' --tag kemd --timeout 25");
+    for (int i = 0; !HasEnded(code) && i < 20'000; ++i) {
+        Debug.Message("needle %d", i);
+        usleep(1000);
+    }
+    EXPECT_EQ(0, code);
+    EXPECT_EQ(1u, Split(ReadFile("/tmp/followed")).size());
+    EXPECT_TRUE(Contains(ReadFile("/tmp/followed"), "needle "));
+    EXPECT_FALSE(Contains(ReadFile("/tmp/followed"), "of before"));
+
+    const Result late = Trace("--wait-for 'of before' --timeout 0.1");
+    EXPECT_EQ(1, late.code);
+    EXPECT_EQ("", late.out + late.err);
+    EXPECT_EQ(0, Trace("--wait-for 'of before' --since -1h --timeout 0").code);
+    const Result shown = Trace("-f -n 1 --wait-for 'of before' --since -1h");
+    EXPECT_TRUE(Contains(shown.out, "of before"));
+    EXPECT_EQ(1u, Split(shown.out).size());
+    EXPECT_EQ(1, Trace("-f --timeout 0.1 -g nothing").code);
+}
+
+TEST_F(TraceCommandTest, FollowsThroughWrapsAndARestartUntilInterrupted) {
+    ConfigureTrace(0);
+    ASSERT_TRUE(Debug.Init("kemd"));
+    std::string written;
+    int count = 0;
+    const auto write = [&](int records) {
+        for (int i = 0; i < records; ++i) {
+            const std::string text = "record " + std::to_string(++count) + ".";
+            Debug.Message("%s %s%d", text.c_str(), std::string(800, 'x').c_str(), count);
+            written += text + "\n";
+            ASSERT_TRUE(WaitFor([&] { return Contains(ReadFile("/tmp/followed"), text); })) << text;
+        }
+    };
+    const pid_t follower = Spawn("-f -q -o short -g 'record '");
+    for (int run = 0; run < 2; ++run) {
+        write(20);
+        Debug.InitDone();
+        write(140);  // the log wraps twice
+        ASSERT_TRUE(Debug.Init("kemd"));
+    }
+    write(1);
+    kill(follower, SIGINT);
+    int code = -1;
+    EXPECT_TRUE(WaitFor([&] { return HasEnded(code); }));
+    EXPECT_EQ(0, code);
+    std::string shown;
+    for (const std::string& line : Split(ReadFile("/tmp/followed"))) {
+        const size_t begin = std::min(line.find("record "), line.size());
+        shown += line.substr(begin, line.find(" x") - begin) + "\n";
+    }
+    EXPECT_TRUE(written == shown) << shown;
+}
+
+}  // namespace

@@ -1,0 +1,210 @@
+// One file at a time: every wrap position and every edge of both layouts.
+#include "tests/trace_reader/written.h"
+#include "tools/trace_reader/describe.h"
+
+namespace {
+
+std::string Padded(int number) {
+    return std::to_string(number) + std::string(static_cast<size_t>(number * 7 % 41), '-');
+}
+
+TEST_F(ReaderTest, LogAtEveryWrapPosition) {
+    // Messages of one second, one of several, and a limit that every message passes.
+    for (const auto& [limit, each] : {std::pair<size_t, int>{1745, 1}, {1745, 9}, {10, 1}}) {
+        SCOPED_TRACE(std::to_string(limit) + " bytes, " + std::to_string(each));
+        written.clear();
+        SetClock(kStart);
+        Start(0, limit);
+        for (int i = 0; i < 400; ++i) {
+            SetClock(kStart + i / each);
+            Message(Padded(i));
+            if (i == 70) debug.InitDone();
+            ASSERT_EQ("", Differ(Whole(kLog), ReadPath(kLog))) << i;
+        }
+    }
+}
+
+TEST_F(ReaderTest, LogWhoseClockGoesBackStaysInTheOrderOfWriting) {
+    Start(0, 3000);
+    for (int i = 0; i < 20; ++i) Message(Padded(i));
+    debug.InitDone();
+    int wrong = 0;
+    for (int i = 20; i < 400; ++i) {
+        SetClock(kStart + i - (i < 100 ? 0 : 60) - (i < 300 ? 0 : 5));
+        Message(Padded(i));
+        wrong += Whole(kLog) == ReadPath(kLog) ? 0 : 1;
+    }
+    // Nothing tells where the older records begin when the clock went back and none of them was
+    // cut.
+    EXPECT_LE(wrong, 2);
+}
+
+TEST_F(ReaderTest, RingThroughItsCycles) {
+    Start(1);
+    debug.InitDone();
+    Note("### Start of initialization. ###");
+    EXPECT_EQ(written, ReadPath(kRuntimeRing));
+    for (int i = 0; i < 4000; ++i) {
+        SetClock(kStart + i / 3);
+        Trace(std::to_string(i) + std::string(i % 50 == 0 ? 5000 : 700, 'a') +
+              (i % 20 == 0 ? "\nmore\n\nlines" : ""));
+        if (i % 97 < 2) {
+            ASSERT_EQ("", Differ(Whole(kRuntimeRing), ReadPath(kRuntimeRing))) << i;
+        }
+    }
+    TraceSource source(kRuntimeRing, 0);
+    ASSERT_TRUE(source.Open());
+    const size_t count = Read(source).size();
+    EXPECT_EQ(count, source.Facts().records);
+    EXPECT_TRUE(source.Facts().isWritten);
+    EXPECT_GT(source.Facts().overwritten, 0u);
+    EXPECT_EQ("", source.Facts().problem);
+}
+
+TEST_F(ReaderTest, RecordThatJustFitsAndOneByteMore) {
+    constexpr size_t kSize = size_t{1} << 20;
+    for (const size_t extra : {0, 1}) {
+        written.clear();
+        SetClock(kStart);
+        Start(1);
+        debug.InitDone();
+        Note("### Start of initialization. ###");
+        for (int i = 0; i < 6; ++i) {
+            size_t trailer = 0;
+            do {
+                SetClock(kStart + static_cast<time_t>(written.size()));
+                Trace(std::to_string(written.size()) + std::string(3000, 'a'));
+                const std::string file = ReadFile(kRuntimeRing);
+                trailer = file.find(kTrailer, file.find("### Begin of RingBuffer"));
+            } while (kSize - trailer > 4000);
+            Trace(std::string(kSize - trailer - Record("").size() - 16 + extra, 'b'));
+            ASSERT_EQ("", Differ(Whole(kRuntimeRing), ReadPath(kRuntimeRing)));
+            Trace("next");
+            ASSERT_EQ("", Differ(Whole(kRuntimeRing), ReadPath(kRuntimeRing)));
+        }
+    }
+}
+
+TEST_F(ReaderTest, PrefixParts) {
+    PrefixParser parser;
+    const std::string time = "2026-11-15 20:04:51.123 [D82A0740] ";
+    const auto head = parser.ParseHead(time.data(), time.size());
+    EXPECT_TRUE(head.isThere);
+    EXPECT_EQ(1794773091123, head.time);
+    EXPECT_EQ(0xD82A0740U, head.thread);
+    EXPECT_EQ("2026-11-15 20:04:51.123", std::string(FormatTime(head.time).data()));
+    struct Row {
+        std::string rest, tag, text;
+        int64_t memory = -1;
+    };
+    for (const Row& row : {Row{"kemd          text", "kemd", "text"},
+                           {"    3188 KB !kemd          text", "kemd", "text", 3188},
+                           {"123456789 KB !a b           \n x", "a b", "\n x", 123456789},
+                           {"              text", "", "text"},
+                           {"exactly13byte text", "exactly13byte", "text"},
+                           {"longer-than-thirteen text", "longer-than-thirteen", "text"},
+                           {std::string(93, 't') + "text", std::string(93, 't'), "text"},
+                           {"kemd          ", "kemd", ""},
+                           {"", "", ""}}) {
+        TraceRecord record;
+        const std::string line = time + row.rest;
+        record.line = line;
+        parser.ParseRest(record);
+        EXPECT_EQ(row.tag, record.tag) << row.rest;
+        EXPECT_EQ(row.text, record.text) << row.rest;
+        EXPECT_EQ(row.memory, record.residentKb) << row.rest;
+    }
+    const std::string unknown = "yyyy-mm-dd hh:mm:ss.mmm [D82A0740] ";
+    EXPECT_EQ(1794773091123, parser.ParseHead(unknown.data(), unknown.size()).time);
+    for (const char* bad :
+         {"2026-11-31 20:04:51.123 [D82A0740] ", "2026-11-15 24:04:51.123 [D82A0740] ",
+          "2026-11-15 20:04:51.12x [D82A0740] ", "2026-11-15 20:04:51.123 [d82A0740] "})
+        EXPECT_FALSE(parser.ParseHead(bad, PrefixParser::kHeadLength).isThere) << bad;
+}
+
+TEST_F(ReaderTest, DamagedAndForeignFiles) {
+    Start(1);
+    debug.InitDone();
+    for (int i = 0; i < 3000; ++i) {
+        SetClock(kStart + i);
+        Trace(Padded(i) + std::string(400, 'x'));
+    }
+    const std::string ring = ReadFile(kRuntimeRing);
+    const size_t begin = ring.find(" kemd          ### Begin of"), newest = ring.rfind(kTrailer);
+    const auto expect = [this](const std::string& file, size_t least, const std::string& problem) {
+        WriteFile("/tmp/bad", file);
+        TraceSource source("/tmp/bad", 0);
+        ASSERT_TRUE(source.Open());
+        Lines found = Read(source);
+        const Lines whole = Whole("/tmp/bad");
+        EXPECT_LE(least, found.size());
+        // What the damage cut, and nothing else.
+        const auto isCut = [&whole](const std::string& line) {
+            return !std::binary_search(whole.begin(), whole.end(), line);
+        };
+        EXPECT_LE(std::erase_if(found, isCut), 1u);
+        EXPECT_TRUE(std::is_sorted(found.begin(), found.end()));
+        EXPECT_PRED2(Contains, Describe(source.Facts()), problem);
+    };
+    std::string file = ring;
+    expect(file.substr(0, newest + 100'000), 500, "wrapped");
+    expect(file.substr(0, newest - 100'000), 500, "no trailer");
+    file.replace(begin - 20, 40, 40, '\0');
+    expect(file, 1900, "the record that begins the ring is damaged");
+    file.replace(0, 100'000, 100'000, '\0');
+    expect(file, 1500, "damaged");
+    file = ring;
+    file.replace(newest, 16, std::string(16, 'x'));
+    expect(file, 1500, "no trailer");
+    expect(std::string(300'000, '\0'), 0, "not a trace file");
+    expect("#!/bin/sh\nexit 0\n", 0, "not a trace file");
+    expect("", 0, "empty");
+    Note("1");
+    Note("2");
+    expect("junk\n" + Record("1") + Record("2"), 0, "4 bytes are no records");
+    TraceSource none("/tmp", 0);
+    EXPECT_FALSE(none.Open());
+    EXPECT_EQ("not a regular file", none.Facts().problem);
+}
+
+TEST_F(ReaderTest, CompressedFileThatIsCutOrTooLarge) {
+    Start(1);
+    for (int i = 0; i < 500; ++i) Trace(Padded(i * 1001) + std::to_string(i * 7919));
+    debug.InitDone();
+    const std::string packed = ReadFile(kStartupRing + ".gz");
+    WriteFile("/tmp/cut.gz", packed.substr(0, packed.size() * 2 / 3));
+    TraceSource cut("/tmp/cut.gz", 0);
+    ASSERT_TRUE(cut.Open());
+    EXPECT_GT(Read(cut).size(), 50u);
+    EXPECT_PRED2(Contains, Describe(cut.Facts()), "compressed data is damaged or cut");
+    for (const std::string& start : {std::string(), Record("1")}) {
+        WriteFile("/tmp/bomb", start + std::string(size_t{64} << 20, '\0'));
+        ASSERT_EQ(0, system("gzip -f /tmp/bomb"));
+        TraceSource bomb("/tmp/bomb.gz", 0);
+        ASSERT_TRUE(bomb.Open());
+        EXPECT_EQ(start.empty(), bomb.Facts().size <= size_t{1} << 20);
+    }
+}
+
+TEST_F(ReaderTest, SeekTimeFindsTheFirstRecordWithoutReadingThoseBefore) {
+    Start(4);
+    debug.InitDone();
+    for (int i = 0; i < 50'000; ++i) {
+        SetClock(kStart + i);
+        Trace(Padded(i) + std::string(60, 'x'));
+    }
+    const Lines all = ReadPath(kRuntimeRing);
+    for (const int second : {0, 20'000, 26'000, 38'000, 49'999, 60'000}) {
+        SetClock(kStart + second);
+        TraceSource source(kRuntimeRing, 0);
+        ASSERT_TRUE(source.Open());
+        source.SeekTime((kStart + second) * int64_t{1000});
+        const Lines found = Read(source);
+        const auto isOlder = [](const std::string& line) { return line < Prefix(); };
+        EXPECT_LE(std::count_if(found.begin(), found.end(), isOlder), 3000);
+        EXPECT_EQ(all.end() - std::find_if_not(all.begin(), all.end(), isOlder),
+                  std::count_if(found.begin(), found.end(), std::not_fn(isOlder)));
+    }
+}
+
+}  // namespace

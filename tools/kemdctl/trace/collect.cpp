@@ -1,0 +1,191 @@
+#include "tools/kemdctl/trace/collect.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "daemon/version.h"
+#include "tools/kemdctl/command.h"
+#include "tools/kemdctl/output_file.h"
+#include "tools/kemdctl/small_file.h"
+#include "tools/kemdctl/text.h"
+#include "tools/kemdctl/trace/collect_archive.h"
+#include "tools/kemdctl/trace/collect_mask.h"
+#include "tools/kemdctl/trace/header_report.h"
+#include "tools/trace_reader/trace_source.h"
+
+namespace {
+
+constexpr const char* kFolder = "kemd-trace/";
+
+struct TraceMember {
+    std::string name;  // in the archive
+    TraceFile file;
+    uint64_t size = 0;
+    std::string header;
+};
+
+struct TextMember {
+    std::string name;
+    std::string text;
+};
+
+// A copy of a file with its secrets masked, of the same length and line by line. A line of more
+// than 16 MiB is parted.
+bool CopyMasked(const TraceFile& file, uint64_t size, SecretMask& mask, const TarGzip::Put& put) {
+    constexpr size_t kBlock = size_t{1} << 20, kLongest = size_t{16} << 20;
+    mask.Begin();
+    std::string rest, out;
+    for (uint64_t at = 0; at < size;) {
+        const std::string block = file.Read(at, std::min<uint64_t>(kBlock, size - at));
+        if (block.empty()) break;
+        at += block.size();
+        rest += block;
+        size_t begin = 0;
+        for (size_t end = rest.find('\n'); end != rest.npos; end = rest.find('\n', begin)) {
+            std::string line = rest.substr(begin, end - begin);
+            mask.Mask(line);
+            out += line + '\n';
+            begin = end + 1;
+        }
+        rest.erase(0, begin);
+        if (rest.size() > kLongest) {
+            mask.Mask(rest);
+            out += std::exchange(rest, {});
+        }
+        if (!put(out)) return false;
+        out.clear();
+    }
+    mask.Mask(rest);
+    return put(rest);
+}
+
+// The values of a header as they stand in its lines.
+void MaskHeader(std::vector<HeaderEntry>& entries, SecretMask& mask) {
+    for (HeaderEntry& entry : entries) {
+        const bool isArgument = entry.name.starts_with("argv[");
+        std::string line = entry.name + (isArgument ? " = " : "=") + entry.value;
+        std::replace(line.begin(), line.end(), '\n', ' ');
+        mask.Mask(line);
+        entry.value = line.substr(line.size() - entry.value.size());
+    }
+}
+
+std::string UniqueName(const std::string& path, bool isCompressed,
+                       const std::vector<TraceMember>& members) {
+    constexpr size_t kLongest = 60;
+    std::string name = path.substr(path.rfind('/') + 1);
+    if (isCompressed && name.ends_with(".gz")) name.erase(name.size() - 3);
+    name = name.substr(0, kLongest);
+    const auto isTaken = [&members](const std::string& wanted) {
+        return std::any_of(members.begin(), members.end(),
+                           [&wanted](const TraceMember& each) { return each.name == wanted; });
+    };
+    std::string unique = name;
+    for (int i = 2; isTaken(unique); ++i) unique = name + "-" + std::to_string(i);
+    return unique;
+}
+
+class Collection {
+  public:
+    // False: it is left out, which is told.
+    bool AddTrace(const std::string& path);
+    void AddTexts();
+    bool WriteTo(const char* archive);
+
+  private:
+    bool Put(TarGzip& tar);
+
+    std::vector<TraceMember> m_traces;
+    std::vector<TextMember> m_texts;
+    SecretMask m_mask;
+};
+
+bool Collection::AddTrace(const std::string& path) {
+    TraceSource source(path, 0);
+    const bool isOpen = source.Open() && source.Facts().kind != FileKind::kForeignFile;
+    if (!source.Facts().problem.empty()) {
+        Complain("%s: %s%s", Printable(path).c_str(), source.Facts().problem.c_str(),
+                 isOpen ? "" : ", left out");
+    }
+    if (!isOpen) return false;
+    TraceMember member;
+    member.name = UniqueName(path, source.Facts().isCompressed, m_traces);
+    std::vector<HeaderEntry> entries = ReadHeader(source);
+    m_mask.Begin();
+    MaskHeader(entries, m_mask);
+    member.header = FormatHeader(entries);
+    // Opened anew: the source keeps its own.
+    (void)member.file.Open(path);
+    member.size = std::min<uint64_t>(member.file.Size(), TraceFile::kLimit);
+    m_traces.push_back(std::move(member));
+    return true;
+}
+
+void Collection::AddTexts() {
+    const auto add = [this](const char* name, std::string text) {
+        if (!text.empty()) m_texts.push_back({name, std::move(text)});
+    };
+    constexpr const char* kSelf = "/proc/self/exe";
+    add("version.txt", std::string(kVersion.programName) + " " + kVersion.version + " " +
+                           kVersion.buildDate + "\n");
+    add("status.txt", RunProgram({kSelf, "status"}));
+    add("check.txt", RunProgram({kSelf, "check"}));
+    add("unit.txt", RunProgram({"systemctl", "--no-pager", "show", "kemd"}));
+    add("os-release", ReadSmallFile("/etc/os-release").value_or(""));
+}
+
+bool Collection::Put(TarGzip& tar) {
+    const auto putText = [this, &tar](const std::string& name, const std::string& text) {
+        const std::string masked = m_mask.MaskText(text);
+        return tar.Add(kFolder + name, masked.size(),
+                       [&masked](const TarGzip::Put& put) { return put(masked); });
+    };
+    for (const TextMember& text : m_texts) {
+        if (!putText(text.name, text.text)) return false;
+    }
+    for (const TraceMember& trace : m_traces) {
+        const bool isPut = tar.Add(kFolder + trace.name, trace.size, [&](const auto& put) {
+            return CopyMasked(trace.file, trace.size, m_mask, put);
+        });
+        if (!isPut || !putText(trace.name + ".header.txt", trace.header)) return false;
+    }
+    return true;
+}
+
+bool Collection::WriteTo(const char* archive) {
+    // A secret of one text may stand in all others.
+    const TarGzip::Put drop = [](std::string_view) { return true; };
+    for (const TextMember& text : m_texts) (void)m_mask.MaskText(text.text);
+    for (const TraceMember& trace : m_traces) {
+        (void)CopyMasked(trace.file, trace.size, m_mask, drop);
+    }
+    OutputFile file(archive, 0600);
+    if (!file.Open()) {
+        (void)FileError("write", archive);
+        return false;
+    }
+    TarGzip tar;
+    if (!tar.Start(file.Get())) {
+        Complain("cannot write %s: gzip is needed", Printable(archive).c_str());
+        return false;
+    }
+    const bool isPut = Put(tar);
+    if (!tar.Finish() || !isPut) {
+        Complain("cannot write %s: gzip failed", Printable(archive).c_str());
+        return false;
+    }
+    if (file.Commit()) return true;
+    (void)FileError("write", archive);
+    return false;
+}
+
+}  // namespace
+
+int CollectFiles(const char* archive, const std::vector<std::string>& paths) {
+    Collection collection;
+    bool isWhole = true;
+    for (const std::string& path : paths) isWhole = collection.AddTrace(path) && isWhole;
+    collection.AddTexts();
+    if (!collection.WriteTo(archive)) return kError;
+    return isWhole ? kYes : kError;
+}

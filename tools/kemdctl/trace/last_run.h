@@ -1,0 +1,9 @@
+// kemdctl trace --last-run: how the last run of the daemon ended.
+#pragma once
+
+#include <string>
+#include <vector>
+
+// kYes: it was stopped in order, or still runs; kNo: it was killed, or died at start; kError: no
+// file can be read, which is told.
+[[nodiscard]] int ShowLastRun(const std::vector<std::string>& paths, bool asJson);

@@ -1,0 +1,49 @@
+// What the trace tells about the last run of the daemon.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "tools/trace_reader/record.h"
+
+struct LastRun {
+    enum class End : uint8_t { kRunning, kStopped, kKilled, kDiedAtStart, kDied };
+    struct Call {
+        std::string_view name;
+        int64_t since = 0;
+    };
+    struct Line {
+        std::string text;
+        int64_t time = 0;
+    };
+    static constexpr size_t kLastLines = 10;
+
+    uint64_t records = 0;
+    bool hasBegin = false;  // the trace goes back to it
+    bool isInitialised = false;
+    bool hasExit = false;
+    int64_t begin = 0;  // of what is there of it
+    int64_t end = 0;
+    std::string fatal;   // the failure that ended it; empty: none
+    std::string signal;  // numbers, as far as they are in the trace
+    std::string runLevel;
+    std::optional<Call> openCall;                // the daemon makes one after the other
+    std::map<std::string, std::string> modules;  // their last states
+    std::deque<Line> lastLines;
+
+    // All records in order; a start of the daemon begins it anew.
+    void Take(const TraceRecord& record);
+    [[nodiscard]] End HowEnded(bool isWritten) const;
+
+  private:
+    void TakeMark(const TraceRecord& record);
+    void TakeModule(const TraceRecord& record);
+    void TakeStop(std::string_view text);
+};
+
+// One sentence without its full stop.
+[[nodiscard]] std::string DescribeEnd(const LastRun& run, LastRun::End end);

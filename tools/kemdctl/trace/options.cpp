@@ -1,0 +1,238 @@
+#include "tools/kemdctl/trace/options.h"
+
+#include <array>
+#include <charconv>
+#include <cstring>
+
+#include "tools/kemdctl/text.h"
+#include "tools/kemdctl/trace/time_word.h"
+
+namespace {
+
+struct Parser {
+    TraceOptions options;
+    bool ignoresCase = false;
+    int64_t now = ClockNow();
+};
+// The value is null for an option that has none. Empty, or what is wrong with it.
+using Setter = std::string (*)(Parser& parser, const char* value);
+enum class Kind : uint8_t { kFlag, kValue, kRepeated };
+struct Word {
+    std::string_view name;
+    std::string_view other;  // may be empty
+    Kind kind;
+    Setter set;
+};
+
+template <bool TraceOptions::*member, bool value = true>
+std::string SetFlag(Parser& parser, const char* /*none*/) {
+    parser.options.*member = value;
+    return {};
+}
+
+template <Report report>
+std::string SetReport(Parser& parser, const char* file) {
+    if (parser.options.report != Report::kNone) return "one report or count at a time";
+    parser.options.report = report;
+    parser.options.reportFile = file;
+    return {};
+}
+
+template <std::optional<int64_t> Choice::*member>
+std::string SetTime(Parser& parser, const char* value) {
+    auto& time = parser.options.choice.*member;
+    time = ParseTime(value, parser.now);
+    return time ? "" : "no time such as \"2026-11-15 20:04:51.123\", 20:04, today or -2h30m";
+}
+
+template <std::optional<int64_t> TraceOptions::*member>
+std::string SetSpan(Parser& parser, const char* value) {
+    auto& span = parser.options.*member;
+    span = ParseSpan(value);
+    return span ? "" : "no span of time such as 10, 0.5 or 2m30s";
+}
+
+template <std::vector<Pattern> Choice::*member>
+std::string AddPattern(Parser& parser, const char* value) {
+    return (parser.options.choice.*member).emplace_back().Set(value, parser.ignoresCase);
+}
+
+std::string SetWaitFor(Parser& parser, const char* value) {
+    return parser.options.waitFor.emplace().Set(value, parser.ignoresCase);
+}
+
+std::string AddThread(Parser& parser, const char* value) {
+    const bool hasPrefix = std::strncmp(value, "0x", 2) == 0 || std::strncmp(value, "0X", 2) == 0;
+    const char* const begin = value + (hasPrefix ? 2 : 0);
+    const char* const end = value + std::strlen(value);
+    uint64_t thread = 0;
+    const auto [next, error] = std::from_chars(begin, end, thread, 16);
+    if (error != std::errc{} || next != end) return "no thread such as D82A0740";
+    parser.options.choice.threads.push_back(static_cast<uint32_t>(thread));
+    return {};
+}
+
+std::string AddTag(Parser& parser, const char* value) {
+    parser.options.choice.tags.emplace_back(value);
+    return {};
+}
+
+std::string SetLast(Parser& parser, const char* value) {
+    const char* const end = value + std::strlen(value);
+    const auto [next, error] = std::from_chars(value, end, parser.options.last.emplace());
+    return error == std::errc{} && next == end ? "" : "no number";
+}
+
+template <typename Value, Value TraceOptions::*member, size_t count>
+std::string Pick(Parser& parser, const char* value,
+                 const std::array<std::string_view, count>& names) {
+    std::string all;
+    for (size_t i = 0; i < count; ++i) {
+        if (names[i] == value) {
+            parser.options.*member = static_cast<Value>(i);
+            return {};
+        }
+        all += (i > 0 ? ", " : "") + std::string(names[i]);
+    }
+    return "none of " + all;
+}
+
+std::string SetForm(Parser& parser, const char* value) {
+    constexpr std::array<std::string_view, 4> kNames = {"full", "short", "json", "csv"};
+    return Pick<Form, &TraceOptions::form>(parser, value, kNames);
+}
+
+std::string SetJson(Parser& parser, const char* /*none*/) {
+    parser.options.form = Form::kJson;
+    return {};
+}
+
+std::string SetColor(Parser& parser, const char* value) {
+    constexpr std::array<std::string_view, 3> kNames = {"auto", "always", "never"};
+    return Pick<ColorMode, &TraceOptions::color>(parser, value, kNames);
+}
+
+std::string IgnoreCase(Parser& parser, const char* /*none*/) {
+    parser.ignoresCase = true;
+    return {};
+}
+
+// -i stands before what it works on.
+constexpr Word kWords[] = {
+    {"--help", "", Kind::kFlag, SetFlag<&TraceOptions::isHelp>},
+    {"-i", "--ignore-case", Kind::kFlag, IgnoreCase},
+    {"--start", "", Kind::kFlag, SetFlag<&TraceOptions::fromStart>},
+    {"--since", "", Kind::kValue, SetTime<&Choice::since>},
+    {"--until", "", Kind::kValue, SetTime<&Choice::until>},
+    {"--thread", "", Kind::kRepeated, AddThread},
+    {"--tag", "", Kind::kRepeated, AddTag},
+    {"-g", "--grep", Kind::kRepeated, AddPattern<&Choice::wanted>},
+    {"-v", "--exclude", Kind::kRepeated, AddPattern<&Choice::excluded>},
+    {"-n", "--lines", Kind::kValue, SetLast},
+    {"-f", "--follow", Kind::kFlag, SetFlag<&TraceOptions::follows>},
+    {"--wait-for", "", Kind::kValue, SetWaitFor},
+    {"--timeout", "", Kind::kValue, SetSpan<&TraceOptions::timeout>},
+    {"-o", "--output", Kind::kValue, SetForm},
+    {"--json", "", Kind::kFlag, SetJson},
+    {"--delta", "", Kind::kFlag, SetFlag<&TraceOptions::showsDelta>},
+    {"--gaps", "", Kind::kValue, SetSpan<&TraceOptions::gap>},
+    {"--raw", "", Kind::kFlag, SetFlag<&TraceOptions::isRaw>},
+    {"--color", "", Kind::kValue, SetColor},
+    {"--no-pager", "", Kind::kFlag, SetFlag<&TraceOptions::mayPage, false>},
+    {"-q", "--quiet", Kind::kFlag, SetFlag<&TraceOptions::isQuiet>},
+    {"--count", "", Kind::kFlag, SetReport<Report::kCount>},
+    {"--header", "", Kind::kFlag, SetReport<Report::kHeader>},
+    {"--stats", "", Kind::kFlag, SetReport<Report::kStats>},
+    {"--verify", "", Kind::kFlag, SetReport<Report::kVerify>},
+    {"--last-run", "", Kind::kFlag, SetReport<Report::kLastRun>},
+    {"--export", "", Kind::kValue, SetReport<Report::kExport>},
+    {"--html", "", Kind::kValue, SetReport<Report::kHtml>},
+    {"--collect", "", Kind::kValue, SetReport<Report::kCollect>},
+};
+
+bool Complained(std::string_view name, const char* value, const std::string& problem) {
+    if (problem.empty()) return false;
+    const std::string shown = value != nullptr ? " " + Printable(value) : "";
+    Complain("%s%s: %s", std::string(name).c_str(), shown.c_str(), problem.c_str());
+    return true;
+}
+
+bool TakeWord(CommandLine& line, const Word& word, Parser& parser) {
+    if (word.kind == Kind::kFlag) {
+        const bool isSet = line.Has(word.name) || (!word.other.empty() && line.Has(word.other));
+        return !isSet || !Complained(word.name, nullptr, word.set(parser, nullptr));
+    }
+    std::vector<const char*> values = line.TakeValues(word.name);
+    if (!word.other.empty()) {
+        for (const char* value : line.TakeValues(word.other)) values.push_back(value);
+    }
+    if (word.kind == Kind::kValue && values.size() > 1) {
+        return !Complained(word.name, nullptr, "given more than once");
+    }
+    for (const char* value : values) {
+        if (Complained(word.name, value,
+                       value == nullptr ? "a value is missing" : word.set(parser, value))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// What makes no sense together.
+std::string FindConflict(const TraceOptions& options) {
+    const bool goesOn = options.follows || options.waitFor;
+    const Choice& choice = options.choice;
+    const bool isOfFiles = options.report > Report::kNone && options.report < Report::kCount;
+    const bool chooses = options.fromStart || choice.since || choice.until || options.last ||
+                         !choice.threads.empty() || !choice.tags.empty() ||
+                         !choice.wanted.empty() || !choice.excluded.empty();
+    if (options.timeout && !goesOn) return "--timeout goes with -f and --wait-for only";
+    if (isOfFiles && (goesOn || chooses)) return "this report is of whole files: choose no records";
+    if (options.waitFor && options.report != Report::kNone) {
+        return "--wait-for goes with no report and no count";
+    }
+    return {};
+}
+
+}  // namespace
+
+std::optional<TraceOptions> ParseTraceOptions(CommandLine& line) {
+    Parser parser;
+    std::vector<std::string_view> names;
+    for (const Word& word : kWords) {
+        if (!TakeWord(line, word, parser)) return {};
+        names.push_back(word.name);
+        if (!word.other.empty()) names.push_back(word.other);
+    }
+    if (!line.HasOnly(names)) return {};
+    parser.options.paths.assign(line.words.begin(), line.words.end());
+    const std::string conflict = FindConflict(parser.options);
+    if (conflict.empty()) return std::move(parser.options);
+    Complain("%s", conflict.c_str());
+    return {};
+}
+
+void WriteTraceHelp() {
+    Write(
+        "usage: kemdctl trace [OPTION...] [FILE|DIRECTORY...]  the directory in force\n"
+        "Records of all the files in the order of time. They are chosen in this order:\n"
+        "  --start                   since the last start of the daemon\n"
+        "  --since T, --until T      T: \"2026-11-15 20:04:51.123\", 20:04, today, -2h30m\n"
+        "  --thread ID, --tag NAME   of any of these threads, with any of these tags\n"
+        "  -g, --grep REGEX          whose text matches any of these; -i ignores case\n"
+        "  -v, --exclude REGEX       whose text matches none of these\n"
+        "  -n, --lines N             the last N of them; with -f then everything new\n"
+        "Show them:\n"
+        "  -f, --follow              and go on with what is written\n"
+        "  --wait-for REGEX          only the next that matches; --timeout S: give up\n"
+        "  -o full|short|json|csv    in this form; --raw  with all that is no record\n"
+        "  --delta, --gaps S         with the time between; only around gaps above S\n"
+        "  --color auto|always|never    --no-pager    -q, --quiet  no word on the files\n"
+        "Or, in their place:\n"
+        "  --count                   their number\n"
+        "  --stats                   how many of which kind, when, at what memory\n"
+        "  --export, --html FILE     a timeline for trace viewers; a page to look at\n"
+        "Or, of whole files: --header; --verify whether they are sound; --last-run how\n"
+        "it ended; --collect FILE everything for support, secrets masked\n"
+        "Exit status: 0 found, 1 nothing matched, or the time-out, 2 an error.\n");
+}

@@ -1,0 +1,17 @@
+// What becomes of the records that were chosen: shown, counted, exported. One sink serves one run
+// of the command.
+#pragma once
+
+#include "tools/trace_reader/record.h"
+#include "tools/trace_reader/trace_merge.h"
+
+class RecordSink {
+  public:
+    virtual ~RecordSink() = default;
+    // Before the first record. `merge` outlives the sink; its Sources() name the files.
+    virtual void Begin(const TraceMerge& /*merge*/) {}
+    // One record, in order. Its views are valid during the call.
+    virtual void Take(const TraceRecord& record) = 0;
+    // Behind the last one. False: an error, which was told on standard error.
+    [[nodiscard]] virtual bool Finish() { return true; }
+};

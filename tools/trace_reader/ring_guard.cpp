@@ -1,0 +1,54 @@
+#include "tools/trace_reader/ring_guard.h"
+
+#include <sched.h>
+
+#include <algorithm>
+
+namespace {
+
+// A copy may store the end of a record before its beginning, and so before the trailer is gone.
+constexpr uint64_t kInFlight = 8192;
+constexpr int kPatience = 10'000;  // looks for a trailer; a record takes far less than one
+
+}  // namespace
+
+RingGuard::RingGuard(const TraceFile& file, const Layout& layout)
+    : m_file(file),
+      m_start(layout.start),
+      m_newest(layout.newest),
+      m_size(layout.size),
+      m_mark(layout.mark),
+      m_oldValid(layout.newest),
+      m_newValid(layout.start) {}
+
+bool RingGuard::IsUntouched() const {
+    const uint64_t at = m_newest + kTrailerLength - m_mark.size();
+    return m_file.Read(at, m_mark.size()) == m_mark;
+}
+
+// The writer is at the trailer. In front of it stands what is newer than the layout; behind it what
+// the writer has not come to: everything, or one cycle less, or nothing that was known.
+void RingGuard::Look() {
+    const uint64_t kept = m_mark.size() - std::min<uint64_t>(m_mark.size(), kTrailerLength);
+    uint64_t trailer = TraceFile::kNowhere;
+    for (int i = 0; i < kPatience && trailer == TraceFile::kNowhere; ++i) {
+        trailer = FindTrailer(m_file, m_start, m_size);
+        if (trailer == TraceFile::kNowhere) sched_yield();
+    }
+    const bool isKept = m_file.Read(m_newest - kept, kept) == m_mark.substr(0, kept);
+    if (trailer == TraceFile::kNowhere || !isKept) {
+        m_oldValid = m_newValid = m_size;
+    } else if (trailer >= m_newest) {
+        m_oldValid = trailer + kTrailerLength + kInFlight;
+    } else {
+        m_oldValid = m_size;
+        m_newValid = trailer + kTrailerLength + kInFlight;
+    }
+}
+
+uint64_t RingGuard::ValidFrom(const Segment& segment) {
+    if (segment.kind != RecordKind::kRecord) return segment.begin;
+    if (!IsUntouched()) Look();
+    const uint64_t valid = segment.begin >= m_newest ? m_oldValid : m_newValid;
+    return std::clamp(valid, segment.begin, segment.end);
+}

@@ -1,0 +1,158 @@
+#include "tools/trace_reader/trace_source.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "tools/trace_reader/writer.h"
+
+namespace {
+
+constexpr uint64_t kMarkLength = 64;
+constexpr uint64_t kNear = uint64_t{1} << 16;
+constexpr std::string_view kHeaderBegin = "Orvana Environment:";
+constexpr std::string_view kHeaderEnd = "# End of header.";
+
+// Moves the begin of a segment to where records of this time begin, or a little before.
+void SkipOlder(const TraceFile& file, Segment& segment, int64_t time) {
+    uint64_t end = segment.end;
+    while (end - segment.begin > kNear) {
+        const uint64_t middle = segment.begin + (end - segment.begin) / 2;
+        const auto place = FindRecord(file, middle, end);
+        if (place && place->kind == RecordKind::kRecord && place->time < time) {
+            segment.begin = place->offset;
+            segment.isCut = false;
+        } else {
+            end = middle;
+        }
+    }
+}
+
+}  // namespace
+
+bool TraceSource::Open() {
+    m_facts = {};
+    m_facts.problem = m_file.Open(m_path);
+    m_facts.isCompressed = m_file.IsCompressed();
+    if (!m_file.IsOpen()) return false;
+    m_facts.writer = FindWriter(m_file);
+    m_facts.isWritten = !m_facts.isCompressed && IsWriter(m_facts.writer, m_file);
+    Take(Examine());
+    return true;
+}
+
+// The times of files are coarse: what is written right behind the look may not change them.
+Layout TraceSource::Examine() {
+    constexpr int64_t kRecent = 100'000'000;
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    m_modified = m_file.Modified();
+    m_isRecent = std::chrono::nanoseconds(now).count() - m_modified < kRecent;
+    return ExamineFile(m_file);
+}
+
+bool TraceSource::IsReady(const Layout& layout) const {
+    return (layout.kind == FileKind::kRingFile && layout.problem.empty()) ||
+           layout.kind == FileKind::kLogFile;
+}
+
+void TraceSource::Take(Layout layout) {
+    m_layout = std::move(layout);
+    m_facts.kind = m_layout.kind;
+    m_facts.cycle = m_layout.cycle;
+    m_facts.size = m_layout.size;
+    m_facts.overwritten += m_layout.overwritten;
+    if (m_facts.problem.empty()) m_facts.problem = m_layout.problem;
+    const bool isAppended = m_layout.kind == FileKind::kLogFile && m_layout.cycle == 0;
+    if (m_follows && isAppended) m_layout.segments.back().end = m_layout.newest;
+    // What is not whole yet is shown once it is.
+    if (m_follows && !m_file.IsCompressed() && !IsReady(m_layout)) m_layout.segments.clear();
+    Remember();
+    Rewind();
+}
+
+void TraceSource::Remember() {
+    const uint64_t length = std::min(kMarkLength, m_layout.newest - m_layout.start);
+    const bool isMarked = !m_layout.mark.empty();
+    m_before = isMarked ? m_layout.mark.substr(0, m_layout.mark.size() - kTrailerLength)
+                        : m_file.Read(m_layout.newest - length, length);
+    m_guard.reset();
+    if (m_layout.kind == FileKind::kRingFile && m_layout.problem.empty()) {
+        m_guard.emplace(m_file, m_layout);
+    }
+}
+
+void TraceSource::Rewind() {
+    m_facts.records = m_facts.clockBack = m_facts.foreign = 0;
+    m_segment = 0;
+    m_isInHeader = false;
+    StartSegment();
+}
+
+void TraceSource::StartSegment() {
+    m_stream.reset();
+    if (m_segment >= m_layout.segments.size()) return;
+    m_stream.emplace(m_file, m_guard ? &*m_guard : nullptr);
+    m_stream->Start(m_layout.segments[m_segment]);
+}
+
+void TraceSource::EndSegment() {
+    if (m_layout.segments[m_segment].kind == RecordKind::kRecord) {
+        m_facts.lost += m_stream->LostBytes();
+        if (m_layout.cycle > 0) m_facts.overwritten += m_stream->CutBytes();
+    }
+    ++m_segment;
+    StartSegment();
+}
+
+bool TraceSource::IsHidden(TraceRecord& record) {
+    if (record.kind == RecordKind::kOther) m_facts.foreign += record.line.size();
+    const bool isLog = m_layout.kind == FileKind::kLogFile;
+    if (!isLog && record.kind == RecordKind::kWrap) record.kind = RecordKind::kRecord;
+    if (isLog && record.kind == RecordKind::kRecord) {
+        if (record.text == kHeaderBegin) m_isInHeader = true;
+        if (m_isInHeader) record.kind = RecordKind::kHeader;
+        if (record.text == kHeaderEnd) m_isInHeader = false;
+    }
+    return record.kind != RecordKind::kRecord && !m_showsAll;
+}
+
+void TraceSource::Count(const TraceRun& run) {
+    if (m_facts.records == 0) m_facts.firstTime = run.firstTime;
+    if (m_facts.records > 0 && run.firstTime < m_facts.lastTime) ++m_facts.clockBack;
+    m_facts.clockBack += run.clockBack;
+    m_facts.lastTime = run.lastTime;
+    m_facts.records += run.count;
+}
+
+bool TraceSource::Next(TraceRecord& record) {
+    while (m_stream) {
+        const bool isSkipped =
+            !m_showsAll && m_layout.segments[m_segment].kind != RecordKind::kRecord;
+        if (isSkipped || !m_stream->Next(record)) {
+            EndSegment();
+            continue;
+        }
+        if (IsHidden(record)) continue;
+        record.source = m_number;
+        record.sequence = static_cast<uint64_t>(m_segment) << 40 | m_stream->Offset();
+        if (record.kind == RecordKind::kRecord) Count({{}, 1, record.time, record.time, 0});
+        return true;
+    }
+    return false;
+}
+
+bool TraceSource::NextRun(TraceRun& run) {
+    // A ring has nothing but pre-fill to be hidden among its records.
+    const bool isPlain = m_stream && m_guard && !m_showsAll &&
+                         m_layout.segments[m_segment].kind == RecordKind::kRecord;
+    if (!isPlain || !m_stream->NextRun(run)) return false;
+    Count(run);
+    return true;
+}
+
+void TraceSource::SeekTime(int64_t time) {
+    for (Segment& segment : m_layout.segments) {
+        if (segment.kind == RecordKind::kRecord) SkipOlder(m_file, segment, time);
+    }
+    Rewind();
+}

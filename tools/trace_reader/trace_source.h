@@ -1,0 +1,105 @@
+// One trace file as a stream of its records in the order in which they were written. Not for
+// several threads.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tools/trace_reader/layout.h"
+#include "tools/trace_reader/record.h"
+#include "tools/trace_reader/record_stream.h"
+#include "tools/trace_reader/ring_guard.h"
+#include "tools/trace_reader/trace_file.h"
+
+// What was found. Counts grow while records are read and are whole at the end.
+struct SourceFacts {
+    FileKind kind = FileKind::kEmptyFile;
+    bool isCompressed = false;
+    uint32_t cycle = 0;     // of a log the number; of a ring 0 for the first one, 1 for a later one
+    uint64_t size = 0;      // bytes, unpacked
+    uint64_t records = 0;   // those of kind kRecord
+    int64_t firstTime = 0;  // of those; as in TraceRecord
+    int64_t lastTime = 0;
+    uint64_t clockBack = 0;    // how often the time went back
+    uint64_t overwritten = 0;  // bytes of records whose start had been overwritten
+    uint64_t lost = 0;         // bytes that the writer overwrote while they were read
+    bool isOvertaken = false;  // records were overwritten before a reader that follows came to them
+    uint64_t foreign = 0;      // bytes in front of the first record
+    int writer = 0;            // the process that the header names, 0: none
+    bool isWritten = false;    // that process has the file open
+    std::string problem;       // in a few words, empty when there is none
+};
+
+class TraceSource {
+  public:
+    TraceSource(std::string path, uint16_t number) : m_path(std::move(path)), m_number(number) {}
+    TraceSource(const TraceSource&) = delete;
+    TraceSource& operator=(const TraceSource&) = delete;
+
+    // False when there is nothing to read; Facts().problem says why. An empty or foreign file
+    // opens.
+    bool Open();
+
+    // Everything, also what is no record, in the order: header, older cycle, dots, newer cycle,
+    // trailer, pre-fill. Otherwise only records of kind kRecord are given.
+    void ShowAll(bool showAll) { m_showsAll = showAll; }
+
+    // False at the end. The views of a record are valid until the next call for this source.
+    [[nodiscard]] bool Next(TraceRecord& record);
+    // Several at once: false where there are none, and Next goes on. Not after a false Next.
+    [[nodiscard]] bool NextRun(TraceRun& run);
+    // Begins again with the first record.
+    void Rewind();
+    // To be called before Next: skips records that are older than this time (as in TraceRecord)
+    // without reading them. Some of them may still be given. In a part of the file where the clock
+    // went back over this time, records of this time may be skipped, too.
+    void SeekTime(int64_t time);
+
+    // For a reader that follows: looks for what was written since the last call of Advance or Open.
+    // Next then gives it. A file that was begun anew is given from its start. False: nothing new.
+    [[nodiscard]] bool Advance();
+    // Leaves out a last line that may not be whole yet. To be called before Open.
+    void Follow() { m_follows = true; }
+
+    [[nodiscard]] const SourceFacts& Facts() const { return m_facts; }
+    [[nodiscard]] bool HasLost() const { return m_facts.lost > 0 || m_facts.isOvertaken; }
+    [[nodiscard]] const std::string& Path() const { return m_path; }
+    [[nodiscard]] const TraceFile& File() const { return m_file; }
+    // Where the newest record ended at the last look.
+    [[nodiscard]] uint64_t NewestEnd() const { return m_layout.newest; }
+    [[nodiscard]] bool IsOpen() const { return m_file.IsOpen(); }
+
+  private:
+    [[nodiscard]] Layout Examine();
+    void Take(Layout layout);
+    void Remember();
+    void StartSegment();
+    void EndSegment();
+    bool IsHidden(TraceRecord& record);
+    void Count(const TraceRun& run);
+    [[nodiscard]] bool IsReady(const Layout& layout) const;
+    [[nodiscard]] bool IsUntouched() const;
+    [[nodiscard]] bool IsKept() const;
+    [[nodiscard]] bool Reopen();
+    [[nodiscard]] bool BeginAnew(Layout layout);
+    [[nodiscard]] bool AdvanceRing();
+    [[nodiscard]] bool AdvanceLog();
+    [[nodiscard]] bool GoOn(Layout layout, bool isNextCycle);
+
+    std::string m_path;
+    uint16_t m_number;
+    bool m_showsAll = false;
+    bool m_follows = false;
+    TraceFile m_file;
+    Layout m_layout;
+    std::optional<RingGuard> m_guard;
+    std::optional<RecordStream> m_stream;
+    size_t m_segment = 0;
+    bool m_isInHeader = false;  // of a log
+    // For Advance:
+    std::string m_before;     // bytes in front of the newest record's end
+    int64_t m_modified = 0;   // of a log, before it was examined
+    bool m_isRecent = false;  // and then so near that another change may have the same time
+    SourceFacts m_facts;
+};
