@@ -35,7 +35,7 @@ class Walk {
 
 std::string Walk::TakeName() {
     m_rest.erase(0, m_rest.find_first_not_of('/'));
-    const std::string name = m_rest.substr(0, m_rest.find('/'));
+    std::string name = m_rest.substr(0, m_rest.find('/'));
     m_rest.erase(0, name.size());
     return name;
 }

@@ -163,21 +163,23 @@ TEST_F(TraceCommandTest, FormsAndWhatIsBetweenRecords) {
               Trace("--delta /tmp/five -v gamma").out);
     EXPECT_EQ(kFive[2] + "\n-- 10.000 s without a record --\n" + kFive[3] + "\n",
               Trace("--gaps 5 /tmp/five").out);
-    WriteLog("/tmp/hostile", {kHead + "a\"b           x,\"\x1b[2J\xff\xc2\x9b\xc3\xa4\\"});
+    WriteLog("/tmp/hostile",
+             {kHead + "a\"b           x,\"\x1b[2J\xff\xc2\x9b\xc3\xa4\xe2\x80\xae\\"});
     EXPECT_EQ(
         "{\"time\":\"2026-11-21 10:00:00.000\",\"thread\":\"0000AAAA\",\"residentKb\":3188,"
-        "\"tag\":\"a\\\"b\",\"text\":\"x,\\\"\\u001b[2J\xef\xbf\xbd\\u009b\xc3\xa4\\\\\","
+        "\"tag\":\"a\\\"b\",\"text\":\"x,\\\"\\u001b[2J\xef\xbf\xbd\\u009b\xc3\xa4\\u202e\\\\\","
         "\"file\":\"/tmp/hostile\"}\n",
         Trace("--json /tmp/hostile").out);
     EXPECT_EQ(
         "time,thread,residentKb,tag,text,file\r\n2026-11-21 10:00:00.000,0000AAAA,3188,"
-        "\"a\"\"b\",\"x,\"\"\x1b[2J\xff\xc2\x9b\xc3\xa4\\\",/tmp/hostile\r\n",
+        "\"a\"\"b\",\"x,\"\"\x1b[2J\xff\xc2\x9b\xc3\xa4\xe2\x80\xae\\\",/tmp/hostile\r\n",
         Trace("-o csv /tmp/hostile").out);
     EXPECT_TRUE(Contains(Trace("-o csv --gaps 1 /tmp/five").out, ",/tmp/five,10.000\r\n"));
 }
 
 TEST_F(TraceCommandTest, HostileTextNeverDrivesATerminal) {
-    std::string hostile = kHead + "t\x1bg           ERROR \x1b[2J\x9b\x07\x08\xc2\x9bneedle\xff";
+    std::string hostile =
+        kHead + "t\x1bg           ERROR \x1b[2J\x9b\x07\x08\xc2\x9bneedle\xff\xe2\x81\xa6";
     WriteLog("/tmp/hostile", {hostile + std::string(5000, 'x'), hostile + "\nneedle\x1b]0;\r."});
     const std::string command =
         "TERM=xterm /build/kemdctl trace --no-pager -g needle /tmp/hostile ";
@@ -193,7 +195,7 @@ TEST_F(TraceCommandTest, HostileTextNeverDrivesATerminal) {
                     shown.erase(at, std::string(paint).size());
                 }
             }
-            EXPECT_EQ(std::string::npos, shown.find_first_of("\x1b\x07\x08\x9b\xff")) << shown;
+            EXPECT_EQ(std::string::npos, shown.find_first_of("\x1b\x07\x08\x9b\xff\xe2")) << shown;
         }
     }
     EXPECT_TRUE(Contains(Trace("/tmp/hostile").out, hostile)) << "a pipe gets the bytes";
@@ -211,6 +213,35 @@ TEST_F(TraceCommandTest, PagerShowsAllAndMayBeLeft) {
     EXPECT_TRUE(InOrder(paged("read -r l; echo \"[$l]\"", " -q; echo =$?"), {"(1)]", "=0"}));
     EXPECT_TRUE(InOrder(paged("", ""), {"(1)", "(5)"}));
     EXPECT_FALSE(Contains(paged("echo paged", " -g nothing"), "paged"));
+}
+
+TEST_F(TraceCommandTest, LongTextsAreSearchedInPieces) {
+    const std::string fill(65'533, 'x'), lines = fill + "\n" + fill + "\nbegin\n" + fill;
+    WriteLog("/tmp/long", {kHead + "t             y" + fill + "needle" + fill + fill + "\ntail",
+                           kHead + "t             " + lines + " end"});
+    const struct {
+        const char* pattern;
+        const char* count;
+    } cases[] = {{"needle", "1"}, {"n.edle", "1"},    {"ne+$", "0"},   {"^x+needle", "0"},
+                 {"^tai.$", "1"}, {"^begi[n]$", "1"}, {"x end$", "1"}, {"x{100}needle", "1"}};
+    for (const auto& each : cases) {
+        const Result result = Trace("-q --count -g '" + std::string(each.pattern) + "' /tmp/long");
+        EXPECT_EQ(each.count + std::string("\n"), result.out) << each.pattern << result.err;
+    }
+}
+
+TEST_F(TraceCommandTest, ReachOfARingIsThatOfTheWholeRing) {
+    for (int i = 0; i < 6200; ++i) {
+        TRACE(5, "%s", std::string(1000, 'x').c_str());
+        if (i % 16 == 0) usleep(1000);
+    }
+    const auto reach = [](const char* options) {
+        const std::string all = Trace(std::string("--stats /var/log/orvmon ") + options).out;
+        const size_t at = all.find("reaches back ");
+        return at == all.npos ? "none" : all.substr(at, all.find('\n', at) - at);
+    };
+    EXPECT_NE("none", reach(""));
+    EXPECT_EQ(reach(""), reach("--since +1h"));
 }
 
 TEST_F(TraceCommandTest, HelpFitsAScreenAndAReaderMayGoAway) {

@@ -1,4 +1,6 @@
 // The reports of kemdctl trace on files of the real daemon, and on files that nobody should trust.
+#include <linux/capability.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 
 #include <map>
@@ -50,6 +52,27 @@ TEST_F(ReportTest, LastRunThatWasKilled) {
     const Result killed = Ctl("trace --last-run");
     EXPECT_EQ(killed.code, 1);
     EXPECT_TRUE(InOrder(killed.out, {"killed: no exit message", "Waiting for signals"}));
+    // As for another user: what a daemon has open cannot be seen.
+    const pid_t hidden = fork();
+    if (hidden == 0) {
+        prctl(PR_SET_DUMPABLE, 0);
+        prctl(PR_SET_NAME, "kemd");
+        for (;;) pause();
+    }
+    const std::string name = "/proc/" + std::to_string(hidden) + "/comm";
+    ASSERT_TRUE(WaitFor([&] { return ReadFile(name) == "kemd\n"; }));
+    const pid_t asking = fork();
+    if (asking == 0) {
+        prctl(PR_CAPBSET_DROP, CAP_SYS_PTRACE);
+        _exit(Ctl("trace --last-run").code);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(asking, &status, 0), asking);
+    EXPECT_EQ(WEXITSTATUS(status), 2);
+    EXPECT_TRUE(Contains(ReadFile("/tmp/out"), "unknown: no exit message, and whether a process"));
+    EXPECT_TRUE(Contains(ReadFile("/tmp/err"), "cannot be seen: only root may ask"));
+    kill(hidden, SIGKILL);
+    ASSERT_EQ(waitpid(hidden, nullptr, 0), hidden);
     // The log alone is enough, and a later run is not told from the one before.
     EXPECT_EQ(Ctl("trace --last-run " + kLog).code, 1);
     EXPECT_EQ(Stop(Run()), 0);
@@ -137,6 +160,10 @@ TEST_F(ReportTest, StatisticsOfChosenRecords) {
                                     "busiest tags", "heartbeat", "120   96%  beat #\n",
                                     "at 0x# and #", "after 2026-11-15 01:59:00.000  31 min"}));
     EXPECT_FALSE(Contains(stats.out, "\x1b"));
+    const std::string range = "trace --stats --since '2026-11-15 00:01' --until '2026-11-15 00:";
+    EXPECT_TRUE(Contains(Ctl(range + "06' /tmp/log").out, "records in each 1 min\n"));
+    EXPECT_TRUE(Contains(Ctl(range + "02' /tmp/log").out, "records in each 1 min\n"));
+    EXPECT_TRUE(Contains(Ctl(range + "01' /tmp/log").out, "records in each 10 ms\n"));
     EXPECT_TRUE(Contains(Json("--stats /tmp/log", 0), "{\"text\":\"beat #\",\"count\":120}"));
 }
 
@@ -189,12 +216,18 @@ static std::map<std::string, std::string> ReadArchive(const std::string& path) {
 TEST_F(ReportTest, CollectionMasksSecrets) {
     const std::string secret = "hunter2 hunter3", token = "t0k3n-t0k3n";
     m_environment["OV_SYSTEM"] = "user " + secret;  // found by the option's value
-    EXPECT_EQ(Stop(Run({"--db-password", secret, "--api-Token=" + token})), 0);
+    EXPECT_EQ(Stop(Run({"--db-password", secret, "--api-Token=" + token, "--day-key=2026-11-15"})),
+              0);
     std::ofstream(kLog, std::ios::app)
+        << Line(79000, "index key=unlearnt-1 of 2026-11-15") << Line(79001, "an unlearnt-1")
         << Line(80000, "login secret=s3 key='a b' ok " + token)
         << Line(80001, "DB_PASSWORD=part one\npart two") << Line(80002, "whole");
-    WriteFile("/usr/bin/systemctl",
-              "#!/bin/sh\necho 'Environment=A=b \"SSL_KEY=x y\" C=d\n  TOKEN=z\nAfter=it'\n");
+    WriteFile("/usr/bin/systemctl", R"(#!/bin/sh
+echo 'Environment=A=b "SSL_KEY=x y" "A_PASSWORD=a\" b c" C=d
+  TOKEN=z
+ExecStart={ argv[]=/kemd --password s3 -n -key --pass "s3 s" --b-key=s3 -token ; a=no }
+After=it'
+)");
     chmod("/usr/bin/systemctl", 0755);
     const Result result = Ctl("trace --collect /tmp/c.tar.gz");
     EXPECT_EQ(result.code, 0) << result.err;
@@ -211,7 +244,15 @@ TEST_F(ReportTest, CollectionMasksSecrets) {
     EXPECT_TRUE(Contains(members["log.kemd"], "login secret=** key=****' ok ***********"));
     EXPECT_TRUE(Contains(members["log.kemd_a"], "OV_SYSTEM=user ***************"));
     EXPECT_TRUE(InOrder(members["log.kemd_a.header.txt"], {"***************", "Trace Level"}));
-    EXPECT_EQ(members["unit.txt"], "Environment=A=b \"SSL_KEY=***\" C=d\n  TOKEN=*\nAfter=it\n");
+    EXPECT_EQ(members["unit.txt"], R"(Environment=A=b "SSL_KEY=***" "A_PASSWORD=*******" C=d
+  TOKEN=*
+ExecStart={ argv[]=/kemd --password ** -n -key ****** *****" --b-key=** -token ; a=no }
+After=it
+)");
+    // Times stay, and what a record alone calls a key stays elsewhere.
+    EXPECT_TRUE(Contains(members["log.kemd"], "2026-11-15 21:56:40.000 "));
+    EXPECT_TRUE(Contains(members["log.kemd"], "index key=********** of **********\n"));
+    EXPECT_TRUE(Contains(members["log.kemd"], "an unlearnt-1\n"));
     EXPECT_TRUE(Contains(members["log.kemd"], "whole\n"));
     EXPECT_TRUE(Contains(members["status.txt"], "not running"));
     EXPECT_TRUE(members.contains("check.txt") && members.contains("version.txt"));

@@ -1,5 +1,8 @@
 // Files that are written while they are read.
+#include <atomic>
+#include <chrono>
 #include <random>
+#include <thread>
 
 #include "tests/trace_reader/written.h"
 
@@ -20,20 +23,34 @@ class FollowTest : public ReaderTest {
             found.insert(found.end(), more.begin(), more.end());
         }
     }
-    // Writes so many records between the looks: messages only, or also into a ring.
+    // Writes so many records between the looks: messages only, or also into a ring. Some have the
+    // same time, and all the same end.
     void WriteAndLook(int count, bool hasRing) {
         for (int i = 0; i < count; ++i) {
-            SetClock(++m_second);
-            const std::string text = std::to_string(m_second) + std::string(m_random() % 1500, 'x');
-            hasRing&& i % 3 != 0 ? Trace(text) : Message(text.substr(0, 300));
+            Write(hasRing && i % 3 != 0);
             if (m_random() % 5 == 0 || i % 8 == 0) Look();
         }
         Look();
+    }
+    void Write(bool isTrace) {
+        const int number = static_cast<int>(written.size());
+        if (number % 4 == 0) SetClock(++m_second);
+        const std::string text = std::to_string(number) + std::string(m_random() % 1500, 'x');
+        const std::string more = number % 9 == 0 ? "\nand " + std::to_string(number) : "";
+        isTrace ? Trace(text) : Message(text.substr(0, 300) + more);
+    }
+    // The same in bursts, while another thread looks.
+    void WriteBursts(int bursts) {
+        for (int i = 0; i < bursts; ++i) {
+            for (int record = 0; record < 25; ++record) Write(record % 4 != 0);
+            while (m_found < written.size() && !HasFailure()) std::this_thread::yield();
+        }
     }
     TraceMerge merge;
     Lines found;
 
     time_t m_second = kStart;
+    std::atomic<size_t> m_found = 0;
 
   private:
     std::mt19937 m_random{1};
@@ -61,6 +78,31 @@ TEST_F(FollowTest, RingsThroughTheirWrapsAndARestart) {
         WriteAndLook(6000, true);
         EXPECT_EQ("", Differ(written, found));
     }
+}
+
+TEST_F(FollowTest, NothingIsLostRepeatedOrMovedWhileAnotherThreadWrites) {
+    std::atomic<bool> isWriting = true;
+    std::thread writer([&] {
+        for (int run = 0; run < 2; ++run) {
+            Start(1, 20'000);
+            Note("### Start of initialization. ###");
+            WriteBursts(4);
+            debug.InitDone();
+            Note("### End of initialization. ###");
+            Note("### Start of initialization. ###");
+            WriteBursts(120);
+        }
+        isWriting = false;
+    });
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (isWriting) {
+        Look();
+        m_found = found.size();
+        if (std::chrono::steady_clock::now() > end) ADD_FAILURE() << (m_found = SIZE_MAX);
+    }
+    writer.join();
+    Look();
+    EXPECT_EQ("", Differ(written, found));
 }
 
 TEST_F(FollowTest, WriterThatOvertakesTheReaderNeverLeavesATornRecord) {

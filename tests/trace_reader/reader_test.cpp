@@ -182,7 +182,7 @@ TEST_F(ReaderTest, CompressedFileThatIsCutOrTooLarge) {
         ASSERT_EQ(0, system("gzip -f /tmp/bomb"));
         TraceSource bomb("/tmp/bomb.gz", 0);
         ASSERT_TRUE(bomb.Open());
-        EXPECT_EQ(start.empty(), bomb.Facts().size <= size_t{1} << 20);
+        EXPECT_LE(bomb.Facts().size, size_t{8} << 20);  // of 64 KiB packed
     }
 }
 

@@ -5,13 +5,6 @@
 
 #include "tools/kemdctl/text.h"
 
-// Control characters are those below a blank, DEL, and U+0080 to U+009F.
-static bool IsControl(std::string_view character) {
-    const auto first = static_cast<unsigned char>(character[0]);
-    return first < 0x20 || first == 0x7f ||
-           (first == 0xc2 && static_cast<unsigned char>(character[1]) < 0xa0);
-}
-
 static bool IsPlain(char c) {
     return c >= 0x20 && c < 0x7f && c != '"' && c != '\\';
 }
@@ -24,12 +17,12 @@ void AppendJson(std::string& to, std::string_view text) {
         text.remove_prefix(static_cast<size_t>(plainEnd - text.begin()));
         if (text.empty()) break;
         const size_t length = Utf8Length(text);
+        const uint32_t codePoint = length == 0 ? 0xfffd : CodePoint(text.substr(0, length));
         if (length == 0) {
             to += "\xef\xbf\xbd";
-        } else if (IsControl(text.substr(0, length))) {
+        } else if (IsControl(codePoint)) {
             char code[8];
-            std::snprintf(code, sizeof code, "\\u%04x",
-                          static_cast<unsigned char>(text[length - 1]));
+            std::snprintf(code, sizeof code, "\\u%04x", codePoint & 0xffffU);
             to += code;
         } else {
             if (length == 1 && (text[0] == '"' || text[0] == '\\')) to += '\\';

@@ -30,6 +30,25 @@ size_t Utf8Length(std::string_view text) {
     return length;
 }
 
+uint32_t CodePoint(std::string_view character) {
+    static constexpr unsigned kLeadBits[] = {0, 0x7f, 0x1f, 0x0f, 0x07};
+    uint32_t code = ByteAt(character, 0) & kLeadBits[character.size()];
+    for (size_t i = 1; i < character.size(); ++i) code = code << 6 | (ByteAt(character, i) & 0x3fU);
+    return code;
+}
+
+bool IsControl(uint32_t codePoint) {
+    struct Range {
+        uint32_t first;
+        uint32_t last;
+    };
+    static constexpr Range kRanges[] = {{0, 0x1f},        {0x7f, 0x9f},     {0x61c, 0x61c},
+                                        {0x200e, 0x200f}, {0x2028, 0x202e}, {0x2066, 0x2069}};
+    return std::any_of(std::begin(kRanges), std::end(kRanges), [codePoint](Range each) {
+        return codePoint >= each.first && codePoint <= each.last;
+    });
+}
+
 std::string Printable(std::string_view text) {
     std::string shown;
     for (;;) {
@@ -39,13 +58,12 @@ std::string Printable(std::string_view text) {
         if (text.empty()) return shown;
         const size_t length = Utf8Length(text);
         const unsigned byte = ByteAt(text, 0);
-        // The control characters above ASCII are C2 80 to C2 9F.
-        const bool isControl =
-            byte < 0x20 || byte == 0x7f || (length == 2 && byte == 0xc2 && ByteAt(text, 1) < 0xa0);
-        const size_t taken = length == 0 || isControl ? 1 : length;
+        // One of several bytes is shown byte by byte, as what is left of it is no UTF-8.
+        const bool isBad = length == 0 || IsControl(CodePoint(text.substr(0, length)));
+        const size_t taken = isBad ? 1 : length;
         if (byte == '\n' || byte == '\r' || byte == '\t') {
             shown += byte == '\n' ? "\\n" : byte == '\r' ? "\\r" : "\\t";
-        } else if (length == 0 || isControl) {
+        } else if (isBad) {
             char code[8];
             std::snprintf(code, sizeof code, "\\x%02x", byte);
             shown += code;

@@ -2,11 +2,19 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
 // The bytes of the UTF-8 sequence that the text begins with; 0 when it begins with none.
 size_t Utf8Length(std::string_view text);
+
+// The number of a character, whose bytes are as many as Utf8Length tells.
+uint32_t CodePoint(std::string_view character);
+
+// Whether a character acts on what is shown around it: C0, DEL and C1, those that turn the
+// direction of writing, and the separators of lines and paragraphs.
+bool IsControl(uint32_t codePoint);
 
 // Control characters and bytes that are no UTF-8 become \n, \t, \r or \x1b and the like, so that a
 // text cannot drive a terminal. A backslash stays one.

@@ -1,6 +1,7 @@
 #include "tools/trace_reader/describe.h"
 
 #include "tools/trace_reader/prefix.h"
+#include "tools/trace_reader/writer.h"
 
 namespace {
 
@@ -26,8 +27,8 @@ std::string Bytes(uint64_t count, const char* what) {
 std::string Span(const SourceFacts& facts) {
     if (facts.records == 0) return ", no records";
     return ", " + std::to_string(facts.records) +
-           (facts.records == 1 ? " record, " : " records, ") + FormatTime(facts.firstTime).data() +
-           " to " + FormatTime(facts.lastTime).data();
+           (facts.records == 1 ? " record read, " : " records read, ") +
+           FormatTime(facts.firstTime).data() + " to " + FormatTime(facts.lastTime).data();
 }
 
 std::string Cycles(const SourceFacts& facts) {
@@ -35,6 +36,13 @@ std::string Cycles(const SourceFacts& facts) {
     return facts.kind == FileKind::kRingFile
                ? ", wrapped"
                : ", wrapped " + std::to_string(facts.cycle) + " times";
+}
+
+std::string Writer(const SourceFacts& facts) {
+    const std::string process = "process " + std::to_string(facts.writer);
+    if (facts.isWritten) return ", " + process + " writes it";
+    if (!HidesFiles(facts.writer)) return ", " + process + " no longer writes it";
+    return ", whether " + process + " still writes it cannot be seen";
 }
 
 }  // namespace
@@ -50,8 +58,7 @@ std::string Describe(const SourceFacts& facts) {
         text += Bytes(facts.foreign, "are no records");
         text += Bytes(facts.lost, "overwritten while they were read");
         if (facts.writer != 0 && !facts.isCompressed) {
-            text += ", process " + std::to_string(facts.writer) +
-                    (facts.isWritten ? " writes it" : " no longer writes it");
+            text += Writer(facts);
         }
     }
     if (facts.problem.empty() || facts.kind == FileKind::kForeignFile) return text;

@@ -34,8 +34,12 @@ uint64_t FindBegin(const TraceFile& file, uint64_t size) {
     return kNowhere;
 }
 
-// What a file without any mark of a ring holds.
+// What a file without any mark of a ring holds. A ring that is being made has none either while a
+// line of its header is written, but it ends with pre-fill.
 FileKind FindKind(const TraceFile& file, uint64_t size) {
+    constexpr std::string_view kFillEnd = "____________________\n";
+    const uint64_t length = std::min<uint64_t>(size, kFillEnd.size());
+    if (file.Read(size - length, length) == kFillEnd) return FileKind::kRingFile;
     RecordStream stream(file);
     stream.Start({0, size, RecordKind::kRecord, true});
     FileKind kind = FileKind::kForeignFile;

@@ -2,8 +2,11 @@
 // docs/trace-files.md for the two layouts.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/trace_reader/record.h"
@@ -28,9 +31,11 @@ struct Layout {
     uint64_t oldEnd = 0;       // where the cycle before ended
     uint64_t overwritten = 0;  // bytes of records that lost their start
     uint32_t cycle = 0;        // of a log, 0: not wrapped yet; of a ring 1 when it has wrapped
-    // Of a ring: the bytes in front of the newest record's end and the trailer, as they stood there
-    // together. Empty without a trailer.
-    std::string mark;
+    // Of a ring, for those who come back to it:
+    bool hasTrailer = false;
+    std::string run;      // its begin record, which another run has with another time
+    std::string first;    // the first bytes of the cycle, which the next cycle overwrites first
+    std::string mark;     // the last bytes in front of the newest record's end
     std::string problem;  // in a few words, empty when all is as it should be
 };
 
@@ -41,6 +46,14 @@ struct Layout {
 void ExamineRing(const TraceFile& file, uint64_t begin, Layout& layout);
 void ExamineLog(const TraceFile& file, Layout& layout);
 
+// The wrap line of a log, when one stands at this offset.
+struct WrapLine {
+    uint32_t cycle = 0;
+    uint64_t start = 0;  // of the cycle, where the line stands
+    uint64_t limit = 0;
+};
+[[nodiscard]] std::optional<WrapLine> ReadWrapLine(const TraceFile& file, uint64_t offset);
+
 inline constexpr std::string_view kTrailerLine = "\n## TRACE-END ##\n";
 inline constexpr uint64_t kTrailerLength = kTrailerLine.size() - 1;
 
@@ -48,8 +61,23 @@ inline constexpr uint64_t kTrailerLength = kTrailerLine.size() - 1;
 [[nodiscard]] uint64_t FindDots(const TraceFile& file, uint64_t start, uint64_t size);
 // Where the trailer behind `start` begins; kNowhere while a record is being written.
 [[nodiscard]] uint64_t FindTrailer(const TraceFile& file, uint64_t start, uint64_t end);
-// Sets the newest record and the mark, from `trailer` on, where a trailer was seen a moment ago.
-// False when none stays long enough.
-[[nodiscard]] bool TakeMark(const TraceFile& file, uint64_t trailer, Layout& layout);
+// Sets the newest record of a ring, the first bytes and the mark, all of one cycle, from what
+// `find` gives: the offset of the trailer. False while the writer is between two records.
+template <typename Find>
+[[nodiscard]] bool TakePlace(const TraceFile& file, const Find& find, Layout& layout) {
+    constexpr uint64_t kFirst = 128, kMark = 4096;
+    const std::string before = file.Read(layout.start, kFirst);
+    const uint64_t trailer = find();
+    if (trailer == TraceFile::kNowhere || trailer < layout.start) return false;
+    // Only now: what was read before the trailer was seen may have been older than the record.
+    const uint64_t length = std::min(kMark, trailer - layout.start);
+    std::string mark = file.Read(trailer - length, length);
+    std::string first = file.Read(layout.start, std::min(kFirst, trailer - layout.start));
+    if (!before.starts_with(first)) return false;
+    layout.newest = trailer;
+    layout.first = std::move(first);
+    layout.mark = std::move(mark);
+    return true;
+}
 // The process that wrote the file, as its header says; 0 when it does not.
 [[nodiscard]] int FindWriter(const TraceFile& file);

@@ -8,12 +8,6 @@
 
 namespace {
 
-struct Wrap {
-    uint32_t cycle = 0;
-    uint64_t start = 0;
-    uint64_t limit = 0;
-};
-
 bool TakeNumber(std::string_view& text, std::string_view label, uint64_t& number) {
     const size_t found = text.find(label);
     if (found == text.npos) return false;
@@ -21,8 +15,8 @@ bool TakeNumber(std::string_view& text, std::string_view label, uint64_t& number
     return std::from_chars(text.data(), text.data() + text.size(), number).ec == std::errc{};
 }
 
-std::optional<Wrap> ParseWrap(std::string_view text) {
-    Wrap wrap;
+std::optional<WrapLine> ParseWrap(std::string_view text) {
+    WrapLine wrap;
     uint64_t cycle = 0;
     if (!TakeNumber(text, "Cycle=", cycle) || !TakeNumber(text, "CntInitEnd=", wrap.start) ||
         !TakeNumber(text, "(MaxCnt=", wrap.limit)) {
@@ -87,7 +81,7 @@ class Boundary {
 
 // The file is never shortened: behind the record that passed the limit, pieces of such records of
 // earlier cycles may be left.
-uint64_t FindOldEnd(const TraceFile& file, const Wrap& wrap, uint64_t size) {
+uint64_t FindOldEnd(const TraceFile& file, const WrapLine& wrap, uint64_t size) {
     if (wrap.cycle < 2) return size;
     // A limit within the start-up part makes every record pass it.
     const uint64_t wrapLine = file.Find("\n", wrap.start, size);
@@ -111,10 +105,10 @@ static void PutParts(const Boundary& boundary, Layout& layout) {
 }
 
 // The last wrap line. It stands where its cycle begins, which tells it from a copy in a text.
-static Wrap FindWrap(const TraceFile& file, uint64_t size) {
+static WrapLine FindWrap(const TraceFile& file, uint64_t size) {
     RecordStream stream(file);
     stream.Start({0, size, RecordKind::kRecord, false});
-    Wrap last;
+    WrapLine last;
     for (TraceRecord record; stream.Next(record);) {
         if (record.kind != RecordKind::kWrap) continue;
         const auto wrap = ParseWrap(record.text);
@@ -123,9 +117,19 @@ static Wrap FindWrap(const TraceFile& file, uint64_t size) {
     return last;
 }
 
+std::optional<WrapLine> ReadWrapLine(const TraceFile& file, uint64_t offset) {
+    constexpr uint64_t kLongest = 512;
+    RecordStream stream(file);
+    stream.Start({offset, offset + kLongest, RecordKind::kRecord, false});
+    TraceRecord record;
+    if (!stream.Next(record) || record.kind != RecordKind::kWrap) return std::nullopt;
+    const auto wrap = ParseWrap(record.text);
+    return wrap && wrap->start == offset ? wrap : std::nullopt;
+}
+
 void ExamineLog(const TraceFile& file, Layout& layout) {
     layout.kind = FileKind::kLogFile;
-    const Wrap wrap = FindWrap(file, layout.size);
+    const WrapLine wrap = FindWrap(file, layout.size);
     layout.cycle = wrap.cycle;
     layout.start = wrap.start;
     layout.oldEnd = layout.size;

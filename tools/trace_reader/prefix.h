@@ -31,7 +31,7 @@ class PrefixParser {
         const unsigned hundreds = Digit(bytes[20]), tens = Digit(bytes[21]),
                        ones = Digit(bytes[22]);
         if (hundreds > 9 || tens > 9 || ones > 9) return {};
-        m_time = m_secondTime + hundreds * 100 + tens * 10 + ones;
+        m_time = m_secondTime + int64_t{hundreds * 100 + tens * 10 + ones};
         return {m_time, m_threadNumber, 1};
     }
 

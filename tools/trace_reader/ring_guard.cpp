@@ -22,20 +22,19 @@ RingGuard::RingGuard(const TraceFile& file, const Layout& layout)
       m_newValid(layout.start) {}
 
 bool RingGuard::IsUntouched() const {
-    const uint64_t at = m_newest + kTrailerLength - m_mark.size();
-    return m_file.Read(at, m_mark.size()) == m_mark;
+    const std::string now = m_file.Read(m_newest - m_mark.size(), m_mark.size() + kTrailerLength);
+    return now.starts_with(m_mark) && now.ends_with(kTrailerLine.substr(1));
 }
 
 // The writer is at the trailer. In front of it stands what is newer than the layout; behind it what
 // the writer has not come to: everything, or one cycle less, or nothing that was known.
 void RingGuard::Look() {
-    const uint64_t kept = m_mark.size() - std::min<uint64_t>(m_mark.size(), kTrailerLength);
     uint64_t trailer = TraceFile::kNowhere;
     for (int i = 0; i < kPatience && trailer == TraceFile::kNowhere; ++i) {
         trailer = FindTrailer(m_file, m_start, m_size);
         if (trailer == TraceFile::kNowhere) sched_yield();
     }
-    const bool isKept = m_file.Read(m_newest - kept, kept) == m_mark.substr(0, kept);
+    const bool isKept = m_file.Read(m_newest - m_mark.size(), m_mark.size()) == m_mark;
     if (trailer == TraceFile::kNowhere || !isKept) {
         m_oldValid = m_newValid = m_size;
     } else if (trailer >= m_newest) {

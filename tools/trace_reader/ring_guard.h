@@ -24,7 +24,7 @@ class RingGuard {
     uint64_t m_start;
     uint64_t m_newest;
     uint64_t m_size;
-    std::string m_mark;   // the bytes in front of the newest trailer, and the trailer
+    std::string m_mark;   // the bytes in front of the newest trailer
     uint64_t m_oldValid;  // of the records behind the newest
     uint64_t m_newValid;  // of the records in front of it
 };

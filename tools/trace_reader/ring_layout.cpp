@@ -77,44 +77,36 @@ uint64_t FindTrailer(const TraceFile& file, uint64_t start, uint64_t end) {
     return found == kNowhere ? kNowhere : found + 1;
 }
 
-// A writer that is fast has gone on by now: where it is and what stands there has to be seen at
-// once.
-bool TakeMark(const TraceFile& file, uint64_t trailer, Layout& layout) {
-    constexpr uint64_t kMarkLength = 64;
-    constexpr size_t kWindow = size_t{1} << 13;
-    constexpr int kTries = 1000;
-    if (trailer == kNowhere) return false;
+// The newest record by its trailer. There is none while a record or a header is written, which may
+// be interrupted for a while.
+static bool FindNewest(const TraceFile& file, Layout& layout) {
+    constexpr int kTries = 20, kPatience = 200;
+    const auto find = [&] { return FindTrailer(file, layout.start, layout.size); };
     for (int i = 0; i < kTries; ++i) {
-        const uint64_t begin = trailer - std::min(kMarkLength, trailer - layout.start);
-        const std::string block = file.Read(begin, kWindow);
-        const size_t found = block.find(kTrailerLine);
-        if (found != block.npos) {
-            const size_t end = found + 1;
-            const size_t length = std::min<size_t>(kMarkLength, end);
-            layout.mark = block.substr(end - length, length + kTrailerLength);
-            layout.newest = begin + end;
-            return true;
-        }
-        const uint64_t other = FindTrailer(file, layout.start, layout.size);
-        if (other != kNowhere) trailer = other;
+        if (TakePlace(file, find, layout)) return true;
+    }
+    const bool isLive = IsWriter(FindWriter(file), file);
+    for (int i = 0; isLive && i < kPatience; ++i) {
+        usleep(500);
+        if (TakePlace(file, find, layout)) return true;
     }
     return false;
 }
 
+static void GuessPlace(const TraceFile& file, Layout& layout) {
+    const uint64_t dots = FindDots(file, layout.start, layout.size);
+    const uint64_t guess = GuessNewest(file, layout.start, dots);
+    if (!TakePlace(
+            file, [guess] { return guess; }, layout))
+        layout.newest = guess;
+    layout.problem = "no trailer: the newest record may be cut";
+}
+
 static void ExamineCycles(const TraceFile& file, Layout& layout) {
     const uint64_t size = layout.size;
-    uint64_t trailer = FindTrailer(file, layout.start, size);
-    // There is none while a record or a header is written, which may be interrupted for a while.
-    constexpr int kPatience = 200;
-    const bool isLive = trailer == kNowhere && IsWriter(FindWriter(file), file);
-    for (int i = 0; isLive && i < kPatience && trailer == kNowhere; ++i) {
-        usleep(500);
-        trailer = FindTrailer(file, layout.start, size);
-    }
+    const bool isEnded = layout.hasTrailer = FindNewest(file, layout);
+    if (!isEnded) GuessPlace(file, layout);
     const uint64_t dots = FindDots(file, layout.start, size);
-    const bool isEnded = TakeMark(file, trailer, layout);
-    if (!isEnded) layout.problem = "no trailer: the newest record may be cut";
-    if (!isEnded) layout.newest = GuessNewest(file, layout.start, dots);
     const uint64_t old = layout.newest + (isEnded ? kTrailerLength : 0);
     const bool isFirst = dots == size && IsPreFill(file, old, size);
     layout.oldEnd = isFirst ? old : std::max(dots, old);
@@ -138,6 +130,8 @@ static void ExamineDamaged(const TraceFile& file, Layout& layout) {
     const uint64_t header = first == last ? 0 : first + 1 + kTrailerLength;
     const uint64_t dots = FindDots(file, old, size);
     layout.start = header;
+    layout.hasTrailer = TakePlace(
+        file, [last] { return last + 1; }, layout);
     layout.oldEnd = dots;
     layout.cycle = dots == size && IsPreFill(file, old, size) ? 0 : 1;
     PutSegment(layout, 0, header, RecordKind::kHeader);
@@ -152,5 +146,6 @@ void ExamineRing(const TraceFile& file, uint64_t begin, Layout& layout) {
     layout.start = file.Find("\n", begin, layout.size) + 1;
     PutSegment(layout, 0, begin, RecordKind::kHeader);
     PutSegment(layout, begin, layout.start, RecordKind::kBegin);
+    layout.run = file.Read(begin, layout.start - begin);
     ExamineCycles(file, layout);
 }

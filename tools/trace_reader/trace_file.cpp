@@ -1,6 +1,7 @@
 #include "tools/trace_reader/trace_file.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,17 +14,19 @@
 
 namespace {
 
-constexpr size_t kBlock = size_t{1} << 20;
+constexpr uint64_t kBlock = uint64_t{1} << 20;
 
-// What the header at the start of a file says about its size; the largest when it says nothing.
-uint64_t RingSize(int fd) {
+// What the header at the start of a file says about its size. A log says nothing: it is text, which
+// does not become smaller than a small part.
+uint64_t UnpackedLimit(int fd, uint64_t packedSize) {
     constexpr std::string_view kLabel = "Ring Buffer Size           : ";
     constexpr uint64_t kPreFillLine = 1024;
+    constexpr uint64_t kTextRatio = 64;
     std::string text(kBlock, '\0');
     text.resize(static_cast<size_t>(std::max<ssize_t>(pread(fd, text.data(), text.size(), 0), 0)));
     if (PrefixParser().ParseHead(text.data(), text.size()).isThere == 0) return kBlock;
     const size_t found = text.find(kLabel);
-    if (found == text.npos) return TraceFile::kLimit;
+    if (found == text.npos) return std::clamp(packedSize * kTextRatio, kBlock, TraceFile::kLimit);
     const auto size = std::strtoull(text.c_str() + found + kLabel.size(), nullptr, 10);
     return std::min<uint64_t>(size, TraceFile::kLimit - kPreFillLine) + kPreFillLine;
 }
@@ -50,7 +53,8 @@ std::string TraceFile::Unpack() {
     // A first look keeps what is no ring, or longer than its own header says, out of memory.
     Unpacked unpacked = UnpackGzip(m_fd.Get(), kBlock);
     m_isCompressed = true;
-    if (unpacked.isTooLong) unpacked = UnpackGzip(m_fd.Get(), RingSize(unpacked.file.Get()));
+    if (unpacked.isTooLong)
+        unpacked = UnpackGzip(m_fd.Get(), UnpackedLimit(unpacked.file.Get(), Size()));
     m_fd = std::move(unpacked.file);
     if (!m_fd.IsOpen()) return "cannot be unpacked: gzip is needed";
     if (unpacked.isTooLong) return "unpacks to more than a ring can hold";
@@ -94,6 +98,31 @@ std::string TraceFile::Read(uint64_t offset, size_t length) const {
     std::string text(offset < size ? std::min<uint64_t>(length, size - offset) : 0, '\0');
     text.resize(Read(offset, text.data(), text.size()));
     return text;
+}
+
+bool TraceFile::OpenMemory() {
+    m_path.clear();
+    m_isCompressed = false;
+    m_fd.Reset(memfd_create("trace", MFD_CLOEXEC));
+    return m_fd.IsOpen();
+}
+
+bool TraceFile::Write(uint64_t offset, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t done =
+            pwrite(m_fd.Get(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) return false;
+        offset += static_cast<uint64_t>(done);
+        bytes.remove_prefix(static_cast<size_t>(done));
+    }
+    return true;
+}
+
+// Reads of some file systems see a write page by page. Looking for a hole takes the lock that a
+// write holds.
+void TraceFile::AwaitWrite() const {
+    (void)lseek(m_fd.Get(), 0, SEEK_HOLE);
 }
 
 uint64_t TraceFile::Find(std::string_view text, uint64_t begin, uint64_t end) const {

@@ -36,6 +36,12 @@ class TraceFile {
     [[nodiscard]] size_t Read(uint64_t offset, char* to, size_t length) const;
     [[nodiscard]] std::string Read(uint64_t offset, size_t length) const;
 
+    // For a copy: an empty file in memory, and bytes for it. False when there is no memory.
+    [[nodiscard]] bool OpenMemory();
+    [[nodiscard]] bool Write(uint64_t offset, std::string_view bytes);
+    // Returns when a write that another process had begun is whole.
+    void AwaitWrite() const;
+
     static constexpr uint64_t kNowhere = UINT64_MAX;
     // The first occurrence of a text that lies within the range.
     [[nodiscard]] uint64_t Find(std::string_view text, uint64_t begin, uint64_t end) const;

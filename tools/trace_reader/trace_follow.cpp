@@ -1,46 +1,51 @@
 // What a source does when its file is written on.
+#include <unistd.h>
+
+#include <algorithm>
 #include <utility>
 
 #include "tools/trace_reader/trace_source.h"
-
-bool TraceSource::IsUntouched() const {
-    if (m_file.Size() != m_layout.size) return false;
-    if (m_layout.kind == FileKind::kLogFile) return !m_isRecent && m_file.Modified() == m_modified;
-    const uint64_t begin = m_layout.newest - m_before.size();
-    return m_file.Read(begin, m_layout.mark.size()) == m_layout.mark;
-}
+#include "tools/trace_reader/writer.h"
 
 bool TraceSource::Advance() {
-    if (m_file.IsCompressed() && m_file.IsOpen()) return false;
+    if (m_file.IsCompressed()) return false;
     if (!m_file.IsOpen()) return Reopen();
-    if (!IsReady(m_layout)) {
-        Layout layout = Examine();
-        return IsReady(layout) ? BeginAnew(std::move(layout)) : Reopen();
-    }
-    if (IsUntouched()) return Reopen();
+    // First: when the name already leads to another file, nothing more is written into this one.
+    const bool isReplaced = m_file.IsReplaced();
+    return AdvanceFile() || (isReplaced && Reopen());
+}
+
+bool TraceSource::AdvanceFile() {
+    if (!IsReady(m_layout) && m_layout.run.empty()) return BeginAnew();
     return m_layout.kind == FileKind::kRingFile ? AdvanceRing() : AdvanceLog();
 }
 
-// The name may lead to another file by now. What was in the old one has been read.
 bool TraceSource::Reopen() {
-    if (m_file.IsOpen() && !m_file.IsReplaced()) return false;
+    constexpr std::string_view kCompressed = ".gz";
+    if (m_path.ends_with(kCompressed)) return false;
     TraceFile file;
     if (!file.Open(m_path).empty() || file.IsCompressed()) return false;
     m_stream.reset();
     m_guard.reset();
+    m_log.reset();
+    m_layout = {};
     m_file = std::move(file);
-    Layout layout = Examine();
-    if (IsReady(layout)) return BeginAnew(std::move(layout));
-    layout.segments.clear();
-    Take(std::move(layout));
-    return false;
+    return BeginAnew();
 }
 
-bool TraceSource::BeginAnew(Layout layout) {
-    const int writer = FindWriter(m_file);
+bool TraceSource::BeginAnew(bool isOvertaken) {
+    const uint64_t shown = m_layout.newest;
+    Layout layout = Examine();
+    const bool isReady = IsReady(layout);
+    m_facts.isOvertaken |= isOvertaken;
+    // What is not whole yet is shown once it is; the start-up part of a log has been.
+    for (Segment& each : layout.segments) {
+        if (isOvertaken && m_log && each.begin == 0) each.begin = std::min(shown, each.end);
+    }
+    std::erase_if(layout.segments,
+                  [&](const Segment& each) { return !isReady || each.begin == each.end; });
     m_facts.problem.clear();
-    if (writer != 0 && writer == m_facts.writer && IsReady(m_layout)) m_facts.isOvertaken = true;
-    m_facts.writer = writer;
+    m_facts.writer = FindWriter(m_file);
     Take(std::move(layout));
     return !m_layout.segments.empty();
 }
@@ -56,53 +61,95 @@ bool TraceSource::GoOn(Layout layout, bool isNextCycle) {
     if (isNextCycle) put(layout.start, layout.newest);
     m_layout = std::move(layout);
     m_facts.cycle = m_layout.cycle;
-    Remember();
+    Guard();
     m_segment = 0;
     StartSegment();
     return !m_layout.segments.empty();
 }
 
 bool TraceSource::IsKept() const {
-    return m_file.Read(m_layout.newest - m_before.size(), m_before.size()) == m_before;
+    const uint64_t length = m_layout.mark.size();
+    return m_file.Read(m_layout.newest - length, length) == m_layout.mark;
+}
+
+bool TraceSource::IsUntouched() const {
+    if (m_layout.kind != FileKind::kRingFile || m_file.Size() != m_layout.size) return false;
+    const uint64_t length = m_layout.mark.size();
+    const std::string now = m_file.Read(m_layout.newest - length, length + kTrailerLength);
+    return m_layout.hasTrailer && now.starts_with(m_layout.mark) &&
+           now.ends_with(kTrailerLine.substr(1));
+}
+
+// Where the writer is now. Within a cycle the trailer only moves on; the next cycle overwrites the
+// first bytes before there is a trailer again. A ring without its begin record has all of that
+// found anew.
+bool TraceSource::LookAgain(Layout& layout) const {
+    const auto find = [&] {
+        const std::string first = m_file.Read(m_layout.start, m_layout.first.size());
+        const uint64_t from = first == m_layout.first ? m_layout.newest : m_layout.start;
+        const uint64_t found = m_file.Find(kTrailerLine, from - 1, m_layout.size);
+        return found == TraceFile::kNowhere ? found : found + 1;
+    };
+    if (layout.run.empty()) {
+        layout = ExamineFile(m_file);
+        return layout.hasTrailer;
+    }
+    if (!TakePlace(m_file, find, layout)) return false;
+    layout.hasTrailer = true;
+    layout.problem.clear();
+    return true;
+}
+
+bool TraceSource::IsSameRun() const {
+    const uint64_t length = m_layout.run.size();
+    return m_file.Size() == m_layout.size &&
+           m_file.Read(m_layout.start - length, length) == m_layout.run;
+}
+
+// Waits for a writer that is interrupted between record and trailer: what the log has of it must
+// not be shown before.
+bool TraceSource::AwaitPlace(Layout& layout) const {
+    constexpr int kPatience = 200;
+    if (LookAgain(layout) || LookAgain(layout)) return true;
+    const bool isLive = IsSameRun() && IsWriter(m_facts.writer, m_file);
+    for (int i = 0; isLive && i < kPatience; ++i) {
+        if (LookAgain(layout)) return true;
+        usleep(500);
+    }
+    return false;
 }
 
 bool TraceSource::AdvanceRing() {
-    if (m_file.Size() != m_layout.size || !IsKept()) {
-        Layout anew = Examine();
-        return IsReady(anew) ? BeginAnew(std::move(anew)) : Reopen();
-    }
+    if (IsUntouched()) return false;
+    if (!IsSameRun()) return BeginAnew();
     Layout layout = m_layout;
-    uint64_t found = m_file.Find(kTrailerLine, m_layout.newest - 1, m_layout.size);
-    const bool isNextCycle = found == TraceFile::kNowhere;
-    if (isNextCycle) {
-        found = m_file.Find(kTrailerLine, m_layout.start - 1, m_layout.newest);
-        if (found == TraceFile::kNowhere) return false;  // a record is being written
-        layout.cycle = 1;
-        layout.oldEnd = FindDots(m_file, m_layout.newest, m_layout.size);
-    }
-    // The writer may have come round since the first look.
-    if (!TakeMark(m_file, found + 1, layout) || !IsKept()) return false;
-    return GoOn(std::move(layout), isNextCycle);
+    const bool isFound = AwaitPlace(layout);
+    if (!IsSameRun()) return BeginAnew();
+    if (!isFound) return false;
+    if (layout.run != m_layout.run || layout.start != m_layout.start) return BeginAnew();
+    const bool isNextCycle = !layout.first.starts_with(m_layout.first);
+    if (!isNextCycle) return layout.newest > m_layout.newest && GoOn(std::move(layout), false);
+    if (layout.newest > m_layout.newest || !IsKept()) return BeginAnew(true);
+    layout.cycle = 1;
+    layout.oldEnd = FindDots(m_file, m_layout.newest, m_layout.size);
+    return GoOn(std::move(layout), true);
 }
 
 bool TraceSource::AdvanceLog() {
-    Layout layout = Examine();
-    if (layout.kind != FileKind::kLogFile) {
-        m_layout = {};  // it was begun anew and holds nothing yet
-        return false;
+    switch (m_log->Look(m_layout)) {
+        case LogFollower::News::kNone:
+            return false;
+        case LogFollower::News::kMore:
+            m_facts.cycle = m_layout.cycle;
+            m_beginsInHeader = m_isInHeader;
+            m_segment = 0;
+            StartSegment();
+            return true;
+        case LogFollower::News::kOvertaken:
+            return BeginAnew(true);
+        case LogFollower::News::kAnew:
+        case LogFollower::News::kFailed:
+            break;
     }
-    const bool isKept = IsKept() && layout.cycle >= m_layout.cycle;
-    if (!isKept || layout.cycle > m_layout.cycle + 1) {
-        // In another cycle of the same run the start-up part has been shown.
-        const bool isSameStart = m_layout.cycle == 0 || layout.start == m_layout.start;
-        const bool isOvertaken = layout.cycle > m_layout.cycle && isSameStart;
-        std::erase_if(layout.segments,
-                      [&](const Segment& each) { return isOvertaken && each.end <= layout.start; });
-        const bool isShown = BeginAnew(std::move(layout));
-        if (isOvertaken) m_facts.isOvertaken = true;
-        return isShown;
-    }
-    const bool isNextCycle = layout.cycle > m_layout.cycle;
-    if (!isNextCycle && layout.newest <= m_layout.newest) return false;
-    return GoOn(std::move(layout), isNextCycle);
+    return BeginAnew();
 }

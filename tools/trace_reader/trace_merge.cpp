@@ -35,19 +35,28 @@ void TraceMerge::SeekTime(int64_t time) {
 void TraceMerge::Begin() {
     m_hasBegun = true;
     m_inputs.resize(m_sources.size());
-    bool hasRing = false;
-    for (size_t i = 0; i < m_sources.size(); ++i) {
-        m_order.push_back(i);
-        hasRing = hasRing || m_sources[i]->Facts().kind == FileKind::kRingFile;
-    }
+    for (size_t i = 0; i < m_sources.size(); ++i) m_order.push_back(i);
+    Prepare(m_order);
+}
+
+void TraceMerge::Prepare(const std::vector<size_t>& sources) {
     std::stable_sort(m_order.begin(), m_order.end(),
                      [this](size_t a, size_t b) { return IsLog(a) < IsLog(b); });
-    for (const size_t i : m_order) {
-        if (hasRing && IsLog(i)) m_twins.Add(*m_sources[i]);
-        m_hasTwins = m_hasTwins || (hasRing && IsLog(i));
+    const bool hasRing = std::any_of(sources.begin(), sources.end(), [this](size_t i) {
+        return m_sources[i]->Facts().kind == FileKind::kRingFile;
+    });
+    m_twins = {};
+    m_hasTwins = false;
+    for (const size_t i : sources) {
+        if (!hasRing || !IsLog(i)) continue;
+        m_twins.Add(*m_sources[i]);
+        m_hasTwins = true;
     }
     m_twins.Sort();
-    for (const size_t i : m_order) Load(i);
+    for (const size_t i : sources) {
+        m_inputs[i].drainTo = 0;
+        Load(i);
+    }
 }
 
 void TraceMerge::Load(size_t number) {
@@ -105,12 +114,13 @@ bool TraceMerge::IsShown(size_t number) {
     if (!m_hasTwins && !m_follows) return true;
     const TraceRecord& head = m_inputs[number].head;
     if (head.kind != RecordKind::kRecord) return true;
-    if (IsLog(number) && m_hasTwins) {
-        TwinIndex::Entry* const entry = m_twins.FindEntry(head);
-        if (entry != nullptr && entry->isPaired) return false;
-        if (entry != nullptr) entry->isShown = true;
-    }
-    return !m_follows || !m_recent.IsTwin(head, IsLog(number));
+    const bool isTwin = m_follows && m_recent.IsTwin(head, IsLog(number));
+    if (!IsLog(number) || !m_hasTwins) return !isTwin;
+    TwinIndex::Entry* const entry = m_twins.FindEntry(head);
+    const bool isPaired = entry != nullptr && entry->isPaired;
+    if (entry != nullptr && isTwin) entry->isPaired = true;
+    if (entry != nullptr) entry->isShown = !entry->isPaired;
+    return !isPaired && !isTwin;
 }
 
 bool TraceMerge::Next(TraceRecord& record) {
@@ -122,6 +132,7 @@ bool TraceMerge::Next(TraceRecord& record) {
         Input& input = m_inputs[number];
         if (m_hasTwins && !IsLog(number) && !input.isPaired) {
             const bool isNew = PairRing(number);
+            if (!isNew && m_follows) (void)m_recent.IsTwin(input.head, false);
             if (!isNew) Load(number);
             continue;  // a log may come first
         }
@@ -138,14 +149,13 @@ bool TraceMerge::NextRun(TraceRun& run) {
     return isSingle && m_sources[0]->NextRun(run);
 }
 
+// A message goes into the ring first, and the ring of the run comes after that of the start: looked
+// for the other way round, what one file shows of a moment the next one has, too.
 bool TraceMerge::Advance() {
-    bool isMore = false;
-    m_hasTwins = false;  // from now on the recent records tell
-    for (const size_t i : m_order) {
-        if (!m_sources[i]->Advance()) continue;
-        m_inputs[i].drainTo = 0;
-        Load(i);
-        isMore = true;
+    std::vector<size_t> more;
+    for (auto i = m_order.rbegin(); i != m_order.rend(); ++i) {
+        if (m_sources[*i]->Advance()) more.push_back(*i);
     }
-    return isMore;
+    if (!more.empty()) Prepare(more);
+    return !more.empty();
 }

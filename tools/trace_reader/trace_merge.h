@@ -50,6 +50,7 @@ class TraceMerge {
     };
 
     void Begin();
+    void Prepare(const std::vector<size_t>& sources);
     void Load(size_t number);
     [[nodiscard]] bool IsLog(size_t number) const;
     [[nodiscard]] bool MustWait(size_t number) const;

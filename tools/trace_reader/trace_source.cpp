@@ -1,14 +1,14 @@
 #include "tools/trace_reader/trace_source.h"
 
+#include <unistd.h>
+
 #include <algorithm>
-#include <chrono>
 #include <utility>
 
 #include "tools/trace_reader/writer.h"
 
 namespace {
 
-constexpr uint64_t kMarkLength = 64;
 constexpr uint64_t kNear = uint64_t{1} << 16;
 constexpr std::string_view kHeaderBegin = "Orvana Environment:";
 constexpr std::string_view kHeaderEnd = "# End of header.";
@@ -41,18 +41,28 @@ bool TraceSource::Open() {
     return true;
 }
 
-// The times of files are coarse: what is written right behind the look may not change them.
+// A ring of a reader that follows may be without its begin record for a moment, while it is made.
 Layout TraceSource::Examine() {
-    constexpr int64_t kRecent = 100'000'000;
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    m_modified = m_file.Modified();
-    m_isRecent = std::chrono::nanoseconds(now).count() - m_modified < kRecent;
-    return ExamineFile(m_file);
+    constexpr int kPatience = 100;
+    m_stream.reset();
+    m_log.reset();
+    Layout layout = ExamineFile(m_file);
+    if (!m_follows || m_file.IsCompressed()) return layout;
+    for (int i = 0; i < kPatience && layout.hasTrailer && layout.run.empty(); ++i) {
+        usleep(1000);
+        layout = ExamineFile(m_file);
+    }
+    if (layout.kind != FileKind::kLogFile) return layout;
+    m_log.emplace(m_file);
+    if (m_log->Begin()) return ExamineFile(m_log->Copy());
+    m_log.reset();
+    layout.problem = "no memory to follow it";
+    return layout;
 }
 
+// Whether one can go on from the newest record of this layout.
 bool TraceSource::IsReady(const Layout& layout) const {
-    return (layout.kind == FileKind::kRingFile && layout.problem.empty()) ||
-           layout.kind == FileKind::kLogFile;
+    return layout.hasTrailer || (layout.kind == FileKind::kLogFile && m_log);
 }
 
 void TraceSource::Take(Layout layout) {
@@ -64,17 +74,18 @@ void TraceSource::Take(Layout layout) {
     if (m_facts.problem.empty()) m_facts.problem = m_layout.problem;
     const bool isAppended = m_layout.kind == FileKind::kLogFile && m_layout.cycle == 0;
     if (m_follows && isAppended) m_layout.segments.back().end = m_layout.newest;
-    // What is not whole yet is shown once it is.
-    if (m_follows && !m_file.IsCompressed() && !IsReady(m_layout)) m_layout.segments.clear();
-    Remember();
+    // What its writer is about to make whole is shown then.
+    const bool isUnready = !m_file.IsCompressed() && !IsReady(m_layout);
+    if (m_follows && isUnready && IsWriter(FindWriter(m_file), m_file)) {
+        m_layout.segments.clear();
+        m_layout.run.clear();
+    }
+    m_beginsInHeader = false;
+    Guard();
     Rewind();
 }
 
-void TraceSource::Remember() {
-    const uint64_t length = std::min(kMarkLength, m_layout.newest - m_layout.start);
-    const bool isMarked = !m_layout.mark.empty();
-    m_before = isMarked ? m_layout.mark.substr(0, m_layout.mark.size() - kTrailerLength)
-                        : m_file.Read(m_layout.newest - length, length);
+void TraceSource::Guard() {
     m_guard.reset();
     if (m_layout.kind == FileKind::kRingFile && m_layout.problem.empty()) {
         m_guard.emplace(m_file, m_layout);
@@ -84,14 +95,14 @@ void TraceSource::Remember() {
 void TraceSource::Rewind() {
     m_facts.records = m_facts.clockBack = m_facts.foreign = 0;
     m_segment = 0;
-    m_isInHeader = false;
+    m_isInHeader = m_beginsInHeader;
     StartSegment();
 }
 
 void TraceSource::StartSegment() {
     m_stream.reset();
     if (m_segment >= m_layout.segments.size()) return;
-    m_stream.emplace(m_file, m_guard ? &*m_guard : nullptr);
+    m_stream.emplace(m_log ? m_log->Copy() : m_file, m_guard ? &*m_guard : nullptr);
     m_stream->Start(m_layout.segments[m_segment]);
 }
 
@@ -152,7 +163,8 @@ bool TraceSource::NextRun(TraceRun& run) {
 
 void TraceSource::SeekTime(int64_t time) {
     for (Segment& segment : m_layout.segments) {
-        if (segment.kind == RecordKind::kRecord) SkipOlder(m_file, segment, time);
+        if (segment.kind == RecordKind::kRecord)
+            SkipOlder(m_log ? m_log->Copy() : m_file, segment, time);
     }
     Rewind();
 }

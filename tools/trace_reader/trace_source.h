@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tools/trace_reader/layout.h"
+#include "tools/trace_reader/log_follower.h"
 #include "tools/trace_reader/record.h"
 #include "tools/trace_reader/record_stream.h"
 #include "tools/trace_reader/ring_guard.h"
@@ -36,6 +37,7 @@ class TraceSource {
     TraceSource(std::string path, uint16_t number) : m_path(std::move(path)), m_number(number) {}
     TraceSource(const TraceSource&) = delete;
     TraceSource& operator=(const TraceSource&) = delete;
+    ~TraceSource() = default;
 
     // False when there is nothing to read; Facts().problem says why. An empty or foreign file
     // opens.
@@ -58,6 +60,7 @@ class TraceSource {
 
     // For a reader that follows: looks for what was written since the last call of Advance or Open.
     // Next then gives it. A file that was begun anew is given from its start. False: nothing new.
+    // A compressed file that comes while one follows is left out: it was given as a ring.
     [[nodiscard]] bool Advance();
     // Leaves out a last line that may not be whole yet. To be called before Open.
     void Follow() { m_follows = true; }
@@ -73,7 +76,7 @@ class TraceSource {
   private:
     [[nodiscard]] Layout Examine();
     void Take(Layout layout);
-    void Remember();
+    void Guard();
     void StartSegment();
     void EndSegment();
     bool IsHidden(TraceRecord& record);
@@ -81,10 +84,14 @@ class TraceSource {
     [[nodiscard]] bool IsReady(const Layout& layout) const;
     [[nodiscard]] bool IsUntouched() const;
     [[nodiscard]] bool IsKept() const;
+    [[nodiscard]] bool AdvanceFile();
     [[nodiscard]] bool Reopen();
-    [[nodiscard]] bool BeginAnew(Layout layout);
+    [[nodiscard]] bool BeginAnew(bool isOvertaken = false);
     [[nodiscard]] bool AdvanceRing();
     [[nodiscard]] bool AdvanceLog();
+    [[nodiscard]] bool IsSameRun() const;
+    [[nodiscard]] bool LookAgain(Layout& layout) const;
+    [[nodiscard]] bool AwaitPlace(Layout& layout) const;
     [[nodiscard]] bool GoOn(Layout layout, bool isNextCycle);
 
     std::string m_path;
@@ -92,14 +99,12 @@ class TraceSource {
     bool m_showsAll = false;
     bool m_follows = false;
     TraceFile m_file;
+    std::optional<LogFollower> m_log;  // of a log that is followed; its copy is what is read
     Layout m_layout;
     std::optional<RingGuard> m_guard;
     std::optional<RecordStream> m_stream;
     size_t m_segment = 0;
-    bool m_isInHeader = false;  // of a log
-    // For Advance:
-    std::string m_before;     // bytes in front of the newest record's end
-    int64_t m_modified = 0;   // of a log, before it was examined
-    bool m_isRecent = false;  // and then so near that another change may have the same time
+    bool m_isInHeader = false;      // of a log
+    bool m_beginsInHeader = false;  // what is given since the last look
     SourceFacts m_facts;
 };

@@ -30,8 +30,15 @@ bool IsYoung(const std::string& path) {
 
 TraceWatch::TraceWatch() : m_fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {}
 
+// Also where the name leads to: a link is not what is written.
 bool TraceWatch::Add(const std::string& path) {
-    const std::string directory = std::filesystem::path(path).parent_path();
+    std::error_code error;
+    const std::filesystem::path file = std::filesystem::weakly_canonical(path, error);
+    return Watch(path) && (error || Watch(file));
+}
+
+bool TraceWatch::Watch(const std::filesystem::path& file) {
+    const std::filesystem::path directory = file.parent_path();
     return inotify_add_watch(m_fd.Get(), directory.empty() ? "." : directory.c_str(),
                              IN_CREATE | IN_MODIFY | IN_MOVED_TO | IN_DELETE) >= 0;
 }

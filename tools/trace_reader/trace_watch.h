@@ -1,6 +1,7 @@
 // Waits until a trace file may have changed.
 #pragma once
 
+#include <filesystem>
 #include <list>
 #include <string>
 
@@ -25,6 +26,7 @@ class TraceWatch {
     [[nodiscard]] bool Wait(int output);
 
   private:
+    [[nodiscard]] bool Watch(const std::filesystem::path& file);
     [[nodiscard]] bool ArmRing(const TraceSource& ring);
 
     UniqueFd m_fd;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 
 namespace {
 
@@ -35,7 +36,7 @@ uint64_t HashRecord(const TraceRecord& record) {
 
 void TwinIndex::Add(TraceSource& log) {
     for (TraceRecord record; log.Next(record);) {
-        m_entries.push_back({HashRecord(record), record.sequence, record.source, false, false});
+        m_entries.push_back({HashRecord(record), record.sequence, record.source, false, false, 0});
         m_times[Bit(record.time) / 64] |= uint64_t{1} << Bit(record.time) % 64;
     }
     log.Rewind();
@@ -43,7 +44,7 @@ void TwinIndex::Add(TraceSource& log) {
 
 void TwinIndex::Sort() {
     std::sort(m_entries.begin(), m_entries.end(), [](const Entry& a, const Entry& b) {
-        return a.hash != b.hash ? a.hash < b.hash : a.sequence < b.sequence;
+        return std::tie(a.hash, a.source, a.sequence) < std::tie(b.hash, b.source, b.sequence);
     });
 }
 
@@ -55,18 +56,24 @@ std::vector<TwinIndex::Entry>::iterator TwinIndex::Find(uint64_t hash) {
 TwinIndex::Entry* TwinIndex::FindTwin(const TraceRecord& record) {
     if ((m_times[Bit(record.time) / 64] >> Bit(record.time) % 64 & 1) == 0) return nullptr;
     const uint64_t hash = HashRecord(record);
-    for (auto entry = Find(hash); entry != m_entries.end() && entry->hash == hash; ++entry) {
-        if (!entry->isPaired) return &*entry;
-    }
-    return nullptr;
+    const auto first = Find(hash);
+    if (first == m_entries.end() || first->hash != hash) return nullptr;
+    // Pairs are made from the first to the last: those that are made need not be passed again.
+    auto entry = first + first->pairs;
+    while (entry != m_entries.end() && entry->hash == hash && entry->isPaired) ++entry;
+    first->pairs = static_cast<uint32_t>(entry - first);
+    return entry != m_entries.end() && entry->hash == hash ? &*entry : nullptr;
 }
 
 TwinIndex::Entry* TwinIndex::FindEntry(const TraceRecord& record) {
-    const uint64_t hash = HashRecord(record);
-    for (auto entry = Find(hash); entry != m_entries.end() && entry->hash == hash; ++entry) {
-        if (entry->source == record.source && entry->sequence == record.sequence) return &*entry;
-    }
-    return nullptr;
+    const auto key = std::make_tuple(HashRecord(record), record.source, record.sequence);
+    const auto entry = std::lower_bound(
+        m_entries.begin(), m_entries.end(), key, [](const Entry& each, const auto& wanted) {
+            return std::tie(each.hash, each.source, each.sequence) < wanted;
+        });
+    const bool isFound =
+        entry != m_entries.end() && std::tie(entry->hash, entry->source, entry->sequence) == key;
+    return isFound ? &*entry : nullptr;
 }
 
 bool RecentRecords::IsTwin(const TraceRecord& record, bool isOfLog) {

@@ -22,6 +22,7 @@ class TwinIndex {
         uint16_t source;
         bool isPaired;  // its twin was found
         bool isShown;
+        uint32_t pairs;  // of the first one of those with its hash: so many of them are paired
     };
 
     // Reads a log to its end and rewinds it.

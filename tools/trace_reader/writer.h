@@ -1,7 +1,15 @@
 // Whether a process of this host has a file open.
 #pragma once
 
+#include <cstdint>
+
 #include "tools/trace_reader/trace_file.h"
 
-// False also when that cannot be seen: of other users' processes only root may ask.
+// Of other users' processes only root may ask, and not in every container.
+enum class Writing : uint8_t { kNo, kYes, kUnseen };
+[[nodiscard]] Writing SeeWriter(int process, const TraceFile& file);
+
+// False also when that cannot be seen.
 [[nodiscard]] bool IsWriter(int process, const TraceFile& file);
+// Whether some of the files that a process has open cannot be seen.
+[[nodiscard]] bool HidesFiles(int process);

@@ -1,7 +1,5 @@
 #include "tools/kemdctl/trace/last_run.h"
 
-#include <algorithm>
-
 #include "tools/kemdctl/json.h"
 #include "tools/kemdctl/process_facts.h"
 #include "tools/kemdctl/text.h"
@@ -15,11 +13,16 @@ namespace {
 using End = LastRun::End;
 
 // A log without a header does not name its writer.
-bool IsWritten(const TraceMerge& merge) {
+Writing SeeWriters(const TraceMerge& merge) {
     const pid_t daemon = FindDaemon();
-    return std::any_of(merge.Sources().begin(), merge.Sources().end(), [daemon](const auto& each) {
-        return each->Facts().isWritten || (each->IsOpen() && IsWriter(daemon, each->File()));
-    });
+    bool isUnseen = false;
+    for (const auto& source : merge.Sources()) {
+        if (!source->IsOpen()) continue;
+        const Writing writing = SeeWriter(daemon, source->File());
+        if (source->Facts().isWritten || writing == Writing::kYes) return Writing::kYes;
+        isUnseen = isUnseen || writing == Writing::kUnseen || HidesFiles(source->Facts().writer);
+    }
+    return isUnseen ? Writing::kUnseen : Writing::kNo;
 }
 
 const char* EndName(End end) {
@@ -32,6 +35,8 @@ const char* EndName(End end) {
             return "killed";
         case End::kDiedAtStart:
             return "died at start";
+        case End::kUnknown:
+            return "unknown";
         case End::kDied:
             break;
     }
@@ -103,11 +108,15 @@ int ShowLastRun(const std::vector<std::string>& paths, bool asJson) {
         Complain("no records: nothing is known of a last run");
         return kError;
     }
-    const End end = run.HowEnded(IsWritten(merge));
+    const End end = run.HowEnded(SeeWriters(merge));
     if (asJson) {
         ShowAsJson(run, end);
     } else {
         Show(run, end);
+    }
+    if (end == End::kUnknown) {
+        Complain("whether a process still writes the files cannot be seen: only root may ask");
+        return kError;
     }
     return end == End::kRunning || end == End::kStopped ? kYes : kNo;
 }

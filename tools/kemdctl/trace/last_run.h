@@ -5,5 +5,5 @@
 #include <vector>
 
 // kYes: it was stopped in order, or still runs; kNo: it was killed, or died at start; kError: no
-// file can be read, which is told.
+// file can be read, or it has no exit message and its processes cannot be seen, which is told.
 [[nodiscard]] int ShowLastRun(const std::vector<std::string>& paths, bool asJson);

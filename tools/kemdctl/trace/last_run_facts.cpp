@@ -72,9 +72,10 @@ void LastRun::Take(const TraceRecord& record) {
     if (lastLines.size() > kLastLines) lastLines.pop_front();
 }
 
-LastRun::End LastRun::HowEnded(bool isWritten) const {
+LastRun::End LastRun::HowEnded(Writing writing) const {
     if (hasExit) return End::kStopped;
-    if (isWritten) return End::kRunning;
+    if (writing == Writing::kYes) return End::kRunning;
+    if (writing == Writing::kUnseen && fatal.empty()) return End::kUnknown;
     const bool isAtStart = hasBegin && !isInitialised;
     if (isAtStart) return End::kDiedAtStart;
     return fatal.empty() ? End::kKilled : End::kDied;
@@ -95,6 +96,9 @@ std::string DescribeEnd(const LastRun& run, LastRun::End end) {
                    (why.empty() ? ": it never said that it was initialised" : why);
         case End::kDied:
             return "died" + why;
+        case End::kUnknown:
+            return "unknown: no exit message, and whether a process still writes the files cannot "
+                   "be seen";
     }
     std::string text = "stopped in order";
     if (!run.signal.empty()) text += ", by signal " + run.signal;

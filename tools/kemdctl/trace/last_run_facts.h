@@ -9,9 +9,10 @@
 #include <string_view>
 
 #include "tools/trace_reader/record.h"
+#include "tools/trace_reader/writer.h"
 
 struct LastRun {
-    enum class End : uint8_t { kRunning, kStopped, kKilled, kDiedAtStart, kDied };
+    enum class End : uint8_t { kRunning, kStopped, kKilled, kDiedAtStart, kDied, kUnknown };
     struct Call {
         std::string_view name;
         int64_t since = 0;
@@ -37,7 +38,7 @@ struct LastRun {
 
     // All records in order; a start of the daemon begins it anew.
     void Take(const TraceRecord& record);
-    [[nodiscard]] End HowEnded(bool isWritten) const;
+    [[nodiscard]] End HowEnded(Writing writing) const;
 
   private:
     void TakeMark(const TraceRecord& record);

@@ -1,12 +1,35 @@
 #include "tools/kemdctl/trace/pattern.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
+
+#include "tools/kemdctl/command.h"
 
 namespace {
 
+// regexec takes memory of many times the text.
+constexpr size_t kPiece = size_t{1} << 16;
+
 regmatch_t Range(std::string_view text, size_t from) {
     return {static_cast<regoff_t>(from), static_cast<regoff_t>(text.size())};
+}
+
+// Where the piece that begins here ends: behind its last whole line, if it has one.
+size_t PieceEnd(std::string_view text, size_t begin) {
+    if (text.size() - begin <= kPiece) return text.size();
+    const size_t end = text.substr(begin, kPiece).rfind('\n');
+    return end == text.npos ? begin + kPiece : begin + end;
+}
+
+// Once is enough: the next million of texts fails likewise.
+bool HasMatched(int result) {
+    static bool isTold = false;
+    if (result != 0 && result != REG_NOMATCH && !std::exchange(isTold, true)) {
+        Complain("no memory for a regular expression: texts that it matches may be missed");
+    }
+    return result == 0;
 }
 
 }  // namespace
@@ -38,8 +61,24 @@ bool Pattern::IsIn(std::string_view text) const {
     if (!m_regex) {
         return memmem(text.data(), text.size(), m_plain.data(), m_plain.size()) != nullptr;
     }
-    regmatch_t match = Range(text, 0);
-    return regexec(m_regex.get(), text.empty() ? "" : text.data(), 0, &match, REG_STARTEND) == 0;
+    size_t end = 0;
+    for (size_t begin = 0;; begin = end) {
+        end = PieceEnd(text, begin);
+        if (MatchesPiece(text, begin, end)) return true;
+        if (end == text.size()) return false;
+        // A line that is parted is not parted in the middle of a match.
+        end = text[end] == '\n' ? end + 1 : end - kPiece / 2;
+    }
+}
+
+// A piece begins or ends a line only where the text does.
+bool Pattern::MatchesPiece(std::string_view text, size_t begin, size_t end) const {
+    const bool isLineBegin = begin == 0 || text[begin - 1] == '\n';
+    const bool isLineEnd = end == text.size() || text[end] == '\n';
+    const int flags = REG_STARTEND | (isLineBegin ? 0 : REG_NOTBOL) | (isLineEnd ? 0 : REG_NOTEOL);
+    const std::string_view piece = text.substr(begin, end - begin);
+    regmatch_t match = Range(piece, 0);
+    return HasMatched(regexec(m_regex.get(), piece.empty() ? "" : piece.data(), 0, &match, flags));
 }
 
 bool Pattern::Find(std::string_view text, size_t from, Place& place) const {
@@ -50,7 +89,7 @@ bool Pattern::Find(std::string_view text, size_t from, Place& place) const {
     }
     regmatch_t match = Range(text, from);
     const char* const bytes = text.empty() ? "" : text.data();
-    if (regexec(m_regex.get(), bytes, 1, &match, REG_STARTEND) != 0) return false;
+    if (!HasMatched(regexec(m_regex.get(), bytes, 1, &match, REG_STARTEND))) return false;
     place = {static_cast<size_t>(match.rm_so), static_cast<size_t>(match.rm_eo)};
     return true;
 }

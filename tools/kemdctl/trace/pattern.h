@@ -13,17 +13,22 @@ class Pattern {
     // Empty, or why the pattern is none.
     [[nodiscard]] std::string Set(const char* pattern, bool ignoresCase);
 
-    // Whether it matches somewhere in the text; ^ and $ match at its lines.
+    // Whether it matches somewhere in the text; ^ and $ match at its lines. A text of more than
+    // 64 KiB is searched in pieces of whole lines, a longer line in pieces that overlap by half: a
+    // match of more than 32 KiB in such a line may be missed. Tells once when there is no memory.
     [[nodiscard]] bool IsIn(std::string_view text) const;
 
     struct Place {
         size_t begin;
         size_t end;
     };
-    // The first match that begins at `from` or later; false when there is none.
+    // The first match that begins at `from` or later; false when there is none. For short texts:
+    // it takes them whole.
     [[nodiscard]] bool Find(std::string_view text, size_t from, Place& place) const;
 
   private:
+    [[nodiscard]] bool MatchesPiece(std::string_view text, size_t begin, size_t end) const;
+
     struct Free {
         void operator()(regex_t* regex) const;
     };

@@ -77,11 +77,24 @@ bool StatsSink::Finish() {
     return true;
 }
 
+// From the oldest record of a file to the newest one. The facts of a source have only those that
+// were read, which begin with --since.
+std::optional<int64_t> WholeSpan(const std::string& path) {
+    TraceSource source(path, 0);
+    TraceRecord record;
+    if (!source.Open() || !source.Next(record)) return std::nullopt;
+    const int64_t oldest = record.time;
+    source.SeekTime(INT64_MAX);
+    while (source.Next(record)) continue;
+    return std::max<int64_t>(source.Facts().lastTime - oldest, 0);
+}
+
 }  // namespace
 
-std::optional<int64_t> ReachOf(const RingReach& reach, const SourceFacts& facts) {
+std::optional<int64_t> ReachOf(const RingReach& reach, const TraceSource& source) {
+    const SourceFacts& facts = source.Facts();
     if (facts.kind != FileKind::kRingFile || facts.isCompressed) return std::nullopt;
-    if (facts.cycle > 0) return std::max<int64_t>(facts.lastTime - facts.firstTime, 0);
+    if (facts.cycle > 0) return WholeSpan(source.Path());
     if (reach.bytes == 0 || reach.milliseconds <= 0) return std::nullopt;
     return static_cast<int64_t>(static_cast<double>(facts.size) / static_cast<double>(reach.bytes) *
                                 static_cast<double>(reach.milliseconds));

@@ -21,9 +21,9 @@ struct RingReach {
     uint64_t lastOffset = 0;
     int64_t lastTime = 0;
 };
-// For how many milliseconds back a ring holds records, or will once it is full. Nothing for other
-// files, and when that cannot be told.
-[[nodiscard]] std::optional<int64_t> ReachOf(const RingReach& reach, const SourceFacts& facts);
+// For how many milliseconds back a ring holds records, whatever was chosen of them, or will once it
+// is full. Nothing for other files, and when that cannot be told.
+[[nodiscard]] std::optional<int64_t> ReachOf(const RingReach& reach, const TraceSource& source);
 
 struct TraceStats {
     uint64_t records = 0;

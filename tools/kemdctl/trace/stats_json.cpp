@@ -58,13 +58,14 @@ void PutFiles(JsonWriter& json, const TraceStats& stats, const TraceMerge& merge
     json.Key("files");
     json.Open('[');
     for (size_t i = 0; i < merge.Sources().size(); ++i) {
-        const SourceFacts& facts = merge.Sources()[i]->Facts();
+        const TraceSource& source = *merge.Sources()[i];
+        const SourceFacts& facts = source.Facts();
         json.Open('{');
         json.Key("path");
-        json.Text(merge.Sources()[i]->Path());
+        json.Text(source.Path());
         PutNumber(json, "records", static_cast<int64_t>(facts.records));
         PutNumber(json, "cycle", facts.cycle);
-        if (const auto reach = ReachOf(stats.reach[i], facts)) PutNumber(json, "reach", *reach);
+        if (const auto reach = ReachOf(stats.reach[i], source)) PutNumber(json, "reach", *reach);
         json.Close('}');
     }
     json.Close(']');

@@ -107,7 +107,7 @@ void ShowFiles(const TraceStats& stats, const TraceMerge& merge) {
         const TraceSource& source = *merge.Sources()[i];
         const SourceFacts& facts = source.Facts();
         Write("  " + Printable(source.Path()) + ": " + Describe(facts) + "\n");
-        const auto reach = ReachOf(stats.reach[i], facts);
+        const auto reach = ReachOf(stats.reach[i], source);
         if (!reach) continue;
         Write(std::string("    ") + (facts.cycle > 0 ? "reaches back " : "will reach back about ") +
               DurationText(*reach) + (facts.cycle > 0 ? "\n" : " once it is full\n"));
