@@ -18,8 +18,6 @@
 #include "tools/trace_reader/prefix.h"
 #include "tools/trace_reader/trace_source.h"
 
-extern char** environ;
-
 namespace {
 
 constexpr size_t kSize = size_t{256} << 20;
@@ -69,6 +67,7 @@ size_t RunPiped(std::vector<std::string> words) {
     const UniqueFd from(ends[0]);
     UniqueFd to(ends[1]);
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
     posix_spawn_file_actions_t actions;

@@ -10,8 +10,6 @@
 #include <cerrno>
 #include <memory>
 
-extern char** environ;
-
 namespace {
 
 // Starts "gzip -dc" from `in` to `out`; -1 when that fails.

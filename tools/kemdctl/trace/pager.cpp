@@ -17,7 +17,9 @@ bool IsInstalled(const std::string& program) {
     const char* const path = std::getenv("PATH");
     std::istringstream directories(path != nullptr ? path : "/usr/bin:/bin");
     for (std::string directory; std::getline(directories, directory, ':');) {
-        if (access((directory + "/" + program).c_str(), X_OK) == 0) return true;
+        directory += "/";
+        directory += program;
+        if (access(directory.c_str(), X_OK) == 0) return true;
     }
     return false;
 }

@@ -21,22 +21,28 @@ bool IsThere(const std::string& path, bool asDirectory) {
     return stat(path.c_str(), &status) == 0 && (!asDirectory || S_ISDIR(status.st_mode));
 }
 
+// The compressed start-up ring is not whole while the ring itself is still there.
+void AddDirectory(const std::string& directory, bool mayCome, std::vector<std::string>& files) {
+    const bool isStarting = IsThere(directory + "/log.kemd_i", false);
+    for (const char* name : {"/log.kemd_i.gz", "/log.kemd_i", "/log.kemd_a", "/log.kemd"}) {
+        if (isStarting && std::string_view(name).ends_with(".gz")) continue;
+        if (mayCome || IsThere(directory + name, false)) files.push_back(directory + name);
+    }
+}
+
 }  // namespace
 
 std::vector<std::string> ListTraceFiles(std::vector<std::string> named, bool mayCome) {
     if (named.empty()) named.push_back(DirectoryInForce());
     std::vector<std::string> files;
     for (const std::string& name : named) {
-        if (!IsThere(name, true)) {
-            if (mayCome && !IsThere(name, false)) {
-                Complain("%s is not there: waiting for it", Printable(name).c_str());
-            }
-            files.push_back(name);
+        if (IsThere(name, true)) {
+            AddDirectory(name, mayCome, files);
             continue;
         }
-        for (const char* file : {"/log.kemd_i.gz", "/log.kemd_i", "/log.kemd_a", "/log.kemd"}) {
-            if (mayCome || IsThere(name + file, false)) files.push_back(name + file);
-        }
+        files.push_back(name);
+        if (!mayCome || IsThere(name, false)) continue;
+        Complain("%s is not there: waiting for it", Printable(name).c_str());
     }
     if (files.empty()) Complain("no trace files in %s", Printable(named.front()).c_str());
     return files;
