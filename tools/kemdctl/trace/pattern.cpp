@@ -16,6 +16,13 @@ regmatch_t Range(std::string_view text, size_t from) {
     return {static_cast<regoff_t>(from), static_cast<regoff_t>(text.size())};
 }
 
+// With a zero byte behind it: though the end is given, a regexec that is watched looks for one.
+const char* Terminated(std::string_view text) {
+    static std::string copy;
+    copy.assign(text);
+    return copy.c_str();
+}
+
 // Where the piece that begins here ends: behind its last whole line, if it has one.
 size_t PieceEnd(std::string_view text, size_t begin) {
     if (text.size() - begin <= kPiece) return text.size();
@@ -78,7 +85,7 @@ bool Pattern::MatchesPiece(std::string_view text, size_t begin, size_t end) cons
     const int flags = REG_STARTEND | (isLineBegin ? 0 : REG_NOTBOL) | (isLineEnd ? 0 : REG_NOTEOL);
     const std::string_view piece = text.substr(begin, end - begin);
     regmatch_t match = Range(piece, 0);
-    return HasMatched(regexec(m_regex.get(), piece.empty() ? "" : piece.data(), 0, &match, flags));
+    return HasMatched(regexec(m_regex.get(), Terminated(piece), 0, &match, flags));
 }
 
 bool Pattern::Find(std::string_view text, size_t from, Place& place) const {
@@ -88,8 +95,8 @@ bool Pattern::Find(std::string_view text, size_t from, Place& place) const {
         return begin != text.npos;
     }
     regmatch_t match = Range(text, from);
-    const char* const bytes = text.empty() ? "" : text.data();
-    if (!HasMatched(regexec(m_regex.get(), bytes, 1, &match, REG_STARTEND))) return false;
+    const int result = regexec(m_regex.get(), Terminated(text), 1, &match, REG_STARTEND);
+    if (!HasMatched(result)) return false;
     place = {static_cast<size_t>(match.rm_so), static_cast<size_t>(match.rm_eo)};
     return true;
 }
