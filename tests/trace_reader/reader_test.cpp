@@ -71,12 +71,13 @@ TEST_F(ReaderTest, RecordThatJustFitsAndOneByteMore) {
         Note("### Start of initialization. ###");
         for (int i = 0; i < 6; ++i) {
             size_t trailer = 0;
-            do {
+            for (int records = 0; kSize - trailer > 4000; ++records) {
                 SetClock(kStart + static_cast<time_t>(written.size()));
                 Trace(std::to_string(written.size()) + std::string(3000, 'a'));
+                if (records < 300) continue;  // far from the end
                 const std::string file = ReadFile(kRuntimeRing);
                 trailer = file.find(kTrailer, file.find("### Begin of RingBuffer"));
-            } while (kSize - trailer > 4000);
+            }
             Trace(std::string(kSize - trailer - Record("").size() - 16 + extra, 'b'));
             ASSERT_EQ("", Differ(Whole(kRuntimeRing), ReadPath(kRuntimeRing)));
             Trace("next");
