@@ -59,6 +59,8 @@ Layout ExamineFile(const TraceFile& file) {
     layout.size = file.Size();
     if (layout.size == 0) return layout;
     const uint64_t begin = FindBegin(file, layout.size);
+    // A ring that is being made has its whole size only when its records begin.
+    if (begin != kNowhere) layout.size = file.Size();
     if (begin != kNowhere || file.Find(kTrailerLine, 0, layout.size) != kNowhere) {
         ExamineRing(file, begin, layout);
         return layout;
