@@ -57,6 +57,8 @@ std::string Describe(const SourceFacts& facts) {
         text += Bytes(facts.overwritten, "of older records cut");
         text += Bytes(facts.foreign, "are no records");
         text += Bytes(facts.lost, "overwritten while they were read");
+        if (facts.hasUncertainLines)
+            text += ", lines at the end of a cycle may be of older records";
         if (facts.writer != 0 && !facts.isCompressed) {
             text += Writer(facts);
         }

@@ -5,6 +5,7 @@
 
 #include "tools/trace_reader/prefix.h"
 #include "tools/trace_reader/record_stream.h"
+#include "tools/trace_reader/trailer.h"
 
 namespace {
 

@@ -28,15 +28,20 @@ struct Layout {
     uint64_t size = 0;
     uint64_t start = 0;  // of each cycle: behind the begin record of a ring, the wrap line of a log
     uint64_t newest = 0;       // the newest record ends here, and the next one will begin
+    uint64_t certain = 0;      // of a log: it ends here or at `newest`, or between them
     uint64_t oldEnd = 0;       // where the cycle before ended
     uint64_t overwritten = 0;  // bytes of records that lost their start
     uint32_t cycle = 0;        // of a log, 0: not wrapped yet; of a ring 1 when it has wrapped
+    // Of a log: lines at the end of its newest record, or of the last one of the cycle before, may
+    // be left of older ones.
+    bool hasUncertainLines = false;
     // Of a ring, for those who come back to it:
     bool hasTrailer = false;
-    std::string run;      // its begin record, which another run has with another time
-    std::string first;    // the first bytes of the cycle, which the next cycle overwrites first
-    std::string mark;     // the last bytes in front of the newest record's end
-    std::string problem;  // in a few words, empty when all is as it should be
+    bool isStartCut = false;  // where its cycles start was not found, `start` is in front of it
+    std::string run;          // its begin record, which another run has with another time
+    std::string first;        // the first bytes of the cycle, which the next cycle overwrites first
+    std::string mark;         // the last bytes in front of the newest record's end
+    std::string problem;      // in a few words, empty when all is as it should be
 };
 
 [[nodiscard]] Layout ExamineFile(const TraceFile& file);
@@ -54,13 +59,8 @@ struct WrapLine {
 };
 [[nodiscard]] std::optional<WrapLine> ReadWrapLine(const TraceFile& file, uint64_t offset);
 
-inline constexpr std::string_view kTrailerLine = "\n## TRACE-END ##\n";
-inline constexpr uint64_t kTrailerLength = kTrailerLine.size() - 1;
-
 // Where the dots at the end of a ring begin; its size when there are none.
 [[nodiscard]] uint64_t FindDots(const TraceFile& file, uint64_t start, uint64_t size);
-// Where the trailer behind `start` begins; kNowhere while a record is being written.
-[[nodiscard]] uint64_t FindTrailer(const TraceFile& file, uint64_t start, uint64_t end);
 // Sets the newest record of a ring, the first bytes and the mark, all of one cycle, from what
 // `find` gives: the offset of the trailer. False while the writer is between two records.
 template <typename Find>

@@ -24,7 +24,6 @@ bool LogFollower::CopyRange(uint64_t begin, uint64_t end) {
 bool LogFollower::Begin() {
     constexpr int kTries = 20;
     m_hasFailed = false;
-    m_certain = kNowhere;
     // When nothing differs, no write was under way. A writer that never rests has only its newest
     // record at risk.
     for (int i = 0; i < kTries; ++i) {

@@ -16,6 +16,8 @@ class LogFollower {
     // Copies the log as it is at one moment. False when there is no memory.
     [[nodiscard]] bool Begin();
     [[nodiscard]] const TraceFile& Copy() const { return m_copy; }
+    // The newest record of the copy ends here or at its layout's newest, or between them.
+    void SetCertain(uint64_t certain) { m_certain = certain; }
 
     enum class News {
         kNone,

@@ -4,7 +4,9 @@
 #include <string_view>
 
 #include "tools/trace_reader/layout.h"
+#include "tools/trace_reader/prefix.h"
 #include "tools/trace_reader/record_stream.h"
+#include "tools/trace_reader/writer.h"
 
 namespace {
 
@@ -26,29 +28,46 @@ std::optional<WrapLine> ParseWrap(std::string_view text) {
     return wrap;
 }
 
-// Looks for the place behind a wrap line where the newest record ends and what is left of the cycle
-// before begins. There, time goes back, and the record that was overwritten last has nearly always
-// left a piece without a prefix. Either one alone also occurs elsewhere: time goes back when the
-// clock is set, and a text may have several lines.
-class Boundary {
-  public:
+// What a first look at all of a log tells.
+struct FirstLook {
+    // The last wrap line. It stands where its cycle begins, which tells it from a copy in a text.
+    WrapLine wrap;
+    // Whether texts have several lines. A log of others has two records with pieces behind them at
+    // the most: its newest, and the last of the file.
+    bool hasLongTexts = false;
+    bool areMostLong = false;
+};
+
+// Where, behind a wrap line, the newest record ends and what is left of the cycle before begins.
+struct Place {
     uint64_t newest = 0;
     uint64_t old = 0;
+    uint64_t certain = 0;  // as Layout::certain
+};
 
-    // The records of the cycle, the wrap line first.
+// Looks for it in the records of a cycle. There, time goes back, and the record that was
+// overwritten last has nearly always left a piece without a prefix. Either one alone also occurs
+// elsewhere: time goes back when the clock is set, and a text may have several lines, which look
+// like such a piece.
+class Boundary {
+  public:
+    explicit Boundary(const FirstLook& look)
+        : m_hasLongTexts(look.hasLongTexts), m_areMostLong(look.areMostLong) {}
+
+    // The records, the wrap line first.
     void Add(const TraceRecord& record, uint64_t offset) {
         const int64_t back = m_time - record.time;
         if (back > 0) {
-            Rate(m_isCut ? kPieceAndBack : kBack, back, offset);
+            Rate(m_isCut || m_hasLongTexts ? kPieceAndBack : kBack, back, offset);
         } else if (m_isCut) {
             Rate(kPiece, 0, offset);
         }
         Remember(record, offset);
     }
     // With nothing behind the newest record but a piece.
-    void End(uint64_t offset) {
+    [[nodiscard]] Place End(uint64_t offset) {
         if (m_isCut) Rate(kPieceAtEnd, 0, offset);
-        if (m_rank == kNowhere) newest = old = offset;
+        return m_rank == kNowhere ? Place{offset, offset, offset} : m_place;
     }
 
   private:
@@ -58,63 +77,89 @@ class Boundary {
 
     void Rate(Rank rank, int64_t back, uint64_t offset) {
         if (rank < m_rank || (rank == m_rank && back <= m_back)) return;
+        if (m_hasLongTexts && rank == kPiece) return;
         m_rank = rank;
         m_back = back;
-        newest = m_isCut ? m_piece : offset;
-        old = offset;
+        m_place = {m_pieces, offset, m_lineEnd};
     }
-    // Of a text with several lines the last one may be such a piece; of a wrap line all others.
+    // The last of several lines is taken for such a piece, of a wrap line all others; where most
+    // texts have several lines, none: rather a piece too much than a line too few.
     void Remember(const TraceRecord& record, uint64_t offset) {
         const bool isWrap = record.kind == RecordKind::kWrap;
-        const size_t feed = isWrap ? record.line.find('\n') : record.line.rfind('\n');
-        m_isCut = feed != record.line.npos;
-        m_piece = offset + feed + 1;
+        const size_t first = std::min(record.line.find('\n'), record.line.size());
+        const size_t last = std::min(record.line.rfind('\n'), record.line.size());
+        m_isCut = first != record.line.size();
+        m_lineEnd = offset + (isWrap || m_hasLongTexts ? first : last) + 1;
+        m_pieces = offset + (isWrap ? first : m_areMostLong ? record.line.size() : last) + 1;
         m_time = record.time;
     }
 
+    bool m_hasLongTexts;
+    bool m_areMostLong;
     Rank m_rank = kNowhere;
+    Place m_place;
     int64_t m_back = 0;
+    // Of the record before:
     int64_t m_time = INT64_MIN / 2;
     bool m_isCut = false;
-    uint64_t m_piece = 0;
+    uint64_t m_lineEnd = 0;
+    uint64_t m_pieces = 0;
 };
 
+FirstLook LookAtAll(const TraceFile& file, uint64_t size) {
+    RecordStream stream(file);
+    stream.Start({0, size, RecordKind::kRecord, false});
+    FirstLook look;
+    int texts = 0, longTexts = 0;
+    bool isLong = false;
+    for (TraceRecord record; stream.Next(record);) {
+        isLong = record.kind != RecordKind::kWrap && record.line.find('\n') != record.line.npos;
+        ++texts;
+        longTexts += isLong ? 1 : 0;
+        if (record.kind != RecordKind::kWrap) continue;
+        const auto wrap = ParseWrap(record.text);
+        if (wrap && wrap->start == stream.Offset() && wrap->cycle > look.wrap.cycle) {
+            look.wrap = *wrap;
+        }
+    }
+    look.hasLongTexts = longTexts - (isLong ? 1 : 0) > 1;
+    look.areMostLong = look.hasLongTexts && longTexts > texts / 2;
+    return look;
+}
+
 // The file is never shortened: behind the record that passed the limit, pieces of such records of
-// earlier cycles may be left.
-uint64_t FindOldEnd(const TraceFile& file, const WrapLine& wrap, uint64_t size) {
-    if (wrap.cycle < 2) return size;
+// earlier cycles may be left. Only where the limit is in a further line of a text, or most texts
+// have such lines, they are taken for lines of the record.
+uint64_t FindOldEnd(const TraceFile& file, const FirstLook& look, uint64_t size) {
+    if (look.wrap.cycle < 2 || look.areMostLong) return size;
     // A limit within the start-up part makes every record pass it.
-    const uint64_t wrapLine = file.Find("\n", wrap.start, size);
-    if (wrapLine == TraceFile::kNowhere) return size;
-    const uint64_t feed = file.Find("\n", std::max(wrap.limit, wrapLine + 1), size);
+    const uint64_t wrapEnd = file.Find("\n", look.wrap.start, size);
+    if (wrapEnd == TraceFile::kNowhere) return size;
+    const uint64_t place = std::max(look.wrap.limit, wrapEnd + 1);
+    const uint64_t before = file.FindLast("\n", 0, std::min(place, size));
+    const std::string line = file.Read(before + 1, PrefixParser::kHeadLength);
+    const bool isFirstLine = PrefixParser().ParseHead(line.data(), line.size()).isThere != 0;
+    if (look.hasLongTexts && !isFirstLine) return size;
+    const uint64_t feed = file.Find("\n", place, size);
     return feed == TraceFile::kNowhere ? size : feed + 1;
 }
 
 }  // namespace
 
-static void PutParts(const Boundary& boundary, Layout& layout) {
-    const auto put = [&layout](uint64_t begin, uint64_t end) {
-        if (begin < end) layout.segments.push_back({begin, end, RecordKind::kRecord, false});
+static void PutParts(const Place& place, Layout& layout) {
+    const auto put = [&layout](uint64_t begin, uint64_t end,
+                               RecordKind kind = RecordKind::kRecord) {
+        if (begin < end) layout.segments.push_back({begin, end, kind, false});
     };
-    layout.newest = std::min(boundary.newest, layout.oldEnd);
+    layout.newest = std::min(place.newest, layout.oldEnd);
+    layout.certain = std::min(place.certain, layout.newest);
     layout.overwritten =
-        std::min(boundary.old, layout.oldEnd) - layout.newest + (layout.size - layout.oldEnd);
+        std::min(place.old, layout.oldEnd) - layout.newest + (layout.size - layout.oldEnd);
     put(0, layout.start);
-    put(boundary.old, layout.oldEnd);
+    put(layout.newest, place.old, RecordKind::kPiece);
+    put(place.old, layout.oldEnd);
+    put(layout.oldEnd, layout.size, RecordKind::kPiece);
     put(layout.start, layout.newest);
-}
-
-// The last wrap line. It stands where its cycle begins, which tells it from a copy in a text.
-static WrapLine FindWrap(const TraceFile& file, uint64_t size) {
-    RecordStream stream(file);
-    stream.Start({0, size, RecordKind::kRecord, false});
-    WrapLine last;
-    for (TraceRecord record; stream.Next(record);) {
-        if (record.kind != RecordKind::kWrap) continue;
-        const auto wrap = ParseWrap(record.text);
-        if (wrap && wrap->start == stream.Offset() && wrap->cycle > last.cycle) last = *wrap;
-    }
-    return last;
 }
 
 std::optional<WrapLine> ReadWrapLine(const TraceFile& file, uint64_t offset) {
@@ -127,23 +172,36 @@ std::optional<WrapLine> ReadWrapLine(const TraceFile& file, uint64_t offset) {
     return wrap && wrap->start == offset ? wrap : std::nullopt;
 }
 
+// Where its writer is, which nothing in the file tells as surely.
+static std::optional<Place> FindPlace(const TraceFile& file, const Layout& layout) {
+    const uint64_t newest = FindWritePosition(file);
+    if (newest <= layout.start || newest > layout.oldEnd) return std::nullopt;
+    const auto old = FindRecord(file, newest, layout.oldEnd);
+    return Place{newest, old ? old->offset : layout.oldEnd, newest};
+}
+
+static Place GuessPlace(const TraceFile& file, const FirstLook& look, const Layout& layout) {
+    Boundary boundary(look);
+    RecordStream stream(file);
+    stream.Start({layout.start, layout.oldEnd, RecordKind::kRecord, false});
+    for (TraceRecord record; stream.Next(record);) boundary.Add(record, stream.Offset());
+    return boundary.End(layout.oldEnd);
+}
+
 void ExamineLog(const TraceFile& file, Layout& layout) {
     layout.kind = FileKind::kLogFile;
-    const WrapLine wrap = FindWrap(file, layout.size);
-    layout.cycle = wrap.cycle;
-    layout.start = wrap.start;
+    const FirstLook look = LookAtAll(file, layout.size);
+    layout.cycle = look.wrap.cycle;
+    layout.start = look.wrap.start;
     layout.oldEnd = layout.size;
-    if (wrap.cycle == 0) {
+    if (layout.cycle == 0) {
         const uint64_t feed = file.FindLast("\n", 0, layout.size);
-        layout.newest = feed == TraceFile::kNowhere ? 0 : feed + 1;
+        layout.newest = layout.certain = feed == TraceFile::kNowhere ? 0 : feed + 1;
         layout.segments = {{0, layout.size, RecordKind::kRecord, false}};
         return;
     }
-    layout.oldEnd = FindOldEnd(file, wrap, layout.size);
-    Boundary boundary;
-    RecordStream stream(file);
-    stream.Start({wrap.start, layout.oldEnd, RecordKind::kRecord, false});
-    for (TraceRecord record; stream.Next(record);) boundary.Add(record, stream.Offset());
-    boundary.End(layout.oldEnd);
-    PutParts(boundary, layout);
+    layout.oldEnd = FindOldEnd(file, look, layout.size);
+    layout.hasUncertainLines = look.hasLongTexts;
+    const auto place = FindPlace(file, layout);
+    PutParts(place ? *place : GuessPlace(file, look, layout), layout);
 }

@@ -11,6 +11,7 @@ enum class RecordKind : uint8_t {
     kWrap,     // where the cycles of a log begin
     kEndMark,  // behind the newest record of a ring
     kFill,     // pre-fill and dots
+    kPiece,    // left in a log of a record that was overwritten
     kOther,    // bytes in front of the first record: damage
 };
 

@@ -1,14 +1,13 @@
 #include "tools/trace_reader/ring_guard.h"
 
-#include <sched.h>
-
 #include <algorithm>
+
+#include "tools/trace_reader/trailer.h"
 
 namespace {
 
 // A copy may store the end of a record before its beginning, and so before the trailer is gone.
 constexpr uint64_t kInFlight = 8192;
-constexpr int kPatience = 10'000;  // looks for a trailer; a record takes far less than one
 
 }  // namespace
 
@@ -29,11 +28,11 @@ bool RingGuard::IsUntouched() const {
 // The writer is at the trailer. In front of it stands what is newer than the layout; behind it what
 // the writer has not come to: everything, or one cycle less, or nothing that was known.
 void RingGuard::Look() {
-    uint64_t trailer = TraceFile::kNowhere;
-    for (int i = 0; i < kPatience && trailer == TraceFile::kNowhere; ++i) {
-        trailer = FindTrailer(m_file, m_start, m_size);
-        if (trailer == TraceFile::kNowhere) sched_yield();
+    Trailer found = FindTrailer(m_file, m_start, m_size);
+    for (const Patience patience; !found.isLikely && patience.Wait();) {
+        found = FindTrailer(m_file, m_start, m_size);
     }
+    const uint64_t trailer = found.offset;
     const bool isKept = m_file.Read(m_newest - m_mark.size(), m_mark.size()) == m_mark;
     if (trailer == TraceFile::kNowhere || !isKept) {
         m_oldValid = m_newValid = m_size;

@@ -1,11 +1,10 @@
-#include <unistd.h>
-
 #include <algorithm>
 #include <string>
 
 #include "tools/trace_reader/layout.h"
 #include "tools/trace_reader/prefix.h"
 #include "tools/trace_reader/record_stream.h"
+#include "tools/trace_reader/trailer.h"
 #include "tools/trace_reader/writer.h"
 
 namespace {
@@ -13,22 +12,6 @@ namespace {
 constexpr uint64_t kNowhere = TraceFile::kNowhere;
 constexpr uint64_t kNear = uint64_t{1} << 20;
 constexpr std::string_view kFill = "____________________\n";
-
-// Narrows the place where a cycle's records end and the older ones (or the pre-fill) begin, by time
-// stamps: far faster than reading half of the file. Wrong when the clock went back.
-void NarrowNewest(const TraceFile& file, uint64_t& begin, uint64_t& end) {
-    const auto first = FindRecord(file, begin, std::min(begin + kNear, end));
-    while (first && end - begin > 2 * kNear) {
-        const uint64_t middle = begin + (end - begin) / 2;
-        const auto place = FindRecord(file, middle, std::min(middle + kNear, end));
-        if (!place) return;
-        if (place->kind == RecordKind::kFill || place->time < first->time) {
-            end = std::min(place->offset + kTrailerLength, end);
-        } else {
-            begin = place->offset;
-        }
-    }
-}
 
 // Whether the bytes in front of `end` are pre-fill: then the cycle is the first one.
 bool IsPreFill(const TraceFile& file, uint64_t begin, uint64_t end) {
@@ -66,31 +49,24 @@ uint64_t FindDots(const TraceFile& file, uint64_t start, uint64_t size) {
     return start;
 }
 
-uint64_t FindTrailer(const TraceFile& file, uint64_t start, uint64_t end) {
-    uint64_t from = start, to = end;
-    NarrowNewest(file, from, to);
-    // The line feed in front of it belongs to the record before.
-    from = std::max<uint64_t>(from, 1) - 1;
-    uint64_t found = file.Find(kTrailerLine, from, std::min(to + kTrailerLine.size(), end));
-    const bool isNarrow = from + 1 > start || to < end;
-    if (found == kNowhere && isNarrow) found = file.Find(kTrailerLine, start - 1, end);
-    return found == kNowhere ? kNowhere : found + 1;
-}
-
 // The newest record by its trailer. There is none while a record or a header is written, which may
 // be interrupted for a while.
 static bool FindNewest(const TraceFile& file, Layout& layout) {
-    constexpr int kTries = 20, kPatience = 200;
-    const auto find = [&] { return FindTrailer(file, layout.start, layout.size); };
-    for (int i = 0; i < kTries; ++i) {
-        if (TakePlace(file, find, layout)) return true;
-    }
+    const auto take = [&](bool mustBeLikely) {
+        return TakePlace(
+            file,
+            [&] {
+                const Trailer trailer = FindTrailer(file, layout.start, layout.size);
+                return trailer.isLikely || !mustBeLikely ? trailer.offset : kNowhere;
+            },
+            layout);
+    };
+    if (take(true)) return true;
     const bool isLive = IsWriter(FindWriter(file), file);
-    for (int i = 0; isLive && i < kPatience; ++i) {
-        usleep(500);
-        if (TakePlace(file, find, layout)) return true;
+    for (const Patience patience; isLive && patience.Wait();) {
+        if (take(true)) return true;
     }
-    return false;
+    return take(false);
 }
 
 static void GuessPlace(const TraceFile& file, Layout& layout) {
@@ -102,42 +78,74 @@ static void GuessPlace(const TraceFile& file, Layout& layout) {
     layout.problem = "no trailer: the newest record may be cut";
 }
 
+constexpr std::string_view kHeaderEnd = "# End of header.\n";
+constexpr uint64_t kMostHeader = uint64_t{4} << 20;
+
+static uint64_t FindHeaderEnd(const TraceFile& file, uint64_t size) {
+    const uint64_t found = file.Find(kHeaderEnd, 0, std::min(size, kMostHeader));
+    return found == kNowhere ? 0 : found + kHeaderEnd.size();
+}
+
+// The rest of a header that reached into the records: they begin in the middle of it.
+static uint64_t FindHeaderRest(const TraceFile& file, uint64_t begin, uint64_t end) {
+    const std::string ending = std::string(kHeaderEnd) + std::string(kTrailerLine.substr(1));
+    const uint64_t found = file.Find(ending, begin, std::min(end, kMostHeader));
+    return found == kNowhere ? begin : found + ending.size();
+}
+
 static void ExamineCycles(const TraceFile& file, Layout& layout) {
     const uint64_t size = layout.size;
     const bool isEnded = layout.hasTrailer = FindNewest(file, layout);
     if (!isEnded) GuessPlace(file, layout);
     const uint64_t dots = FindDots(file, layout.start, size);
-    const uint64_t old = layout.newest + (isEnded ? kTrailerLength : 0);
+    const uint64_t trailer = layout.newest + (isEnded ? kTrailerLength : 0);
+    const uint64_t old = layout.run.empty() ? FindHeaderRest(file, trailer, dots) : trailer;
     const bool isFirst = dots == size && IsPreFill(file, old, size);
     layout.oldEnd = isFirst ? old : std::max(dots, old);
     layout.cycle = isFirst ? 0 : 1;
+    PutSegment(layout, trailer, old, RecordKind::kHeader);
     PutSegment(layout, old, layout.oldEnd, RecordKind::kRecord, true);
     PutSegment(layout, layout.oldEnd, isFirst ? layout.oldEnd : size, RecordKind::kFill);
-    PutSegment(layout, layout.start, layout.newest, RecordKind::kRecord);
-    if (isEnded) PutSegment(layout, layout.newest, old, RecordKind::kEndMark);
+    PutSegment(layout, layout.start, layout.newest, RecordKind::kRecord, layout.isStartCut);
+    if (isEnded) PutSegment(layout, layout.newest, trailer, RecordKind::kEndMark);
     if (isFirst) PutSegment(layout, old, size, RecordKind::kFill);
 }
 
-// A header that has grown overwrote the begin record, or something else did: the records go from
-// the header to the last trailer, and the older ones from there on.
+// Where records begin when the record in front of them is damaged: as far behind a multiple of its
+// alignment as it is long. A header that has grown (a long command line) ends there in the middle
+// of a line.
+static uint64_t FindStart(const TraceFile& file, uint64_t size) {
+    constexpr std::string_view kBeginText = "### Begin of RingBuffer. ###\n";
+    constexpr std::string_view kRest = " ###\n";  // of it, at the least
+    constexpr uint64_t kAlignment = 1024, kMemoryColumn = 13;
+    const std::string head = file.Read(0, std::min(size, kMostHeader));
+    PrefixParser parser;
+    TraceRecord record;
+    record.line = std::string_view(head).substr(0, head.find('\n'));
+    if (parser.ParseHead(head.data(), head.size()).isThere == 0) return kNowhere;
+    parser.ParseRest(record);
+    const uint64_t length = record.line.size() - record.text.size() + kBeginText.size();
+    // The memory column may have been switched since.
+    const uint64_t other = record.residentKb < 0 ? length + kMemoryColumn : length - kMemoryColumn;
+    for (uint64_t at = kAlignment; at + length + kMemoryColumn < head.size(); at += kAlignment) {
+        for (const uint64_t start : {at + length, at + other}) {
+            const bool isHead =
+                parser.ParseHead(head.data() + start, head.size() - start).isThere != 0;
+            const std::string_view before(head.data() + start - kRest.size(), kRest.size());
+            if (isHead && (before.back() != '\n' || before == kRest)) return start;
+        }
+    }
+    return kNowhere;
+}
+
+// Something overwrote the record that begins the ring.
 static void ExamineDamaged(const TraceFile& file, Layout& layout) {
-    const uint64_t size = layout.size;
-    const uint64_t first = file.Find(kTrailerLine, 0, size);
-    const uint64_t last = file.FindLast(kTrailerLine, 0, size);
     layout.problem = "the record that begins the ring is damaged";
-    layout.newest = last + 1;
-    const uint64_t old = layout.newest + kTrailerLength;
-    const uint64_t header = first == last ? 0 : first + 1 + kTrailerLength;
-    const uint64_t dots = FindDots(file, old, size);
-    layout.start = header;
-    layout.hasTrailer = TakePlace(
-        file, [last] { return last + 1; }, layout);
-    layout.oldEnd = dots;
-    layout.cycle = dots == size && IsPreFill(file, old, size) ? 0 : 1;
-    PutSegment(layout, 0, header, RecordKind::kHeader);
-    PutSegment(layout, old, dots, RecordKind::kRecord, true);
-    PutSegment(layout, dots, size, RecordKind::kFill);
-    PutSegment(layout, header, layout.newest, RecordKind::kRecord, header != 0);
+    layout.start = FindStart(file, layout.size);
+    layout.isStartCut = layout.start == kNowhere;
+    if (layout.isStartCut) layout.start = FindHeaderEnd(file, layout.size);
+    PutSegment(layout, 0, layout.start, RecordKind::kHeader);
+    ExamineCycles(file, layout);
 }
 
 void ExamineRing(const TraceFile& file, uint64_t begin, Layout& layout) {

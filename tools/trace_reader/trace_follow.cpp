@@ -1,10 +1,9 @@
 // What a source does when its file is written on.
-#include <unistd.h>
-
 #include <algorithm>
 #include <utility>
 
 #include "tools/trace_reader/trace_source.h"
+#include "tools/trace_reader/trailer.h"
 #include "tools/trace_reader/writer.h"
 
 bool TraceSource::Advance() {
@@ -83,12 +82,12 @@ bool TraceSource::IsUntouched() const {
 // Where the writer is now. Within a cycle the trailer only moves on; the next cycle overwrites the
 // first bytes before there is a trailer again. A ring without its begin record has all of that
 // found anew.
-bool TraceSource::LookAgain(Layout& layout) const {
+bool TraceSource::LookAgain(Layout& layout, bool mustBeLikely) const {
     const auto find = [&] {
         const std::string first = m_file.Read(m_layout.start, m_layout.first.size());
         const uint64_t from = first == m_layout.first ? m_layout.newest : m_layout.start;
-        const uint64_t found = m_file.Find(kTrailerLine, from - 1, m_layout.size);
-        return found == TraceFile::kNowhere ? found : found + 1;
+        const Trailer found = FindTrailerFrom(m_file, m_layout.start, from, m_layout.size);
+        return found.isLikely || !mustBeLikely ? found.offset : TraceFile::kNowhere;
     };
     if (layout.run.empty()) {
         layout = ExamineFile(m_file);
@@ -109,14 +108,12 @@ bool TraceSource::IsSameRun() const {
 // Waits for a writer that is interrupted between record and trailer: what the log has of it must
 // not be shown before.
 bool TraceSource::AwaitPlace(Layout& layout) const {
-    constexpr int kPatience = 200;
-    if (LookAgain(layout) || LookAgain(layout)) return true;
+    if (LookAgain(layout, true) || LookAgain(layout, true)) return true;
     const bool isLive = IsSameRun() && IsWriter(m_facts.writer, m_file);
-    for (int i = 0; isLive && i < kPatience; ++i) {
-        if (LookAgain(layout)) return true;
-        usleep(500);
+    for (const Patience patience; isLive && patience.Wait();) {
+        if (LookAgain(layout, true)) return true;
     }
-    return false;
+    return LookAgain(layout, false);
 }
 
 bool TraceSource::AdvanceRing() {

@@ -13,19 +13,51 @@ constexpr uint64_t kNear = uint64_t{1} << 16;
 constexpr std::string_view kHeaderBegin = "Orvana Environment:";
 constexpr std::string_view kHeaderEnd = "# End of header.";
 
-// Moves the begin of a segment to where records of this time begin, or a little before.
-void SkipOlder(const TraceFile& file, Segment& segment, int64_t time) {
-    uint64_t end = segment.end;
-    while (end - segment.begin > kNear) {
-        const uint64_t middle = segment.begin + (end - segment.begin) / 2;
+// What a header's lines have: a name and its value, or a title.
+bool IsOfHeader(std::string_view text) {
+    return text == kHeaderEnd || text.find_first_of("=:") != text.npos;
+}
+
+// Narrows [begin, end) to where records of this time begin, as if time never went back.
+void NarrowTime(const TraceFile& file, int64_t time, uint64_t& begin, uint64_t end) {
+    while (end - begin > kNear) {
+        const uint64_t middle = begin + (end - begin) / 2;
         const auto place = FindRecord(file, middle, end);
         if (place && place->kind == RecordKind::kRecord && place->time < time) {
-            segment.begin = place->offset;
-            segment.isCut = false;
+            begin = place->offset;
         } else {
             end = middle;
         }
     }
+}
+
+// The first of some places in [begin, end) that has a record of this time or a later one.
+uint64_t FindEarlier(const TraceFile& file, int64_t time, uint64_t begin, uint64_t end) {
+    constexpr uint64_t kPlaces = 100;
+    const uint64_t step = (end - begin) / kPlaces + 1;
+    for (uint64_t at = begin; at < end; at += step) {
+        const auto place = FindRecord(file, at, end);
+        if (!place) break;
+        if (place->kind == RecordKind::kRecord && place->time >= time) return at;
+    }
+    return end;
+}
+
+// Moves the begin of a segment to a little before where records of this time begin. Where the
+// clock went back over this time it begins more than once, and the first time counts.
+void SkipOlder(const TraceFile& file, Segment& segment, int64_t time) {
+    const uint64_t begin = segment.begin;
+    for (uint64_t end = segment.end;;) {
+        segment.begin = begin;
+        NarrowTime(file, time, segment.begin, end);
+        const uint64_t earlier = FindEarlier(file, time, begin, segment.begin);
+        if (earlier == segment.begin) break;
+        end = earlier;
+    }
+    const uint64_t margin = std::min(4 * kNear, segment.begin - begin);
+    const auto place = FindRecord(file, segment.begin - margin, segment.end);
+    segment.begin = place && margin < segment.begin - begin ? place->offset : begin;
+    segment.isCut = segment.isCut && segment.begin == begin;
 }
 
 }  // namespace
@@ -54,7 +86,11 @@ Layout TraceSource::Examine() {
     }
     if (layout.kind != FileKind::kLogFile) return layout;
     m_log.emplace(m_file);
-    if (m_log->Begin()) return ExamineFile(m_log->Copy());
+    if (m_log->Begin()) {
+        layout = ExamineFile(m_log->Copy());
+        m_log->SetCertain(layout.certain);
+        return layout;
+    }
     m_log.reset();
     layout.problem = "no memory to follow it";
     return layout;
@@ -70,6 +106,7 @@ void TraceSource::Take(Layout layout) {
     m_facts.kind = m_layout.kind;
     m_facts.cycle = m_layout.cycle;
     m_facts.size = m_layout.size;
+    m_facts.hasUncertainLines = m_layout.hasUncertainLines;
     m_facts.overwritten += m_layout.overwritten;
     if (m_facts.problem.empty()) m_facts.problem = m_layout.problem;
     const bool isAppended = m_layout.kind == FileKind::kLogFile && m_layout.cycle == 0;
@@ -87,7 +124,7 @@ void TraceSource::Take(Layout layout) {
 
 void TraceSource::Guard() {
     m_guard.reset();
-    if (m_layout.kind == FileKind::kRingFile && m_layout.problem.empty()) {
+    if (m_layout.kind == FileKind::kRingFile && m_layout.hasTrailer) {
         m_guard.emplace(m_file, m_layout);
     }
 }
@@ -120,7 +157,9 @@ bool TraceSource::IsHidden(TraceRecord& record) {
     const bool isLog = m_layout.kind == FileKind::kLogFile;
     if (!isLog && record.kind == RecordKind::kWrap) record.kind = RecordKind::kRecord;
     if (isLog && record.kind == RecordKind::kRecord) {
-        if (record.text == kHeaderBegin) m_isInHeader = true;
+        // A log begins with its header or has none; a message may look like a part of one.
+        if (record.text == kHeaderBegin && m_stream->Offset() == 0) m_isInHeader = true;
+        m_isInHeader = m_isInHeader && IsOfHeader(record.text);
         if (m_isInHeader) record.kind = RecordKind::kHeader;
         if (record.text == kHeaderEnd) m_isInHeader = false;
     }

@@ -29,7 +29,8 @@ struct SourceFacts {
     uint64_t foreign = 0;      // bytes in front of the first record
     int writer = 0;            // the process that the header names, 0: none
     bool isWritten = false;    // that process has the file open
-    std::string problem;       // in a few words, empty when there is none
+    bool hasUncertainLines = false;  // as in Layout
+    std::string problem;             // in a few words, empty when there is none
 };
 
 class TraceSource {
@@ -54,8 +55,8 @@ class TraceSource {
     // Begins again with the first record.
     void Rewind();
     // To be called before Next: skips records that are older than this time (as in TraceRecord)
-    // without reading them. Some of them may still be given. In a part of the file where the clock
-    // went back over this time, records of this time may be skipped, too.
+    // without reading them. Some of them may still be given. Where the clock went back over this
+    // time within less than a hundredth of the file, records of this time may be skipped, too.
     void SeekTime(int64_t time);
 
     // For a reader that follows: looks for what was written since the last call of Advance or Open.
@@ -90,7 +91,7 @@ class TraceSource {
     [[nodiscard]] bool AdvanceRing();
     [[nodiscard]] bool AdvanceLog();
     [[nodiscard]] bool IsSameRun() const;
-    [[nodiscard]] bool LookAgain(Layout& layout) const;
+    [[nodiscard]] bool LookAgain(Layout& layout, bool mustBeLikely) const;
     [[nodiscard]] bool AwaitPlace(Layout& layout) const;
     [[nodiscard]] bool GoOn(Layout layout, bool isNextCycle);
 

@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <vector>
 
+#include "tools/trace_reader/trailer.h"
+
 namespace {
 
 // Half of what a record may take to be shown.

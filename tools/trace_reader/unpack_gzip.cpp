@@ -31,12 +31,16 @@ pid_t StartGzip(int in, int out) {
     std::array<char, 4> option{"-dc"};
     const std::array<char*, 3> arguments = {name.data(), option.data(), nullptr};
     pid_t child = -1;
-    if (posix_spawnp(&child, "gzip", &actions, &attributes, arguments.data(), environ) != 0) {
-        child = -1;
+    char* const environment[] = {nullptr};
+    // Not by PATH, for root's sake.
+    bool isStarted = false;
+    for (const char* path : {"/usr/bin/gzip", "/bin/gzip"}) {
+        isStarted = isStarted || posix_spawn(&child, path, &actions, &attributes, arguments.data(),
+                                             environment) == 0;
     }
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
-    return child;
+    return isStarted ? child : -1;
 }
 
 bool WriteAll(int fd, const char* bytes, size_t length) {

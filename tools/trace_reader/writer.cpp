@@ -1,8 +1,11 @@
 #include "tools/trace_reader/writer.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 namespace {
@@ -32,6 +35,17 @@ Writing Look(int process, const TraceFile* file) {
     return isUnseen ? Writing::kUnseen : Writing::kNo;
 }
 
+// Of the open file that an entry of /proc/PID/fd stands for; 0 when it is not for writing.
+uint64_t PositionOf(const std::filesystem::path& entry) {
+    const std::filesystem::path process = entry.parent_path().parent_path();
+    std::ifstream info(process / "fdinfo" / entry.filename());
+    uint64_t position = 0;
+    int flags = 0;
+    std::string name;
+    info >> name >> position >> name >> std::oct >> flags;
+    return info && (flags & O_ACCMODE) != O_RDONLY ? position : 0;
+}
+
 }  // namespace
 
 Writing SeeWriter(int process, const TraceFile& file) {
@@ -44,4 +58,21 @@ bool IsWriter(int process, const TraceFile& file) {
 
 bool HidesFiles(int process) {
     return Look(process, nullptr) == Writing::kUnseen;
+}
+
+uint64_t FindWritePosition(const TraceFile& file) {
+    using Entries = std::filesystem::directory_iterator;
+    std::error_code error;
+    for (Entries process("/proc", error); !error && process != Entries();
+         process.increment(error)) {
+        if (std::atoi(process->path().filename().c_str()) <= 0) continue;
+        std::error_code hidden;
+        for (Entries entry(process->path() / "fd", hidden); !hidden && entry != Entries();
+             entry.increment(hidden)) {
+            struct stat status = {};
+            if (stat(entry->path().c_str(), &status) != 0 || !file.IsSame(status)) continue;
+            if (const uint64_t position = PositionOf(entry->path())) return position;
+        }
+    }
+    return 0;
 }

@@ -13,3 +13,5 @@ enum class Writing : uint8_t { kNo, kYes, kUnseen };
 [[nodiscard]] bool IsWriter(int process, const TraceFile& file);
 // Whether some of the files that a process has open cannot be seen.
 [[nodiscard]] bool HidesFiles(int process);
+// Where in a file that some process writes its next write goes; 0 when that cannot be seen.
+[[nodiscard]] uint64_t FindWritePosition(const TraceFile& file);
