@@ -102,12 +102,16 @@ TEST_F(StatusTest, TraceFiles) {
     const auto line = [](const std::string& stamp, const std::string& text) {
         return "2020-01-01 " + stamp + " [D82A0740]     3188 KB !" + text + "\n";
     };
+    const std::string start = line("10:00:00.000", "kemd          start");
     WriteFile("/var/log/orvmon/log.kemd",
-              line("10:00:00.000", "kemd          start") +
-                  line("10:00:03.000", "------ WRAP ----- Cycle=3, CntInitEnd=1") +
+              start +
+                  line("10:00:03.000", "kemd          ------ WRAP ----- Cycle=3, CntInitEnd=" +
+                                           std::to_string(start.size()) + " (MaxCnt=51200)") +
                   line("10:00:04.000", "switch        module b.so failed to start: result 1") +
-                  line("10:00:02.000", "switch        module b.so loaded") + "2020-01-01 10:00");
-    std::string ring = line("09:00:00.000", "kemd          Trace Level                : 6") +
+                  "c.so\n" + line("10:00:02.000", "switch        module b.so loaded") +
+                  "2020-01-01 10:00");
+    std::string ring = line("09:00:00.000", "kemd          Internal Debug values      :") +
+                       line("09:00:00.000", "kemd          Trace Level                : 6") +
                        line("09:00:00.000", "kemd          # End of header.") + "## TRACE-END ##\n";
     ring.resize(2048, '\n');
     ring += line("09:00:01.000", "kemd          ### Begin of RingBuffer. ###") +

@@ -24,8 +24,10 @@ std::string_view Trim(std::string_view text) {
 class HeaderReader {
   public:
     void Take(std::string_view text) {
-        if (TakeSection(text) || m_entries.size() >= kMost) return;
+        if (TakeSection(text)) return;
         if (text.starts_with(kEnd)) m_separator = {};
+        // The settings stand behind a command line of any length.
+        if (m_entries.size() >= (m_separator == kColon ? 2 * kMost : kMost)) return;
         const size_t found = m_separator.empty() ? text.npos : text.find(m_separator);
         if (found == text.npos) return;
         m_entries.push_back({m_section, std::string(Trim(text.substr(0, found))),
@@ -40,6 +42,7 @@ class HeaderReader {
 
   private:
     static constexpr size_t kMost = 4096;
+    static constexpr std::string_view kColon = ":";  // in settings only
 
     bool TakeSection(std::string_view text) {
         const auto isOneOf = [text](const auto& names) {
@@ -48,7 +51,7 @@ class HeaderReader {
         std::string_view separator;
         if (text.ends_with(kCommandLine)) separator = " = ";
         if (isOneOf(kAssigned)) separator = "=";
-        if (isOneOf(kSettings)) separator = ":";
+        if (isOneOf(kSettings)) separator = kColon;
         if (separator.empty()) return false;
         m_separator = separator;
         m_section = Trim(text.substr(0, text.size() - 1));

@@ -24,14 +24,9 @@ constexpr size_t kLongestText = size_t{16} << 10;
 std::string InScript(std::string_view json) {
     std::string safe;
     safe.reserve(json.size());
-    for (size_t i = 0; i < json.size(); ++i) {
-        const char c = json[i];
-        const std::string_view separator = json.substr(i, 3);
+    for (const char c : json) {
         if (c == '<' || c == '>' || c == '&') {
             safe += c == '<' ? "\\u003c" : c == '>' ? "\\u003e" : "\\u0026";
-        } else if (separator == "\xe2\x80\xa8" || separator == "\xe2\x80\xa9") {
-            safe += separator[2] == '\xa8' ? "\\u2028" : "\\u2029";
-            i += 2;
         } else {
             safe += c;
         }

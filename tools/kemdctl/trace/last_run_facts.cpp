@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "tools/kemdctl/module_note.h"
 #include "tools/kemdctl/trace/run_marks.h"
-#include "tools/kemdctl/trace_line.h"
 
 namespace {
 
@@ -45,9 +45,7 @@ void LastRun::TakeMark(const TraceRecord& record) {
 
 void LastRun::TakeModule(const TraceRecord& record) {
     constexpr size_t kMost = 1000;
-    if (record.tag != "switch") return;
-    const std::string line = "switch " + std::string(record.text);
-    const auto note = ParseModuleNote(line);
+    const auto note = ParseModuleNote(record);
     if (!note) return;
     const std::string name(note->name);
     if (modules.size() < kMost || modules.count(name) > 0) modules[name] = note->state;
