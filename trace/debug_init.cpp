@@ -35,8 +35,8 @@ struct CDebug::HeaderLines {
     const Stamp stamp;
     RecordBuffer buffer;
 
-    HeaderLines(CDebug& owner, TraceTarget to)
-        : debug(owner), destination(to), stamp(owner.MakeStamp()) {}
+    HeaderLines(CDebug& owner, TraceTarget to, const Stamp& at)
+        : debug(owner), destination(to), stamp(at) {}
 
     static void Put(void* context, const char* format, va_list args) {
         auto& self = *static_cast<HeaderLines*>(context);
@@ -126,16 +126,18 @@ void CDebug::SetCommandLine(int argc, char** argv) {
     const Lock lock(*this);
     m_argumentCount = argc;
     m_arguments = argv;
-    HeaderLines log(*this, kTargetLog);
+    // The same in both, so that a reader sees that it is the same.
+    const Stamp stamp = MakeStamp();
+    HeaderLines log(*this, kTargetLog, stamp);
     EmitCommandLine(MakeHeaderFacts(), log.Sink());
     if (m_target != kTargetRing || !m_ring.IsMapped()) return;
-    HeaderLines ring(*this, kTargetRing);
+    HeaderLines ring(*this, kTargetRing, stamp);
     EmitCommandLine(MakeHeaderFacts(), ring.Sink());
 }
 
 void CDebug::WriteHeader(TraceTarget destination) {
     const Lock lock(*this);
-    HeaderLines lines(*this, destination);
+    HeaderLines lines(*this, destination, MakeStamp());
     m_writingHeader = destination == kTargetRing;
     EmitHeader(MakeHeaderFacts(), *this, lines.Sink());
     m_writingHeader = false;
