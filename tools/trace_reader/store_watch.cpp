@@ -2,11 +2,13 @@
 
 #include <linux/hw_breakpoint.h>
 #include <linux/perf_event.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -41,9 +43,7 @@ uint64_t AddressOf(int process, const TraceFile& file, uint64_t offset) {
     return 0;
 }
 
-// One event of this processor, of whatever process: threads come and go, and only one of them has
-// something of ours at this address.
-int OpenEvent(uint64_t address, int processor) {
+perf_event_attr StoreTo(uint64_t address) {
     perf_event_attr attributes = {};
     attributes.size = sizeof(attributes);
     attributes.type = PERF_TYPE_BREAKPOINT;
@@ -53,8 +53,24 @@ int OpenEvent(uint64_t address, int processor) {
     attributes.sample_period = 1;
     attributes.wakeup_events = 1;
     attributes.exclude_kernel = 1;
+    return attributes;
+}
+
+// One event of this processor, of whatever process: threads come and go, and only one of them has
+// something of ours at this address.
+int OpenEvent(uint64_t address, int processor) {
+    perf_event_attr attributes = StoreTo(address);
     return static_cast<int>(
         syscall(SYS_perf_event_open, &attributes, -1, processor, -1, PERF_FLAG_FD_CLOEXEC));
+}
+
+// Moves an event, which is far cheaper than a new one. What it has told is taken out of its buffer:
+// a full one would tell nothing more.
+bool MoveEvent(const StoreWatch::Event& event, uint64_t address) {
+    perf_event_attr attributes = StoreTo(address);
+    auto* const page = reinterpret_cast<perf_event_mmap_page*>(event.buffer.Data());
+    page->data_tail = page->data_head;
+    return ioctl(event.fd.Get(), PERF_EVENT_IOC_MODIFY_ATTRIBUTES, &attributes) == 0;
 }
 
 }  // namespace
@@ -71,10 +87,18 @@ int FindMapper(const TraceFile& file, int likely) {
 }
 
 bool StoreWatch::Begin(int process, const TraceFile& file, uint64_t offset) {
-    End();
     const uint64_t place = AddressOf(process, file, offset);
-    if (place == 0) return false;
     const uint64_t address = (place + kWidth - 1) / kWidth * kWidth;
+    const bool isMoved =
+        place != 0 && !m_events.empty() &&
+        std::all_of(m_events.begin(), m_events.end(),
+                    [address](const Event& event) { return MoveEvent(event, address); });
+    if (isMoved) return true;
+    End();
+    return place != 0 && Open(address);
+}
+
+bool StoreWatch::Open(uint64_t address) {
     const auto bufferSize = 2 * static_cast<size_t>(sysconf(_SC_PAGESIZE));
     const long processors = sysconf(_SC_NPROCESSORS_CONF);
     for (int processor = 0; processor < processors; ++processor) {

@@ -18,8 +18,8 @@
 
 class StoreWatch {
   public:
-    // Watches eight bytes at or behind `offset`, on all processors. False when that cannot be done;
-    // it then watches nothing.
+    // Watches eight bytes at or behind `offset`, on all processors, instead of those before. False
+    // when that cannot be done; it then watches nothing.
     [[nodiscard]] bool Begin(int process, const TraceFile& file, uint64_t offset);
     void End() { m_events.clear(); }
 
@@ -31,5 +31,7 @@ class StoreWatch {
     [[nodiscard]] const std::list<Event>& Events() const { return m_events; }
 
   private:
+    [[nodiscard]] bool Open(uint64_t address);
+
     std::list<Event> m_events;
 };

@@ -46,10 +46,11 @@ bool TraceWatch::Watch(const std::filesystem::path& file) {
 }
 
 void TraceWatch::Arm(const TraceMerge& merge) {
-    m_stores.clear();
     m_isTimed = false;
     for (const auto& source : merge.Sources()) {
-        if (IsUnpackedRing(source->Facts()) && !ArmRing(*source)) m_isTimed = true;
+        const bool isRing = IsUnpackedRing(source->Facts());
+        if (!isRing) m_stores.erase(source.get());
+        if (isRing && !ArmRing(*source)) m_isTimed = true;
     }
 }
 
@@ -57,12 +58,11 @@ void TraceWatch::Arm(const TraceMerge& merge) {
 // starts makes the file anew, which the system reports.
 bool TraceWatch::ArmRing(const TraceSource& ring) {
     const int writer = FindMapper(ring.File(), ring.Facts().writer);
-    if (writer == 0) return geteuid() == 0 && !IsYoung(ring.Path());
-    StoreWatch& store = m_stores.emplace_back();
-    if (!store.Begin(writer, ring.File(), ring.NewestEnd())) {
-        m_stores.pop_back();
-        return false;
+    if (writer == 0) {
+        m_stores.erase(&ring);
+        return geteuid() == 0 && !IsYoung(ring.Path());
     }
+    if (!m_stores[&ring].Begin(writer, ring.File(), ring.NewestEnd())) return false;
     // The next record begins in the trailer's place. Where no trailer stands, that has happened
     // already and the record is not whole yet.
     const std::string_view trailer = kTrailerLine.substr(1);
@@ -71,7 +71,7 @@ bool TraceWatch::ArmRing(const TraceSource& ring) {
 
 bool TraceWatch::Wait(int output) {
     std::vector<pollfd> events = {{m_fd.Get(), POLLIN, 0}, {output, 0, 0}};
-    for (const StoreWatch& store : m_stores) {
+    for (const auto& [ring, store] : m_stores) {
         for (const StoreWatch::Event& event : store.Events()) {
             events.push_back({event.fd.Get(), POLLIN, 0});
         }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <filesystem>
-#include <list>
+#include <map>
 #include <string>
 
 #include "services/base/unique_fd.h"
@@ -30,6 +30,6 @@ class TraceWatch {
     [[nodiscard]] bool ArmRing(const TraceSource& ring);
 
     UniqueFd m_fd;
-    std::list<StoreWatch> m_stores;
+    std::map<const TraceSource*, StoreWatch> m_stores;
     bool m_isTimed = false;
 };
