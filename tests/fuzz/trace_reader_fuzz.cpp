@@ -24,11 +24,12 @@ std::string ReadOneByOne(TraceSource& source, size_t size) {
     return text;
 }
 
-std::string ReadRuns(TraceSource& source) {
+template <typename Records>
+std::string ReadRuns(Records& records) {
     std::string text;
-    for (TraceRecord record; source.Next(record);) {
+    for (TraceRecord record; records.Next(record);) {
         text += std::string(record.line) + "\n";
-        for (TraceRun run; source.NextRun(run);) text += std::string(run.lines) + "\n";
+        for (TraceRun run; records.NextRun(run);) text += std::string(run.lines) + "\n";
     }
     return text;
 }
@@ -39,9 +40,18 @@ void ReadTwo(const std::string& one, const std::string& other) {
     merge.Add(one);
     merge.Add(other);
     uint64_t count = 0, counted = 0;
-    for (TraceRecord record; merge.Next(record);) count += record.kind == RecordKind::kRecord;
+    std::string text;
+    for (TraceRecord record; merge.Next(record);) {
+        count += record.kind == RecordKind::kRecord;
+        text += std::string(record.line) + "\n";
+    }
     for (const auto& source : merge.Sources()) counted += source->Facts().records;
     Require(count <= counted, "records from nowhere");
+    TraceMerge again;
+    again.ShowAll(one.size() % 2 == 1);
+    again.Add(one);
+    again.Add(other);
+    Require(ReadRuns(again) == text, "another order in runs");
 }
 
 }  // namespace

@@ -31,6 +31,20 @@ struct TraceRecord {
     RecordKind kind = RecordKind::kRecord;
 };
 
+// Which times those that are given at once may have: in order, before `end`, and none of `apart`,
+// where the bit of each time's last sixteen is set.
+struct RunLimit {
+    int64_t begin = INT64_MIN;  // moves along with them
+    int64_t end = INT64_MAX;
+    const uint64_t* apart = nullptr;  // 1024 words
+
+    [[nodiscard]] bool Allows(int64_t time) const {
+        const bool isApart =
+            apart != nullptr && (apart[(time & 0xFFFF) >> 6] >> (time & 63) & 1) != 0;
+        return time >= begin && time < end && !isApart;
+    }
+};
+
 // Records that stand behind each other, for those who only copy them: far faster than one by one.
 struct TraceRun {
     std::string_view lines;  // without the last line feed

@@ -157,14 +157,15 @@ bool RecordStream::IsPlain(const PrefixParser::Head& head, size_t end) const {
     return head.isThere != 0 && (end < fillEnd || m_buffer[fillEnd - 1] != '_');
 }
 
-bool RecordStream::NextRun(TraceRun& run) {
+bool RecordStream::NextRun(TraceRun& run, RunLimit* limit) {
     PrefixParser::Head head;
     size_t end = 0, next = 0;
     bool isWhole = FindWhole(head, end, next);
     const size_t begin = m_position;
     size_t runEnd = begin;
     run = {{}, 0, head.time, head.time, 0};
-    while (isWhole && IsPlain(head, end)) {
+    while (isWhole && IsPlain(head, end) && (limit == nullptr || limit->Allows(head.time))) {
+        if (limit != nullptr) limit->begin = head.time;
         run.clockBack += head.time < run.lastTime ? 1 : 0;
         run.lastTime = m_lastTime = head.time;
         ++run.count;

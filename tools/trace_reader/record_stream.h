@@ -24,8 +24,8 @@ class RecordStream {
     // False at the end of the segment. The views of a record are valid until the next call.
     [[nodiscard]] bool Next(TraceRecord& record);
     // As many records as are in the buffer, but no pre-fill and nothing without a prefix: false
-    // when that comes next.
-    [[nodiscard]] bool NextRun(TraceRun& run);
+    // when that, or what the limit does not allow, comes next.
+    [[nodiscard]] bool NextRun(TraceRun& run, RunLimit* limit = nullptr);
     // Where the record that Next gave begins in the file.
     [[nodiscard]] uint64_t Offset() const { return m_recordOffset; }
 

@@ -143,10 +143,28 @@ bool TraceMerge::Next(TraceRecord& record) {
     }
 }
 
+// Up to where records of this file certainly come next, and have no twin in a log.
+RunLimit TraceMerge::FindLimit(size_t number) const {
+    RunLimit limit;
+    limit.begin = m_inputs[number].key;
+    if (m_hasTwins) limit.apart = m_twins.Times();
+    for (size_t other = 0; other < m_inputs.size(); ++other) {
+        const Input& input = m_inputs[other];
+        if (other == number || !input.isThere) continue;
+        const bool goesFirst = MustWait(number) || input.head.sequence < input.drainTo;
+        limit.end = std::min(limit.end, goesFirst ? INT64_MIN : input.key);
+    }
+    return limit;
+}
+
 bool TraceMerge::NextRun(TraceRun& run) {
     // The first record of a file waits in its input.
-    const bool isSingle = m_hasBegun && !m_follows && m_sources.size() == 1 && m_last == 0;
-    return isSingle && m_sources[0]->NextRun(run);
+    if (!m_hasBegun || m_follows || m_last == kNone) return false;
+    if (m_sources.size() == 1) return m_sources[0]->NextRun(run);
+    RunLimit limit = FindLimit(m_last);
+    if (!m_sources[m_last]->NextRun(run, &limit)) return false;
+    m_inputs[m_last].key = limit.begin;
+    return true;
 }
 
 // A message goes into the ring first, and the ring of the run comes after that of the start: looked

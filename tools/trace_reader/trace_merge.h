@@ -27,8 +27,8 @@ class TraceMerge {
     // False at the end. The views of a record are valid until the next call.
     [[nodiscard]] bool Next(TraceRecord& record);
 
-    // Several at once, when it is a single file that they come from: otherwise false, and Next goes
-    // on.
+    // Several at once, when nothing of other files comes between them: otherwise false, and Next
+    // goes on.
     [[nodiscard]] bool NextRun(TraceRun& run);
 
     // What was written since the last look; Next then gives it. False: nothing.
@@ -55,6 +55,7 @@ class TraceMerge {
     [[nodiscard]] bool IsLog(size_t number) const;
     [[nodiscard]] bool MustWait(size_t number) const;
     [[nodiscard]] size_t Pick() const;
+    [[nodiscard]] RunLimit FindLimit(size_t number) const;
     [[nodiscard]] bool IsShown(size_t number);
     [[nodiscard]] bool PairRing(size_t number);
 

@@ -191,11 +191,11 @@ bool TraceSource::Next(TraceRecord& record) {
     return false;
 }
 
-bool TraceSource::NextRun(TraceRun& run) {
+bool TraceSource::NextRun(TraceRun& run, RunLimit* limit) {
     // A ring has nothing but pre-fill to be hidden among its records.
     const bool isPlain = m_stream && m_guard && !m_showsAll &&
                          m_layout.segments[m_segment].kind == RecordKind::kRecord;
-    if (!isPlain || !m_stream->NextRun(run)) return false;
+    if (!isPlain || !m_stream->NextRun(run, limit)) return false;
     Count(run);
     return true;
 }

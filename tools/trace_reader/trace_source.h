@@ -51,7 +51,7 @@ class TraceSource {
     // False at the end. The views of a record are valid until the next call for this source.
     [[nodiscard]] bool Next(TraceRecord& record);
     // Several at once: false where there are none, and Next goes on. Not after a false Next.
-    [[nodiscard]] bool NextRun(TraceRun& run);
+    [[nodiscard]] bool NextRun(TraceRun& run, RunLimit* limit = nullptr);
     // Begins again with the first record.
     void Rewind();
     // To be called before Next: skips records that are older than this time (as in TraceRecord)

@@ -30,6 +30,8 @@ class TwinIndex {
     // To be called behind the last Add.
     void Sort();
 
+    // The times that records of the logs have, as in RunLimit::apart.
+    [[nodiscard]] const uint64_t* Times() const { return m_times.data(); }
     // The first entry of a log that is not paired yet and is the twin of this record of a ring;
     // null when there is none.
     [[nodiscard]] Entry* FindTwin(const TraceRecord& record);
