@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "tools/trace_reader/layout.h"
+#include "tools/trace_reader/log_boundary.h"
 #include "tools/trace_reader/prefix.h"
 #include "tools/trace_reader/record_stream.h"
 #include "tools/trace_reader/writer.h"
@@ -36,74 +37,6 @@ struct FirstLook {
     // the most: its newest, and the last of the file.
     bool hasLongTexts = false;
     bool areMostLong = false;
-};
-
-// Where, behind a wrap line, the newest record ends and what is left of the cycle before begins.
-struct Place {
-    uint64_t newest = 0;
-    uint64_t old = 0;
-    uint64_t certain = 0;  // as Layout::certain
-};
-
-// Looks for it in the records of a cycle. There, time goes back, and the record that was
-// overwritten last has nearly always left a piece without a prefix. Either one alone also occurs
-// elsewhere: time goes back when the clock is set, and a text may have several lines, which look
-// like such a piece.
-class Boundary {
-  public:
-    explicit Boundary(const FirstLook& look)
-        : m_hasLongTexts(look.hasLongTexts), m_areMostLong(look.areMostLong) {}
-
-    // The records, the wrap line first.
-    void Add(const TraceRecord& record, uint64_t offset) {
-        const int64_t back = m_time - record.time;
-        if (back > 0) {
-            Rate(m_isCut || m_hasLongTexts ? kPieceAndBack : kBack, back, offset);
-        } else if (m_isCut) {
-            Rate(kPiece, 0, offset);
-        }
-        Remember(record, offset);
-    }
-    // With nothing behind the newest record but a piece.
-    [[nodiscard]] Place End(uint64_t offset) {
-        if (m_isCut) Rate(kPieceAtEnd, 0, offset);
-        return m_rank == kNowhere ? Place{offset, offset, offset} : m_place;
-    }
-
-  private:
-    // The likelier the higher. When the clock was set back in the newer cycle, or in the older one,
-    // the older records may have later times.
-    enum Rank { kNowhere, kBack, kPieceAtEnd, kPiece, kPieceAndBack };
-
-    void Rate(Rank rank, int64_t back, uint64_t offset) {
-        if (rank < m_rank || (rank == m_rank && back <= m_back)) return;
-        if (m_hasLongTexts && rank == kPiece) return;
-        m_rank = rank;
-        m_back = back;
-        m_place = {m_pieces, offset, m_lineEnd};
-    }
-    // The last of several lines is taken for such a piece, of a wrap line all others; where most
-    // texts have several lines, none: rather a piece too much than a line too few.
-    void Remember(const TraceRecord& record, uint64_t offset) {
-        const bool isWrap = record.kind == RecordKind::kWrap;
-        const size_t first = std::min(record.line.find('\n'), record.line.size());
-        const size_t last = std::min(record.line.rfind('\n'), record.line.size());
-        m_isCut = first != record.line.size();
-        m_lineEnd = offset + (isWrap || m_hasLongTexts ? first : last) + 1;
-        m_pieces = offset + (isWrap ? first : m_areMostLong ? record.line.size() : last) + 1;
-        m_time = record.time;
-    }
-
-    bool m_hasLongTexts;
-    bool m_areMostLong;
-    Rank m_rank = kNowhere;
-    Place m_place;
-    int64_t m_back = 0;
-    // Of the record before:
-    int64_t m_time = INT64_MIN / 2;
-    bool m_isCut = false;
-    uint64_t m_lineEnd = 0;
-    uint64_t m_pieces = 0;
 };
 
 FirstLook LookAtAll(const TraceFile& file, uint64_t size) {
@@ -146,7 +79,7 @@ uint64_t FindOldEnd(const TraceFile& file, const FirstLook& look, uint64_t size)
 
 }  // namespace
 
-static void PutParts(const Place& place, Layout& layout) {
+static void PutParts(const LogPlace& place, Layout& layout) {
     const auto put = [&layout](uint64_t begin, uint64_t end,
                                RecordKind kind = RecordKind::kRecord) {
         if (begin < end) layout.segments.push_back({begin, end, kind, false});
@@ -173,15 +106,15 @@ std::optional<WrapLine> ReadWrapLine(const TraceFile& file, uint64_t offset) {
 }
 
 // Where its writer is, which nothing in the file tells as surely.
-static std::optional<Place> FindPlace(const TraceFile& file, const Layout& layout) {
+static std::optional<LogPlace> FindPlace(const TraceFile& file, const Layout& layout) {
     const uint64_t newest = FindWritePosition(file);
     if (newest <= layout.start || newest > layout.oldEnd) return std::nullopt;
     const auto old = FindRecord(file, newest, layout.oldEnd);
-    return Place{newest, old ? old->offset : layout.oldEnd, newest};
+    return LogPlace{newest, old ? old->offset : layout.oldEnd, newest};
 }
 
-static Place GuessPlace(const TraceFile& file, const FirstLook& look, const Layout& layout) {
-    Boundary boundary(look);
+static LogPlace GuessPlace(const TraceFile& file, const FirstLook& look, const Layout& layout) {
+    LogBoundary boundary(look.hasLongTexts, look.areMostLong);
     RecordStream stream(file);
     stream.Start({layout.start, layout.oldEnd, RecordKind::kRecord, false});
     for (TraceRecord record; stream.Next(record);) boundary.Add(record, stream.Offset());
