@@ -80,6 +80,37 @@ TEST_F(FollowTest, RingsThroughTheirWrapsAndARestart) {
     }
 }
 
+TEST_F(FollowTest, LinesThatAreAsInTheCycleBeforeAreShown) {
+    Start(0, 5000);
+    debug.InitDone();
+    for (int i = 0; i < 400; ++i) {
+        SetClock(++m_second);
+        Message("value " + std::to_string(1000 + i) + "\nstate ok");
+        Look();
+    }
+    ASSERT_EQ(written.size(), found.size());
+    // Of the last record in front of a wrap nothing tells where it ends.
+    int cut = 0;
+    for (size_t i = 0; i < found.size(); ++i) cut += found[i] == written[i] ? 0 : 1;
+    EXPECT_LE(cut, 6);
+}
+
+TEST_F(FollowTest, HeaderThatGrowsOverTheFirstRecordOfItsRing) {
+    std::vector<std::string> words(60, std::string(100, 'a'));
+    std::vector<char*> arguments;
+    for (std::string& word : words) arguments.push_back(word.data());
+    Start(1, 100'000);
+    debug.InitDone();
+    Note("### Start of initialization. ###");
+    WriteAndLook(500, true);
+    debug.SetCommandLine(static_cast<int>(words.size()), arguments.data());
+    Note("kemd Command Line Options:");
+    for (size_t i = 0; i < words.size(); ++i)
+        Note("argv[" + std::to_string(i) + "] = \"" + words[i] + "\"");
+    WriteAndLook(4000, true);
+    EXPECT_EQ("", Differ(written, found));
+}
+
 TEST_F(FollowTest, NothingIsLostRepeatedOrMovedWhileAnotherThreadWrites) {
     std::atomic<bool> isWriting = true;
     std::thread writer([&] {

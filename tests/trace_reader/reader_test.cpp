@@ -99,6 +99,32 @@ TEST_F(ReaderTest, TrailerInTexts) {
     }
 }
 
+TEST_F(ReaderTest, WriterThatDiedWithinARecordBehindATextWithATrailer) {
+    for (const int count : {500, 3000}) {
+        written.clear();
+        SetClock(kStart);
+        Start(1);
+        debug.InitDone();
+        Note("### Start of initialization. ###");
+        for (int i = 0; i < count; ++i) {
+            SetClock(kStart + i);
+            Trace(Padded(i) + std::string(500, 'x') +
+                  (i == count - 200 ? "\n## TRACE-END ##" : ""));
+        }
+        std::string file = ReadFile(kRuntimeRing);
+        SetClock(kStart + count);
+        file.replace(file.rfind("x\n" + kTrailer) + 2, 40, Record("cut").substr(0, 40));
+        WriteFile("/tmp/dead", file);
+        TraceSource source("/tmp/dead", 0);
+        ASSERT_TRUE(source.Open());
+        Lines found = Read(source);
+        ASSERT_TRUE(found.back().starts_with(Prefix().substr(0, 23)));
+        found.pop_back();
+        EXPECT_EQ("", Differ(Whole("/tmp/dead"), found));
+        EXPECT_PRED2(Contains, source.Facts().problem, "no trailer");
+    }
+}
+
 TEST_F(ReaderTest, RingWhoseHeaderHasGrownOverItsFirstRecord) {
     std::vector<std::string> words(60, std::string(100, 'a'));
     std::vector<char*> arguments;

@@ -55,7 +55,7 @@ FileKind FindKind(const TraceFile& file, uint64_t size) {
 
 }  // namespace
 
-Layout ExamineFile(const TraceFile& file) {
+Layout ExamineFile(const TraceFile& file, std::optional<uint64_t> position) {
     Layout layout;
     layout.size = file.Size();
     if (layout.size == 0) return layout;
@@ -68,7 +68,7 @@ Layout ExamineFile(const TraceFile& file) {
     }
     layout.kind = FindKind(file, layout.size);
     if (layout.kind == FileKind::kLogFile) {
-        ExamineLog(file, layout);
+        ExamineLog(file, position, layout);
         return layout;
     }
     const bool isRing = layout.kind == FileKind::kRingFile;

@@ -32,8 +32,8 @@ struct Layout {
     uint64_t oldEnd = 0;       // where the cycle before ended
     uint64_t overwritten = 0;  // bytes of records that lost their start
     uint32_t cycle = 0;        // of a log, 0: not wrapped yet; of a ring 1 when it has wrapped
-    // Of a log: lines at the end of its newest record, or of the last one of the cycle before, may
-    // be left of older ones.
+    // Lines at the end of its newest record, or in a log of the last one of the cycle before, may
+    // be left of older ones, or lines of it be missing.
     bool hasUncertainLines = false;
     // Of a ring, for those who come back to it:
     bool hasTrailer = false;
@@ -44,12 +44,14 @@ struct Layout {
     std::string problem;      // in a few words, empty when all is as it should be
 };
 
-[[nodiscard]] Layout ExamineFile(const TraceFile& file);
+// Of a copy of a log one may know where its writer was when it was made, 0: not known.
+[[nodiscard]] Layout ExamineFile(const TraceFile& file,
+                                 std::optional<uint64_t> position = std::nullopt);
 
 // The two layouts, for ExamineFile. `begin` is where the begin record of a ring stands; kNowhere
 // when it is damaged.
 void ExamineRing(const TraceFile& file, uint64_t begin, Layout& layout);
-void ExamineLog(const TraceFile& file, Layout& layout);
+void ExamineLog(const TraceFile& file, std::optional<uint64_t> position, Layout& layout);
 
 // The wrap line of a log, when one stands at this offset.
 struct WrapLine {

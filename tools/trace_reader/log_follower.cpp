@@ -27,12 +27,15 @@ bool LogFollower::Begin() {
     // When nothing differs, no write was under way. A writer that never rests has only its newest
     // record at risk.
     for (int i = 0; i < kTries; ++i) {
+        m_position = m_writer.Find(m_log);
         m_modified = m_log.Modified();
         m_size = m_log.Size();
         if (!m_copy.OpenMemory() || !CopyRange(0, m_size)) return false;
         m_log.AwaitWrite();
-        if (m_log.Size() == m_copy.Size() && FindChange(m_size) == kNowhere) break;
+        const bool isSame = m_log.Size() == m_copy.Size() && FindChange(m_size) == kNowhere;
+        if (isSame && m_writer.Find(m_log) == m_position) return true;
     }
+    m_position = 0;
     return true;
 }
 
@@ -104,6 +107,14 @@ uint64_t LogFollower::TakeOver(uint64_t begin, uint64_t limit) {
     return skipped;
 }
 
+// The same for what goes on to where the writer is.
+uint64_t LogFollower::TakeOverWritten(uint64_t begin, uint64_t limit) {
+    const uint64_t end = m_writer.Find(m_log);
+    if (end < begin || end == 0 || end > limit) return TakeOver(begin, limit);
+    if (!CopyRange(begin, end)) m_hasFailed = true;
+    return m_certain = end;
+}
+
 // The bytes in front of this tell whether the writer still is in the same cycle: those of the wrap
 // line. Where cycles begin is not known before the first one that begins behind a start-up part; in
 // a large log it is looked for behind its beginning only when something was written and did not
@@ -138,7 +149,7 @@ bool LogFollower::HasWrapLine(uint64_t begin, uint64_t end) const {
 
 LogFollower::News LogFollower::GoOn(Layout& layout) {
     const uint64_t begin = Resume(layout.newest);
-    const uint64_t end = TakeOver(begin, kNowhere);
+    const uint64_t end = TakeOverWritten(begin, kNowhere);
     if (end == begin) return News::kNone;
     if (layout.start == 0 && HasWrapLine(begin, end)) return News::kOvertaken;
     layout.newest = end;
@@ -150,7 +161,7 @@ LogFollower::News LogFollower::GoOn(Layout& layout) {
 LogFollower::News LogFollower::BeginCycle(const WrapLine& wrap, Layout& layout) {
     const uint64_t begin = Resume(layout.newest);
     const uint64_t oldEnd = TakeOver(begin, kNowhere);
-    const uint64_t newest = TakeOver(wrap.start, begin);
+    const uint64_t newest = TakeOverWritten(wrap.start, begin);
     const auto taken = ReadWrapLine(m_copy, wrap.start);
     if (newest > begin || !taken || taken->cycle != wrap.cycle) return News::kOvertaken;
     layout.cycle = wrap.cycle;

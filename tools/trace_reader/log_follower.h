@@ -7,6 +7,7 @@
 
 #include "tools/trace_reader/layout.h"
 #include "tools/trace_reader/trace_file.h"
+#include "tools/trace_reader/writer.h"
 
 class LogFollower {
   public:
@@ -16,6 +17,8 @@ class LogFollower {
     // Copies the log as it is at one moment. False when there is no memory.
     [[nodiscard]] bool Begin();
     [[nodiscard]] const TraceFile& Copy() const { return m_copy; }
+    // Where the writer was when the copy was made, 0: not known.
+    [[nodiscard]] uint64_t Position() const { return m_position; }
     // The newest record of the copy ends here or at its layout's newest, or between them.
     void SetCertain(uint64_t certain) { m_certain = certain; }
 
@@ -37,6 +40,7 @@ class LogFollower {
     [[nodiscard]] uint64_t FindLineEnd(uint64_t begin, uint64_t changedEnd);
     [[nodiscard]] uint64_t SkipLines(uint64_t end, uint64_t changedEnd, uint64_t limit) const;
     [[nodiscard]] uint64_t TakeOver(uint64_t begin, uint64_t limit);
+    [[nodiscard]] uint64_t TakeOverWritten(uint64_t begin, uint64_t limit);
     [[nodiscard]] uint64_t ComparedEnd(const Layout& layout);
     [[nodiscard]] uint64_t Resume(uint64_t newest) const;
     [[nodiscard]] bool HasWrapLine(uint64_t begin, uint64_t end) const;
@@ -45,6 +49,8 @@ class LogFollower {
 
     const TraceFile& m_log;
     TraceFile m_copy;
+    WritePosition m_writer;
+    uint64_t m_position = 0;
     uint64_t m_size = 0;  // of the log at the last look
     int64_t m_modified = 0;
     uint64_t m_certain = 0;  // the newest record ends here, or at the layout's newest

@@ -106,8 +106,9 @@ std::optional<WrapLine> ReadWrapLine(const TraceFile& file, uint64_t offset) {
 }
 
 // Where its writer is, which nothing in the file tells as surely.
-static std::optional<LogPlace> FindPlace(const TraceFile& file, const Layout& layout) {
-    const uint64_t newest = FindWritePosition(file);
+static std::optional<LogPlace> FindPlace(const TraceFile& file, std::optional<uint64_t> position,
+                                         const Layout& layout) {
+    const uint64_t newest = position ? *position : WritePosition().Find(file);
     if (newest <= layout.start || newest > layout.oldEnd) return std::nullopt;
     const auto old = FindRecord(file, newest, layout.oldEnd);
     return LogPlace{newest, old ? old->offset : layout.oldEnd, newest};
@@ -121,7 +122,7 @@ static LogPlace GuessPlace(const TraceFile& file, const FirstLook& look, const L
     return boundary.End(layout.oldEnd);
 }
 
-void ExamineLog(const TraceFile& file, Layout& layout) {
+void ExamineLog(const TraceFile& file, std::optional<uint64_t> position, Layout& layout) {
     layout.kind = FileKind::kLogFile;
     const FirstLook look = LookAtAll(file, layout.size);
     layout.cycle = look.wrap.cycle;
@@ -135,6 +136,6 @@ void ExamineLog(const TraceFile& file, Layout& layout) {
     }
     layout.oldEnd = FindOldEnd(file, look, layout.size);
     layout.hasUncertainLines = look.hasLongTexts;
-    const auto place = FindPlace(file, layout);
+    const auto place = FindPlace(file, position, layout);
     PutParts(place ? *place : GuessPlace(file, look, layout), layout);
 }

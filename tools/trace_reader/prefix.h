@@ -52,8 +52,8 @@ class PrefixParser {
     [[nodiscard]] bool TakeThread(const char* bytes);
     [[nodiscard]] size_t TagLength(std::string_view rest);
 
-    std::array<char, kSecondLength> m_second{};
-    std::array<char, kThreadLength> m_thread{};
+    std::array<char, kSecondLength> m_second{'\n'};  // as no line begins
+    std::array<char, kThreadLength> m_thread{'\n'};
     std::array<char, kTagWidth + 1> m_tag{};  // with the blank behind it
     size_t m_tagLength = 0;                   // without the blanks
     uint32_t m_threadNumber = 0;

@@ -20,15 +20,19 @@ bool IsPreFill(const TraceFile& file, uint64_t begin, uint64_t end) {
 
 // Where the newest record ends when there is no trailer: its writer died while it wrote, or is
 // about to begin a cycle.
-uint64_t GuessNewest(const TraceFile& file, uint64_t begin, uint64_t end) {
+struct Guess {
+    uint64_t newest = 0;
+    bool isFound = false;
+};
+Guess GuessNewest(const TraceFile& file, uint64_t begin, uint64_t end) {
     NarrowNewest(file, begin, end);
     RecordStream stream(file);
     stream.Start({begin, end, RecordKind::kRecord, true});
     TraceRecord record;
     for (int64_t time = INT64_MIN; stream.Next(record); time = record.time) {
-        if (record.kind == RecordKind::kFill || record.time < time) return stream.Offset();
+        if (record.kind == RecordKind::kFill || record.time < time) return {stream.Offset(), true};
     }
-    return end;
+    return {end, false};
 }
 
 void PutSegment(Layout& layout, uint64_t begin, uint64_t end, RecordKind kind, bool isCut = false) {
@@ -49,33 +53,55 @@ uint64_t FindDots(const TraceFile& file, uint64_t start, uint64_t size) {
     return start;
 }
 
+static Guess GuessNewest(const TraceFile& file, const Layout& layout) {
+    return GuessNewest(file, layout.start, FindDots(file, layout.start, layout.size));
+}
+
+static void TakeGuess(const TraceFile& file, const Guess& guess, Layout& layout) {
+    if (!TakePlace(
+            file, [&guess] { return guess.newest; }, layout))
+        layout.newest = guess.newest;
+    layout.problem = "no trailer: the newest record may be cut";
+}
+
+// A line like a trailer, with newer records behind it: the trailer, and the clock was put back in
+// front of it; or a line of a text, and the writer died within a later record, behind which time
+// goes back. In a first cycle there is pre-fill behind every trailer.
+static bool KeepsUnlikely(const TraceFile& file, Layout& layout) {
+    const Guess guess = GuessNewest(file, layout);
+    const bool isFirst = IsPreFill(file, layout.start, layout.size);
+    if (isFirst || (guess.isFound && guess.newest > layout.newest)) {
+        TakeGuess(file, guess, layout);
+        return false;
+    }
+    const uint64_t begin = std::max<uint64_t>(layout.start, 1) - 1;
+    const uint64_t first = file.Find(kTrailerLine, begin, layout.size);
+    const uint64_t last = file.FindLast(kTrailerLine, begin, layout.size);
+    if (first != last) layout.problem = "several trailers: the newest record is uncertain";
+    return true;
+}
+
 // The newest record by its trailer. There is none while a record or a header is written, which may
 // be interrupted for a while.
 static bool FindNewest(const TraceFile& file, Layout& layout) {
-    const auto take = [&](bool mustBeLikely) {
-        return TakePlace(
-            file,
-            [&] {
-                const Trailer trailer = FindTrailer(file, layout.start, layout.size);
-                return trailer.isLikely || !mustBeLikely ? trailer.offset : kNowhere;
-            },
-            layout);
+    Trailer trailer;
+    const auto take = [&] {
+        const auto find = [&] {
+            trailer = FindTrailer(file, layout.start, layout.size);
+            return trailer.offset;
+        };
+        return TakePlace(file, find, layout);
     };
-    if (take(true)) return true;
-    const bool isLive = IsWriter(FindWriter(file), file);
-    for (const Patience patience; isLive && patience.Wait();) {
-        if (take(true)) return true;
+    bool isFound = take();
+    const bool isSure = isFound && trailer.isLikely;
+    const bool isLive = !isSure && IsWriter(FindWriter(file), file);
+    for (const Patience patience; isLive && !(isFound && trailer.isLikely) && patience.Wait();) {
+        isFound = take();
     }
-    return take(false);
-}
-
-static void GuessPlace(const TraceFile& file, Layout& layout) {
-    const uint64_t dots = FindDots(file, layout.start, layout.size);
-    const uint64_t guess = GuessNewest(file, layout.start, dots);
-    if (!TakePlace(
-            file, [guess] { return guess; }, layout))
-        layout.newest = guess;
-    layout.problem = "no trailer: the newest record may be cut";
+    layout.hasUncertainLines = trailer.isOneOfMany;
+    if (isFound && !trailer.isLikely) return KeepsUnlikely(file, layout);
+    if (!isFound) TakeGuess(file, GuessNewest(file, layout), layout);
+    return isFound;
 }
 
 constexpr std::string_view kHeaderEnd = "# End of header.\n";
@@ -96,7 +122,6 @@ static uint64_t FindHeaderRest(const TraceFile& file, uint64_t begin, uint64_t e
 static void ExamineCycles(const TraceFile& file, Layout& layout) {
     const uint64_t size = layout.size;
     const bool isEnded = layout.hasTrailer = FindNewest(file, layout);
-    if (!isEnded) GuessPlace(file, layout);
     const uint64_t dots = FindDots(file, layout.start, size);
     const uint64_t trailer = layout.newest + (isEnded ? kTrailerLength : 0);
     const uint64_t old = layout.run.empty() ? FindHeaderRest(file, trailer, dots) : trailer;

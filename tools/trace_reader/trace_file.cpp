@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "tools/trace_reader/prefix.h"
 #include "tools/trace_reader/unpack_gzip.h"
@@ -15,18 +16,26 @@
 namespace {
 
 constexpr uint64_t kBlock = uint64_t{1} << 20;
+constexpr uint64_t kFirstBlock = uint64_t{1} << 14;
+
+uint64_t Longer(uint64_t length) {
+    return std::min(2 * length, kBlock);
+}
 
 // What the header at the start of a file says about its size. A log says nothing: it is text, which
 // does not become smaller than a small part.
 uint64_t UnpackedLimit(int fd, uint64_t packedSize) {
     constexpr std::string_view kLabel = "Ring Buffer Size           : ";
+    constexpr std::string_view kFill = "____________________\n";
     constexpr uint64_t kPreFillLine = 1024;
     constexpr uint64_t kTextRatio = 64;
     std::string text(kBlock, '\0');
     text.resize(static_cast<size_t>(std::max<ssize_t>(pread(fd, text.data(), text.size(), 0), 0)));
     if (PrefixParser().ParseHead(text.data(), text.size()).isThere == 0) return kBlock;
     const size_t found = text.find(kLabel);
-    if (found == text.npos) return std::clamp(packedSize * kTextRatio, kBlock, TraceFile::kLimit);
+    // Behind the header of a ring is its slack.
+    const bool isRing = found != text.npos && text.find(kFill, found) != text.npos;
+    if (!isRing) return std::clamp(packedSize * kTextRatio, kBlock, TraceFile::kLimit);
     const auto size = std::strtoull(text.c_str() + found + kLabel.size(), nullptr, 10);
     return std::min<uint64_t>(size, TraceFile::kLimit - kPreFillLine) + kPreFillLine;
 }
@@ -126,9 +135,12 @@ void TraceFile::AwaitWrite() const {
 }
 
 uint64_t TraceFile::Find(std::string_view text, uint64_t begin, uint64_t end) const {
-    // Blocks overlap, so that an occurrence across two of them is not missed.
-    for (uint64_t at = begin; at + text.size() <= end; at += kBlock) {
-        const std::string block = Read(at, std::min<uint64_t>(kBlock + text.size() - 1, end - at));
+    // Blocks overlap, so that an occurrence across two of them is not missed. The first ones are
+    // small: often the next occurrence is near.
+    uint64_t length = kFirstBlock;
+    for (uint64_t at = begin; at + text.size() <= end;
+         at += std::exchange(length, Longer(length))) {
+        const std::string block = Read(at, std::min<uint64_t>(length + text.size() - 1, end - at));
         if (block.size() < text.size()) break;
         const void* found = memmem(block.data(), block.size(), text.data(), text.size());
         if (found != nullptr) {
@@ -139,8 +151,9 @@ uint64_t TraceFile::Find(std::string_view text, uint64_t begin, uint64_t end) co
 }
 
 uint64_t TraceFile::FindLast(std::string_view text, uint64_t begin, uint64_t end) const {
-    for (uint64_t last = end; last > begin;) {
-        const uint64_t at = last - std::min<uint64_t>(kBlock, last - begin);
+    uint64_t length = kFirstBlock;
+    for (uint64_t last = end; last > begin; length = Longer(length)) {
+        const uint64_t at = last - std::min<uint64_t>(length, last - begin);
         const std::string block =
             Read(at, std::min<uint64_t>(last - at + text.size() - 1, end - at));
         const size_t found = block.rfind(text);

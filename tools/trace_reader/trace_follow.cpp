@@ -66,9 +66,13 @@ bool TraceSource::GoOn(Layout layout, bool isNextCycle) {
     return !m_layout.segments.empty();
 }
 
-bool TraceSource::IsKept() const {
-    const uint64_t length = m_layout.mark.size();
-    return m_file.Read(m_layout.newest - length, length) == m_layout.mark;
+// Whether the bytes in front of the newest record's end are as they were, as far as they stand
+// behind `from`.
+bool TraceSource::IsKept(uint64_t from) const {
+    const uint64_t begin = std::max(m_layout.newest - m_layout.mark.size(), from);
+    if (begin >= m_layout.newest) return false;
+    const std::string now = m_file.Read(begin, m_layout.newest - begin);
+    return m_layout.mark.ends_with(now) && now.size() == m_layout.newest - begin;
 }
 
 bool TraceSource::IsUntouched() const {
@@ -118,7 +122,11 @@ bool TraceSource::AwaitPlace(Layout& layout) const {
 
 bool TraceSource::AdvanceRing() {
     if (IsUntouched()) return false;
-    if (!IsSameRun()) return BeginAnew();
+    if (!IsSameRun()) {
+        // A header that has grown over the begin record leaves the rest as it was.
+        if (m_file.Size() != m_layout.size || !IsKept(0)) return BeginAnew();
+        m_layout.run.clear();
+    }
     Layout layout = m_layout;
     const bool isFound = AwaitPlace(layout);
     if (!IsSameRun()) return BeginAnew();
@@ -126,7 +134,9 @@ bool TraceSource::AdvanceRing() {
     if (layout.run != m_layout.run || layout.start != m_layout.start) return BeginAnew();
     const bool isNextCycle = !layout.first.starts_with(m_layout.first);
     if (!isNextCycle) return layout.newest > m_layout.newest && GoOn(std::move(layout), false);
-    if (layout.newest > m_layout.newest || !IsKept()) return BeginAnew(true);
+    if (layout.newest > m_layout.newest || !IsKept(layout.newest + kTrailerLength)) {
+        return BeginAnew(true);
+    }
     layout.cycle = 1;
     layout.oldEnd = FindDots(m_file, m_layout.newest, m_layout.size);
     return GoOn(std::move(layout), true);

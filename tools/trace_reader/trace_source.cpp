@@ -45,7 +45,7 @@ Layout TraceSource::Examine() {
     if (layout.kind != FileKind::kLogFile) return layout;
     m_log.emplace(m_file);
     if (m_log->Begin()) {
-        layout = ExamineFile(m_log->Copy());
+        layout = ExamineFile(m_log->Copy(), m_log->Position());
         m_log->SetCertain(layout.certain);
         return layout;
     }

@@ -84,7 +84,7 @@ class TraceSource {
     void Count(const TraceRun& run);
     [[nodiscard]] bool IsReady(const Layout& layout) const;
     [[nodiscard]] bool IsUntouched() const;
-    [[nodiscard]] bool IsKept() const;
+    [[nodiscard]] bool IsKept(uint64_t from) const;
     [[nodiscard]] bool AdvanceFile();
     [[nodiscard]] bool Reopen();
     [[nodiscard]] bool BeginAnew(bool isOvertaken = false);

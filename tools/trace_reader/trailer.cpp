@@ -33,11 +33,11 @@ bool IsBehindHeader(const TraceFile& file, uint64_t at) {
 enum Rank { kNone, kNewerBehind, kSameTimeBehind, kOlderBehind };
 
 // What a line at `at` is, by the first record behind it.
-Rank RankOf(const TraceFile& file, uint64_t start, uint64_t at,
+Rank RankOf(const TraceFile& file, uint64_t record, uint64_t at,
             const std::optional<RecordPlace>& behind) {
     if (IsBehindHeader(file, at)) return kNewerBehind;
     if (!behind || behind->kind == RecordKind::kFill) return kOlderBehind;
-    const auto time = TimeBefore(file, start, at);
+    const auto time = TimeBefore(file, std::min(record, at), at);
     if (!time || behind->time > *time) return kNewerBehind;
     return behind->time < *time ? kOlderBehind : kSameTimeBehind;
 }
@@ -45,6 +45,7 @@ Rank RankOf(const TraceFile& file, uint64_t start, uint64_t at,
 struct Ranked {
     uint64_t offset = kNowhere;
     Rank rank = kNone;
+    bool isOneOfMany = false;
 };
 
 // The best of those that begin in [from, to).
@@ -52,6 +53,7 @@ Ranked FindBest(const TraceFile& file, uint64_t start, uint64_t from, uint64_t t
     constexpr int kMost = 10'000;  // of them in texts: no file may keep its reader busy for long
     const uint64_t last = std::min(to + kTrailerLength, end);
     Ranked best;
+    uint64_t record = start;  // begins here, or further on
     for (int i = 0; i < kMost; ++i) {
         // The line feed in front of it belongs to the record before.
         const uint64_t found = file.Find(kTrailerLine, std::max<uint64_t>(from, 1) - 1, last);
@@ -61,15 +63,16 @@ Ranked FindBest(const TraceFile& file, uint64_t start, uint64_t from, uint64_t t
         from = behind ? behind->offset : end;
         const uint64_t line = file.FindLast(kTrailerLine, found, std::min(from, last));
         const uint64_t at = (line == kNowhere ? found : line) + 1;
-        const Rank rank = RankOf(file, start, at, behind);
-        if (rank >= best.rank) best = {at, rank};
+        const Rank rank = RankOf(file, record, at, behind);
+        if (rank >= best.rank) best = {at, rank, at != found + 1};
         if (rank == kOlderBehind) break;
+        if (behind) record = behind->offset;
     }
     return best;
 }
 
 Trailer Judge(const Ranked& best) {
-    return {best.offset, best.rank >= kSameTimeBehind};
+    return {best.offset, best.rank >= kSameTimeBehind, best.isOneOfMany};
 }
 
 }  // namespace

@@ -15,6 +15,9 @@ struct Trailer {
     // Behind it stand older records, pre-fill or nothing. A line like it in a text has newer ones
     // behind it; but so has the trailer itself when the clock was put back.
     bool isLikely = false;
+    // There are more such lines in front of the next record: of the newest text, or of the piece of
+    // an older one.
+    bool isOneOfMany = false;
 };
 
 // The trailer in a cycle that begins at `start`. None while a record is being written. Of several

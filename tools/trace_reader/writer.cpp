@@ -35,8 +35,11 @@ Writing Look(int process, const TraceFile* file) {
     return isUnseen ? Writing::kUnseen : Writing::kNo;
 }
 
-// Of the open file that an entry of /proc/PID/fd stands for; 0 when it is not for writing.
-uint64_t PositionOf(const std::filesystem::path& entry) {
+// Of the open file that an entry of /proc/PID/fd stands for; 0 when it is another one, or not for
+// writing.
+uint64_t PositionOf(const std::filesystem::path& entry, const TraceFile& file) {
+    struct stat status = {};
+    if (stat(entry.c_str(), &status) != 0 || !file.IsSame(status)) return 0;
     const std::filesystem::path process = entry.parent_path().parent_path();
     std::ifstream info(process / "fdinfo" / entry.filename());
     uint64_t position = 0;
@@ -60,8 +63,9 @@ bool HidesFiles(int process) {
     return Look(process, nullptr) == Writing::kUnseen;
 }
 
-uint64_t FindWritePosition(const TraceFile& file) {
+uint64_t WritePosition::Find(const TraceFile& file) {
     using Entries = std::filesystem::directory_iterator;
+    if (const uint64_t position = PositionOf(m_descriptor, file)) return position;
     std::error_code error;
     for (Entries process("/proc", error); !error && process != Entries();
          process.increment(error)) {
@@ -69,10 +73,10 @@ uint64_t FindWritePosition(const TraceFile& file) {
         std::error_code hidden;
         for (Entries entry(process->path() / "fd", hidden); !hidden && entry != Entries();
              entry.increment(hidden)) {
-            struct stat status = {};
-            if (stat(entry->path().c_str(), &status) != 0 || !file.IsSame(status)) continue;
-            if (const uint64_t position = PositionOf(entry->path())) return position;
+            m_descriptor = entry->path();
+            if (const uint64_t position = PositionOf(m_descriptor, file)) return position;
         }
     }
+    m_descriptor.clear();
     return 0;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 
 #include "tools/trace_reader/trace_file.h"
 
@@ -13,5 +14,13 @@ enum class Writing : uint8_t { kNo, kYes, kUnseen };
 [[nodiscard]] bool IsWriter(int process, const TraceFile& file);
 // Whether some of the files that a process has open cannot be seen.
 [[nodiscard]] bool HidesFiles(int process);
-// Where in a file that some process writes its next write goes; 0 when that cannot be seen.
-[[nodiscard]] uint64_t FindWritePosition(const TraceFile& file);
+
+// Where in a file that some process writes its next write goes.
+class WritePosition {
+  public:
+    // 0 when that cannot be seen. Everything in front of it is whole. Keeps in mind who writes.
+    [[nodiscard]] uint64_t Find(const TraceFile& file);
+
+  private:
+    std::filesystem::path m_descriptor;  // in /proc
+};
