@@ -75,7 +75,7 @@ TEST_F(FollowTest, RingsThroughTheirWrapsAndARestart) {
         // The reader had the file open when it was compressed and unlinked.
         Note("### End of initialization. ###");
         Note("### Start of initialization. ###");
-        WriteAndLook(6000, true);
+        WriteAndLook(4000, true);
         EXPECT_EQ("", Differ(written, found));
     }
 }

@@ -53,6 +53,15 @@ FileKind FindKind(const TraceFile& file, uint64_t size) {
     return kind;
 }
 
+// A ring begins with its header, if it is not damaged there.
+bool BeginsAsLog(const TraceFile& file, uint64_t size) {
+    RecordStream stream(file);
+    stream.Start({0, size, RecordKind::kRecord, false});
+    TraceRecord record;
+    return stream.Next(record) && record.kind == RecordKind::kRecord &&
+           record.text != "Orvana Environment:" && !record.text.ends_with(" Command Line Options:");
+}
+
 }  // namespace
 
 Layout ExamineFile(const TraceFile& file, std::optional<uint64_t> position) {
@@ -62,7 +71,9 @@ Layout ExamineFile(const TraceFile& file, std::optional<uint64_t> position) {
     const uint64_t begin = FindBegin(file, layout.size);
     // A ring that is being made has its whole size only when its records begin.
     if (begin != kNowhere) layout.size = file.Size();
-    if (begin != kNowhere || file.Find(kTrailerLine, 0, layout.size) != kNowhere) {
+    const bool isRing = begin != kNowhere || (file.Find(kTrailerLine, 0, layout.size) != kNowhere &&
+                                              !BeginsAsLog(file, layout.size));
+    if (isRing) {
         ExamineRing(file, begin, layout);
         return layout;
     }
@@ -71,9 +82,9 @@ Layout ExamineFile(const TraceFile& file, std::optional<uint64_t> position) {
         ExamineLog(file, position, layout);
         return layout;
     }
-    const bool isRing = layout.kind == FileKind::kRingFile;
-    layout.segments = {{0, layout.size, isRing ? RecordKind::kFill : RecordKind::kOther, false}};
-    layout.problem = isRing ? "nothing was written yet" : "no trace file";
+    const bool isUnused = layout.kind == FileKind::kRingFile;
+    layout.segments = {{0, layout.size, isUnused ? RecordKind::kFill : RecordKind::kOther, false}};
+    layout.problem = isUnused ? "nothing was written yet" : "no trace file";
     return layout;
 }
 

@@ -44,7 +44,8 @@ struct Layout {
     std::string problem;      // in a few words, empty when all is as it should be
 };
 
-// Of a copy of a log one may know where its writer was when it was made, 0: not known.
+// Of a copy of a log one may know where its writer was when it was made (0: not known); otherwise
+// the writer is looked for.
 [[nodiscard]] Layout ExamineFile(const TraceFile& file,
                                  std::optional<uint64_t> position = std::nullopt);
 

@@ -110,7 +110,8 @@ uint64_t LogFollower::TakeOver(uint64_t begin, uint64_t limit) {
 // The same for what goes on to where the writer is.
 uint64_t LogFollower::TakeOverWritten(uint64_t begin, uint64_t limit) {
     const uint64_t end = m_writer.Find(m_log);
-    if (end < begin || end == 0 || end > limit) return TakeOver(begin, limit);
+    const bool isWhole = end > 0 && m_log.Read(end - 1, 1) == "\n";  // the disk was not full
+    if (!isWhole || end < begin || end > limit) return TakeOver(begin, limit);
     if (!CopyRange(begin, end)) m_hasFailed = true;
     return m_certain = end;
 }

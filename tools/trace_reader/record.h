@@ -31,8 +31,8 @@ struct TraceRecord {
     RecordKind kind = RecordKind::kRecord;
 };
 
-// Which times those that are given at once may have: in order, before `end`, and none of `apart`,
-// where the bit of each time's last sixteen is set.
+// Which times those that are given at once may have: in order, before `end`, and none that is in
+// `apart`, 65,536 bits of which the low sixteen bits of a time tell its own.
 struct RunLimit {
     int64_t begin = INT64_MIN;  // moves along with them
     int64_t end = INT64_MAX;

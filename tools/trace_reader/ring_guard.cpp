@@ -29,7 +29,8 @@ bool RingGuard::IsUntouched() const {
 // the writer has not come to: everything, or one cycle less, or nothing that was known.
 void RingGuard::Look() {
     Trailer found = FindTrailer(m_file, m_start, m_size);
-    for (const Patience patience; !found.isLikely && patience.Wait();) {
+    for (const Patience patience; m_mayWait && !found.isLikely;) {
+        m_mayWait = patience.Wait();
         found = FindTrailer(m_file, m_start, m_size);
     }
     const uint64_t trailer = found.offset;

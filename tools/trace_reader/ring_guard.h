@@ -24,7 +24,8 @@ class RingGuard {
     uint64_t m_start;
     uint64_t m_newest;
     uint64_t m_size;
-    std::string m_mark;   // the bytes in front of the newest trailer
-    uint64_t m_oldValid;  // of the records behind the newest
-    uint64_t m_newValid;  // of the records in front of it
+    bool m_mayWait = true;  // it has not been in vain
+    std::string m_mark;     // the bytes in front of the newest trailer
+    uint64_t m_oldValid;    // of the records behind the newest
+    uint64_t m_newValid;    // of the records in front of it
 };

@@ -57,19 +57,31 @@ static Guess GuessNewest(const TraceFile& file, const Layout& layout) {
     return GuessNewest(file, layout.start, FindDots(file, layout.start, layout.size));
 }
 
+static void AddProblem(Layout& layout, const char* problem) {
+    if (!layout.problem.empty()) layout.problem += "; ";
+    layout.problem += problem;
+}
+
 static void TakeGuess(const TraceFile& file, const Guess& guess, Layout& layout) {
     if (!TakePlace(
             file, [&guess] { return guess.newest; }, layout))
         layout.newest = guess.newest;
-    layout.problem = "no trailer: the newest record may be cut";
+    AddProblem(layout, "no trailer: the newest record may be cut");
 }
 
-// A line like a trailer, with newer records behind it: the trailer, and the clock was put back in
-// front of it; or a line of a text, and the writer died within a later record, behind which time
-// goes back. In a first cycle there is pre-fill behind every trailer.
+static bool IsRecordBehind(const TraceFile& file, uint64_t trailer) {
+    const std::string head = file.Read(trailer + kTrailerLength, PrefixParser::kHeadLength);
+    return PrefixParser().ParseHead(head.data(), head.size()).isThere != 0;
+}
+
+// A line like a trailer, with newer records behind it: the trailer, and the clock was put back; or
+// the end of a text, and the writer died within a later record, behind which time goes back. Behind
+// a trailer there is nearly always a piece of the record that was overwritten last, and in a first
+// cycle pre-fill.
 static bool KeepsUnlikely(const TraceFile& file, Layout& layout) {
-    const Guess guess = GuessNewest(file, layout);
     const bool isFirst = IsPreFill(file, layout.start, layout.size);
+    const bool isText = isFirst || IsRecordBehind(file, layout.newest);
+    const Guess guess = isText ? GuessNewest(file, layout) : Guess();
     if (isFirst || (guess.isFound && guess.newest > layout.newest)) {
         TakeGuess(file, guess, layout);
         return false;
@@ -77,7 +89,7 @@ static bool KeepsUnlikely(const TraceFile& file, Layout& layout) {
     const uint64_t begin = std::max<uint64_t>(layout.start, 1) - 1;
     const uint64_t first = file.Find(kTrailerLine, begin, layout.size);
     const uint64_t last = file.FindLast(kTrailerLine, begin, layout.size);
-    if (first != last) layout.problem = "several trailers: the newest record is uncertain";
+    if (first != last) AddProblem(layout, "several trailers: the newest record is uncertain");
     return true;
 }
 
@@ -92,12 +104,12 @@ static bool FindNewest(const TraceFile& file, Layout& layout) {
         };
         return TakePlace(file, find, layout);
     };
-    bool isFound = take();
-    const bool isSure = isFound && trailer.isLikely;
-    const bool isLive = !isSure && IsWriter(FindWriter(file), file);
-    for (const Patience patience; isLive && !(isFound && trailer.isLikely) && patience.Wait();) {
-        isFound = take();
-    }
+    bool isFound = false;
+    const auto isSure = [&] { return isFound && trailer.isLikely; };
+    // More than once also where its writer cannot be seen.
+    for (int i = 0; i < 3 && !isSure(); ++i) isFound = take();
+    const bool isLive = !isSure() && IsWriter(FindWriter(file), file);
+    for (const Patience patience; isLive && !isSure() && patience.Wait();) isFound = take();
     layout.hasUncertainLines = trailer.isOneOfMany;
     if (isFound && !trailer.isLikely) return KeepsUnlikely(file, layout);
     if (!isFound) TakeGuess(file, GuessNewest(file, layout), layout);

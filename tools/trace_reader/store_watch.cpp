@@ -90,7 +90,7 @@ bool StoreWatch::Begin(int process, const TraceFile& file, uint64_t offset) {
     const uint64_t place = AddressOf(process, file, offset);
     const uint64_t address = (place + kWidth - 1) / kWidth * kWidth;
     const bool isMoved =
-        place != 0 && !m_events.empty() &&
+        place != 0 && m_events.size() == static_cast<size_t>(sysconf(_SC_NPROCESSORS_ONLN)) &&
         std::all_of(m_events.begin(), m_events.end(),
                     [address](const Event& event) { return MoveEvent(event, address); });
     if (isMoved) return true;

@@ -91,6 +91,7 @@ void TraceSource::Rewind() {
     m_facts.records = m_facts.clockBack = m_facts.foreign = 0;
     m_segment = 0;
     m_isInHeader = m_beginsInHeader;
+    m_isInFront = !m_layout.segments.empty() && m_layout.segments[0].begin == 0;
     StartSegment();
 }
 
@@ -115,8 +116,10 @@ bool TraceSource::IsHidden(TraceRecord& record) {
     const bool isLog = m_layout.kind == FileKind::kLogFile;
     if (!isLog && record.kind == RecordKind::kWrap) record.kind = RecordKind::kRecord;
     if (isLog && record.kind == RecordKind::kRecord) {
-        // A log begins with its header or has none; a message may look like a part of one.
-        if (record.text == kHeaderBegin && m_stream->Offset() == 0) m_isInHeader = true;
+        // A log has its header in front or has none: a message may look like a part of one. Only
+        // failures of the ring come before it.
+        if (record.text == kHeaderBegin && m_isInFront) m_isInHeader = true;
+        m_isInFront = m_isInFront && record.text.starts_with("### InitRingBuffer(): ");
         m_isInHeader = m_isInHeader && IsOfHeader(record.text);
         if (m_isInHeader) record.kind = RecordKind::kHeader;
         if (record.text == kHeaderEnd) m_isInHeader = false;

@@ -106,6 +106,7 @@ class TraceSource {
     std::optional<RecordStream> m_stream;
     size_t m_segment = 0;
     bool m_isInHeader = false;      // of a log
+    bool m_isInFront = false;       // nothing but what may stand in front of a header was read
     bool m_beginsInHeader = false;  // what is given since the last look
     SourceFacts m_facts;
 };

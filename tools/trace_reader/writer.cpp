@@ -1,9 +1,11 @@
 #include "tools/trace_reader/writer.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -63,20 +65,33 @@ bool HidesFiles(int process) {
     return Look(process, nullptr) == Writing::kUnseen;
 }
 
-uint64_t WritePosition::Find(const TraceFile& file) {
+// Of the open files only those with its name are looked at: asking for one of a server that does
+// not answer would wait for it.
+uint64_t WritePosition::Search(const TraceFile& file) {
     using Entries = std::filesystem::directory_iterator;
-    if (const uint64_t position = PositionOf(m_descriptor, file)) return position;
     std::error_code error;
+    const auto name = std::filesystem::weakly_canonical(file.Path(), error).filename();
     for (Entries process("/proc", error); !error && process != Entries();
          process.increment(error)) {
         if (std::atoi(process->path().filename().c_str()) <= 0) continue;
         std::error_code hidden;
         for (Entries entry(process->path() / "fd", hidden); !hidden && entry != Entries();
              entry.increment(hidden)) {
+            std::error_code gone;
+            if (std::filesystem::read_symlink(entry->path(), gone).filename() != name) continue;
             m_descriptor = entry->path();
             if (const uint64_t position = PositionOf(m_descriptor, file)) return position;
         }
     }
     m_descriptor.clear();
     return 0;
+}
+
+uint64_t WritePosition::Find(const TraceFile& file) {
+    using Clock = std::chrono::steady_clock;
+    if (const uint64_t position = PositionOf(m_descriptor, file)) return position;
+    if (file.IsCompressed() || Clock::now() < m_nextSearch) return 0;
+    const uint64_t position = Search(file);
+    if (position == 0) m_nextSearch = Clock::now() + std::chrono::seconds(1);
+    return position;
 }

@@ -1,6 +1,7 @@
-// Whether a process of this host has a file open.
+// Whether a process of this host has a file open, and how far it has written it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 
@@ -18,9 +19,13 @@ enum class Writing : uint8_t { kNo, kYes, kUnseen };
 // Where in a file that some process writes its next write goes.
 class WritePosition {
   public:
-    // 0 when that cannot be seen. Everything in front of it is whole. Keeps in mind who writes.
+    // 0 when that cannot be seen. Every write that went in front of it is over. Keeps in mind who
+    // writes, and for a second that nobody was found.
     [[nodiscard]] uint64_t Find(const TraceFile& file);
 
   private:
+    [[nodiscard]] uint64_t Search(const TraceFile& file);
+
     std::filesystem::path m_descriptor;  // in /proc
+    std::chrono::steady_clock::time_point m_nextSearch;
 };
