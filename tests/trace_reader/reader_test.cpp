@@ -88,11 +88,7 @@ TEST_F(ReaderTest, MessagesThatLookLikeAHeaderAreShown) {
 TEST_F(ReaderTest, TrailerInTexts) {
     const std::string trailer(kTrailer);
     for (const int count : {300, 3000}) {
-        written.clear();
-        SetClock(kStart);
-        Start(1);
-        debug.InitDone();
-        Note("### Start of initialization. ###");
+        StartRing();
         for (int i = 0; i < count; ++i) {
             SetClock(kStart + i / 2);
             Trace(Padded(i) + std::string(500, 'x'));
@@ -105,11 +101,7 @@ TEST_F(ReaderTest, TrailerInTexts) {
 
 TEST_F(ReaderTest, WriterThatDiedWithinARecordBehindATextWithATrailer) {
     for (const int count : {500, 3000}) {
-        written.clear();
-        SetClock(kStart);
-        Start(1);
-        debug.InitDone();
-        Note("### Start of initialization. ###");
+        StartRing();
         for (int i = 0; i < count; ++i) {
             SetClock(kStart + i);
             Trace(Padded(i) + std::string(500, 'x') +
@@ -130,9 +122,7 @@ TEST_F(ReaderTest, WriterThatDiedWithinARecordBehindATextWithATrailer) {
 }
 
 TEST_F(ReaderTest, RingWhoseOlderCycleHasLaterTimes) {
-    Start(1);
-    debug.InitDone();
-    Note("### Start of initialization. ###");
+    StartRing();
     for (int i = 0; i < 6000; ++i) {
         SetClock(kStart + i - (i > 2500 ? 3600 : 0));
         Trace(Padded(i) + std::string(500, 'x'));
@@ -171,9 +161,7 @@ TEST_F(ReaderTest, RingWhoseHeaderHasGrownOverItsFirstRecord) {
 }
 
 TEST_F(ReaderTest, RingThroughItsCycles) {
-    Start(1);
-    debug.InitDone();
-    Note("### Start of initialization. ###");
+    StartRing();
     EXPECT_EQ(written, ReadPath(kRuntimeRing));
     for (int i = 0; i < 4000; ++i) {
         SetClock(kStart + i / 3);
@@ -195,11 +183,7 @@ TEST_F(ReaderTest, RingThroughItsCycles) {
 TEST_F(ReaderTest, RecordThatJustFitsAndOneByteMore) {
     constexpr size_t kSize = size_t{1} << 20;
     for (const size_t extra : {0, 1}) {
-        written.clear();
-        SetClock(kStart);
-        Start(1);
-        debug.InitDone();
-        Note("### Start of initialization. ###");
+        StartRing();
         for (int i = 0; i < 3; ++i) {
             size_t trailer = 0;
             for (int records = 0; kSize - trailer > 4000; ++records) {

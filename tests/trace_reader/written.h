@@ -19,6 +19,14 @@ class ReaderTest : public TraceTest {
         setenv("OV_LOG_FILE_MAX_SIZE", std::to_string(limit).c_str(), 1);
         ASSERT_TRUE(debug.Init("kemd"));
     }
+    // The run-time ring from its first record on.
+    void StartRing() {
+        written.clear();
+        SetClock(kStart);
+        Start(1);
+        debug.InitDone();
+        Note("### Start of initialization. ###");
+    }
     void Message(const std::string& text) {
         debug.Message("%s", text.c_str());
         Note(text);
