@@ -130,6 +130,10 @@ int WaitForEvent(EventHandle& handle, uint32_t timeoutMs) {
         return kWaitSignaled;
     }
     if (!lock.IsLocked()) return kWaitFailed;
+    if (timeoutMs == 0) {
+        pthread_testcancel();  // as the wait would be
+        return kWaitTimedOut;
+    }
     const WaiterCount waiter(event);
     const int ret = WaitOnCondition(event, timeoutMs);
     // Required: a wake-up counts also when the event is not signalled (any more). PulseEvent relies

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <utility>
 
 #include "kemd/event.h"
 #include "services/base/cancel_guard.h"
@@ -153,6 +154,19 @@ void CopyHandle(EventHandle& target, const EventHandle& source) {
           source.event->IsManual ? 1 : 0);
 }
 
+void JoinOrCreate(EventHandle& handle, bool initialState, bool manualReset, const char* name) {
+    if (name == nullptr) {
+        handle.event = NewEvent(initialState, manualReset, name);
+    } else {
+        const RecursiveLock lock(g_referenceLock.object);
+        if (JoinNamed(handle, manualReset, name)) return;
+        handle.event = NewEvent(initialState, manualReset, name);
+    }
+    if (handle.event == nullptr) return;
+    TRACE(5, "creating event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(handle.event),
+          NameOf(name), initialState ? 1 : 0);
+}
+
 }  // namespace
 
 EventHandle::~EventHandle() {
@@ -173,17 +187,9 @@ EventHandle& EventHandle::operator=(const EventHandle& source) {
 
 void CreateEvent(EventHandle& handle, bool initialState, bool manualReset, const char* name) {
     const CancelGuard guard;
-    Release(handle.event);
-    handle.event = nullptr;
+    // Given up last: it may be the event of this very name, which then lives on.
+    EventObject* const previous = std::exchange(handle.event, nullptr);
     handle.closed = false;
-    if (name == nullptr) {
-        handle.event = NewEvent(initialState, manualReset, name);
-    } else {
-        const RecursiveLock lock(g_referenceLock.object);
-        if (JoinNamed(handle, manualReset, name)) return;
-        handle.event = NewEvent(initialState, manualReset, name);
-    }
-    if (handle.event == nullptr) return;
-    TRACE(5, "creating event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(handle.event),
-          NameOf(name), initialState ? 1 : 0);
+    JoinOrCreate(handle, initialState, manualReset, name);
+    Release(previous);
 }

@@ -33,9 +33,10 @@ struct KEMD_API EventHandle {
     std::atomic<bool> closed{false};
 };
 
-// Fills in the handle, which gives up a reference that it held: a new event, or the existing one of
-// that name, which then keeps its own state and reset mode. `name` may be null. The handle is empty
-// on failure.
+// Fills in the handle: a new event, or the existing one of that name, which then keeps its own
+// state and reset mode. `name` may be null. The handle is empty on failure. A reference that it
+// held is given up afterwards, so the event of that name lives on also when this was its last
+// handle.
 KEMD_API void CreateEvent(EventHandle& handle, bool initialState, bool manualReset,
                           const char* name);
 // Gives an event new attributes; fails while threads wait on it.

@@ -1,8 +1,10 @@
 #include "kemd/event.h"
 
 #include <pthread.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <future>
@@ -64,6 +66,86 @@ TEST(EventTest, WaitEndsAtItsDeadline) {
     }
 }
 
+TEST(EventTest, LookWithoutTimeoutDoesNotSleep) {
+    constexpr int kLooks = 1000;
+    EventHandle event = NewEvent(false, true);
+    const auto sleeps = [] {
+        rusage usage{};
+        getrusage(RUSAGE_THREAD, &usage);
+        return usage.ru_nvcsw;
+    };
+    const long before = sleeps();
+    for (int i = 0; i < kLooks; ++i) EXPECT_EQ(WaitForEvent(event, 0), kWaitTimedOut);
+    EXPECT_LT(sleeps() - before, kLooks / 10);
+}
+
+TEST(EventTest, SignalThatComesWithTheTimeoutCounts) {
+    constexpr int kTimeoutMs = 20;
+    for (const bool manual : {true, false}) {
+        EventHandle event = NewEvent(false, manual);
+        bool isHeld = false;
+        std::future<int> waiter;
+        while (!isHeld) {
+            waiter = std::async(std::launch::async,
+                                [&event] { return WaitForEvent(event, kTimeoutMs); });
+            while (!isHeld && waiter.wait_for(milliseconds(0)) != std::future_status::ready) {
+                pthread_mutex_lock(&event.event->mutex);
+                isHeld = event.event->waiters == 1;  // it waits, and cannot come back
+                if (!isHeld) pthread_mutex_unlock(&event.event->mutex);
+            }
+        }
+        const auto deadline = Clock::now() + milliseconds(kTimeoutMs);
+        EXPECT_TRUE(WaitFor([&] { return Clock::now() > deadline; }));
+        event.event->IsSignaled = true;  // and nobody is woken
+        pthread_mutex_unlock(&event.event->mutex);
+        EXPECT_EQ(waiter.get(), kWaitSignaled);
+        EXPECT_EQ(CheckEvent(event), manual ? 1 : 0);
+        EXPECT_EQ(event.event->waiters, 0);
+    }
+}
+
+// A thread that is on its way into the wait holds the mutex, and must not miss what happens now.
+TEST(EventTest, StateChangesOnlyUnderTheMutex) {
+    for (auto* operation : {SetEvent, PulseEvent, ResetEvent, CloseEvent}) {
+        EventHandle event = NewEvent(false, true);
+        std::atomic<pid_t> thread{0};
+        pthread_mutex_lock(&event.event->mutex);
+        auto result = std::async(std::launch::async, [&] {
+            thread = gettid();
+            return operation(event);
+        });
+        const auto isDone = [&] {
+            return result.wait_for(milliseconds(0)) == std::future_status::ready;
+        };
+        const auto sleeps = [&] {
+            return Contains(ReadFile("/proc/self/task/" + std::to_string(thread) + "/stat"),
+                            ") S ");
+        };
+        EXPECT_TRUE(WaitFor([&] { return isDone() || sleeps(); }));
+        EXPECT_FALSE(isDone());
+        EXPECT_FALSE(event.event->IsSignaled);
+        pthread_mutex_unlock(&event.event->mutex);
+        EXPECT_EQ(result.get(), 1);
+    }
+}
+
+TEST(EventTest, HandlesAreCopiedWhileOthersAreReleased) {
+    constexpr int kRounds = 50'000;
+    const EventHandle event = NewEvent(true, true);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&event] {
+            for (int round = 0; round < kRounds; ++round) {
+                EventHandle copy(event);
+                EventHandle other;
+                other = copy;
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(event.event->refCount, 1);
+}
+
 TEST(EventTest, WakesAllWaitersOrOne) {
     const struct {
         int (*wake)(EventHandle&);
@@ -120,6 +202,16 @@ TEST_F(EventTraceTest, NameIsSharedUntilTheLastHandleGoes) {
     }
     EventHandle fresh = NewEvent(false, false, "shared");
     EXPECT_EQ(fresh.event->refCount, 1);
+    // Created again over its only handle it is the same event.
+    SetEvent(fresh);
+    CreateEvent(fresh, false, false, "shared");
+    EXPECT_EQ(fresh.event->refCount, 1);
+    EXPECT_EQ(CheckEvent(fresh), 1);
+    ResetEvent(fresh);
+    CloseEvent(fresh);
+    CreateEvent(fresh, false, false, "another");
+    EXPECT_EQ(CheckEvent(fresh), 0);
+    CreateEvent(fresh, false, false, "shared");
     EXPECT_EQ(ReinitEvent(fresh, true, false), 1);
     EXPECT_TRUE(InOrder(
         Trace(),
