@@ -137,7 +137,6 @@ uint32_t GetPrivateProfileString(const char* section, const char* key, const cha
     if (out == nullptr || size == 0) return 0;
     const CancelGuard guard;
     out[0] = '\0';
-    if (size == 1) return 0;
     const std::shared_lock lock(g_profileLock.object);
     const UniqueFd file = OpenRegularFile(fileName != nullptr ? fileName : "", O_RDONLY);
     if (!file.IsOpen()) {
@@ -145,6 +144,7 @@ uint32_t GetPrivateProfileString(const char* section, const char* key, const cha
         if (section == nullptr || key == nullptr || defaultText == nullptr) return 0;
         return CopyDefault(defaultText, out, size);
     }
+    if (size == 1) return 0;  // nothing fits
     ProfileScan scan(section, key, out, size);
     LineReader lines(file.Get());
     std::string_view line;

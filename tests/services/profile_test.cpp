@@ -145,6 +145,10 @@ TEST_F(ProfileTraceTest, WriterChangesTheFileByteForByte) {
     EXPECT_TRUE(WritePrivateProfileString("S", "k", nullptr, kFile));
     EXPECT_TRUE(WritePrivateProfileString("S", nullptr, nullptr, kFile));
     EXPECT_FALSE(fs::exists(kFile));
+    char out[2] = "#";
+    EXPECT_EQ(GetPrivateProfileString("S", nullptr, nullptr, out, 1, "/none/list"), 0U);
+    EXPECT_EQ(GetPrivateProfileString("S", "k", "default", out, 1, "/none/value"), 0U);
+    EXPECT_STREQ(out, "");
     EXPECT_FALSE(WritePrivateProfileString("S", "k", "v", "/none/x"));
     fs::create_symlink(kFile, "/etc/link.ini");  // to a file that is still to be made
     umask(077);
@@ -158,6 +162,8 @@ TEST_F(ProfileTraceTest, WriterChangesTheFileByteForByte) {
          "## WARNING: invalid pointer to AppName\n", "## WARNING: invalid pointer to FileName\n",
          "WritePrivateProfileString(S, k, <nil>, ", "WritePrivateProfileString rc=0x0001\n",
          "WritePrivateProfileString(S, <nil>, <nil>, ", "WritePrivateProfileString rc=0x0001\n",
+         "GetPrivateProfileString: Cannot open /none/list\n",
+         "GetPrivateProfileString: Cannot open /none/value\n",
          "WritePrivateProfileString(S, k, v, /none/x)\n",
          "WritePrivateProfileString: ## WARNING: append open error: /none/x\n",
          "WritePrivateProfileString(S, k, v, /etc/link.ini)\n"}));
