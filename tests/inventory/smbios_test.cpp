@@ -157,7 +157,7 @@ TEST_F(SmbiosTest, ShadowScanWantsParagraphsAndAGoodChecksum) {
                  {0xE0008, 0, 0, false, kNoAddress},
                  {0xE0000, 4, 1, false, kChecksum},
                  {0xE0000, 5, 0, false, kChecksum},
-                 {0xE0000, 5, 255, false, kChecksum},
+                 {0xFFFD0, 5, 255, false, kChecksum},  // beyond the area, which adds up to 0
                  {0xE0000, 0x1A, 0, false, kNoAddress},
                  {0xE0000, 0x1B, 1, false,
                   "Remapping of SMBIOS structure memory failed (LastError = 0x00000006)!"},
@@ -165,7 +165,7 @@ TEST_F(SmbiosTest, ShadowScanWantsParagraphsAndAGoodChecksum) {
                   "Remapping of SMBIOS structure memory failed (LastError = 0x00000006)!"}};
     for (const auto& [address, field, value, result, error] : cases) {
         Bytes changed = entry;
-        if (field > 5) changed[4] = static_cast<uint8_t>(changed[4] + changed[field] - value);
+        if (field >= 5) changed[4] = static_cast<uint8_t>(changed[4] + changed[field] - value);
         if (field != 0) changed[field] = value;
         changed.resize(std::min<size_t>(changed.size(), 0x100000 - address));
         Bytes image = memory;

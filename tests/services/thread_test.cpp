@@ -95,10 +95,18 @@ TEST_F(ThreadTest, DetachedThreadIsCancelledOnlyWhileItLives) {
     const pthread_t second = thread.m_thread;
     SetEvent(counted.event);
     ASSERT_TRUE(WaitFor([&] { return counted.running == 0; }));
-    // The thread is gone, and its id may already be another one's.
+    // The thread is gone, and its id is another one's.
     ASSERT_TRUE(WaitFor([&] { return CountThreads() <= threads; }));
+    ResetEvent(counted.event);
+    pthread_t other{};
+    ASSERT_EQ(pthread_create(&other, nullptr, WaitForIt, &counted.event), 0);
+    EXPECT_EQ(other, second);
     EXPECT_TRUE(thread.Kill());
     EXPECT_EQ(thread.m_thread, 0U);
+    SetEvent(counted.event);
+    void* result = nullptr;
+    pthread_join(other, &result);
+    EXPECT_EQ(result, &counted.event);
     const std::string trace = Trace();
     EXPECT_TRUE(InOrder(
         trace, {"CThread::WaitForTermination: WARNING: Can't wait for detached thread " + id + "\n",
