@@ -135,7 +135,8 @@ class KEMD_API CRegistry {
     int32_t DeleteValue(const char* name);
 
     // Here and below, null stands for the open key. `data` has `size` bytes: text without its NUL,
-    // or an int32_t. True when it is stored, and for a null name, which stores nothing.
+    // or an int32_t; it may be null when `size` is 0. True when it is stored, and for a null name,
+    // which stores nothing.
     bool SetValue(const char* name, const void* data, uint32_t size, uint32_t type,
                   const RegistryHandle& node = nullptr);
     int32_t SetValue(const char* name, int32_t number);

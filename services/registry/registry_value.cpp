@@ -28,7 +28,7 @@ std::string Expand(std::string_view text) {
 
 // Whether data of this type and size can be stored.
 bool IsStorable(const void* data, uint32_t size, uint32_t type) {
-    if (data == nullptr) return false;
+    if (data == nullptr && size != 0) return false;
     return type == kRegistryNumber ? size == sizeof(int32_t)
                                    : type >= kRegistryString && type <= kRegistryBinary;
 }
@@ -71,7 +71,8 @@ int32_t CRegistry::SetValue(const char* name, int32_t number) {
 }
 
 int32_t CRegistry::SetValue(const char* name, const char* text) {
-    const auto size = static_cast<uint32_t>(text != nullptr ? std::strlen(text) : 0);
+    if (text == nullptr) return kRegistryInvalid;
+    const auto size = static_cast<uint32_t>(std::strlen(text));
     return SetValue(name, text, size, kRegistryString) ? 0 : kRegistryInvalid;
 }
 

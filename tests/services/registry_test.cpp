@@ -126,9 +126,10 @@ TEST_F(RegistryTest, SetsAndReadsValuesOfEachType) {
                  {"s", "text", 4, 1, true},      {"e", "%U%/%%%V%%", 10, 2, true},
                  {"b", "\0\xab", 2, 3, true},    {"none", "x", 1, 0, false},
                  {"none", "x", 1, 5, false},     {"none", "x", 1, 666, false},
-                 {"none", nullptr, 0, 1, false}, {nullptr, "x", 1, 1, true},
-                 {"cut", "a\0b", 3, 1, true},    {"empty", "", 0, 1, true},
-                 {"sub", "text", 4, 1, true}};
+                 {"none", nullptr, 1, 1, false}, {nullptr, "x", 1, 1, true},
+                 {"none", nullptr, 0, 4, false}, {"null", nullptr, 0, 1, true},
+                 {"no", nullptr, 0, 3, true},    {"cut", "a\0b", 3, 1, true},
+                 {"empty", "", 0, 1, true},      {"sub", "text", 4, 1, true}};
     for (const auto& [name, data, size, type, result] : cases) {
         EXPECT_EQ(registry.SetValue(name, data, size, type), result) << name;
         EXPECT_FALSE(closed.SetValue(name, data, size, type));
@@ -137,8 +138,8 @@ TEST_F(RegistryTest, SetsAndReadsValuesOfEachType) {
     EXPECT_EQ(closed.SetValue("s", "x"), 22);
     EXPECT_EQ(closed.SetValue("s", 1), 22);
     EXPECT_EQ(Machine(),
-              "b=b=00 ab \ncut=s=a\nd=d=-5\ne=es=%U%/%%%V%%\nempty=s=\ns=s=text\n"
-              "sub=s=text\n\n");
+              "b=b=00 ab \ncut=s=a\nd=d=-5\ne=es=%U%/%%%V%%\nempty=s=\nno=b=\nnull=s=\n"
+              "s=s=text\nsub=s=text\n\n");
     EXPECT_TRUE(
         InOrder(Trace(), {"CRegistry::SetValue \"sub\" 4 1\n", "CRegistry::SetValue oEntry = 0x"}));
 
