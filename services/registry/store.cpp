@@ -113,7 +113,13 @@ void RegistryStore::EnsureRootKeys() {
 
 RegistryKey RegistryStore::RootKey(RegistryRoot root) {
     const LockedNode locked(m_root);
-    return root < m_handles.size() ? m_handles[root] : RegistryKey();
+    RegistryKey& handle = m_handles[root];
+    if (handle && handle->IsDeleted()) {
+        // The key was deleted, and may have been created again since.
+        const RegistryEntry* entry = locked.Find(kRootKeyNames[root]);
+        if (entry != nullptr && entry->Node()) handle = entry->Node();
+    }
+    return handle;
 }
 
 // Whether the tree holds nothing but the names of root keys.

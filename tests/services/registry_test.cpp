@@ -108,6 +108,13 @@ TEST_F(RegistryTest, RootKeysComeBackEmptyWhenTheyAreDeleted) {
     EXPECT_EQ(Machine(), "\n");
     EXPECT_EQ(next.CreateKey(nullptr, "B"), 0);
     EXPECT_EQ(CRegistry("HKEY_LOCAL_MACHINE\\B", nullptr).Status(), 0);
+    // One that was created again is what the handle stands for.
+    EXPECT_EQ(root.DeleteKey("HKEY_USERS"), 0);
+    EXPECT_EQ(CRegistry(HKEY_USERS).SetValue("v", 1), 22);
+    EXPECT_EQ(next.CreateKey(root.Key(), "HKEY_USERS\\C"), 0);
+    EXPECT_EQ(CRegistry(HKEY_USERS).SetValue("v", 1), 0);
+    EXPECT_EQ(CRegistry("C", HKEY_USERS).Status(), 0);
+    EXPECT_TRUE(Contains(ReadFile(kRegistryPath), "[HKEY_USERS]\nv=d=1\n[C]\n"));
     EXPECT_TRUE(Contains(Trace(), "CRegistry::InitClass() : re-initialize the registry-tree\n"));
 }
 
