@@ -141,7 +141,13 @@ bool Fail() {
 
 bool SaveRegistryFile(CRegistryNode& root) {
     SaveLock lock;
-    const UniqueFd file = lock.Take() ? OpenNewFile() : UniqueFd();
+    if (!lock.Take()) {
+        const int error = errno;
+        TRACE(1, "CRegistry: ERROR: Cannot lock \"%s\": %s\n", kLockFile, std::strerror(error));
+        errno = error;
+        return false;
+    }
+    const UniqueFd file = OpenNewFile();
     if (!file.IsOpen()) {
         const int error = errno;
         TRACE(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", kNewFile);

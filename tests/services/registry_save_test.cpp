@@ -215,3 +215,12 @@ TEST_F(RegistrySaveTest, ProcessesTakeTurns) {
 }
 
 }  // namespace
+    fs::remove(kRegistryPath + ".lock");
+    fs::create_directory(kRegistryPath + ".lock");
+    CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", "newer");
+    EXPECT_TRUE(
+        InOrder(Trace(),
+                {"CRegistry: ERROR: Cannot open \"/etc/orvmon/registry.new\" for writing\n",
+                 "CRegistry: ERROR: Cannot lock \"/etc/orvmon/registry.lock\": Is a directory\n"}));
+    EXPECT_FALSE(fs::exists(kNewPath));
+    fs::remove(kRegistryPath + ".lock");
