@@ -2,9 +2,11 @@
 // whole process shares one tree. A CRegistry is a cursor on it and holds one open key.
 //
 // The first CRegistry loads the tree; every change marks it, and the end of any CRegistry object
-// writes a marked tree back. Any number of threads may work on the tree, each with CRegistry
-// objects of its own. Nothing throws; a thread that is cancelled while the tree is loaded or saved
-// is cancelled behind it. Other processes keep trees of their own: the last one to save wins.
+// writes a marked tree back. When the file is there but cannot be read, nothing is loaded or saved,
+// and the next CRegistry tries again. Any number of threads may work on the tree, each with
+// CRegistry objects of its own. Nothing throws; a thread that is cancelled while the tree is loaded
+// or saved is cancelled behind it. Other processes keep trees of their own: the last one to save
+// wins.
 //
 // Paths separate their components by backslashes or, when none is left, slashes. Names are compared
 // byte by byte. Within a key a value and a subkey cannot have the same name. What the file cannot
@@ -116,9 +118,9 @@ class KEMD_API CRegistry {
     // file holds are replaced, and unsaved changes in them lost.
     static void SetupTree(bool forceSetup);
     // Writes a changed tree and has it on disk when it returns, also when another thread was just
-    // writing it. False with errno when that failed, and it is not tried again before the next
-    // change. The files are then as they were, unless only their directory could not be brought to
-    // the disk.
+    // writing it. False with errno when that failed, or when the file was not read whole, and it is
+    // not tried again before the next change. The files are then as they were, unless only their
+    // directory could not be brought to the disk.
     static bool SaveTree();
 
     // Opens a key; with null from the root of the tree. 0 or -1, then no key is open.

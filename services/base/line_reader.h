@@ -45,7 +45,9 @@ class LineReader {
     // How many bytes the lines so far had.
     [[nodiscard]] off_t Position() const { return m_position; }
     // Whether Next ended on an error instead of the end of the file.
-    [[nodiscard]] bool HasFailed() const { return m_failed; }
+    [[nodiscard]] bool HasFailed() const { return m_error != 0; }
+    // The errno of that; 0 when there was none.
+    [[nodiscard]] int Error() const { return m_error; }
 
   private:
     // Reads more behind what is there; false when there is no more.
@@ -57,7 +59,7 @@ class LineReader {
         do {
             count = read(m_fd, m_buffer.data() + m_end, m_buffer.size() - m_end);
         } while (count < 0 && errno == EINTR);
-        if (count < 0) m_failed = true;
+        if (count < 0) m_error = errno;
         m_atEnd = count <= 0;
         if (m_atEnd) return false;
         m_end += static_cast<size_t>(count);
@@ -65,7 +67,7 @@ class LineReader {
     }
 
     int m_fd;
-    bool m_failed = false;
+    int m_error = 0;
     bool m_atEnd = false;  // of the file, or where it cannot be read on
     size_t m_begin = 0;    // of what is not taken yet
     size_t m_end = 0;

@@ -1,6 +1,7 @@
 #include "services/registry/file_text.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <exception>
 #include <memory>
 #include <string>
@@ -17,7 +18,8 @@ struct OpenKey {
     std::vector<RegistryEntry> entries;
 };
 
-void TakeValue(std::vector<RegistryEntry>& entries, const RegistryLine& line) try {
+// False when memory does not suffice for this one.
+bool TakeValue(std::vector<RegistryEntry>& entries, const RegistryLine& line) try {
     if (line.type == kRegistryNumber) {
         const auto number = DecodeRegistryNumber(line.data);
         if (number) entries.emplace_back(line.name, *number);
@@ -26,8 +28,9 @@ void TakeValue(std::vector<RegistryEntry>& entries, const RegistryLine& line) tr
     } else {
         entries.emplace_back(line.name, line.type, line.data);
     }
+    return true;
 } catch (const std::exception&) {
-    // Memory does not suffice for this one.
+    return false;
 }
 
 // A file that was written here is sorted. For others once at the end: entry by entry a large key
@@ -97,29 +100,33 @@ Level OpenLevel(CRegistryNode& node, std::string& text) {
 
 }  // namespace
 
-std::optional<RegistryEntries> ParseRegistry(LineReader& lines) {
+ParsedRegistry ParseRegistry(LineReader& lines) {
     std::vector<OpenKey> open(1);  // from the top level to the key that the line in hand is in
     bool isRecognised = false;
+    int error = 0;
     for (;;) {
         std::string_view text;
         (void)lines.Next(text);  // behind the end of the file nothing, which ends every key
         const RegistryLine line = DecodeRegistryLine(text);
         if (line.kind == RegistryLine::kEnd && !CloseKey(open)) break;
         if (line.kind == RegistryLine::kHeader) open.push_back({std::string(line.name), {}});
-        if (line.kind == RegistryLine::kValue) TakeValue(open.back().entries, line);
+        if (line.kind == RegistryLine::kValue && !TakeValue(open.back().entries, line)) {
+            error = ENOMEM;
+        }
         if (line.kind != RegistryLine::kEnd && line.kind != RegistryLine::kIgnored) {
             isRecognised = true;
         }
     }
-    if (!isRecognised) return std::nullopt;
-    return Pack(std::move(open.back().entries));
+    if (lines.HasFailed()) return {std::nullopt, lines.Error(), false};
+    if (!isRecognised) return {std::nullopt, ENODATA, true};
+    return {Pack(std::move(open.back().entries)), error, false};
 }
 
-bool ParseRegistry(LineReader& lines, CRegistryNode& target) {
-    auto entries = ParseRegistry(lines);
-    if (!entries) return false;
-    const std::vector<RemovedEntry> replaced = LockedNode(target).Merge(std::move(*entries));
-    return true;
+int ParseRegistry(LineReader& lines, CRegistryNode& target) {
+    ParsedRegistry parsed = ParseRegistry(lines);
+    if (parsed.error != 0) return parsed.error;
+    const std::vector<RemovedEntry> replaced = LockedNode(target).Merge(std::move(*parsed.entries));
+    return 0;
 }
 
 bool WriteRegistry(CRegistryNode& root, const std::function<bool(std::string_view)>& write) {

@@ -9,13 +9,24 @@
 #include "services/base/line_reader.h"
 #include "services/registry/node.h"
 
+struct ParsedRegistry {
+    // Nothing when the file could not be read to its end, or is none.
+    std::optional<RegistryEntries> entries;
+    // 0, or why not every line is among them: the errno of a call that failed, ENOMEM, or ENODATA
+    // when no line was a value or a subkey.
+    int error = 0;
+    // No registry file, and will be none the next time.
+    bool isNone = false;
+};
+
 // Reads the lines up to the first empty one at the top level. The entries are sorted; of those with
-// the same name the last one stays. Nothing when no line was a value or a subkey. A value for which
-// memory does not suffice is skipped; without memory for a subkey std::bad_alloc.
-std::optional<RegistryEntries> ParseRegistry(LineReader& lines);
+// the same name the last one stays. A value for which memory does not suffice is skipped; without
+// memory for a subkey std::bad_alloc.
+ParsedRegistry ParseRegistry(LineReader& lines);
 // The same into a key: entries replace those of the same name, subkeys with all below them, and the
-// others stay. False when there was nothing.
-bool ParseRegistry(LineReader& lines, CRegistryNode& target);
+// others stay. 0, ENODATA when there was nothing, or why not every line was read; then the key is
+// as it was.
+int ParseRegistry(LineReader& lines, CRegistryNode& target);
 
 // Gives the text to `write` in pieces; false when that returned false. The lock of a key is held
 // while its own entries are copied, never while `write` runs.

@@ -4,8 +4,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <exception>
-#include <optional>
+#include <iterator>
 #include <utility>
 
 #include "services/base/cancel_guard.h"
@@ -21,80 +22,111 @@ RegistryStore& TheRegistryStore() {
     return g_store.object;
 }
 
-static std::optional<RegistryEntries> LoadRegistryFile(const char* path) {
+// Whether a file that cannot be opened is missing or none that could ever be read: the next
+// generation takes its place. Any other reason may be gone the next time.
+static bool IsNoRegistryFile(int error) {
+    constexpr int kReasons[] = {ENOENT, ENOTDIR, ELOOP, EISDIR, EINVAL, ENXIO, ENODEV};
+    return std::find(std::begin(kReasons), std::end(kReasons), error) != std::end(kReasons);
+}
+
+static ParsedRegistry LoadRegistryFile(const char* path) {
     if (path == nullptr || *path == '\0') {
         TRACE(1, "CRegistry: ERROR: Empty file path");
-        return std::nullopt;
+        return {std::nullopt, ENOENT, true};
     }
     const UniqueFd file = OpenRegularFile(path, O_RDONLY);
     if (!file.IsOpen()) {
+        const int error = errno;
         TRACE(1, "CRegistry: WARNING: Could not open \"%s\"\n", path);
-        return std::nullopt;
+        return {std::nullopt, error, IsNoRegistryFile(error)};
     }
     struct stat status {};
     if (fstat(file.Get(), &status) == 0 && status.st_size == 0) {
         TRACE(1, "CRegistry: WARNING: The length of \"%s\" is not sufficient\n", path);
-        return std::nullopt;
+        return {std::nullopt, ENODATA, true};
     }
     LineReader lines(file.Get());
-    auto entries = ParseRegistry(lines);
-    // A file that cannot be read to its end must not become the store.
-    if (entries && !lines.HasFailed()) return entries;
-    TRACE(1,
-          "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this "
-          "file\n",
-          path);
-    return std::nullopt;
+    ParsedRegistry parsed = ParseRegistry(lines);
+    if (parsed.isNone) {
+        TRACE(1,
+              "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this "
+              "file\n",
+              path);
+    }
+    return parsed;
 }
 
-bool RestoreRegistryFile(const char* path, CRegistryNode& node) {
-    auto entries = LoadRegistryFile(path);
-    if (!entries) return false;
-    const auto replaced = LockedNode(node).Merge(std::move(*entries));
-    return true;
+int RestoreRegistryFile(const char* path, CRegistryNode& node) {
+    ParsedRegistry parsed = LoadRegistryFile(path);
+    if (parsed.error != 0) return parsed.error;
+    const auto replaced = LockedNode(node).Merge(std::move(*parsed.entries));
+    return 0;
 }
 
 // The root handles follow in the same step: none ever names a key that is gone.
-bool RegistryStore::Restore(const char* path) {
-    auto entries = LoadRegistryFile(path);
-    if (!entries) return false;
+void RegistryStore::Take(RegistryEntries entries) {
     std::vector<RemovedEntry> replaced;  // freed behind the lock
     LockedNode root(m_root);
-    replaced = root.Merge(std::move(*entries));
+    replaced = root.Merge(std::move(entries));
     for (size_t i = 0; i < m_handles.size(); ++i) {
         const RegistryEntry* entry = root.Find(kRootKeyNames[i]);
         m_handles[i] = entry != nullptr ? entry->Node() : RegistryKey();
     }
-    m_isLoaded = true;
-    return true;
 }
 
-bool RegistryStore::RestoreAny() {
-    if (Restore(kRegistryFile)) return true;
+RegistryStore::Outcome RegistryStore::Restore(const char* path) {
+    m_file = path;
+    ParsedRegistry parsed = LoadRegistryFile(path);
+    if (parsed.isNone) return kUnusable;
+    if (!parsed.entries) {
+        TRACE(1, "CRegistry: ERROR: Cannot read \"%s\": %s; nothing is loaded\n", path,
+              std::strerror(parsed.error));
+        m_loadError = parsed.error;
+        return kFailed;
+    }
+    if (parsed.error != 0) {
+        TRACE(1, "CRegistry: ERROR: No memory for all of \"%s\": the tree will not be saved\n",
+              path);
+    }
+    Take(std::move(*parsed.entries));
+    m_loadError = parsed.error;
+    return kRestored;
+}
+
+RegistryStore::Outcome RegistryStore::RestoreAny() {
+    Outcome outcome = Restore(kRegistryFile);
+    if (outcome != kUnusable) return outcome;
     TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying backup\n",
           kRegistryFile);
-    if (Restore(kRegistryOldFile)) return true;
+    outcome = Restore(kRegistryOldFile);
+    if (outcome != kUnusable) return outcome;
     TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying default\n",
           kRegistryOldFile);
-    if (Restore(kRegistryDefaultFile)) return true;
+    outcome = Restore(kRegistryDefaultFile);
+    if (outcome != kUnusable) return outcome;
     TRACE(1, "CRegistry: ERROR: Could not restore tree from \"%s\", restoring failed\n",
           kRegistryDefaultFile);
-    return false;
+    return outcome;
 }
 
 void RegistryStore::Setup(bool force) {
-    if (m_isSetup && !force) return;
+    if (m_isSetup && m_isLoaded && !force) return;
     const CancelGuard guard;
     const RecursiveLock lock(m_setupLock);
-    if (m_isSetup && !force) return;
+    if (m_isSetup && m_isLoaded && !force) return;
     TRACE(2, "CRegistry: SetupTree(): ForceSetup=%d, MIsSetup=%d, MIsDirty=%d\n", force ? 1 : 0,
           m_isSetup ? 1 : 0, m_isDirty ? 1 : 0);
     try {
-        if (!RestoreAny()) return;
+        const Outcome outcome = RestoreAny();
+        if (outcome == kUnusable) return;
+        m_isLoaded = outcome == kRestored;
+        m_isSetup = outcome == kRestored;
     } catch (const std::exception&) {
         TRACE(2, "CRegistry: SetupTree(): ## ERROR during Setup\n");
+        m_loadError = ENOMEM;
+        m_isLoaded = false;
+        m_isSetup = true;
     }
-    m_isSetup = true;
 }
 
 void RegistryStore::EnsureRootKeys() {
@@ -112,6 +144,7 @@ void RegistryStore::EnsureRootKeys() {
 }
 
 RegistryKey RegistryStore::RootKey(RegistryRoot root) {
+    if (root >= m_handles.size()) return {};
     const LockedNode locked(m_root);
     RegistryKey& handle = m_handles[root];
     if (handle && handle->IsDeleted()) {
@@ -130,15 +163,23 @@ bool RegistryStore::IsEmpty() {
         [](const RegistryEntry& entry) { return entry.IsSubkey() && !entry.Node(); });
 }
 
+// 0 or the error number.
+int RegistryStore::Write() {
+    if (m_loadError != 0) {
+        TRACE(1, "CRegistry: ERROR: Cannot save \"%s\": \"%s\" was not read whole: %s\n",
+              kRegistryFile, m_file.load(), std::strerror(m_loadError));
+        return m_loadError;
+    }
+    // A file that is missing now may be there again tomorrow.
+    const bool hasContent = m_isLoaded || !IsEmpty();
+    return hasContent && !SaveRegistryFile(m_root) ? errno : 0;
+}
+
 bool RegistryStore::Save() {
     const CancelGuard guard;
     const RecursiveLock lock(m_setupLock);
     // First of all: what is changed while the tree is written is saved the next time.
-    if (m_isDirty.exchange(false)) {
-        // A file that could not be read now may be readable again tomorrow.
-        const bool hasContent = m_isLoaded || !IsEmpty();
-        m_saveError = hasContent && !SaveRegistryFile(m_root) ? errno : 0;
-    }
+    if (m_isDirty.exchange(false)) m_saveError = Write();
     if (m_saveError != 0) errno = m_saveError;
     return m_saveError == 0;
 }

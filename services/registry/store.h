@@ -23,10 +23,16 @@ class RegistryStore {
   public:
     constexpr RegistryStore() = default;
 
-    // Loads the tree from the first file that can be restored, unless that was done before.
+    // Loads the tree from the newest generation, unless that was done before. An older one is taken
+    // only when those before it are missing or no registry files: after a read error nothing is
+    // loaded, and nothing saved until a file was read whole.
     void Setup(bool force);
     // Whether a file was restored.
     [[nodiscard]] bool IsLoaded() const { return m_isLoaded; }
+    // 0, or why File was not read whole; then the tree is not saved.
+    [[nodiscard]] int LoadError() const { return m_loadError; }
+    // The file that was tried last.
+    [[nodiscard]] const char* File() const { return m_file; }
     // Enters the root keys again when HKEY_LOCAL_MACHINE is missing.
     void EnsureRootKeys();
     // Before a change, whether or not it succeeds, and again behind it: a save in between has not
@@ -41,15 +47,21 @@ class RegistryStore {
     [[nodiscard]] RegistryKey RootKey(RegistryRoot root);
 
   private:
-    bool RestoreAny();
-    bool Restore(const char* path);
+    enum Outcome { kRestored, kUnusable, kFailed };
+
+    Outcome RestoreAny();
+    Outcome Restore(const char* path);
+    void Take(RegistryEntries entries);
+    int Write();
     bool IsEmpty();
 
     RecursiveMutex m_setupLock;
     std::atomic<bool> m_isSetup{false};
     std::atomic<bool> m_isLoaded{false};
     std::atomic<bool> m_isDirty{false};
-    int m_saveError = 0;      // of the last save; guarded by the set-up lock
+    int m_saveError = 0;              // of the last save; guarded by the set-up lock
+    std::atomic<int> m_loadError{0};  // written with the set-up lock
+    std::atomic<const char*> m_file{nullptr};
     CRegistryNode m_root{1};  // this object's reference, which never ends
     // Guarded by the lock of m_root.
     std::array<RegistryKey, kRootKeyNames.size()> m_handles;
@@ -57,5 +69,5 @@ class RegistryStore {
 
 RegistryStore& TheRegistryStore();
 
-// Parses one file into the key. Traces why it fails.
-bool RestoreRegistryFile(const char* path, CRegistryNode& node);
+// Parses one file into the key. 0, or why it was not read whole, ENODATA when it holds no registry.
+int RestoreRegistryFile(const char* path, CRegistryNode& node);

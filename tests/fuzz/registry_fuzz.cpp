@@ -31,7 +31,7 @@ std::string ReadAndWrite(std::string_view text) {
     file.Fill(text);
     const RegistryKey root(new CRegistryNode);
     LineReader lines(file.Descriptor());
-    const bool recognised = ParseRegistry(lines, *root);
+    const bool recognised = ParseRegistry(lines, *root) == 0;
     CheckTree(root);
     Require(recognised || LockedNode(*root).Entries().empty(), "entries out of nothing");
     std::string written;

@@ -1,8 +1,30 @@
 // The registry's file: what is read and written, where a tree comes from, and hostile files.
+#include <sys/resource.h>
 #include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <new>
 
 #include "services/base/regular_file.h"
 #include "tests/services/registry_world.h"
+
+// Memory of a certain size can be had, or not.
+static constexpr size_t kRefusedSize = 900;
+static bool g_isRefusing = false;
+
+void* operator new[](size_t size) {
+    const bool isRefused = g_isRefusing && size / 100 == kRefusedSize / 100;
+    void* const memory = isRefused ? nullptr : std::malloc(size);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, size_t /*size*/) noexcept {
+    std::free(memory);
+}
 
 namespace {
 
@@ -10,11 +32,12 @@ namespace fs = std::filesystem;
 
 TEST_F(RegistryTest, ReadsWhatItKnowsAndSkipsTheRest) {
     const std::string longName(1021, 'n');
-    const struct {
+    struct Case {
         std::string text;
         bool recognised;
         std::string tree;
-    } cases[] = {
+    };
+    std::vector<Case> cases = {
         {"s=s=a=s=b\ne=es=%X%\nd=d= -12xyz\nb=b=00 ab 1ff 0x5 zz 01\n", true,
          "b=b=00 ab ff 05 \nd=d=-12\ne=es=%X%\ns=s=a=s=b\n\n"},
         {"d=d=abc\n", true, "\n"},
@@ -33,12 +56,16 @@ TEST_F(RegistryTest, ReadsWhatItKnowsAndSkipsTheRest) {
         {longName + "=s\nb=s=1\n", false, "\n"},
         {longName.substr(4) + "=s=12\na=s=1\n", true, "a=s=1\n" + longName.substr(4) + "=s=12\n\n"},
     };
+    // The last one of a name stays, however many there are and however they lie.
+    std::string many = "m=d=0\n";
+    for (int i = 0; i < 40; ++i) many += "k=d=" + std::to_string(i) + "\n";
+    cases.push_back({many + "b=d=1\n", true, "b=d=1\nk=d=39\nm=d=0\n\n"});
     for (const auto& [text, recognised, tree] : cases) {
         WriteFile("/tmp/file", text);
         const UniqueFd file = OpenRegularFile("/tmp/file", O_RDONLY);
         LineReader lines(file.Get());
         CRegistryNode node;
-        EXPECT_EQ(ParseRegistry(lines, node), recognised) << text;
+        EXPECT_EQ(ParseRegistry(lines, node), recognised ? 0 : ENODATA) << text;
         EXPECT_EQ(Text(node), tree) << text;
     }
 }
@@ -75,7 +102,7 @@ TEST_F(RegistryTest, FallsBackToThePreviousGenerationAndTheDefault) {
                  "CRegistry: WARNING: Could not open \"/etc/orvmon/registry.default\"\n",
                  "CRegistry: ERROR: Could not restore tree from \"/etc/orvmon/registry.default\", "
                  "restoring failed\n"}));
-    EXPECT_FALSE(RestoreRegistryFile("", *RegistryKey(new CRegistryNode)));
+    EXPECT_EQ(RestoreRegistryFile("", *RegistryKey(new CRegistryNode)), ENOENT);
     EXPECT_TRUE(Contains(Trace(), "CRegistry: ERROR: Empty file path\n"));
 
     // A root key that the file lacks has no node, and what is asked of it fails.
@@ -86,6 +113,48 @@ TEST_F(RegistryTest, FallsBackToThePreviousGenerationAndTheDefault) {
     EXPECT_EQ(users.Open("", HKEY_USERS), -1);
     EXPECT_EQ(users.CreateKey(HKEY_USERS, "x"), -1);
     EXPECT_EQ(CRegistry("", HKEY_LOCAL_MACHINE).Status(), 0);
+}
+
+TEST_F(RegistryTest, ReadErrorLoadsNothingUntilTheNextUse) {
+    WriteFile(kRegistryPath, FileWith("v=s=live\n"));
+    WriteFile(kRegistryPath + ".old", FileWith("v=s=older\n"));
+    rlimit files{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    const rlimit none{0, files.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    CRegistry::SetupTree(true);
+    { CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", "lost"); }
+    setrlimit(RLIMIT_NOFILE, &files);
+    errno = 0;
+    EXPECT_FALSE(CRegistry::SaveTree());
+    EXPECT_EQ(errno, EMFILE);
+    EXPECT_TRUE(InOrder(
+        Trace(),
+        {"CRegistry: WARNING: Could not open \"/etc/orvmon/registry\"\n",
+         "CRegistry: ERROR: Cannot read \"/etc/orvmon/registry\": Too many open files; nothing is "
+         "loaded\n",
+         "MIsSetup=0, MIsDirty=0\n", "CRegistry: ERROR: Cannot save \"/etc/orvmon/registry\": "}));
+    EXPECT_FALSE(Contains(Trace(), "trying backup"));
+    EXPECT_EQ(ReadFile(kRegistryPath), FileWith("v=s=live\n"));
+    std::string text;
+    EXPECT_EQ(CRegistry(HKEY_LOCAL_MACHINE).QueryValue(&text, "v"), 0);
+    EXPECT_EQ(text, "live");
+}
+
+TEST_F(RegistryTest, TreeWithoutALineForWantOfMemoryIsNeverSaved) {
+    const std::string machine = "a=s=1\nlong=s=" + std::string(kRefusedSize, 'x') + "\n";
+    g_isRefusing = true;
+    Load(machine);
+    g_isRefusing = false;
+    CRegistry registry(HKEY_LOCAL_MACHINE);  // does not load it again: keys are open
+    EXPECT_EQ(Machine(), "a=s=1\n\n");
+    EXPECT_EQ(registry.SetValue("a", "2"), 0);
+    EXPECT_FALSE(CRegistry::SaveTree());
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(ReadFile(kRegistryPath), FileWith(machine));
+    CRegistry::SetupTree(true);
+    CRegistry(HKEY_LOCAL_MACHINE).SetValue("a", "2");
+    EXPECT_TRUE(Contains(ReadFile(kRegistryPath), "a=s=2\nlong=s=xxx"));
 }
 
 TEST_F(RegistryTest, HostileFilesNeitherHangNorCrash) {

@@ -1,8 +1,10 @@
 // The real kemdctl on the registry's real paths.
 #include <sys/stat.h>
 
+#include <csignal>
 #include <filesystem>
 
+#include "services/base/unique_fd.h"
 #include "tests/tools/ctl.h"
 
 namespace {
@@ -185,7 +187,9 @@ TEST_F(Kemdctl, FailuresOfFilesAreTold) {
     std::filesystem::rename(kStore, kStore + ".old");
     const Result older = Registry("get HKEY_LOCAL_MACHINE num");
     EXPECT_EQ(older.out, "-5\n");
-    EXPECT_TRUE(Contains(older.err, "an older registry is used"));
+    EXPECT_EQ(older.err,
+              "kemdctl: note: /etc/orvmon/registry: No such file or directory; "
+              "/etc/orvmon/registry.old is used\n");
     EXPECT_EQ(Registry("export /etc").code, 2);
     EXPECT_EQ(Registry("export /tmp/none/file").code, 2);
     EXPECT_EQ(Registry("import /tmp/none").code, 2);
@@ -195,6 +199,70 @@ TEST_F(Kemdctl, FailuresOfFilesAreTold) {
         EXPECT_EQ(missing.code, 2) << each;
         EXPECT_TRUE(Contains(missing.err, "No such file or directory")) << each;
     }
+}
+
+// A lease has the file's opening fail for a while.
+TEST_F(Kemdctl, StoreThatCannotBeReadNowIsNotReplaced) {
+    const std::string old = kMachine + "num=d=1\n\n\n";
+    WriteFile(kStore + ".old", old);
+    WriteFile("/tmp/part", old);
+    (void)signal(SIGIO, SIG_IGN);
+    UniqueFd store(open(kStore.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(fcntl(store.Get(), F_SETLEASE, F_WRLCK), 0);
+    for (const char* const each :
+         {"list", "get HKEY_LOCAL_MACHINE num", "set HKEY_USERS a string x",
+          "delete HKEY_LOCAL_MACHINE num", "export", "export /tmp/copy", "import /tmp/part"}) {
+        const Result result = Registry(each);
+        EXPECT_EQ(result.code, 2) << each;
+        EXPECT_EQ(result.out, "") << each;
+        EXPECT_EQ(
+            result.err,
+            "kemdctl: cannot read /etc/orvmon/registry: Resource temporarily unavailable\n"
+            "kemdctl: try again; kemdctl registry restore makes an older registry the store\n");
+    }
+    EXPECT_EQ(Registry("check " + kStore).code, 2);
+    store.Reset();
+    EXPECT_EQ(ReadFile(kStore), before);
+    UniqueFd older(open((kStore + ".old").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(fcntl(older.Get(), F_SETLEASE, F_WRLCK), 0);
+    EXPECT_EQ(
+        Registry("restore").err,
+        "kemdctl: cannot restore /etc/orvmon/registry.old: Resource temporarily unavailable\n");
+    std::filesystem::remove(kStore);
+    EXPECT_EQ(Registry("set HKEY_USERS a string x").code, 2);  // nor the default in its place
+    older.Reset();
+    EXPECT_FALSE(std::filesystem::exists(kStore));
+    EXPECT_EQ(ReadFile(kStore + ".old"), old);
+}
+
+TEST_F(Kemdctl, MessagesNameTheWholePathAndWhatHelps) {
+    const struct {
+        const char* arguments;
+        const char* message;
+    } cases[] = {
+        {"", "a subcommand is missing; see kemdctl registry --help"},
+        {"nothing", "unknown subcommand nothing; see kemdctl registry --help"},
+        {"delete HKEY_LOCAL_MACHINE/sub/none", "no key HKEY_LOCAL_MACHINE/sub/none"},
+        {"delete HKEY_LOCAL_MACHINE/sub v", "no value v in HKEY_LOCAL_MACHINE/sub"},
+        {"get HKEY_LOCAL_MACHINE/sub v", "no value v in HKEY_LOCAL_MACHINE/sub"},
+        {"set HKEY_LOCAL_MACHINE sub string x",
+         "HKEY_LOCAL_MACHINE has a key sub; delete that first"},
+    };
+    for (const auto& each : cases) {
+        const Result result = Registry(each.arguments);
+        EXPECT_EQ(result.err, "kemdctl: " + std::string(each.message) + "\n");
+    }
+    for (const char* const path : {"/tmp/out", "/tmp/err"}) chmod(path, 0666);
+    chmod("/usr", 0755);  // the sandbox made it for root alone
+    const pid_t nobody = fork();
+    // In a user namespace root is the only user.
+    if (nobody == 0) _exit(setuid(65534) == 0 ? Registry("set HKEY_USERS a string x").code : 99);
+    int status = 0;
+    waitpid(nobody, &status, 0);
+    if (WEXITSTATUS(status) == 99) GTEST_SKIP() << "no other user";
+    EXPECT_EQ(WEXITSTATUS(status), 2);
+    EXPECT_EQ(ReadFile("/tmp/err"),
+              "kemdctl: cannot open /etc/orvmon/kemdctl.lock: Permission denied; run it as root\n");
 }
 
 TEST_F(Kemdctl, CheckNamesEveryLineThatIsMisread) {

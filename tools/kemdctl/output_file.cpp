@@ -13,10 +13,16 @@
 #include "tools/kemdctl/command.h"
 #include "tools/kemdctl/text.h"
 
+std::string ErrorText(int error) {
+    std::string text = error == EINVAL ? "no regular file" : std::strerror(error);
+    const bool isDenied = error == EACCES || error == EPERM;
+    if (isDenied && geteuid() != 0) text += "; run it as root";
+    return text;
+}
+
 int FileError(const char* action, const char* path) {
     const int error = errno;
-    Complain("cannot %s %s: %s", action, Printable(path).c_str(),
-             error == EINVAL ? "no regular file" : std::strerror(error));
+    Complain("cannot %s %s: %s", action, Printable(path).c_str(), ErrorText(error).c_str());
     return kError;
 }
 

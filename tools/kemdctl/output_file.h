@@ -9,6 +9,8 @@
 
 #include "services/base/unique_fd.h"
 
+// Why a call for a file failed, and what may help.
+std::string ErrorText(int error);
 // "cannot <action> <path>: <why>" from errno; the exit code for it.
 int FileError(const char* action, const char* path);
 

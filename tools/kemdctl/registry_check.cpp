@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <set>
@@ -190,7 +191,10 @@ bool CheckRegistry(int fd, bool isStore, const FindingSink& sink) {
     Checker checker(sink);
     std::string_view text;
     while (lines.Next(text) && checker.Line(text)) continue;
-    if (lines.HasFailed()) return false;
+    if (lines.HasFailed()) {
+        errno = lines.Error();
+        return false;
+    }
     checker.Finish(isStore);
     return true;
 }

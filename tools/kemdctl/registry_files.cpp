@@ -1,4 +1,6 @@
 // Whole registry files: check, export, import and restore.
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <string>
 
@@ -92,10 +94,14 @@ int RegistryImport(const CommandLine& line) {
     }
     WriterLock lock;
     if (!lock.Take()) return kError;
-    if (!LoadStore()) Complain("note: what %s has becomes the store", Printable(path).c_str());
+    if (!LoadStore()) {
+        if (TheRegistryStore().LoadError() != 0) return kError;
+        Complain("note: what %s has becomes the store", Printable(path).c_str());
+    }
     LineReader lines(file.Get());
-    if (!ParseRegistry(lines, *TheRegistryStore().Root()) || lines.HasFailed()) {
-        Complain("%s holds no registry: nothing was imported", Printable(path).c_str());
+    const int error = ParseRegistry(lines, *TheRegistryStore().Root());
+    if (error != 0) {
+        Complain("cannot import %s: %s", Printable(path).c_str(), LoadErrorText(error).c_str());
         return kError;
     }
     TheRegistryStore().MarkDirty();
@@ -108,12 +114,12 @@ int RegistryRestore(const CommandLine& line) {
     if (!lock.Take()) return kError;
     // Into the empty tree: with the live store loaded, its other keys would stay.
     const RegistryKey root = TheRegistryStore().Root();
-    bool hasRootKey = false;
-    if (RestoreRegistryFile(source, *root)) {
-        for (const char* const name : kRootKeyNames) hasRootKey = hasRootKey || FindKey({name});
-    }
-    if (!hasRootKey) {
-        Complain("cannot restore %s: %s", source, WhyUnusable(source).c_str());
+    int error = RestoreRegistryFile(source, *root);
+    const bool hasRootKey = std::any_of(kRootKeyNames.begin(), kRootKeyNames.end(),
+                                        [](const char* name) { return FindKey({name}); });
+    if (error == 0 && !hasRootKey) error = ENODATA;
+    if (error != 0) {
+        Complain("cannot restore %s: %s", source, LoadErrorText(error).c_str());
         return kError;
     }
     TheRegistryStore().MarkDirty();

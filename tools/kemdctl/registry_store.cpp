@@ -12,6 +12,7 @@
 #include "services/registry/path.h"
 #include "services/registry/store.h"
 #include "tools/kemdctl/command.h"
+#include "tools/kemdctl/output_file.h"
 
 namespace {
 
@@ -26,13 +27,8 @@ void NoteRunningDaemon() {
     Complain("note: may write over this change when they save next");
 }
 
-// Empty when there is something.
-std::string WhyNothingToRead(const char* path) {
-    const UniqueFd file = OpenRegularFile(path, O_RDONLY);
-    if (!file.IsOpen()) return errno == EINVAL ? "no regular file" : std::strerror(errno);
-    struct stat status {};
-    if (fstat(file.Get(), &status) == 0 && status.st_size == 0) return "the file is empty";
-    return {};
+std::string WhyUnusable(const char* path) {
+    return LoadErrorText(RestoreRegistryFile(path, *RegistryKey(new CRegistryNode)));
 }
 
 }  // namespace
@@ -42,17 +38,22 @@ CRegistry& Cursor() {
     return cursor.object;
 }
 
-std::string WhyUnusable(const char* path) {
-    const std::string why = WhyNothingToRead(path);
-    return why.empty() ? "cannot be read to its end, or holds no registry" : why;
+std::string LoadErrorText(int error) {
+    return error == ENODATA ? "it holds no registry" : ErrorText(error);
 }
 
 bool LoadStore() {
     (void)Cursor();
-    if (TheRegistryStore().IsLoaded()) {
-        const std::string why = WhyNothingToRead(kRegistryFile);
-        if (!why.empty()) {
-            Complain("note: %s: %s; an older registry is used", kRegistryFile, why.c_str());
+    RegistryStore& store = TheRegistryStore();
+    if (store.LoadError() != 0) {
+        Complain("cannot read %s: %s", store.File(), ErrorText(store.LoadError()).c_str());
+        Complain("try again; kemdctl registry restore makes an older registry the store");
+        return false;
+    }
+    if (store.IsLoaded()) {
+        if (std::string_view(store.File()) != kRegistryFile) {
+            Complain("note: %s: %s; %s is used", kRegistryFile, WhyUnusable(kRegistryFile).c_str(),
+                     store.File());
         }
         return true;
     }
@@ -91,7 +92,7 @@ bool WriterLock::Take() {
     // Not the directory: everybody may open that, and could keep root from writing.
     m_file = OpenRegularFile(kLockFile, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
     if (!m_file.IsOpen()) {
-        Complain("cannot open %s: %s", kLockFile, std::strerror(errno));
+        Complain("cannot open %s: %s", kLockFile, ErrorText(errno).c_str());
         return false;
     }
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -106,7 +107,7 @@ bool WriterLock::Take() {
 
 int SaveStore() {
     if (!CRegistry::SaveTree()) {
-        Complain("cannot save %s: %s", kRegistryFile, std::strerror(errno));
+        Complain("cannot save %s: %s", kRegistryFile, ErrorText(errno).c_str());
         return kError;
     }
     NoteRunningDaemon();

@@ -13,10 +13,10 @@
 // is saved but by SaveStore.
 CRegistry& Cursor();
 
-// Loads the store; complains and returns false when there is none.
+// Loads the store; complains and returns false when there is none, or it was not read whole.
 bool LoadStore();
-// Why a registry file cannot be restored.
-std::string WhyUnusable(const char* path);
+// Why a registry file was not read whole, from what ParseRegistry and RestoreRegistryFile say.
+std::string LoadErrorText(int error);
 
 // The components of a key's path, as CRegistry takes it apart.
 using KeyPath = std::vector<std::string_view>;
