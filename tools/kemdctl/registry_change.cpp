@@ -38,7 +38,8 @@ bool IsReadBack(std::string_view keyName) {
 }
 
 // Whether the file can hold the value; complains when it cannot.
-bool IsStorable(const KeyPath& path, const RegistryEntry& value) {
+bool IsStorable(const char* keyName, const RegistryEntry& value) {
+    const KeyPath path = SplitPath(keyName);
     if (path.empty() || !IsRootKey(path[0])) {
         Complain("a key begins with one of HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER, HKEY_USERS,");
         Complain("HKEY_CLASSES_ROOT and HKEY_CURRENT_CONFIG");
@@ -46,14 +47,14 @@ bool IsStorable(const KeyPath& path, const RegistryEntry& value) {
     }
     for (const std::string_view name : path) {
         if (IsReadBack(name)) continue;
-        Complain("the file cannot hold the key name %s: no \"]\", no line feed, %zu bytes at most",
-                 Printable(name).c_str(), LineReader::kMaxLine - 3);
+        Complain("the file cannot hold the key %s of %s: no \"]\", no line feed, %zu bytes at most",
+                 Printable(name).c_str(), Printable(keyName).c_str(), LineReader::kMaxLine - 3);
         return false;
     }
     if (IsReadBack(value)) return true;
-    Complain("the file cannot hold the value %s: no \"=\" and no leading \"[\" in its name, no",
-             Printable(value.Name()).c_str());
-    Complain("line feed in name or data, %zu bytes at most for name, marker and data",
+    Complain("the file cannot hold the value %s of %s: no \"=\" and no leading \"[\" in its name,",
+             Printable(value.Name()).c_str(), Printable(keyName).c_str());
+    Complain("no line feed in name or data, %zu bytes at most for name, marker and data",
              LineReader::kMaxLine - 1);
     return false;
 }
@@ -82,20 +83,21 @@ bool Store(const char* keyName, const RegistryEntry& value) {
     if (cursor.SetValue(std::string(value.Name()).c_str(), data, static_cast<uint32_t>(size),
                         value.Type()))
         return true;
-    Complain("cannot set %s", Printable(value.Name()).c_str());
+    Complain("cannot set the value %s of %s", Printable(value.Name()).c_str(),
+             Printable(keyName).c_str());
     return false;
 }
 
 }  // namespace
 
 int RegistrySet(const CommandLine& line) {
-    const KeyPath path = SplitPath(line.words[0]);
     const auto value = MakeValue(line.words[1], line.words[2], line.words[3]);
-    if (!value || !IsStorable(path, *value)) return kError;
+    if (!value || !IsStorable(line.words[0], *value)) return kError;
     WriterLock lock;
     if (!lock.Take() || !LoadStore()) return kError;
-    if (EntryType(FindKey(path), value->Name()) == kRegistrySubkey) {
-        Complain("%s is a key; delete it first", Printable(value->Name()).c_str());
+    if (EntryType(FindKey(SplitPath(line.words[0])), value->Name()) == kRegistrySubkey) {
+        Complain("%s has a key %s; delete that first", Printable(line.words[0]).c_str(),
+                 Printable(value->Name()).c_str());
         return kError;
     }
     return Store(line.words[0], *value) ? SaveStore() : kError;
@@ -109,13 +111,15 @@ int RegistryDelete(const CommandLine& line) {
         return kError;
     }
     const std::string name(isValue ? line.words[1] : path.back());
+    const std::string what = (isValue ? "value " + Printable(name) + " in " : std::string("key ")) +
+                             Printable(line.words[0]);
     if (!isValue) path.pop_back();
     WriterLock lock;
     if (!lock.Take() || !LoadStore()) return kError;
     const RegistryKey key = FindKey(path);
     const uint32_t type = EntryType(key, name);
     if (type == 0 || (type == kRegistrySubkey) == isValue) {
-        Complain("no %s %s", isValue ? "value" : "key", Printable(name).c_str());
+        Complain("no %s", what.c_str());
         return kNo;
     }
     CRegistry& cursor = Cursor();
@@ -123,6 +127,6 @@ int RegistryDelete(const CommandLine& line) {
         cursor.Open("", key) == 0 &&
         (isValue ? cursor.DeleteValue(name.c_str()) : cursor.DeleteKey(name.c_str())) == 0;
     if (isDone) return SaveStore();
-    Complain("cannot delete %s", Printable(name).c_str());
+    Complain("cannot delete the %s", what.c_str());
     return kError;
 }

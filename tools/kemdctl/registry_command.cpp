@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <string>
 
 #include "tools/kemdctl/text.h"
 
@@ -49,8 +50,9 @@ their own and may write over a change when they save next.
 Exit status: 0 yes or done, 1 no (not there, findings), 2 error.
 )";
 
-int UsageError(const char* what, std::string_view word) {
-    Complain("%s %s; see kemdctl registry --help", what, Printable(word).c_str());
+int UsageError(std::string what, std::string_view word = "") {
+    if (!word.empty()) what += " " + Printable(word);
+    Complain("%s; see kemdctl registry --help", what.c_str());
     return kError;
 }
 
@@ -66,9 +68,10 @@ int RunRegistry(CommandLine& line) {
         std::find_if(std::begin(kSubcommands), std::end(kSubcommands),
                      [name](const Subcommand& subcommand) { return subcommand.name == name; });
     if (found == std::end(kSubcommands)) {
-        return UsageError(name.empty() ? "no subcommand" : "unknown subcommand", name);
+        return name.empty() ? UsageError("a subcommand is missing")
+                            : UsageError("unknown subcommand", name);
     }
-    if (!line.HasOnly(found->options)) return UsageError("for", name);
+    if (!line.HasOnly(found->options)) return UsageError("these options do not fit", name);
     if (line.words.size() < found->minWords) return UsageError("too few words for", name);
     if (line.words.size() > found->maxWords) return UsageError("too many words for", name);
     return found->run(line);
