@@ -145,7 +145,7 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
         return;
     }
     m_modules.push_back({name, library, entry, false, false, {}});
-    KemdTrace(kTag, 2, "module %s loaded", name.c_str());
+    KemdTrace(kTag, 1, "module %s loaded", name.c_str());
 }
 
 void ModuleSwitch::StartAllModules() {
@@ -163,7 +163,7 @@ void ModuleSwitch::StartModule(Module& module) {
     module.threads = Without(LiveThreads(), before);
     module.failed = !module.started;
     if (module.started) {
-        KemdTrace(kTag, 2, "module %s started", module.name.c_str());
+        KemdTrace(kTag, 1, "module %s started", module.name.c_str());
     } else if (result != 0) {
         Report(module.name, "failed to start", ("result " + std::to_string(result)).c_str());
     }
@@ -174,7 +174,7 @@ void ModuleSwitch::StopAllModules() {
         if (!module->started) continue;
         module->started = false;
         module->failed = !CallModule(module->name, "failed to stop", module->entry->stop);
-        if (!module->failed) KemdTrace(kTag, 2, "module %s stopped", module->name.c_str());
+        if (!module->failed) KemdTrace(kTag, 1, "module %s stopped", module->name.c_str());
     }
 }
 

@@ -299,6 +299,21 @@ TEST_F(RegistryTest, PointersLeadToOtherKeys) {
                                       identifier + "\"\n"}));
 }
 
+TEST_F(RegistryTest, ShippedTraceKeepsNothingOfWhatIsSaved) {
+    Debug.Close();
+    const std::string config = "/etc/norvik/OrvanaSuite/TraceConfig";
+    std::filesystem::remove_all(config);
+    std::filesystem::copy("/shipped", config);
+    ASSERT_TRUE(Debug.Init("kemd"));
+    Load("v=d=1\n");
+    EXPECT_TRUE(Debug.IsTraceOn());
+    const size_t before = Trace().size();
+    { CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", 2); }
+    EXPECT_EQ(ReadFile(kRegistryPath), FileWith("v=d=2\n"));
+    EXPECT_EQ(Trace().size(), before);
+    std::filesystem::remove_all(config);
+}
+
 void RunThreads(const std::function<void(int thread, int round)>& run) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 3; ++i) {

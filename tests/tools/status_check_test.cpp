@@ -37,6 +37,7 @@ class StatusTest : public DaemonTest {
 
 TEST_F(StatusTest, ForegroundWithModules) {
     UseModules();
+    ConfigureTrace(1);
     const pid_t pid = Run({"-ovupd", "-agentless", "-rescan"});
     ASSERT_TRUE(fs::exists("/var/log/orvmon/log.kemd_i.gz"));
     const Result status = Ctl("status");
@@ -47,13 +48,13 @@ TEST_F(StatusTest, ForegroundWithModules) {
          "run mode:         5, agentless", "foreground, rescan",
          "\"kemd#" + std::to_string(pid) + "\", held by " + Process(pid),
          "process-id file:  " + Process(pid) + ", the daemon and holder", "/var/log/orvmon (by",
-         "trace level:      3\ntrace target:     2, ring buffer\n", "log.kemd, ", "wrapped 0 times",
+         "trace level:      1\ntrace target:     2, ring buffer\n", "log.kemd, ", "wrapped 0 times",
          "log.kemd_a, 1048576 bytes\n", "newest record:    20", " ago) in log.kemd",
          "modules: ", "counter.so started, heartbeat.so started"}));
     const std::string json = Ctl("status --json").out;
     EXPECT_TRUE(InOrder(json, {"{\"running\":true,\"pid\":" + std::to_string(pid) + ",",
                                "\"foreground\":true", "\"holder\":" + std::to_string(pid),
-                               "\"level\":3", "{\"file\":\"heartbeat.so\",\"state\":\"started\""}));
+                               "\"level\":1", "{\"file\":\"heartbeat.so\",\"state\":\"started\""}));
     EXPECT_EQ(Stop(pid), 0);
     const Result stopped = Ctl("status");
     EXPECT_EQ(stopped.code, 3);
