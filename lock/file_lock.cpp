@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <exception>
 
 #include "services/base/unique_fd.h"
 #include "trace/debug.h"
@@ -16,6 +17,7 @@ namespace {
 
 constexpr int kSharingViolation = 32;
 constexpr useconds_t kRetryPause = 100'000;
+constexpr int kMaxRestarts = 10;  // somebody who keeps replacing the file must not keep us for ever
 
 // The text before the last slash that is not the final character; the whole path when that slash is
 // the first character or there is none.
@@ -28,6 +30,20 @@ const char* BoolText(bool value) {
     return value ? "true" : "false";
 }
 
+bool IsOwnLink(const char* path) {
+    struct stat status {};
+    return lstat(path, &status) == 0 && S_ISLNK(status.st_mode) && status.st_uid == geteuid();
+}
+
+// errno for what somebody else may have put there to have it changed, or to make the opener wait;
+// 0 when it may be used. A directory harms nobody: it cannot be opened for writing.
+int Refuse(int fd) {
+    struct stat status {};
+    if (fstat(fd, &status) != 0) return errno;
+    if (S_ISREG(status.st_mode)) return status.st_nlink > 1 ? EMLINK : 0;
+    return S_ISDIR(status.st_mode) ? 0 : EINVAL;
+}
+
 }  // namespace
 
 CFileLock::~CFileLock() {
@@ -38,8 +54,19 @@ CFileLock::~CFileLock() {
 
 bool CFileLock::Lock(const char* basePath, const char* ownerName, int32_t waitMs) {
     if (basePath == nullptr || *basePath == '\0') return false;
-    TRACE(5, "\nCFileLock           :   apply file lock using file %s...", basePath);
-    const std::string lockFileName = std::string(basePath) + ".lock";
+    try {
+        const std::string owner = ownerName != nullptr ? ownerName : "";
+        return LockFile(basePath, owner + "#" + std::to_string(getpid()), waitMs);
+    } catch (const std::exception&) {  // no memory
+        if (m_fd >= 0) CloseFile();    // without deleting it: it may be another instance's
+        m_lastError = ENOMEM;
+        return false;
+    }
+}
+
+bool CFileLock::LockFile(const std::string& basePath, const std::string& content, int32_t waitMs) {
+    TRACE(5, "\nCFileLock           :   apply file lock using file %s...", basePath.c_str());
+    const std::string lockFileName = basePath + ".lock";
     m_path.Assign(lockFileName);
     TRACE(3, "\nCFileLock::Lock     : LockFileName.c_str() = %s\n", lockFileName.c_str());
     const std::string lockFileDir = DirectoryOf(lockFileName);
@@ -56,18 +83,24 @@ bool CFileLock::Lock(const char* basePath, const char* ownerName, int32_t waitMs
     const int32_t retries = waitMs / 100;
     TRACE(3, "\nCFileLock::Lock     : nrRetries = %d\n", retries);
 
+    Created created = Created::kReplaced;
+    for (int restarts = 0; created == Created::kReplaced && restarts <= kMaxRestarts; ++restarts) {
+        created = IsFree(retries) ? CreateAndHold(content) : Created::kTaken;
+    }
+    if (created == Created::kReplaced) m_lastError = EWOULDBLOCK;
+    if (created == Created::kTaken || created == Created::kReplaced) ReadHolder();
+    return created == Created::kHeld;
+}
+
+bool CFileLock::IsFree(int32_t retries) {
     struct stat status {};
     if (stat(m_path.Get(), &status) == 0) {
         TRACE(3, "\nCFileLock::Lock     : lockfile %s EXISTS!\n", m_path.Get());
-        if (!ProbeFile(retries)) {
-            ReadHolder();
-            return false;
-        }
-    } else {
-        TRACE(3, "\nCFileLock::Lock     : lockfile %s does NOT exist!\n", m_path.Get());
-        TRACE(3, "\nCFileLock::Lock     : fileIsLockable = %s\n", BoolText(true));
+        return ProbeFile(retries);
     }
-    return CreateAndHold(ownerName);
+    TRACE(3, "\nCFileLock::Lock     : lockfile %s does NOT exist!\n", m_path.Get());
+    TRACE(3, "\nCFileLock::Lock     : fileIsLockable = %s\n", BoolText(true));
+    return true;
 }
 
 bool CFileLock::CreateDirectories(const std::string& directory) {
@@ -84,15 +117,11 @@ bool CFileLock::CreateDirectories(const std::string& directory) {
 }
 
 bool CFileLock::ProbeFile(int32_t retries) {
-    errno = 0;
-    m_fd = OpenToRead();
-    if (m_fd < 0) {
-        m_lastError = errno;
+    if (!OpenFile(O_RDONLY)) {
         TRACE(3, "\nCFileLock::Lock     : Could NOT open lockfile %s\n", m_path.Get());
         TRACE(3, "\nCFileLock::Lock     : fileIsLockable = %s\n", BoolText(false));
         return false;
     }
-    m_isOpen = true;
     TRACE(3, "\nCFileLock::Lock     : Successfully opened lockfile %s\n", m_path.Get());
     TRACE(3, "\nCFileLock::Lock     : Trying to lock lockfile %s\n", m_path.Get());
     const bool lockable = TryLockRepeatedly(retries);
@@ -128,36 +157,43 @@ bool CFileLock::TryLockRepeatedly(int32_t retries) {
     return false;
 }
 
-bool CFileLock::CreateAndHold(const char* ownerName) {
-    errno = 0;
-    const int fd = open(m_path.Get(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-    if (fd < 0) {
+// Without waiting: several instances may be past the probe, and whoever waited here would run on
+// with the file that the first one removes at its end.
+bool CFileLock::TakeLock() {
+    m_isLocked = flock(m_fd, LOCK_EX | LOCK_NB) == 0;
+    if (!m_isLocked) {
         m_lastError = errno;
-        return false;
+        if (m_lastError == EWOULDBLOCK) return false;
+        // Required: no other failure keeps the daemon from running.
+        m_isLocked = true;
+        (void)flock(m_fd, LOCK_EX);
     }
-    SetCloseOnExec(fd);  // a module's child process must not keep the lock
-    m_isLocked = true;
-    (void)flock(fd, LOCK_EX);
-    m_fd = fd;
-    m_isOpen = true;
-    (void)flock(m_fd, LOCK_EX | LOCK_NB);  // an error would not outlive the next line
-    m_lastError = 0;
-    const std::string content =
-        std::string(ownerName != nullptr ? ownerName : "") + "#" + std::to_string(getpid());
-    errno = 0;
-    if (write(m_fd, content.data(), content.size()) < 0) m_lastError = errno;
-    (void)fsync(m_fd);
     return true;
 }
 
-void CFileLock::ReadHolder() {
-    errno = 0;
-    m_fd = OpenToRead();
-    if (m_fd < 0) {
+CFileLock::Created CFileLock::CreateAndHold(const std::string& content) {
+    if (!OpenFile(O_RDWR | O_CREAT)) return Created::kFailed;
+    Created created = Created::kTaken;
+    if (TakeLock()) created = IsAtPath() ? WriteContent(content) : Created::kReplaced;
+    if (created != Created::kHeld) CloseFile();
+    return created;
+}
+
+// Only the holder empties the file: it may be another instance's until the lock is ours.
+CFileLock::Created CFileLock::WriteContent(const std::string& content) {
+    if (ftruncate(m_fd, 0) != 0) {
         m_lastError = errno;
-        return;
+        return Created::kFailed;
     }
-    m_isOpen = true;
+    m_lastError = 0;
+    errno = 0;
+    if (write(m_fd, content.data(), content.size()) < 0) m_lastError = errno;
+    (void)fsync(m_fd);
+    return Created::kHeld;
+}
+
+void CFileLock::ReadHolder() {
+    if (!OpenFile(O_RDONLY)) return;
     std::array<char, 255> text{};
     ssize_t length = read(m_fd, text.data(), text.size());
     if (length < 0) {
@@ -168,13 +204,29 @@ void CFileLock::ReadHolder() {
     CloseFile();
 }
 
-int CFileLock::OpenToRead() {
-    // Opening a FIFO that somebody put there would wait for ever.
-    struct stat status {};
-    const bool fifo = stat(m_path.Get(), &status) == 0 && S_ISFIFO(status.st_mode);
-    const int fd = open(m_path.Get(), O_RDONLY | (fifo ? O_NONBLOCK : 0), 0644);
-    SetCloseOnExec(fd);
-    return fd;
+// Close-on-exec: a module's child process must not keep the lock.
+bool CFileLock::OpenFile(int flags) {
+    flags |= O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    UniqueFd file(open(m_path.Get(), flags | O_NOFOLLOW, 0644));
+    if (!file.IsOpen() && errno == ELOOP && IsOwnLink(m_path.Get())) {
+        file.Reset(open(m_path.Get(), flags, 0644));
+    }
+    const int error = file.IsOpen() ? Refuse(file.Get()) : errno;
+    if (error != 0) {
+        m_lastError = error;
+        return false;
+    }
+    m_fd = file.Release();
+    m_isOpen = true;
+    return true;
+}
+
+// Whether the path still leads to the open file: its last holder may have removed it meanwhile.
+bool CFileLock::IsAtPath() const {
+    struct stat open {};
+    struct stat named {};
+    return fstat(m_fd, &open) == 0 && stat(m_path.Get(), &named) == 0 &&
+           open.st_dev == named.st_dev && open.st_ino == named.st_ino;
 }
 
 void CFileLock::CloseFile() {
@@ -191,7 +243,8 @@ void CFileLock::CloseFile() {
 void CFileLock::Unlock() {
     if (m_fd < 0) return;
     TRACE(5, "\nCFileLock           :   release file lock using file %s", m_path.Get());
-    CloseFile();
-    // Only the holder comes here: a second instance never removes the first one's file.
+    // Only the holder comes here: a second instance never removes the first one's file. While it is
+    // still locked, or the next instance could take the old file and lose it.
     unlink(m_path.Get());
+    CloseFile();
 }

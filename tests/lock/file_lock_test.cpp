@@ -1,14 +1,21 @@
 #include "lock/file_lock.h"
 
+#include <fcntl.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
+#include <new>
 #include <string>
+#include <utility>
 
 #include "tests/traced_test.h"
 
@@ -16,13 +23,40 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// The system's flock, which first fails with an error number that Linux never gives.
+static int Flock(int fd, int operation) {
+    return static_cast<int>(syscall(SYS_flock, fd, operation));
+}
+
+// The system's flock, which first fails with an error number that Linux never gives. What another
+// instance does between two steps of this one is done before the call.
 static int g_sharingViolations = 0;
+static void (*g_beforeFlock)(int operation) = nullptr;
 extern "C" int flock(int fd, int operation) noexcept {
-    if (g_sharingViolations == 0) return static_cast<int>(syscall(SYS_flock, fd, operation));
+    if (g_beforeFlock != nullptr) g_beforeFlock(operation);
+    if (g_sharingViolations == 0) return Flock(fd, operation);
     --g_sharingViolations;
     errno = 32;
     return -1;
+}
+
+static uid_t g_user = 0;
+extern "C" uid_t geteuid() noexcept {
+    return g_user;
+}
+
+static int g_allocations = -1;  // how many there may still be; -1: any number
+void* operator new(size_t size) {
+    if (g_allocations == 0) throw std::bad_alloc();
+    if (g_allocations > 0) --g_allocations;
+    void* memory = malloc(size);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+void operator delete(void* memory) noexcept {
+    free(memory);
+}
+void operator delete(void* memory, size_t /*size*/) noexcept {
+    free(memory);
 }
 
 namespace {
@@ -36,7 +70,14 @@ class FileLockTest : public TracedTest {
         TracedTest::SetUp();
         fs::remove_all("/tmp/locks");
         umask(0);
+        // Ends a lock that blocks: process 1 does not die of it by default.
+        (void)signal(SIGALRM, [](int) { _exit(1); });
+        alarm(60);
         ASSERT_EQ(chdir("/tmp"), 0);
+    }
+    void TearDown() override {
+        alarm(0);
+        TracedTest::TearDown();
     }
     static std::string Content(const std::string& owner) {
         return owner + "#" + std::to_string(getpid());
@@ -48,6 +89,10 @@ TEST_F(FileLockTest, OddPathsNeitherBlockNorHarm) {
     fs::create_symlink("loop.lock", "/tmp/locks/loop.lock");
     WriteFile("/tmp/locks/file", "");
     ASSERT_EQ(mkfifo("/tmp/locks/fifo.lock", 0600), 0);
+    fs::create_symlink("missing", "/tmp/locks/dangling.lock");
+    fs::create_symlink("file", "/tmp/locks/link.lock");
+    WriteFile("/tmp/locks/foreign", "precious");
+    fs::create_hard_link("/tmp/locks/foreign", "/tmp/locks/twin.lock");
     const struct {
         const char* base;
         bool locked;
@@ -63,17 +108,24 @@ TEST_F(FileLockTest, OddPathsNeitherBlockNorHarm) {
         {"/tmp/locks/loop", false, ELOOP, "loop.lock does NOT exist!\n"},
         {"/tmp/locks/file/x", false, ENOTDIR, "does NOT exist!\n"},
         {"/tmp/locks/file/y/x", false, 0, "lock directory /tmp/locks/file/y (LastError = 0x0000"},
-        {"/tmp/locks/fifo", true, 0, "Successfully locked lockfile /tmp/locks/fifo.lock\n"},
+        {"/tmp/locks/fifo", false, EINVAL, "Could NOT open lockfile /tmp/locks/fifo.lock\n"},
+        {"/tmp/locks/twin", false, EMLINK, "Could NOT open lockfile /tmp/locks/twin.lock\n"},
+        {"/tmp/locks/link", true, 0, "Successfully locked lockfile /tmp/locks/link.lock\n"},
+        {"/tmp/locks/foreign", false, ELOOP, "lockfile /tmp/locks/foreign.lock EXISTS!\n"},
+        {"/tmp/locks/dangling", false, ELOOP, "lockfile /tmp/locks/dangling.lock does NOT"},
     };
-    alarm(60);  // ends a lock that blocks
+    fs::create_symlink("foreign", "/tmp/locks/foreign.lock");
     for (const auto& [base, locked, error, traced] : cases) {
+        g_user = error == ELOOP ? 1 : 0;  // the links are root's
         CFileLock lock;
         EXPECT_EQ(lock.Lock(base, "kemd", 0), locked) << traced;
         EXPECT_EQ(lock.LastError(), error) << traced;
         EXPECT_TRUE(Contains(Trace(), traced)) << traced;
         EXPECT_EQ(Contains(Trace(), "CFileLock"), *traced != '\0');
     }
-    alarm(0);
+    g_user = 0;
+    EXPECT_EQ(ReadFile("/tmp/locks/foreign"), "precious");
+    EXPECT_FALSE(fs::exists("/tmp/locks/missing"));
     EXPECT_FALSE(fs::exists("var/lock/x.lock") || fs::exists("x.lock"));
     EXPECT_TRUE(fs::is_directory("/x.lock") && fs::is_directory("/tmp/locks/directory.lock"));
 }
@@ -116,6 +168,125 @@ TEST_F(FileLockTest, HeldFileFailsAtOnceAndStays) {
     EXPECT_EQ(ReadFile(kFile), Content(owner));
     EXPECT_TRUE(InOrder(Trace(), {"nrRetries = 600\n", "Could NOT lock lockfile /tmp/locks/kemd",
                                   "fileIsLockable = false\n"}));
+}
+
+// What other instances do between the steps of this one.
+constexpr int kTake = LOCK_EX | LOCK_NB;
+int g_steps = 0;
+int g_other = -1;
+
+TEST_F(FileLockTest, OtherInstancesBetweenTheStepsAreSeen) {
+    const struct {
+        const char* name;
+        void (*meanwhile)(int operation);
+        bool locked;
+        int steps;  // attempts to lock
+    } cases[] = {
+        {"another one took it after the probe",
+         [](int operation) {
+             g_steps += operation == kTake ? 1 : 0;
+             if (g_steps == 2 && g_other < 0) {
+                 g_other = open(kFile, O_RDONLY | O_CLOEXEC);
+                 (void)Flock(g_other, kTake);
+             }
+         },
+         false, 2},
+        {"its holder ended and removed it",
+         [](int operation) {
+             g_steps += operation == kTake ? 1 : 0;
+             if (operation == kTake && g_steps == 2) unlink(kFile);
+         },
+         true, 3},
+        {"it is replaced again and again",
+         [](int operation) {
+             g_steps += operation == kTake ? 1 : 0;
+             WriteFile("/tmp/locks/new", "kemd#4711");
+             (void)rename("/tmp/locks/new", kFile);
+         },
+         false, 22},
+    };
+    for (const auto& [name, meanwhile, locked, steps] : cases) {
+        WriteFile(kFile, "kemd#4711");
+        g_steps = 0;
+        g_beforeFlock = meanwhile;
+        CFileLock lock;
+        EXPECT_EQ(lock.Lock(kBase, "kemd", 0), locked) << name;
+        g_beforeFlock = nullptr;
+        EXPECT_EQ(g_steps, steps) << name;
+        EXPECT_EQ(lock.LastError(), locked ? 0 : EWOULDBLOCK) << name;
+        EXPECT_EQ(lock.Owner(), locked ? "" : "kemd#4711") << name;
+        EXPECT_EQ(ReadFile(kFile), locked ? Content("kemd") : "kemd#4711") << name;
+        close(std::exchange(g_other, -1));
+    }
+}
+
+// Takes the lock as one of several instances: 0 held it alone, 1 failed, 2 anything else.
+int Compete() {
+    CFileLock lock;
+    if (!lock.Lock(kBase, "kemd", 0)) return 1;
+    const int alone = open("/tmp/locks/alone", O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    sched_yield();
+    const bool ours = ReadFile(kFile) == "kemd#" + std::to_string(getpid());
+    return alone >= 0 && ours && unlink("/tmp/locks/alone") == 0 ? 0 : 2;
+}
+
+TEST_F(FileLockTest, OneOfSeveralInstancesHoldsIt) {
+    for (int round = 0; round < 100; ++round) {
+        WriteFile(kFile, "kemd#4711");
+        int gate[2];
+        ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);
+        for (int instance = 0; instance < 4; ++instance) {
+            if (fork() != 0) continue;
+            close(gate[1]);
+            char end = 0;
+            (void)!read(gate[0], &end, 1);
+            alarm(60);
+            _exit(Compete());
+        }
+        close(gate[0]);
+        close(gate[1]);
+        int winners = 0;
+        for (int status = 0; wait(&status) > 0;) {
+            ASSERT_TRUE(status == 0 || (WIFEXITED(status) && WEXITSTATUS(status) == 1)) << status;
+            winners += status == 0 ? 1 : 0;
+        }
+        EXPECT_GE(winners, 1);
+        EXPECT_FALSE(fs::exists(kFile));
+    }
+}
+
+TEST_F(FileLockTest, IsRemovedWhileItIsLocked) {
+    static bool s_existed;
+    s_existed = false;
+    {
+        CFileLock lock;
+        ASSERT_TRUE(lock.Lock(kBase, "kemd", 0));
+        g_beforeFlock = [](int operation) {
+            s_existed |= operation == LOCK_UN && fs::exists(kFile);
+        };
+    }
+    g_beforeFlock = nullptr;
+    EXPECT_FALSE(s_existed);
+}
+
+TEST_F(FileLockTest, FailsWhenMemoryEnds) {
+    const std::string base = "/tmp/locks/" + std::string(50, 'k');
+    const std::string owner(50, 'o');
+    for (const bool held : {false, true}) {
+        CFileLock holder;
+        ASSERT_EQ(held && !holder.Lock(base.c_str(), owner.c_str(), 0), false);
+        int failures = 0;
+        for (int error = ENOMEM; error == ENOMEM; ++failures) {
+            CFileLock lock;
+            g_allocations = failures;
+            const bool locked = lock.Lock(base.c_str(), owner.c_str(), 0);
+            g_allocations = -1;
+            error = lock.LastError();
+            EXPECT_EQ(locked, error == 0);
+        }
+        EXPECT_GT(failures, 3);
+        EXPECT_EQ(ReadFile(base + ".lock"), held ? Content(owner) : "");
+    }
 }
 
 TEST_F(FileLockTest, OnlyASharingViolationIsTriedAgain) {
