@@ -8,11 +8,18 @@
 #include "daemon/version.h"
 #include "daemon/wait_signals.h"
 #include "kemd/exit_event.h"
+#include "services/base/never_destroyed.h"
 #include "trace/debug.h"
 
 namespace {
 
+// The loop's own reference to the exit event, taken before any module exists: what a module does to
+// the common handle must not leave a daemon that cannot be stopped.
+constinit NeverDestroyed<EventHandle> g_handle;
+EventHandle& g_exitEvent = g_handle.object = ExitEvent();
+
 int g_lastSignal = 0;  // by sigwait; readable in a core file
+bool g_stopDecided = false;
 
 void ToggleTrace() {
     Debug.Message("%s-MAIN: Signal %d (SIGHUP) caught\n", kTag, g_lastSignal);
@@ -36,7 +43,8 @@ void DecideStop(IModuleSwitch* modules) {
             modules->NotifyModules(kNotifyShutdown, &runLevel, 0);
         }
     }
-    SetEvent(ExitEvent());
+    SetEvent(g_exitEvent);
+    g_stopDecided = true;
 }
 
 void Dispatch(IModuleSwitch* modules) {
@@ -87,7 +95,7 @@ void WaitForStop(IModuleSwitch* modules) {
         } else {
             StopAfterError(modules, result);
         }
-    } while (CheckEvent(ExitEvent()) == 0);
+    } while (CheckEvent(g_exitEvent) == 0 && !g_stopDecided);
     NotifyStopping();  // whoever decided it
     Debug.Message("%s-MAIN: ## Someone signaled exit state ##\n", kTag);
 }

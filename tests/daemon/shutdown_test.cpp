@@ -83,6 +83,10 @@ TEST_F(DaemonTest, FaultsOfTheLibraryHaveTheirEnds) {
         {"c", "fail-query", false, 1, "SWITCH could not be loaded!\n", "identifier=0\n"},
         {"c", "fail-load", true, 0, "ERROR! Load extension modules FAILED!\n", "SW_Release\n"},
         {"throwing", "load", true, 0, "ERROR! Load extension modules FAILED!\n", "SW_Release\n"},
+        // Whatever became of the exit event.
+        {"throwing", "close-event", true, 0, "## EXIT PROCESS", "stop\nunload\nSW_Release\n"},
+        {"throwing", "assign-event", true, 0, "## EXIT PROCESS", "stop\nunload\nSW_Release\n"},
+        {"throwing", "reset-event", true, 0, "## EXIT PROCESS", "stop\nunload\nSW_Release\n"},
         // After other exceptions the library is not called any more, not even to release it.
         {"throwing", "start", false, 1, "library says start\n", "start\n"},
         {"throwing", "notify odd", true, 1, "nknown exception", "notify\n"},

@@ -1,9 +1,13 @@
 // A switch library that throws where the script says so: an exception type of its own that the
-// daemon cannot know, or with the word "odd" one that is not even a std::exception.
+// daemon cannot know, or with the word "odd" one that is not even a std::exception. Or it treats
+// the exit event as no module may.
+#include <atomic>
 #include <exception>
 #include <string>
+#include <thread>
 
 #include "kemd/api.h"
+#include "kemd/exit_event.h"
 #include "kemd/module_switch.h"
 #include "tests/daemon/script.h"
 
@@ -31,13 +35,35 @@ void Call(const char* word) {
 
 class ThrowingSwitch : public IModuleSwitch {
   public:
-    bool LoadModules(ModuleLoadParams* /*params*/) override { return Call("load"), true; }
+    bool LoadModules(ModuleLoadParams* /*params*/) override {
+        if (Scripted("close-event")) CloseEvent(ExitEvent());
+        if (Scripted("assign-event")) ExitEvent() = EventHandle();
+        return Call("load"), true;
+    }
     bool UnloadModules(uint32_t /*options*/) override { return Call("unload"), true; }
-    void StartAllModules() override { Call("start"); }
-    void StopAllModules() override { Call("stop"); }
+    void StartAllModules() override {
+        Call("start");
+        if (!Scripted("reset-event")) return;
+        for (std::thread& thread : m_threads) {
+            thread = std::thread([this] {
+                while (!m_stop) ResetEvent(ExitEvent());
+            });
+        }
+    }
+    void StopAllModules() override {
+        m_stop = true;
+        for (std::thread& thread : m_threads) {
+            if (thread.joinable()) thread.join();
+        }
+        Call("stop");
+    }
     void NotifyModules(uint32_t /*code*/, void* /*data*/, uint32_t /*word*/) override {
         Call("notify");
     }
+
+  private:
+    std::atomic<bool> m_stop{false};
+    std::thread m_threads[4];  // whoever sets the event hardly ever sees it set
 };
 
 ThrowingSwitch g_switch;
