@@ -1,5 +1,6 @@
 #include "daemon/run_level.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utmp.h>
@@ -11,6 +12,7 @@
 #include <string_view>
 
 #include "daemon/version.h"
+#include "services/base/regular_file.h"
 #include "services/base/unique_fd.h"
 #include "trace/debug.h"
 
@@ -29,6 +31,13 @@ bool UsesRunLevelFile(std::string_view nickname) {
     return nickname == "RHEL7" || nickname == "SLES12" || nickname == "OL7";
 }
 
+FILE* OpenRunLevelFile() {
+    UniqueFd file = OpenRegularFile(kRunLevelFile, O_RDONLY);
+    FILE* stream = file.IsOpen() ? fdopen(file.Get(), "r") : nullptr;
+    if (stream != nullptr) (void)file.Release();
+    return stream;
+}
+
 int32_t ReadRunLevel(FILE* file) {
     int value = 0;
     if (std::fscanf(file, "%d", &value) != 1) return kRunLevelUnknown;
@@ -38,7 +47,7 @@ int32_t ReadRunLevel(FILE* file) {
 
 int32_t RunLevelFromFile() {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (FILE* file = std::fopen(kRunLevelFile, "re")) {
+        if (FILE* file = OpenRunLevelFile()) {
             const int32_t level = ReadRunLevel(file);
             std::fclose(file);
             return level;

@@ -17,6 +17,7 @@
 
 #include "daemon/version.h"
 #include "daemon/wait_signals.h"
+#include "services/base/regular_file.h"
 #include "services/base/unique_fd.h"
 #include "trace/debug.h"
 
@@ -56,7 +57,7 @@ TimeText StartTime() {
 
 // 0 or the errno of what failed; nothing is left behind then.
 int WritePid(const char* path) {
-    UniqueFd file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    UniqueFd file = OpenRegularFile(path, O_WRONLY | O_CREAT | O_TRUNC, 0666);
     if (!file.IsOpen()) return errno;
     if (dprintf(file.Get(), "%d\n", getpid()) > 0) return 0;
     const int error = errno;

@@ -32,6 +32,8 @@ class DaemonTest : public testing::Test {
     // The exit status, or 1000 and the number of the signal that ended the process.
     int WaitForExit(pid_t pid);
     int Stop(pid_t pid, int signal = SIGTERM);
+    // Somebody else has waited for it.
+    void Forget(pid_t pid) { std::erase(m_running, pid); }
     void Kill(pid_t pid) { (void)Stop(pid, SIGKILL); }
     // Who wrote the process id file; waits for the file.
     pid_t PidFromFile();

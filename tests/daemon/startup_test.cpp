@@ -3,9 +3,11 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <set>
 
 #include "tests/daemon/daemon_test.h"
 #include "trace/environment.h"
@@ -46,6 +48,41 @@ TEST_F(DaemonTest, SecondInstanceFailsInSightOfItsStarter) {
     EXPECT_EQ(ReadFile(kLockFile), "kemd#" + first);
     EXPECT_EQ(ReadFile(kPidFile), first + "\n");
     EXPECT_EQ(Calls(), "");
+}
+
+TEST_F(DaemonTest, NothingInAFilesPlaceMakesItWait) {
+    fs::remove("/etc/orvmon/RunLevel");
+    ASSERT_EQ(mkfifo(kPidFile, 0600) + mkfifo("/etc/orvmon/RunLevel", 0600), 0);
+    const pid_t pid = StartAndWait({"-n"});
+    EXPECT_TRUE(Contains(Trace(),
+                         "ERROR! Cannot create kemd PID file /var/run/kemd.pid for kemd "
+                         "PID " +
+                             std::to_string(pid) + " (errno=6)!\n"));
+    EXPECT_EQ(Stop(pid), 0);
+    EXPECT_TRUE(Contains(Log(), "KEMD-MAIN: Current RunLevel = 5\n"));
+    ASSERT_EQ(mkfifo(kLockFile, 0600), 0);
+    EXPECT_EQ(WaitForExit(Start({"-n"})), 1);
+    EXPECT_TRUE(Contains(Complaints(), "Another process instance is already running!\n"));
+}
+
+// Whether they come past the probe together or not, and whether there is an old file or none.
+TEST_F(DaemonTest, OneOfSeveralStartsRuns) {
+    for (int round = 0; round < 8; ++round) {
+        if (round % 2 == 0) fs::remove(kLockFile);
+        std::set<pid_t> running;
+        while (running.size() < 4) running.insert(Start({"-n"}));
+        for (int loser = 0; loser < 3; ++loser) {
+            int status = 0;
+            const pid_t pid = waitpid(-1, &status, 0);
+            EXPECT_TRUE(running.erase(pid) == 1 && WIFEXITED(status) && WEXITSTATUS(status) == 1);
+            Forget(pid);
+        }
+        const pid_t winner = *running.begin();
+        EXPECT_EQ(PidFromFile(), winner);
+        EXPECT_EQ(ReadFile(kLockFile), "kemd#" + std::to_string(winner));
+        Kill(winner);
+        fs::remove(kPidFile);
+    }
 }
 
 TEST_F(DaemonTest, OnlyTheWholeSwitchKeepsItInTheForeground) {
