@@ -55,6 +55,13 @@ TimeText StartTime() {
     return text;
 }
 
+// Whoever started the daemon may wait until nobody holds its standard streams open any more.
+void DropStandardStreams() {
+    const UniqueFd null(open("/dev/null", O_RDWR | O_CLOEXEC));
+    if (!null.IsOpen()) return;
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) (void)dup2(null.Get(), fd);
+}
+
 // 0 or the errno of what failed; nothing is left behind then.
 int WritePid(const char* path) {
     UniqueFd file = OpenRegularFile(path, O_WRONLY | O_CREAT | O_TRUNC, 0666);
@@ -89,6 +96,7 @@ bool Detach(int argc, char** argv) {
         return false;
     }
     if (child > 0) exit(0);  // not by return: the lock is the child's now
+    DropStandardStreams();
     return true;
 }
 

@@ -9,7 +9,8 @@
 void OpenStandardDescriptors();
 
 // Goes to the background unless the command line says "-n" or "-nodemon". The parent ends here,
-// with exit status 0 and without giving up anything. False when there is no child.
+// with exit status 0 and without giving up anything; the child's standard streams are /dev/null.
+// False when there is no child.
 [[nodiscard]] bool Detach(int argc, char** argv);
 
 // The run mode and the rescan flag; each recognised switch is traced, unknown ones are ignored.

@@ -98,6 +98,8 @@ TEST_F(DaemonTest, OnlyTheWholeSwitchKeepsItInTheForeground) {
         EXPECT_EQ(daemon == started, foreground) << arguments[0];
         EXPECT_EQ(Complaints(),
                   foreground ? "/build/kemd: KEMD-MAIN: started in \"No Demon\" Mode\n" : "");
+        EXPECT_EQ(fs::read_symlink(ProcFile(daemon, "fd/2")),
+                  foreground ? "/tmp/stderr" : "/dev/null");
         EXPECT_EQ(foreground ? 0 : WaitForExit(started), 0) << arguments[0];
         Kill(daemon);
     }
@@ -108,7 +110,7 @@ TEST_F(DaemonTest, BackgroundProcessIsDetached) {
         umask(0);
         (void)!chdir("/tmp");
         for (int number = 1; number < SIGRTMIN; ++number) signal(number, SIG_DFL);
-        for (int fd = 0; fd < 3; ++fd) close(fd);
+        for (int fd = 0; fd < 2; ++fd) close(fd);
     });
     ASSERT_EQ(WaitForExit(parent), 0);
     const pid_t daemon = PidFromFile();
