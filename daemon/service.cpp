@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <exception>
+#include <new>
 
 #include "daemon/notify.h"
 #include "daemon/signal_loop.h"
@@ -47,22 +48,23 @@ void StopModules(SwitchBinding& binding) {
     Debug.Message("%s-MAIN: ## EXIT PROCESS %s ##\n", kTag, kTag);
 }
 
-bool RunGuarded(SwitchBinding& binding, ModuleLoadParams& params) {
+enum class Outcome { kDone, kNoMemory, kFailed };
+
+template <typename Call>
+Outcome Guarded(Call call) {
     try {
-        StartModules(binding, params);
-        FinishStartup();
-        WaitForStop(binding.pInterface);
-        StopModules(binding);
-        return true;
+        call();
+        return Outcome::kDone;
     } catch (const abi::__forced_unwind&) {
         throw;  // a cancelled thread, not a failure
     } catch (const std::exception& error) {
         Debug.Message("%s-MAIN: FATAL ERROR! Exception from Server Control SWITCH: %s\n", kTag,
                       error.what());
+        if (dynamic_cast<const std::bad_alloc*>(&error) != nullptr) return Outcome::kNoMemory;
     } catch (...) {
         Debug.Message("%s-MAIN: FATAL ERROR! Unknown exception from Server Control SWITCH\n", kTag);
     }
-    return false;
+    return Outcome::kFailed;
 }
 
 // Runs with every handler left, also when the initial thread itself is ended by a module: an
@@ -84,5 +86,13 @@ struct Cleanup {
 bool RunService(SwitchBinding& binding, ModuleLoadParams& params) {
     const Cleanup cleanup(binding);
     CreatePidFile();
-    return RunGuarded(binding, params);
+    const Outcome run = Guarded([&] {
+        StartModules(binding, params);
+        FinishStartup();
+        WaitForStop(binding.pInterface);
+    });
+    // After any other exception nobody knows what state the library is in. When memory has ended,
+    // the modules that have started are stopped all the same.
+    if (run == Outcome::kFailed) return false;
+    return Guarded([&] { StopModules(binding); }) == Outcome::kDone && run == Outcome::kDone;
 }

@@ -87,6 +87,9 @@ TEST_F(DaemonTest, FaultsOfTheLibraryHaveTheirEnds) {
         {"throwing", "close-event", true, 0, "## EXIT PROCESS", "stop\nunload\nSW_Release\n"},
         {"throwing", "assign-event", true, 0, "## EXIT PROCESS", "stop\nunload\nSW_Release\n"},
         {"throwing", "reset-event", true, 0, "## EXIT PROCESS", "stop\nunload\nSW_Release\n"},
+        {"throwing", "start memory", false, 1, "bad_alloc\n", "start\nstop\nunload\nSW_Release\n"},
+        {"throwing", "notify memory", true, 1, "bad_alloc\n", "stop\nunload\nSW_Release\n"},
+        {"throwing", "stop memory", true, 1, "bad_alloc\n", "stop\n"},
         // After other exceptions the library is not called any more, not even to release it.
         {"throwing", "start", false, 1, "library says start\n", "start\n"},
         {"throwing", "notify odd", true, 1, "nknown exception", "notify\n"},

@@ -1,8 +1,9 @@
 // A switch library that throws where the script says so: an exception type of its own that the
-// daemon cannot know, or with the word "odd" one that is not even a std::exception. Or it treats
-// the exit event as no module may.
+// daemon cannot know, or with the word "odd" one that is not even a std::exception, with "memory"
+// that there is no memory. Or it treats the exit event as no module may.
 #include <atomic>
 #include <exception>
+#include <new>
 #include <string>
 #include <thread>
 
@@ -30,6 +31,7 @@ void Call(const char* word) {
     Record("%s", word);
     if (!Scripted(word)) return;
     if (Scripted("odd")) throw Oddity();
+    if (Scripted("memory")) throw std::bad_alloc();
     throw LibraryError(word);
 }
 
