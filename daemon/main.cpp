@@ -16,6 +16,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     OpenStandardDescriptors();
+    IgnoreFileSizeLimit();
 
     // Taken before the fork, so that a second start fails in sight of whoever started it. Every
     // return gives it up.

@@ -81,6 +81,12 @@ void OpenStandardDescriptors() {
     }
 }
 
+void IgnoreFileSizeLimit() {
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGXFSZ, &ignore, nullptr);
+}
+
 bool Detach(int argc, char** argv) {
     const bool foreground = std::any_of(argv + std::min(argc, 1), argv + argc, [](const char* arg) {
         return std::string_view(arg) == "-n" || std::string_view(arg) == "-nodemon";

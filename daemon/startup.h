@@ -8,6 +8,9 @@
 // becomes standard error by accident.
 void OpenStandardDescriptors();
 
+// A file that has reached the limit of file sizes is a file that is full: EFBIG, not a signal.
+void IgnoreFileSizeLimit();
+
 // Goes to the background unless the command line says "-n" or "-nodemon". The parent ends here,
 // with exit status 0 and without giving up anything; the child's standard streams are /dev/null.
 // False when there is no child.

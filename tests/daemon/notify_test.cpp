@@ -1,13 +1,17 @@
 // What the init system hears.
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cstddef>
+#include <filesystem>
 
 #include "tests/daemon/daemon_test.h"
 
 namespace {
+
+namespace fs = std::filesystem;
 
 class InitSystem {
   public:
@@ -44,6 +48,23 @@ TEST_F(DaemonTest, TellsTheInitSystemThatItIsReadyAndThatItStops) {
         EXPECT_EQ(init.Hear(MSG_DONTWAIT), "STOPPING=1");
         EXPECT_EQ(init.Hear(MSG_DONTWAIT), "");
     }
+}
+
+// A limit of file sizes is a full disk for every file that the daemon writes.
+TEST_F(DaemonTest, RunsWhereNoFileMayGrow) {
+    const InitSystem init("/run/limited");
+    m_environment["NOTIFY_SOCKET"] = "/run/limited";
+    const pid_t pid = Start({"-n"}, [] {
+        const rlimit none{};
+        setrlimit(RLIMIT_FSIZE, &none);
+    });
+    EXPECT_TRUE(init.Hear().starts_with("READY=1"));
+    EXPECT_FALSE(fs::exists(kPidFile));
+    EXPECT_TRUE(fs::exists(kLockFile));
+    EXPECT_EQ(Log(), "");
+    EXPECT_FALSE(fs::exists(m_logDirectory + "/log.kemd_a"));
+    EXPECT_EQ(Stop(pid), 0);
+    EXPECT_FALSE(fs::exists(kLockFile));
 }
 
 TEST_F(DaemonTest, RunsWhenTheInitSystemCannotBeTold) {

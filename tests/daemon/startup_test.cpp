@@ -123,7 +123,7 @@ TEST_F(DaemonTest, BackgroundProcessIsDetached) {
     EXPECT_EQ(fs::status(kPidFile).permissions(), fs::perms(0640));
     EXPECT_TRUE(InOrder(ReadFile(ProcFile(daemon, "status")),
                         {"\nUmask:\t0026\n", "\nSigBlk:\t0000000000006003\n",  // 1, 2, 14, 15
-                         "SigIgn:\t0000000010001000\n"}));                     // 13, 29
+                         "SigIgn:\t0000000011001000\n"}));                     // 13, 25, 29
     for (const char* fd : {"fd/0", "fd/1", "fd/2"}) {
         EXPECT_EQ(fs::read_symlink(ProcFile(daemon, fd)), "/dev/null");
     }

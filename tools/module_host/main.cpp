@@ -110,6 +110,7 @@ int Walk(const char* module, const WalkOptions& options) {
 
 int main(int argc, char** argv) {
     OpenStandardDescriptors();
+    IgnoreFileSizeLimit();
     Arguments arguments;
     if (!Parse(argc, argv, arguments)) {
         std::fputs("Try kemd-module-host --help.\n", stderr);
