@@ -17,6 +17,9 @@ struct VersionRecord {
 };
 extern const VersionRecord kVersion;
 
+// The version as every program and package spells it: "major.minor.build".
+extern const char* const kPackageVersion;
+
 // The three numbers of the version text; one that does not parse is 0.
 struct VersionNumbers {
     unsigned major;

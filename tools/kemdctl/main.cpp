@@ -45,7 +45,7 @@ void WriteHelp() {
 
 int Run(CommandLine& line) {
     if (line.Has("--version")) {
-        Write(std::string("kemdctl ") + kVersion.version + "\n");
+        Write(std::string("kemdctl ") + kPackageVersion + "\n");
         return kYes;
     }
     const std::string_view name = line.TakeCommand();

@@ -126,7 +126,7 @@ void Collection::AddTexts() {
         if (!text.empty()) m_texts.push_back({name, std::move(text)});
     };
     constexpr const char* kSelf = "/proc/self/exe";
-    add("version.txt", std::string(kVersion.programName) + " " + kVersion.version + " " +
+    add("version.txt", std::string(kVersion.programName) + " " + kPackageVersion + " " +
                            kVersion.buildDate + "\n");
     add("status.txt", RunProgram({kSelf, "status"}));
     add("check.txt", RunProgram({kSelf, "check"}));
