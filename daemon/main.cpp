@@ -11,6 +11,8 @@
 #include "trace/debug.h"
 
 int main(int argc, char** argv) {
+    int status = 0;
+    if (AnswerQuestion(argc, argv, status)) return status;
     if (getuid() != 0) {
         std::fprintf(stderr, "%s: %s-MAIN: Error! Permission denied\n", argv[0], kTag);
         return 1;

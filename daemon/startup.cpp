@@ -41,6 +41,24 @@ void ParseSwitch(ModuleLoadParams& params, std::string_view argument) {
     }
 }
 
+constexpr const char* kHelp =
+    "usage: kemd [-n | -nodemon] [-rescan] [-agentless | -ovins | -ovupd]\n"
+    "       kemd --help | --version\n"
+    "Brings the extension modules of the server management agents up and down and keeps a\n"
+    "trace of it. One instance runs at a time, as root, in the background.\n"
+    "\n"
+    "  -n, -nodemon  stay in the foreground\n"
+    "  -rescan       look for the installed modules again\n"
+    "  -agentless    run mode 5, agentless\n"
+    "  -ovins        run mode 7, for the installation manager\n"
+    "  -ovupd        run mode 8, for the update manager\n"
+    "  --help        print this text; only as the sole argument\n"
+    "  --version     print the version; only as the sole argument\n"
+    "\n"
+    "SIGTERM stops it, SIGHUP switches tracing off and on again. See kemd(8), and kemdctl(8)\n"
+    "for its state and its trace. Exit status: 0 stopped in order or gone to the background,\n"
+    "1 an error, which is on standard error or in the trace.\n";
+
 // "Nov 15 20:00:05": the time without weekday and year.
 using TimeText = std::array<char, 26>;  // as asctime_r wants it
 
@@ -73,6 +91,19 @@ int WritePid(const char* path) {
 }
 
 }  // namespace
+
+bool AnswerQuestion(int argc, char** argv, int& status) {
+    const std::string_view question = argc == 2 ? argv[1] : "";
+    if (question != "--help" && question != "--version") return false;
+    const int written = question == "--help"
+                            ? std::fputs(kHelp, stdout)
+                            : std::printf("%s %s\n", kVersion.programName, kPackageVersion);
+    status = written >= 0 && std::fflush(stdout) == 0 ? 0 : 1;
+    if (status != 0) {
+        std::fprintf(stderr, "%s: standard output: %s\n", argv[0], std::strerror(errno));
+    }
+    return true;
+}
 
 void OpenStandardDescriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {

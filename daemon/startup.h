@@ -4,6 +4,10 @@
 
 #include "kemd/module_switch.h"
 
+// Prints what "--help" or "--version" asks for, each as the only argument. True when one did;
+// `status` is the exit status then.
+[[nodiscard]] bool AnswerQuestion(int argc, char** argv, int& status);
+
 // Opens what is closed of the three standard descriptors on /dev/null, so that no file of ours
 // becomes standard error by accident.
 void OpenStandardDescriptors();

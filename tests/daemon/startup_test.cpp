@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <set>
 
+#include "daemon/version.h"
 #include "tests/daemon/daemon_test.h"
 #include "trace/environment.h"
 
@@ -35,8 +36,33 @@ TEST_F(DaemonTest, OnlyRootMayStartIt) {
     fs::permissions("/usr", fs::perms(0755));  // the sandbox made it for root alone
     const auto canStart = [] { _exit(setuid(1) == 0 && access("/build/kemd", X_OK) == 0 ? 0 : 1); };
     if (WaitForExit(Start({}, canStart)) != 0) GTEST_SKIP() << "no other user can start it here";
-    EXPECT_EQ(WaitForExit(Start({"-n"}, [] { (void)!setuid(1); })), 1);
-    EXPECT_EQ(Complaints(), "/build/kemd: KEMD-MAIN: Error! Permission denied\n");
+    const auto user = [] { (void)!setuid(1); };
+    EXPECT_EQ(WaitForExit(Start({"--version"}, user)), 0);
+    // Only alone it is a question.
+    for (const auto& arguments : {std::vector<std::string>{"-n"}, {"--help", "-n"}, {"--help="}}) {
+        EXPECT_EQ(WaitForExit(Start(arguments, user)), 1);
+        EXPECT_EQ(Complaints(), "/build/kemd: KEMD-MAIN: Error! Permission denied\n");
+    }
+    EXPECT_FALSE(fs::exists(kLockFile));
+}
+
+TEST_F(DaemonTest, QuestionsAreAnsweredBeforeAnythingIsTouched) {
+    const struct {
+        const char* question;
+        std::string answer;
+    } cases[] = {
+        {"--help", "usage: kemd [-n | -nodemon] [-rescan] [-agentless | -ovins | -ovupd]\n"},
+        {"--version", std::string("kemd ") + kPackageVersion + "\n"}};
+    for (const auto& [question, answer] : cases) {
+        const pid_t answering = Start({question}, [] {
+            dup2(open("/tmp/answer", O_WRONLY | O_CREAT | O_TRUNC, 0644), STDOUT_FILENO);
+        });
+        EXPECT_EQ(WaitForExit(answering), 0) << question;
+        EXPECT_TRUE(ReadFile("/tmp/answer").starts_with(answer)) << ReadFile("/tmp/answer");
+        const auto full = [] { dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO); };
+        EXPECT_EQ(WaitForExit(Start({question}, full)), 1) << question;
+        EXPECT_EQ(Complaints(), "/build/kemd: standard output: No space left on device\n");
+    }
     EXPECT_FALSE(fs::exists(kLockFile));
 }
 
