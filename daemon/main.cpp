@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "daemon/notify.h"
 #include "daemon/service.h"
 #include "daemon/smbus_probe.h"
 #include "daemon/startup.h"
@@ -31,6 +32,7 @@ int main(int argc, char** argv) {
     if (!Detach(argc, argv)) return 1;
 
     (void)Debug.Init("kemd");  // without its files the daemon runs all the same
+    ReportMissingLog();
     Debug.SetCommandLine(argc, argv);
     ModuleLoadParams params = ParseCommandLine(argc, argv);
     PrepareProcess();
@@ -42,6 +44,7 @@ int main(int argc, char** argv) {
     SwitchBinding binding{};
     if (!binding.Load()) {
         Debug.Message(0U, "%s-MAIN: FATAL ERROR! Server Control SWITCH could not be loaded!", kTag);
+        ReportStart("no switch library: %s; kemdctl check says what to do", binding.failure);
         binding.CloseLibrary();
         return 1;
     }

@@ -4,8 +4,12 @@
 #include <sys/time.h>
 #include <sys/un.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdarg>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -42,23 +46,38 @@ bool Send(std::string_view name, std::string_view state) {
                   reinterpret_cast<const sockaddr*>(&address), length) >= 0;
 }
 
+// `state` has several lines; the first one stands for it in a message.
 void Notify(std::string_view state) {
     const char* name = std::getenv("NOTIFY_SOCKET");
     if (name == nullptr || *name == '\0') return;
     if (Send(name, state)) return;
+    const int error = errno;
+    state = state.substr(0, state.find('\n'));
     Debug.Message("%s-MAIN: cannot send %.*s to %s (%s)\n", kTag, static_cast<int>(state.size()),
-                  state.data(), name, std::strerror(errno));
+                  state.data(), name, std::strerror(error));
 }
 
 }  // namespace
 
 void NotifyReady() {
-    Notify("READY=1");
+    Notify("READY=1\nSTATUS=Waiting for signals");
 }
 
 void NotifyStopping() {
     static bool isTold = false;
     if (isTold) return;
     isTold = true;
-    Notify("STOPPING=1");
+    Notify("STOPPING=1\nSTATUS=Stopping");
+}
+
+void ReportStart(const char* format, ...) {
+    constexpr size_t kKey = 7;  // "STATUS="
+    std::array<char, 1024> text{"STATUS="};
+    va_list args;
+    va_start(args, format);
+    (void)std::vsnprintf(text.data() + kKey, text.size() - kKey, format, args);
+    va_end(args);
+    std::replace(text.begin(), text.end(), '\n', ' ');  // of a path: it stays one line
+    std::fprintf(stderr, "%s: %s-MAIN: %s\n", program_invocation_name, kTag, text.data() + kKey);
+    Notify(text.data());
 }

@@ -15,6 +15,7 @@
 #include <ctime>
 #include <string_view>
 
+#include "daemon/notify.h"
 #include "daemon/version.h"
 #include "daemon/wait_signals.h"
 #include "services/base/regular_file.h"
@@ -135,6 +136,12 @@ bool Detach(int argc, char** argv) {
     if (child > 0) exit(0);  // not by return: the lock is the child's now
     DropStandardStreams();
     return true;
+}
+
+void ReportMissingLog() {
+    if (Debug.LogError() == 0) return;
+    ReportStart("no trace: cannot open %s (%s); kemdctl check says what to do", Debug.LogPath(),
+                std::strerror(Debug.LogError()));
 }
 
 ModuleLoadParams ParseCommandLine(int argc, char** argv) {

@@ -20,6 +20,9 @@ void IgnoreFileSizeLimit();
 // False when there is no child.
 [[nodiscard]] bool Detach(int argc, char** argv);
 
+// Says to whoever started the daemon that it keeps no log.
+void ReportMissingLog();
+
 // The run mode and the rescan flag; each recognised switch is traced, unknown ones are ignored.
 ModuleLoadParams ParseCommandLine(int argc, char** argv);
 

@@ -39,8 +39,8 @@ bool SwitchBinding::OpenLibrary() {
         ReturnsNormally([&] { hLibrary = open("libswitch.so", RTLD_NOW | RTLD_GLOBAL); });
     const int error = errno;
     if (hLibrary != nullptr) return true;
-    TRACE(1, "LoadLibrary: ## ERROR:  %s\n",
-          returned ? dlerror() : "libswitch.so: exception in an initialiser");
+    failure = returned ? dlerror() : "libswitch.so: exception in an initialiser";
+    TRACE(1, "LoadLibrary: ## ERROR:  %s\n", failure);
     lastError = error;
     return false;
 }
@@ -50,6 +50,7 @@ bool SwitchBinding::Load() {
     Resolve(hLibrary, "SW_AddRef", pfnAddRef);
     Resolve(hLibrary, "SW_Release", pfnRelease);
     Resolve(hLibrary, "SW_QueryInterface", pfnQueryInterface);
+    failure = "libswitch.so gives no interface to the modules";
     if (pfnQueryInterface == nullptr) return pInterface != nullptr;
     uint8_t found = 0;
     if (!ReturnsNormally([&] { found = pfnQueryInterface(0, &pInterface); }) || found == 0) {

@@ -17,6 +17,7 @@ struct SwitchBinding {
     void* hLibrary;             // from dlopen; null while closed
     IModuleSwitch* pInterface;  // belongs to the library; null while not obtained
     int32_t lastError;          // errno right after a failed dlopen
+    const char* failure;        // why Load failed; valid until the next dl function is called
 
     // Opens the library unless it is open and asks for the interface. True when there is one.
     [[nodiscard]] bool Load();

@@ -76,6 +76,9 @@ class CDebug : public CDebugTraceConfig {
     KEMD_API int FormatLinePrefix(char* buffer, size_t size, const char* tag);
     // The process that called Init; 0 before.
     [[nodiscard]] pid_t ProcessId() const { return m_processId; }
+    [[nodiscard]] const char* LogPath() const { return m_logPath.Get(); }
+    // errno of the failed attempt to open the log file; 0 when it is open.
+    [[nodiscard]] int LogError() const { return m_logError; }
     // Everything off and closed. Later calls do nothing until the next Init.
     KEMD_API void Close();
 
@@ -140,6 +143,7 @@ class CDebug : public CDebugTraceConfig {
     Path m_startupRingPath;
     Path m_logPath;
     LogFile m_log;
+    int m_logError = 0;
     LinePrefix m_prefix;
     RecordBuffer m_record;
     EnvironmentSnapshot m_environment;

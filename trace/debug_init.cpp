@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -92,7 +93,9 @@ void CDebug::SetModuleName(const char* moduleName) {
 void CDebug::OpenLog() {
     FormatPath(m_logPath, "");
     m_log.SetLimit(m_inForce.logLimit);
-    if (m_log.Open(m_logPath.Get())) return;
+    errno = 0;
+    m_logError = m_log.Open(m_logPath.Get()) ? 0 : errno;
+    if (m_log.IsOpen()) return;
     syslog(LOG_ERR, "ERROR: Error during opening %s --> proceed without it\n", m_logPath.Get());
 }
 

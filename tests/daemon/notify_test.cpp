@@ -42,12 +42,31 @@ TEST_F(DaemonTest, TellsTheInitSystemThatItIsReadyAndThatItStops) {
         const InitSystem init(name);
         m_environment["NOTIFY_SOCKET"] = name;
         const pid_t pid = Start({"-n"});
-        EXPECT_EQ(init.Hear(), "READY=1");
+        EXPECT_EQ(init.Hear(), "READY=1\nSTATUS=Waiting for signals");
         EXPECT_TRUE(Contains(Log(), "## Done initializing ##\n"));
         EXPECT_EQ(Stop(pid), 0);
-        EXPECT_EQ(init.Hear(MSG_DONTWAIT), "STOPPING=1");
+        EXPECT_EQ(init.Hear(MSG_DONTWAIT), "STOPPING=1\nSTATUS=Stopping");
         EXPECT_EQ(init.Hear(MSG_DONTWAIT), "");
     }
+}
+
+TEST_F(DaemonTest, TellsInOneLineWhyTheStartFails) {
+    const InitSystem init("/run/reasons");
+    m_environment["NOTIFY_SOCKET"] = "/run/reasons";
+    fs::remove("/var/log/orvmon");
+    UseSwitch("missing");
+    EXPECT_EQ(WaitForExit(Start({"-n"})), 1);
+    std::string told = "/build/kemd: KEMD-MAIN: started in \"No Demon\" Mode\n";
+    for (
+        const std::string reason :
+        {"no trace: cannot open /var/log/orvmon/log.kemd (No such file or directory); kemdctl check "
+         "says what to do",
+         "no switch library: libswitch.so: cannot open shared object file: No such file or "
+         "directory; kemdctl check says what to do"}) {
+        EXPECT_EQ(init.Hear(MSG_DONTWAIT), "STATUS=" + reason);
+        told += "/build/kemd: KEMD-MAIN: " + reason + "\n";
+    }
+    EXPECT_EQ(Complaints(), told);
 }
 
 // A limit of file sizes is a full disk for every file that the daemon writes.
