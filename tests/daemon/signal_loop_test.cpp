@@ -1,0 +1,108 @@
+// What the real program cannot be brought to: signals that nobody waits for, a wait that fails, an
+// init system that does not listen.
+#include "daemon/signal_loop.h"
+
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csetjmp>
+#include <csignal>
+#include <cstdlib>
+
+#include "daemon/notify.h"
+#include "tests/traced_test.h"
+
+static int g_signal = 0;
+static int g_waitResult = 0;
+extern "C" int sigwait(const sigset_t* /*set*/, int* signal) {
+    *signal = g_signal;
+    return g_waitResult;
+}
+
+// Comes back to where an abort is awaited.
+static sigjmp_buf g_afterAbort;
+static bool g_isAbortAwaited = false;
+extern "C" void abort() noexcept {
+    if (g_isAbortAwaited) siglongjmp(g_afterAbort, 1);
+    _exit(134);
+}
+
+// The daemon's time limit for sending, cut to a moment.
+static bool g_isLimited = false;
+extern "C" int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept {
+    constexpr timeval kMoment{0, 1000};
+    g_isLimited = level == SOL_SOCKET && name == SO_SNDTIMEO && size == sizeof(kMoment) &&
+                  static_cast<const timeval*>(value)->tv_sec > 0;
+    return static_cast<int>(syscall(SYS_setsockopt, fd, level, name, &kMoment, size));
+}
+
+namespace {
+
+class SignalLoopTest : public TracedTest, public IModuleSwitch {
+  protected:
+    void SetUp() override {
+        TracedTest::SetUp();
+        WriteFile("/usr/bin/systemctl", "");
+        WriteFile("/etc/orvmon/RunLevel", "6");
+    }
+
+    bool LoadModules(ModuleLoadParams* /*params*/) override { return true; }
+    bool UnloadModules(uint32_t /*options*/) override { return true; }
+    void StartAllModules() override {}
+    void StopAllModules() override {}
+    void NotifyModules(uint32_t code, void* /*data*/, uint32_t /*word*/) override {
+        m_notified.push_back(code);
+    }
+
+    std::vector<uint32_t> m_notified;
+};
+
+TEST_F(SignalLoopTest, UnexpectedSignalAbortsAfterTheNotification) {
+    g_signal = SIGUSR1;
+    g_isAbortAwaited = true;
+    if (sigsetjmp(g_afterAbort, 1) == 0) WaitForStop(this);
+    g_isAbortAwaited = false;
+    EXPECT_TRUE(InOrder(Trace(), {"KEMD-MAIN: Signal 10 caught -> processing\n",
+                                  "KEMD-MAIN: Current RunLevel = 6\n",
+                                  "KEMD-MAIN: Unexpected Signal 10 caught -> ABORT\n"}));
+    EXPECT_EQ(m_notified, (std::vector<uint32_t>{kNotifyStop, kNotifyShutdown}));
+}
+
+TEST_F(SignalLoopTest, FailedWaitIsAStop) {
+    g_waitResult = EINVAL;
+    WaitForStop(this);
+    g_waitResult = 0;
+    EXPECT_TRUE(InOrder(
+        Trace(), {"KEMD-MAIN: ## ERROR sigwait() failed (ret=22) ##\n",
+                  "KEMD-MAIN: ## ERROR This is Operating System BUG, since sigwait() should never "
+                  "return an error !!! ##\n",
+                  "KEMD-MAIN: ## ERROR We do so as if SIGTERM has been sent to this process) --> "
+                  "Do Shutdown !!! ##\n",
+                  "KEMD-MAIN: Signal 15 caught -> processing\n",
+                  "KEMD-MAIN: ## Someone signaled exit state ##\n"}));
+    EXPECT_EQ(m_notified, (std::vector<uint32_t>{kNotifyStop, kNotifyShutdown}));
+}
+
+TEST_F(SignalLoopTest, InitSystemThatDoesNotListenHoldsNothingUp) {
+    sockaddr_un address{AF_UNIX, "/run/deaf"};
+    const auto* to = reinterpret_cast<const sockaddr*>(&address);
+    const int deaf = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    ASSERT_EQ(bind(deaf, to, sizeof(address)), 0);
+    while (sendto(sender, "x", 1, 0, to, sizeof(address)) == 1) continue;
+    setenv("NOTIFY_SOCKET", "/run/deaf", 1);
+    NotifyReady();  // without a limit it would not return
+    unsetenv("NOTIFY_SOCKET");
+    EXPECT_TRUE(g_isLimited);
+    EXPECT_TRUE(Contains(Trace(),
+                         "KEMD-MAIN: cannot send READY=1 to /run/deaf (Resource "
+                         "temporarily unavailable)\n"));
+    close(deaf);
+    close(sender);
+}
+
+}  // namespace
