@@ -72,7 +72,7 @@ class FileLockTest : public TracedTest {
         umask(0);
         // Ends a lock that blocks: process 1 does not die of it by default.
         (void)signal(SIGALRM, [](int) { _exit(1); });
-        alarm(60);
+        alarm(100);
         ASSERT_EQ(chdir("/tmp"), 0);
     }
     void TearDown() override {
@@ -231,7 +231,7 @@ int Compete() {
 }
 
 TEST_F(FileLockTest, OneOfSeveralInstancesHoldsIt) {
-    for (int round = 0; round < 100; ++round) {
+    for (int round = 0; round < 30; ++round) {
         WriteFile(kFile, "kemd#4711");
         int gate[2];
         ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);
@@ -240,7 +240,7 @@ TEST_F(FileLockTest, OneOfSeveralInstancesHoldsIt) {
             close(gate[1]);
             char end = 0;
             (void)!read(gate[0], &end, 1);
-            alarm(60);
+            alarm(100);
             _exit(Compete());
         }
         close(gate[0]);
@@ -256,17 +256,17 @@ TEST_F(FileLockTest, OneOfSeveralInstancesHoldsIt) {
 }
 
 TEST_F(FileLockTest, IsRemovedWhileItIsLocked) {
-    static bool s_existed;
-    s_existed = false;
+    static bool existed;
+    existed = false;
     {
         CFileLock lock;
         ASSERT_TRUE(lock.Lock(kBase, "kemd", 0));
         g_beforeFlock = [](int operation) {
-            s_existed |= operation == LOCK_UN && fs::exists(kFile);
+            existed |= operation == LOCK_UN && fs::exists(kFile);
         };
     }
     g_beforeFlock = nullptr;
-    EXPECT_FALSE(s_existed);
+    EXPECT_FALSE(existed);
 }
 
 TEST_F(FileLockTest, FailsWhenMemoryEnds) {
