@@ -18,8 +18,8 @@
 
 #include "bench/measure.h"
 #include "bench/registry_sample.h"
+#include "kemd/process_status.h"
 #include "kemd/registry.h"
-#include "services/base/process_status.h"
 
 namespace {
 

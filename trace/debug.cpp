@@ -7,7 +7,7 @@
 
 #include <ctime>
 
-#include "services/base/process_status.h"
+#include "kemd/process_status.h"
 
 Stamp CDebug::MakeStamp() const {
     Stamp stamp;  // NOLINT(cppcoreguidelines-pro-type-member-init): every field is set below

@@ -1,4 +1,4 @@
-#include "services/base/process_status.h"
+#include "kemd/process_status.h"
 
 #include <dirent.h>
 #include <fcntl.h>

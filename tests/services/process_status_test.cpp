@@ -1,5 +1,5 @@
 // Runs with tests/services/status.in as /proc/1/status, so that every figure is known.
-#include "services/base/process_status.h"
+#include "kemd/process_status.h"
 
 #include <sys/prctl.h>
 #include <sys/wait.h>
