@@ -15,10 +15,7 @@ Stamp CDebug::MakeStamp() const {
     stamp.thread = static_cast<uint32_t>(pthread_self());
     stamp.withMemory = m_asRead.memoryTraces != 0;
     stamp.residentKb = 0;
-    if (stamp.withMemory) {
-        const CancelGuard guard;
-        ReadProcStatusValue(getpid(), stamp.residentKb, "VmRSS:", 1);
-    }
+    if (stamp.withMemory) ReadProcStatusValue(getpid(), stamp.residentKb, "VmRSS:", 1);
     return stamp;
 }
 

@@ -8,9 +8,11 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <memory>
 
+#include "services/base/cancel_guard.h"
 #include "services/base/unique_fd.h"
 
 namespace {
@@ -101,12 +103,14 @@ void ReadStatusBytes(pid_t pid, uint64_t& value, std::string_view key) {
 }  // namespace
 
 void ReadProcStatusValue(pid_t pid, uint64_t& value, std::string_view key, uint32_t scaleSteps) {
+    const CancelGuard guard;
     ReadStatusBytes(pid, value, key);
     constexpr uint32_t kStepsToZero = 7;  // 7 x 10 bits empty a 64-bit number
     value = scaleSteps >= kStepsToZero ? 0 : value >> (10 * scaleSteps);
 }
 
 bool GetProcessMemoryInfo(pid_t pid, ProcessMemoryInfo& info) {
+    const CancelGuard guard;
     info = {};
     uint64_t shared = 0;
     ReadStatusBytes(pid, info.peak, "VmPeak:");
@@ -117,10 +121,11 @@ bool GetProcessMemoryInfo(pid_t pid, ProcessMemoryInfo& info) {
     return info.peak != 0 && info.size != 0;
 }
 
-bool FindProcessByName(int32_t& pid, const char* name) {
+bool FindProcessByName(int32_t& pid, const char* name) try {
+    const CancelGuard guard;
     pid = -1;
     const std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
-    if (!proc) return false;
+    if (!proc || name == nullptr) return false;
     while (const dirent* entry = readdir(proc.get())) {
         const auto candidate = static_cast<int32_t>(std::strtol(entry->d_name, nullptr, 10));
         std::string command;
@@ -130,18 +135,27 @@ bool FindProcessByName(int32_t& pid, const char* name) {
         return true;
     }
     return false;
+} catch (const std::exception&) {
+    return false;
 }
 
-bool GetProcessExePath(std::string& path, pid_t pid) {
+bool GetProcessExePath(std::string& path, pid_t pid) try {
+    const CancelGuard guard;
+    path.clear();
     std::array<char, 4096> target{};
     const std::string link = "/proc/" + std::to_string(pid) + "/exe";
     const ssize_t length = readlink(link.c_str(), target.data(), target.size());
-    path.assign(target.data(), length > 0 ? static_cast<size_t>(length) : 0);
+    if (length > 0) path.assign(target.data(), static_cast<size_t>(length));
     return length > 0;
+} catch (const std::exception&) {
+    return false;
 }
 
-bool ReadProcFileLine(pid_t pid, const char* fileName, std::string& text) {
+bool ReadProcFileLine(pid_t pid, const char* fileName, std::string& text) try {
+    const CancelGuard guard;
     text.clear();
     std::ifstream file("/proc/" + std::to_string(pid) + "/" + fileName);
     return static_cast<bool>(std::getline(file, text));
+} catch (const std::exception&) {
+    return false;
 }

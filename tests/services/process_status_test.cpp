@@ -6,7 +6,10 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 #include <map>
+#include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -58,6 +61,33 @@ TEST(ProcessStatus, FindsProcessesByTheirWholeName) {
     }
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
+}
+
+// A request to end that is pending acts after each call, not in it: nothing is left open.
+TEST(ProcessStatus, CancelledThreadLeavesNothingOpen) {
+    const auto open = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto before = open();
+    for (int call = 0; call < 4; ++call) {
+        std::thread([call] {
+            const pthread_t self = pthread_self();
+            std::string text;
+            ProcessMemoryInfo info{};
+            uint64_t value = 0;
+            int32_t pid = 0;
+            pthread_cancel(self);
+            if (call == 0) ReadProcStatusValue(1, value, "VmRSS:", 1);
+            if (call == 1) GetProcessMemoryInfo(1, info);
+            if (call == 2) FindProcessByName(pid, "nobody");
+            if (call == 3) ReadProcFileLine(1, "comm", text);
+            EXPECT_TRUE(call != 0 || value == 2048);
+            EXPECT_TRUE(call != 3 || !text.empty());
+            pthread_testcancel();
+            ADD_FAILURE() << call;
+        }).join();
+    }
+    EXPECT_EQ(before, open());
 }
 
 }  // namespace
