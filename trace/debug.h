@@ -19,6 +19,7 @@
 
 #include "kemd/api.h"
 #include "services/base/cancel_guard.h"
+#include "services/base/never_destroyed.h"
 #include "services/base/recursive_mutex.h"
 #include "trace/environment.h"
 #include "trace/header.h"
@@ -60,27 +61,27 @@ class CDebug : public CDebugTraceConfig {
     virtual void TraceV(const char* format, va_list args, const char* tag) KEMD_PRINTF(2, 0);
 
     // Trace for callers with a prepared argument list.
-    KEMD_API void TraceArgs(unsigned level, const char* format, va_list args) KEMD_PRINTF(3, 0);
-    KEMD_API void TraceTagged(unsigned level, const char* format, va_list args, const char* tag)
+    void TraceArgs(unsigned level, const char* format, va_list args) KEMD_PRINTF(3, 0);
+    void TraceTagged(unsigned level, const char* format, va_list args, const char* tag)
         KEMD_PRINTF(3, 0);
 
     // Keeps both for the header (they must live as long as the process) and writes them.
-    KEMD_API void SetCommandLine(int argc, char** argv);
+    void SetCommandLine(int argc, char** argv);
     // Ends the start-up phase: the log keeps what it holds, the start-up ring buffer is compressed
     // and the run-time one opened. Works once after each Init.
-    KEMD_API void InitDone();
+    void InitDone();
     // False: trace level 0 and tracing off. True: the configured level and tracing on.
-    KEMD_API bool SwitchTrace(bool on);
-    KEMD_API void SetTraceTarget(unsigned target);
-    KEMD_API void WriteHeader(TraceTarget destination);
-    KEMD_API int FormatLinePrefix(char* buffer, size_t size, const char* tag);
+    bool SwitchTrace(bool on);
+    void SetTraceTarget(unsigned target);
+    void WriteHeader(TraceTarget destination);
+    int FormatLinePrefix(char* buffer, size_t size, const char* tag);
     // The process that called Init; 0 before.
     [[nodiscard]] pid_t ProcessId() const { return m_processId; }
     [[nodiscard]] const char* LogPath() const { return m_logPath.Get(); }
     // errno of the failed attempt to open the log file; 0 when it is open.
     [[nodiscard]] int LogError() const { return m_logError; }
     // Everything off and closed. Later calls do nothing until the next Init.
-    KEMD_API void Close();
+    void Close();
 
   private:
     // A cancelled thread must not take the lock along: cancellation stays off while it is held. The
@@ -149,7 +150,11 @@ class CDebug : public CDebugTraceConfig {
     EnvironmentSnapshot m_environment;
 };
 
-extern KEMD_API CDebug Debug;
+// The one object, as the union that keeps it from being destroyed. The executable exports it as
+// `Debug`: extension modules in any language find the object itself there, with its virtual table
+// first (kemd/trace_object.h).
+extern KEMD_API NeverDestroyed<CDebug> g_debugObject __asm__("Debug");
+static constexpr CDebug& Debug = g_debugObject.object;
 
 // What every caller in the tree uses for level-filtered records: a daemon whose tracing is off
 // makes no call at all.

@@ -14,11 +14,13 @@
 #include "kemd/event.h"
 #include "kemd/module.h"
 #include "kemd/trace.h"
+#include "kemd/trace_object.h"
 
 [[maybe_unused]] static constexpr const char* kTag = "misbehaving";
 
 #if defined(FAILS)
 static int Start() {
+    Debug.table->trace(&Debug, 3, "%s", "through the table");
     return 7;
 }
 static void Stop() {}

@@ -59,7 +59,8 @@ TEST_F(MisbehavingTest, TheOthersRunOnAndTheStopIsOrderly) {
         std::string kind;
         std::vector<std::string> trace;
     } cases[] = {
-        {"fails", {"module fails.so failed to start: result 7\n", started, stopped}},
+        {"fails",
+         {" through the table\n", "module fails.so failed to start: result 7\n", started, stopped}},
         {"throws", {started, "module throws.so failed to start: not today\n", stopped}},
         {"late", {started, "module late.so stopped\n", "late end of a thread\n", unloaded}},
         {"leaks",
