@@ -1,7 +1,8 @@
 /* Marks what the executable offers to extension modules.
  *
  * kemd is built with hidden symbols and exports only what carries KEMD_API, so that a helper of
- * the daemon can never take the place of a module's own function of the same name.
+ * the daemon can never take the place of a module's own function of the same name. What carries
+ * it does: modules are built with -fvisibility=hidden and show nothing but kemdModule.
  */
 #pragma once
 

@@ -10,9 +10,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "kemd/api.h"
-
-class KEMD_API RecursiveMutex {
+class RecursiveMutex {
   public:
     constexpr RecursiveMutex() = default;
     ~RecursiveMutex() { Destroy(); }

@@ -14,7 +14,9 @@
 #include "kemd/event.h"
 #include "kemd/module.h"
 #include "kemd/trace.h"
+#ifndef SHOWS
 #include "kemd/trace_object.h"
+#endif
 
 [[maybe_unused]] static constexpr const char* kTag = "misbehaving";
 
@@ -107,6 +109,17 @@ static void Stop() {}
 #elif defined(EXITS)
 static int Start() {
     _exit(3);
+}
+static void Stop() {}
+
+#elif defined(SHOWS)  // what the daemon shows as well
+KEMD_API bool FindProcessByName(int32_t& /*pid*/, const char* /*name*/) {
+    return false;
+}
+KEMD_API void OfItsOwn() {}
+KEMD_API uint64_t Debug = 1;
+static int Start() {
+    return 0;
 }
 static void Stop() {}
 

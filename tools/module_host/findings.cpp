@@ -1,10 +1,15 @@
 #include "tools/module_host/findings.h"
 
+#include <cxxabi.h>
+
 #include <array>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "daemon/wait_signals.h"
+#include "tools/kemdctl/elf_exports.h"
 
 namespace {
 
@@ -72,7 +77,25 @@ void CompareFiles(Findings& findings, const ProcessView& before, const ProcessVi
     }
 }
 
+std::string Demangled(const std::string& name) {
+    const std::unique_ptr<char, decltype(&free)> text(
+        abi::__cxa_demangle(name.c_str(), nullptr, nullptr, nullptr), free);
+    return text && name.starts_with("_Z") ? text.get() : name;  // "i" would be "int"
+}
+
 }  // namespace
+
+Findings ReplacedSymbols(const char* module) {
+    const ElfExports daemon = ReadElfExports("/proc/self/exe");  // shows the same as the daemon
+    Findings findings;
+    for (const std::string& name : ReadElfExports(module).names) {
+        if (!daemon.Has(name)) continue;
+        findings.push_back("symbol " + Demangled(name) +
+                           " of the module is replaced by the daemon's: build it with "
+                           "-fvisibility=hidden");
+    }
+    return findings;
+}
 
 Findings Changes(pid_t process, const ProcessView& before, const ProcessView& after) {
     Findings findings;

@@ -8,6 +8,10 @@
 
 using Findings = std::vector<std::string>;
 
+// The symbols that the module shows and the daemon shows too: the loader binds the module's own uses
+// of them to the daemon's.
+Findings ReplacedSymbols(const char* module);
+
 // What changed during one call, or between two. `process` is also the id of the calling thread.
 Findings Changes(pid_t process, const ProcessView& before, const ProcessView& after);
 

@@ -19,7 +19,11 @@ constexpr double kSlowMs = 500;
 class Walk {
   public:
     Walk(const char* path, const WalkOptions& options)
-        : m_options(options), m_process(path), m_first(LookAt(m_process.Id())), m_last(m_first) {}
+        : m_path(path),
+          m_options(options),
+          m_process(path),
+          m_first(LookAt(m_process.Id())),
+          m_last(m_first) {}
 
     WalkResult Run();
 
@@ -33,6 +37,7 @@ class Walk {
     [[nodiscard]] Processes ThreadsLeft() const;
     bool AwaitThreads();
 
+    const char* const m_path;
     const WalkOptions& m_options;
     ModuleProcess m_process;
     const ProcessView m_first;
@@ -143,6 +148,7 @@ WalkResult Walk::Run() {
         std::fprintf(stderr, "kemd-module-host: no module: %s\n", m_process.Board().text.data());
         return WalkResult::kNoModule;
     }
+    for (const std::string& text : ReplacedSymbols(m_path)) Finding(text);
     const bool returned = Make(Call::kStart, "start");
     const int result = m_process.Board().result;
     if (returned && result != 0) {
