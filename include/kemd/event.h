@@ -51,3 +51,5 @@ KEMD_API int ResetEvent(EventHandle& handle);
 KEMD_API int CheckEvent(EventHandle& handle);
 // Waits at most `timeoutMs` milliseconds; kWaitSignaled, kWaitTimedOut or kWaitFailed.
 KEMD_API int WaitForEvent(EventHandle& handle, uint32_t timeoutMs);
+
+static_assert(sizeof(EventHandle) == 16, "size of EventHandle");

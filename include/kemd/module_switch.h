@@ -50,3 +50,5 @@ class IModuleSwitch {
     // 16: `word` is always 0. `data` is valid during the call.
     virtual void NotifyModules(uint32_t code, void* data, uint32_t word) = 0;
 };
+
+static_assert(sizeof(IModuleSwitch) == sizeof(void*), "size of IModuleSwitch");

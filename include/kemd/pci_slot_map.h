@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kemd/api.h"
+#include "kemd/cxx_library.h"
 
 struct KEMD_API PciSlotData {
     uint8_t bus;
@@ -47,3 +48,7 @@ class KEMD_API CPciSlotMap {
     // The first record that stands for the device; null when there is none.
     static const PciSlotData* Find(const Slots& slots, uint8_t bus, uint8_t device);
 };
+
+KEMD_CLASS_SIZE(PciSlotData, 4);
+KEMD_CLASS_SIZE(CPciSlotMap, 1);
+KEMD_CLASS_SIZE(CPciSlotMap::Slots, 24);

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "kemd/api.h"
+#include "kemd/cxx_library.h"
 
 // One figure of the process's status file. `key` carries its colon ("VmRSS:"). The result is in
 // bytes, divided by 1024 `scaleSteps` times (1: KiB). When the key is not found the value that the
@@ -37,3 +38,5 @@ KEMD_API bool GetProcessExePath(std::string& path, pid_t pid);
 
 // The first line of /proc/<pid>/<fileName>, without its line feed.
 KEMD_API bool ReadProcFileLine(pid_t pid, const char* fileName, std::string& text);
+
+KEMD_CLASS_SIZE(ProcessMemoryInfo, 40);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "kemd/api.h"
+#include "kemd/cxx_library.h"
 
 // Reads one value (`section` and `key` given), the names of a section's keys (`key` null) or the
 // names of all sections (`section` null) into `out`, which holds `size` bytes. Names stand one
@@ -100,3 +101,5 @@ class KEMD_API CProfileFile {
     const char* m_cursor = nullptr;  // in the list: the current name
     bool m_isValid = false;
 };
+
+KEMD_CLASS_SIZE(CProfileFile, 56);

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "kemd/api.h"
+#include "kemd/cxx_library.h"
 
 inline constexpr int32_t kRegistryFailed = -1;
 inline constexpr int32_t kRegistryInvalid = 22;  // no key open, or a required pointer is missing
@@ -212,3 +213,7 @@ class KEMD_API CRegistry {
     std::string m_value;  // the value last read
     std::string m_path;
 };
+
+KEMD_CLASS_SIZE(RegistryKey, 8);
+KEMD_CLASS_SIZE(RegistryHandle, 16);
+KEMD_CLASS_SIZE(CRegistry, 120);

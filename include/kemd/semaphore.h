@@ -34,3 +34,5 @@ KEMD_API int WaitForSemaphore(SemaphoreHandle& handle, int32_t timeoutMs);
 // Gives `count` units. False for an empty handle, a count below 1 and when a unit was refused; the
 // units before it stay given.
 KEMD_API bool ReleaseSemaphore(SemaphoreHandle& handle, int64_t count);
+
+static_assert(sizeof(SemaphoreHandle) == 8, "size of SemaphoreHandle");

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "kemd/api.h"
+#include "kemd/cxx_library.h"
 
 struct ThreadRecord;
 
@@ -47,3 +48,5 @@ class KEMD_API CThread {
 
     std::shared_ptr<ThreadRecord> m_record;
 };
+
+KEMD_CLASS_SIZE(CThread, 32);
