@@ -3,7 +3,8 @@
 // Ready before `main` and before any constructor of a static object, and usable until the process
 // is gone: at its end it is closed, never destroyed, and every later call does nothing. Any thread
 // may call anything; one recursive lock guards the whole object. Nothing throws, and a thread that
-// is cancelled inside an operation is cancelled behind it.
+// is cancelled inside an operation is cancelled behind it. In a child that a process forks after
+// Init, tracing is off for good; a signal handler must not trace.
 //
 // A record has a level, 1 (failures, major steps) to 6 (finest detail), and is written when it is
 // not above the trace level in force. Level 0 is written whenever there is a target.
@@ -82,6 +83,9 @@ class CDebug : public CDebugTraceConfig {
     [[nodiscard]] int LogError() const { return m_logError; }
     // Everything off and closed. Later calls do nothing until the next Init.
     void Close();
+    // In the child of a fork: every later call does nothing, takes no lock and leaves the parent's
+    // files alone, Init included. Safe whatever other threads of the parent were doing.
+    void AbandonInChild();
 
   private:
     // A cancelled thread must not take the lock along: cancellation stays off while it is held. The
@@ -136,6 +140,7 @@ class CDebug : public CDebugTraceConfig {
     std::atomic<uint32_t> m_target{kTargetNone};
     bool m_startupEnded = false;
     bool m_closed = false;
+    bool m_abandoned = false;
     bool m_initDone = false;       // as the header shows it: set with the run-time ring buffer only
     bool m_writingHeader = false;  // into the ring buffer
     int64_t m_ringSize = 0;        // bytes; four times the configured size during start-up

@@ -61,6 +61,7 @@ CDebug::~CDebug() {
 
 bool CDebug::Init(const char* moduleName) {
     const Lock lock(*this);
+    if (m_abandoned) return false;
     m_target = kTargetNone;
     m_ring.Close();
     m_log.Close();
@@ -203,4 +204,16 @@ void CDebug::Close() {
     m_ring.Close();
     m_log.Close();
     m_closed = true;
+}
+
+// Nothing is unmapped or closed: another thread of the parent may have been about to do so, and the
+// address or number may be something else's by now.
+void CDebug::AbandonInChild() {
+    m_lock.Abandon();
+    m_abandoned = true;
+    m_closed = true;
+    m_updateInterval = 0;
+    SwitchOff();
+    m_ring.Forget();
+    m_log.Forget();
 }

@@ -15,6 +15,8 @@ class LogFile {
     // Truncates the file. Closes what was open before and starts counting anew.
     [[nodiscard]] bool Open(const char* path);
     void Close();
+    // In the child of a fork: the file is the parent's.
+    void Forget() { (void)m_fd.Release(); }
     [[nodiscard]] bool IsOpen() const { return m_fd.IsOpen(); }
 
     void SetLimit(uint32_t bytes) { m_limit = bytes; }

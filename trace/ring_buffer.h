@@ -24,6 +24,11 @@ class RingBuffer {
     [[nodiscard]] bool Map(size_t size);
     // Unmaps, closes and forgets all offsets.
     void Close();
+    // In the child of a fork: the ring is the parent's.
+    void Forget() {
+        m_map.Forget();
+        (void)m_fd.Release();
+    }
 
     [[nodiscard]] bool IsMapped() const { return m_map.Data() != nullptr; }
     [[nodiscard]] int Descriptor() const { return m_fd.Get(); }

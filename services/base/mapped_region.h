@@ -24,6 +24,11 @@ class MappedRegion {
 
     void Unmap() {
         if (m_data != nullptr) munmap(m_data, m_size);
+        Forget();
+    }
+
+    // Gives the mapping up without unmapping it.
+    void Forget() {
         m_data = nullptr;
         m_size = 0;
     }

@@ -2,7 +2,7 @@
 // it.
 //
 // Any thread may call. Constant-initialised, so that a global one is ready before any constructor
-// runs. When creation failed (or after Destroy) Lock and Unlock do nothing.
+// runs. When creation failed (or after Destroy or Abandon) Lock and Unlock do nothing.
 #pragma once
 
 #include <pthread.h>
@@ -36,6 +36,9 @@ class RecursiveMutex {
     }
     // Gives the lock up first when the caller still holds it, at whatever depth.
     void Destroy();
+    // For the child of a fork, where the thread that held it at that moment does not exist: Lock
+    // and Unlock do nothing from now on.
+    void Abandon() { m_valid = false; }
 
   private:
     pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;

@@ -160,9 +160,10 @@ TEST_F(SlotMapTest, SmbiosSlotsThatAreThereAreTaken) {
                                   "ERROR ## No slot data in SMBios!\n"}));
 }
 
-// The map is one for each process: in a child, whose trace goes on where this one stopped.
+// The map is one for each process: in a child, whose trace goes on where this one stopped, as no
+// handler of a fork switches it off.
 std::string TraceOfChild(int expectedSlot) {
-    const pid_t child = fork();
+    const pid_t child = _Fork();
     if (child == 0) _exit(CPciSlotMap::GetPciSlotNumber(1, 9));
     int status = -1;
     waitpid(child, &status, 0);

@@ -2,9 +2,12 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <iterator>
+#include <semaphore>
 #include <sstream>
 #include <thread>
 
@@ -142,6 +145,42 @@ TEST_F(DebugTest, ConcurrentRecordsAreWholeAndCompleteAcrossTheEndOfStartup) {
     }
     EXPECT_EQ(std::vector<size_t>(kThreads, kRecords), next);
     EXPECT_EQ(kThreads * kRecords + 1, count);  // and the record that ends the start-up
+}
+
+// Even when another thread of the parent holds the lock at that moment.
+TEST_F(DebugTest, ForkedChildTracesNothingAndNeverWaits) {
+    static std::binary_semaphore held(0), release(0);
+    setenv("OV_LOG_DYNAMIC_UPDATE", "1", 1);
+    ASSERT_TRUE(StartRing(Debug));
+    OnNextRecord([] {
+        held.release();
+        release.acquire();
+    });
+    std::thread holder([] { KemdMessage("module", "of the parent"); });
+    held.acquire();
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(60);  // in place of a child that waits for ever
+        for (int again = 0; again < 2; ++again) {
+            KemdTrace("module", 1, "of the child");
+            KemdMessage("module", "of the child");
+            Debug.Trace(0, "of the child");
+            Debug.SwitchTrace(true);
+            Debug.SetTraceTarget(kTargetRing);
+            Debug.InitDone();
+            Debug.Init("kemd");
+        }
+        _exit(KemdTraceOn());
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(0, status);
+    release.release();
+    holder.join();
+    Debug.Message("after it");
+    EXPECT_TRUE(InOrder(RingRecords(kStartupRing), {" of the parent\n" + Record("after it")}));
+    EXPECT_TRUE(InOrder(ReadFile(kLog), {" of the parent\n" + Record("after it")}));
+    EXPECT_FALSE(Contains(ReadFile(kStartupRing) + ReadFile(kLog), "of the child"));
 }
 
 TEST_F(DebugTest, CancelledThreadLeavesTheLockFreeAndIsCancelled) {

@@ -25,6 +25,8 @@ constexpr time_t kStart = 1794773091;  // 2026-11-15 20:04:51
 
 // What gettimeofday and time tell the whole program.
 void SetClock(time_t second);
+// Calls it once, in the next record, whose thread holds the trace's lock then.
+void OnNextRecord(void (*call)());
 
 // The prefix of a record that this thread writes now, without the memory column; one record; all.
 std::string Prefix(const std::string& tag = "kemd");
