@@ -56,14 +56,14 @@ bool CDebug::InitRingBuffer(const char* path, int64_t size) {
         return false;
     }
     if (!FillRing(size)) {
-        m_ring.Close();
+        m_ring.Discard();
         WriteNote(kTargetLog,
                   "\n### InitRingBuffer(): (2) write m_InternalDebugBuffer to %s failed ###", path);
         return false;
     }
     if (!m_ring.Map(static_cast<size_t>(size))) {
         const int error = errno;
-        m_ring.Close();
+        m_ring.Discard();
         WriteNote(kTargetLog, kMapFailed, path, error, std::strerror(error));
         return false;
     }

@@ -33,6 +33,11 @@ void RingBuffer::Close() {
     m_wrapCount = 0;
 }
 
+void RingBuffer::Discard() {
+    (void)!ftruncate(m_fd.Get(), 0);
+    Close();
+}
+
 bool RingBuffer::Append(std::string_view record) {
     if (m_writeOffset + record.size() + kTrailer.size() > m_map.Size()) return false;
     char* to = m_map.Data() + m_writeOffset;

@@ -37,13 +37,9 @@ TEST_F(DaemonTest, RunsWithoutAProcessIdFile) {
 }
 
 TEST_F(DaemonTest, RunsOnAFullDisk) {
-    // With the log file on the same disk, then on another one: only there the failure can be read.
-    for (const bool readable : {false, true}) {
-        fs::remove_all("/var/log/orvmon");
-        fs::create_directories("/var/log/orvmon");
-        if (readable) fs::create_symlink("/tmp/log.kemd", "/var/log/orvmon/log.kemd");
-        EXPECT_EQ(Stop(StartAndWait({"-n"})), 0);
-    }
+    EXPECT_EQ(Stop(StartAndWait({"-n"})), 0);
+    // The log is on the same disk: the ring gave back what it had taken.
+    EXPECT_EQ(fs::file_size("/var/log/orvmon/log.kemd_i"), 0u);
     EXPECT_TRUE(InOrder(
         Log(), {"### InitRingBuffer(): (2) write m_InternalDebugBuffer to "
                 "/var/log/orvmon/log.kemd_i failed ###\n",

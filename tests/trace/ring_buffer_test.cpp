@@ -1,5 +1,8 @@
 #include "trace/ring_buffer.h"
 
+#include <sys/resource.h>
+
+#include <csignal>
 #include <cstdlib>
 
 #include "tests/trace/trace_world.h"
@@ -39,6 +42,26 @@ struct RingModel {
         }
         Copy(Record(text));
     }
+};
+
+// One of the process's limits, put back at the end.
+class SoftLimit {
+  public:
+    SoftLimit(__rlimit_resource_t resource, rlim_t value) : m_resource(resource) {
+        getrlimit(m_resource, &m_saved);
+        Set(value);
+    }
+    ~SoftLimit() { setrlimit(m_resource, &m_saved); }
+    SoftLimit(const SoftLimit&) = delete;
+    SoftLimit& operator=(const SoftLimit&) = delete;
+    void Set(rlim_t value) const {
+        const rlimit limit = {value, m_saved.rlim_max};
+        EXPECT_EQ(0, setrlimit(m_resource, &limit));
+    }
+
+  private:
+    __rlimit_resource_t m_resource;
+    rlimit m_saved{};
 };
 
 class RingTest : public TraceTest {
@@ -120,6 +143,20 @@ TEST_F(RingTest, LongRecordsAreWholeUpToATenthOfTheRing) {
     for (int i = 0; i < 25; ++i)
         Put(model, std::string(104857, 'y'));  // they wait while a header is written
     EXPECT_EQ("", Difference(model.file, ReadFile(kRuntimeRing)));
+}
+
+// With one descriptor left no pipe to gzip can be made.
+TEST_F(RingTest, GzipThatCannotBeStartedLeavesTheFile) {
+    ASSERT_TRUE(StartRing(debug));
+    {
+        const auto last = static_cast<rlim_t>(DescriptorOf(kStartupRing));
+        const SoftLimit limit(RLIMIT_NOFILE, last + 1);
+        debug.InitDone();
+    }
+    EXPECT_EQ(Record("### gziping of startup log file failed -> it doesn't matter ###"),
+              ReadFile(kLog));
+    EXPECT_TRUE(RingText(kStartupRing).ends_with(" ### End of initialization. ###\n"));
+    EXPECT_TRUE(debug.IsTraceOn() && fs::exists(kRuntimeRing));
 }
 
 TEST_F(RingTest, InitDoneCompressesTheStartupFileAndOpensTheRuntimeFile) {
@@ -205,6 +242,28 @@ TEST_F(RingTest, FileThatCannotBeOpenedSwitchesTracingOff) {
     EXPECT_EQ(record(kRuntimeRing), ReadFile(kLog));
     EXPECT_TRUE(fs::exists(kStartupRing + ".gz"));
     ExpectOff();
+}
+
+TEST_F(RingTest, FileThatCannotBeFilledIsEmptiedAndSwitchesTracingOff) {
+    const auto expectEmptied = [this](const std::string& path) {
+        EXPECT_EQ(Record("### InitRingBuffer(): (2) write m_InternalDebugBuffer to " + path +
+                         " failed ###"),
+                  ReadFile(kLog));
+        EXPECT_EQ(0u, fs::file_size(path));
+        ExpectOff();
+    };
+    (void)signal(SIGXFSZ, SIG_IGN);
+    for (const bool startup : {true, false}) {
+        SoftLimit limit(RLIMIT_FSIZE, startup ? 3 * kSize : RLIM_INFINITY);
+        EXPECT_EQ(!startup, StartRing(debug));
+        if (startup) {
+            expectEmptied(kStartupRing);
+        } else {
+            limit.Set(kSize - 1);
+            debug.InitDone();
+            expectEmptied(kRuntimeRing);
+        }
+    }
 }
 
 TEST_F(RingTest, HeaderLargerThanTheFileNeverWraps) {
