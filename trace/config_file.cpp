@@ -11,7 +11,7 @@
 #include <memory>
 #include <new>
 
-#include "services/base/unique_fd.h"
+#include "services/base/regular_file.h"
 #include "trace/config_text.h"
 
 std::optional<int64_t> ModificationTime(const char* path) {
@@ -35,12 +35,9 @@ static bool ReadWhole(int fd, std::string& text) {
 }
 
 std::optional<std::string> ReadConfigFile(const char* path) try {
-    // Not blocking: a FIFO of that name must not stop the daemon before it is seen to be none.
-    const UniqueFd file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const UniqueFd file = OpenRegularFile(path, O_RDONLY);
     struct stat status {};
-    if (!file.IsOpen() || fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-        return std::nullopt;
-    }
+    if (!file.IsOpen() || fstat(file.Get(), &status) != 0) return std::nullopt;
     std::string text(static_cast<size_t>(status.st_size), '\0');
     if (!ReadWhole(file.Get(), text)) return std::nullopt;
     const auto accepted = AcceptConfigText(text);

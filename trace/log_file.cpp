@@ -2,14 +2,26 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
 
+#include "services/base/regular_file.h"
+
+// A link to it is how an administrator does without a log.
+static bool IsNullDevice(const char* path) {
+    struct stat status {};
+    return stat(path, &status) == 0 && S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3);
+}
+
 bool LogFile::Open(const char* path) {
     Close();
-    m_fd.Reset(open(path, O_RDWR | O_CREAT | O_TRUNC, 0666));
-    SetCloseOnExec(m_fd.Get());
+    if (IsNullDevice(path)) {
+        m_fd.Reset(open(path, O_RDWR | O_CLOEXEC));
+    } else {
+        m_fd = OpenRegularFile(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
+    }
     return IsOpen();
 }
 

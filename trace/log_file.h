@@ -12,7 +12,8 @@
 
 class LogFile {
   public:
-    // Truncates the file. Closes what was open before and starts counting anew.
+    // Truncates the file; only a regular one, at the end of a link too, or the null device. Closes
+    // what was open before and starts counting anew.
     [[nodiscard]] bool Open(const char* path);
     void Close();
     // In the child of a fork: the file is the parent's.

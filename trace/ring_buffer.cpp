@@ -7,11 +7,12 @@
 #include <cerrno>
 #include <cstring>
 
+#include "services/base/regular_file.h"
+
 bool RingBuffer::Create(const char* path) {
     Close();
     errno = 0;
-    m_fd.Reset(open(path, O_RDWR | O_CREAT | O_TRUNC, 0700));
-    SetCloseOnExec(m_fd.Get());
+    m_fd = OpenRegularFile(path, O_RDWR | O_CREAT | O_TRUNC, 0700);
     return m_fd.IsOpen();
 }
 

@@ -24,8 +24,8 @@ class RingBuffer {
     [[nodiscard]] bool Map(size_t size);
     // Unmaps, closes and forgets all offsets.
     void Close();
-    // Empties a file that could not be filled or mapped, and closes it: on a full disk it would keep
-    // the space that everything else needs, the record of the failure among it.
+    // Empties a file that could not be filled or mapped, and closes it: on a full disk it would
+    // keep the space that everything else needs, the record of the failure among it.
     void Discard();
     // In the child of a fork: the ring is the parent's.
     void Forget() {

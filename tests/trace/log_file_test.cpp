@@ -1,5 +1,9 @@
 #include "trace/log_file.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
+
 #include "tests/trace/trace_world.h"
 
 namespace {
@@ -61,15 +65,56 @@ TEST_F(LogFileTest, WrapsToItsStartDuringStartupAndBehindTheStartupPartLater) {
 
 TEST_F(LogFileTest, OpenFailureGoesToTheSystemLogOnceAndNothingElseFails) {
     SyslogReader syslog;
-    fs::remove_all("/var/log/orvmon");
+    for (const auto& prepare : std::vector<void (*)()>{
+             [] { fs::remove_all("/var/log/orvmon"); }, [] { fs::create_directory(kLog); },
+             [] { mkfifo(kLog.c_str(), 0600); }, [] { fs::create_symlink("/dev/zero", kLog); }}) {
+        TraceTest::SetUp();
+        prepare();
+        Start(51200);
+        debug.Message("lost");
+        debug.SetTraceTarget(kTargetLog);
+        debug.Trace(0, "lost");
+        debug.InitDone();
+        EXPECT_EQ("<11> ERROR: Error during opening " + kLog + " --> proceed without it\n",
+                  syslog.Next());
+        EXPECT_EQ("", syslog.Next());
+    }
+}
+
+TEST_F(LogFileTest, MayBeALinkToARegularFileOrToTheNullDevice) {
+    SyslogReader syslog;
+    for (const char* target : {"/tmp/log", "/dev/null"}) {
+        TraceTest::SetUp();
+        fs::create_symlink(target, kLog);
+        Start(51200);
+        debug.Message("text");
+        debug.InitDone();
+        EXPECT_EQ("", syslog.Next()) << target;
+    }
+    EXPECT_EQ(Record("text"), ReadFile("/tmp/log"));
+    EXPECT_TRUE(fs::is_character_file("/dev/null"));
+}
+
+TEST_F(LogFileTest, AllMayReadItAndNobodyElseWrite) {
+    const mode_t saved = umask(0);
     Start(51200);
-    debug.Message("lost");
-    debug.SetTraceTarget(kTargetLog);
-    debug.Trace(0, "lost");
+    umask(saved);
+    EXPECT_EQ(0644, static_cast<int>(fs::status(kLog).permissions()));
+}
+
+TEST_F(LogFileTest, FailedSeekGoesToTheSystemLogAndTheFileIsRewound) {
+    SyslogReader syslog;
+    Start(300);
+    debug.Message("start-up");
     debug.InitDone();
-    EXPECT_EQ("<11> ERROR: Error during opening " + kLog + " --> proceed without it\n",
+    const std::string count = std::to_string(Record("start-up").size());
+    FailSeeks(EOVERFLOW);
+    debug.Message("%s", std::string(300, 'x').c_str());
+    FailSeeks(0);
+    EXPECT_EQ("<11> ERROR: fseek failed for " + kLog + " (errno=75) --> rewind it\n",
               syslog.Next());
-    EXPECT_EQ("", syslog.Next());
+    EXPECT_TRUE(ReadFile(kLog).starts_with(Record("------ WRAP ----- Cycle=1, CntInitEnd=" + count +
+                                                  ", CurrentByteCnt=" + count + " (MaxCnt=300)")));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "trace/ring_buffer.h"
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -226,22 +227,30 @@ TEST_F(RingTest, SizeFollowsFactorAndWeight) {
 }
 
 TEST_F(RingTest, FileThatCannotBeOpenedSwitchesTracingOff) {
-    const auto record = [](const std::string& path) {
-        return Record("### InitRingBuffer(): open of " + path +
-                      " failed (errno=21; Is a directory) ###");
-    };
-    fs::create_directory(kStartupRing);
-    EXPECT_FALSE(StartRing(debug));
-    EXPECT_EQ(record(kStartupRing), ReadFile(kLog));
-    ExpectOff();
+    for (const bool isFifo : {false, true}) {
+        SCOPED_TRACE(isFifo);
+        const auto put = [isFifo](const std::string& path) {
+            EXPECT_EQ(0, isFifo ? mkfifo(path.c_str(), 0600) : mkdir(path.c_str(), 0700));
+        };
+        const auto record = [isFifo](const std::string& path) {
+            return Record("### InitRingBuffer(): open of " + path + " failed (errno=" +
+                          (isFifo ? "22; Invalid argument" : "21; Is a directory") + ") ###");
+        };
+        put(kStartupRing);
+        EXPECT_FALSE(StartRing(debug));
+        EXPECT_EQ(record(kStartupRing), ReadFile(kLog));
+        ExpectOff();
 
-    fs::remove(kStartupRing);
-    fs::create_directory(kRuntimeRing);
-    EXPECT_TRUE(StartRing(debug));
-    debug.InitDone();
-    EXPECT_EQ(record(kRuntimeRing), ReadFile(kLog));
-    EXPECT_TRUE(fs::exists(kStartupRing + ".gz"));
-    ExpectOff();
+        fs::remove(kStartupRing);
+        put(kRuntimeRing);
+        if (isFifo) put(kStartupRing + ".gz");  // gzip puts its own file there
+        EXPECT_TRUE(StartRing(debug));
+        debug.InitDone();
+        EXPECT_EQ(record(kRuntimeRing), ReadFile(kLog));
+        EXPECT_TRUE(fs::is_regular_file(kStartupRing + ".gz"));
+        ExpectOff();
+        TraceTest::SetUp();
+    }
 }
 
 TEST_F(RingTest, FileThatCannotBeFilledIsEmptiedAndSwitchesTracingOff) {

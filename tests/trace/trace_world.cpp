@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <sstream>
 
@@ -14,6 +16,7 @@ namespace {
 
 const std::string kConfigDirectory = "/etc/norvik/OrvanaSuite/TraceConfig/";
 time_t currentSecond = kStart;
+int seekError = 0;
 std::atomic<void (*)()> onRecord{nullptr};
 
 // "NAME=NotSet" or the value that was set, for each name.
@@ -45,6 +48,14 @@ extern "C" int gettimeofday(timeval* now, void* /*zone*/) noexcept {
 extern "C" time_t time(time_t* now) noexcept {
     if (now != nullptr) *now = currentSecond;
     return currentSecond;
+}
+extern "C" off_t lseek(int fd, off_t offset, int whence) noexcept {
+    if (seekError == 0 || offset == 0) return syscall(SYS_lseek, fd, offset, whence);
+    errno = seekError;
+    return -1;
+}
+void FailSeeks(int error) {
+    seekError = error;
 }
 void SetClock(time_t second) {
     currentSecond = second;

@@ -25,6 +25,8 @@ constexpr time_t kStart = 1794773091;  // 2026-11-15 20:04:51
 
 // What gettimeofday and time tell the whole program.
 void SetClock(time_t second);
+// Seeking to anywhere but the start of a file fails with that errno; 0: no longer.
+void FailSeeks(int error);
 // Calls it once, in the next record, whose thread holds the trace's lock then.
 void OnNextRecord(void (*call)());
 
