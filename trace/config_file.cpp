@@ -52,9 +52,13 @@ std::optional<std::vector<std::string>> ListConfigFiles() try {
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(kTraceConfigDirectory), closedir);
     if (!directory) return std::nullopt;
     std::vector<std::string> names;
-    while (const dirent* entry = readdir(directory.get())) {
+    for (;;) {
+        errno = 0;  // tells an error from the end
+        const dirent* const entry = readdir(directory.get());
+        if (entry == nullptr) break;
         if (std::strstr(entry->d_name, ".ini") != nullptr) names.emplace_back(entry->d_name);
     }
+    if (errno != 0) return std::nullopt;
     std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
         return std::strcoll(a.c_str(), b.c_str()) < 0;
     });

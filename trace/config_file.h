@@ -16,5 +16,5 @@ std::optional<int64_t> ModificationTime(const char* path);
 std::optional<std::string> ReadConfigFile(const char* path);
 
 // The names in the directory that contain ".ini", in alphabetical order; nothing when the directory
-// cannot be read.
+// cannot be read, or not to its end.
 std::optional<std::vector<std::string>> ListConfigFiles();

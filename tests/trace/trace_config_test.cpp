@@ -1,8 +1,22 @@
 #include "trace/trace_config.h"
 
+#include <dirent.h>
+#include <dlfcn.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+
 #include "tests/trace/trace_world.h"
+
+static bool readFails = false;
+
+// The program's own definition takes the place of the C library's.
+extern "C" dirent* readdir(DIR* directory) {
+    static const auto next = reinterpret_cast<dirent* (*)(DIR*)>(dlsym(RTLD_NEXT, "readdir"));
+    if (!readFails) return next(directory);
+    errno = EIO;
+    return nullptr;
+}
 
 namespace {
 
@@ -93,10 +107,16 @@ TEST_F(TraceConfigTest, DirectoryWithoutFilesLeavesEverythingUnread) {
     EXPECT_EQ(51200u, debug.InForce().logLimit);
     EXPECT_TRUE(fs::remove("/log.kemd"));
 
-    fs::remove_all("/etc/norvik");  // without the directory the environment counts
-    debug.Init("kemd");
-    EXPECT_EQ(1u, debug.InForce().logLimit);
-    EXPECT_TRUE(fs::remove("/tmp/log.kemd"));
+    // Without the directory, or without all of it, the environment counts.
+    for (const bool fails : {true, false}) {
+        if (!fails) fs::remove_all("/etc/norvik");
+        CDebug object;
+        readFails = fails;
+        object.Init("kemd");
+        readFails = false;
+        EXPECT_EQ(1u, object.InForce().logLimit);
+        EXPECT_TRUE(fs::remove("/tmp/log.kemd"));
+    }
 }
 
 class DynamicUpdateTest : public TraceTest {
