@@ -120,31 +120,54 @@ TEST_F(DebugTest, ModulesTraceUnderTheirTag) {
     EXPECT_EQ(Record("three", "module"), ReadFile(kLog));
 }
 
-TEST_F(DebugTest, ConcurrentRecordsAreWholeAndCompleteAcrossTheEndOfStartup) {
-    ASSERT_TRUE(StartRing(debug));
-    constexpr size_t kThreads = 4, kRecords = 2000;
-    std::vector<std::thread> threads;
-    for (size_t id = 0; id < kThreads; ++id) {
-        threads.emplace_back([this, id] {
-            for (size_t i = 0; i < kRecords; ++i) debug.Trace(1, "thread %zu record %zu", id, i);
-        });
+class ConcurrentTest : public DebugTest {
+  protected:
+    // `meanwhile` runs beside threads that write numbered records.
+    template <typename Meanwhile>
+    void WriteFromThreads(Meanwhile meanwhile) {
+        std::vector<std::thread> threads;
+        for (size_t id = 0; id < kThreads; ++id) {
+            threads.emplace_back([this, id] {
+                for (size_t i = 0; i < kRecords; ++i)
+                    debug.Trace(1, "thread %zu record %zu", id, i);
+            });
+        }
+        meanwhile();
+        for (std::thread& thread : threads) thread.join();
     }
-    debug.InitDone();  // the others wait while the file is compressed
-    for (std::thread& thread : threads) thread.join();
-    ASSERT_EQ(0, system(("gzip -d " + kStartupRing).c_str()));
+    // Each record of each thread once and in order, and so many others.
+    static void ExpectWhole(const std::string& records, size_t others) {
+        std::istringstream lines(records);
+        std::vector<size_t> next(kThreads, 0);
+        size_t count = 0;
+        for (std::string line; std::getline(lines, line); ++count) {
+            const std::string text = line.substr(std::min(line.size(), Prefix().size()));
+            size_t id = 0;
+            if (sscanf(text.c_str(), "thread %zu", &id) != 1 || id >= kThreads) continue;
+            EXPECT_EQ("thread " + std::to_string(id) + " record " + std::to_string(next[id]++),
+                      text);
+        }
+        EXPECT_EQ(std::vector<size_t>(kThreads, kRecords), next);
+        EXPECT_EQ(kThreads * kRecords + others, count);
+    }
 
-    std::istringstream lines(RingRecords(kStartupRing) + RingRecords(kRuntimeRing));
-    std::vector<size_t> next(kThreads, 0);
-    size_t count = 0;
-    for (std::string line; std::getline(lines, line); ++count) {
-        const std::string text = line.substr(Prefix().size());
-        size_t id = 0;
-        if (sscanf(text.c_str(), "thread %zu", &id) != 1) continue;
-        EXPECT_EQ("thread " + std::to_string(id) + " record " + std::to_string(next.at(id)++),
-                  text);
-    }
-    EXPECT_EQ(std::vector<size_t>(kThreads, kRecords), next);
-    EXPECT_EQ(kThreads * kRecords + 1, count);  // and the record that ends the start-up
+  private:
+    static constexpr size_t kThreads = 4, kRecords = 2000;
+};
+
+TEST_F(ConcurrentTest, RecordsAreWholeAndCompleteAcrossTheEndOfStartup) {
+    ASSERT_TRUE(StartRing(debug));
+    WriteFromThreads([this] { debug.InitDone(); });  // they wait while the file is compressed
+    ASSERT_EQ(0, system(("gzip -d " + kStartupRing).c_str()));
+    ExpectWhole(RingRecords(kStartupRing) + RingRecords(kRuntimeRing), 1);  // the end of start-up
+}
+
+TEST_F(ConcurrentTest, RecordsAreWholeAndCompleteInTheLog) {
+    setenv("OV_LOG_FILE_MAX_SIZE", "100000000", 1);
+    ASSERT_TRUE(StartRing(debug));
+    debug.SetTraceTarget(kTargetLog);
+    WriteFromThreads([] {});
+    ExpectWhole(ReadFile(kLog), 0);
 }
 
 // Even when another thread of the parent holds the lock at that moment.

@@ -5,8 +5,18 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <new>
 
 #include "tests/trace/trace_world.h"
+
+static size_t memoryLimit = SIZE_MAX;
+
+// The program's own definition takes the place of the C++ library's.
+void* operator new[](size_t size, const std::nothrow_t& /*unused*/) noexcept try {
+    return size < memoryLimit ? operator new[](size) : nullptr;
+} catch (const std::bad_alloc&) {
+    return nullptr;
+}
 
 namespace {
 
@@ -160,6 +170,17 @@ TEST_F(RingTest, GzipThatCannotBeStartedLeavesTheFile) {
     EXPECT_TRUE(debug.IsTraceOn() && fs::exists(kRuntimeRing));
 }
 
+TEST_F(RingTest, LongRecordWithoutMemoryIsCut) {
+    RingModel model = StartRuntime();
+    const std::string text(5000, 'x');
+    memoryLimit = 5000;
+    debug.Trace(1, "%s", text.c_str());
+    memoryLimit = SIZE_MAX;
+    model.Put(text.substr(0, 1024) + "\n## ERROR: No memory: Output Truncated!");
+    Put(model, text);
+    EXPECT_EQ("", Difference(model.file, ReadFile(kRuntimeRing)));
+}
+
 TEST_F(RingTest, InitDoneCompressesTheStartupFileAndOpensTheRuntimeFile) {
     ASSERT_TRUE(StartRing(debug));
     RingModel startup(4 * kSize, Header(kStartupRing, "0"));
@@ -187,8 +208,8 @@ TEST_F(RingTest, InitDoneCompressesTheStartupFileAndOpensTheRuntimeFile) {
 
 TEST_F(RingTest, DirectoryNameNeverBecomesACommand) {
     for (const std::string directory :
-         {"/tmp/a b", "/tmp/$(touch x)", "/tmp/a'; touch x; '", "/tmp/`touch x`&"}) {
-        fs::create_directories(directory);
+         {"-q", "-q -r", "/tmp/a b", "/tmp/$(touch x)", "/tmp/a'; touch x; '", "/tmp/`touch x`&"}) {
+        fs::create_directories(directory);  // or an option of gzip's
         setenv("OV_LOG_RINGBUF_DIR", directory.c_str(), 1);
         ASSERT_TRUE(StartRing(debug));
         debug.InitDone();
