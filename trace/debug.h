@@ -114,7 +114,6 @@ class CDebug : public CDebugTraceConfig {
     void OpenLog();
     void FormatPath(Path& path, const char* suffix) const;
     void FormatRingPaths();
-    [[nodiscard]] int64_t ComputeRingSize();
     void SwitchOff();
     void SwitchToRuntimeRing();
     [[nodiscard]] HeaderFacts MakeHeaderFacts() const;

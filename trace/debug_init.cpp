@@ -3,10 +3,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 
 #include "trace/compress.h"
@@ -114,16 +112,6 @@ void CDebug::FormatRingPaths() {
     if (m_ringSize == 0) return;
     FormatPath(m_runtimeRingPath, "_a");
     FormatPath(m_startupRingPath, "_i");
-}
-
-int64_t CDebug::ComputeRingSize() {
-    const char* own = std::getenv(RingWeightVariable().Get());
-    if (own != nullptr) m_inForce.ringWeight = static_cast<int32_t>(std::strtol(own, nullptr, 10));
-    m_inForce.ringFactor = std::min(m_inForce.ringFactor, 2);
-    const auto product =
-        static_cast<uint32_t>(m_inForce.ringFactor) * static_cast<uint32_t>(m_inForce.ringWeight);
-    const int64_t page = sysconf(_SC_PAGESIZE);
-    return (page > 0 ? page : 4096) * product * 256;
 }
 
 void CDebug::SetCommandLine(int argc, char** argv) {

@@ -1,5 +1,8 @@
 #include "trace/trace_config.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <optional>
@@ -122,6 +125,15 @@ void CDebugTraceConfig::SetValuesInForce() {
         FirstOf(EnvironmentNumber("OV_LOG_RINGBUF_WEIGHT"), m_asRead.ringWeight, 0);
     m_inForce.noHeader = FirstOf(EnvironmentNumber("OV_LOG_NOHDR_TOSDTERR"), m_asRead.noHeader, 1);
     m_savedLevel = TraceLevel();
+}
+
+int64_t CDebugTraceConfig::ComputeRingSize() {
+    if (const auto own = EnvironmentNumber(RingWeightVariable().Get())) m_inForce.ringWeight = *own;
+    m_inForce.ringFactor = std::min(m_inForce.ringFactor, 2);
+    const auto product =
+        static_cast<uint32_t>(m_inForce.ringFactor) * static_cast<uint32_t>(m_inForce.ringWeight);
+    const int64_t page = sysconf(_SC_PAGESIZE);
+    return (page > 0 ? page : 4096) * product * 256;
 }
 
 void CDebugTraceConfig::UpdateTraceConfig(int64_t now) {

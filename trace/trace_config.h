@@ -59,6 +59,9 @@ class CDebugTraceConfig {
 
     // Reads files and environment and sets the values in force. Always true.
     bool ReadTraceConfig(const char* moduleName);
+    // Bytes of the run-time ring buffer, 0 for none. Puts the module's own variable for the weight
+    // and the largest factor in force.
+    [[nodiscard]] int64_t ComputeRingSize();
     // Reads files that changed since they were last read, at most once per interval.
     void UpdateTraceConfig(int64_t now);
 
