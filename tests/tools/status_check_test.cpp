@@ -244,6 +244,35 @@ TEST_F(CheckTest, WhatOthersCouldReplace) {
     fs::remove(kLockFile);
 }
 
+// Nobody is led to change a device, and a name is one word of the command.
+TEST_F(CheckTest, AdviceIsSafe) {
+    const std::string global = std::string(kTraceConfig) + "/global_trace.ini";
+    fs::create_symlink("/dev/null", global);
+    fs::create_symlink("/dev/null", "/opt/trace");
+    fs::create_directory("/opt/it's $(me)");
+    chmod("/opt/it's $(me)", 0777);
+    WriteFile("/etc/default/kemd",
+              "LD_LIBRARY_PATH=/opt/lib:/dev/null\nOV_LOG_RINGBUF_DIR=/opt/trace\n"
+              "OV_MODULE_DIR=/opt/it's $(me)/a\x1b\n");
+    std::string check = Ctl("check").out;
+    for (const std::string& finding : std::vector<std::string>{
+             "ok       " + global + " is masked: it leads to /dev/null",
+             std::string("/opt/trace is no directory, it leads to /dev/null -- make it lead to a"),
+             std::string("-- chmod go-w '/opt/it'\\''s $(me)'\n"),
+             std::string("-- install -d -m 755 $'/opt/it\\'s $(me)/a\\033'\n")}) {
+        EXPECT_TRUE(Contains(check, finding)) << finding << " is not in\n" << check;
+    }
+    fs::remove("/etc/default/kemd");
+    fs::create_symlink("/dev/null", "/etc/default/kemd");
+    check += Ctl("check").out;
+    EXPECT_TRUE(Contains(check, "ok       /etc/default/kemd is masked"));
+    std::istringstream lines(check);
+    for (std::string line; std::getline(lines, line);) {
+        const size_t action = line.find(" -- ");
+        EXPECT_FALSE(action != line.npos && Contains(line.substr(action), "/dev/null")) << line;
+    }
+}
+
 // A set-uid program of an ordinary user, under the daemon's name.
 TEST_F(StatusTest, OfAnotherUser) {
     Install("/bin/gzip", "/opt/user/kemd");

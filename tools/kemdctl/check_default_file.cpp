@@ -51,7 +51,15 @@ void CheckDefaultFile(Findings& findings) {
         findings.Warning(LineName(line) + ": not NAME=value",
                          "mend or remove the line; no \"export\", no blanks around the =");
     });
-    if (!isRead && errno != ENOENT) return findings.CannotLook(shown, errno);
+    const int error = errno;
+    if (!isRead && IsMasked(shown)) {
+        return findings.Ok(shown + " is masked: it leads to /dev/null and sets no variable");
+    }
+    if (!isRead && (error == EINVAL || error == EISDIR)) {
+        return findings.Error(shown + " is no regular file: no variable is read from it",
+                              "put a regular file in its place");
+    }
+    if (!isRead && error != ENOENT) return findings.CannotLook(shown, error);
     if (isRead) CheckQuotes(findings);
     // Who can write or make it chooses the library that kemd loads.
     const bool isSafe = CheckInRootsHands(findings, shown, true);

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "tools/kemdctl/check_parts.h"
+#include "tools/kemdctl/file_safety.h"
 #include "tools/kemdctl/small_file.h"
 #include "tools/kemdctl/text.h"
 
@@ -69,8 +70,10 @@ void CheckPidFile(Findings& findings, const DaemonState& state) {
 void CheckRunLevel(Findings& findings) {
     const std::string shown = kRunLevelFile;
     const auto text = ReadSmallFile(kRunLevelFile, 64);
-    if (!text && errno == ENOENT) return findings.Ok(shown + " is not there, as it should be");
-    if (!text) return findings.CannotLook(kRunLevelFile, errno);
+    const int error = errno;
+    if (!text && error == ENOENT) return findings.Ok(shown + " is not there, as it should be");
+    if (!text && IsMasked(shown)) return findings.Ok(shown + " is masked: it leads to /dev/null");
+    if (!text) return findings.CannotLook(kRunLevelFile, error);
     char* end = nullptr;
     const long level = std::strtol(text->c_str(), &end, 10);
     const bool isShutdown = end != text->c_str() && (level == 0 || level == 6);

@@ -20,6 +20,10 @@ constexpr const char* kGlobalName = "global_trace.ini";
 std::optional<std::string> Accept(Findings& findings, const std::string& path) {
     auto text = ReadConfigFile(path.c_str());
     if (text) return text;
+    if (IsMasked(path)) {
+        findings.Ok(Printable(path) + " is masked: it leads to /dev/null and is ignored");
+        return std::nullopt;
+    }
     const bool isRegular = OpenRegularFile(path.c_str(), O_RDONLY).IsOpen();
     const int error = errno;
     const std::string shown = Printable(path) + " is ignored: ";
@@ -28,7 +32,7 @@ std::optional<std::string> Accept(Findings& findings, const std::string& path) {
     } else if (!isRegular) {
         const bool isSpecial = error == EINVAL || error == EISDIR;
         findings.Error(shown + (isSpecial ? "no regular file" : std::strerror(error)),
-                       "remove or replace it");
+                       "put a regular file in its place, or remove the name " + ShellQuoted(path));
     } else {
         findings.Error(shown + "its last section is not [EndOfFile]",
                        "write [EndOfFile] as its last line");

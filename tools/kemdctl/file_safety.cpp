@@ -1,5 +1,7 @@
 #include "tools/kemdctl/file_safety.h"
 
+#include <sys/sysmacros.h>
+
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -9,16 +11,24 @@
 
 namespace {
 
+// A device, a pipe or a socket; whoever looks for a file says that it is none. The owner and mode
+// of a device are the system's affair: what leads there is to be changed.
+bool IsSpecial(const struct stat& status) {
+    return !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode);
+}
+
 void TellFaults(Findings& findings, const PathReport& report) {
     for (const auto& [path, status] : report.faults) {
+        if (IsSpecial(status)) continue;
         const std::string shown = Printable(path);
+        const std::string name = ShellQuoted(path);
         const bool isLink = S_ISLNK(status.st_mode);
         if (status.st_uid != 0) {
             findings.Error(shown + " belongs to user " + std::to_string(status.st_uid),
-                           (isLink ? "chown -h root:root " : "chown root:root ") + shown);
+                           (isLink ? "chown -h root:root " : "chown root:root ") + name);
         }
         if (!isLink && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-            findings.Error(shown + " may be written by others than root", "chmod go-w " + shown);
+            findings.Error(shown + " may be written by others than root", "chmod go-w " + name);
         }
     }
 }
@@ -32,13 +42,22 @@ std::string OwnerAndMode(const struct stat& status) {
 
 }  // namespace
 
+bool IsMasked(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISCHR(status.st_mode) &&
+           status.st_rdev == makedev(1, 3);
+}
+
 bool CheckDirectory(Findings& findings, const std::string& path, bool isShared) {
     const PathReport report = WalkPath(path, isShared);
     const std::string shown = Printable(path);
-    const std::string make = "install -d -m 755 " + Printable(report.resolved);
+    const std::string make = "install -d -m 755 " + ShellQuoted(report.resolved);
     TellFaults(findings, report);
     if (report.error == ENOENT) {
         findings.Error(shown + " is missing", make);
+    } else if (IsSpecial(report.status)) {
+        findings.Error(shown + " is no directory, it leads to " + Printable(report.resolved),
+                       "make it lead to a directory, or configure another one");
     } else if (report.error == ENOTDIR || (report.error == 0 && !S_ISDIR(report.status.st_mode))) {
         findings.Error(shown + " is no directory", "remove what is in its place; " + make);
     } else if (report.error != 0) {

@@ -6,6 +6,9 @@
 
 #include "tools/kemdctl/finding.h"
 
+// Whether a name leads to /dev/null: so an administrator masks a file.
+bool IsMasked(const std::string& path);
+
 // A directory that the daemon needs: there, and nobody else may write into it. One in the place of
 // `isShared` may be open for all, as /tmp is. Whether all is well.
 bool CheckDirectory(Findings& findings, const std::string& path, bool isShared = false);

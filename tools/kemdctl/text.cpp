@@ -1,6 +1,7 @@
 #include "tools/kemdctl/text.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 
 static unsigned ByteAt(std::string_view text, size_t position) {
@@ -72,6 +73,43 @@ std::string Printable(std::string_view text) {
         }
         text.remove_prefix(taken);
     }
+}
+
+std::string ShellQuoted(std::string_view name) {
+    const auto isSafe = [](unsigned char c) {
+        return std::isalnum(c) != 0 || std::string_view("/._-+,:@%=").find(c) != std::string::npos;
+    };
+    if (!name.empty() && std::all_of(name.begin(), name.end(), isSafe)) return std::string(name);
+    const bool needsEscapes = Printable(name) != name;
+    std::string quoted = needsEscapes ? "$'" : "'";
+    for (const char c : name) {
+        const unsigned byte = static_cast<unsigned char>(c);
+        if (needsEscapes && !IsPlain(c)) {
+            char code[8];
+            std::snprintf(code, sizeof code, "\\%03o", byte);
+            quoted += code;
+        } else if (needsEscapes && (c == '\'' || c == '\\')) {
+            quoted.append("\\").append(1, c);
+        } else if (c == '\'') {
+            quoted += "'\\''";
+        } else {
+            quoted += c;
+        }
+    }
+    return quoted + "'";
+}
+
+std::string Counted(size_t count, const char* noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+std::string SizeText(uint64_t bytes) {
+    constexpr uint64_t kMebibyte = uint64_t{1} << 20;
+    if (bytes < kMebibyte) return Counted(bytes, "byte");
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f MiB",
+                  static_cast<double>(bytes) / static_cast<double>(kMebibyte));
+    return text;
 }
 
 size_t Width(std::string_view text) {

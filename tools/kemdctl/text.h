@@ -20,5 +20,13 @@ bool IsControl(uint32_t codePoint);
 // text cannot drive a terminal. A backslash stays one.
 std::string Printable(std::string_view text);
 
+// A name as one word of a shell's command; one with control characters as $'...'.
+std::string ShellQuoted(std::string_view name);
+
+// "1 time", "2 times", "0 times".
+std::string Counted(size_t count, const char* noun);
+// A size in bytes, from one MiB on in MiB.
+std::string SizeText(uint64_t bytes);
+
 // How many characters a printable text has.
 size_t Width(std::string_view text);
