@@ -95,7 +95,9 @@ TEST_F(StatusTest, BackgroundAndKilled) {
     WriteFile(kPidFile, "1\n");
     EXPECT_TRUE(
         Contains(Ctl("status").out, "process 1, which is not the daemon but \"kemdctl_state"));
-    EXPECT_EQ(Ctl("status now").code, 2);
+    const Result extra = Ctl("status now");
+    EXPECT_EQ(extra.code, 2);
+    EXPECT_TRUE(extra.err.starts_with("kemdctl: unexpected argument now\n"));
 }
 
 // What the files of a daemon long gone say, as far as it makes sense.
@@ -126,6 +128,39 @@ TEST_F(StatusTest, TraceFiles) {
                                  "modules:          \\x1b[2J.so stopped, b.so failed to start\n"}));
     fs::remove("/var/log/orvmon/log.kemd_a");
     EXPECT_TRUE(Contains(Ctl("status").out, "newest record:    2020-01-01 10:00:04.000"));
+    // Not readable, even for root.
+    fs::create_symlink("log.kemd_a", "/var/log/orvmon/log.kemd_a");
+    EXPECT_TRUE(Contains(Ctl("status").out,
+                         "failed to start (perhaps not all: /var/log/orvmon/log.kemd_a cannot be"));
+    WriteFile("/var/log/orvmon/log.kemd",
+              line("10:00:00.000", "kemd          ### InitRingBuffer(): open of x failed (y) ###"));
+    const std::string json = Ctl("status --json").out;
+    EXPECT_TRUE(
+        InOrder(json, {"\"modulesNote\":\"perhaps not all: ", "\"severity\":\"error\"",
+                       "tracing failed at the last start of kemd: open of x failed (y)\""}));
+}
+
+// A daemon without the ring buffer that it should have: no room for it, and gone since.
+TEST_F(StatusTest, TracingFailed) {
+    fs::remove_all("/opt");
+    for (const bool hasRoom : {false, true}) {
+        m_environment["OV_LOG_RINGBUF_DIR"] = m_logDirectory =
+            hasRoom ? "/var/log/orvmon" : "/small";
+        UseSwitch("reference");
+        m_environment["OV_MODULE_DIR"] = "/opt/modules";
+        // The ring may leave no room for the log.
+        const pid_t pid = hasRoom ? Run() : Start({"-n"});
+        ASSERT_TRUE(WaitFor([] { return ReadFile(kPidFile).ends_with('\n'); }));
+        std::string status = Ctl("status").out;
+        EXPECT_TRUE(Contains(status,
+                             "modules:          none is installed; install -m 644 "
+                             "MODULE.so /opt/modules/ and restart kemd\n"));
+        EXPECT_EQ(Contains(status, "\nerror: "), !hasRoom) << status;
+        fs::remove(m_logDirectory + "/log.kemd_a");
+        status = Ctl("status").out;
+        EXPECT_TRUE(InOrder(status, {"\nerror:            ", " -- kemdctl check names"})) << status;
+        EXPECT_EQ(Stop(pid), 0);
+    }
 }
 
 class CheckTest : public DaemonTest {
@@ -271,6 +306,73 @@ TEST_F(CheckTest, AdviceIsSafe) {
         const size_t action = line.find(" -- ");
         EXPECT_FALSE(action != line.npos && Contains(line.substr(action), "/dev/null")) << line;
     }
+}
+
+// What the daemon makes of a number, and which sizes it cannot use.
+TEST_F(CheckTest, SizesOfTheTrace) {
+    const struct {
+        const char* variables;
+        const char* key;  // of the module's section
+        const char* finding;
+    } cases[] = {
+        {"OV_LOG_FILE_MAX_SIZE=10M", "", "OV_LOG_FILE_MAX_SIZE \"10M\" counts as 10 --"},
+        {"OV_LOG_FILE_MAX_SIZE=10M", "", "the log's limit is 10 bytes: too small for the messages"},
+        {"OV_LOG_FILE_MAX_SIZE=0", "", "limit is 0 bytes: each message overwrites the one before"},
+        {"OV_LOG_FILE_MAX_SIZE=99999999999", "", "\" counts as 1215752191 --"},
+        {"OV_LOG_FILE_MAX_SIZE=-1", "", "\"-1\" counts as 4294967295 --"},
+        {"OV_LOG_FILE_MAX_SIZE=4096\nOV_LOG_NOHDR_TOSDTERR=0", "", "too small for its header and"},
+        {"OV_LOG_FILE_MAX_SIZE=4096\nOV_LOG_NOHDR_TOSDTERR=1", "", ""},
+        {"OV_LOG_RINGBUF_WEIGHT=0x10", "", "OV_LOG_RINGBUF_WEIGHT \"0x10\" counts as 0 --"},
+        {"OV_LOG_RINGBUF_WEIGHT=0x10", "", "factor x weight is 1 x 0 -- set RingBufferSizeFactor"},
+        {"OV_LOG_RINGBUF_WEIGHT_KEMD=", "", "OV_LOG_RINGBUF_WEIGHT_KEMD \"\" counts as 0 --"},
+        {"TraceFileLimit=9\nOV_LOG_RINGBUF_WEIGHT=256", "",
+         "refused for its size: factor x weight "
+         "is 2 x 256, 512.0 MiB and four times that at start -- set TraceFileLimit and OV_LOG_"},
+        {"TraceFileLimit=-1", "", "refused for its size"},
+        {"TraceFileLimit=-1", "", "\"-1\" counts as -1 --"},
+        {"", "RingBufferSizeWeight = 4 MB", "RingBufferSizeWeight \"4 MB\" counts as 4 --"},
+        {"", "RingBufferSizeWeight = 010", "RingBufferSizeWeight \"010\" counts as 8 --"},
+        {"", "RingBufferSizeWeight = 4294967297", "\" counts as 1 --"},
+        {"", "RingBufferSizeWeight = -1", "is no number of 0 or more: counts as absent --"},
+        {"", "RingBufferSizeWeight = 0x4", ""},
+    };
+    const std::string base = ReadFile("/etc/default/kemd") + "OV_LOG_RINGBUF_DIR=/tmp\n";
+    for (const auto& [variables, key, finding] : cases) {
+        WriteFile("/etc/default/kemd", base + variables + "\n");
+        WriteFile(std::string(kTraceConfig) + "/kemd.ini",
+                  std::string("[kemd]\nFileDebugLevel = 3\nRingBufferSizeFactor = 1\n") +
+                      (*key != '\0' ? key : "RingBufferSizeWeight = 1") + "\n[EndOfFile]\n");
+        const std::string check = Ctl("check -q").out;
+        const std::string status = Ctl("status").out;
+        EXPECT_TRUE(Contains(check, finding) && Contains(status, finding))
+            << variables << key << check << status;
+        if (*finding != '\0') continue;
+        EXPECT_EQ(check, "") << variables << key;
+        EXPECT_FALSE(Contains(status, "warning:")) << variables << key;
+    }
+    EXPECT_NE(Ctl("check --json").out.find("into a ring buffer of 4.0 MiB"), std::string::npos);
+}
+
+TEST_F(CheckTest, FileSystems) {
+    for (const auto& each : fs::directory_iterator("/small")) fs::remove(each.path());
+    fs::remove_all("/etc/orvmon");
+    fs::create_symlink("/fixed", "/etc/orvmon");
+    WriteFile("/etc/default/kemd", ReadFile("/etc/default/kemd") + "OV_LOG_RINGBUF_DIR=/small\n");
+    // Old files do not count: 3 MiB stay free for the 5 that a start takes.
+    WriteFile("/small/log.kemd_a", std::string(1 << 20, 'x'));
+    EXPECT_TRUE(InOrder(Ctl("check").out,
+                        {"error    /small is on a file system with room for 3.0 MiB: kemd may fail "
+                         "to write its trace there, which takes up to 5.0 MiB -- free space",
+                         "error    /etc/orvmon is on a read-only file system: kemd cannot save"}));
+    WriteFile("/small/other", std::string(4 << 20, 'x'));
+    fs::remove(fs::path("/etc/orvmon"));
+    fs::create_symlink("/small", "/etc/orvmon");
+    WriteFile("/etc/default/kemd", ReadFile("/etc/default/kemd") + "OV_LOG_RINGBUF_DIR=/fixed\n");
+    EXPECT_TRUE(InOrder(Ctl("check").out,
+                        {"error    /fixed is on a read-only file system: kemd cannot write its "
+                         "trace there -- mount it writable, or give another directory",
+                         "error    /etc/orvmon is on a file system that is full: kemd may fail"}));
+    fs::remove(fs::path("/etc/orvmon"));
 }
 
 // A set-uid program of an ordinary user, under the daemon's name.

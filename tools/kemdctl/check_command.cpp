@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 
 #include "tools/kemdctl/check_parts.h"
@@ -14,8 +15,9 @@ constexpr const char* kHelp =
     R"(usage: kemdctl check [-q] [--json]
 
 Looks for what keeps kemd from working as meant: trace configuration, variables,
-directories, switch library and modules, registry, and files left over. Each
-line has a severity, what was found, and behind "--" what to do about it.
+directories and room on their disks, switch library and modules, registry, and
+files left over. Each line has a severity, what was found, and after "--" what
+to do about it.
 
   -q, --quiet   only what is to be mended
   --json        results as JSON
@@ -24,11 +26,6 @@ Nothing is changed, no lock is taken, no library or module is loaded.
 Exit status: 0 nothing to be mended, 1 findings, 2 error, or something could not
 be looked at (run it as root).
 )";
-
-const char* Name(Severity severity) {
-    constexpr std::array<const char*, 3> kNames = {"ok", "warning", "error"};
-    return kNames[static_cast<size_t>(severity)];
-}
 
 void ShowText(const Findings& findings, bool isQuiet) {
     for (const Finding& finding : findings.All()) {
@@ -46,14 +43,7 @@ void ShowJson(const Findings& findings, bool isQuiet) {
     json.Open('[');
     for (const Finding& finding : findings.All()) {
         if (isQuiet && finding.severity == Severity::kOk) continue;
-        json.Open('{');
-        json.Key("severity");
-        json.Text(Name(finding.severity));
-        json.Key("what");
-        json.Text(finding.what);
-        json.Key("action");
-        json.Text(finding.action);
-        json.Close('}');
+        ShowAsJson(json, finding);
     }
     json.Close(']');
     json.Finish();
@@ -61,9 +51,34 @@ void ShowJson(const Findings& findings, bool isQuiet) {
 
 }  // namespace
 
+const char* Name(Severity severity) {
+    switch (severity) {
+        case Severity::kOk:
+            return "ok";
+        case Severity::kWarning:
+            return "warning";
+        case Severity::kError:
+            return "error";
+    }
+    return "";
+}
+
+void ShowAsJson(JsonWriter& json, const Finding& finding) {
+    json.Open('{');
+    json.Key("severity");
+    json.Text(Name(finding.severity));
+    json.Key("what");
+    json.Text(finding.what);
+    json.Key("action");
+    json.Text(finding.action);
+    json.Close('}');
+}
+
 void Findings::CannotLook(const std::string& path, int error) {
     m_isComplete = false;
-    Complain("cannot look at %s: %s", Printable(path).c_str(), std::strerror(error));
+    Complain("cannot look at %s: %s%s", Printable(path).c_str(),
+             error == EINVAL ? "no regular file" : std::strerror(error),
+             error == EACCES || error == EPERM ? "; run kemdctl as root" : "");
 }
 
 void Findings::Add(Severity severity, std::string what, std::string action) {
@@ -83,7 +98,7 @@ int RunCheck(CommandLine& line) {
         Write(kHelp);
         return kYes;
     }
-    if (!line.HasOnly(kOptions) || !line.words.empty()) {
+    if (!line.HasOnly(kOptions) || !line.HasNoWords()) {
         Complain("see kemdctl check --help");
         return kError;
     }

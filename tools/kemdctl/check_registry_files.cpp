@@ -27,12 +27,15 @@ void CheckFile(Findings& findings, const char* path, const std::string& mend) {
         file.IsOpen() && CheckRegistry(file.Get(), true, [&](size_t line, const std::string& what) {
             if (count++ == 0) first = "line " + std::to_string(line) + ": " + what;
         });
-    if (!isRead && (errno == EACCES || errno == EPERM)) return findings.CannotLook(path, errno);
+    const int error = errno;
+    if (!isRead && (error == EACCES || error == EPERM)) return findings.CannotLook(path, error);
     const std::string shown = path;
     if (!isRead) {
-        findings.Error(shown + " cannot be read: " + std::strerror(errno), mend);
+        findings.Error(shown + " cannot be read: " +
+                           (error == EINVAL ? "no regular file" : std::strerror(error)),
+                       mend);
     } else if (count > 0) {
-        findings.Error(shown + " has " + std::to_string(count) + " findings (" + first + ")",
+        findings.Error(shown + " has " + Counted(count, "finding") + " (" + first + ")",
                        "kemdctl registry check " + shown + "; " + mend);
     } else if (CheckInRootsHands(findings, shown)) {
         findings.Ok(shown + " is whole");

@@ -14,7 +14,6 @@
 namespace {
 
 constexpr const char* kLibrary = "libswitch.so";
-constexpr const char* kModuleDirectory = "/usr/lib/kemd/modules";
 
 void CheckExports(Findings& findings, const std::string& shown, const ElfExports& exports) {
     if (!exports.Has("SW_QueryInterface")) {
@@ -99,9 +98,7 @@ void CheckSwitchLibrary(Findings& findings, const DaemonEnvironment& environment
 }
 
 void CheckModules(Findings& findings, const DaemonEnvironment& environment) {
-    const char* const variable = environment.Find("OV_MODULE_DIR");
-    const std::string directory =
-        variable != nullptr && *variable != '\0' ? variable : kModuleDirectory;
+    const std::string directory = ModuleDirectory(environment);
     const auto names = ListModules(directory);
     const std::string shown = Printable(directory);
     if (!names && errno != ENOENT && errno != ENOTDIR) return findings.CannotLook(directory, errno);
@@ -111,7 +108,7 @@ void CheckModules(Findings& findings, const DaemonEnvironment& environment) {
                                 "install -d -m 755 " + ShellQuoted(directory));
     }
     CheckDirectory(findings, directory);
-    if (names->empty()) findings.Ok(shown + " holds no module");
+    if (names->empty()) findings.Ok(shown + " holds no module", InstallModuleAdvice(directory));
     for (const std::string& name : *names) {
         std::string path = directory;
         CheckModule(findings, path.append("/").append(name));

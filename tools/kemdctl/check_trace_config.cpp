@@ -73,15 +73,6 @@ void CheckFile(Findings& findings, const std::string& name, std::string& supplie
     }
 }
 
-void CheckSettings(Findings& findings, const DaemonEnvironment& environment) {
-    const TraceSettings settings(environment);
-    const std::string level = std::to_string(settings.TraceLevel());
-    if (settings.TraceLevel() == 0) return findings.Ok("tracing is off: the trace level is 0");
-    if (settings.HasRing()) return findings.Ok("tracing is on at level " + level);
-    findings.Warning("the trace level is " + level + ", but there is no ring buffer to trace into",
-                     "set RingBufferSizeFactor and RingBufferSizeWeight to 1 or more");
-}
-
 }  // namespace
 
 void CheckTraceConfig(Findings& findings, const DaemonEnvironment& environment) {
@@ -106,5 +97,5 @@ void CheckTraceConfig(Findings& findings, const DaemonEnvironment& environment) 
         for (const std::string& name : *names) CheckFile(findings, name, supplier);
     }
     CheckDefaultFile(findings);
-    CheckSettings(findings, environment);
+    CheckTraceLimits(findings, environment, TraceSettings(environment));
 }

@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
+#include <cstdlib>
 #include <span>
 #include <string>
 
@@ -38,6 +40,7 @@ class SectionCheck {
     void Key(std::string_view key, size_t limit) const;
 
   private:
+    void Number(std::string_view key, std::string_view value) const;
     [[nodiscard]] std::string_view LineAt(size_t position) const {
         const size_t before = m_section.rfind('\n', position);
         const size_t start = before == m_section.npos ? 0 : before + 1;
@@ -87,13 +90,44 @@ void SectionCheck::Key(std::string_view key, size_t limit) const {
              "a key counts wherever its name first stands, remarks included: rename it there");
     } else if (key == kDirectoryKey && !value->starts_with('/')) {
         Warn(name + " " + shown + " is no absolute path", "give one that begins with /");
-    } else if (key != kDirectoryKey &&
-               (value->empty() || std::isdigit(static_cast<unsigned char>((*value)[0])) == 0)) {
-        Warn(name + " " + shown + " is no number of 0 or more", "give one");
+    } else if (key != kDirectoryKey) {
+        Number(key, *value);
     }
 }
 
+void SectionCheck::Number(std::string_view key, std::string_view value) const {
+    const auto number = FindMisreadNumber(value, 0, INT32_MAX);
+    if (!number) return;
+    const bool isNumber = !value.empty() && std::isdigit(static_cast<unsigned char>(value[0])) != 0;
+    const bool isLevel = key == "FileDebugLevel" || key == "TraceFlags";
+    Warn(std::string(key) + " \"" + Printable(Trim(value)) + "\"" +
+             (isNumber ? "" : " is no number of 0 or more:") + " counts as " +
+             (*number == -1 && !isLevel ? "absent" : std::to_string(*number)),
+         "give one number of 0 or more and nothing else, decimal or with 0x");
+}
+
 }  // namespace
+
+std::optional<int32_t> FindMisreadNumber(std::string_view text, int base, int64_t largest) {
+    const std::string copy(text);
+    const char* const start = copy.c_str();
+    char* end = nullptr;
+    errno = 0;
+    const int64_t value = base == 0 ? static_cast<int64_t>(std::strtoul(start, &end, 0))
+                                    : std::strtol(start, &end, base);
+    const bool fits = errno == 0 && value >= 0 && value <= largest;
+    const bool isWhole = end != start && Trim(end).empty();
+    // A leading 0 makes it octal, which few mean.
+    const bool isMeant = copy.find_first_of("xX") != copy.npos ||
+                         value == static_cast<int64_t>(std::strtoul(start, nullptr, 10));
+    if (fits && isWhole && isMeant) return std::nullopt;
+    return static_cast<int32_t>(value);
+}
+
+void CheckNumberKey(Findings& findings, const std::string& path, std::string_view section,
+                    std::string_view key) {
+    SectionCheck(findings, path, section).Key(key, kNumberLimit);
+}
 
 void CheckTraceSection(Findings& findings, const std::string& path, std::string_view section,
                        bool isGlobal) {

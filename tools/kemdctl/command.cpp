@@ -83,6 +83,12 @@ bool CommandLine::HasOnly(std::span<const std::string_view> known) const {
     return true;
 }
 
+bool CommandLine::HasNoWords() const {
+    if (words.empty()) return true;
+    Complain("unexpected argument %s", Printable(words.front()).c_str());
+    return false;
+}
+
 std::string_view CommandLine::TakeCommand() {
     if (words.empty()) return {};
     const std::string_view command = words.front();

@@ -34,6 +34,8 @@ struct CommandLine {
     // Whether all options are among these, each at most once unless it may repeat, and with a value
     // only if that was taken; complains when not.
     [[nodiscard]] bool HasOnly(std::span<const std::string_view> known) const;
+    // Whether no word is left; complains of the first one.
+    [[nodiscard]] bool HasNoWords() const;
     // The first word, which is taken out; empty when there is none.
     std::string_view TakeCommand();
 

@@ -7,6 +7,8 @@
 #include <sstream>
 
 #include "tools/kemdctl/small_file.h"
+#include "tools/kemdctl/text.h"
+#include "trace/names.h"
 
 namespace {
 
@@ -73,6 +75,15 @@ DaemonEnvironment ReadDaemonEnvironment(const DaemonState& state) {
     return environment;
 }
 
+std::string ModuleDirectory(const DaemonEnvironment& environment) {
+    const char* const variable = environment.Find("OV_MODULE_DIR");
+    return variable != nullptr && *variable != '\0' ? variable : "/usr/lib/kemd/modules";
+}
+
+std::string InstallModuleAdvice(const std::string& directory) {
+    return "install -m 644 MODULE.so " + ShellQuoted(directory) + "/ and restart kemd";
+}
+
 TraceSettings::TraceSettings(const DaemonEnvironment& environment) {
     for (const char* const name :
          {"OV_LOG_DEBUG_LEVEL", "OV_LOG_DYNAMIC_UPDATE", "OV_LOG_FILE_MAX_SIZE",
@@ -85,11 +96,11 @@ TraceSettings::TraceSettings(const DaemonEnvironment& environment) {
             (void)unsetenv(name);
         }
     }
-    ReadTraceConfig("kemd");
+    m_moduleName = CopyText("kemd");
+    ReadTraceConfig(ModuleName());
+    m_ringSize = ComputeRingSize();
 }
 
-bool TraceSettings::HasRing() const {
-    const char* const own = std::getenv("OV_LOG_RINGBUF_WEIGHT_KEMD");
-    const long weight = own != nullptr ? std::strtol(own, nullptr, 10) : InForce().ringWeight;
-    return InForce().ringFactor != 0 && weight != 0;
+int64_t TraceSettings::SpaceNeeded() const {
+    return InForce().logLimit + (HasTracing() ? (kStartupFactor + 1) * m_ringSize : 0);
 }

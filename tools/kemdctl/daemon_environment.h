@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
@@ -31,11 +32,30 @@ DaemonEnvironment ReadDaemonEnvironment(const DaemonState& state);
 // of each line that is neither. False, with errno, when the file cannot be read.
 bool ReadDefaultFile(Variables& variables, const std::function<void(size_t line)>& badLine);
 
+// Where the reference switch library looks for modules, and what to do when none is there.
+std::string ModuleDirectory(const DaemonEnvironment& environment);
+std::string InstallModuleAdvice(const std::string& directory);
+
 // What the daemon reads with this environment. Makes the variables that matter those of this
 // process.
 class TraceSettings : public CDebugTraceConfig {
   public:
     explicit TraceSettings(const DaemonEnvironment& environment);
-    // As at its start: the module's own variable for the weight applied.
-    [[nodiscard]] bool HasRing() const;
+
+    // Bytes of the run-time ring buffer, 0 for none.
+    [[nodiscard]] int64_t RingSize() const { return m_ringSize; }
+    // The daemon makes no larger one.
+    [[nodiscard]] bool IsRingTooLarge() const { return m_ringSize > INT32_MAX / kStartupFactor; }
+    // Whether the daemon is to trace, and can.
+    [[nodiscard]] bool HasTracing() const {
+        return TraceLevel() != 0 && m_ringSize != 0 && !IsRingTooLarge();
+    }
+    // The most bytes that the files of one run take: the ring buffer of the start-up, beside it its
+    // compressed copy or the run-time one, and the log.
+    [[nodiscard]] int64_t SpaceNeeded() const;
+
+    static constexpr int64_t kStartupFactor = 4;  // of the start-up ring buffer's size
+
+  private:
+    int64_t m_ringSize;
 };

@@ -4,7 +4,10 @@
 #include <string>
 #include <vector>
 
+class JsonWriter;
+
 enum class Severity { kOk, kWarning, kError };
+const char* Name(Severity severity);
 
 struct Finding {
     Severity severity;
@@ -12,9 +15,13 @@ struct Finding {
     std::string action;  // what to do about it, printable; empty: nothing
 };
 
+void ShowAsJson(JsonWriter& json, const Finding& finding);
+
 class Findings {
   public:
-    void Ok(std::string what) { Add(Severity::kOk, std::move(what), {}); }
+    void Ok(std::string what, std::string action = {}) {
+        Add(Severity::kOk, std::move(what), std::move(action));
+    }
     void Warning(std::string what, std::string action) {
         Add(Severity::kWarning, std::move(what), std::move(action));
     }

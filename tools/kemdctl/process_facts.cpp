@@ -128,6 +128,12 @@ pid_t FindDaemon() {
     return oldest != nullptr ? oldest->pid : 0;
 }
 
+std::optional<bool> HasMapped(pid_t pid, const std::string& name) {
+    const auto maps = ReadSmallFile(ProcPath(pid, "maps"), size_t{64} << 20);
+    if (!maps) return std::nullopt;
+    return maps->find("/" + name + "\n") != maps->npos;
+}
+
 std::optional<std::vector<std::string>> ReadProcessEnvironment(pid_t pid) {
     const auto text = ReadSmallFile(ProcPath(pid, "environ"));
     if (!text) return std::nullopt;

@@ -29,6 +29,9 @@ std::vector<pid_t> ListProcesses();
 // The oldest daemon by its name, no child of one; 0: none.
 pid_t FindDaemon();
 
+// Whether a file of this name is mapped into the process; nothing when this may not be seen.
+std::optional<bool> HasMapped(pid_t pid, const std::string& name);
+
 // The variables NAME=value that the process was started with; nothing, with errno, when they may
 // not be read.
 std::optional<std::vector<std::string>> ReadProcessEnvironment(pid_t pid);

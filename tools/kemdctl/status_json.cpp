@@ -114,6 +114,12 @@ void ShowStatusAsJson(const Status& status) {
         json.Close('}');
     }
     json.Close(']');
+    if (!status.moduleNote.empty()) members.Text("modulesNote", status.moduleNote);
+    members.Open("findings", '[');
+    for (const Finding& finding : status.findings.All()) {
+        if (finding.severity != Severity::kOk) ShowAsJson(json, finding);
+    }
+    json.Close(']');
     json.Close('}');
     json.Finish();
 }

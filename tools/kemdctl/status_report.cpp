@@ -82,7 +82,8 @@ void ShowFile(std::string_view name, const TraceFileFacts& file, const std::stri
     if (file.error == ENOENT) return Show(name, "not there");
     if (file.error != 0)
         return Show(name, std::string("cannot be read: ") + std::strerror(file.error));
-    Show(name, Printable(file.path) + ", " + std::to_string(file.size) + " bytes" + more);
+    Show(name,
+         Printable(file.path) + ", " + Counted(static_cast<size_t>(file.size), "byte") + more);
 }
 
 void ShowNewest(const Status& status) {
@@ -93,12 +94,13 @@ void ShowNewest(const Status& status) {
                               " in " + Printable(newest->path.substr(newest->path.rfind('/') + 1)));
 }
 
-void ShowModules(const ModuleStates& modules) {
+void ShowModules(const Status& status) {
     std::string list;
-    for (const auto& [file, module] : modules) {
+    for (const auto& [file, module] : status.trace.modules) {
         list += (list.empty() ? "" : ", ") + Printable(file) + " " + module.state;
     }
-    Show("modules", list.empty() ? "not named in the trace" : list);
+    const std::string& note = status.moduleNote;
+    Show("modules", list.empty() ? note : list + (note.empty() ? "" : " (" + note + ")"));
 }
 
 }  // namespace
@@ -113,8 +115,13 @@ void ShowStatus(const Status& status) {
              " (by the configuration and " + status.traceSource + ")");
     ShowHeader(status);
     const TraceFileFacts& log = status.trace.log;
-    ShowFile("log", log, ", wrapped " + std::to_string(log.cycles) + " times");
+    ShowFile("log", log, ", wrapped " + Counted(static_cast<size_t>(log.cycles), "time"));
     ShowFile("ring buffer", status.Ring(), "");
     ShowNewest(status);
-    ShowModules(status.trace.modules);
+    ShowModules(status);
+    for (const Finding& finding : status.findings.All()) {
+        if (finding.severity != Severity::kOk) {
+            Show(Name(finding.severity), finding.what + " -- " + finding.action);
+        }
+    }
 }

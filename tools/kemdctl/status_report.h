@@ -4,10 +4,14 @@
 #include <string>
 
 #include "tools/kemdctl/daemon_state.h"
+#include "tools/kemdctl/finding.h"
 #include "tools/kemdctl/trace_facts.h"
 
 struct Status {
     DaemonState state;
+    Findings findings;  // what is wrong with the trace
+    // What is to be known about the list of modules: why it is empty or not complete.
+    std::string moduleNote;
     std::string traceDirectory;
     std::string traceSource;  // of the variables that decide on it
     TraceFacts trace;

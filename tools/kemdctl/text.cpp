@@ -76,8 +76,9 @@ std::string Printable(std::string_view text) {
 }
 
 std::string ShellQuoted(std::string_view name) {
-    const auto isSafe = [](unsigned char c) {
-        return std::isalnum(c) != 0 || std::string_view("/._-+,:@%=").find(c) != std::string::npos;
+    const auto isSafe = [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
+               std::string_view("/._-+,:@%=").find(c) != std::string::npos;
     };
     if (!name.empty() && std::all_of(name.begin(), name.end(), isSafe)) return std::string(name);
     const bool needsEscapes = Printable(name) != name;

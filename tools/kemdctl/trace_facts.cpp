@@ -39,16 +39,30 @@ void TakeModule(const TraceRecord& record, ModuleStates& modules) {
     module = {std::move(stamp), std::string(note->state)};
 }
 
-void ReadRecords(TraceSource& source, TraceFileFacts& facts, ModuleStates& modules) {
+// The log is truncated at each start, so what it says of the ring buffers is of the last one.
+void TakeRingState(const TraceRecord& record, TraceFacts& all) {
+    const std::string_view text = record.text.substr(0, record.text.find('\n'));
+    constexpr std::string_view kFailure = "### InitRingBuffer(): ";
+    if (text.starts_with(kFailure)) {
+        all.ringFailure = text.substr(kFailure.size(), text.rfind(" ###") - kFailure.size());
+    }
+    all.isSwitchingRing = text.find("## Done initializing ##") != text.npos;
+}
+
+void ReadRecords(TraceSource& source, TraceFileFacts& facts, TraceFacts& all) {
     source.ShowAll(false);
     source.Rewind();
-    for (TraceRecord record; source.Next(record);) TakeModule(record, modules);
+    const bool isLog = facts.path.ends_with("/log.kemd");
+    for (TraceRecord record; source.Next(record);) {
+        TakeModule(record, all.modules);
+        if (isLog) TakeRingState(record, all);
+    }
     if (source.Facts().records == 0) return;
     facts.oldest = Stamp(source.Facts().firstTime);
     facts.newest = Stamp(source.Facts().lastTime);
 }
 
-TraceFileFacts Read(const std::string& path, ModuleStates& modules) {
+TraceFileFacts Read(const std::string& path, TraceFacts& all) {
     TraceFileFacts facts;
     facts.path = path;
     const UniqueFd file = OpenRegularFile(path.c_str(), O_RDONLY);
@@ -65,7 +79,7 @@ TraceFileFacts Read(const std::string& path, ModuleStates& modules) {
     }
     facts.cycles = source.Facts().cycle;
     facts.header = ReadSettings(source);
-    ReadRecords(source, facts, modules);
+    ReadRecords(source, facts, all);
     return facts;
 }
 
@@ -86,13 +100,20 @@ const TraceFileFacts* TraceFacts::Newest() const {
     return newest;
 }
 
+const TraceFileFacts* TraceFacts::Unreadable() const {
+    for (const TraceFileFacts* file : {&runtimeRing, &startupRing, &startupArchive, &log}) {
+        if (file->error != 0 && file->error != ENOENT) return file;
+    }
+    return nullptr;
+}
+
 TraceFacts ReadTrace(const std::string& directory) {
     TraceFacts facts;
     const std::string base = directory + "/log.kemd";
-    (void)Read(base + "_i.gz", facts.modules);
-    facts.startupRing = Read(base + "_i", facts.modules);
-    facts.log = Read(base, facts.modules);
-    facts.runtimeRing = Read(base + "_a", facts.modules);
+    facts.startupArchive = Read(base + "_i.gz", facts);
+    facts.startupRing = Read(base + "_i", facts);
+    facts.log = Read(base, facts);
+    facts.runtimeRing = Read(base + "_a", facts);
     // The log begins with the daemon's start, the rings may be of an earlier one.
     std::erase_if(facts.modules,
                   [&](const auto& module) { return module.second.stamp < facts.log.oldest; });

@@ -37,12 +37,18 @@ struct TraceFacts {
     TraceFileFacts log;
     TraceFileFacts startupRing;
     TraceFileFacts runtimeRing;
+    TraceFileFacts startupArchive;
     ModuleStates modules;  // since the start that the log begins with
+    std::string
+        ringFailure;  // why there is no ring buffer, as the log says; empty: it says nothing
+    bool isSwitchingRing = false;  // at the end of start-up no ring buffer is open for a while
 
     // The ring whose header the process wrote; else the run-time ring, or the one that is there.
     [[nodiscard]] const TraceFileFacts& Ring(pid_t daemon) const;
     // Of which file the newest record is; null when there is none.
     [[nodiscard]] const TraceFileFacts* Newest() const;
+    // One that is there and cannot be read; null: all can be.
+    [[nodiscard]] const TraceFileFacts* Unreadable() const;
 };
 TraceFacts ReadTrace(const std::string& directory);
 
