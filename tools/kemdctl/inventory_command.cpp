@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
 
 #include "inventory/bios_tables.h"
@@ -26,14 +27,16 @@ Shows which source delivers the firmware's SMBIOS tables, their revision, the
 number of structures of each type, and which slot holds which PCI device.
 
   --slot BB:DD       only the number of the slot that holds the device with this
-                     bus and device number, hexadecimal; 0: none, on board;
-                     status 1: not known
+                     bus and device number, hexadecimal; status 1: not known
   --from-dump FILE   looks at tables in a file, as --dump or dmidecode wrote it
-  --dump FILE        writes the tables into a file that dmidecode reads as well
+  --dump FILE        writes the tables into a file that dmidecode reads as well;
+                     -: to standard output
   --json             results as JSON
 
-Only root can read the tables. The slot map comes from the PCI IRQ routing
-table, with types from SMBIOS, or else from SMBIOS; of a dump only from SMBIOS.
+The slot map comes from the PCI IRQ routing table, with types from SMBIOS, or
+else from SMBIOS; of a dump only from SMBIOS. A device on board has the number 0
+in the first, its instance among the devices of its kind in the second.
+Only root can read the tables.
 Exit status: 0 yes or done, 1 no (no tables, slot not known), 2 error.
 )";
 
@@ -59,53 +62,81 @@ bool ParseAddress(std::string_view text, PciAddress& address) {
     return false;
 }
 
-// Says which of the sources are there but cannot be read; whether one is.
-bool ComplainOfSources() {
-    bool isDenied = false;
+// Which of the sources are there but cannot be read, and why.
+std::string DeniedSources() {
+    std::string denied;
+    bool needsRoot = false;
     for (const char* path : {"/sys/firmware/dmi/tables/smbios_entry_point",
                              "/sys/firmware/dmi/tables/DMI", "/sys/firmware/efi/systab",
                              "/proc/efi/systab", "/vmfs/devices/char/mem/smbios", "/dev/mem"}) {
         if (access(path, R_OK) == 0 || errno == ENOENT) continue;
-        Complain("cannot read %s: %s", path, std::strerror(errno));
-        isDenied = true;
+        const int error = errno;
+        denied += std::string(denied.empty() ? "cannot read " : ", ") + path + ": ";
+        denied += std::strerror(error);
+        needsRoot = needsRoot || error == EACCES || error == EPERM;
     }
-    return isDenied;
+    return denied + (needsRoot ? "; run kemdctl as root" : "");
 }
 
 bool LoadDump(const char* path, Inventory& inventory) {
     if (!OpenRegularFile(path, O_RDONLY).IsOpen()) {
-        FileError("read", path);
+        const int error = errno;
+        inventory.error = std::string("cannot read ") + path + ": " +
+                          (error == EINVAL ? "no regular file" : std::strerror(error));
         return false;
     }
     const auto file = ReadTableFile(path, kLargestSmbiosTable);
     SmbiosData data;
     if (!file || !DecodeSmbiosDump(*file, data)) {
-        Complain("%s holds no SMBIOS tables", Printable(path).c_str());
+        inventory.error = std::string(path) + " holds no SMBIOS tables";
         return false;
     }
     inventory.hasSmbios = inventory.smbios.Connect(std::move(data));
-    inventory.slots = GatherSmbiosSlots(inventory.smbios);
-    if (!inventory.slots.empty()) inventory.slotSource = PciSlotSource::kSmbios;
+    const CPciSlotMap::Slots slots = GatherSmbiosSlots(inventory.smbios);
+    if (!slots.empty()) inventory.slotSource = PciSlotSource::kSmbios;
+    inventory.slots = MakeSlotRows(slots, inventory.slotSource, inventory.smbios);
     return true;
 }
 
+void ShowSlotAsJson(const SlotRow* row, bool isExact, const std::string& error) {
+    JsonWriter json;
+    json.Open('{');
+    if (row != nullptr) {
+        json.Key("slot");
+        json.Number(row->data.slot);
+        json.Key("match");
+        json.Text(isExact ? "device" : "bus");
+        AddSlotName(json, *row);
+    }
+    AddError(json, error);
+    json.Close('}');
+    json.Finish();
+}
+
 int ShowSlot(const Inventory& inventory, const PciAddress& address, bool withJson) {
-    const PciSlotData* slot = CPciSlotMap::Find(inventory.slots, address.bus, address.device);
-    if (slot == nullptr) {
-        Complain("the slot of %02x:%02x is not known", address.bus, address.device);
-        return kNo;
+    const auto [bus, device] = address;
+    const SlotRow* const row = FindSlotRow(inventory.slots, bus, device);
+    std::string error = inventory.error;
+    if (row == nullptr) {
+        std::array<char, 64> text{};
+        std::snprintf(text.data(), text.size(), "the slot of %02x:%02x is not known", bus, device);
+        error = text.data();
+        if (inventory.slots.empty() && inventory.hasSmbios) {
+            error += ": " + WhyNoSlots(inventory.smbios);
+        }
+        Complain("%s", error.c_str());
+    }
+    const bool isExact = row != nullptr && row->data.Matches(bus, device, false);
+    if (row != nullptr && !isExact) {
+        Complain("%02x:%02x has no row of its own: slot %d is that of %02x:%02x, by the bus alone",
+                 bus, device, row->data.slot, row->data.bus, row->data.device);
     }
     if (withJson) {
-        JsonWriter json;
-        json.Open('{');
-        json.Key("slot");
-        json.Number(slot->slot);
-        json.Close('}');
-        json.Finish();
-    } else {
-        Write(std::to_string(slot->slot) + "\n");
+        ShowSlotAsJson(row, isExact, error);
+    } else if (row != nullptr) {
+        Write(std::to_string(row->data.slot) + "\n");
     }
-    return kYes;
+    return row != nullptr ? kYes : kNo;
 }
 
 int WriteDump(const Inventory& inventory, const char* path) {
@@ -116,36 +147,51 @@ int WriteDump(const Inventory& inventory, const char* path) {
                  error.empty() ? "an unknown entry point" : Printable(error).c_str());
         return kNo;
     }
-    return WriteOutputFile(path, 0600, [&dump](const FileSink& write) { return write(dump); });
+    if (std::strcmp(path, "-") != 0) {
+        return WriteOutputFile(path, 0600, [&dump](const FileSink& write) { return write(dump); });
+    }
+    if (isatty(STDOUT_FILENO) != 0) {
+        Complain("the tables are binary and standard output is a terminal: name a file, or > FILE");
+        return kError;
+    }
+    Write(dump);
+    return kYes;
 }
 
-// Also a broken table is reported as far as it was read.
+// Broken tables are there as far as they could be read.
+bool IsBroken(const Inventory& inventory) {
+    return !inventory.hasSmbios && inventory.smbios.Data().source != SmbiosSource::kNone;
+}
+
 int Report(const Inventory& inventory, bool withJson) {
-    if (!inventory.hasSmbios) {
-        const std::string& error = inventory.smbios.Error();
-        Complain("SMBIOS: %s", error.empty() ? "no tables" : Printable(error).c_str());
-    }
     if (withJson) {
         ShowInventoryAsJson(inventory);
     } else {
         ShowInventory(inventory);
     }
-    const bool isBroken =
-        !inventory.hasSmbios && inventory.smbios.Data().source != SmbiosSource::kNone;
-    return isBroken || (!inventory.hasSmbios && inventory.slots.empty()) ? kNo : kYes;
+    const bool isEmpty = !inventory.hasSmbios && inventory.slots.empty();
+    return IsBroken(inventory) || isEmpty ? kNo : kYes;
 }
 
-// Asks the machine for what the options need. False when it is not there for want of permission.
+// Asks the machine. False when what the options need is not there for want of permission.
 bool LoadMachine(Inventory& inventory, bool needsSmbios, bool needsSlots) {
-    if (needsSmbios) inventory.hasSmbios = inventory.smbios.Connect();
+    inventory.hasSmbios = inventory.smbios.Connect();
     if (needsSlots) {
-        inventory.slots = CPciSlotMap::GetSlotMapping();
         inventory.slotSource = CPciSlotMap::Source();
+        inventory.slots =
+            MakeSlotRows(CPciSlotMap::GetSlotMapping(), inventory.slotSource, inventory.smbios);
     }
-    const bool hasAny = inventory.hasSmbios || !inventory.slots.empty();
-    const bool hasAll =
-        (inventory.hasSmbios || !needsSmbios) && (!inventory.slots.empty() || !needsSlots);
-    return hasAll || !ComplainOfSources() || hasAny;
+    const bool hasSlots = !inventory.slots.empty();
+    if ((inventory.hasSmbios || !needsSmbios) && (hasSlots || !needsSlots)) return true;
+    inventory.error = DeniedSources();
+    return inventory.error.empty() || (needsSmbios && inventory.hasSmbios) || hasSlots;
+}
+
+// What is wrong with the tables, beside what is wrong with their sources.
+void AddTableError(Inventory& inventory) {
+    const std::string& error = inventory.smbios.Error();
+    inventory.error += std::string(inventory.error.empty() ? "" : "; ") +
+                       "SMBIOS: " + (error.empty() ? "no tables" : error);
 }
 
 }  // namespace
@@ -163,7 +209,7 @@ int RunInventory(CommandLine& line) {
     const bool isWhole = line.Has("--slot") == (slot != nullptr) &&
                          line.Has("--from-dump") == (source != nullptr) &&
                          line.Has("--dump") == (target != nullptr);
-    if (!line.HasOnly(kOptions) || !line.words.empty() || !isWhole ||
+    if (!line.HasOnly(kOptions) || !line.HasNoWords() || !isWhole ||
         (slot != nullptr && target != nullptr)) {
         Complain("see kemdctl inventory --help");
         return kError;
@@ -174,8 +220,14 @@ int RunInventory(CommandLine& line) {
     const bool isLoaded = source != nullptr
                               ? LoadDump(source, inventory)
                               : LoadMachine(inventory, slot == nullptr, target == nullptr);
-    if (!isLoaded) return kError;
-    if (target != nullptr) return WriteDump(inventory, target);
+    const bool needsTables = slot == nullptr && target == nullptr && isLoaded;
+    if (IsBroken(inventory) || (needsTables && !inventory.hasSmbios)) AddTableError(inventory);
+    if (!inventory.error.empty()) Complain("%s", Printable(inventory.error).c_str());
     const bool withJson = line.Has("--json");
+    if (!isLoaded) {
+        if (withJson) ShowSlotAsJson(nullptr, false, inventory.error);
+        return kError;
+    }
+    if (target != nullptr) return WriteDump(inventory, target);
     return slot != nullptr ? ShowSlot(inventory, address, withJson) : Report(inventory, withJson);
 }

@@ -6,7 +6,7 @@
 
 #include "tools/kemdctl/command.h"
 #include "tools/kemdctl/inventory_names.h"
-#include "tools/kemdctl/json.h"
+#include "tools/kemdctl/text.h"
 
 namespace {
 
@@ -63,11 +63,19 @@ size_t CountStructures(const CSMBios& smbios) {
     return count;
 }
 
+std::string TypeOf(const SlotRow& row) {
+    return row.isOnboard ? "on board" : SlotTypeName(row.data.type);
+}
+
 void ShowSlots(const Inventory& inventory) {
-    Write("\nbus:device  slot  type                                source\n");
-    for (const PciSlotData& slot : inventory.slots) {
-        Write(Format("%02x:%02x       %4d  %-34s  %s\n", slot.bus, slot.device, slot.slot,
-                     SlotTypeName(slot.type).c_str(), NameOf(inventory.slotSource).shown));
+    Write("\nbus:device  slot  type                                source             label\n");
+    for (const SlotRow& row : inventory.slots) {
+        const PciSlotData& slot = row.data;
+        std::string line =
+            Format("%02x:%02x       %4d  %-34s  %-17s  ", slot.bus, slot.device, slot.slot,
+                   TypeOf(row).c_str(), NameOf(inventory.slotSource).shown);
+        line += Printable(row.label);
+        Write(line.substr(0, line.find_last_not_of(' ') + 1) + "\n");
     }
 }
 
@@ -76,15 +84,35 @@ void ShowSlots(const Inventory& inventory) {
 void ShowInventory(const Inventory& inventory) {
     const CSMBios& smbios = inventory.smbios;
     if (smbios.Data().source != SmbiosSource::kNone) {
-        Write(Format("SMBIOS %s, %zu structures in %zu bytes, from %s\n\n",
-                     RevisionText(smbios).c_str(), CountStructures(smbios),
-                     smbios.Data().table.size(), NameOf(smbios.Data().source).shown));
+        Write("SMBIOS " + RevisionText(smbios) + ", " +
+              Counted(CountStructures(smbios), "structure") + " in " +
+              Counted(smbios.Data().table.size(), "byte") + ", from " +
+              NameOf(smbios.Data().source).shown + "\n\n");
         Write("type  structures\n");
         for (const auto& [type, positions] : smbios.Structures()) {
             Write(Format("%4d  %10zu  %s\n", type, positions.size(), StructureName(type)));
         }
     }
-    if (!inventory.slots.empty()) ShowSlots(inventory);
+    if (!inventory.slots.empty()) {
+        ShowSlots(inventory);
+    } else if (inventory.hasSmbios) {
+        Write("\nno slot map: " + WhyNoSlots(smbios) + "\n");
+    }
+}
+
+void AddSlotName(JsonWriter& json, const SlotRow& row) {
+    json.Key("kind");
+    json.Text(row.isOnboard ? "onboard" : "slot");
+    json.Key("label");
+    json.Text(row.label);
+}
+
+void AddError(JsonWriter& json, const std::string& error) {
+    json.Key("incomplete");
+    json.Flag(!error.empty());
+    if (error.empty()) return;
+    json.Key("error");
+    json.Text(error);
 }
 
 void ShowInventoryAsJson(const Inventory& inventory) {
@@ -117,17 +145,21 @@ void ShowInventoryAsJson(const Inventory& inventory) {
     json.Close('}');
     json.Key("slots");
     json.Open('[');
-    for (const PciSlotData& slot : inventory.slots) {
+    for (const SlotRow& row : inventory.slots) {
+        const PciSlotData& slot = row.data;
         json.Open('{');
         number("bus", slot.bus);
         number("device", slot.device);
         number("slot", slot.slot);
         number("type", slot.type);
-        text("name", SlotTypeName(slot.type));
+        text("name", TypeOf(row));
+        AddSlotName(json, row);
         text("source", NameOf(inventory.slotSource).json);
         json.Close('}');
     }
     json.Close(']');
+    if (inventory.slots.empty() && inventory.hasSmbios) text("slotsNote", WhyNoSlots(smbios));
+    AddError(json, inventory.error);
     json.Close('}');
     json.Finish();
 }
