@@ -136,7 +136,7 @@ TEST_F(StatusTest, TraceFiles) {
               line("10:00:00.000", "kemd          ### InitRingBuffer(): open of x failed (y) ###"));
     const std::string json = Ctl("status --json").out;
     EXPECT_TRUE(
-        InOrder(json, {"\"modulesNote\":\"perhaps not all: ", "\"severity\":\"error\"",
+        InOrder(json, {"\"modulesNote\":\"not known: ", "\"severity\":\"error\"",
                        "tracing failed at the last start of kemd: open of x failed (y)\""}));
 }
 

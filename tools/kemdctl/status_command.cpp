@@ -59,8 +59,8 @@ bool HasModule(const std::string& directory) {
 
 std::string ModuleNote(const Status& status, const std::string& directory) {
     if (const TraceFileFacts* const file = status.trace.Unreadable()) {
-        return "perhaps not all: " + Printable(file->path) +
-               " cannot be read: " + std::strerror(file->error) +
+        return (status.trace.modules.empty() ? "not known: " : "perhaps not all: ") +
+               Printable(file->path) + " cannot be read: " + std::strerror(file->error) +
                (file->error == EACCES ? "; run kemdctl as root" : "");
     }
     if (!status.trace.modules.empty()) return "";
