@@ -1,6 +1,8 @@
 // Reads any bytes as a trace file, in each of the ways there are: whatever is in them, the records
-// come from the file and lie in it one behind the other.
+// come from the file and lie in it one behind the other, and all that is in it can be shown.
 #include "tests/fuzz/fuzz.h"
+#include "tests/tools/json_check.h"
+#include "tools/kemdctl/trace/printer.h"
 #include "tools/trace_reader/describe.h"
 #include "tools/trace_reader/trace_merge.h"
 
@@ -54,6 +56,42 @@ void ReadTwo(const std::string& one, const std::string& other) {
     Require(ReadRuns(again) == text, "another order in runs");
 }
 
+// All that --raw shows, in one form.
+std::string Print(const std::string& path, const TraceOptions& options) {
+    TraceMerge merge;
+    merge.ShowAll(true);
+    merge.Add(path);
+    Output output(options);
+    const auto printer = MakePrinter(options, output);
+    printer->Begin(merge);
+    const Printer::Delta delta = 1;
+    std::string shown;
+    for (TraceRecord record; merge.Next(record);) {
+        printer->Print(record, &delta);
+        printer->PrintGap(1);
+        shown += std::exchange(output.Text(), {});
+    }
+    return shown;
+}
+
+void PrintInAllForms(const std::string& path) {
+    TraceOptions options;
+    options.mayPage = false;
+    for (const Form form : {Form::kFull, Form::kShort, Form::kJson, Form::kCsv}) {
+        for (const ColorMode color : {ColorMode::kNever, ColorMode::kAlways}) {
+            options.form = form;
+            options.color = color;
+            const std::string shown = Print(path, options);
+            if (form != Form::kJson) continue;
+            for (std::string_view rest = shown; !rest.empty();) {
+                const size_t end = rest.find('\n');
+                Require(JsonCheck::IsValid(rest.substr(0, end)), "no JSON");
+                rest.remove_prefix(end + 1);
+            }
+        }
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -69,6 +107,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Require(ReadRuns(source) == text, "runs that differ from their records");
     source.SeekTime(1794773091000);
     Require(ReadOneByOne(source, size).size() <= text.size(), "seeking found more");
+    PrintInAllForms(file.Path());
     second.Fill(bytes.substr(middle));
     file.Fill(bytes.substr(0, middle));
     (void)source.Advance();

@@ -175,6 +175,13 @@ TEST_F(TraceCommandTest, FormsAndWhatIsBetweenRecords) {
         "\"a\"\"b\",\"x,\"\"\x1b[2J\xff\xc2\x9b\xc3\xa4\xe2\x80\xae\\\",/tmp/hostile\r\n",
         Trace("-o csv /tmp/hostile").out);
     EXPECT_TRUE(Contains(Trace("-o csv --gaps 1 /tmp/five").out, ",/tmp/five,10.000\r\n"));
+    WriteLog("/tmp/five", {"no trace", kFive[0]});
+    for (const char* form : {"full", "short", "json", "csv"}) {
+        const Result raw = Trace(std::string("--raw /tmp/five -o ") + form);
+        EXPECT_EQ(raw.code, 0) << form;
+        EXPECT_TRUE(InOrder(raw.out, {"no trace", "alpha (1)"})) << form;
+        EXPECT_EQ(Contains(raw.out, "\"kind\":\"other\"}"), Contains(form, "json"));
+    }
 }
 
 TEST_F(TraceCommandTest, HostileTextNeverDrivesATerminal) {

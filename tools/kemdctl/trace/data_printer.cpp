@@ -25,9 +25,25 @@ std::string Seconds(int64_t milliseconds) {
 
 // With --raw also what is no record is shown.
 const char* KindName(RecordKind kind) {
-    constexpr std::array<const char*, 7> kNames = {"record",  "header", "begin", "wrap",
-                                                   "trailer", "fill",   "other"};
-    return kNames[static_cast<size_t>(kind)];
+    switch (kind) {
+        case RecordKind::kRecord:
+            return "record";
+        case RecordKind::kHeader:
+            return "header";
+        case RecordKind::kBegin:
+            return "begin";
+        case RecordKind::kWrap:
+            return "wrap";
+        case RecordKind::kEndMark:
+            return "trailer";
+        case RecordKind::kFill:
+            return "fill";
+        case RecordKind::kPiece:
+            return "piece";
+        case RecordKind::kOther:
+            break;
+    }
+    return "other";
 }
 
 class JsonPrinter : public Printer {

@@ -1,8 +1,9 @@
 #include "tools/kemdctl/trace/options.h"
 
-#include <array>
 #include <charconv>
 #include <cstring>
+#include <initializer_list>
+#include <utility>
 
 #include "tools/kemdctl/text.h"
 #include "tools/kemdctl/trace/time_word.h"
@@ -83,23 +84,28 @@ std::string SetLast(Parser& parser, const char* value) {
     return error == std::errc{} && next == end ? "" : "no number";
 }
 
-template <typename Value, Value TraceOptions::*member, size_t count>
-std::string Pick(Parser& parser, const char* value,
-                 const std::array<std::string_view, count>& names) {
+template <typename Value>
+using Choices = std::initializer_list<std::pair<std::string_view, Value>>;
+
+template <typename Value>
+std::string Pick(Value& option, std::string_view word, Choices<Value> choices) {
     std::string all;
-    for (size_t i = 0; i < count; ++i) {
-        if (names[i] == value) {
-            parser.options.*member = static_cast<Value>(i);
+    for (const auto& [name, value] : choices) {
+        if (name == word) {
+            option = value;
             return {};
         }
-        all += (i > 0 ? ", " : "") + std::string(names[i]);
+        all += (all.empty() ? "" : ", ") + std::string(name);
     }
     return "none of " + all;
 }
 
 std::string SetForm(Parser& parser, const char* value) {
-    constexpr std::array<std::string_view, 4> kNames = {"full", "short", "json", "csv"};
-    return Pick<Form, &TraceOptions::form>(parser, value, kNames);
+    return Pick<Form>(parser.options.form, value,
+                      {{"full", Form::kFull},
+                       {"short", Form::kShort},
+                       {"json", Form::kJson},
+                       {"csv", Form::kCsv}});
 }
 
 std::string SetJson(Parser& parser, const char* /*none*/) {
@@ -108,8 +114,9 @@ std::string SetJson(Parser& parser, const char* /*none*/) {
 }
 
 std::string SetColor(Parser& parser, const char* value) {
-    constexpr std::array<std::string_view, 3> kNames = {"auto", "always", "never"};
-    return Pick<ColorMode, &TraceOptions::color>(parser, value, kNames);
+    return Pick<ColorMode>(
+        parser.options.color, value,
+        {{"auto", ColorMode::kAuto}, {"always", ColorMode::kAlways}, {"never", ColorMode::kNever}});
 }
 
 std::string IgnoreCase(Parser& parser, const char* /*none*/) {

@@ -22,7 +22,8 @@ class Printer {
     virtual void PrintGap(int64_t /*length*/) {}
 };
 
-// All outlive the printer.
+// Of the form that is asked for. All outlive the printer.
+[[nodiscard]] std::unique_ptr<Printer> MakePrinter(const TraceOptions& options, Output& output);
 [[nodiscard]] std::unique_ptr<Printer> MakeTextPrinter(const TraceOptions& options, Output& output);
 [[nodiscard]] std::unique_ptr<Printer> MakeJsonPrinter(Output& output);
 [[nodiscard]] std::unique_ptr<Printer> MakeCsvPrinter(bool showsDelta, Output& output);

@@ -1,7 +1,5 @@
 #include "tools/kemdctl/trace/show_sink.h"
 
-namespace {
-
 std::unique_ptr<Printer> MakePrinter(const TraceOptions& options, Output& output) {
     switch (options.form) {
         case Form::kJson:
@@ -14,8 +12,6 @@ std::unique_ptr<Printer> MakePrinter(const TraceOptions& options, Output& output
     }
     return MakeTextPrinter(options, output);
 }
-
-}  // namespace
 
 // Programs that read the records around gaps see by the delta where a gap is.
 ShowSink::ShowSink(const TraceOptions& options)
