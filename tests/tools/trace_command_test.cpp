@@ -285,7 +285,7 @@ TEST_F(TraceCommandTest, WaitsForARecordThatComes) {
     EXPECT_EQ(1, Trace("-f --timeout 0.1 -g nothing").code);
 }
 
-TEST_F(TraceCommandTest, FollowsThroughWrapsAndARestartUntilInterrupted) {
+TEST_F(TraceCommandTest, FollowsThroughWrapsAndARestartToTheEnd) {
     ConfigureTrace(0);
     ASSERT_TRUE(Debug.Init("kemd"));
     std::string written;
@@ -306,7 +306,14 @@ TEST_F(TraceCommandTest, FollowsThroughWrapsAndARestartUntilInterrupted) {
         ASSERT_TRUE(Debug.Init("kemd"));
     }
     write(1);
-    kill(follower, SIGINT);
+    // What comes while it is busy is shown as well, once it is told to end.
+    kill(follower, SIGSTOP);
+    for (int i = 0; i < 20; ++i) {
+        Debug.Message("record %d. x", ++count);
+        written += "record " + std::to_string(count) + ".\n";
+    }
+    kill(follower, SIGTERM);
+    kill(follower, SIGCONT);
     int code = -1;
     EXPECT_TRUE(WaitFor([&] { return HasEnded(code); }));
     EXPECT_EQ(0, code);

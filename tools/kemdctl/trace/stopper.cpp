@@ -30,10 +30,11 @@ Stopper::Stopper(std::optional<int64_t> timeout) {
     g_isInterrupted = 0;
     struct sigaction action = {};
     action.sa_handler = NoteInterrupt;
-    // The second interrupt ends the process, whatever it waits for.
+    // The second one ends the process, whatever it waits for.
     action.sa_flags = static_cast<int>(SA_RESTART | SA_RESETHAND);
     (void)sigaction(SIGINT, nullptr, &m_oldInterrupt);
     if (m_oldInterrupt.sa_handler != SIG_IGN) (void)sigaction(SIGINT, &action, nullptr);
+    (void)sigaction(SIGTERM, &action, &m_oldTermination);
     action.sa_handler = Repeat;
     action.sa_flags = SA_RESTART;
     (void)sigaction(SIGALRM, &action, &m_oldAlarm);
@@ -45,6 +46,7 @@ Stopper::Stopper(std::optional<int64_t> timeout) {
 Stopper::~Stopper() {
     StartTimer(0);
     (void)sigaction(SIGALRM, &m_oldAlarm, nullptr);
+    (void)sigaction(SIGTERM, &m_oldTermination, nullptr);
     (void)sigaction(SIGINT, &m_oldInterrupt, nullptr);
 }
 

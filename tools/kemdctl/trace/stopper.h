@@ -1,4 +1,4 @@
-// Ends waiting: by the interrupt key, and at a time-out. One object at a time, for a process that
+// Ends waiting: by the interrupt key, by SIGTERM, and at a time-out. One object at a time, for a process that
 // waits in poll; nothing is called while it waits.
 #pragma once
 
@@ -23,5 +23,6 @@ class Stopper {
     using Clock = std::chrono::steady_clock;
     std::optional<Clock::time_point> m_end;
     struct sigaction m_oldInterrupt = {};
+    struct sigaction m_oldTermination = {};
     struct sigaction m_oldAlarm = {};
 };
