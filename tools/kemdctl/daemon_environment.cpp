@@ -1,5 +1,7 @@
 #include "tools/kemdctl/daemon_environment.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -84,6 +86,20 @@ std::string InstallModuleAdvice(const std::string& directory) {
     return "install -m 644 MODULE.so " + ShellQuoted(directory) + "/ and restart kemd";
 }
 
+DaemonEnvironment ReadOwnEnvironment() {
+    DaemonEnvironment environment;
+    (void)ReadDefaultFile(environment.variables, [](size_t) {});
+    for (char** each = environ; *each != nullptr; ++each) {
+        const std::string_view line = *each;
+        const size_t equals = line.find('=');
+        if (equals == line.npos) continue;
+        environment.variables.insert_or_assign(std::string(line.substr(0, equals)),
+                                               std::string(line.substr(equals + 1)));
+    }
+    environment.source = "the environment of this process";
+    return environment;
+}
+
 TraceSettings::TraceSettings(const DaemonEnvironment& environment) {
     for (const char* const name :
          {"OV_LOG_DEBUG_LEVEL", "OV_LOG_DYNAMIC_UPDATE", "OV_LOG_FILE_MAX_SIZE",
@@ -99,6 +115,11 @@ TraceSettings::TraceSettings(const DaemonEnvironment& environment) {
     m_moduleName = CopyText("kemd");
     ReadTraceConfig(ModuleName());
     m_ringSize = ComputeRingSize();
+}
+
+std::string TraceSettings::Directory() const {
+    const std::string directory = InForce().logDirectory.Get();
+    return directory.empty() ? "/" : directory;
 }
 
 int64_t TraceSettings::SpaceNeeded() const {

@@ -28,6 +28,10 @@ struct DaemonEnvironment {
 // Of the running daemon; of the file when none runs or its environment may not be read.
 DaemonEnvironment ReadDaemonEnvironment(const DaemonState& state);
 
+// What a daemon that this process starts would have: its own variables, and those of the file where
+// it has none.
+DaemonEnvironment ReadOwnEnvironment();
+
 // Reads lines NAME=value, with quotes around a value taken off; comments begin with # or ;. Tells
 // of each line that is neither. False, with errno, when the file cannot be read.
 bool ReadDefaultFile(Variables& variables, const std::function<void(size_t line)>& badLine);
@@ -42,6 +46,8 @@ class TraceSettings : public CDebugTraceConfig {
   public:
     explicit TraceSettings(const DaemonEnvironment& environment);
 
+    // Of log and rings.
+    [[nodiscard]] std::string Directory() const;
     // Bytes of the run-time ring buffer, 0 for none.
     [[nodiscard]] int64_t RingSize() const { return m_ringSize; }
     // The daemon makes no larger one.

@@ -6,6 +6,7 @@
 #include "tools/kemdctl/check_command.h"
 #include "tools/kemdctl/command.h"
 #include "tools/kemdctl/inventory_command.h"
+#include "tools/kemdctl/prepare_command.h"
 #include "tools/kemdctl/registry_command.h"
 #include "tools/kemdctl/status_command.h"
 #include "tools/kemdctl/text.h"
@@ -21,6 +22,7 @@ struct Command {
 constexpr Command kCommands[] = {
     {"check", "look for what keeps kemd from working, and say what to do", RunCheck},
     {"inventory", "show the firmware's tables and which slot holds a PCI device", RunInventory},
+    {"prepare", "keep a crash's trace, clean up; the service runs it before a start", RunPrepare},
     {"registry", "read, change, check and restore the suite's registry", RunRegistry},
     {"status", "show whether kemd runs, its lock, its trace and its modules", RunStatus},
     {"trace", "show the records of its trace files in one order", RunTrace},

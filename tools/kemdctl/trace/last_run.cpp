@@ -1,9 +1,12 @@
 #include "tools/kemdctl/trace/last_run.h"
 
+#include <optional>
+
 #include "tools/kemdctl/json.h"
 #include "tools/kemdctl/process_facts.h"
 #include "tools/kemdctl/text.h"
 #include "tools/kemdctl/trace/last_run_facts.h"
+#include "tools/kemdctl/trace/trace_files.h"
 #include "tools/trace_reader/prefix.h"
 #include "tools/trace_reader/trace_merge.h"
 #include "tools/trace_reader/writer.h"
@@ -65,9 +68,8 @@ void PutText(JsonWriter& json, const char* key, std::string_view text) {
     json.Text(text);
 }
 
-void ShowAsJson(const LastRun& run, End end) {
-    JsonWriter json;
-    json.Open('{');
+// Into an object that is open.
+void PutRun(JsonWriter& json, const LastRun& run, End end) {
     PutText(json, "end", EndName(end));
     PutText(json, "description", DescribeEnd(run, end));
     PutText(json, run.hasBegin ? "began" : "oldest", FormatTime(run.begin).data());
@@ -89,34 +91,108 @@ void ShowAsJson(const LastRun& run, End end) {
     json.Open('[');
     for (const LastRun::Line& line : run.lastLines) json.Text(line.text);
     json.Close(']');
-    json.Close('}');
-    json.Finish();
 }
 
-}  // namespace
+struct Story {
+    LastRun run;
+    End end = End::kUnknown;
+};
 
-int ShowLastRun(const std::vector<std::string>& paths, bool asJson) {
+// What cannot be read is told. Nothing when there are no records.
+std::optional<Story> ReadRun(const std::vector<std::string>& paths) {
     TraceMerge merge;
     for (const std::string& path : paths) merge.Add(path);
     for (const auto& source : merge.Sources()) {
         if (source->IsOpen() && source->Facts().problem.empty()) continue;
         Complain("%s: %s", Printable(source->Path()).c_str(), source->Facts().problem.c_str());
     }
-    LastRun run;
-    for (TraceRecord record; merge.Next(record);) run.Take(record);
-    if (run.records == 0) {
+    Story story;
+    for (TraceRecord record; merge.Next(record);) story.run.Take(record);
+    if (story.run.records == 0) return std::nullopt;
+    story.end = story.run.HowEnded(SeeWriters(merge));
+    return story;
+}
+
+void ShowWithKept(const Story& story, const std::optional<Story>& kept, const KeptPlace& place,
+                  bool asJson) {
+    if (!asJson) {
+        Show(story.run, story.end);
+        if (!kept) return;
+        Write("\nkept of the run that did not end in order before (--run 1):\n");
+        return Show(kept->run, kept->end);
+    }
+    JsonWriter json;
+    json.Open('{');
+    PutRun(json, story.run, story.end);
+    if (kept) {
+        json.Key("kept");
+        json.Open('{');
+        PutText(json, "directory", place.path);
+        PutRun(json, kept->run, kept->end);
+        json.Close('}');
+    }
+    json.Close('}');
+    json.Finish();
+}
+
+std::string Kibibytes(uint64_t bytes) {
+    return std::to_string((bytes + 1023) / 1024) + " KiB";
+}
+
+void ShowKept(size_t number, const KeptPlace& place, const std::optional<Story>& story) {
+    const std::string name = place.path.substr(place.path.rfind('/') + 1);
+    const std::string span = story ? std::string(FormatTime(story->run.begin).data()) + " to " +
+                                         FormatTime(story->run.end).data()
+                                   : "no records";
+    Write(std::to_string(number) + "  " + name + "  " + Kibibytes(place.size) + "  " + span + "  " +
+          (story ? Printable(DescribeEnd(story->run, story->end)) : "") + "\n");
+}
+
+void PutKept(JsonWriter& json, size_t number, const KeptPlace& place,
+             const std::optional<Story>& story) {
+    json.Open('{');
+    json.Key("run");
+    json.Number(static_cast<int64_t>(number));
+    PutText(json, "directory", place.path);
+    json.Key("size");
+    json.Number(static_cast<int64_t>(place.size));
+    if (story) PutRun(json, story->run, story->end);
+    json.Close('}');
+}
+
+}  // namespace
+
+int ShowLastRun(const std::vector<std::string>& paths, const std::vector<KeptPlace>& kept,
+                bool asJson) {
+    const std::optional<Story> story = ReadRun(paths);
+    if (!story) {
         Complain("no records: nothing is known of a last run");
         return kError;
     }
-    const End end = run.HowEnded(SeeWriters(merge));
-    if (asJson) {
-        ShowAsJson(run, end);
-    } else {
-        Show(run, end);
-    }
-    if (end == End::kUnknown) {
+    const bool showsKept = story->end == End::kRunning && !kept.empty();
+    const KeptPlace before = showsKept ? kept.front() : KeptPlace();
+    ShowWithKept(*story, showsKept ? ReadRun(FilesIn(before.path)) : std::nullopt, before, asJson);
+    if (story->end == End::kUnknown) {
         Complain("whether a process still writes the files cannot be seen: only root may ask");
         return kError;
     }
-    return end == End::kRunning || end == End::kStopped ? kYes : kNo;
+    return story->end == End::kRunning || story->end == End::kStopped ? kYes : kNo;
+}
+
+int ListKeptRuns(const std::vector<KeptPlace>& kept, bool asJson) {
+    JsonWriter json;
+    if (asJson) json.Open('[');
+    size_t number = 0;
+    for (const KeptPlace& place : kept) {
+        const std::optional<Story> story = ReadRun(FilesIn(place.path));
+        ++number;
+        if (asJson) {
+            PutKept(json, number, place, story);
+        } else {
+            ShowKept(number, place, story);
+        }
+    }
+    if (asJson) json.Close(']');
+    if (asJson) json.Finish();
+    return kept.empty() ? kNo : kYes;
 }

@@ -78,10 +78,12 @@ std::string AddTag(Parser& parser, const char* value) {
     return {};
 }
 
-std::string SetLast(Parser& parser, const char* value) {
+template <std::optional<uint64_t> TraceOptions::*member, uint64_t least>
+std::string SetNumber(Parser& parser, const char* value) {
     const char* const end = value + std::strlen(value);
-    const auto [next, error] = std::from_chars(value, end, parser.options.last.emplace());
-    return error == std::errc{} && next == end ? "" : "no number";
+    uint64_t& number = (parser.options.*member).emplace();
+    const auto [next, error] = std::from_chars(value, end, number);
+    return error == std::errc{} && next == end && number >= least ? "" : "no number";
 }
 
 template <typename Value>
@@ -135,7 +137,7 @@ constexpr Word kWords[] = {
     {"--tag", "", Kind::kRepeated, AddTag},
     {"-g", "--grep", Kind::kRepeated, AddPattern<&Choice::wanted>},
     {"-v", "--exclude", Kind::kRepeated, AddPattern<&Choice::excluded>},
-    {"-n", "--lines", Kind::kValue, SetLast},
+    {"-n", "--lines", Kind::kValue, SetNumber<&TraceOptions::last, 0>},
     {"-f", "--follow", Kind::kFlag, SetFlag<&TraceOptions::follows>},
     {"--wait-for", "", Kind::kValue, SetWaitFor},
     {"--timeout", "", Kind::kValue, SetSpan<&TraceOptions::timeout>},
@@ -152,6 +154,8 @@ constexpr Word kWords[] = {
     {"--stats", "", Kind::kFlag, SetReport<Report::kStats>},
     {"--verify", "", Kind::kFlag, SetReport<Report::kVerify>},
     {"--last-run", "", Kind::kFlag, SetReport<Report::kLastRun>},
+    {"--list-runs", "", Kind::kFlag, SetReport<Report::kListRuns>},
+    {"--run", "", Kind::kValue, SetNumber<&TraceOptions::run, 1>},
     {"--export", "", Kind::kValue, SetReport<Report::kExport>},
     {"--html", "", Kind::kValue, SetReport<Report::kHtml>},
     {"--collect", "", Kind::kValue, SetReport<Report::kCollect>},
@@ -193,6 +197,10 @@ std::string FindConflict(const TraceOptions& options) {
     const bool chooses = options.fromStart || choice.since || choice.until || options.last ||
                          !choice.threads.empty() || !choice.tags.empty() ||
                          !choice.wanted.empty() || !choice.excluded.empty();
+    const bool isOfKept = options.run || options.report == Report::kListRuns;
+    if (isOfKept && goesOn) return "a kept run is written by nobody: no -f, no --wait-for";
+    if (isOfKept && options.paths.size() > 1) return "kept runs are those of one directory";
+    if (options.run && options.report == Report::kListRuns) return "--list-runs shows all of them";
     if (options.timeout && !goesOn) return "--timeout goes with -f and --wait-for only";
     if (isOfFiles && (goesOn || chooses)) return "this report is of whole files: choose no records";
     if (options.waitFor && options.report != Report::kNone) {
@@ -241,5 +249,6 @@ void WriteTraceHelp() {
         "  --export, --html FILE     a timeline for trace viewers; a page to look at\n"
         "Or, of whole files: --header; --verify whether they are sound; --last-run how\n"
         "it ended; --collect FILE everything for support, secrets masked\n"
+        "Runs that did not end in order are kept: --list-runs; --run N reads one of them\n"
         "Exit status: 0 found, 1 nothing matched, or the time-out, 2 an error.\n");
 }

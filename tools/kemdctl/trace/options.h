@@ -18,6 +18,7 @@ enum class Report : uint8_t {
     kHeader,
     kVerify,
     kLastRun,
+    kListRuns,
     kCollect,  // of whole files
     kCount,
     kStats,
@@ -28,6 +29,7 @@ enum class Report : uint8_t {
 // Views and pointers into the command line, which outlives it.
 struct TraceOptions {
     std::vector<std::string> paths;  // files and directories as they were named
+    std::optional<uint64_t> run;     // a kept one, of which they are; 1 is the newest
     bool isHelp = false;
     bool isRaw = false;
     bool isQuiet = false;

@@ -1,10 +1,16 @@
 #include "tools/kemdctl/trace/trace_files.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "tools/kemdctl/command.h"
 #include "tools/kemdctl/daemon_environment.h"
 #include "tools/kemdctl/daemon_state.h"
+#include "tools/kemdctl/kept_runs.h"
 #include "tools/kemdctl/text.h"
 #include "tools/trace_reader/describe.h"
 
@@ -12,8 +18,7 @@ namespace {
 
 std::string DirectoryInForce() {
     const TraceSettings settings(ReadDaemonEnvironment(ReadDaemonState()));
-    const std::string directory = settings.InForce().logDirectory.Get();
-    return directory.empty() ? "/" : directory;
+    return settings.Directory();
 }
 
 bool IsThere(const std::string& path, bool asDirectory) {
@@ -24,13 +29,35 @@ bool IsThere(const std::string& path, bool asDirectory) {
 // The compressed start-up ring is not whole while the ring itself is still there.
 void AddDirectory(const std::string& directory, bool mayCome, std::vector<std::string>& files) {
     const bool isStarting = IsThere(directory + "/log.kemd_i", false);
-    for (const char* name : {"/log.kemd_i.gz", "/log.kemd_i", "/log.kemd_a", "/log.kemd"}) {
-        if (isStarting && std::string_view(name).ends_with(".gz")) continue;
-        if (mayCome || IsThere(directory + name, false)) files.push_back(directory + name);
+    for (const char* const name : kTraceFileNames) {
+        const std::string path = directory + "/" + name;
+        if (isStarting && path.ends_with(".gz")) continue;
+        if (mayCome || IsThere(path, false)) files.push_back(path);
     }
 }
 
 }  // namespace
+
+std::optional<std::vector<KeptPlace>> ListKept(const std::vector<std::string>& named) {
+    KeptRuns runs(named.empty() ? DirectoryInForce() : named.front());
+    // A file has none.
+    if (!runs.Open() && errno != ENOENT && errno != ENOTDIR) {
+        const bool isRefused = errno == EACCES && geteuid() != 0;
+        Complain("cannot look at %s: %s%s", Printable(runs.Path()).c_str(), std::strerror(errno),
+                 isRefused ? ": run it as root" : "");
+        return std::nullopt;
+    }
+    std::vector<KeptPlace> kept;
+    for (const KeptRun& run : runs.List()) kept.push_back({runs.PathOf(run), run.size});
+    std::reverse(kept.begin(), kept.end());
+    return kept;
+}
+
+std::vector<std::string> FilesIn(const std::string& directory) {
+    std::vector<std::string> files;
+    AddDirectory(directory, false, files);
+    return files;
+}
 
 std::vector<std::string> ListTraceFiles(std::vector<std::string> named, bool mayCome) {
     if (named.empty()) named.push_back(DirectoryInForce());
@@ -44,7 +71,12 @@ std::vector<std::string> ListTraceFiles(std::vector<std::string> named, bool may
         if (!mayCome || IsThere(name, false)) continue;
         Complain("%s is not there: waiting for it", Printable(name).c_str());
     }
-    if (files.empty()) Complain("no trace files in %s", Printable(named.front()).c_str());
+    if (files.empty()) {
+        KeptRuns runs(named.front());
+        const bool hasKept = runs.Open() && !runs.List().empty();
+        Complain("no trace files in %s%s", Printable(named.front()).c_str(),
+                 hasKept ? ", but kept runs: see --list-runs" : "");
+    }
     return files;
 }
 

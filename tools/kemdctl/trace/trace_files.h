@@ -1,10 +1,24 @@
 // Which files are read, and what was found in them.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/trace_reader/trace_merge.h"
+
+// A run that was kept when it had not ended in order.
+struct KeptPlace {
+    std::string path;
+    uint64_t size = 0;  // bytes of its files
+};
+// Newest first, of the named directory, or of that in force. Nothing, and told, when they cannot be
+// looked at.
+[[nodiscard]] std::optional<std::vector<KeptPlace>> ListKept(const std::vector<std::string>& named);
+
+// The files of kemd that are in a directory.
+[[nodiscard]] std::vector<std::string> FilesIn(const std::string& directory);
 
 // Files as they were named; of a directory those of kemd that are there, with `mayCome` also the
 // others; without any name, those of the directory in force. Empty, and told, when there are none.
