@@ -27,6 +27,14 @@ TEST(InitScript, StartsAndStopsTheDaemon) {
     EXPECT_EQ(Shell("/etc/init.d/kemd reload"), 2);
     EXPECT_EQ(Shell("/etc/init.d/kemd restart"), 0) << Output();
     EXPECT_NE(ReadFile(kPidFile), first);
+    // Behind a crash: its trace is kept, and a lock that somebody else holds does not count.
+    EXPECT_EQ(fs::status("/var/lock/kemd.lock").permissions(), fs::perms(0600));
+    EXPECT_FALSE(fs::exists("/var/log/orvmon/log.kemd_runs"));
+    EXPECT_EQ(Shell("kill -KILL $(cat /run/kemd.pid)"), 0);
+    ASSERT_TRUE(WaitFor([] { return Shell("kemdctl status") == 3; }));
+    EXPECT_EQ(Shell("/etc/init.d/kemd start"), 0);
+    EXPECT_TRUE(InOrder(Output(), {"is kept in /var/log/orvmon/log.kemd_runs/", "kemd: started"}));
+    EXPECT_EQ(Shell("kemdctl trace --run 1 --last-run"), 1);
     fs::remove(kPidFile);  // it is found by its lock
     EXPECT_EQ(Shell("/etc/init.d/kemd stop"), 0) << Output();
     EXPECT_TRUE(InOrder(RingText("/var/log/orvmon/log.kemd_a"),
