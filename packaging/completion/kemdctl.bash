@@ -56,6 +56,23 @@ _kemdctl_values() {
     compopt -o filenames 2>/dev/null # for its quoting
 }
 
+# The tags or threads of the newest records; of files that the line names before those in force.
+_kemdctl_traced() {
+    local field='[0-9A-F]*,[0-9]*,\([^",]*\)' word files=()
+    [[ $1 == --tag ]] || field='\([0-9A-F]*\)'
+    for word in "${@:2}"; do [[ -e $word ]] && files+=("$word"); done
+    while IFS= read -r word; do
+        [[ $word == "$cur"* ]] && COMPREPLY+=("$word")
+    done < <(timeout 2 kemdctl trace -q -n 20000 -o csv -- "${files[@]}" 2>/dev/null </dev/null |
+        sed -n "s/^[-0-9]\{10\} [.:0-9]\{12\},$field,.*/\1/p" | sort -u)
+    compopt -o filenames 2>/dev/null # for its quoting
+}
+
+# The numbers of the runs that were kept.
+_kemdctl_runs() {
+    _kemdctl_choose "$(timeout 2 kemdctl trace --list-runs 2>/dev/null </dev/null | sed 's/ .*//')"
+}
+
 # Leaves the word to the completion of file names.
 _kemdctl_files() { compopt -o default 2>/dev/null; }
 
@@ -81,7 +98,7 @@ _kemdctl_options() {
             echo --start --since --until --thread --tag --grep -g --exclude -v --ignore-case -i \
                 --lines -n --follow -f --wait-for --timeout --output -o --json --delta --gaps --raw \
                 --color --no-pager --quiet -q --count --stats --export --html --header --verify \
-                --last-run --collect --help
+                --last-run --list-runs --run --collect --help
             ;;
         inventory:*) echo --slot --dump --from-dump --json --help ;;
         registry:get) echo --expand --json --help ;;
@@ -120,7 +137,9 @@ _kemdctl() {
             trace:--output | trace:-o) _kemdctl_choose "full short json csv"; return ;;
             trace:--color) _kemdctl_choose "auto always never"; return ;;
             trace:--since | trace:--until) _kemdctl_choose "today yesterday now"; return ;;
-            trace:--thread | trace:--tag | trace:--grep | trace:-g | trace:--exclude | trace:-v) return ;;
+            trace:--thread | trace:--tag) _kemdctl_traced "$prev" "${words[@]:1}"; return ;;
+            trace:--run) _kemdctl_runs; return ;;
+            trace:--grep | trace:-g | trace:--exclude | trace:-v) return ;;
             trace:--lines | trace:-n | trace:--wait-for | trace:--timeout | trace:--gaps) return ;;
         esac
         if [[ $cur == -* ]]; then
@@ -129,7 +148,7 @@ _kemdctl() {
         fi
     fi
     case ${words[0]-}:${#words[@]} in
-        :0) _kemdctl_choose "check inventory registry status trace" ;;
+        :0) _kemdctl_choose "check inventory prepare registry status trace" ;;
         trace:*) _kemdctl_files ;;
         registry:1) _kemdctl_choose "check delete export get import list restore set" ;;
         registry:*) _kemdctl_registry "${words[@]:1}" "$cur" ;;

@@ -1,0 +1,63 @@
+// What a shell offers behind a command line that is being typed.
+#include "tests/packaging/script.h"
+
+namespace {
+
+// The words; the last one is being typed.
+std::string Offered(const std::string& words) {
+    const std::string command = words.substr(0, words.find(' '));
+    WriteFile("/tmp/complete", "source /completion/" + command + ".bash\nCOMP_WORDS=(" + words +
+                                   ")\nCOMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n_" +
+                                   (command == "kemd-module-host" ? "kemd_module_host" : command) +
+                                   "\nprintf '%s\\n' \"${COMPREPLY[*]}\"\n");
+    EXPECT_EQ(Shell("cd /tmp && bash /tmp/complete"), 0) << Output();
+    return Output();
+}
+
+TEST(Completion, OffersWhatFits) {
+    const std::string head = "2026-11-15 10:00:00.000 [D82A0740]     3000 KB !";
+    const std::string kept = "/var/log/orvmon/log.kemd_runs/20261115T100000Z/log.kemd";
+    std::filesystem::remove_all("/var/log/orvmon/log.kemd_runs");
+    WriteFile("/tmp/log", head + "beats         one,\n" + head + "bells, \"x\"    two\n" +
+                              "2026-11-15 10:00:00.000 [0000ABCD]     3000 KB !kemd          x\n");
+    WriteFile(kept, head + "kemd          x\n");
+    WriteFile("/tmp/library.so", "");
+    const struct {
+        const char* words;
+        const char* offered;
+    } cases[] = {
+        {"kemd -n", "-n -nodemon\n"},
+        {"kemd --", "--help --version\n"},
+        {"kemd -n --", "\n"},
+        {"kemd-module-host --t", "--timeout --trace\n"},
+        {"kemd-module-host --trace = ''", "0 1 2 3 4 5 6\n"},
+        {"kemd-module-host l", "library.so\n"},
+        {"kemdctl p", "prepare\n"},
+        {"kemdctl trace /tmp/log --tag ''", "beats kemd\n"},
+        {"kemdctl trace --tag kemd /tmp/log --tag = b", "beats\n"},
+        {"kemdctl trace /tmp/log --thread ''", "0000ABCD D82A0740\n"},
+        {"kemdctl trace --run ''", "1\n"},
+        {"kemdctl trace --l", "--lines --last-run --list-runs\n"},
+    };
+    for (const auto& each : cases) EXPECT_EQ(Offered(each.words), each.offered) << each.words;
+}
+
+// No option of a help text is missing in either shell.
+TEST(Completion, KnowsEveryOption) {
+    for (const std::string command :
+         {"kemd-module-host", "kemdctl trace", "kemdctl check", "kemdctl inventory"}) {
+        ASSERT_EQ(Shell(command + " --help"), 0);
+        const std::string help = Output(), name = command.substr(0, command.find(' '));
+        const std::string bash = Offered(command + " --") + " ";
+        const std::string zsh = ReadFile("/completion/_" + name);
+        for (size_t at = 0; (at = help.find(" --", at)) != help.npos; ++at) {
+            const size_t end = help.find_first_not_of("-abcdefghijklmnopqrstuvwxyz", at + 1);
+            const std::string option = help.substr(at + 1, end - at - 1);
+            if (option == "--") continue;
+            EXPECT_TRUE(Contains(bash, option)) << option << " of " << command;
+            EXPECT_TRUE(Contains(zsh, option)) << option << " of " << command;
+        }
+    }
+}
+
+}  // namespace
