@@ -27,7 +27,8 @@ TEST(InitScript, StartsAndStopsTheDaemon) {
     EXPECT_EQ(Shell("/etc/init.d/kemd reload"), 2);
     EXPECT_EQ(Shell("/etc/init.d/kemd restart"), 0) << Output();
     EXPECT_NE(ReadFile(kPidFile), first);
-    // Behind a crash: its trace is kept, and a lock that somebody else holds does not count.
+    // After a crash its trace is kept. The daemon is up before it has written its file.
+    ASSERT_TRUE(WaitFor([] { return ReadFile(kPidFile).ends_with('\n'); }));
     EXPECT_EQ(fs::status("/var/lock/kemd.lock").permissions(), fs::perms(0600));
     EXPECT_FALSE(fs::exists("/var/log/orvmon/log.kemd_runs"));
     EXPECT_EQ(Shell("kill -KILL $(cat /run/kemd.pid)"), 0);
