@@ -32,10 +32,10 @@ int main(int argc, char** argv) {
     if (!Detach(argc, argv)) return 1;
 
     (void)Debug.Init("kemd");  // without its files the daemon runs all the same
-    ReportMissingLog();
     Debug.SetCommandLine(argc, argv);
     ModuleLoadParams params = ParseCommandLine(argc, argv);
     PrepareProcess();
+    ReportMissingLog();
     WriteBanner();
     OpenSystemLog();
     if (params.runMode == kRunModeNormal) DiscoverSmbusDriverInfo();

@@ -120,8 +120,9 @@ TEST_F(FileLockTest, OddPathsNeitherBlockNorHarm) {
         CFileLock lock;
         EXPECT_EQ(lock.Lock(base, "kemd", 0), locked) << traced;
         EXPECT_EQ(lock.LastError(), error) << traced;
-        EXPECT_TRUE(Contains(Trace(), traced)) << traced;
-        EXPECT_EQ(Contains(Trace(), "CFileLock"), *traced != '\0');
+        const std::string trace = Trace();
+        EXPECT_TRUE(Contains(trace, traced)) << traced;
+        EXPECT_EQ(Contains(trace, "CFileLock"), *traced != '\0');
     }
     g_user = 0;
     EXPECT_EQ(ReadFile("/tmp/locks/foreign"), "precious");
@@ -261,9 +262,7 @@ TEST_F(FileLockTest, IsRemovedWhileItIsLocked) {
     {
         CFileLock lock;
         ASSERT_TRUE(lock.Lock(kBase, "kemd", 0));
-        g_beforeFlock = [](int operation) {
-            existed |= operation == LOCK_UN && fs::exists(kFile);
-        };
+        g_beforeFlock = [](int operation) { existed |= operation == LOCK_UN && fs::exists(kFile); };
     }
     g_beforeFlock = nullptr;
     EXPECT_FALSE(existed);
