@@ -72,7 +72,7 @@ void CheckLogDirectory(Findings& findings, const TraceSettings& settings, bool i
         given += SpaceTaken(directory, name);
     }
     CheckRoom(findings, directory.empty() ? "/" : directory,
-              {"write its trace there", static_cast<uint64_t>(settings.SpaceNeeded()), given,
+              {"write its trace there", settings.SpaceNeeded(), given,
                ", or give another directory (RingBufferDirectory) or smaller ring buffers "
                "(RingBufferSizeFactor, RingBufferSizeWeight)"});
 }

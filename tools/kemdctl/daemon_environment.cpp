@@ -122,6 +122,7 @@ std::string TraceSettings::Directory() const {
     return directory.empty() ? "/" : directory;
 }
 
-int64_t TraceSettings::SpaceNeeded() const {
-    return InForce().logLimit + (HasTracing() ? (kStartupFactor + 1) * m_ringSize : 0);
+uint64_t TraceSettings::SpaceNeeded() const {
+    const int64_t rings = HasTracing() ? (kStartupFactor + 1) * m_ringSize : 0;
+    return InForce().logLimit + static_cast<uint64_t>(rings);
 }

@@ -58,7 +58,7 @@ class TraceSettings : public CDebugTraceConfig {
     }
     // The most bytes that the files of one run take: the ring buffer of the start-up, beside it its
     // compressed copy or the run-time one, and the log.
-    [[nodiscard]] int64_t SpaceNeeded() const;
+    [[nodiscard]] uint64_t SpaceNeeded() const;
 
     static constexpr int64_t kStartupFactor = 4;  // of the start-up ring buffer's size
 
