@@ -41,8 +41,9 @@ const std::set<long> kFileCalls = {SYS_openat, SYS_newfstatat, SYS_fstat, SYS_fl
     _exit(CRegistry::SaveTree() ? 0 : 1);
 }
 
+// Without the handlers of a fork: tracing would go off, and what the child traces is looked at.
 pid_t StartTraced(void (*run)()) {
-    const pid_t child = fork();
+    const pid_t child = _Fork();
     if (child == 0) {
         if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(99);
         raise(SIGSTOP);

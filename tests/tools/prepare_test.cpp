@@ -193,7 +193,7 @@ TEST_F(PrepareTest, StartsGoOnWithoutRoom) {
         const char* directory;  // file systems of their own, see CMakeLists.txt
         int code;
         const char* why;
-    } cases[] = {{"/full", 0, "/full has 0 bytes free, the trace takes 42"},
+    } cases[] = {{"/full", 0, "/full has 0 bytes free, the trace takes 52"},
                  {"/read-only", 2, "Read-only file system"},
                  {"/nowhere", 2, "cannot open /nowhere: No such file"}};
     WriteFile("/full/log.kemd", kKilled);
