@@ -13,9 +13,12 @@
 static constexpr size_t kRefusedSize = 900;
 static bool g_isRefusing = false;
 
-void* operator new[](size_t size) {
+void* operator new[](size_t size, const std::nothrow_t& /*tag*/) noexcept {
     const bool isRefused = g_isRefusing && size / 100 == kRefusedSize / 100;
-    void* const memory = isRefused ? nullptr : std::malloc(size);
+    return isRefused ? nullptr : std::malloc(size);
+}
+void* operator new[](size_t size) {
+    void* const memory = operator new[](size, std::nothrow);
     if (memory == nullptr) throw std::bad_alloc();
     return memory;
 }
