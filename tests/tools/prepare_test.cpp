@@ -76,7 +76,7 @@ TEST_F(PrepareTest, ACrashIsReadAfterTheRestart) {
     const pid_t pid = Run();
     const Result running = Ctl("trace --last-run");
     EXPECT_EQ(running.code, 0);
-    EXPECT_TRUE(InOrder(running.out, {"is running", "kept of the run", "killed: no exit"}));
+    EXPECT_TRUE(InOrder(running.out, {"is running", "the newest run that", "killed: no exit"}));
     const std::string json = Ctl("trace --last-run --json").out;
     EXPECT_TRUE(JsonCheck::IsValid(json) && InOrder(json, {"\"running\"", "\"killed\""})) << json;
 

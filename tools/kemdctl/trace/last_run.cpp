@@ -118,7 +118,7 @@ void ShowWithKept(const Story& story, const std::optional<Story>& kept, const Ke
     if (!asJson) {
         Show(story.run, story.end);
         if (!kept) return;
-        Write("\nkept of the run that did not end in order before (--run 1):\n");
+        Write("\nthe newest run that did not end in order (--run 1):\n");
         return Show(kept->run, kept->end);
     }
     JsonWriter json;
