@@ -77,9 +77,8 @@ int32_t RunLevelFromUtmp() {
 }
 
 int32_t RunLevelFromCommand() {
-    FILE* command = popen("/sbin/runlevel", "r");
+    FILE* command = popen("/sbin/runlevel", "re");
     if (command == nullptr) return kRunLevelUnknown;
-    SetCloseOnExec(fileno(command));
     std::array<char, 64> line{};
     int32_t level = kRunLevelUnknown;
     if (std::fgets(line.data(), line.size(), command) != nullptr) {

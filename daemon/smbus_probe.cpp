@@ -45,14 +45,13 @@ void FillRequest(SmbusRequest& request, SmbusDriverInfo& info) {
 }
 
 bool AskDriver(SmbusRequest& request) {
-    UniqueFd device(open(kSmbusDevice, O_RDWR));
+    UniqueFd device(open(kSmbusDevice, O_RDWR | O_CLOEXEC));
     int error = errno;
     if (!device.IsOpen()) {
         TRACE(2, "%s-MAIN::DiscoverSmbusDriverInfo: cannot open %s (errno=%d: %s)\n", kTag,
               kSmbusDevice, error, std::strerror(error));
         return false;
     }
-    SetCloseOnExec(device.Get());
     const int result = ioctl(device.Get(), IOCTL_SMBUS_DRIVER_INFO, &request);
     error = errno;
     device.Reset();

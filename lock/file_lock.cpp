@@ -216,7 +216,7 @@ bool CFileLock::OpenFile(int flags) {
         m_lastError = error;
         return false;
     }
-    m_fd = file.Release();
+    m_fd = KeepHigh(file.Release());
     m_isOpen = true;
     return true;
 }

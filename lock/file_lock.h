@@ -27,6 +27,8 @@ class CFileLock {
     // errno of the call on the lock file that failed last, 0 after a success, ENOMEM when there was
     // no memory. A refused or failing directory leaves it as it was.
     [[nodiscard]] int32_t LastError() const { return m_lastError; }
+    // Of the held lock file; -1 when none is held. A forked child may close its copy.
+    [[nodiscard]] int32_t Descriptor() const { return m_fd; }
     // After a failed Lock: what the other instance's lock file says, at most 255 bytes.
     [[nodiscard]] const std::string& Owner() const { return m_owner; }
 

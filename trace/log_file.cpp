@@ -22,6 +22,7 @@ bool LogFile::Open(const char* path) {
     } else {
         m_fd = OpenRegularFile(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
     }
+    m_fd.Reset(KeepHigh(m_fd.Release()));
     return IsOpen();
 }
 

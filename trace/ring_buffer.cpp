@@ -13,6 +13,7 @@ bool RingBuffer::Create(const char* path) {
     Close();
     errno = 0;
     m_fd = OpenRegularFile(path, O_RDWR | O_CREAT | O_TRUNC, 0700);
+    m_fd.Reset(KeepHigh(m_fd.Release()));
     return m_fd.IsOpen();
 }
 

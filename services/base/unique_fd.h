@@ -35,9 +35,13 @@ class UniqueFd {
     int m_fd = -1;
 };
 
-// Marks a descriptor that a child process must not inherit; keeps errno.
-inline void SetCloseOnExec(int fd) {
+// Moves a descriptor that the process keeps above 512, out of reach of a module that closes what it
+// did not open. The same number, where the limit does not allow it. Keeps errno.
+[[nodiscard]] inline int KeepHigh(int fd) {
+    constexpr int kLowest = 513;
     const int saved = errno;
-    if (fd >= 0) (void)fcntl(fd, F_SETFD, FD_CLOEXEC);
+    const int high = fd >= 0 ? fcntl(fd, F_DUPFD_CLOEXEC, kLowest) : -1;
+    if (high >= 0) close(fd);
     errno = saved;
+    return high >= 0 ? high : fd;
 }
