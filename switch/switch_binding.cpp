@@ -4,11 +4,18 @@
 #include <dlfcn.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <exception>
+#include <string>
 #include <utility>
 
+#include "services/base/library_file.h"
+#include "services/base/library_search.h"
 #include "trace/debug.h"
 
 namespace {
+
+constexpr const char* kLibrary = "libswitch.so";
 
 template <typename Function>
 void Resolve(void* library, const char* name, Function*& entry) {
@@ -29,14 +36,55 @@ bool ReturnsNormally(Call call) {
     }
 }
 
+// The same with a record of an exception.
+template <typename Call>
+bool ReturnsOrTraces(const char* operation, Call call) {
+    if (ReturnsNormally(call)) return true;
+    TRACE(1, "\nSWITCH DLL - Exception during %s", operation);
+    return false;
+}
+
+// The begin of the interface's virtual table. A library in another language returns 8 bits, of
+// which any may be set: never to be read as a bool of ours.
+struct ByteTable {
+    void (*destructors[2])(void* self);
+    uint8_t (*loadModules)(void* self, ModuleLoadParams* params);
+    uint8_t (*unloadModules)(void* self, uint32_t options);
+};
+static_assert(offsetof(ByteTable, unloadModules) == offsetof(ModuleSwitchTable, unloadModules));
+
+const ByteTable& TableOf(IModuleSwitch* modules) {
+    return **reinterpret_cast<const ByteTable**>(modules);
+}
+
+// Why the loader must not have the library that it would take: the file is cut off, which would end
+// the process. Empty when it may, or when it cannot be told: then the loader decides.
+std::string WhatHarmsLoader() try {
+    for (const LibraryPlace& place : FindLibrary(kLibrary, std::getenv("LD_LIBRARY_PATH"))) {
+        if (place.path.empty()) break;
+        const LibraryFault fault = LookAtLibrary(place.path.c_str());
+        if (fault.isOtherMachine) continue;
+        return fault.harmsLoader ? place.path + ": " + fault.text : "";
+    }
+    return {};
+} catch (const std::exception&) {
+    return {};
+}
+
 }  // namespace
 
 bool SwitchBinding::OpenLibrary() {
+    const std::string fault = WhatHarmsLoader();
+    if (!fault.empty()) {
+        TRACE(1, "LoadLibrary: ## ERROR:  %s\n", fault.c_str());
+        lastError = ENOEXEC;
+        return false;
+    }
     // The declaration of dlopen promises not to throw, but an initialiser of the library may. The
     // compiler must not see whom it calls, or it leaves the handler out.
     void* (*volatile const open)(const char*, int) = dlopen;
     const bool returned =
-        ReturnsNormally([&] { hLibrary = open("libswitch.so", RTLD_NOW | RTLD_GLOBAL); });
+        ReturnsNormally([&] { hLibrary = open(kLibrary, RTLD_NOW | RTLD_GLOBAL); });
     const int error = errno;
     if (hLibrary != nullptr) return true;
     failure = returned ? dlerror() : "libswitch.so: exception in an initialiser";
@@ -53,7 +101,8 @@ bool SwitchBinding::Load() {
     failure = "libswitch.so gives no interface to the modules";
     if (pfnQueryInterface == nullptr) return pInterface != nullptr;
     uint8_t found = 0;
-    if (!ReturnsNormally([&] { found = pfnQueryInterface(0, &pInterface); }) || found == 0) {
+    if (!ReturnsOrTraces("SW_QueryInterface", [&] { found = pfnQueryInterface(0, &pInterface); }) ||
+        found == 0) {
         pInterface = nullptr;
     }
     return pInterface != nullptr;
@@ -64,9 +113,9 @@ bool SwitchBinding::LoadModules(ModuleLoadParams* params) {
     TRACE(3, "\nSWITCH API          : Loading modules, force rescan = %d",
           static_cast<int>(params->flags | kForceRescan));
     if (pInterface != nullptr) {
-        bool loaded = false;
-        if (ReturnsNormally([&] { loaded = pInterface->LoadModules(params); })) return loaded;
-        TRACE(1, "\nSWITCH DLL - Exception during LoadModules");
+        uint8_t loaded = 0;
+        const auto load = [&] { loaded = TableOf(pInterface).loadModules(pInterface, params); };
+        if (ReturnsOrTraces("LoadModules", load)) return loaded != 0;
     }
     TRACE(1, "\n\nSWITCH API          : ## ERROR! Loading modules FAILED!\n");
     return false;
@@ -75,11 +124,9 @@ bool SwitchBinding::LoadModules(ModuleLoadParams* params) {
 bool SwitchBinding::UnloadModules(uint32_t options) {
     TRACE(3, "\nSWITCH API          : Unloading modules...");
     if (pInterface != nullptr) {
-        bool unloaded = false;
-        if (ReturnsNormally([&] { unloaded = pInterface->UnloadModules(options); })) {
-            return unloaded;
-        }
-        TRACE(1, "\nSWITCH DLL - Exception during UnloadModules");
+        uint8_t done = 0;
+        const auto unload = [&] { done = TableOf(pInterface).unloadModules(pInterface, options); };
+        if (ReturnsOrTraces("UnloadModules", unload)) return done != 0;
     }
     TRACE(1, "\n\nSWITCH API          : ## ERROR! Unloading modules FAILED!\n");
     return false;
@@ -89,7 +136,7 @@ void SwitchBinding::Unload() {
     // The interface belongs to the library: it is forgotten, not disposed of. SW_Release drops the
     // reference that SW_QueryInterface handed out.
     pInterface = nullptr;
-    if (pfnRelease != nullptr) (void)ReturnsNormally([this] { pfnRelease(); });
+    if (pfnRelease != nullptr) (void)ReturnsOrTraces("SW_Release", [this] { pfnRelease(); });
     CloseLibrary();
 }
 

@@ -10,14 +10,19 @@ static void NeverCalled(void* self) {
     Record("a slot that nobody calls");
 }
 
-static bool LoadModules(void* self, struct ModuleLoadParams* params) {
-    Record("LoadModules flags=%u mode=%d", params->flags, (int)params->runMode);
-    return self && !Scripted("fail-load");
+/* Only the lowest byte is the answer, and any that is not 0 means yes. */
+static unsigned Answer(int yes) {
+    return yes ? 0x102 : 0xFFFFFF00;
 }
 
-static bool UnloadModules(void* self, uint32_t options) {
+static unsigned LoadModules(void* self, struct ModuleLoadParams* params) {
+    Record("LoadModules flags=%u mode=%d", params->flags, (int)params->runMode);
+    return Answer(self && !Scripted("fail-load"));
+}
+
+static unsigned UnloadModules(void* self, uint32_t options) {
     Record("UnloadModules options=%u", options);
-    return self;
+    return Answer(self != NULL);
 }
 
 static void StartAllModules(void* self) {
@@ -38,8 +43,8 @@ static void NotifyModules(void* self, uint32_t code, void* data, uint32_t word) 
 #define TWICE(slot) slot, slot
 static const struct ModuleSwitchTable kTable = {
     .destructors = {TWICE(NeverCalled)},
-    .loadModules = LoadModules,
-    .unloadModules = UnloadModules,
+    .loadModules = (bool (*)(void*, struct ModuleLoadParams*))(void (*)(void))LoadModules,
+    .unloadModules = (bool (*)(void*, uint32_t))(void (*)(void))UnloadModules,
     .startAllModules = StartAllModules,
     .stopAllModules = StopAllModules,
     .reserved = {TWICE(TWICE(NeverCalled)), TWICE(TWICE(NeverCalled)), TWICE(NeverCalled)},

@@ -81,6 +81,7 @@ TEST_F(DaemonTest, FaultsOfTheLibraryHaveTheirEnds) {
     } cases[] = {
         {"missing", "", false, 1, "FATAL ERROR! Server Control SWITCH could not be loaded!\n", ""},
         {"c", "fail-query", false, 1, "SWITCH could not be loaded!\n", "identifier=0\n"},
+        {"throwing", "init", false, 1, "libswitch.so: exception in an initialiser\n", ""},
         {"c", "fail-load", true, 0, "ERROR! Load extension modules FAILED!\n", "SW_Release\n"},
         {"throwing", "load", true, 0, "ERROR! Load extension modules FAILED!\n", "SW_Release\n"},
         // Whatever became of the exit event.
@@ -95,6 +96,8 @@ TEST_F(DaemonTest, FaultsOfTheLibraryHaveTheirEnds) {
         {"throwing", "notify odd", true, 1, "nknown exception", "notify\n"},
         {"throwing", "stop", true, 1, "library says stop\n", "stop\n"},
     };
+    // The daemon's working directory is none to look for libraries in.
+    fs::copy("/test/switches/c/libswitch.so", "/libswitch.so");
     for (const auto& [library, script, runs, status, text, lastCall] : cases) {
         UseSwitch(library, script);
         const pid_t pid = Run();
@@ -107,6 +110,7 @@ TEST_F(DaemonTest, FaultsOfTheLibraryHaveTheirEnds) {
         EXPECT_FALSE(Contains(Calls(), "StartAllModules"));
         EXPECT_FALSE(fs::exists(kPidFile) || fs::exists(kLockFile)) << script;
     }
+    fs::remove("/libswitch.so");
 }
 
 TEST_F(DaemonTest, RingKeepsTheNewestRecordOfAKilledDaemon) {

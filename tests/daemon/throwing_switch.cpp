@@ -70,6 +70,9 @@ class ThrowingSwitch : public IModuleSwitch {
 
 ThrowingSwitch g_switch;
 
+[[maybe_unused]] const bool kIsInitialised =
+    !Scripted("init") || (throw LibraryError("init"), true);
+
 }  // namespace
 
 extern "C" {
@@ -77,10 +80,11 @@ extern "C" {
 KEMD_API void SW_AddRef() {}
 
 KEMD_API void SW_Release() {
-    Record("SW_Release");
+    Call("SW_Release");
 }
 
 KEMD_API bool SW_QueryInterface(int32_t /*identifier*/, IModuleSwitch** interface) {
+    if (Scripted("query")) throw Oddity();
     *interface = &g_switch;
     return true;
 }

@@ -1,5 +1,8 @@
 #include "switch/switch_binding.h"
 
+#include <elf.h>
+#include <sys/stat.h>
+
 #include <cerrno>
 
 #include "tests/switch/switch_test.h"
@@ -20,6 +23,30 @@ TEST_F(SwitchTest, MissingLibraryKeepsTheReason) {
     EXPECT_EQ(m_binding.lastError, ENOENT);
     ExpectClosed(m_binding);
     EXPECT_TRUE(Contains(Trace(), "LoadLibrary: ## ERROR:  libswitch.so: cannot open shared obj"));
+}
+
+// The loader would end the process with SIGBUS. What it passes over is nothing to mind, and nor is
+// who may write the file.
+TEST_F(SwitchTest, CutLibraryIsNotOpened) {
+    const std::string path = "/tmp/switch/libswitch.so";
+    const std::string library = ReadFile("/test/switches/c/libswitch.so");
+    std::string other = library;
+    other[EI_CLASS] = ELFCLASS32;
+    WriteFile("/tmp/first/libswitch.so", other.substr(0, 4096));
+    Install("");
+    WriteFile(path, library.substr(0, 4096));
+    EXPECT_FALSE(m_binding.Load());
+    EXPECT_TRUE(InOrder(Trace(), {"LoadLibrary: ## ERROR:  " + path + ": cut off after 4096 byt"}));
+    ExpectClosed(m_binding);
+    Install("");
+    mkfifo(path.c_str(), 0666);
+    EXPECT_FALSE(m_binding.Load());
+    EXPECT_TRUE(InOrder(Trace(), {"LoadLibrary: ## ERROR:  " + path + ": no regular file\n"}));
+    Install("");
+    WriteFile(path, library);
+    chmod(path.c_str(), 0666);
+    EXPECT_TRUE(m_binding.Load());
+    std::filesystem::remove("/tmp/first/libswitch.so");
 }
 
 TEST_F(SwitchTest, CallsGoThroughAndEndWithOneRelease) {
@@ -90,6 +117,13 @@ TEST_F(SwitchTest, ExceptionsBecomeFalse) {
     const std::string unload = "SWITCH DLL - Exception during UnloadModules\n";
     EXPECT_TRUE(InOrder(Trace(), {load, "Loading modules FAILED!\n", unload,
                                   "Unloading modules FAILED!\n", load, unload}));
+    WriteFile("/tmp/script", "SW_Release");
+    m_binding.Unload();
+    ExpectClosed(m_binding);
+    WriteFile("/tmp/script", "query");
+    EXPECT_FALSE(m_binding.Load());
+    EXPECT_TRUE(InOrder(Trace(), {"SWITCH DLL - Exception during SW_Release\n",
+                                  "SWITCH DLL - Exception during SW_QueryInterface\n"}));
 }
 
 }  // namespace

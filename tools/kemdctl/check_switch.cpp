@@ -5,10 +5,10 @@
 #include <memory>
 #include <vector>
 
+#include "services/base/library_search.h"
 #include "tools/kemdctl/check_parts.h"
 #include "tools/kemdctl/elf_exports.h"
 #include "tools/kemdctl/file_safety.h"
-#include "tools/kemdctl/library_search.h"
 #include "tools/kemdctl/text.h"
 
 namespace {
@@ -76,6 +76,7 @@ void CheckSwitchLibrary(Findings& findings, const DaemonEnvironment& environment
     const char* const searchPath = environment.Find("LD_LIBRARY_PATH");
     if (searchPath != nullptr) CheckSearchPath(findings, searchPath);
     for (const LibraryPlace& place : FindLibrary(kLibrary, searchPath)) {
+        if (place.path.empty()) continue;
         const std::string shown = Printable(place.path);
         const ElfExports exports = ReadElfExports(place.path.c_str());
         if (exports.isOtherMachine) {

@@ -16,6 +16,7 @@
 #include "kemd/exit_event.h"
 #include "kemd/module.h"
 #include "kemd/module_switch.h"
+#include "services/base/library_file.h"
 
 namespace {
 
@@ -38,6 +39,8 @@ const char* Refuse(const KemdModule* entry) {
 }
 
 void Load(CallBoard& board, Module& module, const char* path) {
+    const LibraryFault fault = LookAtLibrary(path);
+    if (!fault.text.empty()) return SetText(board, Outcome::kNoModule, fault.text.c_str());
     // dlopen is declared not to throw, but an initialiser of the module may: the compiler must not
     // see whom it calls, or it leaves the handler out.
     void* (*volatile const open)(const char*, int) = dlopen;
