@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "daemon/notify.h"
+#include "daemon/process_guard.h"
 #include "daemon/service.h"
 #include "daemon/smbus_probe.h"
 #include "daemon/startup.h"
@@ -35,6 +36,7 @@ int main(int argc, char** argv) {
     Debug.SetCommandLine(argc, argv);
     ModuleLoadParams params = ParseCommandLine(argc, argv);
     PrepareProcess();
+    const ProcessGuard guard(lock.Descriptor());
     ReportMissingLog();
     WriteBanner();
     OpenSystemLog();

@@ -7,6 +7,7 @@
 #include <new>
 
 #include "daemon/notify.h"
+#include "daemon/process_guard.h"
 #include "daemon/signal_loop.h"
 #include "daemon/startup.h"
 #include "daemon/version.h"
@@ -16,13 +17,17 @@ namespace {
 
 void StartModules(SwitchBinding& binding, ModuleLoadParams& params) {
     TRACE(2, "%s-MAIN: Load extension modules ...", kTag);
-    if (!binding.LoadModules(&params)) {
+    const bool loaded = binding.LoadModules(&params);
+    EndForkedChild();
+    WatchForExit();
+    if (!loaded) {
         TRACE(1, "%s-MAIN: ERROR! Load extension modules FAILED!", kTag);
         return;
     }
     TRACE(2, "%s-MAIN: ... extension modules loaded", kTag);
     TRACE(2, "%s-MAIN: Start all modules  ...", kTag);
     if (binding.pInterface != nullptr) binding.pInterface->StartAllModules();
+    EndForkedChild();
     TRACE(2, "%s-MAIN: ... all modules started", kTag);
 }
 
@@ -36,10 +41,13 @@ void FinishStartup() {
 void StopModules(SwitchBinding& binding) {
     TRACE(2, "%s-MAIN::OnExitService      : Stopping all modules...\n", kTag);
     if (binding.pInterface != nullptr) binding.pInterface->StopAllModules();
+    EndForkedChild();
     TRACE(2, "%s-MAIN::OnExitService      : ... all modules stopped\n", kTag);
     TRACE(2, "%s-MAIN::OnExitService      : Start unload of all registered extension modules ...\n",
           kTag);
-    binding.UnloadModules(0);
+    ExpectTerminate();
+    if (!binding.UnloadModules(0)) KeepModules();
+    EndForkedChild();
     TRACE(2,
           "%s-MAIN::OnExitService      : ... unload of all registered extension modules "
           "completed!\n",

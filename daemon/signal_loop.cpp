@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "daemon/notify.h"
+#include "daemon/process_guard.h"
 #include "daemon/run_level.h"
 #include "daemon/version.h"
 #include "daemon/wait_signals.h"
@@ -92,6 +93,7 @@ void WaitForStop(IModuleSwitch* modules) {
         const int result = sigwait(&signals, &g_lastSignal);
         if (result == 0) {
             Dispatch(modules);
+            EndForkedChild();
         } else {
             StopAfterError(modules, result);
         }

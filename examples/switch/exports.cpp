@@ -1,11 +1,33 @@
-// The three entry points by which the daemon finds the switch library.
+// The three entry points by which the daemon finds the switch library, and what the library has the
+// trace say when a module ends the process.
 #include <atomic>
+#include <cstdlib>
+#include <exception>
 
 #include "kemd/api.h"
 #include "module_switch.h"
 
-static ModuleSwitch g_switch;
+static void ReportExit();
+static ModuleSwitch g_switch(ReportExit);
 static std::atomic<int> g_references{0};
+
+static void ReportExit() {
+    g_switch.ReportEnd("the process is ended");
+}
+
+// From the load of this library to its end.
+static struct TerminateReport {
+    static inline std::terminate_handler previous = nullptr;
+
+    [[noreturn]] static void Report() {
+        g_switch.ReportEnd(
+            "std::terminate, for an exception that nobody catches or a thread that was not joined,");
+        previous();
+        std::abort();
+    }
+    TerminateReport() { previous = std::set_terminate(Report); }
+    ~TerminateReport() { std::set_terminate(previous); }
+} g_terminateReport;
 
 extern "C" {
 

@@ -4,9 +4,12 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -14,7 +17,9 @@
 
 #include "file_safety.h"
 #include "kemd/trace.h"
-#include "signal_mask.h"
+#include "module_call.h"
+#include "service_manager.h"
+#include "services/base/library_file.h"
 
 namespace {
 
@@ -30,8 +35,10 @@ std::string ModuleDirectory() {
 bool ListModules(const std::string& directory, std::vector<std::string>& names) {
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(directory.c_str()), closedir);
     if (!entries) {
-        KemdMessage(kTag, "cannot read the module directory %s (%s)", directory.c_str(),
-                    std::strerror(errno));
+        constexpr const char* kText = "cannot read the module directory %s (%s)";
+        const char* const reason = std::strerror(errno);
+        KemdMessage(kTag, kText, directory.c_str(), reason);
+        WriteToJournal(kText, directory.c_str(), reason);
         return false;
     }
     while (const dirent* entry = readdir(entries.get())) {
@@ -46,34 +53,61 @@ void Report(const std::string& name, const char* what, const char* reason) {
     KemdMessage(kTag, "module %s %s: %s", name.c_str(), what, reason);
 }
 
-// Puts the signal mask back at the end of a call, however it ends, and says so.
-struct MaskGuard {
-    const std::string& name;
-    SignalMask mask;
+// The same for a module that does not come to run: in the journal as well.
+void LeaveOut(const std::string& name, const char* what, const char* reason) {
+    Report(name, what, reason);
+    WriteToJournal("module %s %s: %s", name.c_str(), what, reason);
+}
 
-    explicit MaskGuard(const std::string& module) : name(module) {}
-    MaskGuard(const MaskGuard&) = delete;
-    MaskGuard& operator=(const MaskGuard&) = delete;
-    ~MaskGuard() {
-        if (mask.Restore()) Report(name, "changed the signal mask of the daemon", "put back");
-    }
-};
-
-// Calls into a module and says what it threw. A cancelled thread is not a failure.
+// Calls into a module and keeps what it threw, cut to a line. A cancelled thread is not a failure.
+using Thrown = std::array<char, 512>;
 template <typename Call>
-bool CallModule(const std::string& name, const char* what, Call call) {
-    const MaskGuard guard(name);
+bool CallModule(const std::string& name, const char* callName, Thrown& thrown, Call call) {
+    const ModuleCall guard(name, callName);
     try {
         call();
         return true;
     } catch (const abi::__forced_unwind&) {
         throw;
     } catch (const std::exception& error) {
-        Report(name, what, error.what());
+        std::snprintf(thrown.data(), thrown.size(), "%s", error.what());
     } catch (...) {
-        Report(name, what, "unknown exception");
+        std::snprintf(thrown.data(), thrown.size(), "unknown exception");
     }
     return false;
+}
+
+// An initialiser that threw has left the loader in the middle of its work, its lock held. Any other
+// load or unload, also that of this library, would wait for ever or run the destructors of objects
+// that were never constructed; quick_exit does neither, and the daemon cleans up in it.
+[[noreturn]] void EndWithoutLoader(const std::string& name, const char* thrown) {
+    LeaveOut(name, "cannot be loaded", thrown);
+    constexpr const char* kReason =
+        "module %s threw an exception out of an initialiser: the dynamic loader cannot be used any "
+        "more, the daemon ends; remove or mend the module";
+    KemdMessage(kTag, kReason, name.c_str());
+    WriteToJournal(kReason, name.c_str());
+    std::quick_exit(1);
+}
+
+void* Open(const std::string& name, const std::string& path) {
+    // dlopen is declared not to throw, but an initialiser of the module may: the compiler must not
+    // see whom it calls, or it leaves the handler out.
+    void* (*volatile const open)(const char*, int) = dlopen;
+    const ModuleCall guard(name, "load");
+    try {
+        return open(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    } catch (const std::exception& error) {
+        if (!guard.IsForked()) EndWithoutLoader(name, error.what());
+    } catch (...) {
+        if (!guard.IsForked()) EndWithoutLoader(name, "unknown exception");
+    }
+    _exit(1);
+}
+
+void Close(const std::string& name, void* library) {
+    const ModuleCall guard(name, "unload");
+    dlclose(library);
 }
 
 // What makes a library a module of this version; null when it is one.
@@ -97,15 +131,24 @@ bool ModuleSwitch::LoadModules(ModuleLoadParams* params) {
     const std::string reason = Unsafe(WalkPath(directory));
     if (!reason.empty()) {
         KemdMessage(kTag, "no module is loaded: %s", reason.c_str());
+        WriteToJournal("no module is loaded: %s", reason.c_str());
         return false;
     }
     // A module that cancels its caller would end the thread that the daemon lives on while the
     // others run. Never switched back: a request that is pending would be obeyed then.
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     if (m_modules.empty()) m_threadsBefore = LiveThreads();
+    m_process = getpid();
+    (void)std::atexit(m_reportExit);
+    (void)std::at_quick_exit(m_reportExit);
+    {
+        const std::lock_guard lock(m_lock);
+        m_modules.reserve(m_modules.size() + names.size());
+    }
     for (const std::string& name : names) {
         if (!IsLoaded(name)) LoadModule(directory, name);
     }
+    const std::lock_guard lock(m_lock);
     std::sort(m_modules.begin(), m_modules.end(),
               [](const Module& a, const Module& b) { return a.name < b.name; });
     m_scanned = true;
@@ -122,98 +165,144 @@ bool ModuleSwitch::HasEntry(const KemdModule* entry) const {
                        [&](const Module& module) { return module.entry == entry; });
 }
 
+// All memory that the module's record takes is there before the module is: none is loaded and
+// forgotten.
 void ModuleSwitch::LoadModule(const std::string& directory, const std::string& name) {
-    void* library = nullptr;
     // What was looked at is what is loaded, whatever becomes of a link meanwhile.
     const PathReport file = WalkPath(directory + "/" + name);
-    const std::string unsafe = Unsafe(file);
-    if (!unsafe.empty()) return Report(name, "is left out", unsafe.c_str());
-    // dlopen is declared not to throw, but an initialiser of the module may: the compiler must not
-    // see whom it calls, or it leaves the handler out.
-    void* (*volatile const open)(const char*, int) = dlopen;
-    const bool returned = CallModule(name, "cannot be loaded", [&] {
-        library = open(file.resolved.c_str(), RTLD_NOW | RTLD_LOCAL);
-    });
-    if (!returned) return;
-    if (library == nullptr) return Report(name, "cannot be loaded", dlerror());
+    std::string fault = Unsafe(file);
+    if (fault.empty()) fault = LookAtLibrary(file.resolved.c_str()).text;
+    if (!fault.empty()) return LeaveOut(name, "is left out", fault.c_str());
+    ShowStatus("loading module %s", name.c_str());
+    Module module{name, nullptr, nullptr, false, false, {}};
+    module.library = Open(name, file.resolved);
+    if (module.library == nullptr) return LeaveOut(name, "cannot be loaded", dlerror());
 
-    const auto* entry = static_cast<const KemdModule*>(dlsym(library, "kemdModule"));
-    const char* reason = HasEntry(entry) ? "it is loaded under another name" : Refuse(entry);
+    module.entry = static_cast<const KemdModule*>(dlsym(module.library, "kemdModule"));
+    const char* reason =
+        HasEntry(module.entry) ? "it is loaded under another name" : Refuse(module.entry);
     if (reason != nullptr) {
-        Report(name, "is left out", reason);
-        dlclose(library);
-        return;
+        LeaveOut(name, "is left out", reason);
+        return Close(name, module.library);
     }
-    m_modules.push_back({name, library, entry, false, false, {}});
+    const std::lock_guard lock(m_lock);
+    m_modules.push_back(std::move(module));
     KemdTrace(kTag, 1, "module %s loaded", name.c_str());
 }
 
 void ModuleSwitch::StartAllModules() {
+    // Once more: the handlers that were registered last, now those of the modules, come first.
+    (void)std::atexit(m_reportExit);
     for (Module& module : m_modules) {
         if (!module.started && !module.failed) StartModule(module);
     }
+    const auto running = std::count_if(m_modules.begin(), m_modules.end(),
+                                       [](const Module& module) { return module.started; });
+    ShowStatus("running, %d module%s", static_cast<int>(running), running == 1 ? "" : "s");
 }
 
 void ModuleSwitch::StartModule(Module& module) {
     const ThreadIds before = LiveThreads();
+    ShowStatus("starting module %s", module.name.c_str());
     int result = 0;
-    module.started =
-        CallModule(module.name, "failed to start", [&] { result = module.entry->start(); }) &&
-        result == 0;
-    module.threads = Without(LiveThreads(), before);
+    Thrown reason{};
+    const bool returned =
+        CallModule(module.name, "start", reason, [&] { result = module.entry->start(); });
+    module.started = returned && result == 0;
     module.failed = !module.started;
     if (module.started) {
         KemdTrace(kTag, 1, "module %s started", module.name.c_str());
-    } else if (result != 0) {
-        Report(module.name, "failed to start", ("result " + std::to_string(result)).c_str());
+    } else {
+        if (returned) std::snprintf(reason.data(), reason.size(), "result %d", result);
+        LeaveOut(module.name, "failed to start", reason.data());
     }
+    ThreadIds threads = Without(LiveThreads(), before);
+    const std::lock_guard lock(m_lock);
+    module.threads = std::move(threads);
 }
 
 void ModuleSwitch::StopAllModules() {
     for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
         if (!module->started) continue;
+        ShowStatus("stopping module %s", module->name.c_str());
         module->started = false;
-        module->failed = !CallModule(module->name, "failed to stop", module->entry->stop);
-        if (!module->failed) KemdTrace(kTag, 1, "module %s stopped", module->name.c_str());
+        Thrown thrown{};
+        module->failed = !CallModule(module->name, "stop", thrown, module->entry->stop);
+        if (module->failed) {
+            Report(module->name, "failed to stop", thrown.data());
+        } else {
+            KemdTrace(kTag, 1, "module %s stopped", module->name.c_str());
+        }
     }
+}
+
+const ModuleSwitch::Module* ModuleSwitch::OwnerOf(pid_t thread) const {
+    const auto owner =
+        std::find_if(m_modules.begin(), m_modules.end(), [thread](const Module& module) {
+            return std::binary_search(module.threads.begin(), module.threads.end(), thread);
+        });
+    return owner == m_modules.end() ? nullptr : &*owner;
 }
 
 // Everything has been stopped, so a thread that was not there before the modules runs code of one
 // of them, or will return into it.
 bool ModuleSwitch::ThreadsAreLeft() const {
-    AwaitEnd(Without(LiveThreads(), m_threadsBefore));
-    const ThreadIds now = LiveThreads();
-    const ThreadIds left = Without(now, m_threadsBefore);
-    for (const pid_t thread : left) {
-        const auto owner =
-            std::find_if(m_modules.begin(), m_modules.end(), [&](const Module& module) {
-                return std::binary_search(module.threads.begin(), module.threads.end(), thread);
-            });
-        const bool known = owner != m_modules.end();
+    AwaitOnly(m_threadsBefore);
+    bool areLeft = false;
+    ThreadList list;
+    pid_t thread = list.Next();
+    for (; thread > 0; thread = list.Next()) {
+        if (std::binary_search(m_threadsBefore.begin(), m_threadsBefore.end(), thread)) continue;
+        areLeft = true;
+        const Module* const owner = OwnerOf(thread);
         KemdMessage(kTag, "thread %d (%s) is left behind, it came up %s%s", thread,
-                    ThreadName(thread).c_str(), known ? "in the start of module " : "later",
-                    known ? owner->name.c_str() : "");
+                    ThreadName(thread).data(),
+                    owner != nullptr ? "in the start of module " : "later",
+                    owner != nullptr ? owner->name.c_str() : "");
     }
-    return !left.empty() || now.empty();
+    return areLeft || thread < 0;
 }
 
 bool ModuleSwitch::UnloadModules(uint32_t /*options*/) {
     StopAllModules();
+    bool isAllUnloaded = true;
     const bool keep = !m_modules.empty() && ThreadsAreLeft();
     if (keep) KemdMessage(kTag, "threads of modules may still run: no module is unloaded");
     for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
         // What a failed start or stop left behind may still be running in there.
-        if (!module->failed && !keep) dlclose(module->library);
+        if (module->failed || keep) {
+            isAllUnloaded = false;
+        } else {
+            Close(module->name, module->library);
+        }
     }
+    const std::lock_guard lock(m_lock);
     m_modules.clear();
     m_scanned = false;
-    return true;
+    return isAllUnloaded;
 }
 
 void ModuleSwitch::NotifyModules(uint32_t code, void* data, uint32_t /*word*/) {
     for (const Module& module : m_modules) {
         if (!module.started || module.entry->notify == nullptr) continue;
-        CallModule(module.name, "failed to take a notification",
-                   [&] { module.entry->notify(code, data); });
+        Thrown thrown{};
+        if (CallModule(module.name, "notify", thrown, [&] { module.entry->notify(code, data); })) {
+            continue;
+        }
+        Report(module.name, "failed to take a notification", thrown.data());
     }
+}
+
+void ModuleSwitch::ReportEnd(const char* what) {
+    if (getpid() != m_process) return;
+    if (const ModuleCall* const call = ModuleCall::Current()) {
+        return KemdMessage(kTag, "%s in the %s of module %s", what, call->Name(), call->Module());
+    }
+    const pid_t thread = gettid();
+    const std::lock_guard lock(m_lock);
+    if (thread == m_process || m_modules.empty()) return;  // no module's thread, or after them all
+    const Module* const owner = OwnerOf(thread);
+    KemdMessage(kTag, "%s in thread %d (%s), which came up %s%s", what, thread,
+                ThreadName(thread).data(), owner != nullptr ? "in the start of module " : "later",
+                owner != nullptr ? owner->name.c_str() : "");
 }

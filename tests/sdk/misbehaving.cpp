@@ -123,6 +123,87 @@ static int Start() {
 }
 static void Stop() {}
 
+#elif defined(LEAVES)  // in order, as it believes
+static int Start() {
+    exit(4);
+}
+static void Stop() {}
+
+#elif defined(QUITS)
+static int Start() {
+    quick_exit(5);
+}
+static void Stop() {}
+
+#elif defined(WORKER)  // its thread ends the process
+static EventHandle g_never;
+static int Start() {
+    CreateEvent(g_never, false, true, nullptr);
+    std::thread([] {
+        pthread_setname_np(pthread_self(), "worker");
+        WaitForEvent(g_never, 200);  // so that start has returned
+        exit(6);
+    }).detach();
+    return 0;
+}
+static void Stop() {}
+
+#elif defined(INIT)
+static const int kNumber = [] { return throw std::runtime_error("not even loaded"), 0; }();
+static int Start() {
+    return kNumber;
+}
+static void Stop() {}
+
+#elif defined(GOESON)  // parent and child do
+static int Start() {
+    return fork() < 0 ? 1 : 0;
+}
+static void Stop() {}
+
+#elif defined(DAEMON)
+static int Start() {
+    return daemon(0, 0);
+}
+static void Stop() {}
+
+#elif defined(UNJOINED) || defined(ENDED)  // static threads that nobody joins
+static std::thread g_thread;
+static int Start() {
+#ifdef UNJOINED
+    static std::thread another([] {
+        for (;;) pause();
+    });
+    g_thread = std::thread([] {
+        for (;;) pause();
+    });
+#else
+    g_thread = std::thread([] {});
+#endif
+    return 0;
+}
+static void Stop() {}
+
+#elif defined(TAKES)  // closes everything that a daemon used to have, and opens its own
+static int Start() {
+    for (int file = 0; file <= 100; ++file) close(file);
+    for (int file = 0; file <= 100; ++file) (void)!open("/tmp/taken", O_WRONLY | O_CREAT, 0644);
+    return 0;
+}
+static void Stop() {}
+
+#elif defined(RAISES)
+static int Start() {
+    return 0;
+}
+static void Stop() {}
+static void Notify(uint32_t /*code*/, const void* /*data*/) {
+    sigset_t signals{};
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    raise(SIGTERM);
+}
+
 #elif defined(CHANGES)  // whatever belongs to the whole process
 static EventHandle g_stop;
 static EventHandle g_ready;
@@ -152,4 +233,7 @@ static void Stop() {
 }
 #endif
 
-KEMD_MODULE = {KEMD_MODULE_VERSION, Start, Stop, nullptr};
+#ifndef RAISES
+constexpr void (*Notify)(uint32_t, const void*) = nullptr;
+#endif
+KEMD_MODULE = {KEMD_MODULE_VERSION, Start, Stop, Notify};

@@ -1,5 +1,6 @@
 // What a module that misbehaves does to the real daemon, beside a module that does not; and that
 // the next start is clean.
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -39,6 +40,11 @@ class MisbehavingTest : public DaemonTest {
         return pid;
     }
 
+    // What a module forked has become a child of this process, which is the first one here.
+    static void ExpectNobodyLeft() {
+        EXPECT_TRUE(WaitFor([] { return waitpid(-1, nullptr, WNOHANG) < 0; }));
+    }
+
     void ExpectCleanRestart() {
         Install("");
         const pid_t pid = RunTraced();
@@ -72,23 +78,68 @@ TEST_F(MisbehavingTest, TheOthersRunOnAndTheStopIsOrderly) {
         {"cancels", {"module cancels.so started\n", started, stopped, unloaded}},
         {"closes", {started, stopped, "module closes.so stopped\n", unloaded}},
         {"changes", {"module changes.so started\n", started, stopped, unloaded}},
+        {"goeson", {"module goeson.so started\n", started, stopped, unloaded}},
+        {"unjoined",
+         {started, "module unjoined.so stopped\n", "no module is unloaded\n", unloaded}},
+        {"ended",
+         {started, "module ended.so stopped\n",
+          "that was not joined, in the unload of module ended.so\n", "## EXIT PROCESS KEMD ##\n"}},
+        {"takes", {started, "module takes.so started\n", "module takes.so stopped\n", unloaded}},
+        {"raises", {started, "module raises.so started\n", "module raises.so stopped\n", unloaded}},
     };
     for (const auto& [kind, trace] : cases) {
         SCOPED_TRACE(kind);
         Install(kind);
-        EXPECT_EQ(Stop(RunTraced()), 0);
+        const pid_t pid = RunTraced();
+        EXPECT_EQ(ReadFile(kPidFile), std::to_string(pid) + "\n");
+        EXPECT_EQ(Stop(pid), 0);
         EXPECT_TRUE(InOrder(Trace(), trace));
-        ExpectCleanRestart();
+        EXPECT_EQ(Contains(Log(), "## EXIT PROCESS KEMD ##\n"), kind != "closes") << Log();
+        EXPECT_EQ(ReadFile("/tmp/taken"), "");
+        EXPECT_FALSE(fs::exists(kPidFile) || (kind != "closes" && fs::exists(kLockFile)));
+        ExpectNobodyLeft();
     }
+    ExpectCleanRestart();
+}
+
+// The daemon ends with the module, but in sight and with its files removed.
+TEST_F(MisbehavingTest, EndFromInsideIsTracedAndLeavesNothing) {
+    const std::string ended = "the process is ended in the start of module ";
+    const std::string cleaned = "KEMD-MAIN: the process was ended from inside";
+    const struct {
+        std::string kind;
+        int status;
+        std::vector<std::string> trace;
+    } cases[] = {
+        {"leaves", 4, {ended + "leaves.so\n", cleaned}},
+        {"quits", 5, {ended + "quits.so\n", cleaned}},
+        {"worker", 6, {"(worker), which came up in the start of module worker.so\n", cleaned}},
+        {"init",
+         1,
+         {"module init.so cannot be loaded: not even loaded\n",
+          "module init.so threw an exception out of an initialiser: the dynamic loader cannot be",
+          "the process is ended in the load of module init.so\n", cleaned}},
+    };
+    for (const auto& [kind, status, trace] : cases) {
+        SCOPED_TRACE(kind);
+        Install(kind);
+        EXPECT_EQ(WaitForExit(RunTraced()), status);
+        EXPECT_TRUE(InOrder(Trace(), trace));
+        EXPECT_FALSE(Contains(Trace(), "module notifications.so stopped"));
+        EXPECT_FALSE(fs::exists(kLockFile) || fs::exists(kPidFile));
+    }
+    ExpectCleanRestart();
 }
 
 // A module that dies or ends the process takes the daemon along; what it leaves is no obstacle.
 TEST_F(MisbehavingTest, DeathLeavesNothingInTheWay) {
-    for (const auto& [kind, status] : {std::pair{"dies", 1000 + SIGSEGV}, {"exits", 3}}) {
+    for (const auto& [kind, status] :
+         {std::pair{"dies", 1000 + SIGSEGV}, {"exits", 3}, {"daemon", 0}}) {
         SCOPED_TRACE(kind);
         Install(kind);
         EXPECT_EQ(WaitForExit(RunTraced()), status);
         EXPECT_TRUE(fs::exists(kLockFile) && fs::exists(kPidFile));
+        ExpectNobodyLeft();
         ExpectCleanRestart();
     }
 }
@@ -106,16 +157,18 @@ TEST_F(MisbehavingTest, StopThatBlocksEndsWithAKill) {
 }
 
 TEST_F(MisbehavingTest, ChildThatLivesOnKeepsNoLock) {
-    Install("forks");
-    EXPECT_EQ(Stop(RunTraced()), 0);
-    const std::string text = "misbehaving   child ";
-    const std::string trace = Trace();
-    const size_t found = trace.find(text);
-    ASSERT_NE(found, std::string::npos);
-    const auto child = static_cast<pid_t>(std::stol(trace.substr(found + text.size())));
-    ExpectCleanRestart();
-    EXPECT_EQ(kill(child, 0), 0) << "it should still live";
-    EXPECT_EQ(Stop(child, SIGKILL), 1000 + SIGKILL);
+    for (const auto& [signal, status] : {std::pair{SIGTERM, 0}, {SIGKILL, 1000 + SIGKILL}}) {
+        Install("forks");
+        EXPECT_EQ(Stop(RunTraced(), signal), status);
+        const std::string text = "misbehaving   child ";
+        const std::string trace = Trace();
+        const size_t found = trace.find(text);
+        ASSERT_NE(found, std::string::npos);
+        const auto child = static_cast<pid_t>(std::stol(trace.substr(found + text.size())));
+        ExpectCleanRestart();
+        EXPECT_EQ(kill(child, 0), 0) << "it should still live";
+        EXPECT_EQ(Stop(child, SIGKILL), 1000 + SIGKILL);
+    }
 }
 
 }  // namespace

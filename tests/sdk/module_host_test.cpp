@@ -1,4 +1,5 @@
 // The real kemd-module-host with modules that behave and modules that do not.
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <cstdlib>
@@ -53,6 +54,7 @@ TEST(ModuleHost, NamesWhatIsWrong) {
           "\n2"}},
         {"dies", {"died by signal 11 (Segmentation fault) in start\n"}},
         {"exits", {"the module ended the process with status 3 in start\n"}},
+        {"leaves", {"the module ended the process with status 4 in start\n"}},
         {"changes",
          {"start ", " does not block what only the daemon takes: SIGHUP\n",
           "no longer ignored: SIGPIPE\n", "handler installed, but only the daemon takes: SIGALRM\n",
@@ -70,9 +72,12 @@ TEST(ModuleHost, NamesWhatIsWrong) {
 }
 
 TEST(ModuleHost, RefusesWhatIsNoModule) {
+    WriteFile("/tmp/cut.so", ReadFile("/build/modules/heartbeat.so").substr(0, 4096));
+    mkfifo("/tmp/pipe.so", 0600);
     for (const std::string arguments :
-         {"", "/nowhere.so", "/test/bad_modules/bad_symbol.so", "/build/kemd a b",
-          "--seconds -1 /build/modules/heartbeat.so", "--timeout 0 /build/modules/heartbeat.so"}) {
+         {"", "/nowhere.so", "/tmp/cut.so", "/tmp/pipe.so", "/test/bad_modules/bad_symbol.so",
+          "/build/kemd a b", "--seconds -1 /build/modules/heartbeat.so",
+          "--timeout 0 /build/modules/heartbeat.so"}) {
         const auto result = RunHost(arguments);
         EXPECT_EQ(result.status, 2) << arguments;
         EXPECT_EQ(result.report, "") << arguments;

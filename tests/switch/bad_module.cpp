@@ -15,10 +15,6 @@ static int Start() {
 
 [[maybe_unused]] static void Stop() {}
 
-#ifdef BAD_INIT
-static const int kNumber = [] { return throw std::runtime_error("not even loaded"), 0; }();
-#endif
-
 #ifdef BAD_SYMBOL
 #define kemdModule anotherName
 #endif

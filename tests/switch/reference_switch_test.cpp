@@ -1,12 +1,39 @@
 // The embedded switch library with good and bad modules.
+#include <dlfcn.h>
+#include <elf.h>
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
+#include <new>
 #include <thread>
 
+#include "services/base/library_file.h"
 #include "tests/modules.h"
 #include "tests/switch/switch_test.h"
+
+// How many allocations succeed from here on.
+static constexpr int kUnlimited = -1;
+static std::atomic<int> g_allocations{kUnlimited};
+
+void* operator new(size_t size) {
+    const int left = g_allocations;
+    void* const memory = left == 0 ? nullptr : malloc(size);
+    if (memory == nullptr) throw std::bad_alloc();
+    if (left > 0) --g_allocations;
+    return memory;
+}
+void operator delete(void* memory) noexcept {
+    free(memory);
+}
+void operator delete(void* memory, size_t /*size*/) noexcept {
+    free(memory);
+}
 
 namespace {
 
@@ -71,11 +98,15 @@ TEST_F(ReferenceSwitchTest, ModulesUseTheHostServices) {
 }
 
 TEST_F(ReferenceSwitchTest, BadModulesAreNamedAndLeftOut) {
-    for (const auto& module : fs::directory_iterator("/test/bad_modules")) AddModule(module.path());
+    for (const std::string fault : {"function", "start", "symbol", "throw", "version"}) {
+        AddModule("/test/bad_modules/bad_" + fault + ".so");
+    }
     AddModule("/build/modules/notifications.so");
     fs::create_symlink("notifications.so", "/tmp/modules/second_name.so");
     WriteFile("/tmp/modules/broken.so", "not a library");
-    MakeSafe("/tmp/modules/broken.so");
+    WriteFile("/tmp/modules/cut.so", ReadFile("/build/modules/heartbeat.so").substr(0, 4096));
+    mkfifo("/tmp/modules/pipe.so", 0600);
+    for (const char* const name : {"broken.so", "cut.so"}) MakeSafe(fs::path(kModules) / name);
     ASSERT_TRUE(m_binding.LoadModules(&m_params));
     m_binding.pInterface->StartAllModules();
     m_binding.pInterface->NotifyModules(kNotifyStop, nullptr, 0);
@@ -83,10 +114,11 @@ TEST_F(ReferenceSwitchTest, BadModulesAreNamedAndLeftOut) {
     EXPECT_TRUE(InOrder(
         Trace(),
         {"module bad_function.so is left out: start or stop is missing\n",
-         "module bad_init.so cannot be loaded: not even loaded\n",
          "module bad_symbol.so is left out: it does not export kemdModule\n",
          "module bad_version.so is left out: its interface version is another\n",
-         "module broken.so cannot be loaded: /tmp/modules/broken.so: ",
+         "module broken.so is left out: no ELF file\n",
+         "module cut.so is left out: cut off after 4096 bytes\n",
+         "module pipe.so is left out: no regular file\n",
          "module second_name.so is left out: it is loaded under another name\n",
          "module bad_start.so failed to start: result 42\n",
          "module bad_throw.so failed to start: not today\n", "module notifications.so started\n",
@@ -141,6 +173,138 @@ TEST_F(ReferenceSwitchTest, ModulesThatOthersMayWriteAreLeftOut) {
     EXPECT_TRUE(Contains(Trace(), "module heartbeat.so loaded\n"));
     mode("/tmp", 0755);
     fs::remove_all("/tmp/open");
+}
+
+// Each allocation in turn is the first that fails; no later one succeeds, while the daemon stops.
+TEST_F(ReferenceSwitchTest, WhatIsStartedIsStoppedWhenMemoryEnds) {
+    for (const char* const name : {"/tmp/modules/a.so", "/tmp/modules/b.so"}) {
+        fs::copy("/build/modules/notifications.so", name);
+        MakeSafe(name);
+    }
+    IModuleSwitch& modules = *m_binding.pInterface;
+    bool hasFailed = true;
+    for (int allocations = 0; hasFailed; ++allocations) {
+        g_allocations = allocations;
+        try {
+            (void)modules.LoadModules(&m_params);
+            modules.StartAllModules();
+            hasFailed = false;
+        } catch (const std::bad_alloc&) {
+            modules.StopAllModules();
+        }
+        const bool isUnloaded = modules.UnloadModules(0);
+        g_allocations = kUnlimited;
+        EXPECT_TRUE(isUnloaded) << allocations;
+        for (const char* const name : {"/tmp/modules/a.so", "/tmp/modules/b.so"}) {
+            EXPECT_EQ(dlopen(name, RTLD_NOW | RTLD_NOLOAD), nullptr) << allocations << name;
+        }
+    }
+    const std::string trace = Trace();
+    const auto count = [&trace](const std::string& text) {
+        int found = 0;
+        for (size_t at = trace.find(text); at != trace.npos; at = trace.find(text, at + 1)) ++found;
+        return found;
+    };
+    EXPECT_GT(count(".so started\n"), 3);
+    EXPECT_EQ(count(".so started\n"), count(".so stopped\n"));
+}
+
+TEST_F(ReferenceSwitchTest, ServiceManagerIsToldInALine) {
+    const sockaddr_un address{AF_UNIX, "/tmp/notify"};
+    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(manager, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    setenv("NOTIFY_SOCKET", "/tmp/notify", 1);
+    AddModule("/build/modules/notifications.so");
+    AddModule("/test/bad_modules/bad_start.so");
+    WriteFile("/tmp/modules/broken.so", "");
+    MakeSafe("/tmp/modules/broken.so");
+    const int standardError = dup(STDERR_FILENO);
+    for (const bool isJournal : {false, true}) {
+        const int stream = open("/tmp/journal", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        struct stat status {};
+        fstat(stream, &status);
+        dup2(stream, STDERR_FILENO);
+        close(stream);
+        const auto inode = status.st_ino + (isJournal ? 0 : 1);
+        const std::string name = std::to_string(status.st_dev) + ":" + std::to_string(inode);
+        setenv("JOURNAL_STREAM", name.c_str(), 1);
+        EXPECT_TRUE(m_binding.LoadModules(&m_params));
+        m_binding.pInterface->StartAllModules();
+        EXPECT_FALSE(m_binding.UnloadModules(0)) << "the one that failed stays";
+        dup2(standardError, STDERR_FILENO);
+        EXPECT_EQ(ReadFile("/tmp/journal"),
+                  isJournal ? "<4>kemd: module broken.so is left out: no ELF file\n"
+                              "<4>kemd: module bad_start.so failed to start: result 42\n"
+                            : "");
+        std::string heard;
+        char text[256];
+        for (ssize_t size = 0; (size = recv(manager, text, sizeof(text), 0)) > 0; heard += '\n') {
+            heard.append(text, static_cast<size_t>(size));
+        }
+        const std::string told =
+            "STATUS=loading module bad_start.so\nSTATUS=loading module notifications.so\n"
+            "STATUS=starting module bad_start.so\nSTATUS=starting module notifications.so\n"
+            "STATUS=running, 1 module\nSTATUS=stopping module notifications.so\n";
+        EXPECT_EQ(heard, told);
+    }
+    for (const char* const variable : {"NOTIFY_SOCKET", "JOURNAL_STREAM"}) unsetenv(variable);
+    for (const int file : {manager, standardError}) close(file);
+}
+
+// One byte, or eight, of a sound library are changed, or its end is lost.
+TEST(LibraryFile, OnlyWhatTheLoaderNeedsIsLookedAt) {
+    const std::string sound = ReadFile("/build/modules/notifications.so");
+    Elf64_Ehdr header{};
+    sound.copy(reinterpret_cast<char*>(&header), sizeof(header));
+    std::vector<Elf64_Phdr> segments(header.e_phnum);
+    sound.copy(reinterpret_cast<char*>(segments.data()), segments.size() * sizeof(Elf64_Phdr),
+               header.e_phoff);
+    size_t end = 0;
+    size_t dynamic = 0;
+    for (size_t i = 0; i < segments.size(); ++i) {
+        if (segments[i].p_type == PT_LOAD) end = segments[i].p_offset + segments[i].p_filesz;
+        if (segments[i].p_type == PT_DYNAMIC) dynamic = header.e_phoff + i * sizeof(Elf64_Phdr);
+    }
+    const std::string one("\1\0\0\0\0\0\0\0", 8);
+    const std::string most(8, '\377');
+    const std::string cut = "cut off after ";
+    const struct {
+        size_t size;
+        size_t position;
+        std::string bytes;
+        std::string fault;
+    } cases[] = {
+        {sound.size(), 0, "", ""},
+        {header.e_shoff + 1, 0, "", ""},  // the table of sections is cut
+        {sound.size(), offsetof(Elf64_Ehdr, e_shoff), most, ""},
+        {end, 0, "", ""},
+        {end - 1, 0, "", cut},
+        {header.e_phoff + sizeof(Elf64_Phdr), 0, "", cut},
+        {sizeof(header) - 1, 0, "", "no ELF file"},
+        {0, 0, "", "no ELF file"},
+        {sound.size(), 0, "MZ", "no ELF file"},
+        {sound.size(), EI_CLASS, "\1", "not for x86-64"},
+        {sound.size(), EI_DATA, "\2", "not for x86-64"},
+        {sound.size(), offsetof(Elf64_Ehdr, e_machine), "\3", "not for x86-64"},
+        {sound.size(), offsetof(Elf64_Ehdr, e_type), "\2", "no shared library"},
+        {sound.size(), offsetof(Elf64_Ehdr, e_phnum), one.substr(1, 2), "its program headers name"},
+        {sound.size(), offsetof(Elf64_Ehdr, e_phentsize), "\1", "its program headers are broken"},
+        {sound.size(), offsetof(Elf64_Ehdr, e_phoff), most, cut},
+        {sound.size(), dynamic, one, "its program headers name nothing to load"},
+        {sound.size(), dynamic + offsetof(Elf64_Phdr, p_offset), most, cut},
+        {sound.size(), dynamic + offsetof(Elf64_Phdr, p_filesz), most, cut},
+    };
+    for (const auto& [size, position, bytes, fault] : cases) {
+        std::string library = sound.substr(0, size);
+        library.replace(position, bytes.size(), bytes);
+        WriteFile("/tmp/library.so", library);
+        const LibraryFault found = LookAtLibrary("/tmp/library.so");
+        EXPECT_TRUE(found.text.starts_with(fault) && found.text.empty() == fault.empty())
+            << found.text << " instead of " << fault << " at " << position << ", size " << size;
+        EXPECT_EQ(found.harmsLoader, fault == cut);
+    }
+    EXPECT_EQ(LookAtLibrary("/tmp").text, "Is a directory");
+    EXPECT_EQ(LookAtLibrary("/dev/zero").text, "no regular file");
 }
 
 }  // namespace

@@ -1,0 +1,136 @@
+#include "daemon/process_guard.h"
+
+#include <pthread.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+
+#include "daemon/startup.h"
+#include "daemon/version.h"
+#include "daemon/wait_signals.h"
+#include "trace/debug.h"
+
+namespace {
+
+constexpr const char* kLockFile = "/var/lock/kemd.lock";
+
+// Written by the initial thread before there is another one.
+pid_t g_process = 0;  // the daemon; 0: there is no guard
+int g_lock = -1;
+std::terminate_handler g_terminate = nullptr;
+
+std::atomic<bool> g_isOver{false};  // the files are removed, or about to be, by the daemon itself
+std::atomic<bool> g_mayTerminate{false};
+std::atomic<bool> g_keepsModules{false};
+
+bool IsDaemon() {
+    return getpid() == g_process;
+}
+
+void RemoveFiles() {
+    RemovePidFile();
+    (void)unlink(kLockFile);
+}
+
+// The last words of the trace and, as exit does it, of every stream; no destructor.
+[[noreturn]] void End(int status) {
+    Debug.Close();
+    (void)fcloseall();
+    _exit(status);
+}
+
+void CleanUpUnlessOver() {
+    if (g_isOver.exchange(true)) return;
+    Debug.Message("%s-MAIN: the process was ended from inside, by exit or quick_exit: no stop\n",
+                  kTag);
+    RemoveFiles();
+}
+
+void OnExit(int status, void* /*argument*/) {
+    if (!IsDaemon() || (g_isOver && !g_keepsModules)) return;
+    CleanUpUnlessOver();
+    End(status);
+}
+
+void OnQuickExit() {
+    if (IsDaemon()) CleanUpUnlessOver();
+}
+
+[[noreturn]] void OnTerminate() {
+    if (IsDaemon() && g_mayTerminate && !g_isOver.exchange(true)) {
+        Debug.Message("%s-MAIN: ## EXIT PROCESS %s ##\n", kTag, kTag);
+        RemoveFiles();
+        End(0);
+    }
+    g_terminate();
+    abort();
+}
+
+// In the child of a fork. It may live on after the daemon has died, and no other daemon could
+// start.
+void GiveUpLock() {
+    if (g_lock >= 0) close(g_lock);
+    g_lock = -1;
+}
+
+// Blocks the daemon's signals in the interrupted thread, as they were, and lets this one wait there
+// for the signal loop.
+void GiveBack(int signal, siginfo_t* /*info*/, void* context) {
+    const int saved = errno;
+    if (IsDaemon()) {
+        sigset_t& mask = static_cast<ucontext_t*>(context)->uc_sigmask;
+        const sigset_t signals = WaitSignals();
+        sigorset(&mask, &mask, &signals);
+        kill(getpid(), signal);
+    } else {
+        // A child has no signal loop: what it unblocked is to end it, once this handler is left.
+        (void)std::signal(signal, SIG_DFL);
+        raise(signal);
+    }
+    errno = saved;
+}
+
+}  // namespace
+
+ProcessGuard::ProcessGuard(int lock) {
+    g_process = getpid();
+    g_lock = lock;
+    g_terminate = std::set_terminate(OnTerminate);
+    (void)pthread_atfork(nullptr, nullptr, GiveUpLock);
+    (void)at_quick_exit(OnQuickExit);
+    WatchForExit();
+    struct sigaction action {};
+    action.sa_sigaction = GiveBack;
+    action.sa_mask = WaitSignals();
+    action.sa_flags = SA_SIGINFO | SA_RESTART;
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGALRM}) {
+        sigaction(signal, &action, nullptr);
+    }
+}
+
+ProcessGuard::~ProcessGuard() {
+    g_isOver = true;
+}
+
+void WatchForExit() {
+    (void)on_exit(OnExit, nullptr);
+}
+
+void EndForkedChild() {
+    if (g_process != 0 && !IsDaemon()) _exit(1);
+}
+
+void ExpectTerminate() {
+    g_mayTerminate = true;
+}
+
+void KeepModules() {
+    g_keepsModules = true;
+    WatchForExit();
+}
