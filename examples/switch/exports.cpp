@@ -26,6 +26,8 @@ static struct TerminateReport {
         std::abort();
     }
     TerminateReport() { previous = std::set_terminate(Report); }
+    TerminateReport(const TerminateReport&) = delete;
+    TerminateReport& operator=(const TerminateReport&) = delete;
     ~TerminateReport() { std::set_terminate(previous); }
 } g_terminateReport;
 

@@ -28,6 +28,9 @@ void* operator new(size_t size) {
     if (left > 0) --g_allocations;
     return memory;
 }
+void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return malloc(size);
+}
 void operator delete(void* memory) noexcept {
     free(memory);
 }

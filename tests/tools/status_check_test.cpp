@@ -423,3 +423,23 @@ TEST_F(CheckTest, BrokenLibraries) {
     WriteFile("/opt/lib/libswitch.so", stripped);
     EXPECT_EQ(Ctl("check -q").out, "");
 }
+
+// Head, entries for two kinds of processors, texts: as ldconfig writes it.
+TEST_F(CheckTest, LibraryInTheCacheOfTheLoader) {
+    const std::string texts =
+        std::string("libswitch.so") + '\0' + "/opt/none" + '\0' + "/opt/lib/libswitch.so" + '\0';
+    const uint32_t begin = 48 + 2 * 24;
+    const uint32_t head[7] = {2, static_cast<uint32_t>(texts.size())};
+    const uint32_t entries[2][6] = {{0x0003, begin, begin + 13}, {0x0303, begin, begin + 23}};
+    std::string cache = "glibc-ld.so.cache1.1";
+    cache.append(reinterpret_cast<const char*>(head), sizeof(head));
+    cache.append(reinterpret_cast<const char*>(entries), sizeof(entries));
+    WriteFile("/etc/default/kemd", "OV_MODULE_DIR=/opt/modules\n");
+    for (const std::string& each : {cache + texts, cache.substr(0, 60), cache}) {
+        WriteFile("/etc/ld.so.cache", each);
+        EXPECT_TRUE(Contains(Ctl("check").out, each.size() > cache.size()
+                                                   ? "libswitch.so, found by the loader's cache, is"
+                                                   : "libswitch.so is not found"));
+    }
+    fs::remove("/etc/ld.so.cache");
+}
