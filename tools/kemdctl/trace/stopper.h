@@ -1,5 +1,5 @@
-// Ends waiting: by the interrupt key, by SIGTERM, and at a time-out. One object at a time, for a process that
-// waits in poll; nothing is called while it waits.
+// Ends waiting: by the interrupt key, by SIGTERM, and at a time-out. One object at a time, for a
+// process that waits in poll; nothing is called while it waits.
 #pragma once
 
 #include <signal.h>
