@@ -7,29 +7,30 @@
 #include "kemd/api.h"
 #include "module_switch.h"
 
-static void ReportExit();
-static ModuleSwitch g_switch(ReportExit);
+static ModuleSwitch g_switch;
 static std::atomic<int> g_references{0};
 
-static void ReportExit() {
-    g_switch.ReportEnd("the process is ended");
-}
+// In force from the load of this library to its end.
+static class EndReport {
+  public:
+    EndReport() {
+        m_previous = std::set_terminate(ReportTerminate);
+        (void)std::at_quick_exit([] { g_switch.ReportEnd("the process is ended"); });
+    }
+    ~EndReport() { std::set_terminate(m_previous); }
+    EndReport(const EndReport&) = delete;
+    EndReport& operator=(const EndReport&) = delete;
 
-// From the load of this library to its end.
-static struct TerminateReport {
-    static inline std::terminate_handler previous = nullptr;
-
-    [[noreturn]] static void Report() {
+  private:
+    [[noreturn]] static void ReportTerminate() {
         g_switch.ReportEnd(
             "std::terminate, for an exception that nobody catches or a thread that was not joined,");
-        previous();
+        m_previous();
         std::abort();
     }
-    TerminateReport() { previous = std::set_terminate(Report); }
-    TerminateReport(const TerminateReport&) = delete;
-    TerminateReport& operator=(const TerminateReport&) = delete;
-    ~TerminateReport() { std::set_terminate(previous); }
-} g_terminateReport;
+
+    static inline std::terminate_handler m_previous = nullptr;
+} g_endReport;
 
 extern "C" {
 

@@ -110,6 +110,18 @@ void Close(const std::string& name, void* library) {
     dlclose(library);
 }
 
+// A static object of it is an exit handler, which goes when this library is closed.
+class ExitReport {
+  public:
+    explicit ExitReport(ModuleSwitch& modules) : m_modules(modules) {}
+    ~ExitReport() { m_modules.ReportEnd("the process is ended"); }
+    ExitReport(const ExitReport&) = delete;
+    ExitReport& operator=(const ExitReport&) = delete;
+
+  private:
+    ModuleSwitch& m_modules;
+};
+
 // What makes a library a module of this version; null when it is one.
 const char* Refuse(const KemdModule* entry) {
     if (entry == nullptr) return "it does not export kemdModule";
@@ -139,8 +151,7 @@ bool ModuleSwitch::LoadModules(ModuleLoadParams* params) {
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     if (m_modules.empty()) m_threadsBefore = LiveThreads();
     m_process = getpid();
-    (void)std::atexit(m_reportExit);
-    (void)std::at_quick_exit(m_reportExit);
+    static const ExitReport report(*this);
     {
         const std::lock_guard lock(m_lock);
         m_modules.reserve(m_modules.size() + names.size());
@@ -192,7 +203,7 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
 
 void ModuleSwitch::StartAllModules() {
     // Once more: the handlers that were registered last, now those of the modules, come first.
-    (void)std::atexit(m_reportExit);
+    static const ExitReport report(*this);
     for (Module& module : m_modules) {
         if (!module.started && !module.failed) StartModule(module);
     }

@@ -18,9 +18,6 @@
 
 class ModuleSwitch : public IModuleSwitch {
   public:
-    // `reportExit` is made an exit handler, that calls ReportEnd.
-    explicit ModuleSwitch(void (*reportExit)()) : m_reportExit(reportExit) {}
-
     // Reads the directory at the first call, and again when a rescan is asked for: modules that
     // came since are then added. False when the directory cannot be read or others than root may
     // write it. Does not come back from a module whose initialiser throws: the process ends.
@@ -55,7 +52,6 @@ class ModuleSwitch : public IModuleSwitch {
     [[nodiscard]] bool ThreadsAreLeft() const;
     [[nodiscard]] const Module* OwnerOf(pid_t thread) const;
 
-    void (*const m_reportExit)();
     bool m_scanned = false;
     pid_t m_process = 0;            // the daemon; the id of the initial thread as well
     ThreadIds m_threadsBefore;      // there before the first module was loaded

@@ -79,13 +79,15 @@ TEST_F(MisbehavingTest, TheOthersRunOnAndTheStopIsOrderly) {
         {"closes", {started, stopped, "module closes.so stopped\n", unloaded}},
         {"changes", {"module changes.so started\n", started, stopped, unloaded}},
         {"goeson", {"module goeson.so started\n", started, stopped, unloaded}},
+        {"takes", {started, "module takes.so started\n", "module takes.so stopped\n", unloaded}},
+        {"raises", {started, "module raises.so started\n", "module raises.so stopped\n", unloaded}},
+#ifndef __SANITIZE_THREAD__  // it reports the threads, and one that it has itself is left
         {"unjoined",
          {started, "module unjoined.so stopped\n", "no module is unloaded\n", unloaded}},
         {"ended",
          {started, "module ended.so stopped\n",
           "that was not joined, in the unload of module ended.so\n", "## EXIT PROCESS KEMD ##\n"}},
-        {"takes", {started, "module takes.so started\n", "module takes.so stopped\n", unloaded}},
-        {"raises", {started, "module raises.so started\n", "module raises.so stopped\n", unloaded}},
+#endif
     };
     for (const auto& [kind, trace] : cases) {
         SCOPED_TRACE(kind);
