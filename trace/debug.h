@@ -158,6 +158,7 @@ class CDebug : public CDebugTraceConfig {
 // `Debug`: extension modules in any language find the object itself there, with its virtual table
 // first (kemd/trace_object.h).
 extern KEMD_API NeverDestroyed<CDebug> g_debugObject __asm__("Debug");
+// NOLINTNEXTLINE(readability-identifier-naming): used like the object that it stands for
 static constexpr CDebug& Debug = g_debugObject.object;
 
 // What every caller in the tree uses for level-filtered records: a daemon whose tracing is off
