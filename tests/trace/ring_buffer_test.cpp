@@ -160,7 +160,7 @@ TEST_F(RingTest, LongRecordsAreWholeUpToATenthOfTheRing) {
 TEST_F(RingTest, GzipThatCannotBeStartedLeavesTheFile) {
     ASSERT_TRUE(StartRing(debug));
     {
-        const auto last = static_cast<rlim_t>(DescriptorOf(kStartupRing));
+        const auto last = static_cast<rlim_t>(UniqueFd(dup(STDIN_FILENO)).Get());
         const SoftLimit limit(RLIMIT_NOFILE, last + 1);
         debug.InitDone();
     }
