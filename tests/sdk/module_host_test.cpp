@@ -49,7 +49,7 @@ TEST(ModuleHost, NamesWhatIsWrong) {
         {"cancels", {"the calling thread was cancelled or ended itself in start\n"}},
         {"closes", {"unload ", "descriptor of the host closed or replaced: ", " (/dev/null)\n"}},
         {"shows",
-         {"load ", "symbol Debug of the module is replaced by the daemon's: build it with -f",
+         {"load ", "symbol KemdTraceOn of the module is replaced by the daemon's: build it with -f",
           "symbol FindProcessByName(int&, char const*) of the module is replaced", "start ",
           "\n2"}},
         {"dies", {"died by signal 11 (Segmentation fault) in start\n"}},
