@@ -8,8 +8,8 @@
 
 using Findings = std::vector<std::string>;
 
-// The symbols that the module shows and the daemon shows too: the loader binds the module's own uses
-// of them to the daemon's.
+// The symbols that the module shows and the daemon shows too: the loader binds the module's own
+// uses of them to the daemon's.
 Findings ReplacedSymbols(const char* module);
 
 // What changed during one call, or between two. `process` is also the id of the calling thread.
