@@ -161,6 +161,24 @@ TEST_F(PrepareTest, TheOldestRunsGoAndNothingElse) {
     EXPECT_EQ(List(kRuns), (Names{old[0], old[4] + "-0004", "notes"}));
 }
 
+TEST_F(PrepareTest, FailedStartsDoNotPushOutTheCrashBeforeThem) {
+    const std::string started = kHead + "kemd          KEMD-MAIN: ## Done initializing ##\n";
+    WriteFile("/etc/default/kemd", "KEMD_KEEP_RUNS=3\n");
+    const auto crash = [](const std::string& log) {
+        WriteFile(kLogs + "/log.kemd", log);
+        EXPECT_EQ(Ctl("prepare").code, 0);
+    };
+    crash(started + kKilled);
+    for (int i = 0; i < 4; ++i) crash(kKilled);
+    EXPECT_EQ(ReadFile(kRuns + "/" + List(kRuns).front() + "/log.kemd"), started + kKilled);
+    // One failed start is as old as any other run.
+    for (int i = 0; i < 3; ++i) crash(started);
+    ASSERT_EQ(List(kRuns).size(), 3u);
+    for (const std::string& run : List(kRuns)) {
+        EXPECT_EQ(ReadFile(kRuns + "/" + run + "/log.kemd"), started);
+    }
+}
+
 TEST_F(PrepareTest, FollowsNoLinkAndTrustsNoForeignDirectory) {
     WriteFile("/tmp/elsewhere/log.kemd", "elsewhere");
     const auto refused = [](const char* why) {

@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "tools/kemdctl/text.h"
+#include "tools/trace_reader/trace_source.h"
 
 namespace {
 
@@ -72,6 +73,16 @@ std::string Problem(const std::string& what, const std::string& path, int error)
 }
 
 }  // namespace
+
+bool HasRunMark(const std::string& path, RunMark::Kind kind) {
+    TraceSource source(path, 0);
+    if (!source.Open()) return false;
+    for (TraceRecord record; source.Next(record);) {
+        const auto mark = ParseRunMark(record);
+        if (mark && mark->kind == kind) return true;
+    }
+    return false;
+}
 
 bool KeptRuns::Open() {
     m_log.Reset(open(m_logPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -172,6 +183,15 @@ bool KeptRuns::Remove(const std::string& name) {
     return unlinkat(m_runs.Get(), name.c_str(), AT_REMOVEDIR) == 0;
 }
 
+std::vector<KeptRun>::iterator KeptRuns::NextToGo(std::vector<KeptRun>& runs) const {
+    const auto neverRan = [this](const KeptRun& run) {
+        return !HasRunMark(PathOf(run) + "/log.kemd", RunMark::Kind::kInitialised);
+    };
+    const auto first = std::find_if(runs.begin(), runs.end(), neverRan);
+    const bool areSeveral = first != runs.end() && std::any_of(first + 1, runs.end(), neverRan);
+    return areSeveral ? first : runs.begin();
+}
+
 std::string KeptRuns::Trim(uint64_t runs, uint64_t bytes, uint64_t freeBytes) {
     std::string problem;
     std::vector<KeptRun> kept = List();
@@ -181,10 +201,10 @@ std::string KeptRuns::Trim(uint64_t runs, uint64_t bytes, uint64_t freeBytes) {
     const uint64_t spare = kept.empty() ? 0 : sum - kept.back().size;
     if (FreeBytes() < freeBytes && FreeBytes() + spare < freeBytes) freeBytes = 0;
     while (kept.size() > 1 && (kept.size() > runs || sum > bytes || FreeBytes() < freeBytes)) {
-        const KeptRun& oldest = kept.front();
-        if (!Remove(oldest.name)) problem = Problem("remove", PathOf(oldest), errno);
-        sum -= oldest.size;
-        kept.erase(kept.begin());
+        const auto next = NextToGo(kept);
+        if (!Remove(next->name)) problem = Problem("remove", PathOf(*next), errno);
+        sum -= next->size;
+        kept.erase(next);
     }
     return problem;
 }

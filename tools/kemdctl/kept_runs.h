@@ -8,9 +8,13 @@
 #include <vector>
 
 #include "services/base/unique_fd.h"
+#include "tools/kemdctl/trace/run_marks.h"
 
 inline constexpr const char* kTraceFileNames[] = {"log.kemd_i.gz", "log.kemd_i", "log.kemd_a",
                                                   "log.kemd"};
+
+// Whether the trace file has such a record; not when it cannot be read.
+[[nodiscard]] bool HasRunMark(const std::string& path, RunMark::Kind kind);
 
 struct KeptRun {
     std::string name;
@@ -35,8 +39,9 @@ class KeptRuns {
     // moved. Empty, or what went wrong; `run` has a name when something was moved.
     [[nodiscard]] std::string Keep(uint64_t limit, KeptRun& run);
     // Removes runs, the oldest first and never the newest, until they are no more than this and,
-    // if that can be had, the file system has so much free space. Empty, or what could not be
-    // removed.
+    // if that can be had, the file system has so much free space. Of several runs that never
+    // finished their start-up the oldest goes first: a start that fails again and again must not
+    // push out the crash before it. Empty, or what could not be removed.
     [[nodiscard]] std::string Trim(uint64_t runs, uint64_t bytes, uint64_t freeBytes);
     // Of the file system; UINT64_MAX when it does not say.
     [[nodiscard]] uint64_t FreeBytes() const;
@@ -46,6 +51,7 @@ class KeptRuns {
     [[nodiscard]] std::string MakeRun(UniqueFd& directory, std::string& name);
     [[nodiscard]] std::string Move(const UniqueFd& directory, KeptRun& run);
     [[nodiscard]] bool Remove(const std::string& name);
+    [[nodiscard]] std::vector<KeptRun>::iterator NextToGo(std::vector<KeptRun>& runs) const;
 
     std::string m_logPath;
     std::string m_path;

@@ -16,8 +16,6 @@
 #include "tools/kemdctl/daemon_state.h"
 #include "tools/kemdctl/kept_runs.h"
 #include "tools/kemdctl/text.h"
-#include "tools/kemdctl/trace/run_marks.h"
-#include "tools/trace_reader/trace_source.h"
 
 namespace {
 
@@ -104,21 +102,11 @@ bool StartLock::RemoveFile() const {
     return (!m_wasThere && !m_file.IsOpen()) || Remove(kLockFile, m_wasThere);
 }
 
-bool HasExitMessage(const std::string& log) {
-    TraceSource source(log, 0);
-    if (!source.Open()) return false;
-    for (TraceRecord record; source.Next(record);) {
-        const auto mark = ParseRunMark(record);
-        if (mark && mark->kind == RunMark::Kind::kExit) return true;
-    }
-    return false;
-}
-
 bool EndedInOrder(const StartLock& lock, const std::string& directory) {
     struct stat status {};
     if (lock.WasLeft() || Exists(kPidFile, status)) return false;
     const std::string log = directory + "/log.kemd";
-    return !Exists(log.c_str(), status) || HasExitMessage(log);
+    return !Exists(log.c_str(), status) || HasRunMark(log, RunMark::Kind::kExit);
 }
 
 // A number with nothing behind it.
