@@ -129,7 +129,8 @@ TEST_F(PrepareTest, WhatCountsAsNoOrderlyEnd) {
         EXPECT_EQ(fs::exists(kLogs + "/log.kemd"), !each.isKept);
         EXPECT_FALSE(fs::exists(kLockFile) || fs::exists(kPidFile)) << result.err;
         EXPECT_EQ(Contains(result.err, "many is no number"), Contains(each.settings, "many"));
-        EXPECT_EQ(Contains(result.err, "is not kept: the trace in"), each.log.size() > 9999);
+        EXPECT_EQ(Contains(result.err, "is not kept: /var/log/orvmon/log.kemd has 2.0 MiB"),
+                  each.log.size() > 9999);
     }
 }
 
@@ -159,6 +160,21 @@ TEST_F(PrepareTest, TheOldestRunsGoAndNothingElse) {
     WriteFile(kLogs + "/log.kemd", kKilled + std::string(1 << 20, 'x'));
     EXPECT_EQ(Ctl("prepare").code, 0);
     EXPECT_EQ(List(kRuns), (Names{old[0], old[4] + "-0004", "notes"}));
+}
+
+TEST_F(PrepareTest, OfARunThatIsTooLargeTheLogIsKept) {
+    WriteFile("/etc/default/kemd", "KEMD_KEEP_MIB=2\n");
+    WriteFile(kLogs + "/log.kemd", kKilled);
+    WriteFile(kLogs + "/log.kemd_a", std::string(1 << 20, 'x'));
+    WriteFile(kLogs + "/log.kemd_i", std::string(4 << 20, 'x'));
+    const Result result = Ctl("prepare");
+    EXPECT_EQ(result.code, 2);
+    EXPECT_TRUE(
+        InOrder(result.err,
+                {"a part of the trace of the last run is not kept: ",
+                 "log.kemd_i has 4.0 MiB, and no more than 2.0 MiB are left for it: raise KEMD"}));
+    EXPECT_EQ(List(kLogs), (Names{"log.kemd_i", "log.kemd_runs"}));
+    EXPECT_EQ(List(kRuns + "/" + List(kRuns).at(0)), (Names{"log.kemd", "log.kemd_a"}));
 }
 
 TEST_F(PrepareTest, FailedStartsDoNotPushOutTheCrashBeforeThem) {

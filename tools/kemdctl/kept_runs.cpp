@@ -136,17 +136,23 @@ std::string KeptRuns::MakeRun(UniqueFd& directory, std::string& name) {
     return directory.IsOpen() ? "" : Problem("open", m_path + "/" + name, errno);
 }
 
-std::string KeptRuns::Move(const UniqueFd& directory, KeptRun& run) {
+// The start-up ring is there only when the run ended before its start-up did, or when it could not
+// be compressed; in the first case the others are of the run before.
+std::string KeptRuns::Move(const UniqueFd& directory, uint64_t limit, KeptRun& run) {
     std::string problem;
     size_t moved = 0;
-    for (const char* const name : kTraceFileNames) {
+    for (const char* const name : {"log.kemd", "log.kemd_i", "log.kemd_a", "log.kemd_i.gz"}) {
         uint64_t size = 0;
         if (!IsFile(m_log.Get(), name, size)) continue;
-        if (renameat(m_log.Get(), name, directory.Get(), name) == 0) {
+        const std::string path = m_logPath + "/" + name;
+        if (size > limit - run.size) {
+            problem = Printable(path) + " has " + SizeText(size) + ", and no more than " +
+                      SizeText(limit - run.size) + " are left for it: raise KEMD_KEEP_MIB";
+        } else if (renameat(m_log.Get(), name, directory.Get(), name) != 0) {
+            problem = Problem("move", path, errno);
+        } else {
             run.size += size;
             ++moved;
-        } else {
-            problem = Problem("move", m_logPath + "/" + name, errno);
         }
     }
     if (moved > 0) return problem;
@@ -161,15 +167,11 @@ std::string KeptRuns::Keep(uint64_t limit, KeptRun& run) {
     if (!m_log.IsOpen()) return Problem("open", m_logPath, errno);
     uint64_t bytes = 0;
     if (SumUp(m_log.Get(), bytes) == 0) return {};
-    if (bytes > limit) {
-        return "the trace in " + Printable(m_logPath) + " has " + std::to_string(bytes) +
-               " bytes, more than the " + std::to_string(limit) + " that may be kept";
-    }
     std::string problem = Make();
     if (!problem.empty()) return problem;
     UniqueFd directory;
     problem = MakeRun(directory, run.name);
-    if (problem.empty()) return Move(directory, run);
+    if (problem.empty()) return Move(directory, limit, run);
     run.name.clear();
     return problem;
 }

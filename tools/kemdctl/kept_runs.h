@@ -35,8 +35,9 @@ class KeptRuns {
     [[nodiscard]] std::vector<KeptRun> List() const;
 
     // Moves the files in the log directory into a new run, which is added to the list. A file of
-    // no known kind in the place of one stays. With a limit of bytes that they exceed nothing is
-    // moved. Empty, or what went wrong; `run` has a name when something was moved.
+    // no known kind in the place of one stays, and so do those that would exceed the limit of
+    // bytes; the log goes first. Empty, or what went wrong; `run` has a name when something was
+    // moved.
     [[nodiscard]] std::string Keep(uint64_t limit, KeptRun& run);
     // Removes runs, the oldest first and never the newest, until they are no more than this and,
     // if that can be had, the file system has so much free space. Of several runs that never
@@ -49,7 +50,7 @@ class KeptRuns {
   private:
     [[nodiscard]] std::string Make();
     [[nodiscard]] std::string MakeRun(UniqueFd& directory, std::string& name);
-    [[nodiscard]] std::string Move(const UniqueFd& directory, KeptRun& run);
+    [[nodiscard]] std::string Move(const UniqueFd& directory, uint64_t limit, KeptRun& run);
     [[nodiscard]] bool Remove(const std::string& name);
     [[nodiscard]] std::vector<KeptRun>::iterator NextToGo(std::vector<KeptRun>& runs) const;
 

@@ -29,6 +29,7 @@ process-id file of a process that is dead are removed.
 
 KEMD_KEEP_RUNS and KEMD_KEEP_MIB in /etc/default/kemd say how many runs are
 kept and how large they may be together; 5 and 32 unless set, 0 keeps none.
+Of a run that is larger the log is kept, and what fits beside it.
 
 Exit status: 0 done, 1 kemd runs, or its lock is held: nothing was touched,
 2 an error, which is told on standard error.
@@ -135,7 +136,10 @@ bool Keep(const DaemonEnvironment& environment, const TraceSettings& settings) {
         Write("the last run did not end in order: its trace is kept in " +
               Printable(runs.PathOf(kept)) + "\n");
     }
-    if (!problem.empty()) Complain("the trace of the last run is not kept: %s", problem.c_str());
+    if (!problem.empty()) {
+        Complain("%s of the last run is not kept: %s",
+                 kept.name.empty() ? "the trace" : "a part of the trace", problem.c_str());
+    }
     if (kept.name.empty()) return problem.empty();
     const uint64_t needed = settings.SpaceNeeded();
     const std::string left = runs.Trim(most, bytes, needed);
