@@ -39,7 +39,7 @@ TEST(Restart, GeneratorKnowsWhatSystemdUnderstands) {
                      std::string("[ $1 = --version ] && echo '") + version + "'");
         EXPECT_EQ(Shell("/generators/kemd-restart-generator /tmp/units"), 0);
         EXPECT_TRUE(
-            InOrder(ReadFile("/tmp/units/kemd.service.d/restart.conf"), {"[Service]\n", line}));
+            InOrder(ReadFile("/tmp/units/kemd.service.d/10-restart.conf"), {"[Service]\n", line}));
     }
     fs::remove("/usr/bin/systemctl");
 }
