@@ -1,4 +1,4 @@
-// /etc/init.d/kemd with the real daemon.
+// /etc/init.d/kemd with the real daemon, and what is left when the package is purged.
 #include "tests/packaging/script.h"
 
 namespace {
@@ -50,6 +50,28 @@ TEST(InitScript, StartsAndStopsTheDaemon) {
     EXPECT_EQ(Shell("/etc/init.d/kemd start"), 1);
     EXPECT_TRUE(Contains(Output(), "has ended at once, see /var/log/orvmon/log.kemd")) << Output();
     fs::remove(kPidFile);
+}
+
+TEST(Purge, RemovesWhatKemdWroteAndNothingElse) {
+    const std::string logs = "/var/log/orvmon", runs = logs + "/log.kemd_runs";
+    for (const char* file : {"/log.kemd", "/log.kemd_a", "/log.kemd_i.gz"}) {
+        WriteFile(logs + file, "");
+        WriteFile(runs + "/20200101T000000Z-0001" + file, "");
+    }
+    WriteFile("/etc/orvmon/registry.old", "");  // in a file system of its own
+    EXPECT_EQ(Shell("sh /debian/kemd.postrm purge"), 0) << Output();
+    EXPECT_FALSE(fs::exists(logs) || fs::exists("/etc/orvmon/registry.old"));
+
+    WriteFile("/elsewhere/log.kemd", "");
+    WriteFile("/elsewhere/agent.log", "");
+    WriteFile("/elsewhere/log.kemd_runs/20200101T000000Z/notes", "");
+    fs::create_directory_symlink("/elsewhere", logs);
+    EXPECT_EQ(Shell("sh /debian/kemd.postrm purge"), 0) << Output();
+    EXPECT_TRUE(fs::exists("/elsewhere/log.kemd_runs/20200101T000000Z/notes"));
+    EXPECT_TRUE(fs::exists("/elsewhere/agent.log"));
+    EXPECT_FALSE(fs::exists("/elsewhere/log.kemd"));
+    fs::remove_all("/elsewhere");
+    fs::remove(logs);
 }
 
 }  // namespace
