@@ -222,6 +222,16 @@ TEST_F(PrepareTest, FollowsNoLinkAndTrustsNoForeignDirectory) {
     EXPECT_FALSE(Contains(ReadFile("/tmp/out"), "20200101"));
 }
 
+TEST_F(PrepareTest, AMaskedLogIsNoCrash) {
+    fs::create_symlink("/dev/null", kLogs + "/log.kemd");
+    WriteFile(kLogs + "/log.kemd_a", kKilled);
+    EXPECT_EQ(Ctl("prepare").out, "");
+    EXPECT_EQ(List(kLogs), (Names{"log.kemd", "log.kemd_a"}));
+    EXPECT_EQ(Ctl("trace --list-runs").code, 1);
+    EXPECT_EQ(ReadFile("/tmp/err"), "kemdctl: no run is kept\n");
+    EXPECT_EQ(Ctl("prepare now").code, 2);
+}
+
 TEST_F(PrepareTest, StartsGoOnWithoutRoom) {
     const struct {
         const char* directory;  // file systems of their own, see CMakeLists.txt
@@ -256,13 +266,16 @@ TEST_F(PrepareTest, OnlyAProcessOfRootKeepsTheLock) {
     EXPECT_EQ(Ctl("prepare").code, 0) << ReadFile("/tmp/err");
     EXPECT_FALSE(fs::exists(kLockFile) || fs::exists(kLogs + "/log.kemd"));
     End(somebody);
-    // A file of his own tells nothing about the daemon.
+    // A file of his own tells nothing about the daemon, also when a program of root got it from
+    // him.
     WriteFile(kLogs + "/log.kemd", kOrderly);
     WriteFile(kLockFile, "kemd#1");
     ASSERT_EQ(chown(kLockFile, 65534, 65534), 0);
+    const pid_t program = HoldLock(0, LOCK_EX);
     EXPECT_EQ(Ctl("prepare").code, 0);
     EXPECT_FALSE(fs::exists(kLockFile));
     EXPECT_TRUE(fs::exists(kLogs + "/log.kemd"));
+    End(program);
 }
 
 }  // namespace

@@ -64,7 +64,8 @@ StartLock::StartLock() {
     struct stat status {};
     m_wasThere = Exists(kLockFile, status);
     if (m_wasThere && !S_ISREG(status.st_mode)) return;
-    if (!Take()) FindHolder();
+    // No daemon wrote a file that is not root's, whoever was made to hold it.
+    if (!Take() && (!m_wasThere || status.st_uid == 0)) FindHolder();
     std::array<char, 5> owner{};
     m_wasLeft = m_wasThere && status.st_uid == 0 && m_file.IsOpen() &&
                 pread(m_file.Get(), owner.data(), owner.size(), 0) > 0 &&
@@ -106,8 +107,10 @@ bool StartLock::RemoveFile() const {
 bool EndedInOrder(const StartLock& lock, const std::string& directory) {
     struct stat status {};
     if (lock.WasLeft() || Exists(kPidFile, status)) return false;
+    // A log that leads to /dev/null says nothing.
     const std::string log = directory + "/log.kemd";
-    return !Exists(log.c_str(), status) || HasRunMark(log, RunMark::Kind::kExit);
+    const bool hasLog = stat(log.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    return !hasLog || HasRunMark(log, RunMark::Kind::kExit);
 }
 
 // A number with nothing behind it.
@@ -157,17 +160,16 @@ bool Keep(const DaemonEnvironment& environment, const TraceSettings& settings) {
 
 int RunPrepare(CommandLine& line) {
     constexpr std::array<std::string_view, 1> kOptions = {"--help"};
-    if (!line.HasOnly(kOptions)) return kError;
     if (line.Has("--help")) {
         Write(kHelp);
         return kYes;
     }
-    if (!line.words.empty()) {
-        Complain("prepare takes no arguments; see kemdctl prepare --help");
+    if (!line.HasOnly(kOptions) || !line.HasNoWords()) {
+        Complain("see kemdctl prepare --help");
         return kError;
     }
     if (geteuid() != 0) {
-        Complain("only root may do this");
+        Complain("only root may do this: run it as root");
         return kError;
     }
     const DaemonState state = ReadDaemonState();

@@ -194,5 +194,7 @@ int ListKeptRuns(const std::vector<KeptPlace>& kept, bool asJson) {
     }
     if (asJson) json.Close(']');
     if (asJson) json.Finish();
-    return kept.empty() ? kNo : kYes;
+    if (!kept.empty()) return kYes;
+    Complain("no run is kept");
+    return kNo;
 }
