@@ -153,8 +153,9 @@ TEST_F(StatusTest, TracingFailed) {
         ASSERT_TRUE(WaitFor([] { return ReadFile(kPidFile).ends_with('\n'); }));
         std::string status = Ctl("status").out;
         EXPECT_TRUE(Contains(status,
-                             "modules:          none is installed; install -m 644 "
-                             "MODULE.so /opt/modules/ and restart kemd\n"));
+                             "modules:          none is installed; install -d -m 755 "
+                             "/opt/modules; install -m 644 MODULE.so /opt/modules/ and restart "
+                             "kemd\n"));
         EXPECT_EQ(Contains(status, "\nerror: "), !hasRoom) << status;
         fs::remove(m_logDirectory + "/log.kemd_a");
         status = Ctl("status").out;
@@ -294,7 +295,7 @@ TEST_F(CheckTest, AdviceIsSafe) {
              "ok       " + global + " is masked: it leads to /dev/null",
              std::string("/opt/trace is no directory, it leads to /dev/null -- make it lead to a"),
              std::string("-- chmod go-w '/opt/it'\\''s $(me)'\n"),
-             std::string("-- install -d -m 755 $'/opt/it\\'s $(me)/a\\033'\n")}) {
+             std::string("-- install -d -m 755 $'/opt/it\\'s $(me)/a\\033'; install -m 644 ")}) {
         EXPECT_TRUE(Contains(check, finding)) << finding << " is not in\n" << check;
     }
     fs::remove("/etc/default/kemd");

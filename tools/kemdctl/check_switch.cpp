@@ -106,7 +106,7 @@ void CheckModules(Findings& findings, const DaemonEnvironment& environment) {
     if (!names) {
         (void)CheckInRootsHands(findings, directory, true);
         return findings.Warning("there is no module directory " + shown,
-                                "install -d -m 755 " + ShellQuoted(directory));
+                                InstallModuleAdvice(directory));
     }
     CheckDirectory(findings, directory);
     if (names->empty()) findings.Ok(shown + " holds no module", InstallModuleAdvice(directory));

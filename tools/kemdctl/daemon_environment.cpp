@@ -83,7 +83,10 @@ std::string ModuleDirectory(const DaemonEnvironment& environment) {
 }
 
 std::string InstallModuleAdvice(const std::string& directory) {
-    return "install -m 644 MODULE.so " + ShellQuoted(directory) + "/ and restart kemd";
+    const std::string shown = ShellQuoted(directory);
+    const bool isThere = access(directory.c_str(), F_OK) == 0;
+    return (isThere ? "" : "install -d -m 755 " + shown + "; ") + "install -m 644 MODULE.so " +
+           shown + "/ and restart kemd";
 }
 
 DaemonEnvironment ReadOwnEnvironment() {
