@@ -19,9 +19,20 @@
 [[maybe_unused]] static constexpr const char* kTag = "misbehaving";
 
 #if defined(FAILS)
+static void Pass(void (*slot)(void*, const char*, va_list, const char*), const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    slot(&Debug, format, args, kTag);
+    va_end(args);
+}
 static int Start() {
-    Debug.table->trace(&Debug, 3, "%s", "through the table");
-    return 7;
+    const KemdTraceTable& table = *Debug.table;
+    table.trace(&Debug, 3, "slot %d", 4);
+    table.message(&Debug, "slot %d", 5);
+    table.levelMessage(&Debug, 99, "slot %d", 6);
+    Pass(table.messageV, "slot %d", 7);
+    Pass(table.traceV, "slot %d", 8);
+    return table.isAvailable(&Debug) ? 7 : 0;
 }
 static void Stop() {}
 
@@ -136,12 +147,10 @@ static int Start() {
 static void Stop() {}
 
 #elif defined(WORKER)  // its thread ends the process
-static EventHandle g_never;
 static int Start() {
-    CreateEvent(g_never, false, true, nullptr);
     std::thread([] {
         pthread_setname_np(pthread_self(), "worker");
-        WaitForEvent(g_never, 200);  // so that start has returned
+        close(open("/tmp/go", O_RDONLY));  // a FIFO: waits for the test to open it, too
         exit(6);
     }).detach();
     return 0;

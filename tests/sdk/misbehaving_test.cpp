@@ -1,11 +1,14 @@
 // What a module that misbehaves does to the real daemon, beside a module that does not; and that
 // the next start is clean.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
 
+#include "services/base/unique_fd.h"
 #include "tests/daemon/daemon_test.h"
 #include "tests/modules.h"
 
@@ -66,7 +69,9 @@ TEST_F(MisbehavingTest, TheOthersRunOnAndTheStopIsOrderly) {
         std::vector<std::string> trace;
     } cases[] = {
         {"fails",
-         {" through the table\n", "module fails.so failed to start: result 7\n", started, stopped}},
+         {"kemd          slot 4\n", "kemd          slot 5\n", "kemd          slot 6\n",
+          "misbehaving   slot 7\n", "misbehaving   slot 8\n",
+          "module fails.so failed to start: result 7\n", started, stopped}},
         {"throws", {started, "module throws.so failed to start: not today\n", stopped}},
         {"late", {started, "module late.so stopped\n", "late end of a thread\n", unloaded}},
         {"leaks",
@@ -122,10 +127,13 @@ TEST_F(MisbehavingTest, EndFromInsideIsTracedAndLeavesNothing) {
           "module init.so threw an exception out of an initialiser: the dynamic loader cannot be",
           "the process is ended in the load of module init.so\n", cleaned}},
     };
+    ASSERT_EQ(mkfifo("/tmp/go", 0600), 0);
     for (const auto& [kind, status, trace] : cases) {
         SCOPED_TRACE(kind);
         Install(kind);
-        EXPECT_EQ(WaitForExit(RunTraced()), status);
+        const pid_t pid = RunTraced();
+        const UniqueFd go(open("/tmp/go", O_RDWR));
+        EXPECT_EQ(WaitForExit(pid), status);
         EXPECT_TRUE(InOrder(Trace(), trace));
         EXPECT_FALSE(Contains(Trace(), "module notifications.so stopped"));
         EXPECT_FALSE(fs::exists(kLockFile) || fs::exists(kPidFile));
