@@ -13,7 +13,7 @@
 class LogFile {
   public:
     // Truncates the file; only a regular one, at the end of a link too, or the null device. Closes
-    // what was open before and starts counting anew.
+    // what was open before and starts counting from 0 again.
     [[nodiscard]] bool Open(const char* path);
     void Close();
     // In the child of a fork: the file is the parent's.

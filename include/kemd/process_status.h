@@ -1,8 +1,8 @@
 // What /proc says about a process. Plain readers without state: any thread may call.
 //
 // Nothing is traced (the trace object itself stands on this) and nothing throws: a process or file
-// that cannot be read leaves numbers 0, the process id -1, texts empty and results false. A thread
-// that is cancelled inside is cancelled after the call.
+// that cannot be read leaves numbers 0, the process id -1, texts empty and results false; so does
+// a name that is null. A thread that is cancelled inside is cancelled after the call.
 #pragma once
 
 #include <sys/types.h>

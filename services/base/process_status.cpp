@@ -154,6 +154,7 @@ bool GetProcessExePath(std::string& path, pid_t pid) try {
 bool ReadProcFileLine(pid_t pid, const char* fileName, std::string& text) try {
     const CancelGuard guard;
     text.clear();
+    if (fileName == nullptr) return false;
     std::ifstream file("/proc/" + std::to_string(pid) + "/" + fileName);
     return static_cast<bool>(std::getline(file, text));
 } catch (const std::exception&) {

@@ -47,6 +47,13 @@ TEST(ProcessStatus, ValueByKeyUnitAndSteps) {
     }
 }
 
+TEST(ProcessStatus, NullNamesAreFoundNowhere) {
+    int32_t pid = 0;
+    std::string text = "old";
+    EXPECT_FALSE(FindProcessByName(pid, nullptr) || ReadProcFileLine(1, nullptr, text));
+    EXPECT_TRUE(pid == -1 && text.empty());
+}
+
 TEST(ProcessStatus, FindsProcessesByTheirWholeName) {
     prctl(PR_SET_NAME, "a child");  // it inherits the name, so it has it from its first moment
     const pid_t child = fork();
