@@ -1,7 +1,8 @@
 /* Tracing for extension modules, in C and C++. Any thread may call, at any time of the process, but
  * a signal handler must not: it may have interrupted the thread that holds the trace's lock. In a
  * child that a module forks tracing is off, and a call does nothing: a message that exec failed is
- * harmless there, and lost.
+ * harmless there, and lost. Children of _Fork or clone, which run no handlers of pthread_atfork,
+ * must not trace.
  *
  * Levels: 1 failures and major steps, 2 start-up details and decisions, 3 detailed steps, 5 object
  * life; 4 and 6 are free. `tag` names the module in every record; null stands for the daemon's own
