@@ -22,9 +22,7 @@ RegistryStore& TheRegistryStore() {
     return g_store.object;
 }
 
-// Whether a file that cannot be opened is missing or none that could ever be read: the next
-// generation takes its place. Any other reason may be gone the next time.
-static bool IsNoRegistryFile(int error) {
+bool IsNoRegistryFile(int error) {
     constexpr int kReasons[] = {ENOENT, ENOTDIR, ELOOP, EISDIR, EINVAL, ENXIO, ENODEV};
     return std::find(std::begin(kReasons), std::end(kReasons), error) != std::end(kReasons);
 }

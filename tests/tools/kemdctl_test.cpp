@@ -218,8 +218,15 @@ TEST_F(Kemdctl, StoreThatCannotBeReadNowIsNotReplaced) {
         EXPECT_EQ(
             result.err,
             "kemdctl: cannot read /etc/orvmon/registry: Resource temporarily unavailable\n"
-            "kemdctl: try again; kemdctl registry restore makes an older registry the store\n");
+            "kemdctl: try again; if it still cannot be read, kemdctl registry restore makes an "
+            "older\nkemdctl: registry the store\n");
     }
+    std::filesystem::create_directory(kStore + ".default");
+    EXPECT_TRUE(InOrder(Ctl("check -q").out,
+                        {"registry cannot be read: Resource temporarily unavailable -- check "
+                         "again; if it still cannot be read: kemdctl registry restore\n",
+                         "registry.default cannot be read: Is a directory -- install it"}));
+    std::filesystem::remove(kStore + ".default");
     EXPECT_EQ(Registry("check " + kStore).code, 2);
     store.Reset();
     EXPECT_EQ(ReadFile(kStore), before);

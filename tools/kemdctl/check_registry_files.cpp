@@ -31,9 +31,10 @@ void CheckFile(Findings& findings, const char* path, const std::string& mend) {
     if (!isRead && (error == EACCES || error == EPERM)) return findings.CannotLook(path, error);
     const std::string shown = path;
     if (!isRead) {
+        const std::string again = "check again; if it still cannot be read: ";
         findings.Error(shown + " cannot be read: " +
                            (error == EINVAL ? "no regular file" : std::strerror(error)),
-                       mend);
+                       (IsNoRegistryFile(error) ? "" : again) + mend);
     } else if (count > 0) {
         findings.Error(shown + " has " + Counted(count, "finding") + " (" + first + ")",
                        "kemdctl registry check " + shown + "; " + mend);

@@ -46,8 +46,11 @@ bool LoadStore() {
     (void)Cursor();
     RegistryStore& store = TheRegistryStore();
     if (store.LoadError() != 0) {
-        Complain("cannot read %s: %s", store.File(), ErrorText(store.LoadError()).c_str());
-        Complain("try again; kemdctl registry restore makes an older registry the store");
+        const int error = store.LoadError();
+        Complain("cannot read %s: %s", store.File(), ErrorText(error).c_str());
+        if (error == EACCES || error == EPERM) return false;
+        Complain("try again; if it still cannot be read, kemdctl registry restore makes an older");
+        Complain("registry the store");
         return false;
     }
     if (store.IsLoaded()) {
