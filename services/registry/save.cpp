@@ -20,14 +20,13 @@ namespace {
 
 constexpr const char* kDirectory = "/etc/orvmon";
 constexpr const char* kNewFile = "/etc/orvmon/registry.new";
-constexpr const char* kLockFile = "/etc/orvmon/registry.lock";
 constexpr const char* kKeptFile = "/etc/orvmon/registry.old.kept";
 
 // Held for a whole save, as other processes save too. A file of its own that is never renamed and
 // that only root can open: who could open it could keep root from saving.
 class SaveLock {
   public:
-    SaveLock() : m_file(OpenRegularFile(kLockFile, O_RDWR | O_CREAT | O_NOFOLLOW, 0600)) {}
+    SaveLock() : m_file(OpenRegularFile(kRegistryLockFile, O_RDWR | O_CREAT | O_NOFOLLOW, 0600)) {}
     // Not left to the end of the descriptor: a child that was forked meanwhile has it, too.
     ~SaveLock() {
         if (m_file.IsOpen()) (void)flock(m_file.Get(), LOCK_UN);
@@ -130,29 +129,30 @@ bool SyncDirectory() {
     return directory.IsOpen() && (fsync(directory.Get()) == 0 || errno == EINVAL);
 }
 
-bool Fail() {
+const char* Fail() {
     const int error = errno;
     TRACE(1, "CRegistry: ERROR: Cannot save \"%s\": %s\n", kRegistryFile, std::strerror(error));
     errno = error;
-    return false;
+    return kRegistryFile;
 }
 
 }  // namespace
 
-bool SaveRegistryFile(CRegistryNode& root) {
+const char* SaveRegistryFile(CRegistryNode& root) {
     SaveLock lock;
     if (!lock.Take()) {
         const int error = errno;
-        TRACE(1, "CRegistry: ERROR: Cannot lock \"%s\": %s\n", kLockFile, std::strerror(error));
+        TRACE(1, "CRegistry: ERROR: Cannot lock \"%s\": %s\n", kRegistryLockFile,
+              std::strerror(error));
         errno = error;
-        return false;
+        return kRegistryLockFile;
     }
     const UniqueFd file = OpenNewFile();
     if (!file.IsOpen()) {
         const int error = errno;
         TRACE(1, "CRegistry: ERROR: Cannot open \"%s\" for writing\n", kNewFile);
         errno = error;
-        return false;
+        return kNewFile;
     }
     if (!WriteNewFile(file.Get(), root) || !MoveIntoPlace()) {
         const int error = errno;
@@ -163,5 +163,5 @@ bool SaveRegistryFile(CRegistryNode& root) {
     }
     if (!SyncDirectory()) return Fail();
     TRACE(2, "\nCRegistry::SaveTree MPRegistryTemp[%s] \t MPRegistry[%s]", kNewFile, kRegistryFile);
-    return true;
+    return nullptr;
 }

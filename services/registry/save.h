@@ -5,6 +5,6 @@
 #include "services/registry/node.h"
 
 // The tree becomes /etc/orvmon/registry, what stood there registry.old; both are on disk on return.
-// False with errno when that fails, which is traced; then all files are as they were, unless only
-// their directory could not be brought to the disk.
-bool SaveRegistryFile(CRegistryNode& root);
+// Null, or the file at which that failed, with errno and traced; then all files are as they were,
+// unless only their directory could not be brought to the disk.
+const char* SaveRegistryFile(CRegistryNode& root);

@@ -166,11 +166,13 @@ int RegistryStore::Write() {
     if (m_loadError != 0) {
         TRACE(1, "CRegistry: ERROR: Cannot save \"%s\": \"%s\" was not read whole: %s\n",
               kRegistryFile, m_file.load(), std::strerror(m_loadError));
+        m_failedFile = m_file.load();
         return m_loadError;
     }
     // A file that is missing now may be there again tomorrow.
     const bool hasContent = m_isLoaded || !IsEmpty();
-    return hasContent && !SaveRegistryFile(m_root) ? errno : 0;
+    m_failedFile = hasContent ? SaveRegistryFile(m_root) : nullptr;
+    return m_failedFile != nullptr ? errno : 0;
 }
 
 bool RegistryStore::Save() {

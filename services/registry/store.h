@@ -13,6 +13,7 @@
 inline constexpr const char* kRegistryFile = "/etc/orvmon/registry";
 inline constexpr const char* kRegistryOldFile = "/etc/orvmon/registry.old";
 inline constexpr const char* kRegistryDefaultFile = "/etc/orvmon/registry.default";
+inline constexpr const char* kRegistryLockFile = "/etc/orvmon/registry.lock";
 
 // In the order of RegistryRoot.
 inline constexpr std::array<const char*, 5> kRootKeyNames = {
@@ -41,6 +42,8 @@ class RegistryStore {
     [[nodiscard]] bool IsDirty() const { return m_isDirty; }
     // See CRegistry::SaveTree.
     bool Save();
+    // The file at which the last save failed.
+    [[nodiscard]] const char* FailedFile() const { return m_failedFile; }
 
     [[nodiscard]] RegistryKey Root() { return RegistryKey(&m_root); }
     // The node that the handle of a root key holds, which may be none.
@@ -62,6 +65,7 @@ class RegistryStore {
     int m_saveError = 0;              // of the last save; guarded by the set-up lock
     std::atomic<int> m_loadError{0};  // written with the set-up lock
     std::atomic<const char*> m_file{nullptr};
+    std::atomic<const char*> m_failedFile{nullptr};
     CRegistryNode m_root{1};  // this object's reference, which never ends
     // Guarded by the lock of m_root.
     std::array<RegistryKey, kRootKeyNames.size()> m_handles;

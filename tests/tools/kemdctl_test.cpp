@@ -179,11 +179,15 @@ TEST_F(Kemdctl, FailuresOfFilesAreTold) {
     EXPECT_EQ(Registry("list >/dev/full").code, 2);
     EXPECT_TRUE(Contains(ReadFile("/tmp/err"), "No space left on device"));
     EXPECT_EQ(Registry("list >&-").code, 2);
-    std::filesystem::create_directory(kStore + ".new");
-    const Result result = Registry("set HKEY_USERS a string x");
-    EXPECT_EQ(result.code, 2);
-    EXPECT_EQ(result.err, "kemdctl: cannot save /etc/orvmon/registry: Is a directory\n");
-    EXPECT_EQ(ReadFile(kStore), before);
+    for (const std::string& file : {kStore + ".new", kStore + ".lock"}) {
+        std::filesystem::remove(file);
+        std::filesystem::create_directory(file);
+        const Result result = Registry("set HKEY_USERS a string x");
+        EXPECT_EQ(result.code, 2);
+        EXPECT_EQ(result.err,
+                  "kemdctl: cannot save " + kStore + ": " + file + ": Is a directory\n");
+        EXPECT_EQ(ReadFile(kStore), before);
+    }
     std::filesystem::rename(kStore, kStore + ".old");
     const Result older = Registry("get HKEY_LOCAL_MACHINE num");
     EXPECT_EQ(older.out, "-5\n");

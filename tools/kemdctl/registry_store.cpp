@@ -110,7 +110,12 @@ bool WriterLock::Take() {
 
 int SaveStore() {
     if (!CRegistry::SaveTree()) {
-        Complain("cannot save %s: %s", kRegistryFile, ErrorText(errno).c_str());
+        const int error = errno;
+        const std::string file = TheRegistryStore().FailedFile();
+        const bool isLocked = error == EBUSY && file == kRegistryLockFile;
+        Complain("cannot save %s: %s%s", kRegistryFile,
+                 file != kRegistryFile ? (file + ": ").c_str() : "",
+                 isLocked ? "another process holds the lock; try again" : ErrorText(error).c_str());
         return kError;
     }
     NoteRunningDaemon();
