@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 
 #include "services/base/never_destroyed.h"
 #include "services/base/regular_file.h"
@@ -13,16 +12,14 @@
 #include "services/registry/store.h"
 #include "tools/kemdctl/command.h"
 #include "tools/kemdctl/output_file.h"
+#include "tools/kemdctl/process_facts.h"
 
 namespace {
 
 constexpr const char* kLockFile = "/etc/orvmon/kemdctl.lock";
-constexpr const char* kPidFile = "/var/run/kemd.pid";
 
 void NoteRunningDaemon() {
-    pid_t pid = 0;
-    std::ifstream(kPidFile) >> pid;
-    if (pid <= 0 || access(("/proc/" + std::to_string(pid)).c_str(), F_OK) != 0) return;
+    if (FindDaemon() == 0) return;
     Complain("note: kemd is running; its modules keep a copy of the registry of their own and");
     Complain("note: may write over this change when they save next");
 }
