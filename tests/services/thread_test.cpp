@@ -91,7 +91,8 @@ TEST_F(ThreadTest, DetachedThreadIsCancelledOnlyWhileItLives) {
     ASSERT_TRUE(WaitFor([&] { return counted.running == 1; }));
     thread.m_killAliveThread = true;
     ASSERT_TRUE(thread.Start(RunCounted, &counted, 0, false, 0, false));  // ends the first one
-    ASSERT_TRUE(WaitFor([&] { return counted.running == 1; }));
+    // All of it: the id that is free last is the first to be used again.
+    ASSERT_TRUE(WaitFor([&] { return CountThreads() == threads + 1 && counted.running == 1; }));
     const pthread_t second = thread.m_thread;
     SetEvent(counted.event);
     ASSERT_TRUE(WaitFor([&] { return counted.running == 0; }));
