@@ -46,7 +46,7 @@ int main(int argc, char** argv) {
     SwitchBinding binding{};
     if (!binding.Load()) {
         Debug.Message(0U, "%s-MAIN: FATAL ERROR! Server Control SWITCH could not be loaded!", kTag);
-        ReportStart("no switch library: %s; kemdctl check says what to do", binding.failure);
+        ReportStart("no switch library: %s; kemdctl check says what to do", binding.failure.data());
         binding.CloseLibrary();
         return 1;
     }

@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <string>
@@ -75,11 +76,7 @@ std::string WhatHarmsLoader() try {
 
 bool SwitchBinding::OpenLibrary() {
     const std::string fault = WhatHarmsLoader();
-    if (!fault.empty()) {
-        TRACE(1, "LoadLibrary: ## ERROR:  %s\n", fault.c_str());
-        lastError = ENOEXEC;
-        return false;
-    }
+    if (!fault.empty()) return Fail(fault.c_str(), ENOEXEC);
     // The declaration of dlopen promises not to throw, but an initialiser of the library may. The
     // compiler must not see whom it calls, or it leaves the handler out.
     void* (*volatile const open)(const char*, int) = dlopen;
@@ -87,8 +84,12 @@ bool SwitchBinding::OpenLibrary() {
         ReturnsNormally([&] { hLibrary = open(kLibrary, RTLD_NOW | RTLD_GLOBAL); });
     const int error = errno;
     if (hLibrary != nullptr) return true;
-    failure = returned ? dlerror() : "libswitch.so: exception in an initialiser";
-    TRACE(1, "LoadLibrary: ## ERROR:  %s\n", failure);
+    return Fail(returned ? dlerror() : "libswitch.so: exception in an initialiser", error);
+}
+
+bool SwitchBinding::Fail(const char* reason, int32_t error) {
+    std::snprintf(failure.data(), failure.size(), "%s", reason);
+    TRACE(1, "LoadLibrary: ## ERROR:  %s\n", reason);
     lastError = error;
     return false;
 }
@@ -98,7 +99,7 @@ bool SwitchBinding::Load() {
     Resolve(hLibrary, "SW_AddRef", pfnAddRef);
     Resolve(hLibrary, "SW_Release", pfnRelease);
     Resolve(hLibrary, "SW_QueryInterface", pfnQueryInterface);
-    failure = "libswitch.so gives no interface to the modules";
+    std::snprintf(failure.data(), failure.size(), "libswitch.so gives no interface to the modules");
     if (pfnQueryInterface == nullptr) return pInterface != nullptr;
     uint8_t found = 0;
     if (!ReturnsOrTraces("SW_QueryInterface", [&] { found = pfnQueryInterface(0, &pInterface); }) ||

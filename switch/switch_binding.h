@@ -5,6 +5,7 @@
 // not own the interface object. Nothing throws.
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 #include "kemd/module_switch.h"
@@ -14,10 +15,10 @@ struct SwitchBinding {
     void (*pfnRelease)();  // null when the library has none
     // A bool, tested as the 8 bits that a library in another language returns.
     uint8_t (*pfnQueryInterface)(int32_t identifier, IModuleSwitch** interface);
-    void* hLibrary;             // from dlopen; null while closed
-    IModuleSwitch* pInterface;  // belongs to the library; null while not obtained
-    int32_t lastError;          // errno right after a failed dlopen
-    const char* failure;        // why Load failed; valid until the next dl function is called
+    void* hLibrary;                 // from dlopen; null while closed
+    IModuleSwitch* pInterface;      // belongs to the library; null while not obtained
+    int32_t lastError;              // errno right after a failed dlopen
+    std::array<char, 512> failure;  // why Load failed
 
     // Opens the library unless it is open and asks for the interface. True when there is one.
     [[nodiscard]] bool Load();
@@ -26,6 +27,8 @@ struct SwitchBinding {
     // Drops the library's reference and closes it, at an orderly end.
     void Unload();
     [[nodiscard]] bool OpenLibrary();
+    // Keeps and traces the reason; false.
+    bool Fail(const char* reason, int32_t error);
     // Closes the library without a further call into it, for every other way out.
     void CloseLibrary();
 };

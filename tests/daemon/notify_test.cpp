@@ -67,6 +67,13 @@ TEST_F(DaemonTest, TellsInOneLineWhyTheStartFails) {
         told += "/build/kemd: KEMD-MAIN: " + reason + "\n";
     }
     EXPECT_EQ(Complaints(), told);
+    fs::create_directory("/tmp/cut");
+    WriteFile("/tmp/cut/libswitch.so", ReadFile("/build/lib/libswitch.so").substr(0, 4096));
+    m_environment["LD_LIBRARY_PATH"] = "/tmp/cut";
+    EXPECT_EQ(WaitForExit(Start({"-n"})), 1);
+    EXPECT_TRUE(Contains(Complaints(),
+                         "no switch library: /tmp/cut/libswitch.so: cut off after "
+                         "4096 bytes; kemdctl check says what to do\n"));
 }
 
 // A limit of file sizes is a full disk for every file that the daemon writes.
