@@ -44,7 +44,9 @@ int main(int argc, char** argv) {
 
     // In this frame for the whole run; closed on every way out of it.
     SwitchBinding binding{};
-    if (!binding.Load()) {
+    const bool isBound = binding.Load();
+    EndForkedChild();
+    if (!isBound) {
         Debug.Message(0U, "%s-MAIN: FATAL ERROR! Server Control SWITCH could not be loaded!", kTag);
         ReportStart("no switch library: %s; kemdctl check says what to do", binding.failure.data());
         binding.CloseLibrary();

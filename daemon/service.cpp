@@ -53,6 +53,7 @@ void StopModules(SwitchBinding& binding) {
           "completed!\n",
           kTag);
     binding.Unload();
+    EndForkedChild();
     Debug.Message("%s-MAIN: ## EXIT PROCESS %s ##\n", kTag, kTag);
 }
 
@@ -84,6 +85,7 @@ struct Cleanup {
     Cleanup(const Cleanup&) = delete;
     Cleanup& operator=(const Cleanup&) = delete;
     ~Cleanup() {
+        EndForkedChild();  // which came back by an exception
         binding.CloseLibrary();
         RemovePidFile();
     }
@@ -99,8 +101,10 @@ bool RunService(SwitchBinding& binding, ModuleLoadParams& params) {
         FinishStartup();
         WaitForStop(binding.pInterface);
     });
+    EndForkedChild();
     // After any other exception nobody knows what state the library is in. When memory has ended,
     // the modules that have started are stopped all the same.
-    if (run == Outcome::kFailed) return false;
-    return Guarded([&] { StopModules(binding); }) == Outcome::kDone && run == Outcome::kDone;
+    const bool isStopped =
+        run != Outcome::kFailed && Guarded([&] { StopModules(binding); }) == Outcome::kDone;
+    return isStopped && run == Outcome::kDone;
 }

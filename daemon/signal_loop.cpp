@@ -43,6 +43,7 @@ void DecideStop(IModuleSwitch* modules) {
         if (runLevel == kRunLevelHalt || runLevel == kRunLevelReboot) {
             modules->NotifyModules(kNotifyShutdown, &runLevel, 0);
         }
+        EndForkedChild();
     }
     SetEvent(g_exitEvent);
     g_stopDecided = true;
@@ -93,7 +94,6 @@ void WaitForStop(IModuleSwitch* modules) {
         const int result = sigwait(&signals, &g_lastSignal);
         if (result == 0) {
             Dispatch(modules);
-            EndForkedChild();
         } else {
             StopAfterError(modules, result);
         }

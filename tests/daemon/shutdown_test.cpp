@@ -91,6 +91,10 @@ TEST_F(DaemonTest, FaultsOfTheLibraryHaveTheirEnds) {
         {"throwing", "start memory", false, 1, "bad_alloc\n", "start\nstop\nunload\nSW_Release\n"},
         {"throwing", "notify memory", true, 1, "bad_alloc\n", "stop\nunload\nSW_Release\n"},
         {"throwing", "stop memory", true, 1, "bad_alloc\n", "stop\n"},
+        // A child that comes back by an exception is not the daemon.
+        {"throwing", "start fork", true, 0, "EXIT", "start\nnotify\nstop\nunload\nSW_Release\n"},
+        {"throwing", "fork start memory", true, 0, "EXIT",
+         "start\nnotify\nstop\nunload\nSW_Release\n"},
         // After other exceptions the library is not called any more, not even to release it.
         {"throwing", "start", false, 1, "library says start\n", "start\n"},
         {"throwing", "notify odd", true, 1, "nknown exception", "notify\n"},
