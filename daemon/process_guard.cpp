@@ -28,6 +28,8 @@ std::terminate_handler g_terminate = nullptr;
 std::atomic<bool> g_isOver{false};  // the files are removed, or about to be, by the daemon itself
 std::atomic<bool> g_mayTerminate{false};
 std::atomic<bool> g_keepsModules{false};
+std::atomic<bool> g_isExiting{false};
+std::atomic<int> g_status{0};  // of the exit
 
 bool IsDaemon() {
     return getpid() == g_process;
@@ -52,8 +54,15 @@ void CleanUpUnlessOver() {
     RemoveFiles();
 }
 
-void OnExit(int status, void* /*argument*/) {
-    if (!IsDaemon() || (g_isOver && !g_keepsModules)) return;
+void OnExitBegin(int status, void* /*argument*/) {
+    g_status = status;
+    g_isExiting = true;
+}
+
+void OnExit(int status, void* argument) {
+    if (!IsDaemon()) return;
+    OnExitBegin(status, argument);
+    if (g_isOver && !g_keepsModules) return;
     CleanUpUnlessOver();
     End(status);
 }
@@ -63,6 +72,10 @@ void OnQuickExit() {
 }
 
 [[noreturn]] void OnTerminate() {
+    if (IsDaemon() && g_isExiting) {
+        CleanUpUnlessOver();
+        End(g_status);
+    }
     if (IsDaemon() && g_mayTerminate && !g_isOver.exchange(true)) {
         Debug.Message("%s-MAIN: ## EXIT PROCESS %s ##\n", kTag, kTag);
         RemoveFiles();
@@ -120,6 +133,10 @@ ProcessGuard::~ProcessGuard() {
 
 void WatchForExit() {
     (void)on_exit(OnExit, nullptr);
+}
+
+void NoteExit() {
+    (void)on_exit(OnExitBegin, nullptr);
 }
 
 void EndForkedChild() {

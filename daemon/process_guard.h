@@ -22,6 +22,10 @@ class ProcessGuard {
 // belongs after whatever may have registered others.
 void WatchForExit();
 
+// Registers a handler that only notes the exit and its status: std::terminate, which the static
+// object of a module may call next, then ends the process like that exit.
+void NoteExit();
+
 // Ends the process if it is a child of the daemon that came back out of a module.
 void EndForkedChild();
 

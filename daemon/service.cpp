@@ -28,6 +28,7 @@ void StartModules(SwitchBinding& binding, ModuleLoadParams& params) {
     TRACE(2, "%s-MAIN: Start all modules  ...", kTag);
     if (binding.pInterface != nullptr) binding.pInterface->StartAllModules();
     EndForkedChild();
+    NoteExit();
     TRACE(2, "%s-MAIN: ... all modules started", kTag);
 }
 
@@ -106,5 +107,6 @@ bool RunService(SwitchBinding& binding, ModuleLoadParams& params) {
     // the modules that have started are stopped all the same.
     const bool isStopped =
         run != Outcome::kFailed && Guarded([&] { StopModules(binding); }) == Outcome::kDone;
+    if (!isStopped) KeepModules();
     return isStopped && run == Outcome::kDone;
 }

@@ -146,13 +146,18 @@ static int Start() {
 }
 static void Stop() {}
 
-#elif defined(WORKER)  // its thread ends the process
+#elif defined(WORKER) || defined(HELD)  // its thread ends the process
 static int Start() {
-    std::thread([] {
+    std::thread worker([] {
         pthread_setname_np(pthread_self(), "worker");
         close(open("/tmp/go", O_RDONLY));  // a FIFO: waits for the test to open it, too
         exit(6);
-    }).detach();
+    });
+#ifdef HELD
+    static std::thread held = std::move(worker);
+#else
+    worker.detach();
+#endif
     return 0;
 }
 static void Stop() {}
@@ -176,7 +181,7 @@ static int Start() {
 }
 static void Stop() {}
 
-#elif defined(UNJOINED) || defined(ENDED)  // static threads that nobody joins
+#elif defined(UNJOINED) || defined(ENDED) || defined(PINNED)  // static threads that nobody joins
 static std::thread g_thread;
 static int Start() {
 #ifdef UNJOINED

@@ -92,6 +92,7 @@ TEST_F(MisbehavingTest, TheOthersRunOnAndTheStopIsOrderly) {
         {"ended",
          {started, "module ended.so stopped\n",
           "that was not joined, in the unload of module ended.so\n", "## EXIT PROCESS KEMD ##\n"}},
+        {"pinned", {started, "module pinned.so stopped\n", unloaded}},
 #endif
     };
     for (const auto& [kind, trace] : cases) {
@@ -121,6 +122,7 @@ TEST_F(MisbehavingTest, EndFromInsideIsTracedAndLeavesNothing) {
         {"leaves", 4, {ended + "leaves.so\n", cleaned}},
         {"quits", 5, {ended + "quits.so\n", cleaned}},
         {"worker", 6, {"(worker), which came up in the start of module worker.so\n", cleaned}},
+        {"held", 6, {"(worker), which came up in the start of module held.so\n", cleaned}},
         {"init",
          1,
          {"module init.so cannot be loaded: not even loaded\n",
