@@ -59,14 +59,14 @@ void LookInCache(Places& places, const std::string& name) {
     constexpr int32_t kX8664 = 0x0303;  // an ELF library of the C library's sixth version, 64 bits
     const FilePieces file("/etc/ld.so.cache");
     CacheHead head{};
-    if (!file.IsOpen() || !file.Read(0, sizeof head, &head) ||
-        std::memcmp(static_cast<const void*>(head.magic), "glibc-ld.so.cache1.1", 20) != 0) {
-        return;
-    }
+    if (!file.IsOpen()) return;
+    const bool isKnown =
+        file.Read(0, sizeof head, &head) &&
+        std::memcmp(static_cast<const void*>(head.magic), "glibc-ld.so.cache1.1", 20) == 0;
     const auto entries =
         file.ReadTable<CacheEntry>(sizeof head, uint64_t{head.count} * sizeof(CacheEntry));
     const auto text = file.ReadTable<char>(0, file.Size());
-    if (!entries || !text) return;
+    if (!isKnown || !entries || !text) return places.push_back({"", kReason});
     const auto textAt = [&text](uint32_t offset) -> std::string_view {
         if (offset >= text->size()) return {};
         return {text->data() + offset, strnlen(text->data() + offset, text->size() - offset)};

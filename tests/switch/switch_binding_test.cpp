@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "services/base/library_search.h"
 #include "tests/switch/switch_test.h"
 
 namespace {
@@ -47,6 +48,11 @@ TEST_F(SwitchTest, CutLibraryIsNotOpened) {
     chmod(path.c_str(), 0666);
     EXPECT_TRUE(m_binding.Load());
     std::filesystem::remove("/tmp/first/libswitch.so");
+    // What an unknown cache names comes before what the default directories have.
+    WriteFile("/etc/ld.so.cache", "of another format");
+    const LibraryPlace first = FindLibrary("libc.so.6", nullptr).front();
+    EXPECT_EQ(first.path + first.reason, "the loader's cache");
+    std::filesystem::remove("/etc/ld.so.cache");
 }
 
 TEST_F(SwitchTest, CallsGoThroughAndEndWithOneRelease) {
