@@ -81,12 +81,11 @@ bool CallModule(const std::string& name, const char* callName, Thrown& thrown, C
 // load or unload, also that of this library, would wait for ever or run the destructors of objects
 // that were never constructed; quick_exit does neither, and the daemon cleans up in it.
 [[noreturn]] void EndWithoutLoader(const std::string& name, const char* thrown) {
-    LeaveOut(name, "cannot be loaded", thrown);
     constexpr const char* kReason =
-        "module %s threw an exception out of an initialiser: the dynamic loader cannot be used any "
-        "more, the daemon ends; remove or mend the module";
-    KemdMessage(kTag, kReason, name.c_str());
-    WriteToJournal(kReason, name.c_str());
+        "module %s threw an exception out of an initialiser (%s): the dynamic loader cannot be "
+        "used any more, the daemon ends; remove or mend the module";
+    KemdMessage(kTag, kReason, name.c_str(), thrown);
+    WriteToJournal(kReason, name.c_str(), thrown);
     std::quick_exit(1);
 }
 

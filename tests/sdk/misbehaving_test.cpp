@@ -125,8 +125,8 @@ TEST_F(MisbehavingTest, EndFromInsideIsTracedAndLeavesNothing) {
         {"held", 6, {"(worker), which came up in the start of module held.so\n", cleaned}},
         {"init",
          1,
-         {"module init.so cannot be loaded: not even loaded\n",
-          "module init.so threw an exception out of an initialiser: the dynamic loader cannot be",
+         {"module init.so threw an exception out of an initialiser (not even loaded): the dynamic "
+          "loader cannot be used",
           "the process is ended in the load of module init.so\n", cleaned}},
     };
     ASSERT_EQ(mkfifo("/tmp/go", 0600), 0);
