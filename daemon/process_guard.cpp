@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <mutex>
 
 #include "daemon/startup.h"
 #include "daemon/version.h"
@@ -25,11 +26,12 @@ pid_t g_process = 0;  // the daemon; 0: there is no guard
 int g_lock = -1;
 std::terminate_handler g_terminate = nullptr;
 
-std::atomic<bool> g_isOver{false};  // the files are removed, or about to be, by the daemon itself
+std::atomic<bool> g_isOver{false};  // the files are removed, or about to be, by an orderly end
 std::atomic<bool> g_mayTerminate{false};
 std::atomic<bool> g_keepsModules{false};
 std::atomic<bool> g_isExiting{false};
 std::atomic<int> g_status{0};  // of the exit
+std::mutex g_cleanUp;
 
 bool IsDaemon() {
     return getpid() == g_process;
@@ -47,8 +49,12 @@ void RemoveFiles() {
     _exit(status);
 }
 
+// Several threads may call it at once: none leaves before the files are removed.
 void CleanUpUnlessOver() {
-    if (g_isOver.exchange(true)) return;
+    static bool isDone = false;
+    const std::lock_guard lock(g_cleanUp);
+    if (g_isOver || isDone) return;
+    isDone = true;
     Debug.Message("%s-MAIN: the process was ended from inside, by exit or quick_exit: no stop\n",
                   kTag);
     RemoveFiles();
@@ -63,6 +69,9 @@ void OnExit(int status, void* argument) {
     if (!IsDaemon()) return;
     OnExitBegin(status, argument);
     if (g_isOver && !g_keepsModules) return;
+    // Each handler is called once: another thread that exits meanwhile must find one as well, or it
+    // ends the process before the files are removed.
+    WatchForExit();
     CleanUpUnlessOver();
     End(status);
 }

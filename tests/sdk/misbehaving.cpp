@@ -146,17 +146,19 @@ static int Start() {
 }
 static void Stop() {}
 
-#elif defined(WORKER) || defined(HELD)  // its thread ends the process
+#elif defined(WORKER) || defined(CROWD) || defined(HELD)  // its threads end the process
+static void Work() {
+    pthread_setname_np(pthread_self(), "worker");
+    close(open("/tmp/go", O_RDONLY));  // a FIFO: waits for the test to open it, too
+    exit(6);
+}
 static int Start() {
-    std::thread worker([] {
-        pthread_setname_np(pthread_self(), "worker");
-        close(open("/tmp/go", O_RDONLY));  // a FIFO: waits for the test to open it, too
-        exit(6);
-    });
 #ifdef HELD
-    static std::thread held = std::move(worker);
+    static std::thread held(Work);
+#elif defined(CROWD)
+    for (int i = 0; i < 16; ++i) std::thread(Work).detach();
 #else
-    worker.detach();
+    std::thread(Work).detach();
 #endif
     return 0;
 }

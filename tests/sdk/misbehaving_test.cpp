@@ -122,6 +122,7 @@ TEST_F(MisbehavingTest, EndFromInsideIsTracedAndLeavesNothing) {
         {"leaves", 4, {ended + "leaves.so\n", cleaned}},
         {"quits", 5, {ended + "quits.so\n", cleaned}},
         {"worker", 6, {"(worker), which came up in the start of module worker.so\n", cleaned}},
+        {"crowd", 6, {cleaned}},
         {"held", 6, {"(worker), which came up in the start of module held.so\n", cleaned}},
         {"init",
          1,
