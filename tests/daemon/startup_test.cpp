@@ -119,13 +119,14 @@ TEST_F(DaemonTest, OnlyTheWholeSwitchKeepsItInTheForeground) {
                  {{"-N"}, false}, {{"-nn"}, false},     {{"-nodemonX", "-nodemo", "n"}, false}};
     for (const auto& [arguments, foreground] : cases) {
         fs::remove(kPidFile);
-        const pid_t started = Start(arguments);
+        const pid_t started = Start(arguments, [] { dup2(STDERR_FILENO, STDOUT_FILENO); });
         const pid_t daemon = PidFromFile();
         EXPECT_EQ(daemon == started, foreground) << arguments[0];
         EXPECT_EQ(Complaints(),
                   foreground ? "/build/kemd: KEMD-MAIN: started in \"No Demon\" Mode\n" : "");
-        EXPECT_EQ(fs::read_symlink(ProcFile(daemon, "fd/2")),
-                  foreground ? "/tmp/stderr" : "/dev/null");
+        const std::string stream = foreground ? "/tmp/stderr" : "/dev/null";
+        EXPECT_EQ(fs::read_symlink(ProcFile(daemon, "fd/1")), stream) << arguments[0];
+        EXPECT_EQ(fs::read_symlink(ProcFile(daemon, "fd/2")), stream) << arguments[0];
         EXPECT_EQ(foreground ? 0 : WaitForExit(started), 0) << arguments[0];
         Kill(daemon);
     }
