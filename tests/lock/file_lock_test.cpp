@@ -198,6 +198,12 @@ TEST_F(FileLockTest, OtherInstancesBetweenTheStepsAreSeen) {
              if (operation == kTake && g_steps == 2) unlink(kFile);
          },
          true, 3},
+        {"the file system fails to lock without waiting",  // which keeps nobody from running
+         [](int operation) {
+             g_steps += operation == kTake ? 1 : 0;
+             g_sharingViolations = operation == kTake && g_steps == 2 ? 1 : 0;
+         },
+         true, 2},
         {"it is replaced again and again",
          [](int operation) {
              g_steps += operation == kTake ? 1 : 0;
@@ -218,6 +224,10 @@ TEST_F(FileLockTest, OtherInstancesBetweenTheStepsAreSeen) {
         EXPECT_EQ(lock.Owner(), locked ? "" : "kemd#4711") << name;
         EXPECT_EQ(ReadFile(kFile), locked ? Content("kemd") : "kemd#4711") << name;
         close(std::exchange(g_other, -1));
+        if (!locked) continue;
+        const int second = open(kFile, O_RDONLY | O_CLOEXEC);
+        EXPECT_NE(Flock(second, kTake), 0) << name;
+        close(second);
     }
 }
 
