@@ -14,12 +14,15 @@
 #include <cstdlib>
 
 #include "daemon/notify.h"
+#include "kemd/exit_event.h"
 #include "tests/traced_test.h"
 
 static int g_signal = 0;
+static int g_nextSignal = 0;
 static int g_waitResult = 0;
 extern "C" int sigwait(const sigset_t* /*set*/, int* signal) {
     *signal = g_signal;
+    g_signal = g_nextSignal;
     return g_waitResult;
 }
 
@@ -61,10 +64,26 @@ class SignalLoopTest : public TracedTest, public IModuleSwitch {
     std::vector<uint32_t> m_notified;
 };
 
+// Before any other case: a stop that is decided stays so.
+TEST_F(SignalLoopTest, EventThatIsSetAfterAModuleHasClosedItEndsTheLoop) {
+    EventHandle thread = ExitEvent();
+    CloseEvent(ExitEvent());
+    SetEvent(thread);
+    g_signal = SIGALRM;
+    g_nextSignal = SIGTERM;
+    WaitForStop(this);
+    EXPECT_TRUE(InOrder(Trace(), {"KEMD-MAIN: WARNING: Signal 14 (SIGALRM) caught -> ignoring\n",
+                                  "KEMD-MAIN: ## Someone signaled exit state ##\n"}));
+    EXPECT_EQ(m_notified, std::vector<uint32_t>{});  // by the signal after that
+}
+
 TEST_F(SignalLoopTest, UnexpectedSignalAbortsAfterTheNotification) {
     g_signal = SIGUSR1;
     g_isAbortAwaited = true;
-    if (sigsetjmp(g_afterAbort, 1) == 0) WaitForStop(this);
+    if (sigsetjmp(g_afterAbort, 1) == 0) {
+        WaitForStop(this);
+        ADD_FAILURE() << "it did not abort";
+    }
     g_isAbortAwaited = false;
     EXPECT_TRUE(InOrder(Trace(), {"KEMD-MAIN: Signal 10 caught -> processing\n",
                                   "KEMD-MAIN: Current RunLevel = 6\n",
