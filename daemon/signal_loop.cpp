@@ -33,17 +33,21 @@ void ToggleTrace() {
     }
 }
 
+void Notify(IModuleSwitch* modules, uint32_t code, void* data) {
+    modules->NotifyModules(code, data, 0);
+    EndForkedChild();
+}
+
 void DecideStop(IModuleSwitch* modules) {
     Debug.Message("%s-MAIN: Signal %d caught -> processing\n", kTag, g_lastSignal);
     NotifyStopping();
     int32_t runLevel = DetectRunLevel();
     Debug.Message("%s-MAIN: Current RunLevel = %d\n", kTag, runLevel);
     if (modules != nullptr) {
-        modules->NotifyModules(kNotifyStop, nullptr, 0);
+        Notify(modules, kNotifyStop, nullptr);
         if (runLevel == kRunLevelHalt || runLevel == kRunLevelReboot) {
-            modules->NotifyModules(kNotifyShutdown, &runLevel, 0);
+            Notify(modules, kNotifyShutdown, &runLevel);
         }
-        EndForkedChild();
     }
     SetEvent(g_exitEvent);
     g_stopDecided = true;

@@ -117,6 +117,13 @@ TEST_F(DaemonTest, FaultsOfTheLibraryHaveTheirEnds) {
     fs::remove("/libswitch.so");
 }
 
+TEST_F(DaemonTest, ForkedChildIsNotNotifiedAgain) {
+    UseSwitch("throwing", "notify fork back");
+    WriteFile("/etc/orvmon/RunLevel", "6");
+    EXPECT_EQ(Stop(Run()), 0);
+    EXPECT_TRUE(Calls().ends_with("start\nnotify\nnotify\nstop\nunload\nSW_Release\n")) << Calls();
+}
+
 TEST_F(DaemonTest, RingKeepsTheNewestRecordOfAKilledDaemon) {
     const pid_t pid = Run();
     const std::string newest = "Signal 14 (SIGALRM) caught -> ignoring\n";

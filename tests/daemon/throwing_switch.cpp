@@ -1,7 +1,7 @@
 // A switch library that throws where the script says so: an exception type of its own that the
 // daemon cannot know, or with the word "odd" one that is not even a std::exception, with "memory"
-// that there is no memory, with "fork" in a child alone, whose end it waits for. Or it treats the
-// exit event as no module may.
+// that there is no memory, with "fork" in a child alone, whose end it waits for; with "back" that
+// child returns instead. Or it treats the exit event as no module may.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,6 +36,7 @@ void Call(const char* word) {
     if (!Scripted(word)) return;
     const pid_t child = Scripted("fork") ? fork() : 0;
     if (child > 0) return (void)waitpid(child, nullptr, 0);
+    if (Scripted("back")) return;
     if (Scripted("odd")) throw Oddity();
     if (Scripted("memory")) throw std::bad_alloc();
     throw LibraryError(word);
