@@ -15,8 +15,8 @@
 #include <string>
 
 #include "bench/measure.h"
-#include "tools/trace_reader/prefix.h"
-#include "tools/trace_reader/trace_source.h"
+#include "trace_reader/prefix.h"
+#include "trace_reader/trace_source.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // One file at a time: every wrap position and every edge of both layouts.
 #include "tests/trace_reader/written.h"
-#include "tools/trace_reader/describe.h"
+#include "trace_reader/describe.h"
 
 namespace {
 

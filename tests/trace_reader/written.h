@@ -6,7 +6,7 @@
 #include <unordered_set>
 
 #include "tests/trace/trace_world.h"
-#include "tools/trace_reader/trace_merge.h"
+#include "trace_reader/trace_merge.h"
 
 class ReaderTest : public TraceTest {
   protected:

@@ -16,7 +16,7 @@
 #include <string_view>
 
 #include "tools/kemdctl/text.h"
-#include "tools/trace_reader/trace_source.h"
+#include "trace_reader/trace_source.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-#include "tools/trace_reader/record.h"
+#include "trace_reader/record.h"
 
 // Views into the record.
 struct ModuleNote {

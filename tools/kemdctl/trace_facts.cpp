@@ -9,8 +9,8 @@
 #include "services/base/regular_file.h"
 #include "tools/kemdctl/module_note.h"
 #include "tools/kemdctl/trace/header_report.h"
-#include "tools/trace_reader/prefix.h"
-#include "tools/trace_reader/trace_source.h"
+#include "trace_reader/prefix.h"
+#include "trace_reader/trace_source.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "tools/kemdctl/trace/pattern.h"
-#include "tools/trace_reader/record.h"
+#include "trace_reader/record.h"
 
 struct Choice {
     std::optional<int64_t> since;  // as TraceRecord::time, both inclusive

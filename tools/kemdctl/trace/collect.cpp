@@ -11,7 +11,7 @@
 #include "tools/kemdctl/trace/collect_archive.h"
 #include "tools/kemdctl/trace/collect_mask.h"
 #include "tools/kemdctl/trace/header_report.h"
-#include "tools/trace_reader/trace_source.h"
+#include "trace_reader/trace_source.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cctype>
 #include <cstring>
 
-#include "tools/trace_reader/prefix.h"
+#include "trace_reader/prefix.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "tools/kemdctl/json.h"
 #include "tools/kemdctl/text.h"
 #include "tools/kemdctl/trace/printer.h"
-#include "tools/trace_reader/prefix.h"
+#include "trace_reader/prefix.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/trace_reader/trace_source.h"
+#include "trace_reader/trace_source.h"
 
 struct HeaderEntry {
     std::string section;  // "Orvana Environment"

@@ -9,8 +9,8 @@
 #include "tools/kemdctl/text.h"
 #include "tools/kemdctl/trace/html_page.h"
 #include "tools/kemdctl/trace/run_marks.h"
-#include "tools/trace_reader/describe.h"
-#include "tools/trace_reader/prefix.h"
+#include "trace_reader/describe.h"
+#include "trace_reader/prefix.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "tools/trace_reader/record.h"
+#include "trace_reader/record.h"
 
 class KeptRecord {
   public:

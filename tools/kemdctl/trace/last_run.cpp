@@ -7,9 +7,9 @@
 #include "tools/kemdctl/text.h"
 #include "tools/kemdctl/trace/last_run_facts.h"
 #include "tools/kemdctl/trace/trace_files.h"
-#include "tools/trace_reader/prefix.h"
-#include "tools/trace_reader/trace_merge.h"
-#include "tools/trace_reader/writer.h"
+#include "trace_reader/prefix.h"
+#include "trace_reader/trace_merge.h"
+#include "trace_reader/writer.h"
 
 namespace {
 

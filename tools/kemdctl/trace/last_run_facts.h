@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "tools/trace_reader/record.h"
-#include "tools/trace_reader/writer.h"
+#include "trace_reader/record.h"
+#include "trace_reader/writer.h"
 
 struct LastRun {
     enum class End : uint8_t { kRunning, kStopped, kKilled, kDiedAtStart, kDied, kUnknown };

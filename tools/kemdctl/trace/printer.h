@@ -7,7 +7,7 @@
 
 #include "tools/kemdctl/trace/options.h"
 #include "tools/kemdctl/trace/output.h"
-#include "tools/trace_reader/trace_merge.h"
+#include "trace_reader/trace_merge.h"
 
 class Printer {
   public:

@@ -17,7 +17,7 @@
 #include "tools/kemdctl/trace/time_word.h"
 #include "tools/kemdctl/trace/timeline_export.h"
 #include "tools/kemdctl/trace/trace_files.h"
-#include "tools/trace_reader/trace_watch.h"
+#include "trace_reader/trace_watch.h"
 
 namespace {
 

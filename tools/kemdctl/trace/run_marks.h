@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/trace_reader/record.h"
+#include "trace_reader/record.h"
 
 struct RunMark {
     enum class Kind : uint8_t { kRunBegin, kInitialised, kCallBegin, kCallEnd, kExit, kFatal };

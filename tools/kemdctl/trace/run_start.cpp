@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <map>
 
-#include "tools/trace_reader/trace_merge.h"
+#include "trace_reader/trace_merge.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/trace_reader/record.h"
+#include "trace_reader/record.h"
 
 // What the first record of a run is recognised by.
 struct RunStart {

@@ -2,8 +2,8 @@
 // of the command.
 #pragma once
 
-#include "tools/trace_reader/record.h"
-#include "tools/trace_reader/trace_merge.h"
+#include "trace_reader/record.h"
+#include "trace_reader/trace_merge.h"
 
 class RecordSink {
   public:

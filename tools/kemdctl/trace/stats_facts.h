@@ -7,7 +7,7 @@
 
 #include "tools/kemdctl/trace/stats_histogram.h"
 #include "tools/kemdctl/trace/stats_tally.h"
-#include "tools/trace_reader/trace_merge.h"
+#include "trace_reader/trace_merge.h"
 
 struct TraceGap {
     int64_t begin;

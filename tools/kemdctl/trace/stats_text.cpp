@@ -6,8 +6,8 @@
 #include "tools/kemdctl/command.h"
 #include "tools/kemdctl/text.h"
 #include "tools/kemdctl/trace/stats_facts.h"
-#include "tools/trace_reader/describe.h"
-#include "tools/trace_reader/prefix.h"
+#include "trace_reader/describe.h"
+#include "trace_reader/prefix.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <ctime>
 #include <string>
 
-#include "tools/trace_reader/prefix.h"
+#include "trace_reader/prefix.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include "tools/kemdctl/output_file.h"
 #include "tools/kemdctl/text.h"
 #include "tools/kemdctl/trace/run_marks.h"
-#include "tools/trace_reader/prefix.h"
+#include "trace_reader/prefix.h"
 
 namespace {
 

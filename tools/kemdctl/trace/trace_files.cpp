@@ -12,7 +12,7 @@
 #include "tools/kemdctl/daemon_state.h"
 #include "tools/kemdctl/kept_runs.h"
 #include "tools/kemdctl/text.h"
-#include "tools/trace_reader/describe.h"
+#include "trace_reader/describe.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/trace_reader/trace_merge.h"
+#include "trace_reader/trace_merge.h"
 
 // A run that was kept when it had not ended in order.
 struct KeptPlace {

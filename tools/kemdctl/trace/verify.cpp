@@ -6,9 +6,9 @@
 #include "tools/kemdctl/json.h"
 #include "tools/kemdctl/text.h"
 #include "tools/kemdctl/trace/header_report.h"
-#include "tools/trace_reader/describe.h"
-#include "tools/trace_reader/prefix.h"
-#include "tools/trace_reader/trace_source.h"
+#include "trace_reader/describe.h"
+#include "trace_reader/prefix.h"
+#include "trace_reader/trace_source.h"
 
 namespace {
 
