@@ -11,6 +11,7 @@
 #include <new>
 
 #include "trace/debug.h"
+#include "trace/texts.h"
 
 namespace {
 
@@ -36,43 +37,43 @@ void CDebug::WrapLog() {
     }
     // The prefix is that of the record which crossed the limit.
     const int length = m_record.FormatText(
-        "------ WRAP ----- Cycle=%d, CntInitEnd=%u, CurrentByteCnt=%u (MaxCnt=%u)\n", m_log.Cycle(),
-        m_log.StartupCount(), m_log.StartupCount(), m_log.Limit());
+        "%s%d, %s%u, CurrentByteCnt=%u (MaxCnt=%u)\n", trace_text::kWrap.data(), m_log.Cycle(),
+        trace_text::kWrapStart.data(), m_log.StartupCount(), m_log.StartupCount(), m_log.Limit());
     (void)m_log.Append(m_record.Finish(static_cast<size_t>(length)));
 }
 
 bool CDebug::InitRingBuffer(const char* path, int64_t size) {
-    constexpr const char* kMapFailed =
-        "\n### InitRingBuffer(): mmap of %s failed (errno=%d; %s) ###";
+    constexpr const char* kMapFailed = "\n%smmap of %s failed (errno=%d; %s) ###";
+    const char* const failure = trace_text::kRingFailure.data();
     if (size < 0 || size > INT32_MAX) {
         // Beyond what the pre-fill counts: a hole in the file would be a fault at the first store.
-        WriteNote(kTargetLog, kMapFailed, path, EFBIG, std::strerror(EFBIG));
+        WriteNote(kTargetLog, kMapFailed, failure, path, EFBIG, std::strerror(EFBIG));
         return false;
     }
     if (!m_ring.Create(path)) {
         const int error = errno;
-        WriteNote(kTargetLog, "\n### InitRingBuffer(): open of %s failed (errno=%d; %s) ###", path,
-                  error, std::strerror(error));
+        WriteNote(kTargetLog, "\n%sopen of %s failed (errno=%d; %s) ###", failure, path, error,
+                  std::strerror(error));
         return false;
     }
     if (!FillRing(size)) {
         m_ring.Discard();
-        WriteNote(kTargetLog,
-                  "\n### InitRingBuffer(): (2) write m_InternalDebugBuffer to %s failed ###", path);
+        WriteNote(kTargetLog, "\n%s(2) write m_InternalDebugBuffer to %s failed ###", failure,
+                  path);
         return false;
     }
     if (!m_ring.Map(static_cast<size_t>(size))) {
         const int error = errno;
         m_ring.Discard();
-        WriteNote(kTargetLog, kMapFailed, path, error, std::strerror(error));
+        WriteNote(kTargetLog, kMapFailed, failure, path, error, std::strerror(error));
         return false;
     }
     m_target = kTargetRing;
     WriteHeader(kTargetRing);
     m_ring.EndHeader();
-    WriteNote(kTargetRing, "\n### Begin of RingBuffer. ###");
+    WriteNote(kTargetRing, "\n%s", trace_text::kRingBegin.data());
     m_ring.SetRestart();
-    WriteNote(kTargetRing, "\n### Start of initialization. ###");
+    WriteNote(kTargetRing, "\n%s", trace_text::kRingStart.data());
     return true;
 }
 
@@ -120,6 +121,7 @@ void CDebug::WriteToRing(RecordBuffer& buffer, const Stamp& stamp, const char* t
     } else {
         PutIntoRing(buffer.Finish(length));
     }
+    if (!m_writingHeader) WakeFollowers(stamp.time);
 }
 
 void CDebug::WriteLongToRing(RecordBuffer& buffer, size_t length, const char* format,
@@ -146,4 +148,16 @@ void CDebug::PutIntoRing(std::string_view record) {
     m_ring.BeginCycle();
     WriteHeader(kTargetRing);
     m_ring.Resume(record);
+}
+
+// Whoever follows the ring looks again this long after it was woken: what is written in between
+// needs no call.
+void CDebug::WakeFollowers(const timeval& now) {
+    constexpr int64_t kPause = 10'000;
+    const int64_t microseconds = int64_t{now.tv_sec} * 1'000'000 + now.tv_usec;
+    const int64_t passed = microseconds - m_lastWake;
+    if (passed >= 0 && passed < kPause) return;
+    m_lastWake = microseconds;
+    const CancelGuard guard;
+    m_ring.Touch();
 }

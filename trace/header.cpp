@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "trace/texts.h"
+
 namespace {
 
 const char* OrNotSet(const char* value) {
@@ -16,7 +18,7 @@ void EmitTable(const NamedValue* entry, const HeaderSink& line) {
 
 void EmitValuesAsRead(const CDebugTraceConfig& config, const HeaderSink& line) {
     const auto& read = config.AsRead();
-    line("\nDebug values from ini file :");
+    line("\n%s", trace_text::kValuesAsRead.data());
     line("\nDynamicUpdate              : %d", read.dynamicUpdate);
     line("\nDebugLevel                 : %d", config.ConfiguredLevel());
     line("\nRingBufferSizeFactor       : %d", read.ringFactor);
@@ -28,8 +30,8 @@ void EmitValuesAsRead(const CDebugTraceConfig& config, const HeaderSink& line) {
 void EmitValuesInForce(const HeaderFacts& facts, const CDebugTraceConfig& config,
                        const HeaderSink& line) {
     const auto& force = config.InForce();
-    line("\nInternal Debug values      :");
-    line("\nProcess PID                : %d", facts.processId);
+    line("\n%s", trace_text::kValuesInForce.data());
+    line("\n%s%d", trace_text::kProcessId.data(), facts.processId);
     line("\nTrace Target               : %d", static_cast<int>(facts.target));
     line("\nTrace Level                : %d", static_cast<int>(config.TraceLevel()));
     line("\nTrace Level Saved          : %d", static_cast<int>(config.SavedTraceLevel()));
@@ -39,7 +41,7 @@ void EmitValuesInForce(const HeaderFacts& facts, const CDebugTraceConfig& config
     line("\nRing Buffer FD             : %d", facts.ringDescriptor);
     line("\nRing Buffer Factor         : %d", force.ringFactor);
     line("\nRing Buffer Weight         : %d", force.ringWeight);
-    line("\nRing Buffer Size           : %d", static_cast<int>(facts.ringSize));
+    line("\n%s%d", trace_text::kRingSize.data(), static_cast<int>(facts.ringSize));
     line("\nRing Buffer Directory      : %s", force.logDirectory.Get());
     line("\nRing Buffer Path           : %s", facts.ringPath);
     line("\nNo Header to LogFile       : %d", force.noHeader);
@@ -56,21 +58,21 @@ void HeaderSink::operator()(const char* format, ...) const {
 
 void EmitCommandLine(const HeaderFacts& facts, const HeaderSink& line) {
     if (facts.argumentCount <= 0) return;
-    line("\n%s Command Line Options:", facts.moduleName);
+    line("\n%s%s", facts.moduleName, trace_text::kCommandLine.data());
     for (int i = 0; i < facts.argumentCount; ++i)
         line("\nargv[%d] = \"%s\"", i, facts.arguments[i]);
 }
 
 void EmitHeader(const HeaderFacts& facts, const CDebugTraceConfig& config, const HeaderSink& line) {
     EmitCommandLine(facts, line);
-    line("\nOrvana Environment:");
+    line("\n%s", trace_text::kEnvironment.data());
     EmitTable(facts.environment.environment.data(), line);
     // Read at this moment, unlike the snapshot.
     const auto variable = config.RingWeightVariable();
     line("\n%s=%s", variable.Get(), OrNotSet(std::getenv(variable.Get())));
-    line("\nOrvana Configuration File:");
+    line("\n%s", trace_text::kConfiguration.data());
     EmitTable(facts.environment.configuration.data(), line);
     EmitValuesAsRead(config, line);
     EmitValuesInForce(facts, config, line);
-    line("\n# End of header.");
+    line("\n%s", trace_text::kHeaderEnd.data());
 }

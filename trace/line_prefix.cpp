@@ -5,12 +5,12 @@
 #include <cstring>
 
 #include "services/base/cancel_guard.h"
+#include "trace/texts.h"
 
 namespace {
 
-constexpr std::string_view kUnknownTime = "yyyy-mm-dd hh:mm:ss.mmm";
-constexpr size_t kTagWidth = 13;
-constexpr size_t kMemoryWidth = 8;
+using trace_text::kMemoryWidth;
+using trace_text::kTagWidth;
 
 // Writing without bounds checks is safe here: time (at most 25), thread (12), memory (at most 25).
 constexpr size_t kHeadCapacity = 80;
@@ -35,7 +35,7 @@ char* PutMemory(char* to, uint64_t residentKb) {
     const auto length = static_cast<size_t>(end - digits.data());
     for (size_t column = length; column < kMemoryWidth; ++column) *to++ = ' ';
     to = Put(to, {digits.data(), length});
-    return Put(to, " KB !");
+    return Put(to, trace_text::kMemoryUnit);
 }
 
 // Writes text at an offset of a field, cut to what the field holds.
@@ -70,7 +70,7 @@ size_t LinePrefix::BuildHead(char* buffer, const Stamp& stamp) {
     if (m_length != 0) {
         to = PutMilliseconds(Put(to, {m_text.data(), m_length}), stamp.time.tv_usec);
     } else {
-        to = Put(to, kUnknownTime);
+        to = Put(to, trace_text::kUnknownTime);
     }
     to = Put(to, {m_threadText.data(), m_threadText.size()});
     if (stamp.withMemory) to = PutMemory(to, stamp.residentKb);

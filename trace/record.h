@@ -10,11 +10,12 @@
 
 #include "kemd/api.h"
 #include "trace/line_prefix.h"
+#include "trace/texts.h"
 
 class RecordBuffer {
   public:
-    static constexpr size_t kPrefixLimit = 128;
-    static constexpr size_t kTextLimit = 1024;
+    static constexpr size_t kPrefixLimit = trace_text::kPrefixLimit;
+    static constexpr size_t kTextLimit = trace_text::kTextLimit;
 
     void BuildPrefix(LinePrefix& prefix, const Stamp& stamp, std::string_view tag);
 

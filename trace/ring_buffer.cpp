@@ -19,6 +19,7 @@ bool RingBuffer::Create(const char* path) {
 
 bool RingBuffer::Fill(std::string_view lines) {
     const ssize_t written = write(m_fd.Get(), lines.data(), lines.size());
+    m_fileSize += std::max<ssize_t>(written, 0);
     return written >= 0 && static_cast<size_t>(written) == lines.size();
 }
 
@@ -27,9 +28,16 @@ bool RingBuffer::Map(size_t size) {
     return m_map.MapShared(m_fd.Get(), size);
 }
 
+void RingBuffer::Touch() const {
+    const int saved = errno;
+    (void)!ftruncate(m_fd.Get(), m_fileSize);
+    errno = saved;
+}
+
 void RingBuffer::Close() {
     m_map.Unmap();
     m_fd.Reset();
+    m_fileSize = 0;
     m_writeOffset = 0;
     m_restartOffset = 0;
     m_wrapCount = 0;

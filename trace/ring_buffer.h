@@ -9,12 +9,13 @@
 
 #include "services/base/mapped_region.h"
 #include "services/base/unique_fd.h"
+#include "trace/texts.h"
 
 class RingBuffer {
   public:
-    static constexpr std::string_view kTrailer = "## TRACE-END ##\n";
-    static constexpr int64_t kLineLength = 1024;  // of the pre-fill, bytes
-    static constexpr size_t kAlignment = 1024;    // of the first record behind the header
+    static constexpr std::string_view kTrailer = trace_text::kTrailer;
+    static constexpr int64_t kLineLength = trace_text::kPreFillLine;
+    static constexpr size_t kAlignment = trace_text::kAlignment;
 
     // Opening takes three steps, each false with errno: create the file, fill it line by line up to
     // its size (this reserves the disk blocks: a store into a hole of a full disk would kill the
@@ -47,12 +48,16 @@ class RingBuffer {
     void SetRestart() { m_restartOffset = m_writeOffset; }
     // Fills the rest of the file with dots and moves to its start, where the header goes again.
     void BeginCycle();
+    // Changes no byte, but tells everybody who watches the file that it was written: the system
+    // reports calls, never stores into a mapping. Keeps errno.
+    void Touch() const;
     // Moves behind the start record and appends, cutting the record where the file ends.
     void Resume(std::string_view record);
 
   private:
     UniqueFd m_fd;
     MappedRegion m_map;
+    off_t m_fileSize = 0;  // as it was made
     size_t m_writeOffset = 0;
     size_t m_restartOffset = 0;
     uint32_t m_wrapCount = 0;

@@ -1,5 +1,6 @@
 #include "trace/ring_buffer.h"
 
+#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -138,6 +139,28 @@ TEST_F(RingTest, RecordThatJustFitsStaysAndOneByteMoreStartsACycle) {
             ASSERT_EQ("", Difference(model.file, ReadFile(kRuntimeRing)));
         }
     }
+}
+
+TEST_F(RingTest, FollowersAreWokenOnceInTenMillisecondsAndNoByteChanges) {
+    ASSERT_TRUE(StartRing(debug));
+    const UniqueFd watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_LE(0, inotify_add_watch(watch.Get(), kStartupRing.c_str(), IN_MODIFY));
+    const auto isWoken = [&watch] {
+        std::array<char, 4096> events{};
+        return read(watch.Get(), events.data(), events.size()) > 0;
+    };
+    for (const time_t second : {kStart + 1, kStart + 2, kStart}) {  // a clock may be set back
+        SetClock(second);
+        for (int i = 0; i < 3; ++i) {
+            errno = E2BIG;
+            debug.Trace(5, "a record");
+            EXPECT_EQ(E2BIG, errno);
+            EXPECT_EQ(i == 0, isWoken());
+        }
+    }
+    EXPECT_EQ(4 * kSize, fs::file_size(kStartupRing));
+    debug.Trace(6, "above the level");
+    EXPECT_FALSE(isWoken());
 }
 
 TEST_F(RingTest, LongRecordsAreWholeUpToATenthOfTheRing) {
