@@ -15,7 +15,7 @@
 #include <string>
 
 #include "bench/measure.h"
-#include "trace_reader/prefix.h"
+#include "trace_reader/record.h"
 #include "trace_reader/trace_source.h"
 
 namespace {

@@ -1,18 +1,24 @@
-// One record of a trace file, as views into the reader's buffer.
+// One record of a trace file, and its prefix taken apart. See docs/trace-files.md.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <string>
 #include <string_view>
+
+#include "trace/texts.h"
 
 enum class RecordKind : uint8_t {
     kRecord,
-    kHeader,   // of the file: command line, environment, settings; with the slack behind it
-    kBegin,    // where the cycles of a ring begin
-    kWrap,     // where the cycles of a log begin
-    kEndMark,  // behind the newest record of a ring
-    kFill,     // pre-fill and dots
-    kPiece,    // left in a log of a record that was overwritten
-    kOther,    // bytes in front of the first record: damage
+    kHeader,       // command line, environment, settings; with the slack after it
+    kBegin,        // where the cycles of a ring begin
+    kWrap,         // where the cycles of a log begin
+    kTrailerLine,  // after the newest record of a ring
+    kFill,         // pre-fill and dots
+    kFragment,     // what is left in a log of a record that was overwritten
+    kOther,        // bytes before the first record: damage
 };
 
 struct TraceRecord {
@@ -31,21 +37,22 @@ struct TraceRecord {
     RecordKind kind = RecordKind::kRecord;
 };
 
-// Which times those that are given at once may have: in order, before `end`, and none that is in
-// `apart`, 65,536 bits of which the low sixteen bits of a time tell its own.
-struct RunLimit {
-    int64_t begin = INT64_MIN;  // moves along with them
-    int64_t end = INT64_MAX;
-    const uint64_t* apart = nullptr;  // 1024 words
+// A record that outlives the reader's buffer.
+class KeptRecord {
+  public:
+    // Uses the memory of the record that was kept before.
+    void Keep(const TraceRecord& record);
+    // Its views are valid until the next Keep.
+    [[nodiscard]] TraceRecord Get() const;
 
-    [[nodiscard]] bool Allows(int64_t time) const {
-        const bool isApart =
-            apart != nullptr && (apart[(time & 0xFFFF) >> 6] >> (time & 63) & 1) != 0;
-        return time >= begin && time < end && !isApart;
-    }
+  private:
+    std::string m_line;
+    TraceRecord m_record;
+    size_t m_tag = 0;  // offsets in the line
+    size_t m_text = 0;
 };
 
-// Records that stand behind each other, for those who only copy them: far faster than one by one.
+// Neighbouring records for those who only copy them: far faster than one by one.
 struct TraceRun {
     std::string_view lines;  // without the last line feed
     uint64_t count = 0;
@@ -53,3 +60,63 @@ struct TraceRun {
     int64_t lastTime = 0;
     uint64_t clockBack = 0;  // how often the time went back within it
 };
+
+// Keeps the last second, thread and tag that it saw: most records have them from the one before.
+class PrefixParser {
+  public:
+    // Time and thread, which every prefix begins with: "2026-11-15 20:04:51.123 [D82A0740] ".
+    static constexpr size_t kHeadLength = 35;
+    struct Head {
+        int64_t time = 0;
+        uint32_t thread = 0;
+        // 0: these bytes are no prefix. As wide as the room after the thread, or copying a head
+        // takes longer than finding it.
+        uint32_t isThere = 0;
+    };
+
+    // The head at `bytes`. One whose time could not be formatted has that of the head before.
+    [[nodiscard]] Head ParseHead(const char* bytes, size_t length) {
+        const bool isKnown = length >= kHeadLength &&
+                             std::memcmp(bytes, m_second.data(), kSecondLength) == 0 &&
+                             std::memcmp(bytes + kThreadAt, m_thread.data(), kThreadLength) == 0;
+        if (!isKnown) return ParseNewHead(bytes, length);
+        const unsigned hundreds = Digit(bytes[20]), tens = Digit(bytes[21]),
+                       ones = Digit(bytes[22]);
+        if (hundreds > 9 || tens > 9 || ones > 9) return {};
+        m_time = m_secondTime + int64_t{hundreds * 100 + tens * 10 + ones};
+        return {m_time, m_threadNumber, 1};
+    }
+    // Memory, tag and text of a line that begins with a head.
+    void ParseRest(TraceRecord& record);
+
+  private:
+    static constexpr size_t kSecondLength = 20;  // with the point
+    static constexpr size_t kThreadAt = 23;
+    static constexpr size_t kThreadLength = 12;  // " [D82A0740] "
+
+    static unsigned Digit(char c) {
+        return static_cast<unsigned>(static_cast<unsigned char>(c)) - '0';
+    }
+    [[nodiscard]] Head ParseNewHead(const char* bytes, size_t length);
+    [[nodiscard]] bool TakeSecond(const char* bytes);
+    [[nodiscard]] bool TakeThread(const char* bytes);
+    [[nodiscard]] size_t TagLength(std::string_view rest);
+
+    std::array<char, kSecondLength> m_second{'\n'};  // as no line begins
+    std::array<char, kThreadLength> m_thread{'\n'};
+    std::array<char, trace_text::kTagWidth + 1> m_tag{};  // with the blank after it
+    size_t m_tagLength = 0;                               // without the blanks
+    uint32_t m_threadNumber = 0;
+    int64_t m_secondTime = 0;
+    int64_t m_time = 0;
+};
+
+// Whether a line begins with a head.
+[[nodiscard]] inline bool HasHead(std::string_view line) {
+    return PrefixParser().ParseHead(line.data(), line.size()).isThere != 0;
+}
+
+// Milliseconds of "2026-11-15 20:04:51"; false when it is no such time.
+[[nodiscard]] bool ParseSecond(const char* bytes, int64_t& time);
+// The 23 characters of a prefix, "2026-11-15 20:04:51.123".
+[[nodiscard]] std::array<char, 24> FormatTime(int64_t time);

@@ -3,12 +3,11 @@
 #include <algorithm>
 #include <cstring>
 
-#include "trace_reader/ring_guard.h"
-
 namespace {
 
-constexpr size_t kBlock = size_t{1} << 18;  // stays in the processor's cache
-constexpr size_t kPreFillLine = 1023;       // without its line feed
+constexpr size_t kBlock = size_t{1} << 18;                     // stays in the processor's cache
+constexpr size_t kPreFillLine = trace_text::kPreFillLine - 1;  // without its line feed
+constexpr uint64_t kPage = 4096;
 
 bool IsAll(std::string_view text, char c) {
     return text.find_first_not_of(c) == text.npos;
@@ -20,6 +19,7 @@ void RecordStream::Start(const Segment& segment) {
     m_segment = segment;
     m_cutBytes = 0;
     m_lostBytes = 0;
+    m_rest.reset();
     Restart(segment.begin);
     if (segment.isCut) SkipCut();
 }
@@ -64,6 +64,16 @@ bool RecordStream::MakeRoom(size_t& scan) {
     return true;
 }
 
+// Where the file has become shorter, or cannot be read.
+void RecordStream::EndAt(uint64_t offset) {
+    if (m_file.FailedAt(offset)) {
+        m_rest = m_segment;
+        m_rest->begin = std::min(offset / kPage * kPage + kPage, m_segment.end);
+        m_rest->isCut = true;
+    }
+    m_segment.end = offset;
+}
+
 // Appends to the buffer. `scan` is a position in it and moves with the bytes. kMoved: the writer of
 // a ring came past, and the buffer begins anew with what it has not overwritten.
 RecordStream::More RecordStream::ReadMore(size_t& scan) {
@@ -71,8 +81,8 @@ RecordStream::More RecordStream::ReadMore(size_t& scan) {
     const uint64_t at = m_offset + m_end;
     const uint64_t wanted = std::min<uint64_t>(m_capacity - m_end, m_segment.end - at);
     const size_t got = m_file.Read(at, m_buffer.get() + m_end, wanted);
-    if (got < wanted) m_segment.end = at + got;  // the file has become shorter
-    const uint64_t valid = m_guard != nullptr ? m_guard->ValidFrom(m_segment) : m_segment.begin;
+    if (got < wanted) EndAt(at + got);
+    const uint64_t valid = m_validFrom ? m_validFrom(m_segment) : m_segment.begin;
     if (valid > m_offset) {
         m_lostBytes += valid - m_offset;
         m_segment.begin = m_offset = valid;
@@ -104,7 +114,7 @@ size_t RecordStream::FindEnd(size_t& next) {
     }
 }
 
-// Whether the segment goes on behind a record that was too long.
+// Whether the segment goes on after a record that was too long.
 bool RecordStream::Continue() {
     size_t scan = m_position;
     const More more = ReadMore(scan);
@@ -126,7 +136,7 @@ bool RecordStream::FindWhole(PrefixParser::Head& head, size_t& end, size_t& next
     }
 }
 
-// As FindEnd, but false when the record may go on behind the buffer.
+// As FindEnd, but false when the record may go on after the buffer.
 bool RecordStream::FindInBuffer(size_t& end, size_t& next) {
     const char* const buffer = m_buffer.get();
     for (size_t scan = m_position;; scan = next) {
@@ -157,15 +167,14 @@ bool RecordStream::IsPlain(const PrefixParser::Head& head, size_t end) const {
     return head.isThere != 0 && (end < fillEnd || m_buffer[fillEnd - 1] != '_');
 }
 
-bool RecordStream::NextRun(TraceRun& run, RunLimit* limit) {
+bool RecordStream::NextRun(TraceRun& run, int64_t before) {
     PrefixParser::Head head;
     size_t end = 0, next = 0;
     bool isWhole = FindWhole(head, end, next);
     const size_t begin = m_position;
     size_t runEnd = begin;
     run = {{}, 0, head.time, head.time, 0};
-    while (isWhole && IsPlain(head, end) && (limit == nullptr || limit->Allows(head.time))) {
-        if (limit != nullptr) limit->begin = head.time;
+    while (isWhole && IsPlain(head, end) && head.time < before) {
         run.clockBack += head.time < run.lastTime ? 1 : 0;
         run.lastTime = m_lastTime = head.time;
         ++run.count;
@@ -197,7 +206,7 @@ void RecordStream::Describe(TraceRecord& record, const PrefixParser::Head& head)
 
 void RecordStream::Classify(TraceRecord& record) const {
     if (m_segment.kind != RecordKind::kRecord || record.text.empty()) return;
-    if (record.text[0] == '-' && record.text.starts_with("------ WRAP ----- Cycle=")) {
+    if (record.text[0] == '-' && record.text.starts_with(trace_text::kWrap)) {
         record.kind = RecordKind::kWrap;
     } else if (record.text[0] == '_') {
         const size_t length = std::min(record.line.find('\n'), record.line.size());
@@ -217,4 +226,94 @@ std::optional<RecordPlace> FindRecord(const TraceFile& file, uint64_t begin, uin
         if (stream.Next(record)) return RecordPlace{stream.Offset(), record.time, record.kind};
     }
     return std::nullopt;
+}
+
+namespace {
+
+constexpr uint64_t kNear = uint64_t{1} << 16;
+
+// At most 64 KiB before where records of this time begin in [begin, end), as if time never went
+// back.
+uint64_t FindTime(const TraceFile& file, int64_t time, uint64_t begin, uint64_t end) {
+    while (end - begin > kNear) {
+        const uint64_t middle = begin + (end - begin) / 2;
+        const auto place = FindRecord(file, middle, end);
+        if (place && place->kind == RecordKind::kRecord && place->time < time) {
+            begin = place->offset;
+        } else {
+            end = middle;
+        }
+    }
+    return begin;
+}
+
+// The first of some places in [begin, end) whose record has a time in this range; `end`: none.
+uint64_t FindSample(const TraceFile& file, uint64_t begin, uint64_t end, int64_t since,
+                    int64_t until) {
+    constexpr uint64_t kPlaces = 100;
+    const uint64_t step = (end - begin) / kPlaces + 1;
+    for (uint64_t at = begin; at < end;) {
+        const auto place = FindRecord(file, at, end);
+        if (!place) break;
+        const bool fits = place->time >= since && place->time <= until;
+        if (fits && place->kind == RecordKind::kRecord) return at;
+        at = std::max(at + step, place->offset);
+    }
+    return end;
+}
+
+}  // namespace
+
+void NarrowToTimes(const TraceFile& file, Segment& segment, int64_t since, int64_t until) {
+    uint64_t begin = segment.begin, end = segment.end;
+    for (uint64_t to = segment.end; since != INT64_MIN;) {
+        begin = FindTime(file, since, segment.begin, to);
+        const uint64_t earlier = FindSample(file, segment.begin, begin, since, INT64_MAX);
+        if (earlier == begin) break;
+        to = earlier;
+    }
+    for (uint64_t from = segment.begin; until < INT64_MAX;) {
+        end = std::min(FindTime(file, until + 1, from, segment.end) + 2 * kNear, segment.end);
+        const uint64_t later = FindSample(file, end, segment.end, INT64_MIN, until);
+        if (later == segment.end) break;
+        from = later;
+    }
+    // Times of several threads may differ a little from their order.
+    constexpr uint64_t kMargin = 4 * kNear;
+    if (begin > segment.begin + kMargin) {
+        const auto place = FindRecord(file, begin - kMargin, segment.end);
+        segment.begin = place ? place->offset : segment.end;
+        segment.isCut = false;
+    }
+    if (end + kMargin < segment.end) {
+        const auto place = FindRecord(file, end + kMargin, segment.end);
+        if (place) segment.end = std::max(place->offset, segment.begin);
+    }
+}
+
+uint64_t NarrowToLast(const TraceFile& file, Segment& segment, uint64_t most) {
+    RecordStream stream(file);
+    TraceRecord record;
+    const auto isNext = [&] {
+        while (stream.Next(record)) {
+            if (record.kind == RecordKind::kRecord) return true;
+        }
+        return false;
+    };
+    for (uint64_t length = kNear;; length *= 4) {
+        Segment part = segment;
+        const bool isAll = length >= segment.end - segment.begin;
+        if (!isAll) part.begin = segment.end - length;
+        part.isCut = part.isCut || !isAll;
+        uint64_t count = 0;
+        stream.Start(part);
+        while (isNext()) ++count;
+        if (count < most && !isAll) continue;
+        if (count <= most) return count;
+        stream.Start(part);
+        for (uint64_t skipped = 0; skipped <= count - most && isNext();) ++skipped;
+        segment.begin = stream.Offset();
+        segment.isCut = false;
+        return most;
+    }
 }

@@ -1,38 +1,51 @@
-// Reads the records of one segment, block by block.
+// Reads the records of one segment of a file, block by block, and finds records in it without
+// reading all of it.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
 
-#include "trace_reader/layout.h"
-#include "trace_reader/prefix.h"
 #include "trace_reader/record.h"
 #include "trace_reader/trace_file.h"
 
-class RingGuard;
+// A part of a file, [begin, end).
+struct Segment {
+    uint64_t begin = 0;
+    uint64_t end = 0;
+    RecordKind kind = RecordKind::kRecord;
+    bool isCut = false;  // begins within a record whose start was overwritten
+};
 
 class RecordStream {
   public:
-    // Owns neither; without a guard nothing is checked. Both outlive the stream.
-    explicit RecordStream(const TraceFile& file, RingGuard* guard = nullptr)
-        : m_file(file), m_guard(guard) {}
+    // For a file whose writer goes on: the first offset of a segment from which on everything that
+    // was read before the call is good.
+    using ValidFrom = std::function<uint64_t(const Segment&)>;
+
+    // The file outlives the stream.
+    explicit RecordStream(const TraceFile& file, ValidFrom validFrom = {})
+        : m_file(file), m_validFrom(std::move(validFrom)) {}
 
     void Start(const Segment& segment);
 
     // False at the end of the segment. The views of a record are valid until the next call.
     [[nodiscard]] bool Next(TraceRecord& record);
-    // As many records as are in the buffer, but no pre-fill and nothing without a prefix: false
-    // when that, or what the limit does not allow, comes next.
-    [[nodiscard]] bool NextRun(TraceRun& run, RunLimit* limit = nullptr);
+    // As many records before this time as are in the buffer, but no pre-fill and nothing without a
+    // prefix: false when one of these, or a later one, comes next.
+    [[nodiscard]] bool NextRun(TraceRun& run, int64_t before = INT64_MAX);
     // Where the record that Next gave begins in the file.
     [[nodiscard]] uint64_t Offset() const { return m_recordOffset; }
 
-    // Bytes in front of the first record of a cut segment; bytes that the writer overwrote while
-    // they were read.
+    // Bytes before the first record of a cut segment; bytes that the writer overwrote while they
+    // were read.
     [[nodiscard]] uint64_t CutBytes() const { return m_cutBytes; }
     [[nodiscard]] uint64_t LostBytes() const { return m_lostBytes; }
+    // At the end: the segment after a page that cannot be read.
+    [[nodiscard]] const std::optional<Segment>& Rest() const { return m_rest; }
 
   private:
     // A longer record is parted: a file without any line feed must not fill the memory.
@@ -40,6 +53,7 @@ class RecordStream {
 
     enum class More { kRead, kEnd, kMoved };
     More ReadMore(size_t& scan);
+    void EndAt(uint64_t offset);
     bool MakeRoom(size_t& scan);
     void Restart(uint64_t offset);
     void SkipCut();
@@ -52,8 +66,9 @@ class RecordStream {
     void Classify(TraceRecord& record) const;
 
     const TraceFile& m_file;
-    RingGuard* m_guard;
+    ValidFrom m_validFrom;
     Segment m_segment;
+    std::optional<Segment> m_rest;
     PrefixParser m_parser;
     std::unique_ptr<char[]> m_buffer;
     size_t m_capacity = 0;
@@ -75,3 +90,10 @@ struct RecordPlace {
 };
 [[nodiscard]] std::optional<RecordPlace> FindRecord(const TraceFile& file, uint64_t begin,
                                                     uint64_t end);
+
+// Narrows a segment to its records of these times (as in TraceRecord, both inclusive) and a few
+// around them. Where the clock went back, a part that is shorter than a hundredth of the segment
+// may be missed.
+void NarrowToTimes(const TraceFile& file, Segment& segment, int64_t since, int64_t until);
+// Narrows a segment to its last records. Returns how many there are, `most` at the most.
+uint64_t NarrowToLast(const TraceFile& file, Segment& segment, uint64_t most);

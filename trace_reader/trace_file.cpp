@@ -1,17 +1,22 @@
 #include "trace_reader/trace_file.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <utility>
 
-#include "trace_reader/prefix.h"
-#include "trace_reader/unpack_gzip.h"
+#include "trace_reader/record.h"
 
 namespace {
 
@@ -22,63 +27,139 @@ uint64_t Longer(uint64_t length) {
     return std::min(2 * length, kBlock);
 }
 
-// What the header at the start of a file says about its size. A log says nothing: it is text, which
-// does not become smaller than a small part.
-uint64_t UnpackedLimit(int fd, uint64_t packedSize) {
-    constexpr std::string_view kLabel = "Ring Buffer Size           : ";
-    constexpr std::string_view kFill = "____________________\n";
-    constexpr uint64_t kPreFillLine = 1024;
-    constexpr uint64_t kTextRatio = 64;
-    std::string text(kBlock, '\0');
-    text.resize(static_cast<size_t>(std::max<ssize_t>(pread(fd, text.data(), text.size(), 0), 0)));
-    if (PrefixParser().ParseHead(text.data(), text.size()).isThere == 0) return kBlock;
-    const size_t found = text.find(kLabel);
-    // Behind the header of a ring is its slack.
-    const bool isRing = found != text.npos && text.find(kFill, found) != text.npos;
-    if (!isRing) return std::clamp(packedSize * kTextRatio, kBlock, TraceFile::kLimit);
-    const auto size = std::strtoull(text.c_str() + found + kLabel.size(), nullptr, 10);
-    return std::min<uint64_t>(size, TraceFile::kLimit - kPreFillLine) + kPreFillLine;
+// Starts "gzip -dc" from `in` to `out`; -1, with errno, when that fails.
+pid_t StartGzip(int in, int out) {
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attributes;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawnattr_init(&attributes);
+    errno = posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
+    if (errno == 0) errno = posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+    if (errno == 0)
+        errno = posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    // What the caller ignores (a broken pipe) must end the program.
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+    std::array<char, 5> name{"gzip"};
+    std::array<char, 4> option{"-dc"};
+    const std::array<char*, 3> arguments = {name.data(), option.data(), nullptr};
+    char* const environment[] = {nullptr};
+    pid_t child = -1;
+    int error = errno != 0 ? errno : ENOENT;
+    // Not by PATH, for root's sake.
+    for (const char* path : {"/usr/bin/gzip", "/bin/gzip"}) {
+        if (error != ENOENT) break;
+        error = posix_spawn(&child, path, &actions, &attributes, arguments.data(), environment);
+    }
+    posix_spawnattr_destroy(&attributes);
+    posix_spawn_file_actions_destroy(&actions);
+    errno = error;
+    return error == 0 ? child : -1;
 }
 
 }  // namespace
 
-std::string TraceFile::Open(const std::string& path) {
+bool TraceFile::Open(const std::string& path) {
     m_path = path;
     m_isCompressed = false;
+    m_error.clear();
     // A pipe or a terminal must not make it wait.
     m_fd.Reset(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status = {};
-    if (!m_fd.IsOpen() || fstat(m_fd.Get(), &status) != 0) return std::strerror(errno);
-    if (!S_ISREG(status.st_mode)) {
-        m_fd.Reset();
-        return "not a regular file";
+    if (!m_fd.IsOpen() || fstat(m_fd.Get(), &status) != 0) {
+        m_error = std::strerror(errno);
+    } else if (!S_ISREG(status.st_mode)) {
+        m_error = "not a regular file";
     }
+    if (!m_error.empty()) m_fd.Reset();
+    if (!m_fd.IsOpen()) return false;
     m_device = status.st_dev;
     m_inode = status.st_ino;
-    return Read(0, 2) == "\x1f\x8b" ? Unpack() : "";
+    if (Read(0, 2) == "\x1f\x8b") Unpack();
+    return m_fd.IsOpen();
 }
 
-std::string TraceFile::Unpack() {
-    // A first look keeps what is no ring, or longer than its own header says, out of memory.
-    Unpacked unpacked = UnpackGzip(m_fd.Get(), kBlock);
+bool TraceFile::OpenMemory() {
+    m_path.clear();
+    m_isCompressed = false;
+    m_fd.Reset(memfd_create("trace", MFD_CLOEXEC));
+    return m_fd.IsOpen();
+}
+
+void TraceFile::Unpack() {
+    const UniqueFd packed = std::move(m_fd);
+    struct stat status = {};
+    (void)fstat(packed.Get(), &status);
     m_isCompressed = true;
-    if (unpacked.isTooLong)
-        unpacked = UnpackGzip(m_fd.Get(), UnpackedLimit(unpacked.file.Get(), Size()));
-    m_fd = std::move(unpacked.file);
-    if (!m_fd.IsOpen()) return "cannot be unpacked: gzip is needed";
-    if (unpacked.isTooLong) return "unpacks to more than a ring can hold";
-    return unpacked.isDamaged ? "compressed data is damaged or cut" : "";
+    // A first look keeps what is no ring, or longer than its own header says, out of memory.
+    if (!UnpackUpTo(packed.Get(), kBlock)) {
+        (void)UnpackUpTo(packed.Get(), UnpackedLimit(static_cast<uint64_t>(status.st_size)));
+    }
+}
+
+// False when there was more than the limit.
+bool TraceFile::UnpackUpTo(int packed, uint64_t limit) {
+    constexpr size_t kPiece = size_t{1} << 16;
+    const auto piece = std::make_unique<char[]>(kPiece);
+    std::array<int, 2> ends{-1, -1};
+    m_error.clear();
+    m_fd.Reset(memfd_create("trace", MFD_CLOEXEC));
+    const bool isReady =
+        m_fd.IsOpen() && lseek(packed, 0, SEEK_SET) == 0 && pipe2(ends.data(), O_CLOEXEC) == 0;
+    UniqueFd from(ends[0]), to(ends[1]);
+    const pid_t child = isReady ? StartGzip(packed, to.Get()) : -1;
+    if (child < 0) {
+        const int error = errno;
+        m_error = std::string("cannot be unpacked: ") +
+                  (error == ENOENT ? "gzip is needed" : std::strerror(error));
+        m_fd.Reset();
+        return true;
+    }
+    to.Reset();
+    uint64_t size = 0;
+    while (size <= limit) {
+        const ssize_t got = read(from.Get(), piece.get(), kPiece);
+        if (got < 0 && errno == EINTR) continue;
+        if (got == 0) break;
+        if (got < 0 || !Write(size, {piece.get(), static_cast<size_t>(got)})) {
+            m_error = std::string("unpacked in part only: ") + std::strerror(errno);
+            break;
+        }
+        size += static_cast<uint64_t>(got);
+    }
+    from.Reset();  // ends a gzip that still writes
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) continue;
+    if (size > limit) {
+        m_error = "unpacks to more than a ring can hold";
+    } else if (status != 0 && m_error.empty()) {
+        m_error = "compressed data is damaged or cut";
+    }
+    return size <= limit;
+}
+
+// What the header at the start of a file says about its size. A log says nothing: it is text, which
+// does not become smaller than a small part.
+uint64_t TraceFile::UnpackedLimit(uint64_t packedSize) const {
+    constexpr std::string_view kFill = "____________________\n";
+    constexpr uint64_t kTextRatio = 64;
+    const std::string text = Read(0, kBlock);
+    if (!HasHead(text)) return kBlock;
+    const size_t found = text.find(trace_text::kRingSize);
+    // After the header of a ring is its slack.
+    const bool isRing = found != text.npos && text.find(kFill, found) != text.npos;
+    if (!isRing) return std::clamp(packedSize * kTextRatio, kBlock, kLimit);
+    const char* const number = text.c_str() + found + trace_text::kRingSize.size();
+    const uint64_t size = std::strtoull(number, nullptr, 10);
+    return std::min(size, kLimit - trace_text::kPreFillLine) + trace_text::kPreFillLine;
 }
 
 uint64_t TraceFile::Size() const {
     struct stat status = {};
     return fstat(m_fd.Get(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
-}
-
-int64_t TraceFile::Modified() const {
-    struct stat status = {};
-    if (fstat(m_fd.Get(), &status) != 0) return 0;
-    return int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec;
 }
 
 bool TraceFile::IsSame(const struct stat& other) const {
@@ -96,6 +177,14 @@ size_t TraceFile::Read(uint64_t offset, char* to, size_t length) const {
         const ssize_t got =
             pread(m_fd.Get(), to + done, length - done, static_cast<off_t>(offset + done));
         if (got < 0 && errno == EINTR) continue;
+        if (got < 0) {
+            const int error = errno;
+            m_failedAt = offset + done;
+            if (m_error.empty()) {
+                m_error = "cannot be read at byte " + std::to_string(m_failedAt) + ": " +
+                          std::strerror(error);
+            }
+        }
         if (got <= 0) break;
         done += static_cast<size_t>(got);
     }
@@ -107,13 +196,6 @@ std::string TraceFile::Read(uint64_t offset, size_t length) const {
     std::string text(offset < size ? std::min<uint64_t>(length, size - offset) : 0, '\0');
     text.resize(Read(offset, text.data(), text.size()));
     return text;
-}
-
-bool TraceFile::OpenMemory() {
-    m_path.clear();
-    m_isCompressed = false;
-    m_fd.Reset(memfd_create("trace", MFD_CLOEXEC));
-    return m_fd.IsOpen();
 }
 
 bool TraceFile::Write(uint64_t offset, std::string_view bytes) {
@@ -136,18 +218,18 @@ void TraceFile::AwaitWrite() const {
 
 uint64_t TraceFile::Find(std::string_view text, uint64_t begin, uint64_t end) const {
     // Blocks overlap, so that an occurrence across two of them is not missed. The first ones are
-    // small: often the next occurrence is near.
+    // small: often the next occurrence is near. What cannot be read is passed over.
     uint64_t length = kFirstBlock;
     for (uint64_t at = begin; at + text.size() <= end;
          at += std::exchange(length, Longer(length))) {
         const std::string block = Read(at, std::min<uint64_t>(length + text.size() - 1, end - at));
-        if (block.size() < text.size()) break;
         const void* found = memmem(block.data(), block.size(), text.data(), text.size());
         if (found != nullptr) {
             return at + static_cast<uint64_t>(static_cast<const char*>(found) - block.data());
         }
+        if (at + block.size() >= Size()) break;
     }
-    return kNowhere;
+    return npos;
 }
 
 uint64_t TraceFile::FindLast(std::string_view text, uint64_t begin, uint64_t end) const {
@@ -160,5 +242,32 @@ uint64_t TraceFile::FindLast(std::string_view text, uint64_t begin, uint64_t end
         if (found != block.npos) return at + found;
         last = at;
     }
-    return kNowhere;
+    return npos;
+}
+
+uint64_t TraceFile::FindLineEnd(uint64_t begin, uint64_t end) const {
+    const uint64_t feed = Find("\n", begin, end);
+    return feed == npos ? end : feed + 1;
+}
+
+uint64_t TraceFile::FindLineStart(uint64_t place) const {
+    const uint64_t feed = FindLast("\n", 0, place);
+    return feed == npos ? 0 : feed + 1;
+}
+
+Writing SeeWriter(int process, const TraceFile& file) {
+    if (process <= 0) return Writing::kNo;
+    const std::string path = "/proc/" + std::to_string(process) + "/fd/";
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(path.c_str()), closedir);
+    // As if there was no such process, in some containers.
+    bool isUnseen = !entries && (errno == EACCES || (kill(process, 0) != 0 && errno == EPERM));
+    while (const dirent* entry = entries ? readdir(entries.get()) : nullptr) {
+        struct stat status = {};
+        if (stat((path + entry->d_name).c_str(), &status) != 0) {
+            isUnseen = isUnseen || errno == EACCES;
+        } else if (file.IsSame(status)) {
+            return Writing::kYes;
+        }
+    }
+    return isUnseen ? Writing::kUnseen : Writing::kNo;
 }

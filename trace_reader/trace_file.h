@@ -15,45 +15,61 @@ class TraceFile {
   public:
     // The largest ring there can be. A compressed file is unpacked into memory up to this size.
     static constexpr uint64_t kLimit = uint64_t{1} << 31;
+    static constexpr uint64_t npos = UINT64_MAX;
 
-    // A problem in a few words, empty when all is well. With some (a damaged compressed file) what
-    // could be read is there all the same.
-    [[nodiscard]] std::string Open(const std::string& path);
+    // False when nothing of it can be read; Error tells why. Of a damaged compressed file there is
+    // what could be unpacked, and Error tells that, too.
+    [[nodiscard]] bool Open(const std::string& path);
+    // For a copy: an empty file in memory. False when there is no memory.
+    [[nodiscard]] bool OpenMemory();
 
     [[nodiscard]] bool IsOpen() const { return m_fd.IsOpen(); }
     [[nodiscard]] bool IsCompressed() const { return m_isCompressed; }
     [[nodiscard]] const std::string& Path() const { return m_path; }
     // As it is now.
     [[nodiscard]] uint64_t Size() const;
-    // When it was last written through a descriptor, nanoseconds since the epoch.
-    [[nodiscard]] int64_t Modified() const;
     // Whether the name now leads to another file or to none.
     [[nodiscard]] bool IsReplaced() const;
     // Whether both are the same file.
     [[nodiscard]] bool IsSame(const struct stat& other) const;
 
-    // Reads up to `length` bytes from an offset; fewer only where the file ends.
+    // The first failure of opening, unpacking or reading, in a few words; empty when there was
+    // none.
+    [[nodiscard]] const std::string& Error() const { return m_error; }
+    // Whether the last failed read failed at this offset: the file does not end there.
+    [[nodiscard]] bool FailedAt(uint64_t offset) const { return m_failedAt == offset; }
+
+    // Reads up to `length` bytes from an offset; fewer only where the file ends or cannot be read.
     [[nodiscard]] size_t Read(uint64_t offset, char* to, size_t length) const;
     [[nodiscard]] std::string Read(uint64_t offset, size_t length) const;
-
-    // For a copy: an empty file in memory, and bytes for it. False when there is no memory.
-    [[nodiscard]] bool OpenMemory();
+    // False when there is no memory.
     [[nodiscard]] bool Write(uint64_t offset, std::string_view bytes);
     // Returns when a write that another process had begun is whole.
     void AwaitWrite() const;
 
-    static constexpr uint64_t kNowhere = UINT64_MAX;
-    // The first occurrence of a text that lies within the range.
+    // The first occurrence of a text that lies within the range; the last one. npos: none.
     [[nodiscard]] uint64_t Find(std::string_view text, uint64_t begin, uint64_t end) const;
-    // The last one.
     [[nodiscard]] uint64_t FindLast(std::string_view text, uint64_t begin, uint64_t end) const;
+    // After the next line feed; `end` when there is none.
+    [[nodiscard]] uint64_t FindLineEnd(uint64_t begin, uint64_t end) const;
+    // Where the line begins that this place is in.
+    [[nodiscard]] uint64_t FindLineStart(uint64_t place) const;
 
   private:
-    std::string Unpack();
+    void Unpack();
+    bool UnpackUpTo(int packed, uint64_t limit);
+    [[nodiscard]] uint64_t UnpackedLimit(uint64_t packedSize) const;
 
     std::string m_path;
     UniqueFd m_fd;
     dev_t m_device = 0;
     ino_t m_inode = 0;
     bool m_isCompressed = false;
+    mutable std::string m_error;
+    mutable uint64_t m_failedAt = npos;
 };
+
+// Whether a process has a file open. Of other users' processes only root may ask, and not in every
+// container.
+enum class Writing : uint8_t { kNo, kYes, kUnseen };
+[[nodiscard]] Writing SeeWriter(int process, const TraceFile& file);

@@ -1,62 +1,48 @@
 #include "trace_reader/trace_source.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <utility>
+#include <ctime>
 
-#include "trace_reader/seek_time.h"
-#include "trace_reader/writer.h"
-
-namespace {
-
-constexpr std::string_view kHeaderBegin = "Orvana Environment:";
-constexpr std::string_view kHeaderEnd = "# End of header.";
-
-// What a header's lines have: a name and its value, or a title.
-bool IsOfHeader(std::string_view text) {
-    return text == kHeaderEnd || text.find_first_of("=:") != text.npos;
-}
-
-}  // namespace
+using trace_text::kTrailer;
 
 bool TraceSource::Open() {
     m_facts = {};
-    m_facts.problem = m_file.Open(m_path);
+    const bool isOpen = m_file.Open(m_path);
+    m_facts.error = m_file.Error();
     m_facts.isCompressed = m_file.IsCompressed();
-    if (!m_file.IsOpen()) return false;
-    m_facts.writer = FindWriter(m_file);
-    m_facts.isWritten = !m_facts.isCompressed && IsWriter(m_facts.writer, m_file);
-    Take(Examine());
+    if (!isOpen) return false;
+    Layout layout = Examine();
+    if (m_follows && layout.kind == FileKind::kRingFile && !IsReady(layout)) {
+        constexpr timespec kWhileItIsMade = {0, 20'000'000};
+        (void)nanosleep(&kWhileItIsMade, nullptr);
+        layout = Examine();
+    }
+    Take(std::move(layout));
     return true;
 }
 
-// A ring of a reader that follows may be without its begin record for a moment, while it is made.
+// A log that is followed is read in a copy.
 Layout TraceSource::Examine() {
-    constexpr int kPatience = 100;
     m_stream.reset();
     m_log.reset();
+    m_facts.writer = FindWriter(m_file);
     Layout layout = ExamineFile(m_file);
-    if (!m_follows || m_file.IsCompressed()) return layout;
-    for (int i = 0; i < kPatience && layout.hasTrailer && layout.run.empty(); ++i) {
-        usleep(1000);
-        layout = ExamineFile(m_file);
-    }
-    if (layout.kind != FileKind::kLogFile) return layout;
+    if (!m_follows || m_file.IsCompressed() || layout.kind != FileKind::kLogFile) return layout;
     m_log.emplace(m_file);
-    if (m_log->Begin()) {
-        layout = ExamineFile(m_log->Copy(), m_log->Position());
+    if (m_log->Take()) {
+        layout = ExamineFile(m_log->File());
         m_log->SetCertain(layout.certain);
-        return layout;
+    } else {
+        m_log.reset();
+        m_facts.error = "no memory to follow it";
     }
-    m_log.reset();
-    layout.problem = "no memory to follow it";
     return layout;
 }
 
 // Whether one can go on from the newest record of this layout.
 bool TraceSource::IsReady(const Layout& layout) const {
-    return layout.hasTrailer || (layout.kind == FileKind::kLogFile && m_log);
+    if (layout.kind == FileKind::kRingFile) return layout.isCertain && layout.hasStart;
+    return layout.kind == FileKind::kLogFile && m_log;
 }
 
 void TraceSource::Take(Layout layout) {
@@ -64,65 +50,68 @@ void TraceSource::Take(Layout layout) {
     m_facts.kind = m_layout.kind;
     m_facts.cycle = m_layout.cycle;
     m_facts.size = m_layout.size;
+    m_facts.isCertain = m_layout.isCertain;
     m_facts.hasUncertainLines = m_layout.hasUncertainLines;
+    m_facts.problem = m_layout.problem;
     m_facts.overwritten += m_layout.overwritten;
-    if (m_facts.problem.empty()) m_facts.problem = m_layout.problem;
-    const bool isAppended = m_layout.kind == FileKind::kLogFile && m_layout.cycle == 0;
-    if (m_follows && isAppended) m_layout.segments.back().end = m_layout.newest;
-    // What its writer is about to make whole is shown then.
-    const bool isUnready = !m_file.IsCompressed() && !IsReady(m_layout);
-    if (m_follows && isUnready && IsWriter(FindWriter(m_file), m_file)) {
-        m_layout.segments.clear();
-        m_layout.run.clear();
-    }
-    m_beginsInHeader = false;
-    Guard();
-    Rewind();
-}
-
-void TraceSource::Guard() {
-    m_guard.reset();
-    if (m_layout.kind == FileKind::kRingFile && m_layout.hasTrailer) {
-        m_guard.emplace(m_file, m_layout);
-    }
+    if (m_follows && IsLog() && m_layout.cycle == 0) m_layout.segments.back().end = m_layout.newest;
+    m_isInHeader = false;
+    m_isInFront = true;
+    m_parts = m_layout.segments;
+    m_part = 0;
+    StartPart();
 }
 
 void TraceSource::Rewind() {
     m_facts.records = m_facts.clockBack = m_facts.foreign = 0;
-    m_segment = 0;
-    m_isInHeader = m_beginsInHeader;
-    m_isInFront = !m_layout.segments.empty() && m_layout.segments[0].begin == 0;
-    StartSegment();
+    m_isInHeader = false;
+    m_isInFront = !m_parts.empty() && m_parts[0].begin == 0;
+    m_part = 0;
+    StartPart();
 }
 
-void TraceSource::StartSegment() {
+void TraceSource::StartPart() {
     m_stream.reset();
-    if (m_segment >= m_layout.segments.size()) return;
-    m_stream.emplace(m_log ? m_log->Copy() : m_file, m_guard ? &*m_guard : nullptr);
-    m_stream->Start(m_layout.segments[m_segment]);
+    if (m_part >= m_parts.size()) return;
+    const bool isLive = m_layout.kind == FileKind::kRingFile && m_layout.isCertain;
+    m_stream.emplace(Readable(), isLive ? RecordStream::ValidFrom(RingGuard(m_file, m_layout))
+                                        : RecordStream::ValidFrom());
+    m_stream->Start(m_parts[m_part]);
 }
 
-void TraceSource::EndSegment() {
-    if (m_layout.segments[m_segment].kind == RecordKind::kRecord) {
+// What cannot be read is passed over, in steps that grow while nothing can be read.
+void TraceSource::EndPart() {
+    Segment& part = m_parts[m_part];
+    if (part.kind == RecordKind::kRecord) {
         m_facts.lost += m_stream->LostBytes();
         if (m_layout.cycle > 0) m_facts.overwritten += m_stream->CutBytes();
     }
-    ++m_segment;
-    StartSegment();
+    if (auto rest = m_stream->Rest()) {
+        m_gap = rest->begin - part.begin > 4096 ? 0 : 2 * m_gap + 4096;
+        rest->begin = part.end = std::min(rest->begin + m_gap, rest->end);
+        if (rest->begin < rest->end) m_parts.insert(m_parts.begin() + m_part + 1, *rest);
+    }
+    if (m_facts.error.empty()) m_facts.error = Readable().Error();
+    ++m_part;
+    StartPart();
+}
+
+// What a header's lines have: a name and its value, or a title.
+static bool IsOfHeader(std::string_view text) {
+    return text == trace_text::kHeaderEnd || text.find_first_of("=:") != text.npos;
 }
 
 bool TraceSource::IsHidden(TraceRecord& record) {
     if (record.kind == RecordKind::kOther) m_facts.foreign += record.line.size();
-    const bool isLog = m_layout.kind == FileKind::kLogFile;
-    if (!isLog && record.kind == RecordKind::kWrap) record.kind = RecordKind::kRecord;
-    if (isLog && record.kind == RecordKind::kRecord) {
-        // A log has its header in front or has none: a message may look like a part of one. Only
-        // failures of the ring come before it.
-        if (record.text == kHeaderBegin && m_isInFront) m_isInHeader = true;
-        m_isInFront = m_isInFront && record.text.starts_with("### InitRingBuffer(): ");
+    if (!IsLog() && record.kind == RecordKind::kWrap) record.kind = RecordKind::kRecord;
+    if (IsLog() && record.kind == RecordKind::kRecord) {
+        // A log has its header at its beginning or has none: a message may look like a part of one.
+        // Only failures of the ring come before it.
+        if (record.text == trace_text::kEnvironment && m_isInFront) m_isInHeader = true;
+        m_isInFront = m_isInFront && record.text.starts_with(trace_text::kRingFailure);
         m_isInHeader = m_isInHeader && IsOfHeader(record.text);
         if (m_isInHeader) record.kind = RecordKind::kHeader;
-        if (record.text == kHeaderEnd) m_isInHeader = false;
+        if (record.text == trace_text::kHeaderEnd) m_isInHeader = false;
     }
     return record.kind != RecordKind::kRecord && !m_showsAll;
 }
@@ -137,34 +126,217 @@ void TraceSource::Count(const TraceRun& run) {
 
 bool TraceSource::Next(TraceRecord& record) {
     while (m_stream) {
-        const bool isSkipped =
-            !m_showsAll && m_layout.segments[m_segment].kind != RecordKind::kRecord;
+        const bool isSkipped = !m_showsAll && m_parts[m_part].kind != RecordKind::kRecord;
         if (isSkipped || !m_stream->Next(record)) {
-            EndSegment();
+            EndPart();
             continue;
         }
         if (IsHidden(record)) continue;
         record.source = m_number;
-        record.sequence = static_cast<uint64_t>(m_segment) << 40 | m_stream->Offset();
+        record.sequence = static_cast<uint64_t>(m_part) << 40 | m_stream->Offset();
         if (record.kind == RecordKind::kRecord) Count({{}, 1, record.time, record.time, 0});
         return true;
     }
     return false;
 }
 
-bool TraceSource::NextRun(TraceRun& run, RunLimit* limit) {
+bool TraceSource::NextRun(TraceRun& run, int64_t before) {
     // A ring has nothing but pre-fill to be hidden among its records.
-    const bool isPlain = m_stream && m_guard && !m_showsAll &&
-                         m_layout.segments[m_segment].kind == RecordKind::kRecord;
-    if (!isPlain || !m_stream->NextRun(run, limit)) return false;
+    const bool isPlain = m_stream && m_layout.kind == FileKind::kRingFile && !m_showsAll &&
+                         m_parts[m_part].kind == RecordKind::kRecord;
+    if (!isPlain || !m_stream->NextRun(run, before)) return false;
     Count(run);
     return true;
 }
 
-void TraceSource::SeekTime(int64_t time) {
-    for (Segment& segment : m_layout.segments) {
-        if (segment.kind == RecordKind::kRecord)
-            SkipOlder(m_log ? m_log->Copy() : m_file, segment, time);
+void TraceSource::Select(int64_t since, int64_t until, uint64_t last) {
+    constexpr uint64_t kSmall = uint64_t{1} << 20;
+    m_isShortened = false;
+    m_parts = m_layout.segments;
+    // A small log is as fast to read, and its header must be seen.
+    if (!m_layout.isCertain) since = INT64_MIN, until = INT64_MAX;
+    if (IsLog() && m_layout.size < kSmall) return Rewind();
+    for (Segment& part : m_parts) {
+        if (part.kind == RecordKind::kRecord) NarrowToTimes(Readable(), part, since, until);
+    }
+    for (size_t i = m_parts.size(); i-- > 0 && last < UINT64_MAX;) {
+        if (m_parts[i].kind != RecordKind::kRecord) continue;
+        const uint64_t begin = m_parts[i].begin;
+        if (last == 0) m_parts[i].begin = m_parts[i].end;
+        if (last > 0) last -= NarrowToLast(Readable(), m_parts[i], last);
+        m_isShortened = m_isShortened || m_parts[i].begin > begin;
     }
     Rewind();
+}
+
+bool TraceSource::IsGood() const {
+    return IsOpen() && m_facts.error.empty() && m_facts.kind != FileKind::kForeignFile;
+}
+
+bool TraceSource::Advance() {
+    if (m_file.IsCompressed()) return false;
+    if (!m_file.IsOpen()) return Reopen();
+    // First: when the name already leads to another file, nothing more is written into this one.
+    const bool isReplaced = m_file.IsReplaced();
+    return AdvanceFile() || (isReplaced && Reopen());
+}
+
+bool TraceSource::AdvanceFile() {
+    if (!IsReady(m_layout)) return BeginAnew();
+    return IsLog() ? AdvanceLog() : AdvanceRing();
+}
+
+bool TraceSource::Reopen() {
+    TraceFile file;
+    if (m_path.ends_with(".gz") || !file.Open(m_path) || file.IsCompressed()) return false;
+    m_stream.reset();
+    m_log.reset();
+    m_layout = {};
+    m_file = std::move(file);
+    m_facts.error.clear();
+    return BeginAnew();
+}
+
+bool TraceSource::BeginAnew(bool isOvertaken) {
+    const uint64_t shown = m_layout.newest;
+    Layout layout = Examine();
+    m_facts.isOvertaken |= isOvertaken;
+    // What is not whole yet is shown once it is; the start-up part of a log has been.
+    const bool isReady = IsReady(layout);
+    for (Segment& each : layout.segments) {
+        if (isOvertaken && m_log && each.begin == 0) each.begin = std::min(shown, each.end);
+    }
+    std::erase_if(layout.segments,
+                  [&](const Segment& each) { return !isReady || each.begin == each.end; });
+    Take(std::move(layout));
+    return !m_parts.empty();
+}
+
+// Whether the bytes before the newest record's end are as they were, as far as they stand after
+// `from`.
+bool TraceSource::IsKept(uint64_t from) const {
+    const uint64_t begin = std::max(m_layout.newest - m_layout.mark.size(), from);
+    if (begin >= m_layout.newest) return false;
+    const std::string now = m_file.Read(begin, m_layout.newest - begin);
+    return m_layout.mark.ends_with(now) && now.size() == m_layout.newest - begin;
+}
+
+bool TraceSource::IsSameRun() const {
+    const uint64_t length = m_layout.run.size();
+    return m_file.Size() == m_layout.size &&
+           m_file.Read(m_layout.start - length, length) == m_layout.run;
+}
+
+// Where the writer is now. Within a cycle the trailer only moves on; the next cycle overwrites the
+// first bytes before there is a trailer again. A ring without its begin record has all of that
+// found anew.
+bool TraceSource::FindPlace(Layout& layout) const {
+    if (layout.run.empty()) {
+        layout = ExamineFile(m_file);
+        return layout.isCertain;
+    }
+    const bool isSameCycle = m_file.Read(layout.start, layout.first.size()) == layout.first;
+    return FindNewest(m_file, isSameCycle ? layout.newest : layout.start, layout);
+}
+
+// Shows what stands after the newest record that was known, to the end of its cycle when that is
+// over, and what the next cycle has.
+bool TraceSource::AdvanceRing() {
+    if (m_file.Size() == m_layout.size && IsUntouched(m_file, m_layout)) return false;
+    if (!IsSameRun()) {
+        // A header that has grown over the begin record leaves the rest as it was.
+        if (m_file.Size() != m_layout.size || !IsKept(0)) return BeginAnew();
+        m_layout.run.clear();
+    }
+    Layout layout = m_layout;
+    const bool isFound = FindPlace(layout) || FindPlace(layout);
+    if (!IsSameRun()) return BeginAnew();
+    if (!isFound) return false;
+    if (layout.run != m_layout.run || layout.start != m_layout.start) return BeginAnew();
+    const bool isNextCycle = !layout.first.starts_with(m_layout.first);
+    const uint64_t shown = m_layout.newest;
+    const bool isTooLate =
+        isNextCycle && (layout.newest > shown || !IsKept(layout.newest + kTrailer.size()));
+    if (isTooLate) return BeginAnew(true);
+    m_parts.clear();
+    if (isNextCycle) {
+        const uint64_t dots = FindDots(m_file, shown, layout.size);
+        if (shown < dots) m_parts.push_back({shown, dots, RecordKind::kRecord, false});
+        m_parts.push_back({layout.start, layout.newest, RecordKind::kRecord, false});
+        m_facts.cycle = layout.cycle = 1;
+    } else if (layout.newest > shown) {
+        m_parts.push_back({shown, layout.newest, RecordKind::kRecord, false});
+    }
+    m_layout = std::move(layout);
+    m_part = 0;
+    StartPart();
+    return !m_parts.empty();
+}
+
+bool TraceSource::AdvanceLog() {
+    switch (m_log->Look(m_layout)) {
+        case LogCopy::News::kNone:
+            return false;
+        case LogCopy::News::kMore:
+            m_facts.cycle = m_layout.cycle;
+            m_parts = m_layout.segments;
+            m_part = 0;
+            StartPart();
+            return true;
+        case LogCopy::News::kOvertaken:
+            return BeginAnew(true);
+        case LogCopy::News::kRestarted:
+        case LogCopy::News::kFailed:
+            break;
+    }
+    return BeginAnew();
+}
+
+namespace {
+
+std::string Times(uint64_t count) {
+    return count == 1 ? "once" : std::to_string(count) + " times";
+}
+
+std::string Bytes(uint64_t count, const char* what) {
+    return count == 0 ? ""
+                      : ", " + std::to_string(count) + (count == 1 ? " byte " : " bytes ") + what;
+}
+
+std::string Span(const SourceFacts& facts) {
+    if (facts.records == 0) return ", no records";
+    return ", " + std::to_string(facts.records) +
+           (facts.records == 1 ? " record read, " : " records read, ") +
+           FormatTime(facts.firstTime).data() + " to " + FormatTime(facts.lastTime).data();
+}
+
+}  // namespace
+
+std::string TraceSource::Describe() const {
+    constexpr const char* kNames[] = {"empty", "not a trace file", "log", "ring"};
+    const bool isRing = m_facts.kind == FileKind::kRingFile;
+    std::string text = isRing && m_facts.isCompressed ? "compressed " : "";
+    text += kNames[static_cast<size_t>(m_facts.kind)];
+    if (isRing || IsLog()) {
+        text += Span(m_facts);
+        text += m_facts.cycle == 0 ? ", not wrapped" : ", wrapped";
+        if (IsLog() && m_facts.cycle > 0) text += " " + Times(m_facts.cycle);
+        if (m_facts.clockBack > 0) text += ", clock went back " + Times(m_facts.clockBack);
+        text += Bytes(m_facts.overwritten, "of older records cut");
+        text += Bytes(m_facts.foreign, "are no records");
+        text += Bytes(m_facts.lost, "overwritten while they were read");
+        if (m_facts.hasUncertainLines)
+            text += ", lines at the end of a cycle may be of older records";
+        if (m_facts.writer != 0 && !m_facts.isCompressed) {
+            const std::string process = "process " + std::to_string(m_facts.writer);
+            const Writing writing = SeeWriter(m_facts.writer, m_file);
+            text += writing == Writing::kYes ? ", " + process + " writes it"
+                    : writing == Writing::kNo
+                        ? ", " + process + " no longer writes it"
+                        : ", whether " + process + " still writes it cannot be seen";
+        }
+        if (!m_facts.problem.empty()) text += "; " + m_facts.problem;
+    }
+    if (m_facts.error.empty()) return text;
+    return IsOpen() ? text + "; " + m_facts.error : m_facts.error;
 }

@@ -5,13 +5,12 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "trace_reader/layout.h"
-#include "trace_reader/log_follower.h"
-#include "trace_reader/record.h"
+#include "trace_reader/log_copy.h"
 #include "trace_reader/record_stream.h"
-#include "trace_reader/ring_guard.h"
-#include "trace_reader/trace_file.h"
 
 // What was found. Counts grow while records are read and are whole at the end.
 struct SourceFacts {
@@ -26,11 +25,12 @@ struct SourceFacts {
     uint64_t overwritten = 0;  // bytes of records whose start had been overwritten
     uint64_t lost = 0;         // bytes that the writer overwrote while they were read
     bool isOvertaken = false;  // records were overwritten before a reader that follows came to them
-    uint64_t foreign = 0;      // bytes in front of the first record
+    uint64_t foreign = 0;      // bytes before the first record
     int writer = 0;            // the process that the header names, 0: none
-    bool isWritten = false;    // that process has the file open
-    bool hasUncertainLines = false;  // as in Layout
-    std::string problem;             // in a few words, empty when there is none
+    bool isCertain = true;     // as in Layout
+    bool hasUncertainLines = false;
+    std::string problem;  // of the layout, in a few words; empty when there is none
+    std::string error;    // what could not be read, and why: something is missing
 };
 
 class TraceSource {
@@ -40,8 +40,7 @@ class TraceSource {
     TraceSource& operator=(const TraceSource&) = delete;
     ~TraceSource() = default;
 
-    // False when there is nothing to read; Facts().problem says why. An empty or foreign file
-    // opens.
+    // False when there is nothing to read; Facts().error says why. An empty or foreign file opens.
     bool Open();
 
     // Everything, also what is no record, in the order: header, older cycle, dots, newer cycle,
@@ -50,14 +49,16 @@ class TraceSource {
 
     // False at the end. The views of a record are valid until the next call for this source.
     [[nodiscard]] bool Next(TraceRecord& record);
-    // Several at once: false where there are none, and Next goes on. Not after a false Next.
-    [[nodiscard]] bool NextRun(TraceRun& run, RunLimit* limit = nullptr);
+    // Several at once, all before this time: false where there are none, and Next goes on. Not
+    // after a false Next.
+    [[nodiscard]] bool NextRun(TraceRun& run, int64_t before = INT64_MAX);
     // Begins again with the first record.
     void Rewind();
-    // To be called before Next: skips records that are older than this time (as in TraceRecord)
-    // without reading them. Some of them may still be given. Where the clock went back over this
-    // time within less than a hundredth of the file, records of this time may be skipped, too.
-    void SeekTime(int64_t time);
+    // To be called before Next: leaves out most of what is older or newer than these times, and
+    // then all but the `last` records, without reading it.
+    void Select(int64_t since, int64_t until, uint64_t last = UINT64_MAX);
+    // Whether records are left out because there are more of them than `last`.
+    [[nodiscard]] bool IsShortened() const { return m_isShortened; }
 
     // For a reader that follows: looks for what was written since the last call of Advance or Open.
     // Next then gives it. A file that was begun anew is given from its start. False: nothing new.
@@ -67,46 +68,53 @@ class TraceSource {
     void Follow() { m_follows = true; }
 
     [[nodiscard]] const SourceFacts& Facts() const { return m_facts; }
+    [[nodiscard]] bool IsLog() const { return m_facts.kind == FileKind::kLogFile; }
     [[nodiscard]] bool HasLost() const { return m_facts.lost > 0 || m_facts.isOvertaken; }
+    // False: it cannot be read, or not all of it, or is no trace file.
+    [[nodiscard]] bool IsGood() const;
+    // "ring, 1234 records read, 2026-11-15 20:04:51.123 to ..., wrapped, process 123 writes it". To
+    // be called when all records were read. Holds nothing that comes from the file unchecked.
+    [[nodiscard]] std::string Describe() const;
+    // What is wrong with the file, in a few words; empty: nothing.
+    [[nodiscard]] const std::string& Problem() const {
+        return m_facts.error.empty() ? m_facts.problem : m_facts.error;
+    }
     [[nodiscard]] const std::string& Path() const { return m_path; }
     [[nodiscard]] const TraceFile& File() const { return m_file; }
-    // Where the newest record ended at the last look.
-    [[nodiscard]] uint64_t NewestEnd() const { return m_layout.newest; }
     [[nodiscard]] bool IsOpen() const { return m_file.IsOpen(); }
 
   private:
     [[nodiscard]] Layout Examine();
     void Take(Layout layout);
-    void Guard();
-    void StartSegment();
-    void EndSegment();
-    bool IsHidden(TraceRecord& record);
+    void Begin(std::vector<Segment> parts);
+    void StartPart();
+    void EndPart();
+    [[nodiscard]] const TraceFile& Readable() const { return m_log ? m_log->File() : m_file; }
+    [[nodiscard]] bool IsHidden(TraceRecord& record);
     void Count(const TraceRun& run);
     [[nodiscard]] bool IsReady(const Layout& layout) const;
-    [[nodiscard]] bool IsUntouched() const;
-    [[nodiscard]] bool IsKept(uint64_t from) const;
     [[nodiscard]] bool AdvanceFile();
     [[nodiscard]] bool Reopen();
     [[nodiscard]] bool BeginAnew(bool isOvertaken = false);
     [[nodiscard]] bool AdvanceRing();
     [[nodiscard]] bool AdvanceLog();
+    [[nodiscard]] bool IsKept(uint64_t from) const;
     [[nodiscard]] bool IsSameRun() const;
-    [[nodiscard]] bool LookAgain(Layout& layout, bool mustBeLikely) const;
-    [[nodiscard]] bool AwaitPlace(Layout& layout) const;
-    [[nodiscard]] bool GoOn(Layout layout, bool isNextCycle);
+    [[nodiscard]] bool FindPlace(Layout& layout) const;
 
     std::string m_path;
     uint16_t m_number;
     bool m_showsAll = false;
     bool m_follows = false;
+    bool m_isShortened = false;
     TraceFile m_file;
-    std::optional<LogFollower> m_log;  // of a log that is followed; its copy is what is read
+    std::optional<LogCopy> m_log;  // of a log that is followed; the copy is what is read
     Layout m_layout;
-    std::optional<RingGuard> m_guard;
+    std::vector<Segment> m_parts;  // what is read
+    size_t m_part = 0;
     std::optional<RecordStream> m_stream;
-    size_t m_segment = 0;
-    bool m_isInHeader = false;      // of a log
-    bool m_isInFront = false;       // nothing but what may stand in front of a header was read
-    bool m_beginsInHeader = false;  // what is given since the last look
+    uint64_t m_gap = 0;         // how much was passed over since something could be read
+    bool m_isInHeader = false;  // of a log
+    bool m_isInFront = false;   // nothing but what may stand before a header was read
     SourceFacts m_facts;
 };

@@ -3,7 +3,7 @@
 #include "tests/fuzz/fuzz.h"
 #include "tests/tools/json_check.h"
 #include "tools/kemdctl/trace/printer.h"
-#include "trace_reader/describe.h"
+#include "trace_reader/trace_source.h"
 #include "trace_reader/trace_merge.h"
 
 namespace {
@@ -22,7 +22,7 @@ std::string ReadOneByOne(TraceSource& source, size_t size) {
         text += std::string(record.line) + "\n";
     }
     Require(text.size() <= size + 2, "more than the file has");
-    (void)Describe(source.Facts());
+    (void)source.Describe();
     return text;
 }
 
@@ -105,7 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text = ReadOneByOne(source, size);
     source.Rewind();
     Require(ReadRuns(source) == text, "runs that differ from their records");
-    source.SeekTime(1794773091000);
+    source.Select(1794773091000, INT64_MAX);
     Require(ReadOneByOne(source, size).size() <= text.size(), "seeking found more");
     PrintInAllForms(file.Path());
     second.Fill(bytes.substr(middle));

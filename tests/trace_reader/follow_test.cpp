@@ -36,8 +36,9 @@ class FollowTest : public ReaderTest {
         const int number = static_cast<int>(written.size());
         if (number % 4 == 0) SetClock(++m_second);
         const std::string text = std::to_string(number) + std::string(m_random() % 1500, 'x');
-        const std::string more = number % 9 == 0 ? "\nand " + std::to_string(number) : "";
-        isTrace ? Trace(text) : Message(text.substr(0, 300) + more);
+        const std::string lines =
+            "two lines, " + text.substr(0, 300) + "\nand " + text.substr(0, 9);
+        isTrace ? Trace(text) : Message(number % 9 == 0 ? lines : text.substr(0, 300));
     }
     // The same in bursts, while another thread looks.
     void WriteBursts(int bursts) {

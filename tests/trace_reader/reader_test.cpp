@@ -1,6 +1,6 @@
 // One file at a time: every wrap position and every edge of both layouts.
 #include "tests/trace_reader/written.h"
-#include "trace_reader/describe.h"
+#include "trace_reader/trace_source.h"
 
 namespace {
 
@@ -24,21 +24,34 @@ TEST_F(ReaderTest, LogAtEveryWrapPosition) {
     }
 }
 
-TEST_F(ReaderTest, LogWhoseClockGoesBackStaysInTheOrderOfWriting) {
+TEST_F(ReaderTest, LogWhoseClockGoesBackLosesNothing) {
     Start(0, 3000);
     for (int i = 0; i < 20; ++i) Message(Padded(i));
     debug.InitDone();
-    int wrong = 0;
+    int uncertain = 0, wrong = 0;
     for (int i = 20; i < 400; ++i) {
         SetClock(kStart + i - (i < 100 ? 0 : 60) - (i < 300 ? 0 : 5));
         Message(Padded(i));
-        ASSERT_EQ("", Differ(Whole(kLog), ReadPath(kLog))) << i;
-        WriteFile("/tmp/copy", ReadFile(kLog));
-        wrong += Whole("/tmp/copy") == ReadPath("/tmp/copy") ? 0 : 1;
+        TraceSource source(kLog, 0);
+        ASSERT_TRUE(source.Open());
+        Lines found = Read(source), whole = Whole(kLog);
+        if (source.Facts().isCertain) {
+            wrong += whole == found ? 0 : 1;
+            continue;
+        }
+        ++uncertain;
+        EXPECT_PRED2(Contains, source.Describe(), "the order of its records is not certain");
+        std::erase_if(found, [&whole](const std::string& line) {
+            return std::find(whole.begin(), whole.end(), line) == whole.end();
+        });
+        // A record before a fragment has that as a further line.
+        EXPECT_LE(whole.size(), found.size() + 2) << i;
     }
-    // Without its writer nothing tells where the older records begin when the clock went back and
-    // none of them was cut.
-    EXPECT_LE(wrong, 2);
+    // As long as records from before the change are among the older ones.
+    EXPECT_LT(0, uncertain);
+    EXPECT_GT(110, uncertain);
+    // Nothing tells where the older records begin when none of them was cut.
+    EXPECT_GE(2, wrong);
 }
 
 TEST_F(ReaderTest, LogOfTextsWithSeveralLinesKeepsItsOrder) {
@@ -54,19 +67,13 @@ TEST_F(ReaderTest, LogOfTextsWithSeveralLinesKeepsItsOrder) {
             SetClock(kStart + i);
             Message(Padded(i) + (i % each == 0 ? "\nand " + std::to_string(i) : ""));
             if (i == 70) debug.InitDone();
-            WriteFile("/tmp/copy", ReadFile(kLog));
-            for (const std::string& path : {kLog, std::string("/tmp/copy")}) {
-                TraceSource source(path, 0);
-                ASSERT_TRUE(source.Open());
-                Lines found = Read(source), whole = Whole(path);
-                EXPECT_TRUE(found == whole || source.Facts().hasUncertainLines);
-                const std::string newest = ReadFile(path).substr(0, source.NewestEnd());
-                const bool isSure = path == kLog && !newest.ends_with("(MaxCnt=1745)\n");
-                EXPECT_TRUE(!isSure || found.back().starts_with(written.back()));
-                std::transform(found.begin(), found.end(), found.begin(), headOf);
-                std::transform(whole.begin(), whole.end(), whole.begin(), headOf);
-                ASSERT_EQ("", Differ(whole, found)) << i;
-            }
+            TraceSource source(kLog, 0);
+            ASSERT_TRUE(source.Open());
+            Lines found = Read(source), whole = Whole(kLog);
+            EXPECT_TRUE(found == whole || source.Facts().hasUncertainLines) << i;
+            std::transform(found.begin(), found.end(), found.begin(), headOf);
+            std::transform(whole.begin(), whole.end(), whole.begin(), headOf);
+            ASSERT_EQ("", Differ(whole, found)) << i;
         }
     }
 }
@@ -113,11 +120,13 @@ TEST_F(ReaderTest, WriterThatDiedWithinARecordBehindATextWithATrailer) {
         WriteFile("/tmp/dead", file);
         TraceSource source("/tmp/dead", 0);
         ASSERT_TRUE(source.Open());
-        Lines found = Read(source);
-        ASSERT_TRUE(found.back().starts_with(Prefix().substr(0, 23)));
-        found.pop_back();
-        EXPECT_EQ("", Differ(Whole("/tmp/dead"), found));
-        EXPECT_PRED2(Contains, source.Facts().problem, "no trailer");
+        Lines found = Read(source), whole = Whole("/tmp/dead");
+        EXPECT_PRED2(Contains, source.Describe(), "the order of its records is not certain");
+        for (std::string& line : found) line = line.substr(0, line.find('\n'));
+        for (std::string& line : whole) line = line.substr(0, line.find('\n'));
+        std::sort(found.begin(), found.end());
+        EXPECT_TRUE(std::includes(found.begin(), found.end(), whole.begin(), whole.end()));
+        EXPECT_GE(whole.size() + 1, found.size());
     }
 }
 
@@ -156,7 +165,7 @@ TEST_F(ReaderTest, RingWhoseHeaderHasGrownOverItsFirstRecord) {
         ASSERT_EQ(whole.size() + 1, found.size());
         ASSERT_EQ(1u, more.size());
         EXPECT_TRUE(std::is_sorted(found.begin(), found.end()));
-        EXPECT_PRED2(Contains, Describe(source.Facts()), "damaged");
+        EXPECT_PRED2(Contains, source.Describe(), "damaged");
     }
 }
 
@@ -175,7 +184,7 @@ TEST_F(ReaderTest, RingThroughItsCycles) {
     ASSERT_TRUE(source.Open());
     const size_t count = Read(source).size();
     EXPECT_EQ(count, source.Facts().records);
-    EXPECT_TRUE(source.Facts().isWritten);
+    EXPECT_PRED2(Contains, source.Describe(), " writes it");
     EXPECT_GT(source.Facts().overwritten, 0u);
     EXPECT_EQ("", source.Facts().problem);
 }
@@ -259,19 +268,19 @@ TEST_F(ReaderTest, DamagedAndForeignFiles) {
             return !std::binary_search(whole.begin(), whole.end(), line);
         };
         EXPECT_LE(std::erase_if(found, isCut), 1u);
-        EXPECT_TRUE(std::is_sorted(found.begin(), found.end()));
-        EXPECT_PRED2(Contains, Describe(source.Facts()), problem);
+        EXPECT_TRUE(!source.Facts().isCertain || std::is_sorted(found.begin(), found.end()));
+        EXPECT_PRED2(Contains, source.Describe(), problem);
     };
     std::string file = ring;
     expect(file.substr(0, newest + 100'000), 500, "wrapped");
-    expect(file.substr(0, newest - 100'000), 500, "no trailer");
+    expect(file.substr(0, newest - 100'000), 500, "not certain");
     file.replace(begin - 20, 40, 40, '\0');
     expect(file, 1900, "the record that begins the ring is damaged");
     file.replace(0, 100'000, 100'000, '\0');
     expect(file, 1500, "damaged");
     file = ring;
     file.replace(newest, 16, std::string(16, 'x'));
-    expect(file, 1500, "no trailer");
+    expect(file, 1500, "not certain");
     expect(std::string(300'000, '\0'), 0, "not a trace file");
     expect("#!/bin/sh\nexit 0\n", 0, "not a trace file");
     expect("", 0, "empty");
@@ -280,7 +289,7 @@ TEST_F(ReaderTest, DamagedAndForeignFiles) {
     expect("junk\n" + Record("1") + Record("2"), 0, "4 bytes are no records");
     TraceSource none("/tmp", 0);
     EXPECT_FALSE(none.Open());
-    EXPECT_EQ("not a regular file", none.Facts().problem);
+    EXPECT_EQ("not a regular file", none.Facts().error);
 }
 
 TEST_F(ReaderTest, CompressedFileThatIsCutOrTooLarge) {
@@ -292,7 +301,7 @@ TEST_F(ReaderTest, CompressedFileThatIsCutOrTooLarge) {
     TraceSource cut("/tmp/cut.gz", 0);
     ASSERT_TRUE(cut.Open());
     EXPECT_GT(Read(cut).size(), 50u);
-    EXPECT_PRED2(Contains, Describe(cut.Facts()), "compressed data is damaged or cut");
+    EXPECT_PRED2(Contains, cut.Describe(), "compressed data is damaged or cut");
     for (const std::string& start : {std::string(), Record("1")}) {
         WriteFile("/tmp/bomb", start + std::string(size_t{64} << 20, '\0'));
         ASSERT_EQ(0, system("gzip -f /tmp/bomb"));
@@ -314,7 +323,7 @@ TEST_F(ReaderTest, SeekTimeFindsTheFirstRecordWithoutReadingThoseBefore) {
         SetClock(kStart + second);
         TraceSource source(kRuntimeRing, 0);
         ASSERT_TRUE(source.Open());
-        source.SeekTime((kStart + second) * int64_t{1000});
+        source.Select((kStart + second) * int64_t{1000}, INT64_MAX);
         const Lines found = Read(source);
         const auto isOlder = [](const std::string& line) { return line < Prefix(); };
         EXPECT_LE(std::count_if(found.begin(), found.end(), isOlder), 7000);
@@ -335,7 +344,7 @@ TEST_F(ReaderTest, SeekTimeLeavesNothingOutWhereTheClockWentBack) {
         SetClock(kStart + second);
         TraceSource source(kRuntimeRing, 0);
         ASSERT_TRUE(source.Open());
-        source.SeekTime((kStart + second) * int64_t{1000});
+        source.Select((kStart + second) * int64_t{1000}, INT64_MAX);
         const auto isWanted = [](const std::string& line) { return line >= Prefix(); };
         const Lines found = Read(source);
         EXPECT_EQ(std::count_if(all.begin(), all.end(), isWanted),

@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
 #include <sstream>
 
 #include "tools/kemdctl/small_file.h"
@@ -101,6 +102,16 @@ DaemonEnvironment ReadOwnEnvironment() {
     }
     environment.source = "the environment of this process";
     return environment;
+}
+
+void UseTimeZone(const DaemonEnvironment& environment) {
+    const char* const zone = environment.Find("TZ");
+    if (zone != nullptr) {
+        (void)setenv("TZ", zone, 1);
+    } else {
+        (void)unsetenv("TZ");
+    }
+    tzset();
 }
 
 TraceSettings::TraceSettings(const DaemonEnvironment& environment) {

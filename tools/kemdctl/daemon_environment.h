@@ -32,6 +32,9 @@ DaemonEnvironment ReadDaemonEnvironment(const DaemonState& state);
 // it has none.
 DaemonEnvironment ReadOwnEnvironment();
 
+// Makes the daemon's time zone that of this process.
+void UseTimeZone(const DaemonEnvironment& environment);
+
 // Reads lines NAME=value, with quotes around a value taken off; comments begin with # or ;. Tells
 // of each line that is neither. False, with errno, when the file cannot be read.
 bool ReadDefaultFile(Variables& variables, const std::function<void(size_t line)>& badLine);

@@ -1,5 +1,6 @@
 // kemdctl: the administrator's side of kemd. What can be done is in the table.
 #include <exception>
+#include <new>
 #include <string>
 
 #include "daemon/version.h"
@@ -70,6 +71,9 @@ int main(int argc, char** argv) try {
     CommandLine line(argc, argv);
     const int result = Run(line);
     return FinishOutput() ? result : kError;
+} catch (const std::bad_alloc&) {
+    Complain("there is not enough memory: the output is not whole");
+    return kError;
 } catch (const std::exception& error) {
     Complain("%s", error.what());
     return kError;

@@ -83,6 +83,7 @@ int RunStatus(CommandLine& line) {
     Status status;
     status.state = ReadDaemonState();
     const DaemonEnvironment environment = ReadDaemonEnvironment(status.state);
+    UseTimeZone(environment);
     const TraceSettings settings(environment);
     status.traceDirectory = settings.InForce().logDirectory.Get();
     status.traceSource = environment.source;

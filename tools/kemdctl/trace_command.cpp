@@ -38,7 +38,7 @@ int RunReport(const TraceOptions& options, const std::vector<std::string>& files
         case Report::kVerify:
             return VerifyFiles(files, asJson);
         case Report::kCollect:
-            return CollectFiles(options.reportFile, files);
+            return CollectFiles(options.reportFile, files, options.isQuiet);
         default:
             return RunRecords(options, files);
     }

@@ -9,7 +9,7 @@
 #include "services/base/regular_file.h"
 #include "tools/kemdctl/module_note.h"
 #include "tools/kemdctl/trace/header_report.h"
-#include "trace_reader/prefix.h"
+#include "trace_reader/record.h"
 #include "trace_reader/trace_source.h"
 
 namespace {

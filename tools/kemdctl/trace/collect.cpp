@@ -1,6 +1,9 @@
 #include "tools/kemdctl/trace/collect.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "daemon/version.h"
@@ -11,6 +14,7 @@
 #include "tools/kemdctl/trace/collect_archive.h"
 #include "tools/kemdctl/trace/collect_mask.h"
 #include "tools/kemdctl/trace/header_report.h"
+#include "tools/kemdctl/trace/progress.h"
 #include "trace_reader/trace_source.h"
 
 namespace {
@@ -33,13 +37,20 @@ struct TextMember {
 // than 16 MiB is parted.
 bool CopyMasked(const TraceFile& file, uint64_t size, SecretMask& mask, const TarGzip::Put& put) {
     constexpr size_t kBlock = size_t{1} << 20, kLongest = size_t{16} << 20;
+    constexpr uint64_t kPage = 4096;
     mask.Begin();
     std::string rest, out;
     for (uint64_t at = 0; at < size;) {
         const std::string block = file.Read(at, std::min<uint64_t>(kBlock, size - at));
-        if (block.empty()) break;
-        at += block.size();
         rest += block;
+        at += block.size();
+        if (block.empty() && !file.FailedAt(at)) break;
+        if (file.FailedAt(at)) {
+            // What cannot be read is zero bytes, so that the rest stays in its place.
+            const uint64_t next = std::min(at / kPage * kPage + kPage, size);
+            rest.append(next - at, '\0');
+            at = next;
+        }
         size_t begin = 0;
         for (size_t end = rest.find('\n'); end != rest.npos; end = rest.find('\n', begin)) {
             std::string line = rest.substr(begin, end - begin);
@@ -90,7 +101,9 @@ class Collection {
     // False: it is left out, which is told.
     bool AddTrace(const std::string& path);
     void AddTexts();
-    bool WriteTo(const char* archive);
+    bool WriteTo(const char* archive, bool isQuiet);
+    // Whether all of the traces could be read; what could not is told.
+    [[nodiscard]] bool IsWhole() const;
 
   private:
     bool Put(TarGzip& tar);
@@ -98,13 +111,14 @@ class Collection {
     std::vector<TraceMember> m_traces;
     std::vector<TextMember> m_texts;
     SecretMask m_mask;
+    std::optional<Progress> m_progress;
 };
 
 bool Collection::AddTrace(const std::string& path) {
     TraceSource source(path, 0);
     const bool isOpen = source.Open() && source.Facts().kind != FileKind::kForeignFile;
-    if (!source.Facts().problem.empty()) {
-        Complain("%s: %s%s", Printable(path).c_str(), source.Facts().problem.c_str(),
+    if (!source.Problem().empty()) {
+        Complain("%s: %s%s", Printable(path).c_str(), source.Problem().c_str(),
                  isOpen ? "" : ", left out");
     }
     if (!isOpen) return false;
@@ -145,14 +159,29 @@ bool Collection::Put(TarGzip& tar) {
     }
     for (const TraceMember& trace : m_traces) {
         const bool isPut = tar.Add(kFolder + trace.name, trace.size, [&](const auto& put) {
-            return CopyMasked(trace.file, trace.size, m_mask, put);
+            return CopyMasked(trace.file, trace.size, m_mask, [&](std::string_view text) {
+                m_progress->Add(text.size());
+                return put(text);
+            });
         });
         if (!isPut || !putText(trace.name + ".header.txt", trace.header)) return false;
     }
     return true;
 }
 
-bool Collection::WriteTo(const char* archive) {
+bool Collection::IsWhole() const {
+    bool isWhole = true;
+    for (const TraceMember& trace : m_traces) {
+        const std::string& error = trace.file.Error();
+        if (error.empty()) continue;
+        Complain("%s: %s; in the archive zero bytes stand for what is missing",
+                 Printable(trace.file.Path()).c_str(), error.c_str());
+        isWhole = false;
+    }
+    return isWhole;
+}
+
+bool Collection::WriteTo(const char* archive, bool isQuiet) {
     // A secret of one text may stand in all others; those of the headers are learnt already.
     for (const TextMember& text : m_texts) (void)m_mask.MaskText(text.text);
     OutputFile file(archive, 0600);
@@ -165,23 +194,32 @@ bool Collection::WriteTo(const char* archive) {
         Complain("cannot write %s: gzip is needed", Printable(archive).c_str());
         return false;
     }
+    uint64_t total = 0;
+    for (const TraceMember& trace : m_traces) total += trace.size;
+    m_progress.emplace(archive, total, isQuiet);
     const bool isPut = Put(tar);
     if (!tar.Finish() || !isPut) {
         Complain("cannot write %s: gzip failed", Printable(archive).c_str());
         return false;
     }
-    if (file.Commit()) return true;
+    struct stat status = {};
+    (void)fstat(file.Get(), &status);
+    if (file.Commit()) {
+        m_progress->Finish(static_cast<uint64_t>(status.st_size));
+        return true;
+    }
     (void)FileError("write", archive);
     return false;
 }
 
 }  // namespace
 
-int CollectFiles(const char* archive, const std::vector<std::string>& paths) {
+int CollectFiles(const char* archive, const std::vector<std::string>& paths, bool isQuiet) {
     Collection collection;
     bool isWhole = true;
     for (const std::string& path : paths) isWhole = collection.AddTrace(path) && isWhole;
     collection.AddTexts();
-    if (!collection.WriteTo(archive)) return kError;
+    if (!collection.WriteTo(archive, isQuiet)) return kError;
+    isWhole = collection.IsWhole() && isWhole;
     return isWhole ? kYes : kError;
 }

@@ -6,4 +6,5 @@
 
 // Writes a gzipped tar file, mode 0600, with values of variables that look like secrets masked.
 // kYes or kError, which is told.
-[[nodiscard]] int CollectFiles(const char* archive, const std::vector<std::string>& paths);
+[[nodiscard]] int CollectFiles(const char* archive, const std::vector<std::string>& paths,
+                               bool isQuiet);

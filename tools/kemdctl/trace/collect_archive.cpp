@@ -116,6 +116,12 @@ std::string RunProgram(const std::vector<const char*>& arguments) {
     return text;
 }
 
+// Writes nothing: what is not finished is thrown away.
+TarGzip::~TarGzip() {
+    m_pipe.Reset();
+    if (m_gzip > 0) (void)Wait(m_gzip);
+}
+
 bool TarGzip::Start(int output) {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) != 0) return false;

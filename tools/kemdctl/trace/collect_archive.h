@@ -22,7 +22,7 @@ class TarGzip {
     TarGzip() = default;
     TarGzip(const TarGzip&) = delete;
     TarGzip& operator=(const TarGzip&) = delete;
-    ~TarGzip() { (void)Finish(); }
+    ~TarGzip();
 
     // Starts gzip, which writes to `output`. The three return false when it is not there or ends.
     [[nodiscard]] bool Start(int output);

@@ -4,7 +4,7 @@
 #include <cctype>
 #include <cstring>
 
-#include "trace_reader/prefix.h"
+#include "trace_reader/record.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "tools/kemdctl/json.h"
 #include "tools/kemdctl/text.h"
 #include "tools/kemdctl/trace/printer.h"
-#include "trace_reader/prefix.h"
+#include "trace_reader/record.h"
 
 namespace {
 
@@ -34,12 +34,12 @@ const char* KindName(RecordKind kind) {
             return "begin";
         case RecordKind::kWrap:
             return "wrap";
-        case RecordKind::kEndMark:
+        case RecordKind::kTrailerLine:
             return "trailer";
         case RecordKind::kFill:
             return "fill";
-        case RecordKind::kPiece:
-            return "piece";
+        case RecordKind::kFragment:
+            return "fragment";
         case RecordKind::kOther:
             break;
     }

@@ -130,7 +130,7 @@ int ShowHeaders(const std::vector<std::string>& paths, bool asJson) {
     for (const std::string& path : paths) {
         TraceSource source(path, 0);
         const bool isOpen = source.Open();
-        if (!isOpen) Complain("%s: %s", Printable(path).c_str(), source.Facts().problem.c_str());
+        if (!isOpen) Complain("%s: %s", Printable(path).c_str(), source.Problem().c_str());
         isGood = isGood && isOpen;
         if (!isOpen) continue;
         const std::vector<HeaderEntry> entries = ReadHeader(source);

@@ -1,5 +1,6 @@
 #include "tools/kemdctl/trace/html_report.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <deque>
 #include <utility>
@@ -9,8 +10,8 @@
 #include "tools/kemdctl/text.h"
 #include "tools/kemdctl/trace/html_page.h"
 #include "tools/kemdctl/trace/run_marks.h"
-#include "trace_reader/describe.h"
-#include "trace_reader/prefix.h"
+#include "trace_reader/record.h"
+#include "trace_reader/trace_source.h"
 
 namespace {
 
@@ -50,7 +51,11 @@ class HtmlSink : public RecordSink {
     std::string m_path;
     const TraceMerge* m_merge = nullptr;
     RunSpans m_spans;
-    std::deque<std::string> m_rows;  // JSON
+    struct Row {
+        int64_t time;
+        std::string json;
+    };
+    std::deque<Row> m_rows;
     size_t m_bytes = 0;
     uint64_t m_leftOut = 0;
     uint64_t m_cut = 0;
@@ -65,12 +70,13 @@ void HtmlSink::Take(const TraceRecord& record) {
         text = text.substr(0, kLongestText);
         ++m_cut;
     }
-    m_rows.push_back(InScript("[" + std::to_string(record.time) + "," + thread + "," +
-                              std::to_string(record.residentKb) + "," + JsonQuoted(record.tag) +
-                              "," + JsonQuoted(text) + "," + std::to_string(record.source) + "]"));
-    m_bytes += m_rows.back().size();
+    m_rows.push_back({record.time, InScript("[" + std::to_string(record.time) + "," + thread + "," +
+                                            std::to_string(record.residentKb) + "," +
+                                            JsonQuoted(record.tag) + "," + JsonQuoted(text) + "," +
+                                            std::to_string(record.source) + "]")});
+    m_bytes += m_rows.back().json.size();
     while (m_rows.size() > kMostRows || m_bytes > kMostBytes) {
-        m_bytes -= m_rows.front().size();
+        m_bytes -= m_rows.front().json.size();
         m_rows.pop_front();
         ++m_leftOut;
     }
@@ -80,7 +86,7 @@ std::string HtmlSink::Facts() const {
     std::string text = "\"files\":[";
     for (const auto& source : m_merge->Sources()) {
         text += (text.back() == '[' ? "{\"path\":" : ",{\"path\":") + JsonQuoted(source->Path()) +
-                ",\"facts\":" + JsonQuoted(Describe(source->Facts())) + "}";
+                ",\"facts\":" + JsonQuoted(source->Describe()) + "}";
     }
     return text + "],\"leftOut\":" + std::to_string(m_leftOut) +
            ",\"cut\":" + std::to_string(m_cut);
@@ -88,9 +94,13 @@ std::string HtmlSink::Facts() const {
 
 std::string HtmlSink::Spans() const {
     std::string text = "\"spans\":[";
+    const auto [first, last] = std::minmax_element(
+        m_rows.begin(), m_rows.end(), [](const Row& a, const Row& b) { return a.time < b.time; });
     for (const RunSpan& span : m_spans.All()) {
+        // Rows that were left out may have been the only ones of a phase.
+        if (span.end < first->time || span.begin > last->time) continue;
         text += (text.back() == '[' ? "[" : ",[") + JsonQuoted(span.name) + "," +
-                std::to_string(span.begin) + "," + std::to_string(span.end) +
+                std::to_string(std::max(span.begin, first->time)) + "," + std::to_string(span.end) +
                 (span.isOpen ? ",true]" : ",false]");
     }
     return text + "]";
@@ -100,8 +110,8 @@ bool HtmlSink::PutData(const FileSink& sink) const {
     constexpr size_t kEnough = size_t{1} << 17;
     std::string text = InScript("{" + Facts() + "," + Spans() + ",") + "\"rows\":[";
     bool isFirst = true;
-    for (const std::string& row : m_rows) {
-        text += (isFirst ? "\n" : ",\n") + row;
+    for (const Row& row : m_rows) {
+        text += (isFirst ? "\n" : ",\n") + row.json;
         isFirst = false;
         if (text.size() < kEnough) continue;
         if (!sink(text)) return false;

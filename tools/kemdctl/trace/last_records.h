@@ -5,8 +5,8 @@
 #include <optional>
 #include <vector>
 
-#include "tools/kemdctl/trace/kept_record.h"
 #include "tools/kemdctl/trace/sink.h"
+#include "trace_reader/record.h"
 
 class LastRecords : public RecordSink {
   public:
@@ -15,6 +15,11 @@ class LastRecords : public RecordSink {
 
     void Begin(const TraceMerge& merge) override { m_next.Begin(merge); }
     void Take(const TraceRecord& record) override;
+    [[nodiscard]] uint64_t Kept() const { return m_kept.size(); }
+    void Forget() {
+        m_kept.clear();
+        m_oldest = 0;
+    }
     // Passes on what was kept, and from now on everything.
     void Release();
     [[nodiscard]] bool Finish() override {

@@ -1,5 +1,7 @@
 #include "tools/kemdctl/trace/last_run.h"
 
+#include <array>
+#include <cstdio>
 #include <optional>
 
 #include "tools/kemdctl/json.h"
@@ -7,9 +9,9 @@
 #include "tools/kemdctl/text.h"
 #include "tools/kemdctl/trace/last_run_facts.h"
 #include "tools/kemdctl/trace/trace_files.h"
-#include "trace_reader/prefix.h"
+#include "trace_reader/record.h"
+#include "trace_reader/trace_file.h"
 #include "trace_reader/trace_merge.h"
-#include "trace_reader/writer.h"
 
 namespace {
 
@@ -21,9 +23,11 @@ Writing SeeWriters(const TraceMerge& merge) {
     bool isUnseen = false;
     for (const auto& source : merge.Sources()) {
         if (!source->IsOpen()) continue;
-        const Writing writing = SeeWriter(daemon, source->File());
-        if (source->Facts().isWritten || writing == Writing::kYes) return Writing::kYes;
-        isUnseen = isUnseen || writing == Writing::kUnseen || HidesFiles(source->Facts().writer);
+        for (const int process : {source->Facts().writer, static_cast<int>(daemon)}) {
+            const Writing writing = SeeWriter(process, source->File());
+            if (writing == Writing::kYes) return writing;
+            isUnseen = isUnseen || writing == Writing::kUnseen;
+        }
     }
     return isUnseen ? Writing::kUnseen : Writing::kNo;
 }
@@ -60,7 +64,9 @@ void Show(const LastRun& run, End end) {
     }
     if (!modules.empty()) Write("modules:       " + modules + "\n");
     Write("last records:\n");
-    for (const LastRun::Line& line : run.lastLines) Write("  " + Printable(line.text) + "\n");
+    for (const KeptRecord& record : run.lastRecords) {
+        Write("  " + Printable(record.Get().line) + "\n");
+    }
 }
 
 void PutText(JsonWriter& json, const char* key, std::string_view text) {
@@ -68,8 +74,33 @@ void PutText(JsonWriter& json, const char* key, std::string_view text) {
     json.Text(text);
 }
 
+// As `-o json` shows it.
+void PutRecord(JsonWriter& json, const TraceRecord& record, const std::string& path) {
+    std::array<char, 16> thread{};
+    std::snprintf(thread.data(), thread.size(), "%08X", record.thread);
+    json.Open('{');
+    PutText(json, "time", FormatTime(record.time).data());
+    PutText(json, "thread", thread.data());
+    if (record.residentKb >= 0) {
+        json.Key("residentKb");
+        json.Number(record.residentKb);
+    }
+    PutText(json, "tag", record.tag);
+    PutText(json, "text", record.text);
+    PutText(json, "file", path);
+    json.Close('}');
+}
+
+struct Story {
+    LastRun run;
+    End end = End::kUnknown;
+    std::vector<std::string> paths;  // by TraceRecord::source
+    bool isWhole = true;             // everything could be read
+};
+
 // Into an object that is open.
-void PutRun(JsonWriter& json, const LastRun& run, End end) {
+void PutRun(JsonWriter& json, const Story& story) {
+    const auto& [run, end, paths, isWhole] = story;
     PutText(json, "end", EndName(end));
     PutText(json, "description", DescribeEnd(run, end));
     PutText(json, run.hasBegin ? "began" : "oldest", FormatTime(run.begin).data());
@@ -89,25 +120,28 @@ void PutRun(JsonWriter& json, const LastRun& run, End end) {
     json.Close(']');
     json.Key("lastRecords");
     json.Open('[');
-    for (const LastRun::Line& line : run.lastLines) json.Text(line.text);
+    for (const KeptRecord& kept : run.lastRecords) {
+        const TraceRecord record = kept.Get();
+        PutRecord(json, record, paths[record.source]);
+    }
     json.Close(']');
 }
-
-struct Story {
-    LastRun run;
-    End end = End::kUnknown;
-};
 
 // What cannot be read is told. Nothing when there are no records.
 std::optional<Story> ReadRun(const std::vector<std::string>& paths) {
     TraceMerge merge;
     for (const std::string& path : paths) merge.Add(path);
-    for (const auto& source : merge.Sources()) {
-        if (source->IsOpen() && source->Facts().problem.empty()) continue;
-        Complain("%s: %s", Printable(source->Path()).c_str(), source->Facts().problem.c_str());
-    }
+    // What a run said at its start is in the log and in the start-up ring, the rest at the end.
+    constexpr uint64_t kMost = 100'000;
+    merge.Select(INT64_MIN, INT64_MAX, kMost);
     Story story;
     for (TraceRecord record; merge.Next(record);) story.run.Take(record);
+    for (const auto& source : merge.Sources()) {
+        story.paths.push_back(source->Path());
+        story.isWhole = story.isWhole && source->IsGood();
+        if (source->Problem().empty()) continue;
+        Complain("%s: %s", Printable(source->Path()).c_str(), source->Problem().c_str());
+    }
     if (story.run.records == 0) return std::nullopt;
     story.end = story.run.HowEnded(SeeWriters(merge));
     return story;
@@ -123,12 +157,12 @@ void ShowWithKept(const Story& story, const std::optional<Story>& kept, const Ke
     }
     JsonWriter json;
     json.Open('{');
-    PutRun(json, story.run, story.end);
+    PutRun(json, story);
     if (kept) {
         json.Key("kept");
         json.Open('{');
         PutText(json, "directory", place.path);
-        PutRun(json, kept->run, kept->end);
+        PutRun(json, *kept);
         json.Close('}');
     }
     json.Close('}');
@@ -156,7 +190,7 @@ void PutKept(JsonWriter& json, size_t number, const KeptPlace& place,
     PutText(json, "directory", place.path);
     json.Key("size");
     json.Number(static_cast<int64_t>(place.size));
-    if (story) PutRun(json, story->run, story->end);
+    if (story) PutRun(json, *story);
     json.Close('}');
 }
 
@@ -176,6 +210,7 @@ int ShowLastRun(const std::vector<std::string>& paths, const std::vector<KeptPla
         Complain("whether a process still writes the files cannot be seen: only root may ask");
         return kError;
     }
+    if (!story->isWhole) return kError;
     return story->end == End::kRunning || story->end == End::kStopped ? kYes : kNo;
 }
 

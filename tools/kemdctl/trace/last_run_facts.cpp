@@ -66,8 +66,11 @@ void LastRun::Take(const TraceRecord& record) {
     end = record.time;
     ++records;
     constexpr size_t kLongest = 2048;
-    lastLines.push_back({std::string(record.line.substr(0, kLongest)), record.time});
-    if (lastLines.size() > kLastLines) lastLines.pop_front();
+    TraceRecord kept = record;
+    kept.line = record.line.substr(0, kLongest);
+    kept.text.remove_suffix(std::min(record.line.size() - kept.line.size(), kept.text.size()));
+    lastRecords.emplace_back().Keep(kept);
+    if (lastRecords.size() > kLastRecords) lastRecords.pop_front();
 }
 
 LastRun::End LastRun::HowEnded(Writing writing) const {

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "trace_reader/record.h"
-#include "trace_reader/writer.h"
+#include "trace_reader/trace_file.h"
 
 struct LastRun {
     enum class End : uint8_t { kRunning, kStopped, kKilled, kDiedAtStart, kDied, kUnknown };
@@ -17,11 +17,7 @@ struct LastRun {
         std::string_view name;
         int64_t since = 0;
     };
-    struct Line {
-        std::string text;
-        int64_t time = 0;
-    };
-    static constexpr size_t kLastLines = 10;
+    static constexpr size_t kLastRecords = 10;
 
     uint64_t records = 0;
     bool hasBegin = false;  // the trace goes back to it
@@ -34,7 +30,7 @@ struct LastRun {
     std::string runLevel;
     std::optional<Call> openCall;                // the daemon makes one after the other
     std::map<std::string, std::string> modules;  // their last states
-    std::deque<Line> lastLines;
+    std::deque<KeptRecord> lastRecords;          // the first 2 KiB of each
 
     // All records in order; a start of the daemon begins it anew.
     void Take(const TraceRecord& record);

@@ -1,5 +1,6 @@
 #include "tools/kemdctl/trace/options.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <initializer_list>
@@ -211,8 +212,22 @@ std::string FindConflict(const TraceOptions& options) {
 
 }  // namespace
 
+// -n1 is -n 1.
+static void PartShortOptions(CommandLine& line) {
+    for (CommandLine::Option& each : line.options) {
+        const std::string_view name = each.name.substr(0, 2);
+        const auto* word = std::find_if(std::begin(kWords), std::end(kWords),
+                                        [name](const Word& one) { return one.name == name; });
+        if (each.name.size() == 2 || word == std::end(kWords) || word->kind == Kind::kFlag)
+            continue;
+        each.value = each.name.data() + name.size();  // up to the end of its word
+        each.name = name;
+    }
+}
+
 std::optional<TraceOptions> ParseTraceOptions(CommandLine& line) {
     Parser parser;
+    PartShortOptions(line);
     std::vector<std::string_view> names;
     for (const Word& word : kWords) {
         if (!TakeWord(line, word, parser)) return {};

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "tools/kemdctl/text.h"
 #include "tools/kemdctl/trace/html_report.h"
@@ -41,7 +42,7 @@ std::unique_ptr<RecordSink> MakeReportSink(const TraceOptions& options) {
         case Report::kStats:
             return MakeStatsSink(options.form == Form::kJson);
         case Report::kExport:
-            return MakeTimelineSink(options.reportFile);
+            return MakeTimelineSink(options.reportFile, options.isQuiet);
         case Report::kHtml:
             return MakeHtmlSink(options.reportFile);
         default:
@@ -65,6 +66,8 @@ class RecordRun {
     bool Open(const std::vector<std::string>& files);
     // Nothing is left out, so that nobody needs to look at the records one by one.
     [[nodiscard]] bool TakesRuns() const;
+    // What is there when the command begins.
+    void ReadFirst();
     void Read();
     void Take(const TraceRecord& record);
     void Follow();
@@ -84,6 +87,7 @@ class RecordRun {
     bool m_goesOn;
     bool m_isWaiting;  // for the pattern: what was written before the call counts when it was asked
                        // for
+    bool m_isComplete = false;
     bool m_hasMatched = false;
     bool m_isInterrupted = false;
     std::vector<bool> m_isLossTold;  // by source
@@ -103,15 +107,34 @@ bool RecordRun::Open(const std::vector<std::string>& files) {
         }
         m_merge.Add(file);
     }
-    // Behind a clock that went back records could be skipped, the start among them.
-    if (m_options.choice.since && !m_start) m_merge.SeekTime(*m_options.choice.since);
     return true;
+}
+
+// Reads no more than is needed: of the last records, as far back as it takes to have enough.
+void RecordRun::ReadFirst() {
+    constexpr uint64_t kLeast = 4096, kFactor = 16;
+    const Choice& choice = m_options.choice;
+    const int64_t since = choice.since.value_or(INT64_MIN);
+    const int64_t until = m_goesOn ? INT64_MAX : choice.until.value_or(INT64_MAX);
+    const bool isShort = m_options.last && !m_start && !m_options.isRaw && !m_options.waitFor;
+    uint64_t last = UINT64_MAX;
+    if (isShort) last = choice.TakesAll() ? std::max<uint64_t>(*m_options.last, 1) : kLeast;
+    for (;; last *= kFactor) {
+        // After a clock that went back records could be left out, the start among them.
+        if (!m_start) m_merge.Select(since, until, last);
+        m_isComplete = false;
+        Read();
+        if (!m_merge.IsShortened() || m_last.Kept() >= *m_options.last || IsOver()) return;
+        m_last.Forget();
+    }
 }
 
 void RecordRun::Take(const TraceRecord& record) {
     if (m_start && !m_start->IsAt(record)) return;
     m_start.reset();
-    if (!m_options.choice.Takes(record)) return;
+    // Before that, records of other files may be missing.
+    m_isComplete = m_isComplete || m_merge.IsComplete();
+    if (!m_isComplete || !m_options.choice.Takes(record)) return;
     m_hasMatched = m_isWaiting && m_options.waitFor && m_options.waitFor->IsIn(record.text);
     if (!m_options.waitFor || m_options.follows || m_hasMatched) m_last.Take(record);
 }
@@ -142,33 +165,31 @@ std::optional<int64_t> RecordRun::TimeLeft() const {
     return left;
 }
 
-// Once for each file, even to who wants to know little: records are missing in what was shown.
+// Once for each file, also with --quiet: what was shown is not what was written.
 void RecordRun::TellLosses() {
     m_isLossTold.resize(m_merge.Sources().size());
     for (size_t i = 0; i < m_isLossTold.size(); ++i) {
         const TraceSource& source = *m_merge.Sources()[i];
-        if (!source.HasLost() || m_isLossTold[i]) continue;
+        const SourceFacts& facts = source.Facts();
+        const bool isMixed = !facts.isCertain && facts.records > 0;
+        if ((!source.HasLost() && !isMixed) || m_isLossTold[i]) continue;
         m_isLossTold[i] = true;
-        Complain("%s: records were overwritten before they could be shown",
-                 Printable(source.Path()).c_str());
+        Complain("%s: %s", Printable(source.Path()).c_str(),
+                 isMixed ? facts.problem.c_str()
+                         : "records were overwritten before they could be shown");
     }
 }
 
 void RecordRun::Follow() {
     const Stopper stopper(TimeLeft());
-    Read();
+    ReadFirst();
+    TellLosses();
     m_last.Release();
     m_isWaiting = true;
     for (bool isLast = false; !isLast && !IsOver();) {
         if (m_show) m_show->Flush();
         isLast = stopper.IsOver() || stopper.IsInterrupted();
-        m_watch.Arm(m_merge);
-        // What came before it was armed wakes nobody.
-        if (m_merge.Advance()) {
-            Read();
-        } else if (!isLast && !m_watch.Wait(STDOUT_FILENO)) {
-            return;
-        }
+        if (!isLast && !m_watch.Wait(STDOUT_FILENO)) return;
         while (!IsOver() && m_merge.Advance()) Read();
         TellLosses();
     }
@@ -178,23 +199,28 @@ void RecordRun::Follow() {
 int RecordRun::Finish() {
     if (!m_last.Finish()) return kError;
     const bool hasFound = m_show ? m_show->HasShown() : m_last.Passed() > 0;
-    // Who has left wants to know nothing; otherwise the pager ends before anything else is said.
+    // A reader that has gone away is told nothing; otherwise the pager ends before anything is
+    // said.
     const bool isQuiet = m_options.isQuiet || IsClosed();
     m_show.reset();
+    const bool isGood = m_goesOn ? TellErrors(m_merge) : TellFacts(m_merge, isQuiet);
+    if (!isGood) return kError;
     if (m_options.waitFor) return m_hasMatched ? kYes : kNo;
-    if (m_goesOn) return hasFound || m_isInterrupted ? kYes : kNo;
-    return !TellFacts(m_merge, isQuiet) ? kError : hasFound ? kYes : kNo;
+    return hasFound || m_isInterrupted ? kYes : kNo;
 }
 
-int RecordRun::Run(const std::vector<std::string>& files) {
+int RecordRun::Run(const std::vector<std::string>& files) try {
     if (!Open(files)) return kError;
     m_last.Begin(m_merge);
     if (m_goesOn) {
         Follow();
     } else {
-        Read();
+        ReadFirst();
     }
     return Finish();
+} catch (const std::bad_alloc&) {
+    if (m_show) m_show->Flush();  // what there is
+    throw;
 }
 
 }  // namespace

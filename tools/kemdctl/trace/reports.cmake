@@ -11,7 +11,7 @@ target_sources(kemdctl PRIVATE ${KEMD_PAGE}
   tools/kemdctl/trace/collect.cpp tools/kemdctl/trace/collect_archive.cpp
   tools/kemdctl/trace/collect_mask.cpp tools/kemdctl/trace/header_report.cpp
   tools/kemdctl/trace/html_report.cpp tools/kemdctl/trace/last_run.cpp
-  tools/kemdctl/trace/last_run_facts.cpp tools/kemdctl/trace/run_marks.cpp
+  tools/kemdctl/trace/last_run_facts.cpp tools/kemdctl/trace/progress.cpp tools/kemdctl/trace/run_marks.cpp
   tools/kemdctl/trace/stats.cpp tools/kemdctl/trace/stats_histogram.cpp
   tools/kemdctl/trace/stats_json.cpp tools/kemdctl/trace/stats_tally.cpp
   tools/kemdctl/trace/stats_text.cpp tools/kemdctl/trace/timeline_export.cpp

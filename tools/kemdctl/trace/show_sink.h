@@ -6,11 +6,11 @@
 #include <optional>
 #include <string_view>
 
-#include "tools/kemdctl/trace/kept_record.h"
 #include "tools/kemdctl/trace/options.h"
 #include "tools/kemdctl/trace/output.h"
 #include "tools/kemdctl/trace/printer.h"
 #include "tools/kemdctl/trace/sink.h"
+#include "trace_reader/record.h"
 
 class ShowSink : public RecordSink {
   public:

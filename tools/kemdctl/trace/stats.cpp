@@ -84,7 +84,7 @@ std::optional<int64_t> WholeSpan(const std::string& path) {
     TraceRecord record;
     if (!source.Open() || !source.Next(record)) return std::nullopt;
     const int64_t oldest = record.time;
-    source.SeekTime(INT64_MAX);
+    source.Select(INT64_MIN, INT64_MAX, 1);
     while (source.Next(record)) continue;
     return std::max<int64_t>(source.Facts().lastTime - oldest, 0);
 }

@@ -1,6 +1,6 @@
 #include "tools/kemdctl/json.h"
 #include "tools/kemdctl/trace/stats_facts.h"
-#include "trace_reader/prefix.h"
+#include "trace_reader/record.h"
 
 namespace {
 

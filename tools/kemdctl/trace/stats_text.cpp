@@ -6,8 +6,8 @@
 #include "tools/kemdctl/command.h"
 #include "tools/kemdctl/text.h"
 #include "tools/kemdctl/trace/stats_facts.h"
-#include "trace_reader/describe.h"
-#include "trace_reader/prefix.h"
+#include "trace_reader/record.h"
+#include "trace_reader/trace_source.h"
 
 namespace {
 
@@ -106,7 +106,7 @@ void ShowFiles(const TraceStats& stats, const TraceMerge& merge) {
     for (size_t i = 0; i < merge.Sources().size(); ++i) {
         const TraceSource& source = *merge.Sources()[i];
         const SourceFacts& facts = source.Facts();
-        Write("  " + Printable(source.Path()) + ": " + Describe(facts) + "\n");
+        Write("  " + Printable(source.Path()) + ": " + source.Describe() + "\n");
         const auto reach = ReachOf(stats.reach[i], source);
         if (!reach) continue;
         Write(std::string("    ") + (facts.cycle > 0 ? "reaches back " : "will reach back about ") +

@@ -6,7 +6,9 @@
 #include <ctime>
 #include <string>
 
-#include "trace_reader/prefix.h"
+#include "tools/kemdctl/daemon_environment.h"
+#include "tools/kemdctl/daemon_state.h"
+#include "trace_reader/record.h"
 
 namespace {
 
@@ -94,6 +96,9 @@ int64_t ClockNow() {
 
 int64_t LocalTime(int64_t utcMilliseconds) {
     using namespace std::chrono;
+    // The trace has the daemon's time, whatever the caller's is.
+    static const bool isZoneSet = (UseTimeZone(ReadDaemonEnvironment(ReadDaemonState())), true);
+    (void)isZoneSet;
     const auto second = floor<seconds>(milliseconds(utcMilliseconds));
     const auto time = static_cast<time_t>(second.count());
     struct tm parts = {};

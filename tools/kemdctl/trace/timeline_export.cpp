@@ -7,8 +7,9 @@
 #include "tools/kemdctl/json.h"
 #include "tools/kemdctl/output_file.h"
 #include "tools/kemdctl/text.h"
+#include "tools/kemdctl/trace/progress.h"
 #include "tools/kemdctl/trace/run_marks.h"
-#include "trace_reader/prefix.h"
+#include "trace_reader/record.h"
 
 namespace {
 
@@ -16,7 +17,8 @@ namespace {
 // phases.
 class TimelineSink : public RecordSink {
   public:
-    explicit TimelineSink(std::string path) : m_file(std::move(path), 0600) {}
+    TimelineSink(const std::string& path, bool isQuiet)
+        : m_file(path, 0600), m_progress(path, 0, isQuiet) {}
 
     void Begin(const TraceMerge& merge) override;
     void Take(const TraceRecord& record) override;
@@ -31,6 +33,8 @@ class TimelineSink : public RecordSink {
     void Flush();
 
     OutputFile m_file;
+    Progress m_progress;
+    uint64_t m_size = 0;
     bool m_isGood = true;
     bool m_isFirst = true;
     std::string m_text;
@@ -52,6 +56,8 @@ void TimelineSink::Flush() {
         (void)FileError("write", m_file.Path());
         m_isGood = false;
     }
+    m_size += m_text.size();
+    m_progress.Add(m_text.size());
     m_text.clear();
 }
 
@@ -133,11 +139,12 @@ bool TimelineSink::Finish() {
         (void)FileError("write", m_file.Path());
         m_isGood = false;
     }
+    if (m_isGood) m_progress.Finish(m_size);
     return m_isGood;
 }
 
 }  // namespace
 
-std::unique_ptr<RecordSink> MakeTimelineSink(std::string path) {
-    return std::make_unique<TimelineSink>(std::move(path));
+std::unique_ptr<RecordSink> MakeTimelineSink(const std::string& path, bool isQuiet) {
+    return std::make_unique<TimelineSink>(path, isQuiet);
 }

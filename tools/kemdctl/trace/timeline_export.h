@@ -8,4 +8,4 @@
 
 // The file is there whole when the sink has finished, or as it was. Records go to the disk as they
 // come.
-[[nodiscard]] std::unique_ptr<RecordSink> MakeTimelineSink(std::string path);
+[[nodiscard]] std::unique_ptr<RecordSink> MakeTimelineSink(const std::string& path, bool isQuiet);

@@ -12,7 +12,7 @@
 #include "tools/kemdctl/daemon_state.h"
 #include "tools/kemdctl/kept_runs.h"
 #include "tools/kemdctl/text.h"
-#include "trace_reader/describe.h"
+#include "trace_reader/trace_source.h"
 
 namespace {
 
@@ -32,7 +32,11 @@ void AddDirectory(const std::string& directory, bool mayCome, std::vector<std::s
     for (const char* const name : kTraceFileNames) {
         const std::string path = directory + "/" + name;
         if (isStarting && path.ends_with(".gz")) continue;
-        if (mayCome || IsThere(path, false)) files.push_back(path);
+        const bool isThere = IsThere(path, false);
+        // One that may not be looked at is told when it is opened, and stands for the others.
+        const bool isHidden = !isThere && errno != ENOENT;
+        if (mayCome || isThere || isHidden) files.push_back(path);
+        if (isHidden) break;
     }
 }
 
@@ -83,12 +87,21 @@ std::vector<std::string> ListTraceFiles(std::vector<std::string> named, bool may
 bool TellFacts(const TraceMerge& merge, bool isQuiet) {
     bool isGood = true;
     for (const auto& source : merge.Sources()) {
-        const SourceFacts& facts = source->Facts();
-        const bool isBad = !source->IsOpen() || facts.kind == FileKind::kForeignFile;
-        if (isBad || !isQuiet) {
-            Complain("%s: %s", Printable(source->Path()).c_str(), Describe(facts).c_str());
+        if (!source->IsGood() || !isQuiet) {
+            Complain("%s: %s", Printable(source->Path()).c_str(), source->Describe().c_str());
         }
-        isGood = isGood && !isBad;
+        isGood = isGood && source->IsGood();
+    }
+    return isGood;
+}
+
+bool TellErrors(const TraceMerge& merge) {
+    bool isGood = true;
+    for (const auto& source : merge.Sources()) {
+        const std::string& error = source->Facts().error;
+        if (error.empty() || error == std::strerror(ENOENT)) continue;  // it did not come
+        Complain("%s: %s", Printable(source->Path()).c_str(), error.c_str());
+        isGood = false;
     }
     return isGood;
 }

@@ -27,3 +27,5 @@ struct KeptPlace {
 // One line for each file on standard error, when quiet only for those that could not be read or are
 // no trace files. False when there is such a one.
 bool TellFacts(const TraceMerge& merge, bool isQuiet);
+// The same, but only what could not be read, for a command that followed the files.
+[[nodiscard]] bool TellErrors(const TraceMerge& merge);

@@ -6,8 +6,7 @@
 #include "tools/kemdctl/json.h"
 #include "tools/kemdctl/text.h"
 #include "tools/kemdctl/trace/header_report.h"
-#include "trace_reader/describe.h"
-#include "trace_reader/prefix.h"
+#include "trace_reader/record.h"
 #include "trace_reader/trace_source.h"
 
 namespace {
@@ -74,7 +73,7 @@ Verdict Verify(const std::string& path) {
     Verdict verdict;
     TraceSource source(path, 0);
     if (!source.Open() || source.Facts().kind == FileKind::kForeignFile) {
-        verdict.summary = source.Facts().problem;
+        verdict.summary = source.Problem();
         return verdict;
     }
     verdict.isReadable = true;
@@ -88,7 +87,7 @@ Verdict Verify(const std::string& path) {
     if (facts.foreign > 0) verdict.findings.push_back(Bytes(facts.foreign) + " are no records");
     if (!facts.problem.empty()) verdict.findings.push_back(facts.problem);
     if (facts.kind == FileKind::kEmptyFile) verdict.findings.emplace_back("is empty");
-    verdict.summary = Describe(facts);
+    verdict.summary = source.Describe();
     return verdict;
 }
 

@@ -7,52 +7,42 @@
 
 #include "trace_reader/layout.h"
 #include "trace_reader/trace_file.h"
-#include "trace_reader/writer.h"
 
-class LogFollower {
+class LogCopy {
   public:
     // The log outlives it.
-    explicit LogFollower(const TraceFile& log) : m_log(log) {}
+    explicit LogCopy(const TraceFile& log) : m_log(log) {}
 
     // Copies the log as it is at one moment. False when there is no memory.
-    [[nodiscard]] bool Begin();
-    [[nodiscard]] const TraceFile& Copy() const { return m_copy; }
-    // Where the writer was when the copy was made, 0: not known.
-    [[nodiscard]] uint64_t Position() const { return m_position; }
+    [[nodiscard]] bool Take();
+    [[nodiscard]] const TraceFile& File() const { return m_copy; }
     // The newest record of the copy ends here or at its layout's newest, or between them.
     void SetCertain(uint64_t certain) { m_certain = certain; }
 
     enum class News {
         kNone,
         kMore,       // in the segments of the layout
-        kAnew,       // the log is another one now
+        kRestarted,  // the log is another one now
         kOvertaken,  // records are gone that were not taken over
         kFailed,     // there is no memory
     };
-    // Takes over what was written behind the newest record of this layout of the copy. After
-    // kAnew, kOvertaken and kFailed the copy is of no use: Begin it again.
+    // Takes over what was written after the newest record of this layout of the copy. After
+    // kRestarted, kOvertaken and kFailed the copy is of no use: Take it again.
     [[nodiscard]] News Look(Layout& layout);
 
   private:
     [[nodiscard]] bool CopyRange(uint64_t begin, uint64_t end);
-    [[nodiscard]] uint64_t FindChange(uint64_t end) const;
+    [[nodiscard]] uint64_t FindChange(uint64_t begin, uint64_t end) const;
     [[nodiscard]] uint64_t FindChangedEnd(uint64_t begin, uint64_t limit) const;
-    [[nodiscard]] uint64_t FindLineEnd(uint64_t begin, uint64_t changedEnd);
-    [[nodiscard]] uint64_t SkipLines(uint64_t end, uint64_t changedEnd, uint64_t limit) const;
+    [[nodiscard]] uint64_t SkipLines(uint64_t end, uint64_t limit) const;
     [[nodiscard]] uint64_t TakeOver(uint64_t begin, uint64_t limit);
-    [[nodiscard]] uint64_t TakeOverWritten(uint64_t begin, uint64_t limit);
-    [[nodiscard]] uint64_t ComparedEnd(const Layout& layout);
+    [[nodiscard]] uint64_t ComparedEnd(const Layout& layout) const;
     [[nodiscard]] uint64_t Resume(uint64_t newest) const;
-    [[nodiscard]] bool HasWrapLine(uint64_t begin, uint64_t end) const;
     [[nodiscard]] News GoOn(Layout& layout);
     [[nodiscard]] News BeginCycle(const WrapLine& wrap, Layout& layout);
 
     const TraceFile& m_log;
     TraceFile m_copy;
-    WritePosition m_writer;
-    uint64_t m_position = 0;
-    uint64_t m_size = 0;  // of the log at the last look
-    int64_t m_modified = 0;
-    uint64_t m_certain = 0;  // the newest record ends here, or at the layout's newest
+    uint64_t m_certain = 0;
     bool m_hasFailed = false;
 };

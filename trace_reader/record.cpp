@@ -1,4 +1,4 @@
-#include "trace_reader/prefix.h"
+#include "trace_reader/record.h"
 
 #include <algorithm>
 #include <chrono>
@@ -7,11 +7,9 @@
 
 namespace {
 
-constexpr std::string_view kUnknownTime = "yyyy-mm-dd hh:mm:ss.mmm";
 constexpr std::string_view kSecondForm = "dddd-dd-dd dd:dd:dd";
-constexpr std::string_view kUnit = " KB !";
-constexpr size_t kMemoryWidth = 8;
-constexpr size_t kPrefixLimit = 128;
+
+using trace_text::kTagWidth;
 
 bool IsDigit(char c) {
     return c >= '0' && c <= '9';
@@ -43,14 +41,33 @@ bool TakeMemory(std::string_view& rest, int64_t& residentKb) {
     for (; end < rest.size() && IsDigit(rest[end]); ++end) {
         if (number <= INT64_MAX / 100) number = number * 10 + (rest[end] - '0');
     }
-    const bool isThere = end > start && end >= kMemoryWidth && rest.substr(end).starts_with(kUnit);
+    const bool isThere = end > start && end >= trace_text::kMemoryWidth &&
+                         rest.substr(end).starts_with(trace_text::kMemoryUnit);
     if (!isThere) return false;
     residentKb = number;
-    rest.remove_prefix(end + kUnit.size());
+    rest.remove_prefix(end + trace_text::kMemoryUnit.size());
     return true;
 }
 
 }  // namespace
+
+void KeptRecord::Keep(const TraceRecord& record) {
+    const auto offsetOf = [&record](std::string_view part) {
+        return part.empty() ? 0 : static_cast<size_t>(part.data() - record.line.data());
+    };
+    m_record = record;
+    m_line.assign(record.line);
+    m_tag = offsetOf(record.tag);
+    m_text = offsetOf(record.text);
+}
+
+TraceRecord KeptRecord::Get() const {
+    TraceRecord record = m_record;
+    record.line = m_line;
+    record.tag = record.line.substr(m_tag, m_record.tag.size());
+    record.text = record.line.substr(m_text, m_record.text.size());
+    return record;
+}
 
 bool ParseSecond(const char* bytes, int64_t& time) {
     for (size_t i = 0; i < kSecondForm.size(); ++i) {
@@ -106,8 +123,8 @@ bool PrefixParser::TakeThread(const char* bytes) {
 
 PrefixParser::Head PrefixParser::ParseNewHead(const char* bytes, size_t length) {
     if (length < kHeadLength || !TakeThread(bytes + kThreadAt)) return {};
-    const std::string_view time(bytes, kUnknownTime.size());
-    if (time == kUnknownTime) return {m_time, m_threadNumber, 1};
+    const std::string_view time(bytes, trace_text::kUnknownTime.size());
+    if (time == trace_text::kUnknownTime) return {m_time, m_threadNumber, 1};
     return TakeSecond(bytes) ? ParseHead(bytes, length) : Head{};
 }
 
@@ -129,7 +146,7 @@ void PrefixParser::ParseRest(TraceRecord& record) {
         (void)TakeMemory(rest, record.residentKb);
     }
     const size_t length = TagLength(rest);
-    const size_t limit = kPrefixLimit - (record.line.size() - rest.size());
+    const size_t limit = trace_text::kPrefixLimit - (record.line.size() - rest.size());
     const size_t end = std::min(length, std::max(limit, kTagWidth));
     record.tag = rest.substr(0, end);
     const bool isKnown = end == kTagWidth && rest.size() > kTagWidth;
