@@ -91,7 +91,7 @@ void TraceSource::EndPart() {
         rest->begin = part.end = std::min(rest->begin + m_gap, rest->end);
         if (rest->begin < rest->end) m_parts.insert(m_parts.begin() + m_part + 1, *rest);
     }
-    if (m_facts.error.empty()) m_facts.error = Readable().Error();
+    if (m_facts.error.empty()) m_facts.error = m_file.Error();
     ++m_part;
     StartPart();
 }
@@ -174,6 +174,7 @@ bool TraceSource::IsGood() const {
 }
 
 bool TraceSource::Advance() {
+    m_isBusy = false;
     if (m_file.IsCompressed()) return false;
     if (!m_file.IsOpen()) return Reopen();
     // First: when the name already leads to another file, nothing more is written into this one.
@@ -251,7 +252,8 @@ bool TraceSource::AdvanceRing() {
     Layout layout = m_layout;
     const bool isFound = FindPlace(layout) || FindPlace(layout);
     if (!IsSameRun()) return BeginAnew();
-    if (!isFound) return false;
+    m_isBusy = !isFound;
+    if (m_isBusy) return false;
     if (layout.run != m_layout.run || layout.start != m_layout.start) return BeginAnew();
     const bool isNextCycle = !layout.first.starts_with(m_layout.first);
     const uint64_t shown = m_layout.newest;

@@ -64,6 +64,8 @@ class TraceSource {
     // Next then gives it. A file that was begun anew is given from its start. False: nothing new.
     // A compressed file that comes while one follows is left out: it was given as a ring.
     [[nodiscard]] bool Advance();
+    // Whether at the last look the writer was within a record: what there is of it comes later.
+    [[nodiscard]] bool IsBusy() const { return m_isBusy; }
     // Leaves out a last line that may not be whole yet. To be called before Open.
     void Follow() { m_follows = true; }
 
@@ -107,6 +109,7 @@ class TraceSource {
     bool m_showsAll = false;
     bool m_follows = false;
     bool m_isShortened = false;
+    bool m_isBusy = false;
     TraceFile m_file;
     std::optional<LogCopy> m_log;  // of a log that is followed; the copy is what is read
     Layout m_layout;

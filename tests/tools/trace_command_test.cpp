@@ -1,5 +1,8 @@
 // kemdctl trace: which records it chooses, how it shows them, and when it ends.
+#include <linux/capability.h>
 #include <pty.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,6 +11,8 @@
 
 #include "tests/tools/ctl.h"
 #include "tests/traced_test.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -85,6 +90,9 @@ TEST_F(TraceCommandTest, ChoicesCombineInOneOrder) {
         {"", "12345"},
         {"-n 2", "45"},
         {"-n 0", ""},
+        {"-n1", "5"},
+        {"-ia -n=1", nullptr},
+        {"-n2 -galpha", "12"},
         {"--since 2026-11-21", "2345"},
         {"--since '2026-11-20 23:59' --until 2026-11-21T10:00", "12"},
         {"--since '2026-11-21 10:00:00.25' --until '2026-11-21 10:00:10.250'", "34"},
@@ -149,6 +157,104 @@ TEST_F(TraceCommandTest, RecordsOfTheRealTraceSinceAPointOfTheClock) {
         const int code = Contains(options, "now-") ? 2 : Contains(options, "-1m") ? 1 : 0;
         EXPECT_EQ(code, Trace(std::string(options) + " -n 1").code) << options;
     }
+}
+
+TEST_F(TraceCommandTest, TimesAreTheDaemonsWhateverTheCallersZone) {
+    Debug.Message("just now");
+    setenv("TZ", "XXX5", 1);
+    EXPECT_EQ(0, Trace("--since -1m -g 'just now'").code);
+    EXPECT_EQ(1, Trace("--until -1m -g 'just now'").code);
+    EXPECT_TRUE(Contains(Ctl("status").out, " s ago)")) << ReadFile("/tmp/out");
+    setenv("TZ", "UTC", 1);
+}
+
+// The start of a ring and of its log are not what is asked for: reading them would take seconds.
+TEST_F(TraceCommandTest, ReadsNoMoreThanIsAskedFor) {
+    ConfigureTrace(0);
+    std::string ring = kHead + "kemd          # End of header.\n## TRACE-END ##\n";
+    ring += std::string(2047 - ring.size(), '_') + "\n" + kHead +
+            "kemd          ### Begin of RingBuffer. ###\n";
+    for (int i = 0; i < 60'000; ++i) {
+        char line[128];
+        snprintf(line, sizeof line, "2026-11-21 %02d:%02d:%02d.000 [0000AAAA] %-13s record %d.\n",
+                 i / 3600, i / 60 % 60, i % 60, i % 1000 == 7 ? "rare" : "kemd", i);
+        ring += line;
+    }
+    WriteFile("/tmp/ring", ring + "## TRACE-END ##\n");
+    const Result all = Trace("/tmp/ring");
+    EXPECT_TRUE(Contains(all.err, ": ring, 60000 records read"));
+    const Result last = Trace("-n 3 /tmp/ring");
+    EXPECT_TRUE(all.out.ends_with(last.out) && last.out.starts_with("2026-11-21 16:39:57.000"));
+    EXPECT_TRUE(Contains(last.err, ": ring, 3 records read")) << last.err;
+    const Lines rare = Split(Trace("-q --tag rare /tmp/ring").out);
+    for (const size_t count : {1, 9, 60, 99}) {
+        const Lines found =
+            Split(Trace("--tag rare -n " + std::to_string(count) + " /tmp/ring").out);
+        const size_t expected = std::min(count, rare.size());
+        EXPECT_EQ(Lines(rare.end() - static_cast<std::ptrdiff_t>(expected), rare.end()), found);
+    }
+    const Result until = Trace("--until '2026-11-21 00:01' /tmp/ring");
+    EXPECT_EQ(61u, Split(until.out).size());
+    EXPECT_FALSE(Contains(until.err, "16:39:59")) << until.err;
+    EXPECT_FALSE(Contains(Trace("--last-run --json /tmp/ring").out, "\"lastRecords\":[\""));
+}
+
+TEST_F(TraceCommandTest, AnErrorIsNotTheEndOfAFile) {
+    WriteLog("/tmp/five", kFive);
+    const auto expect = [](const std::string& arguments, const std::string& cause) {
+        const Result result = Trace(arguments);
+        EXPECT_EQ(2, result.code) << arguments;
+        EXPECT_TRUE(Contains(result.err, cause)) << arguments << ": " << result.err;
+        return result.out;
+    };
+    expect("/tmp/five >/dev/full", "cannot write standard output: No space left on device");
+#ifndef __SANITIZE_ADDRESS__
+    WriteLog("/tmp/bad", Lines(200, kFive[0]));
+    setenv("LD_PRELOAD", "/build/tests/tools/libfailing_read.so", 1);
+    for (const char* each :
+         {"", "-f --timeout 0 ", "-n 1 ", "--count ", "--last-run ", "--stats "}) {
+        const std::string shown = expect(each + std::string("/tmp/five /tmp/bad"),
+                                         "cannot be read at byte 4096: Input/output error");
+        EXPECT_FALSE(shown.empty()) << each;
+    }
+    EXPECT_LT(120u, Split(Trace("-q /tmp/bad").out).size());
+    expect("--collect /tmp/c.tar.gz /tmp/bad", "zero bytes stand for what is missing");
+    EXPECT_TRUE(Contains(Trace("--verify /tmp/bad").out, "cannot be read at byte 4096"));
+    unsetenv("LD_PRELOAD");
+#endif
+    fs::create_directories("/tmp/closed");
+    WriteLog("/tmp/closed/log.kemd", kFive);
+    chmod("/tmp/closed", 0);
+    const pid_t user = fork();
+    if (user == 0) {
+        prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);
+        prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH);
+        const Result result = Trace("/tmp/closed");
+        const bool isNamed = Contains(result.err, "/tmp/closed/log.kemd") &&
+                             Contains(result.err, "Permission denied");
+        _exit(isNamed ? result.code : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(user, waitpid(user, &status, 0));
+    EXPECT_EQ(2, WEXITSTATUS(status)) << ReadFile("/tmp/err");
+#ifndef __SANITIZE_ADDRESS__
+    WriteFile("/tmp/long", kFive[0] + "\n" + kFive[1] + std::string(size_t{50} << 20, 'x'));
+    EXPECT_NE(0,
+              std::system("ulimit -v 40000; /build/kemdctl trace /tmp/long >/tmp/out 2>/tmp/err"));
+    EXPECT_TRUE(Contains(ReadFile("/tmp/err"), "not enough memory")) << ReadFile("/tmp/err");
+    EXPECT_TRUE(Contains(ReadFile("/tmp/out"), "(1)"));
+#endif
+}
+
+TEST_F(TraceCommandTest, LargeFilesTellHowFarTheyAre) {
+    WriteLog("/tmp/five", kFive);
+    const Result exported = Trace("--export /tmp/timeline /tmp/five");
+    const std::string size = std::to_string(fs::file_size("/tmp/timeline"));
+    EXPECT_TRUE(Contains(exported.err, "wrote /tmp/timeline, ")) << exported.err;
+    EXPECT_TRUE(Contains(exported.err, fs::file_size("/tmp/timeline") < 1024 ? size : " KiB\n"));
+    EXPECT_EQ("", Trace("-q --export /tmp/timeline /tmp/five").err);
+    const std::string shown = OnTerminal("/build/kemdctl trace --collect /tmp/c.tar.gz /tmp/five");
+    EXPECT_TRUE(InOrder(shown, {"/tmp/c.tar.gz: ", " of ", "wrote /tmp/c.tar.gz, "})) << shown;
 }
 
 TEST_F(TraceCommandTest, FormsAndWhatIsBetweenRecords) {

@@ -38,7 +38,9 @@ class ReportTest : public DaemonTest {};
 
 TEST_F(ReportTest, LastRunThatGoesOnAndStops) {
     const pid_t pid = Run();
-    EXPECT_TRUE(Contains(Json("--last-run", 0), "\"end\":\"running\""));
+    EXPECT_TRUE(
+        InOrder(Json("--last-run", 0), {"\"end\":\"running\"", "\"lastRecords\":[{\"time\":\"",
+                                        "\"tag\":\"kemd\"", "\"file\":\"/var/log"}));
     EXPECT_EQ(Stop(pid), 0);
     const Result stopped = Ctl("trace --last-run");
     EXPECT_EQ(stopped.code, 0);
@@ -187,6 +189,12 @@ TEST_F(ReportTest, TimelineOfARun) {
 
 // What a browser makes of it: tests/tools/html_report.
 TEST_F(ReportTest, PageHoldsNoMarkupOfRecords) {
+    std::string many =
+        Line(1, "kemd Version=\"1\"") + Line(2, "KEMD-MAIN: ## Done initializing ##");
+    for (int i = 0; i < 100'100; ++i) many += Line(10 + i % 2, "a row");
+    WriteFile("/tmp/log", many);
+    EXPECT_EQ(Ctl("trace --html /tmp/page.html /tmp/log").code, 0);
+    EXPECT_TRUE(Contains(ReadFile("/tmp/page.html"), "\"spans\":[]"));  // of rows that are left out
     WriteFile("/tmp/log", Hostile());
     EXPECT_EQ(Ctl("trace --html /tmp/page.html /tmp/log").code, 0);
     const std::string page = ReadFile("/tmp/page.html");

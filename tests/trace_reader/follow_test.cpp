@@ -64,6 +64,7 @@ TEST_F(FollowTest, LogThroughItsWrapsAndARestart) {
         debug.InitDone();
         WriteAndLook(300, false);
         EXPECT_EQ("", Differ(written, found));
+        EXPECT_EQ(written.size(), merge.Sources().back()->Facts().records);
     }
 }
 

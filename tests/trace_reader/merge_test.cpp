@@ -82,6 +82,31 @@ TEST_F(MergeTest, MessagesThatOnlyTheLogStillHasComeFirst) {
     EXPECT_EQ("", Differ(expected, Read(merge)));
 }
 
+TEST_F(MergeTest, RecordsOfOneMillisecondStayInTheOrderOfWriting) {
+    StartRing();
+    Message("only in the log");
+    for (int i = 0; i < 1500; ++i) Trace(std::to_string(i) + std::string(900, 'z'));
+    Message("in both");
+    debug.SetTraceTarget(kTargetLog);
+    Message("between");
+    debug.SetTraceTarget(kTargetRing);
+    Message("in both again");
+    Trace("the last");
+    TraceMerge merge;
+    merge.Add(kLog);
+    merge.Add(kRuntimeRing);
+    const Lines ring = Whole(kRuntimeRing), log = Whole(kLog);
+    Lines expected;
+    for (const std::string& record : written) {
+        if (std::find(ring.begin(), ring.end(), record) != ring.end() ||
+            std::find(log.begin(), log.end(), record) != log.end())
+            expected.push_back(record);
+    }
+    ASSERT_TRUE(expected.front().ends_with("only in the log"));
+    ASSERT_LT(expected.size(), written.size());
+    EXPECT_EQ("", Differ(expected, Read(merge)));
+}
+
 TEST_F(MergeTest, CommandShowsWhatTheDirectoryInForceHas) {
     EXPECT_EQ(2, Ctl("trace").code);
     Run(10'000);

@@ -1,6 +1,21 @@
 // One file at a time: every wrap position and every edge of both layouts.
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+
 #include "tests/trace_reader/written.h"
 #include "trace_reader/trace_source.h"
+
+// From this place to that the program's own reads fail.
+static off_t failsFrom = 0, failsTo = 0;
+extern "C" ssize_t pread(int fd, void* to, size_t length, off_t offset) {
+    if (offset < failsTo && offset + static_cast<off_t>(length) > failsFrom) {
+        if (offset >= failsFrom) return errno = EIO, -1;
+        length = static_cast<size_t>(failsFrom - offset);
+    }
+    return syscall(SYS_pread64, fd, to, length, offset);
+}
 
 namespace {
 
@@ -292,6 +307,29 @@ TEST_F(ReaderTest, DamagedAndForeignFiles) {
     EXPECT_EQ("not a regular file", none.Facts().error);
 }
 
+TEST_F(ReaderTest, WhatCannotBeReadIsPassedOverAndTold) {
+    StartRing();
+    for (int i = 0; i < 3000; ++i) {
+        SetClock(kStart + i);
+        Trace(Padded(i) + std::string(400, 'x'));
+    }
+    const Lines whole = Whole(kRuntimeRing);
+    failsFrom = 500 * 1024, failsTo = failsFrom + 8192;
+    TraceSource source(kRuntimeRing, 0);
+    ASSERT_TRUE(source.Open());
+    Lines found = Read(source);
+    failsTo = 0;
+    EXPECT_EQ("cannot be read at byte 512000: Input/output error", source.Facts().error);
+    EXPECT_FALSE(source.IsGood());
+    EXPECT_LE(std::erase_if(found,
+                            [&whole](const std::string& line) {
+                                return !std::binary_search(whole.begin(), whole.end(), line);
+                            }),
+              1u);
+    EXPECT_TRUE(std::is_sorted(found.begin(), found.end()));
+    EXPECT_LT(whole.size() - 30, found.size());
+}
+
 TEST_F(ReaderTest, CompressedFileThatIsCutOrTooLarge) {
     Start(1);
     for (int i = 0; i < 500; ++i) Trace(Padded(i * 1001) + std::to_string(i * 7919));
@@ -302,6 +340,7 @@ TEST_F(ReaderTest, CompressedFileThatIsCutOrTooLarge) {
     ASSERT_TRUE(cut.Open());
     EXPECT_GT(Read(cut).size(), 50u);
     EXPECT_PRED2(Contains, cut.Describe(), "compressed data is damaged or cut");
+    EXPECT_FALSE(cut.IsGood());
     for (const std::string& start : {std::string(), Record("1")}) {
         WriteFile("/tmp/bomb", start + std::string(size_t{64} << 20, '\0'));
         ASSERT_EQ(0, system("gzip -f /tmp/bomb"));

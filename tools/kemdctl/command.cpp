@@ -116,8 +116,13 @@ bool HasWriteFailed() {
     return g_writeError != 0;
 }
 
-bool FinishOutput() {
+// The library forgets a failure with the bytes that it could not write.
+void FlushOutput() {
     if (std::fflush(stdout) != 0 && g_writeError == 0) g_writeError = errno;
+}
+
+bool FinishOutput() {
+    FlushOutput();
     if (g_writeError == 0) return true;
     if (g_writeError != EPIPE) {
         Complain("cannot write standard output: %s", std::strerror(g_writeError));

@@ -50,6 +50,8 @@ void Complain(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // Results, on standard output. After a failure nothing more is written; FinishOutput then
 // complains, unless nobody reads, and returns false.
 void Write(std::string_view text);
+// What was written goes out.
+void FlushOutput();
 bool HasWriteFailed();
 bool FinishOutput();
 // To be called first: results never end up in a file that was opened in the place of a standard

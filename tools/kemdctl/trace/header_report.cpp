@@ -135,6 +135,10 @@ int ShowHeaders(const std::vector<std::string>& paths, bool asJson) {
         if (!isOpen) continue;
         const std::vector<HeaderEntry> entries = ReadHeader(source);
         isFound = isFound || !entries.empty();
+        if (!source.Facts().error.empty()) {
+            Complain("%s: %s", Printable(path).c_str(), source.Facts().error.c_str());
+            isGood = false;
+        }
         if (asJson) {
             PutEntries(json, path, entries);
         } else {

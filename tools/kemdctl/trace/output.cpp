@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "tools/kemdctl/command.h"
 #include "tools/kemdctl/output_file.h"
 
 namespace {
@@ -48,8 +49,7 @@ void Output::PutBytes(std::string_view bytes) {
 
 void Output::Flush() {
     Send();
-    // What fails here fails again in FinishOutput, which tells.
-    if (!m_pager.IsRunning()) (void)std::fflush(stdout);
+    if (!m_pager.IsRunning()) FlushOutput();
 }
 
 bool Output::IsClosed() const {

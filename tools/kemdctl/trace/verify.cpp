@@ -13,6 +13,7 @@ namespace {
 
 struct Verdict {
     bool isReadable = false;
+    bool isWhole = false;
     std::string summary;
     std::vector<std::string> findings;
 };
@@ -86,6 +87,8 @@ Verdict Verify(const std::string& path) {
     check.Tell(facts, verdict.findings);
     if (facts.foreign > 0) verdict.findings.push_back(Bytes(facts.foreign) + " are no records");
     if (!facts.problem.empty()) verdict.findings.push_back(facts.problem);
+    if (!facts.error.empty()) verdict.findings.push_back(facts.error);
+    verdict.isWhole = facts.error.empty();
     if (facts.kind == FileKind::kEmptyFile) verdict.findings.emplace_back("is empty");
     verdict.summary = source.Describe();
     return verdict;
@@ -126,7 +129,7 @@ int VerifyFiles(const std::vector<std::string>& paths, bool asJson) {
         } else {
             Show(path, verdict);
         }
-        if (!verdict.isReadable) result = kError;
+        if (!verdict.isWhole) result = kError;
         if (!verdict.findings.empty() && result == kYes) result = kNo;
     }
     if (asJson) json.Close(']');
