@@ -94,7 +94,7 @@ void Seek(const char* path, bool isSought) {
     const int64_t time = kStart + 2'000'000;
     TraceSource source(path, 0);
     if (!source.Open()) return;
-    if (isSought) source.SeekTime(time);
+    if (isSought) source.Select(time, INT64_MAX);
     for (TraceRecord record; source.Next(record) && record.time < time;) continue;
 }
 
@@ -123,5 +123,14 @@ int main(int argc, char** argv) {
         Make("seeking it", [path](int) { Seek(path, true); })};
     MeasureRounds(seeks, 7, 1);
     Report("the start of a time", seeks);
+    std::vector<Contender> ends = {Make("cat of nothing",
+                                        [](int) {
+                                            (void)RunPiped({"cat", "/dev/null"});
+                                        }),
+                                   Make("kemdctl trace -n 10", [&](int) {
+                                       (void)RunPiped({argv[1], "trace", "-n10", path});
+                                   })};
+    MeasureRounds(ends, 15, 1);
+    Report("the last records", ends);
     return 0;
 }
