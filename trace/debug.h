@@ -131,6 +131,7 @@ class CDebug : public CDebugTraceConfig {
         KEMD_PRINTF(4, 0);
     void PutIntoRing(std::string_view record);
     void WakeFollowers(const timeval& now);
+    void WakeNow(const timeval& now);
 
     RecursiveMutex m_lock;
     pid_t m_processId = 0;
@@ -143,7 +144,7 @@ class CDebug : public CDebugTraceConfig {
     bool m_abandoned = false;
     bool m_initDone = false;       // as the header shows it: set with the run-time ring buffer only
     bool m_writingHeader = false;  // into the ring buffer
-    int64_t m_lastWake = 0;        // of those who follow the ring, microseconds
+    timeval m_lastWake{};          // of those who follow the ring
     int64_t m_ringSize = 0;        // bytes; four times the configured size during start-up
     RingBuffer m_ring;
     Path m_runtimeRingPath;

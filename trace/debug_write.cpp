@@ -17,6 +17,7 @@ namespace {
 
 constexpr std::string_view kTooBig = "\n## WARNING: TRACE-SIZE TOO BIG: Output Truncated!\n";
 constexpr std::string_view kNoMemory = "\n## ERROR: No memory: Output Truncated!\n";
+constexpr int kWakePause = 10'000;  // microseconds
 static_assert(kTooBig.size() == 51 && kNoMemory.size() == 40);
 
 }  // namespace
@@ -106,6 +107,23 @@ void CDebug::FillLine(char* line) {
     line[RingBuffer::kLineLength - 1] = '\n';
 }
 
+// Whoever follows the ring looks again this long after it was woken: what is written in between
+// needs no call. Most records are told by the second alone.
+inline void CDebug::WakeFollowers(const timeval& now) {
+    const auto passed = static_cast<uint64_t>(now.tv_usec - m_lastWake.tv_usec);
+    if (now.tv_sec != m_lastWake.tv_sec || passed >= kWakePause) WakeNow(now);
+}
+
+void CDebug::WakeNow(const timeval& now) {
+    timeval passed{};
+    timersub(&now, &m_lastWake, &passed);
+    const bool isSoon = passed.tv_sec == 0 && passed.tv_usec < kWakePause;
+    if (isSoon || m_writingHeader) return;
+    m_lastWake = now;
+    const CancelGuard guard;
+    m_ring.Touch();
+}
+
 void CDebug::WriteToRing(RecordBuffer& buffer, const Stamp& stamp, const char* tag,
                          const char* format, va_list args) {
     if (!m_ring.IsMapped()) return;
@@ -121,7 +139,7 @@ void CDebug::WriteToRing(RecordBuffer& buffer, const Stamp& stamp, const char* t
     } else {
         PutIntoRing(buffer.Finish(length));
     }
-    if (!m_writingHeader) WakeFollowers(stamp.time);
+    WakeFollowers(stamp.time);
 }
 
 void CDebug::WriteLongToRing(RecordBuffer& buffer, size_t length, const char* format,
@@ -148,16 +166,4 @@ void CDebug::PutIntoRing(std::string_view record) {
     m_ring.BeginCycle();
     WriteHeader(kTargetRing);
     m_ring.Resume(record);
-}
-
-// Whoever follows the ring looks again this long after it was woken: what is written in between
-// needs no call.
-void CDebug::WakeFollowers(const timeval& now) {
-    constexpr int64_t kPause = 10'000;
-    const int64_t microseconds = int64_t{now.tv_sec} * 1'000'000 + now.tv_usec;
-    const int64_t passed = microseconds - m_lastWake;
-    if (passed >= 0 && passed < kPause) return;
-    m_lastWake = microseconds;
-    const CancelGuard guard;
-    m_ring.Touch();
 }

@@ -10,7 +10,6 @@ namespace {
 using trace_text::kAlignment;
 using trace_text::kTrailer;
 
-constexpr uint64_t npos = TraceFile::npos;
 constexpr uint64_t kNear = uint64_t{1} << 18;
 constexpr uint64_t kMostHeader = uint64_t{4} << 20;
 constexpr std::string_view kFill = "____________________\n";
@@ -65,8 +64,8 @@ class Trailers {
     // When all were looked at: the one that is followed by older records or, when the clock was put
     // back, the only one, if what follows it is not the next record.
     [[nodiscard]] uint64_t Only() const {
-        if (m_isCut || m_good > 1) return npos;
-        return m_good == 1 || (m_count == 1 && m_hasFragment) ? m_place : npos;
+        if (m_isCut || m_good > 1) return TraceFile::npos;
+        return m_good == 1 || (m_count == 1 && m_hasFragment) ? m_place : TraceFile::npos;
     }
     [[nodiscard]] uint64_t Place() const { return m_place; }
     [[nodiscard]] bool IsOneOfMany() const { return m_isOneOfMany; }
@@ -77,7 +76,7 @@ class Trailers {
     const TraceFile& m_file;
     uint64_t m_start;
     uint64_t m_end;
-    uint64_t m_place = npos;
+    uint64_t m_place = TraceFile::npos;
     int m_count = 0;
     int m_good = 0;
     bool m_hasFragment = false;
@@ -100,12 +99,12 @@ bool Trailers::Look(uint64_t from, uint64_t to, bool isFirstEnough) {
         // The line feed before it belongs to the record before.
         const uint64_t found = m_file.Find(kLine, std::max<uint64_t>(from, 1) - 1, last);
         m_isCut = looked == kMost;
-        if (found == npos || m_isCut) break;
+        if (found == TraceFile::npos || m_isCut) break;
         const auto next = FindRecord(m_file, found + kLine.size(), m_end);
         // Of several before one record the last. A writer may have overwritten all of them by now.
         from = next ? next->offset : m_end;
         const uint64_t line = m_file.FindLast(kLine, found, std::min(from, last));
-        const uint64_t at = (line == npos ? found : line) + 1;
+        const uint64_t at = (line == TraceFile::npos ? found : line) + 1;
         // A header that reaches into the records ends in a trailer, too.
         const std::string headerEnd = std::string(trace_text::kHeaderEnd) + "\n";
         if (at >= headerEnd.size() && IsAt(m_file, at - headerEnd.size(), headerEnd)) continue;
@@ -161,26 +160,26 @@ uint64_t FindBegin(const TraceFile& file, uint64_t size) {
             if (record.text.starts_with(begin)) return at + i;
         }
     }
-    return npos;
+    return TraceFile::npos;
 }
 
 // A header that has grown over the begin record ends in the middle of a line, where records begin.
-// npos: not found.
+// TraceFile::npos: not found.
 uint64_t FindStartInLine(const TraceFile& file, uint64_t size) {
     const std::string head = file.Read(0, std::min(size, kMostHeader));
     PrefixParser parser;
-    if (!HasHead(head)) return npos;
+    if (!HasHead(head)) return TraceFile::npos;
     for (size_t at = 1; at + PrefixParser::kHeadLength < head.size(); ++at) {
         if (head[at] < '0' || head[at] > '9' || head[at - 1] == '\n') continue;
         if (parser.ParseHead(head.data() + at, head.size() - at).isThere != 0) return at;
     }
-    return npos;
+    return TraceFile::npos;
 }
 
 uint64_t FindHeaderEnd(const TraceFile& file, uint64_t begin, uint64_t end) {
     const std::string text = std::string(trace_text::kHeaderEnd) + "\n" + std::string(kTrailer);
     const uint64_t found = file.Find(text, begin, std::min(end, begin + kMostHeader));
-    return found == npos ? begin : found + text.size();
+    return found == TraceFile::npos ? begin : found + text.size();
 }
 
 void ExamineCycles(const TraceFile& file, Layout& layout) {
@@ -190,7 +189,7 @@ void ExamineCycles(const TraceFile& file, Layout& layout) {
     layout.isCertain = FindNewestOfLive(file, layout);
     if (!layout.isCertain) {
         if (!layout.problem.empty()) layout.problem += "; ";
-        const bool hasOne = file.Find(kTrailer, layout.start, size) != npos;
+        const bool hasOne = file.Find(kTrailer, layout.start, size) != TraceFile::npos;
         layout.problem += (hasOne ? "no certain trailer: " : "no trailer: ");
         layout.problem += kNotCertain;
         layout.cycle = hasFill ? 0 : 1;
@@ -213,7 +212,7 @@ void ExamineCycles(const TraceFile& file, Layout& layout) {
 
 void ExamineRing(const TraceFile& file, uint64_t begin, Layout& layout) {
     layout.kind = FileKind::kRingFile;
-    if (begin != npos) {
+    if (begin != TraceFile::npos) {
         layout.start = file.FindLineEnd(begin, layout.size);
         layout.run = file.Read(begin, layout.start - begin);
         PutSegment(layout, 0, begin, RecordKind::kHeader);
@@ -221,7 +220,7 @@ void ExamineRing(const TraceFile& file, uint64_t begin, Layout& layout) {
     } else {
         layout.problem = "the record that begins the ring is damaged";
         layout.start = FindStartInLine(file, layout.size);
-        layout.hasStart = layout.start != npos;
+        layout.hasStart = layout.start != TraceFile::npos;
         if (!layout.hasStart) layout.start = FindHeaderEnd(file, 0, layout.size);
         PutSegment(layout, 0, layout.start, RecordKind::kHeader);
     }
@@ -329,7 +328,7 @@ void LogScan::Examine(Layout& layout) {
 void ExamineLog(const TraceFile& file, Layout& layout) {
     layout.kind = FileKind::kLogFile;
     LogScan scan;
-    if (file.Find(trace_text::kWrap, 0, layout.size) != npos) {
+    if (file.Find(trace_text::kWrap, 0, layout.size) != TraceFile::npos) {
         RecordStream stream(file);
         stream.Start({0, layout.size, RecordKind::kRecord, false});
         for (TraceRecord record; stream.Next(record);) scan.Take(record, stream.Offset());
@@ -370,9 +369,10 @@ Layout ExamineFile(const TraceFile& file) {
     if (layout.size == 0) return layout;
     const uint64_t begin = FindBegin(file, layout.size);
     // A ring that is being made has its whole size only when its records begin.
-    if (begin != npos) layout.size = file.Size();
-    const bool isRing = begin != npos || (file.Find(kTrailer, 0, layout.size) != npos &&
-                                          !BeginsAsLog(file, layout.size));
+    if (begin != TraceFile::npos) layout.size = file.Size();
+    const bool isRing =
+        begin != TraceFile::npos ||
+        (file.Find(kTrailer, 0, layout.size) != TraceFile::npos && !BeginsAsLog(file, layout.size));
     if (isRing) {
         ExamineRing(file, begin, layout);
         return layout;
@@ -393,7 +393,7 @@ bool FindNewest(const TraceFile& file, uint64_t from, Layout& layout) {
     constexpr uint64_t kFirst = 128, kMark = 4096;
     const std::string before = file.Read(layout.start, kFirst);
     const uint64_t trailer = FindTrailer(file, from, layout);
-    if (trailer == npos || trailer < layout.start) return false;
+    if (trailer == TraceFile::npos || trailer < layout.start) return false;
     // Only now: what was read before the trailer was seen may have been older than the record.
     const uint64_t length = std::min(kMark, trailer - layout.start);
     std::string mark = file.Read(trailer - length, length);

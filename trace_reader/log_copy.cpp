@@ -1,11 +1,11 @@
 #include "trace_reader/log_copy.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <string>
 
 namespace {
 
-constexpr uint64_t npos = TraceFile::npos;
 constexpr uint64_t kBlock = uint64_t{1} << 16;
 
 }  // namespace
@@ -26,7 +26,7 @@ bool LogCopy::Take() {
         const uint64_t size = m_log.Size();
         if (!m_copy.OpenMemory() || !CopyRange(0, size)) return false;
         m_log.AwaitWrite();
-        if (m_log.Size() == m_copy.Size() && FindChange(0, size) == npos) break;
+        if (m_log.Size() == m_copy.Size() && FindChange(0, size) == TraceFile::npos) break;
     }
     return true;
 }
@@ -40,7 +40,7 @@ uint64_t LogCopy::FindChange(uint64_t begin, uint64_t end) const {
         const auto a = std::mismatch(now.begin(), now.end(), before.begin(), before.end()).first;
         return at + static_cast<uint64_t>(a - now.begin());
     }
-    return npos;
+    return TraceFile::npos;
 }
 
 // After the last byte that differs. What is new has no gap: as many bytes without a change, more
@@ -68,13 +68,13 @@ uint64_t LogCopy::SkipLines(uint64_t end, uint64_t limit) const {
     const uint64_t begin = m_log.FindLineStart(end - 1);
     const std::string now = m_log.Read(begin, end - begin),
                       before = m_copy.Read(begin, end - begin);
+    constexpr std::ptrdiff_t kHead = PrefixParser::kHeadLength;
     const auto isAlike = [](char a, char b) {
         return a == b || (a >= '0' && a <= '9' && b >= '0' && b <= '9');
     };
-    const size_t text = std::min(PrefixParser::kHeadLength, now.size());
     const bool isRepeated =
         HasHead(now) && HasHead(before) && now.size() == before.size() &&
-        std::equal(now.begin() + text, now.end(), before.begin() + text, isAlike);
+        std::equal(now.begin() + kHead, now.end(), before.begin() + kHead, isAlike);
     for (uint64_t at = end; isRepeated && at < limit; at = m_log.FindLineEnd(at, limit)) {
         if (HasHead(m_log.Read(at, PrefixParser::kHeadLength))) return at;
     }
@@ -107,17 +107,17 @@ uint64_t LogCopy::ComparedEnd(const Layout& layout) const {
 
 // Where the next record begins.
 uint64_t LogCopy::Resume(uint64_t newest) const {
-    return FindChange(std::min(m_certain, newest), newest) == npos ? newest : m_certain;
+    return FindChange(std::min(m_certain, newest), newest) == TraceFile::npos ? newest : m_certain;
 }
 
 LogCopy::News LogCopy::GoOn(Layout& layout) {
     const uint64_t begin = Resume(layout.newest);
-    const uint64_t end = TakeOver(begin, npos);
+    const uint64_t end = TakeOver(begin, TraceFile::npos);
     if (end == begin) return News::kNone;
     // A cycle that began within what is new went on over a part of it.
     for (uint64_t at = begin; layout.start == 0; at += trace_text::kWrap.size()) {
         at = m_copy.Find(trace_text::kWrap, at, end);
-        if (at == npos) break;
+        if (at == TraceFile::npos) break;
         if (ReadWrapLine(m_copy, m_copy.FindLineStart(at))) return News::kOvertaken;
     }
     layout.newest = end;
@@ -128,7 +128,7 @@ LogCopy::News LogCopy::GoOn(Layout& layout) {
 // The rest of the old cycle goes first: as long as the new one ends before it, it is whole.
 LogCopy::News LogCopy::BeginCycle(const WrapLine& wrap, Layout& layout) {
     const uint64_t begin = Resume(layout.newest);
-    const uint64_t oldEnd = TakeOver(begin, npos);
+    const uint64_t oldEnd = TakeOver(begin, TraceFile::npos);
     const uint64_t newest = TakeOver(wrap.start, begin);
     const auto taken = ReadWrapLine(m_copy, wrap.start);
     if (newest > begin || !taken || taken->cycle != wrap.cycle) return News::kOvertaken;
@@ -146,7 +146,7 @@ LogCopy::News LogCopy::Look(Layout& layout) {
     const uint64_t end = layout.isCertain ? ComparedEnd(layout) : m_copy.Size();
     const uint64_t change = FindChange(0, end);
     News news = News::kRestarted;
-    if (change == npos) {
+    if (change == TraceFile::npos) {
         news = GoOn(layout);
     } else if (change >= layout.start) {
         m_log.AwaitWrite();

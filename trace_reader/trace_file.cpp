@@ -171,20 +171,19 @@ bool TraceFile::IsReplaced() const {
     return stat(m_path.c_str(), &status) != 0 || !IsSame(status);
 }
 
+void TraceFile::NoteFailure(uint64_t offset, int error) const {
+    m_failedAt = offset;
+    if (!m_error.empty()) return;
+    m_error = "cannot be read at byte " + std::to_string(offset) + ": " + std::strerror(error);
+}
+
 size_t TraceFile::Read(uint64_t offset, char* to, size_t length) const {
     size_t done = 0;
     while (done < length) {
         const ssize_t got =
             pread(m_fd.Get(), to + done, length - done, static_cast<off_t>(offset + done));
         if (got < 0 && errno == EINTR) continue;
-        if (got < 0) {
-            const int error = errno;
-            m_failedAt = offset + done;
-            if (m_error.empty()) {
-                m_error = "cannot be read at byte " + std::to_string(m_failedAt) + ": " +
-                          std::strerror(error);
-            }
-        }
+        if (got < 0) NoteFailure(offset + done, errno);
         if (got <= 0) break;
         done += static_cast<size_t>(got);
     }

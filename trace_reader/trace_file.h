@@ -15,7 +15,7 @@ class TraceFile {
   public:
     // The largest ring there can be. A compressed file is unpacked into memory up to this size.
     static constexpr uint64_t kLimit = uint64_t{1} << 31;
-    static constexpr uint64_t npos = UINT64_MAX;
+    static constexpr uint64_t npos = UINT64_MAX;  // NOLINT(readability-identifier-naming)
 
     // False when nothing of it can be read; Error tells why. Of a damaged compressed file there is
     // what could be unpacked, and Error tells that, too.
@@ -56,6 +56,7 @@ class TraceFile {
     [[nodiscard]] uint64_t FindLineStart(uint64_t place) const;
 
   private:
+    void NoteFailure(uint64_t offset, int error) const;
     void Unpack();
     bool UnpackUpTo(int packed, uint64_t limit);
     [[nodiscard]] uint64_t UnpackedLimit(uint64_t packedSize) const;

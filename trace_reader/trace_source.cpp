@@ -89,7 +89,8 @@ void TraceSource::EndPart() {
     if (auto rest = m_stream->Rest()) {
         m_gap = rest->begin - part.begin > 4096 ? 0 : 2 * m_gap + 4096;
         rest->begin = part.end = std::min(rest->begin + m_gap, rest->end);
-        if (rest->begin < rest->end) m_parts.insert(m_parts.begin() + m_part + 1, *rest);
+        if (rest->begin < rest->end)
+            m_parts.insert(m_parts.begin() + static_cast<std::ptrdiff_t>(m_part) + 1, *rest);
     }
     if (m_facts.error.empty()) m_facts.error = m_file.Error();
     ++m_part;

@@ -107,6 +107,7 @@ class Collection {
 
   private:
     bool Put(TarGzip& tar);
+    bool CopyTrace(const TraceMember& trace, const TarGzip::Put& put);
 
     std::vector<TraceMember> m_traces;
     std::vector<TextMember> m_texts;
@@ -148,6 +149,13 @@ void Collection::AddTexts() {
     add("os-release", ReadSmallFile("/etc/os-release").value_or(""));
 }
 
+bool Collection::CopyTrace(const TraceMember& trace, const TarGzip::Put& put) {
+    return CopyMasked(trace.file, trace.size, m_mask, [this, &put](std::string_view text) {
+        m_progress->Add(text.size());
+        return put(text);
+    });
+}
+
 bool Collection::Put(TarGzip& tar) {
     const auto putText = [this, &tar](const std::string& name, const std::string& text) {
         const std::string masked = m_mask.MaskText(text);
@@ -158,12 +166,8 @@ bool Collection::Put(TarGzip& tar) {
         if (!putText(text.name, text.text)) return false;
     }
     for (const TraceMember& trace : m_traces) {
-        const bool isPut = tar.Add(kFolder + trace.name, trace.size, [&](const auto& put) {
-            return CopyMasked(trace.file, trace.size, m_mask, [&](std::string_view text) {
-                m_progress->Add(text.size());
-                return put(text);
-            });
-        });
+        const auto copy = [this, &trace](const TarGzip::Put& put) { return CopyTrace(trace, put); };
+        const bool isPut = tar.Add(kFolder + trace.name, trace.size, copy);
         if (!isPut || !putText(trace.name + ".header.txt", trace.header)) return false;
     }
     return true;

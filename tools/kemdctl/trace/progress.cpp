@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cstdio>
-#include <utility>
 
 #include "tools/kemdctl/command.h"
 #include "tools/kemdctl/text.h"
@@ -23,7 +22,7 @@ std::string Size(uint64_t bytes) {
 
 }  // namespace
 
-Progress::Progress(std::string path, uint64_t total, bool isQuiet)
+Progress::Progress(const std::string& path, uint64_t total, bool isQuiet)
     : m_path(Printable(path)),
       m_total(total),
       m_isQuiet(isQuiet),

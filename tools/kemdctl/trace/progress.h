@@ -8,7 +8,7 @@
 class Progress {
   public:
     // Of a file with this name; `total` bytes are to be read for it, 0: not known.
-    Progress(std::string path, uint64_t total, bool isQuiet);
+    Progress(const std::string& path, uint64_t total, bool isQuiet);
     // So many bytes more were read or written.
     void Add(uint64_t bytes);
     // The file is there whole, and has this size.
