@@ -147,6 +147,7 @@ class RegistrySaveTest : public RegistryTest {
 TEST_F(RegistrySaveTest, FailedCallLeavesAllFiles) {
     Debug.Trace(1, "## SAVE ##\n");
     for (const bool canExchange : {true, false}) {
+        ResetFiles();
         int failures = 0;
         Save save{.canExchange = canExchange};
         for (int n = 0; SaveWithFault(n, Fault::kFail, save); ++n) {
