@@ -49,6 +49,12 @@ bool ListModules(const std::string& directory, std::vector<std::string>& names) 
     return true;
 }
 
+// What is about to be done to a module: should it never end, the trace and the service name it.
+void Announce(const std::string& name, const char* doing) {
+    ShowStatus("%s module %s", doing, name.c_str());
+    KemdTrace(kTag, 1, "module %s %s", name.c_str(), doing);
+}
+
 void Report(const std::string& name, const char* what, const char* reason) {
     KemdMessage(kTag, "module %s %s: %s", name.c_str(), what, reason);
 }
@@ -183,7 +189,7 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
     std::string fault = Unsafe(file);
     if (fault.empty()) fault = LookAtLibrary(file.resolved.c_str()).text;
     if (!fault.empty()) return LeaveOut(name, "is left out", fault.c_str());
-    ShowStatus("loading module %s", name.c_str());
+    Announce(name, "loading");
     Module module{name, nullptr, nullptr, false, false, {}};
     module.library = Open(name, file.resolved);
     if (module.library == nullptr) return LeaveOut(name, "cannot be loaded", dlerror());
@@ -213,7 +219,7 @@ void ModuleSwitch::StartAllModules() {
 
 void ModuleSwitch::StartModule(Module& module) {
     const ThreadIds before = LiveThreads();
-    ShowStatus("starting module %s", module.name.c_str());
+    Announce(module.name, "starting");
     int result = 0;
     Thrown reason{};
     const bool returned =
@@ -234,7 +240,7 @@ void ModuleSwitch::StartModule(Module& module) {
 void ModuleSwitch::StopAllModules() {
     for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
         if (!module->started) continue;
-        ShowStatus("stopping module %s", module->name.c_str());
+        Announce(module->name, "stopping");
         module->started = false;
         Thrown thrown{};
         module->failed = !CallModule(module->name, "stop", thrown, module->entry->stop);

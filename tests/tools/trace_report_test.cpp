@@ -91,6 +91,12 @@ TEST_F(ReportTest, LastRunThatHungInACall) {
     EXPECT_EQ(hung.code, 1);
     EXPECT_TRUE(InOrder(hung.out, {"died at start: it never said",
                                    "open call:     start all modules", "Start all modules  ..."}));
+    // At the shipped level the switch library names the module.
+    const std::string prefix = "2026-11-15 20:04:51.123 [D82A0740] switch        module ";
+    WriteFile("/tmp/hung",
+              prefix + "b.so stopping\n" + prefix + "b.so stopped\n" + prefix + "a.so stopping\n");
+    EXPECT_TRUE(
+        Contains(Ctl("trace --last-run /tmp/hung").out, "open call:     stopping module a.so"));
 }
 
 TEST_F(ReportTest, LastRunThatDiedAtStart) {

@@ -6,9 +6,9 @@
 std::optional<ModuleNote> ParseModuleNote(const TraceRecord& record) {
     constexpr std::string_view kModule = "module ";
     constexpr std::string_view kFile = ".so ";
-    constexpr std::array<std::string_view, 7> kStates = {
-        "loaded",          "started",        "stopped",    "cannot be loaded",
-        "failed to start", "failed to stop", "is left out"};
+    constexpr std::array<std::string_view, 10> kStates = {
+        "loading", "loaded",           "starting",        "started",        "stopping",
+        "stopped", "cannot be loaded", "failed to start", "failed to stop", "is left out"};
     if (record.tag != "switch" || !record.text.starts_with(kModule)) return {};
     // A piece of an overwritten record may stand behind it.
     std::string_view text = record.text.substr(0, record.text.find('\n'));

@@ -54,9 +54,9 @@ void Show(const LastRun& run, End end) {
     Write("last run:      " + std::string(FormatTime(run.begin).data()) +
           (run.hasBegin ? " to " : " (or before) to ") + FormatTime(run.end).data() + "\n");
     Write("state:         " + Printable(DescribeEnd(run, end)) + "\n");
-    if (run.openCall) {
-        Write("open call:     " + std::string(run.openCall->name) + ", since " +
-              FormatTime(run.openCall->since).data() + "\n");
+    if (const LastRun::Call* const call = run.OpenCall()) {
+        Write("open call:     " + Printable(call->name) + ", since " +
+              FormatTime(call->since).data() + "\n");
     }
     std::string modules;
     for (const auto& [name, state] : run.modules) {
@@ -105,9 +105,9 @@ void PutRun(JsonWriter& json, const Story& story) {
     PutText(json, "description", DescribeEnd(run, end));
     PutText(json, run.hasBegin ? "began" : "oldest", FormatTime(run.begin).data());
     PutText(json, "newest", FormatTime(run.end).data());
-    if (run.openCall) {
-        PutText(json, "openCall", run.openCall->name);
-        PutText(json, "openSince", FormatTime(run.openCall->since).data());
+    if (const LastRun::Call* const call = run.OpenCall()) {
+        PutText(json, "openCall", call->name);
+        PutText(json, "openSince", FormatTime(call->since).data());
     }
     json.Key("modules");
     json.Open('[');

@@ -29,7 +29,7 @@ void LastRun::TakeMark(const TraceRecord& record) {
             isInitialised = true;
             break;
         case RunMark::Kind::kCallBegin:
-            openCall = Call{mark->name, record.time};
+            openCall = Call{std::string(mark->name), record.time};
             break;
         case RunMark::Kind::kCallEnd:
             openCall.reset();
@@ -48,6 +48,11 @@ void LastRun::TakeModule(const TraceRecord& record) {
     const auto note = ParseModuleNote(record);
     if (!note) return;
     const std::string name(note->name);
+    if (note->state.ends_with("ing")) {
+        openModule = Call{std::string(note->state) + " module " + name, record.time};
+    } else {
+        openModule.reset();
+    }
     if (modules.size() < kMost || modules.count(name) > 0) modules[name] = note->state;
 }
 

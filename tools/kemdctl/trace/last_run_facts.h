@@ -14,7 +14,7 @@
 struct LastRun {
     enum class End : uint8_t { kRunning, kStopped, kKilled, kDiedAtStart, kDied, kUnknown };
     struct Call {
-        std::string_view name;
+        std::string name;
         int64_t since = 0;
     };
     static constexpr size_t kLastRecords = 10;
@@ -29,11 +29,16 @@ struct LastRun {
     std::string signal;  // numbers, as far as they are in the trace
     std::string runLevel;
     std::optional<Call> openCall;                // the daemon makes one after the other
+    std::optional<Call> openModule;              // what the reference switch library does in it
     std::map<std::string, std::string> modules;  // their last states
     std::deque<KeptRecord> lastRecords;          // the first 2 KiB of each
 
     // All records in order; a start of the daemon begins it anew.
     void Take(const TraceRecord& record);
+    // The innermost call that had not ended; null: there is none.
+    [[nodiscard]] const Call* OpenCall() const {
+        return openModule ? &*openModule : openCall ? &*openCall : nullptr;
+    }
     [[nodiscard]] End HowEnded(Writing writing) const;
 
   private:
