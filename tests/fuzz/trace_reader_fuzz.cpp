@@ -3,8 +3,8 @@
 #include "tests/fuzz/fuzz.h"
 #include "tests/tools/json_check.h"
 #include "tools/kemdctl/trace/printer.h"
-#include "trace_reader/trace_source.h"
 #include "trace_reader/trace_merge.h"
+#include "trace_reader/trace_source.h"
 
 namespace {
 
