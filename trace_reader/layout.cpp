@@ -134,10 +134,10 @@ uint64_t FindTrailer(const TraceFile& file, uint64_t from, Layout& layout) {
 }
 
 // A cycle may be overtaken while it is looked at: it is examined again when no trailer is seen, as
-// between a record and its trailer.
-bool FindNewestOfLive(const TraceFile& file, Layout& layout) {
+// between a record and its trailer or, for longer, between the dots and the next cycle's record.
+bool FindNewestOfLive(const TraceFile& file, Layout& layout, int tries) {
     constexpr timespec kPause = {0, 2'000'000};
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < tries; ++i) {
         if (FindNewest(file, layout.start, layout)) return true;
         (void)nanosleep(&kPause, nullptr);
     }
@@ -186,7 +186,7 @@ void ExamineCycles(const TraceFile& file, Layout& layout) {
     const uint64_t size = layout.size;
     const uint64_t dots = FindDots(file, layout.start, size);
     const bool hasFill = size >= kFill.size() && IsAt(file, size - kFill.size(), kFill);
-    layout.isCertain = FindNewestOfLive(file, layout);
+    layout.isCertain = FindNewestOfLive(file, layout, 3);
     if (!layout.isCertain) {
         if (!layout.problem.empty()) layout.problem += "; ";
         const bool hasOne = file.Find(kTrailer, layout.start, size) != TraceFile::npos;
@@ -433,11 +433,13 @@ RingGuard::RingGuard(const TraceFile& file, const Layout& layout)
 uint64_t RingGuard::operator()(const Segment& segment) {
     // A copy may store the end of a record before its beginning, and so before the trailer is gone.
     constexpr uint64_t kInFlight = 8192;
+    // Without a place of the writer everything counts as lost.
+    constexpr int kTries = 10;
     if (segment.kind != RecordKind::kRecord) return segment.begin;
     const std::string& mark = m_layout.mark;
     if (!IsUntouched(m_file, m_layout)) {
         Layout now = m_layout;
-        const bool isFound = FindNewest(m_file, m_layout.start, now);
+        const bool isFound = FindNewestOfLive(m_file, now, kTries);
         const bool isKept = IsAt(m_file, m_layout.newest - mark.size(), mark);
         const uint64_t valid = now.newest + kTrailer.size() + kInFlight;
         m_oldValid = isFound && isKept && now.newest >= m_layout.newest ? valid : m_layout.size;
