@@ -433,13 +433,15 @@ RingGuard::RingGuard(const TraceFile& file, const Layout& layout)
 uint64_t RingGuard::operator()(const Segment& segment) {
     // A copy may store the end of a record before its beginning, and so before the trailer is gone.
     constexpr uint64_t kInFlight = 8192;
-    // Without a place of the writer everything counts as lost.
-    constexpr int kTries = 10;
+    // Without a place of the writer everything counts as lost: one that is interrupted gets time,
+    // but only once.
+    constexpr int kTries = 100;
     if (segment.kind != RecordKind::kRecord) return segment.begin;
     const std::string& mark = m_layout.mark;
     if (!IsUntouched(m_file, m_layout)) {
         Layout now = m_layout;
-        const bool isFound = FindNewestOfLive(m_file, now, kTries);
+        const bool isFound = FindNewestOfLive(m_file, now, m_mayWait ? kTries : 1);
+        m_mayWait = isFound;
         const bool isKept = IsAt(m_file, m_layout.newest - mark.size(), mark);
         const uint64_t valid = now.newest + kTrailer.size() + kInFlight;
         m_oldValid = isFound && isKept && now.newest >= m_layout.newest ? valid : m_layout.size;

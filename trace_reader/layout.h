@@ -61,6 +61,7 @@ class RingGuard {
     Layout m_layout;      // as it was
     uint64_t m_oldValid;  // of the records of the cycle before
     uint64_t m_newValid;
+    bool m_mayWait = true;  // for a writer that is between two records
 };
 
 // The wrap line of a log, when one stands at this offset and says so.
