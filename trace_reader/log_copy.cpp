@@ -3,10 +3,14 @@
 #include <algorithm>
 #include <cstddef>
 #include <string>
+#include <utility>
 
 namespace {
 
 constexpr uint64_t kBlock = uint64_t{1} << 16;
+// So often it is looked whether a write was under way. A writer that never rests has only its
+// newest record at risk.
+constexpr int kTries = 20;
 
 }  // namespace
 
@@ -18,10 +22,8 @@ bool LogCopy::CopyRange(uint64_t begin, uint64_t end) {
 }
 
 bool LogCopy::Take() {
-    constexpr int kTries = 20;
     m_hasFailed = false;
-    // When nothing differs, no write was under way. A writer that never rests has only its newest
-    // record at risk.
+    // When nothing differs, no write was under way.
     for (int i = 0; i < kTries; ++i) {
         const uint64_t size = m_log.Size();
         if (!m_copy.OpenMemory() || !CopyRange(0, size)) return false;
@@ -84,9 +86,14 @@ uint64_t LogCopy::SkipLines(uint64_t end, uint64_t limit) const {
 // Where what changed from `begin` on, and before the limit, ends: with a line, the one before when
 // the disk was full within the last. It is in the copy then.
 uint64_t LogCopy::TakeOver(uint64_t begin, uint64_t limit) {
-    const uint64_t changedEnd = FindChangedEnd(begin, limit);
+    uint64_t changedEnd = FindChangedEnd(begin, limit);
     if (changedEnd == begin) return begin;
-    m_log.AwaitWrite();
+    // A write that was seen in part may have further lines of its text in the next page.
+    for (int i = 0; i < kTries; ++i) {
+        m_log.AwaitWrite();
+        const uint64_t before = std::exchange(changedEnd, FindChangedEnd(changedEnd, limit));
+        if (changedEnd == before) break;
+    }
     uint64_t end = m_log.FindLineEnd(changedEnd - 1, m_log.Size());
     if (m_log.Read(end - 1, 1) != "\n") end = std::max(m_log.FindLineStart(changedEnd), begin);
     if (end == begin) return begin;
