@@ -24,6 +24,16 @@ class MergeTest : public ReaderTest {
             Message(std::to_string(part) + " is long" + std::string(1200, 'y'));
         }
     }
+    // What was written and still stands in one of the files.
+    Lines KeptIn(const Lines& ring, const Lines& log) const {
+        Lines kept;
+        for (const std::string& record : written) {
+            if (std::find(ring.begin(), ring.end(), record) != ring.end() ||
+                std::find(log.begin(), log.end(), record) != log.end())
+                kept.push_back(record);
+        }
+        return kept;
+    }
     void EndStart() {
         debug.InitDone();
         Note("### End of initialization. ###");
@@ -72,12 +82,7 @@ TEST_F(MergeTest, MessagesThatOnlyTheLogStillHasComeFirst) {
     merge.Add(kLog);
     merge.Add(kRuntimeRing);
     const Lines ring = Whole(kRuntimeRing), log = Whole(kLog);
-    Lines expected;
-    for (const std::string& record : written) {
-        if (std::find(ring.begin(), ring.end(), record) != ring.end() ||
-            std::find(log.begin(), log.end(), record) != log.end())
-            expected.push_back(record);
-    }
+    const Lines expected = KeptIn(ring, log);
     ASSERT_NE(log.front(), ring.front());
     EXPECT_EQ("", Differ(expected, Read(merge)));
 }
@@ -96,12 +101,7 @@ TEST_F(MergeTest, RecordsOfOneMillisecondStayInTheOrderOfWriting) {
     merge.Add(kLog);
     merge.Add(kRuntimeRing);
     const Lines ring = Whole(kRuntimeRing), log = Whole(kLog);
-    Lines expected;
-    for (const std::string& record : written) {
-        if (std::find(ring.begin(), ring.end(), record) != ring.end() ||
-            std::find(log.begin(), log.end(), record) != log.end())
-            expected.push_back(record);
-    }
+    const Lines expected = KeptIn(ring, log);
     ASSERT_TRUE(expected.front().ends_with("only in the log"));
     ASSERT_LT(expected.size(), written.size());
     EXPECT_EQ("", Differ(expected, Read(merge)));
