@@ -3,7 +3,7 @@
 // Ready before `main` and before any constructor of a static object, and usable until the process
 // is gone: at its end it is closed, never destroyed, and every later call does nothing. Any thread
 // may call anything; one recursive lock guards the whole object. Nothing throws, and a thread that
-// is cancelled inside an operation is cancelled behind it. In a child that a process forks after
+// is cancelled inside an operation is cancelled after it. In a child that a process forks after
 // Init, tracing is off for good; a signal handler must not trace.
 //
 // A record has a level, 1 (failures, major steps) to 6 (finest detail), and is written when it is

@@ -80,7 +80,7 @@ class Trailers {
     int m_count = 0;
     int m_good = 0;
     bool m_hasFragment = false;
-    bool m_isOneOfMany = false;  // in front of the next record: of a text, or of an older one
+    bool m_isOneOfMany = false;  // before the next record: of a text, or of an older one
     bool m_isCut = false;
 };
 

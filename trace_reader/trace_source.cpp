@@ -231,7 +231,7 @@ bool TraceSource::IsSameRun() const {
 
 // Where the writer is now. Within a cycle the trailer only moves on; the next cycle overwrites the
 // first bytes before there is a trailer again. A ring without its begin record has all of that
-// found anew.
+// found again.
 bool TraceSource::FindPlace(Layout& layout) const {
     if (layout.run.empty()) {
         layout = ExamineFile(m_file);

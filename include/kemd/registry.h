@@ -5,7 +5,7 @@
 // writes a marked tree back. When the file is there but cannot be read, nothing is loaded or saved,
 // and the next CRegistry tries again. Any number of threads may work on the tree, each with
 // CRegistry objects of its own. Nothing throws; a thread that is cancelled while the tree is loaded
-// or saved is cancelled behind it. Other processes keep trees of their own: the last one to save
+// or saved is cancelled after it. Other processes keep trees of their own: the last one to save
 // wins.
 //
 // Paths separate their components by backslashes or, when none is left, slashes. Names are compared

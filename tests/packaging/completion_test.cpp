@@ -1,4 +1,4 @@
-// What a shell offers behind a command line that is being typed.
+// What a shell offers after a command line that is being typed.
 #include "tests/packaging/script.h"
 
 namespace {

@@ -32,7 +32,7 @@ kept and how large they may be together; 5 and 32 unless set, 0 keeps none.
 Of a run that is larger the log is kept, and what fits beside it.
 
 Exit status: 0 done, 1 kemd runs, or its lock is held: nothing was touched,
-2 an error, which is told on standard error.
+2 an error, reported on standard error.
 )";
 
 bool Exists(const char* path, struct stat& status) {
@@ -113,7 +113,7 @@ bool EndedInOrder(const StartLock& lock, const std::string& directory) {
     return !hasLog || HasRunMark(log, RunMark::Kind::kExit);
 }
 
-// A number with nothing behind it.
+// A number with nothing after it.
 uint64_t Setting(const DaemonEnvironment& environment, const char* name, uint64_t usual) {
     const char* const value = environment.Find(name);
     if (value == nullptr || *value == '\0') return usual;

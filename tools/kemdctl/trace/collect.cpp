@@ -102,7 +102,7 @@ class Collection {
     bool AddTrace(const std::string& path);
     void AddTexts();
     bool WriteTo(const char* archive, bool isQuiet);
-    // Whether all of the traces could be read; what could not is told.
+    // Whether all of the traces could be read; what could not is reported.
     [[nodiscard]] bool IsWhole() const;
 
   private:

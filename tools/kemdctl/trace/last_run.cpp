@@ -127,7 +127,7 @@ void PutRun(JsonWriter& json, const Story& story) {
     json.Close(']');
 }
 
-// What cannot be read is told. Nothing when there are no records.
+// What cannot be read is reported. Nothing when there are no records.
 std::optional<Story> ReadRun(const std::vector<std::string>& paths) {
     TraceMerge merge;
     for (const std::string& path : paths) merge.Add(path);

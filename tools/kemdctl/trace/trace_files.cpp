@@ -33,7 +33,7 @@ void AddDirectory(const std::string& directory, bool mayCome, std::vector<std::s
         const std::string path = directory + "/" + name;
         if (isStarting && path.ends_with(".gz")) continue;
         const bool isThere = IsThere(path, false);
-        // One that may not be looked at is told when it is opened, and stands for the others.
+        // One that may not be looked at is reported when it is opened, and stands for the others.
         const bool isHidden = !isThere && errno != ENOENT;
         if (mayCome || isThere || isHidden) files.push_back(path);
         if (isHidden) break;
