@@ -1,6 +1,6 @@
 #include "kemd/exit_event.h"
 
-#include "services/base/never_destroyed.h"
+#include "base/never_destroyed.h"
 
 namespace {
 

@@ -14,8 +14,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/unique_fd.h"
 #include "daemon/version.h"
-#include "services/base/unique_fd.h"
 #include "trace/debug.h"
 
 namespace {

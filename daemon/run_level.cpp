@@ -11,9 +11,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/regular_file.h"
+#include "base/unique_fd.h"
 #include "daemon/version.h"
-#include "services/base/regular_file.h"
-#include "services/base/unique_fd.h"
 #include "trace/debug.h"
 
 namespace {

@@ -3,13 +3,13 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "base/never_destroyed.h"
 #include "daemon/notify.h"
 #include "daemon/process_guard.h"
 #include "daemon/run_level.h"
 #include "daemon/version.h"
 #include "daemon/wait_signals.h"
 #include "kemd/exit_event.h"
-#include "services/base/never_destroyed.h"
 #include "trace/debug.h"
 
 namespace {

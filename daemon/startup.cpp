@@ -15,11 +15,11 @@
 #include <ctime>
 #include <string_view>
 
+#include "base/regular_file.h"
+#include "base/unique_fd.h"
 #include "daemon/notify.h"
 #include "daemon/version.h"
 #include "daemon/wait_signals.h"
-#include "services/base/regular_file.h"
-#include "services/base/unique_fd.h"
 #include "trace/debug.h"
 
 namespace {

@@ -7,10 +7,10 @@
 #include <cerrno>
 #include <utility>
 
+#include "base/regular_file.h"
 #include "inventory/efi_system_table.h"
 #include "inventory/smbios_entry.h"
 #include "inventory/table_field.h"
-#include "services/base/regular_file.h"
 #include "trace/debug.h"
 
 namespace {

@@ -9,8 +9,8 @@
 #include <span>
 #include <vector>
 
-#include "services/base/mapped_region.h"
-#include "services/base/unique_fd.h"
+#include "base/mapped_region.h"
+#include "base/unique_fd.h"
 
 // What the routing table and the SMBIOS scan need of a device; tests bring memory of their own.
 class CDeviceBiosBase {

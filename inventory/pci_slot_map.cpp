@@ -3,7 +3,7 @@
 #include <exception>
 #include <utility>
 
-#include "services/base/cancel_guard.h"
+#include "base/cancel_guard.h"
 #include "trace/debug.h"
 
 namespace {

@@ -3,8 +3,8 @@
 
 #include <exception>
 
+#include "base/cancel_guard.h"
 #include "inventory/device_bios.h"
-#include "services/base/cancel_guard.h"
 #include "trace/debug.h"
 
 namespace {

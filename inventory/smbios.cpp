@@ -6,10 +6,10 @@
 #include <exception>
 #include <utility>
 
+#include "base/cancel_guard.h"
 #include "inventory/bios_tables.h"
 #include "inventory/hex_dump.h"
 #include "inventory/shadow_memory.h"
-#include "services/base/cancel_guard.h"
 #include "trace/debug.h"
 
 CSMBios::~CSMBios() {

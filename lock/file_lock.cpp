@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <exception>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 #include "trace/debug.h"
 
 namespace {

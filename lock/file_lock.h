@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <string>
 
-#include "services/base/fixed_string.h"
+#include "base/fixed_string.h"
 
 class CFileLock {
   public:

@@ -9,10 +9,10 @@
 #include <new>
 #include <utility>
 
+#include "base/cancel_guard.h"
+#include "base/never_destroyed.h"
+#include "base/recursive_mutex.h"
 #include "kemd/event.h"
-#include "services/base/cancel_guard.h"
-#include "services/base/never_destroyed.h"
-#include "services/base/recursive_mutex.h"
 #include "services/name_registry.h"
 #include "trace/debug.h"
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <vector>
 
-#include "services/base/recursive_mutex.h"
+#include "base/recursive_mutex.h"
 
 class NameRegistry {
   public:

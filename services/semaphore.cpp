@@ -5,7 +5,7 @@
 #include <new>
 #include <utility>
 
-#include "services/base/never_destroyed.h"
+#include "base/never_destroyed.h"
 #include "services/semaphore_object.h"
 
 namespace {

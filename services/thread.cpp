@@ -7,7 +7,7 @@
 #include <mutex>
 #include <utility>
 
-#include "services/base/cancel_guard.h"
+#include "base/cancel_guard.h"
 #include "trace/debug.h"
 
 // What the owner and its thread share. The system may give the id of a detached thread that has

@@ -10,8 +10,8 @@
 #include <string>
 #include <utility>
 
-#include "services/base/library_file.h"
-#include "services/base/library_search.h"
+#include "base/library_file.h"
+#include "base/library_search.h"
 #include "trace/debug.h"
 
 namespace {

@@ -18,10 +18,10 @@
 #include <cstdint>
 #include <string_view>
 
+#include "base/cancel_guard.h"
+#include "base/never_destroyed.h"
+#include "base/recursive_mutex.h"
 #include "kemd/api.h"
-#include "services/base/cancel_guard.h"
-#include "services/base/never_destroyed.h"
-#include "services/base/recursive_mutex.h"
 #include "trace/environment.h"
 #include "trace/header.h"
 #include "trace/line_prefix.h"

@@ -4,7 +4,7 @@
 #include <charconv>
 #include <cstring>
 
-#include "services/base/cancel_guard.h"
+#include "base/cancel_guard.h"
 #include "trace/texts.h"
 
 namespace {

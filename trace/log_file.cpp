@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "services/base/regular_file.h"
+#include "base/regular_file.h"
 
 // A link to it is how an administrator does without a log.
 static bool IsNullDevice(const char* path) {

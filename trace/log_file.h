@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 
 class LogFile {
   public:

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "services/base/regular_file.h"
+#include "base/regular_file.h"
 
 bool RingBuffer::Create(const char* path) {
     Close();

@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "services/base/mapped_region.h"
-#include "services/base/unique_fd.h"
+#include "base/mapped_region.h"
+#include "base/unique_fd.h"
 #include "trace/texts.h"
 
 class RingBuffer {

@@ -12,7 +12,7 @@
 #include <memory>
 #include <string_view>
 
-#include "services/base/fixed_string.h"
+#include "base/fixed_string.h"
 
 class CDebugTraceConfig {
   public:

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 
 class TraceFile {
   public:

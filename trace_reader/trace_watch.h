@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 
 class TraceWatch {
   public:

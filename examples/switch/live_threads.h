@@ -8,7 +8,7 @@
 #include <array>
 #include <vector>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 
 using ThreadIds = std::vector<pid_t>;
 

@@ -15,11 +15,11 @@
 #include <exception>
 #include <memory>
 
+#include "base/library_file.h"
 #include "file_safety.h"
 #include "kemd/trace.h"
 #include "module_call.h"
 #include "service_manager.h"
-#include "services/base/library_file.h"
 
 namespace {
 

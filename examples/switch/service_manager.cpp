@@ -14,7 +14,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 #include <exception>
 #include <new>
 
+#include "base/cancel_guard.h"
+#include "base/regular_file.h"
 #include "kemd/profile.h"
-#include "services/base/cancel_guard.h"
-#include "services/base/regular_file.h"
 
 namespace {
 

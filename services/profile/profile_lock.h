@@ -3,6 +3,6 @@
 
 #include <shared_mutex>
 
-#include "services/base/never_destroyed.h"
+#include "base/never_destroyed.h"
 
 inline constinit NeverDestroyed<std::shared_mutex> g_profileLock;

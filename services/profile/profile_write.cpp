@@ -6,10 +6,10 @@
 #include <string>
 #include <string_view>
 
+#include "base/cancel_guard.h"
+#include "base/line_reader.h"
+#include "base/regular_file.h"
 #include "kemd/profile.h"
-#include "services/base/cancel_guard.h"
-#include "services/base/line_reader.h"
-#include "services/base/regular_file.h"
 #include "services/profile/profile_lock.h"
 #include "services/profile/splice.h"
 #include "trace/debug.h"

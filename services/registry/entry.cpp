@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "services/base/line_reader.h"
+#include "base/line_reader.h"
 
 std::string_view RegistryMarker(uint32_t type) {
     constexpr std::array<std::string_view, 5> kMarkers = {"", "=s=", "=es=", "=b=", "=d="};

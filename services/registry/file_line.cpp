@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "services/base/line_reader.h"
+#include "base/line_reader.h"
 
 namespace {
 

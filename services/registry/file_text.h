@@ -6,7 +6,7 @@
 #include <optional>
 #include <string_view>
 
-#include "services/base/line_reader.h"
+#include "base/line_reader.h"
 #include "services/registry/node.h"
 
 struct ParsedRegistry {

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "services/base/recursive_mutex.h"
+#include "base/recursive_mutex.h"
 #include "services/registry/entry.h"
 
 class CRegistryNode {

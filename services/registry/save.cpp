@@ -11,7 +11,7 @@
 #include <exception>
 #include <string_view>
 
-#include "services/base/regular_file.h"
+#include "base/regular_file.h"
 #include "services/registry/file_text.h"
 #include "services/registry/store.h"
 #include "trace/debug.h"

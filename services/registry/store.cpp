@@ -9,9 +9,9 @@
 #include <iterator>
 #include <utility>
 
-#include "services/base/cancel_guard.h"
-#include "services/base/never_destroyed.h"
-#include "services/base/regular_file.h"
+#include "base/cancel_guard.h"
+#include "base/never_destroyed.h"
+#include "base/regular_file.h"
 #include "services/registry/file_text.h"
 #include "services/registry/save.h"
 #include "trace/debug.h"

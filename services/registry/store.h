@@ -7,7 +7,7 @@
 #include <array>
 #include <atomic>
 
-#include "services/base/recursive_mutex.h"
+#include "base/recursive_mutex.h"
 #include "services/registry/node.h"
 
 inline constexpr const char* kRegistryFile = "/etc/orvmon/registry";

@@ -8,7 +8,7 @@
 #include <csignal>
 #include <filesystem>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 #include "tests/daemon/daemon_test.h"
 #include "tests/modules.h"
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "services/base/regular_file.h"
+#include "base/regular_file.h"
 #include "tests/services/registry_world.h"
 
 // Memory of a certain size can be had, or not.

@@ -13,7 +13,7 @@
 #include <new>
 #include <thread>
 
-#include "services/base/library_file.h"
+#include "base/library_file.h"
 #include "tests/modules.h"
 #include "tests/switch/switch_test.h"
 

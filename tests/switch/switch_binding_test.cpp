@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "services/base/library_search.h"
+#include "base/library_search.h"
 #include "tests/switch/switch_test.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <csignal>
 #include <filesystem>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 #include "tests/tools/ctl.h"
 
 namespace {

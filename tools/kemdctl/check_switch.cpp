@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "services/base/library_search.h"
+#include "base/library_search.h"
 #include "tools/kemdctl/check_parts.h"
 #include "tools/kemdctl/elf_exports.h"
 #include "tools/kemdctl/file_safety.h"

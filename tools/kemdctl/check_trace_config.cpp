@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "services/base/regular_file.h"
+#include "base/regular_file.h"
 #include "tools/kemdctl/check_parts.h"
 #include "tools/kemdctl/file_safety.h"
 #include "tools/kemdctl/text.h"

@@ -7,7 +7,7 @@
 #include <optional>
 #include <vector>
 
-#include "services/base/library_file.h"
+#include "base/library_file.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/regular_file.h"
 #include "inventory/bios_tables.h"
 #include "inventory/pci_slot_sources.h"
-#include "services/base/regular_file.h"
 #include "tools/kemdctl/inventory_report.h"
 #include "tools/kemdctl/json.h"
 #include "tools/kemdctl/output_file.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 #include "tools/kemdctl/trace/run_marks.h"
 
 inline constexpr const char* kTraceFileNames[] = {"log.kemd_i.gz", "log.kemd_i", "log.kemd_a",

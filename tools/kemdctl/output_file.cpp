@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 #include "tools/kemdctl/command.h"
 #include "tools/kemdctl/text.h"
 

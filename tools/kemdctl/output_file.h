@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 
 // Why a call for a file failed, and what may help.
 std::string ErrorText(int error);

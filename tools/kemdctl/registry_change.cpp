@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <string>
 
-#include "services/base/line_reader.h"
+#include "base/line_reader.h"
 #include "services/registry/file_line.h"
 #include "services/registry/node.h"
 #include "services/registry/store.h"

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "services/base/line_reader.h"
+#include "base/line_reader.h"
 #include "services/registry/file_line.h"
 #include "services/registry/store.h"
 #include "tools/kemdctl/text.h"

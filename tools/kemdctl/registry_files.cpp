@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "services/base/regular_file.h"
+#include "base/regular_file.h"
 #include "services/registry/file_text.h"
 #include "services/registry/store.h"
 #include "tools/kemdctl/json.h"

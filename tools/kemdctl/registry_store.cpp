@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "services/base/never_destroyed.h"
-#include "services/base/regular_file.h"
+#include "base/never_destroyed.h"
+#include "base/regular_file.h"
 #include "services/registry/path.h"
 #include "services/registry/store.h"
 #include "tools/kemdctl/command.h"

@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "kemd/registry.h"
-#include "services/base/unique_fd.h"
 
 // The process's one cursor; the first call loads the store. It is never destroyed, so that nothing
 // is saved but by SaveStore.

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "services/base/regular_file.h"
+#include "base/regular_file.h"
 #include "tools/kemdctl/module_note.h"
 #include "tools/kemdctl/trace/header_report.h"
 #include "trace_reader/record.h"

@@ -10,8 +10,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/cancel_guard.h"
 #include "kemd/trace.h"
-#include "services/base/cancel_guard.h"
 
 static unsigned g_traceLevel = 0;
 

@@ -12,11 +12,11 @@
 #include <exception>
 #include <thread>
 
+#include "base/library_file.h"
 #include "daemon/startup.h"
 #include "kemd/exit_event.h"
 #include "kemd/module.h"
 #include "kemd/module_switch.h"
-#include "services/base/library_file.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 
 // What a program writes to standard output and standard error, as far as a limit of size and time.
 // It is found in PATH and gets no shell. Nothing when it cannot be started.

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 
 // KEMDCTL_PAGER, PAGER, or less if there is one; empty when nothing of it is to be used.
 [[nodiscard]] std::string ChoosePager();

@@ -1,4 +1,4 @@
-#include "services/base/recursive_mutex.h"
+#include "base/recursive_mutex.h"
 
 void RecursiveMutex::Destroy() {
     if (!m_valid) return;

@@ -1,4 +1,4 @@
-#include "services/base/library_search.h"
+#include "base/library_search.h"
 
 #include <unistd.h>
 
@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "services/base/library_file.h"
+#include "base/library_file.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// Runs with tests/services/status.in as /proc/1/status, so that every figure is known.
+// Runs with tests/base/status.in as /proc/1/status, so that every figure is known.
 #include "kemd/process_status.h"
 
 #include <sys/prctl.h>

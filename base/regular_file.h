@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 
 // As open(2), close-on-exec. With errno on failure; what is no regular file gives EISDIR or EINVAL.
 inline UniqueFd OpenRegularFile(const char* path, int flags, mode_t mode = 0) {

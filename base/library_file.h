@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "services/base/unique_fd.h"
+#include "base/unique_fd.h"
 
 // A regular file of which pieces are read: mapped, it could be cut under the reader.
 class FilePieces {

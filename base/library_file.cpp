@@ -1,4 +1,4 @@
-#include "services/base/library_file.h"
+#include "base/library_file.h"
 
 #include <elf.h>
 #include <sys/stat.h>
@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "services/base/regular_file.h"
+#include "base/regular_file.h"
 
 // Looked at by name first: opening a device may do something.
 FilePieces::FilePieces(const char* path) {

@@ -12,8 +12,8 @@
 #include <fstream>
 #include <memory>
 
-#include "services/base/cancel_guard.h"
-#include "services/base/unique_fd.h"
+#include "base/cancel_guard.h"
+#include "base/unique_fd.h"
 
 namespace {
 
