@@ -1,4 +1,4 @@
-#include "tools/module_host/walk.h"
+#include "module_host/walk.h"
 
 #include <unistd.h>
 
@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <string>
 
-#include "tools/module_host/findings.h"
-#include "tools/module_host/module_process.h"
+#include "module_host/findings.h"
+#include "module_host/module_process.h"
 
 namespace {
 

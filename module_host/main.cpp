@@ -12,8 +12,8 @@
 
 #include "daemon/startup.h"
 #include "examples/switch/file_safety.h"
-#include "tools/module_host/host_trace.h"
-#include "tools/module_host/walk.h"
+#include "module_host/host_trace.h"
+#include "module_host/walk.h"
 
 namespace {
 

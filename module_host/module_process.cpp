@@ -1,4 +1,4 @@
-#include "tools/module_host/module_process.h"
+#include "module_host/module_process.h"
 
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -12,7 +12,7 @@
 #include <new>
 #include <system_error>
 
-#include "tools/module_host/module_calls.h"
+#include "module_host/module_calls.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 
 #include <string>
 
-#include "tools/module_host/call_board.h"
-#include "tools/module_host/process_view.h"
+#include "module_host/call_board.h"
+#include "module_host/process_view.h"
 
 class ModuleProcess {
   public:

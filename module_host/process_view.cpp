@@ -1,4 +1,4 @@
-#include "tools/module_host/process_view.h"
+#include "module_host/process_view.h"
 
 #include <dirent.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "tools/module_host/findings.h"
+#include "module_host/findings.h"
 
 #include <cxxabi.h>
 

@@ -1,4 +1,4 @@
-#include "tools/module_host/module_calls.h"
+#include "module_host/module_calls.h"
 
 #include <cxxabi.h>
 #include <dlfcn.h>

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/module_host/process_view.h"
+#include "module_host/process_view.h"
 
 using Findings = std::vector<std::string>;
 

@@ -1,6 +1,6 @@
 // Tracing for modules as the host offers it: every record goes to standard error at once, and no
 // file of the daemon is touched. Takes the place of trace/module_trace.cpp.
-#include "tools/module_host/host_trace.h"
+#include "module_host/host_trace.h"
 
 #include <unistd.h>
 
