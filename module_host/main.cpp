@@ -10,8 +10,8 @@
 #include <exception>
 #include <memory>
 
+#include "base/file_safety.h"
 #include "daemon/startup.h"
-#include "examples/switch/file_safety.h"
 #include "module_host/host_trace.h"
 #include "module_host/walk.h"
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "examples/switch/file_safety.h"
+#include "base/file_safety.h"
 #include "tools/kemdctl/text.h"
 
 namespace {
