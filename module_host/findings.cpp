@@ -8,8 +8,8 @@
 #include <cstring>
 #include <memory>
 
+#include "base/elf_exports.h"
 #include "daemon/wait_signals.h"
-#include "tools/kemdctl/elf_exports.h"
 
 namespace {
 

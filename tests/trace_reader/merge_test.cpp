@@ -1,5 +1,5 @@
 // Log and rings as one stream, and the command that shows it.
-#include "tests/tools/ctl.h"
+#include "tests/kemdctl/ctl.h"
 #include "tests/trace_reader/written.h"
 
 namespace {

@@ -1,0 +1,69 @@
+#include <cerrno>
+#include <sstream>
+
+#include "kemdctl/check/check_parts.h"
+#include "kemdctl/check/file_safety.h"
+#include "kemdctl/facts/small_file.h"
+
+namespace {
+
+// As a shell counts quotes.
+bool HasOpenQuote(std::string_view line) {
+    char quote = 0;
+    for (size_t i = 0; i < line.size(); ++i) {
+        const char c = line[i];
+        const bool isQuote = c == '"' || c == '\'';
+        if (c == '\\' && quote != '\'') {
+            ++i;
+        } else if (isQuote && (quote == 0 || quote == c)) {
+            quote = quote == 0 ? c : '\0';
+        }
+    }
+    return quote != 0;
+}
+
+std::string LineName(size_t number) {
+    std::string name = kDefaultFile;
+    name += ", line ";
+    return name += std::to_string(number);
+}
+
+void CheckQuotes(Findings& findings) {
+    std::istringstream lines(ReadSmallFile(kDefaultFile).value_or(""));
+    size_t number = 0;
+    for (std::string line; std::getline(lines, line);) {
+        ++number;
+        const size_t start = line.find_first_not_of(" \t");
+        const bool isRemark = start != line.npos && (line[start] == '#' || line[start] == ';');
+        if (isRemark || !HasOpenQuote(line)) continue;
+        findings.Warning(LineName(number) +
+                             ": a quote is not closed: the lines below may be taken for its value",
+                         "close it on the same line");
+    }
+}
+
+}  // namespace
+
+void CheckDefaultFile(Findings& findings) {
+    const std::string shown = kDefaultFile;
+    Variables variables;
+    const bool isRead = ReadDefaultFile(variables, [&](size_t line) {
+        findings.Warning(LineName(line) + ": not NAME=value",
+                         "mend or remove the line; no \"export\", no blanks around the =");
+    });
+    const int error = errno;
+    if (!isRead && IsMasked(shown)) {
+        return findings.Ok(shown + " is masked: it leads to /dev/null and sets no variable");
+    }
+    if (!isRead && (error == EINVAL || error == EISDIR)) {
+        return findings.Error(shown + " is no regular file: no variable is read from it",
+                              "put a regular file in its place");
+    }
+    if (!isRead && error != ENOENT) return findings.CannotLook(shown, error);
+    if (isRead) CheckQuotes(findings);
+    // Who can write or make it chooses the library that kemd loads.
+    const bool isSafe = CheckInRootsHands(findings, shown, true);
+    if (!isRead) return findings.Ok(shown + " is not there, which is allowed");
+    findings.Ok(shown + " is accepted, variables set: " + std::to_string(variables.size()) +
+                (isSafe ? ", and safe" : ""));
+}

@@ -1,0 +1,69 @@
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "base/regular_file.h"
+#include "kemdctl/check/check_parts.h"
+#include "kemdctl/check/file_safety.h"
+#include "kemdctl/registry/registry_check.h"
+#include "kemdctl/ui/text.h"
+#include "services/registry/store.h"
+
+namespace {
+
+// One that may not be looked at is, and that is told when it is read.
+bool IsThere(const char* path) {
+    struct stat status {};
+    return stat(path, &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
+}
+
+// `mend`: what to do about a file with findings.
+void CheckFile(Findings& findings, const char* path, const std::string& mend) {
+    const UniqueFd file = OpenRegularFile(path, O_RDONLY);
+    size_t count = 0;
+    std::string first;
+    const bool isRead =
+        file.IsOpen() && CheckRegistry(file.Get(), true, [&](size_t line, const std::string& what) {
+            if (count++ == 0) first = "line " + std::to_string(line) + ": " + what;
+        });
+    const int error = errno;
+    if (!isRead && (error == EACCES || error == EPERM)) return findings.CannotLook(path, error);
+    const std::string shown = path;
+    if (!isRead) {
+        const std::string again = "check again; if it still cannot be read: ";
+        findings.Error(shown + " cannot be read: " +
+                           (error == EINVAL ? "no regular file" : std::strerror(error)),
+                       (IsNoRegistryFile(error) ? "" : again) + mend);
+    } else if (count > 0) {
+        findings.Error(shown + " has " + Counted(count, "finding") + " (" + first + ")",
+                       "kemdctl registry check " + shown + "; " + mend);
+    } else if (CheckInRootsHands(findings, shown)) {
+        findings.Ok(shown + " is whole");
+    }
+}
+
+}  // namespace
+
+void CheckRegistryFiles(Findings& findings) {
+    const bool hasDefault = IsThere(kRegistryDefaultFile);
+    if (IsThere(kRegistryFile)) {
+        CheckFile(findings, kRegistryFile, "kemdctl registry restore");
+    } else if (IsThere(kRegistryOldFile) || hasDefault) {
+        findings.Ok(std::string(kRegistryFile) +
+                    " is not there: an older one or the default is "
+                    "used until a module saves");
+    } else {
+        findings.Error(
+            std::string(kRegistryFile) + " is not there, nor an older one, nor a default",
+            std::string("install ") + kRegistryDefaultFile + " from the package again");
+    }
+    if (hasDefault) {
+        CheckFile(findings, kRegistryDefaultFile, "install it from the package again");
+    } else {
+        findings.Warning(std::string(kRegistryDefaultFile) +
+                             " is missing: nothing is left when the "
+                             "registry breaks",
+                         "install it from the package again");
+    }
+}

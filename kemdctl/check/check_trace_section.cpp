@@ -1,0 +1,140 @@
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <span>
+#include <string>
+
+#include "kemdctl/check/check_parts.h"
+#include "kemdctl/ui/text.h"
+#include "trace/config_text.h"
+
+namespace {
+
+constexpr std::string_view kDirectoryKey = "RingBufferDirectory";
+constexpr std::array<std::string_view, 6> kModuleKeys = {
+    "FileDebugLevel",       "TraceFlags",       "RingBufferSizeFactor",
+    "RingBufferSizeWeight", "NoHeaderToStderr", "MemoryTracesFlag"};
+constexpr std::array<std::string_view, 1> kGlobalKeys = {"DynamicUpdate"};
+constexpr size_t kNumberLimit = 64;
+constexpr size_t kPathLimit = 256;
+
+std::string_view Trim(std::string_view text) {
+    constexpr std::string_view kBlanks = " \t\r\n";
+    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
+    return text.substr(0, text.find_last_not_of(kBlanks) + 1);
+}
+
+// Of a line "key = value"; the whole line when it has no equals sign.
+std::string_view KeyOf(std::string_view line) {
+    return Trim(line.substr(0, line.find('=')));
+}
+
+class SectionCheck {
+  public:
+    SectionCheck(Findings& findings, const std::string& path, std::string_view section)
+        : m_findings(findings), m_path(Printable(path)), m_section(section) {}
+
+    void Lines(bool isGlobal) const;
+    void Key(std::string_view key, size_t limit) const;
+
+  private:
+    void Number(std::string_view key, std::string_view value) const;
+    [[nodiscard]] std::string_view LineAt(size_t position) const {
+        const size_t before = m_section.rfind('\n', position);
+        const size_t start = before == m_section.npos ? 0 : before + 1;
+        return m_section.substr(start, m_section.find('\n', position) - start);
+    }
+    void Warn(const std::string& what, const std::string& action) const {
+        m_findings.Warning(m_path + ": " + what, action);
+    }
+
+    Findings& m_findings;
+    const std::string m_path;
+    const std::string_view m_section;
+};
+
+bool IsKnown(std::string_view key, bool isGlobal) {
+    if (isGlobal) return key == kGlobalKeys[0];
+    return key == kDirectoryKey ||
+           std::find(kModuleKeys.begin(), kModuleKeys.end(), key) != kModuleKeys.end();
+}
+
+// Lines that look like a setting and are none. There are no comments in this form, but people
+// write them.
+void SectionCheck::Lines(bool isGlobal) const {
+    for (size_t start = 0; start < m_section.size();) {
+        const std::string_view line = Trim(LineAt(start));
+        start = m_section.find('\n', start);
+        start = start == m_section.npos ? m_section.size() : start + 1;
+        if (line.empty() || line[0] == '#' || line[0] == ';' || line.starts_with("//")) continue;
+        const std::string key = Printable(KeyOf(line));
+        if (line.find('=') == line.npos) {
+            Warn("\"" + key + "\" has no =", "write KEY = VALUE, or # in front of a remark");
+        } else if (!IsKnown(KeyOf(line), isGlobal)) {
+            Warn("the key \"" + key + "\" is not known", "mend or remove the line");
+        }
+    }
+}
+
+void SectionCheck::Key(std::string_view key, size_t limit) const {
+    const auto value = FindConfigValue(m_section, key, limit);
+    if (!value) return;
+    const std::string name(key);
+    const std::string shown = "\"" + Printable(Trim(*value)) + "\"";
+    const std::string_view line = LineAt(m_section.find(key));
+    if (KeyOf(line) != key || line.find('=') == line.npos) {
+        Warn(name + " is taken from the line \"" + Printable(Trim(line)) + "\", its value is " +
+                 shown,
+             "a key counts wherever its name first stands, remarks included: rename it there");
+    } else if (key == kDirectoryKey && !value->starts_with('/')) {
+        Warn(name + " " + shown + " is no absolute path", "give one that begins with /");
+    } else if (key != kDirectoryKey) {
+        Number(key, *value);
+    }
+}
+
+void SectionCheck::Number(std::string_view key, std::string_view value) const {
+    const auto number = FindMisreadNumber(value, 0, INT32_MAX);
+    if (!number) return;
+    const bool isNumber = !value.empty() && std::isdigit(static_cast<unsigned char>(value[0])) != 0;
+    const bool isLevel = key == "FileDebugLevel" || key == "TraceFlags";
+    Warn(std::string(key) + " \"" + Printable(Trim(value)) + "\"" +
+             (isNumber ? "" : " is no number of 0 or more:") + " counts as " +
+             (*number == -1 && !isLevel ? "absent" : std::to_string(*number)),
+         "give one number of 0 or more and nothing else, decimal or with 0x");
+}
+
+}  // namespace
+
+std::optional<int32_t> FindMisreadNumber(std::string_view text, int base, int64_t largest) {
+    const std::string copy(text);
+    const char* const start = copy.c_str();
+    char* end = nullptr;
+    errno = 0;
+    const int64_t value = base == 0 ? static_cast<int64_t>(std::strtoul(start, &end, 0))
+                                    : std::strtol(start, &end, base);
+    const bool fits = errno == 0 && value >= 0 && value <= largest;
+    const bool isWhole = end != start && Trim(end).empty();
+    // A leading 0 makes it octal, which few mean.
+    const bool isMeant = copy.find_first_of("xX") != copy.npos ||
+                         value == static_cast<int64_t>(std::strtoul(start, nullptr, 10));
+    if (fits && isWhole && isMeant) return std::nullopt;
+    return static_cast<int32_t>(value);
+}
+
+void CheckNumberKey(Findings& findings, const std::string& path, std::string_view section,
+                    std::string_view key) {
+    SectionCheck(findings, path, section).Key(key, kNumberLimit);
+}
+
+void CheckTraceSection(Findings& findings, const std::string& path, std::string_view section,
+                       bool isGlobal) {
+    const SectionCheck check(findings, path, section);
+    check.Lines(isGlobal);
+    const std::span<const std::string_view> numbers =
+        isGlobal ? std::span<const std::string_view>(kGlobalKeys) : kModuleKeys;
+    for (const std::string_view key : numbers) check.Key(key, kNumberLimit);
+    if (!isGlobal) check.Key(kDirectoryKey, kPathLimit);
+}

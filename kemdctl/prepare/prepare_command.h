@@ -1,0 +1,6 @@
+// kemdctl prepare: what the service does before it starts the daemon.
+#pragma once
+
+#include "kemdctl/ui/command.h"
+
+int RunPrepare(CommandLine& line);

@@ -1,0 +1,26 @@
+// Shows what kemdctl status has found out.
+#pragma once
+
+#include <string>
+
+#include "kemdctl/check/finding.h"
+#include "kemdctl/facts/daemon_state.h"
+#include "kemdctl/status/trace_facts.h"
+
+struct Status {
+    DaemonState state;
+    Findings findings;  // what is wrong with the trace
+    // What is to be known about the list of modules: why it is empty or not complete.
+    std::string moduleNote;
+    std::string traceDirectory;
+    std::string traceSource;  // of the variables that decide on it
+    TraceFacts trace;
+    time_t now = 0;
+
+    // Of the running daemon, or 0.
+    [[nodiscard]] pid_t Pid() const { return state.daemon ? state.daemon->pid : 0; }
+    [[nodiscard]] const TraceFileFacts& Ring() const { return trace.Ring(Pid()); }
+};
+
+void ShowStatus(const Status& status);
+void ShowStatusAsJson(const Status& status);

@@ -1,0 +1,269 @@
+#include "kemdctl/trace/options.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <initializer_list>
+#include <utility>
+
+#include "kemdctl/trace/time_word.h"
+#include "kemdctl/ui/text.h"
+
+namespace {
+
+struct Parser {
+    TraceOptions options;
+    bool ignoresCase = false;
+    int64_t now = ClockNow();
+};
+// The value is null for an option that has none. Empty, or what is wrong with it.
+using Setter = std::string (*)(Parser& parser, const char* value);
+enum class Kind : uint8_t { kFlag, kValue, kRepeated };
+struct Word {
+    std::string_view name;
+    std::string_view other;  // may be empty
+    Kind kind;
+    Setter set;
+};
+
+template <bool TraceOptions::*member, bool value = true>
+std::string SetFlag(Parser& parser, const char* /*none*/) {
+    parser.options.*member = value;
+    return {};
+}
+
+template <Report report>
+std::string SetReport(Parser& parser, const char* file) {
+    if (parser.options.report != Report::kNone) return "one report or count at a time";
+    parser.options.report = report;
+    parser.options.reportFile = file;
+    return {};
+}
+
+template <std::optional<int64_t> Choice::*member>
+std::string SetTime(Parser& parser, const char* value) {
+    auto& time = parser.options.choice.*member;
+    time = ParseTime(value, parser.now);
+    return time ? "" : "no time such as \"2026-11-15 20:04:51.123\", 20:04, today or -2h30m";
+}
+
+template <std::optional<int64_t> TraceOptions::*member>
+std::string SetSpan(Parser& parser, const char* value) {
+    auto& span = parser.options.*member;
+    span = ParseSpan(value);
+    return span ? "" : "no span of time such as 10, 0.5 or 2m30s";
+}
+
+template <std::vector<Pattern> Choice::*member>
+std::string AddPattern(Parser& parser, const char* value) {
+    return (parser.options.choice.*member).emplace_back().Set(value, parser.ignoresCase);
+}
+
+std::string SetWaitFor(Parser& parser, const char* value) {
+    return parser.options.waitFor.emplace().Set(value, parser.ignoresCase);
+}
+
+std::string AddThread(Parser& parser, const char* value) {
+    const bool hasPrefix = std::strncmp(value, "0x", 2) == 0 || std::strncmp(value, "0X", 2) == 0;
+    const char* const begin = value + (hasPrefix ? 2 : 0);
+    const char* const end = value + std::strlen(value);
+    uint64_t thread = 0;
+    const auto [next, error] = std::from_chars(begin, end, thread, 16);
+    if (error != std::errc{} || next != end) return "no thread such as D82A0740";
+    parser.options.choice.threads.push_back(static_cast<uint32_t>(thread));
+    return {};
+}
+
+std::string AddTag(Parser& parser, const char* value) {
+    parser.options.choice.tags.emplace_back(value);
+    return {};
+}
+
+template <std::optional<uint64_t> TraceOptions::*member, uint64_t least>
+std::string SetNumber(Parser& parser, const char* value) {
+    const char* const end = value + std::strlen(value);
+    uint64_t& number = (parser.options.*member).emplace();
+    const auto [next, error] = std::from_chars(value, end, number);
+    return error == std::errc{} && next == end && number >= least ? "" : "no number";
+}
+
+template <typename Value>
+using Choices = std::initializer_list<std::pair<std::string_view, Value>>;
+
+template <typename Value>
+std::string Pick(Value& option, std::string_view word, Choices<Value> choices) {
+    std::string all;
+    for (const auto& [name, value] : choices) {
+        if (name == word) {
+            option = value;
+            return {};
+        }
+        all += (all.empty() ? "" : ", ") + std::string(name);
+    }
+    return "none of " + all;
+}
+
+std::string SetForm(Parser& parser, const char* value) {
+    return Pick<Form>(parser.options.form, value,
+                      {{"full", Form::kFull},
+                       {"short", Form::kShort},
+                       {"json", Form::kJson},
+                       {"csv", Form::kCsv}});
+}
+
+std::string SetJson(Parser& parser, const char* /*none*/) {
+    parser.options.form = Form::kJson;
+    return {};
+}
+
+std::string SetColor(Parser& parser, const char* value) {
+    return Pick<ColorMode>(
+        parser.options.color, value,
+        {{"auto", ColorMode::kAuto}, {"always", ColorMode::kAlways}, {"never", ColorMode::kNever}});
+}
+
+std::string IgnoreCase(Parser& parser, const char* /*none*/) {
+    parser.ignoresCase = true;
+    return {};
+}
+
+// -i stands before what it works on.
+constexpr Word kWords[] = {
+    {"--help", "", Kind::kFlag, SetFlag<&TraceOptions::isHelp>},
+    {"-i", "--ignore-case", Kind::kFlag, IgnoreCase},
+    {"--start", "", Kind::kFlag, SetFlag<&TraceOptions::fromStart>},
+    {"--since", "", Kind::kValue, SetTime<&Choice::since>},
+    {"--until", "", Kind::kValue, SetTime<&Choice::until>},
+    {"--thread", "", Kind::kRepeated, AddThread},
+    {"--tag", "", Kind::kRepeated, AddTag},
+    {"-g", "--grep", Kind::kRepeated, AddPattern<&Choice::wanted>},
+    {"-v", "--exclude", Kind::kRepeated, AddPattern<&Choice::excluded>},
+    {"-n", "--lines", Kind::kValue, SetNumber<&TraceOptions::last, 0>},
+    {"-f", "--follow", Kind::kFlag, SetFlag<&TraceOptions::follows>},
+    {"--wait-for", "", Kind::kValue, SetWaitFor},
+    {"--timeout", "", Kind::kValue, SetSpan<&TraceOptions::timeout>},
+    {"-o", "--output", Kind::kValue, SetForm},
+    {"--json", "", Kind::kFlag, SetJson},
+    {"--delta", "", Kind::kFlag, SetFlag<&TraceOptions::showsDelta>},
+    {"--gaps", "", Kind::kValue, SetSpan<&TraceOptions::gap>},
+    {"--raw", "", Kind::kFlag, SetFlag<&TraceOptions::isRaw>},
+    {"--color", "", Kind::kValue, SetColor},
+    {"--no-pager", "", Kind::kFlag, SetFlag<&TraceOptions::mayPage, false>},
+    {"-q", "--quiet", Kind::kFlag, SetFlag<&TraceOptions::isQuiet>},
+    {"--count", "", Kind::kFlag, SetReport<Report::kCount>},
+    {"--header", "", Kind::kFlag, SetReport<Report::kHeader>},
+    {"--stats", "", Kind::kFlag, SetReport<Report::kStats>},
+    {"--verify", "", Kind::kFlag, SetReport<Report::kVerify>},
+    {"--last-run", "", Kind::kFlag, SetReport<Report::kLastRun>},
+    {"--list-runs", "", Kind::kFlag, SetReport<Report::kListRuns>},
+    {"--run", "", Kind::kValue, SetNumber<&TraceOptions::run, 1>},
+    {"--export", "", Kind::kValue, SetReport<Report::kExport>},
+    {"--html", "", Kind::kValue, SetReport<Report::kHtml>},
+    {"--collect", "", Kind::kValue, SetReport<Report::kCollect>},
+};
+
+bool Complained(std::string_view name, const char* value, const std::string& problem) {
+    if (problem.empty()) return false;
+    const std::string shown = value != nullptr ? " " + Printable(value) : "";
+    Complain("%s%s: %s", std::string(name).c_str(), shown.c_str(), problem.c_str());
+    return true;
+}
+
+bool TakeWord(CommandLine& line, const Word& word, Parser& parser) {
+    if (word.kind == Kind::kFlag) {
+        const bool isSet = line.Has(word.name) || (!word.other.empty() && line.Has(word.other));
+        return !isSet || !Complained(word.name, nullptr, word.set(parser, nullptr));
+    }
+    std::vector<const char*> values = line.TakeValues(word.name);
+    if (!word.other.empty()) {
+        for (const char* value : line.TakeValues(word.other)) values.push_back(value);
+    }
+    if (word.kind == Kind::kValue && values.size() > 1) {
+        return !Complained(word.name, nullptr, "given more than once");
+    }
+    for (const char* value : values) {
+        if (Complained(word.name, value,
+                       value == nullptr ? "a value is missing" : word.set(parser, value))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// What makes no sense together.
+std::string FindConflict(const TraceOptions& options) {
+    const bool goesOn = options.follows || options.waitFor;
+    const Choice& choice = options.choice;
+    const bool isOfFiles = options.report > Report::kNone && options.report < Report::kCount;
+    const bool chooses = options.fromStart || choice.since || choice.until || options.last ||
+                         !choice.threads.empty() || !choice.tags.empty() ||
+                         !choice.wanted.empty() || !choice.excluded.empty();
+    const bool isOfKept = options.run || options.report == Report::kListRuns;
+    if (isOfKept && goesOn) return "a kept run is written by nobody: no -f, no --wait-for";
+    if (isOfKept && options.paths.size() > 1) return "kept runs are those of one directory";
+    if (options.run && options.report == Report::kListRuns) return "--list-runs shows all of them";
+    if (options.timeout && !goesOn) return "--timeout goes with -f and --wait-for only";
+    if (isOfFiles && (goesOn || chooses)) return "this report is of whole files: choose no records";
+    if (options.waitFor && options.report != Report::kNone) {
+        return "--wait-for goes with no report and no count";
+    }
+    return {};
+}
+
+}  // namespace
+
+// -n1 is -n 1.
+static void PartShortOptions(CommandLine& line) {
+    for (CommandLine::Option& each : line.options) {
+        const std::string_view name = each.name.substr(0, 2);
+        const auto* word = std::find_if(std::begin(kWords), std::end(kWords),
+                                        [name](const Word& one) { return one.name == name; });
+        if (each.name.size() == 2 || word == std::end(kWords) || word->kind == Kind::kFlag)
+            continue;
+        each.value = each.name.data() + name.size();  // up to the end of its word
+        each.name = name;
+    }
+}
+
+std::optional<TraceOptions> ParseTraceOptions(CommandLine& line) {
+    Parser parser;
+    PartShortOptions(line);
+    std::vector<std::string_view> names;
+    for (const Word& word : kWords) {
+        if (!TakeWord(line, word, parser)) return {};
+        names.push_back(word.name);
+        if (!word.other.empty()) names.push_back(word.other);
+    }
+    if (!line.HasOnly(names)) return {};
+    parser.options.paths.assign(line.words.begin(), line.words.end());
+    const std::string conflict = FindConflict(parser.options);
+    if (conflict.empty()) return std::move(parser.options);
+    Complain("%s", conflict.c_str());
+    return {};
+}
+
+void WriteTraceHelp() {
+    Write(
+        "usage: kemdctl trace [OPTION...] [FILE|DIRECTORY...]  the directory in force\n"
+        "Records of all the files in the order of time. They are chosen in this order:\n"
+        "  --start                   since the last start of the daemon\n"
+        "  --since T, --until T      T: \"2026-11-15 20:04:51.123\", 20:04, today, -2h30m\n"
+        "  --thread ID, --tag NAME   of any of these threads, with any of these tags\n"
+        "  -g, --grep REGEX          whose text matches any of these; -i ignores case\n"
+        "  -v, --exclude REGEX       whose text matches none of these\n"
+        "  -n, --lines N             the last N of them; with -f then everything new\n"
+        "Show them:\n"
+        "  -f, --follow              and go on with what is written\n"
+        "  --wait-for REGEX          only the next that matches; --timeout S: give up\n"
+        "  -o full|short|json|csv    in this form; --raw  with all that is no record\n"
+        "  --delta, --gaps S         with the time between; only around gaps above S\n"
+        "  --color auto|always|never    --no-pager    -q, --quiet  no word on the files\n"
+        "Or, in their place:\n"
+        "  --count                   their number\n"
+        "  --stats                   how many of which kind, when, at what memory\n"
+        "  --export, --html FILE     a timeline for trace viewers; a page to look at\n"
+        "Or, of whole files: --header; --verify whether they are sound; --last-run how\n"
+        "it ended; --collect FILE everything for support, secrets masked\n"
+        "Runs that did not end in order are kept: --list-runs; --run N reads one of them\n"
+        "Exit status: 0 found, 1 nothing matched, or the time-out, 2 an error.\n");
+}

@@ -1,0 +1,102 @@
+#include "kemdctl/trace/pattern.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <utility>
+
+#include "kemdctl/ui/command.h"
+
+namespace {
+
+// regexec takes memory of many times the text.
+constexpr size_t kPiece = size_t{1} << 16;
+
+regmatch_t Range(std::string_view text, size_t from) {
+    return {static_cast<regoff_t>(from), static_cast<regoff_t>(text.size())};
+}
+
+// With a zero byte behind it: though the end is given, a regexec that is watched looks for one.
+const char* Terminated(std::string_view text) {
+    static std::string copy;
+    copy.assign(text);
+    return copy.c_str();
+}
+
+// Where the piece that begins here ends: behind its last whole line, if it has one.
+size_t PieceEnd(std::string_view text, size_t begin) {
+    if (text.size() - begin <= kPiece) return text.size();
+    const size_t end = text.substr(begin, kPiece).rfind('\n');
+    return end == text.npos ? begin + kPiece : begin + end;
+}
+
+// Once is enough: the next million of texts fails likewise.
+bool HasMatched(int result) {
+    static bool isTold = false;
+    if (result != 0 && result != REG_NOMATCH && !std::exchange(isTold, true)) {
+        Complain("no memory for a regular expression: texts that it matches may be missed");
+    }
+    return result == 0;
+}
+
+}  // namespace
+
+void Pattern::Free::operator()(regex_t* regex) const {
+    regfree(regex);
+    delete regex;
+}
+
+std::string Pattern::Set(const char* pattern, bool ignoresCase) {
+    m_regex.reset();
+    m_plain = pattern;
+    if (m_plain.empty()) return "it is empty";
+    if (!ignoresCase && m_plain.find_first_of(".[]()*+?{}|^$\\\n") == m_plain.npos) return {};
+    auto regex = std::make_unique<regex_t>();
+    const int flags = REG_EXTENDED | REG_NEWLINE | (ignoresCase ? REG_ICASE : 0);
+    const int error = regcomp(regex.get(), pattern, flags);
+    if (error == 0) {
+        m_regex.reset(regex.release());
+        return {};
+    }
+    std::array<char, 256> text{};
+    regerror(error, regex.get(), text.data(), text.size());
+    return text.data();
+}
+
+// A text may hold zero bytes, so its end is given.
+bool Pattern::IsIn(std::string_view text) const {
+    if (!m_regex) {
+        return memmem(text.data(), text.size(), m_plain.data(), m_plain.size()) != nullptr;
+    }
+    size_t end = 0;
+    for (size_t begin = 0;; begin = end) {
+        end = PieceEnd(text, begin);
+        if (MatchesPiece(text, begin, end)) return true;
+        if (end == text.size()) return false;
+        // A line that is parted is not parted in the middle of a match.
+        end = text[end] == '\n' ? end + 1 : end - kPiece / 2;
+    }
+}
+
+// A piece begins or ends a line only where the text does.
+bool Pattern::MatchesPiece(std::string_view text, size_t begin, size_t end) const {
+    const bool isLineBegin = begin == 0 || text[begin - 1] == '\n';
+    const bool isLineEnd = end == text.size() || text[end] == '\n';
+    const int flags = REG_STARTEND | (isLineBegin ? 0 : REG_NOTBOL) | (isLineEnd ? 0 : REG_NOTEOL);
+    const std::string_view piece = text.substr(begin, end - begin);
+    regmatch_t match = Range(piece, 0);
+    return HasMatched(regexec(m_regex.get(), Terminated(piece), 0, &match, flags));
+}
+
+bool Pattern::Find(std::string_view text, size_t from, Place& place) const {
+    if (!m_regex) {
+        const size_t begin = text.find(m_plain, from);
+        place = {begin, begin + m_plain.size()};
+        return begin != text.npos;
+    }
+    regmatch_t match = Range(text, from);
+    const int result = regexec(m_regex.get(), Terminated(text), 1, &match, REG_STARTEND);
+    if (!HasMatched(result)) return false;
+    place = {static_cast<size_t>(match.rm_so), static_cast<size_t>(match.rm_eo)};
+    return true;
+}

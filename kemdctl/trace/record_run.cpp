@@ -1,0 +1,230 @@
+#include "kemdctl/trace/record_run.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "kemdctl/trace/html_report.h"
+#include "kemdctl/trace/last_records.h"
+#include "kemdctl/trace/run_start.h"
+#include "kemdctl/trace/show_sink.h"
+#include "kemdctl/trace/stats.h"
+#include "kemdctl/trace/stopper.h"
+#include "kemdctl/trace/time_word.h"
+#include "kemdctl/trace/timeline_export.h"
+#include "kemdctl/trace/trace_files.h"
+#include "kemdctl/ui/text.h"
+#include "trace_reader/trace_watch.h"
+
+namespace {
+
+class CountSink : public RecordSink {
+  public:
+    void Take(const TraceRecord& /*record*/) override { ++m_count; }
+    [[nodiscard]] bool Finish() override {
+        Write(std::to_string(m_count) + "\n");
+        return true;
+    }
+
+  private:
+    uint64_t m_count = 0;
+};
+
+// Nothing when the records themselves are shown.
+std::unique_ptr<RecordSink> MakeReportSink(const TraceOptions& options) {
+    switch (options.report) {
+        case Report::kCount:
+            return std::make_unique<CountSink>();
+        case Report::kStats:
+            return MakeStatsSink(options.form == Form::kJson);
+        case Report::kExport:
+            return MakeTimelineSink(options.reportFile, options.isQuiet);
+        case Report::kHtml:
+            return MakeHtmlSink(options.reportFile);
+        default:
+            return nullptr;
+    }
+}
+
+class RecordRun {
+  public:
+    explicit RecordRun(const TraceOptions& options)
+        : m_options(options),
+          m_report(MakeReportSink(options)),
+          m_show(m_report ? nullptr : std::make_unique<ShowSink>(options)),
+          m_last(m_report ? *m_report : *m_show, options.last),
+          m_goesOn(options.follows || options.waitFor),
+          m_isWaiting(options.choice.since || options.fromStart) {}
+
+    int Run(const std::vector<std::string>& files);
+
+  private:
+    bool Open(const std::vector<std::string>& files);
+    // Nothing is left out, so that nobody needs to look at the records one by one.
+    [[nodiscard]] bool TakesRuns() const;
+    // What is there when the command begins.
+    void ReadFirst();
+    void Read();
+    void Take(const TraceRecord& record);
+    void Follow();
+    void TellLosses();
+    [[nodiscard]] std::optional<int64_t> TimeLeft() const;
+    [[nodiscard]] bool IsOver() const { return m_hasMatched || IsClosed(); }
+    [[nodiscard]] bool IsClosed() const { return m_show ? m_show->IsClosed() : HasWriteFailed(); }
+    int Finish();
+
+    const TraceOptions& m_options;
+    std::unique_ptr<RecordSink> m_report;
+    std::unique_ptr<ShowSink> m_show;
+    LastRecords m_last;
+    TraceMerge m_merge;
+    TraceWatch m_watch;
+    std::optional<RunStart> m_start;  // until it was met
+    bool m_goesOn;
+    bool m_isWaiting;  // for the pattern: what was written before the call counts when it was asked
+                       // for
+    bool m_isComplete = false;
+    bool m_hasMatched = false;
+    bool m_isInterrupted = false;
+    std::vector<bool> m_isLossTold;  // by source
+};
+
+bool RecordRun::Open(const std::vector<std::string>& files) {
+    if (m_options.fromStart) {
+        m_start = FindLastStart(files);
+        if (!m_start) Complain("no start of the daemon is in these files: nothing is left out");
+    }
+    m_merge.ShowAll(m_options.isRaw);
+    if (m_goesOn) m_merge.Follow();
+    for (const std::string& file : files) {
+        if (m_goesOn && !m_watch.Add(file)) {
+            Complain("cannot watch %s: %s", Printable(file).c_str(), std::strerror(errno));
+            return false;
+        }
+        m_merge.Add(file);
+    }
+    return true;
+}
+
+// Reads no more than is needed: of the last records, as far back as it takes to have enough.
+void RecordRun::ReadFirst() {
+    constexpr uint64_t kLeast = 4096, kFactor = 16;
+    const Choice& choice = m_options.choice;
+    const int64_t since = choice.since.value_or(INT64_MIN);
+    const int64_t until = m_goesOn ? INT64_MAX : choice.until.value_or(INT64_MAX);
+    const bool isShort = m_options.last && !m_start && !m_options.isRaw && !m_options.waitFor;
+    uint64_t last = UINT64_MAX;
+    if (isShort) last = choice.TakesAll() ? std::max<uint64_t>(*m_options.last, 1) : kLeast;
+    for (;; last *= kFactor) {
+        // After a clock that went back records could be left out, the start among them.
+        if (!m_start) m_merge.Select(since, until, last);
+        m_isComplete = false;
+        Read();
+        if (!m_merge.IsShortened() || m_last.Kept() >= *m_options.last || IsOver()) return;
+        m_last.Forget();
+    }
+}
+
+void RecordRun::Take(const TraceRecord& record) {
+    if (m_start && !m_start->IsAt(record)) return;
+    m_start.reset();
+    // Before that, records of other files may be missing.
+    m_isComplete = m_isComplete || m_merge.IsComplete();
+    if (!m_isComplete || !m_options.choice.Takes(record)) return;
+    m_hasMatched = m_isWaiting && m_options.waitFor && m_options.waitFor->IsIn(record.text);
+    if (!m_options.waitFor || m_options.follows || m_hasMatched) m_last.Take(record);
+}
+
+bool RecordRun::TakesRuns() const {
+    return m_show && m_show->TakesRuns() && m_options.choice.TakesAll() && !m_options.last &&
+           !m_options.waitFor && !m_start;
+}
+
+void RecordRun::Read() {
+    const bool takesRuns = TakesRuns();
+    for (TraceRecord record; !IsOver();) {
+        for (TraceRun run; takesRuns && !IsOver() && m_merge.NextRun(run);) {
+            m_show->TakeRun(run.lines);
+        }
+        if (!m_merge.Next(record)) return;
+        Take(record);
+    }
+}
+
+// Until the time-out, or until records of --until can no longer come.
+std::optional<int64_t> RecordRun::TimeLeft() const {
+    std::optional<int64_t> left = m_options.timeout;
+    if (m_options.choice.until) {
+        const int64_t until = std::max<int64_t>(*m_options.choice.until - LocalTime(ClockNow()), 0);
+        left = std::min(left.value_or(until), until);
+    }
+    return left;
+}
+
+// Once for each file, also with --quiet: what was shown is not what was written.
+void RecordRun::TellLosses() {
+    m_isLossTold.resize(m_merge.Sources().size());
+    for (size_t i = 0; i < m_isLossTold.size(); ++i) {
+        const TraceSource& source = *m_merge.Sources()[i];
+        const SourceFacts& facts = source.Facts();
+        const bool isMixed = !facts.isCertain && facts.records > 0;
+        if ((!source.HasLost() && !isMixed) || m_isLossTold[i]) continue;
+        m_isLossTold[i] = true;
+        Complain("%s: %s", Printable(source.Path()).c_str(),
+                 isMixed ? facts.problem.c_str()
+                         : "records were overwritten before they could be shown");
+    }
+}
+
+void RecordRun::Follow() {
+    const Stopper stopper(TimeLeft());
+    ReadFirst();
+    TellLosses();
+    m_last.Release();
+    m_isWaiting = true;
+    for (bool isLast = false; !isLast && !IsOver();) {
+        if (m_show) m_show->Flush();
+        isLast = stopper.IsOver() || stopper.IsInterrupted();
+        if (!isLast && !m_watch.Wait(STDOUT_FILENO)) return;
+        while (!IsOver() && m_merge.Advance()) Read();
+        TellLosses();
+    }
+    m_isInterrupted = stopper.IsInterrupted();
+}
+
+int RecordRun::Finish() {
+    if (!m_last.Finish()) return kError;
+    const bool hasFound = m_show ? m_show->HasShown() : m_last.Passed() > 0;
+    // A reader that has gone away is told nothing; otherwise the pager ends before anything is
+    // said.
+    const bool isQuiet = m_options.isQuiet || IsClosed();
+    m_show.reset();
+    const bool isGood = m_goesOn ? TellErrors(m_merge) : TellFacts(m_merge, isQuiet);
+    if (!isGood) return kError;
+    if (m_options.waitFor) return m_hasMatched ? kYes : kNo;
+    return hasFound || m_isInterrupted ? kYes : kNo;
+}
+
+int RecordRun::Run(const std::vector<std::string>& files) try {
+    if (!Open(files)) return kError;
+    m_last.Begin(m_merge);
+    if (m_goesOn) {
+        Follow();
+    } else {
+        ReadFirst();
+    }
+    return Finish();
+} catch (const std::bad_alloc&) {
+    if (m_show) m_show->Flush();  // what there is
+    throw;
+}
+
+}  // namespace
+
+int RunRecords(const TraceOptions& options, const std::vector<std::string>& files) {
+    return RecordRun(options).Run(files);
+}

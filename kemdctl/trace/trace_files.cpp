@@ -1,0 +1,107 @@
+#include "kemdctl/trace/trace_files.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "kemdctl/facts/daemon_environment.h"
+#include "kemdctl/facts/daemon_state.h"
+#include "kemdctl/trace/kept_runs.h"
+#include "kemdctl/ui/command.h"
+#include "kemdctl/ui/text.h"
+#include "trace_reader/trace_source.h"
+
+namespace {
+
+std::string DirectoryInForce() {
+    const TraceSettings settings(ReadDaemonEnvironment(ReadDaemonState()));
+    return settings.Directory();
+}
+
+bool IsThere(const std::string& path, bool asDirectory) {
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 && (!asDirectory || S_ISDIR(status.st_mode));
+}
+
+// The compressed start-up ring is not whole while the ring itself is still there.
+void AddDirectory(const std::string& directory, bool mayCome, std::vector<std::string>& files) {
+    const bool isStarting = IsThere(directory + "/log.kemd_i", false);
+    for (const char* const name : kTraceFileNames) {
+        const std::string path = directory + "/" + name;
+        if (isStarting && path.ends_with(".gz")) continue;
+        const bool isThere = IsThere(path, false);
+        // One that may not be looked at is reported when it is opened, and stands for the others.
+        const bool isHidden = !isThere && errno != ENOENT;
+        if (mayCome || isThere || isHidden) files.push_back(path);
+        if (isHidden) break;
+    }
+}
+
+}  // namespace
+
+std::optional<std::vector<KeptPlace>> ListKept(const std::vector<std::string>& named) {
+    KeptRuns runs(named.empty() ? DirectoryInForce() : named.front());
+    // A file has none.
+    if (!runs.Open() && errno != ENOENT && errno != ENOTDIR) {
+        const bool isRefused = errno == EACCES && geteuid() != 0;
+        Complain("cannot look at %s: %s%s", Printable(runs.Path()).c_str(), std::strerror(errno),
+                 isRefused ? ": run it as root" : "");
+        return std::nullopt;
+    }
+    std::vector<KeptPlace> kept;
+    for (const KeptRun& run : runs.List()) kept.push_back({runs.PathOf(run), run.size});
+    std::reverse(kept.begin(), kept.end());
+    return kept;
+}
+
+std::vector<std::string> FilesIn(const std::string& directory) {
+    std::vector<std::string> files;
+    AddDirectory(directory, false, files);
+    return files;
+}
+
+std::vector<std::string> ListTraceFiles(std::vector<std::string> named, bool mayCome) {
+    if (named.empty()) named.push_back(DirectoryInForce());
+    std::vector<std::string> files;
+    for (const std::string& name : named) {
+        if (IsThere(name, true)) {
+            AddDirectory(name, mayCome, files);
+            continue;
+        }
+        files.push_back(name);
+        if (!mayCome || IsThere(name, false)) continue;
+        Complain("%s is not there: waiting for it", Printable(name).c_str());
+    }
+    if (files.empty()) {
+        KeptRuns runs(named.front());
+        const bool hasKept = runs.Open() && !runs.List().empty();
+        Complain("no trace files in %s%s", Printable(named.front()).c_str(),
+                 hasKept ? ", but kept runs: see --list-runs" : "");
+    }
+    return files;
+}
+
+bool TellFacts(const TraceMerge& merge, bool isQuiet) {
+    bool isGood = true;
+    for (const auto& source : merge.Sources()) {
+        if (!source->IsGood() || !isQuiet) {
+            Complain("%s: %s", Printable(source->Path()).c_str(), source->Describe().c_str());
+        }
+        isGood = isGood && source->IsGood();
+    }
+    return isGood;
+}
+
+bool TellErrors(const TraceMerge& merge) {
+    bool isGood = true;
+    for (const auto& source : merge.Sources()) {
+        const std::string& error = source->Facts().error;
+        if (error.empty() || error == std::strerror(ENOENT)) continue;  // it did not come
+        Complain("%s: %s", Printable(source->Path()).c_str(), error.c_str());
+        isGood = false;
+    }
+    return isGood;
+}

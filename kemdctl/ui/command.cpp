@@ -1,0 +1,141 @@
+#include "kemdctl/ui/command.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "kemdctl/ui/text.h"
+
+static int g_writeError = 0;
+
+CommandLine::CommandLine(int argc, char** argv) {
+    bool isEnded = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view word = argv[i];
+        // A negative number is data.
+        const bool isOption = word.size() > 1 && word[0] == '-' && (word[1] < '0' || word[1] > '9');
+        if (isEnded || !isOption) {
+            words.push_back(argv[i]);
+        } else if (word == "--") {
+            isEnded = true;
+        } else {
+            const size_t equals = word.find('=');
+            const char* const value = equals != word.npos ? argv[i] + equals + 1 : nullptr;
+            options.push_back({word.substr(0, equals), value, words.size(), false, false});
+        }
+    }
+}
+
+bool CommandLine::Has(std::string_view option) const {
+    return std::any_of(options.begin(), options.end(),
+                       [option](const Option& each) { return each.name == option; });
+}
+
+const char* CommandLine::TakeValue(std::string_view option) {
+    const auto found = std::find_if(options.begin(), options.end(),
+                                    [option](const Option& each) { return each.name == option; });
+    return found == options.end() ? nullptr : TakeValue(*found);
+}
+
+std::vector<const char*> CommandLine::TakeValues(std::string_view option) {
+    std::vector<const char*> values;
+    for (Option& each : options) {
+        if (each.name != option) continue;
+        each.mayRepeat = true;
+        values.push_back(TakeValue(each));
+    }
+    return values;
+}
+
+const char* CommandLine::TakeValue(Option& option) {
+    option.isTaken = true;
+    if (option.value != nullptr) return option.value;
+    const size_t position = option.position;
+    if (position >= words.size()) return nullptr;
+    option.value = words[position];
+    words.erase(words.begin() + static_cast<std::ptrdiff_t>(position));
+    for (Option& each : options) each.position -= each.position > position ? 1 : 0;
+    return option.value;
+}
+
+bool CommandLine::HasOnly(std::span<const std::string_view> known) const {
+    for (const Option& option : options) {
+        const bool isKnown = std::find(known.begin(), known.end(), option.name) != known.end();
+        const auto times =
+            std::count_if(options.begin(), options.end(),
+                          [&option](const Option& each) { return each.name == option.name; });
+        if (isKnown && (times == 1 || option.mayRepeat) &&
+            (option.value == nullptr || option.isTaken))
+            continue;
+        Complain("%s option %s",
+                 !isKnown    ? "unknown"
+                 : times > 1 ? "repeated"
+                             : "a value for the",
+                 Printable(option.name).c_str());
+        return false;
+    }
+    return true;
+}
+
+bool CommandLine::HasNoWords() const {
+    if (words.empty()) return true;
+    Complain("unexpected argument %s", Printable(words.front()).c_str());
+    return false;
+}
+
+std::string_view CommandLine::TakeCommand() {
+    if (words.empty()) return {};
+    const std::string_view command = words.front();
+    words.erase(words.begin());
+    for (Option& each : options) each.position -= each.position > 0 ? 1 : 0;
+    return command;
+}
+
+void Complain(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::fputs("kemdctl: ", stderr);
+    std::vfprintf(stderr, format, args);
+    std::fputc('\n', stderr);
+    va_end(args);
+}
+
+void Write(std::string_view text) {
+    if (g_writeError != 0 || std::fwrite(text.data(), 1, text.size(), stdout) == text.size())
+        return;
+    g_writeError = errno;
+}
+
+bool HasWriteFailed() {
+    return g_writeError != 0;
+}
+
+// The library forgets a failure with the bytes that it could not write.
+void FlushOutput() {
+    if (std::fflush(stdout) != 0 && g_writeError == 0) g_writeError = errno;
+}
+
+bool FinishOutput() {
+    FlushOutput();
+    if (g_writeError == 0) return true;
+    if (g_writeError != EPIPE) {
+        Complain("cannot write standard output: %s", std::strerror(g_writeError));
+    }
+    return false;
+}
+
+void PrepareStreams() {
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        // open takes the lowest free number, which is this one. Of the wrong direction, so that
+        // using it fails.
+        const int flags = fd == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+        if (fcntl(fd, F_GETFD) < 0) (void)!open("/dev/null", flags);
+    }
+}

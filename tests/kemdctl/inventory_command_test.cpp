@@ -1,0 +1,225 @@
+// kemdctl inventory on tables of real firmware.
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "tests/inventory/memory_world.h"
+#include "tests/kemdctl/ctl.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string Text(const Bytes& bytes, size_t position, size_t length) {
+    return {bytes.begin() + static_cast<std::ptrdiff_t>(position),
+            bytes.begin() + static_cast<std::ptrdiff_t>(position + length)};
+}
+
+struct InventoryCommand : testing::Test {
+    InventoryCommand() {
+        fs::remove_all("/dev/mem");
+        fs::remove_all("/sys/firmware");
+    }
+    static void UseMemory(const std::string& machine) {
+        const Bytes memory = FirmwareImage(machine);
+        WriteFile("/dev/mem", Text(memory, 0, memory.size()));
+    }
+};
+
+TEST_F(InventoryCommand, ShowsTablesAndSlots) {
+    UseMemory("pc");
+    const Result result = Ctl("inventory");
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_TRUE(InOrder(
+        result.out,
+        {"SMBIOS 2.8, 11 structures in 438 bytes, from the BIOS shadow memory\n",
+         "   0           1  BIOS\n", "   9           1  system slots\n",
+         "  41           1  onboard devices extended\n", " 127           1  end of table\n",
+         "bus:device  slot  type", "00:01          0  on board", "IRQ routing table\n",
+         "00:05          4  not known", "IRQ routing table  Onboard\n", "00:06          5"}));
+    const std::string json = Ctl("inventory --json").out;
+    EXPECT_TRUE(InOrder(
+        json,
+        {R"({"smbios":{"source":"shadow","revision":"2.8","structures":11,"types":[{"type":0,)",
+         R"("name":"BIOS","count":1},)", R"("slots":[{"bus":0,"device":1,"slot":0,"type":0,)",
+         R"("kind":"onboard","label":"","source":"irq-routing-table"},)",
+         R"("source":"irq-routing-table"}],"incomplete":false})"}));
+    const struct {
+        const char* arguments;
+        int code;
+        const char* out;
+    } cases[] = {{"--slot 00:05", 0, "4\n"},
+                 {"--slot=0:5 --json", 0,
+                  "{\"slot\":4,\"match\":\"device\",\"kind\":\"slot\",\"label\":\"Onboard\","
+                  "\"incomplete\":false}\n"},
+                 {"--slot 01:00", 1, ""},
+                 {"--slot 00:20", 2, ""},
+                 {"--slot 00", 2, ""},
+                 {"--slot -1:05", 2, ""},
+                 {"--slot 0x:1", 2, ""},
+                 {"--slot 00:05 --dump /tmp/x", 2, ""},
+                 {"--slot", 2, ""},
+                 {"--from-dump /none", 2, ""},
+                 {"more", 2, ""},
+                 {"--other", 2, ""}};
+    for (const auto& [arguments, code, out] : cases) {
+        const Result each = Ctl(std::string("inventory ") + arguments);
+        EXPECT_EQ(each.code, code) << arguments;
+        EXPECT_EQ(each.out, out) << arguments;
+        EXPECT_EQ(each.err.empty(), code == 0) << arguments;
+    }
+}
+
+TEST_F(InventoryCommand, DumpsAreReadBack) {
+    for (const std::string machine : {"pc", "q35"}) {
+        const Bytes memory = FirmwareImage(machine);
+        const bool isPc = machine == "pc";
+        const size_t entry = isPc ? 0xF59B0 : 0xF59C0;
+        const std::string table = isPc ? Text(memory, 0xF59D0, 438) : Text(memory, 0xF59E0, 432);
+        WriteFile("/sys/firmware/dmi/tables/smbios_entry_point",
+                  Text(memory, entry, isPc ? 31 : 24));
+        WriteFile("/sys/firmware/dmi/tables/DMI", table);
+        ASSERT_EQ(Ctl("inventory --dump /tmp/dump").code, 0);
+        const std::string dump = ReadFile("/tmp/dump");
+        EXPECT_EQ(dump.substr(32), table);
+        EXPECT_EQ(dump[isPc ? 0x18 : 0x10], 32);
+        uint8_t sum = 0;
+        for (size_t i = 0; i < 31; ++i) sum = static_cast<uint8_t>(sum + dump[i]);
+        EXPECT_EQ(sum, 0);
+        EXPECT_EQ(Ctl("inventory --dump -").out, dump);
+
+        fs::remove_all("/sys/firmware");
+        const Result result = Ctl("inventory --from-dump /tmp/dump");
+        EXPECT_EQ(result.code, 0) << result.err;
+        EXPECT_TRUE(InOrder(
+            result.out,
+            {", 11 structures in ", ", from the dump\n", "01:00          3  PCI Express ",
+             "SMBIOS             PCIe Slot 3\n",
+             isPc ? "00:05          2  on board" : "00:02          1  on board", "Onboard\n"}));
+        EXPECT_EQ(Ctl("inventory --from-dump /tmp/dump --slot 01:1f").out, "3\n");  // serial
+        // Damaged: the rest is shown, and what is wrong is said.
+        // The length of a version-3 entry point is only the most that there can be.
+        WriteFile("/tmp/cut", dump.substr(0, dump.size() - 1));
+        EXPECT_EQ(Ctl("inventory --from-dump /tmp/cut").code, isPc ? 2 : 1);
+        std::string broken = dump;
+        broken[broken.size() - 5] = 3;  // the length of the last structure
+        WriteFile("/tmp/broken", broken);
+        const Result damaged = Ctl("inventory --from-dump /tmp/broken");
+        EXPECT_EQ(damaged.code, 1);
+        EXPECT_TRUE(InOrder(damaged.out, {", 10 structures in ", "  41           1", "01:00"}));
+        EXPECT_TRUE(Contains(damaged.err, "kemdctl: SMBIOS: ## FATAL ERROR! SMBIOS structure"));
+        EXPECT_TRUE(Contains(Ctl("inventory --json --from-dump /tmp/broken").out,
+                             "],\"incomplete\":true,\"error\":\"SMBIOS: ## FATAL ERROR! SMBIOS"));
+    }
+}
+
+TEST_F(InventoryCommand, SaysWhatIsMissing) {
+    EXPECT_EQ(Ctl("inventory").code, 1);
+    EXPECT_EQ(Ctl("inventory --dump /tmp/none").code, 1);
+    EXPECT_FALSE(fs::exists("/tmp/none"));
+    UseMemory("q35");
+    fs::create_symlink("loop", "/dev/loop");
+    fs::create_directories("/sys/firmware/dmi/tables");
+    fs::create_symlink("DMI", "/sys/firmware/dmi/tables/DMI");  // not readable, even for root
+    const Result result = Ctl("inventory");
+    EXPECT_EQ(result.code, 0);  // the slots are there
+    EXPECT_TRUE(Contains(result.err, "cannot read /sys/firmware/dmi/tables/DMI: Too many levels"));
+    fs::remove("/dev/mem");
+    EXPECT_EQ(Ctl("inventory").code, 2);
+    EXPECT_TRUE(
+        Ctl("inventory --json")
+            .out.starts_with(
+                "{\"incomplete\":true,\"error\":\"cannot read /sys/firmware/dmi/tables/DMI: Too many"));
+    EXPECT_TRUE(
+        Contains(Ctl("inventory --from-dump /tmp").err, "cannot read /tmp: Is a directory"));
+}
+
+using namespace std::string_literals;
+
+// Structures of types 9 (its formatted area cut to `length`) and 41.
+std::string SystemSlot(uint8_t type, char number, char bus, char deviceFunction,
+                       const std::string& label, char length = 17) {
+    const std::string area = "\x09"s + length + "\x01\0\x01"s + static_cast<char>(type) +
+                             "\x0d\x04\x03"s + number + "\0\x0c\x01\0\0"s + bus + deviceFunction;
+    return area.substr(0, static_cast<size_t>(length)) + label + "\0\0"s;
+}
+std::string OnboardDevice(char instance, char bus, char deviceFunction, const std::string& name) {
+    return "\x29\x0b\x02\0\x01\x85"s + instance + "\0\0"s + bus + deviceFunction + name + "\0\0"s;
+}
+
+void WriteDump(char major, char minor, const std::string& structures) {
+    const std::string table = structures + "\x7f\x04\x7f\0\0\0"s;
+    WriteFile("/tmp/dump", "_SM3_\0\x18"s + major + minor + "\0\x01\0"s +
+                               static_cast<char>(table.size()) + "\0\0\0\x20"s +
+                               std::string(15, '\0') + table);
+}
+
+// Firmware often gives a slot the address of the port above it: such a row must not stand for all
+// other devices of that bus.
+TEST_F(InventoryCommand, PrefersTheRowOfTheDevice) {
+    WriteDump(3, 1,
+              SystemSlot(0xA5, 6, 0, '\xe0', "PCIE6  ") + SystemSlot(0xA5, 0, 0, 0x08, "M2") +
+                  OnboardDevice(3, 0, '\xfb', "Onboard LAN\x1b") +
+                  SystemSlot(0xA5, 2, 2, 0, "PCIE2"));
+    EXPECT_TRUE(InOrder(Ctl("inventory --from-dump /tmp/dump").out,
+                        {"00:1c          6  PCI Express ", " PCIE6\n", "00:01          0  PCI",
+                         "00:1f          3  on board", "Onboard LAN\\x1b\n"}));
+    const struct {
+        const char* slot;
+        const char* out;
+        const char* err;
+    } cases[] = {
+        {"00:1c", "6\n", ""},
+        {"00:01", "0\n", ""},
+        {"00:1f", "3\n", ""},
+        {"00:02", "6\n",
+         "kemdctl: 00:02 has no row of its own: slot 6 is that of 00:1c, by the bus alone\n"},
+        {"00:02 --json",
+         "{\"slot\":6,\"match\":\"bus\",\"kind\":\"slot\",\"label\":\"PCIE6\",\"incomplete\":false}\n",
+         "kemdctl: 00:02 has no row of its own: slot 6 is that of 00:1c, by the bus alone\n"},
+        {"02:01", "2\n",
+         "kemdctl: 02:01 has no row of its own: slot 2 is that of 02:00, by the bus alone\n"},
+    };
+    for (const auto& [slot, out, err] : cases) {
+        const Result result = Ctl(std::string("inventory --from-dump /tmp/dump --slot ") + slot);
+        EXPECT_EQ(result.code, 0);
+        EXPECT_EQ(result.out, out) << slot;
+        EXPECT_EQ(result.err, err) << slot;
+    }
+}
+
+TEST_F(InventoryCommand, SaysWhyThereAreNoSlots) {
+    const struct {
+        char major;
+        char minor;
+        std::string structures;
+        const char* why;
+    } cases[] = {{2, 4, SystemSlot(0xA5, 1, 0, 0, "A", 13),
+                  "the tables are of SMBIOS 2.4, and only those from 2.6 on say which device"},
+                 {3, 0, SystemSlot(0xA5, 1, '\xff', 0, "A") + SystemSlot(0xA5, 1, 0, 0, "B", 13),
+                  "none of the 2 slots in the tables names its bus"},
+                 {3, 0, "", "the tables describe no slot"}};
+    for (const auto& [major, minor, structures, why] : cases) {
+        WriteDump(major, minor, structures);
+        const std::string command = "inventory --from-dump /tmp/dump";
+        EXPECT_TRUE(Contains(Ctl(command).out, std::string("\nno slot map: ") + why));
+        EXPECT_TRUE(Contains(Ctl(command + " --json").out, std::string("\"slotsNote\":\"") + why));
+        const Result slot = Ctl(command + " --slot 0:1");
+        EXPECT_EQ(slot.code, 1);
+        EXPECT_TRUE(Contains(slot.err, std::string("the slot of 00:01 is not known: ") + why));
+    }
+}
+
+TEST_F(InventoryCommand, DumpsNothingOntoATerminal) {
+    UseMemory("pc");
+    const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(terminal, 0);
+    ASSERT_EQ(grantpt(terminal) + unlockpt(terminal), 0);
+    const Result result = Ctl(std::string("inventory --dump - >") + ptsname(terminal));
+    EXPECT_EQ(result.code, 2);
+    EXPECT_TRUE(Contains(result.err, "standard output is a terminal"));
+    close(terminal);
+}
+
+}  // namespace

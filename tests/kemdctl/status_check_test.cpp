@@ -1,0 +1,446 @@
+// kemdctl status and check beside the real daemon, and in worlds where nothing or everything is
+// right.
+#include <sys/stat.h>
+
+#include "tests/daemon/daemon_test.h"
+#include "tests/kemdctl/ctl.h"
+
+namespace fs = std::filesystem;
+
+constexpr const char* kTraceConfig = "/etc/norvik/OrvanaSuite/TraceConfig";
+constexpr const char* kRegistry =
+    "[HKEY_LOCAL_MACHINE]\n\n[HKEY_CURRENT_USER]\n\n[HKEY_USERS]\n\n[HKEY_CLASSES_ROOT]\n\n"
+    "[HKEY_CURRENT_CONFIG]\n\n\n";
+
+static std::string Process(pid_t pid) {
+    return "process " + std::to_string(pid);
+}
+
+// On a host the files are writable for root alone, whatever the umask of who builds and tests.
+static const mode_t kInheritedUmask = umask(022);
+
+static void Install(const std::string& from, const std::string& to) {
+    WriteFile(to, ReadFile(from));
+}
+
+class StatusTest : public DaemonTest {
+  protected:
+    void UseModules() {
+        UseSwitch("reference");
+        fs::remove_all("/opt");
+        Install("/build/modules/counter.so", "/opt/modules/counter.so");
+        Install("/build/modules/heartbeat.so", "/opt/modules/heartbeat.so");
+        m_environment["OV_MODULE_DIR"] = "/opt/modules";
+        m_environment["PATH"] = "/usr/bin";  // the start-up ring is compressed
+    }
+};
+
+TEST_F(StatusTest, ForegroundWithModules) {
+    UseModules();
+    ConfigureTrace(1);
+    const pid_t pid = Run({"-ovupd", "-agentless", "-rescan"});
+    ASSERT_TRUE(fs::exists("/var/log/orvmon/log.kemd_i.gz"));
+    const Result status = Ctl("status");
+    EXPECT_EQ(status.code, 0) << status.err;
+    EXPECT_TRUE(InOrder(
+        status.out,
+        {"state:            running, " + Process(pid) + "\nsince: ",
+         "run mode:         5, agentless", "foreground, rescan",
+         "\"kemd#" + std::to_string(pid) + "\", held by " + Process(pid),
+         "process-id file:  " + Process(pid) + ", the daemon and holder", "/var/log/orvmon (by",
+         "trace level:      1\ntrace target:     2, ring buffer\n", "log.kemd, ", "wrapped 0 times",
+         "log.kemd_a, 1048576 bytes\n", "newest record:    20", " ago) in log.kemd",
+         "modules: ", "counter.so started, heartbeat.so started"}));
+    const std::string json = Ctl("status --json").out;
+    EXPECT_TRUE(InOrder(json, {"{\"running\":true,\"pid\":" + std::to_string(pid) + ",",
+                               "\"foreground\":true", "\"holder\":" + std::to_string(pid),
+                               "\"level\":1", "{\"file\":\"heartbeat.so\",\"state\":\"started\""}));
+    EXPECT_EQ(Stop(pid), 0);
+    const Result stopped = Ctl("status");
+    EXPECT_EQ(stopped.code, 3);
+    EXPECT_TRUE(
+        InOrder(stopped.out, {"state:            not running\nlock file:        not there\n",
+                              "process-id file:  not there\n", "heartbeat.so stopped"}));
+}
+
+TEST_F(StatusTest, BackgroundAndKilled) {
+    const pid_t starter = Start({"-ovins", "-agentless", "-ovins"});
+    EXPECT_EQ(WaitForExit(starter), 0);
+    const pid_t pid = PidFromFile();
+    ASSERT_TRUE(WaitForLog("Waiting for signals"));
+    Result status = Ctl("status");
+    EXPECT_EQ(status.code, 0);
+    EXPECT_TRUE(InOrder(status.out, {"7, OVINS, background\n", "\"kemd#" + std::to_string(starter) +
+                                                                   "\", held by " + Process(pid)}));
+    // A daemon that cannot write the file runs all the same.
+    fs::remove(kPidFile);
+    status = Ctl("status");
+    EXPECT_EQ(status.code, 0);
+    EXPECT_TRUE(
+        InOrder(status.out, {Process(pid), "process-id file:  not there, which is allowed"}));
+    // Without the name in the file system nobody can find the lock.
+    fs::rename(kLockFile, "/run/lock/other");
+    EXPECT_EQ(Ctl("status").code, 0);
+    EXPECT_TRUE(Contains(Ctl("check -q").out, "kemd.lock: not there although kemd runs"));
+    fs::rename("/run/lock/other", kLockFile);
+
+    WriteFile(kPidFile, std::to_string(pid) + "\n");
+    Kill(pid);
+    status = Ctl("status");
+    EXPECT_EQ(status.code, 3);
+    EXPECT_TRUE(InOrder(status.out, {"not running", "held by nobody", "which does not live"}));
+    EXPECT_TRUE(InOrder(Ctl("check").out, {"kemd.lock: left over, held by nobody: harmless",
+                                           "warning  /var/run/kemd.pid: " + Process(pid),
+                                           "-- rm /var/run/kemd.pid"}));
+    WriteFile(kPidFile, "1\n");
+    EXPECT_TRUE(
+        Contains(Ctl("status").out, "process 1, which is not the daemon but \"kemdctl_state"));
+    const Result extra = Ctl("status now");
+    EXPECT_EQ(extra.code, 2);
+    EXPECT_TRUE(extra.err.starts_with("kemdctl: unexpected argument now\n"));
+}
+
+// What the files of a daemon long gone say, as far as it makes sense.
+TEST_F(StatusTest, TraceFiles) {
+    const auto line = [](const std::string& stamp, const std::string& text) {
+        return "2020-01-01 " + stamp + " [D82A0740]     3188 KB !" + text + "\n";
+    };
+    const std::string start = line("10:00:00.000", "kemd          start");
+    WriteFile("/var/log/orvmon/log.kemd",
+              start +
+                  line("10:00:03.000", "kemd          ------ WRAP ----- Cycle=3, CntInitEnd=" +
+                                           std::to_string(start.size()) + " (MaxCnt=51200)") +
+                  line("10:00:04.000", "switch        module b.so failed to start: result 1") +
+                  "c.so\n" + line("10:00:02.000", "switch        module b.so loaded") +
+                  "2020-01-01 10:00");
+    std::string ring = line("09:00:00.000", "kemd          Internal Debug values      :") +
+                       line("09:00:00.000", "kemd          Trace Level                : 6") +
+                       line("09:00:00.000", "kemd          # End of header.") + "## TRACE-END ##\n";
+    ring.resize(2048, '\n');
+    ring += line("09:00:01.000", "kemd          ### Begin of RingBuffer. ###") +
+            line("10:00:05.000", "switch        module \x1b[2J.so stopped") +
+            "## TRACE-END ##\n\xff\xfe cut\n" +
+            line("09:59:00.000", "switch        module old.so loaded") + "......";
+    WriteFile("/var/log/orvmon/log.kemd_a", ring);
+    const std::string status = Ctl("status").out;
+    EXPECT_TRUE(InOrder(status, {"trace level:      6\n", "wrapped 3 times",
+                                 "newest record:    2020-01-01 10:00:05.000", "in log.kemd_a\n",
+                                 "modules:          \\x1b[2J.so stopped, b.so failed to start\n"}));
+    fs::remove("/var/log/orvmon/log.kemd_a");
+    EXPECT_TRUE(Contains(Ctl("status").out, "newest record:    2020-01-01 10:00:04.000"));
+    // Not readable, even for root.
+    fs::create_symlink("log.kemd_a", "/var/log/orvmon/log.kemd_a");
+    EXPECT_TRUE(Contains(Ctl("status").out,
+                         "failed to start (perhaps not all: /var/log/orvmon/log.kemd_a cannot be"));
+    WriteFile("/var/log/orvmon/log.kemd",
+              line("10:00:00.000", "kemd          ### InitRingBuffer(): open of x failed (y) ###"));
+    const std::string json = Ctl("status --json").out;
+    EXPECT_TRUE(
+        InOrder(json, {"\"modulesNote\":\"not known: ", "\"severity\":\"error\"",
+                       "tracing failed at the last start of kemd: open of x failed (y)\""}));
+}
+
+// A daemon without the ring buffer that it should have: no room for it, and gone since.
+TEST_F(StatusTest, TracingFailed) {
+    fs::remove_all("/opt");
+    for (const bool hasRoom : {false, true}) {
+        m_environment["OV_LOG_RINGBUF_DIR"] = m_logDirectory =
+            hasRoom ? "/var/log/orvmon" : "/small";
+        UseSwitch("reference");
+        m_environment["OV_MODULE_DIR"] = "/opt/modules";
+        // The ring may leave no room for the log.
+        const pid_t pid = hasRoom ? Run() : Start({"-n"});
+        ASSERT_TRUE(WaitFor([] { return ReadFile(kPidFile).ends_with('\n'); }));
+        std::string status = Ctl("status").out;
+        EXPECT_TRUE(Contains(status,
+                             "modules:          none is installed; install -d -m 755 "
+                             "/opt/modules; install -m 644 MODULE.so /opt/modules/ and restart "
+                             "kemd\n"));
+        EXPECT_EQ(Contains(status, "\nerror: "), !hasRoom) << status;
+        fs::remove(m_logDirectory + "/log.kemd_a");
+        status = Ctl("status").out;
+        EXPECT_TRUE(InOrder(status, {"\nerror:            ", " -- kemdctl check names"})) << status;
+        EXPECT_EQ(Stop(pid), 0);
+    }
+}
+
+class CheckTest : public DaemonTest {
+  protected:
+    // Installed as a package does it.
+    void SetUp() override {
+        DaemonTest::SetUp();
+        fs::remove("/etc/orvmon/RunLevel");
+        fs::remove_all("/opt");
+        Install("/build/lib/libswitch.so", "/opt/lib/libswitch.so");
+        Install("/build/modules/heartbeat.so", "/opt/modules/heartbeat.so");
+        WriteFile("/etc/default/kemd",
+                  "# for kemd\nLD_LIBRARY_PATH=/opt/lib\nOV_MODULE_DIR=\"/opt/modules\"\n");
+        WriteFile("/etc/orvmon/registry.default", kRegistry);
+    }
+    void TearDown() override {
+        DaemonTest::TearDown();
+        fs::remove("/etc/default/kemd");
+        fs::remove_all(kTraceConfig);
+    }
+};
+
+TEST_F(CheckTest, NothingToMend) {
+    const Result result = Ctl("check");
+    EXPECT_EQ(result.code, 0) << result.out << result.err;
+    EXPECT_TRUE(InOrder(
+        result.out,
+        {"kemd.ini is accepted and supplies", "kemd is accepted, variables set: 2, and safe",
+         "tracing is on at level 3", "/var/log/orvmon is there and safe: owner 0, mode 0755",
+         "/var/lock is there and safe", "libswitch.so, found by LD_LIBRARY_PATH",
+         "heartbeat.so is a module and safe", "registry is not there: an older one",
+         "registry.default is whole", "kemd.lock: not there", "RunLevel is not"}));
+    EXPECT_EQ(Ctl("check -q").out, "");
+    EXPECT_EQ(Ctl("check --json --quiet").out, "[]\n");
+    EXPECT_EQ(Ctl("check x").code, 2);
+}
+
+TEST_F(CheckTest, EverythingIsWrong) {
+    const std::string config = std::string(kTraceConfig) + "/";
+    WriteFile(config + "a.ini", "[kemd]\nFileDebugLevel = 1\n");
+    WriteFile(config + "kemd.ini",
+              "[kemd]\n# FileDebugLevel = 4\nFileDebugLevel = 2\nLevel = 1\nTraceFlags = on\n"
+              "RingBufferDirectory = trace\n[EndOfFile]\n");
+    WriteFile(config + "kemd.ini.old", "[KEMD]\n[endoffile]\n");
+    fs::create_directory(config + "z.ini");
+    WriteFile("/etc/default/kemd",
+              "export A=1\nLD_LIBRARY_PATH=/opt/modules::/opt/lib\nOV_MODULE_DIR=/opt/modules\n");
+    chmod("/etc/orvmon", 0775);
+    chmod("/opt/modules", 0777);
+    Install("/build/modules/heartbeat.so", "/opt/lib/libswitch.so");
+    WriteFile("/opt/modules/empty.so", "");
+    Install("/build/lib/libswitch.so", "/opt/modules/switch.so");
+    WriteFile("/etc/orvmon/registry", "[HKEY_USERS]\nx\n\n\n");
+    WriteFile("/etc/orvmon/RunLevel", "6\n");
+    const Result result = Ctl("check -q");
+    EXPECT_EQ(result.code, 1) << result.err;
+    for (const char* const finding :
+         {"error    /etc/norvik/OrvanaSuite/TraceConfig/a.ini is ignored: its last section is not",
+          "FileDebugLevel is taken from the line \"# FileDebugLevel = 4\", its value is \"4\"",
+          "the key \"Level\" is not known", "TraceFlags \"on\" is no number",
+          "RingBufferDirectory \"trace\" is no absolute path",
+          "kemd.ini.old is ignored: ", "z.ini is ignored: no regular file",
+          "/etc/default/kemd, line 1: not NAME=value", "level is 4, but there is no ring buffer",
+          "error    /etc/orvmon may be written by others", "-- chmod go-w /etc/orvmon\n",
+          "does not export SW_QueryInterface", "error    /opt/modules may be written",
+          "empty.so is no module: no ELF file", "switch.so does not export kemdModule",
+          "registry has 5 findings (line 2: no \"=\"",
+          "/etc/orvmon/RunLevel holds 6: the next plain stop"}) {
+        EXPECT_TRUE(Contains(result.out, finding)) << finding << " is not in\n" << result.out;
+    }
+    EXPECT_TRUE(Contains(Ctl("check --json").out,
+                         "{\"severity\":\"warning\",\"what\":\"/etc/orvmon/"
+                         "RunLevel holds 6"));
+    EXPECT_EQ(result.out.find("/opt/modules may"), result.out.rfind("/opt/modules may"));
+    fs::remove_all(kTraceConfig);
+    fs::create_directory(kTraceConfig);
+    EXPECT_TRUE(Contains(Ctl("check -q").out, "write its log to /log.kemd"));
+}
+
+// Who can put something else in the place of what root runs or reads is root.
+TEST_F(CheckTest, WhatOthersCouldReplace) {
+    for (const auto& [path, mode] : std::vector<std::pair<const char*, mode_t>>{
+             {"/opt/open", 0777}, {"/opt/shared", 01777}, {"/opt/sticky", 01777}}) {
+        fs::create_directory(path);
+        chmod(path, mode);
+    }
+    fs::create_symlink("../lib", "/opt/open/link");
+    fs::rename("/opt/modules", "/opt/sticky/modules");
+    WriteFile("/etc/default/kemd",
+              "LD_LIBRARY_PATH=/opt/open/link:/opt/shared/none:/opt/none\n"
+              "OV_MODULE_DIR=/opt/lib/../sticky/modules\n# don't\nA=\"it's\" #\nB='it\n");
+    chmod("/etc/default/kemd", 0664);
+    chmod((std::string(kTraceConfig) + "/kemd.ini").c_str(), 0666);
+    chmod("/var/log", 0775);
+    const bool isRealRoot = lchown("/opt/open/link", 1000, 0) == 0;  // a user namespace has no 1000
+    const Result result = Ctl("check");
+    chmod("/var/log", 0755);
+    EXPECT_EQ(result.code, 1) << result.err;
+    for (const char* const finding :
+         {"error    /opt/open may be written", "error    /opt/shared may be written",
+          "warning  /etc/default/kemd, line 5: a quote", "error    /etc/default/kemd may be",
+          "/TraceConfig/kemd.ini may be written", "error    /var/log may be", "-- chmod go-w /var",
+          "ok       /opt/lib/../sticky/modules/heartbeat.so is a module and safe"}) {
+        EXPECT_TRUE(Contains(result.out, finding)) << finding << " is not in\n" << result.out;
+    }
+    for (const char* const other :
+         {"/opt/none", "/opt/sticky may", "kemd, line 3", "kemd, line 4"}) {
+        EXPECT_FALSE(Contains(result.out, other)) << other << " is in\n" << result.out;
+    }
+    if (!isRealRoot) return;
+    EXPECT_TRUE(
+        Contains(result.out, "/opt/open/link belongs to user 1000 -- chown -h root:root /"));
+    WriteFile(kLockFile, "");
+    ASSERT_EQ(chown(kLockFile, 1000, 0), 0);
+    EXPECT_TRUE(InOrder(Ctl("check").out, {"kemd.lock: belongs to user 1000", "-- rm /var/lock/"}));
+    fs::remove(kLockFile);
+}
+
+// Nobody is led to change a device, and a name is one word of the command.
+TEST_F(CheckTest, AdviceIsSafe) {
+    const std::string global = std::string(kTraceConfig) + "/global_trace.ini";
+    fs::create_symlink("/dev/null", global);
+    fs::create_symlink("/dev/null", "/opt/trace");
+    fs::create_directory("/opt/it's $(me)");
+    chmod("/opt/it's $(me)", 0777);
+    WriteFile("/etc/default/kemd",
+              "LD_LIBRARY_PATH=/opt/lib:/dev/null\nOV_LOG_RINGBUF_DIR=/opt/trace\n"
+              "OV_MODULE_DIR=/opt/it's $(me)/a\x1b\n");
+    std::string check = Ctl("check").out;
+    for (const std::string& finding : std::vector<std::string>{
+             "ok       " + global + " is masked: it leads to /dev/null",
+             std::string("/opt/trace is no directory, it leads to /dev/null -- make it lead to a"),
+             std::string("-- chmod go-w '/opt/it'\\''s $(me)'\n"),
+             std::string("-- install -d -m 755 $'/opt/it\\'s $(me)/a\\033'; install -m 644 ")}) {
+        EXPECT_TRUE(Contains(check, finding)) << finding << " is not in\n" << check;
+    }
+    fs::remove("/etc/default/kemd");
+    fs::create_symlink("/dev/null", "/etc/default/kemd");
+    check += Ctl("check").out;
+    EXPECT_TRUE(Contains(check, "ok       /etc/default/kemd is masked"));
+    std::istringstream lines(check);
+    for (std::string line; std::getline(lines, line);) {
+        const size_t action = line.find(" -- ");
+        EXPECT_FALSE(action != line.npos && Contains(line.substr(action), "/dev/null")) << line;
+    }
+}
+
+// What the daemon makes of a number, and which sizes it cannot use.
+TEST_F(CheckTest, SizesOfTheTrace) {
+    const struct {
+        const char* variables;
+        const char* key;  // of the module's section
+        const char* finding;
+    } cases[] = {
+        {"OV_LOG_FILE_MAX_SIZE=10M", "", "OV_LOG_FILE_MAX_SIZE \"10M\" counts as 10 --"},
+        {"OV_LOG_FILE_MAX_SIZE=10M", "", "the log's limit is 10 bytes: too small for the messages"},
+        {"OV_LOG_FILE_MAX_SIZE=0", "", "limit is 0 bytes: each message overwrites the one before"},
+        {"OV_LOG_FILE_MAX_SIZE=99999999999", "", "\" counts as 1215752191 --"},
+        {"OV_LOG_FILE_MAX_SIZE=-1", "", "\"-1\" counts as 4294967295 --"},
+        {"OV_LOG_FILE_MAX_SIZE=4096\nOV_LOG_NOHDR_TOSDTERR=0", "", "too small for its header and"},
+        {"OV_LOG_FILE_MAX_SIZE=4096\nOV_LOG_NOHDR_TOSDTERR=1", "", ""},
+        {"OV_LOG_RINGBUF_WEIGHT=0x10", "", "OV_LOG_RINGBUF_WEIGHT \"0x10\" counts as 0 --"},
+        {"OV_LOG_RINGBUF_WEIGHT=0x10", "", "factor x weight is 1 x 0 -- set RingBufferSizeFactor"},
+        {"OV_LOG_RINGBUF_WEIGHT_KEMD=", "", "OV_LOG_RINGBUF_WEIGHT_KEMD \"\" counts as 0 --"},
+        {"TraceFileLimit=9\nOV_LOG_RINGBUF_WEIGHT=256", "",
+         "refused for its size: factor x weight "
+         "is 2 x 256, 512.0 MiB and four times that at start -- set TraceFileLimit and OV_LOG_"},
+        {"TraceFileLimit=-1", "", "refused for its size"},
+        {"TraceFileLimit=-1", "", "\"-1\" counts as -1 --"},
+        {"", "RingBufferSizeWeight = 4 MB", "RingBufferSizeWeight \"4 MB\" counts as 4 --"},
+        {"", "RingBufferSizeWeight = 010", "RingBufferSizeWeight \"010\" counts as 8 --"},
+        {"", "RingBufferSizeWeight = 4294967297", "\" counts as 1 --"},
+        {"", "RingBufferSizeWeight = -1", "is no number of 0 or more: counts as absent --"},
+        {"", "RingBufferSizeWeight = 0x4", ""},
+    };
+    const std::string base = ReadFile("/etc/default/kemd") + "OV_LOG_RINGBUF_DIR=/tmp\n";
+    for (const auto& [variables, key, finding] : cases) {
+        WriteFile("/etc/default/kemd", base + variables + "\n");
+        WriteFile(std::string(kTraceConfig) + "/kemd.ini",
+                  std::string("[kemd]\nFileDebugLevel = 3\nRingBufferSizeFactor = 1\n") +
+                      (*key != '\0' ? key : "RingBufferSizeWeight = 1") + "\n[EndOfFile]\n");
+        const std::string check = Ctl("check -q").out;
+        const std::string status = Ctl("status").out;
+        EXPECT_TRUE(Contains(check, finding) && Contains(status, finding))
+            << variables << key << check << status;
+        if (*finding != '\0') continue;
+        EXPECT_EQ(check, "") << variables << key;
+        EXPECT_FALSE(Contains(status, "warning:")) << variables << key;
+    }
+    EXPECT_NE(Ctl("check --json").out.find("into a ring buffer of 4.0 MiB"), std::string::npos);
+}
+
+TEST_F(CheckTest, FileSystems) {
+    for (const auto& each : fs::directory_iterator("/small")) fs::remove(each.path());
+    fs::remove_all("/etc/orvmon");
+    fs::create_symlink("/fixed", "/etc/orvmon");
+    WriteFile("/etc/default/kemd", ReadFile("/etc/default/kemd") + "OV_LOG_RINGBUF_DIR=/small\n");
+    // Old files do not count: 3 MiB stay free for the 5 that a start takes.
+    WriteFile("/small/log.kemd_a", std::string(1 << 20, 'x'));
+    EXPECT_TRUE(InOrder(Ctl("check").out,
+                        {"error    /small is on a file system with room for 3.0 MiB: kemd may fail "
+                         "to write its trace there, which takes up to 5.0 MiB -- free space",
+                         "error    /etc/orvmon is on a read-only file system: kemd cannot save"}));
+    WriteFile("/small/other", std::string(4 << 20, 'x'));
+    fs::remove(fs::path("/etc/orvmon"));
+    fs::create_symlink("/small", "/etc/orvmon");
+    WriteFile("/etc/default/kemd", ReadFile("/etc/default/kemd") + "OV_LOG_RINGBUF_DIR=/fixed\n");
+    EXPECT_TRUE(InOrder(Ctl("check").out,
+                        {"error    /fixed is on a read-only file system: kemd cannot write its "
+                         "trace there -- mount it writable, or give another directory",
+                         "error    /etc/orvmon is on a file system that is full: kemd may fail"}));
+    fs::remove(fs::path("/etc/orvmon"));
+}
+
+// A set-uid program of an ordinary user, under the daemon's name.
+TEST_F(StatusTest, OfAnotherUser) {
+    Install("/bin/gzip", "/opt/user/kemd");
+    chmod("/opt/user/kemd", 0755);
+    int input[2];
+    ASSERT_EQ(pipe(input), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(input[0], STDIN_FILENO);
+        // A user namespace has no 1000.
+        if (setresuid(1000, 0, 0) == 0) execl("/opt/user/kemd", "kemd", "-c", nullptr);
+        _exit(1);
+    }
+    const std::string name = "/proc/" + std::to_string(pid) + "/comm";
+    ASSERT_TRUE(
+        WaitFor([&] { return ReadFile(name) == "kemd\n" || waitpid(pid, nullptr, WNOHANG) != 0; }));
+    WriteFile(kPidFile, std::to_string(pid) + "\n");
+    EXPECT_EQ(Ctl("status").code, 3);
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    for (const int end : input) close(end);
+    for (const char* const path : {"/opt/user", kPidFile}) fs::remove_all(path);
+}
+
+// Cut anywhere or with its table anywhere, a library is broken and nothing worse.
+TEST_F(CheckTest, BrokenLibraries) {
+    const std::string library = ReadFile("/build/lib/libswitch.so");
+    std::vector<std::string> broken = {""};
+    for (const size_t size : {1, 63, 64, 4096}) broken.push_back(library.substr(0, size));
+    for (const size_t position : {5, 16, 18, 0x20, 0x27, 0x36}) {
+        broken.push_back(library);
+        broken.back()[position] = '\x7f';
+    }
+    for (const std::string& each : broken) {
+        WriteFile("/opt/lib/libswitch.so", each);
+        const Result result = Ctl("check -q");
+        EXPECT_EQ(result.code, 1);
+        EXPECT_TRUE(Contains(result.out, "error    ")) << result.out;
+        EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'),
+                  1 + (Contains(result.out, "is passed over") ? 1 : 0))
+            << result.out;
+    }
+    // The loader does without sections.
+    std::string stripped = library;
+    stripped.replace(0x28, 8, 8, '\x7f');
+    WriteFile("/opt/lib/libswitch.so", stripped);
+    EXPECT_EQ(Ctl("check -q").out, "");
+}
+
+// Head, entries for two kinds of processors, texts: as ldconfig writes it.
+TEST_F(CheckTest, LibraryInTheCacheOfTheLoader) {
+    const std::string texts =
+        std::string("libswitch.so") + '\0' + "/opt/none" + '\0' + "/opt/lib/libswitch.so" + '\0';
+    const uint32_t begin = 48 + 2 * 24;
+    const uint32_t head[7] = {2, static_cast<uint32_t>(texts.size())};
+    const uint32_t entries[2][6] = {{0x0003, begin, begin + 13}, {0x0303, begin, begin + 23}};
+    std::string cache = "glibc-ld.so.cache1.1";
+    cache.append(reinterpret_cast<const char*>(head), sizeof(head));
+    cache.append(reinterpret_cast<const char*>(entries), sizeof(entries));
+    WriteFile("/etc/default/kemd", "OV_MODULE_DIR=/opt/modules\n");
+    for (const std::string& each : {cache + texts, cache.substr(0, 60), cache}) {
+        WriteFile("/etc/ld.so.cache", each);
+        EXPECT_TRUE(Contains(Ctl("check").out, each.size() > cache.size()
+                                                   ? "libswitch.so, found by the loader's cache, is"
+                                                   : "libswitch.so is not found"));
+    }
+    fs::remove("/etc/ld.so.cache");
+}
