@@ -1,4 +1,4 @@
-#include "file_safety.h"
+#include "base/file_safety.h"
 
 #include <unistd.h>
 

@@ -1,5 +1,6 @@
 // How long the daemon takes from execve to "Waiting for signals", less its one-second sleep, what
-// memory it holds then, and whether it is quiet while it waits. Runs /build/kemd in a private root.
+// memory it holds then, and whether it is quiet while it waits. Runs /build/bin/kemd in a private
+// root.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -63,7 +64,7 @@ Start StartOnce() {
     const pid_t child = fork();
     if (child == 0) {
         (void)!freopen("/dev/null", "w", stderr);
-        execl("/build/kemd", "/usr/sbin/kemd", "-n", nullptr);
+        execl("/build/bin/kemd", "/usr/sbin/kemd", "-n", nullptr);
         _exit(127);
     }
     double end = 0;

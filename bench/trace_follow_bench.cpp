@@ -37,7 +37,7 @@ struct Follower {
             return;
         }
         dup2(ends[1], STDOUT_FILENO);
-        execl("/build/kemdctl", "kemdctl", "trace", "-f", "-n", "0", "-q", nullptr);
+        execl("/build/bin/kemdctl", "kemdctl", "trace", "-f", "-n", "0", "-q", nullptr);
         _exit(127);
     }
 

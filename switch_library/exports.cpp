@@ -5,7 +5,7 @@
 #include <exception>
 
 #include "kemd/api.h"
-#include "module_switch.h"
+#include "switch_library/module_switch.h"
 
 static ModuleSwitch g_switch;
 static std::atomic<int> g_references{0};

@@ -1,4 +1,4 @@
-#include "live_threads.h"
+#include "switch_library/live_threads.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "module_call.h"
+#include "switch_library/module_call.h"
 
 #include <atomic>
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "signal_mask.h"
+#include "switch_library/signal_mask.h"
 
 class ModuleCall {
   public:

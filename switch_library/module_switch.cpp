@@ -1,4 +1,4 @@
-#include "module_switch.h"
+#include "switch_library/module_switch.h"
 
 #include <cxxabi.h>
 #include <dirent.h>
@@ -15,11 +15,11 @@
 #include <exception>
 #include <memory>
 
+#include "base/file_safety.h"
 #include "base/library_file.h"
-#include "file_safety.h"
 #include "kemd/trace.h"
-#include "module_call.h"
-#include "service_manager.h"
+#include "switch_library/module_call.h"
+#include "switch_library/service_manager.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 
 #include "kemd/module.h"
 #include "kemd/module_switch.h"
-#include "live_threads.h"
+#include "switch_library/live_threads.h"
 
 class ModuleSwitch : public IModuleSwitch {
   public:

@@ -1,4 +1,4 @@
-#include "service_manager.h"
+#include "switch_library/service_manager.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>

@@ -44,7 +44,7 @@ pid_t DaemonTest::Start(const std::vector<std::string>& arguments, void (*prepar
     dup2(open(kStandardError, O_WRONLY | O_CREAT, 0644), STDERR_FILENO);
     if (prepare != nullptr) prepare();
     for (const auto& [name, value] : m_environment) setenv(name.c_str(), value.c_str(), 1);
-    const char* program = "/build/kemd";
+    const char* program = "/build/bin/kemd";
     std::vector<const char*> argv{program};
     for (const std::string& argument : arguments) argv.push_back(argument.c_str());
     argv.push_back(nullptr);

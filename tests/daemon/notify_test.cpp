@@ -56,7 +56,7 @@ TEST_F(DaemonTest, TellsInOneLineWhyTheStartFails) {
     fs::remove("/var/log/orvmon");
     UseSwitch("missing");
     EXPECT_EQ(WaitForExit(Start({"-n"})), 1);
-    std::string told = "/build/kemd: KEMD-MAIN: started in \"No Demon\" Mode\n";
+    std::string told = "/build/bin/kemd: KEMD-MAIN: started in \"No Demon\" Mode\n";
     for (
         const std::string reason :
         {"no trace: cannot open /var/log/orvmon/log.kemd (No such file or directory); kemdctl check "
@@ -64,7 +64,7 @@ TEST_F(DaemonTest, TellsInOneLineWhyTheStartFails) {
          "no switch library: libswitch.so: cannot open shared object file: No such file or "
          "directory; kemdctl check says what to do"}) {
         EXPECT_EQ(init.Hear(MSG_DONTWAIT), "STATUS=" + reason);
-        told += "/build/kemd: KEMD-MAIN: " + reason + "\n";
+        told += "/build/bin/kemd: KEMD-MAIN: " + reason + "\n";
     }
     EXPECT_EQ(Complaints(), told);
     fs::create_directory("/tmp/cut");

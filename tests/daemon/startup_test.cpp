@@ -34,14 +34,16 @@ int OpenFlags(pid_t pid, const std::string& path) {
 
 TEST_F(DaemonTest, OnlyRootMayStartIt) {
     fs::permissions("/usr", fs::perms(0755));  // the sandbox made it for root alone
-    const auto canStart = [] { _exit(setuid(1) == 0 && access("/build/kemd", X_OK) == 0 ? 0 : 1); };
+    const auto canStart = [] {
+        _exit(setuid(1) == 0 && access("/build/bin/kemd", X_OK) == 0 ? 0 : 1);
+    };
     if (WaitForExit(Start({}, canStart)) != 0) GTEST_SKIP() << "no other user can start it here";
     const auto user = [] { (void)!setuid(1); };
     EXPECT_EQ(WaitForExit(Start({"--version"}, user)), 0);
     // Only alone it is a question.
     for (const auto& arguments : {std::vector<std::string>{"-n"}, {"--help", "-n"}, {"--help="}}) {
         EXPECT_EQ(WaitForExit(Start(arguments, user)), 1);
-        EXPECT_EQ(Complaints(), "/build/kemd: KEMD-MAIN: Error! Permission denied\n");
+        EXPECT_EQ(Complaints(), "/build/bin/kemd: KEMD-MAIN: Error! Permission denied\n");
     }
     EXPECT_FALSE(fs::exists(kLockFile));
 }
@@ -61,7 +63,7 @@ TEST_F(DaemonTest, QuestionsAreAnsweredBeforeAnythingIsTouched) {
         EXPECT_TRUE(ReadFile("/tmp/answer").starts_with(answer)) << ReadFile("/tmp/answer");
         const auto full = [] { dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO); };
         EXPECT_EQ(WaitForExit(Start({question}, full)), 1) << question;
-        EXPECT_EQ(Complaints(), "/build/kemd: standard output: No space left on device\n");
+        EXPECT_EQ(Complaints(), "/build/bin/kemd: standard output: No space left on device\n");
     }
     EXPECT_FALSE(fs::exists(kLockFile));
 }
@@ -70,7 +72,7 @@ TEST_F(DaemonTest, SecondInstanceFailsInSightOfItsStarter) {
     const std::string first = std::to_string(StartAndWait({"-n"}));
     EXPECT_EQ(WaitForExit(Start({})), 1);
     EXPECT_EQ(Complaints(),
-              "/build/kemd: KEMD-MAIN: Error! Another process instance is already running!\n");
+              "/build/bin/kemd: KEMD-MAIN: Error! Another process instance is already running!\n");
     EXPECT_EQ(ReadFile(kLockFile), "kemd#" + first);
     EXPECT_EQ(ReadFile(kPidFile), first + "\n");
     EXPECT_EQ(Calls(), "");
@@ -123,7 +125,7 @@ TEST_F(DaemonTest, OnlyTheWholeSwitchKeepsItInTheForeground) {
         const pid_t daemon = PidFromFile();
         EXPECT_EQ(daemon == started, foreground) << arguments[0];
         EXPECT_EQ(Complaints(),
-                  foreground ? "/build/kemd: KEMD-MAIN: started in \"No Demon\" Mode\n" : "");
+                  foreground ? "/build/bin/kemd: KEMD-MAIN: started in \"No Demon\" Mode\n" : "");
         const std::string stream = foreground ? "/tmp/stderr" : "/dev/null";
         EXPECT_EQ(fs::read_symlink(ProcFile(daemon, "fd/1")), stream) << arguments[0];
         EXPECT_EQ(fs::read_symlink(ProcFile(daemon, "fd/2")), stream) << arguments[0];

@@ -16,7 +16,7 @@ struct Result {
 
 // The arguments are a shell's; redirections among them win over those of the results.
 inline Result Ctl(const std::string& arguments) {
-    const std::string command = ">/tmp/out 2>/tmp/err /build/kemdctl " + arguments;
+    const std::string command = ">/tmp/out 2>/tmp/err /build/bin/kemdctl " + arguments;
     const int status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile("/tmp/out"),
             ReadFile("/tmp/err")};

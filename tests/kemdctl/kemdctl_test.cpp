@@ -165,7 +165,7 @@ TEST_F(Kemdctl, DeleteTakesOneValueOrAWholeKey) {
     std::filesystem::remove("/var/run/kemd.pid");
     std::filesystem::copy_file("/bin/sh", "/tmp/kemd");
     const Result result = Registry(
-        "list; /tmp/kemd -c '/build/kemdctl registry delete HKEY_LOCAL_MACHINE/sub && "
+        "list; /tmp/kemd -c '/build/bin/kemdctl registry delete HKEY_LOCAL_MACHINE/sub && "
         "exit 0' 2>/tmp/err");
     EXPECT_EQ(result.code, 0);
     EXPECT_TRUE(Contains(result.err, "kemd is running"));
@@ -173,7 +173,7 @@ TEST_F(Kemdctl, DeleteTakesOneValueOrAWholeKey) {
 
 TEST_F(Kemdctl, WritersTakeTurns) {
     const Result result = Registry(
-        "list; for i in 0 1 2 3 4 5 6 7; do /build/kemdctl registry set HKEY_USERS v$i number $i &"
+        "list; for i in 0 1 2 3 4 5 6 7; do /build/bin/kemdctl registry set HKEY_USERS v$i number $i &"
         " done; wait");
     for (int i = 0; i < 8; ++i) {
         EXPECT_TRUE(Contains(ReadFile(kStore), "v" + std::to_string(i) + "=d=")) << result.err;
@@ -374,10 +374,11 @@ TEST_F(Kemdctl, ADeepStoreIsNoTrouble) {
     const Result result = Registry("list -r --json");
     EXPECT_EQ(result.code, 0);
     EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '{'), 100'000 + 5);
-    EXPECT_EQ(Registry("set HKEY_USERS a string x; /build/kemdctl registry restore").code, 0);
+    EXPECT_EQ(Registry("set HKEY_USERS a string x; /build/bin/kemdctl registry restore").code, 0);
     EXPECT_TRUE(ReadFile(kStore) == DeepStore(100'000));  // EXPECT_EQ would compare for hours
     // Whoever reads went away: an error, but nothing to tell.
-    (void)Registry("list; { /build/kemdctl registry export; echo $? >/tmp/code; } 2>/tmp/err | :");
+    (void)Registry(
+        "list; { /build/bin/kemdctl registry export; echo $? >/tmp/code; } 2>/tmp/err | :");
     EXPECT_EQ(ReadFile("/tmp/code") + ReadFile("/tmp/err"), "2\n");
 }
 

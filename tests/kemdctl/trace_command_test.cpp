@@ -55,7 +55,8 @@ class TraceCommandTest : public TracedTest {
     }
     // Goes on beside the test, its output in /tmp/followed.
     pid_t Spawn(const std::string& arguments) {
-        const std::string command = "exec /build/kemdctl trace " + arguments + " >/tmp/followed";
+        const std::string command =
+            "exec /build/bin/kemdctl trace " + arguments + " >/tmp/followed";
         m_spawned = fork();
         if (m_spawned == 0) {
             execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
@@ -239,8 +240,8 @@ TEST_F(TraceCommandTest, AnErrorIsNotTheEndOfAFile) {
     EXPECT_EQ(2, WEXITSTATUS(status)) << ReadFile("/tmp/err");
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which take more themselves
     WriteFile("/tmp/long", kFive[0] + "\n" + kFive[1] + std::string(size_t{50} << 20, 'x'));
-    EXPECT_NE(0,
-              std::system("ulimit -v 40000; /build/kemdctl trace /tmp/long >/tmp/out 2>/tmp/err"));
+    EXPECT_NE(
+        0, std::system("ulimit -v 40000; /build/bin/kemdctl trace /tmp/long >/tmp/out 2>/tmp/err"));
     EXPECT_TRUE(Contains(ReadFile("/tmp/err"), "not enough memory")) << ReadFile("/tmp/err");
     EXPECT_TRUE(Contains(ReadFile("/tmp/out"), "(1)"));
 #endif
@@ -253,7 +254,8 @@ TEST_F(TraceCommandTest, LargeFilesTellHowFarTheyAre) {
     EXPECT_TRUE(Contains(exported.err, "wrote /tmp/timeline, ")) << exported.err;
     EXPECT_TRUE(Contains(exported.err, fs::file_size("/tmp/timeline") < 1024 ? size : " KiB\n"));
     EXPECT_EQ("", Trace("-q --export /tmp/timeline /tmp/five").err);
-    const std::string shown = OnTerminal("/build/kemdctl trace --collect /tmp/c.tar.gz /tmp/five");
+    const std::string shown =
+        OnTerminal("/build/bin/kemdctl trace --collect /tmp/c.tar.gz /tmp/five");
     EXPECT_TRUE(InOrder(shown, {"/tmp/c.tar.gz: ", " of ", "wrote /tmp/c.tar.gz, "})) << shown;
 }
 
@@ -295,7 +297,7 @@ TEST_F(TraceCommandTest, HostileTextNeverDrivesATerminal) {
         kHead + "t\x1bg           ERROR \x1b[2J\x9b\x07\x08\xc2\x9bneedle\xff\xe2\x81\xa6";
     WriteLog("/tmp/hostile", {hostile + std::string(5000, 'x'), hostile + "\nneedle\x1b]0;\r."});
     const std::string command =
-        "TERM=xterm /build/kemdctl trace --no-pager -g needle /tmp/hostile ";
+        "TERM=xterm /build/bin/kemdctl trace --no-pager -g needle /tmp/hostile ";
     for (const char* options : {"", "-o short", "-o json", "-o csv", "--raw --delta"}) {
         for (const char* noColor : {"", "NO_COLOR=1 "}) {
             std::string shown = OnTerminal(noColor + command + options + " 2>/dev/null");
@@ -319,7 +321,7 @@ TEST_F(TraceCommandTest, PagerShowsAllAndMayBeLeft) {
     WriteLog("/tmp/five", kFive);
     const auto paged = [](const std::string& pager, const std::string& end) {
         return OnTerminal("TERM=xterm NO_COLOR=1 KEMDCTL_PAGER='" + pager +
-                          "' /build/kemdctl trace /tmp/five" + end);
+                          "' /build/bin/kemdctl trace /tmp/five" + end);
     };
     const std::string all = paged("while read -r l; do echo \"[$l]\"; done", "; echo =$?");
     EXPECT_TRUE(InOrder(all, {"[2026-11-20", "(5)]", "five: log, 5 records", "=0"})) << all;
@@ -362,7 +364,7 @@ TEST_F(TraceCommandTest, HelpFitsAScreenAndAReaderMayGoAway) {
     EXPECT_LE(help.size(), 24u);
     for (const std::string& line : help) EXPECT_LT(line.size(), 80u) << line;
     WriteLog("/tmp/many", Lines(20'000, kFive[1]));
-    EXPECT_EQ(0, std::system("(/build/kemdctl trace /tmp/many; echo $? >/tmp/code) 2>/tmp/err |"
+    EXPECT_EQ(0, std::system("(/build/bin/kemdctl trace /tmp/many; echo $? >/tmp/code) 2>/tmp/err |"
                              " read -r line"));
     EXPECT_TRUE(WaitFor([] { return ReadFile("/tmp/code") == "2\n"; }));
     EXPECT_EQ("", ReadFile("/tmp/err"));

@@ -16,7 +16,8 @@ struct HostResult {
 };
 
 HostResult RunHost(const std::string& arguments) {
-    const std::string command = "/build/kemd-module-host " + arguments + " >/tmp/out 2>/tmp/err";
+    const std::string command =
+        "/build/bin/kemd-module-host " + arguments + " >/tmp/out 2>/tmp/err";
     const int status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile("/tmp/out"),
             ReadFile("/tmp/err")};
@@ -76,7 +77,7 @@ TEST(ModuleHost, RefusesWhatIsNoModule) {
     mkfifo("/tmp/pipe.so", 0600);
     for (const std::string arguments :
          {"", "/nowhere.so", "/tmp/cut.so", "/tmp/pipe.so", "/test/bad_modules/bad_symbol.so",
-          "/build/kemd a b", "--seconds -1 /build/modules/heartbeat.so",
+          "/build/bin/kemd a b", "--seconds -1 /build/modules/heartbeat.so",
           "--timeout 0 /build/modules/heartbeat.so"}) {
         const auto result = RunHost(arguments);
         EXPECT_EQ(result.status, 2) << arguments;

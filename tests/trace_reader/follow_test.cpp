@@ -168,7 +168,7 @@ TEST_F(FollowTest, WriterThatOvertakesTheReaderNeverLeavesATornRecord) {
 TEST_F(FollowTest, CommandShowsRecordsAsTheyComeAndEndsWithItsReader) {
     Start(1);
     debug.InitDone();
-    FILE* const shown = popen("exec /build/kemdctl trace -f 2>/tmp/err", "re");
+    FILE* const shown = popen("exec /build/bin/kemdctl trace -f 2>/tmp/err", "re");
     ASSERT_NE(nullptr, shown);
     std::array<char, 4096> line{};
     for (const char* text : {"first", "second", "third"}) {
