@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/regular_file.h"
+#include "base/file_io.h"
 
 // Looked at by name first: opening a device may do something.
 FilePieces::FilePieces(const char* path) {

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "base/regular_file.h"
+#include "base/file_io.h"
 #include "base/unique_fd.h"
 #include "daemon/version.h"
 #include "trace/debug.h"

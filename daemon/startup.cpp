@@ -15,7 +15,7 @@
 #include <ctime>
 #include <string_view>
 
-#include "base/regular_file.h"
+#include "base/file_io.h"
 #include "base/unique_fd.h"
 #include "daemon/notify.h"
 #include "daemon/version.h"

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "base/regular_file.h"
+#include "base/file_io.h"
 #include "inventory/efi_system_table.h"
 #include "inventory/smbios_entry.h"
 #include "inventory/table_field.h"

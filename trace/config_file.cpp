@@ -11,7 +11,7 @@
 #include <memory>
 #include <new>
 
-#include "base/regular_file.h"
+#include "base/file_io.h"
 #include "trace/config_text.h"
 
 std::optional<int64_t> ModificationTime(const char* path) {

@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "base/regular_file.h"
+#include "base/file_io.h"
 
 // A link to it is how an administrator does without a log.
 static bool IsNullDevice(const char* path) {

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/regular_file.h"
+#include "base/file_io.h"
 
 bool RingBuffer::Create(const char* path) {
     Close();

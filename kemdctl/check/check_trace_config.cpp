@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/regular_file.h"
+#include "base/file_io.h"
 #include "kemdctl/check/check_parts.h"
 #include "kemdctl/check/file_safety.h"
 #include "kemdctl/ui/text.h"

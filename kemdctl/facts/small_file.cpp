@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "base/regular_file.h"
+#include "base/file_io.h"
 
 std::optional<std::string> ReadSmallFile(const std::string& path, size_t limit) {
     const UniqueFd file = OpenRegularFile(path.c_str(), O_RDONLY);

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/regular_file.h"
+#include "base/file_io.h"
 #include "inventory/bios_tables.h"
 #include "inventory/pci_slot_sources.h"
 #include "kemdctl/inventory/inventory_report.h"

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "base/regular_file.h"
+#include "base/file_io.h"
 #include "kemdctl/registry/registry_check.h"
 #include "kemdctl/registry/registry_command.h"
 #include "kemdctl/registry/registry_store.h"

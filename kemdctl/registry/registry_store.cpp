@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/file_io.h"
 #include "base/never_destroyed.h"
-#include "base/regular_file.h"
 #include "kemdctl/facts/process_facts.h"
 #include "kemdctl/ui/command.h"
 #include "kemdctl/ui/output_file.h"

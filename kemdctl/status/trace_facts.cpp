@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "base/regular_file.h"
+#include "base/file_io.h"
 #include "kemdctl/trace/header_report.h"
 #include "kemdctl/trace/module_note.h"
 #include "trace_reader/record.h"

@@ -6,7 +6,7 @@
 #include <new>
 
 #include "base/cancel_guard.h"
-#include "base/regular_file.h"
+#include "base/file_io.h"
 #include "kemd/profile.h"
 
 namespace {

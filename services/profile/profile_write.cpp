@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "base/cancel_guard.h"
+#include "base/file_io.h"
 #include "base/line_reader.h"
-#include "base/regular_file.h"
 #include "kemd/profile.h"
 #include "services/profile/profile_lock.h"
 #include "services/profile/splice.h"

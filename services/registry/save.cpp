@@ -11,7 +11,7 @@
 #include <exception>
 #include <string_view>
 
-#include "base/regular_file.h"
+#include "base/file_io.h"
 #include "services/registry/file_text.h"
 #include "services/registry/store.h"
 #include "trace/debug.h"

@@ -10,8 +10,8 @@
 #include <utility>
 
 #include "base/cancel_guard.h"
+#include "base/file_io.h"
 #include "base/never_destroyed.h"
-#include "base/regular_file.h"
 #include "services/registry/file_text.h"
 #include "services/registry/save.h"
 #include "trace/debug.h"

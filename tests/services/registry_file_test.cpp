@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "base/regular_file.h"
+#include "base/file_io.h"
 #include "tests/services/registry_world.h"
 
 // Memory of a certain size can be had, or not.
