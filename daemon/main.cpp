@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "base/paths.h"
 #include "daemon/notify.h"
 #include "daemon/process_guard.h"
 #include "daemon/service.h"
@@ -25,7 +26,7 @@ int main(int argc, char** argv) {
     // Taken before the fork, so that a second start fails in sight of whoever started it. Every
     // return gives it up.
     CFileLock lock;
-    if (!lock.Lock("/var/lock/kemd", "kemd", 0)) {
+    if (!lock.Lock(kLockName, "kemd", 0)) {
         std::fprintf(stderr, "%s: %s-MAIN: Error! Another process instance is already running!\n",
                      argv[0], kTag);
         return 1;

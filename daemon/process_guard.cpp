@@ -12,14 +12,13 @@
 #include <exception>
 #include <mutex>
 
+#include "base/paths.h"
 #include "daemon/startup.h"
 #include "daemon/version.h"
 #include "daemon/wait_signals.h"
 #include "trace/debug.h"
 
 namespace {
-
-constexpr const char* kLockFile = "/var/lock/kemd.lock";
 
 // Written by the initial thread before there is another one.
 pid_t g_process = 0;  // the daemon; 0: there is no guard

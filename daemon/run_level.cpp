@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "base/file_io.h"
+#include "base/paths.h"
 #include "base/unique_fd.h"
 #include "daemon/version.h"
 #include "trace/debug.h"
@@ -19,7 +20,6 @@
 namespace {
 
 constexpr const char* kSystemctl = "/usr/bin/systemctl";
-constexpr const char* kRunLevelFile = "/etc/orvmon/RunLevel";  // written by the stop scripts
 constexpr int kAttempts = 3;
 
 bool UsesRunLevelFile(std::string_view nickname) {

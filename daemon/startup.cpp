@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "base/file_io.h"
+#include "base/paths.h"
 #include "base/unique_fd.h"
 #include "daemon/notify.h"
 #include "daemon/version.h"
@@ -23,8 +24,6 @@
 #include "trace/debug.h"
 
 namespace {
-
-constexpr const char* kPidFile = "/var/run/kemd.pid";
 
 void ParseSwitch(ModuleLoadParams& params, std::string_view argument) {
     if (argument == "-rescan") {

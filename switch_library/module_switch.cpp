@@ -17,6 +17,7 @@
 
 #include "base/file_safety.h"
 #include "base/library_file.h"
+#include "base/paths.h"
 #include "kemd/trace.h"
 #include "switch_library/module_call.h"
 #include "switch_library/service_manager.h"
@@ -24,11 +25,10 @@
 namespace {
 
 constexpr const char* kTag = "switch";
-constexpr const char* kDefaultDirectory = "/usr/lib/kemd/modules";
 
 std::string ModuleDirectory() {
     const char* directory = std::getenv("OV_MODULE_DIR");
-    return directory != nullptr && *directory != '\0' ? directory : kDefaultDirectory;
+    return directory != nullptr && *directory != '\0' ? directory : kModuleDirectory;
 }
 
 // The names of all files "*.so", sorted. False when the directory cannot be read.

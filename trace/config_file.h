@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-inline constexpr const char* kTraceConfigDirectory = "/etc/norvik/OrvanaSuite/TraceConfig";
-
 // Nanoseconds since the epoch; nothing when there is no such file.
 std::optional<int64_t> ModificationTime(const char* path);
 

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "base/paths.h"
 #include "trace/config_file.h"
 #include "trace/config_text.h"
 #include "trace/names.h"
@@ -16,7 +17,6 @@ namespace {
 
 constexpr const char* kGlobalFile = "global_trace.ini";
 constexpr std::string_view kGlobalSection = "GlobalDebugSettings";
-constexpr const char* kDefaultDirectory = "/var/log/orvmon";
 
 // A variable that is set counts, whatever it holds: an empty one is the number 0.
 std::optional<int32_t> EnvironmentNumber(const char* name) {
@@ -112,7 +112,7 @@ void CDebugTraceConfig::SetValuesInForce() {
     const char* directory = std::getenv("OV_LOG_RINGBUF_DIR");
     if (directory == nullptr) {
         directory =
-            m_asRead.ringDirectory.IsEmpty() ? kDefaultDirectory : m_asRead.ringDirectory.Get();
+            m_asRead.ringDirectory.IsEmpty() ? kTraceDirectory : m_asRead.ringDirectory.Get();
     }
     m_inForce.logDirectory.Assign(directory);
     m_inForce.logLimit =

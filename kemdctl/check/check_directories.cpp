@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "base/paths.h"
 #include "kemdctl/check/check_parts.h"
 #include "kemdctl/check/file_safety.h"
 #include "kemdctl/ui/text.h"
@@ -82,11 +83,11 @@ void CheckLogDirectory(Findings& findings, const TraceSettings& settings, bool i
 void CheckDirectories(Findings& findings, const DaemonEnvironment& environment) {
     CheckLogDirectory(findings, TraceSettings(environment),
                       environment.Find("OV_LOG_RINGBUF_DIR") != nullptr);
-    CheckDirectory(findings, "/etc/orvmon");
+    CheckDirectory(findings, kRegistryDirectory);
     // The new one is written beside the old one.
-    CheckRoom(findings, "/etc/orvmon",
+    CheckRoom(findings, kRegistryDirectory,
               {"save the registry there",
-               std::max<uint64_t>(SpaceTaken("/etc/orvmon", "/registry"), 4096), 0,
+               std::max<uint64_t>(SpaceTaken(kRegistryDirectory, "/registry"), 4096), 0,
                "; until then no change of the registry lasts"});
     struct stat status {};
     if (stat(kTraceConfigDirectory, &status) == 0 && S_ISDIR(status.st_mode)) {

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/file_io.h"
+#include "base/paths.h"
 #include "kemdctl/check/check_parts.h"
 #include "kemdctl/check/file_safety.h"
 #include "kemdctl/ui/text.h"

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 
+#include "base/paths.h"
 #include "kemdctl/check/check_parts.h"
 #include "kemdctl/ui/text.h"
 #include "trace/config_file.h"

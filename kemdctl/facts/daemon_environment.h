@@ -12,8 +12,6 @@
 #include "kemdctl/facts/daemon_state.h"
 #include "trace/trace_config.h"
 
-inline constexpr const char* kDefaultFile = "/etc/default/kemd";
-
 using Variables = std::map<std::string, std::string, std::less<>>;
 
 struct DaemonEnvironment {

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/paths.h"
 #include "kemdctl/facts/daemon_environment.h"
 #include "kemdctl/facts/daemon_state.h"
 #include "kemdctl/trace/kept_runs.h"

@@ -8,6 +8,7 @@
 
 #include "base/file_io.h"
 #include "base/never_destroyed.h"
+#include "base/paths.h"
 #include "kemdctl/facts/process_facts.h"
 #include "kemdctl/ui/command.h"
 #include "kemdctl/ui/output_file.h"
@@ -16,7 +17,7 @@
 
 namespace {
 
-constexpr const char* kLockFile = "/etc/orvmon/kemdctl.lock";
+constexpr const char* kChangeLock = "/etc/orvmon/kemdctl.lock";
 
 void NoteRunningDaemon() {
     if (FindDaemon() == 0) return;
@@ -90,9 +91,9 @@ bool WriterLock::Take() {
     constexpr int kAttempts = 200;
     constexpr useconds_t kPause = 50'000;  // 10 seconds in all
     // Not the directory: everybody may open that, and could keep root from writing.
-    m_file = OpenRegularFile(kLockFile, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
+    m_file = OpenRegularFile(kChangeLock, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
     if (!m_file.IsOpen()) {
-        Complain("cannot open %s: %s", kLockFile, ErrorText(errno).c_str());
+        Complain("cannot open %s: %s", kChangeLock, ErrorText(errno).c_str());
         return false;
     }
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -100,7 +101,7 @@ bool WriterLock::Take() {
         if (errno != EWOULDBLOCK) break;
         usleep(kPause);
     }
-    Complain("cannot lock %s: %s", kLockFile,
+    Complain("cannot lock %s: %s", kChangeLock,
              errno == EWOULDBLOCK ? "another kemdctl changes the registry" : std::strerror(errno));
     return false;
 }

@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/paths.h"
 #include "kemdctl/status/status_report.h"
 #include "kemdctl/ui/json.h"
 

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/paths.h"
 #include "kemdctl/ui/command.h"
 #include "kemdctl/ui/text.h"
 

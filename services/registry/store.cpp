@@ -12,6 +12,7 @@
 #include "base/cancel_guard.h"
 #include "base/file_io.h"
 #include "base/never_destroyed.h"
+#include "base/paths.h"
 #include "services/registry/file_text.h"
 #include "services/registry/save.h"
 #include "trace/debug.h"

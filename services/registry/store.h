@@ -10,11 +10,6 @@
 #include "base/recursive_mutex.h"
 #include "services/registry/node.h"
 
-inline constexpr const char* kRegistryFile = "/etc/orvmon/registry";
-inline constexpr const char* kRegistryOldFile = "/etc/orvmon/registry.old";
-inline constexpr const char* kRegistryDefaultFile = "/etc/orvmon/registry.default";
-inline constexpr const char* kRegistryLockFile = "/etc/orvmon/registry.lock";
-
 // In the order of RegistryRoot.
 inline constexpr std::array<const char*, 5> kRootKeyNames = {
     "HKEY_LOCAL_MACHINE", "HKEY_CURRENT_USER", "HKEY_USERS", "HKEY_CLASSES_ROOT",
