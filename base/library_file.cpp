@@ -23,16 +23,7 @@ FilePieces::FilePieces(const char* path) {
 
 bool FilePieces::Read(uint64_t offset, size_t size, void* to) const {
     if (!Holds(offset, size)) return false;
-    auto* bytes = static_cast<char*>(to);
-    while (size > 0) {
-        const ssize_t count = pread(m_file.Get(), bytes, size, static_cast<off_t>(offset));
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return false;
-        bytes += count;
-        offset += static_cast<uint64_t>(count);
-        size -= static_cast<size_t>(count);
-    }
-    return true;
+    return ReadFullyAt(m_file.Get(), to, size, static_cast<off_t>(offset)).count == size;
 }
 
 static LibraryFault CutOff(const FilePieces& file) {

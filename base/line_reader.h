@@ -1,7 +1,8 @@
 // Reads an open file line by line through a buffer of its own, without allocation.
 //
 // Lines are those of fgets with a buffer of 1,024 bytes: a line carries its line feed, the last one
-// may lack it, and a line of more than 1,023 bytes comes in pieces. Bytes of value 0 are passed on.
+// may lack it, and a line of more than 1,023 bytes comes in fragments. Bytes of value 0 are passed
+// on.
 #pragma once
 
 #include <unistd.h>
@@ -12,18 +13,14 @@
 #include <cstring>
 #include <string_view>
 
-// The line as a C string shows it: up to its first NUL.
-inline std::string_view CutAtNul(std::string_view line) {
-    return line.substr(0, line.find('\0'));
-}
-
-class LineReader {
+template <size_t kBufferSize>
+class BasicLineReader {
   public:
     static constexpr size_t kMaxLine = 1023;
 
     // Starts at the descriptor's file position; does not own the descriptor.
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the buffer is filled by reading
-    explicit LineReader(int fd) : m_fd(fd) {}
+    explicit BasicLineReader(int fd) : m_fd(fd) {}
 
     // False at the end of the file and when it cannot be read on. The line is valid until the next
     // call.
@@ -50,15 +47,14 @@ class LineReader {
     [[nodiscard]] int Error() const { return m_error; }
 
   private:
-    // Reads more behind what is there; false when there is no more.
+    // Reads more after what is there; false when there is no more.
     bool Fill() {
         std::memmove(m_buffer.data(), m_buffer.data() + m_begin, m_end - m_begin);
         m_end -= m_begin;
         m_begin = 0;
-        ssize_t count = -1;
-        do {
-            count = read(m_fd, m_buffer.data() + m_end, m_buffer.size() - m_end);
-        } while (count < 0 && errno == EINTR);
+        // Not until the buffer is full: the next line of a pipe is wanted when it is there.
+        const ssize_t count =
+            TEMP_FAILURE_RETRY(read(m_fd, m_buffer.data() + m_end, m_buffer.size() - m_end));
         if (count < 0) m_error = errno;
         m_atEnd = count <= 0;
         if (m_atEnd) return false;
@@ -72,5 +68,9 @@ class LineReader {
     size_t m_begin = 0;    // of what is not taken yet
     size_t m_end = 0;
     off_t m_position = 0;
-    std::array<char, size_t{32} * 1024> m_buffer;
+    std::array<char, kBufferSize> m_buffer;
 };
+
+using LineReader = BasicLineReader<size_t{32} * 1024>;
+// For threads with little stack.
+using SmallLineReader = BasicLineReader<4096>;

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <array>
 #include <charconv>
@@ -11,64 +10,19 @@
 #include <exception>
 #include <fstream>
 #include <memory>
+#include <utility>
 
 #include "base/cancel_guard.h"
+#include "base/line_reader.h"
+#include "base/text.h"
 #include "base/unique_fd.h"
 
 namespace {
 
-// The lines of a file of any length through one buffer on the stack. A longer line than the buffer
-// (a process may have thousands of supplementary groups) comes in pieces; the pieces behind the
-// first one are skipped, as only the first words of a line matter here.
-class LineReader {
-  public:
-    explicit LineReader(int fd) : m_fd(fd) {}
-
-    bool Next(std::string_view& line) {
-        for (;;) {
-            const std::string_view rest(m_text.data() + m_begin, m_end - m_begin);
-            const size_t feed = rest.find('\n');
-            const bool cut = feed == rest.npos && rest.size() == m_text.size();
-            if (feed == rest.npos && !cut && Fill()) continue;
-
-            const bool skipped = m_inLongLine;
-            m_inLongLine = cut;
-            line = rest.substr(0, feed);
-            m_begin += feed == rest.npos ? rest.size() : feed + 1;
-            if (rest.empty()) return false;
-            if (!skipped) return true;
-        }
-    }
-
-  private:
-    bool Fill() {
-        std::memmove(m_text.data(), m_text.data() + m_begin, m_end - m_begin);
-        m_end -= m_begin;
-        m_begin = 0;
-        const ssize_t count = read(m_fd, m_text.data() + m_end, m_text.size() - m_end);
-        if (count <= 0) return false;
-        m_end += static_cast<size_t>(count);
-        return true;
-    }
-
-    int m_fd;
-    std::array<char, 4096> m_text{};
-    size_t m_begin = 0;
-    size_t m_end = 0;
-    bool m_inLongLine = false;
-};
-
-bool IsSpace(char c) {
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
 std::string_view TakeWord(std::string_view& text) {
-    size_t start = 0;
-    while (start < text.size() && IsSpace(text[start])) ++start;
-    size_t end = start;
-    while (end < text.size() && !IsSpace(text[end])) ++end;
-    const std::string_view word = text.substr(start, end - start);
-    text.remove_prefix(end);
+    text = TrimStart(text);
+    const std::string_view word = text.substr(0, text.find_first_of(kSpaces));
+    text.remove_prefix(word.size());
     return word;
 }
 
@@ -91,10 +45,11 @@ void ReadStatusBytes(pid_t pid, uint64_t& value, std::string_view key) {
     const UniqueFd file(open(path.data(), O_RDONLY | O_CLOEXEC));
     if (!file.IsOpen()) return;
 
-    LineReader lines(file.Get());
+    SmallLineReader lines(file.Get());
     std::string_view line;
+    bool isStart = true;  // of a line: a process may have more groups than a fragment holds
     while (lines.Next(line)) {
-        if (TakeWord(line) != key) continue;
+        if (!std::exchange(isStart, line.ends_with('\n')) || TakeWord(line) != key) continue;
         value = ParseBytes(line);
         return;
     }

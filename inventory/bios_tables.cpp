@@ -28,11 +28,10 @@ std::optional<Bytes> ReadAll(int fd, size_t limit) {
     Bytes bytes(std::min(size == 0 ? kStep : size, limit + 1));
     size_t done = 0;
     while (size == 0 || done < size) {
-        const ssize_t count = read(fd, bytes.data() + done, bytes.size() - done);
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return std::nullopt;
-        if (count == 0) break;
-        done += static_cast<size_t>(count);
+        const ReadResult got = ReadFully(fd, bytes.data() + done, bytes.size() - done);
+        if (got.error != 0) return std::nullopt;
+        if (got.count == 0) break;
+        done += got.count;
         if (done > limit) return std::nullopt;
         if (size == 0 && done == bytes.size()) bytes.resize(done + kStep);
     }

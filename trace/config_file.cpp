@@ -12,6 +12,7 @@
 #include <new>
 
 #include "base/file_io.h"
+#include "base/paths.h"
 #include "trace/config_text.h"
 
 std::optional<int64_t> ModificationTime(const char* path) {
@@ -23,23 +24,12 @@ std::optional<int64_t> ModificationTime(const char* path) {
     return seconds * kSecond + status.st_mtim.tv_nsec;
 }
 
-static bool ReadWhole(int fd, std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t count = read(fd, text.data() + done, text.size() - done);
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return false;
-        done += static_cast<size_t>(count);
-    }
-    return true;
-}
-
 std::optional<std::string> ReadConfigFile(const char* path) try {
     const UniqueFd file = OpenRegularFile(path, O_RDONLY);
     struct stat status {};
     if (!file.IsOpen() || fstat(file.Get(), &status) != 0) return std::nullopt;
     std::string text(static_cast<size_t>(status.st_size), '\0');
-    if (!ReadWhole(file.Get(), text)) return std::nullopt;
+    if (ReadFully(file.Get(), text.data(), text.size()).count < text.size()) return std::nullopt;
     const auto accepted = AcceptConfigText(text);
     if (!accepted) return std::nullopt;
     text.resize(accepted->size());

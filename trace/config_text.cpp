@@ -7,10 +7,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/text.h"
+
 namespace {
 
 constexpr size_t kNumberLimit = 64;
-constexpr std::string_view kSpace = " \t\n\v\f\r";
 
 bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
     return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
@@ -53,8 +54,7 @@ std::optional<std::string_view> FindConfigValue(std::string_view section, std::s
     if (found == section.npos) return std::nullopt;
     const size_t equals = section.find('=', found + key.size());
     if (equals == section.npos) return std::nullopt;
-    const size_t start = std::min(section.find_first_not_of(kSpace, equals + 1), section.size());
-    const std::string_view value = section.substr(start);
+    const std::string_view value = TrimStart(section.substr(equals + 1));
     return value.substr(0, std::min(value.find_first_of("\r\n"), limit));
 }
 

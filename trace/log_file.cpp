@@ -35,14 +35,10 @@ void LogFile::Close() {
 }
 
 bool LogFile::Append(std::string_view record) {
-    while (!record.empty()) {
-        const ssize_t written = write(m_fd.Get(), record.data(), record.size());
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) break;
-        m_count += static_cast<uint64_t>(written);
-        record.remove_prefix(static_cast<size_t>(written));
-    }
-    return record.empty() && m_count > m_limit;
+    size_t written = 0;
+    const bool isWhole = WriteFully(m_fd.Get(), record, &written);
+    m_count += written;
+    return isWhole && m_count > m_limit;
 }
 
 void LogFile::MarkStartupEnd() {

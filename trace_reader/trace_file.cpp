@@ -16,6 +16,7 @@
 #include <memory>
 #include <utility>
 
+#include "base/file_io.h"
 #include "trace_reader/record.h"
 
 namespace {
@@ -121,14 +122,14 @@ bool TraceFile::UnpackUpTo(int packed, uint64_t limit) {
     to.Reset();
     uint64_t size = 0;
     while (size <= limit) {
-        const ssize_t got = read(from.Get(), piece.get(), kPiece);
-        if (got < 0 && errno == EINTR) continue;
-        if (got == 0) break;
-        if (got < 0 || !Write(size, {piece.get(), static_cast<size_t>(got)})) {
-            m_error = std::string("unpacked in part only: ") + std::strerror(errno);
+        const ReadResult got = ReadFully(from.Get(), piece.get(), kPiece);
+        if (!Write(size, {piece.get(), got.count}) || got.error != 0) {
+            const int error = got.error != 0 ? got.error : errno;
+            m_error = std::string("unpacked in part only: ") + std::strerror(error);
             break;
         }
-        size += static_cast<uint64_t>(got);
+        size += got.count;
+        if (got.count < kPiece) break;
     }
     from.Reset();  // ends a gzip that still writes
     int status = 0;
@@ -178,16 +179,9 @@ void TraceFile::NoteFailure(uint64_t offset, int error) const {
 }
 
 size_t TraceFile::Read(uint64_t offset, char* to, size_t length) const {
-    size_t done = 0;
-    while (done < length) {
-        const ssize_t got =
-            pread(m_fd.Get(), to + done, length - done, static_cast<off_t>(offset + done));
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) NoteFailure(offset + done, errno);
-        if (got <= 0) break;
-        done += static_cast<size_t>(got);
-    }
-    return done;
+    const ReadResult got = ReadFullyAt(m_fd.Get(), to, length, static_cast<off_t>(offset));
+    if (got.error != 0) NoteFailure(offset + got.count, got.error);
+    return got.count;
 }
 
 std::string TraceFile::Read(uint64_t offset, size_t length) const {
@@ -198,15 +192,7 @@ std::string TraceFile::Read(uint64_t offset, size_t length) const {
 }
 
 bool TraceFile::Write(uint64_t offset, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t done =
-            pwrite(m_fd.Get(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return false;
-        offset += static_cast<uint64_t>(done);
-        bytes.remove_prefix(static_cast<size_t>(done));
-    }
-    return true;
+    return WriteFullyAt(m_fd.Get(), bytes, static_cast<off_t>(offset));
 }
 
 // Reads of some file systems see a write page by page. Looking for a hole takes the lock that a

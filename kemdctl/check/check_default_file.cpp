@@ -1,9 +1,10 @@
 #include <cerrno>
 #include <sstream>
 
+#include "base/file_io.h"
+#include "base/paths.h"
 #include "kemdctl/check/check_parts.h"
 #include "kemdctl/check/file_safety.h"
-#include "kemdctl/facts/small_file.h"
 
 namespace {
 
@@ -29,7 +30,7 @@ std::string LineName(size_t number) {
 }
 
 void CheckQuotes(Findings& findings) {
-    std::istringstream lines(ReadSmallFile(kDefaultFile).value_or(""));
+    std::istringstream lines(ReadTextFile(kDefaultFile).value_or(""));
     size_t number = 0;
     for (std::string line; std::getline(lines, line);) {
         ++number;

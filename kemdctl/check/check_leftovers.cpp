@@ -4,14 +4,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/file_io.h"
+#include "base/paths.h"
 #include "kemdctl/check/check_parts.h"
 #include "kemdctl/check/file_safety.h"
-#include "kemdctl/facts/small_file.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
-
-constexpr const char* kRunLevelFile = "/etc/orvmon/RunLevel";
 
 // Where the directory is open for all, anybody may have made the file. With fs.protected_regular,
 // or a link with fs.protected_symlinks, root itself then cannot open it for writing.
@@ -69,7 +68,7 @@ void CheckPidFile(Findings& findings, const DaemonState& state) {
 // The daemon reads a number from its start.
 void CheckRunLevel(Findings& findings) {
     const std::string shown = kRunLevelFile;
-    const auto text = ReadSmallFile(kRunLevelFile, 64);
+    const auto text = ReadTextFile(kRunLevelFile, 64);
     const int error = errno;
     if (!text && error == ENOENT) return findings.Ok(shown + " is not there, as it should be");
     if (!text && IsMasked(shown)) return findings.Ok(shown + " is masked: it leads to /dev/null");

@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 
+#include "base/text.h"
 #include "kemdctl/check/check_parts.h"
 #include "kemdctl/ui/text.h"
 #include "trace/config_text.h"
@@ -19,12 +20,6 @@ constexpr std::array<std::string_view, 6> kModuleKeys = {
 constexpr std::array<std::string_view, 1> kGlobalKeys = {"DynamicUpdate"};
 constexpr size_t kNumberLimit = 64;
 constexpr size_t kPathLimit = 256;
-
-std::string_view Trim(std::string_view text) {
-    constexpr std::string_view kBlanks = " \t\r\n";
-    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
-    return text.substr(0, text.find_last_not_of(kBlanks) + 1);
-}
 
 // Of a line "key = value"; the whole line when it has no equals sign.
 std::string_view KeyOf(std::string_view line) {

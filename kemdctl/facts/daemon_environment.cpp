@@ -9,7 +9,9 @@
 #include <ctime>
 #include <sstream>
 
-#include "kemdctl/facts/small_file.h"
+#include "base/file_io.h"
+#include "base/paths.h"
+#include "base/text.h"
 #include "kemdctl/ui/text.h"
 #include "trace/names.h"
 
@@ -19,12 +21,6 @@ bool IsVariableName(std::string_view name) {
     const auto isPart = [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; };
     return !name.empty() && std::isdigit(static_cast<unsigned char>(name[0])) == 0 &&
            std::all_of(name.begin(), name.end(), isPart);
-}
-
-std::string_view Trim(std::string_view text) {
-    constexpr std::string_view kBlanks = " \t\r";
-    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
-    return text.substr(0, text.find_last_not_of(kBlanks) + 1);
 }
 
 bool AddVariable(Variables& variables, std::string_view line) {
@@ -46,7 +42,7 @@ const char* DaemonEnvironment::Find(std::string_view name) const {
 }
 
 bool ReadDefaultFile(Variables& variables, const std::function<void(size_t line)>& badLine) {
-    const auto text = ReadSmallFile(kDefaultFile);
+    const auto text = ReadTextFile(kDefaultFile);
     if (!text) return false;
     std::istringstream lines(*text);
     size_t number = 0;
@@ -80,7 +76,7 @@ DaemonEnvironment ReadDaemonEnvironment(const DaemonState& state) {
 
 std::string ModuleDirectory(const DaemonEnvironment& environment) {
     const char* const variable = environment.Find("OV_MODULE_DIR");
-    return variable != nullptr && *variable != '\0' ? variable : "/usr/lib/kemd/modules";
+    return variable != nullptr && *variable != '\0' ? variable : kModuleDirectory;
 }
 
 std::string InstallModuleAdvice(const std::string& directory) {

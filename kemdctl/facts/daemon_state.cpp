@@ -4,15 +4,16 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/file_io.h"
+#include "base/paths.h"
 #include "kemd/module_switch.h"
-#include "kemdctl/facts/small_file.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
 
 PidFileFacts ReadPidFile() {
     PidFileFacts facts;
-    const auto text = ReadSmallFile(kPidFile, 64);
+    const auto text = ReadTextFile(kPidFile, 64);
     facts.error = text || errno == ENOENT ? 0 : errno;
     facts.exists = text || facts.error != 0;
     if (!text) return facts;

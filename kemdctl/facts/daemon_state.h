@@ -8,9 +8,6 @@
 #include "kemdctl/facts/lock_facts.h"
 #include "kemdctl/facts/process_facts.h"
 
-inline constexpr const char* kLockFile = "/var/lock/kemd.lock";
-inline constexpr const char* kPidFile = "/var/run/kemd.pid";
-
 struct PidFileFacts {
     bool exists = false;
     int error = 0;         // errno when it cannot be read

@@ -12,8 +12,8 @@
 #include <memory>
 #include <sstream>
 
+#include "base/file_io.h"
 #include "kemdctl/facts/process_facts.h"
-#include "kemdctl/facts/small_file.h"
 
 #ifndef BTRFS_SUPER_MAGIC
 #define BTRFS_SUPER_MAGIC 0x9123683E
@@ -44,7 +44,7 @@ bool IsLockOf(const std::string& line, const struct stat& file, bool anyDevice, 
 }
 
 void LookAtTable(const char* path, const struct stat& file, LockFacts& lock) {
-    const auto table = ReadSmallFile("/proc/locks", size_t{16} << 20);
+    const auto table = ReadTextFile("/proc/locks", size_t{16} << 20);
     if (!table) return;
     lock.held = LockFacts::kFree;
     const bool anyDevice = HasDeviceOfItsOwn(path);
@@ -62,7 +62,7 @@ void LookAtTable(const char* path, const struct stat& file, LockFacts& lock) {
 // and ended, seen from inside of a container.
 bool HoldsLock(const std::string& process, const std::string& descriptor, const struct stat& file) {
     // First, as stat on a descriptor of a network mount that is dead never returns.
-    const auto info = ReadSmallFile(process + "/fdinfo/" + descriptor);
+    const auto info = ReadTextFile(process + "/fdinfo/" + descriptor);
     if (!info || info->find("FLOCK") == std::string::npos) return false;
     struct stat open {};
     return stat((process + "/fd/" + descriptor).c_str(), &open) == 0 &&
@@ -95,7 +95,7 @@ LockFacts ReadLock(const char* path) {
         return lock;
     }
     lock.exists = true;
-    const auto content = ReadSmallFile(path, 255);
+    const auto content = ReadTextFile(path, 255);
     lock.error = content ? 0 : errno;
     lock.content = content.value_or("");
     LookAtTable(path, file, lock);

@@ -10,7 +10,7 @@
 #include <memory>
 #include <string_view>
 
-#include "kemdctl/facts/small_file.h"
+#include "base/file_io.h"
 
 namespace {
 
@@ -42,8 +42,8 @@ std::vector<std::string> SplitAtNul(const std::string& text) {
 // The system's start plus field 22 of the process's stat file, in clock ticks.
 std::optional<time_t> StartTime(pid_t pid) {
     constexpr int kFieldsBetween = 19;  // from the state, field 3, on
-    const auto system = ReadSmallFile("/proc/stat");
-    const auto stat = ReadSmallFile(ProcPath(pid, "stat"));
+    const auto system = ReadTextFile("/proc/stat");
+    const auto stat = ReadTextFile(ProcPath(pid, "stat"));
     const size_t boot = system ? system->find("\nbtime ") : std::string::npos;
     size_t position = stat ? stat->rfind(") ") : std::string::npos;  // the name may hold anything
     if (boot == std::string::npos || position == std::string::npos) return std::nullopt;
@@ -78,7 +78,7 @@ ProcessFacts ReadProcess(pid_t pid) {
     ProcessFacts process;
     process.pid = pid;
     if (pid <= 0) return process;
-    const auto status = ReadSmallFile(ProcPath(pid, "status"));
+    const auto status = ReadTextFile(ProcPath(pid, "status"));
     if (!status) {
         process.isAlive = kill(pid, 0) == 0 || errno == EPERM;
         return process;
@@ -93,7 +93,7 @@ ProcessFacts ReadProcess(pid_t pid) {
     process.isRoots = StatusField(*status, "Uid").starts_with("0\t0\t");
     process.isContained = StatusField(*status, "NSpid").find('\t') != std::string::npos;
     process.started = StartTime(pid);
-    process.arguments = SplitAtNul(ReadSmallFile(ProcPath(pid, "cmdline")).value_or(""));
+    process.arguments = SplitAtNul(ReadTextFile(ProcPath(pid, "cmdline")).value_or(""));
     return process;
 }
 
@@ -129,13 +129,13 @@ pid_t FindDaemon() {
 }
 
 std::optional<bool> HasMapped(pid_t pid, const std::string& name) {
-    const auto maps = ReadSmallFile(ProcPath(pid, "maps"), size_t{64} << 20);
+    const auto maps = ReadTextFile(ProcPath(pid, "maps"), size_t{64} << 20);
     if (!maps) return std::nullopt;
     return maps->find("/" + name + "\n") != maps->npos;
 }
 
 std::optional<std::vector<std::string>> ReadProcessEnvironment(pid_t pid) {
-    const auto text = ReadSmallFile(ProcPath(pid, "environ"));
+    const auto text = ReadTextFile(ProcPath(pid, "environ"));
     if (!text) return std::nullopt;
     return SplitAtNul(*text);
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/line_reader.h"
+#include "base/text.h"
 #include "kemdctl/ui/text.h"
 #include "services/registry/file_line.h"
 #include "services/registry/store.h"

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "base/file_io.h"
+#include "base/paths.h"
 #include "kemdctl/registry/registry_check.h"
 #include "kemdctl/registry/registry_command.h"
 #include "kemdctl/registry/registry_store.h"
@@ -25,7 +26,7 @@ UniqueFd SpoolInput() {
     char buffer[16 * 1024];
     ssize_t count = -1;
     while ((count = read(STDIN_FILENO, buffer, sizeof buffer)) > 0) {
-        if (!WriteAll(file.Get(), {buffer, static_cast<size_t>(count)})) return {};
+        if (!WriteFully(file.Get(), {buffer, static_cast<size_t>(count)})) return {};
     }
     return count == 0 && lseek(file.Get(), 0, SEEK_SET) == 0 ? std::move(file) : UniqueFd();
 }

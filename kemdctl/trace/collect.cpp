@@ -6,8 +6,8 @@
 #include <optional>
 #include <utility>
 
+#include "base/file_io.h"
 #include "daemon/version.h"
-#include "kemdctl/facts/small_file.h"
 #include "kemdctl/trace/collect_archive.h"
 #include "kemdctl/trace/collect_mask.h"
 #include "kemdctl/trace/header_report.h"
@@ -146,7 +146,7 @@ void Collection::AddTexts() {
     add("status.txt", RunProgram({kSelf, "status"}));
     add("check.txt", RunProgram({kSelf, "check"}));
     add("unit.txt", RunProgram({"systemctl", "--no-pager", "show", "kemd"}));
-    add("os-release", ReadSmallFile("/etc/os-release").value_or(""));
+    add("os-release", ReadTextFile("/etc/os-release").value_or(""));
 }
 
 bool Collection::CopyTrace(const TraceMember& trace, const TarGzip::Put& put) {

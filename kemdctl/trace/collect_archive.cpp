@@ -134,12 +134,12 @@ bool TarGzip::Start(int output) {
 bool TarGzip::Add(const std::string& name, uint64_t size,
                   const std::function<bool(const Put&)>& produce) {
     const auto header = MakeHeader(name, size);
-    if (!WriteAll(m_pipe.Get(), {header.data(), header.size()})) return false;
+    if (!WriteFully(m_pipe.Get(), {header.data(), header.size()})) return false;
     uint64_t left = size;
     const Put put = [this, &left](std::string_view text) {
         text = text.substr(0, left);
         left -= text.size();
-        return WriteAll(m_pipe.Get(), text);
+        return WriteFully(m_pipe.Get(), text);
     };
     if (!produce(put)) return false;
     const std::string zeros(size_t{1} << 16, '\0');
@@ -153,7 +153,7 @@ bool TarGzip::Add(const std::string& name, uint64_t size,
 bool TarGzip::Finish() {
     if (m_gzip < 0) return false;
     const std::string end(2 * kBlock, '\0');
-    const bool isWritten = WriteAll(m_pipe.Get(), end);
+    const bool isWritten = WriteFully(m_pipe.Get(), end);
     m_pipe.Reset();
     const bool isEnded = Wait(m_gzip);
     m_gzip = -1;

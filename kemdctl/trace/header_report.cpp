@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "base/text.h"
 #include "kemdctl/ui/json.h"
 #include "kemdctl/ui/text.h"
 
@@ -14,11 +15,6 @@ constexpr std::string_view kEnd = "# End of header.";
 constexpr std::string_view kAssigned[] = {"Orvana Environment:", "Orvana Configuration File:"};
 constexpr std::string_view kSettings[] = {"Debug values from ini file :",
                                           "Internal Debug values      :"};
-
-std::string_view Trim(std::string_view text) {
-    const size_t begin = std::min(text.find_first_not_of(' '), text.size());
-    return text.substr(begin, text.find_last_not_of(' ') + 1 - begin);
-}
 
 // Goes through the records of a header.
 class HeaderReader {

@@ -35,7 +35,7 @@ void Output::Send() {
         m_pagerCommand.clear();
     }
     if (m_pager.IsRunning()) {
-        m_isLeft = m_isLeft || !WriteAll(m_pager.Get(), m_text);
+        m_isLeft = m_isLeft || !WriteFully(m_pager.Get(), m_text);
     } else {
         Write(m_text);
     }

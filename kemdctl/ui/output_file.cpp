@@ -26,15 +26,6 @@ int FileError(const char* action, const char* path) {
     return kError;
 }
 
-bool WriteAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = write(fd, text.data(), text.size());
-        if (count < 0) return false;  // no signal is handled, so none interrupts
-        text.remove_prefix(static_cast<size_t>(count));
-    }
-    return true;
-}
-
 OutputFile::~OutputFile() {
     const int saved = errno;
     if (!m_name.empty()) unlink(m_name.c_str());

@@ -7,15 +7,13 @@
 #include <string>
 #include <string_view>
 
+#include "base/file_io.h"
 #include "base/unique_fd.h"
 
 // Why a call for a file failed, and what may help.
 std::string ErrorText(int error);
 // "cannot <action> <path>: <why>" from errno; the exit code for it.
 int FileError(const char* action, const char* path);
-
-// Writes all of the text to a descriptor; false with errno.
-bool WriteAll(int fd, std::string_view text);
 
 // A file that is there whole or as it was: it is written beside its place and renamed.
 class OutputFile {
@@ -28,7 +26,7 @@ class OutputFile {
 
     // The three return false with errno.
     [[nodiscard]] bool Open();
-    [[nodiscard]] bool Write(std::string_view text) { return WriteAll(m_fd.Get(), text); }
+    [[nodiscard]] bool Write(std::string_view text) { return WriteFully(m_fd.Get(), text); }
     [[nodiscard]] bool Commit();
 
     [[nodiscard]] const char* Path() const { return m_path.c_str(); }

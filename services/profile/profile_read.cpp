@@ -7,27 +7,12 @@
 #include "base/cancel_guard.h"
 #include "base/file_io.h"
 #include "base/line_reader.h"
+#include "base/text.h"
 #include "kemd/profile.h"
 #include "services/profile/profile_lock.h"
 #include "trace/debug.h"
 
 namespace {
-
-// isspace of the C locale.
-constexpr bool IsSpace(char c) {
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
-std::string_view SkipSpace(std::string_view text) {
-    size_t start = 0;
-    while (start < text.size() && IsSpace(text[start])) ++start;
-    return text.substr(start);
-}
-
-std::string_view TrimEnd(std::string_view text) {
-    while (!text.empty() && IsSpace(text.back())) text.remove_suffix(1);
-    return text;
-}
 
 // A line that begins with its first visible character, without comment and white space behind.
 std::string_view WithoutComment(std::string_view line) {
@@ -50,7 +35,7 @@ class ProfileScan {
     // False ends the pass.
     bool Take(std::string_view line) {
         if (m_position >= m_size - 2) return false;
-        line = SkipSpace(line);
+        line = TrimStart(line);
         if (line.empty()) return true;
         // Nearly every line of a large file is one of another section: nothing else is looked at.
         if (line.front() != '[' && !m_inSection) return true;
@@ -97,7 +82,7 @@ class ProfileScan {
             return true;
         }
         if (key != m_key) return true;
-        m_position = Copy(SkipSpace(line.substr(equals + 1)), m_size);
+        m_position = Copy(TrimStart(line.substr(equals + 1)), m_size);
         return false;
     }
 

@@ -9,6 +9,7 @@
 #include "base/cancel_guard.h"
 #include "base/file_io.h"
 #include "base/line_reader.h"
+#include "base/text.h"
 #include "kemd/profile.h"
 #include "services/profile/profile_lock.h"
 #include "services/profile/splice.h"

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/line_reader.h"
+#include "base/text.h"
 
 std::string_view RegistryMarker(uint32_t type) {
     constexpr std::array<std::string_view, 5> kMarkers = {"", "=s=", "=es=", "=b=", "=d="};

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "base/line_reader.h"
+#include "base/text.h"
 
 namespace {
 

@@ -12,13 +12,13 @@
 #include <string_view>
 
 #include "base/file_io.h"
+#include "base/paths.h"
 #include "services/registry/file_text.h"
 #include "services/registry/store.h"
 #include "trace/debug.h"
 
 namespace {
 
-constexpr const char* kDirectory = "/etc/orvmon";
 constexpr const char* kNewFile = "/etc/orvmon/registry.new";
 constexpr const char* kKeptFile = "/etc/orvmon/registry.old.kept";
 
@@ -58,20 +58,10 @@ UniqueFd OpenNewFile() {
     return OpenRegularFile(kNewFile, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
 }
 
-bool WriteAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = write(fd, text.data(), text.size());
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return false;
-        text.remove_prefix(static_cast<size_t>(count));
-    }
-    return true;
-}
-
 bool WriteNewFile(int fd, CRegistryNode& root) try {
     // The mode is set before the file has its final name: nobody finds it without.
     const auto write = [fd](std::string_view text) {
-        if (!WriteAll(fd, text)) return false;
+        if (!WriteFully(fd, text)) return false;
         // The disk begins while the next piece is made. Only fsync says whether it worked.
         (void)sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
         return true;
@@ -124,7 +114,7 @@ bool MoveIntoPlace() {
 }
 
 bool SyncDirectory() {
-    const UniqueFd directory(open(kDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd directory(open(kRegistryDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     // EINVAL: a file system that brings names to the disk by itself.
     return directory.IsOpen() && (fsync(directory.Get()) == 0 || errno == EINVAL);
 }
