@@ -7,7 +7,7 @@
 #include "base/paths.h"
 #include "kemdctl/check/look_ups.h"
 #include "kemdctl/check/path_findings.h"
-#include "kemdctl/registry/registry_check.h"
+#include "kemdctl/registry/file_check.h"
 #include "kemdctl/ui/text.h"
 #include "services/registry/store.h"
 

@@ -1,4 +1,4 @@
-#include "kemdctl/registry/registry_command.h"
+#include "kemdctl/registry/command.h"
 
 #include <algorithm>
 #include <array>

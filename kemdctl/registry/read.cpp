@@ -5,9 +5,9 @@
 #include <utility>
 #include <vector>
 
-#include "kemdctl/registry/registry_command.h"
-#include "kemdctl/registry/registry_store.h"
-#include "kemdctl/registry/registry_value.h"
+#include "kemdctl/registry/command.h"
+#include "kemdctl/registry/store.h"
+#include "kemdctl/registry/value.h"
 #include "kemdctl/ui/text.h"
 #include "services/registry/node.h"
 

@@ -1,4 +1,4 @@
-#include "kemdctl/inventory/inventory_slots.h"
+#include "kemdctl/inventory/slots.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "kemdctl/inventory/inventory_names.h"
+#include "kemdctl/inventory/names.h"
 
 #include <array>
 #include <cstdio>

@@ -6,9 +6,9 @@
 
 #include "base/file_io.h"
 #include "base/paths.h"
-#include "kemdctl/registry/registry_check.h"
-#include "kemdctl/registry/registry_command.h"
-#include "kemdctl/registry/registry_store.h"
+#include "kemdctl/registry/command.h"
+#include "kemdctl/registry/file_check.h"
+#include "kemdctl/registry/store.h"
 #include "kemdctl/ui/json.h"
 #include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/text.h"

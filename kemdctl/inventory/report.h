@@ -4,7 +4,7 @@
 #include <string>
 
 #include "inventory/smbios.h"
-#include "kemdctl/inventory/inventory_slots.h"
+#include "kemdctl/inventory/slots.h"
 #include "kemdctl/ui/json.h"
 
 struct Inventory {

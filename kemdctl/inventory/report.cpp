@@ -1,10 +1,10 @@
-#include "kemdctl/inventory/inventory_report.h"
+#include "kemdctl/inventory/report.h"
 
 #include <array>
 #include <cstdarg>
 #include <cstdio>
 
-#include "kemdctl/inventory/inventory_names.h"
+#include "kemdctl/inventory/names.h"
 #include "kemdctl/ui/command.h"
 #include "kemdctl/ui/text.h"
 

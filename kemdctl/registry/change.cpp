@@ -3,9 +3,9 @@
 #include <string>
 
 #include "base/line_reader.h"
-#include "kemdctl/registry/registry_command.h"
-#include "kemdctl/registry/registry_store.h"
-#include "kemdctl/registry/registry_value.h"
+#include "kemdctl/registry/command.h"
+#include "kemdctl/registry/store.h"
+#include "kemdctl/registry/value.h"
 #include "kemdctl/ui/text.h"
 #include "services/registry/file_line.h"
 #include "services/registry/node.h"

@@ -1,4 +1,4 @@
-#include "kemdctl/inventory/smbios_dump.h"
+#include "kemdctl/inventory/dump.h"
 
 #include <algorithm>
 #include <span>

@@ -1,4 +1,4 @@
-#include "kemdctl/registry/registry_store.h"
+#include "kemdctl/registry/store.h"
 
 #include <sys/file.h>
 

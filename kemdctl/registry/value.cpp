@@ -1,4 +1,4 @@
-#include "kemdctl/registry/registry_value.h"
+#include "kemdctl/registry/value.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,4 +1,4 @@
-#include "kemdctl/registry/registry_check.h"
+#include "kemdctl/registry/file_check.h"
 
 #include <algorithm>
 #include <array>
