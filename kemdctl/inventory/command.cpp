@@ -6,11 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/file_io.h"
-#include "inventory/bios_tables.h"
-#include "inventory/pci_slot_sources.h"
 #include "kemdctl/commands.h"
-#include "kemdctl/inventory/dump.h"
 #include "kemdctl/inventory/report.h"
 #include "kemdctl/ui/json.h"
 #include "kemdctl/ui/output_file.h"
@@ -60,42 +56,6 @@ bool ParseAddress(std::string_view text, PciAddress& address) {
     }
     Complain("%s is no bus and device number BB:DD", Printable(text).c_str());
     return false;
-}
-
-// Which of the sources are there but cannot be read, and why.
-std::string DeniedSources() {
-    std::string denied;
-    bool needsRoot = false;
-    for (const char* path : {"/sys/firmware/dmi/tables/smbios_entry_point",
-                             "/sys/firmware/dmi/tables/DMI", "/sys/firmware/efi/systab",
-                             "/proc/efi/systab", "/vmfs/devices/char/mem/smbios", "/dev/mem"}) {
-        if (access(path, R_OK) == 0 || errno == ENOENT) continue;
-        const int error = errno;
-        denied += std::string(denied.empty() ? "cannot read " : ", ") + path + ": ";
-        denied += std::strerror(error);
-        needsRoot = needsRoot || error == EACCES || error == EPERM;
-    }
-    return denied + (needsRoot ? "; run kemdctl as root" : "");
-}
-
-bool LoadDump(const char* path, Inventory& inventory) {
-    if (!OpenRegularFile(path, O_RDONLY).IsOpen()) {
-        const int error = errno;
-        inventory.error = std::string("cannot read ") + path + ": " +
-                          (error == EINVAL ? "no regular file" : std::strerror(error));
-        return false;
-    }
-    const auto file = ReadTableFile(path, kLargestSmbiosTable);
-    SmbiosData data;
-    if (!file || !DecodeSmbiosDump(*file, data)) {
-        inventory.error = std::string(path) + " holds no SMBIOS tables";
-        return false;
-    }
-    inventory.hasSmbios = inventory.smbios.Connect(std::move(data));
-    const CPciSlotMap::Slots slots = GatherSmbiosSlots(inventory.smbios);
-    if (!slots.empty()) inventory.slotSource = PciSlotSource::kSmbios;
-    inventory.slots = MakeSlotRows(slots, inventory.slotSource, inventory.smbios);
-    return true;
 }
 
 void ShowSlotAsJson(const SlotRow* row, bool isExact, const std::string& error) {
@@ -158,11 +118,6 @@ int WriteDump(const Inventory& inventory, const char* path) {
     return kYes;
 }
 
-// Broken tables are there as far as they could be read.
-bool IsBroken(const Inventory& inventory) {
-    return !inventory.hasSmbios && inventory.smbios.Data().source != SmbiosSource::kNone;
-}
-
 int Report(const Inventory& inventory, bool withJson) {
     if (withJson) {
         ShowInventoryAsJson(inventory);
@@ -171,27 +126,6 @@ int Report(const Inventory& inventory, bool withJson) {
     }
     const bool isEmpty = !inventory.hasSmbios && inventory.slots.empty();
     return IsBroken(inventory) || isEmpty ? kNo : kYes;
-}
-
-// Asks the machine. False when what the options need is not there for want of permission.
-bool LoadMachine(Inventory& inventory, bool needsSmbios, bool needsSlots) {
-    inventory.hasSmbios = inventory.smbios.Connect();
-    if (needsSlots) {
-        inventory.slotSource = CPciSlotMap::Source();
-        inventory.slots =
-            MakeSlotRows(CPciSlotMap::GetSlotMapping(), inventory.slotSource, inventory.smbios);
-    }
-    const bool hasSlots = !inventory.slots.empty();
-    if ((inventory.hasSmbios || !needsSmbios) && (hasSlots || !needsSlots)) return true;
-    inventory.error = DeniedSources();
-    return inventory.error.empty() || (needsSmbios && inventory.hasSmbios) || hasSlots;
-}
-
-// What is wrong with the tables, beside what is wrong with their sources.
-void AddTableError(Inventory& inventory) {
-    const std::string& error = inventory.smbios.Error();
-    inventory.error += std::string(inventory.error.empty() ? "" : "; ") +
-                       "SMBIOS: " + (error.empty() ? "no tables" : error);
 }
 
 }  // namespace

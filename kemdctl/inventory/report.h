@@ -1,19 +1,10 @@
-// What kemdctl inventory knows of a machine, and how it is shown.
+// How kemdctl inventory shows a machine.
 #pragma once
 
 #include <string>
 
-#include "inventory/smbios.h"
-#include "kemdctl/inventory/slots.h"
+#include "kemdctl/inventory/machine.h"
 #include "kemdctl/ui/json.h"
-
-struct Inventory {
-    CSMBios smbios;
-    bool hasSmbios = false;
-    SlotRows slots;
-    PciSlotSource slotSource = PciSlotSource::kNone;
-    std::string error;  // what is missing or broken, and why; empty: nothing
-};
 
 void ShowInventory(const Inventory& inventory);
 void ShowInventoryAsJson(const Inventory& inventory);
