@@ -31,8 +31,7 @@ void FixChecksum(std::vector<uint8_t>& bytes, size_t start, size_t end, size_t p
 }
 
 // False when the file holds no such tables.
-bool DecodeSmbiosDump(const std::vector<uint8_t>& file, SmbiosData& data) {
-    const std::span<const uint8_t> bytes(file);
+bool DecodeSmbiosDump(std::span<const uint8_t> bytes, SmbiosData& data) {
     data.source = SmbiosSource::kFile;
     if (BeginsWith(bytes, "_SM3_")) {
         const size_t length = ReadSmbiosEntryLength(bytes);
@@ -94,15 +93,16 @@ std::string EncodeSmbiosDump(const SmbiosData& data) {
 }
 
 bool LoadDump(const char* path, Inventory& inventory) {
-    if (!OpenRegularFile(path, O_RDONLY).IsOpen()) {
+    const auto file = ReadTextFile(path, kLargestSmbiosTable + 1);
+    if (!file) {
         const int error = errno;
         inventory.error = std::string("cannot read ") + path + ": " +
                           (error == EINVAL ? "no regular file" : std::strerror(error));
         return false;
     }
-    const auto file = ReadTableFile(path, kLargestSmbiosTable);
     SmbiosData data;
-    if (!file || !DecodeSmbiosDump(*file, data)) {
+    const std::vector<uint8_t> bytes(file->begin(), file->end());
+    if (bytes.size() > kLargestSmbiosTable || !DecodeSmbiosDump(bytes, data)) {
         inventory.error = std::string(path) + " holds no SMBIOS tables";
         return false;
     }

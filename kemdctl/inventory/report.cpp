@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "base/text.h"
 #include "kemdctl/inventory/names.h"
 #include "kemdctl/ui/command.h"
 #include "kemdctl/ui/text.h"
@@ -75,7 +76,7 @@ void ShowSlots(const Inventory& inventory) {
             Format("%02x:%02x       %4d  %-34s  %-17s  ", slot.bus, slot.device, slot.slot,
                    TypeOf(row).c_str(), NameOf(inventory.slotSource).shown);
         line += Printable(row.label);
-        Write(line.substr(0, line.find_last_not_of(' ') + 1) + "\n");
+        Write(std::string(TrimEnd(line, " ")) + "\n");
     }
 }
 

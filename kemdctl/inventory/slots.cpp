@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/text.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -36,7 +37,7 @@ std::string TextOf(const CSMBios& smbios, size_t position, uint8_t number) {
     (void)walk.SkipStrings([&](std::string_view text) {
         if (++count == number) found = text;
     });
-    return found.substr(0, found.find_last_not_of(' ') + 1);  // some firmware fills it up
+    return std::string(TrimEnd(found, " "));  // some firmware fills it up
 }
 
 std::vector<size_t> PositionsOf(const CSMBios& smbios, const Layout& layout) {

@@ -74,7 +74,7 @@ bool Checker::Line(std::string_view text) {
     }
     if (CutAtNul(text).size() < text.size()) Report("a NUL byte ends the line");
     text = CutAtNul(text);
-    if (text.ends_with('\n')) text.remove_suffix(1);
+    text = TrimEnd(text, "\n");
     switch (line.kind) {
         case RegistryLine::kEnd:
             EndKey();
@@ -160,7 +160,7 @@ void Checker::Binary(const RegistryLine& line, const std::string& shown) const {
         rest = end;
     }
     if (isCut) Report(shown + " has a number above ff: cut to its last two digits");
-    if (std::string_view(rest).find_first_not_of(" \t\v\f\r") != std::string_view::npos) {
+    if (!Trim(rest).empty()) {
         Report(shown + " has something that is not hexadecimal: ignored from there on");
     }
 }

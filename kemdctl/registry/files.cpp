@@ -24,11 +24,14 @@ UniqueFd SpoolInput() {
     UniqueFd file(fcntl(fileno(spool), F_DUPFD_CLOEXEC, 0));
     (void)std::fclose(spool);
     char buffer[16 * 1024];
-    ssize_t count = -1;
-    while ((count = read(STDIN_FILENO, buffer, sizeof buffer)) > 0) {
-        if (!WriteFully(file.Get(), {buffer, static_cast<size_t>(count)})) return {};
-    }
-    return count == 0 && lseek(file.Get(), 0, SEEK_SET) == 0 ? std::move(file) : UniqueFd();
+    ReadResult got;
+    do {
+        got = ReadFully(STDIN_FILENO, buffer, sizeof buffer);
+        if (!WriteFully(file.Get(), {buffer, got.count})) return {};
+    } while (got.count == sizeof buffer);
+    if (got.error == 0 && lseek(file.Get(), 0, SEEK_SET) == 0) return file;
+    if (got.error != 0) errno = got.error;
+    return {};
 }
 
 }  // namespace

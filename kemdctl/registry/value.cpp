@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdio>
 
+#include "base/text.h"
 #include "kemdctl/ui/command.h"
 #include "kemdctl/ui/text.h"
 
@@ -24,7 +25,7 @@ bool ParseAll(std::string_view text, Number& number, int base) {
 std::optional<std::string> ParseBinary(std::string_view text) {
     std::string bytes;
     for (;;) {
-        text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+        text = TrimStart(text, " ");
         if (text.empty()) return bytes;
         const std::string_view group = text.substr(0, text.find(' '));
         if (group.size() > 1 && group.size() % 2 != 0) return std::nullopt;
