@@ -8,7 +8,6 @@
 
 #include "kemdctl/commands.h"
 #include "kemdctl/inventory/report.h"
-#include "kemdctl/ui/json.h"
 #include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
@@ -58,48 +57,35 @@ bool ParseAddress(std::string_view text, PciAddress& address) {
     return false;
 }
 
-void ShowSlotAsJson(const SlotRow* row, bool isExact, const std::string& error) {
-    JsonWriter json;
-    json.Open('{');
-    if (row != nullptr) {
-        json.Key("slot");
-        json.Number(row->data.slot);
-        json.Key("match");
-        json.Text(isExact ? "device" : "bus");
-        AddSlotName(json, *row);
-    }
-    AddError(json, error);
-    json.Close('}');
-    json.Finish();
-}
-
-int ShowSlot(const Inventory& inventory, const PciAddress& address, bool withJson) {
+int ShowSlot(ReportWriter& report, const Inventory& inventory, const PciAddress& address) {
     const auto [bus, device] = address;
     const SlotRow* const row = FindSlotRow(inventory.slots, bus, device);
-    std::string error = inventory.error;
+    report.OpenObject();
     if (row == nullptr) {
         std::array<char, 64> text{};
         std::snprintf(text.data(), text.size(), "the slot of %02x:%02x is not known", bus, device);
-        error = text.data();
-        if (inventory.slots.empty() && inventory.hasSmbios) {
-            error += ": " + WhyNoSlots(inventory.smbios);
-        }
+        const bool isMapEmpty = inventory.slots.empty() && inventory.hasSmbios;
+        const std::string error =
+            text.data() + (isMapEmpty ? ": " + WhyNoSlots(inventory.smbios) : "");
         Complain("%s", error.c_str());
+        ReportError(report, error);
+        return kNo;
     }
-    const bool isExact = row != nullptr && row->data.Matches(bus, device, false);
-    if (row != nullptr && !isExact) {
+    const bool isExact = row->data.Matches(bus, device, false);
+    if (!isExact) {
         Complain("%02x:%02x has no row of its own: slot %d is that of %02x:%02x, by the bus alone",
                  bus, device, row->data.slot, row->data.bus, row->data.device);
     }
-    if (withJson) {
-        ShowSlotAsJson(row, isExact, error);
-    } else if (row != nullptr) {
-        Write(std::to_string(row->data.slot) + "\n");
-    }
-    return row != nullptr ? kYes : kNo;
+    ReportSlot(report, *row, isExact);
+    ReportError(report, inventory.error);
+    return kYes;
 }
 
-int WriteDump(const Inventory& inventory, const char* path) {
+bool IsStandardOutput(const char* path) {
+    return std::strcmp(path, "-") == 0;
+}
+
+int WriteDump(ReportWriter& report, const Inventory& inventory, const char* path) {
     const std::string dump = EncodeSmbiosDump(inventory.smbios.Data());
     if (dump.empty()) {
         const std::string& error = inventory.smbios.Error();
@@ -107,23 +93,24 @@ int WriteDump(const Inventory& inventory, const char* path) {
                  error.empty() ? "an unknown entry point" : Printable(error).c_str());
         return kNo;
     }
-    if (std::strcmp(path, "-") != 0) {
-        return WriteOutputFile(path, 0600, [&dump](const FileSink& write) { return write(dump); });
-    }
-    if (isatty(STDOUT_FILENO) != 0) {
+    if (IsStandardOutput(path)) {
+        if (isatty(STDOUT_FILENO) == 0) {
+            Write(dump);
+            return kYes;
+        }
         Complain("the tables are binary and standard output is a terminal: name a file, or > FILE");
         return kError;
     }
-    Write(dump);
-    return kYes;
+    const int result =
+        WriteOutputFile(path, 0600, [&dump](const FileSink& write) { return write(dump); });
+    if (result != kYes) return result;
+    report.OpenObject();
+    ReportError(report, inventory.error);
+    return result;
 }
 
-int Report(const Inventory& inventory, bool withJson) {
-    if (withJson) {
-        ShowInventoryAsJson(inventory);
-    } else {
-        ShowInventory(inventory);
-    }
+int Report(ReportWriter& report, const Inventory& inventory) {
+    ReportInventory(report, inventory);
     const bool isEmpty = !inventory.hasSmbios && inventory.slots.empty();
     return IsBroken(inventory) || isEmpty ? kNo : kYes;
 }
@@ -131,7 +118,6 @@ int Report(const Inventory& inventory, bool withJson) {
 }  // namespace
 
 int RunInventory(CommandLine& line, ReportWriter& report) {
-    report.SetJson(false);  // its JSON is still its own
     constexpr std::array<std::string_view, 5> kOptions = {"--slot", "--from-dump", "--dump",
                                                           "--json", "--help"};
     if (line.Has("--help")) {
@@ -149,6 +135,10 @@ int RunInventory(CommandLine& line, ReportWriter& report) {
         Complain("see kemdctl inventory --help");
         return kError;
     }
+    if (target != nullptr && IsStandardOutput(target) && line.Has("--json")) {
+        Complain("standard output cannot hold both a dump and JSON: name a file for --dump");
+        return kError;
+    }
     PciAddress address{};
     if (slot != nullptr && !ParseAddress(slot, address)) return kError;
     Inventory inventory;
@@ -158,11 +148,11 @@ int RunInventory(CommandLine& line, ReportWriter& report) {
     const bool needsTables = slot == nullptr && target == nullptr && isLoaded;
     if (IsBroken(inventory) || (needsTables && !inventory.hasSmbios)) AddTableError(inventory);
     if (!inventory.error.empty()) Complain("%s", Printable(inventory.error).c_str());
-    const bool withJson = line.Has("--json");
     if (!isLoaded) {
-        if (withJson) ShowSlotAsJson(nullptr, false, inventory.error);
+        report.OpenObject();
+        ReportError(report, inventory.error);
         return kError;
     }
-    if (target != nullptr) return WriteDump(inventory, target);
-    return slot != nullptr ? ShowSlot(inventory, address, withJson) : Report(inventory, withJson);
+    if (target != nullptr) return WriteDump(report, inventory, target);
+    return slot != nullptr ? ShowSlot(report, inventory, address) : Report(report, inventory);
 }

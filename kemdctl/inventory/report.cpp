@@ -6,7 +6,7 @@
 
 #include "base/text.h"
 #include "kemdctl/inventory/names.h"
-#include "kemdctl/ui/command.h"
+#include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -64,103 +64,83 @@ size_t CountStructures(const CSMBios& smbios) {
     return count;
 }
 
-std::string TypeOf(const SlotRow& row) {
-    return row.isOnboard ? "on board" : SlotTypeName(row.data.type);
+void ReportTables(ReportWriter& report, const CSMBios& smbios) {
+    const SourceName source = NameOf(smbios.Data().source);
+    const std::string revision = RevisionText(smbios);
+    const size_t count = CountStructures(smbios);
+    if (smbios.Data().source != SmbiosSource::kNone) {
+        report.Line("SMBIOS " + revision + ", " + Counted(count, "structure") + " in " +
+                    Counted(smbios.Data().table.size(), "byte") + ", from " + source.shown + "\n");
+        report.Line("type  structures");
+    }
+    report.Object("smbios", [&] {
+        report.Text("source", source.json);
+        report.Text("revision", revision);
+        report.Number("structures", count);
+        report.List("types", smbios.Structures(), [&](const auto& structures) {
+            const auto& [type, positions] = structures;
+            const char* const name = StructureName(type);
+            report.Line(Format("%4d  %10zu  %s", type, positions.size(), name));
+            report.OpenObject();
+            report.Number("type", type);
+            report.Text("name", name);
+            report.Number("count", positions.size());
+            report.Close();
+        });
+    });
 }
 
-void ShowSlots(const Inventory& inventory) {
-    Write("\nbus:device  slot  type                                source             label\n");
-    for (const SlotRow& row : inventory.slots) {
-        const PciSlotData& slot = row.data;
-        std::string line =
-            Format("%02x:%02x       %4d  %-34s  %-17s  ", slot.bus, slot.device, slot.slot,
-                   TypeOf(row).c_str(), NameOf(inventory.slotSource).shown);
-        line += Printable(row.label);
-        Write(std::string(TrimEnd(line, " ")) + "\n");
-    }
+void ReportRowName(ReportWriter& report, const SlotRow& row) {
+    report.Text("kind", row.isOnboard ? "onboard" : "slot");
+    report.Text("label", row.label);
+}
+
+void ReportRow(ReportWriter& report, const SlotRow& row, const SourceName& source) {
+    const PciSlotData& slot = row.data;
+    const std::string type = row.isOnboard ? "on board" : SlotTypeName(slot.type);
+    const std::string line = Format("%02x:%02x       %4d  %-34s  %-17s  ", slot.bus, slot.device,
+                                    slot.slot, type.c_str(), source.shown) +
+                             Printable(row.label);
+    report.Line(TrimEnd(line, " "));
+    report.Object({}, [&] {
+        report.Number("bus", slot.bus);
+        report.Number("device", slot.device);
+        report.Number("slot", slot.slot);
+        report.Number("type", slot.type);
+        report.Text("name", type);
+        ReportRowName(report, row);
+        report.Text("source", source.json);
+    });
 }
 
 }  // namespace
 
-void ShowInventory(const Inventory& inventory) {
-    const CSMBios& smbios = inventory.smbios;
-    if (smbios.Data().source != SmbiosSource::kNone) {
-        Write("SMBIOS " + RevisionText(smbios) + ", " +
-              Counted(CountStructures(smbios), "structure") + " in " +
-              Counted(smbios.Data().table.size(), "byte") + ", from " +
-              NameOf(smbios.Data().source).shown + "\n\n");
-        Write("type  structures\n");
-        for (const auto& [type, positions] : smbios.Structures()) {
-            Write(Format("%4d  %10zu  %s\n", type, positions.size(), StructureName(type)));
-        }
-    }
+void ReportInventory(ReportWriter& report, const Inventory& inventory) {
+    report.OpenObject();
+    ReportTables(report, inventory.smbios);
     if (!inventory.slots.empty()) {
-        ShowSlots(inventory);
-    } else if (inventory.hasSmbios) {
-        Write("\nno slot map: " + WhyNoSlots(smbios) + "\n");
+        report.Line(
+            "\nbus:device  slot  type                                source             label");
     }
+    const SourceName source = NameOf(inventory.slotSource);
+    report.List("slots", inventory.slots,
+                [&](const SlotRow& row) { ReportRow(report, row, source); });
+    if (inventory.slots.empty() && inventory.hasSmbios) {
+        const std::string why = WhyNoSlots(inventory.smbios);
+        report.Line("\nno slot map: " + why);
+        report.Text("slotsNote", why);
+    }
+    ReportError(report, inventory.error);
 }
 
-void AddSlotName(JsonWriter& json, const SlotRow& row) {
-    json.Key("kind");
-    json.Text(row.isOnboard ? "onboard" : "slot");
-    json.Key("label");
-    json.Text(row.label);
+void ReportSlot(ReportWriter& report, const SlotRow& row, bool isExact) {
+    report.Number("slot", row.data.slot);
+    report.Text("match", isExact ? "device" : "bus");
+    ReportRowName(report, row);
+    report.Line(std::to_string(row.data.slot));
 }
 
-void AddError(JsonWriter& json, const std::string& error) {
-    json.Key("incomplete");
-    json.Flag(!error.empty());
-    if (error.empty()) return;
-    json.Key("error");
-    json.Text(error);
-}
-
-void ShowInventoryAsJson(const Inventory& inventory) {
-    const CSMBios& smbios = inventory.smbios;
-    JsonWriter json;
-    const auto number = [&json](const char* key, int64_t value) {
-        json.Key(key);
-        json.Number(value);
-    };
-    const auto text = [&json](const char* key, const std::string& value) {
-        json.Key(key);
-        json.Text(value);
-    };
-    json.Open('{');
-    json.Key("smbios");
-    json.Open('{');
-    text("source", NameOf(smbios.Data().source).json);
-    text("revision", RevisionText(smbios));
-    number("structures", static_cast<int64_t>(CountStructures(smbios)));
-    json.Key("types");
-    json.Open('[');
-    for (const auto& [type, positions] : smbios.Structures()) {
-        json.Open('{');
-        number("type", type);
-        text("name", StructureName(type));
-        number("count", static_cast<int64_t>(positions.size()));
-        json.Close('}');
-    }
-    json.Close(']');
-    json.Close('}');
-    json.Key("slots");
-    json.Open('[');
-    for (const SlotRow& row : inventory.slots) {
-        const PciSlotData& slot = row.data;
-        json.Open('{');
-        number("bus", slot.bus);
-        number("device", slot.device);
-        number("slot", slot.slot);
-        number("type", slot.type);
-        text("name", TypeOf(row));
-        AddSlotName(json, row);
-        text("source", NameOf(inventory.slotSource).json);
-        json.Close('}');
-    }
-    json.Close(']');
-    if (inventory.slots.empty() && inventory.hasSmbios) text("slotsNote", WhyNoSlots(smbios));
-    AddError(json, inventory.error);
-    json.Close('}');
-    json.Finish();
+void ReportError(ReportWriter& report, const std::string& error) {
+    report.Flag("incomplete", !error.empty());
+    if (!error.empty()) report.Text("error", error);
 }

@@ -1,14 +1,14 @@
-// How kemdctl inventory shows a machine.
+// How kemdctl inventory reports what it found.
 #pragma once
 
 #include <string>
 
 #include "kemdctl/inventory/machine.h"
-#include "kemdctl/ui/json.h"
 
-void ShowInventory(const Inventory& inventory);
-void ShowInventoryAsJson(const Inventory& inventory);
-// Members of objects: of which kind a row is and what is printed there, and whether the object is
-// complete, with the error if it is not.
-void AddSlotName(JsonWriter& json, const SlotRow& row);
-void AddError(JsonWriter& json, const std::string& error);
+class ReportWriter;
+
+void ReportInventory(ReportWriter& report, const Inventory& inventory);
+// Members: the slot of one device, found by its own row or by the bus alone.
+void ReportSlot(ReportWriter& report, const SlotRow& row, bool isExact);
+// Members: whether the document is complete, and the error if it is not.
+void ReportError(ReportWriter& report, const std::string& error);
