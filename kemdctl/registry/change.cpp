@@ -90,7 +90,7 @@ bool Store(const char* keyName, const RegistryEntry& value) {
 
 }  // namespace
 
-int RegistrySet(const CommandLine& line) {
+int RegistrySet(const CommandLine& line, ReportWriter& /*report*/) {
     const auto value = MakeValue(line.words[1], line.words[2], line.words[3]);
     if (!value || !IsStorable(line.words[0], *value)) return kError;
     WriterLock lock;
@@ -103,7 +103,7 @@ int RegistrySet(const CommandLine& line) {
     return Store(line.words[0], *value) ? SaveStore() : kError;
 }
 
-int RegistryDelete(const CommandLine& line) {
+int RegistryDelete(const CommandLine& line, ReportWriter& /*report*/) {
     KeyPath path = SplitPath(line.words[0]);
     const bool isValue = line.words.size() == 2;
     if (!isValue && (path.empty() || (path.size() == 1 && IsRootKey(path[0])))) {

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "kemdctl/commands.h"
-#include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -16,7 +15,7 @@ struct Subcommand {
     size_t minWords;
     size_t maxWords;
     std::array<std::string_view, 2> options;
-    int (*run)(const CommandLine& line);
+    int (*run)(const CommandLine& line, ReportWriter& report);
 };
 constexpr Subcommand kSubcommands[] = {
     {"get", 2, 2, {"--json", "--expand"}, RegistryGet},
@@ -61,7 +60,6 @@ int UsageError(std::string what, std::string_view word = "") {
 }  // namespace
 
 int RunRegistry(CommandLine& line, ReportWriter& report) {
-    report.SetJson(false);  // its JSON is still its own
     if (line.Has("--help")) {
         Write(kHelp);
         return kYes;
@@ -77,5 +75,5 @@ int RunRegistry(CommandLine& line, ReportWriter& report) {
     if (!line.HasOnly(found->options)) return UsageError("these options do not fit", name);
     if (line.words.size() < found->minWords) return UsageError("too few words for", name);
     if (line.words.size() > found->maxWords) return UsageError("too many words for", name);
-    return found->run(line);
+    return found->run(line, report);
 }

@@ -4,14 +4,16 @@
 
 #include "kemdctl/ui/command.h"
 
+class ReportWriter;
+
 // read.cpp
-int RegistryGet(const CommandLine& line);
-int RegistryList(const CommandLine& line);
+int RegistryGet(const CommandLine& line, ReportWriter& report);
+int RegistryList(const CommandLine& line, ReportWriter& report);
 // change.cpp
-int RegistrySet(const CommandLine& line);
-int RegistryDelete(const CommandLine& line);
+int RegistrySet(const CommandLine& line, ReportWriter& report);
+int RegistryDelete(const CommandLine& line, ReportWriter& report);
 // files.cpp
-int RegistryExport(const CommandLine& line);
-int RegistryImport(const CommandLine& line);
-int RegistryRestore(const CommandLine& line);
-int RegistryCheck(const CommandLine& line);
+int RegistryExport(const CommandLine& line, ReportWriter& report);
+int RegistryImport(const CommandLine& line, ReportWriter& report);
+int RegistryRestore(const CommandLine& line, ReportWriter& report);
+int RegistryCheck(const CommandLine& line, ReportWriter& report);

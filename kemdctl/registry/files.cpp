@@ -9,8 +9,8 @@
 #include "kemdctl/registry/command.h"
 #include "kemdctl/registry/file_check.h"
 #include "kemdctl/registry/store.h"
-#include "kemdctl/ui/json.h"
 #include "kemdctl/ui/output_file.h"
+#include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 #include "services/registry/file_text.h"
 #include "services/registry/store.h"
@@ -36,37 +36,27 @@ UniqueFd SpoolInput() {
 
 }  // namespace
 
-int RegistryCheck(const CommandLine& line) {
+int RegistryCheck(const CommandLine& line, ReportWriter& report) {
     const char* const path = line.words[0];
     const UniqueFd file = OpenRegularFile(path, O_RDONLY);
     if (!file.IsOpen()) return FileError("open", path);
-    JsonWriter json;
-    const bool withJson = line.Has("--json");
     bool isClean = true;
-    if (withJson) json.Open('[');
+    report.OpenArray();
     const bool isRead =
         CheckRegistry(file.Get(), true, [&](size_t number, const std::string& what) {
             isClean = false;
-            if (!withJson) {
-                Write(Printable(path) + ":" + std::to_string(number) + ": " + what + "\n");
-                return;
-            }
-            json.Open('{');
-            json.Key("line");
-            json.Number(static_cast<int64_t>(number));
-            json.Key("message");
-            json.Text(what);
-            json.Close('}');
+            report.Line(
+                [&] { return Printable(path) + ":" + std::to_string(number) + ": " + what; });
+            report.Object({}, [&] {
+                report.Number("line", number);
+                report.Text("message", what);
+            });
         });
     if (!isRead) return FileError("read", path);
-    if (withJson) {
-        json.Close(']');
-        json.Finish();
-    }
     return isClean ? kYes : kNo;
 }
 
-int RegistryExport(const CommandLine& line) {
+int RegistryExport(const CommandLine& line, ReportWriter& /*report*/) {
     if (!LoadStore()) return kError;
     if (!line.words.empty() && std::string_view(line.words[0]) != "-") {
         return WriteOutputFile(line.words[0], 0644, [](const FileSink& write) {
@@ -80,7 +70,7 @@ int RegistryExport(const CommandLine& line) {
     return kYes;
 }
 
-int RegistryImport(const CommandLine& line) {
+int RegistryImport(const CommandLine& line, ReportWriter& /*report*/) {
     const char* const path = line.words[0];
     const bool isInput = std::string_view(path) == "-";
     const UniqueFd file = isInput ? SpoolInput() : OpenRegularFile(path, O_RDONLY);
@@ -112,7 +102,7 @@ int RegistryImport(const CommandLine& line) {
     return SaveStore();
 }
 
-int RegistryRestore(const CommandLine& line) {
+int RegistryRestore(const CommandLine& line, ReportWriter& /*report*/) {
     const char* const source = line.Has("--default") ? kRegistryDefaultFile : kRegistryOldFile;
     WriterLock lock;
     if (!lock.Take()) return kError;

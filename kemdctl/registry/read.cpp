@@ -8,6 +8,7 @@
 #include "kemdctl/registry/command.h"
 #include "kemdctl/registry/store.h"
 #include "kemdctl/registry/value.h"
+#include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 #include "services/registry/node.h"
 
@@ -18,11 +19,11 @@ struct Subkey {
     RegistryKey key;
 };
 
-// Shows a key's values and subkeys, or all below it. With a stack of its own: a file decides how
+// Reports a key's values and subkeys, or all below it. With a stack of its own: a file decides how
 // deep a tree is.
 class Lister {
   public:
-    Lister(bool withJson, bool withAll) : m_withJson(withJson), m_withAll(withAll) {}
+    Lister(ReportWriter& report, bool withAll) : m_report(report), m_withAll(withAll) {}
 
     void Run(Subkey start);
 
@@ -37,41 +38,29 @@ class Lister {
     void Step();
     void Leave();
     static std::optional<Subkey> TakeSubkey(Level& level);
-    void ShowPath();
-    void ShowValues(CRegistryNode& node);
+    [[nodiscard]] std::string PathLine() const;
+    void ReportValues(CRegistryNode& node);
 
-    bool m_withJson;
+    ReportWriter& m_report;
     bool m_withAll;
-    JsonWriter m_json;
     std::string m_path;  // of the key in hand, with backslashes
     std::vector<Level> m_levels;
 };
 
 void Lister::Run(Subkey start) {
     m_path = std::move(start.name);
-    if (m_withJson) {
-        m_json.Open('{');
-        m_json.Key("key");
-        m_json.Text(m_path);
-    }
+    m_report.OpenObject();
+    m_report.Text("key", m_path);
     Enter(std::move(start.key), 0);
     while (!m_levels.empty() && !HasWriteFailed()) Step();
-    if (m_withJson) m_json.Finish();
 }
 
 void Lister::Enter(RegistryKey key, size_t parentLength) {
-    if (m_withJson) {
-        m_json.Key("values");
-        m_json.Open('[');
-    } else {
-        ShowPath();
-    }
-    ShowValues(*key);
-    if (m_withJson) {
-        m_json.Close(']');
-        m_json.Key("keys");
-        m_json.Open('[');
-    }
+    if (!m_path.empty()) m_report.Line([this] { return PathLine(); });
+    m_report.OpenArray("values");
+    ReportValues(*key);
+    m_report.Close();
+    m_report.OpenArray("keys");
     m_levels.push_back({std::move(key), 0, parentLength});
 }
 
@@ -79,26 +68,20 @@ void Lister::Step() {
     const size_t length = m_path.size();
     std::optional<Subkey> subkey = TakeSubkey(m_levels.back());
     if (!subkey) return Leave();
-    if (m_withJson) {
-        m_json.Open('{');
-        m_json.Key("key");
-        m_json.Text(subkey->name);
-    }
+    m_report.OpenObject();
+    m_report.Text("key", subkey->name);
     if (m_withAll) {
         m_path.append(m_path.empty() ? "" : "\\").append(subkey->name);
         Enter(std::move(subkey->key), length);
-    } else if (m_withJson) {
-        m_json.Close('}');
     } else {
-        Write("  " + Printable(subkey->name) + "\\\n");
+        m_report.Line([&] { return "  " + Printable(subkey->name) + "\\"; });
+        m_report.Close();
     }
 }
 
 void Lister::Leave() {
-    if (m_withJson) {
-        m_json.Close(']');
-        m_json.Close('}');
-    }
+    m_report.Close();  // the keys
+    m_report.Close();  // the key itself
     m_path.resize(m_levels.back().parentLength);
     m_levels.pop_back();
 }
@@ -114,43 +97,47 @@ std::optional<Subkey> Lister::TakeSubkey(Level& level) {
     return std::nullopt;
 }
 
-void Lister::ShowPath() {
+std::string Lister::PathLine() const {
     constexpr size_t kShown = 160;  // whole paths of a very deep tree would fill any disk
-    if (m_path.empty()) return;
     const bool isCut = m_path.size() > kShown;
     const size_t begin = isCut ? m_path.find('\\', m_path.size() - kShown) : 0;
     const std::string_view shown = std::string_view(m_path).substr(std::min(begin, m_path.size()));
-    // Used as a path again, a last component with a slash stays whole with a backslash behind it.
+    // Used as a path again, a last component with a slash stays whole if a backslash ends it.
     const bool hasSlash = m_path.find('/', m_path.rfind('\\') + 1) != m_path.npos;
-    Write((isCut ? "..." : "") + Printable(shown) + (hasSlash ? "\\\n" : "\n"));
+    return (isCut ? "..." : "") + Printable(shown) + (hasSlash ? "\\" : "");
 }
 
-void Lister::ShowValues(CRegistryNode& node) {
+// The width that fits most names.
+size_t NameColumn(const LockedNode& locked) {
     constexpr size_t kMaxColumn = 32;
-    const LockedNode locked(node);
     size_t column = 0;
     for (const RegistryEntry& entry : locked.Entries()) {
-        if (m_withJson || entry.IsSubkey()) continue;
+        if (entry.IsSubkey()) continue;
         column = std::max(column, std::min(Width(Printable(entry.Name())), kMaxColumn));
     }
+    return column;
+}
+
+void Lister::ReportValues(CRegistryNode& node) {
+    const LockedNode locked(node);
+    std::optional<size_t> column;
     for (const RegistryEntry& entry : locked.Entries()) {
         if (entry.IsSubkey()) continue;
-        if (m_withJson) {
-            WriteValue(m_json, entry, DataText(entry));
-            continue;
-        }
-        const std::string name = Printable(entry.Name());
-        const std::string blanks(column - std::min(column, Width(name)), ' ');
-        std::string line = "  ";
-        line.append(name).append(blanks).append("  ").append(TypeName(entry.Type()));
-        line.append("  ").append(Printable(DataText(entry))).append("\n");
-        Write(line);
+        const std::string data = DataText(entry);
+        ReportValue(m_report, entry, data);
+        m_report.Line([&] {
+            if (!column) column = NameColumn(locked);
+            std::string line = "  " + Printable(entry.Name());
+            const size_t width = Width(line) - 2;
+            line.append(*column - std::min(*column, width), ' ').append("  ");
+            return line.append(TypeName(entry.Type())).append("  ").append(Printable(data));
+        });
     }
 }
 
 }  // namespace
 
-int RegistryGet(const CommandLine& line) {
+int RegistryGet(const CommandLine& line, ReportWriter& report) {
     if (!LoadStore()) return kError;
     const RegistryKey key = FindKey(SplitPath(line.words[0]));
     if (!key) {
@@ -168,17 +155,12 @@ int RegistryGet(const CommandLine& line) {
     Cursor().SetExpand(line.Has("--expand"));
     if (entry->Type() == kRegistryExpandString)
         (void)Cursor().QueryValue(&data, line.words[1], key);
-    if (line.Has("--json")) {
-        JsonWriter json;
-        WriteValue(json, *entry, data);
-        json.Finish();
-    } else {
-        Write(data + "\n");
-    }
+    ReportValue(report, *entry, data);
+    report.Line(data);
     return kYes;
 }
 
-int RegistryList(const CommandLine& line) {
+int RegistryList(const CommandLine& line, ReportWriter& report) {
     if (!LoadStore()) return kError;
     const KeyPath path = SplitPath(line.words.empty() ? "" : line.words[0]);
     const RegistryKey key = FindKey(path);
@@ -190,6 +172,6 @@ int RegistryList(const CommandLine& line) {
     for (const std::string_view component : path) {
         name.append(name.empty() ? "" : "\\").append(component);
     }
-    Lister(line.Has("--json"), line.Has("-r")).Run({name, key});
+    Lister(report, line.Has("-r")).Run({name, key});
     return kYes;
 }

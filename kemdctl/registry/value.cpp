@@ -5,7 +5,7 @@
 #include <cstdio>
 
 #include "base/text.h"
-#include "kemdctl/ui/command.h"
+#include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -67,19 +67,16 @@ std::string DataText(const RegistryEntry& entry) {
     return text;
 }
 
-void WriteValue(JsonWriter& json, const RegistryEntry& entry, const std::string& data) {
-    json.Open('{');
-    json.Key("name");
-    json.Text(entry.Name());
-    json.Key("type");
-    json.Text(TypeName(entry.Type()));
-    json.Key("data");
+void ReportValue(ReportWriter& report, const RegistryEntry& entry, const std::string& data) {
+    report.OpenObject();
+    report.Text("name", entry.Name());
+    report.Text("type", TypeName(entry.Type()));
     if (entry.Type() == kRegistryNumber) {
-        json.Number(entry.Number());
+        report.Number("data", entry.Number());
     } else {
-        json.Text(data);
+        report.Text("data", data);
     }
-    json.Close('}');
+    report.Close();
 }
 
 std::optional<RegistryEntry> MakeValue(std::string_view name, std::string_view type,

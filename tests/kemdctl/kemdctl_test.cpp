@@ -47,7 +47,9 @@ TEST_F(Kemdctl, CommandLineIsChecked) {
           "registry set --json a b string c", "registry list -- -r --json"}) {
         const Result result = Ctl(arguments);
         EXPECT_EQ(result.code, 2) << arguments;
-        EXPECT_EQ(result.out, "") << arguments;
+        const bool withJson = Contains(arguments, "--json") && !Contains(arguments, "-- ");
+        EXPECT_EQ(result.out.starts_with("{\"error\":\""), withJson) << arguments;
+        EXPECT_EQ(result.out.empty(), !withJson) << arguments;
         EXPECT_TRUE(result.err.starts_with("kemdctl: ")) << arguments;
     }
     for (const char* const arguments :
