@@ -1,7 +1,6 @@
 #include "kemdctl/registry/command.h"
 
 #include <algorithm>
-#include <array>
 #include <iterator>
 #include <string>
 
@@ -10,37 +9,10 @@
 
 namespace {
 
-struct Subcommand {
-    std::string_view name;
-    size_t minWords;
-    size_t maxWords;
-    std::array<std::string_view, 2> options;
-    int (*run)(const CommandLine& line, ReportWriter& report);
-};
-constexpr Subcommand kSubcommands[] = {
-    {"get", 2, 2, {"--json", "--expand"}, RegistryGet},
-    {"list", 0, 1, {"--json", "-r"}, RegistryList},
-    {"set", 4, 4, {}, RegistrySet},
-    {"delete", 1, 2, {}, RegistryDelete},
-    {"export", 0, 1, {}, RegistryExport},
-    {"import", 1, 1, {"--force"}, RegistryImport},
-    {"check", 1, 1, {"--json"}, RegistryCheck},
-    {"restore", 0, 0, {"--default"}, RegistryRestore},
-};
-
-constexpr const char* kHelp =
-    R"(usage: kemdctl registry SUBCOMMAND ...
-
-  get [--expand] KEY VALUE   prints a value's data; --expand replaces %NAME%
-  list [-r] [KEY]            shows subkeys and values; -r: and all below
-  set KEY VALUE TYPE DATA    stores a value and makes missing keys; TYPE is
-                             string, expand, number or binary (hex digits)
-  delete KEY [VALUE]         deletes a value, or a key with all below it
-  export [FILE]              writes the store as a registry file
-  import [--force] FILE|-    replaces the root keys that FILE has; a file with
-                             findings only with --force
-  check FILE                 says what in a file is skipped or misread
-  restore [--default]        makes registry.old, or registry.default, the store
+void WriteHelp() {
+    Write("usage: kemdctl registry SUBCOMMAND ...\n");
+    for (const Subcommand& subcommand : kSubcommands) Write(subcommand.help);
+    Write(R"(
 
 --json with get, list and check. Options may stand anywhere; -- ends them.
 KEY has backslashes or slashes between its parts: HKEY_LOCAL_MACHINE/SOFTWARE.
@@ -49,7 +21,8 @@ Without KEY, list shows the root keys. VALUE may be empty.
 The store is /etc/orvmon/registry. The modules of a running kemd keep a copy of
 their own and may write over a change when they save next.
 Exit status: 0 yes or done, 1 no (not there, findings), 2 error.
-)";
+)");
+}
 
 int UsageError(std::string what, std::string_view word = "") {
     if (!word.empty()) what += " " + Printable(word);
@@ -61,7 +34,7 @@ int UsageError(std::string what, std::string_view word = "") {
 
 int RunRegistry(CommandLine& line, ReportWriter& report) {
     if (line.Has("--help")) {
-        Write(kHelp);
+        WriteHelp();
         return kYes;
     }
     const std::string_view name = line.TakeCommand();
