@@ -127,10 +127,14 @@ void Lister::ReportValues(CRegistryNode& node) {
         ReportValue(m_report, entry, data);
         m_report.Line([&] {
             if (!column) column = NameColumn(locked);
-            std::string line = "  " + Printable(entry.Name());
-            const size_t width = Width(line) - 2;
-            line.append(*column - std::min(*column, width), ' ').append("  ");
-            return line.append(TypeName(entry.Type())).append("  ").append(Printable(data));
+            const std::string name = Printable(entry.Name());
+            const size_t width = Width(name);
+            std::string line;
+            line.reserve(name.size() + *column + data.size() + 16);
+            line.append("  ").append(name).append(*column - std::min(*column, width), ' ');
+            line.append("  ").append(TypeName(entry.Type()));
+            line.append("  ").append(Printable(data));
+            return line;
         });
     }
 }
