@@ -46,3 +46,16 @@ inline testing::AssertionResult Shows(const std::string& arguments, int code,
     return testing::AssertionFailure() << arguments << " ends with " << result.code << "\n"
                                        << result.out << result.err;
 }
+
+// Whether a command ends with this code, prints exactly this, and complains with this text or, when
+// it is empty, not at all.
+inline testing::AssertionResult Prints(const std::string& arguments, int code,
+                                       const std::string& out, const std::string& complaint = "") {
+    const Result result = Ctl(arguments);
+    const bool isSilent = result.err.empty();
+    if (result.code == code && result.out == out && isSilent == complaint.empty() &&
+        Contains(result.err, complaint))
+        return testing::AssertionSuccess();
+    return testing::AssertionFailure() << arguments << " ends with " << result.code << "\n"
+                                       << result.out << result.err;
+}
