@@ -136,7 +136,7 @@ int RunInventory(CommandLine& line, ReportWriter& report) {
         return kError;
     }
     if (target != nullptr && IsStandardOutput(target) && line.Has("--json")) {
-        Complain("standard output cannot hold both a dump and JSON: name a file for --dump");
+        Complain("--json and --dump - both write to standard output; name a file for --dump");
         return kError;
     }
     PciAddress address{};

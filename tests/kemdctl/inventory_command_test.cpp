@@ -3,6 +3,8 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <numeric>
+
 #include "tests/inventory/memory_world.h"
 #include "tests/kemdctl/ctl.h"
 
@@ -28,19 +30,15 @@ struct InventoryCommand : testing::Test {
 
 TEST_F(InventoryCommand, ShowsTablesAndSlots) {
     UseMemory("pc");
-    const Result result = Ctl("inventory");
-    EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.err, "");
-    EXPECT_TRUE(InOrder(
-        result.out,
-        {"SMBIOS 2.8, 11 structures in 438 bytes, from the BIOS shadow memory\n",
-         "   0           1  BIOS\n", "   9           1  system slots\n",
-         "  41           1  onboard devices extended\n", " 127           1  end of table\n",
-         "bus:device  slot  type", "00:01          0  on board", "IRQ routing table\n",
-         "00:05          4  not known", "IRQ routing table  Onboard\n", "00:06          5"}));
-    const std::string json = Ctl("inventory --json").out;
-    EXPECT_TRUE(InOrder(
-        json,
+    EXPECT_TRUE(
+        Shows("inventory", 0,
+              {"SMBIOS 2.8, 11 structures in 438 bytes, from the BIOS shadow memory\n",
+               "   0           1  BIOS\n", "   9           1  system slots\n",
+               "  41           1  onboard devices extended\n", " 127           1  end of table\n",
+               "bus:device  slot  type", "00:01          0  on board", "IRQ routing table\n",
+               "00:05          4  not known", "IRQ routing table  Onboard\n", "00:06          5"}));
+    EXPECT_TRUE(Shows(
+        "inventory --json", 0,
         {R"({"smbios":{"source":"shadow","revision":"2.8","structures":11,"types":[{"type":0,)",
          R"("name":"BIOS","count":1},)", R"("slots":[{"bus":0,"device":1,"slot":0,"type":0,)",
          R"("kind":"onboard","label":"","source":"irq-routing-table"},)",
@@ -49,26 +47,41 @@ TEST_F(InventoryCommand, ShowsTablesAndSlots) {
         const char* arguments;
         int code;
         const char* out;
-    } cases[] = {{"--slot 00:05", 0, "4\n"},
-                 {"--slot=0:5 --json", 0,
-                  "{\"slot\":4,\"match\":\"device\",\"kind\":\"slot\",\"label\":\"Onboard\","
-                  "\"incomplete\":false}\n"},
-                 {"--slot 01:00", 1, ""},
-                 {"--slot 00:20", 2, ""},
-                 {"--slot 00", 2, ""},
-                 {"--slot -1:05", 2, ""},
-                 {"--slot 0x:1", 2, ""},
-                 {"--slot 00:05 --dump /tmp/x", 2, ""},
-                 {"--slot", 2, ""},
-                 {"--from-dump /none", 2, ""},
-                 {"more", 2, ""},
-                 {"--other", 2, ""}};
-    for (const auto& [arguments, code, out] : cases) {
-        const Result each = Ctl(std::string("inventory ") + arguments);
-        EXPECT_EQ(each.code, code) << arguments;
-        EXPECT_EQ(each.out, out) << arguments;
-        EXPECT_EQ(each.err.empty(), code == 0) << arguments;
-    }
+        const char* complaint;
+    } cases[] = {
+        {"--slot 00:05", 0, "4\n", ""},
+        {"--slot=0:5 --json", 0,
+         "{\"slot\":4,\"match\":\"device\",\"kind\":\"slot\",\"label\":\"Onboard\","
+         "\"incomplete\":false}\n",
+         ""},
+        {"--slot 01:00 --json", 1,
+         "{\"incomplete\":true,\"error\":\"the slot of 01:00 is not known\"}\n", "is not known\n"},
+        {"--slot 00:05 --dump /tmp/x", 2, "", "see kemdctl inventory --help\n"},
+        {"--slot", 2, "", "see kemdctl inventory --help\n"},
+        {"--from-dump /tmp", 2, "", "cannot read /tmp: Is a directory\n"},
+        {"--from-dump /dev/zero", 2, "", "cannot read /dev/zero: no regular file\n"},
+        {"--from-dump /proc/self/mem", 2, "", "cannot read /proc/self/mem: Input/output error\n"},
+        {"--from-dump /none --json", 2,
+         "{\"incomplete\":true,\"error\":\"cannot read /none: No such file or directory\"}\n",
+         "cannot read /none: No such file or directory\n"},
+        {"more --json", 2,
+         "{\"error\":\"unexpected argument more; see kemdctl inventory --help\"}\n", "more\n"},
+        {"--other", 2, "", "unknown option --other\n"},
+        {"--dump - --json", 2,
+         "{\"error\":\"--json and --dump - both write to standard output; name a file for --dump\"}\n",
+         "--dump -"},
+        {"--dump /tmp/x --json", 0, "{\"incomplete\":false}\n", ""},
+        {"--dump /full/x --json", 2,
+         "{\"error\":\"cannot write /full/x: No space left on device\"}\n", "No space left"},
+        {"--dump - >/dev/full", 2, "", "No space left"},
+    };
+    WriteFile("/full/rest", std::string(8192, 'x'));
+    for (const auto& [arguments, code, out, complaint] : cases)
+        EXPECT_TRUE(Prints(std::string("inventory ") + arguments, code, out, complaint));
+    fs::remove("/full/rest");
+    for (const std::string address : {"00:20", "00", "-1:05", "0x:1"})
+        EXPECT_TRUE(
+            Prints("inventory --slot " + address, 2, "", address + " is no bus and device"));
 }
 
 TEST_F(InventoryCommand, DumpsAreReadBack) {
@@ -80,59 +93,53 @@ TEST_F(InventoryCommand, DumpsAreReadBack) {
         WriteFile("/sys/firmware/dmi/tables/smbios_entry_point",
                   Text(memory, entry, isPc ? 31 : 24));
         WriteFile("/sys/firmware/dmi/tables/DMI", table);
-        ASSERT_EQ(Ctl("inventory --dump /tmp/dump").code, 0);
+        EXPECT_TRUE(Prints("inventory --dump /tmp/dump", 0, ""));
         const std::string dump = ReadFile("/tmp/dump");
         EXPECT_EQ(dump.substr(32), table);
         EXPECT_EQ(dump[isPc ? 0x18 : 0x10], 32);
-        uint8_t sum = 0;
-        for (size_t i = 0; i < 31; ++i) sum = static_cast<uint8_t>(sum + dump[i]);
-        EXPECT_EQ(sum, 0);
-        EXPECT_EQ(Ctl("inventory --dump -").out, dump);
+        EXPECT_EQ(std::accumulate(dump.begin(), dump.begin() + 31, 0) % 256, 0);
+        EXPECT_TRUE(Prints("inventory --dump -", 0, dump));
 
         fs::remove_all("/sys/firmware");
-        const Result result = Ctl("inventory --from-dump /tmp/dump");
-        EXPECT_EQ(result.code, 0) << result.err;
-        EXPECT_TRUE(InOrder(
-            result.out,
+        EXPECT_TRUE(Shows(
+            "inventory --from-dump /tmp/dump", 0,
             {", 11 structures in ", ", from the dump\n", "01:00          3  PCI Express ",
              "SMBIOS             PCIe Slot 3\n",
              isPc ? "00:05          2  on board" : "00:02          1  on board", "Onboard\n"}));
         EXPECT_EQ(Ctl("inventory --from-dump /tmp/dump --slot 01:1f").out, "3\n");  // serial
-        // Damaged: the rest is shown, and what is wrong is said.
-        // The length of a version-3 entry point is only the most that there can be.
-        WriteFile("/tmp/cut", dump.substr(0, dump.size() - 1));
-        EXPECT_EQ(Ctl("inventory --from-dump /tmp/cut").code, isPc ? 2 : 1);
+        // Damaged: the rest is shown, and what is wrong is reported.
         std::string broken = dump;
         broken[broken.size() - 5] = 3;  // the length of the last structure
-        WriteFile("/tmp/broken", broken);
-        const Result damaged = Ctl("inventory --from-dump /tmp/broken");
-        EXPECT_EQ(damaged.code, 1);
-        EXPECT_TRUE(InOrder(damaged.out, {", 10 structures in ", "  41           1", "01:00"}));
-        EXPECT_TRUE(Contains(damaged.err, "kemdctl: SMBIOS: ## FATAL ERROR! SMBIOS structure"));
-        EXPECT_TRUE(Contains(Ctl("inventory --json --from-dump /tmp/broken").out,
-                             "],\"incomplete\":true,\"error\":\"SMBIOS: ## FATAL ERROR! SMBIOS"));
+        WriteFile("/tmp/cut", broken);
+        EXPECT_TRUE(Shows("inventory --from-dump /tmp/cut", 1,
+                          {", 10 structures in ", "  41           1", "01:00",
+                           "kemdctl: SMBIOS: ## FATAL ERROR! SMBIOS structure"}));
+        EXPECT_TRUE(Shows("inventory --json --from-dump /tmp/cut", 1,
+                          {"],\"incomplete\":true,\"error\":\"SMBIOS: ## FATAL ERROR! SMBIOS"}));
+        for (const size_t length : {0, 5, 20, 31, 32}) {
+            WriteFile("/tmp/cut", dump.substr(0, length));
+            EXPECT_TRUE(Prints("inventory --from-dump /tmp/cut", 2, "", "holds no SMBIOS tables"));
+        }
+        // The length of a version-3 entry point is only the most that there can be.
+        for (const size_t length : {size_t{40}, dump.size() - 1}) {
+            WriteFile("/tmp/cut", dump.substr(0, length));
+            EXPECT_TRUE(Shows("inventory --from-dump /tmp/cut", isPc ? 2 : 1, {"SMBIOS"}));
+        }
     }
 }
 
 TEST_F(InventoryCommand, SaysWhatIsMissing) {
-    EXPECT_EQ(Ctl("inventory").code, 1);
-    EXPECT_EQ(Ctl("inventory --dump /tmp/none").code, 1);
+    EXPECT_TRUE(Prints("inventory", 1, "", "SMBIOS: Could not map"));
+    EXPECT_TRUE(Prints("inventory --dump /tmp/none", 1, "", "nothing that a dump can hold: "));
     EXPECT_FALSE(fs::exists("/tmp/none"));
     UseMemory("q35");
     fs::create_symlink("loop", "/dev/loop");
     fs::create_directories("/sys/firmware/dmi/tables");
     fs::create_symlink("DMI", "/sys/firmware/dmi/tables/DMI");  // not readable, even for root
-    const Result result = Ctl("inventory");
-    EXPECT_EQ(result.code, 0);  // the slots are there
-    EXPECT_TRUE(Contains(result.err, "cannot read /sys/firmware/dmi/tables/DMI: Too many levels"));
+    const std::string denied = "cannot read /sys/firmware/dmi/tables/DMI: Too many levels";
+    EXPECT_TRUE(Shows("inventory", 0, {"00:06          5", denied}));  // the slots are there
     fs::remove("/dev/mem");
-    EXPECT_EQ(Ctl("inventory").code, 2);
-    EXPECT_TRUE(
-        Ctl("inventory --json")
-            .out.starts_with(
-                "{\"incomplete\":true,\"error\":\"cannot read /sys/firmware/dmi/tables/DMI: Too many"));
-    EXPECT_TRUE(
-        Contains(Ctl("inventory --from-dump /tmp").err, "cannot read /tmp: Is a directory"));
+    EXPECT_TRUE(Shows("inventory --json", 2, {"{\"incomplete\":true,\"error\":\"" + denied}));
 }
 
 using namespace std::string_literals;
@@ -174,19 +181,16 @@ TEST_F(InventoryCommand, PrefersTheRowOfTheDevice) {
         {"00:01", "0\n", ""},
         {"00:1f", "3\n", ""},
         {"00:02", "6\n",
-         "kemdctl: 00:02 has no row of its own: slot 6 is that of 00:1c, by the bus alone\n"},
+         "00:02 has no row of its own: slot 6 is that of 00:1c, by the bus alone\n"},
         {"00:02 --json",
          "{\"slot\":6,\"match\":\"bus\",\"kind\":\"slot\",\"label\":\"PCIE6\",\"incomplete\":false}\n",
-         "kemdctl: 00:02 has no row of its own: slot 6 is that of 00:1c, by the bus alone\n"},
+         "by the bus alone\n"},
         {"02:01", "2\n",
-         "kemdctl: 02:01 has no row of its own: slot 2 is that of 02:00, by the bus alone\n"},
+         "02:01 has no row of its own: slot 2 is that of 02:00, by the bus alone\n"},
     };
-    for (const auto& [slot, out, err] : cases) {
-        const Result result = Ctl(std::string("inventory --from-dump /tmp/dump --slot ") + slot);
-        EXPECT_EQ(result.code, 0);
-        EXPECT_EQ(result.out, out) << slot;
-        EXPECT_EQ(result.err, err) << slot;
-    }
+    for (const auto& [slot, out, err] : cases)
+        EXPECT_TRUE(
+            Prints(std::string("inventory --from-dump /tmp/dump --slot ") + slot, 0, out, err));
 }
 
 TEST_F(InventoryCommand, SaysWhyThereAreNoSlots) {
@@ -203,11 +207,10 @@ TEST_F(InventoryCommand, SaysWhyThereAreNoSlots) {
     for (const auto& [major, minor, structures, why] : cases) {
         WriteDump(major, minor, structures);
         const std::string command = "inventory --from-dump /tmp/dump";
-        EXPECT_TRUE(Contains(Ctl(command).out, std::string("\nno slot map: ") + why));
-        EXPECT_TRUE(Contains(Ctl(command + " --json").out, std::string("\"slotsNote\":\"") + why));
-        const Result slot = Ctl(command + " --slot 0:1");
-        EXPECT_EQ(slot.code, 1);
-        EXPECT_TRUE(Contains(slot.err, std::string("the slot of 00:01 is not known: ") + why));
+        EXPECT_TRUE(Shows(command, 0, {std::string("\nno slot map: ") + why}));
+        EXPECT_TRUE(Shows(command + " --json", 0, {std::string("\"slotsNote\":\"") + why}));
+        EXPECT_TRUE(Shows(command + " --slot 0:1", 1,
+                          {std::string("the slot of 00:01 is not known: ") + why}));
     }
 }
 
@@ -216,9 +219,8 @@ TEST_F(InventoryCommand, DumpsNothingOntoATerminal) {
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
     ASSERT_GE(terminal, 0);
     ASSERT_EQ(grantpt(terminal) + unlockpt(terminal), 0);
-    const Result result = Ctl(std::string("inventory --dump - >") + ptsname(terminal));
-    EXPECT_EQ(result.code, 2);
-    EXPECT_TRUE(Contains(result.err, "standard output is a terminal"));
+    EXPECT_TRUE(Shows(std::string("inventory --dump - >") + ptsname(terminal), 2,
+                      {"standard output is a terminal"}));
     close(terminal);
 }
 
