@@ -18,8 +18,8 @@ constexpr const char* kHelp =
     R"(usage: kemdctl inventory [--slot BB:DD] [--from-dump FILE] [--dump FILE]
                          [--json]
 
-Shows which source delivers the firmware's SMBIOS tables, their revision, the
-number of structures of each type, and which slot holds which PCI device.
+Shows where the firmware's SMBIOS tables come from, their revision, the number
+of structures of each type, and which slot holds which PCI device.
 
   --slot BB:DD       only the number of the slot that holds the device with this
                      bus and device number, hexadecimal; status 1: not known
@@ -29,8 +29,8 @@ number of structures of each type, and which slot holds which PCI device.
   --json             results as JSON
 
 The slot map comes from the PCI IRQ routing table, with types from SMBIOS, or
-else from SMBIOS; of a dump only from SMBIOS. A device on board has the number 0
-in the first, its instance among the devices of its kind in the second.
+else from SMBIOS; for a dump only from SMBIOS. An on-board device has the number
+0 in the routing table, and in SMBIOS its instance among devices of its kind.
 Only root can read the tables.
 Exit status: 0 yes or done, 1 no (no tables, slot not known), 2 error.
 )";
@@ -53,7 +53,7 @@ bool ParseAddress(std::string_view text, PciAddress& address) {
         ParseNumber(text.substr(colon + 1), address.device) && address.device < 32) {
         return true;
     }
-    Complain("%s is no bus and device number BB:DD", Printable(text).c_str());
+    Complain("%s is not a bus and device number BB:DD", Printable(text).c_str());
     return false;
 }
 
@@ -89,7 +89,7 @@ int WriteDump(ReportWriter& report, const Inventory& inventory, const char* path
     const std::string dump = EncodeSmbiosDump(inventory.smbios.Data());
     if (dump.empty()) {
         const std::string& error = inventory.smbios.Error();
-        Complain("nothing that a dump can hold: %s",
+        Complain("there are no tables to dump: %s",
                  error.empty() ? "an unknown entry point" : Printable(error).c_str());
         return kNo;
     }

@@ -22,7 +22,7 @@ void Store(std::vector<uint8_t>& bytes, size_t offset, size_t size, uint64_t num
     for (size_t i = 0; i < size; ++i) bytes[offset + i] = static_cast<uint8_t>(number >> (8 * i));
 }
 
-// Makes the bytes from `start` to `end` add up to 0 by the one at `position`.
+// Sets the byte at `position` so that those from `start` to `end` add up to 0.
 void FixChecksum(std::vector<uint8_t>& bytes, size_t start, size_t end, size_t position) {
     bytes[position] = 0;
     uint8_t sum = 0;
@@ -43,14 +43,14 @@ bool DecodeSmbiosDump(std::span<const uint8_t> bytes, SmbiosData& data) {
     const SmbiosTableRange range = ReadSmbiosTableRange(bytes);
     if (range.address >= bytes.size()) return false;
     const auto rest = bytes.subspan(range.address);
-    // The length of a version-3 entry point is the most that the table can have.
+    // The length in a version-3 entry point is the most that the table can have.
     if (range.length > rest.size() && !BeginsWith(bytes, "_SM3_")) return false;
     const auto table = rest.first(std::min<uint64_t>(range.length, rest.size()));
     data.table.assign(table.begin(), table.end());
     return !data.table.empty();
 }
 
-// Which of the sources are there but cannot be read, and why.
+// Which sources exist but cannot be read, and why.
 std::string DeniedSources() {
     std::string denied;
     bool needsRoot = false;

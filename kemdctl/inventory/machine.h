@@ -14,16 +14,16 @@ struct Inventory {
     std::string error;  // what is missing or broken, and why; empty: nothing
 };
 
-// Asks the machine. False when what the options need is not there for want of permission.
+// Asks the machine. False when the options need what may not be read.
 bool LoadMachine(Inventory& inventory, bool needsSmbios, bool needsSlots);
-// False when the file cannot be read or holds no tables.
+// False, with the error, when the file cannot be read or holds no tables.
 bool LoadDump(const char* path, Inventory& inventory);
-// Broken tables are there as far as they could be read.
+// Whether there are tables that are broken; what could be read of them is there.
 bool IsBroken(const Inventory& inventory);
-// What is wrong with the tables, beside what is wrong with their sources.
+// Adds what is wrong with the tables to what is wrong with their sources.
 void AddTableError(Inventory& inventory);
 
-// SMBIOS tables in one file: 32 bytes for the entry point, whose address of the table is the offset
-// 32, and the table. The form that dmidecode writes and reads. Empty when the entry point is of a
-// kind that the form does not know.
+// The tables as one file, in the form that dmidecode writes and reads: 32 bytes for the entry
+// point, which gives the offset 32 as the table's address, and the table. Empty when the form does
+// not know this kind of entry point.
 std::string EncodeSmbiosDump(const SmbiosData& data);

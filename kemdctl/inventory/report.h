@@ -1,4 +1,4 @@
-// How kemdctl inventory reports what it found.
+// Reports what kemdctl inventory found.
 #pragma once
 
 #include <string>

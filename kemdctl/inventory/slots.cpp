@@ -9,10 +9,10 @@ namespace {
 
 using Bytes = std::span<const uint8_t>;
 
-// Where DMTF DSP0134 keeps what names a slot, in structures that are long enough.
+// Offsets of the fields that identify a slot, by DMTF DSP0134.
 struct Layout {
     uint8_t structure;
-    size_t label;  // number of the text
+    size_t label;  // string number
     size_t number;
     size_t bus;
     size_t deviceFunction;  // the last of these fields
@@ -37,7 +37,7 @@ std::string TextOf(const CSMBios& smbios, size_t position, uint8_t number) {
     (void)walk.SkipStrings([&](std::string_view text) {
         if (++count == number) found = text;
     });
-    return std::string(TrimEnd(found, " "));  // some firmware fills it up
+    return std::string(TrimEnd(found, " "));  // some firmware pads it
 }
 
 std::vector<size_t> PositionsOf(const CSMBios& smbios, const Layout& layout) {

@@ -13,7 +13,7 @@
 
 namespace {
 
-// Whether a line of the file comes back as one line. What it then says is the caller's to compare.
+// Whether the text is read back as one line; the caller compares what that says.
 bool IsOneLine(const std::string& line) {
     return line.size() <= LineReader::kMaxLine && line.find('\n') == line.size() - 1;
 }
@@ -47,12 +47,12 @@ bool IsStorable(const char* keyName, const RegistryEntry& value) {
     }
     for (const std::string_view name : path) {
         if (IsReadBack(name)) continue;
-        Complain("the file cannot hold the key %s of %s: no \"]\", no line feed, %zu bytes at most",
+        Complain("cannot store the key %s of %s: no \"]\", no line feed, %zu bytes at most",
                  Printable(name).c_str(), Printable(keyName).c_str(), LineReader::kMaxLine - 3);
         return false;
     }
     if (IsReadBack(value)) return true;
-    Complain("the file cannot hold the value %s of %s: no \"=\" and no leading \"[\" in its name,",
+    Complain("cannot store the value %s of %s: no \"=\" and no leading \"[\" in its name,",
              Printable(value.Name()).c_str(), Printable(keyName).c_str());
     Complain("no line feed in name or data, %zu bytes at most for name, marker and data",
              LineReader::kMaxLine - 1);
@@ -71,9 +71,9 @@ bool Store(const char* keyName, const RegistryEntry& value) {
     CRegistry& cursor = Cursor();
     const RegistryHandle root(TheRegistryStore().Root());
     if (cursor.CreateKey(root, keyName) != 0) {
-        Complain("cannot make %s: a value has the name of one of its parts, or its root key is",
+        Complain("cannot create %s: one of its parts has the name of a value, or its root key is",
                  Printable(keyName).c_str());
-        Complain("missing in the store and must be imported first");
+        Complain("missing from the store and must be imported first");
         return false;
     }
     const int32_t number = value.Number();

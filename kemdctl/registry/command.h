@@ -1,4 +1,4 @@
-// The subcommands of kemdctl registry. Each gets as many words as the table says, and returns an
+// The subcommands of kemdctl registry. Each gets as many words as the table allows and returns an
 // exit code.
 #pragma once
 

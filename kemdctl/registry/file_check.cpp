@@ -41,28 +41,28 @@ class Checker {
 
     const FindingSink& m_sink;
     size_t m_line = 0;
-    size_t m_piece = 0;       // of a line that is too long; 0: the first
+    size_t m_fragment = 0;    // of a line that is too long; 0: its start
     bool m_isWhole = true;    // whether the last line was read to its end
     bool m_hasEnded = false;  // by the empty line of the top level
     bool m_isRecognised = false;
     std::array<bool, kRootKeyNames.size()> m_hasRoot{};
-    std::vector<Names> m_levels{1};  // the names in each open key, from the top level on
+    std::vector<Names> m_levels{1};  // the names in each open key, the top level first
 };
 
 std::string Quoted(std::string_view name) {
     return "\"" + Printable(name) + "\"";
 }
 
-// What is found in the further pieces of a long line follows from its length.
+// Findings in the later fragments of a long line follow from its length.
 void Checker::Report(const std::string& message) const {
-    if (m_piece == 0) m_sink(m_line, message);
+    if (m_fragment == 0) m_sink(m_line, message);
 }
 
 bool Checker::Line(std::string_view text) {
     if (m_isWhole) {
         ++m_line;
-        m_piece = 0;
-    } else if (m_piece++ == 0) {
+        m_fragment = 0;
+    } else if (m_fragment++ == 0) {
         m_sink(m_line, "longer than 1023 bytes: read as several lines");
     }
     m_isWhole = text.back() == '\n';
@@ -101,7 +101,7 @@ void Checker::EndKey() {
 
 void Checker::Header(std::string_view text, const RegistryLine& line) {
     m_isRecognised = true;
-    if (line.name.size() + 2 < text.size()) Report("what stands behind \"]\" is ignored");
+    if (line.name.size() + 2 < text.size()) Report("what follows \"]\" is ignored");
     AddName(line.name);
     if (m_levels.size() == 1) {
         const auto root = std::find(kRootKeyNames.begin(), kRootKeyNames.end(), line.name);
@@ -130,11 +130,11 @@ void Checker::Ignored(std::string_view text) const {
     } else if (text.find('=') == text.npos) {
         Report("no \"=\": skipped");
     } else {
-        Report("none of =s=, =es=, =b= and =d= behind the name: skipped");
+        Report("none of =s=, =es=, =b= and =d= after the name: skipped");
     }
 }
 
-// Whether there is one.
+// Whether the line has a number.
 bool Checker::Number(const RegistryLine& line, const std::string& shown) const {
     const auto number = DecodeRegistryNumber(line.data);
     if (!number) {
@@ -146,7 +146,7 @@ bool Checker::Number(const RegistryLine& line, const std::string& shown) const {
     if (std::strtoll(data.c_str(), &end, 10) != *number) {
         Report(shown + " does not fit 32 bits: read as " + std::to_string(*number));
     }
-    if (*end != '\0') Report(shown + " has text behind its number: ignored");
+    if (*end != '\0') Report(shown + " has text after its number: ignored");
     return true;
 }
 
@@ -172,13 +172,13 @@ void Checker::AddName(std::string_view name) {
 }
 
 void Checker::Finish(bool isStore) {
-    m_piece = 0;
+    m_fragment = 0;
     m_line += m_line == 0 ? 1 : 0;
     if (!m_isRecognised) return Report("no key and no value: no registry file");
     const size_t open = m_levels.size() - 1;
     if (open > 0) {
-        Report("the file ends inside of " + std::to_string(open) +
-               " keys: so many empty lines are missing");
+        Report("the file ends inside " + Counted(open, "key") +
+               ": an empty line is missing for each");
     }
     for (size_t i = 0; isStore && i < m_hasRoot.size(); ++i) {
         if (!m_hasRoot[i]) Report(std::string("the root key ") + kRootKeyNames[i] + " is missing");

@@ -7,6 +7,6 @@
 
 using FindingSink = std::function<void(size_t line, const std::string& message)>;
 
-// Reads the file from the descriptor's position on. `isStore`: all root keys are expected. False
-// with errno when it cannot be read to its end.
+// Reads from the descriptor's position to the end. `isStore`: all root keys are expected. False
+// with errno when a read fails.
 bool CheckRegistry(int fd, bool isStore, const FindingSink& sink);

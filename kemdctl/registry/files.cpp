@@ -83,14 +83,15 @@ int RegistryImport(const CommandLine& line, ReportWriter& /*report*/) {
     });
     if (!isRead || lseek(file.Get(), 0, SEEK_SET) != 0) return FileError("read", path);
     if (findings > 0 && !line.Has("--force")) {
-        Complain("%zu findings: nothing was imported; --force imports all the same", findings);
+        Complain("%s: nothing was imported; --force imports the file anyway",
+                 Counted(findings, "finding").c_str());
         return kNo;
     }
     WriterLock lock;
     if (!lock.Take()) return kError;
     if (!LoadStore()) {
         if (TheRegistryStore().LoadError() != 0) return kError;
-        Complain("note: what %s has becomes the store", Printable(path).c_str());
+        Complain("note: %s becomes the whole store", Printable(path).c_str());
     }
     LineReader lines(file.Get());
     const int error = ParseRegistry(lines, *TheRegistryStore().Root());
@@ -106,7 +107,7 @@ int RegistryRestore(const CommandLine& line, ReportWriter& /*report*/) {
     const char* const source = line.Has("--default") ? kRegistryDefaultFile : kRegistryOldFile;
     WriterLock lock;
     if (!lock.Take()) return kError;
-    // Into the empty tree: with the live store loaded, its other keys would stay.
+    // Into the empty tree: if the store were loaded first, its other keys would stay.
     const RegistryKey root = TheRegistryStore().Root();
     int error = RestoreRegistryFile(source, *root);
     const bool hasRootKey = std::any_of(kRootKeyNames.begin(), kRootKeyNames.end(),

@@ -19,8 +19,8 @@ struct Subkey {
     RegistryKey key;
 };
 
-// Reports a key's values and subkeys, or all below it. With a stack of its own: a file decides how
-// deep a tree is.
+// Reports a key's values and subkeys, or all below it. Keeps its own stack, since a file decides
+// how deep the tree is.
 class Lister {
   public:
     Lister(ReportWriter& report, bool withAll) : m_report(report), m_withAll(withAll) {}
@@ -86,7 +86,7 @@ void Lister::Leave() {
     m_levels.pop_back();
 }
 
-// A root key that the file does not have is an entry without a key: it is not shown.
+// A root key missing from the file is an entry without a key; it is not shown.
 std::optional<Subkey> Lister::TakeSubkey(Level& level) {
     const LockedNode locked(*level.key);
     const auto& entries = locked.Entries();
@@ -102,12 +102,12 @@ std::string Lister::PathLine() const {
     const bool isCut = m_path.size() > kShown;
     const size_t begin = isCut ? m_path.find('\\', m_path.size() - kShown) : 0;
     const std::string_view shown = std::string_view(m_path).substr(std::min(begin, m_path.size()));
-    // Used as a path again, a last component with a slash stays whole if a backslash ends it.
+    // A backslash at the end keeps a last component with a slash whole when the path is used again.
     const bool hasSlash = m_path.find('/', m_path.rfind('\\') + 1) != m_path.npos;
     return (isCut ? "..." : "") + Printable(shown) + (hasSlash ? "\\" : "");
 }
 
-// The width that fits most names.
+// The column after the names; a few long ones may exceed it.
 size_t NameColumn(const LockedNode& locked) {
     constexpr size_t kMaxColumn = 32;
     size_t column = 0;

@@ -21,8 +21,8 @@ constexpr const char* kChangeLock = "/etc/orvmon/kemdctl.lock";
 
 void NoteRunningDaemon() {
     if (FindDaemon() == 0) return;
-    Complain("note: kemd is running; its modules keep a copy of the registry of their own and");
-    Complain("note: may write over this change when they save next");
+    Complain("note: kemd is running; its modules keep their own copy of the registry and may");
+    Complain("note: overwrite this change when they next save");
 }
 
 std::string WhyUnusable(const char* path) {
@@ -47,8 +47,8 @@ bool LoadStore() {
         const int error = store.LoadError();
         Complain("cannot read %s: %s", store.File(), ErrorText(error).c_str());
         if (error == EACCES || error == EPERM) return false;
-        Complain("try again; if it still cannot be read, kemdctl registry restore makes an older");
-        Complain("registry the store");
+        Complain("try again; if it still cannot be read, kemdctl registry restore brings an older");
+        Complain("registry back");
         return false;
     }
     if (store.IsLoaded()) {
@@ -58,7 +58,7 @@ bool LoadStore() {
         }
         return true;
     }
-    Complain("there is no registry that can be loaded:");
+    Complain("no registry can be loaded:");
     for (const char* const path : {kRegistryFile, kRegistryOldFile, kRegistryDefaultFile}) {
         Complain("%s: %s", path, WhyUnusable(path).c_str());
     }
@@ -90,7 +90,7 @@ RegistryKey FindKey(const KeyPath& path) {
 bool WriterLock::Take() {
     constexpr int kAttempts = 200;
     constexpr useconds_t kPause = 50'000;  // 10 seconds in all
-    // Not the directory: everybody may open that, and could keep root from writing.
+    // Not the directory: any user may open and lock that, and so keep root from writing.
     m_file = OpenRegularFile(kChangeLock, O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
     if (!m_file.IsOpen()) {
         Complain("cannot open %s: %s", kChangeLock, ErrorText(errno).c_str());
@@ -101,8 +101,9 @@ bool WriterLock::Take() {
         if (errno != EWOULDBLOCK) break;
         usleep(kPause);
     }
-    Complain("cannot lock %s: %s", kChangeLock,
-             errno == EWOULDBLOCK ? "another kemdctl changes the registry" : std::strerror(errno));
+    Complain(
+        "cannot lock %s: %s", kChangeLock,
+        errno == EWOULDBLOCK ? "another kemdctl is changing the registry" : std::strerror(errno));
     return false;
 }
 

@@ -9,31 +9,31 @@
 #include "base/unique_fd.h"
 #include "kemd/registry.h"
 
-// The process's one cursor; the first call loads the store. It is never destroyed, so that nothing
-// is saved but by SaveStore.
+// The process's one cursor; the first call loads the store. It is never destroyed, so that only
+// SaveStore saves.
 CRegistry& Cursor();
 
 // Loads the store; complains and returns false when there is none, or it was not read whole.
 bool LoadStore();
-// Why a registry file was not read whole, from what ParseRegistry and RestoreRegistryFile say.
+// Why a registry file was not read whole, from the result of ParseRegistry or RestoreRegistryFile.
 std::string LoadErrorText(int error);
 
-// The components of a key's path, as CRegistry takes it apart.
+// The components of a key's path, as CRegistry splits it.
 using KeyPath = std::vector<std::string_view>;
 KeyPath SplitPath(std::string_view path);
 bool IsRootKey(std::string_view name);
-// From the root of the tree; nothing when there is no such key.
+// From the root of the tree; null when there is no such key.
 RegistryKey FindKey(const KeyPath& path);
 
-// Holds off other writing commands while it lives.
+// Keeps other commands from writing while it lives.
 class WriterLock {
   public:
-    // Waits for a while; complains and returns false when that does not help.
+    // Waits up to ten seconds; complains and returns false when the lock stays taken.
     bool Take();
 
   private:
     UniqueFd m_file;
 };
 
-// Writes what was changed; an exit code. Complains when that fails, and says when a daemon runs.
+// Writes the changes; returns an exit code. Complains when that fails, and notes a running daemon.
 int SaveStore();

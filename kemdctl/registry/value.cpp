@@ -13,7 +13,7 @@ namespace {
 constexpr RegistryType kTypes[] = {kRegistryString, kRegistryExpandString, kRegistryBinary,
                                    kRegistryNumber};
 
-// Takes all of the text.
+// False unless the whole text is a number.
 template <typename Number>
 bool ParseAll(std::string_view text, Number& number, int base) {
     const char* const end = text.data() + text.size();
@@ -21,7 +21,7 @@ bool ParseAll(std::string_view text, Number& number, int base) {
     return result.ec == std::errc() && result.ptr == end;
 }
 
-// Pairs of digits with blanks anywhere between them; a digit that stands alone is a byte, too.
+// Pairs of digits with blanks anywhere between them; a single digit is a byte too.
 std::optional<std::string> ParseBinary(std::string_view text) {
     std::string bytes;
     for (;;) {
@@ -90,11 +90,11 @@ std::optional<RegistryEntry> MakeValue(std::string_view name, std::string_view t
     if (*known == kRegistryNumber) {
         int32_t number = 0;
         if (ParseAll(data, number, 10)) return RegistryEntry(name, number);
-        Complain("%s is no decimal number of 32 bits", Printable(data).c_str());
+        Complain("%s is not a decimal number of 32 bits", Printable(data).c_str());
         return std::nullopt;
     }
     if (*known != kRegistryBinary) return RegistryEntry(name, *known, data);
     if (const auto bytes = ParseBinary(data)) return RegistryEntry(name, *known, *bytes);
-    Complain("%s are no hexadecimal digits, two for each byte", Printable(data).c_str());
+    Complain("%s is not hexadecimal, two digits for each byte", Printable(data).c_str());
     return std::nullopt;
 }

@@ -16,6 +16,6 @@ std::string DataText(const RegistryEntry& entry);
 // An object of name, type and data.
 void ReportValue(ReportWriter& report, const RegistryEntry& entry, const std::string& data);
 
-// The opposite. Complains when the type is unknown or the data do not fit it.
+// The reverse. Complains when the type is unknown or the data do not fit it.
 std::optional<RegistryEntry> MakeValue(std::string_view name, std::string_view type,
                                        std::string_view data);

@@ -81,7 +81,7 @@ TEST_F(InventoryCommand, ShowsTablesAndSlots) {
     fs::remove("/full/rest");
     for (const std::string address : {"00:20", "00", "-1:05", "0x:1"})
         EXPECT_TRUE(
-            Prints("inventory --slot " + address, 2, "", address + " is no bus and device"));
+            Prints("inventory --slot " + address, 2, "", address + " is not a bus and device"));
 }
 
 TEST_F(InventoryCommand, DumpsAreReadBack) {
@@ -130,7 +130,7 @@ TEST_F(InventoryCommand, DumpsAreReadBack) {
 
 TEST_F(InventoryCommand, SaysWhatIsMissing) {
     EXPECT_TRUE(Prints("inventory", 1, "", "SMBIOS: Could not map"));
-    EXPECT_TRUE(Prints("inventory --dump /tmp/none", 1, "", "nothing that a dump can hold: "));
+    EXPECT_TRUE(Prints("inventory --dump /tmp/none", 1, "", "there are no tables to dump: "));
     EXPECT_FALSE(fs::exists("/tmp/none"));
     UseMemory("q35");
     fs::create_symlink("loop", "/dev/loop");
@@ -162,8 +162,8 @@ void WriteDump(char major, char minor, const std::string& structures) {
                                std::string(15, '\0') + table);
 }
 
-// Firmware often gives a slot the address of the port above it: such a row must not stand for all
-// other devices of that bus.
+// Firmware often gives a slot the address of the port above it: such a row must not claim all other
+// devices of that bus.
 TEST_F(InventoryCommand, PrefersTheRowOfTheDevice) {
     WriteDump(3, 1,
               SystemSlot(0xA5, 6, 0, '\xe0', "PCIE6  ") + SystemSlot(0xA5, 0, 0, 0x08, "M2") +

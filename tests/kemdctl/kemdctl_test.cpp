@@ -176,7 +176,7 @@ TEST_F(Kemdctl, DeleteTakesOneValueOrAWholeKey) {
     EXPECT_TRUE(Prints("registry delete HKEY_LOCAL_MACHINE num", 0, ""));
     EXPECT_TRUE(Prints("registry delete 'HKEY_LOCAL_MACHINE\\a/b\\'", 0, ""));
     EXPECT_TRUE(Contains(ReadFile(kStore), "home=es=%HOME%/x\n[sub]\n"));
-    // What counts is the process, not what is left in the process-id file's place.
+    // The process counts, not what stands in place of the process-id file.
     ASSERT_EQ(mkfifo("/var/run/kemd.pid", 0644), 0);
     EXPECT_TRUE(Prints("registry set HKEY_USERS a string x", 0, ""));
     fs::remove("/var/run/kemd.pid");
@@ -226,7 +226,7 @@ TEST_F(Kemdctl, FileFailuresAreReported) {
                        "Input/output error"));
 }
 
-// A lease has the file's opening fail for a while.
+// A lease makes opening the file fail for a while.
 TEST_F(Kemdctl, StoreThatCannotBeReadNowIsNotReplaced) {
     const std::string old = kMachine + "num=d=1\n\n\n";
     for (const std::string path : {"/etc/orvmon/registry.old", "/tmp/part"}) WriteFile(path, old);
@@ -239,8 +239,8 @@ TEST_F(Kemdctl, StoreThatCannotBeReadNowIsNotReplaced) {
         EXPECT_TRUE(Prints(
             "registry "s + each, 2, "",
             "kemdctl: cannot read /etc/orvmon/registry: Resource temporarily unavailable\n"
-            "kemdctl: try again; if it still cannot be read, kemdctl registry restore makes an "
-            "older\nkemdctl: registry the store\n"));
+            "kemdctl: try again; if it still cannot be read, kemdctl registry restore brings an "
+            "older\nkemdctl: registry back\n"));
     }
     fs::create_directory(kStore + ".default");
     EXPECT_TRUE(Shows("check -q", 1,
@@ -255,7 +255,8 @@ TEST_F(Kemdctl, StoreThatCannotBeReadNowIsNotReplaced) {
     EXPECT_TRUE(
         Prints("registry restore", 2, "", "registry.old: Resource temporarily unavailable\n"));
     fs::remove(kStore);
-    EXPECT_EQ(Registry("set HKEY_USERS a string x").code, 2);  // nor the default in its place
+    EXPECT_EQ(Registry("set HKEY_USERS a string x").code,
+              2);  // the default does not take its place
     older.Reset();
     EXPECT_FALSE(fs::exists(kStore));
     EXPECT_EQ(ReadFile(kStore + ".old"), old);
@@ -264,11 +265,11 @@ TEST_F(Kemdctl, StoreThatCannotBeReadNowIsNotReplaced) {
 TEST_F(Kemdctl, OnlyRootChangesTheStore) {
     for (const char* const path : {"/tmp/out", "/tmp/err"}) chmod(path, 0666);
     chmod("/usr", 0755);  // the sandbox made it for root alone
-    const pid_t nobody = fork();
+    const pid_t child = fork();
     // In a user namespace root is the only user.
-    if (nobody == 0) _exit(setuid(65534) == 0 ? Registry("set HKEY_USERS a string x").code : 99);
+    if (child == 0) _exit(setuid(65534) == 0 ? Registry("set HKEY_USERS a string x").code : 99);
     int status = 0;
-    waitpid(nobody, &status, 0);
+    waitpid(child, &status, 0);
     if (WEXITSTATUS(status) == 99) GTEST_SKIP() << "no other user";
     EXPECT_EQ(WEXITSTATUS(status), 2);
     EXPECT_EQ(ReadFile("/tmp/err"),
@@ -282,13 +283,13 @@ TEST_F(Kemdctl, CheckNamesEveryLineThatIsMisread) {
         "l=s=" + std::string(1100, 'x') + "\n[n]\n\n\n[O\x1b]\n\n\n\nmore\nmore\n";
     const char* const findings[] = {
         "1: \"outside\" is a value outside of all keys",
-        "2: what stands behind \"]\" is ignored",
+        "2: what follows \"]\" is ignored",
         "3: no \"=\": skipped",
-        "4: none of =s=, =es=, =b= and =d= behind the name: skipped",
+        "4: none of =s=, =es=, =b= and =d= after the name: skipped",
         "5: \"[\" without \"]\": skipped",
         "6: \"[\" without \"]\": read as the value \"[v\"",
         "7: \"n\" has no number: skipped",
-        "8: \"n\" has text behind its number: ignored",
+        "8: \"n\" has text after its number: ignored",
         "9: \"n\" does not fit 32 bits: read as 0",
         "9: a second \"n\" in this key: replaces the first",
         "10: \"b\" has something that is not hexadecimal: ignored from there on",
@@ -309,8 +310,8 @@ TEST_F(Kemdctl, CheckNamesEveryLineThatIsMisread) {
 
     WriteFile("/tmp/bad", "[HKEY_USERS]\n\n" + kOthers + "[HKEY_LOCAL_MACHINE]\n[a]\n");
     EXPECT_TRUE(Prints("registry check --json /tmp/bad", 1,
-                       "[{\"line\":10,\"message\":\"the file ends inside of 2 keys: so many empty "
-                       "lines are missing\"}]\n"));
+                       "[{\"line\":10,\"message\":\"the file ends inside 2 keys: an empty line is "
+                       "missing for each\"}]\n"));
     EXPECT_TRUE(Prints("registry check --json " + kStore, 0, "[]\n"));
     WriteFile("/tmp/bad", "");
     EXPECT_TRUE(Shows("registry check /tmp/bad", 1, {"no key and no value: no registry file\n"}));
@@ -335,8 +336,7 @@ TEST_F(Kemdctl, ExportAndImportCarryTheStore) {
     EXPECT_TRUE(Prints("registry import --force /tmp/bad", 2, "", "it holds no registry\n"));
 
     for (const char* const end : {"", ".old"}) fs::remove(kStore + end);
-    EXPECT_TRUE(
-        Prints("registry import - </tmp/copy", 0, "", "note: what - has becomes the store\n"));
+    EXPECT_TRUE(Prints("registry import - </tmp/copy", 0, "", "note: - becomes the whole store\n"));
     EXPECT_EQ(ReadFile(kStore), before);
 }
 
