@@ -59,3 +59,16 @@ inline testing::AssertionResult Prints(const std::string& arguments, int code,
     return testing::AssertionFailure() << arguments << " ends with " << result.code << "\n"
                                        << result.out << result.err;
 }
+
+struct Call {
+    std::string arguments;
+    int code;
+    std::string out;
+    std::string complaint = {};
+};
+
+// Each as Prints has it; the arguments are added to those of the command.
+inline void ExpectAll(const std::string& command, const std::vector<Call>& calls) {
+    for (const Call& call : calls)
+        EXPECT_TRUE(Prints(command + call.arguments, call.code, call.out, call.complaint));
+}

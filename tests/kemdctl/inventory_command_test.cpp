@@ -43,41 +43,33 @@ TEST_F(InventoryCommand, ShowsTablesAndSlots) {
          R"("name":"BIOS","count":1},)", R"("slots":[{"bus":0,"device":1,"slot":0,"type":0,)",
          R"("kind":"onboard","label":"","source":"irq-routing-table"},)",
          R"("source":"irq-routing-table"}],"incomplete":false})"}));
-    const struct {
-        const char* arguments;
-        int code;
-        const char* out;
-        const char* complaint;
-    } cases[] = {
-        {"--slot 00:05", 0, "4\n", ""},
-        {"--slot=0:5 --json", 0,
-         "{\"slot\":4,\"match\":\"device\",\"kind\":\"slot\",\"label\":\"Onboard\","
-         "\"incomplete\":false}\n",
-         ""},
-        {"--slot 01:00 --json", 1,
-         "{\"incomplete\":true,\"error\":\"the slot of 01:00 is not known\"}\n", "is not known\n"},
-        {"--slot 00:05 --dump /tmp/x", 2, "", "see kemdctl inventory --help\n"},
-        {"--slot", 2, "", "see kemdctl inventory --help\n"},
-        {"--from-dump /tmp", 2, "", "cannot read /tmp: Is a directory\n"},
-        {"--from-dump /dev/zero", 2, "", "cannot read /dev/zero: no regular file\n"},
-        {"--from-dump /proc/self/mem", 2, "", "cannot read /proc/self/mem: Input/output error\n"},
-        {"--from-dump /none --json", 2,
-         "{\"incomplete\":true,\"error\":\"cannot read /none: No such file or directory\"}\n",
-         "cannot read /none: No such file or directory\n"},
-        {"more --json", 2,
-         "{\"error\":\"unexpected argument more; see kemdctl inventory --help\"}\n", "more\n"},
-        {"--other", 2, "", "unknown option --other\n"},
-        {"--dump - --json", 2,
-         "{\"error\":\"--json and --dump - both write to standard output; name a file for --dump\"}\n",
-         "--dump -"},
-        {"--dump /tmp/x --json", 0, "{\"incomplete\":false}\n", ""},
-        {"--dump /full/x --json", 2,
-         "{\"error\":\"cannot write /full/x: No space left on device\"}\n", "No space left"},
-        {"--dump - >/dev/full", 2, "", "No space left"},
-    };
     WriteFile("/full/rest", std::string(8192, 'x'));
-    for (const auto& [arguments, code, out, complaint] : cases)
-        EXPECT_TRUE(Prints(std::string("inventory ") + arguments, code, out, complaint));
+    ExpectAll(
+        "inventory ",
+        {{"--slot 00:05", 0, "4\n"},
+         {"--slot=0:5 --json", 0,
+          "{\"slot\":4,\"match\":\"device\",\"kind\":\"slot\",\"label\":\"Onboard\","
+          "\"incomplete\":false}\n"},
+         {"--slot 01:00 --json", 1,
+          "{\"incomplete\":true,\"error\":\"the slot of 01:00 is not known\"}\n", "is not known\n"},
+         {"--slot 00:05 --dump /tmp/x", 2, "", "see kemdctl inventory --help\n"},
+         {"--slot", 2, "", "see kemdctl inventory --help\n"},
+         {"--from-dump /tmp", 2, "", "cannot read /tmp: Is a directory\n"},
+         {"--from-dump /dev/zero", 2, "", "cannot read /dev/zero: no regular file\n"},
+         {"--from-dump /proc/self/mem", 2, "", "cannot read /proc/self/mem: Input/output error\n"},
+         {"--from-dump /none --json", 2,
+          "{\"incomplete\":true,\"error\":\"cannot read /none: No such file or directory\"}\n",
+          "cannot read /none: No such file or directory\n"},
+         {"more --json", 2,
+          "{\"error\":\"unexpected argument more; see kemdctl inventory --help\"}\n", "more\n"},
+         {"--other", 2, "", "unknown option --other\n"},
+         {"--dump - --json", 2,
+          "{\"error\":\"--json and --dump - both write to standard output; name a file for --dump\"}\n",
+          "--dump -"},
+         {"--dump /tmp/x --json", 0, "{\"incomplete\":false}\n"},
+         {"--dump /full/x --json", 2,
+          "{\"error\":\"cannot write /full/x: No space left on device\"}\n", "No space left"},
+         {"--dump - >/dev/full", 2, "", "No space left"}});
     fs::remove("/full/rest");
     for (const std::string address : {"00:20", "00", "-1:05", "0x:1"})
         EXPECT_TRUE(
@@ -172,25 +164,18 @@ TEST_F(InventoryCommand, PrefersTheRowOfTheDevice) {
     EXPECT_TRUE(InOrder(Ctl("inventory --from-dump /tmp/dump").out,
                         {"00:1c          6  PCI Express ", " PCIE6\n", "00:01          0  PCI",
                          "00:1f          3  on board", "Onboard LAN\\x1b\n"}));
-    const struct {
-        const char* slot;
-        const char* out;
-        const char* err;
-    } cases[] = {
-        {"00:1c", "6\n", ""},
-        {"00:01", "0\n", ""},
-        {"00:1f", "3\n", ""},
-        {"00:02", "6\n",
-         "00:02 has no row of its own: slot 6 is that of 00:1c, by the bus alone\n"},
-        {"00:02 --json",
-         "{\"slot\":6,\"match\":\"bus\",\"kind\":\"slot\",\"label\":\"PCIE6\",\"incomplete\":false}\n",
-         "by the bus alone\n"},
-        {"02:01", "2\n",
-         "02:01 has no row of its own: slot 2 is that of 02:00, by the bus alone\n"},
-    };
-    for (const auto& [slot, out, err] : cases)
-        EXPECT_TRUE(
-            Prints(std::string("inventory --from-dump /tmp/dump --slot ") + slot, 0, out, err));
+    ExpectAll(
+        "inventory --from-dump /tmp/dump --slot ",
+        {{"00:1c", 0, "6\n"},
+         {"00:01", 0, "0\n"},
+         {"00:1f", 0, "3\n"},
+         {"00:02", 0, "6\n",
+          "00:02 has no row of its own: slot 6 is that of 00:1c, by the bus alone\n"},
+         {"00:02 --json", 0,
+          "{\"slot\":6,\"match\":\"bus\",\"kind\":\"slot\",\"label\":\"PCIE6\",\"incomplete\":false}\n",
+          "by the bus alone\n"},
+         {"02:01", 0, "2\n",
+          "02:01 has no row of its own: slot 2 is that of 02:00, by the bus alone\n"}});
 }
 
 TEST_F(InventoryCommand, SaysWhyThereAreNoSlots) {
