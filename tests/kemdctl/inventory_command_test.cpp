@@ -90,6 +90,8 @@ TEST_F(InventoryCommand, DumpsAreReadBack) {
         EXPECT_EQ(dump.substr(32), table);
         EXPECT_EQ(dump[isPc ? 0x18 : 0x10], 32);
         EXPECT_EQ(std::accumulate(dump.begin(), dump.begin() + 31, 0) % 256, 0);
+        const int inner = std::accumulate(dump.begin() + 0x10, dump.begin() + 0x1F, 0);
+        EXPECT_TRUE(!isPc || inner % 256 == 0);  // the checksum of the second half
         EXPECT_TRUE(Prints("inventory --dump -", 0, dump));
 
         fs::remove_all("/sys/firmware");

@@ -243,8 +243,8 @@ TEST_F(Kemdctl, StoreThatCannotBeReadNowIsNotReplaced) {
     EXPECT_TRUE(
         Prints("registry restore", 2, "", "registry.old: Resource temporarily unavailable\n"));
     fs::remove(kStore);
-    EXPECT_EQ(Registry("set HKEY_USERS a string x").code,
-              2);  // the default does not take its place
+    // Nor does the default take its place.
+    EXPECT_EQ(Registry("set HKEY_USERS a string x").code, 2);
     older.Reset();
     EXPECT_FALSE(fs::exists(kStore));
     EXPECT_EQ(ReadFile(kStore + ".old"), old);
