@@ -110,14 +110,12 @@ TEST_F(InventoryCommand, DumpsAreReadBack) {
                            "kemdctl: SMBIOS: ## FATAL ERROR! SMBIOS structure"}));
         EXPECT_TRUE(Shows("inventory --json --from-dump /tmp/cut", 1,
                           {"],\"incomplete\":true,\"error\":\"SMBIOS: ## FATAL ERROR! SMBIOS"}));
-        for (const size_t length : {0, 5, 20, 31, 32}) {
-            WriteFile("/tmp/cut", dump.substr(0, length));
-            EXPECT_TRUE(Prints("inventory --from-dump /tmp/cut", 2, "", "holds no SMBIOS tables"));
-        }
         // The length of a version-3 entry point is only the most that there can be.
-        for (const size_t length : {size_t{40}, dump.size() - 1}) {
+        for (const size_t length :
+             {size_t{0}, size_t{5}, size_t{32}, size_t{40}, dump.size() - 1}) {
             WriteFile("/tmp/cut", dump.substr(0, length));
-            EXPECT_TRUE(Shows("inventory --from-dump /tmp/cut", isPc ? 2 : 1, {"SMBIOS"}));
+            const bool isRead = length > 32 && !isPc;
+            EXPECT_TRUE(Shows("inventory --from-dump /tmp/cut", isRead ? 1 : 2, {"SMBIOS"}));
         }
     }
 }

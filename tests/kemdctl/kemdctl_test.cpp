@@ -126,22 +126,17 @@ TEST_F(Kemdctl, ListShowsKeysAndHarmlessText) {
 }
 
 TEST_F(Kemdctl, SetStoresWhatTheFileBringsBack) {
-    const struct {
-        const char* arguments;
-        const char* line;
-    } cases[] = {
-        {"HKEY_USERS/new/key '' string 'a=s=b '", "[new]\n[key]\n=s=a=s=b \n\n\n"},
-        {"HKEY_USERS '[x' expand %A%", "[x=es=%A%\n"},
-        {"HKEY_USERS n number -2147483648", "n=d=-2147483648\n"},
-        {"HKEY_USERS b binary '0Aff 1 '", "b=b=0a ff 01 \n"},
-        {"HKEY_USERS n -- string --json", "n=s=--json\n"},
-    };
-    for (const auto& [arguments, line] : cases) {
-        EXPECT_TRUE(Prints("registry set "s + arguments, 0, ""));
-        EXPECT_TRUE(Contains(ReadFile(kStore), line)) << arguments;
-    }
-    EXPECT_EQ(Registry("set HKEY_USERS long string " + std::string(1015, 'x')).code, 0);
-    EXPECT_TRUE(Prints("registry get HKEY_USERS long", 0, std::string(1015, 'x') + "\n"));
+    const std::string longText(1015, 'x');
+    ExpectAll("registry set HKEY_USERS", {{"/new/key '' string 'a=s=b '", 0, ""},
+                                          {" '[x' expand %A%", 0, ""},
+                                          {" n number -2147483648", 0, ""},
+                                          {" b binary '0Aff 1 '", 0, ""},
+                                          {" o -- string --json", 0, ""},
+                                          {" long string " + longText, 0, ""}});
+    EXPECT_TRUE(Holds(ReadFile(kStore),
+                      {"[new]\n[key]\n=s=a=s=b \n\n\n", "\n[x=es=%A%\n", "\nn=d=-2147483648\n",
+                       "\nb=b=0a ff 01 \n", "\no=s=--json\n", "\nlong=s=" + longText + "\n"}));
+    EXPECT_TRUE(Prints("registry get HKEY_USERS long", 0, longText + "\n"));
     EXPECT_TRUE(Prints("registry check " + kStore, 1,
                        kStore + ":19: \"[\" without \"]\": read as the value \"[x\"\n"));
 }
@@ -182,8 +177,8 @@ TEST_F(Kemdctl, WritersTakeTurns) {
     (void)Registry(
         "list; for i in 0 1 2 3 4 5 6 7; do /build/bin/kemdctl registry set HKEY_USERS v$i number $i &"
         " done; wait");
-    const std::string store = ReadFile(kStore);
-    for (int i = 0; i < 8; ++i) EXPECT_TRUE(Contains(store, "v" + std::to_string(i) + "=d="));
+    EXPECT_TRUE(Holds(ReadFile(kStore), {"v0=d=0\n", "v1=d=1\n", "v2=d=2\n", "v3=d=3\n", "v4=d=4\n",
+                                         "v5=d=5\n", "v6=d=6\n", "v7=d=7\n"}));
 }
 
 TEST_F(Kemdctl, FileFailuresAreReported) {
