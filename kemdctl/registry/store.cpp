@@ -47,8 +47,8 @@ bool LoadStore() {
         const int error = store.LoadError();
         Complain("cannot read %s: %s", store.File(), ErrorText(error).c_str());
         if (error == EACCES || error == EPERM) return false;
-        Complain("try again; if it still cannot be read, kemdctl registry restore brings an older");
-        Complain("registry back");
+        Complain(
+            "try again; if that does not help, kemdctl registry restore brings back an older one");
         return false;
     }
     if (store.IsLoaded()) {
@@ -58,7 +58,7 @@ bool LoadStore() {
         }
         return true;
     }
-    Complain("no registry can be loaded:");
+    Complain("no registry can be loaded");
     for (const char* const path : {kRegistryFile, kRegistryOldFile, kRegistryDefaultFile}) {
         Complain("%s: %s", path, WhyUnusable(path).c_str());
     }

@@ -207,6 +207,9 @@ TEST_F(Kemdctl, FileFailuresAreReported) {
     fs::create_directory("/etc/orvmon");
     for (const char* const each : {"list", "get a b", "export", "set HKEY_USERS a string x"})
         EXPECT_TRUE(Prints("registry "s + each, 2, "", "No such file or directory"));
+    EXPECT_TRUE(
+        Shows("registry list --json", 2,
+              {"{\"error\":\"no registry can be loaded; /etc/orvmon/registry: No such file"}));
 }
 
 // A lease makes opening the file fail for a while.
@@ -222,8 +225,8 @@ TEST_F(Kemdctl, StoreThatCannotBeReadNowIsNotReplaced) {
         EXPECT_TRUE(Prints(
             "registry "s + each, 2, "",
             "kemdctl: cannot read /etc/orvmon/registry: Resource temporarily unavailable\n"
-            "kemdctl: try again; if it still cannot be read, kemdctl registry restore brings an "
-            "older\nkemdctl: registry back\n"));
+            "kemdctl: try again; if that does not help, kemdctl registry restore brings back an "
+            "older one\n"));
     }
     fs::create_directory(kStore + ".default");
     EXPECT_TRUE(Shows("check -q", 1,
