@@ -22,7 +22,6 @@
 #include "base/never_destroyed.h"
 #include "base/recursive_mutex.h"
 #include "kemd/api.h"
-#include "trace/environment.h"
 #include "trace/header.h"
 #include "trace/line_prefix.h"
 #include "trace/log_file.h"

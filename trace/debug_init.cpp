@@ -7,9 +7,7 @@
 #include <cstdio>
 #include <ctime>
 
-#include "trace/compress.h"
 #include "trace/debug.h"
-#include "trace/names.h"
 
 namespace {
 

@@ -6,6 +6,13 @@
 
 namespace {
 
+void TakeTable(NamedValue* entry) {
+    for (; entry->name != nullptr; ++entry) {
+        const char* value = std::getenv(entry->name);
+        entry->value = value != nullptr ? CopyText(value) : nullptr;
+    }
+}
+
 const char* OrNotSet(const char* value) {
     return value != nullptr ? value : "NotSet";
 }
@@ -48,6 +55,11 @@ void EmitValuesInForce(const HeaderFacts& facts, const CDebugTraceConfig& config
 }
 
 }  // namespace
+
+void EnvironmentSnapshot::Take() {
+    TakeTable(environment.data());
+    TakeTable(configuration.data());
+}
 
 void HeaderSink::operator()(const char* format, ...) const {
     va_list args;

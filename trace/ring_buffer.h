@@ -62,3 +62,7 @@ class RingBuffer {
     size_t m_restartOffset = 0;
     uint32_t m_wrapCount = 0;
 };
+
+// Compresses a closed ring with the gzip tool and waits for the tool's end, whatever that is. False
+// when it could not be started.
+bool CompressFile(const char* path);

@@ -7,10 +7,8 @@
 #include "kemdctl/check/check_parts.h"
 #include "kemdctl/ui/text.h"
 #include "trace/config_file.h"
-#include "trace/config_text.h"
 #include "trace/header.h"
 #include "trace/line_prefix.h"
-#include "trace/names.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "base/text.h"
 #include "kemdctl/check/check_parts.h"
 #include "kemdctl/ui/text.h"
-#include "trace/config_text.h"
+#include "trace/config_file.h"
 
 namespace {
 

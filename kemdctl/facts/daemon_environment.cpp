@@ -13,7 +13,6 @@
 #include "base/paths.h"
 #include "base/text.h"
 #include "kemdctl/ui/text.h"
-#include "trace/names.h"
 
 namespace {
 

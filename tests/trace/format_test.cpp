@@ -1,4 +1,4 @@
-#include "trace/format.h"
+#include "trace/record.h"
 
 #include <climits>
 #include <cstdio>

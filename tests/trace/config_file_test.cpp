@@ -1,4 +1,4 @@
-#include "trace/config_text.h"
+#include "trace/config_file.h"
 
 #include <map>
 #include <string>
