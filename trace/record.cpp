@@ -5,8 +5,13 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 namespace {
+
+constexpr std::string_view kTooBig = "\n## WARNING: TRACE-SIZE TOO BIG: Output Truncated!\n";
+constexpr std::string_view kNoMemory = "\n## ERROR: No memory: Output Truncated!\n";
+static_assert(kTooBig.size() == 51 && kNoMemory.size() == 40);
 
 constexpr int kNotPlain = -1;
 
@@ -73,6 +78,17 @@ int FormatPlain(char* buffer, size_t size, const char* format, va_list args) {
     return kNotPlain;
 }
 
+// Message formats begin with line feeds by habit, records never do: steps over them. A format of
+// nothing but line feeds is used unchanged.
+
+// Message formats begin with line feeds by habit, records never do: steps over them. A format of
+// nothing but line feeds is used unchanged.
+const char* SkipLineFeeds(const char* format) {
+    const char* start = format;
+    while (*start == '\n') ++start;
+    return *start == '\0' ? format : start;
+}
+
 }  // namespace
 
 int FormatTraceText(char* buffer, size_t size, const char* format, va_list args) {
@@ -92,12 +108,41 @@ int RecordBuffer::FormatText(const char* format, va_list args) {
     return FormatTraceText(m_text.data() + m_prefixLength, kTextLimit + 1, format, args);
 }
 
-int RecordBuffer::FormatText(const char* format, ...) {
+std::string_view RecordBuffer::BuildCut(const char* format, va_list args) {
+    const int length = FormatText(SkipLineFeeds(format), args);
+    return length < 0 ? std::string_view()
+                      : Finish(std::min(static_cast<size_t>(length), kTextLimit));
+}
+
+std::string_view RecordBuffer::BuildCut(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    const int length = FormatText(format, args);
+    const std::string_view record = BuildCut(format, args);
     va_end(args);
-    return length;
+    return record;
+}
+
+std::string_view RecordBuffer::BuildWhole(const char* format, va_list args, size_t longest,
+                                          std::unique_ptr<char[]>& longRecord) {
+    format = SkipLineFeeds(format);
+    va_list pass;
+    va_copy(pass, args);
+    const auto length = static_cast<size_t>(std::max(FormatText(format, pass), 0));
+    va_end(pass);
+    if (length <= kTextLimit) return Finish(length);
+    if (length > longest) return FinishTruncated(kTooBig);
+    constexpr size_t kBesideText = 145;  // prefix, line feed and terminator fit
+    static_assert(kBesideText >= kPrefixLimit + 2);
+    longRecord.reset(new (std::nothrow) char[length + kBesideText]);
+    if (!longRecord) return FinishTruncated(kNoMemory);
+
+    char* const text = longRecord.get();
+    std::memcpy(text, m_text.data(), m_prefixLength);
+    const int again = std::vsnprintf(text + m_prefixLength, length + 1, format, args);
+    // Another thread may have changed a text between the two passes.
+    size_t end = m_prefixLength + std::min(static_cast<size_t>(std::max(again, 0)), length);
+    if (text[end - 1] != '\n') text[end++] = '\n';
+    return {text, end};
 }
 
 std::string_view RecordBuffer::Finish(size_t textLength) {
@@ -111,10 +156,4 @@ std::string_view RecordBuffer::FinishTruncated(std::string_view why) {
     assert(why.size() <= kReasonRoom);
     std::memcpy(m_text.data() + m_prefixLength + kTextLimit, why.data(), why.size());
     return {m_text.data(), m_prefixLength + kTextLimit + why.size()};
-}
-
-const char* SkipLineFeeds(const char* format) {
-    const char* start = format;
-    while (*start == '\n') ++start;
-    return *start == '\0' ? format : start;
 }

@@ -10,6 +10,7 @@
 #include <exception>
 #include <string>
 
+#include "base/cancel_guard.h"
 #include "base/file_io.h"
 
 namespace {
@@ -59,7 +60,12 @@ bool RingBuffer::Map(size_t size) {
     return m_map.MapShared(m_fd.Get(), size);
 }
 
-void RingBuffer::Touch() const {
+void RingBuffer::WakeNow(const timeval& now) {
+    timeval passed{};
+    timersub(&now, &m_lastWake, &passed);
+    if (passed.tv_sec == 0 && passed.tv_usec < kWakePause) return;
+    m_lastWake = now;
+    const CancelGuard guard;
     const int saved = errno;
     (void)!ftruncate(m_fd.Get(), m_fileSize);
     errno = saved;

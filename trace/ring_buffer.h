@@ -3,6 +3,8 @@
 // holds. See docs/trace-files.md for the layout.
 #pragma once
 
+#include <sys/time.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -48,19 +50,29 @@ class RingBuffer {
     void SetRestart() { m_restartOffset = m_writeOffset; }
     // Fills the rest of the file with dots and moves to its start, where the header goes again.
     void BeginCycle();
-    // Changes no byte, but tells everybody who watches the file that it was written: the system
-    // reports calls, never stores into a mapping. Keeps errno.
-    void Touch() const;
     // Moves behind the start record and appends, cutting the record where the file ends.
     void Resume(std::string_view record);
 
+    // Changes no byte, but the system then reports the file as written to everyone who watches it:
+    // it reports calls, never stores into a mapping. At most once in 10 ms, after which a follower
+    // looks again. Most records take the test of the second alone. Keeps errno.
+    void WakeFollowers(const timeval& now) {
+        const auto passed = static_cast<uint64_t>(now.tv_usec - m_lastWake.tv_usec);
+        if (now.tv_sec != m_lastWake.tv_sec || passed >= kWakePause) WakeNow(now);
+    }
+
   private:
+    static constexpr int kWakePause = 10'000;  // microseconds
+
+    void WakeNow(const timeval& now);
+
     UniqueFd m_fd;
     MappedRegion m_map;
     off_t m_fileSize = 0;  // as it was made
     size_t m_writeOffset = 0;
     size_t m_restartOffset = 0;
     uint32_t m_wrapCount = 0;
+    timeval m_lastWake{};
 };
 
 // Compresses a closed ring with the gzip tool and waits for the tool's end, whatever that is. False
