@@ -79,13 +79,11 @@ class SoftLimit {
 class RingTest : public TraceTest {
   protected:
     // The header of a ring file that StartRing opened.
-    static Lines Header(const std::string& path, Text initDone,
-                        const std::map<std::string, std::string>& set = {}) {
-        const std::string fd = std::to_string(DescriptorOf(path)),
-                          size = path == kStartupRing ? "4194304" : "1048576";
-        return HeaderTexts(set, {"-1", "5", "1", "1", "", "-1"},
-                           {"1", "2", "5", "5", initDone, kLog, "51200", fd, "1", "1", size,
-                            "/var/log/orvmon", kRuntimeRing, "1"});
+    static Lines Header(const std::string& path, Text initDone, const Texts& set = {}) {
+        return HeaderTexts(set, {},
+                           {{"Application Init Done", initDone},
+                            {"Ring Buffer FD", std::to_string(DescriptorOf(path))},
+                            {"Ring Buffer Size", path == kStartupRing ? "4194304" : "1048576"}});
     }
     // The model of a run-time ring that was just opened; later headers show its end of start-up.
     RingModel StartRuntime() {
