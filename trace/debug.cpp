@@ -271,9 +271,11 @@ Stamp CDebug::MakeStamp() const {
     Stamp stamp;  // NOLINT(cppcoreguidelines-pro-type-member-init): every field is set below
     gettimeofday(&stamp.time, nullptr);
     stamp.thread = static_cast<uint32_t>(pthread_self());
-    stamp.withMemory = m_asRead.memoryTraces != 0;
-    stamp.residentKb = 0;
-    if (stamp.withMemory) ReadProcStatusValue(getpid(), stamp.residentKb, "VmRSS:", 1);
+    if (m_asRead.memoryTraces != 0) {
+        uint64_t residentKb = 0;
+        ReadProcStatusValue(getpid(), residentKb, "VmRSS:", 1);
+        stamp.columns[trace_text::kMemory] = residentKb;
+    }
     return stamp;
 }
 

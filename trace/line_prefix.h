@@ -1,7 +1,4 @@
-// The prefix of every trace record: time, thread, resident memory (optional) and tag.
-//
-//   2026-11-15 20:04:51.123 [F7C3A740] kemd          text
-//   2026-11-15 20:04:51.123 [F7C3A740]     3412 KB !kemd          text
+// The prefix of every trace record, built from a stamp and a tag. Its forms: trace/texts.h.
 #pragma once
 
 #include <sys/time.h>
@@ -10,13 +7,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <optional>
 #include <string_view>
+
+#include "trace/texts.h"
 
 struct Stamp {
     timeval time;
     uint32_t thread;  // low 32 bits of pthread_self()
-    bool withMemory;
-    uint64_t residentKb;
+    std::array<std::optional<uint64_t>, trace_text::kColumnCount> columns;
 };
 
 // The caller holds the trace object's lock: the formatted second and thread are kept between calls,
