@@ -138,7 +138,9 @@ std::string_view RecordBuffer::BuildWhole(const char* format, va_list args, size
 
     char* const text = longRecord.get();
     std::memcpy(text, m_text.data(), m_prefixLength);
-    const int again = std::vsnprintf(text + m_prefixLength, length + 1, format, args);
+    va_copy(pass, args);
+    const int again = std::vsnprintf(text + m_prefixLength, length + 1, format, pass);
+    va_end(pass);
     // Another thread may have changed a text between the two passes.
     size_t end = m_prefixLength + std::min(static_cast<size_t>(std::max(again, 0)), length);
     if (text[end - 1] != '\n') text[end++] = '\n';

@@ -26,7 +26,7 @@ class RecordBuffer {
     std::string_view BuildCut(const char* format, ...) KEMD_PRINTF(2, 3);
     // The record of the whole text, which `longRecord` holds when the buffer has no room for it. A
     // text of more than `longest` characters is cut to kTextLimit and says so. One that cannot be
-    // formatted is empty.
+    // formatted is empty. `args` stays usable.
     std::string_view BuildWhole(const char* format, va_list args, size_t longest,
                                 std::unique_ptr<char[]>& longRecord) KEMD_PRINTF(2, 0);
 
