@@ -18,7 +18,7 @@
 // Ready before the first constructor of a static object and there after the last destructor.
 constinit NeverDestroyed<CDebug> g_debugObject;
 
-// Before Init there is nothing to keep a child from, and the daemon forks to detach.
+// Not before Init: the daemon forks to detach, and that child traces.
 static void AbandonInChild() {
     if (Debug.ProcessId() != 0) Debug.AbandonInChild();
 }
@@ -27,7 +27,7 @@ __attribute__((constructor)) static void WatchForks() {
     (void)pthread_atfork(nullptr, nullptr, AbandonInChild);
 }
 
-// The lowest priority number runs last, behind every destructor of the executable. Not in a child
+// The lowest priority number runs last, after every destructor of the executable. Not in a child
 // that was made without the handlers of a fork: the thread that holds the lock may not exist there.
 __attribute__((destructor(101))) static void CloseDebug() {
     if (Debug.ProcessId() == getpid()) Debug.Close();
@@ -46,6 +46,18 @@ void FormatStartTime(std::array<char, 26>& text) {
 }
 
 }  // namespace
+
+inline std::string_view CDebug::TagOrName(const char* tag) const {
+    return tag != nullptr ? tag : ModuleName();
+}
+
+// Inline: a call is 2 % of a record.
+inline void CDebug::WriteToRing(const Stamp& stamp, const char* format, va_list args,
+                                const char* tag) {
+    if (m_files.WriteToRing(stamp, TagOrName(tag), format, args)) return;
+    WriteHeader(kTargetRing);
+    m_files.Resume(stamp);
+}
 
 // Where the lines of a header go, all with one stamp: a command line may have a hundred thousand.
 struct CDebug::HeaderLines {
@@ -279,10 +291,6 @@ Stamp CDebug::MakeStamp() const {
     return stamp;
 }
 
-std::string_view CDebug::TagOrName(const char* tag) const {
-    return tag != nullptr ? tag : ModuleName();
-}
-
 void CDebug::Trace(unsigned level, const char* format, ...) {
     if (level > TraceLevel() && m_updateInterval.load(std::memory_order_relaxed) == 0) return;
     va_list args;
@@ -343,12 +351,6 @@ void CDebug::WriteRecord(uint32_t target, const char* format, va_list args, cons
             m_files.WriteToLog(MakeStamp(), TagOrName(tag), format, args);
         }
     }
-}
-
-void CDebug::WriteToRing(const Stamp& stamp, const char* format, va_list args, const char* tag) {
-    if (m_files.WriteToRing(stamp, TagOrName(tag), format, args)) return;
-    WriteHeader(kTargetRing);
-    m_files.Resume(stamp);
 }
 
 void CDebug::WriteNote(TraceTarget destination, const char* format, ...) {

@@ -80,9 +80,6 @@ int FormatPlain(char* buffer, size_t size, const char* format, va_list args) {
 
 // Message formats begin with line feeds by habit, records never do: steps over them. A format of
 // nothing but line feeds is used unchanged.
-
-// Message formats begin with line feeds by habit, records never do: steps over them. A format of
-// nothing but line feeds is used unchanged.
 const char* SkipLineFeeds(const char* format) {
     const char* start = format;
     while (*start == '\n') ++start;
@@ -131,6 +128,11 @@ std::string_view RecordBuffer::BuildWhole(const char* format, va_list args, size
     va_end(pass);
     if (length <= kTextLimit) return Finish(length);
     if (length > longest) return FinishTruncated(kTooBig);
+    return BuildLong(format, args, length, longRecord);
+}
+
+std::string_view RecordBuffer::BuildLong(const char* format, va_list args, size_t length,
+                                         std::unique_ptr<char[]>& longRecord) {
     constexpr size_t kBesideText = 145;  // prefix, line feed and terminator fit
     static_assert(kBesideText >= kPrefixLimit + 2);
     longRecord.reset(new (std::nothrow) char[length + kBesideText]);
@@ -138,6 +140,7 @@ std::string_view RecordBuffer::BuildWhole(const char* format, va_list args, size
 
     char* const text = longRecord.get();
     std::memcpy(text, m_text.data(), m_prefixLength);
+    va_list pass;
     va_copy(pass, args);
     const int again = std::vsnprintf(text + m_prefixLength, length + 1, format, pass);
     va_end(pass);

@@ -1,5 +1,5 @@
-// The line buffer in which one trace record is built: up to 128 characters of prefix, directly
-// behind it the text, and a line feed. The caller holds the trace object's lock (or owns the
+// The line buffer in which one trace record is built: up to 128 characters of prefix, followed
+// directly by the text and a line feed. The caller holds the trace object's lock (or owns the
 // buffer).
 #pragma once
 
@@ -35,6 +35,8 @@ class RecordBuffer {
 
     // How many characters the whole text has; negative when it cannot be formatted.
     int FormatText(const char* format, va_list args) KEMD_PRINTF(2, 0);
+    std::string_view BuildLong(const char* format, va_list args, size_t length,
+                               std::unique_ptr<char[]>& longRecord) KEMD_PRINTF(2, 0);
     std::string_view Finish(size_t textLength);
     std::string_view FinishTruncated(std::string_view why);
 

@@ -50,12 +50,13 @@ void TraceFiles::WrapLog() {
 bool TraceFiles::WriteToRing(const Stamp& stamp, std::string_view tag, const char* format,
                              va_list args) {
     m_record.BuildPrefix(m_prefix, stamp, tag);
-    m_waiting = m_record.BuildWhole(format, args, LongestText(), m_longRecord);
-    if (!m_ring.Append(m_waiting)) {
+    const std::string_view record = m_record.BuildWhole(format, args, LongestText(), m_longRecord);
+    if (!m_ring.Append(record)) {
         m_ring.BeginCycle();
+        m_waiting = record;
         return false;
     }
-    m_longRecord.reset();
+    if (m_longRecord) m_longRecord.reset();
     m_ring.WakeFollowers(stamp.time);
     return true;
 }
