@@ -103,7 +103,7 @@ std::optional<std::vector<std::string>> ListConfigFiles() try {
     if (!directory) return std::nullopt;
     std::vector<std::string> names;
     for (;;) {
-        errno = 0;  // tells an error from the end
+        errno = 0;  // to distinguish an error from the end
         const dirent* const entry = readdir(directory.get());
         if (entry == nullptr) break;
         if (std::strstr(entry->d_name, ".ini") != nullptr) names.emplace_back(entry->d_name);

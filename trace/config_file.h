@@ -27,12 +27,12 @@ std::optional<std::vector<std::string>> ListConfigFiles();
 // case); nothing when the file is to be ignored.
 std::optional<std::string_view> AcceptConfigText(std::string_view file);
 
-// The text behind the header of the first section of that name (in any case), up to the next
+// The text after the header of the first section of that name (in any case), up to the next
 // opening bracket or the end.
 std::optional<std::string_view> FindConfigSection(std::string_view text, std::string_view name);
 
-// The value of a key (case matters): what stands behind the first equals sign that follows the
-// key's first occurrence, without leading white space, up to the line end, at most `limit` bytes.
+// The value of a key (case matters): what follows the first equals sign after the key's
+// first occurrence, without leading white space, up to the line end, at most `limit` bytes.
 std::optional<std::string_view> FindConfigValue(std::string_view section, std::string_view key,
                                                 size_t limit);
 

@@ -84,7 +84,7 @@ class CDebug : public CDebugTraceConfig {
     void AbandonInChild();
 
   private:
-    // A cancelled thread must not take the lock along: cancellation stays off while it is held. The
+    // A cancelled thread must not die with the lock: cancellation stays off while it is held. The
     // one exception is a record for the ring buffer, whose path has no cancellation point but those
     // that hold it off themselves (switching it costs a fifth of such a record).
     class Lock {

@@ -83,7 +83,7 @@ struct EnvironmentSnapshot {
         {nullptr, {}},
     }};
 
-    // Reads both tables anew. A value that memory does not suffice for counts as unset.
+    // Reads both tables again. A value for which there is no memory counts as unset.
     void Take();
 };
 
@@ -100,7 +100,7 @@ class HeaderSink {
     void* m_context;
 };
 
-// What the trace object knows beside its configuration. The texts belong to the caller.
+// What the trace object knows besides its configuration. The texts belong to the caller.
 struct HeaderFacts {
     const char* moduleName;  // never null
     int argumentCount;

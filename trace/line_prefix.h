@@ -19,7 +19,7 @@ struct Stamp {
 };
 
 // The caller holds the trace object's lock: the formatted second and thread are kept between calls,
-// because formatting the time anew costs more than the rest of a record.
+// because formatting the time again costs more than the rest of a record.
 class LinePrefix {
   public:
     // Writes at most size - 1 characters and a terminator. Returns the length that the whole prefix
@@ -29,7 +29,7 @@ class LinePrefix {
   private:
     void FormatSecond(time_t second);
     void FormatThread(uint32_t thread);
-    // Everything in front of the tag, into a buffer that is large enough. Returns its length.
+    // Everything before the tag, into a buffer that is large enough. Returns its length.
     size_t BuildHead(char* buffer, const Stamp& stamp);
 
     time_t m_second = 0;

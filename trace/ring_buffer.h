@@ -28,7 +28,7 @@ class RingBuffer {
     // Unmaps, closes and forgets all offsets.
     void Close();
     // Empties a file that could not be filled or mapped, and closes it: on a full disk it would
-    // keep the space that everything else needs, the record of the failure among it.
+    // keep the space that everything else needs, even the record of the failure.
     void Discard();
     // In the child of a fork: the ring is the parent's.
     void Forget() {
@@ -40,8 +40,8 @@ class RingBuffer {
     [[nodiscard]] int Descriptor() const { return m_fd.Get(); }
     [[nodiscard]] size_t Size() const { return m_map.Size(); }
 
-    // Copies one record and the trailer behind it. False, with nothing written, when both do not
-    // fit any more.
+    // Copies one record, and the trailer after it. False, with nothing written, when both no longer
+    // fit.
     [[nodiscard]] bool Append(std::string_view record);
 
     // Ends the header: leaves 1 to 2 KiB of slack and moves to an aligned offset.
@@ -50,7 +50,7 @@ class RingBuffer {
     void SetRestart() { m_restartOffset = m_writeOffset; }
     // Fills the rest of the file with dots and moves to its start, where the header goes again.
     void BeginCycle();
-    // Moves behind the start record and appends, cutting the record where the file ends.
+    // Moves to the restart position and appends, cutting the record where the file ends.
     void Resume(std::string_view record);
 
     // Changes no byte, but the system then reports the file as written to everyone who watches it:

@@ -90,5 +90,5 @@ void AppendUpperCase(char* buffer, size_t size, const char* text);
 // Turns a text to lower case in place.
 void ToLowerCase(char* text);
 
-// A copy on the heap, null when memory does not suffice.
+// A copy on the heap, null when there is no memory.
 std::unique_ptr<char[]> CopyText(const char* text);
