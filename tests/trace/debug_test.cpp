@@ -20,7 +20,7 @@ class DebugTest : public TraceTest {
   protected:
     void TearDown() override { Debug.Close(); }
 
-    // The records of a ring file, behind those of its opening, up to the newest one.
+    // The records of a ring file, after those of its opening, up to the newest one.
     static std::string RingRecords(const std::string& path) {
         const std::string file = ReadFile(path), start = "### Start of initialization. ###\n";
         const size_t begin = file.find(start) + start.size();
@@ -85,23 +85,6 @@ TEST_F(DebugTest, SecondInitClosesWhatWasOpen) {
     EXPECT_EQ(before - 2, open());
     debug.SwitchTrace(true);
     EXPECT_FALSE(debug.IsTraceOn());
-}
-
-TEST_F(DebugTest, VirtualSlots) {
-    const auto slot = [&](size_t number) { return (*reinterpret_cast<void***>(&debug))[number]; };
-    using Levelled = void (*)(CDebug*, unsigned, const char*, ...);
-    using Prepared = void (*)(CDebug*, const char*, va_list, const char*);
-    Configure("MemoryTracesFlag = 0");
-    EXPECT_TRUE(reinterpret_cast<bool (*)(CDebug*)>(slot(2))(&debug));
-    EXPECT_TRUE((reinterpret_cast<bool (*)(CDebug*, const char*)>(slot(3))(&debug, "kemd")));
-    debug.SetTraceTarget(kTargetLog);
-    va_list none{};
-    reinterpret_cast<Levelled>(slot(4))(&debug, 0, "%d", 4);
-    reinterpret_cast<void (*)(CDebug*, const char*, ...)>(slot(5))(&debug, "%d", 5);
-    reinterpret_cast<Levelled>(slot(6))(&debug, 9, "%d", 6);
-    reinterpret_cast<Prepared>(slot(7))(&debug, "7", none, nullptr);
-    reinterpret_cast<Prepared>(slot(8))(&debug, "8", none, "tag");
-    EXPECT_EQ(Records({"4", "5", "6", "7"}) + Record("8", "tag"), ReadFile(kLog));
 }
 
 TEST_F(DebugTest, ModulesTraceUnderTheirTag) {

@@ -49,10 +49,10 @@ class LogFileTest : public TraceTest {
     size_t m_limit = 0;
 };
 
-TEST_F(LogFileTest, WrapsToItsStartDuringStartupAndBehindTheStartupPartLater) {
+TEST_F(LogFileTest, WrapsToItsStartDuringStartupAndAfterTheStartupPartLater) {
     Start(1745);
     PutMany(0, 5);
-    Start(1745);  // anew; a record ends exactly at the limit, which does not pass it
+    Start(1745);  // again; a record ends exactly at the limit, which does not pass it
     PutMany(0, 75);
     EXPECT_EQ(3u, cycle);
     debug.InitDone();

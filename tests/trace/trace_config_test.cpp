@@ -179,26 +179,22 @@ TEST_F(TraceConfigTest, HeaderShowsEnvironmentAndSettings) {
     setenv("KXA_SYSLOG_FIFO", std::string(4096, 'f').c_str(), 1);
     ASSERT_TRUE(debug.Init("kemd"));
     const std::string cut(1024 - sizeof "KXA_SYSLOG_FIFO", 'f');  // as the log cuts every record
-    const Lines expected =
-        HeaderTexts({{"OV_SYSTEM", "100%s %n"}, {"AgentShut", ""}, {"KXA_SYSLOG_FIFO", cut}},
-                    {{"DynamicUpdate", "16"},
+    Texts read, force;
+    for (const char* name : {"RingBufferSizeFactor", "RingBufferSizeWeight"}) read[name] = "-1";
+    for (const char* name : {"Trace Target", "Trace Level", "Trace Level Saved",
+                             "Ring Buffer Factor", "Ring Buffer Weight", "Ring Buffer Size"})
+        force[name] = "0";
+    read.merge(Texts{{"DynamicUpdate", "16"},
                      {"DebugLevel", "3"},
-                     {"RingBufferSizeFactor", "-1"},
-                     {"RingBufferSizeWeight", "-1"},
                      {"RingBufferDirectory", "/tmp"},
-                     {"No Header to LogFile", "0"}},
-                    {{"Trace Target", "0"},
-                     {"Trace Level", "0"},
-                     {"Trace Level Saved", "0"},
-                     {"LogFile Path", "/tmp/log.kemd"},
-                     {"Ring Buffer FD", "-1"},
-                     {"Ring Buffer Factor", "0"},
-                     {"Ring Buffer Weight", "0"},
-                     {"Ring Buffer Size", "0"},
-                     {"Ring Buffer Directory", "/tmp"},
-                     {"Ring Buffer Path", ""},
                      {"No Header to LogFile", "0"}});
-    EXPECT_EQ("", Difference(Records(expected), ReadFile("/tmp/log.kemd")));
+    force.merge(Texts{{"LogFile Path", "/tmp/log.kemd"},
+                      {"Ring Buffer FD", "-1"},
+                      {"Ring Buffer Directory", "/tmp"},
+                      {"Ring Buffer Path", ""},
+                      {"No Header to LogFile", "0"}});
+    const Texts set = {{"OV_SYSTEM", "100%s %n"}, {"AgentShut", ""}, {"KXA_SYSLOG_FIFO", cut}};
+    EXPECT_EQ("", Difference(Records(HeaderTexts(set, read, force)), ReadFile("/tmp/log.kemd")));
 }
 
 TEST_F(TraceConfigTest, OwnVariableIsNamedAfterTheModule) {
