@@ -3,16 +3,10 @@
 #include "kemd/trace.h"
 #include "trace/debug.h"
 
-namespace {
-
-ModuleTraceWriter redirected = nullptr;  // null: to the trace object
-unsigned redirectedLevel = 0;
-
-bool IsOn() {
-    return redirected == nullptr ? Debug.IsTraceOn() : redirectedLevel > 0;
-}
-
-}  // namespace
+// In a program that redirects, the trace object is never on: the daemon's records pass no test of
+// these.
+static ModuleTraceWriter redirected = nullptr;
+static unsigned redirectedLevel = 0;
 
 void RedirectModuleTrace(ModuleTraceWriter write, unsigned level) {
     redirected = write;
@@ -20,16 +14,15 @@ void RedirectModuleTrace(ModuleTraceWriter write, unsigned level) {
 }
 
 int KemdTraceOn() {
-    return IsOn() ? 1 : 0;
+    return Debug.IsTraceOn() || redirectedLevel > 0 ? 1 : 0;
 }
 
 void KemdTrace(const char* tag, unsigned level, const char* format, ...) {
-    if (!IsOn()) return;
     va_list args;
     va_start(args, format);
-    if (redirected == nullptr) {
+    if (Debug.IsTraceOn()) {
         Debug.TraceTagged(level, format, args, tag);
-    } else if (level <= redirectedLevel) {
+    } else if (redirectedLevel > 0 && level <= redirectedLevel) {
         redirected(tag, format, args);
     }
     va_end(args);
