@@ -12,6 +12,7 @@
 
 #include "trace/texts.h"
 
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): a record sets what it needs
 struct Stamp {
     timeval time;
     uint32_t thread;  // low 32 bits of pthread_self()

@@ -127,9 +127,8 @@ void CheckTraceSection(Findings& findings, const std::string& path, std::string_
     check.Lines(isGlobal);
     for (const bool isPath : {false, true}) {
         for (const TraceSetting& setting : kTraceSettings) {
-            if (setting.isGlobal == isGlobal && (setting.path != nullptr) == isPath) {
-                check.Key(setting);
-            }
+            const bool isDue = (setting.path != nullptr) == isPath;
+            if (isDue && setting.isGlobal == isGlobal) check.Key(setting);
         }
     }
 }
