@@ -1,5 +1,5 @@
 // Holds thread cancellation off while it lives, so that a thread cannot be cancelled between taking
-// a lock and giving it back. A request that arrives meanwhile stays pending.
+// a lock and releasing it. A request that arrives meanwhile stays pending.
 #pragma once
 
 #include <pthread.h>

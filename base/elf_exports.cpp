@@ -68,7 +68,7 @@ std::optional<uint64_t> DynamicSymbols::Offset(uint64_t address) const {
     return std::nullopt;
 }
 
-// Nowhere is it said how many symbols there are: the last chain of the hash table ends with the
+// The file does not say how many symbols there are: the last chain of the hash table ends with the
 // last symbol.
 std::optional<uint64_t> DynamicSymbols::CountHashed(uint64_t table) const {
     uint32_t head[4];  // buckets, first symbol, words of the filter, shift

@@ -26,7 +26,7 @@ struct ReadResult {
 [[nodiscard]] bool WriteFullyAt(int fd, std::string_view bytes, off_t offset);
 
 // As open(2), close-on-exec. With errno on failure; what is no regular file gives EISDIR or EINVAL,
-// so that a FIFO or a device in a file's place makes nobody wait or read forever.
+// so that a FIFO or a device in a file's place is never waited for or read forever.
 [[nodiscard]] UniqueFd OpenRegularFile(const char* path, int flags, mode_t mode = 0);
 
 // The first `limit` bytes of a regular file, those of /proc too, whose size is not known before;

@@ -46,7 +46,7 @@ std::string Walk::PathOf(const std::string& name) const {
     return (directory == "/" ? "/" : directory + "/") + name;
 }
 
-// One name further: to a file, a directory, or where a link leads.
+// Goes one name further: to a file, a directory, or where a link leads.
 int Walk::Enter(const std::string& path) {
     struct stat status {};
     m_next = path;
@@ -79,7 +79,7 @@ PathReport Walk::Run(bool mayBeShared) {
         if (name == ".") continue;
         m_report.error = Enter(PathOf(name));
     }
-    // Anybody may make the name that is missing, or any other at the end.
+    // Any user may make the name that is missing, or any other at the end.
     const bool mayBeAdded = m_report.error == ENOENT || (m_report.error == 0 && !mayBeShared);
     if (m_isShared && mayBeAdded) m_report.faults.push_back({m_report.resolved, m_report.status});
     if (m_report.error != 0) m_report.resolved = m_next + m_rest;

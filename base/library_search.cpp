@@ -13,7 +13,7 @@ namespace {
 using Places = std::vector<LibraryPlace>;
 
 // The loader's cache, /etc/ld.so.cache: a head, the entries, and the texts that they point to,
-// counted from the begin of the file.
+// counted from the start of the file.
 struct CacheHead {
     char magic[20];
     uint32_t count;

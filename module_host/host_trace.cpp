@@ -1,5 +1,3 @@
-// Tracing for modules as the host offers it: every record goes to standard error at once, and no
-// file of the daemon is touched. Takes the place of trace/module_trace.cpp.
 #include "module_host/host_trace.h"
 
 #include <unistd.h>
@@ -11,13 +9,7 @@
 #include <cstring>
 
 #include "base/cancel_guard.h"
-#include "kemd/trace.h"
-
-static unsigned g_traceLevel = 0;
-
-void SetTraceLevel(unsigned level) {
-    g_traceLevel = level;
-}
+#include "trace/module_trace.h"
 
 static void Write(const char* tag, const char* format, va_list args) {
     const CancelGuard guard;
@@ -27,24 +19,10 @@ static void Write(const char* tag, const char* format, va_list args) {
     std::vsnprintf(line.data() + prefix, line.size() - prefix - 1, format, args);
     size_t length = std::strlen(line.data());
     if (line[length - 1] != '\n') line[length++] = '\n';
-    (void)!write(STDERR_FILENO, line.data(), length);  // in one piece: threads trace at once
+    (void)!write(STDERR_FILENO, line.data(),
+                 length);  // in one call: threads trace at the same time
 }
 
-int KemdTraceOn() {
-    return g_traceLevel > 0 ? 1 : 0;
-}
-
-void KemdTrace(const char* tag, unsigned level, const char* format, ...) {
-    if (level > g_traceLevel || g_traceLevel == 0) return;
-    va_list args;
-    va_start(args, format);
-    Write(tag, format, args);
-    va_end(args);
-}
-
-void KemdMessage(const char* tag, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    Write(tag, format, args);
-    va_end(args);
+void TraceToStandardError(unsigned level) {
+    RedirectModuleTrace(Write, level);
 }

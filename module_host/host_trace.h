@@ -1,5 +1,5 @@
-// What the module's trace records do in the host: see host_trace.cpp.
+// What modules trace goes to standard error at once: no trace file of the daemon is touched.
 #pragma once
 
-// Before the module is loaded. 0: messages only.
-void SetTraceLevel(unsigned level);
+// Shows every message, and the records up to `level` (0: none). Call it before a module is loaded.
+void TraceToStandardError(unsigned level);

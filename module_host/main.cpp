@@ -117,7 +117,7 @@ int main(int argc, char** argv) {
         return kUsageStatus;
     }
     if (arguments.help) return std::fputs(kHelp, stdout) < 0 ? 1 : 0;
-    SetTraceLevel(arguments.traceLevel);
+    TraceToStandardError(arguments.traceLevel);
     try {
         return Walk(arguments.module, arguments.walk);
     } catch (const std::exception& error) {

@@ -1,4 +1,4 @@
-// The module directory of a test. The switch library takes modules only from where nobody but root
+// The module directory of a test. The switch library takes modules from where only root
 // may write, whatever the umask was under which they were built.
 #pragma once
 

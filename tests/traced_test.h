@@ -1,5 +1,5 @@
 // A fixture for tests that read what the code under test traces: tracing of the test process itself
-// is on, at level 5, into a ring buffer that starts anew with each test.
+// is on, at level 5, into a ring buffer that starts empty in each test.
 #pragma once
 
 #include <filesystem>

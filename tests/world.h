@@ -36,7 +36,7 @@ inline void ConfigureTrace(int level) {
                   "[EndOfFile]\n");
 }
 
-// What a ring-buffer file holds in front of the newest trailer. Valid until the ring wraps.
+// What a ring-buffer file holds before the newest trailer. Valid until the ring wraps.
 inline std::string RingText(const std::string& path) {
     const std::string text = ReadFile(path);
     const size_t end = text.rfind("## TRACE-END ##\n");
@@ -47,7 +47,7 @@ inline bool Contains(const std::string& text, const std::string& part) {
     return text.find(part) != text.npos;
 }
 
-// Whether the text holds all parts, each behind the one before it.
+// Whether the text holds all parts, each after the one before it.
 inline testing::AssertionResult InOrder(const std::string& text,
                                         const std::vector<std::string>& parts) {
     size_t position = 0;

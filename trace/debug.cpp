@@ -1,26 +1,294 @@
-// The entries through which everything is traced. What happens to one record: debug_write.cpp.
 #include "trace/debug.h"
 
 #include <pthread.h>
 #include <sys/time.h>
+#include <sys/types.h>
+#include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "kemd/process_status.h"
+#include "trace/texts.h"
+
+// Ready before the first constructor of a static object and there after the last destructor.
+constinit NeverDestroyed<CDebug> g_debugObject;
+
+// Not before Init: the daemon forks to detach, and that child traces.
+static void AbandonInChild() {
+    if (Debug.ProcessId() != 0) Debug.AbandonInChild();
+}
+
+__attribute__((constructor)) static void WatchForks() {
+    (void)pthread_atfork(nullptr, nullptr, AbandonInChild);
+}
+
+// The lowest priority number runs last, after every destructor of the executable. Not in a child
+// that was made without the handlers of a fork: the thread that holds the lock may not exist there.
+__attribute__((destructor(101))) static void CloseDebug() {
+    if (Debug.ProcessId() == getpid()) Debug.Close();
+}
+
+namespace {
+
+constexpr int64_t kStartupFactor = 4;
+
+void FormatStartTime(std::array<char, 26>& text) {
+    const time_t now = time(nullptr);
+    tm local{};
+    if (localtime_r(&now, &local) == nullptr || asctime_r(&local, text.data()) == nullptr) {
+        std::snprintf(text.data(), text.size(), "\nwww mmm dd hh:mm:ss yyyy");
+    }
+}
+
+}  // namespace
+
+inline std::string_view CDebug::TagOrName(const char* tag) const {
+    return tag != nullptr ? tag : ModuleName();
+}
+
+// Inline: a call is 2 % of a record.
+inline void CDebug::WriteToRing(const Stamp& stamp, const char* format, va_list args,
+                                const char* tag) {
+    if (m_files.WriteToRing(stamp, TagOrName(tag), format, args)) return;
+    WriteHeader(kTargetRing);
+    m_files.Resume(stamp);
+}
+
+// Where the lines of a header go, all with one stamp: a command line may have a hundred thousand.
+struct CDebug::HeaderLines {
+    CDebug& debug;
+    const Stamp stamp;
+    RecordBuffer buffer = {};
+
+    static void ToLog(void* context, const char* format, va_list args) {
+        auto& [debug, stamp, buffer] = *static_cast<HeaderLines*>(context);
+        debug.m_files.WriteToLog(stamp, debug.ModuleName(), format, args);
+    }
+    // As any other record; the ring is mapped.
+    static void ToRing(void* context, const char* format, va_list args) {
+        auto& [debug, stamp, buffer] = *static_cast<HeaderLines*>(context);
+        debug.WriteToRing(stamp, format, args, nullptr);
+    }
+    static void ToRingHeader(void* context, const char* format, va_list args) {
+        auto& [debug, stamp, buffer] = *static_cast<HeaderLines*>(context);
+        debug.m_files.WriteHeaderToRing(buffer, stamp, debug.ModuleName(), format, args);
+    }
+};
+
+CDebug::CDebug(const char* moduleName) {
+    if (CDebug::Init(moduleName)) return;
+    syslog(LOG_ERR, "ERROR: Error during initialization of the CDebug instance.\n");
+}
+
+CDebug::~CDebug() {
+    Close();
+}
+
+bool CDebug::Init(const char* moduleName) {
+    const Lock lock(*this);
+    if (m_abandoned) return false;
+    m_target = kTargetNone;
+    m_files.Close();
+    m_startupEnded = false;
+    m_initDone = false;
+    m_closed = false;
+    SetModuleName(moduleName);
+    m_processId = getpid();
+    FormatStartTime(m_startTime);
+    m_environment.Take();
+    ReadTraceConfig(ModuleName());
+    m_traceOn = TraceLevel() != 0;
+    Path path;
+    FormatPath(path, "");
+    m_files.OpenLog(path.Get(), m_inForce.logLimit);
+
+    bool opened = true;
+    m_ringSize = IsTraceOn() ? kStartupFactor * ComputeRingSize() : 0;
+    FormatRingPaths();
+    if (m_ringSize != 0) opened = InitRingBuffer(m_startupRingPath.Get(), m_ringSize);
+    if (!m_files.Ring().IsMapped()) SwitchOff();
+    if (m_inForce.noHeader == 0) WriteHeader(kTargetLog);
+    m_traceOn = TraceLevel() != 0;
+    return opened;
+}
+
+void CDebug::SetModuleName(const char* moduleName) {
+    if (moduleName == nullptr || *moduleName == '\0') return;
+    m_moduleName = CopyText(moduleName);
+}
+
+void CDebug::FormatPath(Path& path, const char* suffix) const {
+    Path name;
+    name.Assign(ModuleName());
+    ToLowerCase(name.Get());
+    path.Format("%s/log.%s%s", m_inForce.logDirectory.Get(), name.Get(), suffix);
+}
+
+// Required: without a ring the header shows no path for it.
+void CDebug::FormatRingPaths() {
+    m_runtimeRingPath.Clear();
+    m_startupRingPath.Clear();
+    if (m_ringSize == 0) return;
+    FormatPath(m_runtimeRingPath, "_a");
+    FormatPath(m_startupRingPath, "_i");
+}
+
+void CDebug::SetCommandLine(int argc, char** argv) {
+    const Lock lock(*this);
+    m_argumentCount = argc;
+    m_arguments = argv;
+    // One stamp, so that a reader of both files sees that they hold the same.
+    HeaderLines lines{*this, MakeStamp()};
+    EmitCommandLine(MakeHeaderFacts(), {HeaderLines::ToLog, &lines});
+    if (m_target != kTargetRing || !m_files.Ring().IsMapped()) return;
+    EmitCommandLine(MakeHeaderFacts(), {HeaderLines::ToRing, &lines});
+}
+
+void CDebug::WriteHeader(TraceTarget destination) {
+    const Lock lock(*this);
+    HeaderLines lines{*this, MakeStamp()};
+    const bool isLog = destination == kTargetLog;
+    EmitHeader(MakeHeaderFacts(), *this,
+               {isLog ? HeaderLines::ToLog : HeaderLines::ToRingHeader, &lines});
+}
+
+HeaderFacts CDebug::MakeHeaderFacts() const {
+    return {ModuleName(),
+            m_argumentCount,
+            m_arguments,
+            m_environment,
+            m_processId,
+            m_target,
+            m_initDone,
+            m_files.LogPath(),
+            m_files.Log().Limit(),
+            m_files.Ring().Descriptor(),
+            m_ringSize,
+            m_runtimeRingPath.Get()};
+}
+
+void CDebug::InitDone() {
+    const Lock lock(*this);
+    if (m_startupEnded) return;
+    m_startupEnded = true;
+    m_files.Log().MarkStartupEnd();
+    if (m_target == kTargetRing && m_files.Ring().IsMapped()) SwitchToRuntimeRing();
+}
+
+void CDebug::SwitchToRuntimeRing() {
+    WriteNote(kTargetRing, "\n### End of initialization. ###");
+    // Tracing stays on: records of other threads wait for the lock and go into the new ring.
+    m_files.Ring().Close();
+    if (!CompressFile(m_startupRingPath.Get())) {
+        WriteNote(kTargetLog, "\n### gziping of startup log file failed -> it doesn't matter ###");
+    }
+    m_ringSize /= kStartupFactor;
+    const bool opened = InitRingBuffer(m_runtimeRingPath.Get(), m_ringSize);
+    if (!opened) SwitchOff();
+    m_traceOn = opened;
+    m_initDone = true;
+}
+
+bool CDebug::SwitchTrace(bool on) {
+    const Lock lock(*this);
+    if (m_closed) return true;
+    m_level = on ? SavedTraceLevel() : 0;
+    m_traceOn = on;
+    return true;
+}
+
+void CDebug::SetTraceTarget(unsigned target) {
+    m_target = target;
+}
+
+void CDebug::SwitchOff() {
+    m_traceOn = false;
+    m_target = kTargetNone;
+    m_level = 0;
+    m_savedLevel = 0;
+}
+
+void CDebug::Close() {
+    const Lock lock(*this);
+    m_argumentCount = 0;
+    m_arguments = nullptr;
+    m_updateInterval = 0;
+    SwitchOff();
+    m_files.Close();
+    m_closed = true;
+}
+
+// Nothing is unmapped or closed: another thread of the parent may have been about to do so, and the
+// address or number may be something else's by now.
+void CDebug::AbandonInChild() {
+    m_lock.Abandon();
+    m_abandoned = true;
+    m_closed = true;
+    m_updateInterval = 0;
+    SwitchOff();
+    m_files.Forget();
+}
+
+bool CDebug::InitRingBuffer(const char* path, int64_t size) {
+    RingBuffer& ring = m_files.Ring();
+    constexpr const char* kMapFailed = "\n%smmap of %s failed (errno=%d; %s) ###";
+    const char* const failure = trace_text::kRingFailure.data();
+    if (size < 0 || size > INT32_MAX) {
+        // Beyond what the pre-fill counts: a hole in the file would be a fault at the first store.
+        WriteNote(kTargetLog, kMapFailed, failure, path, EFBIG, std::strerror(EFBIG));
+        return false;
+    }
+    if (!ring.Create(path)) {
+        const int error = errno;
+        WriteNote(kTargetLog, "\n%sopen of %s failed (errno=%d; %s) ###", failure, path, error,
+                  std::strerror(error));
+        return false;
+    }
+    if (!FillRing(size)) {
+        ring.Discard();
+        WriteNote(kTargetLog, "\n%s(2) write m_InternalDebugBuffer to %s failed ###", failure,
+                  path);
+        return false;
+    }
+    if (!ring.Map(static_cast<size_t>(size))) {
+        const int error = errno;
+        ring.Discard();
+        WriteNote(kTargetLog, kMapFailed, failure, path, error, std::strerror(error));
+        return false;
+    }
+    m_target = kTargetRing;
+    WriteHeader(kTargetRing);
+    ring.EndHeader();
+    WriteNote(kTargetRing, "\n%s", trace_text::kRingBegin.data());
+    ring.SetRestart();
+    WriteNote(kTargetRing, "\n%s", trace_text::kRingStart.data());
+    return true;
+}
+
+bool CDebug::FillRing(int64_t size) {
+    // One stamp for a block: reading the memory figure for each line would take most of the
+    // daemon's start.
+    for (; size > 0; size -= TraceFiles::kFillBlock) {
+        if (!m_files.FillRing(MakeStamp(), ModuleName(), size)) return false;
+    }
+    return true;
+}
 
 Stamp CDebug::MakeStamp() const {
     Stamp stamp;  // NOLINT(cppcoreguidelines-pro-type-member-init): every field is set below
     gettimeofday(&stamp.time, nullptr);
     stamp.thread = static_cast<uint32_t>(pthread_self());
-    stamp.withMemory = m_asRead.memoryTraces != 0;
-    stamp.residentKb = 0;
-    if (stamp.withMemory) ReadProcStatusValue(getpid(), stamp.residentKb, "VmRSS:", 1);
+    if (m_asRead.memoryTraces != 0) {
+        uint64_t residentKb = 0;
+        ReadProcStatusValue(getpid(), residentKb, "VmRSS:", 1);
+        stamp.columns[trace_text::kMemory] = residentKb;
+    }
     return stamp;
-}
-
-std::string_view CDebug::TagOrName(const char* tag) const {
-    return tag != nullptr ? tag : ModuleName();
 }
 
 void CDebug::Trace(unsigned level, const char* format, ...) {
@@ -64,22 +332,24 @@ void CDebug::Message(unsigned /*level*/, const char* format, ...) {
 
 void CDebug::MessageV(const char* format, va_list args, const char* tag) {
     const Lock lock(*this);
-    if (format == nullptr || (!m_ring.IsMapped() && !m_log.IsOpen())) return;
+    if (format == nullptr || (!m_files.Ring().IsMapped() && !m_files.Log().IsOpen())) return;
     const Stamp stamp = MakeStamp();
-    if (m_target.load(std::memory_order_relaxed) == kTargetRing) {
-        WriteToRing(m_record, stamp, tag, format, args);
+    if (m_files.Ring().IsMapped() && m_target.load(std::memory_order_relaxed) == kTargetRing) {
+        WriteToRing(stamp, format, args, tag);
     }
-    WriteToLog(stamp, tag, format, args);
+    m_files.WriteToLog(stamp, TagOrName(tag), format, args);
 }
 
 void CDebug::WriteRecord(uint32_t target, const char* format, va_list args, const char* tag) {
     if (format == nullptr) return;
     if (target == kTargetRing) {
         const RecursiveLock lock(m_lock);
-        if (m_ring.IsMapped()) WriteToRing(m_record, MakeStamp(), tag, format, args);
+        if (m_files.Ring().IsMapped()) WriteToRing(MakeStamp(), format, args, tag);
     } else if (target == kTargetLog) {
         const Lock lock(*this);
-        if (m_log.IsOpen()) WriteToLog(MakeStamp(), tag, format, args);
+        if (m_files.Log().IsOpen()) {
+            m_files.WriteToLog(MakeStamp(), TagOrName(tag), format, args);
+        }
     }
 }
 
@@ -92,5 +362,5 @@ void CDebug::WriteNote(TraceTarget destination, const char* format, ...) {
 
 int CDebug::FormatLinePrefix(char* buffer, size_t size, const char* tag) {
     const Lock lock(*this);
-    return m_prefix.Build(buffer, size, MakeStamp(), TagOrName(tag));
+    return m_files.FormatPrefix(buffer, size, MakeStamp(), TagOrName(tag));
 }

@@ -22,13 +22,9 @@
 #include "base/never_destroyed.h"
 #include "base/recursive_mutex.h"
 #include "kemd/api.h"
-#include "trace/environment.h"
 #include "trace/header.h"
-#include "trace/line_prefix.h"
-#include "trace/log_file.h"
-#include "trace/record.h"
-#include "trace/ring_buffer.h"
 #include "trace/trace_config.h"
+#include "trace/trace_files.h"
 
 enum TraceTarget : uint32_t {
     kTargetNone = 0,  // Trace writes nothing, Message still writes to the log file
@@ -78,9 +74,9 @@ class CDebug : public CDebugTraceConfig {
     int FormatLinePrefix(char* buffer, size_t size, const char* tag);
     // The process that called Init; 0 before.
     [[nodiscard]] pid_t ProcessId() const { return m_processId; }
-    [[nodiscard]] const char* LogPath() const { return m_logPath.Get(); }
+    [[nodiscard]] const char* LogPath() const { return m_files.LogPath(); }
     // errno of the failed attempt to open the log file; 0 when it is open.
-    [[nodiscard]] int LogError() const { return m_logError; }
+    [[nodiscard]] int LogError() const { return m_files.LogError(); }
     // Everything off and closed. Later calls do nothing until the next Init.
     void Close();
     // In the child of a fork: every later call does nothing, takes no lock and leaves the parent's
@@ -88,7 +84,7 @@ class CDebug : public CDebugTraceConfig {
     void AbandonInChild();
 
   private:
-    // A cancelled thread must not take the lock along: cancellation stays off while it is held. The
+    // A cancelled thread must not die with the lock: cancellation stays off while it is held. The
     // one exception is a record for the ring buffer, whose path has no cancellation point but those
     // that hold it off themselves (switching it costs a fifth of such a record).
     class Lock {
@@ -101,37 +97,24 @@ class CDebug : public CDebugTraceConfig {
     };
     struct HeaderLines;
 
-    // debug.cpp
     [[nodiscard]] Stamp MakeStamp() const;
     [[nodiscard]] std::string_view TagOrName(const char* tag) const;
     void WriteRecord(uint32_t target, const char* format, va_list args, const char* tag)
         KEMD_PRINTF(3, 0);
     // A record of the trace object itself.
     void WriteNote(TraceTarget destination, const char* format, ...) KEMD_PRINTF(3, 4);
+    // The ring is mapped. Begins the next cycle of one that is full.
+    void WriteToRing(const Stamp& stamp, const char* format, va_list args, const char* tag)
+        KEMD_PRINTF(3, 0);
 
-    // debug_init.cpp
     void SetModuleName(const char* moduleName);
-    void OpenLog();
     void FormatPath(Path& path, const char* suffix) const;
     void FormatRingPaths();
+    [[nodiscard]] bool InitRingBuffer(const char* path, int64_t size);
+    [[nodiscard]] bool FillRing(int64_t size);
     void SwitchOff();
     void SwitchToRuntimeRing();
     [[nodiscard]] HeaderFacts MakeHeaderFacts() const;
-
-    // debug_write.cpp
-    void WriteToLog(const Stamp& stamp, const char* tag, const char* format, va_list args)
-        KEMD_PRINTF(4, 0);
-    void WrapLog();
-    [[nodiscard]] bool InitRingBuffer(const char* path, int64_t size);
-    [[nodiscard]] bool FillRing(int64_t size);
-    void FillLine(char* line);
-    void WriteToRing(RecordBuffer& buffer, const Stamp& stamp, const char* tag, const char* format,
-                     va_list args) KEMD_PRINTF(5, 0);
-    void WriteLongToRing(RecordBuffer& buffer, size_t length, const char* format, va_list args)
-        KEMD_PRINTF(4, 0);
-    void PutIntoRing(std::string_view record);
-    void WakeFollowers(const timeval& now);
-    void WakeNow(const timeval& now);
 
     RecursiveMutex m_lock;
     pid_t m_processId = 0;
@@ -142,18 +125,11 @@ class CDebug : public CDebugTraceConfig {
     bool m_startupEnded = false;
     bool m_closed = false;
     bool m_abandoned = false;
-    bool m_initDone = false;       // as the header shows it: set with the run-time ring buffer only
-    bool m_writingHeader = false;  // into the ring buffer
-    timeval m_lastWake{};          // of those who follow the ring
-    int64_t m_ringSize = 0;        // bytes; four times the configured size during start-up
-    RingBuffer m_ring;
+    bool m_initDone = false;  // as the header shows it: set with the run-time ring buffer only
+    int64_t m_ringSize = 0;   // bytes; four times the configured size during start-up
     Path m_runtimeRingPath;
     Path m_startupRingPath;
-    Path m_logPath;
-    LogFile m_log;
-    int m_logError = 0;
-    LinePrefix m_prefix;
-    RecordBuffer m_record;
+    TraceFiles m_files;
     EnvironmentSnapshot m_environment;
 };
 

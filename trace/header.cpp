@@ -6,6 +6,13 @@
 
 namespace {
 
+void TakeTable(NamedValue* entry) {
+    for (; entry->name != nullptr; ++entry) {
+        const char* value = std::getenv(entry->name);
+        entry->value = value != nullptr ? CopyText(value) : nullptr;
+    }
+}
+
 const char* OrNotSet(const char* value) {
     return value != nullptr ? value : "NotSet";
 }
@@ -16,15 +23,23 @@ void EmitTable(const NamedValue* entry, const HeaderSink& line) {
     }
 }
 
-void EmitValuesAsRead(const CDebugTraceConfig& config, const HeaderSink& line) {
-    const auto& read = config.AsRead();
+void EmitValuesAsRead(const TraceValuesAsRead& read, const HeaderSink& line) {
     line("\n%s", trace_text::kValuesAsRead.data());
-    line("\nDynamicUpdate              : %d", read.dynamicUpdate);
-    line("\nDebugLevel                 : %d", config.ConfiguredLevel());
-    line("\nRingBufferSizeFactor       : %d", read.ringFactor);
-    line("\nRingBufferSizeWeight       : %d", read.ringWeight);
-    line("\nRingBufferDirectory        : %s", read.ringDirectory.Get());
-    line("\nNo Header to LogFile       : %d", read.noHeader);
+    for (const TraceSetting& setting : kTraceSettings) {
+        if (setting.header == nullptr) continue;
+        if (setting.number != nullptr) {
+            line("\n%-27s: %d", setting.header, read.*setting.number);
+        } else {
+            line("\n%-27s: %s", setting.header, (read.*setting.path).Get());
+        }
+    }
+}
+
+void EmitSettingsInForce(const TraceValuesInForce& force, ShownInForce where,
+                         const HeaderSink& line) {
+    for (const TraceSetting& setting : kTraceSettings) {
+        if (setting.shown == where) line("\n%-27s: %d", setting.shownAs, force.*setting.inForce);
+    }
 }
 
 void EmitValuesInForce(const HeaderFacts& facts, const CDebugTraceConfig& config,
@@ -39,15 +54,19 @@ void EmitValuesInForce(const HeaderFacts& facts, const CDebugTraceConfig& config
     line("\nLogFile Path               : %s", facts.logPath);
     line("\nLogFile Max Size           : %d", static_cast<int>(facts.logLimit));
     line("\nRing Buffer FD             : %d", facts.ringDescriptor);
-    line("\nRing Buffer Factor         : %d", force.ringFactor);
-    line("\nRing Buffer Weight         : %d", force.ringWeight);
+    EmitSettingsInForce(force, ShownInForce::kBeforeRingSize, line);
     line("\n%s%d", trace_text::kRingSize.data(), static_cast<int>(facts.ringSize));
     line("\nRing Buffer Directory      : %s", force.logDirectory.Get());
     line("\nRing Buffer Path           : %s", facts.ringPath);
-    line("\nNo Header to LogFile       : %d", force.noHeader);
+    EmitSettingsInForce(force, ShownInForce::kAtEnd, line);
 }
 
 }  // namespace
+
+void EnvironmentSnapshot::Take() {
+    TakeTable(environment.data());
+    TakeTable(configuration.data());
+}
 
 void HeaderSink::operator()(const char* format, ...) const {
     va_list args;
@@ -72,7 +91,7 @@ void EmitHeader(const HeaderFacts& facts, const CDebugTraceConfig& config, const
     line("\n%s=%s", variable.Get(), OrNotSet(std::getenv(variable.Get())));
     line("\n%s", trace_text::kConfiguration.data());
     EmitTable(facts.environment.configuration.data(), line);
-    EmitValuesAsRead(config, line);
+    EmitValuesAsRead(config.AsRead(), line);
     EmitValuesInForce(facts, config, line);
     line("\n%s", trace_text::kHeaderEnd.data());
 }

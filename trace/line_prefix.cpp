@@ -9,11 +9,20 @@
 
 namespace {
 
-using trace_text::kMemoryWidth;
 using trace_text::kTagWidth;
 
-// Writing without bounds checks is safe here: time (at most 25), thread (12), memory (at most 25).
-constexpr size_t kHeadCapacity = 80;
+// What stands before the tag at most, so that it is written without bounds checks: time (at most
+// 25), thread (12), columns.
+constexpr size_t kNumberLength = 20;  // of the largest number
+constexpr size_t HeadCapacity() {
+    size_t capacity = 25 + 12;
+    for (const auto& [width, unit] : trace_text::kColumns) {
+        capacity += std::max(width, kNumberLength) + unit.size();
+    }
+    return capacity;
+}
+constexpr size_t kHeadCapacity = HeadCapacity();
+static_assert(kHeadCapacity + kTagWidth + 1 <= trace_text::kPrefixLimit);
 
 char* Put(char* to, std::string_view text) {
     std::memcpy(to, text.data(), text.size());
@@ -29,13 +38,14 @@ char* PutMilliseconds(char* to, suseconds_t microseconds) {
     return to;
 }
 
-char* PutMemory(char* to, uint64_t residentKb) {
-    std::array<char, 20> digits;  // NOLINT(cppcoreguidelines-pro-type-member-init): hot path
-    const char* end = std::to_chars(digits.data(), digits.data() + digits.size(), residentKb).ptr;
+char* PutColumn(char* to, uint64_t value, const trace_text::ColumnForm& form) {
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): hot path
+    std::array<char, kNumberLength> digits;
+    const char* end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
     const auto length = static_cast<size_t>(end - digits.data());
-    for (size_t column = length; column < kMemoryWidth; ++column) *to++ = ' ';
+    for (size_t column = length; column < form.width; ++column) *to++ = ' ';
     to = Put(to, {digits.data(), length});
-    return Put(to, trace_text::kMemoryUnit);
+    return Put(to, form.unit);
 }
 
 // Writes text at an offset of a field, cut to what the field holds.
@@ -73,7 +83,9 @@ size_t LinePrefix::BuildHead(char* buffer, const Stamp& stamp) {
         to = Put(to, trace_text::kUnknownTime);
     }
     to = Put(to, {m_threadText.data(), m_threadText.size()});
-    if (stamp.withMemory) to = PutMemory(to, stamp.residentKb);
+    for (size_t i = 0; i < stamp.columns.size(); ++i) {
+        if (stamp.columns[i]) to = PutColumn(to, *stamp.columns[i], trace_text::kColumns[i]);
+    }
     return static_cast<size_t>(to - buffer);
 }
 

@@ -1,7 +1,4 @@
-// The prefix of every trace record: time, thread, resident memory (optional) and tag.
-//
-//   2026-11-15 20:04:51.123 [F7C3A740] kemd          text
-//   2026-11-15 20:04:51.123 [F7C3A740]     3412 KB !kemd          text
+// The prefix of every trace record, built from a stamp and a tag. Its forms: trace/texts.h.
 #pragma once
 
 #include <sys/time.h>
@@ -10,17 +7,20 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <optional>
 #include <string_view>
 
+#include "trace/texts.h"
+
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): a record sets what it needs
 struct Stamp {
     timeval time;
     uint32_t thread;  // low 32 bits of pthread_self()
-    bool withMemory;
-    uint64_t residentKb;
+    std::array<std::optional<uint64_t>, trace_text::kColumnCount> columns;
 };
 
 // The caller holds the trace object's lock: the formatted second and thread are kept between calls,
-// because formatting the time anew costs more than the rest of a record.
+// because formatting the time again costs more than the rest of a record.
 class LinePrefix {
   public:
     // Writes at most size - 1 characters and a terminator. Returns the length that the whole prefix
@@ -30,7 +30,7 @@ class LinePrefix {
   private:
     void FormatSecond(time_t second);
     void FormatThread(uint32_t thread);
-    // Everything in front of the tag, into a buffer that is large enough. Returns its length.
+    // Everything before the tag, into a buffer that is large enough. Returns its length.
     size_t BuildHead(char* buffer, const Stamp& stamp);
 
     time_t m_second = 0;

@@ -9,7 +9,7 @@
 
 #include "base/file_io.h"
 
-// A link to it is how an administrator does without a log.
+// An administrator links the log to it to have none.
 static bool IsNullDevice(const char* path) {
     struct stat status {};
     return stat(path, &status) == 0 && S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3);

@@ -1,5 +1,5 @@
-// The small persistent log: records are appended until the size limit is passed, then writing goes
-// on behind the start-up part. The file is never truncated after it was opened. See
+// The small persistent log: records are appended until the size limit is passed, then writing
+// continues after the start-up part. The file is never truncated after it was opened. See
 // docs/trace-files.md. The caller holds the trace object's lock.
 #pragma once
 
@@ -27,11 +27,11 @@ class LogFile {
     // now above its limit: BeginCycle is due.
     bool Append(std::string_view record);
 
-    // What was written so far stays; later cycles start behind it.
+    // What was written so far stays; later cycles start after it.
     void MarkStartupEnd();
 
-    // Moves back behind the start-up part. False with errno when the file cannot seek; writing then
-    // goes on from the start.
+    // Moves back to the end of the start-up part. False with errno when the file cannot seek;
+    // writing then continues at the start.
     [[nodiscard]] bool BeginCycle();
     [[nodiscard]] int32_t Cycle() const { return m_cycle; }
     [[nodiscard]] uint32_t StartupCount() const { return static_cast<uint32_t>(m_startupCount); }

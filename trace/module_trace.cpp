@@ -1,23 +1,40 @@
-#include <cstdarg>
+#include "trace/module_trace.h"
 
 #include "kemd/trace.h"
 #include "trace/debug.h"
 
+// In a program that redirects, the trace object is never on: the daemon's records pass no test of
+// these.
+static ModuleTraceWriter redirected = nullptr;
+static unsigned redirectedLevel = 0;
+
+void RedirectModuleTrace(ModuleTraceWriter write, unsigned level) {
+    redirected = write;
+    redirectedLevel = level;
+}
+
 int KemdTraceOn() {
-    return Debug.IsTraceOn() ? 1 : 0;
+    return Debug.IsTraceOn() || redirectedLevel > 0 ? 1 : 0;
 }
 
 void KemdTrace(const char* tag, unsigned level, const char* format, ...) {
-    if (!Debug.IsTraceOn()) return;
     va_list args;
     va_start(args, format);
-    Debug.TraceTagged(level, format, args, tag);
+    if (Debug.IsTraceOn()) {
+        Debug.TraceTagged(level, format, args, tag);
+    } else if (redirectedLevel > 0 && level <= redirectedLevel) {
+        redirected(tag, format, args);
+    }
     va_end(args);
 }
 
 void KemdMessage(const char* tag, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    Debug.MessageV(format, args, tag);
+    if (redirected == nullptr) {
+        Debug.MessageV(format, args, tag);
+    } else {
+        redirected(tag, format, args);
+    }
     va_end(args);
 }

@@ -5,9 +5,41 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <exception>
+#include <string>
 
+#include "base/cancel_guard.h"
 #include "base/file_io.h"
+
+namespace {
+
+bool IsPlain(std::string_view path) {
+    constexpr std::string_view kPlain =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+,:@%=";
+    return path.find_first_not_of(kPlain) == path.npos && !path.starts_with('-');
+}
+
+std::string Quote(std::string_view path) {
+    std::string quoted = path.starts_with('-') ? "'./" : "'";  // a name, not an option
+    for (const char c : path) {
+        if (c == '\'') {
+            quoted += "'\\''";
+        } else {
+            quoted += c;
+        }
+    }
+    return quoted + "'";
+}
+
+// Quoted where the path has anything but plain characters, so that the name of a directory can
+// never run a command.
+std::string CompressCommand(const char* path) {
+    return "gzip -f " + (IsPlain(path) ? path : Quote(path)) + " 2>/dev/null";
+}
+
+}  // namespace
 
 bool RingBuffer::Create(const char* path) {
     Close();
@@ -28,7 +60,12 @@ bool RingBuffer::Map(size_t size) {
     return m_map.MapShared(m_fd.Get(), size);
 }
 
-void RingBuffer::Touch() const {
+void RingBuffer::WakeNow(const timeval& now) {
+    timeval passed{};
+    timersub(&now, &m_lastWake, &passed);
+    if (passed.tv_sec == 0 && passed.tv_usec < kWakePause) return;
+    m_lastWake = now;
+    const CancelGuard guard;
     const int saved = errno;
     (void)!ftruncate(m_fd.Get(), m_fileSize);
     errno = saved;
@@ -79,4 +116,13 @@ void RingBuffer::Resume(std::string_view record) {
     std::memcpy(m_map.Data() + m_writeOffset, head.data(), head.size());
     m_writeOffset += head.size();
     (void)Append("\n");
+}
+
+bool CompressFile(const char* path) try {
+    FILE* gzip = popen(CompressCommand(path).c_str(), "re");
+    if (gzip == nullptr) return false;
+    (void)pclose(gzip);
+    return true;
+} catch (const std::exception&) {
+    return false;
 }

@@ -1,6 +1,7 @@
 // What trace files consist of, for the writer and the reader alike. See docs/trace-files.md.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <string_view>
 
@@ -27,10 +28,20 @@ inline constexpr std::string_view kProcessId = "Process PID                : ";
 inline constexpr std::string_view kRingSize = "Ring Buffer Size           : ";
 inline constexpr std::string_view kHeaderEnd = "# End of header.";
 
-// Parts of a prefix: "2026-11-15 20:04:51.123 [D82A0740]     3188 KB !kemd          ".
+// A prefix: time, thread, columns, tag.
+//   2026-11-15 20:04:51.123 [D82A0740] kemd          text
+//   2026-11-15 20:04:51.123 [D82A0740]     3188 KB !kemd          text
 inline constexpr std::string_view kUnknownTime = "yyyy-mm-dd hh:mm:ss.mmm";
-inline constexpr std::string_view kMemoryUnit = " KB !";
-inline constexpr size_t kMemoryWidth = 8;
+// The columns in their order, each of which a record may have or not: a number, right-aligned, and
+// its unit.
+enum Column : size_t { kMemory, kColumnCount };
+struct ColumnForm {
+    size_t width;
+    std::string_view unit;
+};
+inline constexpr std::array<ColumnForm, kColumnCount> kColumns = {{
+    {8, " KB !"},  // resident memory
+}};
 inline constexpr size_t kTagWidth = 13;
 
 inline constexpr size_t kPrefixLimit = 128;   // characters

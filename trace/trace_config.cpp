@@ -4,14 +4,15 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstdlib>
+#include <cstring>
+#include <new>
 #include <optional>
 #include <string>
 
 #include "base/paths.h"
 #include "trace/config_file.h"
-#include "trace/config_text.h"
-#include "trace/names.h"
 
 namespace {
 
@@ -25,8 +26,18 @@ std::optional<int32_t> EnvironmentNumber(const char* name) {
     return static_cast<int32_t>(std::strtol(value, nullptr, 10));
 }
 
-int32_t FirstOf(std::optional<int32_t> environment, int32_t asRead, int32_t fallback) {
-    return environment.value_or(asRead != -1 ? asRead : fallback);
+// Reads the settings that `isWanted` picks from a section.
+template <typename Predicate>
+void ReadSettings(TraceValuesAsRead& values, std::string_view section, Predicate isWanted) {
+    for (const TraceSetting& setting : kTraceSettings) {
+        if (!isWanted(setting)) continue;
+        if (setting.number != nullptr) {
+            values.*setting.number = FindConfigNumber(section, setting.key, setting.unset);
+        } else {
+            (values.*setting.path)
+                .Assign(FindConfigValue(section, setting.key, sizeof(TracePath)).value_or(""));
+        }
+    }
 }
 
 }  // namespace
@@ -43,16 +54,11 @@ bool CDebugTraceConfig::ReadTraceConfig(const char* moduleName) {
     const auto files = ListConfigFiles();
     if (files && files->empty()) return true;  // Required: not even the environment is consulted.
 
-    m_asRead.ringDirectory.Clear();
-    m_asRead.ringFactor = -1;
-    m_asRead.ringWeight = -1;
-    m_asRead.noHeader = -1;
-    m_asRead.memoryTraces = -1;
-    m_configuredLevel = 0;
-    m_traceFlags = 0;
+    const int32_t dynamicUpdate = m_asRead.dynamicUpdate;
+    m_asRead = TraceValuesAsRead();
+    m_asRead.dynamicUpdate = dynamicUpdate;  // Required: stays without a global file.
 
     (void)ReadGlobalFile();
-    SetUpdateInterval();
     m_moduleFile.Forget();
     if (files) {
         for (const std::string& name : *files) {
@@ -73,13 +79,8 @@ bool CDebugTraceConfig::ReadGlobalFile() {
     }
     m_globalFile.modified = *modified;
     const auto section = FindConfigSection(*text, kGlobalSection);
-    if (section) m_asRead.dynamicUpdate = FindConfigNumber(*section, "DynamicUpdate", 0);
+    if (section) ReadSettings(m_asRead, *section, [](const auto& s) { return s.isGlobal; });
     return section.has_value();
-}
-
-void CDebugTraceConfig::SetUpdateInterval() {
-    m_updateInterval = static_cast<uint32_t>(
-        FirstOf(EnvironmentNumber("OV_LOG_DYNAMIC_UPDATE"), m_asRead.dynamicUpdate, 0));
 }
 
 bool CDebugTraceConfig::ReadModuleFile(const char* name, const char* moduleName) {
@@ -91,19 +92,8 @@ bool CDebugTraceConfig::ReadModuleFile(const char* name, const char* moduleName)
     if (!section) return false;
     candidate.modified = *modified;
     m_moduleFile = candidate;
-    ReadModuleSection(*section);
+    ReadSettings(m_asRead, *section, [](const auto& s) { return !s.isGlobal; });
     return true;
-}
-
-void CDebugTraceConfig::ReadModuleSection(std::string_view section) {
-    m_configuredLevel = FindConfigNumber(section, "FileDebugLevel", 0);
-    m_traceFlags = FindConfigNumber(section, "TraceFlags", 0);
-    m_asRead.ringFactor = FindConfigNumber(section, "RingBufferSizeFactor", -1);
-    m_asRead.ringWeight = FindConfigNumber(section, "RingBufferSizeWeight", -1);
-    m_asRead.ringDirectory.Assign(
-        FindConfigValue(section, "RingBufferDirectory", kPathSize).value_or(std::string_view()));
-    m_asRead.noHeader = FindConfigNumber(section, "NoHeaderToStderr", -1);
-    m_asRead.memoryTraces = FindConfigNumber(section, "MemoryTracesFlag", -1);
 }
 
 void CDebugTraceConfig::SetValuesInForce() {
@@ -116,14 +106,16 @@ void CDebugTraceConfig::SetValuesInForce() {
     }
     m_inForce.logDirectory.Assign(directory);
     m_inForce.logLimit =
-        static_cast<uint32_t>(EnvironmentNumber("OV_LOG_FILE_MAX_SIZE").value_or(51200));
-    m_level =
-        static_cast<uint32_t>(EnvironmentNumber("OV_LOG_DEBUG_LEVEL").value_or(m_configuredLevel));
-    // Required: this variable carries no prefix; it is the agents' configuration key of that name.
-    m_inForce.ringFactor = FirstOf(EnvironmentNumber("TraceFileLimit"), m_asRead.ringFactor, 0);
-    m_inForce.ringWeight =
-        FirstOf(EnvironmentNumber("OV_LOG_RINGBUF_WEIGHT"), m_asRead.ringWeight, 0);
-    m_inForce.noHeader = FirstOf(EnvironmentNumber("OV_LOG_NOHDR_TOSDTERR"), m_asRead.noHeader, 1);
+        static_cast<uint32_t>(EnvironmentNumber(kLogLimitVariable).value_or(51200));
+    for (const TraceSetting& setting : kTraceSettings) {
+        if (setting.inForce == nullptr) continue;
+        const int32_t asRead = m_asRead.*setting.number;
+        const bool isAbsent = setting.hasAbsent && asRead == -1;
+        m_inForce.*setting.inForce =
+            EnvironmentNumber(setting.variable).value_or(isAbsent ? setting.byDefault : asRead);
+    }
+    m_updateInterval = static_cast<uint32_t>(m_inForce.dynamicUpdate);
+    m_level = static_cast<uint32_t>(m_inForce.level);
     m_savedLevel = TraceLevel();
 }
 
@@ -168,13 +160,34 @@ void CDebugTraceConfig::UpdateModuleFile() {
         return;
     }
     m_moduleFile.modified = *modified;
-    if (const auto section = FindConfigSection(*text, ModuleName())) SetConfiguredLevel(*section);
+    if (const auto section = FindConfigSection(*text, ModuleName())) UpdateValues(*section);
 }
 
-void CDebugTraceConfig::SetConfiguredLevel(std::string_view section) {
-    m_configuredLevel = FindConfigNumber(section, "FileDebugLevel", 0);
-    m_level = static_cast<uint32_t>(m_configuredLevel);
-    m_savedLevel = static_cast<uint32_t>(m_configuredLevel);
-    m_traceFlags = FindConfigNumber(section, "TraceFlags", 0);
-    m_asRead.memoryTraces = FindConfigNumber(section, "MemoryTracesFlag", -1);
+void CDebugTraceConfig::UpdateValues(std::string_view section) {
+    ReadSettings(m_asRead, section, [](const auto& s) { return s.isUpdated; });
+    m_level = static_cast<uint32_t>(m_asRead.level);
+    m_savedLevel = TraceLevel();
+}
+
+void AppendUpperCase(char* buffer, size_t size, const char* text) {
+    size_t length = strnlen(buffer, size);
+    if (length + 1 >= size) return;
+    buffer[length++] = '_';
+    for (; *text != '\0' && length + 1 < size; ++text) {
+        buffer[length++] = static_cast<char>(std::toupper(static_cast<unsigned char>(*text)));
+    }
+    buffer[length] = '\0';
+}
+
+void ToLowerCase(char* text) {
+    for (; *text != '\0'; ++text) {
+        *text = static_cast<char>(std::tolower(static_cast<unsigned char>(*text)));
+    }
+}
+
+std::unique_ptr<char[]> CopyText(const char* text) {
+    const size_t size = std::strlen(text) + 1;
+    std::unique_ptr<char[]> copy(new (std::nothrow) char[size]);
+    if (copy) std::memcpy(copy.get(), text, size);
+    return copy;
 }

@@ -1,5 +1,5 @@
 // The trace settings of one module: what its configuration files say, what the environment
-// overrides, and the values in force. See docs/trace-files.md for every key and variable.
+// overrides, and the values in force. trace_settings.h has every key and variable.
 //
 // The base class of the trace object, which holds its lock around every call that changes
 // something here. The level, the saved level and the trace-on flag are read without the lock.
@@ -13,28 +13,11 @@
 #include <string_view>
 
 #include "base/fixed_string.h"
+#include "trace/trace_settings.h"
 
 class CDebugTraceConfig {
   public:
-    static constexpr size_t kPathSize = 256;
-    using Path = FixedString<kPathSize>;
-
-    // As the files give them; -1 is absent.
-    struct ValuesAsRead {
-        int32_t dynamicUpdate = -1;  // seconds
-        int32_t ringFactor = -1;
-        int32_t ringWeight = -1;
-        Path ringDirectory;
-        int32_t noHeader = -1;
-        int32_t memoryTraces = -1;  // has no default: absent means on
-    };
-    struct ValuesInForce {
-        Path logDirectory;
-        uint32_t logLimit = 51200;  // bytes
-        int32_t ringFactor = 0;
-        int32_t ringWeight = 0;
-        int32_t noHeader = 1;
-    };
+    using Path = TracePath;
 
     [[nodiscard]] uint32_t TraceLevel() const { return m_level.load(std::memory_order_relaxed); }
     [[nodiscard]] uint32_t SavedTraceLevel() const {
@@ -44,10 +27,9 @@ class CDebugTraceConfig {
     // see TRACE in trace/debug.h.
     [[nodiscard]] bool IsTraceOn() const { return m_traceOn.load(std::memory_order_relaxed); }
     // These change at Init and with a dynamic update, under the lock.
-    [[nodiscard]] int32_t ConfiguredLevel() const { return m_configuredLevel; }
     [[nodiscard]] const char* ModuleName() const { return m_moduleName ? m_moduleName.get() : ""; }
-    [[nodiscard]] const ValuesAsRead& AsRead() const { return m_asRead; }
-    [[nodiscard]] const ValuesInForce& InForce() const { return m_inForce; }
+    [[nodiscard]] const TraceValuesAsRead& AsRead() const { return m_asRead; }
+    [[nodiscard]] const TraceValuesInForce& InForce() const { return m_inForce; }
 
     // The module's own variable for the ring-buffer weight.
     using VariableName = FixedString<48>;
@@ -67,8 +49,6 @@ class CDebugTraceConfig {
 
     std::atomic<uint32_t> m_level{0};
     std::atomic<uint32_t> m_savedLevel{0};  // the configured level, which SIGHUP restores
-    int32_t m_configuredLevel = 0;
-    int32_t m_traceFlags = 0;  // stored only
     std::atomic<bool> m_traceOn{false};
     std::unique_ptr<char[]> m_moduleName;  // null until Init
 
@@ -90,17 +70,25 @@ class CDebugTraceConfig {
     int64_t m_lastCheck = 0;  // seconds since the epoch
 
   protected:
-    ValuesAsRead m_asRead;
-    ValuesInForce m_inForce;
+    TraceValuesAsRead m_asRead;
+    TraceValuesInForce m_inForce;
 
   private:
     // False when the section was not found.
     bool ReadGlobalFile();
     bool ReadModuleFile(const char* name, const char* moduleName);
-    void ReadModuleSection(std::string_view section);
     void SetValuesInForce();
-    void SetUpdateInterval();
     void UpdateGlobalFile();
     void UpdateModuleFile();
-    void SetConfiguredLevel(std::string_view section);
+    void UpdateValues(std::string_view section);
 };
+
+// Appends an underscore and the upper-case form of `text` to the text in `buffer`, which has room
+// for `size` bytes in all; what does not fit is cut and the result is terminated.
+void AppendUpperCase(char* buffer, size_t size, const char* text);
+
+// Turns a text to lower case in place.
+void ToLowerCase(char* text);
+
+// A copy on the heap, null when there is no memory.
+std::unique_ptr<char[]> CopyText(const char* text);

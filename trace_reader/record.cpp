@@ -32,8 +32,9 @@ bool ParseThread(const char* digits, uint32_t& thread) {
     return true;
 }
 
-// Takes "    3188 KB !" off; false, with nothing taken, when it is not there.
-bool TakeMemory(std::string_view& rest, int64_t& residentKb) {
+// Takes a column like "    3188 KB !" off; nothing when it is not there.
+void TakeColumn(std::string_view& rest, const trace_text::ColumnForm& form, int64_t& value) {
+    if (rest.empty() || (rest[0] != ' ' && !IsDigit(rest[0]))) return;
     size_t end = 0;
     while (end < rest.size() && rest[end] == ' ') ++end;
     const size_t start = end;
@@ -41,12 +42,9 @@ bool TakeMemory(std::string_view& rest, int64_t& residentKb) {
     for (; end < rest.size() && IsDigit(rest[end]); ++end) {
         if (number <= INT64_MAX / 100) number = number * 10 + (rest[end] - '0');
     }
-    const bool isThere = end > start && end >= trace_text::kMemoryWidth &&
-                         rest.substr(end).starts_with(trace_text::kMemoryUnit);
-    if (!isThere) return false;
-    residentKb = number;
-    rest.remove_prefix(end + trace_text::kMemoryUnit.size());
-    return true;
+    if (end == start || end < form.width || !rest.substr(end).starts_with(form.unit)) return;
+    value = number;
+    rest.remove_prefix(end + form.unit.size());
 }
 
 }  // namespace
@@ -141,9 +139,9 @@ size_t PrefixParser::TagLength(std::string_view rest) {
 
 void PrefixParser::ParseRest(TraceRecord& record) {
     std::string_view rest = record.line.substr(kHeadLength);
-    record.residentKb = -1;
-    if (!rest.empty() && (rest[0] == ' ' || IsDigit(rest[0]))) {
-        (void)TakeMemory(rest, record.residentKb);
+    ClearColumns(record);
+    for (size_t i = 0; i < trace_text::kColumnCount; ++i) {
+        TakeColumn(rest, trace_text::kColumns[i], record.*kColumnFields[i]);
     }
     const size_t length = TagLength(rest);
     const size_t limit = trace_text::kPrefixLimit - (record.line.size() - rest.size());

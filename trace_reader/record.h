@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -30,12 +31,20 @@ struct TraceRecord {
     // regard to time zones: good for comparing with others of the same host, and it goes back with
     // the clock. Where the prefix has no time, that of the record before.
     int64_t time = 0;
-    int64_t residentKb = -1;  // -1: no memory column
+    int64_t residentKb = -1;  // a column of the prefix; -1: not there
     uint64_t sequence = 0;    // grows within its file in the order of writing
     uint32_t thread = 0;      // low 32 bits of the thread's id
     uint16_t source = 0;      // number of its file
     RecordKind kind = RecordKind::kRecord;
 };
+
+// The field of each column of a prefix.
+inline constexpr int64_t TraceRecord::*kColumnFields[] = {&TraceRecord::residentKb};
+static_assert(std::size(kColumnFields) == trace_text::kColumnCount);
+
+inline void ClearColumns(TraceRecord& record) {
+    for (const auto field : kColumnFields) record.*field = -1;
+}
 
 // A record that outlives the reader's buffer.
 class KeptRecord {
@@ -86,7 +95,7 @@ class PrefixParser {
         m_time = m_secondTime + int64_t{hundreds * 100 + tens * 10 + ones};
         return {m_time, m_threadNumber, 1};
     }
-    // Memory, tag and text of a line that begins with a head.
+    // Columns, tag and text of a line that begins with a head.
     void ParseRest(TraceRecord& record);
 
   private:

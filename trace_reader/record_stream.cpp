@@ -200,7 +200,7 @@ void RecordStream::Describe(TraceRecord& record, const PrefixParser::Head& head)
     }
     record.text = record.line;
     record.tag = {};
-    record.residentKb = -1;
+    ClearColumns(record);
     if (record.kind == RecordKind::kRecord) record.kind = RecordKind::kOther;
 }
 

@@ -9,7 +9,6 @@
 #include "kemdctl/check/path_findings.h"
 #include "kemdctl/ui/text.h"
 #include "trace/config_file.h"
-#include "trace/config_text.h"
 
 namespace {
 

@@ -1,36 +1,23 @@
 // The numbers that decide on the sizes of the trace's files, as the daemon reads them.
 #include <algorithm>
-#include <array>
 #include <cstdio>
 
 #include "base/paths.h"
 #include "kemdctl/check/look_ups.h"
 #include "kemdctl/ui/text.h"
 #include "trace/config_file.h"
-#include "trace/config_text.h"
 #include "trace/header.h"
 #include "trace/line_prefix.h"
-#include "trace/names.h"
 
 namespace {
-
-constexpr const char* kLogLimit = "OV_LOG_FILE_MAX_SIZE";
-constexpr const char* kOwnWeight = "OV_LOG_RINGBUF_WEIGHT_KEMD";
-constexpr std::array<const char*, 7> kNumbers = {kLogLimit,
-                                                 "TraceFileLimit",
-                                                 "OV_LOG_RINGBUF_WEIGHT",
-                                                 kOwnWeight,
-                                                 "OV_LOG_DEBUG_LEVEL",
-                                                 "OV_LOG_DYNAMIC_UPDATE",
-                                                 "OV_LOG_NOHDR_TOSDTERR"};
 
 // What a start writes into the log until it waits for signals, besides the header.
 constexpr size_t kStartMessages = 1024;
 
 void CheckVariables(Findings& findings, const DaemonEnvironment& environment) {
-    for (const char* const name : kNumbers) {
+    for (const std::string_view name : kTraceVariables) {
         const char* const value = environment.Find(name);
-        const bool isLimit = name == kLogLimit;  // the only one without a sign
+        const bool isLimit = name == kLogLimitVariable;  // the only one without a sign
         const int64_t largest = isLimit ? int64_t{UINT32_MAX} : INT32_MAX;
         const auto number = value != nullptr ? FindMisreadNumber(value, 10, largest) : std::nullopt;
         if (!number) continue;
@@ -53,7 +40,7 @@ void CheckKeys(Findings& findings, const DaemonEnvironment& environment) {
             CheckNumberKey(findings, path, *section, "RingBufferSizeFactor");
         }
         if (environment.Find("OV_LOG_RINGBUF_WEIGHT") == nullptr &&
-            environment.Find(kOwnWeight) == nullptr) {
+            environment.Find(kOwnWeightVariable) == nullptr) {
             CheckNumberKey(findings, path, *section, "RingBufferSizeWeight");
         }
         return;
@@ -94,7 +81,7 @@ size_t MeasureHeader(const DaemonEnvironment& environment, const TraceSettings& 
                                settings.RingSize(),
                                log.c_str()};
     Stamp stamp{};
-    stamp.withMemory = settings.AsRead().memoryTraces != 0;
+    if (settings.AsRead().memoryTraces != 0) stamp.columns[trace_text::kMemory] = 0;
     HeaderLength length{static_cast<size_t>(LinePrefix().Build(nullptr, 0, stamp, "kemd"))};
     EmitHeader(facts, settings, {HeaderLength::Add, &length});
     return length.total;
@@ -110,17 +97,18 @@ void CheckLogLimit(Findings& findings, const DaemonEnvironment& environment,
         limit == 0 ? ": each message overwrites the one before it"
                    : ": too small for " + std::string(hasHeader ? "its header and " : "") +
                          "the messages of a start, about " + Counted(needed, "byte");
-    findings.Warning("the log's limit is " + Counted(limit, "byte") + what,
-                     std::string("set ") + kLogLimit + " to 51200 or more, or leave it unset");
+    findings.Warning(
+        "the log's limit is " + Counted(limit, "byte") + what,
+        std::string("set ") + kLogLimitVariable + " to 51200 or more, or leave it unset");
 }
 
 // The names that set the factor and the weight in force.
 std::string RingNames(const DaemonEnvironment& environment) {
     const bool hasFactor = environment.Find("TraceFileLimit") != nullptr;
     const bool hasWeight = environment.Find("OV_LOG_RINGBUF_WEIGHT") != nullptr;
-    const bool hasOwn = environment.Find(kOwnWeight) != nullptr;
+    const bool hasOwn = environment.Find(kOwnWeightVariable) != nullptr;
     return std::string(hasFactor ? "TraceFileLimit" : "RingBufferSizeFactor") + " and " +
-           (hasOwn      ? kOwnWeight
+           (hasOwn      ? kOwnWeightVariable
             : hasWeight ? "OV_LOG_RINGBUF_WEIGHT"
                         : "RingBufferSizeWeight");
 }

@@ -1,25 +1,26 @@
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
-#include <span>
 #include <string>
 
 #include "base/text.h"
 #include "kemdctl/check/look_ups.h"
 #include "kemdctl/ui/text.h"
-#include "trace/config_text.h"
+#include "trace/config_file.h"
+#include "trace/trace_settings.h"
 
 namespace {
 
-constexpr std::string_view kDirectoryKey = "RingBufferDirectory";
-constexpr std::array<std::string_view, 6> kModuleKeys = {
-    "FileDebugLevel",       "TraceFlags",       "RingBufferSizeFactor",
-    "RingBufferSizeWeight", "NoHeaderToStderr", "MemoryTracesFlag"};
-constexpr std::array<std::string_view, 1> kGlobalKeys = {"DynamicUpdate"};
 constexpr size_t kNumberLimit = 64;
-constexpr size_t kPathLimit = 256;
+constexpr size_t kPathLimit = sizeof(TracePath);
+
+// Null for none.
+const TraceSetting* FindSetting(std::string_view key) {
+    const auto found = std::find_if(kTraceSettings.begin(), kTraceSettings.end(),
+                                    [key](const TraceSetting& s) { return s.key == key; });
+    return found != kTraceSettings.end() ? &*found : nullptr;
+}
 
 // Of a line "key = value"; the whole line when it has no equals sign.
 std::string_view KeyOf(std::string_view line) {
@@ -32,10 +33,10 @@ class SectionCheck {
         : m_findings(findings), m_path(Printable(path)), m_section(section) {}
 
     void Lines(bool isGlobal) const;
-    void Key(std::string_view key, size_t limit) const;
+    void Key(const TraceSetting& setting) const;
 
   private:
-    void Number(std::string_view key, std::string_view value) const;
+    void Number(const TraceSetting& setting, std::string_view value) const;
     [[nodiscard]] std::string_view LineAt(size_t position) const {
         const size_t before = m_section.rfind('\n', position);
         const size_t start = before == m_section.npos ? 0 : before + 1;
@@ -50,12 +51,6 @@ class SectionCheck {
     const std::string_view m_section;
 };
 
-bool IsKnown(std::string_view key, bool isGlobal) {
-    if (isGlobal) return key == kGlobalKeys[0];
-    return key == kDirectoryKey ||
-           std::find(kModuleKeys.begin(), kModuleKeys.end(), key) != kModuleKeys.end();
-}
-
 // Lines that look like a setting and are none. The format has no comments, but people write them.
 void SectionCheck::Lines(bool isGlobal) const {
     for (std::string_view rest = m_section; !rest.empty();) {
@@ -64,14 +59,17 @@ void SectionCheck::Lines(bool isGlobal) const {
         const std::string key = Printable(KeyOf(line));
         if (line.find('=') == line.npos) {
             Warn("\"" + key + "\" has no =", "write KEY = VALUE, or # before a comment");
-        } else if (!IsKnown(KeyOf(line), isGlobal)) {
+        } else if (const TraceSetting* const setting = FindSetting(KeyOf(line));
+                   setting == nullptr || setting->isGlobal != isGlobal) {
             Warn("the key \"" + key + "\" is not known", "correct or remove the line");
         }
     }
 }
 
-void SectionCheck::Key(std::string_view key, size_t limit) const {
-    const auto value = FindConfigValue(m_section, key, limit);
+void SectionCheck::Key(const TraceSetting& setting) const {
+    const std::string_view key = setting.key;
+    const bool isPath = setting.path != nullptr;
+    const auto value = FindConfigValue(m_section, key, isPath ? kPathLimit : kNumberLimit);
     if (!value) return;
     const std::string name(key);
     const std::string shown = "\"" + Printable(Trim(*value)) + "\"";
@@ -81,21 +79,20 @@ void SectionCheck::Key(std::string_view key, size_t limit) const {
             name + " is taken from the line \"" + Printable(Trim(line)) + "\", its value is " +
                 shown,
             "kemd takes a key from where its name first appears, comments included: rename it there");
-    } else if (key == kDirectoryKey && !value->starts_with('/')) {
+    } else if (isPath && !value->starts_with('/')) {
         Warn(name + " " + shown + " is no absolute path", "give one that begins with /");
-    } else if (key != kDirectoryKey) {
-        Number(key, *value);
+    } else if (!isPath) {
+        Number(setting, *value);
     }
 }
 
-void SectionCheck::Number(std::string_view key, std::string_view value) const {
+void SectionCheck::Number(const TraceSetting& setting, std::string_view value) const {
     const auto number = FindMisreadNumber(value, 0, INT32_MAX);
     if (!number) return;
     const bool isNumber = !value.empty() && std::isdigit(static_cast<unsigned char>(value[0])) != 0;
-    const bool isLevel = key == "FileDebugLevel" || key == "TraceFlags";
-    Warn(std::string(key) + " \"" + Printable(Trim(value)) + "\"" +
+    Warn(std::string(setting.key) + " \"" + Printable(Trim(value)) + "\"" +
              (isNumber ? "" : " is no number of 0 or more:") + " counts as " +
-             (*number == -1 && !isLevel ? "absent" : std::to_string(*number)),
+             (*number == -1 && setting.hasAbsent ? "absent" : std::to_string(*number)),
          "give one number of 0 or more and nothing else, decimal or with 0x");
 }
 
@@ -119,15 +116,17 @@ std::optional<int32_t> FindMisreadNumber(std::string_view text, int base, int64_
 
 void CheckNumberKey(Findings& findings, const std::string& path, std::string_view section,
                     std::string_view key) {
-    SectionCheck(findings, path, section).Key(key, kNumberLimit);
+    SectionCheck(findings, path, section).Key(*FindSetting(key));
 }
 
 void CheckTraceSection(Findings& findings, const std::string& path, std::string_view section,
                        bool isGlobal) {
     const SectionCheck check(findings, path, section);
     check.Lines(isGlobal);
-    const std::span<const std::string_view> numbers =
-        isGlobal ? std::span<const std::string_view>(kGlobalKeys) : kModuleKeys;
-    for (const std::string_view key : numbers) check.Key(key, kNumberLimit);
-    if (!isGlobal) check.Key(kDirectoryKey, kPathLimit);
+    for (const bool isPath : {false, true}) {
+        for (const TraceSetting& setting : kTraceSettings) {
+            const bool isDue = (setting.path != nullptr) == isPath;
+            if (isDue && setting.isGlobal == isGlobal) check.Key(setting);
+        }
+    }
 }

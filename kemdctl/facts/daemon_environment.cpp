@@ -12,7 +12,6 @@
 #include "base/paths.h"
 #include "base/text.h"
 #include "kemdctl/ui/text.h"
-#include "trace/names.h"
 
 namespace {
 
@@ -108,17 +107,12 @@ void UseTimeZone(const DaemonEnvironment& environment) {
 }
 
 TraceSettings::TraceSettings(const DaemonEnvironment& environment) {
-    for (const char* const name :
-         {"OV_LOG_DEBUG_LEVEL", "OV_LOG_DYNAMIC_UPDATE", "OV_LOG_FILE_MAX_SIZE",
-          "OV_LOG_NOHDR_TOSDTERR", "OV_LOG_RINGBUF_DIR", "OV_LOG_RINGBUF_WEIGHT",
-          "OV_LOG_RINGBUF_WEIGHT_KEMD", "TraceFileLimit"}) {
+    const auto take = [&environment](const char* name) {
         const char* const value = environment.Find(name);
-        if (value != nullptr) {
-            (void)setenv(name, value, 1);
-        } else {
-            (void)unsetenv(name);
-        }
-    }
+        (void)(value != nullptr ? setenv(name, value, 1) : unsetenv(name));
+    };
+    for (const std::string_view name : kTraceVariables) take(name.data());
+    take("OV_LOG_RINGBUF_DIR");
     m_moduleName = CopyText("kemd");
     ReadTraceConfig(ModuleName());
     m_ringSize = ComputeRingSize();

@@ -11,7 +11,7 @@
 
 #include "daemon/version.h"
 #include "tests/daemon/daemon_test.h"
-#include "trace/environment.h"
+#include "trace/header.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "tests/fuzz/fuzz.h"
-#include "trace/config_text.h"
+#include "trace/config_file.h"
 
 namespace {
 

@@ -20,7 +20,7 @@ class DebugTest : public TraceTest {
   protected:
     void TearDown() override { Debug.Close(); }
 
-    // The records of a ring file, behind those of its opening, up to the newest one.
+    // The records of a ring file, after those of its opening, up to the newest one.
     static std::string RingRecords(const std::string& path) {
         const std::string file = ReadFile(path), start = "### Start of initialization. ###\n";
         const size_t begin = file.find(start) + start.size();
@@ -87,23 +87,6 @@ TEST_F(DebugTest, SecondInitClosesWhatWasOpen) {
     EXPECT_FALSE(debug.IsTraceOn());
 }
 
-TEST_F(DebugTest, VirtualSlots) {
-    const auto slot = [&](size_t number) { return (*reinterpret_cast<void***>(&debug))[number]; };
-    using Levelled = void (*)(CDebug*, unsigned, const char*, ...);
-    using Prepared = void (*)(CDebug*, const char*, va_list, const char*);
-    Configure("MemoryTracesFlag = 0");
-    EXPECT_TRUE(reinterpret_cast<bool (*)(CDebug*)>(slot(2))(&debug));
-    EXPECT_TRUE((reinterpret_cast<bool (*)(CDebug*, const char*)>(slot(3))(&debug, "kemd")));
-    debug.SetTraceTarget(kTargetLog);
-    va_list none{};
-    reinterpret_cast<Levelled>(slot(4))(&debug, 0, "%d", 4);
-    reinterpret_cast<void (*)(CDebug*, const char*, ...)>(slot(5))(&debug, "%d", 5);
-    reinterpret_cast<Levelled>(slot(6))(&debug, 9, "%d", 6);
-    reinterpret_cast<Prepared>(slot(7))(&debug, "7", none, nullptr);
-    reinterpret_cast<Prepared>(slot(8))(&debug, "8", none, "tag");
-    EXPECT_EQ(Records({"4", "5", "6", "7"}) + Record("8", "tag"), ReadFile(kLog));
-}
-
 TEST_F(DebugTest, ModulesTraceUnderTheirTag) {
     KemdMessage("early", "lost");
     EXPECT_EQ(0, KemdTraceOn());
@@ -120,11 +103,28 @@ TEST_F(DebugTest, ModulesTraceUnderTheirTag) {
     EXPECT_EQ(Record("three", "module"), ReadFile(kLog));
 }
 
-class ConcurrentTest : public DebugTest {
-  protected:
-    // `meanwhile` runs beside threads that write numbered records.
-    template <typename Meanwhile>
-    void WriteFromThreads(Meanwhile meanwhile) {
+// Each record of each thread once and in order, and so many others.
+void ExpectWhole(const std::string& records, size_t threads, size_t perThread, size_t others) {
+    std::istringstream lines(records);
+    std::vector<size_t> next(threads, 0);
+    size_t count = 0;
+    for (std::string line; std::getline(lines, line); ++count) {
+        const std::string text = line.substr(std::min(line.size(), Prefix().size()));
+        size_t id = 0;
+        if (sscanf(text.c_str(), "thread %zu", &id) != 1 || id >= threads) continue;
+        EXPECT_EQ("thread " + std::to_string(id) + " record " + std::to_string(next[id]++), text);
+    }
+    EXPECT_EQ(std::vector<size_t>(threads, perThread), next);
+    EXPECT_EQ(threads * perThread + others, count);
+}
+
+// In the ring across the end of start-up, whose compression they wait for, and in the log.
+TEST_F(DebugTest, RecordsOfThreadsAreWholeAndComplete) {
+    constexpr size_t kThreads = 4, kRecords = 2000;
+    setenv("OV_LOG_FILE_MAX_SIZE", "100000000", 1);
+    for (const unsigned target : {kTargetRing, kTargetLog}) {
+        ASSERT_TRUE(StartRing(debug));
+        debug.SetTraceTarget(target);
         std::vector<std::thread> threads;
         for (size_t id = 0; id < kThreads; ++id) {
             threads.emplace_back([this, id] {
@@ -132,42 +132,16 @@ class ConcurrentTest : public DebugTest {
                     debug.Trace(1, "thread %zu record %zu", id, i);
             });
         }
-        meanwhile();
+        debug.InitDone();
         for (std::thread& thread : threads) thread.join();
-    }
-    // Each record of each thread once and in order, and so many others.
-    static void ExpectWhole(const std::string& records, size_t others) {
-        std::istringstream lines(records);
-        std::vector<size_t> next(kThreads, 0);
-        size_t count = 0;
-        for (std::string line; std::getline(lines, line); ++count) {
-            const std::string text = line.substr(std::min(line.size(), Prefix().size()));
-            size_t id = 0;
-            if (sscanf(text.c_str(), "thread %zu", &id) != 1 || id >= kThreads) continue;
-            EXPECT_EQ("thread " + std::to_string(id) + " record " + std::to_string(next[id]++),
-                      text);
+        if (target == kTargetLog) {
+            ExpectWhole(ReadFile(kLog), kThreads, kRecords, 0);
+            continue;
         }
-        EXPECT_EQ(std::vector<size_t>(kThreads, kRecords), next);
-        EXPECT_EQ(kThreads * kRecords + others, count);
+        ASSERT_EQ(0, system(("gzip -d " + kStartupRing).c_str()));
+        ExpectWhole(RingRecords(kStartupRing) + RingRecords(kRuntimeRing), kThreads, kRecords,
+                    1);  // the end of start-up
     }
-
-  private:
-    static constexpr size_t kThreads = 4, kRecords = 2000;
-};
-
-TEST_F(ConcurrentTest, RecordsAreWholeAndCompleteAcrossTheEndOfStartup) {
-    ASSERT_TRUE(StartRing(debug));
-    WriteFromThreads([this] { debug.InitDone(); });  // they wait while the file is compressed
-    ASSERT_EQ(0, system(("gzip -d " + kStartupRing).c_str()));
-    ExpectWhole(RingRecords(kStartupRing) + RingRecords(kRuntimeRing), 1);  // the end of start-up
-}
-
-TEST_F(ConcurrentTest, RecordsAreWholeAndCompleteInTheLog) {
-    setenv("OV_LOG_FILE_MAX_SIZE", "100000000", 1);
-    ASSERT_TRUE(StartRing(debug));
-    debug.SetTraceTarget(kTargetLog);
-    WriteFromThreads([] {});
-    ExpectWhole(ReadFile(kLog), 0);
 }
 
 // Even when another thread of the parent holds the lock at that moment.

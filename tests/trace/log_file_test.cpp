@@ -49,10 +49,10 @@ class LogFileTest : public TraceTest {
     size_t m_limit = 0;
 };
 
-TEST_F(LogFileTest, WrapsToItsStartDuringStartupAndBehindTheStartupPartLater) {
+TEST_F(LogFileTest, WrapsToItsStartDuringStartupAndAfterTheStartupPartLater) {
     Start(1745);
     PutMany(0, 5);
-    Start(1745);  // anew; a record ends exactly at the limit, which does not pass it
+    Start(1745);  // again; a record ends exactly at the limit, which does not pass it
     PutMany(0, 75);
     EXPECT_EQ(3u, cycle);
     debug.InitDone();
@@ -81,25 +81,21 @@ TEST_F(LogFileTest, OpenFailureGoesToTheSystemLogOnceAndNothingElseFails) {
     }
 }
 
-TEST_F(LogFileTest, MayBeALinkToARegularFileOrToTheNullDevice) {
+TEST_F(LogFileTest, MayBeALinkToARegularFileWhichAllMayReadOrToTheNullDevice) {
     SyslogReader syslog;
     for (const char* target : {"/tmp/log", "/dev/null"}) {
         TraceTest::SetUp();
         fs::create_symlink(target, kLog);
+        const mode_t saved = umask(0);
         Start(51200);
+        umask(saved);
         debug.Message("text");
         debug.InitDone();
         EXPECT_EQ("", syslog.Next()) << target;
     }
     EXPECT_EQ(Record("text"), ReadFile("/tmp/log"));
+    EXPECT_EQ(0644, static_cast<int>(fs::status("/tmp/log").permissions()));  // all may read it
     EXPECT_TRUE(fs::is_character_file("/dev/null"));
-}
-
-TEST_F(LogFileTest, AllMayReadItAndNobodyElseWrite) {
-    const mode_t saved = umask(0);
-    Start(51200);
-    umask(saved);
-    EXPECT_EQ(0644, static_cast<int>(fs::status(kLog).permissions()));
 }
 
 TEST_F(LogFileTest, FailedSeekGoesToTheSystemLogAndTheFileIsRewound) {

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 #include "tests/trace/trace_world.h"
 
@@ -56,36 +57,23 @@ struct RingModel {
     }
 };
 
-// One of the process's limits, put back at the end.
-class SoftLimit {
-  public:
-    SoftLimit(__rlimit_resource_t resource, rlim_t value) : m_resource(resource) {
-        getrlimit(m_resource, &m_saved);
-        Set(value);
-    }
-    ~SoftLimit() { setrlimit(m_resource, &m_saved); }
-    SoftLimit(const SoftLimit&) = delete;
-    SoftLimit& operator=(const SoftLimit&) = delete;
-    void Set(rlim_t value) const {
-        const rlimit limit = {value, m_saved.rlim_max};
-        EXPECT_EQ(0, setrlimit(m_resource, &limit));
-    }
-
-  private:
-    __rlimit_resource_t m_resource;
-    rlimit m_saved{};
-};
+// Sets a limit of the process and returns what it was.
+rlim_t SetLimit(__rlimit_resource_t resource, rlim_t value) {
+    rlimit limit{};
+    getrlimit(resource, &limit);
+    const rlim_t before = std::exchange(limit.rlim_cur, value);
+    EXPECT_EQ(0, setrlimit(resource, &limit));
+    return before;
+}
 
 class RingTest : public TraceTest {
   protected:
     // The header of a ring file that StartRing opened.
-    static Lines Header(const std::string& path, Text initDone,
-                        const std::map<std::string, std::string>& set = {}) {
-        const std::string fd = std::to_string(DescriptorOf(path)),
-                          size = path == kStartupRing ? "4194304" : "1048576";
-        return HeaderTexts(set, {"-1", "5", "1", "1", "", "-1"},
-                           {"1", "2", "5", "5", initDone, kLog, "51200", fd, "1", "1", size,
-                            "/var/log/orvmon", kRuntimeRing, "1"});
+    static Lines Header(const std::string& path, Text initDone, const Texts& set = {}) {
+        return HeaderTexts(set, {},
+                           {{"Application Init Done", initDone},
+                            {"Ring Buffer FD", std::to_string(DescriptorOf(path))},
+                            {"Ring Buffer Size", path == kStartupRing ? "4194304" : "1048576"}});
     }
     // The model of a run-time ring that was just opened; later headers show its end of start-up.
     RingModel StartRuntime() {
@@ -108,21 +96,6 @@ class RingTest : public TraceTest {
         EXPECT_EQ(before + Record("kept"), ReadFile(kLog));
     }
 };
-
-TEST_F(RingTest, StartupFile) {
-    const std::string value(4096, '%');  // the ring keeps long header lines whole
-    setenv("OV_REPO", value.c_str(), 1);
-    ASSERT_TRUE(StartRing(debug));
-    RingModel model(4 * kSize, Header(kStartupRing, "0", {{"OV_REPO", value}}));
-    SetClock(kStart + 5);
-    Put(model, "first");
-    debug.Trace(6, "above the level");
-    debug.Trace(1, nullptr);
-    Put(model, "last");
-    EXPECT_EQ("", Difference(model.file, ReadFile(kStartupRing)));
-    EXPECT_EQ("", ReadFile(kLog));
-    EXPECT_FALSE(fs::exists(kRuntimeRing));
-}
 
 TEST_F(RingTest, RecordThatJustFitsStaysAndOneByteMoreStartsACycle) {
     for (const size_t extra : {0, 1}) {
@@ -163,7 +136,7 @@ TEST_F(RingTest, FollowersAreWokenOnceInTenMillisecondsAndNoByteChanges) {
     EXPECT_FALSE(isWoken());
 }
 
-TEST_F(RingTest, LongRecordsAreWholeUpToATenthOfTheRing) {
+TEST_F(RingTest, LongRecordsAreWholeUpToATenthOfTheRingAndWhileMemoryLasts) {
     RingModel model = StartRuntime();
     setenv("OV_ARCH", "too late for the header", 1);
     for (const size_t length : {1023, 1024, 1025, 5000, 104856, 104857, 1000000}) {
@@ -174,6 +147,13 @@ TEST_F(RingTest, LongRecordsAreWholeUpToATenthOfTheRing) {
                                         "\n## WARNING: TRACE-SIZE TOO BIG: Output Truncated!");
         Put(model, "between");
     }
+    debug.Message("%d%s", 1, std::string(5000, 'm').c_str());
+    model.Put("1" + std::string(5000, 'm'));
+    EXPECT_EQ(Record("1" + std::string(1023, 'm')), ReadFile(kLog));
+    memoryLimit = 5000;
+    debug.Trace(1, "%s", std::string(5000, 'x').c_str());
+    memoryLimit = SIZE_MAX;
+    model.Put(std::string(1024, 'x') + "\n## ERROR: No memory: Output Truncated!");
     for (int i = 0; i < 25; ++i)
         Put(model, std::string(104857, 'y'));  // they wait while a header is written
     EXPECT_EQ("", Difference(model.file, ReadFile(kRuntimeRing)));
@@ -182,44 +162,40 @@ TEST_F(RingTest, LongRecordsAreWholeUpToATenthOfTheRing) {
 // With one descriptor left no pipe to gzip can be made.
 TEST_F(RingTest, GzipThatCannotBeStartedLeavesTheFile) {
     ASSERT_TRUE(StartRing(debug));
-    {
-        const auto last = static_cast<rlim_t>(UniqueFd(dup(STDIN_FILENO)).Get());
-        const SoftLimit limit(RLIMIT_NOFILE, last + 1);
-        debug.InitDone();
-    }
+    const auto last = static_cast<rlim_t>(UniqueFd(dup(STDIN_FILENO)).Get());
+    const rlim_t limit = SetLimit(RLIMIT_NOFILE, last + 1);
+    debug.InitDone();
+    SetLimit(RLIMIT_NOFILE, limit);
     EXPECT_EQ(Record("### gziping of startup log file failed -> it doesn't matter ###"),
               ReadFile(kLog));
     EXPECT_TRUE(RingText(kStartupRing).ends_with(" ### End of initialization. ###\n"));
     EXPECT_TRUE(debug.IsTraceOn() && fs::exists(kRuntimeRing));
 }
 
-TEST_F(RingTest, LongRecordWithoutMemoryIsCut) {
-    RingModel model = StartRuntime();
-    const std::string text(5000, 'x');
-    memoryLimit = 5000;
-    debug.Trace(1, "%s", text.c_str());
-    memoryLimit = SIZE_MAX;
-    model.Put(text.substr(0, 1024) + "\n## ERROR: No memory: Output Truncated!");
-    Put(model, text);
-    EXPECT_EQ("", Difference(model.file, ReadFile(kRuntimeRing)));
-}
-
 TEST_F(RingTest, InitDoneCompressesTheStartupFileAndOpensTheRuntimeFile) {
+    const Texts repository = {{"OV_REPO", std::string(4096, '%')}};  // long lines stay whole
+    setenv("OV_REPO", repository.at("OV_REPO").c_str(), 1);
     ASSERT_TRUE(StartRing(debug));
-    RingModel startup(4 * kSize, Header(kStartupRing, "0"));
+    EXPECT_FALSE(fs::exists(kRuntimeRing));
+    RingModel startup(4 * kSize, Header(kStartupRing, "0", repository));
+    SetClock(kStart + 5);
+    Put(startup, "first");
+    debug.Trace(6, "above the level");
+    debug.Trace(1, nullptr);
     std::string program = "/usr/sbin/kemd";
     std::array<char*, 1> arguments = {program.data()};
     debug.SetCommandLine(1, arguments.data());
     Lines header = {"kemd Command Line Options:", "argv[0] = \"/usr/sbin/kemd\""};
     EXPECT_EQ(Records(header), ReadFile(kLog));
     for (const std::string& line : header) startup.Put(line);
+    EXPECT_EQ("", Difference(startup.file, ReadFile(kStartupRing)));
     debug.InitDone();
     startup.Put("### End of initialization. ###");
     EXPECT_FALSE(fs::exists(kStartupRing));
     EXPECT_EQ(0, system(("gzip -d " + kStartupRing).c_str()));
     EXPECT_EQ("", Difference(startup.file, ReadFile(kStartupRing)));
 
-    const Lines rest = Header(kRuntimeRing, "0");
+    const Lines rest = Header(kRuntimeRing, "0", repository);
     header.insert(header.end(), rest.begin(), rest.end());
     RingModel model(kSize, header);
     Put(model, "first");
@@ -272,50 +248,34 @@ TEST_F(RingTest, SizeFollowsFactorAndWeight) {
 
 TEST_F(RingTest, FileThatCannotBeOpenedSwitchesTracingOff) {
     for (const bool isFifo : {false, true}) {
-        SCOPED_TRACE(isFifo);
-        const auto put = [isFifo](const std::string& path) {
+        for (const std::string& path : {kStartupRing, kRuntimeRing}) {
+            SCOPED_TRACE(path);
+            TraceTest::SetUp();
             EXPECT_EQ(0, isFifo ? mkfifo(path.c_str(), 0600) : mkdir(path.c_str(), 0700));
-        };
-        const auto record = [isFifo](const std::string& path) {
-            return Record("### InitRingBuffer(): open of " + path + " failed (errno=" +
-                          (isFifo ? "22; Invalid argument" : "21; Is a directory") + ") ###");
-        };
-        put(kStartupRing);
-        EXPECT_FALSE(StartRing(debug));
-        EXPECT_EQ(record(kStartupRing), ReadFile(kLog));
-        ExpectOff();
-
-        fs::remove(kStartupRing);
-        put(kRuntimeRing);
-        if (isFifo) put(kStartupRing + ".gz");  // gzip puts its own file there
-        EXPECT_TRUE(StartRing(debug));
-        debug.InitDone();
-        EXPECT_EQ(record(kRuntimeRing), ReadFile(kLog));
-        EXPECT_TRUE(fs::is_regular_file(kStartupRing + ".gz"));
-        ExpectOff();
-        TraceTest::SetUp();
+            EXPECT_EQ(path == kRuntimeRing, StartRing(debug));
+            debug.InitDone();
+            EXPECT_EQ(Record("### InitRingBuffer(): open of " + path + " failed (errno=" +
+                             (isFifo ? "22; Invalid argument" : "21; Is a directory") + ") ###"),
+                      ReadFile(kLog));
+            ExpectOff();
+        }
     }
 }
 
 TEST_F(RingTest, FileThatCannotBeFilledIsEmptiedAndSwitchesTracingOff) {
-    const auto expectEmptied = [this](const std::string& path) {
+    (void)signal(SIGXFSZ, SIG_IGN);
+    for (const std::string& path : {kStartupRing, kRuntimeRing}) {
+        const bool isStartup = path == kStartupRing;
+        const rlim_t limit = SetLimit(RLIMIT_FSIZE, isStartup ? 3 * kSize : RLIM_INFINITY);
+        EXPECT_EQ(!isStartup, StartRing(debug));
+        SetLimit(RLIMIT_FSIZE, isStartup ? limit : kSize - 1);
+        debug.InitDone();
+        SetLimit(RLIMIT_FSIZE, limit);
         EXPECT_EQ(Record("### InitRingBuffer(): (2) write m_InternalDebugBuffer to " + path +
                          " failed ###"),
                   ReadFile(kLog));
         EXPECT_EQ(0u, fs::file_size(path));
         ExpectOff();
-    };
-    (void)signal(SIGXFSZ, SIG_IGN);
-    for (const bool startup : {true, false}) {
-        SoftLimit limit(RLIMIT_FSIZE, startup ? 3 * kSize : RLIM_INFINITY);
-        EXPECT_EQ(!startup, StartRing(debug));
-        if (startup) {
-            expectEmptied(kStartupRing);
-        } else {
-            limit.Set(kSize - 1);
-            debug.InitDone();
-            expectEmptied(kRuntimeRing);
-        }
     }
 }
 

@@ -1,3 +1,4 @@
+// What configuration files and environment say, from their bytes to the header that shows it.
 #include "trace/trace_config.h"
 
 #include <dirent.h>
@@ -7,6 +8,7 @@
 #include <cerrno>
 
 #include "tests/trace/trace_world.h"
+#include "trace/config_file.h"
 
 static bool readFails = false;
 
@@ -20,34 +22,88 @@ extern "C" dirent* readdir(DIR* directory) {
 
 namespace {
 
+std::string Show(std::optional<std::string_view> view) {
+    return view ? "'" + std::string(*view) + "'" : "none";
+}
+
+TEST(ConfigFile, FileNeedsAClosingSectionAndASectionEndsAtTheNextBracket) {
+    const Texts files = {{"[a]\nx=1\n[EndOfFile]\n", "'[a]\nx=1\n[EndOfFile]'"},
+                         {"[endoffile]after[the end", "'[endoffile]'"},
+                         {"[a]\n[EndOfFile]\n[b]\n", "none"},  // not the last one
+                         {"[a]\n[EndOfFile\n", "none"},
+                         {std::string("[EndOfFile\0]", 12), "none"},
+                         {"EndOfFile]", "none"},
+                         {"", "none"}};
+    for (const auto& [file, expected] : files) EXPECT_EQ(expected, Show(AcceptConfigText(file)));
+    const Texts sections = {{"[KEMD]\na=1\n[other]", "'\na=1\n'"},
+                            {"[a]x[kemd]1[kemd]2", "'1'"},
+                            {"[kemd]a=1\nb=[2]", "'a=1\nb='"},
+                            {"[kemd2]a[akemd]b", "none"},
+                            {"[[kemd]a", "'a'"},
+                            {"[kemd\na=1", "none"}};
+    for (const auto& [text, expected] : sections)
+        EXPECT_EQ(expected, Show(FindConfigSection(text, "kemd"))) << text;
+}
+
+TEST(ConfigFile, ValueStandsAfterTheNextEqualsSign) {
+    const Texts rows = {{"Key \t= \t v a l\r\nnext", "'v a l'"},
+                        {"Key=", "''"},
+                        {"Key=\n\n  next=2", "'next=2'"},  // line ends are white space too
+                        {"Key\nother=5", "'5'"},           // the next sign, on whatever line
+                        {"# Key here\nKey=1", "'1'"},
+                        {"MyKeyFive=5\nKey=1", "'5'"},
+                        {"Key=123456789012", "'1234567890'"},  // cut at the limit
+                        {"key=1", "none"},
+                        {std::string("Key=a\0b", 7), std::string("'a\0b'", 5)}};
+    for (const auto& [section, expected] : rows)
+        EXPECT_EQ(expected, Show(FindConfigValue(section, "Key", 10))) << section;
+    const std::map<std::string, int32_t> numbers = {
+        {"Key=30", 30},
+        {"Key=0x1E", 30},
+        {"Key=-2", -2},
+        {"Key=", 0},
+        {"Other=1", -77},
+        {"Key=99999999999999999999999", -1},
+        {"Key=" + std::string(64, '0') + "1", 0}};  // the 65th character is not seen
+    for (const auto& [section, expected] : numbers)
+        EXPECT_EQ(expected, FindConfigNumber(section, "Key", -77)) << section;
+}
+
 using TraceConfigTest = TraceTest;
 
 TEST_F(TraceConfigTest, NumbersComeFromTheEnvironmentThenTheFileThenTheDefault) {
-    using Force = CDebugTraceConfig::ValuesInForce;
+    using Force = TraceValuesInForce;
     const struct {
         Text variable;
         std::string key;
         int32_t (*get)(const Force&);
         int32_t unset;
+        int32_t minusOne;  // from the file
     } rows[] = {
-        {"OV_LOG_FILE_MAX_SIZE", "", [](const Force& f) { return int32_t(f.logLimit); }, 51200},
-        {"TraceFileLimit", "RingBufferSizeFactor", [](const Force& f) { return f.ringFactor; }, 0},
+        {"OV_LOG_FILE_MAX_SIZE", "", [](const Force& f) { return int32_t(f.logLimit); }, 51200,
+         51200},
+        {"OV_LOG_DEBUG_LEVEL", "FileDebugLevel", [](const Force& f) { return f.level; }, 0, -1},
+        {"OV_LOG_DYNAMIC_UPDATE", "DynamicUpdate", [](const Force& f) { return f.dynamicUpdate; },
+         0, 0},
+        {"TraceFileLimit", "RingBufferSizeFactor", [](const Force& f) { return f.ringFactor; }, 0,
+         0},
         {"OV_LOG_RINGBUF_WEIGHT", "RingBufferSizeWeight",
-         [](const Force& f) { return f.ringWeight; }, 0},
-        {"OV_LOG_NOHDR_TOSDTERR", "NoHeaderToStderr", [](const Force& f) { return f.noHeader; },
+         [](const Force& f) { return f.ringWeight; }, 0, 0},
+        {"OV_LOG_NOHDR_TOSDTERR", "NoHeaderToStderr", [](const Force& f) { return f.noHeader; }, 1,
          1}};
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.variable);
         const auto expect = [&](int32_t expected, Text environment, Text file) {
             SetOrUnset(row.variable, environment);
-            Configure(file != nullptr ? row.key + "=" + file : "");
-            EXPECT_TRUE(debug.Init("kemd"));
-            EXPECT_EQ(expected, row.get(debug.InForce()));
+            const std::string line = file != nullptr ? row.key + "=" + file + "\n" : "";
+            WriteConfig("global_trace.ini", "[GlobalDebugSettings]" + line + "[EndOfFile]");
+            Configure(line + "MemoryTracesFlag=0");
+            debug.Init("kemd");
+            EXPECT_EQ(expected, row.get(debug.InForce())) << row.variable;
             unsetenv(row.variable);
         };
         expect(row.unset, nullptr, nullptr);
         expect(row.key.empty() ? row.unset : 30, nullptr, "0x1E");
-        expect(row.unset, nullptr, "-1");  // the same as absent
+        expect(row.minusOne, nullptr, "-1");  // the same as absent, but for the level
         expect(9, "9", "0x1E");
         expect(0, "0x1E", "7");  // base 10
         expect(0, "", "7");      // set, whatever it holds
@@ -57,9 +113,7 @@ TEST_F(TraceConfigTest, NumbersComeFromTheEnvironmentThenTheFileThenTheDefault) 
 
 TEST_F(TraceConfigTest, RingBufferDirectoryVariableNamesTheDirectoryOfAllFiles) {
     const std::vector<std::tuple<Text, Text, Text, std::string>> rows = {
-        {nullptr, nullptr, "", "/var/log/orvmon"},
         {nullptr, nullptr, "=", "/var/log/orvmon"},
-        {nullptr, nullptr, "=/tmp/key dir", "/tmp/key dir"},
         {"/tmp/file", nullptr, "", "/var/log/orvmon"},
         {"/tmp/file", nullptr, "=/tmp/key dir", "/tmp/key dir"},
         {"/tmp/file", "/tmp/ring", "=/tmp/key dir", "/tmp/ring"},
@@ -79,12 +133,10 @@ TEST_F(TraceConfigTest, FirstFinishedFileInAlphabeticalOrderWithTheSectionCounts
     const auto file = [](Text section, Text factor) {
         return std::string("[") + section + "]RingBufferSizeFactor=" + factor + "\n[EndOfFile]\n";
     };
-    const std::vector<std::pair<std::map<std::string, std::string>, int32_t>> rows = {
+    const std::vector<std::pair<Texts, int32_t>> rows = {
         {{{"b.ini", file("kemd", "2")}, {"a.ini", file("kemd", "1")}}, 1},
         {{{"a.ini", "[kemd]RingBufferSizeFactor=1"}, {"b.ini", file("kemd", "2")}}, 2},
         {{{"a.ini", file("other", "1")}, {"b.ini", file("KEMD", "2")}}, 2},
-        {{{"a.ini", file("other", "1")}}, -1},
-        {{{"a.ini", "[kemd]RingBufferSizeFactor=1[endoffile]"}}, 1},
         {{{"a.txt", file("kemd", "1")}, {"b.ini.old", file("kemd", "2")}}, 2},
         {{{"global_trace.ini", file("kemd", "3")}, {"k.ini", file("kemd", "4")}}, 3},
         {{{"a.ini/x", ""}, {"b.ini", file("kemd", "2")}}, 2},  // a directory
@@ -119,6 +171,48 @@ TEST_F(TraceConfigTest, DirectoryWithoutFilesLeavesEverythingUnread) {
     }
 }
 
+TEST_F(TraceConfigTest, HeaderShowsEnvironmentAndSettings) {
+    Configure("FileDebugLevel=3\nRingBufferDirectory=/tmp\nNoHeaderToStderr=0\nMemoryTracesFlag=0");
+    WriteConfig("global_trace.ini", "[GlobalDebugSettings]DynamicUpdate=0x10[EndOfFile]");
+    setenv("OV_SYSTEM", "100%s %n", 1);
+    setenv("AgentShut", "", 1);
+    setenv("KXA_SYSLOG_FIFO", std::string(4096, 'f').c_str(), 1);
+    ASSERT_TRUE(debug.Init("kemd"));
+    const std::string cut(1024 - sizeof "KXA_SYSLOG_FIFO", 'f');  // as the log cuts every record
+    Texts read, force;
+    for (const char* name : {"RingBufferSizeFactor", "RingBufferSizeWeight"}) read[name] = "-1";
+    for (const char* name : {"Trace Target", "Trace Level", "Trace Level Saved",
+                             "Ring Buffer Factor", "Ring Buffer Weight", "Ring Buffer Size"})
+        force[name] = "0";
+    read.merge(Texts{{"DynamicUpdate", "16"},
+                     {"DebugLevel", "3"},
+                     {"RingBufferDirectory", "/tmp"},
+                     {"No Header to LogFile", "0"}});
+    force.merge(Texts{{"LogFile Path", "/tmp/log.kemd"},
+                      {"Ring Buffer FD", "-1"},
+                      {"Ring Buffer Directory", "/tmp"},
+                      {"Ring Buffer Path", ""},
+                      {"No Header to LogFile", "0"}});
+    const Texts set = {{"OV_SYSTEM", "100%s %n"}, {"AgentShut", ""}, {"KXA_SYSLOG_FIFO", cut}};
+    EXPECT_EQ("", Difference(Records(HeaderTexts(set, read, force)), ReadFile("/tmp/log.kemd")));
+}
+
+TEST_F(TraceConfigTest, OwnVariableIsNamedAfterTheModule) {
+    setenv("OV_LOG_NOHDR_TOSDTERR", "0", 1);
+    for (const auto& [module, suffix] :
+         Texts{{"", ""},
+               {"aB", "_AB"},
+               {"abcdefghijklmnopqrstuvwxyz", "_ABCDEFGHIJKLMNOPQRSTUVWXY"}}) {
+        std::string name = "OV_LOG_RINGBUF_WEIGHT" + suffix, file = module;
+        setenv(name.c_str(), "23", 1);
+        std::transform(file.begin(), file.end(), file.begin(), tolower);
+        CDebug(module.c_str()).Close();
+        const std::string end = " KB !" + Prefix(module).substr(35) + name + "=23\n";
+        const std::string log = ReadFile("/var/log/orvmon/log." + file);
+        EXPECT_NE(log.npos, log.find(end, log.find("KXA_SYSLOG_FIFO=NotSet\n"))) << module;
+    }
+}
+
 class DynamicUpdateTest : public TraceTest {
   protected:
     void Global(const std::string& keys, time_t modified = kStart) {
@@ -144,7 +238,7 @@ TEST_F(DynamicUpdateTest, TakesLevelAndMemoryColumnFromAChangedFile) {
     Configure(keys, kStart + 1);
     EXPECT_EQ(2u, LevelAt(20, debug));  // not the environment's
     EXPECT_EQ(2u, debug.SavedTraceLevel());
-    EXPECT_EQ(2, debug.ConfiguredLevel());
+    EXPECT_EQ(2, debug.AsRead().level);
     EXPECT_EQ(1, debug.AsRead().memoryTraces);
     EXPECT_EQ(1, debug.AsRead().ringWeight);  // no other key
     Configure("FileDebugLevel=3", kStart + 2);

@@ -20,20 +20,21 @@ int seekError = 0;
 std::atomic<void (*)()> onRecord{nullptr};
 
 // "NAME=NotSet" or the value that was set, for each name.
-void PutVariables(Lines& lines, const std::map<std::string, std::string>& set,
-                  const std::string& names) {
+void PutVariables(Lines& lines, const Texts& set, const std::string& names) {
     std::istringstream stream(names);
     for (std::string name; stream >> name;) {
         lines.push_back(name + "=" + (set.contains(name) ? set.at(name) : "NotSet"));
     }
 }
 
-void PutValues(Lines& lines, const Lines& values, const std::string& labels) {
-    std::istringstream stream(labels);
-    std::string label;
-    for (size_t i = 0; std::getline(stream, label, ','); ++i) {
-        label.resize(27, ' ');
-        lines.push_back(label + ": " + values.at(i));
+// "label : value" for each "label=value", or the value that was set.
+void PutValues(Lines& lines, const Texts& set, const std::string& values) {
+    std::istringstream stream(values);
+    for (std::string line; std::getline(stream, line, ',');) {
+        const size_t equals = line.find('=');
+        const std::string label = line.substr(0, equals), usual = line.substr(equals + 1);
+        lines.push_back(label + std::string(27 - label.size(), ' ') + ": " +
+                        (set.contains(label) ? set.at(label) : usual));
     }
 }
 
@@ -110,8 +111,7 @@ void Send(CDebug& debug, const char* tag, const char* format, ...) {
     va_end(args);
 }
 
-Lines HeaderTexts(const std::map<std::string, std::string>& set, const Lines& asRead,
-                  const Lines& inForce) {
+Lines HeaderTexts(const Texts& set, const Texts& asRead, const Texts& inForce) {
     Lines lines = {"Orvana Environment:"};
     PutVariables(
         lines, set,
@@ -132,13 +132,15 @@ Lines HeaderTexts(const std::map<std::string, std::string>& set, const Lines& as
         "WaitForKemdTerm InvAgtPollNetUtilization");
     lines.emplace_back("Debug values from ini file :");
     PutValues(lines, asRead,
-              "DynamicUpdate,DebugLevel,RingBufferSizeFactor,RingBufferSizeWeight,"
-              "RingBufferDirectory,No Header to LogFile");
+              "DynamicUpdate=-1,DebugLevel=5,RingBufferSizeFactor=1,RingBufferSizeWeight=1,"
+              "RingBufferDirectory=,No Header to LogFile=-1");
     lines.emplace_back("Internal Debug values      :");
     PutValues(lines, inForce,
-              "Process PID,Trace Target,Trace Level,Trace Level Saved,Application Init Done,"
-              "LogFile Path,LogFile Max Size,Ring Buffer FD,Ring Buffer Factor,Ring Buffer Weight,"
-              "Ring Buffer Size,Ring Buffer Directory,Ring Buffer Path,No Header to LogFile");
+              "Process PID=1,Trace Target=2,Trace Level=5,Trace Level Saved=5,"
+              "Application Init Done=0,LogFile Path=/var/log/orvmon/log.kemd,"
+              "LogFile Max Size=51200,Ring Buffer FD=,Ring Buffer Factor=1,Ring Buffer Weight=1,"
+              "Ring Buffer Size=1048576,Ring Buffer Directory=/var/log/orvmon,"
+              "Ring Buffer Path=/var/log/orvmon/log.kemd_a,No Header to LogFile=1");
     lines.emplace_back("# End of header.");
     return lines;
 }

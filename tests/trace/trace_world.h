@@ -16,6 +16,7 @@ namespace fs = std::filesystem;
 
 using Lines = std::vector<std::string>;
 using Text = const char*;
+using Texts = std::map<std::string, std::string>;
 
 inline const std::string kLog = "/var/log/orvmon/log.kemd";
 inline const std::string kStartupRing = kLog + "_i";
@@ -43,10 +44,9 @@ void SetOrUnset(const char* variable, const char* value);  // null: unset
 // A message whose format the compiler does not check.
 void Send(CDebug& debug, const char* tag, const char* format, ...);
 
-// The texts of all header records: the variables that are not "NotSet", and the values as read and
-// in force in the order of the header.
-Lines HeaderTexts(const std::map<std::string, std::string>& set, const Lines& asRead,
-                  const Lines& inForce);
+// The texts of all header records of a run-time ring that StartRing configured, but for the
+// variables that are not "NotSet" and these values as read and in force.
+Lines HeaderTexts(const Texts& set, const Texts& asRead, const Texts& inForce);
 
 class TraceTest : public testing::Test {
   protected:
