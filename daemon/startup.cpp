@@ -13,10 +13,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 #include <string_view>
 
 #include "base/file_io.h"
 #include "base/paths.h"
+#include "base/run_modes.h"
 #include "base/unique_fd.h"
 #include "daemon/notify.h"
 #include "daemon/version.h"
@@ -29,35 +31,41 @@ void ParseSwitch(ModuleLoadParams& params, std::string_view argument) {
     if (argument == "-rescan") {
         params.flags |= kForceRescan;
         TRACE(2, "\n%s-MAIN::ParseCommandLine   : RESCAN due to -rescan", kTag);
-    } else if (argument == "-agentless") {
-        params.runMode = kRunModeAgentless;
-        TRACE(2, "\n%s-MAIN::ParseCommandLine   : Agentsless mode due to -agentless", kTag);
-    } else if (argument == "-ovins") {
-        params.runMode = kRunModeInstall;
-        TRACE(2, "\n%s-MAIN::ParseCommandLine   : OVINS mode due to -ovins", kTag);
-    } else if (argument == "-ovupd") {
-        params.runMode = kRunModeUpdate;
-        TRACE(2, "\n%s-MAIN::ParseCommandLine   : OVUPD mode due to -ovupd", kTag);
+    }
+    for (const RunModeOption& each : kRunModeOptions) {
+        if (argument != each.option) continue;
+        params.runMode = each.mode;
+        TRACE(2, "\n%s-MAIN::ParseCommandLine   : %s mode due to %s", kTag, each.traced,
+              each.option);
     }
 }
 
-constexpr const char* kHelp =
-    "usage: kemd [-n | -nodemon] [-rescan] [-agentless | -ovins | -ovupd]\n"
-    "       kemd --help | --version\n"
-    "Brings the extension modules of the server management agents up and down and keeps a\n"
-    "trace of it. One instance runs at a time, as root, in the background.\n"
-    "\n"
-    "  -n, -nodemon  stay in the foreground\n"
-    "  -rescan       look for the installed modules again\n"
-    "  -agentless    run mode 5, agentless\n"
-    "  -ovins        run mode 7, for the installation manager\n"
-    "  -ovupd        run mode 8, for the update manager\n"
-    "  --help        print this text; only as the sole argument\n"
-    "  --version     print the version; only as the sole argument\n"
-    "\n"
-    "SIGTERM stops it, SIGHUP switches tracing off and on again. See kemd(8), and kemdctl(8)\n"
-    "for its state and its trace. Exit status: 0 stopped in order or gone to the background,\n"
-    "1 an error, which is on standard error or in the trace.\n";
+std::string HelpText() {
+    std::string modes;
+    std::string lines;
+    for (const RunModeOption& each : kRunModeOptions) {
+        modes += std::string(modes.empty() ? "" : " | ") + each.option;
+        std::array<char, 80> line{};
+        std::snprintf(line.data(), line.size(), "  %-12s  run mode %d, %s\n", each.option,
+                      static_cast<int>(each.mode), each.help);
+        lines += line.data();
+    }
+    return "usage: kemd [-n | -nodemon] [-rescan] [" + modes +
+           "]\n"
+           "       kemd --help | --version\n"
+           "Brings the extension modules of the server management agents up and down and keeps a\n"
+           "trace of it. One instance runs at a time, as root, in the background.\n"
+           "\n"
+           "  -n, -nodemon  stay in the foreground\n"
+           "  -rescan       look for the installed modules again\n" +
+           lines +
+           "  --help        print this text; only as the sole argument\n"
+           "  --version     print the version; only as the sole argument\n"
+           "\n"
+           "SIGTERM stops it, SIGHUP switches tracing off and on again. See kemd(8), and kemdctl(8)\n"
+           "for its state and its trace. Exit status: 0 stopped in order or gone to the background,\n"
+           "1 an error, which is on standard error or in the trace.\n";
+}
 
 // "Nov 15 20:00:05": the time without weekday and year.
 using TimeText = std::array<char, 26>;  // as asctime_r wants it
@@ -96,7 +104,7 @@ bool AnswerQuestion(int argc, char** argv, int& status) {
     const std::string_view question = argc == 2 ? argv[1] : "";
     if (question != "--help" && question != "--version") return false;
     const int written = question == "--help"
-                            ? std::fputs(kHelp, stdout)
+                            ? std::fputs(HelpText().c_str(), stdout)
                             : std::printf("%s %s\n", kVersion.programName, kPackageVersion);
     status = written >= 0 && std::fflush(stdout) == 0 ? 0 : 1;
     if (status != 0) {

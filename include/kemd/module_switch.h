@@ -15,8 +15,8 @@ enum ModuleLoadFlags : uint32_t { kForceRescan = 1 };
 enum RunMode : int32_t {
     kRunModeNormal = 0,
     kRunModeAgentless = 5,
-    kRunModeInstall = 7,  // installation manager, "-ovins"
-    kRunModeUpdate = 8,   // update manager, "-ovupd"
+    kRunModeInstall = 7,  // installation manager
+    kRunModeUpdate = 8,   // update manager
 };
 
 enum ModuleNotification : uint32_t {

@@ -21,7 +21,7 @@
 /* What was asked for on the command line; owned by the caller, lives across the call. */
 struct ModuleLoadParams {
     uint32_t flags;  /* bit 0: force a rescan of the installed modules */
-    int32_t runMode; /* 0 normal, 5 agentless, 7 installation manager, 8 update manager */
+    int32_t runMode; /* a RunMode of kemd/module_switch.h; 0: normal */
 };
 KEMD_STATIC_ASSERT(sizeof(struct ModuleLoadParams) == 8, "size of the parameters");
 
