@@ -40,12 +40,12 @@ std::optional<Bytes> ReadAll(int fd, size_t limit) {
 }
 
 std::optional<SmbiosData> GetAnySMBiosFromSysfs() {
-    auto entry = ReadTableFile("/sys/firmware/dmi/tables/smbios_entry_point", 4096);
+    auto entry = ReadTableFile(kSmbiosEntryFile, 4096);
     if (!entry) {
         TRACE(3, "\nCBiosTables::GetAnySMBiosFromSysfs() Could not read SMBios entry file.");
         return std::nullopt;
     }
-    auto table = ReadTableFile("/sys/firmware/dmi/tables/DMI", kLargestSmbiosTable);
+    auto table = ReadTableFile(kSmbiosTableFile, kLargestSmbiosTable);
     if (!table) {
         TRACE(3, "\nCBiosTables::GetAnySMBiosFromSysfs() Could not read SMBios data table file.");
         return std::nullopt;
@@ -88,8 +88,8 @@ bool ReadVersion2(CDeviceBiosBase& device, uint64_t address, SmbiosData& data) {
 
 std::optional<SmbiosData> GetAnySMBiosFromMemory() {
     constexpr size_t kLimit = size_t{64} * 1024;
-    auto text = ReadTableFile("/sys/firmware/efi/systab", kLimit);
-    if (!text) text = ReadTableFile("/proc/efi/systab", kLimit);
+    auto text = ReadTableFile(kEfiSystab, kLimit);
+    if (!text) text = ReadTableFile(kOldEfiSystab, kLimit);
     EfiSmbiosAddresses addresses;
     if (text) {
         addresses = ParseEfiSystemTable({reinterpret_cast<char*>(text->data()), text->size()});
@@ -111,8 +111,7 @@ std::optional<SmbiosData> GetAnySMBiosFromMemory() {
 
 // The device gives the entry point and, behind it, the table.
 std::optional<SmbiosData> GetEsxiSmbios() {
-    const UniqueFd device(
-        open("/vmfs/devices/char/mem/smbios", O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    const UniqueFd device(open(kEsxiSmbios, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
     if (!device.IsOpen() || fstat(device.Get(), &status) != 0) return std::nullopt;
     if (!S_ISCHR(status.st_mode) && !S_ISREG(status.st_mode)) return std::nullopt;

@@ -7,6 +7,15 @@
 #include "inventory/device_bios.h"
 #include "inventory/smbios_data.h"
 
+inline constexpr const char* kSmbiosEntryFile = "/sys/firmware/dmi/tables/smbios_entry_point";
+inline constexpr const char* kSmbiosTableFile = "/sys/firmware/dmi/tables/DMI";
+inline constexpr const char* kEfiSystab = "/sys/firmware/efi/systab";
+inline constexpr const char* kOldEfiSystab = "/proc/efi/systab";
+inline constexpr const char* kEsxiSmbios = "/vmfs/devices/char/mem/smbios";
+// All files that a source reads.
+inline constexpr const char* kInventoryFiles[] = {
+    kSmbiosEntryFile, kSmbiosTableFile, kEfiSystab, kOldEfiSystab, kEsxiSmbios, kMemoryDevice};
+
 class CBiosTables {
   public:
     // Nothing when no source delivers. std::bad_alloc when memory does not suffice.

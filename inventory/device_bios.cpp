@@ -12,7 +12,7 @@
 // can be mapped.
 CDeviceBios::CDeviceBios() {
     TRACE(3, "\nCDeviceBiosBase     :   connect to BIOS device...");
-    m_file.Reset(open("/dev/mem", O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    m_file.Reset(open(kMemoryDevice, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
     if (!m_file.IsOpen() || fstat(m_file.Get(), &status) != 0) {
         m_lastError = errno;

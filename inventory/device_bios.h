@@ -12,6 +12,8 @@
 #include "base/mapped_region.h"
 #include "base/unique_fd.h"
 
+inline constexpr const char* kMemoryDevice = "/dev/mem";
+
 // What the routing table and the SMBIOS scan need of a device; tests bring memory of their own.
 class CDeviceBiosBase {
   public:
