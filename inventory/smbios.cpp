@@ -8,8 +8,6 @@
 
 #include "base/cancel_guard.h"
 #include "inventory/bios_tables.h"
-#include "inventory/hex_dump.h"
-#include "inventory/shadow_memory.h"
 #include "trace/debug.h"
 
 CSMBios::~CSMBios() {

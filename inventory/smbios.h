@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "inventory/smbios_data.h"
 #include "inventory/smbios_entry.h"
 #include "inventory/smbios_walk.h"
 #include "kemd/api.h"

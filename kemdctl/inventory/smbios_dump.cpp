@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <span>
 
-#include "inventory/smbios_entry.h"
 #include "inventory/table_field.h"
 
 namespace {

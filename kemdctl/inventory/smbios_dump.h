@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "inventory/smbios_data.h"
+#include "inventory/smbios_entry.h"
 
 // The file's content; empty when the entry point is of a kind that the form does not know.
 std::string EncodeSmbiosDump(const SmbiosData& data);

@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 
 #include "inventory/bios_tables.h"
-#include "inventory/efi_system_table.h"
-#include "inventory/shadow_memory.h"
 #include "tests/inventory/memory_world.h"
 #include "tests/traced_test.h"
 
