@@ -7,7 +7,6 @@
 #include "daemon/notify.h"
 #include "daemon/process_guard.h"
 #include "daemon/service.h"
-#include "daemon/smbus_probe.h"
 #include "daemon/startup.h"
 #include "daemon/version.h"
 #include "lock/file_lock.h"

@@ -15,7 +15,6 @@
 #include "base/paths.h"
 #include "daemon/startup.h"
 #include "daemon/version.h"
-#include "daemon/wait_signals.h"
 #include "trace/debug.h"
 
 namespace {

@@ -22,7 +22,6 @@
 #include "base/unique_fd.h"
 #include "daemon/notify.h"
 #include "daemon/version.h"
-#include "daemon/wait_signals.h"
 #include "trace/debug.h"
 
 namespace {
@@ -156,6 +155,16 @@ ModuleLoadParams ParseCommandLine(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) ParseSwitch(params, argv[i]);
     TRACE(2, "%s-MAIN: RUN MODE: %d", kTag, params.runMode);
     return params;
+}
+
+sigset_t WaitSignals() {
+    sigset_t signals{};
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
+    sigaddset(&signals, SIGALRM);
+    return signals;
 }
 
 void PrepareProcess() {

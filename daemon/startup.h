@@ -2,6 +2,8 @@
 // only; no thread exists before the modules start.
 #pragma once
 
+#include <csignal>
+
 #include "kemd/module_switch.h"
 
 // Prints what "--help" or "--version" asks for, each as the only argument. True when one did;
@@ -26,11 +28,19 @@ void ReportMissingLog();
 // The run mode and the rescan flag; each recognised switch is traced, unknown ones are ignored.
 ModuleLoadParams ParseCommandLine(int argc, char** argv);
 
+// The four signals that are blocked in every thread and taken by the signal loop only.
+sigset_t WaitSignals();
+
 // Session, directory, file mode mask, and the signal mask that every later thread inherits.
 void PrepareProcess();
 
 void WriteBanner();
 void OpenSystemLog();
+
+// Introduces the daemon to the system-management bus driver and traces what the driver knows. Warns
+// when the daemon is older than the driver. A missing driver or a failing request is traced and
+// otherwise of no consequence. In smbus_probe.cpp.
+void DiscoverSmbusDriverInfo();
 
 // The process id file. Failing to write it is reported; the daemon runs on without.
 void CreatePidFile();

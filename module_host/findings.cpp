@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "base/elf_exports.h"
-#include "daemon/wait_signals.h"
+#include "daemon/startup.h"
 
 namespace {
 

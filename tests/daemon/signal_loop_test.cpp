@@ -1,7 +1,5 @@
 // What the real program cannot be brought to: signals that nobody waits for, a wait that fails, an
 // init system that does not listen.
-#include "daemon/signal_loop.h"
-
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -14,6 +12,7 @@
 #include <cstdlib>
 
 #include "daemon/notify.h"
+#include "daemon/service.h"
 #include "kemd/exit_event.h"
 #include "tests/traced_test.h"
 

@@ -1,7 +1,5 @@
 // The probe and a driver played by this program: the device is a plain file and ioctl is ours.
 // Offsets in the records are those of the driver's binary interface.
-#include "daemon/smbus_probe.h"
-
 #include <stdarg.h>
 #include <stdlib.h>
 
@@ -10,6 +8,7 @@
 #include <filesystem>
 #include <sstream>
 
+#include "daemon/startup.h"
 #include "daemon/version.h"
 #include "tests/traced_test.h"
 
