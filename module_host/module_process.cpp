@@ -12,8 +12,6 @@
 #include <new>
 #include <system_error>
 
-#include "module_host/module_calls.h"
-
 namespace {
 
 using Clock = std::chrono::steady_clock;

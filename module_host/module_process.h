@@ -6,8 +6,8 @@
 
 #include <string>
 
-#include "module_host/call_board.h"
-#include "module_host/process_view.h"
+#include "module_host/findings.h"
+#include "module_host/module_calls.h"
 
 class ModuleProcess {
   public:
