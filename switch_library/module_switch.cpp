@@ -1,6 +1,5 @@
 #include "switch_library/module_switch.h"
 
-#include <cxxabi.h>
 #include <dirent.h>
 #include <dlfcn.h>
 #include <pthread.h>
@@ -8,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -63,56 +63,6 @@ void Report(const std::string& name, const char* what, const char* reason) {
 void LeaveOut(const std::string& name, const char* what, const char* reason) {
     Report(name, what, reason);
     WriteToJournal("module %s %s: %s", name.c_str(), what, reason);
-}
-
-// Calls into a module and keeps what it threw, cut to a line. A cancelled thread is not a failure.
-using Thrown = std::array<char, 512>;
-template <typename Call>
-bool CallModule(const std::string& name, const char* callName, Thrown& thrown, Call call) {
-    const ModuleCall guard(name, callName);
-    try {
-        call();
-        return true;
-    } catch (const abi::__forced_unwind&) {
-        throw;
-    } catch (const std::exception& error) {
-        std::snprintf(thrown.data(), thrown.size(), "%s", error.what());
-    } catch (...) {
-        std::snprintf(thrown.data(), thrown.size(), "unknown exception");
-    }
-    return false;
-}
-
-// An initialiser that threw has left the loader in the middle of its work, its lock held. Any other
-// load or unload, also that of this library, would wait for ever or run the destructors of objects
-// that were never constructed; quick_exit does neither, and the daemon cleans up in it.
-[[noreturn]] void EndWithoutLoader(const std::string& name, const char* thrown) {
-    constexpr const char* kReason =
-        "module %s threw an exception out of an initialiser (%s): the dynamic loader cannot be "
-        "used any more, the daemon ends; remove or mend the module";
-    KemdMessage(kTag, kReason, name.c_str(), thrown);
-    WriteToJournal(kReason, name.c_str(), thrown);
-    std::quick_exit(1);
-}
-
-void* Open(const std::string& name, const std::string& path) {
-    // dlopen is declared not to throw, but an initialiser of the module may: the compiler must not
-    // see whom it calls, or it leaves the handler out.
-    void* (*volatile const open)(const char*, int) = dlopen;
-    const ModuleCall guard(name, "load");
-    try {
-        return open(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    } catch (const std::exception& error) {
-        if (!guard.IsForked()) EndWithoutLoader(name, error.what());
-    } catch (...) {
-        if (!guard.IsForked()) EndWithoutLoader(name, "unknown exception");
-    }
-    _exit(1);
-}
-
-void Close(const std::string& name, void* library) {
-    const ModuleCall guard(name, "unload");
-    dlclose(library);
 }
 
 // A static object of it is an exit handler, which goes when this library is closed.
@@ -191,7 +141,7 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
     if (!fault.empty()) return LeaveOut(name, "is left out", fault.c_str());
     Announce(name, "loading");
     Module module{name, nullptr, nullptr, false, false, {}};
-    module.library = Open(name, file.resolved);
+    module.library = OpenModule(name, file.resolved);
     if (module.library == nullptr) return LeaveOut(name, "cannot be loaded", dlerror());
 
     module.entry = static_cast<const KemdModule*>(dlsym(module.library, "kemdModule"));
@@ -199,7 +149,7 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
         HasEntry(module.entry) ? "it is loaded under another name" : Refuse(module.entry);
     if (reason != nullptr) {
         LeaveOut(name, "is left out", reason);
-        return Close(name, module.library);
+        return CloseModule(name, module.library);
     }
     const std::lock_guard lock(m_lock);
     m_modules.push_back(std::move(module));
@@ -289,7 +239,7 @@ bool ModuleSwitch::UnloadModules(uint32_t /*options*/) {
         if (module->failed || keep) {
             isAllUnloaded = false;
         } else {
-            Close(module->name, module->library);
+            CloseModule(module->name, module->library);
         }
     }
     const std::lock_guard lock(m_lock);
@@ -322,3 +272,51 @@ void ModuleSwitch::ReportEnd(const char* what) {
                 ThreadName(thread).data(), owner != nullptr ? "in the start of module " : "later",
                 owner != nullptr ? owner->name.c_str() : "");
 }
+
+// The three entry points by which the daemon finds the library, and what the library has the trace
+// say when a module ends the process.
+static ModuleSwitch g_switch;
+static std::atomic<int> g_references{0};
+
+// In force from the load of this library to its end.
+static class EndReport {
+  public:
+    EndReport() {
+        m_previous = std::set_terminate(ReportTerminate);
+        (void)std::at_quick_exit([] { g_switch.ReportEnd("the process is ended"); });
+    }
+    ~EndReport() { std::set_terminate(m_previous); }
+    EndReport(const EndReport&) = delete;
+    EndReport& operator=(const EndReport&) = delete;
+
+  private:
+    [[noreturn]] static void ReportTerminate() {
+        g_switch.ReportEnd(
+            "std::terminate, for an exception that nobody catches or a thread that was not joined,");
+        m_previous();
+        std::abort();
+    }
+
+    static inline std::terminate_handler m_previous = nullptr;
+} g_endReport;
+
+extern "C" {
+
+KEMD_API void SW_AddRef() {
+    ++g_references;
+}
+
+// The last reference: nothing of a module may be left behind, whoever forgot to unload.
+KEMD_API void SW_Release() {
+    if (--g_references == 0) g_switch.UnloadModules(0);
+}
+
+// `identifier` 0 is the module-control interface, the only one. Hands out a reference.
+KEMD_API bool SW_QueryInterface(int32_t identifier, IModuleSwitch** interface) {
+    if (identifier != 0 || interface == nullptr) return false;
+    SW_AddRef();
+    *interface = &g_switch;
+    return true;
+}
+
+}  // extern "C"
