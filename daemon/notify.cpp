@@ -15,7 +15,7 @@
 
 namespace {
 
-// `state` has several lines; the first one stands for it in a message.
+// `state` has several lines; a message shows the first one.
 void Notify(std::string_view state) {
     const int error = NotifyInitSystem(state, NotifyWait::kAtMostFiveSeconds);
     if (error == 0) return;
@@ -31,9 +31,9 @@ void NotifyReady() {
 }
 
 void NotifyStopping() {
-    static bool isTold = false;
-    if (isTold) return;
-    isTold = true;
+    static bool isSent = false;
+    if (isSent) return;
+    isSent = true;
     Notify("STOPPING=1\nSTATUS=Stopping");
 }
 
@@ -44,7 +44,7 @@ void ReportStart(const char* format, ...) {
     va_start(args, format);
     (void)std::vsnprintf(text.data() + kKey, text.size() - kKey, format, args);
     va_end(args);
-    std::replace(text.begin(), text.end(), '\n', ' ');  // of a path: it stays one line
+    std::replace(text.begin(), text.end(), '\n', ' ');  // a path may hold one
     std::fprintf(stderr, "%s: %s-MAIN: %s\n", program_invocation_name, kTag, text.data() + kKey);
     Notify(text.data());
 }

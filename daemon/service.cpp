@@ -26,9 +26,8 @@ EventHandle& CreateExitEvent() {
     return g_exitEvent.object;
 }
 
-// The loop's own reference to the exit event, taken before any module exists: what a module does to
-// the common handle must not leave a daemon that cannot be stopped. It also sees to it that the
-// event is created before `main`.
+// The loop's own reference to the exit event: whatever a module does to the common handle, the
+// daemon can be stopped. Taking it here creates the event before `main`.
 constinit NeverDestroyed<EventHandle> g_ownHandle;
 EventHandle& g_ownExitEvent = g_ownHandle.object = ExitEvent();
 
@@ -87,7 +86,7 @@ void Dispatch(IModuleSwitch* modules) {
     }
 }
 
-// Waiting failed: nothing could ever stop this process, so it stops now.
+// If waiting fails, nothing can ever stop this process: it stops now.
 void StopAfterError(IModuleSwitch* modules, int result) {
     Debug.Message("%s-MAIN: ## ERROR sigwait() failed (ret=%d) ##\n", kTag, result);
     Debug.Message(
@@ -164,8 +163,8 @@ Outcome Guarded(Call call) {
     return Outcome::kFailed;
 }
 
-// Runs with every handler left, also when the initial thread itself is ended by a module: an
-// exception may have lived in the library.
+// Closes the library after every exception handler is left, because an exception may live in it;
+// also when a module ends the initial thread.
 struct Cleanup {
     SwitchBinding& binding;
 
@@ -173,7 +172,7 @@ struct Cleanup {
     Cleanup(const Cleanup&) = delete;
     Cleanup& operator=(const Cleanup&) = delete;
     ~Cleanup() {
-        EndForkedChild();  // which came back by an exception
+        EndForkedChild();  // if it came back by an exception
         binding.CloseLibrary();
         RemovePidFile();
     }
@@ -181,7 +180,7 @@ struct Cleanup {
 
 }  // namespace
 
-// The static object of whichever file asks first creates the event.
+// Created by the first call, which may come from the static initialisation of another file.
 EventHandle& ExitEvent() {
     static EventHandle& handle = CreateExitEvent();
     return handle;
@@ -198,7 +197,7 @@ void WaitForStop(IModuleSwitch* modules) {
             StopAfterError(modules, result);
         }
     } while (CheckEvent(g_ownExitEvent) == 0 && !g_stopDecided);
-    NotifyStopping();  // whoever decided it
+    NotifyStopping();  // no matter what set the event
     Debug.Message("%s-MAIN: ## Someone signaled exit state ##\n", kTag);
 }
 
@@ -211,8 +210,8 @@ bool RunService(SwitchBinding& binding, ModuleLoadParams& params) {
         WaitForStop(binding.pInterface);
     });
     EndForkedChild();
-    // After any other exception nobody knows what state the library is in. When memory has ended,
-    // the modules that have started are stopped all the same.
+    // After any other exception the state of the library is unknown. After std::bad_alloc the
+    // modules that were started can still be stopped.
     const bool isStopped =
         run != Outcome::kFailed && Guarded([&] { StopModules(binding); }) == Outcome::kDone;
     if (!isStopped) KeepModules();

@@ -129,7 +129,7 @@ void TraceNumber(const char* name, uint32_t value) {
     TRACE(2, "%-28s: 0x%08X\n", name, value);
 }
 
-// A field without a terminator must not run on into the next one.
+// A field may lack a terminator.
 template <size_t kSize>
 void TraceText(const char* name, const char (&field)[kSize]) {
     TRACE(2, "%-28s: %.*s\n", name, static_cast<int>(kSize), field);

@@ -87,7 +87,7 @@ void DropStandardStreams() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) (void)dup2(null.Get(), fd);
 }
 
-// 0 or the errno of what failed; nothing is left behind then.
+// 0 or an errno number; after a failure there is no file.
 int WritePid(const char* path) {
     UniqueFd file = OpenRegularFile(path, O_WRONLY | O_CREAT | O_TRUNC, 0666);
     if (!file.IsOpen()) return errno;
@@ -114,7 +114,7 @@ bool AnswerQuestion(int argc, char** argv, int& status) {
 
 void OpenStandardDescriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        // open takes the lowest free number, which is this one.
+        // open takes the lowest free number: this one.
         if (fcntl(fd, F_GETFD) < 0) (void)!open("/dev/null", O_RDWR);
     }
 }
@@ -139,7 +139,7 @@ bool Detach(int argc, char** argv) {
                      kTag, std::strerror(errno));
         return false;
     }
-    if (child > 0) exit(0);  // not by return: the lock is the child's now
+    if (child > 0) exit(0);  // not return: the lock now belongs to the child
     DropStandardStreams();
     return true;
 }
@@ -170,7 +170,7 @@ sigset_t WaitSignals() {
 void PrepareProcess() {
     (void)setsid();  // fails harmlessly in the foreground
     (void)!chdir("/");
-    umask(026);  // Required: 026, not 022. Nothing of ours is for others to read.
+    umask(026);  // Required: 026, not 022. No file of ours is for others to read.
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ignore, nullptr);
