@@ -28,7 +28,7 @@ std::optional<Buffer> ReadAll(int fd, size_t limit) {
     struct stat status {};
     if (fstat(fd, &status) != 0) return std::nullopt;
     constexpr size_t kStep = 4096;
-    const auto size = static_cast<size_t>(status.st_size);  // 0: a device, which does not know
+    const auto size = static_cast<size_t>(status.st_size);  // 0: a device does not know it
     Buffer bytes(std::min(size == 0 ? kStep : size, limit + 1));
     size_t done = 0;
     while (size == 0 || done < size) {
@@ -96,7 +96,7 @@ struct EfiSmbiosAddresses {
     uint64_t version2 = 0;  // "SMBIOS"
 };
 
-// 0 for what is no hexadecimal number up to its end.
+// 0 unless the whole text is a hexadecimal number.
 uint64_t ParseAddress(std::string_view text) {
     if (text.starts_with("0x") || text.starts_with("0X")) text.remove_prefix(2);
     uint64_t address = 0;
@@ -104,7 +104,7 @@ uint64_t ParseAddress(std::string_view text) {
     return result.ec == std::errc() && result.ptr == text.data() + text.size() ? address : 0;
 }
 
-// Lines that say something else, or nothing sensible, are skipped.
+// Skips lines with other names and lines without a valid address.
 EfiSmbiosAddresses ParseEfiSystemTable(std::string_view text) {
     EfiSmbiosAddresses addresses;
     while (!text.empty()) {
@@ -145,7 +145,7 @@ std::optional<SmbiosData> GetAnySMBiosFromMemory() {
     return std::nullopt;
 }
 
-// The device gives the entry point and, behind it, the table.
+// The device gives the entry point followed by the table.
 std::optional<SmbiosData> GetEsxiSmbios() {
     const UniqueFd device(open(kEsxiSmbios, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};

@@ -27,7 +27,7 @@ constexpr size_t kVersion = 4;  // minor, then major
 constexpr size_t kTableSize = 6;
 constexpr size_t kChecksum = 31;
 
-// Signed as in the checks of the size: the room behind a late table is less than nothing.
+// Signed: the room after a table near the end of the area can be negative.
 struct Table {
     int offset;
     int size;
@@ -35,7 +35,7 @@ struct Table {
     int minor;
 };
 
-// At every paragraph; the area's size when there is none.
+// Looks at every paragraph; the area's size when there is none.
 size_t FindSignature(Bytes area) {
     size_t offset = 0;
     while (offset < area.size() && std::memcmp(area.data() + offset, "$PIR", 4) != 0) {
@@ -145,8 +145,7 @@ std::vector<uint8_t> CDeviceBiosBase::GetRoutingTable() {
     return result;
 }
 
-// Not blocking: a FIFO in the device's place must make nobody wait. Nothing but a device or a file
-// can be mapped.
+// O_NONBLOCK: a FIFO in the device's place must not block. Only a device or a file can be mapped.
 CDeviceBios::CDeviceBios() {
     TRACE(3, "\nCDeviceBiosBase     :   connect to BIOS device...");
     m_file.Reset(open(kMemoryDevice, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
@@ -160,7 +159,7 @@ CDeviceBios::CDeviceBios() {
     }
 }
 
-// Reads both ends: touching a mapping of memory that is not there would end the process.
+// Reads both ends first: touching mapped memory that does not exist would end the process.
 bool CDeviceBios::IsReadable(uint64_t address, size_t length) {
     if (length == 0 || address > INT64_MAX - length) {
         m_lastError = EINVAL;

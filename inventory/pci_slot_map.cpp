@@ -53,7 +53,7 @@ SlotMap ChooseMap() {
     return {};
 }
 
-// Never destroyed: threads of modules may ask until the process is gone.
+// Never destroyed: threads of modules may use it until the process is gone.
 const SlotMap& TheMap() {
     const CancelGuard guard;
     static const SlotMap& map = *new SlotMap(ChooseMap());
@@ -106,7 +106,7 @@ void CPciSlotMap::UpdateSlotTypeFromSMBios(Slots& irqSlots, const Slots& smbiosS
     }
     TRACE(3, "\nCPciSlotMap::UpdateSlotTypeFromSMBios(): Done.\n");
 } catch (const std::exception&) {
-    // Without memory for a trace text the other types stay as they are.
+    // No memory for a trace text: the remaining types stay as they are.
 }
 
 const PciSlotData* CPciSlotMap::Find(const Slots& slots, uint8_t bus, uint8_t device) {
@@ -147,5 +147,5 @@ uint8_t CPciSlotMap::GetPciSlotNumber(uint8_t bus, uint8_t device) try {
     TraceNotFound(bus, device);
     return 0;
 } catch (const std::exception&) {
-    return 0;  // without memory for a trace text
+    return 0;  // no memory for a trace text
 }

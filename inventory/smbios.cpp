@@ -93,7 +93,7 @@ bool CSMBios::Fail(const char* format, ...) {
     return false;
 }
 
-// One structure: traced, entered into the index and stepped over.
+// Traces one structure, adds it to the index and steps over it.
 bool CSMBios::TakeStructure(SmbiosWalk& walk, SmbiosStructure& structure) {
     const SmbiosStructure last = structure;
     m_position = walk.Position();

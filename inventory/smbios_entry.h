@@ -27,22 +27,22 @@ struct SmbiosRevision {
     uint8_t minor = 0;
 };
 
-// Whether the bytes begin as one of the entry points that are known.
+// Whether the bytes begin like a known entry point.
 bool HasSmbiosAnchor(std::span<const uint8_t> entryPoint);
 
-// Checks a version-2 entry point; `mapped` may go on behind it. Traces it, and stores it with what
-// it says of the table. False when its bytes do not add up to 0, or are not all there.
+// Checks a version-2 entry point at the start of `mapped`. Traces it, and stores it with what it
+// says about the table. False when its bytes do not add up to 0 or are incomplete.
 bool CheckSmbiosHeader(std::span<const uint8_t> mapped, SmbiosData& data);
 
-// The revision that a stored entry point of any kind gives; traces when there is none.
+// The revision in a stored entry point of any kind; traces when there is none.
 std::optional<SmbiosRevision> ReadSmbiosRevision(std::span<const uint8_t> entryPoint);
 
-// Where an entry point says that its table lies: an address in memory, or in a dump the offset.
+// Where the table lies according to the entry point: an address in memory, an offset in a dump.
 struct SmbiosTableRange {
     uint64_t address;
     uint64_t length;
 };
-// Of either version; 0 where the bytes are too few.
+// Of either version; fields beyond the end of the bytes are 0.
 SmbiosTableRange ReadSmbiosTableRange(std::span<const uint8_t> entryPoint);
 // The entry point's own length field; 0 when it has none.
 size_t ReadSmbiosEntryLength(std::span<const uint8_t> entryPoint);

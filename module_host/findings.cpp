@@ -144,7 +144,7 @@ ProcessView LookAt(pid_t process) {
     const std::string root = "/proc/" + std::to_string(process);
     for (const int thread : Numbers(root + "/task")) {
         Status status = ReadStatus(root + "/task/" + std::to_string(thread) + "/status");
-        if (status.empty()) continue;  // ended meanwhile
+        if (status.empty()) continue;  // it has ended
         view.threads[thread] = {status["Name"], Signals(status, "SigBlk")};
     }
     for (const int file : Numbers(root + "/fd")) {
@@ -163,7 +163,7 @@ ProcessView LookAt(pid_t process) {
 }
 
 Findings ReplacedSymbols(const char* module) {
-    const ElfExports daemon = ReadElfExports("/proc/self/exe");  // shows the same as the daemon
+    const ElfExports daemon = ReadElfExports("/proc/self/exe");  // exports what the daemon exports
     Findings findings;
     for (const std::string& name : ReadElfExports(module).names) {
         if (!daemon.Has(name)) continue;

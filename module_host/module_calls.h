@@ -1,5 +1,5 @@
-// What the host and the process that holds the module tell each other, and the side of the module:
-// a process that is prepared like the daemon's and makes the calls.
+// The process that holds the module: it is prepared like the daemon and makes the calls that the
+// host asks for on a board in shared memory.
 #pragma once
 
 #include <semaphore.h>
@@ -16,9 +16,9 @@ enum class Outcome {
     kEnded,     // the calling thread was cancelled, or ended itself
 };
 
-// Memory that both share, because a module may close every descriptor of its process. The host
-// writes `call` and posts `go`; the module's process makes the call, writes the rest and posts
-// `done`. Each side touches the board only while it is its turn.
+// Shared memory, because a module may close every descriptor of its process. The host writes `call`
+// and posts `go`; the module's process makes the call, writes the rest and posts `done`. Each side
+// touches the board only in its turn.
 struct CallBoard {
     sem_t go;
     sem_t done;
@@ -31,6 +31,6 @@ struct CallBoard {
     std::array<char, 512> text;
 };
 
-// Never returns. Posts `done` once when it is ready, then once for each call that is asked for.
-// `path` is absolute. The process dies with the one that made it.
+// Never returns. Posts `done` when it is ready and after each call. `path` is absolute. The process
+// dies with its parent.
 [[noreturn]] void ServeCalls(CallBoard& board, const char* path);

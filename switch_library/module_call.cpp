@@ -13,13 +13,13 @@ namespace {
 
 constexpr const char* kTag = "switch";
 
-// Not thread_local: that of a library takes the dynamic loader's lock.
+// Not thread_local: in a library that takes the dynamic loader's lock.
 std::atomic<const ModuleCall*> g_current{nullptr};
 std::atomic<pid_t> g_thread{0};
 
-// An initialiser that threw has left the loader in the middle of its work, its lock held. Any other
-// load or unload, also that of this library, would wait for ever or run the destructors of objects
-// that were never constructed; quick_exit does neither, and the daemon cleans up in it.
+// An initialiser that throws leaves the loader in the middle of its work, with its lock held. Every
+// further load or unload, also of this library, would wait for ever or destroy objects that were
+// never constructed; quick_exit does neither, and the daemon cleans up in its handler.
 [[noreturn]] void EndWithoutLoader(const std::string& name, const char* thrown) {
     constexpr const char* kReason =
         "module %s threw an exception out of an initialiser (%s): the dynamic loader cannot be "
@@ -61,8 +61,8 @@ const ModuleCall* ModuleCall::Current() {
 }
 
 void* OpenModule(const std::string& name, const std::string& path) {
-    // dlopen is declared not to throw, but an initialiser of the module may: the compiler must not
-    // see whom it calls, or it leaves the handler out.
+    // dlopen is declared not to throw, but an initialiser of the module may. The volatile pointer
+    // hides dlopen from the compiler, which would otherwise leave the handler out.
     void* (*volatile const open)(const char*, int) = dlopen;
     const ModuleCall guard(name, "load");
     try {

@@ -1,5 +1,5 @@
-// Calls into a module, on the initial thread: which call it is, what it throws, and that the
-// process is still the daemon, with its signal mask, when the call is over.
+// Calls into a module, on the initial thread: records which call it is and what it throws, and
+// makes sure that afterwards the process is still the daemon, with its signal mask.
 #pragma once
 
 #include <cxxabi.h>
@@ -15,14 +15,13 @@ class ModuleCall {
   public:
     // `name` is that of one of a module's calls, "start" for example. Both outlive the object.
     ModuleCall(const std::string& module, const char* name);
-    // However the call ended. A child that the module forked and that came back ends here. The
-    // signal mask is put back: a module that unblocks SIGTERM on the daemon's thread would make the
-    // next stop an immediate death.
+    // A child that the module forked and that returned ends here. Restores the signal mask: with
+    // SIGTERM unblocked on this thread the next stop would kill the daemon at once.
     ~ModuleCall();
     ModuleCall(const ModuleCall&) = delete;
     ModuleCall& operator=(const ModuleCall&) = delete;
 
-    // The one that the calling thread is in; null: none.
+    // The call that the calling thread is in; null: none.
     static const ModuleCall* Current();
 
     [[nodiscard]] const char* Module() const { return m_module.c_str(); }
@@ -38,7 +37,7 @@ class ModuleCall {
     sigset_t m_mask{};
 };
 
-// Calls into a module and keeps what it threw, cut to a line. A cancelled thread is not a failure.
+// False when the call threw; `thrown` is what, cut to a line. A cancelled thread is not a failure.
 using Thrown = std::array<char, 512>;
 template <typename Call>
 bool CallModule(const std::string& name, const char* callName, Thrown& thrown, Call call) {

@@ -49,7 +49,7 @@ bool ListModules(const std::string& directory, std::vector<std::string>& names) 
     return true;
 }
 
-// What is about to be done to a module: should it never end, the trace and the service name it.
+// Announces each step: if it never ends, the trace and the service status name the module.
 void Announce(const std::string& name, const char* doing) {
     ShowStatus("%s module %s", doing, name.c_str());
     KemdTrace(kTag, 1, "module %s %s", name.c_str(), doing);
@@ -59,13 +59,13 @@ void Report(const std::string& name, const char* what, const char* reason) {
     KemdMessage(kTag, "module %s %s: %s", name.c_str(), what, reason);
 }
 
-// The same for a module that does not come to run: in the journal as well.
+// The same for a module that will not run: in the journal as well.
 void LeaveOut(const std::string& name, const char* what, const char* reason) {
     Report(name, what, reason);
     WriteToJournal("module %s %s: %s", name.c_str(), what, reason);
 }
 
-// A static object of it is an exit handler, which goes when this library is closed.
+// A static object of this class is an exit handler that is gone once the library is closed.
 class ExitReport {
   public:
     explicit ExitReport(ModuleSwitch& modules) : m_modules(modules) {}
@@ -77,7 +77,7 @@ class ExitReport {
     ModuleSwitch& m_modules;
 };
 
-// What makes a library a module of this version; null when it is one.
+// Why the library is no module of this version; null when it is one.
 const char* Refuse(const KemdModule* entry) {
     if (entry == nullptr) return "it does not export kemdModule";
     if (entry->version != KEMD_MODULE_VERSION) return "its interface version is another";
@@ -101,8 +101,8 @@ bool ModuleSwitch::LoadModules(ModuleLoadParams* params) {
         WriteToJournal("no module is loaded: %s", reason.c_str());
         return false;
     }
-    // A module that cancels its caller would end the thread that the daemon lives on while the
-    // others run. Never switched back: a request that is pending would be obeyed then.
+    // A module that cancels its caller would end the daemon's own thread. Never enabled again: a
+    // pending request would be obeyed then.
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     if (m_modules.empty()) m_threadsBefore = LiveThreads();
     m_process = getpid();
@@ -131,10 +131,10 @@ bool ModuleSwitch::HasEntry(const KemdModule* entry) const {
                        [&](const Module& module) { return module.entry == entry; });
 }
 
-// All memory that the module's record takes is there before the module is: none is loaded and
-// forgotten.
+// All memory for the module's record is allocated before the module is loaded, so that none is
+// loaded and then forgotten.
 void ModuleSwitch::LoadModule(const std::string& directory, const std::string& name) {
-    // What was looked at is what is loaded, whatever becomes of a link meanwhile.
+    // Load the file that was checked, even if a link changes meanwhile.
     const PathReport file = WalkPath(directory + "/" + name);
     std::string fault = Unsafe(file);
     if (fault.empty()) fault = LookAtLibrary(file.resolved.c_str()).text;
@@ -157,7 +157,7 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
 }
 
 void ModuleSwitch::StartAllModules() {
-    // Once more: the handlers that were registered last, now those of the modules, come first.
+    // Registered once more: the handlers registered last, now those of the modules, run first.
     static const ExitReport report(*this);
     for (Module& module : m_modules) {
         if (!module.started && !module.failed) StartModule(module);
@@ -210,8 +210,8 @@ const ModuleSwitch::Module* ModuleSwitch::OwnerOf(pid_t thread) const {
     return owner == m_modules.end() ? nullptr : &*owner;
 }
 
-// Everything has been stopped, so a thread that was not there before the modules runs code of one
-// of them, or will return into it.
+// Everything has been stopped, so a thread that is newer than the modules runs code of one of them,
+// or will return into it.
 bool ModuleSwitch::ThreadsAreLeft() const {
     AwaitOnly(m_threadsBefore);
     bool areLeft = false;
@@ -235,7 +235,7 @@ bool ModuleSwitch::UnloadModules(uint32_t /*options*/) {
     const bool keep = !m_modules.empty() && ThreadsAreLeft();
     if (keep) KemdMessage(kTag, "threads of modules may still run: no module is unloaded");
     for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
-        // What a failed start or stop left behind may still be running in there.
+        // After a failed start or stop something may still be running in there.
         if (module->failed || keep) {
             isAllUnloaded = false;
         } else {
@@ -273,12 +273,11 @@ void ModuleSwitch::ReportEnd(const char* what) {
                 owner != nullptr ? owner->name.c_str() : "");
 }
 
-// The three entry points by which the daemon finds the library, and what the library has the trace
-// say when a module ends the process.
+// The three entry points that the daemon resolves, and the report when a module ends the process.
 static ModuleSwitch g_switch;
 static std::atomic<int> g_references{0};
 
-// In force from the load of this library to its end.
+// In force while this library is loaded.
 static class EndReport {
   public:
     EndReport() {
@@ -306,12 +305,12 @@ KEMD_API void SW_AddRef() {
     ++g_references;
 }
 
-// The last reference: nothing of a module may be left behind, whoever forgot to unload.
+// With the last reference all modules go, even if no one called UnloadModules.
 KEMD_API void SW_Release() {
     if (--g_references == 0) g_switch.UnloadModules(0);
 }
 
-// `identifier` 0 is the module-control interface, the only one. Hands out a reference.
+// `identifier` 0 is the module-control interface, the only one. Adds a reference.
 KEMD_API bool SW_QueryInterface(int32_t identifier, IModuleSwitch** interface) {
     if (identifier != 0 || interface == nullptr) return false;
     SW_AddRef();

@@ -21,12 +21,12 @@ std::string_view Format(Line& line, const char* begin, const char* format, va_li
 std::string_view Format(Line& line, const char* begin, const char* format, va_list args) {
     const auto start = static_cast<size_t>(std::snprintf(line.data(), line.size(), "%s", begin));
     std::vsnprintf(line.data() + start, line.size() - start - 1, format, args);
-    // A name of a file may hold anything; this is one line.
+    // The name of a file may hold anything; this stays one line.
     std::replace(line.begin(), line.end(), '\n', ' ');
     return line.data();
 }
 
-// The service manager names the stream by its device and inode: the variable outlives it.
+// Compare device and inode: the variable stays set when standard error is redirected.
 bool IsJournal(int file) {
     const char* const stream = std::getenv("JOURNAL_STREAM");
     struct stat status {};
