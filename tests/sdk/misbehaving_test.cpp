@@ -27,7 +27,7 @@ class MisbehavingTest : public DaemonTest {
     static void Install(const std::string& kind) {
         ClearModules();
         AddModule("/build/modules/notifications.so");
-        if (!kind.empty()) AddModule("/test/misbehaving/" + kind + ".so");
+        if (!kind.empty()) AddModule("/test/misbehaving/any.so", kind + ".so");
     }
 
     // Until the daemon waits for signals, as the ring shows it: a module may close the log file.
