@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "base/unique_fd.h"
 #include "daemon/notify.h"
 #include "daemon/service.h"
 #include "kemd/exit_event.h"
@@ -97,10 +98,10 @@ TEST_F(SignalLoopTest, FailedWaitIsAStop) {
 TEST_F(SignalLoopTest, InitSystemThatDoesNotReadHoldsNothingUp) {
     sockaddr_un address{AF_UNIX, "/run/deaf"};
     const auto* to = reinterpret_cast<const sockaddr*>(&address);
-    const int deaf = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    ASSERT_EQ(bind(deaf, to, sizeof(address)), 0);
-    while (sendto(sender, "x", 1, 0, to, sizeof(address)) == 1) continue;
+    const UniqueFd deaf(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const UniqueFd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    ASSERT_EQ(bind(deaf.Get(), to, sizeof(address)), 0);
+    while (sendto(sender.Get(), "x", 1, 0, to, sizeof(address)) == 1) continue;
     setenv("NOTIFY_SOCKET", "/run/deaf", 1);
     NotifyReady();  // without a limit it would not return
     unsetenv("NOTIFY_SOCKET");
@@ -108,8 +109,6 @@ TEST_F(SignalLoopTest, InitSystemThatDoesNotReadHoldsNothingUp) {
     EXPECT_TRUE(Contains(Trace(),
                          "KEMD-MAIN: cannot send READY=1 to /run/deaf (Resource "
                          "temporarily unavailable)\n"));
-    close(deaf);
-    close(sender);
 }
 
 }  // namespace

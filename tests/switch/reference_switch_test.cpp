@@ -21,6 +21,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr const char* kMisbehaving = "/test/misbehaving/any.so";
+
 class ReferenceSwitchTest : public SwitchTest {
   protected:
     void SetUp() override {
@@ -85,9 +87,10 @@ TEST_F(ReferenceSwitchTest, ModulesUseTheHostServices) {
 }
 
 TEST_F(ReferenceSwitchTest, BadModulesAreNamedAndLeftOut) {
-    for (const std::string fault : {"function", "start", "symbol", "throw", "version"}) {
+    for (const std::string fault : {"function", "symbol", "version"}) {
         AddModule("/test/bad_modules/bad_" + fault + ".so");
     }
+    for (const char* name : {"fails.so", "throws.so"}) AddModule(kMisbehaving, name);
     AddModule("/build/modules/notifications.so");
     fs::create_symlink("notifications.so", "/tmp/modules/second_name.so");
     WriteFile("/tmp/modules/broken.so", "not a library");
@@ -98,18 +101,18 @@ TEST_F(ReferenceSwitchTest, BadModulesAreNamedAndLeftOut) {
     m_binding.pInterface->StartAllModules();
     m_binding.pInterface->NotifyModules(kNotifyStop, nullptr, 0);
     m_binding.pInterface->StopAllModules();
-    EXPECT_TRUE(InOrder(
-        Trace(),
-        {"module bad_function.so is left out: start or stop is missing\n",
-         "module bad_symbol.so is left out: it does not export kemdModule\n",
-         "module bad_version.so is left out: its interface version is another\n",
-         "module broken.so is left out: no ELF file\n",
-         "module cut.so is left out: cut off after 4096 bytes\n",
-         "module pipe.so is left out: no regular file\n",
-         "module second_name.so is left out: it is loaded under another name\n",
-         "module bad_start.so failed to start: result 42\n",
-         "module bad_throw.so failed to start: not today\n", "module notifications.so started\n",
-         "notification 0x20000\n", "module notifications.so stopped\n"}));
+    EXPECT_TRUE(
+        InOrder(Trace(),
+                {"module bad_function.so is left out: start or stop is missing\n",
+                 "module bad_symbol.so is left out: it does not export kemdModule\n",
+                 "module bad_version.so is left out: its interface version is another\n",
+                 "module broken.so is left out: no ELF file\n",
+                 "module cut.so is left out: cut off after 4096 bytes\n",
+                 "module pipe.so is left out: no regular file\n",
+                 "module second_name.so is left out: it is loaded under another name\n",
+                 "module fails.so failed to start: result 7\n", "module notifications.so started\n",
+                 "module throws.so failed to start: not today\n", "notification 0x20000\n",
+                 "module notifications.so stopped\n"}));
     EXPECT_EQ(Count(Trace(), ".so started\n") + Count(Trace(), ".so stopped\n"), 2U);
     fs::remove_all("/tmp/modules");
     EXPECT_FALSE(LoadAgain());
@@ -188,7 +191,7 @@ TEST_F(ReferenceSwitchTest, ServiceManagerSeesWhatModulesDo) {
     ASSERT_EQ(bind(manager.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     setenv("NOTIFY_SOCKET", "/tmp/notify", 1);
     AddModule("/build/modules/notifications.so");
-    AddModule("/test/bad_modules/bad_start.so");
+    AddModule(kMisbehaving, "fails.so");
     WriteFile("/tmp/modules/broken.so", "");
     MakeSafe("/tmp/modules/broken.so");
     const UniqueFd standardError(dup(STDERR_FILENO));
@@ -206,7 +209,7 @@ TEST_F(ReferenceSwitchTest, ServiceManagerSeesWhatModulesDo) {
         dup2(standardError.Get(), STDERR_FILENO);
         EXPECT_EQ(ReadFile("/tmp/journal"),
                   isJournal ? "<4>kemd: module broken.so is left out: no ELF file\n"
-                              "<4>kemd: module bad_start.so failed to start: result 42\n"
+                              "<4>kemd: module fails.so failed to start: result 7\n"
                             : "");
         std::string received;
         char text[256];
@@ -214,8 +217,8 @@ TEST_F(ReferenceSwitchTest, ServiceManagerSeesWhatModulesDo) {
             received.append(text, static_cast<size_t>(size)).append("\n");
         }
         EXPECT_EQ(received,
-                  "STATUS=loading module bad_start.so\nSTATUS=loading module notifications.so\n"
-                  "STATUS=starting module bad_start.so\nSTATUS=starting module notifications.so\n"
+                  "STATUS=loading module fails.so\nSTATUS=loading module notifications.so\n"
+                  "STATUS=starting module fails.so\nSTATUS=starting module notifications.so\n"
                   "STATUS=running, 1 module\nSTATUS=stopping module notifications.so\n");
     }
     for (const char* const variable : {"NOTIFY_SOCKET", "JOURNAL_STREAM"}) unsetenv(variable);

@@ -1,5 +1,5 @@
-// What a misbehaving module does to the real daemon, next to a module that behaves, and whether the
-// next start is clean.
+// Modules in the real daemon: misbehaving ones, next to one that behaves, whether the next start is
+// clean, and the template.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -16,7 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class MisbehavingTest : public DaemonTest {
+class ModuleTest : public DaemonTest {
   protected:
     void SetUp() override {
         DaemonTest::SetUp();
@@ -47,7 +47,7 @@ class MisbehavingTest : public DaemonTest {
     }
 };
 
-TEST_F(MisbehavingTest, TheOthersRunOnAndTheStopIsOrderly) {
+TEST_F(ModuleTest, TheOthersRunOnAndTheStopIsOrderly) {
     const std::string started = "module notifications.so started\n";
     const std::string stopped = "module notifications.so stopped\n";
     const std::string unloaded = "unload of all registered extension modules completed!\n";
@@ -98,7 +98,7 @@ TEST_F(MisbehavingTest, TheOthersRunOnAndTheStopIsOrderly) {
 }
 
 // The daemon ends with the module, but says so and removes its files.
-TEST_F(MisbehavingTest, EndFromInsideIsTracedAndLeavesNothing) {
+TEST_F(ModuleTest, EndFromInsideIsTracedAndLeavesNothing) {
     const std::string ended = "the process is ended in the start of module ";
     const std::string cleaned = "KEMD-MAIN: the process was ended from inside";
     const struct {
@@ -132,7 +132,7 @@ TEST_F(MisbehavingTest, EndFromInsideIsTracedAndLeavesNothing) {
 }
 
 // A module that dies or ends the process takes the daemon with it; the files left do no harm.
-TEST_F(MisbehavingTest, DeathLeavesNothingInTheWay) {
+TEST_F(ModuleTest, DeathLeavesNothingInTheWay) {
     for (const auto& [kind, status] :
          {std::pair{"dies", 1000 + SIGSEGV}, {"exits", 3}, {"daemon", 0}}) {
         SCOPED_TRACE(kind);
@@ -144,7 +144,7 @@ TEST_F(MisbehavingTest, DeathLeavesNothingInTheWay) {
     }
 }
 
-TEST_F(MisbehavingTest, StopThatBlocksEndsWithAKill) {
+TEST_F(ModuleTest, StopThatBlocksEndsWithAKill) {
     Install("blocks");
     const pid_t pid = Run();
     kill(pid, SIGTERM);
@@ -156,7 +156,7 @@ TEST_F(MisbehavingTest, StopThatBlocksEndsWithAKill) {
     ExpectCleanRestart();
 }
 
-TEST_F(MisbehavingTest, ChildThatLivesOnKeepsNoLock) {
+TEST_F(ModuleTest, ChildThatLivesOnKeepsNoLock) {
     for (const auto& [signal, status] : {std::pair{SIGTERM, 0}, {SIGKILL, 1000 + SIGKILL}}) {
         Install("forks");
         EXPECT_EQ(Stop(Run(), signal), status);
@@ -168,6 +168,22 @@ TEST_F(MisbehavingTest, ChildThatLivesOnKeepsNoLock) {
         ExpectCleanRestart();
         EXPECT_EQ(kill(child, 0), 0) << "it should still live";
         EXPECT_EQ(Stop(child, SIGKILL), 1000 + SIGKILL);
+    }
+}
+
+// The modules that were built outside of this tree, from the installed template.
+TEST_F(ModuleTest, TemplateRunsHoweverItWasBuilt) {
+    WriteFile("/etc/orvmon/registry",
+              "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[kemd]\n[template]\nSeconds=d=3\n\n\n\n\n\n");
+    for (const std::string tool : {"cmake", "make"}) {
+        SCOPED_TRACE(tool);
+        ClearModules();
+        AddModule("/test/template/" + tool + "/module.so");
+        const pid_t pid = Run();
+        ASSERT_TRUE(WaitFor([this] { return Contains(Trace(), " template      round 1, "); }));
+        EXPECT_EQ(Stop(pid), 0);
+        EXPECT_TRUE(InOrder(Trace(), {"template      every 3 s\n", "module module.so started\n",
+                                      "module module.so stopped\n", "## EXIT PROCESS"}));
     }
 }
 
