@@ -80,7 +80,7 @@ TimeText StartTime() {
     return text;
 }
 
-// Whoever started the daemon may wait until nobody holds its standard streams open any more.
+// The starter may wait until no process holds its standard streams open any more.
 void DropStandardStreams() {
     const UniqueFd null(open("/dev/null", O_RDWR | O_CLOEXEC));
     if (!null.IsOpen()) return;

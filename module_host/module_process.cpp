@@ -54,7 +54,7 @@ ModuleProcess::~ModuleProcess() {
         kill(m_id, SIGKILL);
         waitpid(m_id, nullptr, 0);
     }
-    // The processes that it left behind are our children now, and so are those that they leave.
+    // The processes that it leaves are our children now, and so are those that they leave.
     for (bool found = true; found;) {
         found = false;
         for (const auto& [process, name] : ChildrenOf(getpid())) {

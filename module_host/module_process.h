@@ -1,5 +1,5 @@
 // The process that holds the module, seen from the host: it is asked for calls, watched, and killed
-// at the end with every process that the module left behind.
+// at the end with every process that the module leaves.
 #pragma once
 
 #include <sys/types.h>

@@ -291,7 +291,7 @@ static class EndReport {
   private:
     [[noreturn]] static void ReportTerminate() {
         g_switch.ReportEnd(
-            "std::terminate, for an exception that nobody catches or a thread that was not joined,");
+            "std::terminate, for an uncaught exception or a thread that was not joined,");
         m_previous();
         std::abort();
     }
