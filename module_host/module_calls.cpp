@@ -30,14 +30,6 @@ void SetText(CallBoard& board, Outcome outcome, const char* text) {
     std::snprintf(board.text.data(), board.text.size(), "%s", text);
 }
 
-// Why the library is no module of this version; null when it is one.
-const char* Refuse(const KemdModule* entry) {
-    if (entry == nullptr) return "it does not export kemdModule";
-    if (entry->version != KEMD_MODULE_VERSION) return "its interface version is another";
-    if (entry->start == nullptr || entry->stop == nullptr) return "start or stop is missing";
-    return nullptr;
-}
-
 void Load(CallBoard& board, Module& module, const char* path) {
     const LibraryFault fault = LookAtLibrary(path);
     if (!fault.text.empty()) return SetText(board, Outcome::kNoModule, fault.text.c_str());
@@ -47,7 +39,7 @@ void Load(CallBoard& board, Module& module, const char* path) {
     module.library = open(path, RTLD_NOW | RTLD_LOCAL);
     if (module.library == nullptr) return SetText(board, Outcome::kNoModule, dlerror());
     module.entry = static_cast<const KemdModule*>(dlsym(module.library, "kemdModule"));
-    const char* reason = Refuse(module.entry);
+    const char* reason = RefuseModule(module.entry);
     if (reason != nullptr) return SetText(board, Outcome::kNoModule, reason);
     board.hasNotify = module.entry->notify != nullptr;
 }

@@ -77,14 +77,6 @@ class ExitReport {
     ModuleSwitch& m_modules;
 };
 
-// Why the library is no module of this version; null when it is one.
-const char* Refuse(const KemdModule* entry) {
-    if (entry == nullptr) return "it does not export kemdModule";
-    if (entry->version != KEMD_MODULE_VERSION) return "its interface version is another";
-    if (entry->start == nullptr || entry->stop == nullptr) return "start or stop is missing";
-    return nullptr;
-}
-
 }  // namespace
 
 bool ModuleSwitch::LoadModules(ModuleLoadParams* params) {
@@ -146,7 +138,7 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
 
     module.entry = static_cast<const KemdModule*>(dlsym(module.library, "kemdModule"));
     const char* reason =
-        HasEntry(module.entry) ? "it is loaded under another name" : Refuse(module.entry);
+        HasEntry(module.entry) ? "it is loaded under another name" : RefuseModule(module.entry);
     if (reason != nullptr) {
         LeaveOut(name, "is left out", reason);
         return CloseModule(name, module.library);
