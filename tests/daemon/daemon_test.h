@@ -1,6 +1,6 @@
-// A fixture that runs the real daemon on its real paths with the switch library that a test selects.
-// Traced at level 3, with start-up and run-time ring buffers; the start-up ring stays readable
-// because the daemon finds no gzip.
+// A fixture that runs the real daemon on its real paths with the switch library that a test
+// selects. Traced at level 3, with start-up and run-time ring buffers; the start-up ring stays
+// readable because the daemon finds no gzip.
 #pragma once
 
 #include <sys/types.h>

@@ -84,7 +84,7 @@ TEST_F(SmbusProbeTest, IntroducesTheDaemonAndTracesEveryField) {
         if (size != 0) std::memcpy(&g_driver.reply[offset], &number, size);
         if (size == 0) g_driver.reply.replace(offset, value.size(), value);
         name.resize(28, ' ');
-        lines.push_back(name + ": " + value + "\n");
+        lines.push_back(name.append(": ").append(value).append("\n"));
     }
     DiscoverSmbusDriverInfo();
     for (const auto& [field, value] : own) {

@@ -107,7 +107,8 @@ int TakeDescriptors() {
 // Static threads that are never joined.
 int StartUnjoined(bool areRunning) {
     const auto work = [](bool goesOn) {
-        while (goesOn) pause();
+        if (!goesOn) return;
+        for (;;) pause();
     };
     g_thread = std::thread(work, areRunning);
     if (areRunning) g_another = std::thread(work, true);
@@ -132,7 +133,9 @@ int Change() {
 
 int Fork() {
     const pid_t child = fork();
-    while (child == 0) pause();
+    if (child == 0) {
+        for (;;) pause();
+    }
     KemdTrace(kTag, 2, "child %d", child);
     return 0;
 }
