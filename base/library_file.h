@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "kemd/module.h"
 
 // A regular file of which pieces are read: mapped, it could be cut under the reader.
 class FilePieces {
@@ -52,3 +53,6 @@ struct LibraryFault {
 // what they load and the dynamic section. Sections are not looked at, as the loader does not need
 // them. Never waits.
 LibraryFault LookAtLibrary(const char* path);
+
+// Why a loaded library is no module of this version; null when it is one. `entry`: its kemdModule.
+const char* RefuseModule(const KemdModule* entry);

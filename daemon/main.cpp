@@ -7,7 +7,6 @@
 #include "daemon/notify.h"
 #include "daemon/process_guard.h"
 #include "daemon/service.h"
-#include "daemon/smbus_probe.h"
 #include "daemon/startup.h"
 #include "daemon/version.h"
 #include "lock/file_lock.h"
@@ -23,8 +22,8 @@ int main(int argc, char** argv) {
     OpenStandardDescriptors();
     IgnoreFileSizeLimit();
 
-    // Taken before the fork, so that a second start fails in sight of whoever started it. Every
-    // return gives it up.
+    // Taken before the fork, so that whoever starts a second instance sees it fail. Every return
+    // gives it up.
     CFileLock lock;
     if (!lock.Lock(kLockName, "kemd", 0)) {
         std::fprintf(stderr, "%s: %s-MAIN: Error! Another process instance is already running!\n",
@@ -33,7 +32,7 @@ int main(int argc, char** argv) {
     }
     if (!Detach(argc, argv)) return 1;
 
-    (void)Debug.Init("kemd");  // without its files the daemon runs all the same
+    (void)Debug.Init("kemd");  // the daemon also runs without trace files
     Debug.SetCommandLine(argc, argv);
     ModuleLoadParams params = ParseCommandLine(argc, argv);
     PrepareProcess();
@@ -43,7 +42,7 @@ int main(int argc, char** argv) {
     OpenSystemLog();
     if (params.runMode == kRunModeNormal) DiscoverSmbusDriverInfo();
 
-    // In this frame for the whole run; closed on every way out of it.
+    // Lives as long as this frame; every way out closes it.
     SwitchBinding binding{};
     const bool isBound = binding.Load();
     EndForkedChild();

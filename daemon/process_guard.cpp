@@ -15,12 +15,11 @@
 #include "base/paths.h"
 #include "daemon/startup.h"
 #include "daemon/version.h"
-#include "daemon/wait_signals.h"
 #include "trace/debug.h"
 
 namespace {
 
-// Written by the initial thread before there is another one.
+// Written by the initial thread before any other exists.
 pid_t g_process = 0;  // the daemon; 0: there is no guard
 int g_lock = -1;
 std::terminate_handler g_terminate = nullptr;
@@ -41,14 +40,14 @@ void RemoveFiles() {
     (void)unlink(kLockFile);
 }
 
-// The last words of the trace and, as exit does it, of every stream; no destructor.
+// Flushes the trace and, as exit does, every stream. Runs no destructor.
 [[noreturn]] void End(int status) {
     Debug.Close();
     (void)fcloseall();
     _exit(status);
 }
 
-// Several threads may call it at once: none leaves before the files are removed.
+// Several threads may call it at once: none returns before the files are removed.
 void CleanUpUnlessOver() {
     static bool isDone = false;
     const std::lock_guard lock(g_cleanUp);
@@ -68,8 +67,8 @@ void OnExit(int status, void* argument) {
     if (!IsDaemon()) return;
     OnExitBegin(status, argument);
     if (g_isOver && !g_keepsModules) return;
-    // Each handler is called once: another thread that exits meanwhile must find one as well, or it
-    // ends the process before the files are removed.
+    // Each registered handler is called once. Another thread that exits meanwhile must find one
+    // too, or it ends the process before the files are removed.
     WatchForExit();
     CleanUpUnlessOver();
     End(status);
@@ -93,15 +92,14 @@ void OnQuickExit() {
     abort();
 }
 
-// In the child of a fork. It may live on after the daemon has died, and no other daemon could
-// start.
+// In a forked child: if it outlived the daemon and kept the lock, no other daemon could start.
 void GiveUpLock() {
     if (g_lock >= 0) close(g_lock);
     g_lock = -1;
 }
 
-// Blocks the daemon's signals in the interrupted thread, as they were, and lets this one wait there
-// for the signal loop.
+// Blocks the daemon's signals in the interrupted thread again and sends this one to the signal
+// loop.
 void GiveBack(int signal, siginfo_t* /*info*/, void* context) {
     const int saved = errno;
     if (IsDaemon()) {
@@ -110,7 +108,7 @@ void GiveBack(int signal, siginfo_t* /*info*/, void* context) {
         sigorset(&mask, &mask, &signals);
         kill(getpid(), signal);
     } else {
-        // A child has no signal loop: what it unblocked is to end it, once this handler is left.
+        // A child has no signal loop: the signal ends it when this handler returns.
         (void)std::signal(signal, SIG_DFL);
         raise(signal);
     }

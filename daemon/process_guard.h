@@ -1,14 +1,14 @@
-// What a module may do to the process that holds them all, and what holds all the same: it ends the
-// process, forks it, or unblocks a signal that only the daemon takes.
+// Guards the daemon against modules that end the process, fork it, or unblock a signal that only
+// the daemon takes.
 #pragma once
 
-// In force while it lives, which is from the lock file and the signal mask to the end of `main`:
+// In force while it lives, from the lock file and the signal mask to the end of `main`:
 //
 // - exit and quick_exit: the trace says so; the PID file and the lock file are removed, and the
-//   process ends without the destructors of static objects that threads of modules may still use.
-// - A child that a module forks never is the daemon: it gives up its copy of the lock.
-// - A signal of the daemon that a thread has unblocked is blocked there again and kept for the
-//   signal loop.
+//   process ends without the destructors of static objects, which threads of modules may still use.
+// - A child that a module forks is never the daemon: it gives up its copy of the lock.
+// - If a thread has unblocked a signal of the daemon, the signal is blocked there again and kept
+//   for the signal loop.
 class ProcessGuard {
   public:
     // `lock` is the descriptor of the held lock file.
@@ -18,21 +18,20 @@ class ProcessGuard {
     ProcessGuard& operator=(const ProcessGuard&) = delete;
 };
 
-// Registers the exit handler once more: the one that is registered last comes first, so this
-// belongs after whatever may have registered others.
+// Registers the exit handler once more. The handler registered last runs first, so call this after
+// whatever may have registered others.
 void WatchForExit();
 
-// Registers a handler that only notes the exit and its status: std::terminate, which the static
-// object of a module may call next, then ends the process like that exit.
+// Registers a handler that only notes the exit and its status. If a static object of a module then
+// calls std::terminate, the process ends as that exit would have ended it.
 void NoteExit();
 
-// Ends the process if it is a child of the daemon that came back out of a module.
+// Ends the process if it is a forked child that returned from a module.
 void EndForkedChild();
 
-// From here on, with all modules stopped, std::terminate ends the daemon in order: nothing but a
-// destructor of a module is cut short.
+// From here on all modules are stopped, and std::terminate ends the daemon in order: it cuts short
+// only the destructor of a module.
 void ExpectTerminate();
 
-// Code of modules stays in memory: the process ends without the destructors of their static
-// objects.
+// Modules stay in memory: the process ends without the destructors of their static objects.
 void KeepModules();

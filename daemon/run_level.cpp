@@ -59,7 +59,7 @@ int32_t RunLevelFromFile() {
     return kRunLevelPlainStop;
 }
 
-// Run levels are stored and printed as a character.
+// Both utmp and runlevel give a character.
 int32_t LevelOf(int character) {
     return character - '0';
 }

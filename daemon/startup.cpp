@@ -13,14 +13,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 #include <string_view>
 
 #include "base/file_io.h"
 #include "base/paths.h"
+#include "base/run_modes.h"
 #include "base/unique_fd.h"
 #include "daemon/notify.h"
 #include "daemon/version.h"
-#include "daemon/wait_signals.h"
 #include "trace/debug.h"
 
 namespace {
@@ -29,35 +30,41 @@ void ParseSwitch(ModuleLoadParams& params, std::string_view argument) {
     if (argument == "-rescan") {
         params.flags |= kForceRescan;
         TRACE(2, "\n%s-MAIN::ParseCommandLine   : RESCAN due to -rescan", kTag);
-    } else if (argument == "-agentless") {
-        params.runMode = kRunModeAgentless;
-        TRACE(2, "\n%s-MAIN::ParseCommandLine   : Agentsless mode due to -agentless", kTag);
-    } else if (argument == "-ovins") {
-        params.runMode = kRunModeInstall;
-        TRACE(2, "\n%s-MAIN::ParseCommandLine   : OVINS mode due to -ovins", kTag);
-    } else if (argument == "-ovupd") {
-        params.runMode = kRunModeUpdate;
-        TRACE(2, "\n%s-MAIN::ParseCommandLine   : OVUPD mode due to -ovupd", kTag);
+    }
+    for (const RunModeOption& each : kRunModeOptions) {
+        if (argument != each.option) continue;
+        params.runMode = each.mode;
+        TRACE(2, "\n%s-MAIN::ParseCommandLine   : %s mode due to %s", kTag, each.traced,
+              each.option);
     }
 }
 
-constexpr const char* kHelp =
-    "usage: kemd [-n | -nodemon] [-rescan] [-agentless | -ovins | -ovupd]\n"
-    "       kemd --help | --version\n"
-    "Brings the extension modules of the server management agents up and down and keeps a\n"
-    "trace of it. One instance runs at a time, as root, in the background.\n"
-    "\n"
-    "  -n, -nodemon  stay in the foreground\n"
-    "  -rescan       look for the installed modules again\n"
-    "  -agentless    run mode 5, agentless\n"
-    "  -ovins        run mode 7, for the installation manager\n"
-    "  -ovupd        run mode 8, for the update manager\n"
-    "  --help        print this text; only as the sole argument\n"
-    "  --version     print the version; only as the sole argument\n"
-    "\n"
-    "SIGTERM stops it, SIGHUP switches tracing off and on again. See kemd(8), and kemdctl(8)\n"
-    "for its state and its trace. Exit status: 0 stopped in order or gone to the background,\n"
-    "1 an error, which is on standard error or in the trace.\n";
+std::string HelpText() {
+    std::string modes;
+    std::string lines;
+    for (const RunModeOption& each : kRunModeOptions) {
+        modes += std::string(modes.empty() ? "" : " | ") + each.option;
+        std::array<char, 80> line{};
+        std::snprintf(line.data(), line.size(), "  %-12s  run mode %d, %s\n", each.option,
+                      static_cast<int>(each.mode), each.help);
+        lines += line.data();
+    }
+    return "usage: kemd [-n | -nodemon] [-rescan] [" + modes +
+           "]\n"
+           "       kemd --help | --version\n"
+           "Brings the extension modules of the server management agents up and down and keeps a\n"
+           "trace of it. One instance runs at a time, as root, in the background.\n"
+           "\n"
+           "  -n, -nodemon  stay in the foreground\n"
+           "  -rescan       look for the installed modules again\n" +
+           lines +
+           "  --help        print this text; only as the sole argument\n"
+           "  --version     print the version; only as the sole argument\n"
+           "\n"
+           "SIGTERM stops it, SIGHUP switches tracing off and on again. See kemd(8), and kemdctl(8)\n"
+           "for its state and its trace. Exit status: 0 stopped in order or gone to the background,\n"
+           "1 an error, which is on standard error or in the trace.\n";
+}
 
 // "Nov 15 20:00:05": the time without weekday and year.
 using TimeText = std::array<char, 26>;  // as asctime_r wants it
@@ -73,14 +80,14 @@ TimeText StartTime() {
     return text;
 }
 
-// Whoever started the daemon may wait until nobody holds its standard streams open any more.
+// The starter may wait until no process holds its standard streams open any more.
 void DropStandardStreams() {
     const UniqueFd null(open("/dev/null", O_RDWR | O_CLOEXEC));
     if (!null.IsOpen()) return;
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) (void)dup2(null.Get(), fd);
 }
 
-// 0 or the errno of what failed; nothing is left behind then.
+// 0 or an errno number; after a failure there is no file.
 int WritePid(const char* path) {
     UniqueFd file = OpenRegularFile(path, O_WRONLY | O_CREAT | O_TRUNC, 0666);
     if (!file.IsOpen()) return errno;
@@ -96,7 +103,7 @@ bool AnswerQuestion(int argc, char** argv, int& status) {
     const std::string_view question = argc == 2 ? argv[1] : "";
     if (question != "--help" && question != "--version") return false;
     const int written = question == "--help"
-                            ? std::fputs(kHelp, stdout)
+                            ? std::fputs(HelpText().c_str(), stdout)
                             : std::printf("%s %s\n", kVersion.programName, kPackageVersion);
     status = written >= 0 && std::fflush(stdout) == 0 ? 0 : 1;
     if (status != 0) {
@@ -107,7 +114,7 @@ bool AnswerQuestion(int argc, char** argv, int& status) {
 
 void OpenStandardDescriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        // open takes the lowest free number, which is this one.
+        // open takes the lowest free number: this one.
         if (fcntl(fd, F_GETFD) < 0) (void)!open("/dev/null", O_RDWR);
     }
 }
@@ -132,7 +139,7 @@ bool Detach(int argc, char** argv) {
                      kTag, std::strerror(errno));
         return false;
     }
-    if (child > 0) exit(0);  // not by return: the lock is the child's now
+    if (child > 0) exit(0);  // not return: the lock now belongs to the child
     DropStandardStreams();
     return true;
 }
@@ -150,10 +157,20 @@ ModuleLoadParams ParseCommandLine(int argc, char** argv) {
     return params;
 }
 
+sigset_t WaitSignals() {
+    sigset_t signals{};
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
+    sigaddset(&signals, SIGALRM);
+    return signals;
+}
+
 void PrepareProcess() {
     (void)setsid();  // fails harmlessly in the foreground
     (void)!chdir("/");
-    umask(026);  // Required: 026, not 022. Nothing of ours is for others to read.
+    umask(026);  // Required: 026, not 022. No file of ours is for others to read.
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ignore, nullptr);

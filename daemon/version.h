@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-// Stands at the head of the daemon's own messages.
+// Begins the daemon's own messages.
 inline constexpr const char* kTag = "KEMD";
 
 // The whole record is part of the build; not every field is shown.
@@ -17,7 +17,7 @@ struct VersionRecord {
 };
 extern const VersionRecord kVersion;
 
-// The version as every program and package spells it: "major.minor.build".
+// The version as programs and packages show it: "major.minor.build".
 extern const char* const kPackageVersion;
 
 // The three numbers of the version text; one that does not parse is 0.

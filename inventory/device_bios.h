@@ -1,7 +1,7 @@
 // Physical memory as the firmware left it, read through mappings of /dev/mem.
 //
 // One object belongs to one thread. It has one mapping at a time, which ends with the next one,
-// with Unmap and with the object. Nothing throws but where std::bad_alloc is named.
+// with Unmap or with the object. Nothing throws except where std::bad_alloc is named.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,10 @@
 #include "base/mapped_region.h"
 #include "base/unique_fd.h"
 
-// What the routing table and the SMBIOS scan need of a device; tests bring memory of their own.
+inline constexpr const char* kMemoryDevice = "/dev/mem";
+
+// The device that the routing table and the SMBIOS scan read from. Tests have one with memory of
+// their own.
 class CDeviceBiosBase {
   public:
     CDeviceBiosBase() = default;
@@ -20,14 +23,14 @@ class CDeviceBiosBase {
     CDeviceBiosBase(const CDeviceBiosBase&) = delete;
     CDeviceBiosBase& operator=(const CDeviceBiosBase&) = delete;
 
-    // `length` readable bytes from a physical address; empty when they cannot be had.
+    // `length` readable bytes at a physical address; empty on failure.
     virtual std::span<const uint8_t> Map(uint64_t address, size_t length) = 0;
     virtual void Unmap() = 0;
     // The system's error number of the last Map that failed.
     [[nodiscard]] virtual int LastError() const = 0;
 
-    // The entries of the PCI IRQ routing table, 16 bytes each; empty when there is none that is
-    // valid. std::bad_alloc when memory does not suffice.
+    // The entries of the PCI IRQ routing table, 16 bytes each; empty without a valid table. May
+    // throw std::bad_alloc.
     std::vector<uint8_t> GetRoutingTable();
 };
 

@@ -1,5 +1,7 @@
 #include "kemd/pci_slot_map.h"
 
+#include <array>
+#include <cstdio>
 #include <exception>
 #include <utility>
 
@@ -9,6 +11,26 @@
 namespace {
 
 using Slots = CPciSlotMap::Slots;
+
+// DMTF DSP0134, "System Slots (Type 9)", "Slot Type": the codes of slots with a bus of their own.
+struct SerialRange {
+    uint8_t first;
+    uint8_t last;
+    const char* text;
+};
+constexpr SerialRange kSerialRanges[] = {
+    {0x1F, 0x20,
+     "\nPciSlotData::IsSerialBus(): Slot %d is a PCI Express bus (SMBios type = %x) --> SERIAL."},
+    {0xA5, 0xB6,
+     "\nPciSlotData::IsSerialBus(): Slot %d is a PCI Express bus (SMBios type = %x) --> SERIAL."},
+    {0x21, 0x23,
+     "\nPciSlotData::IsSerialBus(): Slot %d is a PCI Express Mini bus (SMBios type = %x) --> "
+     "SERIAL."},
+    {0x18, 0x1E,
+     "\nPciSlotData::IsSerialBus(): Slot %d is a MXM bus (SMBios type = %x) --> SERIAL."},
+    {0x14, 0x17,
+     "\nPciSlotData::IsSerialBus(): Slot %d is a M.2 bus (SMBios type = %x) --> SERIAL."},
+};
 
 struct SlotMap {
     Slots slots;
@@ -31,7 +53,7 @@ SlotMap ChooseMap() {
     return {};
 }
 
-// Never destroyed: threads of modules may ask until the process is gone.
+// Never destroyed: threads of modules may use it until the process is gone.
 const SlotMap& TheMap() {
     const CancelGuard guard;
     static const SlotMap& map = *new SlotMap(ChooseMap());
@@ -43,6 +65,30 @@ void TraceNotFound(uint8_t bus, uint8_t device) {
 }
 
 }  // namespace
+
+bool PciSlotData::IsSerialBus() const {
+    for (const SerialRange& range : kSerialRanges) {
+        if (type < range.first || type > range.last) continue;
+        TRACE(5, range.text, slot, type);
+        return true;
+    }
+    TRACE(5,
+          "\nPciSlotData::IsSerialBus(): Slot %d is NOT a serial bus (SMBios type = %x) --> "
+          "PARALLEL",
+          slot, type);
+    return false;
+}
+
+bool PciSlotData::Matches(uint8_t wantedBus, uint8_t wantedDevice, bool isSerial) const {
+    return bus == wantedBus && (isSerial || device == wantedDevice);
+}
+
+std::string PciSlotData::Description() const {
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "bus %02x, device %02x, slot %02x, type %02x", bus,
+                  device, slot, type);
+    return text.data();
+}
 
 void CPciSlotMap::UpdateSlotTypeFromSMBios(Slots& irqSlots, const Slots& smbiosSlots) try {
     static constexpr const char* kUpdated =
@@ -60,7 +106,7 @@ void CPciSlotMap::UpdateSlotTypeFromSMBios(Slots& irqSlots, const Slots& smbiosS
     }
     TRACE(3, "\nCPciSlotMap::UpdateSlotTypeFromSMBios(): Done.\n");
 } catch (const std::exception&) {
-    // Without memory for a trace text the other types stay as they are.
+    // No memory for a trace text: the remaining types stay as they are.
 }
 
 const PciSlotData* CPciSlotMap::Find(const Slots& slots, uint8_t bus, uint8_t device) {
@@ -101,5 +147,5 @@ uint8_t CPciSlotMap::GetPciSlotNumber(uint8_t bus, uint8_t device) try {
     TraceNotFound(bus, device);
     return 0;
 } catch (const std::exception&) {
-    return 0;  // without memory for a trace text
+    return 0;  // no memory for a trace text
 }

@@ -63,7 +63,7 @@ void AddSystemSlot(Slots& slots, Bytes structure) {
           slots.back().Description().c_str());
 }
 
-// An onboard device has no slot: its instance stands for the number, and its type is not known.
+// An onboard device has no slot: its instance number is used, and the slot type is unknown.
 void AddOnboardDevice(Slots& slots, Bytes structure) {
     if (structure.size() <= kDeviceDeviceFunction) {
         TRACE(5,

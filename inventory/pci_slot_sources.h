@@ -4,5 +4,5 @@
 #include "inventory/smbios.h"
 #include "kemd/pci_slot_map.h"
 
-// Nothing when there are none, or memory does not suffice.
+// Empty when there are none, and when there is no memory.
 CPciSlotMap::Slots GatherSmbiosSlots(const CSMBios& smbios);

@@ -8,8 +8,6 @@
 
 #include "base/cancel_guard.h"
 #include "inventory/bios_tables.h"
-#include "inventory/hex_dump.h"
-#include "inventory/shadow_memory.h"
 #include "trace/debug.h"
 
 CSMBios::~CSMBios() {
@@ -95,7 +93,7 @@ bool CSMBios::Fail(const char* format, ...) {
     return false;
 }
 
-// One structure: traced, entered into the index and stepped over.
+// Traces one structure, adds it to the index and steps over it.
 bool CSMBios::TakeStructure(SmbiosWalk& walk, SmbiosStructure& structure) {
     const SmbiosStructure last = structure;
     m_position = walk.Position();

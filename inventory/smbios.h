@@ -1,7 +1,7 @@
 // The host's SMBIOS tables with an index of the structures by type.
 //
-// One object belongs to one thread; it is not copyable, and what it gives out is valid as long as
-// it is connected. Nothing throws: failures are false, a text and trace records.
+// One object belongs to one thread; what it returns is valid while it is connected. Nothing throws:
+// a failure is false, a text and trace records.
 #pragma once
 
 #include <array>
@@ -11,14 +11,13 @@
 #include <string>
 #include <vector>
 
-#include "inventory/smbios_data.h"
 #include "inventory/smbios_entry.h"
 #include "inventory/smbios_walk.h"
 #include "kemd/api.h"
 
 class CSMBios {
   public:
-    // From a structure's type to the positions of all of that type in the table, in its order.
+    // From a type to the positions of its structures, in the order of the table.
     using Index = std::map<uint8_t, std::vector<size_t>>;
 
     CSMBios() = default;
@@ -27,17 +26,17 @@ class CSMBios {
     CSMBios& operator=(const CSMBios&) = delete;
 
     // Gets the tables from the operating system or the shadow memory, and indexes them. False when
-    // there are none or they are broken; what was found up to there can be looked at.
+    // there are none or they are broken; the structures before the fault can be used.
     bool Connect();
-    // The same with tables that the caller has.
+    // The same with tables from the caller.
     bool Connect(SmbiosData data);
 
     [[nodiscard]] const SmbiosData& Data() const { return m_data; }
     [[nodiscard]] SmbiosRevision Revision() const { return m_revision; }
-    // As the entry point says, or as found when it says nothing.
+    // As in the entry point, or as found if it has no number.
     [[nodiscard]] uint16_t StructureCount() const { return m_data.structureCount; }
     [[nodiscard]] const Index& Structures() const { return m_index; }
-    // The formatted area of the structure at a position out of the index, its header included.
+    // The formatted area, header included, of the structure at a position from the index.
     [[nodiscard]] std::span<const uint8_t> Formatted(size_t position) const;
     // Empty when nothing went wrong.
     [[nodiscard]] const std::string& Error() const { return m_data.error; }

@@ -1,7 +1,6 @@
-// A walk over the structures of an SMBIOS table. Pure: reads nothing outside the table and knows no
-// trace. Layout: DMTF DSP0134, "Structure standards": a header of type, length and handle, the
-// formatted area (which the length counts from the header on), strings that end with a NUL each,
-// and one more NUL.
+// A walk over the structures of an SMBIOS table. It reads nothing outside the table and traces
+// nothing. Layout: DMTF DSP0134, "Structure standards": a header of type, length and handle, the
+// formatted area (the length includes the header), strings that each end with a NUL, one more NUL.
 #pragma once
 
 #include <cstdint>

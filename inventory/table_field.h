@@ -1,5 +1,4 @@
-// Fields of firmware tables: little-endian, at a byte offset. What lies outside the bytes reads as
-// 0.
+// Fields of firmware tables: little-endian, at a byte offset. Outside of the bytes everything is 0.
 #pragma once
 
 #include <cstddef>

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kSharingViolation = 32;
 constexpr useconds_t kRetryPause = 100'000;
-constexpr int kMaxRestarts = 10;  // somebody who keeps replacing the file must not keep us for ever
+constexpr int kMaxRestarts = 10;  // for the case that something keeps replacing the file
 
 // The text before the last slash that is not the final character; the whole path when that slash is
 // the first character or there is none.
@@ -35,8 +35,8 @@ bool IsOwnLink(const char* path) {
     return lstat(path, &status) == 0 && S_ISLNK(status.st_mode) && status.st_uid == geteuid();
 }
 
-// errno for what somebody else may have put there to have it changed, or to make the opener wait;
-// 0 when it may be used. A directory harms nobody: it cannot be opened for writing.
+// An errno number for a file that another user may have put there, to have it overwritten or to
+// block us; 0 when it may be used. A directory passes: it cannot be opened for writing.
 int Refuse(int fd) {
     struct stat status {};
     if (fstat(fd, &status) != 0) return errno;
@@ -58,7 +58,7 @@ bool CFileLock::Lock(const char* basePath, const char* ownerName, int32_t waitMs
         const std::string owner = ownerName != nullptr ? ownerName : "";
         return LockFile(basePath, owner + "#" + std::to_string(getpid()), waitMs);
     } catch (const std::exception&) {  // no memory
-        if (m_fd >= 0) CloseFile();    // without deleting it: it may be another instance's
+        if (m_fd >= 0) CloseFile();    // not removed: it may be another instance's
         m_lastError = ENOMEM;
         return false;
     }
@@ -104,7 +104,7 @@ bool CFileLock::IsFree(int32_t retries) {
 }
 
 bool CFileLock::CreateDirectories(const std::string& directory) {
-    // A longer chain is cut: its last part is not made, and opening the file says so.
+    // A longer chain is cut: its last part is not made, and opening the file fails.
     constexpr size_t kProcessed = 259;
     const auto make = [](const std::string& path) {
         return mkdir(path.c_str(), 0711) == 0 || errno == EEXIST;
@@ -157,8 +157,8 @@ bool CFileLock::TryLockRepeatedly(int32_t retries) {
     return false;
 }
 
-// Without waiting: several instances may be past the probe, and whoever waited here would run on
-// with the file that the first one removes at its end.
+// Does not wait: several instances may have passed the probe, and one that waited here would go on
+// with a file that the first one removes at its end.
 bool CFileLock::TakeLock() {
     m_isLocked = flock(m_fd, LOCK_EX | LOCK_NB) == 0;
     if (!m_isLocked) {
@@ -179,7 +179,7 @@ CFileLock::Created CFileLock::CreateAndHold(const std::string& content) {
     return created;
 }
 
-// Only the holder empties the file: it may be another instance's until the lock is ours.
+// Only the holder empties the file: without the lock it may be another instance's.
 CFileLock::Created CFileLock::WriteContent(const std::string& content) {
     if (ftruncate(m_fd, 0) != 0) {
         m_lastError = errno;
@@ -221,7 +221,7 @@ bool CFileLock::OpenFile(int flags) {
     return true;
 }
 
-// Whether the path still leads to the open file: its last holder may have removed it meanwhile.
+// Whether the path still leads to the open file: its previous holder may have removed it.
 bool CFileLock::IsAtPath() const {
     struct stat open {};
     struct stat named {};
@@ -243,8 +243,8 @@ void CFileLock::CloseFile() {
 void CFileLock::Unlock() {
     if (m_fd < 0) return;
     TRACE(5, "\nCFileLock           :   release file lock using file %s", m_path.Get());
-    // Only the holder comes here: a second instance never removes the first one's file. While it is
-    // still locked, or the next instance could take the old file and lose it.
+    // Only the holder has an open file here, so a second instance never removes the first one's.
+    // Remove before unlocking, or the next instance could lock the old file and lose it.
     unlink(m_path.Get());
     CloseFile();
 }

@@ -1,11 +1,11 @@
-// The lock file that keeps a second instance away: an advisory `flock` on "<base path>.lock", whose
+// The lock file that prevents a second instance: an advisory `flock` on "<base path>.lock", whose
 // content names the owner ("kemd#4711").
 //
-// Single-threaded use. The lock belongs to the open file, so a child made by fork keeps it; the
-// file is removed when the object that holds it goes away. Results are bools, nothing throws. Of
-// several instances that start at once one gets the lock; the others fail and change nothing. The
-// directory may be open to all: only a regular file with one name is ever locked or written, and
-// symbolic links are followed only when they are the caller's own.
+// Single-threaded use. The lock belongs to the open file, so a forked child keeps it; the
+// destructor of the object that holds the lock removes the file. Results are bools, nothing throws.
+// If several instances start at once, one gets the lock; the others fail and change nothing. The
+// directory may be writable by all: only a regular file with one name is ever locked or written,
+// and a symbolic link is followed only if the caller owns it.
 #pragma once
 
 #include <cstdint>
@@ -20,12 +20,12 @@ class CFileLock {
     CFileLock(const CFileLock&) = delete;
     CFileLock& operator=(const CFileLock&) = delete;
 
-    // Takes the lock for `ownerName` (may be null). The directory chain is made when it is missing.
-    // `waitMs` has no effect on a lock that another instance holds: that fails at once.
+    // Takes the lock for `ownerName` (may be null). Makes missing directories. A lock that another
+    // instance holds fails at once, whatever `waitMs` is.
     [[nodiscard]] bool Lock(const char* basePath, const char* ownerName, int32_t waitMs);
 
-    // errno of the call on the lock file that failed last, 0 after a success, ENOMEM when there was
-    // no memory. A refused or failing directory leaves it as it was.
+    // errno of the last failed call on the lock file, 0 after a success, ENOMEM without memory. A
+    // directory that is refused or cannot be made leaves it unchanged.
     [[nodiscard]] int32_t LastError() const { return m_lastError; }
     // Of the held lock file; -1 when none is held. A forked child may close its copy.
     [[nodiscard]] int32_t Descriptor() const { return m_fd; }

@@ -1,4 +1,4 @@
-// kemd-module-host: leads one extension module through load, start, notify, stop and unload as the
+// kemd-module-host: takes one extension module through load, start, notify, stop and unload as the
 // daemon does, and reports what a daemon would see.
 #include <getopt.h>
 
@@ -21,11 +21,11 @@ constexpr int kUsageStatus = 2;
 
 constexpr const char* kHelp =
     "usage: kemd-module-host [OPTION...] MODULE.so\n"
-    "Leads the module through load, start, notify, stop and unload in a process of its own that\n"
+    "Takes the module through load, start, notify, stop and unload in a process of its own that\n"
     "is prepared like the daemon, and reports what a daemon would see. Needs no privilege.\n"
     "\n"
-    "  --seconds N     let it run so long between start and stop (default 1)\n"
-    "  --timeout N     seconds that one call may take (default 10)\n"
+    "  --seconds N     let it run this long between start and stop (default 1)\n"
+    "  --timeout N     the most seconds that one call may take (default 10)\n"
     "  --reboot        notify it that the system reboots\n"
     "  --halt          notify it that the system halts\n"
     "  --trace LEVEL   show its trace records up to this level (0 to 6, default 6)\n"

@@ -30,24 +30,16 @@ void SetText(CallBoard& board, Outcome outcome, const char* text) {
     std::snprintf(board.text.data(), board.text.size(), "%s", text);
 }
 
-// What makes a library no module of this version; null when it is one.
-const char* Refuse(const KemdModule* entry) {
-    if (entry == nullptr) return "it does not export kemdModule";
-    if (entry->version != KEMD_MODULE_VERSION) return "its interface version is another";
-    if (entry->start == nullptr || entry->stop == nullptr) return "start or stop is missing";
-    return nullptr;
-}
-
 void Load(CallBoard& board, Module& module, const char* path) {
     const LibraryFault fault = LookAtLibrary(path);
     if (!fault.text.empty()) return SetText(board, Outcome::kNoModule, fault.text.c_str());
-    // dlopen is declared not to throw, but an initialiser of the module may: the compiler must not
-    // see whom it calls, or it leaves the handler out.
+    // dlopen is declared not to throw, but an initialiser of the module may. The volatile pointer
+    // hides dlopen from the compiler, which would otherwise leave the handler out.
     void* (*volatile const open)(const char*, int) = dlopen;
     module.library = open(path, RTLD_NOW | RTLD_LOCAL);
     if (module.library == nullptr) return SetText(board, Outcome::kNoModule, dlerror());
     module.entry = static_cast<const KemdModule*>(dlsym(module.library, "kemdModule"));
-    const char* reason = Refuse(module.entry);
+    const char* reason = RefuseModule(module.entry);
     if (reason != nullptr) return SetText(board, Outcome::kNoModule, reason);
     board.hasNotify = module.entry->notify != nullptr;
 }
@@ -79,7 +71,7 @@ void MakeGuarded(CallBoard& board, Module& module, const char* path) {
     board.outcome = Outcome::kReturned;
     try {
         Make(board, module, path);
-        pthread_testcancel();  // a request that is pending is obeyed here, in sight
+        pthread_testcancel();  // a pending request is obeyed here, where it is noticed
     } catch (const std::exception& error) {
         SetText(board, Outcome::kThrew, error.what());
     } catch (...) {
@@ -89,7 +81,7 @@ void MakeGuarded(CallBoard& board, Module& module, const char* path) {
     board.nanoseconds = (std::chrono::steady_clock::now() - begin).count();
 }
 
-// Speaks for a thread that does not come back.
+// Reports a thread that ends inside the call.
 struct LastWord {
     CallBoard& board;
 
@@ -112,9 +104,10 @@ void WaitForTurn(CallBoard& board) {
 void ServeCalls(CallBoard& board, const char* path) {
     (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
     PrepareProcess();
-    // Stands for the daemon's own files. Stays open, so nobody owns it.
+    // Stands for the daemon's own files, and stays open.
     (void)!open("/dev/null", O_RDWR | O_CLOEXEC);
-    // What the run-time makes for the first thread of a process is there before the module is.
+    // Whatever the run-time library creates with the first thread exists before the module is
+    // loaded.
     std::thread([] {}).join();
     const LastWord lastWord(board);
     Module module;

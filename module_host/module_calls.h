@@ -1,8 +1,36 @@
-// The side of the module: a process that is prepared like the daemon's and makes the calls.
+// The process that holds the module: it is prepared like the daemon and makes the calls that the
+// host asks for on a board in shared memory.
 #pragma once
 
-#include "module_host/call_board.h"
+#include <semaphore.h>
 
-// Never returns. Posts `done` once when it is ready, then once for each call that is asked for.
-// `path` is absolute. The process dies with the one that made it.
+#include <array>
+#include <cstdint>
+
+enum class Call { kNone, kLoad, kStart, kNotifyStop, kNotifyShutdown, kStop, kUnload };
+
+enum class Outcome {
+    kReturned,
+    kThrew,     // `text`: what
+    kNoModule,  // load only; `text`: why
+    kEnded,     // the calling thread was cancelled, or ended itself
+};
+
+// Shared memory, because a module may close every descriptor of its process. The host writes `call`
+// and posts `go`; the module's process makes the call, writes the rest and posts `done`. Each side
+// touches the board only in its turn.
+struct CallBoard {
+    sem_t go;
+    sem_t done;
+    Call call;
+    Outcome outcome;
+    int64_t nanoseconds;
+    int32_t result;    // of start
+    int32_t runLevel;  // for kNotifyShutdown: 0 or 6
+    bool hasNotify;
+    std::array<char, 512> text;
+};
+
+// Never returns. Posts `done` when it is ready and after each call. `path` is absolute. The process
+// dies with its parent.
 [[noreturn]] void ServeCalls(CallBoard& board, const char* path);

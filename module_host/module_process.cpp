@@ -12,13 +12,11 @@
 #include <new>
 #include <system_error>
 
-#include "module_host/module_calls.h"
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Waits for a post, but for a moment only: the one who posts may die.
+// Waits for a post, but only for a moment: the process that posts may die.
 bool AwaitPost(sem_t& semaphore) {
     constexpr long kSlice = 10'000'000;
     constexpr long kSecond = 1'000'000'000;
@@ -44,7 +42,7 @@ CallBoard* MakeBoard() {
 
 ModuleProcess::ModuleProcess(const char* path)
     : m_board(MakeBoard()), m_ownChildren(ChildrenOf(getpid())) {
-    (void)prctl(PR_SET_CHILD_SUBREAPER, 1);  // what loses its parent becomes ours to see and end
+    (void)prctl(PR_SET_CHILD_SUBREAPER, 1);  // we inherit orphans and can end them
     m_id = fork();
     if (m_id < 0) throw std::system_error(errno, std::generic_category(), "fork");
     if (m_id == 0) ServeCalls(*m_board, path);
@@ -56,7 +54,7 @@ ModuleProcess::~ModuleProcess() {
         kill(m_id, SIGKILL);
         waitpid(m_id, nullptr, 0);
     }
-    // Those that it left behind are our children now, and in turn what they leave behind.
+    // The processes that it leaves are our children now, and so are those that they leave.
     for (bool found = true; found;) {
         found = false;
         for (const auto& [process, name] : ChildrenOf(getpid())) {
@@ -75,7 +73,7 @@ bool ModuleProcess::IsGone() {
 ModuleProcess::State ModuleProcess::AwaitDone(unsigned timeoutSeconds) {
     const auto deadline = Clock::now() + std::chrono::seconds(timeoutSeconds);
     while (!AwaitPost(m_board->done)) {
-        // It may have posted and died behind it; then the post counts first.
+        // It may have posted and died after that; then the post counts.
         if (IsGone()) return sem_trywait(&m_board->done) == 0 ? State::kWaiting : State::kGone;
         if (Clock::now() >= deadline) return State::kBlocked;
     }

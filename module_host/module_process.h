@@ -1,17 +1,17 @@
-// The process that holds the module, seen from the host: asked for calls, watched, and killed at
-// the end together with every process that the module left behind.
+// The process that holds the module, seen from the host: it is asked for calls, watched, and killed
+// at the end with every process that the module leaves.
 #pragma once
 
 #include <sys/types.h>
 
 #include <string>
 
-#include "module_host/call_board.h"
-#include "module_host/process_view.h"
+#include "module_host/findings.h"
+#include "module_host/module_calls.h"
 
 class ModuleProcess {
   public:
-    enum class State { kWaiting, kGone, kBlocked };  // for the next call; ended; in a call for ever
+    enum class State { kWaiting, kGone, kBlocked };  // for the next call; ended; stuck in a call
 
     // Starts the process and waits until it is ready. The path must outlive the object.
     explicit ModuleProcess(const char* path);
@@ -34,7 +34,7 @@ class ModuleProcess {
     bool IsGone();
 
     CallBoard* m_board;
-    Processes m_ownChildren;  // of whoever became the host by exec: none of our business
+    Processes m_ownChildren;  // from before the exec of the host: not the module's
     pid_t m_id = -1;
     int m_status = 0;
     bool m_gone = false;

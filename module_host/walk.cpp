@@ -29,7 +29,7 @@ class Walk {
 
   private:
     void RunStarted();
-    // True when the call returned in order.
+    // True when the call returned normally.
     bool Make(Call call, const char* name, const char* detail = "");
     bool Judge(const char* name);
     void Finding(const std::string& text);
@@ -42,7 +42,7 @@ class Walk {
     ModuleProcess m_process;
     const ProcessView m_first;
     ProcessView m_last;
-    bool m_over = false;  // the process is gone, or makes no further call
+    bool m_over = false;  // the process is gone or makes no more calls
     unsigned m_findings = 0;
 };
 
@@ -52,7 +52,7 @@ void Walk::Finding(const std::string& text) {
     ++m_findings;
 }
 
-// What changed since the last look.
+// Reports what has changed since the last look.
 void Walk::Look() {
     ProcessView view = LookAt(m_process.Id());
     if (!view.readable) return Finding("the process cannot be looked at any more");
@@ -119,7 +119,8 @@ Processes Walk::ThreadsLeft() const {
     return left;
 }
 
-// The switch library grants a thread that is on its way out a second. True when none is left.
+// Like the switch library, waits up to a second for threads that are about to end. True when none
+// is left.
 bool Walk::AwaitThreads() {
     constexpr int kUnnoticedMs = 100;  // one that was joined stays listed for a moment
     const auto begin = Clock::now();

@@ -1,4 +1,4 @@
-// Leads one module through its life, in a process of its own, and reports on standard output.
+// Takes one module through its life, in a process of its own, and reports on standard output.
 #pragma once
 
 #include <cstdint>

@@ -23,7 +23,7 @@ void Resolve(void* library, const char* name, Function*& entry) {
     entry = reinterpret_cast<Function*>(dlsym(library, name));
 }
 
-// Calls into the library and tells whether it came back. The handler is left before anything else
+// True when the call returned, false when it threw. The handler is left before anything else
 // happens: the exception may live in the library.
 template <typename Call>
 bool ReturnsNormally(Call call) {
@@ -37,7 +37,7 @@ bool ReturnsNormally(Call call) {
     }
 }
 
-// The same with a record of an exception.
+// The same, and traces an exception.
 template <typename Call>
 bool ReturnsOrTraces(const char* operation, Call call) {
     if (ReturnsNormally(call)) return true;
@@ -45,8 +45,8 @@ bool ReturnsOrTraces(const char* operation, Call call) {
     return false;
 }
 
-// The begin of the interface's virtual table. A library in another language returns 8 bits, of
-// which any may be set: never to be read as a bool of ours.
+// The start of the interface's virtual table. A library in another language returns 8 bits, any of
+// which may be set: a C++ bool must not be read from them.
 struct ByteTable {
     void (*destructors[2])(void* self);
     uint8_t (*loadModules)(void* self, ModuleLoadParams* params);
@@ -58,8 +58,8 @@ const ByteTable& TableOf(IModuleSwitch* modules) {
     return **reinterpret_cast<const ByteTable**>(modules);
 }
 
-// Why the loader must not have the library that it would take: the file is cut off, which would end
-// the process. Empty when it may, or when it cannot be told: then the loader decides.
+// Why the loader must not open the library that it would take: a file that is cut off would end the
+// process. Empty when it may, and when that is unknown: then the loader decides.
 std::string WhatHarmsLoader() try {
     for (const LibraryPlace& place : FindLibrary(kLibrary, std::getenv("LD_LIBRARY_PATH"))) {
         if (place.path.empty()) break;
@@ -77,8 +77,8 @@ std::string WhatHarmsLoader() try {
 bool SwitchBinding::OpenLibrary() {
     const std::string fault = WhatHarmsLoader();
     if (!fault.empty()) return Fail(fault.c_str(), ENOEXEC);
-    // The declaration of dlopen promises not to throw, but an initialiser of the library may. The
-    // compiler must not see whom it calls, or it leaves the handler out.
+    // dlopen is declared not to throw, but an initialiser of the library may. The volatile pointer
+    // hides dlopen from the compiler, which would otherwise leave the handler out.
     void* (*volatile const open)(const char*, int) = dlopen;
     const bool returned =
         ReturnsNormally([&] { hLibrary = open(kLibrary, RTLD_NOW | RTLD_GLOBAL); });
@@ -134,8 +134,8 @@ bool SwitchBinding::UnloadModules(uint32_t options) {
 }
 
 void SwitchBinding::Unload() {
-    // The interface belongs to the library: it is forgotten, not disposed of. SW_Release drops the
-    // reference that SW_QueryInterface handed out.
+    // The interface belongs to the library: it is not deleted. SW_Release drops the reference that
+    // SW_QueryInterface handed out.
     pInterface = nullptr;
     if (pfnRelease != nullptr) (void)ReturnsOrTraces("SW_Release", [this] { pfnRelease(); });
     CloseLibrary();

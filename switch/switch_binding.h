@@ -1,7 +1,7 @@
-// The daemon's handle on the switch library `libswitch.so`: opens it, resolves its entry points and
-// guards the two calls that may fail inside it. See docs/switch-interface.md.
+// The daemon's handle on the switch library `libswitch.so`, the plug-in loader: opens it, resolves
+// its entry points and guards the two calls that may fail inside it. See docs/switch-interface.md.
 //
-// A plain record that starts all zero and lives in `main`; only the initial thread uses it. It does
+// A plain record, all zero at first, that lives in `main`; only the initial thread uses it. It does
 // not own the interface object. Nothing throws.
 #pragma once
 
@@ -24,11 +24,11 @@ struct SwitchBinding {
     [[nodiscard]] bool Load();
     [[nodiscard]] bool LoadModules(ModuleLoadParams* params);
     bool UnloadModules(uint32_t options);
-    // Drops the library's reference and closes it, at an orderly end.
+    // The orderly end: drops the library's reference and closes it.
     void Unload();
     [[nodiscard]] bool OpenLibrary();
-    // Keeps and traces the reason; false.
+    // Keeps and traces the reason; returns false.
     bool Fail(const char* reason, int32_t error);
-    // Closes the library without a further call into it, for every other way out.
+    // Every other end: closes the library without another call into it.
     void CloseLibrary();
 };

@@ -17,7 +17,7 @@ class ThreadList {
   public:
     ThreadList();
 
-    // The next thread; 0: there is none any more; -1: they cannot be listed.
+    // The next thread; 0: no more; -1: they cannot be listed.
     [[nodiscard]] pid_t Next();
 
   private:
@@ -30,11 +30,11 @@ class ThreadList {
 // Ascending. Empty when they cannot be listed; otherwise the caller is among them.
 ThreadIds LiveThreads();
 
-// What is in `threads` and not in `others`; both ascending.
+// Those of `threads` that are not in `others`; both ascending.
 ThreadIds Without(const ThreadIds& threads, const ThreadIds& others);
 
-// Waits, for a second at most, until only the `known` threads are listed: one that was joined stays
-// in the list for a moment, and one that is on its way out needs no more than that.
+// Waits at most a second until only the `known` threads are listed: a thread that was joined or is
+// about to end stays in the list for a moment.
 void AwaitOnly(const ThreadIds& known);
 
 // The name that a thread gave itself; the program's when it gave none.

@@ -1,6 +1,5 @@
 #include "switch_library/module_switch.h"
 
-#include <cxxabi.h>
 #include <dirent.h>
 #include <dlfcn.h>
 #include <pthread.h>
@@ -8,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -49,7 +49,7 @@ bool ListModules(const std::string& directory, std::vector<std::string>& names) 
     return true;
 }
 
-// What is about to be done to a module: should it never end, the trace and the service name it.
+// Announces each step: if it never ends, the trace and the service status name the module.
 void Announce(const std::string& name, const char* doing) {
     ShowStatus("%s module %s", doing, name.c_str());
     KemdTrace(kTag, 1, "module %s %s", name.c_str(), doing);
@@ -59,63 +59,13 @@ void Report(const std::string& name, const char* what, const char* reason) {
     KemdMessage(kTag, "module %s %s: %s", name.c_str(), what, reason);
 }
 
-// The same for a module that does not come to run: in the journal as well.
+// The same for a module that will not run: in the journal as well.
 void LeaveOut(const std::string& name, const char* what, const char* reason) {
     Report(name, what, reason);
     WriteToJournal("module %s %s: %s", name.c_str(), what, reason);
 }
 
-// Calls into a module and keeps what it threw, cut to a line. A cancelled thread is not a failure.
-using Thrown = std::array<char, 512>;
-template <typename Call>
-bool CallModule(const std::string& name, const char* callName, Thrown& thrown, Call call) {
-    const ModuleCall guard(name, callName);
-    try {
-        call();
-        return true;
-    } catch (const abi::__forced_unwind&) {
-        throw;
-    } catch (const std::exception& error) {
-        std::snprintf(thrown.data(), thrown.size(), "%s", error.what());
-    } catch (...) {
-        std::snprintf(thrown.data(), thrown.size(), "unknown exception");
-    }
-    return false;
-}
-
-// An initialiser that threw has left the loader in the middle of its work, its lock held. Any other
-// load or unload, also that of this library, would wait for ever or run the destructors of objects
-// that were never constructed; quick_exit does neither, and the daemon cleans up in it.
-[[noreturn]] void EndWithoutLoader(const std::string& name, const char* thrown) {
-    constexpr const char* kReason =
-        "module %s threw an exception out of an initialiser (%s): the dynamic loader cannot be "
-        "used any more, the daemon ends; remove or mend the module";
-    KemdMessage(kTag, kReason, name.c_str(), thrown);
-    WriteToJournal(kReason, name.c_str(), thrown);
-    std::quick_exit(1);
-}
-
-void* Open(const std::string& name, const std::string& path) {
-    // dlopen is declared not to throw, but an initialiser of the module may: the compiler must not
-    // see whom it calls, or it leaves the handler out.
-    void* (*volatile const open)(const char*, int) = dlopen;
-    const ModuleCall guard(name, "load");
-    try {
-        return open(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    } catch (const std::exception& error) {
-        if (!guard.IsForked()) EndWithoutLoader(name, error.what());
-    } catch (...) {
-        if (!guard.IsForked()) EndWithoutLoader(name, "unknown exception");
-    }
-    _exit(1);
-}
-
-void Close(const std::string& name, void* library) {
-    const ModuleCall guard(name, "unload");
-    dlclose(library);
-}
-
-// A static object of it is an exit handler, which goes when this library is closed.
+// A static object of this class is an exit handler that is gone once the library is closed.
 class ExitReport {
   public:
     explicit ExitReport(ModuleSwitch& modules) : m_modules(modules) {}
@@ -126,14 +76,6 @@ class ExitReport {
   private:
     ModuleSwitch& m_modules;
 };
-
-// What makes a library a module of this version; null when it is one.
-const char* Refuse(const KemdModule* entry) {
-    if (entry == nullptr) return "it does not export kemdModule";
-    if (entry->version != KEMD_MODULE_VERSION) return "its interface version is another";
-    if (entry->start == nullptr || entry->stop == nullptr) return "start or stop is missing";
-    return nullptr;
-}
 
 }  // namespace
 
@@ -151,8 +93,8 @@ bool ModuleSwitch::LoadModules(ModuleLoadParams* params) {
         WriteToJournal("no module is loaded: %s", reason.c_str());
         return false;
     }
-    // A module that cancels its caller would end the thread that the daemon lives on while the
-    // others run. Never switched back: a request that is pending would be obeyed then.
+    // A module that cancels its caller would end the daemon's own thread. Never enabled again: a
+    // pending request would be obeyed then.
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     if (m_modules.empty()) m_threadsBefore = LiveThreads();
     m_process = getpid();
@@ -181,25 +123,25 @@ bool ModuleSwitch::HasEntry(const KemdModule* entry) const {
                        [&](const Module& module) { return module.entry == entry; });
 }
 
-// All memory that the module's record takes is there before the module is: none is loaded and
-// forgotten.
+// All memory for the module's record is allocated before the module is loaded, so that none is
+// loaded and then forgotten.
 void ModuleSwitch::LoadModule(const std::string& directory, const std::string& name) {
-    // What was looked at is what is loaded, whatever becomes of a link meanwhile.
+    // Load the file that was checked, even if a link changes meanwhile.
     const PathReport file = WalkPath(directory + "/" + name);
     std::string fault = Unsafe(file);
     if (fault.empty()) fault = LookAtLibrary(file.resolved.c_str()).text;
     if (!fault.empty()) return LeaveOut(name, "is left out", fault.c_str());
     Announce(name, "loading");
     Module module{name, nullptr, nullptr, false, false, {}};
-    module.library = Open(name, file.resolved);
+    module.library = OpenModule(name, file.resolved);
     if (module.library == nullptr) return LeaveOut(name, "cannot be loaded", dlerror());
 
     module.entry = static_cast<const KemdModule*>(dlsym(module.library, "kemdModule"));
     const char* reason =
-        HasEntry(module.entry) ? "it is loaded under another name" : Refuse(module.entry);
+        HasEntry(module.entry) ? "it is loaded under another name" : RefuseModule(module.entry);
     if (reason != nullptr) {
         LeaveOut(name, "is left out", reason);
-        return Close(name, module.library);
+        return CloseModule(name, module.library);
     }
     const std::lock_guard lock(m_lock);
     m_modules.push_back(std::move(module));
@@ -207,7 +149,7 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
 }
 
 void ModuleSwitch::StartAllModules() {
-    // Once more: the handlers that were registered last, now those of the modules, come first.
+    // Registered once more: the handlers registered last, now those of the modules, run first.
     static const ExitReport report(*this);
     for (Module& module : m_modules) {
         if (!module.started && !module.failed) StartModule(module);
@@ -260,8 +202,8 @@ const ModuleSwitch::Module* ModuleSwitch::OwnerOf(pid_t thread) const {
     return owner == m_modules.end() ? nullptr : &*owner;
 }
 
-// Everything has been stopped, so a thread that was not there before the modules runs code of one
-// of them, or will return into it.
+// Everything has been stopped, so a thread that is newer than the modules runs code of one of them,
+// or will return into it.
 bool ModuleSwitch::ThreadsAreLeft() const {
     AwaitOnly(m_threadsBefore);
     bool areLeft = false;
@@ -285,11 +227,11 @@ bool ModuleSwitch::UnloadModules(uint32_t /*options*/) {
     const bool keep = !m_modules.empty() && ThreadsAreLeft();
     if (keep) KemdMessage(kTag, "threads of modules may still run: no module is unloaded");
     for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
-        // What a failed start or stop left behind may still be running in there.
+        // After a failed start or stop something may still be running in there.
         if (module->failed || keep) {
             isAllUnloaded = false;
         } else {
-            Close(module->name, module->library);
+            CloseModule(module->name, module->library);
         }
     }
     const std::lock_guard lock(m_lock);
@@ -322,3 +264,50 @@ void ModuleSwitch::ReportEnd(const char* what) {
                 ThreadName(thread).data(), owner != nullptr ? "in the start of module " : "later",
                 owner != nullptr ? owner->name.c_str() : "");
 }
+
+// The three entry points that the daemon resolves, and the report when a module ends the process.
+static ModuleSwitch g_switch;
+static std::atomic<int> g_references{0};
+
+// In force while this library is loaded.
+static class EndReport {
+  public:
+    EndReport() {
+        m_previous = std::set_terminate(ReportTerminate);
+        (void)std::at_quick_exit([] { g_switch.ReportEnd("the process is ended"); });
+    }
+    ~EndReport() { std::set_terminate(m_previous); }
+    EndReport(const EndReport&) = delete;
+    EndReport& operator=(const EndReport&) = delete;
+
+  private:
+    [[noreturn]] static void ReportTerminate() {
+        g_switch.ReportEnd(
+            "std::terminate, for an uncaught exception or a thread that was not joined,");
+        m_previous();
+        std::abort();
+    }
+
+    static inline std::terminate_handler m_previous = nullptr;
+} g_endReport;
+
+extern "C" {
+
+KEMD_API void SW_AddRef() {
+    ++g_references;
+}
+
+// With the last reference all modules go, even if no one called UnloadModules.
+KEMD_API void SW_Release() {
+    if (--g_references == 0) g_switch.UnloadModules(0);
+}
+
+// `identifier` 0 is the module-control interface, the only one. Adds a reference.
+KEMD_API bool SW_QueryInterface(int32_t identifier, IModuleSwitch** interface) {
+    if (identifier != 0 || interface == nullptr) return false;
+    SW_AddRef();
+    *interface = &g_switch;
+    return true;
+}
+
+}  // extern "C"

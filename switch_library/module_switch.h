@@ -1,11 +1,11 @@
 // The reference switch library: loads the extension modules of one directory and controls them.
 //
-// One bad module never stops the others: what cannot be loaded, has another interface version,
-// fails or throws is traced by name with the reason and left out; so is one that others than root
-// may write. Called on the daemon's initial thread, which nobody can cancel from the first load on.
+// One bad module never stops the others: a module that cannot be loaded, has another interface
+// version, fails, throws, or is writable by others than root is traced by name with the reason and
+// left out. Called on the daemon's initial thread, which cannot be cancelled after the first load.
 //
-// When memory ends, std::bad_alloc comes out of the call; what was loaded and started until then is
-// known, and stopping and unloading it takes no memory.
+// Without memory a call throws std::bad_alloc. What was loaded and started until then is known, and
+// stopping and unloading it needs no memory.
 #pragma once
 
 #include <mutex>
@@ -18,21 +18,21 @@
 
 class ModuleSwitch : public IModuleSwitch {
   public:
-    // Reads the directory at the first call, and again when a rescan is asked for: modules that
-    // came since are then added. False when the directory cannot be read or others than root may
-    // write it. Does not come back from a module whose initialiser throws: the process ends.
+    // Reads the directory at the first call, and again for a rescan, which adds modules that are
+    // new. False when the directory cannot be read or is writable by others than root. If the
+    // initialiser of a module throws, the process ends.
     bool LoadModules(ModuleLoadParams* params) override;
-    // Stops what runs. While threads of modules are left, all modules stay in memory. False when
-    // one stays: the process is then better ended without the destructors of static objects.
+    // Stops what runs. While threads of modules are left, all modules stay in memory. False when a
+    // module stays: the process should then end without the destructors of static objects.
     bool UnloadModules(uint32_t options) override;
-    // In the order of their names. Modules that run already are not started again.
+    // In the order of their names; those that run already are skipped.
     void StartAllModules() override;
     // In reverse order.
     void StopAllModules() override;
     void NotifyModules(uint32_t code, void* data, uint32_t word) override;
 
-    // Traces `what` and which module's call, or thread, the calling thread is in. For whoever is
-    // about to end the process, in any thread. Nothing when no module is to blame.
+    // Traces `what`, and the call or thread of the module that the calling thread belongs to. For
+    // handlers that run when the process ends, in any thread. Nothing when no module is involved.
     void ReportEnd(const char* what);
 
   private:
@@ -42,7 +42,7 @@ class ModuleSwitch : public IModuleSwitch {
         const KemdModule* entry;
         bool failed;  // in start or stop
         bool started;
-        ThreadIds threads;  // that came up in its start
+        ThreadIds threads;  // created by its start
     };
 
     [[nodiscard]] bool IsLoaded(const std::string& name) const;
@@ -56,6 +56,6 @@ class ModuleSwitch : public IModuleSwitch {
     pid_t m_process = 0;            // the daemon; the id of the initial thread as well
     ThreadIds m_threadsBefore;      // there before the first module was loaded
     std::vector<Module> m_modules;  // sorted by name
-    // Held while the list or the threads in it change: ReportEnd reads them in other threads.
+    // Held while m_modules or its threads change: ReportEnd reads them from other threads.
     std::mutex m_lock;
 };

@@ -17,8 +17,9 @@ inline void ClearModules() {
     MakeSafe(kModules);
 }
 
-inline void AddModule(const std::filesystem::path& path) {
-    const auto copy = kModules / path.filename();
+// Under its own file name unless another one is given.
+inline void AddModule(const std::filesystem::path& path, const std::string& name = "") {
+    const auto copy = kModules / (name.empty() ? path.filename() : std::filesystem::path(name));
     std::filesystem::copy(path, copy, std::filesystem::copy_options::overwrite_existing);
     MakeSafe(copy);
 }

@@ -1,5 +1,5 @@
-// An example module: counts its starts in the registry and works off orders, which a semaphore
-// counts, on a thread of its own. A profile file says how many orders each start brings.
+// An example module: counts its starts in the registry. A thread of its own works off orders, which
+// a semaphore counts; a profile file says how many orders each start brings.
 #include <atomic>
 
 #include "kemd/module.h"

@@ -1,5 +1,5 @@
-// An example module: writes a trace record a second from a thread of its own. An event ends the
-// pause between two records at once when the module is stopped.
+// An example module: a thread of its own traces one record a second. When the module is stopped, an
+// event ends the pause between two records at once.
 #include <system_error>
 #include <thread>
 

@@ -1,4 +1,4 @@
-/* An example module in C: traces every notification that it gets. */
+/* An example module in C: traces every notification. */
 #include "kemd/module.h"
 #include "kemd/trace.h"
 

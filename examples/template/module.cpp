@@ -1,5 +1,5 @@
-// A module to begin with: a thread that does its work every few seconds until it is told to stop.
-// How often is a number in the registry.
+// A module to start from: a thread that does its work every few seconds until it has to stop. The
+// interval is a number in the registry.
 #include "kemd/module.h"
 
 #include <cstdint>
@@ -16,7 +16,7 @@ static constexpr const char* kKey = "SOFTWARE\\kemd\\template";
 static EventHandle g_stop;
 static std::thread g_thread;
 
-// 10 when the registry says nothing, or nothing that makes sense.
+// 10 when the registry has no valid number.
 static uint32_t SecondsBetweenRounds() {
     CRegistry registry;
     int32_t seconds = 0;
@@ -32,17 +32,17 @@ static unsigned CountBits(unsigned number) {
     return bits;
 }
 
-// An exception that leaves a thread ends the daemon: what may throw is caught in here.
+// An exception that leaves a thread ends the daemon: catch here what may throw.
 static void Work(uint32_t seconds) {
     unsigned round = 0;
     do {
         ++round;
-        // The arguments of a call are computed also when nobody traces.
+        // The arguments of a call are computed even when tracing is off.
         if (KemdTraceOn() != 0) KemdTrace(kTag, 3, "round %u, %u bits", round, CountBits(round));
     } while (WaitForEvent(g_stop, seconds * 1000) == kWaitTimedOut);
 }
 
-// Whatever else than 0 is traced, and the module is left out: nothing may be left running then.
+// Any result other than 0 is traced, and the module is left out: then nothing may be left running.
 static int Start() {
     const uint32_t seconds = SecondsBetweenRounds();
     CreateEvent(g_stop, false, true, nullptr);
@@ -57,7 +57,7 @@ static int Start() {
     return 0;
 }
 
-// The module is unloaded when this has returned, so its thread must have ended.
+// The module is unloaded after this returns, so its thread must have ended.
 static void Stop() {
     SetEvent(g_stop);
     g_thread.join();

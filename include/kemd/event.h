@@ -19,13 +19,13 @@ inline constexpr int kWaitTimedOut = 102;
 inline constexpr int kWaitFailed = -1;
 inline constexpr uint32_t kWaitForever = 0xFFFFFFFF;
 
-// One counted reference to an event. The last one that goes away frees the event, and waits for
-// threads that still wait on it.
+// One counted reference to an event. Destroying the last one frees the event, after waiting for
+// the threads that still wait on it.
 struct KEMD_API EventHandle {
     constexpr EventHandle() = default;
     ~EventHandle();
-    // A copy is open also when the source was closed, and empty when it was empty. Assigning gives
-    // up the reference held so far.
+    // A copy is open even if the source was closed, and empty if it was empty. Assigning gives up
+    // the reference held before.
     EventHandle(const EventHandle& source);
     EventHandle& operator=(const EventHandle& source);
 
@@ -35,13 +35,13 @@ struct KEMD_API EventHandle {
 
 // Fills in the handle: a new event, or the existing one of that name, which then keeps its own
 // state and reset mode. `name` may be null. The handle is empty on failure. A reference that it
-// held is given up afterwards, so the event of that name lives on also when this was its last
+// held before is given up last, so that an event of the same name survives if this was its last
 // handle.
 KEMD_API void CreateEvent(EventHandle& handle, bool initialState, bool manualReset,
                           const char* name);
 // Gives an event new attributes; fails while threads wait on it.
 KEMD_API int ReinitEvent(EventHandle& handle, bool initialState, bool manualReset);
-// Wakes the waiters and makes every later operation on this handle fail. Keeps the reference.
+// Wakes the waiters; every later operation on this handle fails. Keeps the reference.
 KEMD_API int CloseEvent(EventHandle& handle);
 KEMD_API int SetEvent(EventHandle& handle);
 // Wakes the threads that wait now and leaves the event unsignalled.

@@ -6,8 +6,8 @@
  *
  * All three functions are called on the daemon's initial thread, one module after the other, and
  * should return soon. Threads that a module starts inherit a signal mask in which SIGINT, SIGTERM,
- * SIGHUP and SIGALRM are blocked, as only the daemon takes them; they must have ended when `stop`
- * returns, because the module is unloaded after it.
+ * SIGHUP and SIGALRM are blocked, because only the daemon takes them. They must have ended when
+ * `stop` returns: the module is unloaded after it.
  */
 #pragma once
 
@@ -21,7 +21,7 @@
 struct KemdModule {
     /* KEMD_MODULE_VERSION; anything else is refused. */
     uint32_t version;
-    /* 0, or a number that is traced: the module is then left out and not stopped. */
+    /* 0 for success. Any other number is traced, and the module is left out and not stopped. */
     int (*start)(void);
     /* Called once for each successful start, in reverse order of the starts. */
     void (*stop)(void);
@@ -30,7 +30,7 @@ struct KemdModule {
     void (*notify)(uint32_t code, const void* data);
 };
 
-/* The binary interface of this version; a later one gets a number of its own. */
+/* The binary interface of this version; a change gets a new version number. */
 KEMD_STATIC_ASSERT(offsetof(struct KemdModule, version) == 0, "slot of version");
 KEMD_STATIC_ASSERT(offsetof(struct KemdModule, start) == 8, "slot of start");
 KEMD_STATIC_ASSERT(offsetof(struct KemdModule, stop) == 16, "slot of stop");

@@ -1,9 +1,9 @@
 // The interface between the daemon and the switch library `libswitch.so`.
 //
 // The library exports SW_AddRef, SW_Release and SW_QueryInterface (C linkage) and implements
-// IModuleSwitch; the daemon only calls. All calls come from the daemon's initial thread. The object
-// belongs to the library: the daemon drops its reference with SW_Release and never deletes it.
-// See docs/switch-interface.md.
+// IModuleSwitch. All calls come from the daemon's initial thread. The object belongs to the
+// library: the daemon drops its reference with SW_Release and never deletes it. See
+// docs/switch-interface.md.
 #pragma once
 
 #include <cstdint>
@@ -15,8 +15,8 @@ enum ModuleLoadFlags : uint32_t { kForceRescan = 1 };
 enum RunMode : int32_t {
     kRunModeNormal = 0,
     kRunModeAgentless = 5,
-    kRunModeInstall = 7,  // installation manager, "-ovins"
-    kRunModeUpdate = 8,   // update manager, "-ovupd"
+    kRunModeInstall = 7,  // installation manager
+    kRunModeUpdate = 8,   // update manager
 };
 
 enum ModuleNotification : uint32_t {
@@ -25,7 +25,8 @@ enum ModuleNotification : uint32_t {
 };
 
 // The slot numbers of the virtual table are the binary interface: the table of
-// kemd/module_switch_table.h may stand in for this class. Do not reorder, and add at the end only.
+// kemd/module_switch_table.h may be used in place of this class. Do not reorder; add only at the
+// end.
 class IModuleSwitch {
   public:
     virtual ~IModuleSwitch() = default;  // slots 0 and 1

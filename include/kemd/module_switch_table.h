@@ -1,5 +1,5 @@
 /* The interface between the daemon and the switch library as C sees it: the virtual table of
- * IModuleSwitch (kemd/module_switch.h), for a switch library that makes it by hand.
+ * IModuleSwitch (kemd/module_switch.h), for a switch library that builds it by hand.
  *
  *     static const struct ModuleSwitchTable kTable = {.loadModules = Load, ...};
  *     static const struct ModuleSwitchTable* object = &kTable;
@@ -18,10 +18,10 @@
 #include <stdbool.h>
 #endif
 
-/* What was asked for on the command line; owned by the caller, lives across the call. */
+/* What the command line asks for; owned by the caller, valid during the call. */
 struct ModuleLoadParams {
     uint32_t flags;  /* bit 0: force a rescan of the installed modules */
-    int32_t runMode; /* 0 normal, 5 agentless, 7 installation manager, 8 update manager */
+    int32_t runMode; /* a RunMode of kemd/module_switch.h; 0: normal */
 };
 KEMD_STATIC_ASSERT(sizeof(struct ModuleLoadParams) == 8, "size of the parameters");
 

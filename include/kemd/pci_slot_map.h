@@ -1,9 +1,9 @@
-// Which slot holds a PCI device, as the firmware says: from the PCI IRQ routing table, else from
-// the SMBIOS tables.
+// Which slot holds a PCI device, according to the firmware: from the PCI IRQ routing table, else
+// from the SMBIOS tables.
 //
-// Any thread may call. The map is gathered once per process, by the first call, and kept, also when
-// nothing was found. Nothing throws, unless stated otherwise, and a thread that is cancelled while
-// the map is gathered is cancelled behind it. PCI segments are not told apart.
+// Any thread may call. The first call gathers the map, which is kept for the life of the process,
+// even if nothing was found. Nothing throws unless stated otherwise. A thread that is cancelled
+// while it gathers the map is cancelled after that. PCI segments are not distinguished.
 #pragma once
 
 #include <cstdint>
@@ -21,9 +21,9 @@ struct KEMD_API PciSlotData {
 
     // A serial slot has a bus of its own. Traces which kind it is.
     [[nodiscard]] bool IsSerialBus() const;
-    // Whether the record stands for this device: by the bus alone when `isSerial`.
+    // Whether the record describes this device; only the bus counts when `isSerial`.
     [[nodiscard]] bool Matches(uint8_t wantedBus, uint8_t wantedDevice, bool isSerial) const;
-    // Bus, device, slot and type in hexadecimal. std::bad_alloc when memory does not suffice.
+    // Bus, device, slot and type in hexadecimal. May throw std::bad_alloc.
     [[nodiscard]] std::string Description() const;
 };
 
@@ -37,15 +37,15 @@ class KEMD_API CPciSlotMap {
     static uint8_t GetPciSlotNumber(uint8_t bus, uint8_t device);
     // The records of the map, valid until the process ends.
     static const Slots& GetSlotMapping();
-    // Where the records come from; none when there are none.
+    // Where the records come from; kNone when there are none.
     static PciSlotSource Source();
 
-    // What one source says; each asks the system anew.
+    // What one source says; reads the source again each time.
     static Slots GetSlotMappingFromIrqRoutingTable();
     static Slots GetSlotMappingFromSMBIOS();
-    // Gives each IRQ record the type of the first SMBIOS record that stands for its device.
+    // Gives each IRQ record the type of the first SMBIOS record that describes its device.
     static void UpdateSlotTypeFromSMBios(Slots& irqSlots, const Slots& smbiosSlots);
-    // The first record that stands for the device; null when there is none.
+    // The first record that describes the device; null when there is none.
     static const PciSlotData* Find(const Slots& slots, uint8_t bus, uint8_t device);
 };
 

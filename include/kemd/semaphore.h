@@ -1,9 +1,9 @@
 // Counting semaphores of one process.
 //
 // Any thread may wait on and release a semaphore; one handle must not be created or closed while
-// another thread uses it. Nothing throws. A handle is a plain pointer: its end releases nothing,
-// and a copy is no reference of its own. WaitForSemaphore without limit is a thread cancellation
-// point.
+// another thread uses it. Nothing throws. A handle is a plain pointer: its destruction releases
+// nothing, and a copy does not count as a reference. WaitForSemaphore without limit is a thread
+// cancellation point.
 #pragma once
 
 #include <cstdint>
@@ -31,8 +31,8 @@ KEMD_API int CloseSemaphore(SemaphoreHandle& handle);
 // it tries once and does not wait, and without a unit the result is 102 for a timeout of 0 and -1
 // for the others. -1 on failure too.
 KEMD_API int WaitForSemaphore(SemaphoreHandle& handle, int32_t timeoutMs);
-// Gives `count` units. False for an empty handle, a count below 1 and when a unit was refused; the
-// units before it stay given.
+// Adds `count` units. False for an empty handle, for a count below 1, and when a unit was refused;
+// the units before it stay added.
 KEMD_API bool ReleaseSemaphore(SemaphoreHandle& handle, int64_t count);
 
 static_assert(sizeof(SemaphoreHandle) == 8, "size of SemaphoreHandle");

@@ -1,7 +1,8 @@
 // One thread of the system with a priority, either joinable ("waitable") or detached.
 //
 // An object belongs to the thread that uses it: it takes no lock, and it must not be destroyed
-// while another thread uses it. Its end neither waits for the thread nor stops it. Nothing throws.
+// while another thread uses it. Its destructor neither waits for the thread nor stops it. Nothing
+// throws.
 #pragma once
 
 #include <pthread.h>
@@ -27,9 +28,9 @@ class KEMD_API CThread {
     // there is no new thread.
     bool Start(void* (*function)(void*), void* argument, int32_t priority, bool suspend,
                uint32_t stackSize, bool waitable);
-    // Waits until a joinable thread has ended, without limit whatever the timeout (milliseconds,
-    // -1: without limit). True when it has, or when there is no thread; false at once for a
-    // detached one. A thread cancellation point.
+    // Waits without limit until a joinable thread has ended; the timeout (milliseconds) is ignored.
+    // True when it has, and when there is no thread; false at once for a detached one. A thread
+    // cancellation point.
     bool WaitForTermination(int32_t timeoutMs);
     // A joinable thread is waited for, not cancelled; a detached one is asked to end at its next
     // cancellation point. False when there is no thread or the system refuses. Waiting is a

@@ -6,7 +6,7 @@
 
 #include "base/file_io.h"
 #include "base/paths.h"
-#include "kemd/module_switch.h"
+#include "base/run_modes.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -109,22 +109,11 @@ RunOptions ReadRunOptions(const ProcessFacts& daemon) {
         const std::string_view argument = daemon.arguments[i];
         if (argument == "-n" || argument == "-nodemon") options.isForeground = true;
         if (argument == "-rescan") options.isRescan = true;
-        if (argument == "-agentless") options.mode = kRunModeAgentless;
-        if (argument == "-ovins") options.mode = kRunModeInstall;
-        if (argument == "-ovupd") options.mode = kRunModeUpdate;
-    }
-    switch (options.mode) {
-        case kRunModeAgentless:
-            options.modeName = "agentless";
-            break;
-        case kRunModeInstall:
-            options.modeName = "OVINS";
-            break;
-        case kRunModeUpdate:
-            options.modeName = "OVUPD";
-            break;
-        default:
-            break;
+        for (const RunModeOption& each : kRunModeOptions) {
+            if (argument != each.option) continue;
+            options.mode = each.mode;
+            options.modeName = each.name;
+        }
     }
     return options;
 }

@@ -54,9 +54,7 @@ bool DecodeSmbiosDump(std::span<const uint8_t> bytes, SmbiosData& data) {
 std::string DeniedSources() {
     std::string denied;
     bool needsRoot = false;
-    for (const char* path : {"/sys/firmware/dmi/tables/smbios_entry_point",
-                             "/sys/firmware/dmi/tables/DMI", "/sys/firmware/efi/systab",
-                             "/proc/efi/systab", "/vmfs/devices/char/mem/smbios", "/dev/mem"}) {
+    for (const char* path : kInventoryFiles) {
         if (access(path, R_OK) == 0 || errno == ENOENT) continue;
         const int error = errno;
         denied += std::string(denied.empty() ? "cannot read " : ", ") + path + ": ";

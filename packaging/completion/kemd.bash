@@ -1,10 +1,15 @@
-# Completion of kemd for bash.
+# Completion of kemd for bash: what its help text offers.
 # shellcheck shell=bash
 
 _kemd() {
-    local options="-n -nodemon -rescan -agentless -ovins -ovupd"
-    # These are for a word of their own.
-    ((COMP_CWORD > 1)) || options+=" --help --version"
+    local options="" line
+    while read -r line; do
+        [[ $line == -* ]] || continue
+        # Those with two hyphens count only as the sole argument.
+        [[ $line == --* ]] && ((COMP_CWORD > 1)) && continue
+        line=${line%%  *}
+        options+=" ${line//,/}"
+    done < <("${COMP_WORDS[0]}" --help 2>/dev/null)
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "${COMP_WORDS[COMP_CWORD]}")
 }
 

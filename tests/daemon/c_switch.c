@@ -1,5 +1,5 @@
-/* A switch library in plain C, its table of virtual functions made by hand. With BARE_SWITCH it
- * lacks the two entry points that a library need not have. */
+/* A switch library in plain C with a hand-made table of virtual functions. With BARE_SWITCH it
+ * lacks the two optional entry points. */
 #include <unistd.h>
 
 #include "kemd/module_switch_table.h"
@@ -7,7 +7,7 @@
 
 static void NeverCalled(void* self) {
     (void)self;
-    Record("a slot that nobody calls");
+    Record("a slot that is never called");
 }
 
 /* Only the lowest byte is the answer, and any that is not 0 means yes. */

@@ -1,6 +1,6 @@
-// A fixture that runs the real daemon on its real paths, one after the other, with the switch
-// library that a test asks for. Traced at level 3, with start-up and run-time ring buffers; the
-// start-up one stays readable because the daemon finds no gzip.
+// A fixture that runs the real daemon on its real paths with the switch library that a test
+// selects. Traced at level 3, with start-up and run-time ring buffers; the start-up ring stays
+// readable because the daemon finds no gzip.
 #pragma once
 
 #include <sys/types.h>
@@ -25,17 +25,15 @@ class DaemonTest : public testing::Test {
 
     // The process id of the started program. `prepare` runs in it before the daemon does.
     pid_t Start(const std::vector<std::string>& arguments, void (*prepare)() = nullptr);
-    // The same, until the modules of the C switch library were told to start.
+    // The same, until the C switch library is asked to start its modules.
     pid_t StartAndWait(const std::vector<std::string>& arguments);
     // Starts in the foreground, until the daemon waits for signals or has ended.
     pid_t Run(std::vector<std::string> arguments = {});
     // The exit status, or 1000 and the number of the signal that ended the process.
     int WaitForExit(pid_t pid);
     int Stop(pid_t pid, int signal = SIGTERM);
-    // Somebody else has waited for it.
-    void Forget(pid_t pid) { std::erase(m_running, pid); }
     void Kill(pid_t pid) { (void)Stop(pid, SIGKILL); }
-    // Who wrote the process id file; waits for the file.
+    // The process that wrote the process-id file; waits for the file.
     pid_t PidFromFile();
 
     static std::string Complaints();  // standard error of the last start
@@ -44,7 +42,7 @@ class DaemonTest : public testing::Test {
     [[nodiscard]] bool WaitForLog(const std::string& text) const {
         return WaitFor([&] { return Contains(Log(), text); });
     }
-    // Both ring buffers, one behind the other.
+    // Both ring buffers, one after the other.
     [[nodiscard]] std::string Trace() const {
         return RingText(m_logDirectory + "/log.kemd_i") + RingText(m_logDirectory + "/log.kemd_a");
     }

@@ -14,28 +14,23 @@ namespace fs = std::filesystem;
 struct World {
     bool systemctl;
     const char* nickname;  // null: unset
-    const char* file;      // what the run-level file holds; null: there is none
+    const char* file;      // what the run-level file holds
     std::string utmp;      // the run level's character there, or empty
     const char* command;   // what /sbin/runlevel prints; null: there is none
 };
 
-void WriteUtmp(const std::string& level) {
-    utmp records[3]{};
-    records[0].ut_type = BOOT_TIME;
-    records[0].ut_pid = '1';
-    records[1].ut_type = level.empty() ? USER_PROCESS : RUN_LVL;
-    records[1].ut_pid = level.empty() ? '2' : 'N' * 256 + level[0];
-    records[2].ut_type = DEAD_PROCESS;
-    WriteFile("/run/utmp", {reinterpret_cast<const char*>(records), sizeof(records)});
-}
-
 void Make(const World& world) {
-    for (const char* file : {"/usr/bin/systemctl", "/etc/orvmon/RunLevel", "/usr/sbin/runlevel"}) {
+    for (const char* file : {"/usr/bin/systemctl", "/usr/sbin/runlevel", "/tmp/asked"}) {
         fs::remove(file);
     }
     if (world.systemctl) WriteFile("/usr/bin/systemctl", "");
-    if (world.file != nullptr) WriteFile("/etc/orvmon/RunLevel", world.file);
-    WriteUtmp(world.utmp);
+    WriteFile("/etc/orvmon/RunLevel", world.file);
+    utmp records[3]{};
+    records[0].ut_type = BOOT_TIME;
+    records[0].ut_pid = '1';
+    records[1].ut_type = world.utmp.empty() ? USER_PROCESS : RUN_LVL;
+    records[1].ut_pid = world.utmp.empty() ? '2' : 'N' * 256 + world.utmp[0];
+    WriteFile("/run/utmp", {reinterpret_cast<const char*>(records), sizeof(records)});
     if (world.command != nullptr) {
         WriteFile("/usr/sbin/runlevel",
                   "#!/bin/sh\n>/tmp/asked\necho '" + std::string(world.command) + "'\n");
@@ -53,7 +48,7 @@ TEST_F(RunLevelTest, IsWhatTheSystemSays) {
         int32_t level = 0;
         bool asked = false;  // /sbin/runlevel ran
     } cases[] = {
-        // The file counts: there is systemctl, or the nickname is one of three.
+        // With systemctl, or one of three nicknames, the file counts.
         {{true, "SLES11", "6\n", "3", "N 4"}, 6, false},
         {{true, nullptr, " 0", "3", "N 4"}, 0, false},
         {{true, "RHEL7", "3", "6", "N 6"}, -1, false},
@@ -62,7 +57,7 @@ TEST_F(RunLevelTest, IsWhatTheSystemSays) {
         {{false, "SLES12", "6", "3", "N 4"}, 6, false},
         {{false, "RHEL7", "6", "3", "N 4"}, 6, false},
         {{false, "OL7", "6", "3", "N 4"}, 6, false},
-        // It does not.
+        // Otherwise it does not.
         {{false, "sles12", "6", "3", "N 4"}, 3, false},
         {{false, "SLES12 ", "6", "0", "N 4"}, 0, false},
         {{false, "SLES1", "6", "S", nullptr}, 'S' - '0', false},
@@ -76,7 +71,6 @@ TEST_F(RunLevelTest, IsWhatTheSystemSays) {
     };
     for (const auto& [world, level, asked] : cases) {
         Make(world);
-        fs::remove("/tmp/asked");
         const auto number = (&world - &cases[0].world) * sizeof(World) / sizeof(cases[0]);
         EXPECT_EQ(DetectRunLevel(), level) << number;
         EXPECT_EQ(fs::exists("/tmp/asked"), asked) << number;

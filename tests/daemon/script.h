@@ -1,5 +1,5 @@
-/* How a switch library of the tests is told what to do and says what was called: it appends a line
- * to /tmp/calls for each call and looks for words in /tmp/script. */
+/* The switch libraries of the tests append a line to /tmp/calls for each call, and look in
+ * /tmp/script for words that say what to do. */
 #pragma once
 
 #include <stdarg.h>

@@ -1,13 +1,13 @@
-// A switch library that throws where the script says so: an exception type of its own that the
-// daemon cannot know, or with the word "odd" one that is not even a std::exception, with "memory"
-// that there is no memory, with "fork" in a child alone, whose end it waits for; with "back" that
-// child returns instead. Or it treats the exit event as no module may.
+// A switch library that throws where the script says so: an exception of its own type, with the
+// word "odd" one that is no std::exception, with "memory" a std::bad_alloc. With "fork" only a
+// child throws, or with "back" returns, and the library waits for it. Other words misuse the exit
+// event.
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <exception>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -18,13 +18,9 @@
 
 namespace {
 
-class LibraryError : public std::exception {
-  public:
-    explicit LibraryError(const char* word) : m_text(std::string("library says ") + word) {}
-    [[nodiscard]] const char* what() const noexcept override { return m_text.c_str(); }
-
-  private:
-    std::string m_text;
+struct LibraryError : std::runtime_error {
+    explicit LibraryError(const char* word)
+        : std::runtime_error(std::string("library says ") + word) {}
 };
 
 struct Oddity {
@@ -72,7 +68,7 @@ class ThrowingSwitch : public IModuleSwitch {
 
   private:
     std::atomic<bool> m_stop{false};
-    std::thread m_threads[4];  // whoever sets the event hardly ever sees it set
+    std::thread m_threads[4];  // so that the event is hardly ever seen set
 };
 
 ThrowingSwitch g_switch;

@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "inventory/shadow_memory.h"
+#include "inventory/bios_tables.h"
 #include "inventory/smbios_entry.h"
 #include "tests/fuzz/fuzz.h"
 

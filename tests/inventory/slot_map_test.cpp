@@ -1,7 +1,5 @@
-// The routing table, the slot records of both sources, and the map of them.
+// The routing table, the slot records of both sources, and the map.
 #include <sys/wait.h>
-
-#include <thread>
 
 #include "inventory/pci_slot_sources.h"
 #include "tests/inventory/memory_world.h"
@@ -24,28 +22,28 @@ std::string Text(const Slots& slots) {
 
 class SlotMapTest : public TracedTest {};
 
-// A table with `entries`, its size field given, at an offset of the area at 0xF0000.
+// A table of this size at an offset of the area at 0xF0000, its bytes adding up to `sum`.
 Bytes RoutingMemory(size_t offset, size_t size, uint8_t major = 1, uint8_t minor = 0,
                     uint8_t sum = 0) {
     Bytes table(std::max<size_t>(size, 32));
+    for (size_t i = 32; i < size; ++i) table[i] = static_cast<uint8_t>(i);
     Place(table, 0, ToBytes("$PIR"));
     Place(table, 4, {minor, major, static_cast<uint8_t>(size), static_cast<uint8_t>(size >> 8)});
-    for (size_t i = 32; i < size; ++i) table[i] = static_cast<uint8_t>(i);
-    table.resize(std::min<size_t>(table.size(), 0x10000 - offset));
-    Bytes counted = table;
-    counted.resize(std::min(size, table.size()));
-    if (counted.size() >= 16) {
-        FixChecksum(counted, 8);
-        table[8] = static_cast<uint8_t>(counted[8] + sum);
-    }
-    Bytes memory(0x100000);
+    Bytes counted(table.begin(), table.begin() + static_cast<std::ptrdiff_t>(size));
+    if (size >= 16) FixChecksum(counted, 8);
+    if (size >= 16) table[8] = static_cast<uint8_t>(counted[8] + sum);
+    Bytes memory(0x200000);
     Place(memory, 0xF0000 + offset, table);
+    memory.resize(0x100000);
     return memory;
 }
 
 TEST_F(SlotMapTest, RoutingTableIsCheckedBeforeItIsTaken) {
     const std::string prefix = "CDeviceBiosBase::GetRoutingTable   : ## ERROR! ";
     const std::string illegalSize = prefix + "Illegal table size in PCI IRQ Routing Table (";
+    const std::string modulo =
+        prefix + "PCI IRQ Routing Table size modulo sizeof (IRQ_ROUTING_TABLE_ENTRY) is not zero ";
+    const std::string version = prefix + "Illegal version number in PCI IRQ Routing Table ";
     const struct {
         Bytes memory;
         size_t entries;
@@ -61,13 +59,9 @@ TEST_F(SlotMapTest, RoutingTableIsCheckedBeforeItIsTaken) {
         {RoutingMemory(0x10000 - 16, 16), 0, illegalSize + "16)\n"},
         {RoutingMemory(0, 0), 0, illegalSize + "0)\n"},
         {RoutingMemory(0, 65535), 0, illegalSize + "65535)\n"},
-        {RoutingMemory(0, 31), 0,
-         prefix + "PCI IRQ Routing Table size modulo sizeof (IRQ_ROUTING_TABLE_ENTRY) is not zero "
-                  "(15)\n"},
-        {RoutingMemory(0, 48, 11, 0), 0,
-         prefix + "Illegal version number in PCI IRQ Routing Table (11.0)\n"},
-        {RoutingMemory(0, 48, 1, 21), 0,
-         prefix + "Illegal version number in PCI IRQ Routing Table (1.21)\n"},
+        {RoutingMemory(0, 31), 0, modulo + "(15)\n"},
+        {RoutingMemory(0, 48, 11, 0), 0, version + "(11.0)\n"},
+        {RoutingMemory(0, 48, 1, 21), 0, version + "(1.21)\n"},
         {RoutingMemory(0, 48, 10, 20), 1, ""},
         {RoutingMemory(0, 48, 1, 0, 1), 0,
          prefix + "Illegal checksum in PCI IRQ Routing Table (01)\n"},
@@ -160,8 +154,8 @@ TEST_F(SlotMapTest, SmbiosSlotsThatAreThereAreTaken) {
                                   "ERROR ## No slot data in SMBios!\n"}));
 }
 
-// The map is one for each process: in a child, whose trace goes on where this one stopped, as no
-// handler of a fork switches it off.
+// Each process has one map, so this asks in a child. _Fork runs no handler of fork, which would
+// switch the trace off.
 std::string TraceOfChild(int expectedSlot) {
     const pid_t child = _Fork();
     if (child == 0) _exit(CPciSlotMap::GetPciSlotNumber(1, 9));
@@ -171,7 +165,7 @@ std::string TraceOfChild(int expectedSlot) {
     return RingText("/var/log/orvmon/log.kemd_i");
 }
 
-TEST_F(SlotMapTest, MapIsMadeOfWhatThereIs) {
+TEST_F(SlotMapTest, MapComesFromTheSourceThatHasSlots) {
     Bytes memory = FirmwareImage("pc");
     memory[0xF5C80] = 'x';  // no routing table
     WriteFile("/dev/mem", {memory.begin(), memory.end()});
@@ -194,12 +188,7 @@ TEST_F(SlotMapTest, MapIsMadeOfWhatThereIs) {
 TEST_F(SlotMapTest, MapOfARealMachineIsGatheredOnce) {
     const Bytes memory = FirmwareImage("pc");
     WriteFile("/dev/mem", {memory.begin(), memory.end()});
-    uint8_t numbers[2] = {};
-    std::thread other([&numbers] { numbers[0] = CPciSlotMap::GetPciSlotNumber(0, 5); });
-    numbers[1] = CPciSlotMap::GetPciSlotNumber(0, 5);
-    other.join();
-    EXPECT_EQ(numbers[0], 4);
-    EXPECT_EQ(numbers[1], 4);
+    EXPECT_EQ(CPciSlotMap::GetPciSlotNumber(0, 5), 4);
     EXPECT_EQ(CPciSlotMap::GetPciSlotNumber(1, 0), 0);
     std::filesystem::remove("/dev/mem");
     EXPECT_EQ(Text(CPciSlotMap::GetSlotMapping()),

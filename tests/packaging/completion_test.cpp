@@ -27,6 +27,7 @@ TEST(Completion, OffersWhatFits) {
         const char* offered;
     } cases[] = {
         {"kemd -n", "-n -nodemon\n"},
+        {"kemd -a", "-agentless\n"},
         {"kemd --", "--help --version\n"},
         {"kemd -n --", "\n"},
         {"kemd-module-host --t", "--timeout --trace\n"},

@@ -1,27 +1,10 @@
-// A module with one fault, chosen by the build.
-#include <stdexcept>
-
+// A module with one fault in what it exports, chosen by the build.
 #include "kemd/module.h"
 
 static int Start() {
-#ifdef BAD_THROW
-    throw std::runtime_error("not today");
-#endif
-#ifdef BAD_START
-    return 42;
-#endif
     return 0;
 }
 
 [[maybe_unused]] static void Stop() {}
 
-#ifdef BAD_SYMBOL
-#define kemdModule anotherName
-#endif
-#ifdef BAD_VERSION
-KEMD_MODULE = {KEMD_MODULE_VERSION + 1, Start, Stop, nullptr};
-#elif defined(BAD_FUNCTION)
-KEMD_MODULE = {KEMD_MODULE_VERSION, Start, nullptr, nullptr};
-#else
-KEMD_MODULE = {KEMD_MODULE_VERSION, Start, Stop, nullptr};
-#endif
+KEMD_MODULE = {KEMD_MODULE_VERSION + BAD_VERSION, Start, BAD_STOP, nullptr};

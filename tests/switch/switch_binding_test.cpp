@@ -11,11 +11,9 @@
 namespace {
 
 void ExpectClosed(const SwitchBinding& binding) {
-    EXPECT_EQ(binding.pfnAddRef, nullptr);
-    EXPECT_EQ(binding.pfnRelease, nullptr);
-    EXPECT_EQ(binding.pfnQueryInterface, nullptr);
-    EXPECT_EQ(binding.hLibrary, nullptr);
-    EXPECT_EQ(binding.pInterface, nullptr);
+    EXPECT_TRUE(binding.pfnAddRef == nullptr && binding.pfnRelease == nullptr &&
+                binding.pfnQueryInterface == nullptr && binding.hLibrary == nullptr &&
+                binding.pInterface == nullptr);
 }
 
 TEST_F(SwitchTest, MissingLibraryKeepsTheReason) {
@@ -26,8 +24,8 @@ TEST_F(SwitchTest, MissingLibraryKeepsTheReason) {
     EXPECT_TRUE(Contains(Trace(), "LoadLibrary: ## ERROR:  libswitch.so: cannot open shared obj"));
 }
 
-// The loader would end the process with SIGBUS. What it passes over is nothing to mind, and nor is
-// who may write the file.
+// The loader would end the process with SIGBUS. A file that the loader skips is no reason, and who
+// may write the file does not matter.
 TEST_F(SwitchTest, CutLibraryIsNotOpened) {
     const std::string path = "/tmp/switch/libswitch.so";
     const std::string library = ReadFile("/test/switches/c/libswitch.so");
@@ -48,7 +46,7 @@ TEST_F(SwitchTest, CutLibraryIsNotOpened) {
     chmod(path.c_str(), 0666);
     EXPECT_TRUE(m_binding.Load());
     std::filesystem::remove("/tmp/first/libswitch.so");
-    // What an unknown cache names comes before what the default directories have.
+    // A cache of unknown format comes before the default directories.
     WriteFile("/etc/ld.so.cache", "of another format");
     const LibraryPlace first = FindLibrary("libc.so.6", nullptr).front();
     EXPECT_EQ(first.path + first.reason, "the loader's cache");
@@ -60,7 +58,7 @@ TEST_F(SwitchTest, CallsGoThroughAndEndWithOneRelease) {
     ASSERT_TRUE(m_binding.Load());
     EXPECT_TRUE(m_binding.LoadModules(&m_params));
     WriteFile("/tmp/script", "fail-load");
-    EXPECT_FALSE(m_binding.LoadModules(&m_params));  // passed on without a text
+    EXPECT_FALSE(m_binding.LoadModules(&m_params));  // not traced as a failure
     EXPECT_TRUE(m_binding.UnloadModules(7));
     m_binding.Unload();
     ExpectClosed(m_binding);
@@ -76,32 +74,26 @@ TEST_F(SwitchTest, WithoutAnInterfaceNothingIsCalled) {
     Install("/test/switches/c/libswitch.so");
     WriteFile("/tmp/script", "fail-query");
     EXPECT_FALSE(m_binding.Load());
-    EXPECT_NE(m_binding.hLibrary, nullptr);
+    void* const library = m_binding.hLibrary;
+    EXPECT_NE(library, nullptr);
     EXPECT_EQ(m_binding.pInterface, nullptr);
-    EXPECT_FALSE(m_binding.LoadModules(&m_params));
-    EXPECT_FALSE(m_binding.UnloadModules(0));
-    m_binding.CloseLibrary();
-    ExpectClosed(m_binding);
+    EXPECT_FALSE(m_binding.LoadModules(&m_params) || m_binding.UnloadModules(0));
     EXPECT_EQ(ReadFile("/tmp/calls"), "SW_QueryInterface identifier=0\n");
     EXPECT_TRUE(InOrder(Trace(), {"SWITCH API          : ## ERROR! Loading modules FAILED!\n",
                                   "SWITCH API          : ## ERROR! Unloading modules FAILED!\n"}));
     EXPECT_FALSE(Contains(Trace(), "Exception"));
-}
-
-TEST_F(SwitchTest, OpenLibraryIsAskedAnew) {
-    Install("/test/switches/c/libswitch.so");
-    ASSERT_TRUE(m_binding.Load());
-    const SwitchBinding first = m_binding;
+    // The library that is open is asked again.
     Install("");
-    m_binding.pInterface = nullptr;
+    WriteFile("/tmp/script", "");
     m_binding.pfnRelease = nullptr;
     EXPECT_TRUE(m_binding.Load());
-    EXPECT_EQ(m_binding.hLibrary, first.hLibrary);
-    EXPECT_EQ(m_binding.pInterface, first.pInterface);
-    EXPECT_EQ(m_binding.pfnRelease, first.pfnRelease);
+    EXPECT_EQ(m_binding.hLibrary, library);
+    EXPECT_NE(m_binding.pfnRelease, nullptr);
+    m_binding.CloseLibrary();
+    ExpectClosed(m_binding);
 }
 
-TEST_F(SwitchTest, OnlyTheQueryIsIndispensable) {
+TEST_F(SwitchTest, OnlyTheQueryIsRequired) {
     Install("/test/switches/bare/libswitch.so");
     EXPECT_TRUE(m_binding.Load());
     EXPECT_EQ(m_binding.pfnRelease, nullptr);

@@ -1,5 +1,5 @@
-// What a module that misbehaves does to the real daemon, beside a module that does not; and that
-// the next start is clean.
+// Modules in the real daemon: misbehaving ones, next to one that behaves, whether the next start is
+// clean, and the template.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -16,7 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class MisbehavingTest : public DaemonTest {
+class ModuleTest : public DaemonTest {
   protected:
     void SetUp() override {
         DaemonTest::SetUp();
@@ -27,30 +27,17 @@ class MisbehavingTest : public DaemonTest {
     static void Install(const std::string& kind) {
         ClearModules();
         AddModule("/build/modules/notifications.so");
-        if (!kind.empty()) AddModule("/test/misbehaving/" + kind + ".so");
+        if (!kind.empty()) AddModule("/test/misbehaving/any.so", kind + ".so");
     }
 
-    // Until the daemon waits for signals, as the ring shows it: a module may close the log file.
-    pid_t RunTraced() {
-        for (const char* ring : {"/log.kemd_i", "/log.kemd_a"}) fs::remove(m_logDirectory + ring);
-        const pid_t pid = Start({"-n"});
-        EXPECT_TRUE(WaitFor([&] {
-            siginfo_t ended{};
-            waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT);
-            return ended.si_pid == pid ||
-                   Contains(RingText(m_logDirectory + "/log.kemd_a"), "Waiting for signals");
-        }));
-        return pid;
-    }
-
-    // What a module forked has become a child of this process, which is the first one here.
-    static void ExpectNobodyLeft() {
+    // A child of a module has become a child of this process, which is process 1.
+    static void ExpectNoChildLeft() {
         EXPECT_TRUE(WaitFor([] { return waitpid(-1, nullptr, WNOHANG) < 0; }));
     }
 
     void ExpectCleanRestart() {
         Install("");
-        const pid_t pid = RunTraced();
+        const pid_t pid = Run();
         EXPECT_EQ(ReadFile(kLockFile), "kemd#" + std::to_string(pid)) << Complaints();
         EXPECT_EQ(ReadFile(kPidFile), std::to_string(pid) + "\n");
         EXPECT_EQ(Stop(pid), 0);
@@ -60,7 +47,7 @@ class MisbehavingTest : public DaemonTest {
     }
 };
 
-TEST_F(MisbehavingTest, TheOthersRunOnAndTheStopIsOrderly) {
+TEST_F(ModuleTest, TheOthersRunOnAndTheStopIsOrderly) {
     const std::string started = "module notifications.so started\n";
     const std::string stopped = "module notifications.so stopped\n";
     const std::string unloaded = "unload of all registered extension modules completed!\n";
@@ -86,7 +73,7 @@ TEST_F(MisbehavingTest, TheOthersRunOnAndTheStopIsOrderly) {
         {"goeson", {"module goeson.so started\n", started, stopped, unloaded}},
         {"takes", {started, "module takes.so started\n", "module takes.so stopped\n", unloaded}},
         {"raises", {started, "module raises.so started\n", "module raises.so stopped\n", unloaded}},
-#ifndef __SANITIZE_THREAD__  // it reports the threads, and one that it has itself is left
+#ifndef __SANITIZE_THREAD__  // which reports the threads and has one of its own
         {"unjoined",
          {started, "module unjoined.so stopped\n", "no module is unloaded\n", unloaded}},
         {"ended",
@@ -98,20 +85,20 @@ TEST_F(MisbehavingTest, TheOthersRunOnAndTheStopIsOrderly) {
     for (const auto& [kind, trace] : cases) {
         SCOPED_TRACE(kind);
         Install(kind);
-        const pid_t pid = RunTraced();
+        const pid_t pid = Run();
         EXPECT_EQ(ReadFile(kPidFile), std::to_string(pid) + "\n");
         EXPECT_EQ(Stop(pid), 0);
         EXPECT_TRUE(InOrder(Trace(), trace));
         EXPECT_EQ(Contains(Log(), "## EXIT PROCESS KEMD ##\n"), kind != "closes") << Log();
         EXPECT_EQ(ReadFile("/tmp/taken"), "");
         EXPECT_FALSE(fs::exists(kPidFile) || (kind != "closes" && fs::exists(kLockFile)));
-        ExpectNobodyLeft();
+        ExpectNoChildLeft();
     }
     ExpectCleanRestart();
 }
 
-// The daemon ends with the module, but in sight and with its files removed.
-TEST_F(MisbehavingTest, EndFromInsideIsTracedAndLeavesNothing) {
+// The daemon ends with the module, but says so and removes its files.
+TEST_F(ModuleTest, EndFromInsideIsTracedAndLeavesNothing) {
     const std::string ended = "the process is ended in the start of module ";
     const std::string cleaned = "KEMD-MAIN: the process was ended from inside";
     const struct {
@@ -134,7 +121,7 @@ TEST_F(MisbehavingTest, EndFromInsideIsTracedAndLeavesNothing) {
     for (const auto& [kind, status, trace] : cases) {
         SCOPED_TRACE(kind);
         Install(kind);
-        const pid_t pid = RunTraced();
+        const pid_t pid = Run();
         const UniqueFd go(open("/tmp/go", O_RDWR));
         EXPECT_EQ(WaitForExit(pid), status);
         EXPECT_TRUE(InOrder(Trace(), trace));
@@ -144,22 +131,22 @@ TEST_F(MisbehavingTest, EndFromInsideIsTracedAndLeavesNothing) {
     ExpectCleanRestart();
 }
 
-// A module that dies or ends the process takes the daemon along; what it leaves is no obstacle.
-TEST_F(MisbehavingTest, DeathLeavesNothingInTheWay) {
+// A module that dies or ends the process takes the daemon with it; the files left do no harm.
+TEST_F(ModuleTest, DeathLeavesNothingInTheWay) {
     for (const auto& [kind, status] :
          {std::pair{"dies", 1000 + SIGSEGV}, {"exits", 3}, {"daemon", 0}}) {
         SCOPED_TRACE(kind);
         Install(kind);
-        EXPECT_EQ(WaitForExit(RunTraced()), status);
+        EXPECT_EQ(WaitForExit(Run()), status);
         EXPECT_TRUE(fs::exists(kLockFile) && fs::exists(kPidFile));
-        ExpectNobodyLeft();
+        ExpectNoChildLeft();
         ExpectCleanRestart();
     }
 }
 
-TEST_F(MisbehavingTest, StopThatBlocksEndsWithAKill) {
+TEST_F(ModuleTest, StopThatBlocksEndsWithAKill) {
     Install("blocks");
-    const pid_t pid = RunTraced();
+    const pid_t pid = Run();
     kill(pid, SIGTERM);
     ASSERT_TRUE(WaitFor([this] { return Contains(Trace(), "stop does not return\n"); }));
     kill(pid, SIGTERM);  // a second request changes nothing
@@ -169,10 +156,10 @@ TEST_F(MisbehavingTest, StopThatBlocksEndsWithAKill) {
     ExpectCleanRestart();
 }
 
-TEST_F(MisbehavingTest, ChildThatLivesOnKeepsNoLock) {
+TEST_F(ModuleTest, ChildThatLivesOnKeepsNoLock) {
     for (const auto& [signal, status] : {std::pair{SIGTERM, 0}, {SIGKILL, 1000 + SIGKILL}}) {
         Install("forks");
-        EXPECT_EQ(Stop(RunTraced(), signal), status);
+        EXPECT_EQ(Stop(Run(), signal), status);
         const std::string text = "misbehaving   child ";
         const std::string trace = Trace();
         const size_t found = trace.find(text);
@@ -181,6 +168,22 @@ TEST_F(MisbehavingTest, ChildThatLivesOnKeepsNoLock) {
         ExpectCleanRestart();
         EXPECT_EQ(kill(child, 0), 0) << "it should still live";
         EXPECT_EQ(Stop(child, SIGKILL), 1000 + SIGKILL);
+    }
+}
+
+// The modules that were built outside of this tree, from the installed template.
+TEST_F(ModuleTest, TemplateRunsHoweverItWasBuilt) {
+    WriteFile("/etc/orvmon/registry",
+              "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[kemd]\n[template]\nSeconds=d=3\n\n\n\n\n\n");
+    for (const std::string tool : {"cmake", "make"}) {
+        SCOPED_TRACE(tool);
+        ClearModules();
+        AddModule("/test/template/" + tool + "/module.so");
+        const pid_t pid = Run();
+        ASSERT_TRUE(WaitFor([this] { return Contains(Trace(), " template      round 1, "); }));
+        EXPECT_EQ(Stop(pid), 0);
+        EXPECT_TRUE(InOrder(Trace(), {"template      every 3 s\n", "module module.so started\n",
+                                      "module module.so stopped\n", "## EXIT PROCESS"}));
     }
 }
 
