@@ -35,3 +35,6 @@ class NameRegistry {
 
 using EventRegistry = NameRegistry;
 using SemaphoreRegistry = NameRegistry;
+
+// Semaphores are looked up here; nothing in kemd enters one.
+SemaphoreRegistry& NamedSemaphores();

@@ -9,7 +9,7 @@
 #include "kemdctl/check/file_safety.h"
 #include "kemdctl/registry/registry_check.h"
 #include "kemdctl/ui/text.h"
-#include "services/registry/store.h"
+#include "services/registry/file.h"
 
 namespace {
 

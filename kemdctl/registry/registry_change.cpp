@@ -7,7 +7,7 @@
 #include "kemdctl/registry/registry_store.h"
 #include "kemdctl/registry/registry_value.h"
 #include "kemdctl/ui/text.h"
-#include "services/registry/file_line.h"
+#include "services/registry/file_text.h"
 #include "services/registry/node.h"
 #include "services/registry/store.h"
 

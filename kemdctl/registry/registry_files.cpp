@@ -12,7 +12,7 @@
 #include "kemdctl/ui/json.h"
 #include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/text.h"
-#include "services/registry/file_text.h"
+#include "services/registry/file.h"
 #include "services/registry/store.h"
 
 namespace {

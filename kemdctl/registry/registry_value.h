@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "kemdctl/ui/json.h"
-#include "services/registry/entry.h"
+#include "services/registry/node.h"
 
 // "string", "expand", "binary", "number", or "key" for a subkey.
 const char* TypeName(uint32_t type);

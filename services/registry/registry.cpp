@@ -8,7 +8,7 @@
 #include <string_view>
 #include <utility>
 
-#include "services/registry/path.h"
+#include "services/registry/node.h"
 #include "services/registry/store.h"
 #include "trace/debug.h"
 

@@ -67,10 +67,3 @@ class RegistryStore {
 };
 
 RegistryStore& TheRegistryStore();
-
-// Whether a file that could not be opened for this reason is missing or none that could ever be
-// read, so that the next generation takes its place. Any other reason may be gone the next time.
-bool IsNoRegistryFile(int error);
-
-// Parses one file into the key. 0, or why it was not read whole, ENODATA when it holds no registry.
-int RestoreRegistryFile(const char* path, CRegistryNode& node);

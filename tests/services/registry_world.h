@@ -5,7 +5,7 @@
 #include <string>
 
 #include "kemd/registry.h"
-#include "services/registry/file_text.h"
+#include "services/registry/file.h"
 #include "services/registry/store.h"
 #include "tests/traced_test.h"
 

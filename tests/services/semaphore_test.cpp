@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "services/semaphore_object.h"
+#include "services/name_registry.h"
 
 namespace {
 

@@ -1,21 +1,61 @@
-#include "services/registry/save.h"
+#include "services/registry/file.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <string_view>
+#include <utility>
 
 #include "base/file_io.h"
 #include "base/paths.h"
-#include "services/registry/file_text.h"
-#include "services/registry/store.h"
 #include "trace/debug.h"
+
+bool IsNoRegistryFile(int error) {
+    constexpr int kReasons[] = {ENOENT, ENOTDIR, ELOOP, EISDIR, EINVAL, ENXIO, ENODEV};
+    return std::find(std::begin(kReasons), std::end(kReasons), error) != std::end(kReasons);
+}
+
+ParsedRegistry LoadRegistryFile(const char* path) {
+    if (path == nullptr || *path == '\0') {
+        TRACE(1, "CRegistry: ERROR: Empty file path");
+        return {std::nullopt, ENOENT, true};
+    }
+    const UniqueFd file = OpenRegularFile(path, O_RDONLY);
+    if (!file.IsOpen()) {
+        const int error = errno;
+        TRACE(1, "CRegistry: WARNING: Could not open \"%s\"\n", path);
+        return {std::nullopt, error, IsNoRegistryFile(error)};
+    }
+    struct stat status {};
+    if (fstat(file.Get(), &status) == 0 && status.st_size == 0) {
+        TRACE(1, "CRegistry: WARNING: The length of \"%s\" is not sufficient\n", path);
+        return {std::nullopt, ENODATA, true};
+    }
+    LineReader lines(file.Get());
+    ParsedRegistry parsed = ParseRegistry(lines);
+    if (parsed.isNone) {
+        TRACE(1,
+              "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this "
+              "file\n",
+              path);
+    }
+    return parsed;
+}
+
+int RestoreRegistryFile(const char* path, CRegistryNode& node) {
+    ParsedRegistry parsed = LoadRegistryFile(path);
+    if (parsed.error != 0) return parsed.error;
+    const auto replaced = LockedNode(node).Merge(std::move(*parsed.entries));
+    return 0;
+}
 
 namespace {
 
