@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <exception>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +14,9 @@ namespace {
 
 constexpr RegistryType kValueTypes[] = {kRegistryString, kRegistryExpandString, kRegistryBinary,
                                         kRegistryNumber};
+
+// What stands between name and data, by type.
+constexpr std::string_view kMarkers[] = {"", "=s=", "=es=", "=b=", "=d="};
 
 constexpr char kDigits[] = "0123456789abcdef";
 
@@ -32,7 +34,7 @@ RegistryLine DecodeRegistryLine(std::string_view line) {
     if (equals == line.npos) return {};
     const std::string_view rest = line.substr(equals);
     for (const RegistryType type : kValueTypes) {
-        const std::string_view marker = RegistryMarker(type);
+        const std::string_view marker = kMarkers[type];
         if (!rest.starts_with(marker)) continue;
         return {RegistryLine::kValue, line.substr(0, equals), type, rest.substr(marker.size())};
     }
@@ -62,13 +64,14 @@ std::string DecodeRegistryBinary(std::string_view data) {
 
 void AppendRegistryValue(std::string& text, const RegistryEntry& entry) {
     if (entry.IsSubkey()) return;
-    if (entry.Type() != kRegistryBinary) {
-        text += entry.Line();
-        return;
-    }
-    text.append(entry.Name()).append(RegistryMarker(kRegistryBinary));
-    for (const unsigned char byte : entry.Data()) {
-        text += {kDigits[byte / 16], kDigits[byte % 16], ' '};
+    text += entry.Name();
+    text += kMarkers[entry.Type()];
+    if (entry.IsText()) text += entry.Data();
+    if (entry.Type() == kRegistryNumber) text += std::to_string(entry.Number());
+    if (entry.Type() == kRegistryBinary) {
+        for (const unsigned char byte : entry.Data()) {
+            text += {kDigits[byte / 16], kDigits[byte % 16], ' '};
+        }
     }
     text += '\n';
 }
@@ -78,11 +81,11 @@ namespace {
 // A key that is being read.
 struct OpenKey {
     std::string name;
-    std::vector<RegistryEntry> entries;
+    RegistryEntries entries;
 };
 
 // False when memory does not suffice for this one.
-bool TakeValue(std::vector<RegistryEntry>& entries, const RegistryLine& line) try {
+bool TakeValue(RegistryEntries& entries, const RegistryLine& line) try {
     if (line.type == kRegistryNumber) {
         const auto number = DecodeRegistryNumber(line.data);
         if (number) entries.emplace_back(line.name, *number);
@@ -98,40 +101,27 @@ bool TakeValue(std::vector<RegistryEntry>& entries, const RegistryLine& line) tr
 
 // A file that was written here is sorted. For others once at the end: entry by entry a large key
 // would take forever.
-void Sort(std::vector<RegistryEntry>& entries) {
+RegistryEntries Sorted(RegistryEntries entries) {
     const auto isBefore = [](const RegistryEntry& a, const RegistryEntry& b) {
-        return CompareNames(a, b) < 0;
+        return a.Name() < b.Name();
     };
     const auto isNotBefore = [&isBefore](const auto& a, const auto& b) { return !isBefore(a, b); };
     if (std::adjacent_find(entries.begin(), entries.end(), isNotBefore) != entries.end()) {
         std::stable_sort(entries.begin(), entries.end(), isBefore);
         const auto kept = std::unique(
             entries.rbegin(), entries.rend(),
-            [](const RegistryEntry& a, const RegistryEntry& b) { return CompareNames(a, b) == 0; });
+            [](const RegistryEntry& a, const RegistryEntry& b) { return a.Name() == b.Name(); });
         entries.erase(entries.begin(), kept.base());
     }
     entries.shrink_to_fit();
-}
-
-RegistryEntries Pack(std::vector<RegistryEntry> entries) {
-    Sort(entries);
-    size_t size = 0;
-    for (const RegistryEntry& entry : entries) size += entry.PackedSize();
-    RegistryEntries packed{std::move(entries), nullptr};
-    if (size > 0) packed.text = std::make_unique_for_overwrite<char[]>(size);
-    char* next = packed.text.get();
-    for (RegistryEntry& entry : packed.list) {
-        entry.PackInto(next);
-        next += entry.PackedSize();
-    }
-    return packed;
+    return entries;
 }
 
 // Ends the innermost key, which becomes an entry of the one around it. False when there is none.
 bool CloseKey(std::vector<OpenKey>& open) {
     if (open.size() == 1) return false;
     const RegistryKey node(new CRegistryNode);
-    (void)LockedNode(*node).Merge(Pack(std::move(open.back().entries)));
+    (void)LockedNode(*node).Merge(Sorted(std::move(open.back().entries)));
     const std::string name = std::move(open.back().name);
     open.pop_back();
     open.back().entries.emplace_back(name, node);
@@ -155,8 +145,7 @@ Level OpenLevel(CRegistryNode& node, std::string& text) {
     const LockedNode locked(node);
     for (const RegistryEntry& entry : locked.Entries()) {
         AppendRegistryValue(text, entry);
-        if (entry.IsSubkey() && entry.Node())
-            level.subkeys.push_back({std::string(entry.Name()), entry.Node()});
+        if (entry.IsSubkey() && entry.Node()) level.subkeys.push_back({entry.Name(), entry.Node()});
     }
     return level;
 }
@@ -182,7 +171,7 @@ ParsedRegistry ParseRegistry(LineReader& lines) {
     }
     if (lines.HasFailed()) return {std::nullopt, lines.Error(), false};
     if (!isRecognised) return {std::nullopt, ENODATA, true};
-    return {Pack(std::move(open.back().entries)), error, false};
+    return {Sorted(std::move(open.back().entries)), error, false};
 }
 
 int ParseRegistry(LineReader& lines, CRegistryNode& target) {

@@ -22,9 +22,7 @@ constexpr const char* kIdentifierKey =
 RegistryKey FindSubkey(CRegistryNode& node, std::string_view name) {
     const LockedNode locked(node);
     const RegistryEntry* entry = locked.Find(name);
-    if (entry == nullptr) return {};
-    if (entry->Node()) entry->Node()->Prefetch();
-    return entry->Node();
+    return entry != nullptr ? entry->Node() : RegistryKey();
 }
 
 // As FindSubkey, and makes the subkey when nothing of that name is there.

@@ -106,15 +106,8 @@ int32_t CRegistry::Read(const RegistryKey& key, const char* name) {
 void CRegistry::ReadEntry(const RegistryEntry& entry) {
     m_valueType = entry.Type();
     m_value = entry.Data();
-    m_valueSize = static_cast<uint32_t>(m_value.size());
-    if (m_valueType == kRegistryNumber) {
-        const int32_t number = entry.Number();
-        m_value.assign(reinterpret_cast<const char*>(&number), sizeof number);
-        m_valueSize = sizeof number;
-    } else if (m_valueType == kRegistryString || m_valueType == kRegistryExpandString) {
-        ++m_valueSize;
-        if (m_expand && m_valueType == kRegistryExpandString) m_value = Expand(m_value);
-    }
+    m_valueSize = static_cast<uint32_t>(m_value.size() + (entry.IsText() ? 1 : 0));
+    if (m_expand && m_valueType == kRegistryExpandString) m_value = Expand(m_value);
 }
 
 int32_t CRegistry::ReadText(const char* name, const RegistryHandle& node) {
@@ -253,8 +246,7 @@ int32_t CRegistry::EnumValue(char* name, uint32_t* nameLength, uint32_t index, u
     }
     *nameLength = CopyName(entry->Name(), name, *nameLength);
     if (dataSize == nullptr) return 0;
-    const bool isText = entry->Type() == kRegistryString || entry->Type() == kRegistryExpandString;
-    if (data != nullptr && isText) {
+    if (data != nullptr && entry->IsText()) {
         ReadEntry(*entry);
         return CopyText(static_cast<char*>(data), dataSize);
     }
