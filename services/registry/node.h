@@ -129,7 +129,7 @@ class LockedNode {
   private:
     struct Place {
         RegistryEntries::iterator entry;
-        bool isTaken;
+        bool isTaken = false;
     };
     // Where the entry of that name is, or else belongs.
     [[nodiscard]] Place Seek(std::string_view name) const;

@@ -34,7 +34,7 @@ const std::set<long> kFileCalls = {SYS_openat, SYS_newfstatat, SYS_fstat, SYS_fl
 }
 
 [[noreturn]] void LoadChangeAndSave() {
-    CRegistry registry;
+    CRegistry registry;  // a later one would load again
     CRegistry::SetupTree(true);
     registry.Open("", HKEY_LOCAL_MACHINE);
     registry.SetValue("v", "new");
