@@ -141,7 +141,7 @@ uint64_t ResidentBytes() {
     return bytes;
 }
 
-// Runs in a process of its own, which has not used any memory before.
+// Runs in a new process, whose heap is unused.
 int MeasureMemory() {
     const uint64_t before = ResidentBytes();
     CRegistry::SetupTree(false);
@@ -173,7 +173,7 @@ int main(int argc, char** argv) {
     std::printf("%zu values, file of %zu bytes\n", sample.values.size(),
                 static_cast<size_t>(std::filesystem::file_size(kRegistryFile)));
     MeasureMemoryInChild(argv[0]);
-    // In this order: the tree lies in memory as a fresh start leaves it, until it is loaded again.
+    // Look-ups first: until it is loaded again, the tree is in memory as a fresh start leaves it.
     CompareLookUp(sample);
     CompareSave();
     CompareLoad();

@@ -31,7 +31,7 @@ int StateOf(const EventObject& event) {
     return event.IsSignaled ? 1 : 0;
 }
 
-// An event's mutex; a failed lock is carried on without.
+// Holds an event's mutex. When locking fails, the operation goes on without the lock.
 class EventLock {
   public:
     explicit EventLock(EventObject& event)
@@ -69,7 +69,7 @@ bool JoinNamed(EventHandle& handle, bool manualReset, const char* name) {
     return true;
 }
 
-// Traces why an event could not be made. `name` is that of the event to be, which carries none yet.
+// Traces why an event could not be made. The event itself has no name yet.
 bool Fail(const EventObject& event, const char* name, const char* text, int ret) {
     TRACE(3, text, ret, static_cast<const void*>(&event), NameOf(name), StateOf(event));
     return false;
@@ -159,7 +159,7 @@ bool DropReference(EventObject& event) {
         return false;
     }
     --event.refCount;
-    // Still under the lock: behind it another thread may free the event at any time.
+    // Still under the lock: after it another thread may free the event at any time.
     TRACE(5, "decr refcount on event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(&event),
           NameOf(event), StateOf(event));
     return true;
@@ -204,8 +204,8 @@ bool IsUsable(const EventHandle& handle) {
     return handle.event != nullptr && !handle.closed;
 }
 
-// Counts a waiter in, and out again on every way out of the wait, thread cancellation included. The
-// mutex is held both times.
+// Counts a waiter until the wait ends in any way, thread cancellation included. The mutex is held
+// at both ends.
 class WaiterCount {
   public:
     explicit WaiterCount(EventObject& event) : m_event(event) { ++m_event.waiters; }
@@ -274,7 +274,7 @@ EventHandle& EventHandle::operator=(const EventHandle& source) {
 
 void CreateEvent(EventHandle& handle, bool initialState, bool manualReset, const char* name) {
     const CancelGuard guard;
-    // Given up last: it may be the event of this very name, which then lives on.
+    // Released last: it may be the event of this very name, which then lives on.
     EventObject* const previous = std::exchange(handle.event, nullptr);
     handle.closed = false;
     JoinOrCreate(handle, initialState, manualReset, name);
@@ -349,8 +349,8 @@ int WaitForEvent(EventHandle& handle, uint32_t timeoutMs) {
     }
     const WaiterCount waiter(event);
     const int ret = WaitOnCondition(event, timeoutMs);
-    // Required: a wake-up counts also when the event is not signalled (any more). PulseEvent relies
-    // on it, so there is no loop that checks again.
+    // Required: a wake-up counts even when the event is no longer signalled. PulseEvent relies on
+    // it, so no loop checks again.
     if (ret == 0 || event.IsSignaled) {
         if (!event.IsManual) event.IsSignaled = false;
         return kWaitSignaled;

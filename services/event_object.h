@@ -1,5 +1,4 @@
-// The shared state behind all handles of one event. A header of its own because tests look at the
-// fields.
+// The shared state behind all handles of one event. Tests read its fields.
 #pragma once
 
 #include <pthread.h>

@@ -23,7 +23,7 @@ namespace {
 // Within the process a profile file is not read while one is written.
 constinit NeverDestroyed<std::shared_mutex> g_profileLock;
 
-// A line that begins with its first visible character, without comment and white space behind.
+// Takes a line without leading white space; removes its comment and trailing white space.
 std::string_view WithoutComment(std::string_view line) {
     line = CutAtNul(line);
     return TrimEnd(line.substr(0, line.find(';')));
@@ -46,14 +46,14 @@ class ProfileScan {
         if (m_position >= m_size - 2) return false;
         line = TrimStart(line);
         if (line.empty()) return true;
-        // Nearly every line of a large file is one of another section: nothing else is looked at.
+        // Fast path: nearly every line of a large file belongs to another section.
         if (line.front() != '[' && !m_inSection) return true;
         line = WithoutComment(line);
         if (line.empty()) return true;
         return line.front() == '[' ? TakeHeader(line.substr(1)) : TakeEntry(line);
     }
 
-    // Ends what was written; the number of characters, 0 when nothing was found.
+    // Terminates the text in the buffer. Returns its length, 0 when nothing was found.
     uint32_t Finish() {
         if (m_position == 0) return 0;
         if (m_position >= m_size) {
@@ -97,8 +97,8 @@ class ProfileScan {
 
     void AddName(std::string_view name) { m_position += Copy(name, m_size - 1 - m_position) + 1; }
 
-    // Copies at most `limit` bytes to the position, and a NUL behind them when the buffer has room;
-    // its last byte is NUL in every case. How many bytes were copied.
+    // Copies at most `limit` bytes to the position, and a NUL after them when there is room. The
+    // buffer's last byte is always NUL. Returns how many bytes were copied.
     size_t Copy(std::string_view text, size_t limit) {
         const size_t length = text.copy(m_out + m_position, limit);
         if (m_position + length < m_size) m_out[m_position + length] = '\0';
@@ -120,7 +120,7 @@ uint32_t CopyDefault(const char* text, char* out, uint32_t size) {
     const size_t length = strnlen(text, size - 1);
     std::memmove(out, text, length);
     out[length] = '\0';
-    out[size - 1] = '\0';  // as behind every other text
+    out[size - 1] = '\0';  // as after every other text
     return static_cast<uint32_t>(length);
 }
 
@@ -207,7 +207,7 @@ struct Request {
 
 enum class Result { kFailed, kDone, kNotOpened };
 
-// What the scan of a file finds to do.
+// The change that a scan of the file asks for.
 struct Change {
     enum Kind { kNone, kReplace, kAppendEntry, kAppendSection } kind = kNone;
     off_t start = 0;  // kReplace: the bytes to replace
@@ -215,23 +215,23 @@ struct Change {
     bool afterLineFeed = false;  // kReplace: writes a line feed first
 };
 
-// Goes over the lines as the writer sees them: it is stricter than the reader and looks at the
-// first column only.
+// Scans the lines as the writer sees them: stricter than the reader, it looks at the first column
+// only.
 class ChangeScan {
   public:
     explicit ChangeScan(const Request& request) : m_request(request) {}
 
-    // One line and where it begins and ends; true when the change is known.
+    // Takes one line and the offsets of its start and end. Returns true when the change is known.
     bool Take(std::string_view line, off_t start, off_t end) {
         line = CutAtNul(line);
         if (line.empty()) return false;
-        line.remove_suffix(1);  // the line feed, or whatever stands in its place
+        line.remove_suffix(1);  // the line feed or, without one, the last character
         if (line.empty() || line.front() == ';') return false;
         if (line.front() == '[') return TakeHeader(line.substr(1), start);
         return m_inSection && TakeEntry(line, start, end);
     }
 
-    // The change; at the end of the file when no line has decided it.
+    // Returns the change; without a decision so far it happens at the end of the file.
     Change Finish(off_t fileEnd) {
         if (m_isKnown) return m_change;
         if (m_request.mode == Mode::kSet) {
@@ -301,14 +301,14 @@ Result Append(const Request& request, const std::string& text, bool mayCreate) {
     UniqueFd file;
     if (mayCreate) file = OpenRegularFile(request.fileName, kFlags | O_CREAT | O_EXCL, 0644);
     const bool isNew = file.IsOpen();
-    // Not exclusive: the name may be a link to a file that is still to be made.
+    // Not exclusive: the name may be a link to a file that does not exist yet.
     if (!isNew) file = OpenRegularFile(request.fileName, kFlags | (mayCreate ? O_CREAT : 0), 0644);
     if (!file.IsOpen()) {
         TRACE(1, "WritePrivateProfileString: ## WARNING: append open error: %s\n",
               request.fileName);
         return Result::kNotOpened;
     }
-    if (mayCreate) (void)fchmod(file.Get(), 0644);  // whatever the process's mask is
+    if (mayCreate) (void)fchmod(file.Get(), 0644);  // regardless of the umask
     if (AppendToFile(file.Get(), text) && Close(file)) return Result::kDone;
     if (isNew) (void)unlink(request.fileName);
     return Result::kFailed;

@@ -24,7 +24,7 @@ constinit NeverDestroyed<SemaphoreRegistry> g_registry;
 
 enum class Dropped { kOthersRemain, kDestroyed, kDestroyFailed };
 
-// Empties the handle.
+// Also empties the handle.
 Dropped DropReference(SemaphoreHandle& handle) {
     SemaphoreObject* const object = std::exchange(handle.object, nullptr);
     if (--object->refCount != 0) return Dropped::kOthersRemain;

@@ -84,7 +84,7 @@ struct OpenKey {
     RegistryEntries entries;
 };
 
-// False when memory does not suffice for this one.
+// False when there is not enough memory for the value.
 bool TakeValue(RegistryEntries& entries, const RegistryLine& line) try {
     if (line.type == kRegistryNumber) {
         const auto number = DecodeRegistryNumber(line.data);
@@ -99,8 +99,8 @@ bool TakeValue(RegistryEntries& entries, const RegistryLine& line) try {
     return false;
 }
 
-// A file that was written here is sorted. For others once at the end: entry by entry a large key
-// would take forever.
+// Files written by kemd are sorted already. Others are sorted once at the end: inserting each entry
+// of a large key in its place would take forever.
 RegistryEntries Sorted(RegistryEntries entries) {
     const auto isBefore = [](const RegistryEntry& a, const RegistryEntry& b) {
         return a.Name() < b.Name();
@@ -117,7 +117,7 @@ RegistryEntries Sorted(RegistryEntries entries) {
     return entries;
 }
 
-// Ends the innermost key, which becomes an entry of the one around it. False when there is none.
+// Ends the innermost key and enters it into its parent. False at the top level.
 bool CloseKey(std::vector<OpenKey>& open) {
     if (open.size() == 1) return false;
     const RegistryKey node(new CRegistryNode);
@@ -133,7 +133,7 @@ struct Subkey {
     RegistryKey node;
 };
 
-// A key that is being written: its subkeys, copied so that its lock need not be held.
+// A key that is being written. Its subkeys are copied, so that its lock need not be held.
 struct Level {
     std::vector<Subkey> subkeys;
     size_t next = 0;
@@ -153,12 +153,12 @@ Level OpenLevel(CRegistryNode& node, std::string& text) {
 }  // namespace
 
 ParsedRegistry ParseRegistry(LineReader& lines) {
-    std::vector<OpenKey> open(1);  // from the top level to the key that the line in hand is in
+    std::vector<OpenKey> open(1);  // from the top level to the current key
     bool isRecognised = false;
     int error = 0;
     for (;;) {
         std::string_view text;
-        (void)lines.Next(text);  // behind the end of the file nothing, which ends every key
+        (void)lines.Next(text);  // empty at the end of the file, which ends every key
         const RegistryLine line = DecodeRegistryLine(text);
         if (line.kind == RegistryLine::kEnd && !CloseKey(open)) break;
         if (line.kind == RegistryLine::kHeader) open.push_back({std::string(line.name), {}});
@@ -182,7 +182,7 @@ int ParseRegistry(LineReader& lines, CRegistryNode& target) {
 }
 
 bool WriteRegistry(CRegistryNode& root, const std::function<bool(std::string_view)>& write) {
-    constexpr size_t kPiece = size_t{256} * 1024;
+    constexpr size_t kFragment = size_t{256} * 1024;
     std::string text;
     std::vector<Level> levels;
     levels.push_back(OpenLevel(root, text));
@@ -196,7 +196,7 @@ bool WriteRegistry(CRegistryNode& root, const std::function<bool(std::string_vie
             text.append("[").append(subkey.name).append("]\n");
             levels.push_back(OpenLevel(*subkey.node, text));
         }
-        if (text.size() < kPiece) continue;
+        if (text.size() < kFragment) continue;
         if (!write(text)) return false;
         text.clear();
     }

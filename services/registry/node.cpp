@@ -10,7 +10,7 @@
 
 RegistryEntry::RegistryEntry(std::string_view name, uint32_t type, std::string_view data)
     : m_name(name), m_size(static_cast<uint32_t>(data.size())), m_type(type) {
-    // The size that is reported has 32 bits, and counts a text's NUL.
+    // The reported size has 32 bits and counts a text's NUL.
     if (data.size() >= UINT32_MAX) throw std::length_error("registry entry");
     m_data = std::make_unique_for_overwrite<char[]>(data.size());
     data.copy(m_data.get(), data.size());
@@ -53,7 +53,7 @@ static void TraceDeleted(const RegistryEntry& entry) {
           entry.Name().data());
 }
 
-// With a list instead of recursion: a file decides how deep a tree is.
+// A list instead of recursion, because a file decides how deep a tree is.
 void CRegistryNode::DeleteEntries(RegistryEntries entries) {
     RegistryKey pending;
     const auto begin = [&pending](RegistryEntries& level) {
@@ -108,7 +108,7 @@ std::vector<RemovedEntry> LockedNode::Merge(RegistryEntries entries) {
         m_node.m_entries = std::move(entries);
         return removed;
     }
-    // All memory first: the entries are put together or not at all.
+    // Allocates everything first, so that all entries are put or none.
     removed.reserve(entries.size());
     m_node.m_entries.reserve(m_node.m_entries.size() + entries.size());
     for (RegistryEntry& entry : entries) removed.push_back(Put(std::move(entry)));

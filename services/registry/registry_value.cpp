@@ -1,4 +1,4 @@
-// Reading, setting and enumerating what the open key holds.
+// CRegistry: reading, setting and enumerating what the open key holds.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -48,7 +48,7 @@ bool Matches(const RegistryEntry& entry, uint32_t filter) {
     return entry.Type() == filter;
 }
 
-// Cuts the name to what the buffer holds with a NUL; the length that was copied.
+// Cuts the name to what fits with a NUL. Returns the length that was copied.
 uint32_t CopyName(std::string_view name, char* buffer, uint32_t size) {
     if (size == 0) return 0;
     const size_t length = name.copy(buffer, size - 1);
@@ -65,7 +65,7 @@ bool CRegistry::SetValue(const char* name, const void* data, uint32_t size, uint
           static_cast<int>(type));
     const RegistryKey key = KeyOf(node);
     if (!key || !IsStorable(data, size, type)) return false;
-    RemovedEntry replaced;  // freed behind the lock
+    RemovedEntry replaced;  // freed after the lock
     LockedNode locked(*key);
     if (locked.IsDeleted()) return false;
     if (name == nullptr) return true;
@@ -89,7 +89,7 @@ int32_t CRegistry::SetValue(const char* name, const char* text) {
     return SetValue(name, text, size, kRegistryString) ? 0 : kRegistryInvalid;
 }
 
-// The one way by which values are read: into m_value, with size and type.
+// All reads go through here: into m_value, with size and type.
 int32_t CRegistry::Read(const RegistryKey& key, const char* name) {
     m_valueSize = 0;
     m_valueType = 0;
@@ -174,7 +174,7 @@ int32_t CRegistry::QueryValue(char* buffer, const char* name, uint32_t* count,
     return kRegistryAbsent;
 }
 
-// The value last read.
+// Copies the value last read.
 int32_t CRegistry::CopyText(char* buffer, uint32_t* count) const {
     const auto length = static_cast<uint32_t>(m_value.size());
     if (buffer == nullptr) {
@@ -198,8 +198,8 @@ bool CRegistry::ReadIdentifierValue(std::string& out, const char* name) {
     return false;
 }
 
-// The index-th entry that matches, or null. Goes on where the last call stopped when that is on the
-// way and the key has not changed. Afterwards state.count says how many entries match up to there.
+// The index-th entry that matches, or null. Continues where the last call stopped, unless that is
+// past the index or the key has changed. Afterwards state.count entries have matched.
 const RegistryEntry* CRegistry::Seek(const LockedNode& locked, EnumState& state, uint32_t index,
                                      uint32_t filter) {
     const bool goesOn =

@@ -10,8 +10,8 @@
 
 class BiosMemory : public CDeviceBiosBase {
   public:
-    // The first two bytes of the input say where the others go, in steps of `step` bytes from
-    // `start` on.
+    // The input's first two bytes are the offset of the others after `start`, in units of `step`
+    // bytes.
     BiosMemory(const uint8_t* data, size_t size, size_t start, size_t step) {
         const size_t offset = start - kStart + (data[0] << 8 | data[1]) * step;
         std::copy_n(data + 2, std::min(size - 2, m_area.size() - offset),

@@ -46,7 +46,7 @@ Step DecodeStep(std::string_view line) {
     return step;
 }
 
-// Whether every file holds it as it is.
+// Whether every file stores and returns the names and the value unchanged.
 bool IsPlain(const Step& step) {
     const auto isPlain = [](const std::string& text) {
         return !text.empty() && text.size() <= 900 &&
@@ -93,10 +93,10 @@ void RunAnyBytes(const std::vector<Step>& steps, std::string_view content, const
         const std::string before = file.Text();
         const bool done = step.Apply(file);
         const std::string after = file.Text();
-        Require(done || before == after, "a change failed and is there all the same");
+        Require(done || before == after, "a failed change is in the file");
         Require(done || step.action != 's', "a value cannot be set");
         if (!done || step.action == 'D') continue;
-        Require(LinesTakenAway(before, after) <= 1, "more than one line has gone");
+        Require(LinesTakenAway(before, after) <= 1, "more than one line is gone");
         const std::string entry = step.key + '=' + step.value + '\n';
         Require(step.action == 'd' || after.find(entry) != after.npos, "no entry was written");
     }

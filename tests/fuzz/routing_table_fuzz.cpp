@@ -9,7 +9,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::vector<uint8_t>& area = memory.Area();
     Require(!memory.IsMapped(), "a mapping that stays");
     Require(entries.size() % 16 == 0 && entries.size() <= 65504 - 32, "entries of another size");
-    // What is given out stands in the area after a header.
+    // The entries are a part of the area, after a header.
     Require(std::search(area.begin(), area.end(), entries.begin(), entries.end()) != area.end(),
             "entries that are not there");
     return 0;

@@ -19,7 +19,7 @@
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// Seen by the constructor of a static object of another file, in whatever order they run.
+// Initialised like a static object of another file, in any order.
 static const bool kExitEventExists = ExitEvent().event != nullptr;
 
 namespace {
@@ -30,7 +30,7 @@ EventHandle NewEvent(bool initialState, bool manualReset, const char* name = nul
     return handle;
 }
 
-// A thread that waits, and is counted as a waiter when this returns.
+// Starts a thread that waits, and returns when it counts as a waiter.
 std::future<int> StartWaiter(EventHandle& handle, uint32_t timeoutMs = kWaitForever) {
     const int waiters = handle.event->waiters;
     auto result = std::async(std::launch::async,
@@ -56,7 +56,7 @@ TEST(EventTest, OnlyAutoResetConsumesTheSignal) {
 TEST(EventTest, WaitEndsAtItsDeadline) {
     for (const uint32_t timeoutMs : {0, 30, 1005}) {
         EventHandle event = NewEvent(true, true);
-        PulseEvent(event);  // wakes nobody later
+        PulseEvent(event);  // must not wake a later waiter
         const auto start = Clock::now();
         EXPECT_EQ(WaitForEvent(event, timeoutMs), kWaitTimedOut);
         EXPECT_GE(Clock::now() - start, milliseconds(timeoutMs));
@@ -74,7 +74,7 @@ TEST(EventTest, SignalThatComesWithTheTimeoutCounts) {
             std::async(std::launch::async, [&event] { return WaitForEvent(event, kTimeoutMs); });
         while (!isHeld && waiter.wait_for(milliseconds(0)) != std::future_status::ready) {
             pthread_mutex_lock(&event.event->mutex);
-            isHeld = event.event->waiters == 1;  // it waits, and cannot come back
+            isHeld = event.event->waiters == 1;  // it waits and cannot return
             if (!isHeld) pthread_mutex_unlock(&event.event->mutex);
         }
     }
@@ -86,7 +86,7 @@ TEST(EventTest, SignalThatComesWithTheTimeoutCounts) {
     EXPECT_EQ(CheckEvent(event), 0);
 }
 
-// A thread that is on its way into the wait holds the mutex, and must not miss what happens now.
+// A thread that is about to wait holds the mutex and must not miss a change.
 TEST(EventTest, StateChangesOnlyUnderTheMutex) {
     for (auto* operation : {SetEvent, PulseEvent, ResetEvent, CloseEvent}) {
         EventHandle event = NewEvent(false, true);
@@ -96,7 +96,7 @@ TEST(EventTest, StateChangesOnlyUnderTheMutex) {
             thread = gettid();
             return operation(event);
         });
-        // It sleeps, or else has ended.
+        // The thread sleeps or has ended.
         EXPECT_TRUE(WaitFor([&] {
             const std::string file = "/proc/self/task/" + std::to_string(thread) + "/stat";
             return thread != 0 && !Contains(ReadFile(file), ") R ");
@@ -178,7 +178,7 @@ TEST_F(EventTraceTest, NameIsSharedUntilTheLastHandleGoes) {
     }
     EventHandle fresh = NewEvent(false, false, "shared");
     EXPECT_EQ(fresh.event->refCount, 1);
-    // Created again over its only handle it is the same event.
+    // Created again with its only handle, it stays the same event.
     SetEvent(fresh);
     CreateEvent(fresh, false, false, "shared");
     EXPECT_EQ(fresh.event->refCount, 1);
@@ -201,7 +201,7 @@ TEST_F(EventTraceTest, NameIsSharedUntilTheLastHandleGoes) {
 TEST(EventTest, ManyNamesStayFindable) {
     constexpr int kCount = 40;
     std::vector<EventHandle> handles(kCount);
-    // Neither in ascending nor in descending order.
+    // In no particular order.
     const auto name = [](int i) { return "event " + std::to_string(i * 17 % kCount); };
     for (int i = 0; i < kCount; ++i) CreateEvent(handles[i], false, true, name(i).c_str());
     handles[10] = EventHandle();

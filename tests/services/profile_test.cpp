@@ -105,8 +105,8 @@ TEST_F(ProfileTraceTest, WriterChangesTheFileByteForByte) {
     };
     const std::string longLine = "a=" + std::string(1100, 'x') + "\n";
     const std::vector<Case> cases = {
-        // a new section at the end, also when the reader sees one that is indented, or the last
-        // line has no line feed
+        // a new section at the end, even when the reader sees an indented one, or the last line has
+        // no line feed
         {"", "S", "k", "v", true, "\n[S]\n\nk=v\n"},
         {"  [S]\nk=1\n", "S", "k", "v", true, "  [S]\nk=1\n\n[S]\n\nk=v\n"},
         {"[S]", "S", "k", "v", true, "[S]\n[S]\n\nk=v\n"},
@@ -144,7 +144,7 @@ TEST_F(ProfileTraceTest, WriterChangesTheFileByteForByte) {
     EXPECT_EQ(GetPrivateProfileString("S", "k", "default", out, 1, "/none/value"), 0U);
     EXPECT_STREQ(out, "");
     EXPECT_FALSE(WritePrivateProfileString("S", "k", "v", "/none/x"));
-    fs::create_symlink(kFile, "/etc/link.ini");  // to a file that is still to be made
+    fs::create_symlink(kFile, "/etc/link.ini");  // to a file that does not exist yet
     umask(077);
     EXPECT_TRUE(WritePrivateProfileString("S", "k", "v", "/etc/link.ini"));
     umask(022);
@@ -175,7 +175,7 @@ TEST(ProfileTest, WriteThatDoesNotFitLeavesTheFile) {
         setrlimit(RLIMIT_FSIZE, &none);
         EXPECT_EQ(ReadFile(kFile), before) << section;
     }
-    // What is no file is neither read nor written, and nobody waits for it.
+    // Anything but a regular file is neither read nor written, and no call blocks on it.
     fs::create_directory("/etc/directory.ini");
     ASSERT_EQ(mkfifo("/etc/fifo.ini", 0600), 0);
     for (const char* name : {"/etc/directory.ini", "/etc/fifo.ini", "/dev/zero"}) {
@@ -199,7 +199,7 @@ TEST(ProfileTest, ObjectReadsListsAndNumbers) {
     EXPECT_FALSE(profile.SetFileName("/none", true));
     EXPECT_EQ(text, "untouched");
     ASSERT_TRUE(profile.SetFileName(kFile, true));
-    ASSERT_TRUE(profile.SetFileName(profile.GetFileName(), true));  // its own text
+    ASSERT_TRUE(profile.SetFileName(profile.GetFileName(), true));  // its own buffer
 
     const struct {
         const char* key;
@@ -211,7 +211,7 @@ TEST(ProfileTest, ObjectReadsListsAndNumbers) {
     EXPECT_TRUE(profile.GetString(text, "L", "none", "d"));
     EXPECT_EQ(text, "d");
     EXPECT_STREQ(profile.GetList(nullptr), "N");
-    EXPECT_STREQ(profile.GetList(profile.NextEntry()), "a");  // a name out of the list itself
+    EXPECT_STREQ(profile.GetList(profile.NextEntry()), "a");  // a name inside the list's own buffer
     EXPECT_STREQ(profile.NextEntry(), "b");
     for (int i = 0; i < 2; ++i) EXPECT_STREQ(profile.NextEntry(), "");
     EXPECT_STREQ(profile.GetValue("L", profile.GetValue("none", "none", "a"), ""), "1");

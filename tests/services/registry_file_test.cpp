@@ -1,4 +1,4 @@
-// The registry's file: what is read and written, where a tree comes from, and hostile files.
+// The registry's files: reading, writing, fallbacks, and hostile files.
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -9,7 +9,7 @@
 #include "base/file_io.h"
 #include "tests/services/registry_world.h"
 
-// Memory of a certain size can be had, or not.
+// While g_isRefusing, allocations of about this size fail.
 static constexpr size_t kRefusedSize = 900;
 static bool g_isRefusing = false;
 
@@ -48,11 +48,11 @@ TEST_F(RegistryTest, ReadsWhatItKnowsAndSkipsTheRest) {
         {"[k]\nx=d=1\n[l]\ny=d=2", true, "[k]\nx=d=1\n[l]\ny=d=2\n\n\n\n"},
         // the last one of a name stays, whatever the first one was
         {"k=s=1\n[k]\na=d=1\n\n[k]\nb=d=2\n\nz=s=1\nz=d=2\n", true, "z=d=2\n[k]\nb=d=2\n\n\n"},
-        // a line of more than 1,023 bytes is read as two; what is left of this one ends the key
+        // a line of more than 1,023 bytes is read as two; the rest of this one ends the key
         {longName + "=s\nb=s=1\n", false, "\n"},
         {longName.substr(4) + "=s=12\na=s=1\n", true, "a=s=1\n" + longName.substr(4) + "=s=12\n\n"},
     };
-    // The last one of a name stays, however many there are and however they lie.
+    // The last one of a name stays, however many there are.
     std::string many = "m=d=0\n";
     for (int i = 0; i < 40; ++i) many += "k=d=" + std::to_string(i) + "\n";
     cases.push_back({many + "b=d=1\n", true, "b=d=1\nk=d=39\nm=d=0\n\n"});
@@ -141,7 +141,7 @@ TEST_F(RegistryTest, TreeWithoutALineForWantOfMemoryIsNeverSaved) {
     g_isRefusing = true;
     Load(machine);
     g_isRefusing = false;
-    CRegistry registry(HKEY_LOCAL_MACHINE);  // does not load it again: keys are open
+    CRegistry registry(HKEY_LOCAL_MACHINE);  // does not load the file again
     EXPECT_EQ(Machine(), "a=s=1\n\n");
     EXPECT_EQ(registry.SetValue("a", "2"), 0);
     EXPECT_FALSE(CRegistry::SaveTree());
@@ -164,7 +164,7 @@ TEST_F(RegistryTest, HostileFilesNeitherHangNorCrash) {
     int32_t number = 0;
     EXPECT_EQ(registry.QueryValue(&number, "x"), 0);
     EXPECT_EQ(Machine().size(), deep.size() + 6 + kDepth + 1);
-    Debug.SetTraceTarget(kTargetNone);  // one record for each of them otherwise
+    Debug.SetTraceTarget(kTargetNone);  // otherwise one record for each key
     EXPECT_EQ(CRegistry(HKEY_LOCAL_MACHINE).DeleteKey("k"), 0);
     EXPECT_EQ(registry.QueryValue(&number, "x"), 22);
 

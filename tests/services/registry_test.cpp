@@ -1,4 +1,4 @@
-// The operations of the cursor, each result code and what they leave in the tree.
+// The operations of the cursor: result codes and changes to the tree.
 #include <cstdlib>
 #include <functional>
 #include <thread>
@@ -72,7 +72,7 @@ TEST_F(RegistryTest, CreatesAndDeletesKeys) {
         EXPECT_EQ(machine.DeleteValue(name), 0);
     }
     EXPECT_EQ(Machine(), "\n");
-    // A cursor inside what was deleted has no key any more.
+    // A cursor inside a deleted key has no key open.
     int32_t number = 0;
     uint32_t count = 1;
     char name[8];
@@ -101,7 +101,7 @@ TEST_F(RegistryTest, RootKeysComeBackEmptyWhenTheyAreDeleted) {
     EXPECT_EQ(Machine(), "\n");
     EXPECT_EQ(next.CreateKey(nullptr, "B"), 0);
     EXPECT_EQ(CRegistry("HKEY_LOCAL_MACHINE\\B", nullptr).Status(), 0);
-    // One that was created again is what the handle stands for.
+    // The handle refers to a root key that was created again.
     EXPECT_EQ(root.DeleteKey("HKEY_USERS"), 0);
     EXPECT_EQ(CRegistry(HKEY_USERS).SetValue("v", 1), 22);
     EXPECT_EQ(next.CreateKey(root.Key(), "HKEY_USERS\\C"), 0);
@@ -195,7 +195,7 @@ TEST_F(RegistryTest, TextFitsItsBufferOrIsCut) {
         Contains(Trace(), "CRegistry::QueryValue: ** ERROR **  pdwCount is a NULL pointer\n"));
 }
 
-// Names and data of EnumValue from index 0 to the first failure, which is the last result.
+// Results, names and data of EnumValue from index 0 up to the first index that is absent.
 std::string Enumerate(CRegistry& registry, uint32_t filter) {
     std::string all;
     for (uint32_t index = 0;; ++index) {
@@ -232,7 +232,7 @@ TEST_F(RegistryTest, EnumeratesInOrderOfTheNames) {
     length = sizeof name;
     EXPECT_EQ(registry.EnumValue(name, &length, 0, 4, name, &size), 0);
     EXPECT_EQ(size, 0U);  // too small for a number
-    // An enumeration under way sees what is changed meanwhile.
+    // An enumeration sees changes made meanwhile.
     EXPECT_EQ(registry.EnumKey(name, sizeof name, 0), 0);
     EXPECT_EQ(registry.DeleteKey("B"), 0);
     EXPECT_EQ(registry.EnumKey(name, sizeof name, 1), 0);
@@ -316,7 +316,7 @@ TEST_F(RegistryTest, ThreadsShareOneTreeThatIsReloaded) {
         registry.SetValue("n", round);
         CRegistry shared("shared", HKEY_LOCAL_MACHINE);
         int32_t number = round;
-        // A reload may take the key away at any time: then there is none, or no value.
+        // A reload may remove the key or the value at any time.
         const int32_t result = registry.QueryValue(&number, "n");
         EXPECT_TRUE(result == 0 || result == 22 || result == 61) << result;
         EXPECT_EQ(number, round);

@@ -1,5 +1,5 @@
-// A fixture for tests of the registry: the process's tree is loaded from a file of the test's own,
-// and what is traced can be read.
+// A fixture for tests of the registry: each test loads the process's tree from its own file and can
+// read what is traced.
 #pragma once
 
 #include <string>

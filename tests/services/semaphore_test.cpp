@@ -9,7 +9,7 @@
 
 namespace {
 
-// The units that can be taken at once.
+// Takes all units and counts them.
 int Drain(SemaphoreHandle& handle) {
     int units = 0;
     while (WaitForSemaphore(handle, 0) == 0) ++units;
@@ -55,13 +55,13 @@ TEST(SemaphoreTest, TimedWaitTriesOnce) {
     EXPECT_EQ(CloseSemaphore(handle), 1);
 
     ASSERT_EQ(CreateSemaphore(handle, SEM_VALUE_MAX, SEM_VALUE_MAX, nullptr), 1);
-    EXPECT_FALSE(ReleaseSemaphore(handle, INT64_MAX));  // ends at the first unit that is refused
+    EXPECT_FALSE(ReleaseSemaphore(handle, INT64_MAX));  // stops at the first unit that is refused
     EXPECT_EQ(CloseSemaphore(handle), 1);
 }
 
 TEST(SemaphoreTest, NamesAreOnlyLookedUp) {
     SemaphoreHandle first;
-    EXPECT_EQ(CreateSemaphore(first, 1, 1, "nobody's"), 1);
+    EXPECT_EQ(CreateSemaphore(first, 1, 1, "unknown"), 1);
     EXPECT_EQ(first.object, nullptr);
     ASSERT_EQ(CreateSemaphore(first, 1, 1, nullptr), 1);
     ASSERT_TRUE(NamedSemaphores().Put("shared", first.object));

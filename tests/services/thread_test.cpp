@@ -31,7 +31,7 @@ TEST_F(ThreadTest, JoinableThreadIsWaitedForWhateverTheTimeout) {
     EXPECT_FALSE(thread.Kill());
     ASSERT_TRUE(thread.Start(WaitForIt, &event, 0, true, 0x1234, true));
     const std::string id = Id(thread.m_thread);
-    std::thread setter([&] { SetEvent(event); });  // the thread cannot end before
+    std::thread setter([&] { SetEvent(event); });  // the thread cannot end earlier
     EXPECT_TRUE(thread.WaitForTermination(1));
     EXPECT_EQ(CheckEvent(event), 1);
     EXPECT_EQ(thread.m_thread, 0U);
@@ -60,7 +60,7 @@ TEST_F(ThreadTest, JoinableThreadIsWaitedForWhateverTheTimeout) {
 
 std::atomic<int> g_running{0};
 
-// Counted until it ends in whatever way.
+// Counted until it ends, even by cancellation.
 void* RunCounted(void* event) {
     struct Mark {
         Mark() { ++g_running; }
@@ -85,11 +85,11 @@ TEST_F(ThreadTest, DetachedThreadIsCancelledOnlyWhileItLives) {
     ASSERT_TRUE(WaitFor([&] { return g_running == 1; }));
     thread.m_killAliveThread = true;
     ASSERT_TRUE(thread.Start(RunCounted, &event, 0, false, 0, false));  // ends the first one
-    // All of it: the id that is free last is the first to be used again.
+    // Gone completely: the id that was freed last is the next to be reused.
     ASSERT_TRUE(WaitFor([&] { return CountThreads() == threads + 1 && g_running == 1; }));
     const pthread_t second = thread.m_thread;
     SetEvent(event);
-    // The thread is gone, and its id is another one's.
+    // The thread is gone, and another one gets its id.
     ASSERT_TRUE(WaitFor([&] { return CountThreads() <= threads; }));
     ResetEvent(event);
     pthread_t other{};
@@ -112,7 +112,7 @@ TEST_F(ThreadTest, DetachedThreadIsCancelledOnlyWhileItLives) {
     EXPECT_EQ(trace.find("Killing", trace.rfind("Try to kill the Thread")), trace.npos);
 }
 
-TEST_F(ThreadTest, FailedStartTellsWhyAndKeepsTheThread) {
+TEST_F(ThreadTest, FailedStartTracesWhyAndKeepsTheThread) {
     EventHandle event;
     CreateEvent(event, true, true, nullptr);
     CThread thread;
@@ -123,7 +123,7 @@ TEST_F(ThreadTest, FailedStartTellsWhyAndKeepsTheThread) {
     EXPECT_FALSE(thread.m_waitable);
     thread.m_waitable = true;
     EXPECT_TRUE(thread.WaitForTermination(-1));
-    // With the privilege the priority is in force, without it there is no thread.
+    // With the privilege the thread has the priority, without it no thread starts.
     int policy = -1;
     const auto askPolicy = [](void* result) -> void* {
         sched_param parameters{};
