@@ -1,8 +1,7 @@
 // Changes a profile file step by step.
 //
 // An input: a digit, then one change on each line, "s|section|key|value", "d|section|key" or
-// "D|section", an empty line, and what the file holds at first. "*" and one more byte before a
-// value repeat it.
+// "D|section", an empty line, and what the file holds at first.
 //
 // With an even digit the file is empty at first, and steps count only when their names and values
 // are plain: what was set can be read back. With an odd digit all bytes go ("~" is a line feed),
@@ -28,21 +27,13 @@ struct Step {
     }
 };
 
-std::string Repeat(const std::string& text) {
-    constexpr size_t kLongest = 900;
-    if (text.size() < 2 || text.front() != '*') return text;
-    std::string repeated;
-    for (int i = 0; i < text[1] && repeated.size() < kLongest; ++i) repeated += text.substr(2);
-    return repeated.substr(0, kLongest);
-}
-
 Step DecodeStep(std::string_view line) {
     const bool isKnown = line.front() == 's' || line.front() == 'D';
     Step step{isKnown ? line.front() : 'd', {}, {}, {}};
     TakeField(line, '|');
     step.section = TakeField(line, '|').c_str();  // up to a NUL, as the functions see it
     step.key = TakeField(line, '|').c_str();
-    step.value = Repeat(TakeField(line, '|')).c_str();
+    step.value = TakeField(line, '|').c_str();
     return step;
 }
 

@@ -114,11 +114,8 @@ TEST(EventTest, HandlesAreCopiedWhileOthersAreReleased) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&event] {
-            for (int round = 0; round < kRounds; ++round) {
-                EventHandle copy(event);
-                EventHandle other;
-                other = copy;
-            }
+            EventHandle other;
+            for (int round = 0; round < kRounds; ++round) other = EventHandle(event);
         });
     }
     for (std::thread& thread : threads) thread.join();

@@ -88,16 +88,13 @@ TEST_F(RegistryTest, FallsBackToThePreviousGenerationAndTheDefault) {
          "content of this file\n",
          "CRegistry: WARNING: Could not restore tree from \"/etc/orvmon/registry.old\", trying "
          "default\n"}));
-    restore(nullptr, usual.c_str(), nullptr);
     restore(nullptr, nullptr, nullptr);
-    EXPECT_TRUE(
-        InOrder(Trace(),
-                {"trying default\n",
-                 "CRegistry: WARNING: Could not open \"/etc/orvmon/registry\"\n", "trying backup\n",
-                 "ForceSetup=1, MIsSetup=1, MIsDirty=0\n", "trying backup\n", "trying default\n",
-                 "CRegistry: WARNING: Could not open \"/etc/orvmon/registry.default\"\n",
-                 "CRegistry: ERROR: Could not restore tree from \"/etc/orvmon/registry.default\", "
-                 "restoring failed\n"}));
+    EXPECT_TRUE(InOrder(
+        Trace(), {"ForceSetup=1, MIsSetup=1, MIsDirty=0\n",
+                  "CRegistry: WARNING: Could not open \"/etc/orvmon/registry\"\n",
+                  "trying backup\n", "trying default\n",
+                  "CRegistry: ERROR: Could not restore tree from \"/etc/orvmon/registry.default\", "
+                  "restoring failed\n"}));
     EXPECT_EQ(RestoreRegistryFile("", *RegistryKey(new CRegistryNode)), ENOENT);
     EXPECT_TRUE(Contains(Trace(), "CRegistry: ERROR: Empty file path\n"));
 
