@@ -233,6 +233,8 @@ TEST_F(RegistrySaveTest, ReplacesOnlyWhatItWasLoadedFrom) {
     EXPECT_FALSE(CRegistry::SaveTree());  // still the last result
     EXPECT_EQ(ReadFile(kRegistryPath), kSaved);
     fs::remove(kNewPath);
+    { const CRegistry unchanged; }
+    EXPECT_EQ(ReadFile(kRegistryPath), kSaved);
     fs::remove(kRegistryPath + ".lock");
     fs::create_directory(kRegistryPath + ".lock");
     CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", "newer");

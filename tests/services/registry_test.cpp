@@ -237,6 +237,7 @@ TEST_F(RegistryTest, EnumeratesInOrderOfTheNames) {
     EXPECT_EQ(registry.DeleteKey("B"), 0);
     EXPECT_EQ(registry.EnumKey(name, sizeof name, 1), 0);
     EXPECT_STREQ(name, "z");
+    EXPECT_EQ(registry.EnumKey(name, sizeof name, 0), 0);
     EXPECT_EQ(registry.SetValue("A", "moves every key on"), 0);
     EXPECT_EQ(registry.EnumKey(name, sizeof name, 1), 0);
     EXPECT_STREQ(name, "z");
