@@ -13,15 +13,20 @@
 static constexpr size_t kRefusedSize = 900;
 static bool g_isRefusing = false;
 
+void* operator new[](size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    const bool isRefused = g_isRefusing && size / 100 == kRefusedSize / 100;
+    return isRefused ? nullptr : std::malloc(size);
+}
 void* operator new[](size_t size) {
-    if (g_isRefusing && size / 100 == kRefusedSize / 100) throw std::bad_alloc();
-    return operator new(size);
+    void* const memory = operator new[](size, std::nothrow);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
 }
 void operator delete[](void* memory) noexcept {
-    operator delete(memory);
+    std::free(memory);
 }
 void operator delete[](void* memory, size_t /*size*/) noexcept {
-    operator delete(memory);
+    std::free(memory);
 }
 
 namespace {
