@@ -41,13 +41,13 @@ class ProfileScan {
           m_out(out),
           m_size(size) {}
 
-    // False ends the pass.
+    // `line` is not empty. False ends the pass.
     bool Take(std::string_view line) {
         if (m_position >= m_size - 2) return false;
-        line = TrimStart(line);
-        if (line.empty()) return true;
         // Fast path: nearly every line of a large file belongs to another section.
-        if (line.front() != '[' && !m_inSection) return true;
+        if (!m_inSection && line.front() > ' ' && line.front() != '[') return true;
+        line = TrimStart(line);
+        if (line.empty() || (!m_inSection && line.front() != '[')) return true;
         line = WithoutComment(line);
         if (line.empty()) return true;
         return line.front() == '[' ? TakeHeader(line.substr(1)) : TakeEntry(line);
