@@ -1,6 +1,6 @@
-// What it costs to read one value out of a profile file of 1,000 sections with 10 keys each, the
-// value in the last section, beside two well-known readers of such files and the least that it can
-// cost (the floor: read the whole file into a buffer that is kept, find the end of each line).
+// The cost of reading a value of the last section of a profile file with 1,000 sections of 10 keys,
+// compared with two well-known readers of such files and with the least possible cost (the floor:
+// read the whole file into a reused buffer and find the end of each line).
 #include <fcntl.h>
 #include <glib.h>
 #include <ini.h>

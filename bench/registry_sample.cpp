@@ -11,7 +11,7 @@ namespace {
 
 constexpr size_t kKeys = 10'000;
 constexpr size_t kValues = 10;
-constexpr size_t kFanOut[] = {5, 5, 7, 7, 7};  // 10,005 keys: the last ones are left out
+constexpr size_t kFanOut[] = {5, 5, 7, 7, 7};  // 10,005 keys, of which the last 5 are left out
 constexpr const char* kNouns[] = {"Fan",  "Power", "Drive", "Agent", "Adapter", "Sensor",
                                   "Rack", "Event", "Mail",  "Port",  "Volume",  "Backup"};
 constexpr const char* kWords[] = {"State", "Limit", "Count", "Path", "Mode", "Speed", "Owner"};

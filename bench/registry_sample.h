@@ -34,6 +34,6 @@ struct Sample {
 // The names and texts live to the end of the process.
 Sample MakeSample();
 
-// What the values of one sample look like as a file of the registry and as one of sections.
+// The sample as a registry file and as a file of sections.
 void WriteRegistryFile(const Sample& sample, const char* path);
 void WriteKeyFile(const Sample& sample, const char* path);

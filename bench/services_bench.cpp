@@ -1,4 +1,4 @@
-// What events and semaphores cost without contention, beside the bare calls that they must make.
+// The cost of events and semaphores without contention, compared with the bare calls they make.
 #include <pthread.h>
 #include <sched.h>
 #include <semaphore.h>

@@ -1,8 +1,8 @@
 // A table of named objects that creators share within the process: one for events, one for
 // semaphores. It owns the names only.
 //
-// Any thread may call; constant-initialised. A caller that looks up and then creates holds a lock
-// of its own around both, and takes it first.
+// Any thread may call; constant-initialised. A caller that looks up and then creates holds its
+// own lock around both, taken before the one of the table.
 #pragma once
 
 #include <memory>
@@ -35,3 +35,6 @@ class NameRegistry {
 
 using EventRegistry = NameRegistry;
 using SemaphoreRegistry = NameRegistry;
+
+// Semaphores are looked up here; nothing in kemd enters one.
+SemaphoreRegistry& NamedSemaphores();

@@ -1,12 +1,22 @@
 #include "kemd/semaphore.h"
 
+#include <semaphore.h>
+
 #include <algorithm>
+#include <atomic>
 #include <climits>
+#include <cstdint>
 #include <new>
 #include <utility>
 
 #include "base/never_destroyed.h"
-#include "services/semaphore_object.h"
+#include "services/name_registry.h"
+
+// The shared state behind all handles of one semaphore.
+struct SemaphoreObject {
+    sem_t sem;
+    std::atomic<int32_t> refCount;
+};
 
 namespace {
 
@@ -14,7 +24,7 @@ constinit NeverDestroyed<SemaphoreRegistry> g_registry;
 
 enum class Dropped { kOthersRemain, kDestroyed, kDestroyFailed };
 
-// Empties the handle.
+// Also empties the handle.
 Dropped DropReference(SemaphoreHandle& handle) {
     SemaphoreObject* const object = std::exchange(handle.object, nullptr);
     if (--object->refCount != 0) return Dropped::kOthersRemain;

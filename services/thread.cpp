@@ -10,8 +10,8 @@
 #include "base/cancel_guard.h"
 #include "trace/debug.h"
 
-// What the owner and its thread share. The system may give the id of a detached thread that has
-// ended to another one, so the id alone must never be cancelled or joined.
+// What the owner and its thread share. When a detached thread has ended, the system may reuse its
+// id, so nothing may cancel or join by the id alone.
 struct ThreadRecord {
     ThreadRecord(void* (*threadFunction)(void*), void* threadArgument, bool isJoinable)
         : function(threadFunction), argument(threadArgument), joinable(isJoinable) {}
@@ -91,14 +91,14 @@ bool SetAttributes(pthread_attr_t& attributes, int32_t priority, bool waitable) 
     return priority == 0 || SetPriority(attributes, priority);
 }
 
-// 0, or the error number; then `thread` is what it was.
+// Returns 0 or the error number; on failure `thread` is unchanged.
 int CreateThread(pthread_t& thread, const pthread_attr_t& attributes,
                  const std::shared_ptr<ThreadRecord>& record) try {
     auto argument = std::make_unique<std::shared_ptr<ThreadRecord>>(record);
     const pthread_t previous = thread;
     const int ret = pthread_create(&thread, &attributes, RunThread, argument.get());
     if (ret == 0) {
-        (void)argument.release();  // the thread has it
+        (void)argument.release();  // the thread owns it
     } else {
         thread = previous;
     }
@@ -143,13 +143,13 @@ bool CThread::Start(void* (*function)(void*), void* argument, int32_t priority, 
     return true;
 }
 
-// Each caller names itself in the texts.
+// The texts name the caller.
 static bool JoinAs(const char* failed, const char* ended, pthread_t& thread,
                    const ThreadRecord* record) KEMD_PRINTF(1, 0) KEMD_PRINTF(2, 0);
 static bool JoinAs(const char* failed, const char* ended, pthread_t& thread,
                    const ThreadRecord* record) {
     void* status = nullptr;
-    // A detached thread: what pthread_join says of one, as long as it lives.
+    // For a detached thread, the error that pthread_join returns while such a thread lives.
     const bool joinable = record != nullptr && record->joinable;
     const int ret = joinable ? pthread_join(thread, &status) : EINVAL;
     if (ret != 0) {
@@ -201,7 +201,7 @@ bool CThread::Cancel() {
     TRACE(1, "\nCThread::Kill: Try to kill a non-joinable Thread = 0x0%08X", id);
     const pthread_t thread = std::exchange(m_thread, 0);
     if (m_record == nullptr) return true;
-    // While the lock is held the thread cannot finish, and its id stays its own.
+    // While the lock is held the thread cannot finish, so its id cannot be reused.
     const std::lock_guard lock(m_record->mutex);
     int policy = 0;
     sched_param parameters{};

@@ -1,11 +1,11 @@
 // Private profile files: plain text of sections, "[name]" on a line of its own, and entries, "key =
 // value" on a line each; a semicolon begins a comment. Nothing is kept in memory: every call reads
-// the file anew.
+// the file again.
 //
 // Any thread may call the functions. Within the process a write excludes every other access; other
 // processes are not excluded. A CProfileFile belongs to one thread at a time. Nothing throws; a
-// thread that is cancelled inside is cancelled behind the call. What is no regular file counts as
-// one that cannot be opened.
+// thread that is cancelled inside a call ends after it. Anything but a regular file counts as a
+// file that cannot be opened.
 #pragma once
 
 #include <cstdint>
@@ -17,8 +17,8 @@
 #include "kemd/cxx_library.h"
 
 // Reads one value (`section` and `key` given), the names of a section's keys (`key` null) or the
-// names of all sections (`section` null) into `out`, which holds `size` bytes. Names stand one
-// behind the other, each ended by a NUL, the last one by two.
+// names of all sections (`section` null) into `out`, which holds `size` bytes. Each
+// name ends in a NUL, the last one in two.
 //
 // The result is the number of characters in `out` without the last NUL. A value that was cut gives
 // size - 1, a list that was cut size - 2. A value that is missing or empty gives `defaultText`
@@ -31,10 +31,10 @@ KEMD_API uint32_t GetPrivateProfileStringChecked(const char* section, const char
                                                  const char* defaultText, char* out, uint32_t size,
                                                  const char* fileName);
 
-// Sets the value of a key, and makes the file (mode 0644), the section and the entry when they are
-// missing; with a null `value` deletes the entry; with a null `key` the whole section. False when
-// the file could not be written, and then it is as it was; false also when there was nothing to
-// delete in a file that exists.
+// Sets the value of a key, and creates the file (mode 0644), the section and the entry if they are
+// missing. A null `value` deletes the entry, a null `key` the whole section. False when the file
+// could not be written, which leaves it unchanged, and when a file that exists held nothing to
+// delete.
 KEMD_API bool WritePrivateProfileString(const char* section, const char* key, const char* value,
                                         const char* fileName);
 
@@ -60,8 +60,8 @@ class KEMD_API CProfileFile {
 
     // A number in C notation (decimal, 0x, leading 0).
     uint32_t GetUInt(const char* section, const char* key, uint32_t defaultValue);
-    // False without an object that is valid, which leaves `out` alone, and when the value is too
-    // long, which stores `defaultText`.
+    // False when the object is not valid, which leaves `out` alone, and when the value is too long,
+    // which stores `defaultText`.
     bool GetString(std::string& out, const char* section, const char* key, const char* defaultText);
     // A pointer into the object, valid until the next call on it; or `defaultText`, which must not
     // be a pointer into the object.
@@ -80,7 +80,7 @@ class KEMD_API CProfileFile {
     bool WriteInt(const char* section, const char* key, int32_t number);
     bool DeleteSection(const char* section);
     bool DeleteKey(const char* section, const char* key);
-    // Writes each entry of `from` into `to`, a value that is too long as an empty one. Returns
+    // Writes each entry of `from` into `to`; a value that is too long becomes empty. Returns
     // whether the object is valid.
     bool CopySection(const char* from, const char* to);
     // Nothing is kept in memory, so there is nothing to write.

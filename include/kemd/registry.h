@@ -2,7 +2,7 @@
 // whole process shares one tree. A CRegistry is a cursor on it and holds one open key.
 //
 // The first CRegistry loads the tree; every change marks it, and the end of any CRegistry object
-// writes a marked tree back. When the file is there but cannot be read, nothing is loaded or saved,
+// writes a marked tree back. When the file exists but cannot be read, nothing is loaded or saved,
 // and the next CRegistry tries again. Any number of threads may work on the tree, each with
 // CRegistry objects of its own. Nothing throws; a thread that is cancelled while the tree is loaded
 // or saved is cancelled after it. Other processes keep trees of their own: the last one to save
@@ -83,7 +83,7 @@ class KEMD_API RegistryKey {
     CRegistryNode* m_node = nullptr;
 };
 
-// What an operation starts from: nothing (null), a root key or an open key.
+// The key that an operation starts from: null, a root key or an open key.
 class KEMD_API RegistryHandle {
   public:
     // NOLINTBEGIN(google-explicit-constructor): callers write what they have
@@ -93,7 +93,7 @@ class KEMD_API RegistryHandle {
     // NOLINTEND(google-explicit-constructor)
 
     [[nodiscard]] bool IsNull() const { return m_kind == kNull; }
-    // Nothing for null, and for a root key that the loaded file does not have.
+    // Null for a null handle, and for a root key that the loaded file does not have.
     [[nodiscard]] RegistryKey Key() const;
 
   private:
@@ -113,15 +113,15 @@ class KEMD_API CRegistry {
     CRegistry& operator=(const CRegistry& source);
     ~CRegistry();
 
-    // Closes the key and starts afresh; loads the tree when that has not succeeded before.
+    // Closes the key and resets the object; loads the tree if no load has succeeded yet.
     void InitClass();
     // Loads the tree, with `forceSetup` also when it is loaded: keys below the root keys that the
     // file holds are replaced, and unsaved changes in them lost.
     static void SetupTree(bool forceSetup);
-    // Writes a changed tree and has it on disk when it returns, also when another thread was just
-    // writing it. False with errno when that failed, or when the file was not read whole, and it is
-    // not tried again before the next change. The files are then as they were, unless only their
-    // directory could not be brought to the disk.
+    // Writes a changed tree; on return it is on disk, even if another thread was writing it. False
+    // with errno when that failed or the file had not been read whole; the save is not repeated
+    // before the next change. The files are then unchanged, unless only syncing their directory
+    // failed.
     static bool SaveTree();
 
     // Opens a key; with null from the root of the tree. 0 or -1, then no key is open.
@@ -130,11 +130,11 @@ class KEMD_API CRegistry {
     int32_t OpenPointer(const char* path, const char* name, const RegistryHandle& hKey);
     // The same with the suite's identifier key below the handle.
     int32_t OpenPointer(const char* name, const RegistryHandle& hKey);
-    // Opens a key and makes the components of the path that are missing. 0 or -1.
+    // Opens a key and creates the missing components of its path. 0 or -1.
     int32_t CreateKey(const RegistryHandle& node, const char* path);
     // Deletes a direct subkey of the open key with all below it.
     int32_t DeleteKey(const char* name);
-    // Deletes a value, or a subkey with all below it, of the open key. 0 also when there is none.
+    // Deletes a value, or a subkey with all below it, of the open key. Also 0 when there is none.
     int32_t DeleteValue(const char* name);
 
     // Here and below, null stands for the open key. `data` has `size` bytes: text without its NUL,
@@ -152,18 +152,18 @@ class KEMD_API CRegistry {
     // Text that does not fit with its NUL is cut to `size` bytes without one: 34.
     int32_t QueryValue(char* buffer, const char* name, uint32_t size,
                        const RegistryHandle& node = nullptr);
-    // `count`: in the buffer's bytes, out the text's length without NUL. Text that does not fit is
-    // cut without NUL: 34. With a null buffer only the bytes that are needed are stored.
+    // `count`: in, the buffer's size in bytes; out, the text's length without NUL. Text that does
+    // not fit is cut without NUL: 34. With a null buffer, `count` gets the bytes that are needed.
     int32_t QueryValue(char* buffer, const char* name, uint32_t* count,
                        const RegistryHandle& node = nullptr);
 
     // The index-th subkey of the open key, from 0, in the order of the names; a name that does not
-    // fit is cut. `length`: in the buffer's bytes, out the name's length; `reserved` is set to 0.
+    // fit is cut. `length`: in, the buffer's size; out, the name's length. `reserved` is set to 0.
     int32_t EnumKey(char* buffer, uint32_t size, uint32_t index);
     int32_t EnumKey(char* buffer, uint32_t* length, uint32_t index, uint32_t* reserved);
     // The index-th entry of the open key of type `filter`. Its data come as from QueryValue; binary
     // ones do not and have size 0. With the filters 0 and kRegistryAnyValue there is one entry more
-    // behind the last: an empty name, size 0.
+    // after the last: an empty name, size 0.
     int32_t EnumValue(char* name, uint32_t* nameLength, uint32_t index, uint32_t filter, void* data,
                       uint32_t* dataSize);
     int32_t GetSubKeyCount(uint32_t* count);
@@ -173,7 +173,7 @@ class KEMD_API CRegistry {
 
     // The result of the last Open or OpenPointer.
     [[nodiscard]] int32_t Status() const { return m_status; }
-    // Of the value last read, as it is stored: text counts its NUL.
+    // Of the value last read, as stored: the size of text counts its NUL.
     [[nodiscard]] uint32_t ValueSize() const { return m_valueSize; }
     [[nodiscard]] uint32_t ValueType() const { return m_valueType; }
     // Whether %NAME% is replaced when a value of type kRegistryExpandString is read. On at first.
@@ -183,7 +183,7 @@ class KEMD_API CRegistry {
     [[nodiscard]] const std::string& Path() const { return m_path; }
 
   private:
-    // Where the last enumeration stopped, so that the next index need not count from the start.
+    // Where the last enumeration stopped, so that the next one need not count from the start.
     struct EnumState {
         uint32_t count;
         uint32_t filter;

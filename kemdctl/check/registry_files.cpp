@@ -9,7 +9,7 @@
 #include "kemdctl/check/path_findings.h"
 #include "kemdctl/registry/file_check.h"
 #include "kemdctl/ui/text.h"
-#include "services/registry/store.h"
+#include "services/registry/file.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "kemdctl/registry/store.h"
 #include "kemdctl/registry/value.h"
 #include "kemdctl/ui/text.h"
-#include "services/registry/file_line.h"
+#include "services/registry/file_text.h"
 #include "services/registry/node.h"
 #include "services/registry/store.h"
 

@@ -12,7 +12,7 @@
 #include "base/line_reader.h"
 #include "base/text.h"
 #include "kemdctl/ui/text.h"
-#include "services/registry/file_line.h"
+#include "services/registry/file_text.h"
 #include "services/registry/store.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
-#include "services/registry/file_text.h"
+#include "services/registry/file.h"
 #include "services/registry/store.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include "kemdctl/facts/process_facts.h"
 #include "kemdctl/ui/command.h"
 #include "kemdctl/ui/output_file.h"
-#include "services/registry/path.h"
+#include "services/registry/file.h"
 #include "services/registry/store.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "services/registry/entry.h"
+#include "services/registry/node.h"
 
 class ReportWriter;
 

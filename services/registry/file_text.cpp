@@ -2,24 +2,90 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <exception>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "services/registry/file_line.h"
+#include "base/text.h"
+
+namespace {
+
+constexpr RegistryType kValueTypes[] = {kRegistryString, kRegistryExpandString, kRegistryBinary,
+                                        kRegistryNumber};
+
+// What stands between name and data, by type.
+constexpr std::string_view kMarkers[] = {"", "=s=", "=es=", "=b=", "=d="};
+
+constexpr char kDigits[] = "0123456789abcdef";
+
+}  // namespace
+
+RegistryLine DecodeRegistryLine(std::string_view line) {
+    line = CutAtNul(line);
+    if (line.empty() || line.front() == '\n') return {RegistryLine::kEnd};
+    if (line.back() == '\n') line.remove_suffix(1);
+    if (line.front() == '[') {
+        const size_t end = line.find(']');
+        if (end != line.npos) return {RegistryLine::kHeader, line.substr(1, end - 1)};
+    }
+    const size_t equals = line.find('=');
+    if (equals == line.npos) return {};
+    const std::string_view rest = line.substr(equals);
+    for (const RegistryType type : kValueTypes) {
+        const std::string_view marker = kMarkers[type];
+        if (!rest.starts_with(marker)) continue;
+        return {RegistryLine::kValue, line.substr(0, equals), type, rest.substr(marker.size())};
+    }
+    return {};
+}
+
+std::optional<int32_t> DecodeRegistryNumber(std::string_view data) {
+    const std::string text(data);
+    char* end = nullptr;
+    const long number = std::strtol(text.c_str(), &end, 10);
+    if (end == text.c_str()) return std::nullopt;
+    return static_cast<int32_t>(number);
+}
+
+std::string DecodeRegistryBinary(std::string_view data) {
+    const std::string text(data);
+    std::string bytes;
+    const char* rest = text.c_str();
+    for (;;) {
+        char* end = nullptr;
+        const unsigned long number = std::strtoul(rest, &end, 16);
+        if (end == rest) return bytes;
+        bytes += static_cast<char>(number);
+        rest = end;
+    }
+}
+
+void AppendRegistryValue(std::string& text, const RegistryEntry& entry) {
+    if (entry.IsSubkey()) return;
+    text += entry.Name();
+    text += kMarkers[entry.Type()];
+    if (entry.IsText()) text += entry.Data();
+    if (entry.Type() == kRegistryNumber) text += std::to_string(entry.Number());
+    if (entry.Type() == kRegistryBinary) {
+        for (const unsigned char byte : entry.Data()) {
+            text += {kDigits[byte / 16], kDigits[byte % 16], ' '};
+        }
+    }
+    text += '\n';
+}
 
 namespace {
 
 // A key that is being read.
 struct OpenKey {
     std::string name;
-    std::vector<RegistryEntry> entries;
+    RegistryEntries entries;
 };
 
-// False when memory does not suffice for this one.
-bool TakeValue(std::vector<RegistryEntry>& entries, const RegistryLine& line) try {
+// False when there is not enough memory for the value.
+bool TakeValue(RegistryEntries& entries, const RegistryLine& line) try {
     if (line.type == kRegistryNumber) {
         const auto number = DecodeRegistryNumber(line.data);
         if (number) entries.emplace_back(line.name, *number);
@@ -33,42 +99,29 @@ bool TakeValue(std::vector<RegistryEntry>& entries, const RegistryLine& line) tr
     return false;
 }
 
-// A file that was written here is sorted. For others once at the end: entry by entry a large key
-// would take forever.
-void Sort(std::vector<RegistryEntry>& entries) {
+// Files written by kemd are sorted already. Others are sorted once at the end: inserting each entry
+// of a large key in its place would take forever.
+RegistryEntries Sorted(RegistryEntries entries) {
     const auto isBefore = [](const RegistryEntry& a, const RegistryEntry& b) {
-        return CompareNames(a, b) < 0;
+        return a.Name() < b.Name();
     };
     const auto isNotBefore = [&isBefore](const auto& a, const auto& b) { return !isBefore(a, b); };
     if (std::adjacent_find(entries.begin(), entries.end(), isNotBefore) != entries.end()) {
         std::stable_sort(entries.begin(), entries.end(), isBefore);
         const auto kept = std::unique(
             entries.rbegin(), entries.rend(),
-            [](const RegistryEntry& a, const RegistryEntry& b) { return CompareNames(a, b) == 0; });
+            [](const RegistryEntry& a, const RegistryEntry& b) { return a.Name() == b.Name(); });
         entries.erase(entries.begin(), kept.base());
     }
     entries.shrink_to_fit();
+    return entries;
 }
 
-RegistryEntries Pack(std::vector<RegistryEntry> entries) {
-    Sort(entries);
-    size_t size = 0;
-    for (const RegistryEntry& entry : entries) size += entry.PackedSize();
-    RegistryEntries packed{std::move(entries), nullptr};
-    if (size > 0) packed.text = std::make_unique_for_overwrite<char[]>(size);
-    char* next = packed.text.get();
-    for (RegistryEntry& entry : packed.list) {
-        entry.PackInto(next);
-        next += entry.PackedSize();
-    }
-    return packed;
-}
-
-// Ends the innermost key, which becomes an entry of the one around it. False when there is none.
+// Ends the innermost key and enters it into its parent. False at the top level.
 bool CloseKey(std::vector<OpenKey>& open) {
     if (open.size() == 1) return false;
     const RegistryKey node(new CRegistryNode);
-    (void)LockedNode(*node).Merge(Pack(std::move(open.back().entries)));
+    (void)LockedNode(*node).Merge(Sorted(std::move(open.back().entries)));
     const std::string name = std::move(open.back().name);
     open.pop_back();
     open.back().entries.emplace_back(name, node);
@@ -80,7 +133,7 @@ struct Subkey {
     RegistryKey node;
 };
 
-// A key that is being written: its subkeys, copied so that its lock need not be held.
+// A key that is being written. Its subkeys are copied, so that its lock need not be held.
 struct Level {
     std::vector<Subkey> subkeys;
     size_t next = 0;
@@ -92,8 +145,7 @@ Level OpenLevel(CRegistryNode& node, std::string& text) {
     const LockedNode locked(node);
     for (const RegistryEntry& entry : locked.Entries()) {
         AppendRegistryValue(text, entry);
-        if (entry.IsSubkey() && entry.Node())
-            level.subkeys.push_back({std::string(entry.Name()), entry.Node()});
+        if (entry.IsSubkey() && entry.Node()) level.subkeys.push_back({entry.Name(), entry.Node()});
     }
     return level;
 }
@@ -101,12 +153,12 @@ Level OpenLevel(CRegistryNode& node, std::string& text) {
 }  // namespace
 
 ParsedRegistry ParseRegistry(LineReader& lines) {
-    std::vector<OpenKey> open(1);  // from the top level to the key that the line in hand is in
+    std::vector<OpenKey> open(1);  // from the top level to the current key
     bool isRecognised = false;
     int error = 0;
     for (;;) {
         std::string_view text;
-        (void)lines.Next(text);  // behind the end of the file nothing, which ends every key
+        (void)lines.Next(text);  // empty at the end of the file, which ends every key
         const RegistryLine line = DecodeRegistryLine(text);
         if (line.kind == RegistryLine::kEnd && !CloseKey(open)) break;
         if (line.kind == RegistryLine::kHeader) open.push_back({std::string(line.name), {}});
@@ -119,7 +171,7 @@ ParsedRegistry ParseRegistry(LineReader& lines) {
     }
     if (lines.HasFailed()) return {std::nullopt, lines.Error(), false};
     if (!isRecognised) return {std::nullopt, ENODATA, true};
-    return {Pack(std::move(open.back().entries)), error, false};
+    return {Sorted(std::move(open.back().entries)), error, false};
 }
 
 int ParseRegistry(LineReader& lines, CRegistryNode& target) {
@@ -130,7 +182,7 @@ int ParseRegistry(LineReader& lines, CRegistryNode& target) {
 }
 
 bool WriteRegistry(CRegistryNode& root, const std::function<bool(std::string_view)>& write) {
-    constexpr size_t kPiece = size_t{256} * 1024;
+    constexpr size_t kFragment = size_t{256} * 1024;
     std::string text;
     std::vector<Level> levels;
     levels.push_back(OpenLevel(root, text));
@@ -144,7 +196,7 @@ bool WriteRegistry(CRegistryNode& root, const std::function<bool(std::string_vie
             text.append("[").append(subkey.name).append("]\n");
             levels.push_back(OpenLevel(*subkey.node, text));
         }
-        if (text.size() < kPiece) continue;
+        if (text.size() < kFragment) continue;
         if (!write(text)) return false;
         text.clear();
     }

@@ -2,9 +2,35 @@
 
 #include <algorithm>
 #include <cstring>
+#include <stdexcept>
 #include <utility>
 
+#include "base/text.h"
 #include "trace/debug.h"
+
+RegistryEntry::RegistryEntry(std::string_view name, uint32_t type, std::string_view data)
+    : m_name(name), m_size(static_cast<uint32_t>(data.size())), m_type(type) {
+    // The reported size has 32 bits and counts a text's NUL.
+    if (data.size() >= UINT32_MAX) throw std::length_error("registry entry");
+    m_data = std::make_unique_for_overwrite<char[]>(data.size());
+    data.copy(m_data.get(), data.size());
+}
+
+RegistryEntry::RegistryEntry(std::string_view name, RegistryType type, std::string_view data)
+    : RegistryEntry(name, uint32_t{type}, type == kRegistryBinary ? data : CutAtNul(data)) {}
+
+RegistryEntry::RegistryEntry(std::string_view name, int32_t number)
+    : RegistryEntry(name, uint32_t{kRegistryNumber},
+                    {reinterpret_cast<const char*>(&number), sizeof number}) {}
+
+RegistryEntry::RegistryEntry(std::string_view name, RegistryKey node)
+    : m_name(name), m_node(std::move(node)), m_type(kRegistrySubkey) {}
+
+int32_t RegistryEntry::Number() const {
+    int32_t number = 0;
+    if (m_type == kRegistryNumber) std::memcpy(&number, m_data.get(), sizeof number);
+    return number;
+}
 
 RegistryKey::RegistryKey(CRegistryNode* node) : m_node(node) {
     if (node != nullptr) node->m_references.fetch_add(1, std::memory_order_relaxed);
@@ -18,7 +44,7 @@ RegistryEntries CRegistryNode::Empty() {
     const RecursiveLock lock(m_lock);
     m_isDeleted = true;
     ++m_generation;
-    return {std::exchange(m_entries, {}), std::move(m_text)};
+    return std::exchange(m_entries, {});
 }
 
 static void TraceDeleted(const RegistryEntry& entry) {
@@ -27,11 +53,11 @@ static void TraceDeleted(const RegistryEntry& entry) {
           entry.Name().data());
 }
 
-// With a list instead of recursion: a file decides how deep a tree is.
+// A list instead of recursion, because a file decides how deep a tree is.
 void CRegistryNode::DeleteEntries(RegistryEntries entries) {
     RegistryKey pending;
     const auto begin = [&pending](RegistryEntries& level) {
-        for (RegistryEntry& entry : level.list) {
+        for (RegistryEntry& entry : level) {
             TraceDeleted(entry);
             const RegistryKey node = entry.TakeNode();
             if (node) node->m_nextDeleted = std::exchange(pending, node);
@@ -46,33 +72,14 @@ void CRegistryNode::DeleteEntries(RegistryEntries entries) {
     }
 }
 
-// As strcmp. `order` is the name's.
-static int Compare(const RegistryEntry& entry, std::string_view name, uint64_t order) {
-    if (entry.Order() != order) return entry.Order() < order ? -1 : 1;
-    return entry.Name().compare(name);
-}
-
-// Fetches the entries of a small key at once: the steps of a search would wait for one cache line
-// after the other.
-static void Prefetch(const std::vector<RegistryEntry>& entries) {
-    constexpr size_t kLine = 64;
-    constexpr size_t kMost = 8 * kLine;
-    const auto* bytes = reinterpret_cast<const char*>(entries.data());
-    const size_t size = std::min(entries.size() * sizeof(RegistryEntry), kMost);
-    for (size_t offset = 0; offset < size; offset += kLine) __builtin_prefetch(bytes + offset);
-}
-
 LockedNode::Place LockedNode::Seek(std::string_view name) const {
-    const auto& entries = m_node.m_entries;
-    Prefetch(entries);
-    const uint64_t order = NameOrder(name);
-    size_t first = 0;
-    size_t last = entries.size();
-    while (first < last) {
-        const size_t middle = (first + last) / 2;
-        const int result = Compare(entries[middle], name, order);
+    auto first = m_node.m_entries.begin();
+    auto last = m_node.m_entries.end();
+    while (first != last) {
+        const auto middle = first + (last - first) / 2;
+        const int result = name.compare(middle->Name());
         if (result == 0) return {middle, true};
-        if (result < 0) {
+        if (result > 0) {
             first = middle + 1;
         } else {
             last = middle;
@@ -83,21 +90,14 @@ LockedNode::Place LockedNode::Seek(std::string_view name) const {
 
 const RegistryEntry* LockedNode::Find(std::string_view name) const {
     const Place place = Seek(name);
-    return place.isTaken ? &m_node.m_entries[place.position] : nullptr;
+    return place.isTaken ? &*place.entry : nullptr;
 }
 
 RemovedEntry LockedNode::Put(RegistryEntry entry) {
-    constexpr size_t kGrowth = 16;
-    auto& entries = m_node.m_entries;
     const Place place = Seek(entry.Name());
     ++m_node.m_generation;
-    if (place.isTaken) {
-        return RemovedEntry(std::exchange(entries[place.position], std::move(entry)));
-    }
-    if (entries.size() == entries.capacity()) {
-        entries.reserve(entries.size() + std::max(kGrowth, entries.size() / 2));
-    }
-    entries.insert(entries.begin() + static_cast<std::ptrdiff_t>(place.position), std::move(entry));
+    if (place.isTaken) return RemovedEntry(std::exchange(*place.entry, std::move(entry)));
+    m_node.m_entries.insert(place.entry, std::move(entry));
     return {};
 }
 
@@ -105,28 +105,21 @@ std::vector<RemovedEntry> LockedNode::Merge(RegistryEntries entries) {
     std::vector<RemovedEntry> removed;
     if (m_node.m_entries.empty()) {
         ++m_node.m_generation;
-        m_node.m_entries = std::move(entries.list);
-        m_node.m_text = std::move(entries.text);
+        m_node.m_entries = std::move(entries);
         return removed;
     }
-    // All memory first: the entries are put together or not at all.
-    removed.reserve(entries.list.size());
-    m_node.m_entries.reserve(m_node.m_entries.size() + entries.list.size());
-    for (RegistryEntry& entry : entries.list) entry.Unpack();
-    for (RegistryEntry& entry : entries.list) removed.push_back(Put(std::move(entry)));
+    // Allocates everything first, so that all entries are put or none.
+    removed.reserve(entries.size());
+    m_node.m_entries.reserve(m_node.m_entries.size() + entries.size());
+    for (RegistryEntry& entry : entries) removed.push_back(Put(std::move(entry)));
     return removed;
 }
 
 RemovedEntry LockedNode::Remove(std::string_view name) {
     const Place place = Seek(name);
-    auto& entries = m_node.m_entries;
     if (!place.isTaken) return {};
     ++m_node.m_generation;
-    RegistryEntry entry = std::move(entries[place.position]);
-    entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(place.position));
+    RegistryEntry entry = std::move(*place.entry);
+    m_node.m_entries.erase(place.entry);
     return RemovedEntry(std::move(entry));
-}
-
-int CompareNames(const RegistryEntry& a, const RegistryEntry& b) {
-    return Compare(a, b.Name(), b.Order());
 }

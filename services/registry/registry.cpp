@@ -1,4 +1,4 @@
-// The cursor's life, and opening, making and deleting keys.
+// CRegistry: construction, and opening, creating and deleting keys.
 #include "kemd/registry.h"
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 #include <string_view>
 #include <utility>
 
-#include "services/registry/path.h"
+#include "services/registry/node.h"
 #include "services/registry/store.h"
 #include "trace/debug.h"
 
@@ -18,16 +18,14 @@ namespace {
 constexpr const char* kIdentifierKey =
     R"(SYSTEM\CurrentControlSet\Control\UUID\7C41E0B8-93D5-4F6A-A2C7-5E18D90B64F3)";
 
-// The subkey; nothing when there is none, or a value in its place.
+// Null when there is no entry of that name, or a value.
 RegistryKey FindSubkey(CRegistryNode& node, std::string_view name) {
     const LockedNode locked(node);
     const RegistryEntry* entry = locked.Find(name);
-    if (entry == nullptr) return {};
-    if (entry->Node()) entry->Node()->Prefetch();
-    return entry->Node();
+    return entry != nullptr ? entry->Node() : RegistryKey();
 }
 
-// As FindSubkey, and makes the subkey when nothing of that name is there.
+// As FindSubkey, but creates the subkey when there is no entry of that name.
 RegistryKey EnsureSubkey(CRegistryNode& node, std::string_view name) {
     LockedNode locked(node);
     if (locked.IsDeleted()) return {};
@@ -85,7 +83,7 @@ CRegistry& CRegistry::operator=(const CRegistry& source) {
     return *this;
 }
 
-// Without a change there is nothing to wait for. The end of an object changes no errno.
+// Takes no lock unless something was changed. A destructor must not change errno.
 CRegistry::~CRegistry() {
     const int error = errno;
     if (TheRegistryStore().IsDirty()) SaveTree();
@@ -104,7 +102,7 @@ void CRegistry::InitClass() try {
     SetupTree(false);
     TheRegistryStore().EnsureRootKeys();
 } catch (const std::exception&) {
-    // Without memory for the root keys every operation fails.
+    // Without memory for the root keys all operations fail.
 }
 
 void CRegistry::SetupTree(bool forceSetup) {
@@ -140,7 +138,7 @@ int32_t CRegistry::OpenFrom(RegistryKey start, const char* path) try {
         m_path.clear();
         return m_status;
     }
-    m_path = text;  // which may be this object's own
+    m_path = text;  // may be this object's own path
     for (char& c : m_path) c = c == '\\' ? '/' : c;
     m_status = 0;
     return m_status;
@@ -196,7 +194,7 @@ int32_t CRegistry::CreateKey(const RegistryHandle& node, const char* path) try {
 int32_t CRegistry::Remove(const char* name, bool onlySubkey) {
     TheRegistryStore().MarkDirty();
     if (!m_key) return kRegistryInvalid;
-    RemovedEntry removed;  // freed behind the lock
+    RemovedEntry removed;  // freed after the lock
     LockedNode locked(*m_key);
     if (locked.IsDeleted()) return kRegistryInvalid;
     const RegistryEntry* entry = name != nullptr ? locked.Find(name) : nullptr;

@@ -1,4 +1,4 @@
-// Reading and setting values.
+// CRegistry: reading, setting and enumerating what the open key holds.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -43,6 +43,19 @@ RegistryEntry NewEntry(const char* name, const void* data, uint32_t size, uint32
     return RegistryEntry(name, number);
 }
 
+bool Matches(const RegistryEntry& entry, uint32_t filter) {
+    if (filter == kRegistryAnyValue) return !entry.IsSubkey();
+    return entry.Type() == filter;
+}
+
+// Cuts the name to what fits with a NUL. Returns the length that was copied.
+uint32_t CopyName(std::string_view name, char* buffer, uint32_t size) {
+    if (size == 0) return 0;
+    const size_t length = name.copy(buffer, size - 1);
+    buffer[length] = '\0';
+    return static_cast<uint32_t>(length);
+}
+
 }  // namespace
 
 bool CRegistry::SetValue(const char* name, const void* data, uint32_t size, uint32_t type,
@@ -52,7 +65,7 @@ bool CRegistry::SetValue(const char* name, const void* data, uint32_t size, uint
           static_cast<int>(type));
     const RegistryKey key = KeyOf(node);
     if (!key || !IsStorable(data, size, type)) return false;
-    RemovedEntry replaced;  // freed behind the lock
+    RemovedEntry replaced;  // freed after the lock
     LockedNode locked(*key);
     if (locked.IsDeleted()) return false;
     if (name == nullptr) return true;
@@ -76,7 +89,7 @@ int32_t CRegistry::SetValue(const char* name, const char* text) {
     return SetValue(name, text, size, kRegistryString) ? 0 : kRegistryInvalid;
 }
 
-// The one way by which values are read: into m_value, with size and type.
+// All reads go through here: into m_value, with size and type.
 int32_t CRegistry::Read(const RegistryKey& key, const char* name) {
     m_valueSize = 0;
     m_valueType = 0;
@@ -93,15 +106,8 @@ int32_t CRegistry::Read(const RegistryKey& key, const char* name) {
 void CRegistry::ReadEntry(const RegistryEntry& entry) {
     m_valueType = entry.Type();
     m_value = entry.Data();
-    m_valueSize = static_cast<uint32_t>(m_value.size());
-    if (m_valueType == kRegistryNumber) {
-        const int32_t number = entry.Number();
-        m_value.assign(reinterpret_cast<const char*>(&number), sizeof number);
-        m_valueSize = sizeof number;
-    } else if (m_valueType == kRegistryString || m_valueType == kRegistryExpandString) {
-        ++m_valueSize;
-        if (m_expand && m_valueType == kRegistryExpandString) m_value = Expand(m_value);
-    }
+    m_valueSize = static_cast<uint32_t>(m_value.size() + (entry.IsText() ? 1 : 0));
+    if (m_expand && m_valueType == kRegistryExpandString) m_value = Expand(m_value);
 }
 
 int32_t CRegistry::ReadText(const char* name, const RegistryHandle& node) {
@@ -168,7 +174,7 @@ int32_t CRegistry::QueryValue(char* buffer, const char* name, uint32_t* count,
     return kRegistryAbsent;
 }
 
-// The value last read.
+// Copies the value last read.
 int32_t CRegistry::CopyText(char* buffer, uint32_t* count) const {
     const auto length = static_cast<uint32_t>(m_value.size());
     if (buffer == nullptr) {
@@ -190,4 +196,77 @@ bool CRegistry::ReadIdentifierValue(std::string& out, const char* name) {
         }
     }
     return false;
+}
+
+// The index-th entry that matches, or null. Continues where the last call stopped, unless that is
+// past the index or the key has changed. Afterwards state.count entries have matched.
+const RegistryEntry* CRegistry::Seek(const LockedNode& locked, EnumState& state, uint32_t index,
+                                     uint32_t filter) {
+    const bool goesOn =
+        state.generation == locked.Generation() && state.filter == filter && state.count <= index;
+    if (!goesOn) state = {0, filter, 0, locked.Generation()};
+    const auto& entries = locked.Entries();
+    while (state.next < entries.size()) {
+        const RegistryEntry& entry = entries[state.next++];
+        if (!Matches(entry, filter)) continue;
+        if (state.count++ == index) return &entry;
+    }
+    return nullptr;
+}
+
+int32_t CRegistry::EnumKey(char* buffer, uint32_t size, uint32_t index) {
+    return EnumKey(buffer, &size, index, nullptr);
+}
+
+int32_t CRegistry::EnumKey(char* buffer, uint32_t* length, uint32_t index, uint32_t* reserved) {
+    if (!m_key || buffer == nullptr || length == nullptr) return kRegistryInvalid;
+    const LockedNode locked(*m_key);
+    if (locked.IsDeleted()) return kRegistryInvalid;
+    const RegistryEntry* entry = Seek(locked, m_enumKeys, index, kRegistrySubkey);
+    if (entry == nullptr) return kRegistryAbsent;
+    *length = CopyName(entry->Name(), buffer, *length);
+    if (reserved != nullptr) *reserved = 0;
+    return 0;
+}
+
+int32_t CRegistry::EnumValue(char* name, uint32_t* nameLength, uint32_t index, uint32_t filter,
+                             void* data, uint32_t* dataSize) try {
+    if (!m_key || name == nullptr || nameLength == nullptr) return kRegistryInvalid;
+    const LockedNode locked(*m_key);
+    if (locked.IsDeleted()) return kRegistryInvalid;
+    const RegistryEntry* entry = Seek(locked, m_enumValues, index, filter);
+    if (entry == nullptr) {
+        // Required: one position past the end there is an entry without name and type.
+        const bool isVirtual =
+            (filter == 0 || filter == kRegistryAnyValue) && m_enumValues.count == index;
+        if (!isVirtual) return kRegistryAbsent;
+        *nameLength = CopyName("", name, *nameLength);
+        if (dataSize != nullptr) *dataSize = 0;
+        return 0;
+    }
+    *nameLength = CopyName(entry->Name(), name, *nameLength);
+    if (dataSize == nullptr) return 0;
+    if (data != nullptr && entry->IsText()) {
+        ReadEntry(*entry);
+        return CopyText(static_cast<char*>(data), dataSize);
+    }
+    const bool isNumber = data != nullptr && entry->Type() == kRegistryNumber;
+    *dataSize = isNumber && *dataSize >= sizeof(int32_t) ? sizeof(int32_t) : 0;
+    const int32_t number = entry->Number();
+    if (*dataSize != 0) std::memcpy(data, &number, sizeof number);
+    return 0;
+} catch (const std::exception&) {
+    return kRegistryAbsent;
+}
+
+int32_t CRegistry::GetSubKeyCount(uint32_t* count) {
+    if (count == nullptr) return kRegistryInvalid;
+    *count = 0;
+    if (!m_key) return kRegistryInvalid;
+    const LockedNode locked(*m_key);
+    if (locked.IsDeleted()) return kRegistryInvalid;
+    *count = static_cast<uint32_t>(
+        std::count_if(locked.Entries().begin(), locked.Entries().end(),
+                      [](const RegistryEntry& entry) { return entry.IsSubkey(); }));
+    return 0;
 }

@@ -1,20 +1,15 @@
 #include "services/registry/store.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>
-#include <iterator>
 #include <utility>
 
 #include "base/cancel_guard.h"
-#include "base/file_io.h"
 #include "base/never_destroyed.h"
 #include "base/paths.h"
-#include "services/registry/file_text.h"
-#include "services/registry/save.h"
+#include "services/registry/file.h"
 #include "trace/debug.h"
 
 static constinit NeverDestroyed<RegistryStore> g_store;
@@ -23,48 +18,9 @@ RegistryStore& TheRegistryStore() {
     return g_store.object;
 }
 
-bool IsNoRegistryFile(int error) {
-    constexpr int kReasons[] = {ENOENT, ENOTDIR, ELOOP, EISDIR, EINVAL, ENXIO, ENODEV};
-    return std::find(std::begin(kReasons), std::end(kReasons), error) != std::end(kReasons);
-}
-
-static ParsedRegistry LoadRegistryFile(const char* path) {
-    if (path == nullptr || *path == '\0') {
-        TRACE(1, "CRegistry: ERROR: Empty file path");
-        return {std::nullopt, ENOENT, true};
-    }
-    const UniqueFd file = OpenRegularFile(path, O_RDONLY);
-    if (!file.IsOpen()) {
-        const int error = errno;
-        TRACE(1, "CRegistry: WARNING: Could not open \"%s\"\n", path);
-        return {std::nullopt, error, IsNoRegistryFile(error)};
-    }
-    struct stat status {};
-    if (fstat(file.Get(), &status) == 0 && status.st_size == 0) {
-        TRACE(1, "CRegistry: WARNING: The length of \"%s\" is not sufficient\n", path);
-        return {std::nullopt, ENODATA, true};
-    }
-    LineReader lines(file.Get());
-    ParsedRegistry parsed = ParseRegistry(lines);
-    if (parsed.isNone) {
-        TRACE(1,
-              "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this "
-              "file\n",
-              path);
-    }
-    return parsed;
-}
-
-int RestoreRegistryFile(const char* path, CRegistryNode& node) {
-    ParsedRegistry parsed = LoadRegistryFile(path);
-    if (parsed.error != 0) return parsed.error;
-    const auto replaced = LockedNode(node).Merge(std::move(*parsed.entries));
-    return 0;
-}
-
-// The root handles follow in the same step: none ever names a key that is gone.
+// The root handles change in the same step, so that none ever refers to a key that is gone.
 void RegistryStore::Take(RegistryEntries entries) {
-    std::vector<RemovedEntry> replaced;  // freed behind the lock
+    std::vector<RemovedEntry> replaced;  // freed after the lock
     LockedNode root(m_root);
     replaced = root.Merge(std::move(entries));
     for (size_t i = 0; i < m_handles.size(); ++i) {
@@ -136,7 +92,7 @@ void RegistryStore::EnsureRootKeys() {
     for (size_t i = 0; i < m_handles.size(); ++i) {
         const RegistryEntry* entry = root.Find(kRootKeyNames[i]);
         if (entry != nullptr && entry->Node()) continue;
-        // The key was deleted while its handle kept it: it begins again, empty.
+        // The key was deleted while its handle kept it: it starts again, empty.
         if (m_handles[i]) m_handles[i]->Revive();
         (void)root.Put(RegistryEntry(kRootKeyNames[i], m_handles[i]));  // replaces no subkey
     }
@@ -147,7 +103,7 @@ RegistryKey RegistryStore::RootKey(RegistryRoot root) {
     const LockedNode locked(m_root);
     RegistryKey& handle = m_handles[root];
     if (handle && handle->IsDeleted()) {
-        // The key was deleted, and may have been created again since.
+        // The key was deleted and may have been created again since.
         const RegistryEntry* entry = locked.Find(kRootKeyNames[root]);
         if (entry != nullptr && entry->Node()) handle = entry->Node();
     }
@@ -162,7 +118,7 @@ bool RegistryStore::IsEmpty() {
         [](const RegistryEntry& entry) { return entry.IsSubkey() && !entry.Node(); });
 }
 
-// 0 or the error number.
+// Returns 0 or the error number.
 int RegistryStore::Write() {
     if (m_loadError != 0) {
         TRACE(1, "CRegistry: ERROR: Cannot save \"%s\": \"%s\" was not read whole: %s\n",
@@ -170,7 +126,7 @@ int RegistryStore::Write() {
         m_failedFile = m_file.load();
         return m_loadError;
     }
-    // A file that is missing now may be there again tomorrow.
+    // An empty tree was never loaded: a file that is missing now may come back.
     const bool hasContent = m_isLoaded || !IsEmpty();
     m_failedFile = hasContent ? SaveRegistryFile(m_root) : nullptr;
     return m_failedFile != nullptr ? errno : 0;
@@ -179,7 +135,7 @@ int RegistryStore::Write() {
 bool RegistryStore::Save() {
     const CancelGuard guard;
     const RecursiveLock lock(m_setupLock);
-    // First of all: what is changed while the tree is written is saved the next time.
+    // First, so that a change made during the save is saved the next time.
     if (m_isDirty.exchange(false)) m_saveError = Write();
     if (m_saveError != 0) errno = m_saveError;
     return m_saveError == 0;

@@ -1,7 +1,7 @@
-// The process's one registry tree: its root, the root keys and the files that hold it.
+// The process's one registry tree: its root, its root keys, and when it is loaded and saved.
 //
-// Any thread may call. Constant-initialised and never destroyed. Locks: the set-up lock, then those
-// of keys.
+// Any thread may call. Constant-initialised and never destroyed. The set-up lock is taken before
+// the locks of keys.
 #pragma once
 
 #include <array>
@@ -19,11 +19,11 @@ class RegistryStore {
   public:
     constexpr RegistryStore() = default;
 
-    // Loads the tree from the newest generation, unless that was done before. An older one is taken
-    // only when those before it are missing or no registry files: after a read error nothing is
-    // loaded, and nothing saved until a file was read whole.
+    // Loads the tree from the newest generation, unless it is loaded. Takes an older one only when
+    // the newer ones are missing or hold no registry. After a read error nothing is loaded, and
+    // nothing is saved until a file has been read whole.
     void Setup(bool force);
-    // Whether a file was restored.
+    // Whether a file was loaded.
     [[nodiscard]] bool IsLoaded() const { return m_isLoaded; }
     // 0, or why File was not read whole; then the tree is not saved.
     [[nodiscard]] int LoadError() const { return m_loadError; }
@@ -31,8 +31,8 @@ class RegistryStore {
     [[nodiscard]] const char* File() const { return m_file; }
     // Enters the root keys again when HKEY_LOCAL_MACHINE is missing.
     void EnsureRootKeys();
-    // Before a change, whether or not it succeeds, and again behind it: a save in between has not
-    // seen it.
+    // Call before a change, even if that fails later, and again after it: a save in between has not
+    // seen the change.
     void MarkDirty() { m_isDirty = true; }
     [[nodiscard]] bool IsDirty() const { return m_isDirty; }
     // See CRegistry::SaveTree.
@@ -41,7 +41,7 @@ class RegistryStore {
     [[nodiscard]] const char* FailedFile() const { return m_failedFile; }
 
     [[nodiscard]] RegistryKey Root() { return RegistryKey(&m_root); }
-    // The node that the handle of a root key holds, which may be none.
+    // The node that the handle of a root key refers to; may be null.
     [[nodiscard]] RegistryKey RootKey(RegistryRoot root);
 
   private:
@@ -61,16 +61,9 @@ class RegistryStore {
     std::atomic<int> m_loadError{0};  // written with the set-up lock
     std::atomic<const char*> m_file{nullptr};
     std::atomic<const char*> m_failedFile{nullptr};
-    CRegistryNode m_root{1};  // this object's reference, which never ends
+    CRegistryNode m_root{1};  // this object's reference is never released
     // Guarded by the lock of m_root.
     std::array<RegistryKey, kRootKeyNames.size()> m_handles;
 };
 
 RegistryStore& TheRegistryStore();
-
-// Whether a file that could not be opened for this reason is missing or none that could ever be
-// read, so that the next generation takes its place. Any other reason may be gone the next time.
-bool IsNoRegistryFile(int error);
-
-// Parses one file into the key. 0, or why it was not read whole, ENODATA when it holds no registry.
-int RestoreRegistryFile(const char* path, CRegistryNode& node);

@@ -1,5 +1,4 @@
-// Feeds any bytes to the reader of trace configuration files. With clang and KEMD_FUZZ a libFuzzer
-// target; replay.cpp runs the same function over the files of tests/fuzz/corpus.
+// Feeds any bytes to the reader of trace configuration files.
 #include <string_view>
 #include <vector>
 

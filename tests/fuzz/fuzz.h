@@ -1,5 +1,5 @@
-// What the fuzz targets share: the entry point, requirements, and files that are in memory only, so
-// that a target may run outside the tests' private root.
+// Shared by the fuzz targets: the entry point, requirements, and files in memory, so that a target
+// may run outside the tests' private root.
 #pragma once
 
 #include <sys/mman.h>
@@ -29,7 +29,7 @@ class MemoryFile {
     MemoryFile(const MemoryFile&) = delete;
     MemoryFile& operator=(const MemoryFile&) = delete;
 
-    // For reading, at the start of the file.
+    // Positioned at the start of the file.
     [[nodiscard]] int Descriptor() const {
         Require(lseek(m_fd, 0, SEEK_SET) == 0, "lseek");
         return m_fd;
@@ -51,7 +51,7 @@ class MemoryFile {
     std::string m_path = "/proc/self/fd/" + std::to_string(m_fd);
 };
 
-// The text up to the mark; takes both off.
+// Removes the text up to the mark, and the mark, and returns the text.
 inline std::string TakeField(std::string_view& text, char mark) {
     const std::string field(text.substr(0, text.find(mark)));
     text.remove_prefix(std::min(field.size() + 1, text.size()));

@@ -1,8 +1,8 @@
 // Reads any bytes as a profile file: the answer fits its buffer, ends in it and comes from the file
 // or the default.
 //
-// An input: a digit for the size of the buffer, a digit for what is asked for, the section, a line
-// feed, the key, a line feed, the file.
+// An input: a digit for the size of the buffer, a digit for the question, the section, a line feed,
+// the key, a line feed, the file.
 #include <vector>
 
 #include "kemd/profile.h"
@@ -44,7 +44,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool isDefault = std::string_view("by default").starts_with(text);
     for (std::string_view names = text; !names.empty();) {
         const std::string name = TakeField(names, '\0');
-        Require(isDefault || rest.find(name) != rest.npos, "a text from nowhere");
+        Require(isDefault || rest.find(name) != rest.npos, "a text that is not in the file");
     }
     return 0;
 }

@@ -1,5 +1,5 @@
-// Reads any bytes as a registry file. What was read is sorted and can be found; written and read
-// again it is the same, as long as no line of it is longer than a line that the reader takes whole.
+// Reads any bytes as a registry file. All entries are sorted and can be found. Written and read
+// again the tree is the same, as long as no line is too long for the reader.
 #include <algorithm>
 #include <cstring>
 #include <vector>
@@ -25,7 +25,7 @@ void CheckTree(const RegistryKey& root) {
     }
 }
 
-// Reads the text, and writes what came of it.
+// Reads the text and writes the tree.
 std::string ReadAndWrite(std::string_view text) {
     static const MemoryFile file;
     file.Fill(text);
@@ -33,7 +33,7 @@ std::string ReadAndWrite(std::string_view text) {
     LineReader lines(file.Descriptor());
     const bool recognised = ParseRegistry(lines, *root) == 0;
     CheckTree(root);
-    Require(recognised || LockedNode(*root).Entries().empty(), "entries out of nothing");
+    Require(recognised || LockedNode(*root).Entries().empty(), "entries without a recognised line");
     std::string written;
     const bool done = WriteRegistry(*root, [&](std::string_view piece) {
         written += piece;
@@ -43,7 +43,7 @@ std::string ReadAndWrite(std::string_view text) {
     return written;
 }
 
-// Bytes are written with more characters than they may have been read from.
+// Binary data may be longer in the written text than in the input.
 bool HasLongLine(std::string_view text) {
     size_t length = 0;
     for (const char c : text) {

@@ -1,4 +1,4 @@
-// The operations of the cursor, each result code and what they leave in the tree.
+// The operations of the cursor: result codes and changes to the tree.
 #include <cstdlib>
 #include <functional>
 #include <thread>
@@ -27,7 +27,6 @@ TEST_F(RegistryTest, PathsSplitAtBackslashesFirst) {
                  {"HKEY_LOCAL_MACHINE\\A\\a/b\\", 0, "HKEY_LOCAL_MACHINE/A/a/b/"},
                  {"HKEY_LOCAL_MACHINE\\A\\v", -1, ""},
                  {"HKEY_LOCAL_MACHINE\\\\A", -1, ""},
-                 {"HKEY_LOCAL_MACHINE\\a", -1, ""},
                  {"", 0, ""},
                  {nullptr, -1, ""}};
     CRegistry registry;
@@ -37,15 +36,11 @@ TEST_F(RegistryTest, PathsSplitAtBackslashesFirst) {
         EXPECT_EQ(registry.Path(), kept);
         EXPECT_EQ(static_cast<bool>(registry.Key()), result == 0);
     }
-    CRegistry relative("A", HKEY_LOCAL_MACHINE);
-    EXPECT_EQ(registry.Open("B", relative.Key()), 0);
-    EXPECT_EQ(Read("x", registry), "1");
+    EXPECT_EQ(registry.Open("B", CRegistry("A", HKEY_LOCAL_MACHINE).Key()), 0);
     CRegistry copy(registry);
     EXPECT_EQ(Read("x", copy), "1");
     EXPECT_EQ(copy.Path(), "B");
-    EXPECT_EQ(CRegistry("B", HKEY_LOCAL_MACHINE).Status(), -1);
-    CRegistry machine(HKEY_LOCAL_MACHINE);
-    EXPECT_EQ(Read("v", machine), "3");
+    const CRegistry machine(HKEY_LOCAL_MACHINE);
     char key[64];
     std::snprintf(key, sizeof key, "\"A\", hKey = %d\n",
                   static_cast<int>(reinterpret_cast<intptr_t>(machine.Key().Get())));
@@ -63,7 +58,6 @@ TEST_F(RegistryTest, CreatesAndDeletesKeys) {
     EXPECT_EQ(registry.CreateKey(HKEY_LOCAL_MACHINE, "A\\B/C"), 0);
     EXPECT_EQ(registry.SetValue("n", 7), 0);
     EXPECT_EQ(registry.CreateKey(HKEY_LOCAL_MACHINE, "A"), 0);
-    EXPECT_EQ(registry.CreateKey(nullptr, ""), 0);
     EXPECT_EQ(registry.CreateKey(nullptr, "D\\"), 0);
     EXPECT_EQ(registry.SetValue("m", "text"), 0);
     EXPECT_EQ(Machine(), "v=s=3\n[A]\n[B]\n[C]\nn=d=7\n\n\n[D]\nm=s=text\n\n\n\n");
@@ -78,7 +72,7 @@ TEST_F(RegistryTest, CreatesAndDeletesKeys) {
         EXPECT_EQ(machine.DeleteValue(name), 0);
     }
     EXPECT_EQ(Machine(), "\n");
-    // A cursor inside what was deleted has no key any more.
+    // A cursor inside a deleted key has no key open.
     int32_t number = 0;
     uint32_t count = 1;
     char name[8];
@@ -90,7 +84,6 @@ TEST_F(RegistryTest, CreatesAndDeletesKeys) {
     EXPECT_EQ(inside.DeleteValue("n"), 22);
     EXPECT_EQ(inside.CreateKey(nullptr, "x"), -1);
     EXPECT_EQ(inside.Open("", inside.Key()), -1);
-    EXPECT_EQ(inside.DeleteKey("x"), 22);
     EXPECT_TRUE(
         InOrder(Trace(), {"CRegistry::CreateKey \"<null>\"\n", "CRegistry::CreateKey \"A\\B/C\"\n",
                           "CRegistry::SetValue \"n\" 4 4\n", "CRegistry::DeleteKey \"A\"\n",
@@ -108,7 +101,7 @@ TEST_F(RegistryTest, RootKeysComeBackEmptyWhenTheyAreDeleted) {
     EXPECT_EQ(Machine(), "\n");
     EXPECT_EQ(next.CreateKey(nullptr, "B"), 0);
     EXPECT_EQ(CRegistry("HKEY_LOCAL_MACHINE\\B", nullptr).Status(), 0);
-    // One that was created again is what the handle stands for.
+    // The handle refers to a root key that was created again.
     EXPECT_EQ(root.DeleteKey("HKEY_USERS"), 0);
     EXPECT_EQ(CRegistry(HKEY_USERS).SetValue("v", 1), 22);
     EXPECT_EQ(next.CreateKey(root.Key(), "HKEY_USERS\\C"), 0);
@@ -135,17 +128,15 @@ TEST_F(RegistryTest, SetsAndReadsValuesOfEachType) {
                  {"none", "x", 1, 5, false},     {"none", "x", 1, 666, false},
                  {"none", nullptr, 1, 1, false}, {nullptr, "x", 1, 1, true},
                  {"none", nullptr, 0, 4, false}, {"null", nullptr, 0, 1, true},
-                 {"no", nullptr, 0, 3, true},    {"cut", "a\0b", 3, 1, true},
-                 {"empty", "", 0, 1, true},      {"sub", "text", 4, 1, true}};
+                 {"cut", "a\0b", 3, 1, true},    {"sub", "text", 4, 1, true}};
     for (const auto& [name, data, size, type, result] : cases) {
         EXPECT_EQ(registry.SetValue(name, data, size, type), result) << name;
         EXPECT_FALSE(closed.SetValue(name, data, size, type));
     }
     EXPECT_EQ(registry.SetValue("s", static_cast<const char*>(nullptr)), 22);
-    EXPECT_EQ(closed.SetValue("s", "x"), 22);
     EXPECT_EQ(closed.SetValue("s", 1), 22);
     EXPECT_EQ(Machine(),
-              "b=b=00 ab \ncut=s=a\nd=d=-5\ne=es=%U%/%%%V%%\nempty=s=\nno=b=\nnull=s=\n"
+              "b=b=00 ab \ncut=s=a\nd=d=-5\ne=es=%U%/%%%V%%\nnull=s=\n"
               "s=s=text\nsub=s=text\n\n");
     EXPECT_TRUE(
         InOrder(Trace(), {"CRegistry::SetValue \"sub\" 4 1\n", "CRegistry::SetValue oEntry = 0x"}));
@@ -157,7 +148,6 @@ TEST_F(RegistryTest, SetsAndReadsValuesOfEachType) {
     EXPECT_EQ(registry.QueryValue(&bytes, "b"), 0);
     EXPECT_EQ(bytes, (std::vector<uint8_t>{0, 0xab}));
     EXPECT_EQ(registry.ValueSize(), 2U);
-    EXPECT_EQ(registry.ValueType(), 3U);
     EXPECT_EQ(registry.QueryValue(&out, "s"), 61);
     EXPECT_EQ(registry.QueryValue(static_cast<int32_t*>(nullptr), "d"), 61);
     EXPECT_EQ(registry.QueryValue(&out, nullptr), 61);
@@ -170,9 +160,7 @@ TEST_F(RegistryTest, SetsAndReadsValuesOfEachType) {
     EXPECT_EQ(registry.ValueSize(), 11U);
     registry.SetExpand(false);
     EXPECT_EQ(Read("e", registry), "%U%/%%%V%%");
-    EXPECT_EQ(Read("empty", registry), "");
-    std::string text;
-    EXPECT_EQ(registry.QueryValue(&text, "d"), 61);
+    EXPECT_EQ(Read("null", registry), "");
 }
 
 TEST_F(RegistryTest, TextFitsItsBufferOrIsCut) {
@@ -207,7 +195,7 @@ TEST_F(RegistryTest, TextFitsItsBufferOrIsCut) {
         Contains(Trace(), "CRegistry::QueryValue: ** ERROR **  pdwCount is a NULL pointer\n"));
 }
 
-// Names and data of EnumValue from index 0 to the first failure, which is the last result.
+// Results, names and data of EnumValue from index 0 up to the first index that is absent.
 std::string Enumerate(CRegistry& registry, uint32_t filter) {
     std::string all;
     for (uint32_t index = 0;; ++index) {
@@ -229,16 +217,12 @@ TEST_F(RegistryTest, EnumeratesInOrderOfTheNames) {
     char name[5];
     for (uint32_t i = 0; registry.EnumKey(name, sizeof name, i) == 0; ++i) keys.emplace_back(name);
     EXPECT_EQ(keys, (std::vector<std::string>{"B", "long", "z"}));
-    EXPECT_EQ(registry.EnumKey(name, sizeof name, 0), 0);
-    EXPECT_STREQ(name, "B");
     uint32_t length = 0;
     uint32_t reserved = 9;
     EXPECT_EQ(registry.EnumKey(name, &length, 1, &reserved), 0);
     EXPECT_EQ(length + reserved, 0U);
-    EXPECT_STREQ(name, "B");  // untouched
-    EXPECT_EQ(registry.EnumKey(name, &length, 3, nullptr), 61);
+    EXPECT_STREQ(name, "z");  // untouched
     EXPECT_EQ(registry.EnumKey(nullptr, 4, 0), 22);
-    EXPECT_EQ(CRegistry().EnumKey(name, 4, 0), 22);
 
     EXPECT_EQ(Enumerate(registry, 999), "0a 1x;34b 6l;0bin 0-;0num 4A;0 0-;");
     EXPECT_EQ(Enumerate(registry, 1), "34b 6l;");
@@ -248,8 +232,7 @@ TEST_F(RegistryTest, EnumeratesInOrderOfTheNames) {
     length = sizeof name;
     EXPECT_EQ(registry.EnumValue(name, &length, 0, 4, name, &size), 0);
     EXPECT_EQ(size, 0U);  // too small for a number
-    EXPECT_EQ(registry.EnumValue(name, nullptr, 0, 999, nullptr, nullptr), 22);
-    // An enumeration under way sees what is changed meanwhile.
+    // An enumeration sees changes made meanwhile.
     EXPECT_EQ(registry.EnumKey(name, sizeof name, 0), 0);
     EXPECT_EQ(registry.DeleteKey("B"), 0);
     EXPECT_EQ(registry.EnumKey(name, sizeof name, 1), 0);
@@ -258,13 +241,10 @@ TEST_F(RegistryTest, EnumeratesInOrderOfTheNames) {
     EXPECT_EQ(registry.SetValue("A", "moves every key on"), 0);
     EXPECT_EQ(registry.EnumKey(name, sizeof name, 1), 0);
     EXPECT_STREQ(name, "z");
-
-    uint32_t count = 7;
-    EXPECT_EQ(registry.GetSubKeyCount(&count), 0);
-    EXPECT_EQ(count, 2U);
-    EXPECT_EQ(registry.GetSubKeyCount(nullptr), 22);
-    EXPECT_EQ(CRegistry().GetSubKeyCount(&count), 22);
-    EXPECT_EQ(count, 0U);
+    EXPECT_EQ(registry.GetSubKeyCount(&length), 0);
+    EXPECT_EQ(length, 2U);
+    EXPECT_EQ(CRegistry().GetSubKeyCount(&length), 22);
+    EXPECT_EQ(length, 0U);
 }
 
 TEST_F(RegistryTest, PointersLeadToOtherKeys) {
@@ -275,15 +255,11 @@ TEST_F(RegistryTest, PointersLeadToOtherKeys) {
          "[pointers]\na=s=Hkey_Local_Machine/%WHERE%\nb=es=hkey_local_machine/%WHERE%\n"
          "c=s=HKEY_LOCAL_MACHINE\nd=s=\ne=d=1\nf=s=hkey_users\\none\n\n[target]\nx=s=found\n\n");
     CRegistry registry;
-    const struct {
-        const char* name;
-        int32_t result;
-    } cases[] = {{"b", 0}, {"a", -1}, {"c", -1}, {"d", -1}, {"e", -1}, {"f", -1}, {"none", -1}};
-    for (const auto& [name, result] : cases) {
+    for (const char* name : {"a", "b", "c", "d", "e", "f", "none"}) {
+        const int32_t result = *name == 'b' ? 0 : -1;
         EXPECT_EQ(registry.OpenPointer("pointers", name, HKEY_LOCAL_MACHINE), result) << name;
         EXPECT_EQ(registry.Status(), result);
     }
-    EXPECT_EQ(registry.OpenPointer("pointers", "b", nullptr), -1);  // no key is open
     CRegistry machine(HKEY_LOCAL_MACHINE);
     EXPECT_EQ(machine.OpenPointer("pointers", "b", nullptr), 0);
     EXPECT_EQ(Read("x", machine), "found");
@@ -297,21 +273,6 @@ TEST_F(RegistryTest, PointersLeadToOtherKeys) {
                                   "CRegistry::OpenPointer \"SYSTEM\\CurrentControlSet\\Control\\"
                                   "UUID\\" +
                                       identifier + "\"\n"}));
-}
-
-TEST_F(RegistryTest, ShippedTraceKeepsNothingOfWhatIsSaved) {
-    Debug.Close();
-    const std::string config = "/etc/norvik/OrvanaSuite/TraceConfig";
-    std::filesystem::remove_all(config);
-    std::filesystem::copy("/shipped", config);
-    ASSERT_TRUE(Debug.Init("kemd"));
-    Load("v=d=1\n");
-    EXPECT_TRUE(Debug.IsTraceOn());
-    const size_t before = Trace().size();
-    { CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", 2); }
-    EXPECT_EQ(ReadFile(kRegistryPath), FileWith("v=d=2\n"));
-    EXPECT_EQ(Trace().size(), before);
-    std::filesystem::remove_all(config);
 }
 
 void RunThreads(const std::function<void(int thread, int round)>& run) {
@@ -356,7 +317,7 @@ TEST_F(RegistryTest, ThreadsShareOneTreeThatIsReloaded) {
         registry.SetValue("n", round);
         CRegistry shared("shared", HKEY_LOCAL_MACHINE);
         int32_t number = round;
-        // A reload may take the key away at any time: then there is none, or no value.
+        // A reload may remove the key or the value at any time.
         const int32_t result = registry.QueryValue(&number, "n");
         EXPECT_TRUE(result == 0 || result == 22 || result == 61) << result;
         EXPECT_EQ(number, round);

@@ -1,11 +1,11 @@
-// A fixture for tests of the registry: the process's tree is loaded from a file of the test's own,
-// and what is traced can be read.
+// A fixture for tests of the registry: each test loads the process's tree from its own file and can
+// read what is traced.
 #pragma once
 
 #include <string>
 
 #include "kemd/registry.h"
-#include "services/registry/file_text.h"
+#include "services/registry/file.h"
 #include "services/registry/store.h"
 #include "tests/traced_test.h"
 

@@ -31,7 +31,7 @@ TEST_F(ThreadTest, JoinableThreadIsWaitedForWhateverTheTimeout) {
     EXPECT_FALSE(thread.Kill());
     ASSERT_TRUE(thread.Start(WaitForIt, &event, 0, true, 0x1234, true));
     const std::string id = Id(thread.m_thread);
-    std::thread setter([&] { SetEvent(event); });  // the thread cannot end before
+    std::thread setter([&] { SetEvent(event); });  // the thread cannot end earlier
     EXPECT_TRUE(thread.WaitForTermination(1));
     EXPECT_EQ(CheckEvent(event), 1);
     EXPECT_EQ(thread.m_thread, 0U);
@@ -58,21 +58,15 @@ TEST_F(ThreadTest, JoinableThreadIsWaitedForWhateverTheTimeout) {
          "CThread::Kill: a joinable Thread = 0x", ended}));
 }
 
-// Counts on every way out, cancellation included.
-struct Counted {
-    std::atomic<int> running{0};
-    EventHandle event;
-};
+std::atomic<int> g_running{0};
 
-void* RunCounted(void* argument) {
-    auto& counted = *static_cast<Counted*>(argument);
+// Counted until it ends, even by cancellation.
+void* RunCounted(void* event) {
     struct Mark {
-        std::atomic<int>& running;
-        ~Mark() { --running; }
-    } const mark{counted.running};
-    ++counted.running;
-    WaitForEvent(counted.event, kWaitForever);
-    return nullptr;
+        Mark() { ++g_running; }
+        ~Mark() { --g_running; }
+    } const mark;
+    return WaitForIt(event);
 }
 
 std::ptrdiff_t CountThreads() {
@@ -82,32 +76,31 @@ std::ptrdiff_t CountThreads() {
 
 TEST_F(ThreadTest, DetachedThreadIsCancelledOnlyWhileItLives) {
     const std::ptrdiff_t threads = CountThreads();
-    Counted counted;
-    CreateEvent(counted.event, false, true, nullptr);
+    EventHandle event;
+    CreateEvent(event, false, true, nullptr);
     CThread thread;
-    ASSERT_TRUE(thread.Start(RunCounted, &counted, 0, false, 0, false));
+    ASSERT_TRUE(thread.Start(RunCounted, &event, 0, false, 0, false));
     const std::string id = Id(thread.m_thread);
     EXPECT_FALSE(thread.WaitForTermination(-1));
-    ASSERT_TRUE(WaitFor([&] { return counted.running == 1; }));
+    ASSERT_TRUE(WaitFor([&] { return g_running == 1; }));
     thread.m_killAliveThread = true;
-    ASSERT_TRUE(thread.Start(RunCounted, &counted, 0, false, 0, false));  // ends the first one
-    // All of it: the id that is free last is the first to be used again.
-    ASSERT_TRUE(WaitFor([&] { return CountThreads() == threads + 1 && counted.running == 1; }));
+    ASSERT_TRUE(thread.Start(RunCounted, &event, 0, false, 0, false));  // ends the first one
+    // Gone completely: the id that was freed last is the next to be reused.
+    ASSERT_TRUE(WaitFor([&] { return CountThreads() == threads + 1 && g_running == 1; }));
     const pthread_t second = thread.m_thread;
-    SetEvent(counted.event);
-    ASSERT_TRUE(WaitFor([&] { return counted.running == 0; }));
-    // The thread is gone, and its id is another one's.
+    SetEvent(event);
+    // The thread is gone, and another one gets its id.
     ASSERT_TRUE(WaitFor([&] { return CountThreads() <= threads; }));
-    ResetEvent(counted.event);
+    ResetEvent(event);
     pthread_t other{};
-    ASSERT_EQ(pthread_create(&other, nullptr, WaitForIt, &counted.event), 0);
+    ASSERT_EQ(pthread_create(&other, nullptr, WaitForIt, &event), 0);
     EXPECT_EQ(other, second);
     EXPECT_TRUE(thread.Kill());
     EXPECT_EQ(thread.m_thread, 0U);
-    SetEvent(counted.event);
+    SetEvent(event);
     void* result = nullptr;
     pthread_join(other, &result);
-    EXPECT_EQ(result, &counted.event);
+    EXPECT_EQ(result, &event);
     const std::string trace = Trace();
     EXPECT_TRUE(InOrder(
         trace, {"CThread::WaitForTermination: WARNING: Can't wait for detached thread " + id + "\n",
@@ -119,7 +112,7 @@ TEST_F(ThreadTest, DetachedThreadIsCancelledOnlyWhileItLives) {
     EXPECT_EQ(trace.find("Killing", trace.rfind("Try to kill the Thread")), trace.npos);
 }
 
-TEST_F(ThreadTest, FailedStartTellsWhyAndKeepsTheThread) {
+TEST_F(ThreadTest, FailedStartTracesWhyAndKeepsTheThread) {
     EventHandle event;
     CreateEvent(event, true, true, nullptr);
     CThread thread;
@@ -130,20 +123,15 @@ TEST_F(ThreadTest, FailedStartTellsWhyAndKeepsTheThread) {
     EXPECT_FALSE(thread.m_waitable);
     thread.m_waitable = true;
     EXPECT_TRUE(thread.WaitForTermination(-1));
-    // With the privilege the priority is in force, without it there is no thread.
-    static std::atomic<int> policy{-1};
-    const auto askPolicy = [](void*) -> void* {
+    // With the privilege the thread has the priority, without it no thread starts.
+    int policy = -1;
+    const auto askPolicy = [](void* result) -> void* {
         sched_param parameters{};
-        int value = 0;
-        pthread_getschedparam(pthread_self(), &value, &parameters);
-        policy = value;
+        pthread_getschedparam(pthread_self(), static_cast<int*>(result), &parameters);
         return nullptr;
     };
-    const bool started = thread.Start(askPolicy, nullptr, 63, false, 0, true);
-    if (started) {
-        EXPECT_TRUE(thread.WaitForTermination(-1));
-        EXPECT_EQ(policy, SCHED_RR);
-    }
+    const bool started = thread.Start(askPolicy, &policy, 63, false, 0, true);
+    EXPECT_TRUE(!started || (thread.WaitForTermination(-1) && policy == SCHED_RR));
     EXPECT_TRUE(InOrder(Trace(),
                         {"pthread_attr_setschedparam failed: error=22 priority=1000\n",
                          started ? "created, Prio=63, Waitable=1" : "pthread_create failed: 1\n"}));

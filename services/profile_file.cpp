@@ -33,7 +33,7 @@ CProfileFile::~CProfileFile() = default;
 
 bool CProfileFile::SetFileName(const char* path, bool mustExist) {
     m_isValid = false;
-    // Copied before the old name goes: it may be the one that GetFileName gave.
+    // Copied before the old name is freed: `path` may be what GetFileName returned.
     m_fileName = path != nullptr ? Copy(path) : nullptr;
     m_isValid = m_fileName && (!mustExist || IsReadable(m_fileName.get()));
     return m_isValid;
@@ -47,8 +47,8 @@ const char* CProfileFile::GetFileName() const {
     return m_fileName ? m_fileName.get() : "";
 }
 
-// Reads into a new buffer, in growing steps until the text is surely whole: the arguments may point
-// into the old one. False without memory, or when it is too long; then the buffer is given up.
+// Reads into a new buffer, because the arguments may point into the old one, and grows it until the
+// text is whole. False without memory or when the text is too long; then the buffer is freed.
 bool CProfileFile::Read(Buffer& buffer, const char* section, const char* key,
                         const char* defaultText) {
     for (uint32_t size = buffer.size != 0 ? buffer.size : kStep; size < kLimit; size += kStep) {
@@ -155,7 +155,7 @@ void CProfileFile::CopyEntries(const std::string& from, const std::string& to) {
 }
 
 bool CProfileFile::CopySection(const char* from, const char* to) try {
-    // Copies: the names may be those of the list that is about to be read anew.
+    // Passed as copies: the names may point into the list that CopyEntries reads again.
     if (m_isValid && from != nullptr && to != nullptr) CopyEntries(from, to);
     return m_isValid;
 } catch (const std::exception&) {
