@@ -4,30 +4,11 @@
 #include <string>
 
 #include "daemon/version.h"
-#include "kemdctl/check/check_command.h"
-#include "kemdctl/inventory/inventory_command.h"
-#include "kemdctl/prepare/prepare_command.h"
-#include "kemdctl/registry/registry_command.h"
-#include "kemdctl/status/status_command.h"
-#include "kemdctl/trace/trace_command.h"
-#include "kemdctl/ui/command.h"
+#include "kemdctl/commands.h"
+#include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
-
-struct Command {
-    std::string_view name;
-    const char* summary;
-    int (*run)(CommandLine& line);
-};
-constexpr Command kCommands[] = {
-    {"check", "look for what keeps kemd from working, and say what to do", RunCheck},
-    {"inventory", "show the firmware's tables and which slot holds a PCI device", RunInventory},
-    {"prepare", "keep a crash's trace, clean up; the service runs it before a start", RunPrepare},
-    {"registry", "read, change, check and restore the suite's registry", RunRegistry},
-    {"status", "show whether kemd runs, its lock, its trace and its modules", RunStatus},
-    {"trace", "show the records of its trace files in one order", RunTrace},
-};
 
 void WriteHelp() {
     Write("usage: kemdctl COMMAND ...\n\n");
@@ -46,14 +27,14 @@ void WriteHelp() {
         "kemd does not run.\n");
 }
 
-int Run(CommandLine& line) {
+int Run(CommandLine& line, ReportWriter& report) {
     if (line.Has("--version")) {
         Write(std::string("kemdctl ") + kPackageVersion + "\n");
         return kYes;
     }
     const std::string_view name = line.TakeCommand();
     for (const Command& command : kCommands) {
-        if (command.name == name) return command.run(line);
+        if (command.name == name) return command.run(line, report);
     }
     if (name.empty() && line.Has("--help")) {
         WriteHelp();
@@ -64,17 +45,26 @@ int Run(CommandLine& line) {
     return kError;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) try {
-    PrepareStreams();
-    CommandLine line(argc, argv);
-    const int result = Run(line);
-    return FinishOutput() ? result : kError;
+int RunGuarded(CommandLine& line, ReportWriter& report) try {
+    return Run(line, report);
 } catch (const std::bad_alloc&) {
     Complain("there is not enough memory: the output is not whole");
     return kError;
 } catch (const std::exception& error) {
     Complain("%s", error.what());
+    return kError;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    PrepareStreams();
+    CommandLine line(argc, argv);
+    ReportWriter report(line.Has("--json"));
+    const int result = RunGuarded(line, report);
+    report.Finish(result);
+    return FinishOutput() ? result : kError;
+} catch (const std::bad_alloc&) {
+    Complain("there is not enough memory");
     return kError;
 }

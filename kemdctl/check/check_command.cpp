@@ -1,12 +1,12 @@
-#include "kemdctl/check/check_command.h"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 
 #include "kemdctl/check/check_parts.h"
+#include "kemdctl/commands.h"
 #include "kemdctl/ui/json.h"
+#include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -92,7 +92,8 @@ bool Findings::IsClean() const {
                        [](const Finding& finding) { return finding.severity == Severity::kOk; });
 }
 
-int RunCheck(CommandLine& line) {
+int RunCheck(CommandLine& line, ReportWriter& report) {
+    report.SetJson(false);  // its JSON is still its own
     constexpr std::array<std::string_view, 4> kOptions = {"-q", "--quiet", "--json", "--help"};
     if (line.Has("--help")) {
         Write(kHelp);

@@ -1,5 +1,3 @@
-#include "kemdctl/inventory/inventory_command.h"
-
 #include <unistd.h>
 
 #include <array>
@@ -11,10 +9,12 @@
 #include "base/file_io.h"
 #include "inventory/bios_tables.h"
 #include "inventory/pci_slot_sources.h"
+#include "kemdctl/commands.h"
 #include "kemdctl/inventory/inventory_report.h"
 #include "kemdctl/inventory/smbios_dump.h"
 #include "kemdctl/ui/json.h"
 #include "kemdctl/ui/output_file.h"
+#include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -196,7 +196,8 @@ void AddTableError(Inventory& inventory) {
 
 }  // namespace
 
-int RunInventory(CommandLine& line) {
+int RunInventory(CommandLine& line, ReportWriter& report) {
+    report.SetJson(false);  // its JSON is still its own
     constexpr std::array<std::string_view, 5> kOptions = {"--slot", "--from-dump", "--dump",
                                                           "--json", "--help"};
     if (line.Has("--help")) {

@@ -1,5 +1,3 @@
-#include "kemdctl/prepare/prepare_command.h"
-
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -13,6 +11,7 @@
 #include <string>
 
 #include "base/paths.h"
+#include "kemdctl/commands.h"
 #include "kemdctl/facts/daemon_environment.h"
 #include "kemdctl/facts/daemon_state.h"
 #include "kemdctl/trace/kept_runs.h"
@@ -159,7 +158,7 @@ bool Keep(const DaemonEnvironment& environment, const TraceSettings& settings) {
 
 }  // namespace
 
-int RunPrepare(CommandLine& line) {
+int RunPrepare(CommandLine& line, ReportWriter& /*report*/) {
     constexpr std::array<std::string_view, 1> kOptions = {"--help"};
     if (line.Has("--help")) {
         Write(kHelp);

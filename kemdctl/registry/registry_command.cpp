@@ -5,6 +5,8 @@
 #include <iterator>
 #include <string>
 
+#include "kemdctl/commands.h"
+#include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -58,7 +60,8 @@ int UsageError(std::string what, std::string_view word = "") {
 
 }  // namespace
 
-int RunRegistry(CommandLine& line) {
+int RunRegistry(CommandLine& line, ReportWriter& report) {
+    report.SetJson(false);  // its JSON is still its own
     if (line.Has("--help")) {
         Write(kHelp);
         return kYes;

@@ -1,10 +1,8 @@
-// kemdctl registry: its subcommands. Each gets as many words as the table in registry_command.cpp
+// The subcommands of kemdctl registry. Each gets as many words as the table in registry_command.cpp
 // says, and returns an exit code.
 #pragma once
 
 #include "kemdctl/ui/command.h"
-
-int RunRegistry(CommandLine& line);
 
 // registry_read.cpp
 int RegistryGet(const CommandLine& line);

@@ -1,5 +1,3 @@
-#include "kemdctl/status/status_command.h"
-
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -7,8 +5,10 @@
 #include <filesystem>
 
 #include "kemdctl/check/check_parts.h"
+#include "kemdctl/commands.h"
 #include "kemdctl/facts/daemon_environment.h"
 #include "kemdctl/status/status_report.h"
+#include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -70,7 +70,8 @@ std::string ModuleNote(const Status& status, const std::string& directory) {
 
 }  // namespace
 
-int RunStatus(CommandLine& line) {
+int RunStatus(CommandLine& line, ReportWriter& report) {
+    report.SetJson(false);  // its JSON is still its own
     constexpr std::array<std::string_view, 2> kOptions = {"--json", "--help"};
     if (line.Has("--help")) {
         Write(kHelp);

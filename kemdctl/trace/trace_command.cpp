@@ -1,8 +1,7 @@
-#include "kemdctl/trace/trace_command.h"
-
 #include <string>
 #include <vector>
 
+#include "kemdctl/commands.h"
 #include "kemdctl/trace/collect.h"
 #include "kemdctl/trace/header_report.h"
 #include "kemdctl/trace/last_run.h"
@@ -10,6 +9,7 @@
 #include "kemdctl/trace/record_run.h"
 #include "kemdctl/trace/trace_files.h"
 #include "kemdctl/trace/verify.h"
+#include "kemdctl/ui/report.h"
 
 namespace {
 
@@ -46,7 +46,8 @@ int RunReport(const TraceOptions& options, const std::vector<std::string>& files
 
 }  // namespace
 
-int RunTrace(CommandLine& line) {
+int RunTrace(CommandLine& line, ReportWriter& report) {
+    report.SetJson(false);  // its JSON is still its own
     if (line.Has("--help")) {
         WriteTraceHelp();
         return kYes;

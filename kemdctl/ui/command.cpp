@@ -13,6 +13,9 @@
 #include "kemdctl/ui/text.h"
 
 static int g_writeError = 0;
+// Of a fixed size, as it is needed when there is no memory.
+static char g_complaints[8192];
+static size_t g_complaintsLength = 0;
 
 CommandLine::CommandLine(int argc, char** argv) {
     bool isEnded = false;
@@ -97,6 +100,20 @@ std::string_view CommandLine::TakeCommand() {
     return command;
 }
 
+static void KeepComplaint(const char* format, va_list args) {
+    if (std::strncmp(format, "note: ", 6) == 0) return;
+    char* const end = g_complaints + g_complaintsLength;
+    const size_t space = sizeof g_complaints - g_complaintsLength;
+    constexpr size_t kSeparator = 2;
+    if (space <= kSeparator + 1) return;
+    const size_t begin = g_complaintsLength == 0 ? 0 : kSeparator;
+    std::memcpy(end, "; ", begin);
+    const int length = std::vsnprintf(end + begin, space - begin, format, args);
+    if (length > 0) {
+        g_complaintsLength += begin + std::min(static_cast<size_t>(length), space - begin - 1);
+    }
+}
+
 void Complain(const char* format, ...) {
     va_list args;
     va_start(args, format);
@@ -104,6 +121,13 @@ void Complain(const char* format, ...) {
     std::vfprintf(stderr, format, args);
     std::fputc('\n', stderr);
     va_end(args);
+    va_start(args, format);
+    KeepComplaint(format, args);
+    va_end(args);
+}
+
+std::string_view Complaints() {
+    return {g_complaints, g_complaintsLength};
 }
 
 void Write(std::string_view text) {

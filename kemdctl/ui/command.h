@@ -46,6 +46,8 @@ struct CommandLine {
 // Writes "kemdctl: ", the text and a line feed to standard error. Names and data that come from
 // elsewhere go through Printable first.
 void Complain(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// What was complained of so far, without notes, as one line.
+std::string_view Complaints();
 
 // Results, on standard output. After a failure nothing more is written; FinishOutput then
 // complains, unless nobody reads, and returns false.
