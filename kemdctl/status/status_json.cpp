@@ -2,7 +2,7 @@
 #include <cstring>
 
 #include "base/paths.h"
-#include "kemdctl/status/status_report.h"
+#include "kemdctl/status/report.h"
 #include "kemdctl/ui/json.h"
 
 namespace {

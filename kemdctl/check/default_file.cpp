@@ -3,8 +3,8 @@
 
 #include "base/file_io.h"
 #include "base/paths.h"
-#include "kemdctl/check/check_parts.h"
-#include "kemdctl/check/file_safety.h"
+#include "kemdctl/check/look_ups.h"
+#include "kemdctl/check/path_findings.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 
 #include "base/elf_exports.h"
 #include "base/library_search.h"
-#include "kemdctl/check/check_parts.h"
-#include "kemdctl/check/file_safety.h"
+#include "kemdctl/check/look_ups.h"
+#include "kemdctl/check/path_findings.h"
 #include "kemdctl/ui/text.h"
 
 namespace {

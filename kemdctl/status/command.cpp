@@ -4,10 +4,10 @@
 #include <ctime>
 #include <filesystem>
 
-#include "kemdctl/check/check_parts.h"
+#include "kemdctl/check/look_ups.h"
 #include "kemdctl/commands.h"
 #include "kemdctl/facts/daemon_environment.h"
-#include "kemdctl/status/status_report.h"
+#include "kemdctl/status/report.h"
 #include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "base/paths.h"
-#include "kemdctl/check/check_parts.h"
+#include "kemdctl/check/look_ups.h"
 #include "kemdctl/ui/text.h"
 #include "trace/config_file.h"
 #include "trace/config_text.h"

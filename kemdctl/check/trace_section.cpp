@@ -7,7 +7,7 @@
 #include <string>
 
 #include "base/text.h"
-#include "kemdctl/check/check_parts.h"
+#include "kemdctl/check/look_ups.h"
 #include "kemdctl/ui/text.h"
 #include "trace/config_text.h"
 

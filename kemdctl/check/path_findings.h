@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "kemdctl/check/finding.h"
+#include "kemdctl/check/findings.h"
 
 // Whether a name leads to /dev/null: so an administrator masks a file.
 bool IsMasked(const std::string& path);

@@ -1,4 +1,4 @@
-#include "kemdctl/status/status_report.h"
+#include "kemdctl/status/report.h"
 
 #include <array>
 #include <cerrno>

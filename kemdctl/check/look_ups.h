@@ -4,16 +4,16 @@
 #include <optional>
 #include <string>
 
-#include "kemdctl/check/finding.h"
+#include "kemdctl/check/findings.h"
 #include "kemdctl/facts/daemon_environment.h"
 #include "kemdctl/facts/daemon_state.h"
 
-// check_trace_config.cpp: the configuration directory, its files, the file of variables, and what
+// trace_config.cpp: the configuration directory, its files, the file of variables, and what
 // the daemon makes of them all.
 void CheckTraceConfig(Findings& findings, const DaemonEnvironment& environment);
-// check_default_file.cpp: the file of variables.
+// default_file.cpp: the file of variables.
 void CheckDefaultFile(Findings& findings);
-// check_trace_section.cpp: the keys of one section, as the daemon finds them.
+// trace_section.cpp: the keys of one section, as the daemon finds them.
 void CheckTraceSection(Findings& findings, const std::string& path, std::string_view section,
                        bool isGlobal);
 // One number of such a section.
@@ -22,15 +22,15 @@ void CheckNumberKey(Findings& findings, const std::string& path, std::string_vie
 // What the daemon makes of a number's text; nothing when that is the number from 0 to `largest`
 // that the whole text is. Base 0 is that of the files: C notation.
 std::optional<int32_t> FindMisreadNumber(std::string_view text, int base, int64_t largest);
-// check_trace_limits.cpp: the sizes of log and ring buffers by the settings in force.
+// trace_limits.cpp: the sizes of log and ring buffers by the settings in force.
 void CheckTraceLimits(Findings& findings, const DaemonEnvironment& environment,
                       const TraceSettings& settings);
-// check_directories.cpp: the directories, and the space that their files need.
+// directories.cpp: the directories, and the space that their files need.
 void CheckDirectories(Findings& findings, const DaemonEnvironment& environment);
-// check_switch.cpp: the switch library and the modules.
+// switch_library.cpp: the switch library and the modules.
 void CheckSwitchLibrary(Findings& findings, const DaemonEnvironment& environment);
 void CheckModules(Findings& findings, const DaemonEnvironment& environment);
-// check_registry_files.cpp
+// registry_files.cpp
 void CheckRegistryFiles(Findings& findings);
-// check_leftovers.cpp: lock file, process-id file, run-level file.
+// leftovers.cpp: lock file, process-id file, run-level file.
 void CheckLeftovers(Findings& findings, const DaemonState& state);

@@ -5,8 +5,8 @@
 
 #include "base/file_io.h"
 #include "base/paths.h"
-#include "kemdctl/check/check_parts.h"
-#include "kemdctl/check/file_safety.h"
+#include "kemdctl/check/look_ups.h"
+#include "kemdctl/check/path_findings.h"
 #include "kemdctl/registry/registry_check.h"
 #include "kemdctl/ui/text.h"
 #include "services/registry/store.h"

@@ -1,4 +1,4 @@
-#include "kemdctl/check/file_safety.h"
+#include "kemdctl/check/path_findings.h"
 
 #include <sys/sysmacros.h>
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "kemdctl/check/finding.h"
+#include "kemdctl/check/findings.h"
 #include "kemdctl/facts/daemon_state.h"
 #include "kemdctl/status/trace_facts.h"
 

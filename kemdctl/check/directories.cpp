@@ -4,8 +4,8 @@
 #include <algorithm>
 
 #include "base/paths.h"
-#include "kemdctl/check/check_parts.h"
-#include "kemdctl/check/file_safety.h"
+#include "kemdctl/check/look_ups.h"
+#include "kemdctl/check/path_findings.h"
 #include "kemdctl/ui/text.h"
 #include "services/registry/store.h"
 #include "trace/config_file.h"

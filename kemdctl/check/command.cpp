@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "kemdctl/check/check_parts.h"
+#include "kemdctl/check/look_ups.h"
 #include "kemdctl/commands.h"
 #include "kemdctl/ui/json.h"
 #include "kemdctl/ui/report.h"
