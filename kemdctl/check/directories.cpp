@@ -80,9 +80,9 @@ void CheckLogDirectory(Findings& findings, const TraceSettings& settings, bool i
 
 }  // namespace
 
-void CheckDirectories(Findings& findings, const DaemonEnvironment& environment) {
-    CheckLogDirectory(findings, TraceSettings(environment),
-                      environment.Find("OV_LOG_RINGBUF_DIR") != nullptr);
+void CheckDirectories(Findings& findings, const DaemonFacts& daemon) {
+    CheckLogDirectory(findings, TraceSettings(daemon.environment),
+                      daemon.environment.Find("OV_LOG_RINGBUF_DIR") != nullptr);
     CheckDirectory(findings, kRegistryDirectory);
     // The new one is written beside the old one.
     CheckRoom(findings, kRegistryDirectory,

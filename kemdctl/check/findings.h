@@ -1,10 +1,10 @@
-// What kemdctl check finds: gathered first, shown at the end.
+// What kemdctl check and status find to be wrong: gathered first, shown at the end.
 #pragma once
 
 #include <string>
 #include <vector>
 
-class JsonWriter;
+class ReportWriter;
 
 enum class Severity { kOk, kWarning, kError };
 const char* Name(Severity severity);
@@ -13,9 +13,10 @@ struct Finding {
     Severity severity;
     std::string what;    // printable
     std::string action;  // what to do about it, printable; empty: nothing
-};
 
-void ShowAsJson(JsonWriter& json, const Finding& finding);
+    // An object of an array. Text for people is the command's.
+    void Put(ReportWriter& report) const;
+};
 
 class Findings {
   public:
@@ -28,16 +29,17 @@ class Findings {
     void Error(std::string what, std::string action) {
         Add(Severity::kError, std::move(what), std::move(action));
     }
-    // Tells on standard error what could not be looked at, and why (an errno).
+    // Reports on standard error what could not be looked at, and why (an errno number).
     void CannotLook(const std::string& path, int error);
 
     [[nodiscard]] const std::vector<Finding>& All() const { return m_all; }
-    [[nodiscard]] bool IsClean() const;
+    // Warnings and errors.
+    [[nodiscard]] std::vector<Finding> ToMend() const;
     // Whether everything could be looked at.
     [[nodiscard]] bool IsComplete() const { return m_isComplete; }
 
   private:
-    // The same thing may be found on several ways; it is told once.
+    // Several look-ups may find the same; it is kept once.
     void Add(Severity severity, std::string what, std::string action);
 
     std::vector<Finding> m_all;

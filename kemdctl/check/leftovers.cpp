@@ -84,8 +84,8 @@ void CheckRunLevel(Findings& findings) {
 
 }  // namespace
 
-void CheckLeftovers(Findings& findings, const DaemonState& state) {
-    CheckLock(findings, state);
-    CheckPidFile(findings, state);
+void CheckLeftovers(Findings& findings, const DaemonFacts& daemon) {
+    CheckLock(findings, daemon.state);
+    CheckPidFile(findings, daemon.state);
     CheckRunLevel(findings);
 }

@@ -46,7 +46,7 @@ void CheckFile(Findings& findings, const char* path, const std::string& mend) {
 
 }  // namespace
 
-void CheckRegistryFiles(Findings& findings) {
+void CheckRegistryFiles(Findings& findings, const DaemonFacts& /*daemon*/) {
     const bool hasDefault = IsThere(kRegistryDefaultFile);
     if (IsThere(kRegistryFile)) {
         CheckFile(findings, kRegistryFile, "kemdctl registry restore");

@@ -72,8 +72,8 @@ void CheckModule(Findings& findings, const std::string& path) {
 
 }  // namespace
 
-void CheckSwitchLibrary(Findings& findings, const DaemonEnvironment& environment) {
-    const char* const searchPath = environment.Find("LD_LIBRARY_PATH");
+void CheckSwitchLibrary(Findings& findings, const DaemonFacts& daemon) {
+    const char* const searchPath = daemon.environment.Find("LD_LIBRARY_PATH");
     if (searchPath != nullptr) CheckSearchPath(findings, searchPath);
     for (const LibraryPlace& place : FindLibrary(kLibrary, searchPath)) {
         if (place.path.empty()) continue;
@@ -98,8 +98,8 @@ void CheckSwitchLibrary(Findings& findings, const DaemonEnvironment& environment
                    "install the package kemd-switch-reference or the suite's own, or run ldconfig");
 }
 
-void CheckModules(Findings& findings, const DaemonEnvironment& environment) {
-    const std::string directory = ModuleDirectory(environment);
+void CheckModules(Findings& findings, const DaemonFacts& daemon) {
+    const std::string directory = ModuleDirectory(daemon.environment);
     const auto names = ListModules(directory);
     const std::string shown = Printable(directory);
     if (!names && errno != ENOENT && errno != ENOTDIR) return findings.CannotLook(directory, errno);

@@ -76,7 +76,7 @@ void CheckFile(Findings& findings, const std::string& name, std::string& supplie
 
 }  // namespace
 
-void CheckTraceConfig(Findings& findings, const DaemonEnvironment& environment) {
+void CheckTraceConfig(Findings& findings, const DaemonFacts& daemon) {
     const std::string directory = kTraceConfigDirectory;
     const auto names = ListConfigFiles();
     const int error = errno;
@@ -98,5 +98,5 @@ void CheckTraceConfig(Findings& findings, const DaemonEnvironment& environment) 
         for (const std::string& name : *names) CheckFile(findings, name, supplier);
     }
     CheckDefaultFile(findings);
-    CheckTraceLimits(findings, environment, TraceSettings(environment));
+    CheckTraceLimits(findings, daemon.environment, TraceSettings(daemon.environment));
 }

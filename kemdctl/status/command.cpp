@@ -71,7 +71,6 @@ std::string ModuleNote(const Status& status, const std::string& directory) {
 }  // namespace
 
 int RunStatus(CommandLine& line, ReportWriter& report) {
-    report.SetJson(false);  // its JSON is still its own
     constexpr std::array<std::string_view, 2> kOptions = {"--json", "--help"};
     if (line.Has("--help")) {
         Write(kHelp);
@@ -93,10 +92,6 @@ int RunStatus(CommandLine& line, ReportWriter& report) {
     status.moduleNote = ModuleNote(status, ModuleDirectory(environment));
     CheckTracing(status, settings);
     CheckTraceLimits(status.findings, environment, settings);
-    if (line.Has("--json")) {
-        ShowStatusAsJson(status);
-    } else {
-        ShowStatus(status);
-    }
+    ShowStatus(report, status);
     return status.state.daemon ? kYes : kNotRunning;
 }

@@ -5,15 +5,10 @@
 #include <cstring>
 
 #include "base/paths.h"
-#include "kemdctl/ui/command.h"
+#include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
-
-void Show(std::string_view name, const std::string& value) {
-    constexpr size_t kWidth = 17;
-    Write(std::string(name) + ":" + std::string(kWidth - name.size(), ' ') + value + "\n");
-}
 
 // In its two largest units: "3 d 4 h".
 std::string Age(time_t seconds) {
@@ -40,21 +35,58 @@ std::string LocalTime(time_t time) {
     return text;
 }
 
-void ShowDaemon(const Status& status) {
-    if (!status.state.daemon) return Show("state", "not running");
+std::string RunModeText(const RunOptions& options) {
+    std::string text = std::to_string(options.mode) + ", " + std::string(options.modeName);
+    text += options.isForeground ? ", foreground" : ", background";
+    return options.isRescan ? text + ", rescan of the modules" : text;
+}
+
+void ShowDaemon(ReportWriter& report, const Status& status) {
+    report.Flag("running", status.state.daemon.has_value());
+    if (!status.state.daemon) return report.Field("state", "not running");
     const ProcessFacts& daemon = *status.state.daemon;
-    Show("state", "running, process " + std::to_string(daemon.pid));
+    report.Number("pid", daemon.pid);
+    report.Field("state", "running, process " + std::to_string(daemon.pid));
     if (daemon.started) {
-        Show("since", LocalTime(*daemon.started) + " (" + Age(status.now - *daemon.started) + ")");
+        const time_t age = status.now - *daemon.started;
+        report.Number("started", daemon.started);
+        report.Number("age", age);
+        report.Field("since", LocalTime(*daemon.started) + " (" + Age(age) + ")");
     }
+    if (daemon.arguments.empty()) return report.Field("run mode", "cannot be seen");
     const RunOptions options = ReadRunOptions(daemon);
-    std::string mode = "cannot be seen";
-    if (!daemon.arguments.empty()) {
-        mode = std::to_string(options.mode) + ", " + std::string(options.modeName);
-        mode += options.isForeground ? ", foreground" : ", background";
-        if (options.isRescan) mode += ", rescan of the modules";
-    }
-    Show("run mode", mode);
+    report.Number("runMode", options.mode);
+    report.Text("runModeName", options.modeName);
+    report.Flag("foreground", options.isForeground);
+    report.Flag("rescan", options.isRescan);
+    report.Field("run mode", RunModeText(options));
+}
+
+void ShowLock(ReportWriter& report, const DaemonState& state) {
+    const LockFacts& lock = state.lock;
+    const std::string finding = DescribeLock(state);
+    report.Object("lock", [&] {
+        report.Text("path", kLockFile);
+        report.Flag("exists", lock.exists);
+        report.Text("content", lock.content);
+        if (lock.held != LockFacts::kUnknown) report.Flag("held", lock.held == LockFacts::kHeld);
+        if (lock.taker > 0) report.Number("taker", lock.taker);
+        if (state.Holder() > 0) report.Number("holder", state.Holder());
+        report.Text("finding", finding);
+    });
+    report.Field("lock file", finding);
+}
+
+void ShowPidFile(ReportWriter& report, const DaemonState& state) {
+    const pid_t pid = state.pidFile.process.pid;
+    const std::string finding = DescribePidFile(state);
+    report.Object("pidFile", [&] {
+        report.Text("path", kPidFile);
+        report.Flag("exists", state.pidFile.exists);
+        if (pid != 0) report.Number("pid", pid);
+        report.Text("finding", finding);
+    });
+    report.Field("process-id file", finding);
 }
 
 std::string TargetName(long target) {
@@ -63,66 +95,102 @@ std::string TargetName(long target) {
     return std::to_string(target) + (index < names.size() ? std::string(", ") + names[index] : "");
 }
 
-void ShowHeader(const Status& status) {
+// For people, of the file that matters; the JSON has those of both files.
+void ShowSettings(ReportWriter& report, const Status& status) {
     const TraceFileFacts& ring = status.Ring();
     const TraceHeader& header = ring.error == 0 ? ring.header : status.trace.log.header;
     if (!header.level) {
         const bool isHidden = ring.error != 0 && ring.error != ENOENT;
-        return Show("trace level", isHidden ? "unknown, as the ring buffer cannot be read"
-                                            : "unknown, as no trace file has a header");
+        return report.Field("trace level", isHidden ? "unknown, as the ring buffer cannot be read"
+                                                    : "unknown, as no trace file has a header");
     }
     std::string whose;
     if (status.Pid() != 0 && header.processId && *header.processId != status.Pid()) {
         whose = " (of process " + std::to_string(*header.processId) + ", not of this one)";
     }
-    Show("trace level", std::to_string(*header.level) + whose);
-    if (header.target) Show("trace target", TargetName(*header.target) + whose);
+    report.Field("trace level", std::to_string(*header.level) + whose);
+    if (header.target) report.Field("trace target", TargetName(*header.target) + whose);
 }
 
-void ShowFile(std::string_view name, const TraceFileFacts& file, const std::string& more) {
-    if (file.error == ENOENT) return Show(name, "not there");
-    if (file.error != 0)
-        return Show(name, std::string("cannot be read: ") + std::strerror(file.error));
-    Show(name,
-         Printable(file.path) + ", " + Counted(static_cast<size_t>(file.size), "byte") + more);
+// `cycles`: of the log.
+void ShowFile(ReportWriter& report, const char* key, const char* label, const TraceFileFacts& file,
+              std::optional<long> cycles) {
+    if (file.error == ENOENT) return report.Field(label, "not there");
+    const std::string error = file.error != 0 ? std::strerror(file.error) : "";
+    report.Object(key, [&] {
+        report.Text("path", file.path);
+        if (file.error != 0) {
+            report.Text("error", error);
+        } else {
+            report.Number("size", file.size);
+            report.Number("cycles", cycles);
+        }
+        report.Number("headerPid", file.header.processId);
+        report.Number("target", file.header.target);
+        report.Number("level", file.header.level);
+        if (!file.newest.empty()) report.Text("newest", file.newest);
+    });
+    if (file.error != 0) return report.Field(label, "cannot be read: " + error);
+    std::string text =
+        Printable(file.path) + ", " + Counted(static_cast<size_t>(file.size), "byte");
+    if (cycles) text += ", wrapped " + Counted(static_cast<size_t>(*cycles), "time");
+    report.Field(label, text);
 }
 
-void ShowNewest(const Status& status) {
-    const TraceFileFacts* const newest = status.trace.Newest();
-    if (newest == nullptr) return Show("newest record", "none");
-    const auto time = TimeOfStamp(newest->newest);
-    Show("newest record", newest->newest + (time ? " (" + Age(status.now - *time) + " ago)" : "") +
-                              " in " + Printable(newest->path.substr(newest->path.rfind('/') + 1)));
+void ShowNewest(ReportWriter& report, const Status& status) {
+    const TraceFileFacts* const file = status.trace.Newest();
+    if (file == nullptr) return report.Field("newest record", "none");
+    const auto time = TimeOfStamp(file->newest);
+    report.Text("newest", file->newest);
+    if (time) report.Number("newestAge", status.now - *time);
+    report.Field("newest record",
+                 file->newest + (time ? " (" + Age(status.now - *time) + " ago)" : "") + " in " +
+                     Printable(file->path.substr(file->path.rfind('/') + 1)));
 }
 
-void ShowModules(const Status& status) {
+void ShowTrace(ReportWriter& report, const Status& status) {
+    const std::string& directory = status.traceDirectory;
+    report.Text("directory", directory);
+    report.Text("variablesFrom", status.traceSource);
+    report.Field("trace directory",
+                 (directory.empty() ? "none: the log is /log.kemd" : Printable(directory)) +
+                     " (by the configuration and " + status.traceSource + ")");
+    ShowSettings(report, status);
+    ShowFile(report, "log", "log", status.trace.log, status.trace.log.cycles);
+    ShowFile(report, "ring", "ring buffer", status.Ring(), std::nullopt);
+    ShowNewest(report, status);
+}
+
+void ShowModules(ReportWriter& report, const Status& status) {
     std::string list;
-    for (const auto& [file, module] : status.trace.modules) {
+    report.List("modules", status.trace.modules, [&](const auto& each) {
+        const auto& [file, module] = each;
+        report.Object({}, [&, &file = file, &module = module] {
+            report.Text("file", file);
+            report.Text("state", module.state);
+            report.Text("time", module.stamp);
+        });
         list += (list.empty() ? "" : ", ") + Printable(file) + " " + module.state;
-    }
+    });
     const std::string& note = status.moduleNote;
-    Show("modules", list.empty() ? note : list + (note.empty() ? "" : " (" + note + ")"));
+    if (!note.empty()) report.Text("modulesNote", note);
+    report.Field("modules", list.empty() ? note : list + (note.empty() ? "" : " (" + note + ")"));
 }
 
 }  // namespace
 
-void ShowStatus(const Status& status) {
-    ShowDaemon(status);
-    Show("lock file", DescribeLock(status.state));
-    Show("process-id file", DescribePidFile(status.state));
-    const bool isEmpty = status.traceDirectory.empty();
-    Show("trace directory",
-         (isEmpty ? "none: the log is /log.kemd" : Printable(status.traceDirectory)) +
-             " (by the configuration and " + status.traceSource + ")");
-    ShowHeader(status);
-    const TraceFileFacts& log = status.trace.log;
-    ShowFile("log", log, ", wrapped " + Counted(static_cast<size_t>(log.cycles), "time"));
-    ShowFile("ring buffer", status.Ring(), "");
-    ShowNewest(status);
-    ShowModules(status);
-    for (const Finding& finding : status.findings.All()) {
-        if (finding.severity != Severity::kOk) {
-            Show(Name(finding.severity), finding.what + " -- " + finding.action);
-        }
-    }
+void ShowStatus(ReportWriter& report, const Status& status) {
+    constexpr size_t kColumn = 18;
+    report.SetColumn(kColumn);
+    report.Object({}, [&] {
+        ShowDaemon(report, status);
+        ShowLock(report, status.state);
+        ShowPidFile(report, status.state);
+        report.Object("trace", [&] { ShowTrace(report, status); });
+        ShowModules(report, status);
+        report.List("findings", status.findings.ToMend(), [&](const Finding& finding) {
+            finding.Put(report);
+            report.Field(Name(finding.severity), finding.what + " -- " + finding.action);
+        });
+    });
 }

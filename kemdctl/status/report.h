@@ -22,5 +22,5 @@ struct Status {
     [[nodiscard]] const TraceFileFacts& Ring() const { return trace.Ring(Pid()); }
 };
 
-void ShowStatus(const Status& status);
-void ShowStatusAsJson(const Status& status);
+class ReportWriter;
+void ShowStatus(ReportWriter& report, const Status& status);
