@@ -15,6 +15,7 @@
 #include "kemdctl/facts/daemon_environment.h"
 #include "kemdctl/facts/daemon_state.h"
 #include "kemdctl/trace/kept_runs.h"
+#include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -48,7 +49,7 @@ class StartLock {
     [[nodiscard]] bool WasLeft() const { return m_wasLeft; }
     // Who else has the lock and may be a daemon; empty: nobody.
     [[nodiscard]] const std::string& Holder() const { return m_holder; }
-    [[nodiscard]] bool RemoveFile() const;
+    [[nodiscard]] bool RemoveFile(ReportWriter& report) const;
 
   private:
     [[nodiscard]] bool Take();
@@ -90,9 +91,9 @@ void StartLock::FindHolder() {
 }
 
 // By its name, whatever it is: what a link points to stays.
-bool Remove(const char* path, bool isTold = true) {
+bool Remove(ReportWriter& report, const char* path, bool isReported = true) {
     if (std::remove(path) == 0) {
-        if (isTold) Write(std::string("removed ") + path + ", which was left over\n");
+        if (isReported) report.Line(std::string("removed ") + path + ", which was left over");
         return true;
     }
     if (errno == ENOENT) return true;
@@ -100,8 +101,8 @@ bool Remove(const char* path, bool isTold = true) {
     return false;
 }
 
-bool StartLock::RemoveFile() const {
-    return (!m_wasThere && !m_file.IsOpen()) || Remove(kLockFile, m_wasThere);
+bool StartLock::RemoveFile(ReportWriter& report) const {
+    return (!m_wasThere && !m_file.IsOpen()) || Remove(report, kLockFile, m_wasThere);
 }
 
 bool EndedInOrder(const StartLock& lock, const std::string& directory) {
@@ -127,7 +128,8 @@ uint64_t Setting(const DaemonEnvironment& environment, const char* name, uint64_
     return usual;
 }
 
-bool Keep(const DaemonEnvironment& environment, const TraceSettings& settings) {
+bool Keep(ReportWriter& report, const DaemonEnvironment& environment,
+          const TraceSettings& settings) {
     constexpr uint64_t kUsualRuns = 5, kUsualMiB = 32;
     const uint64_t most = Setting(environment, "KEMD_KEEP_RUNS", kUsualRuns);
     const uint64_t bytes = Setting(environment, "KEMD_KEEP_MIB", kUsualMiB) << 20;
@@ -136,8 +138,8 @@ bool Keep(const DaemonEnvironment& environment, const TraceSettings& settings) {
     KeptRun kept;
     const std::string problem = runs.Keep(bytes, kept);
     if (!kept.name.empty()) {
-        Write("the last run did not end in order: its trace is kept in " +
-              Printable(runs.PathOf(kept)) + "\n");
+        report.Line("the last run did not end in order: its trace is kept in " +
+                    Printable(runs.PathOf(kept)));
     }
     if (!problem.empty()) {
         Complain("%s of the last run is not kept: %s",
@@ -158,7 +160,7 @@ bool Keep(const DaemonEnvironment& environment, const TraceSettings& settings) {
 
 }  // namespace
 
-int RunPrepare(CommandLine& line, ReportWriter& /*report*/) {
+int RunPrepare(CommandLine& line, ReportWriter& report) {
     constexpr std::array<std::string_view, 1> kOptions = {"--help"};
     if (line.Has("--help")) {
         Write(kHelp);
@@ -183,8 +185,8 @@ int RunPrepare(CommandLine& line, ReportWriter& /*report*/) {
     }
     const DaemonEnvironment environment = ReadOwnEnvironment();
     const TraceSettings settings(environment);
-    bool isDone = EndedInOrder(lock, settings.Directory()) || Keep(environment, settings);
-    isDone = lock.RemoveFile() && isDone;
-    isDone = Remove(kPidFile) && isDone;
+    bool isDone = EndedInOrder(lock, settings.Directory()) || Keep(report, environment, settings);
+    isDone = lock.RemoveFile(report) && isDone;
+    isDone = Remove(report, kPidFile) && isDone;
     return isDone ? kYes : kError;
 }
