@@ -21,6 +21,8 @@ its process-id file says, where it traces to and at which level, the newest
 record, the modules as far as the trace names them, and what is wrong with the
 trace and its settings.
 
+  --json   results as JSON
+
 Nothing is locked or changed. Everybody may ask; what only root can see is said.
 Exit status: 0 kemd runs, 3 it does not, 2 error.
 )";

@@ -90,24 +90,29 @@ _kemdctl_registry() {
     esac
 }
 
+# The commands, or the options, that a help text has in lines of their own.
+_kemdctl_help() {
+    local pattern='s/^  \([a-z][a-z]*\)  .*/\1/p'
+    [[ $2 == commands ]] || pattern='s/^  \(-[a-z], \)\{0,1\}\(--[a-z-]*\).*/\1\2/p'
+    [[ -z $1 ]] || echo --help
+    timeout 2 kemdctl ${1:+"$1"} --help 2>/dev/null </dev/null | sed -n "$pattern" | tr -d ,
+}
+
 _kemdctl_options() {
     case $1:$2 in
-        status:*) echo --json --help ;;
-        check:*) echo --json --quiet -q --help ;;
         trace:*)
             echo --start --since --until --thread --tag --grep -g --exclude -v --ignore-case -i \
                 --lines -n --follow -f --wait-for --timeout --output -o --json --delta --gaps --raw \
                 --color --no-pager --quiet -q --count --stats --export --html --header --verify \
                 --last-run --list-runs --run --collect --help
             ;;
-        inventory:*) echo --slot --dump --from-dump --json --help ;;
         registry:get) echo --expand --json --help ;;
         registry:list) echo -r --json --help ;;
         registry:import) echo --force --help ;;
         registry:check) echo --json --help ;;
         registry:restore) echo --default --help ;;
-        :*) echo --help --version ;;
-        *) echo --help ;;
+        registry:*) echo --help ;;
+        *) _kemdctl_help "$1" options ;;
     esac
 }
 
@@ -148,7 +153,7 @@ _kemdctl() {
         fi
     fi
     case ${words[0]-}:${#words[@]} in
-        :0) _kemdctl_choose "check inventory prepare registry status trace" ;;
+        :0) _kemdctl_choose "$(_kemdctl_help '' commands)" ;;
         trace:*) _kemdctl_files ;;
         registry:1) _kemdctl_choose "check delete export get import list restore set" ;;
         registry:*) _kemdctl_registry "${words[@]:1}" "$cur" ;;

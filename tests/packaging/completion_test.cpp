@@ -33,6 +33,10 @@ TEST(Completion, OffersWhatFits) {
         {"kemd-module-host --trace = ''", "0 1 2 3 4 5 6\n"},
         {"kemd-module-host l", "library.so\n"},
         {"kemdctl p", "prepare\n"},
+        {"kemdctl ''", "check inventory prepare registry status trace\n"},
+        {"kemdctl --", "--help --version --json\n"},
+        {"kemdctl prepare -", "--help\n"},
+        {"kemdctl status --j", "--json\n"},
         {"kemdctl trace /tmp/log --tag ''", "beats kemd\n"},
         {"kemdctl trace --tag kemd /tmp/log --tag = b", "beats\n"},
         {"kemdctl trace /tmp/log --thread ''", "0000ABCD D82A0740\n"},
@@ -42,7 +46,7 @@ TEST(Completion, OffersWhatFits) {
     for (const auto& each : cases) EXPECT_EQ(Offered(each.words), each.offered) << each.words;
 }
 
-// No option of a help text is missing in either shell.
+// No option of a help text is missing in either shell. The one for zsh has only those of its own.
 TEST(Completion, KnowsEveryOption) {
     for (const std::string command :
          {"kemd-module-host", "kemdctl trace", "kemdctl check", "kemdctl inventory"}) {
@@ -55,7 +59,8 @@ TEST(Completion, KnowsEveryOption) {
             const std::string option = help.substr(at + 1, end - at - 1);
             if (option == "--") continue;
             EXPECT_TRUE(Contains(bash, option)) << option << " of " << command;
-            EXPECT_TRUE(Contains(zsh, option)) << option << " of " << command;
+            const bool isFromHelp = command == "kemdctl check" || command == "kemdctl inventory";
+            EXPECT_TRUE(isFromHelp || Contains(zsh, option)) << option << " of " << command;
         }
     }
 }
