@@ -19,6 +19,13 @@ constexpr std::string_view Trim(std::string_view text, std::string_view blanks =
     return TrimEnd(TrimStart(text, blanks), blanks);
 }
 
+// The first line, without its line feed, is taken out of the text.
+constexpr std::string_view TakeLine(std::string_view& text) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+    return line;
+}
+
 // The line as a C string shows it: up to its first NUL.
 constexpr std::string_view CutAtNul(std::string_view line) {
     return line.substr(0, line.find('\0'));

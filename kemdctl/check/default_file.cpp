@@ -1,8 +1,8 @@
 #include <cerrno>
-#include <sstream>
 
 #include "base/file_io.h"
 #include "base/paths.h"
+#include "base/text.h"
 #include "kemdctl/check/look_ups.h"
 #include "kemdctl/check/path_findings.h"
 
@@ -30,12 +30,11 @@ std::string LineName(size_t number) {
 }
 
 void CheckQuotes(Findings& findings) {
-    std::istringstream lines(ReadTextFile(kDefaultFile).value_or(""));
-    size_t number = 0;
-    for (std::string line; std::getline(lines, line);) {
-        ++number;
-        const size_t start = line.find_first_not_of(" \t");
-        const bool isRemark = start != line.npos && (line[start] == '#' || line[start] == ';');
+    const std::string text = ReadTextFile(kDefaultFile).value_or("");
+    std::string_view rest = text;
+    for (size_t number = 1; !rest.empty(); ++number) {
+        const std::string_view line = TrimStart(TakeLine(rest));
+        const bool isRemark = line.starts_with('#') || line.starts_with(';');
         if (isRemark || !HasOpenQuote(line)) continue;
         findings.Warning(LineName(number) +
                              ": a quote is not closed: the lines below may be taken for its value",

@@ -59,10 +59,8 @@ bool IsKnown(std::string_view key, bool isGlobal) {
 // Lines that look like a setting and are none. There are no comments in this form, but people
 // write them.
 void SectionCheck::Lines(bool isGlobal) const {
-    for (size_t start = 0; start < m_section.size();) {
-        const std::string_view line = Trim(LineAt(start));
-        start = m_section.find('\n', start);
-        start = start == m_section.npos ? m_section.size() : start + 1;
+    for (std::string_view rest = m_section; !rest.empty();) {
+        const std::string_view line = Trim(TakeLine(rest));
         if (line.empty() || line[0] == '#' || line[0] == ';' || line.starts_with("//")) continue;
         const std::string key = Printable(KeyOf(line));
         if (line.find('=') == line.npos) {

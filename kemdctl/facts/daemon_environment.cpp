@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
-#include <sstream>
 
 #include "base/file_io.h"
 #include "base/paths.h"
@@ -44,11 +43,9 @@ const char* DaemonEnvironment::Find(std::string_view name) const {
 bool ReadDefaultFile(Variables& variables, const std::function<void(size_t line)>& badLine) {
     const auto text = ReadTextFile(kDefaultFile);
     if (!text) return false;
-    std::istringstream lines(*text);
-    size_t number = 0;
-    for (std::string raw; std::getline(lines, raw);) {
-        ++number;
-        const std::string_view line = Trim(raw);
+    std::string_view rest = *text;
+    for (size_t number = 1; !rest.empty(); ++number) {
+        const std::string_view line = Trim(TakeLine(rest));
         if (line.empty() || line[0] == '#' || line[0] == ';') continue;
         if (!AddVariable(variables, line)) badLine(number);
     }

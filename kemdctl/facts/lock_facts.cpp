@@ -10,9 +10,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <memory>
-#include <sstream>
 
 #include "base/file_io.h"
+#include "base/text.h"
 #include "kemdctl/facts/process_facts.h"
 
 #ifndef BTRFS_SUPER_MAGIC
@@ -48,10 +48,10 @@ void LookAtTable(const char* path, const struct stat& file, LockFacts& lock) {
     if (!table) return;
     lock.held = LockFacts::kFree;
     const bool anyDevice = HasDeviceOfItsOwn(path);
-    std::istringstream lines(*table);
+    std::string_view rest = *table;
     long pid = 0;
-    for (std::string line; std::getline(lines, line);) {
-        if (!IsLockOf(line, file, anyDevice, pid)) continue;
+    while (!rest.empty()) {
+        if (!IsLockOf(std::string(TakeLine(rest)), file, anyDevice, pid)) continue;
         lock.held = LockFacts::kHeld;
         lock.taker = static_cast<pid_t>(pid > 0 ? pid : 0);
     }

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "base/file_io.h"
+#include "base/text.h"
 
 namespace {
 
@@ -24,9 +25,8 @@ std::string ProcPath(pid_t pid, const char* file) {
 std::string StatusField(const std::string& status, const std::string& key) {
     const size_t found = ("\n" + status).find("\n" + key + ":");
     if (found == std::string::npos) return {};
-    const std::string_view line = std::string_view(status).substr(found + key.size() + 1);
-    const std::string_view value = line.substr(0, line.find('\n'));
-    return std::string(value.substr(std::min(value.find_first_not_of(" \t"), value.size())));
+    std::string_view rest = std::string_view(status).substr(found + key.size() + 1);
+    return std::string(TrimStart(TakeLine(rest)));
 }
 
 std::vector<std::string> SplitAtNul(const std::string& text) {

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/file_io.h"
 #include "base/paths.h"
 #include "kemdctl/commands.h"
 #include "kemdctl/facts/daemon_environment.h"
@@ -69,7 +70,7 @@ StartLock::StartLock() {
     if (!Take() && (!m_wasThere || status.st_uid == 0)) FindHolder();
     std::array<char, 5> owner{};
     m_wasLeft = m_wasThere && status.st_uid == 0 && m_file.IsOpen() &&
-                pread(m_file.Get(), owner.data(), owner.size(), 0) > 0 &&
+                ReadFullyAt(m_file.Get(), owner.data(), owner.size(), 0).count > 0 &&
                 std::string_view(owner.data(), owner.size()) == "kemd#";
 }
 
