@@ -9,76 +9,67 @@ class JsonCheck {
   public:
     static bool IsValid(std::string_view text) {
         JsonCheck check(text);
-        check.Blanks();
-        return check.Value(0) && (check.Blanks(), check.m_text.empty());
+        return check.Value(0) && check.Blanks() && check.m_text.empty();
     }
 
   private:
     explicit JsonCheck(std::string_view text) : m_text(text) {}
 
+    // 0 at the end.
+    char Next() {
+        const char next = m_text.empty() ? '\0' : m_text[0];
+        m_text.remove_prefix(m_text.empty() ? 0 : 1);
+        return next;
+    }
+    bool Blanks() {
+        while (!m_text.empty() && std::string_view(" \n\r\t").find(m_text[0]) != m_text.npos)
+            Next();
+        return true;
+    }
     bool Take(std::string_view word) {
+        (void)Blanks();
         if (!m_text.starts_with(word)) return false;
         m_text.remove_prefix(word.size());
         return true;
     }
-    void Blanks() {
-        const size_t blanks = m_text.find_first_not_of(" \n\r\t");
-        m_text.remove_prefix(blanks == m_text.npos ? m_text.size() : blanks);
-    }
+    static bool IsDigit(char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; }
     bool Digits() {
-        const size_t digits = m_text.find_first_not_of("0123456789");
-        const size_t count = digits == m_text.npos ? m_text.size() : digits;
-        m_text.remove_prefix(count);
-        return count > 0;
+        if (!IsDigit(Next())) return false;
+        while (!m_text.empty() && IsDigit(m_text[0])) Next();
+        return true;
     }
     bool Number() {
         (void)Take("-");
-        if (m_text.size() > 1 && m_text[0] == '0' && std::isdigit(m_text[1]) != 0) return false;
-        return Digits() && (!Take(".") || Digits());
+        if (m_text.size() > 1 && m_text[0] == '0' && IsDigit(m_text[1])) return false;
+        return Digits() && (!m_text.starts_with('.') || (Take(".") && Digits()));
     }
-    bool Escape() {
-        if (!Take("u")) return !m_text.empty() && Take({&"\"\\/bfnrt"[Find(m_text[0])], 1});
-        for (int i = 0; i < 4; ++i, m_text.remove_prefix(1)) {
-            if (m_text.empty() || std::isxdigit(static_cast<unsigned char>(m_text[0])) == 0)
-                return false;
-        }
-        return true;
-    }
-    static size_t Find(char c) {
-        const size_t found = std::string_view("\"\\/bfnrt").find(c);
-        return found == std::string_view::npos ? 0 : found;
-    }
+    // After the first quote.
     bool Text() {
-        if (!Take("\"")) return false;
-        while (!m_text.empty() && !Take("\"")) {
-            if (static_cast<unsigned char>(m_text[0]) < 0x20) return false;
-            if (Take("\\")) {
-                if (!Escape()) return false;
-                continue;
+        for (char c = Next(); c != '"'; c = Next()) {
+            if (static_cast<unsigned char>(c) < 0x20) return false;
+            if (c != '\\') continue;
+            const char kind = Next();
+            if (kind == '\0' || std::string_view("\"\\/bfnrtu").find(kind) == m_text.npos)
+                return false;
+            for (int i = kind == 'u' ? 0 : 4; i < 4; ++i) {
+                if (std::isxdigit(static_cast<unsigned char>(Next())) == 0) return false;
             }
-            m_text.remove_prefix(1);
-            if (m_text.empty()) return false;
         }
         return true;
     }
-    bool Members(std::string_view end, bool isObject, int depth) {
-        Blanks();
+    bool Members(std::string_view end, int depth) {
         if (Take(end)) return true;
-        for (;;) {
-            Blanks();
-            if (isObject && !(Text() && (Blanks(), Take(":")))) return false;
-            Blanks();
+        do {
+            if (end == "}" && !(Take("\"") && Text() && Take(":"))) return false;
             if (!Value(depth + 1)) return false;
-            Blanks();
-            if (Take(end)) return true;
-            if (!Take(",")) return false;
-        }
+        } while (Take(","));
+        return Take(end);
     }
     bool Value(int depth) {
         if (depth > 20) return false;
-        if (Take("{")) return Members("}", true, depth);
-        if (Take("[")) return Members("]", false, depth);
-        if (m_text.starts_with('"')) return Text();
+        if (Take("{")) return Members("}", depth);
+        if (Take("[")) return Members("]", depth);
+        if (Take("\"")) return Text();
         return Take("true") || Take("false") || Take("null") || Number();
     }
 
