@@ -1,4 +1,4 @@
-// kemdctl: the administrator's side of kemd. What can be done is in the table.
+// kemdctl: the administrator's side of kemd. Its commands are the table in commands.h.
 #include <exception>
 #include <new>
 #include <string>
@@ -22,9 +22,9 @@ void WriteHelp() {
         "  --version   shows the version\n"
         "  --json      results as JSON, where a command has them\n"
         "\n"
-        "Options may stand anywhere; -- ends them. Exit status: 0 yes or done, 1 no (not\n"
-        "there, findings), 2 an error, which is told on standard error, 3 (status only)\n"
-        "kemd does not run.\n");
+        "Options may be anywhere; -- ends them. Exit status: 0 yes or done, 1 no (not\n"
+        "there, findings), 2 an error, reported on standard error, 3 (status only) kemd\n"
+        "does not run.\n");
 }
 
 int Run(CommandLine& line, ReportWriter& report) {

@@ -14,7 +14,7 @@ struct LookUp {
 constexpr LookUp kLookUps[] = {
     {"trace", "trace configuration, variables, sizes of log and ring buffers", CheckTraceConfig},
     {"directories", "owner and mode, and room on their file systems", CheckDirectories},
-    {"switch", "the switch library: where it is found, its exports, who may change it",
+    {"switch", "where the switch library is found, its exports, who may change it",
      CheckSwitchLibrary},
     {"modules", "the files in the module directory, in the same way", CheckModules},
     {"registry", "the registry and the default that it is restored from", CheckRegistryFiles},
@@ -31,12 +31,12 @@ constexpr const char* kHelpEnd =
     R"(
 Each line has a severity, what was found, and after "--" what to do about it.
 
-  -q, --quiet   only what is to be mended
+  -q, --quiet   only warnings and errors
   --json        results as JSON
 
 Nothing is changed, no lock is taken, no library or module is loaded.
-Exit status: 0 nothing to be mended, 1 findings, 2 error, or something could not
-be looked at (run it as root).
+Exit status: 0 all is well, 1 warnings or errors, 2 a failure, or something
+could not be looked at (run it as root).
 )";
 
 std::string Padded(std::string text, size_t width) {
@@ -47,7 +47,7 @@ std::string Padded(std::string text, size_t width) {
 void WriteHelp() {
     Write(kHelp);
     for (const LookUp& each : kLookUps) {
-        Write("  " + Padded(each.name, 12) + each.object + "\n");
+        Write("  " + Padded(each.name, 14) + each.object + "\n");
     }
     Write(kHelpEnd);
 }
@@ -77,12 +77,12 @@ int RunCheck(CommandLine& line, ReportWriter& report) {
         findings.CannotLook("kemd's environment", error);
     }
     for (const LookUp& each : kLookUps) each.look(findings, daemon);
-    const std::vector<Finding> toMend = findings.ToMend();
+    const std::vector<Finding> problems = findings.Problems();
     const bool isQuiet = line.Has("-q") || line.Has("--quiet");
-    report.List({}, isQuiet ? toMend : findings.All(), [&report](const Finding& finding) {
+    report.List({}, isQuiet ? problems : findings.All(), [&report](const Finding& finding) {
         finding.Put(report);
         report.Line([&finding] { return TextOf(finding); });
     });
     if (!findings.IsComplete()) return kError;
-    return toMend.empty() ? kYes : kNo;
+    return problems.empty() ? kYes : kNo;
 }

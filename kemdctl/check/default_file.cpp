@@ -34,8 +34,8 @@ void CheckQuotes(Findings& findings) {
     std::string_view rest = text;
     for (size_t number = 1; !rest.empty(); ++number) {
         const std::string_view line = TrimStart(TakeLine(rest));
-        const bool isRemark = line.starts_with('#') || line.starts_with(';');
-        if (isRemark || !HasOpenQuote(line)) continue;
+        const bool isComment = line.starts_with('#') || line.starts_with(';');
+        if (isComment || !HasOpenQuote(line)) continue;
         findings.Warning(LineName(number) +
                              ": a quote is not closed: the lines below may be taken for its value",
                          "close it on the same line");
@@ -49,7 +49,7 @@ void CheckDefaultFile(Findings& findings) {
     Variables variables;
     const bool isRead = ReadDefaultFile(variables, [&](size_t line) {
         findings.Warning(LineName(line) + ": not NAME=value",
-                         "mend or remove the line; no \"export\", no blanks around the =");
+                         "correct or remove the line; no \"export\", no blanks around the =");
     });
     const int error = errno;
     if (!isRead && IsMasked(shown)) {
@@ -61,7 +61,7 @@ void CheckDefaultFile(Findings& findings) {
     }
     if (!isRead && error != ENOENT) return findings.CannotLook(shown, error);
     if (isRead) CheckQuotes(findings);
-    // Who can write or make it chooses the library that kemd loads.
+    // Whoever can write or create it chooses the library that kemd loads.
     const bool isSafe = CheckInRootsHands(findings, shown, true);
     if (!isRead) return findings.Ok(shown + " is not there, which is allowed");
     findings.Ok(shown + " is accepted, variables set: " + std::to_string(variables.size()) +

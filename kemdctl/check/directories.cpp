@@ -16,12 +16,12 @@ namespace {
 struct Demand {
     const char* purpose;  // "kemd cannot <purpose>"
     uint64_t needed;      // bytes, at most
-    uint64_t given;       // bytes of old files that are truncated first
+    uint64_t freed;       // bytes of old files that are truncated first
     const char* action;   // follows "free space there" and "mount it writable"
 };
 
-// Whether the file system of a directory takes what is to be written. Free is what everybody may
-// use: what is kept for root is no room to plan with.
+// Whether the file system of a directory has room for what is to be written. Blocks that are
+// reserved for root do not count.
 void CheckRoom(Findings& findings, const std::string& directory, const Demand& demand) {
     struct statvfs system {};
     if (statvfs(directory.c_str(), &system) != 0) return;  // reported with the directory
@@ -31,8 +31,8 @@ void CheckRoom(Findings& findings, const std::string& directory, const Demand& d
             shown + " is on a read-only file system: kemd cannot " + demand.purpose,
             std::string("mount it writable") + demand.action);
     }
-    if (system.f_blocks == 0) return;  // a kind that knows no sizes
-    const uint64_t room = uint64_t{system.f_bavail} * system.f_frsize + demand.given;
+    if (system.f_blocks == 0) return;  // a file system without sizes
+    const uint64_t room = uint64_t{system.f_bavail} * system.f_frsize + demand.freed;
     const bool isFull = room == 0 || (system.f_files != 0 && system.f_favail == 0);
     if (demand.needed <= room && !isFull) return;
     findings.Error(shown + " is on a file system " +
@@ -68,12 +68,12 @@ void CheckLogDirectory(Findings& findings, const TraceSettings& settings, bool i
         CheckDirectory(findings, directory);
     }
     // These are truncated at a start.
-    uint64_t given = 0;
+    uint64_t freed = 0;
     for (const char* const name : {"/log.kemd", "/log.kemd_i", "/log.kemd_a"}) {
-        given += SpaceTaken(directory, name);
+        freed += SpaceTaken(directory, name);
     }
     CheckRoom(findings, directory.empty() ? "/" : directory,
-              {"write its trace there", settings.SpaceNeeded(), given,
+              {"write its trace there", settings.SpaceNeeded(), freed,
                ", or give another directory (RingBufferDirectory) or smaller ring buffers "
                "(RingBufferSizeFactor, RingBufferSizeWeight)"});
 }
@@ -84,7 +84,7 @@ void CheckDirectories(Findings& findings, const DaemonFacts& daemon) {
     CheckLogDirectory(findings, TraceSettings(daemon.environment),
                       daemon.environment.Find("OV_LOG_RINGBUF_DIR") != nullptr);
     CheckDirectory(findings, kRegistryDirectory);
-    // The new one is written beside the old one.
+    // The new file is written beside the old one.
     CheckRoom(findings, kRegistryDirectory,
               {"save the registry there",
                std::max<uint64_t>(SpaceTaken(kRegistryDirectory, "/registry"), 4096), 0,
@@ -95,7 +95,7 @@ void CheckDirectories(Findings& findings, const DaemonFacts& daemon) {
     } else {
         (void)CheckInRootsHands(findings, kTraceConfigDirectory, true);
     }
-    // Without it a start fails as if another instance ran.
+    // Without it a start fails as if another instance were running.
     CheckDirectory(findings, "/var/lock", true);
     CheckDirectory(findings, "/var/run");
 }

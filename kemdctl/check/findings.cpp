@@ -35,7 +35,7 @@ void Findings::CannotLook(const std::string& path, int error) {
              error == EACCES || error == EPERM ? "; run kemdctl as root" : "");
 }
 
-std::vector<Finding> Findings::ToMend() const {
+std::vector<Finding> Findings::Problems() const {
     std::vector<Finding> found;
     std::copy_if(m_all.begin(), m_all.end(), std::back_inserter(found),
                  [](const Finding& each) { return each.severity != Severity::kOk; });

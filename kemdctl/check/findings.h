@@ -34,7 +34,7 @@ class Findings {
 
     [[nodiscard]] const std::vector<Finding>& All() const { return m_all; }
     // Warnings and errors.
-    [[nodiscard]] std::vector<Finding> ToMend() const;
+    [[nodiscard]] std::vector<Finding> Problems() const;
     // Whether everything could be looked at.
     [[nodiscard]] bool IsComplete() const { return m_isComplete; }
 

@@ -12,15 +12,15 @@
 
 namespace {
 
-// Where the directory is open for all, anybody may have made the file. With fs.protected_regular,
-// or a link with fs.protected_symlinks, root itself then cannot open it for writing.
+// In a directory that all may write, any user may have created the file. With fs.protected_regular,
+// or for a link fs.protected_symlinks, not even root can then open it for writing.
 bool IsForeignLock(Findings& findings, const DaemonState& state) {
     struct stat status {};
     if (lstat(kLockFile, &status) != 0 || status.st_uid == 0) return false;
-    const std::string mend = std::string("rm ") + kLockFile;
+    const std::string action = std::string("rm ") + kLockFile;
     findings.Error(std::string(kLockFile) + ": belongs to user " + std::to_string(status.st_uid) +
                        ": kemd may take it for the lock of another instance and not start",
-                   state.daemon ? "stop kemd; " + mend : mend);
+                   state.daemon ? "stop kemd; " + action : action);
     return true;
 }
 
@@ -45,7 +45,7 @@ void CheckLock(Findings& findings, const DaemonState& state) {
                               "end the process that holds it");
     }
     if (!state.daemon && lock.exists && isFree) {
-        return findings.Ok(shown + "left over, held by nobody: harmless");
+        return findings.Ok(shown + "left over and not held: harmless");
     }
     findings.Ok(shown + DescribeLock(state));
 }
@@ -56,16 +56,15 @@ void CheckPidFile(Findings& findings, const DaemonState& state) {
     if (file.error != 0) return findings.CannotLook(kPidFile, file.error);
     const bool isRight = !file.exists || (state.daemon && state.daemon->pid == file.process.pid);
     if (isRight) return findings.Ok(shown + DescribePidFile(state));
-    const std::string mend = state.daemon
-                                 ? "echo " + std::to_string(state.daemon->pid) + " >" + kPidFile
-                                 : std::string("rm ") + kPidFile;
+    const std::string action = state.daemon
+                                   ? "echo " + std::to_string(state.daemon->pid) + " >" + kPidFile
+                                   : std::string("rm ") + kPidFile;
     findings.Warning(shown + DescribePidFile(state) +
-                         ": who stops kemd by it hits nothing, or "
-                         "another process",
-                     mend);
+                         ": a stop that uses it reaches no process, or the wrong one",
+                     action);
 }
 
-// The daemon reads a number from its start.
+// The daemon reads the number at the start of the file.
 void CheckRunLevel(Findings& findings) {
     const std::string shown = kRunLevelFile;
     const auto text = ReadTextFile(kRunLevelFile, 64);

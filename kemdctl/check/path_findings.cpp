@@ -11,13 +11,13 @@
 
 namespace {
 
-// A device, a pipe or a socket; whoever looks for a file says that it is none. The owner and mode
-// of a device are the system's affair: what leads there is to be changed.
+// A device, a pipe or a socket, which the caller reports as no file. Advice to change the owner or
+// mode of a device would do harm: the name that leads there is wrong.
 bool IsSpecial(const struct stat& status) {
     return !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode);
 }
 
-void TellFaults(Findings& findings, const PathReport& report) {
+void AddFaults(Findings& findings, const PathReport& report) {
     for (const auto& [path, status] : report.faults) {
         if (IsSpecial(status)) continue;
         const std::string shown = Printable(path);
@@ -52,7 +52,7 @@ bool CheckDirectory(Findings& findings, const std::string& path, bool isShared) 
     const PathReport report = WalkPath(path, isShared);
     const std::string shown = Printable(path);
     const std::string make = "install -d -m 755 " + ShellQuoted(report.resolved);
-    TellFaults(findings, report);
+    AddFaults(findings, report);
     if (report.error == ENOENT) {
         findings.Error(shown + " is missing", make);
     } else if (IsSpecial(report.status)) {
@@ -71,7 +71,7 @@ bool CheckDirectory(Findings& findings, const std::string& path, bool isShared) 
 
 bool CheckInRootsHands(Findings& findings, const std::string& path, bool mayBeMissing) {
     const PathReport report = WalkPath(path);
-    TellFaults(findings, report);
+    AddFaults(findings, report);
     const bool isMissing = report.error == ENOENT || report.error == ENOTDIR;
     if (report.error != 0 && !(isMissing && mayBeMissing)) findings.CannotLook(path, report.error);
     return report.error == 0 && report.faults.empty();

@@ -13,14 +13,14 @@
 
 namespace {
 
-// One that may not be looked at is, and that is told when it is read.
+// A file that may not be looked at counts as there: reading it reports why.
 bool IsThere(const char* path) {
     struct stat status {};
     return stat(path, &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
-// `mend`: what to do about a file with findings.
-void CheckFile(Findings& findings, const char* path, const std::string& mend) {
+// `repair`: what to do about a file with findings.
+void CheckFile(Findings& findings, const char* path, const std::string& repair) {
     const UniqueFd file = OpenRegularFile(path, O_RDONLY);
     size_t count = 0;
     std::string first;
@@ -35,10 +35,10 @@ void CheckFile(Findings& findings, const char* path, const std::string& mend) {
         const std::string again = "check again; if it still cannot be read: ";
         findings.Error(shown + " cannot be read: " +
                            (error == EINVAL ? "no regular file" : std::strerror(error)),
-                       (IsNoRegistryFile(error) ? "" : again) + mend);
+                       (IsNoRegistryFile(error) ? "" : again) + repair);
     } else if (count > 0) {
         findings.Error(shown + " has " + Counted(count, "finding") + " (" + first + ")",
-                       "kemdctl registry check " + shown + "; " + mend);
+                       "kemdctl registry check " + shown + "; " + repair);
     } else if (CheckInRootsHands(findings, shown)) {
         findings.Ok(shown + " is whole");
     }

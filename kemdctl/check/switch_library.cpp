@@ -26,7 +26,7 @@ void CheckExports(Findings& findings, const std::string& shown, const ElfExports
     }
 }
 
-// Whoever may write into one of these directories, or make one that is missing, can put a library
+// Whoever may write into one of these directories, or create a missing one, can place a library
 // there.
 void CheckSearchPath(Findings& findings, std::string_view path) {
     while (!path.empty()) {
@@ -39,7 +39,7 @@ void CheckSearchPath(Findings& findings, std::string_view path) {
         } else {
             (void)CheckInRootsHands(findings, directory, true);
         }
-        // An end of ":" is an empty path as well.
+        // A ":" at the end is an empty path as well.
         path = end == path.npos ? "" : end + 1 == path.size() ? "." : path.substr(end + 1);
     }
 }
@@ -80,7 +80,7 @@ void CheckSwitchLibrary(Findings& findings, const DaemonFacts& daemon) {
         const std::string shown = Printable(place.path);
         const ElfExports exports = ReadElfExports(place.path.c_str());
         if (exports.isOtherMachine) {
-            findings.Warning(shown + " is passed over: " + exports.error, "remove it");
+            findings.Warning(shown + " is skipped: " + exports.error, "remove it");
             continue;
         }
         if (!exports.error.empty()) {

@@ -17,7 +17,7 @@ constexpr const char* kModule = "kemd";
 constexpr const char* kGlobalSection = "GlobalDebugSettings";
 constexpr const char* kGlobalName = "global_trace.ini";
 
-// The text of a file that the daemon accepts; says why it does not accept another.
+// The text of a file that the daemon accepts; otherwise a finding says why it does not.
 std::optional<std::string> Accept(Findings& findings, const std::string& path) {
     auto text = ReadConfigFile(path.c_str());
     if (text) return text;
@@ -55,7 +55,7 @@ void CheckFile(Findings& findings, const std::string& name, std::string& supplie
     const std::string path = std::string(kTraceConfigDirectory) + "/" + name;
     const std::string shown = Printable(path);
     const auto text = Accept(findings, path);
-    // Who can write it chooses the directory that kemd writes into.
+    // Whoever can write it chooses the directory that kemd writes into.
     (void)CheckInRootsHands(findings, path, true);
     if (!text) return;
     if (name == kGlobalName) CheckGlobalFile(findings, path, *text);

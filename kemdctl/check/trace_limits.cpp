@@ -24,7 +24,7 @@ constexpr std::array<const char*, 7> kNumbers = {kLogLimit,
                                                  "OV_LOG_DYNAMIC_UPDATE",
                                                  "OV_LOG_NOHDR_TOSDTERR"};
 
-// What a start writes into the log until it waits for signals, beside the header.
+// What a start writes into the log until it waits for signals, besides the header.
 constexpr size_t kStartMessages = 1024;
 
 void CheckVariables(Findings& findings, const DaemonEnvironment& environment) {
@@ -41,7 +41,7 @@ void CheckVariables(Findings& findings, const DaemonEnvironment& environment) {
     }
 }
 
-// The keys of the module's section that give way to no variable.
+// The keys of the module's section that no variable overrides.
 void CheckKeys(Findings& findings, const DaemonEnvironment& environment) {
     const auto files = ListConfigFiles();
     for (const std::string& name : files.value_or(std::vector<std::string>())) {
@@ -60,7 +60,7 @@ void CheckKeys(Findings& findings, const DaemonEnvironment& environment) {
     }
 }
 
-// Sends each line of a header to nowhere and adds up their lengths.
+// Adds up the lengths of a header's lines.
 struct HeaderLength {
     size_t prefix = 0;
     size_t total = 0;
@@ -114,7 +114,7 @@ void CheckLogLimit(Findings& findings, const DaemonEnvironment& environment,
                      std::string("set ") + kLogLimit + " to 51200 or more, or leave it unset");
 }
 
-// The names under which factor and weight in force were given.
+// The names that set the factor and the weight in force.
 std::string RingNames(const DaemonEnvironment& environment) {
     const bool hasFactor = environment.Find("TraceFileLimit") != nullptr;
     const bool hasWeight = environment.Find("OV_LOG_RINGBUF_WEIGHT") != nullptr;

@@ -56,17 +56,16 @@ bool IsKnown(std::string_view key, bool isGlobal) {
            std::find(kModuleKeys.begin(), kModuleKeys.end(), key) != kModuleKeys.end();
 }
 
-// Lines that look like a setting and are none. There are no comments in this form, but people
-// write them.
+// Lines that look like a setting and are none. The format has no comments, but people write them.
 void SectionCheck::Lines(bool isGlobal) const {
     for (std::string_view rest = m_section; !rest.empty();) {
         const std::string_view line = Trim(TakeLine(rest));
         if (line.empty() || line[0] == '#' || line[0] == ';' || line.starts_with("//")) continue;
         const std::string key = Printable(KeyOf(line));
         if (line.find('=') == line.npos) {
-            Warn("\"" + key + "\" has no =", "write KEY = VALUE, or # in front of a remark");
+            Warn("\"" + key + "\" has no =", "write KEY = VALUE, or # before a comment");
         } else if (!IsKnown(KeyOf(line), isGlobal)) {
-            Warn("the key \"" + key + "\" is not known", "mend or remove the line");
+            Warn("the key \"" + key + "\" is not known", "correct or remove the line");
         }
     }
 }
@@ -78,9 +77,10 @@ void SectionCheck::Key(std::string_view key, size_t limit) const {
     const std::string shown = "\"" + Printable(Trim(*value)) + "\"";
     const std::string_view line = LineAt(m_section.find(key));
     if (KeyOf(line) != key || line.find('=') == line.npos) {
-        Warn(name + " is taken from the line \"" + Printable(Trim(line)) + "\", its value is " +
-                 shown,
-             "a key counts wherever its name first stands, remarks included: rename it there");
+        Warn(
+            name + " is taken from the line \"" + Printable(Trim(line)) + "\", its value is " +
+                shown,
+            "kemd takes a key from where its name first appears, comments included: rename it there");
     } else if (key == kDirectoryKey && !value->starts_with('/')) {
         Warn(name + " " + shown + " is no absolute path", "give one that begins with /");
     } else if (key != kDirectoryKey) {

@@ -1,5 +1,5 @@
-// The variables that the daemon was, or will be, started with, and the trace settings that its own
-// reader makes of them and of the configuration files.
+// The variables that the daemon was, or will be, started with, and the trace settings that it reads
+// from them and from the configuration files.
 #pragma once
 
 #include <cstddef>
@@ -30,19 +30,18 @@ DaemonEnvironment ReadDaemonEnvironment(const DaemonState& state);
 // it has none.
 DaemonEnvironment ReadOwnEnvironment();
 
-// Makes the daemon's time zone that of this process.
+// Sets this process's time zone to the daemon's.
 void UseTimeZone(const DaemonEnvironment& environment);
 
-// Reads lines NAME=value, with quotes around a value taken off; comments begin with # or ;. Tells
-// of each line that is neither. False, with errno, when the file cannot be read.
+// Reads lines NAME=value and removes quotes around a value; comments begin with # or ;. Calls
+// `badLine` for each line that is neither. False, with errno, when the file cannot be read.
 bool ReadDefaultFile(Variables& variables, const std::function<void(size_t line)>& badLine);
 
-// Where the reference switch library looks for modules, and what to do when none is there.
+// Where the reference switch library looks for modules, and how to install one.
 std::string ModuleDirectory(const DaemonEnvironment& environment);
 std::string InstallModuleAdvice(const std::string& directory);
 
-// What the daemon reads with this environment. Makes the variables that matter those of this
-// process.
+// What the daemon reads with this environment. Sets the variables that matter in this process.
 class TraceSettings : public CDebugTraceConfig {
   public:
     explicit TraceSettings(const DaemonEnvironment& environment);
@@ -51,14 +50,14 @@ class TraceSettings : public CDebugTraceConfig {
     [[nodiscard]] std::string Directory() const;
     // Bytes of the run-time ring buffer, 0 for none.
     [[nodiscard]] int64_t RingSize() const { return m_ringSize; }
-    // The daemon makes no larger one.
+    // Whether the daemon refuses it.
     [[nodiscard]] bool IsRingTooLarge() const { return m_ringSize > INT32_MAX / kStartupFactor; }
     // Whether the daemon is to trace, and can.
     [[nodiscard]] bool HasTracing() const {
         return TraceLevel() != 0 && m_ringSize != 0 && !IsRingTooLarge();
     }
-    // The most bytes that the files of one run take: the ring buffer of the start-up, beside it its
-    // compressed copy or the run-time one, and the log.
+    // The most bytes that the files of one run take: the start-up ring buffer, its compressed copy
+    // or the run-time ring buffer, and the log.
     [[nodiscard]] uint64_t SpaceNeeded() const;
 
     static constexpr int64_t kStartupFactor = 4;  // of the start-up ring buffer's size

@@ -22,7 +22,8 @@ PidFileFacts ReadPidFile() {
     return facts;
 }
 
-// The holder of the lock is the daemon, whatever the files say; then whom the files name.
+// The holder of the lock is the daemon, whatever the files say; without a holder, the process that
+// they name.
 std::optional<ProcessFacts> ChooseDaemon(const DaemonState& state) {
     const ProcessFacts& named = state.pidFile.process;
     if (IsDaemon(named) && (state.lock.holders.empty() || state.IsHolder(named.pid))) return named;
@@ -77,12 +78,12 @@ std::string DescribeLock(const DaemonState& state) {
         if (lock.taker > 0) text += "held, taken by " + Process(lock.taker);
         if (lock.taker == 0) text += "held";
         return text + (lock.hasSeenAll ? ", no process has it open"
-                                       : "; which process has it open only root can tell");
+                                       : "; only root can see which process has it open");
     }
     if (lock.held == LockFacts::kFree && (lock.hasSeenAll || !state.daemon)) {
-        return text + "held by nobody";
+        return text + "not held";
     }
-    return text + "whether it is held only root can tell";
+    return text + "only root can see whether it is held";
 }
 
 std::string DescribePidFile(const DaemonState& state) {
@@ -92,8 +93,8 @@ std::string DescribePidFile(const DaemonState& state) {
     if (!file.exists) return state.daemon ? "not there, which is allowed" : "not there";
     if (process.pid == 0) return "names no process";
     const std::string name = Process(process.pid);
-    if (!process.isAlive) return name + ", which does not live";
-    if (!process.isVisible) return name + ", which lives; what it is cannot be seen";
+    if (!process.isAlive) return name + ", which is not running";
+    if (!process.isVisible) return name + ", which is running but cannot be identified";
     if (!IsDaemon(process)) {
         return name + ", which is not the daemon but \"" + Printable(process.name) + "\"";
     }

@@ -25,7 +25,7 @@ struct DaemonState {
 };
 DaemonState ReadDaemonState();
 
-// What stands in the two files, in words, without the file's name.
+// What the two files say, in words, without the file's name.
 std::string DescribeLock(const DaemonState& state);
 std::string DescribePidFile(const DaemonState& state);
 

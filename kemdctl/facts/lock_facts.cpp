@@ -23,14 +23,14 @@ namespace {
 
 using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
 
-// On these the table of locks shows another device than stat does.
+// On these file systems the table of locks shows another device than stat.
 bool HasDeviceOfItsOwn(const char* path) {
     struct statfs fileSystem {};
     if (statfs(path, &fileSystem) != 0) return false;
     return fileSystem.f_type == BTRFS_SUPER_MAGIC || fileSystem.f_type == OVERLAYFS_SUPER_MAGIC;
 }
 
-// A line "1: FLOCK  ADVISORY  WRITE 1234 fd:01:5678 0 EOF". One that waits has "->" behind the
+// A line "1: FLOCK  ADVISORY  WRITE 1234 fd:01:5678 0 EOF". A waiting one has "->" after the
 // number and is no holder.
 bool IsLockOf(const std::string& line, const struct stat& file, bool anyDevice, long& pid) {
     unsigned device[2] = {};
@@ -57,11 +57,10 @@ void LookAtTable(const char* path, const struct stat& file, LockFacts& lock) {
     }
 }
 
-// Whether a descriptor of the process holds a lock on the file. The descriptor's own list says so
-// also when the table is silent, as it is about a process that took a lock, left it to its child
-// and ended, seen from inside of a container.
+// Whether a descriptor of the process holds a lock on the file. Inside a container the table does
+// not show a lock whose taker has ended and left it to a child; the descriptor's own list does.
 bool HoldsLock(const std::string& process, const std::string& descriptor, const struct stat& file) {
-    // First, as stat on a descriptor of a network mount that is dead never returns.
+    // First: stat on a descriptor of a dead network mount never returns.
     const auto info = ReadTextFile(process + "/fdinfo/" + descriptor);
     if (!info || info->find("FLOCK") == std::string::npos) return false;
     struct stat open {};

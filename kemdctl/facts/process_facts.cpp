@@ -21,7 +21,7 @@ std::string ProcPath(pid_t pid, const char* file) {
     return "/proc/" + std::to_string(pid) + "/" + file;
 }
 
-// Behind "Key:" at the start of a line, without leading blanks; empty when there is no such line.
+// What follows "Key:" at the start of a line; empty when there is no such line.
 std::string StatusField(const std::string& status, const std::string& key) {
     const size_t found = ("\n" + status).find("\n" + key + ":");
     if (found == std::string::npos) return {};

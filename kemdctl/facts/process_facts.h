@@ -1,5 +1,5 @@
-// What /proc tells everybody about processes, and which of them is the daemon. Nothing here fails:
-// what cannot be read is left out.
+// What /proc shows to any user about processes, and which of them is the daemon. Nothing here
+// fails: what cannot be read is left out.
 #pragma once
 
 #include <sys/types.h>
@@ -13,7 +13,7 @@ struct ProcessFacts {
     pid_t pid = 0;
     pid_t parent = 0;
     bool isRoots = false;      // its real and its effective user are root
-    bool isAlive = false;      // one that has ended and waits for its parent is not
+    bool isAlive = false;      // a zombie is not
     bool isVisible = false;    // false: /proc hides it, and all below is unknown
     bool isContained = false;  // has process ids of its own, as in a container
     std::string name;
@@ -26,7 +26,7 @@ ProcessFacts ReadProcess(pid_t pid);
 bool IsDaemon(const ProcessFacts& process);
 
 std::vector<pid_t> ListProcesses();
-// The oldest daemon by its name, no child of one; 0: none.
+// The oldest process with the daemon's name that is no child of another one; 0: none.
 pid_t FindDaemon();
 
 // Whether a file of this name is mapped into the process; nothing when this may not be seen.

@@ -41,14 +41,14 @@ bool Exists(const char* path, struct stat& status) {
     return lstat(path, &status) == 0;
 }
 
-// Holds the daemon's lock, so that none starts meanwhile, and removes its file in the end. An
-// ordinary user, who cannot be the daemon, may hold the lock: such a file is removed all the same.
+// Holds the daemon's lock, so that no daemon starts meanwhile, and removes its file at the end,
+// also while an ordinary user, who cannot be the daemon, holds the lock.
 class StartLock {
   public:
     StartLock();
     // Whether the file was there and is one that a daemon wrote.
     [[nodiscard]] bool WasLeft() const { return m_wasLeft; }
-    // Who else has the lock and may be a daemon; empty: nobody.
+    // The other process that has the lock and may be a daemon; empty: none.
     [[nodiscard]] const std::string& Holder() const { return m_holder; }
     [[nodiscard]] bool RemoveFile(ReportWriter& report) const;
 
@@ -66,7 +66,7 @@ StartLock::StartLock() {
     struct stat status {};
     m_wasThere = Exists(kLockFile, status);
     if (m_wasThere && !S_ISREG(status.st_mode)) return;
-    // No daemon wrote a file that is not root's, whoever was made to hold it.
+    // No daemon wrote a file that is not root's, whichever process holds its lock.
     if (!Take() && (!m_wasThere || status.st_uid == 0)) FindHolder();
     std::array<char, 5> owner{};
     m_wasLeft = m_wasThere && status.st_uid == 0 && m_file.IsOpen() &&
@@ -74,7 +74,7 @@ StartLock::StartLock() {
                 std::string_view(owner.data(), owner.size()) == "kemd#";
 }
 
-// Where a new file cannot be made, none can be started meanwhile either.
+// Where no file can be created, no daemon can start either.
 bool StartLock::Take() {
     constexpr int kFlags = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     const int make = m_wasThere ? O_RDONLY : O_RDWR | O_CREAT | O_EXCL;
@@ -91,7 +91,7 @@ void StartLock::FindHolder() {
     }
 }
 
-// By its name, whatever it is: what a link points to stays.
+// Whatever it is: of a link, only the link.
 bool Remove(ReportWriter& report, const char* path, bool isReported = true) {
     if (std::remove(path) == 0) {
         if (isReported) report.Line(std::string("removed ") + path + ", which was left over");
@@ -109,13 +109,13 @@ bool StartLock::RemoveFile(ReportWriter& report) const {
 bool EndedInOrder(const StartLock& lock, const std::string& directory) {
     struct stat status {};
     if (lock.WasLeft() || Exists(kPidFile, status)) return false;
-    // A log that leads to /dev/null says nothing.
+    // A log that leads to /dev/null proves nothing.
     const std::string log = directory + "/log.kemd";
     const bool hasLog = stat(log.c_str(), &status) == 0 && S_ISREG(status.st_mode);
     return !hasLog || HasRunMark(log, RunMark::Kind::kExit);
 }
 
-// A number with nothing after it.
+// Digits and nothing else.
 uint64_t Setting(const DaemonEnvironment& environment, const char* name, uint64_t usual) {
     const char* const value = environment.Find(name);
     if (value == nullptr || *value == '\0') return usual;
@@ -124,7 +124,7 @@ uint64_t Setting(const DaemonEnvironment& environment, const char* name, uint64_
     const bool isNumber =
         text.size() <= kMostDigits && text.find_first_not_of("0123456789") == text.npos;
     if (isNumber) return std::strtoull(value, nullptr, 10);
-    Complain("%s=%s is no number of at most nine digits: %llu is used", name,
+    Complain("%s=%s is not a number of at most nine digits: %llu is used", name,
              Printable(text).c_str(), static_cast<unsigned long long>(usual));
     return usual;
 }

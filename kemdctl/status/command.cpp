@@ -23,7 +23,7 @@ trace and its settings.
 
   --json   results as JSON
 
-Nothing is locked or changed. Everybody may ask; what only root can see is said.
+Nothing is locked or changed. Any user may ask; what only root can see is named.
 Exit status: 0 kemd runs, 3 it does not, 2 error.
 )";
 
@@ -31,15 +31,15 @@ Exit status: 0 kemd runs, 3 it does not, 2 error.
 void CheckTracing(Status& status, const TraceSettings& settings) {
     Findings& findings = status.findings;
     const TraceFacts& trace = status.trace;
-    const char* const mend = "kemdctl check names the reason; then restart kemd";
+    const char* const action = "kemdctl check names the reason; then restart kemd";
     if (!trace.ringFailure.empty()) {
         return findings.Error(
-            "tracing failed at the last start of kemd: " + Printable(trace.ringFailure), mend);
+            "tracing failed at the last start of kemd: " + Printable(trace.ringFailure), action);
     }
     if (!status.state.daemon) return;
     if (trace.log.error == ENOENT) {
         findings.Error("kemd runs without its log: " + Printable(trace.log.path) + " is not there",
-                       mend);
+                       action);
     }
     if (!settings.HasTracing() || trace.isSwitchingRing) return;
     const auto isStarted = HasMapped(status.Pid(), "log.kemd_a");
@@ -48,7 +48,7 @@ void CheckTracing(Status& status, const TraceSettings& settings) {
                        std::to_string(settings.TraceLevel()) +
                        ": it could not be made, was deleted, or the settings are newer than the "
                        "start of kemd",
-                   mend);
+                   action);
 }
 
 bool HasModule(const std::string& directory) {
@@ -56,7 +56,7 @@ bool HasModule(const std::string& directory) {
     for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
         if (entry.path().extension() == ".so") return true;
     }
-    return error && error.value() != ENOENT;  // in doubt there are some
+    return error && error.value() != ENOENT;  // perhaps
 }
 
 std::string ModuleNote(const Status& status, const std::string& directory) {

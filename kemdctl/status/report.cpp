@@ -188,7 +188,7 @@ void ShowStatus(ReportWriter& report, const Status& status) {
         ShowPidFile(report, status.state);
         report.Object("trace", [&] { ShowTrace(report, status); });
         ShowModules(report, status);
-        report.List("findings", status.findings.ToMend(), [&](const Finding& finding) {
+        report.List("findings", status.findings.Problems(), [&](const Finding& finding) {
             finding.Put(report);
             report.Field(Name(finding.severity), finding.what + " -- " + finding.action);
         });

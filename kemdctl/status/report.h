@@ -1,4 +1,4 @@
-// Shows what kemdctl status has found out.
+// What kemdctl status has found, and how it is shown.
 #pragma once
 
 #include <string>
@@ -10,10 +10,10 @@
 struct Status {
     DaemonState state;
     Findings findings;  // what is wrong with the trace
-    // What is to be known about the list of modules: why it is empty or not complete.
+    // Why the list of modules is empty or not complete.
     std::string moduleNote;
     std::string traceDirectory;
-    std::string traceSource;  // of the variables that decide on it
+    std::string traceSource;  // where the variables that decide on it come from
     TraceFacts trace;
     time_t now = 0;
 

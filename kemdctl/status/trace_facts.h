@@ -1,5 +1,5 @@
-// What the daemon's trace files tell about it. They are read while the daemon writes them, so
-// nothing in them is trusted: what makes no sense is passed over.
+// What the daemon's trace files show about it. They are read while the daemon writes them, so
+// nothing in them is trusted: what makes no sense is skipped.
 #pragma once
 
 #include <sys/types.h>

@@ -79,7 +79,7 @@ bool CommandLine::HasOnly(std::span<const std::string_view> known) const {
         Complain("%s option %s",
                  !isKnown    ? "unknown"
                  : times > 1 ? "repeated"
-                             : "a value for the",
+                             : "unexpected value for the",
                  Printable(option.name).c_str());
         return false;
     }
@@ -140,7 +140,7 @@ bool HasWriteFailed() {
     return g_writeError != 0;
 }
 
-// The library forgets a failure with the bytes that it could not write.
+// stdio drops the error together with the bytes that it could not write.
 void FlushOutput() {
     if (std::fflush(stdout) != 0 && g_writeError == 0) g_writeError = errno;
 }
@@ -157,8 +157,8 @@ bool FinishOutput() {
 void PrepareStreams() {
     (void)std::signal(SIGPIPE, SIG_IGN);
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        // open takes the lowest free number, which is this one. Of the wrong direction, so that
-        // using it fails.
+        // open takes the lowest free number, which is this one. Its direction is the wrong one, so
+        // that every use fails.
         const int flags = fd == STDIN_FILENO ? O_WRONLY : O_RDONLY;
         if (fcntl(fd, F_GETFD) < 0) (void)!open("/dev/null", flags);
     }

@@ -1,4 +1,4 @@
-// Files that kemdctl reads and writes for its user, and what it says when it cannot.
+// Files that kemdctl writes for its user, and its messages when a file call fails.
 #pragma once
 
 #include <sys/types.h>
@@ -15,7 +15,7 @@ std::string ErrorText(int error);
 // "cannot <action> <path>: <why>" from errno; the exit code for it.
 int FileError(const char* action, const char* path);
 
-// A file that is there whole or as it was: it is written beside its place and renamed.
+// A file that is replaced whole or not at all: it is written under a temporary name and renamed.
 class OutputFile {
   public:
     OutputFile(std::string path, mode_t mode) : m_path(std::move(path)), m_mode(mode) {}

@@ -4,7 +4,7 @@
 // result may be of any length.
 //
 // main owns the report and finishes it: it completes the document of a command that stopped in the
-// middle, and adds what was complained of when the command failed.
+// middle, and adds the complaints of a command that failed.
 #pragma once
 
 #include <concepts>
@@ -66,7 +66,7 @@ class ReportWriter {
     void Line(Make make) {
         if (!m_asJson) Line(std::string_view(make()));
     }
-    // A line "label:  text"; the texts stand in one column.
+    // A line "label:  text"; the texts form a column.
     void Field(std::string_view label, std::string_view text);
     void SetColumn(size_t column) { m_column = column; }
 

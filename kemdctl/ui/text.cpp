@@ -24,7 +24,7 @@ size_t Utf8Length(std::string_view text) {
     const size_t length = lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
     if (text.size() < length) return 0;
     if (!std::all_of(text.begin() + 1, text.begin() + length, IsTail)) return 0;
-    // Longer forms than needed, halves of surrogate pairs, and what lies behind the last character.
+    // Longer forms than needed, halves of surrogate pairs, and what is beyond the last character.
     const unsigned second = ByteAt(text, 1);
     if ((lead == 0xe0 && second < 0xa0) || (lead == 0xed && second >= 0xa0)) return 0;
     if ((lead == 0xf0 && second < 0x90) || (lead == 0xf4 && second >= 0x90)) return 0;

@@ -9,7 +9,7 @@
 // The bytes of the UTF-8 sequence that the text begins with; 0 when it begins with none.
 size_t Utf8Length(std::string_view text);
 
-// The number of a character, whose bytes are as many as Utf8Length tells.
+// The code point of a character, whose length is what Utf8Length returned.
 uint32_t CodePoint(std::string_view character);
 
 // Whether a character acts on what is shown around it: C0, DEL and C1, those that turn the

@@ -119,7 +119,7 @@ TEST_F(PrepareTest, WhatCountsAsNoOrderlyEnd) {
         EXPECT_EQ(List(kRuns).size(), each.isKept ? 1 : 0) << result.out << each.log.substr(0, 200);
         EXPECT_EQ(fs::exists(kLogs + "/log.kemd"), !each.isKept);
         EXPECT_FALSE(fs::exists(kLockFile) || fs::exists(kPidFile)) << result.err;
-        EXPECT_EQ(Contains(result.err, "many is no number"), Contains(each.settings, "many"));
+        EXPECT_EQ(Contains(result.err, "many is not a number"), Contains(each.settings, "many"));
         EXPECT_EQ(Contains(result.err, "is not kept: /var/log/orvmon/log.kemd has 2.0 MiB"),
                   each.log.size() > 9999);
     }

@@ -79,9 +79,9 @@ TEST_F(StatusTest, BackgroundAndKilled) {
 
     WriteFile(kPidFile, std::to_string(pid) + "\n");
     Kill(pid);
-    EXPECT_TRUE(Shows("status", 3, {"not running", "held by nobody", "which does not live"}));
+    EXPECT_TRUE(Shows("status", 3, {"not running", "not held", "which is not running"}));
     EXPECT_TRUE(Shows("check", 1,
-                      {"kemd.lock: left over, held by nobody: harmless",
+                      {"kemd.lock: left over and not held: harmless",
                        "warning  /var/run/kemd.pid: " + Process(pid), "-- rm /var/run/kemd.pid"}));
     WriteFile(kPidFile, "1\n");
     EXPECT_TRUE(Shows("status", 3, {"1, which is not the daemon but \"kemdctl_state"}));
@@ -191,7 +191,7 @@ TEST_F(CheckTest, FailuresAreInTheDocument) {
         {"--json n\x1b", "unknown command n\\\\x1b; see kemdctl --help"},
         {"status --json now", "unexpected argument now; see kemdctl status --help"},
         {"--json check --json", "repeated option --json; see kemdctl check --help"},
-        {"check --json=1", "a value for the option --json; see kemdctl check --help"},
+        {"check --json=1", "unexpected value for the option --json; see kemdctl check --help"},
         {"prepare --json", "unknown option --json; see kemdctl prepare --help"},
     };
     for (const auto& [arguments, error] : wrong) {
@@ -426,7 +426,7 @@ TEST_F(CheckTest, BrokenLibraries) {
         EXPECT_EQ(result.code, 1);
         EXPECT_TRUE(Contains(result.out, "error    ")) << result.out;
         EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'),
-                  1 + (Contains(result.out, "is passed over") ? 1 : 0))
+                  1 + (Contains(result.out, "is skipped") ? 1 : 0))
             << result.out;
     }
     // The loader does without sections.
