@@ -1,5 +1,6 @@
 // kemdctl status and check beside the real daemon, and in worlds where nothing or everything is
 // right.
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "tests/daemon/daemon_test.h"
@@ -8,7 +9,7 @@
 
 namespace fs = std::filesystem;
 
-constexpr const char* kTraceConfig = "/etc/norvik/OrvanaSuite/TraceConfig";
+const std::string kTraceConfig = "/etc/norvik/OrvanaSuite/TraceConfig/";
 constexpr const char* kRegistry =
     "[HKEY_LOCAL_MACHINE]\n\n[HKEY_CURRENT_USER]\n\n[HKEY_USERS]\n\n[HKEY_CLASSES_ROOT]\n\n"
     "[HKEY_CURRENT_CONFIG]\n\n\n";
@@ -93,10 +94,11 @@ TEST_F(StatusTest, TraceFiles) {
         return "2020-01-01 " + stamp + " [D82A0740]     3188 KB !" + text + "\n";
     };
     const std::string start = line("10:00:00.000", "kemd          start");
+    const std::string wrap =
+        "kemd          ------ WRAP ----- Cycle=3, CntInitEnd=" + std::to_string(start.size()) +
+        " (MaxCnt=51200)";
     WriteFile("/var/log/orvmon/log.kemd",
-              start +
-                  line("10:00:03.000", "kemd          ------ WRAP ----- Cycle=3, CntInitEnd=" +
-                                           std::to_string(start.size()) + " (MaxCnt=51200)") +
+              start + line("10:00:03.000", wrap) +
                   line("10:00:04.000", "switch        module b.so failed to start: result 1") +
                   "c.so\n" + line("10:00:02.000", "switch        module b.so loaded") +
                   "2020-01-01 10:00");
@@ -136,15 +138,12 @@ TEST_F(StatusTest, TracingFailed) {
         // The ring may leave no room for the log.
         const pid_t pid = hasRoom ? Run() : Start({"-n"});
         ASSERT_TRUE(WaitFor([] { return ReadFile(kPidFile).ends_with('\n'); }));
-        std::string status = Ctl("status").out;
-        EXPECT_TRUE(Contains(status,
-                             "modules:          none is installed; install -d -m 755 "
-                             "/opt/modules; install -m 644 MODULE.so /opt/modules/ and restart "
-                             "kemd\n"));
-        EXPECT_EQ(Contains(status, "\nerror: "), !hasRoom) << status;
+        EXPECT_TRUE(Shows("status", 0,
+                          {"modules:          none is installed; install -d -m 755 /opt/modules; "
+                           "install -m 644 MODULE.so /opt/modules/ and restart kemd\n"}));
+        EXPECT_EQ(Contains(ReadFile("/tmp/out"), "\nerror: "), !hasRoom) << ReadFile("/tmp/out");
         fs::remove(m_logDirectory + "/log.kemd_a");
-        status = Ctl("status").out;
-        EXPECT_TRUE(InOrder(status, {"\nerror:            ", " -- kemdctl check names"})) << status;
+        EXPECT_TRUE(Shows("status", 0, {"\nerror:            ", " -- kemdctl check names"}));
         EXPECT_EQ(Stop(pid), 0);
     }
 }
@@ -195,39 +194,35 @@ TEST_F(CheckTest, FailuresAreInTheDocument) {
         {"prepare --json", "unknown option --json; see kemdctl prepare --help"},
     };
     for (const auto& [arguments, error] : wrong) {
-        const Result result = Ctl(arguments);
-        EXPECT_EQ(result.code, 2) << arguments;
-        EXPECT_EQ(result.out, std::string("{\"error\":\"") + error + "\"}\n");
-        EXPECT_TRUE(result.err.starts_with("kemdctl: ")) << result.err;
+        EXPECT_TRUE(Shows(arguments, 2, {"kemdctl: "}));
+        EXPECT_EQ(ReadFile("/tmp/out"), std::string("{\"error\":\"") + error + "\"}\n");
     }
     EXPECT_EQ(Ctl("status now").out, "");
-    EXPECT_EQ(Ctl("check --json >/dev/full").code, 2);
-    EXPECT_TRUE(Contains(ReadFile("/tmp/err"), "cannot write standard output: No space left"));
+    EXPECT_TRUE(Shows("check --json >/dev/full", 2, {"write standard output: No space left"}));
     // Not readable, even for root.
     fs::create_symlink("RunLevel", "/etc/orvmon/RunLevel");
-    const Result unreadable = Ctl("check --json");
-    EXPECT_TRUE(unreadable.code == 2 && JsonCheck::IsValid(unreadable.out)) << unreadable.out;
-    EXPECT_TRUE(InOrder(unreadable.out, {"[{\"severity\":\"ok\"",
-                                         "},{\"error\":\"cannot look at /etc/orvmon/RunLevel: "
-                                         "Too many levels of symbolic links\"}]\n"}));
+    EXPECT_TRUE(Shows("check --json", 2,
+                      {"[{\"severity\":\"ok\"",
+                       "},{\"error\":\"cannot look at /etc/orvmon/RunLevel: "
+                       "Too many levels of symbolic links\"}]\n"}));
+    EXPECT_TRUE(JsonCheck::IsValid(ReadFile("/tmp/out")));
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which take more themselves
     WriteFile("/var/log/orvmon/log.kemd",
               "2026-11-15 10:00:00.000 [D82A0740]     3000 KB !kemd   " +
                   std::string(size_t{50} << 20, 'x'));
     const Result poor = Ctl("status --json", "ulimit -v 40000;");
     EXPECT_EQ(poor.code, 2);
-    EXPECT_TRUE(poor.out.starts_with("{\"error\":\"there is not enough memory")) << poor.out;
+    EXPECT_TRUE(poor.out.starts_with("{\"error\":\"there is not enough memory")) << poor.err;
 #endif
 }
 
 TEST_F(CheckTest, EverythingIsWrong) {
-    const std::string config = std::string(kTraceConfig) + "/";
-    WriteFile(config + "a.ini", "[kemd]\nFileDebugLevel = 1\n");
-    WriteFile(config + "kemd.ini",
+    WriteFile(kTraceConfig + "a.ini", "[kemd]\nFileDebugLevel = 1\n");
+    WriteFile(kTraceConfig + "kemd.ini",
               "[kemd]\n# FileDebugLevel = 4\nFileDebugLevel = 2\nLevel = 1\nTraceFlags = on\n"
               "RingBufferDirectory = trace\n[EndOfFile]\n");
-    WriteFile(config + "kemd.ini.old", "[KEMD]\n[endoffile]\n");
-    fs::create_directory(config + "z.ini");
+    WriteFile(kTraceConfig + "kemd.ini.old", "[KEMD]\n[endoffile]\n");
+    fs::create_directory(kTraceConfig + "z.ini");
     WriteFile("/etc/default/kemd",
               "export A=1\nLD_LIBRARY_PATH=/opt/modules::/opt/lib\nOV_MODULE_DIR=/opt/modules\n");
     chmod("/etc/orvmon", 0775);
@@ -271,7 +266,7 @@ TEST_F(CheckTest, WhatOthersCouldReplace) {
               "LD_LIBRARY_PATH=/opt/open/link:/opt/shared/none:/opt/none\n"
               "OV_MODULE_DIR=/opt/lib/../sticky/modules\n# don't\nA=\"it's\" #\nB='it\n");
     chmod("/etc/default/kemd", 0664);
-    chmod((std::string(kTraceConfig) + "/kemd.ini").c_str(), 0666);
+    chmod((kTraceConfig + "kemd.ini").c_str(), 0666);
     chmod("/var/log", 0775);
     const bool isRealRoot = lchown("/opt/open/link", 1000, 0) == 0;  // a user namespace has no 1000
     const Result result = Ctl("check");
@@ -295,7 +290,7 @@ TEST_F(CheckTest, WhatOthersCouldReplace) {
 
 // Nobody is led to change a device, and a name is one word of the command.
 TEST_F(CheckTest, AdviceIsSafe) {
-    const std::string global = std::string(kTraceConfig) + "/global_trace.ini";
+    const std::string global = kTraceConfig + "global_trace.ini";
     fs::create_symlink("/dev/null", global);
     fs::create_symlink("/dev/null", "/opt/trace");
     fs::create_directory("/opt/it's $(me)");
@@ -303,7 +298,7 @@ TEST_F(CheckTest, AdviceIsSafe) {
     WriteFile("/etc/default/kemd",
               "LD_LIBRARY_PATH=/opt/lib:/dev/null\nOV_LOG_RINGBUF_DIR=/opt/trace\n"
               "OV_MODULE_DIR=/opt/it's $(me)/a\x1b\n");
-    std::string check = Ctl("check").out;
+    const std::string check = Ctl("check").out;
     EXPECT_TRUE(
         Holds(check, {"ok       " + global + " is masked: it leads to /dev/null",
                       "/opt/trace is no directory, it leads to /dev/null -- make it lead to a",
@@ -311,58 +306,54 @@ TEST_F(CheckTest, AdviceIsSafe) {
                       "-- install -d -m 755 $'/opt/it\\'s $(me)/a\\033'; install -m 644 "}));
     fs::remove("/etc/default/kemd");
     fs::create_symlink("/dev/null", "/etc/default/kemd");
-    check += Ctl("check").out;
-    EXPECT_TRUE(Contains(check, "ok       /etc/default/kemd is masked"));
-    std::istringstream lines(check);
+    const std::string masked = Ctl("check").out;
+    EXPECT_TRUE(Contains(masked, "ok       /etc/default/kemd is masked"));
+    std::istringstream lines(check + masked);
     for (std::string line; std::getline(lines, line);) {
-        const size_t action = line.find(" -- ");
-        EXPECT_FALSE(action != line.npos && Contains(line.substr(action), "/dev/null")) << line;
+        EXPECT_FALSE(InOrder(line, {" -- ", "/dev/null"})) << line;
     }
 }
 
 // What the daemon makes of a number, and which sizes it cannot use.
 TEST_F(CheckTest, SizesOfTheTrace) {
-    const struct {
-        const char* variables;
-        const char* key;  // of the module's section
-        const char* finding;
-    } cases[] = {
-        {"OV_LOG_FILE_MAX_SIZE=10M", "", "OV_LOG_FILE_MAX_SIZE \"10M\" counts as 10 --"},
-        {"OV_LOG_FILE_MAX_SIZE=10M", "", "the log's limit is 10 bytes: too small for the messages"},
-        {"OV_LOG_FILE_MAX_SIZE=0", "", "limit is 0 bytes: each message overwrites the one before"},
-        {"OV_LOG_FILE_MAX_SIZE=99999999999", "", "\" counts as 1215752191 --"},
-        {"OV_LOG_FILE_MAX_SIZE=-1", "", "\"-1\" counts as 4294967295 --"},
-        {"OV_LOG_FILE_MAX_SIZE=4096\nOV_LOG_NOHDR_TOSDTERR=0", "", "too small for its header and"},
-        {"OV_LOG_FILE_MAX_SIZE=4096\nOV_LOG_NOHDR_TOSDTERR=1", "", ""},
-        {"OV_LOG_RINGBUF_WEIGHT=0x10", "", "OV_LOG_RINGBUF_WEIGHT \"0x10\" counts as 0 --"},
-        {"OV_LOG_RINGBUF_WEIGHT=0x10", "", "factor x weight is 1 x 0 -- set RingBufferSizeFactor"},
-        {"OV_LOG_RINGBUF_WEIGHT_KEMD=", "", "OV_LOG_RINGBUF_WEIGHT_KEMD \"\" counts as 0 --"},
-        {"TraceFileLimit=9\nOV_LOG_RINGBUF_WEIGHT=256", "",
+    // A variable, or a key of the module's section.
+    const std::pair<std::string, const char*> cases[] = {
+        {"OV_LOG_FILE_MAX_SIZE=10M", "OV_LOG_FILE_MAX_SIZE \"10M\" counts as 10 --"},
+        {"OV_LOG_FILE_MAX_SIZE=10M", "the log's limit is 10 bytes: too small for the messages"},
+        {"OV_LOG_FILE_MAX_SIZE=0", "limit is 0 bytes: each message overwrites the one before"},
+        {"OV_LOG_FILE_MAX_SIZE=99999999999", "\" counts as 1215752191 --"},
+        {"OV_LOG_FILE_MAX_SIZE=-1", "\"-1\" counts as 4294967295 --"},
+        {"OV_LOG_FILE_MAX_SIZE=4096\nOV_LOG_NOHDR_TOSDTERR=0", "too small for its header and"},
+        {"OV_LOG_FILE_MAX_SIZE=4096\nOV_LOG_NOHDR_TOSDTERR=1", ""},
+        {"OV_LOG_RINGBUF_WEIGHT=0x10", "OV_LOG_RINGBUF_WEIGHT \"0x10\" counts as 0 --"},
+        {"OV_LOG_RINGBUF_WEIGHT=0x10", "factor x weight is 1 x 0 -- set RingBufferSizeFactor"},
+        {"OV_LOG_RINGBUF_WEIGHT_KEMD=", "OV_LOG_RINGBUF_WEIGHT_KEMD \"\" counts as 0 --"},
+        {"TraceFileLimit=9\nOV_LOG_RINGBUF_WEIGHT=256",
          "refused for its size: factor x weight "
          "is 2 x 256, 512.0 MiB and four times that at start -- set TraceFileLimit and OV_LOG_"},
-        {"TraceFileLimit=-1", "", "refused for its size"},
-        {"TraceFileLimit=-1", "", "\"-1\" counts as -1 --"},
-        {"", "RingBufferSizeWeight = 4 MB", "RingBufferSizeWeight \"4 MB\" counts as 4 --"},
-        {"", "RingBufferSizeWeight = 010", "RingBufferSizeWeight \"010\" counts as 8 --"},
-        {"", "RingBufferSizeWeight = 4294967297", "\" counts as 1 --"},
-        {"", "RingBufferSizeWeight = -1", "is no number of 0 or more: counts as absent --"},
-        {"", "RingBufferSizeWeight = 0x4", ""},
+        {"TraceFileLimit=-1", "refused for its size"},
+        {"TraceFileLimit=-1", "\"-1\" counts as -1 --"},
+        {"RingBufferSizeWeight = 4 MB", "RingBufferSizeWeight \"4 MB\" counts as 4 --"},
+        {"RingBufferSizeWeight = 010", "RingBufferSizeWeight \"010\" counts as 8 --"},
+        {"RingBufferSizeWeight = 4294967297", "\" counts as 1 --"},
+        {"RingBufferSizeWeight = -1", "is no number of 0 or more: counts as absent --"},
+        {"RingBufferSizeWeight = 0x4", ""},
     };
     const std::string base = ReadFile("/etc/default/kemd") + "OV_LOG_RINGBUF_DIR=/tmp\n";
-    for (const auto& [variables, key, finding] : cases) {
-        WriteFile("/etc/default/kemd", base + variables + "\n");
-        WriteFile(std::string(kTraceConfig) + "/kemd.ini",
-                  std::string("[kemd]\nFileDebugLevel = 3\nRingBufferSizeFactor = 1\n") +
-                      (*key != '\0' ? key : "RingBufferSizeWeight = 1") + "\n[EndOfFile]\n");
-        const std::string check = Ctl("check -q").out;
-        const std::string status = Ctl("status").out;
-        EXPECT_TRUE(Contains(check, finding) && Contains(status, finding))
-            << variables << key << check << status;
+    for (const auto& [setting, finding] : cases) {
+        const bool isKey = setting[0] == 'R';
+        WriteFile("/etc/default/kemd", base + (isKey ? "" : setting) + "\n");
+        WriteFile(kTraceConfig + "kemd.ini",
+                  "[kemd]\nFileDebugLevel = 3\nRingBufferSizeFactor = 1\n" +
+                      (isKey ? setting : "RingBufferSizeWeight = 1") + "\n[EndOfFile]\n");
+        const std::string check = Ctl("check -q").out, status = Ctl("status").out;
+        EXPECT_TRUE(Contains(check, finding)) << setting << check;
+        EXPECT_TRUE(Contains(status, finding)) << setting << status;
         if (*finding != '\0') continue;
-        EXPECT_EQ(check, "") << variables << key;
-        EXPECT_FALSE(Contains(status, "warning:")) << variables << key;
+        EXPECT_EQ(check, "") << setting;
+        EXPECT_FALSE(Contains(status, "warning:")) << setting;
     }
-    EXPECT_NE(Ctl("check --json").out.find("into a ring buffer of 4.0 MiB"), std::string::npos);
+    EXPECT_TRUE(Shows("check --json", 0, {"into a ring buffer of 4.0 MiB"}));
 }
 
 TEST_F(CheckTest, FileSystems) {
@@ -391,11 +382,10 @@ TEST_F(CheckTest, FileSystems) {
 TEST_F(StatusTest, OfAnotherUser) {
     Install("/bin/gzip", "/opt/user/kemd");
     chmod("/opt/user/kemd", 0755);
-    int input[2];
-    ASSERT_EQ(pipe(input), 0);
     const pid_t pid = fork();
     if (pid == 0) {
-        dup2(input[0], STDIN_FILENO);
+        dup2(open("/dev/zero", O_RDONLY), STDIN_FILENO);
+        dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
         // A user namespace has no 1000.
         if (setresuid(1000, 0, 0) == 0) execl("/opt/user/kemd", "kemd", "-c", nullptr);
         _exit(1);
@@ -404,10 +394,9 @@ TEST_F(StatusTest, OfAnotherUser) {
     ASSERT_TRUE(
         WaitFor([&] { return ReadFile(name) == "kemd\n" || waitpid(pid, nullptr, WNOHANG) != 0; }));
     WriteFile(kPidFile, std::to_string(pid) + "\n");
-    EXPECT_EQ(Ctl("status").code, 3);
+    EXPECT_TRUE(Shows("status", 3));
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
-    for (const int end : input) close(end);
     for (const char* const path : {"/opt/user", kPidFile}) fs::remove_all(path);
 }
 
