@@ -79,7 +79,7 @@ bool CommandLine::HasOnly(std::span<const std::string_view> known) const {
         Complain("%s option %s",
                  !isKnown    ? "unknown"
                  : times > 1 ? "repeated"
-                             : "unexpected value for the",
+                             : "a value for the",
                  Printable(option.name).c_str());
         return false;
     }

@@ -190,7 +190,7 @@ TEST_F(CheckTest, FailuresAreInTheDocument) {
         {"--json n\x1b", "unknown command n\\\\x1b; see kemdctl --help"},
         {"status --json now", "unexpected argument now; see kemdctl status --help"},
         {"--json check --json", "repeated option --json; see kemdctl check --help"},
-        {"check --json=1", "unexpected value for the option --json; see kemdctl check --help"},
+        {"check --json=1", "a value for the option --json; see kemdctl check --help"},
         {"prepare --json", "unknown option --json; see kemdctl prepare --help"},
     };
     for (const auto& [arguments, error] : wrong) {
