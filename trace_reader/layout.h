@@ -22,7 +22,6 @@ struct Layout {
     uint64_t start = 0;   // of each cycle: after the begin record of a ring, the wrap line of a log
     uint64_t newest = 0;  // the newest record ends here, and the next one will begin
     uint64_t certain = 0;      // of a log: it ends here or at `newest`, or between them
-    uint64_t oldEnd = 0;       // where the cycle before ended
     uint64_t overwritten = 0;  // bytes of records that lost their start
     uint32_t cycle = 0;        // of a log, 0: not wrapped yet; of a ring 1 when it has wrapped
     bool isCertain = true;     // false: the segments stand in the order of the file
@@ -31,10 +30,10 @@ struct Layout {
     bool hasUncertainLines = false;
     // Of a ring, for those who come back to it:
     bool hasStart = true;  // false: where its cycles start was not found, or it is being made
-    std::string run;       // its begin record, which another run has with another time
-    std::string first;     // the first bytes of the cycle, which the next cycle overwrites first
-    std::string mark;      // the last bytes before the newest record's end
-    std::string problem;   // in a few words, empty when all is as it should be
+    std::string run;      // its begin record, which another run has with another time; may be empty
+    std::string first;    // the first bytes of the cycle, which the next cycle overwrites first
+    std::string mark;     // the last bytes before the newest record's end
+    std::string problem;  // in a few words, empty when all is as it should be
 };
 
 [[nodiscard]] Layout ExamineFile(const TraceFile& file);
