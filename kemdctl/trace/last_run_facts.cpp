@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "kemdctl/trace/module_note.h"
 #include "kemdctl/trace/run_marks.h"
 
 namespace {

@@ -6,8 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "kemdctl/trace/choice.h"
-#include "kemdctl/trace/pattern.h"
+#include "kemdctl/trace/filter.h"
 #include "kemdctl/ui/command.h"
 
 enum class Form : uint8_t { kFull, kShort, kJson, kCsv };

@@ -4,21 +4,125 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <new>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "kemdctl/trace/html_report.h"
-#include "kemdctl/trace/last_records.h"
-#include "kemdctl/trace/run_start.h"
 #include "kemdctl/trace/show_sink.h"
+#include "kemdctl/trace/sink.h"
 #include "kemdctl/trace/stats.h"
 #include "kemdctl/trace/stopper.h"
 #include "kemdctl/trace/time_word.h"
 #include "kemdctl/trace/timeline_export.h"
 #include "kemdctl/trace/trace_files.h"
 #include "kemdctl/ui/text.h"
+#include "trace_reader/record.h"
+#include "trace_reader/trace_merge.h"
 #include "trace_reader/trace_watch.h"
+
+class LastRecords : public RecordSink {
+  public:
+    // Without `limit` everything is passed on at once. `next` outlives this.
+    LastRecords(RecordSink& next, std::optional<uint64_t> limit) : m_next(next), m_limit(limit) {}
+
+    void Begin(const TraceMerge& merge) override { m_next.Begin(merge); }
+    void Take(const TraceRecord& record) override;
+    [[nodiscard]] uint64_t Kept() const { return m_kept.size(); }
+    void Forget() {
+        m_kept.clear();
+        m_oldest = 0;
+    }
+    // Passes on what was kept, and from now on everything.
+    void Release();
+    [[nodiscard]] bool Finish() override {
+        Release();
+        return m_next.Finish();
+    }
+    [[nodiscard]] uint64_t Passed() const { return m_passed; }
+
+  private:
+    void Pass(const TraceRecord& record) {
+        ++m_passed;
+        m_next.Take(record);
+    }
+
+    RecordSink& m_next;
+    std::optional<uint64_t> m_limit;
+    std::vector<KeptRecord> m_kept;  // the oldest at m_oldest, and so on in a circle
+    size_t m_oldest = 0;
+    uint64_t m_passed = 0;
+};
+
+void LastRecords::Take(const TraceRecord& record) {
+    if (!m_limit) {
+        Pass(record);
+    } else if (m_kept.size() < *m_limit) {
+        m_kept.emplace_back().Keep(record);
+    } else if (*m_limit > 0) {
+        m_kept[m_oldest].Keep(record);
+        m_oldest = (m_oldest + 1) % m_kept.size();
+    }
+}
+
+void LastRecords::Release() {
+    m_limit.reset();
+    const std::vector<KeptRecord> kept = std::exchange(m_kept, {});
+    for (size_t i = 0; i < kept.size(); ++i) Pass(kept[(m_oldest + i) % kept.size()].Get());
+}
+
+// What the first record of a run is recognised by.
+struct RunStart {
+    int64_t time;
+    uint32_t thread;
+    [[nodiscard]] bool IsAt(const TraceRecord& record) const;
+};
+// Reads all these files. Nothing when no start is in them.
+[[nodiscard]] std::optional<RunStart> FindLastStart(const std::vector<std::string>& files);
+
+namespace {
+
+constexpr std::string_view kRingStart = "### Start of initialization. ###";
+constexpr std::string_view kBanner = "kemd Version=\"";
+
+// A text may begin with a line feed that belongs to nothing.
+std::string_view Bare(std::string_view text) {
+    return text.substr(std::min(text.find_first_not_of('\n'), text.size()));
+}
+
+}  // namespace
+
+bool RunStart::IsAt(const TraceRecord& record) const {
+    const std::string_view text = Bare(record.text);
+    return record.time == time && record.thread == thread &&
+           (text.starts_with(kRingStart) || text.starts_with(kBanner));
+}
+
+// Both rings of a run begin with the same record, but only the start-up ring has the banner behind
+// it. A log begins with the banner.
+std::optional<RunStart> FindLastStart(const std::vector<std::string>& files) {
+    TraceMerge merge;
+    for (const std::string& file : files) merge.Add(file);
+    std::optional<RunStart> last;
+    std::map<uint16_t, RunStart> ringStarts;  // by source
+    for (TraceRecord record; merge.Next(record);) {
+        const std::string_view text = Bare(record.text);
+        if (text.starts_with(kRingStart)) {
+            ringStarts[record.source] = {record.time, record.thread};
+        } else if (text.starts_with(kBanner)) {
+            const auto found = ringStarts.find(record.source);
+            last = found != ringStarts.end() ? found->second : RunStart{record.time, record.thread};
+            ringStarts.clear();
+        }
+    }
+    return last;
+}
 
 namespace {
 

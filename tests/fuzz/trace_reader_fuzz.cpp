@@ -1,6 +1,6 @@
 // Reads any bytes as a trace file, in each of the ways there are: whatever is in them, the records
 // come from the file and lie in it one after the other, and all that is in it can be shown.
-#include "kemdctl/trace/printer.h"
+#include "kemdctl/trace/show_sink.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/kemdctl/json_check.h"
 #include "trace_reader/trace_merge.h"

@@ -1,12 +1,17 @@
-// A regular expression of the command line: POSIX extended, as grep -E has it.
+// Which records are wanted: by time, thread, tag, and by regular expressions.
 #pragma once
 
 #include <regex.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "trace_reader/record.h"
 
 class Pattern {
   public:
@@ -34,4 +39,17 @@ class Pattern {
     };
     std::string m_plain;  // when no character is special, which is much faster to find
     std::unique_ptr<regex_t, Free> m_regex;
+};
+
+// Which records are wanted. What is left empty chooses all.
+struct Choice {
+    std::optional<int64_t> since;  // as TraceRecord::time, both inclusive
+    std::optional<int64_t> until;
+    std::vector<uint32_t> threads;       // any of them
+    std::vector<std::string_view> tags;  // any of them
+    std::vector<Pattern> wanted;         // any of them, in the text
+    std::vector<Pattern> excluded;       // none of them
+
+    [[nodiscard]] bool TakesAll() const;
+    [[nodiscard]] bool Takes(const TraceRecord& record) const;
 };
