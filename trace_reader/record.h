@@ -53,7 +53,7 @@ class KeptRecord {
 };
 
 // Neighbouring records for those who only copy them: far faster than one by one.
-struct TraceRun {
+struct RecordBlock {
     std::string_view lines;  // without the last line feed
     uint64_t count = 0;
     int64_t firstTime = 0;

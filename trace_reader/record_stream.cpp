@@ -122,7 +122,7 @@ bool RecordStream::IsPlain(size_t end) const {
     return m_head.isThere != 0 && (end < fillEnd || m_buffer[fillEnd - 1] != '_');
 }
 
-bool RecordStream::NextRun(TraceRun& run, int64_t before) {
+bool RecordStream::NextBlock(RecordBlock& run, int64_t before) {
     Bounds bounds;
     bool isWhole = Load(bounds);
     const size_t begin = m_position;

@@ -36,7 +36,7 @@ class RecordStream {
     [[nodiscard]] bool Next(TraceRecord& record);
     // As many records before this time as are in the buffer, but no pre-fill and nothing without a
     // prefix: false when one of these, or a later one, comes next.
-    [[nodiscard]] bool NextRun(TraceRun& run, int64_t before = INT64_MAX);
+    [[nodiscard]] bool NextBlock(RecordBlock& run, int64_t before = INT64_MAX);
     // Where the record that Next gave begins in the file.
     [[nodiscard]] uint64_t Offset() const { return m_recordOffset; }
 

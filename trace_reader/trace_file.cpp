@@ -103,8 +103,8 @@ void TraceFile::Unpack() {
 
 // False when there was more than the limit.
 bool TraceFile::UnpackUpTo(int packed, uint64_t limit) {
-    constexpr size_t kPiece = size_t{1} << 16;
-    const auto piece = std::make_unique<char[]>(kPiece);
+    constexpr size_t kPipe = size_t{1} << 16;
+    const auto block = std::make_unique<char[]>(kPipe);
     std::array<int, 2> ends{-1, -1};
     m_error.clear();
     m_fd.Reset(memfd_create("trace", MFD_CLOEXEC));
@@ -122,14 +122,14 @@ bool TraceFile::UnpackUpTo(int packed, uint64_t limit) {
     to.Reset();
     uint64_t size = 0;
     while (size <= limit) {
-        const ReadResult got = ReadFully(from.Get(), piece.get(), kPiece);
-        if (!Write(size, {piece.get(), got.count}) || got.error != 0) {
+        const ReadResult got = ReadFully(from.Get(), block.get(), kPipe);
+        if (!Write(size, {block.get(), got.count}) || got.error != 0) {
             const int error = got.error != 0 ? got.error : errno;
             m_error = std::string("unpacked in part only: ") + std::strerror(error);
             break;
         }
         size += got.count;
-        if (got.count < kPiece) break;
+        if (got.count < kPipe) break;
     }
     from.Reset();  // ends a gzip that still writes
     int status = 0;

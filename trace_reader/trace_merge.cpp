@@ -205,7 +205,7 @@ bool TraceMerge::Next(TraceRecord& record) {
     }
 }
 
-bool TraceMerge::NextRun(TraceRun& run) {
+bool TraceMerge::NextBlock(RecordBlock& run) {
     // The first record of a file waits in its input.
     if (!m_hasBegun || m_follows || m_last == kNone) return false;
     int64_t before = INT64_MAX;
@@ -216,7 +216,7 @@ bool TraceMerge::NextRun(TraceRun& run) {
         before = std::min(before, input.key);
     }
     Input& input = m_inputs[m_last];
-    if (input.key >= before || !m_sources[m_last]->NextRun(run, before)) return false;
+    if (input.key >= before || !m_sources[m_last]->NextBlock(run, before)) return false;
     input.key = std::max({input.key, run.firstTime, run.lastTime});
     return true;
 }

@@ -34,7 +34,7 @@ class TraceMerge {
 
     // Several at once, when nothing of other files comes between them: otherwise false, and Next
     // goes on.
-    [[nodiscard]] bool NextRun(TraceRun& run);
+    [[nodiscard]] bool NextBlock(RecordBlock& run);
 
     // What was written since the last look; Next then gives it. False: nothing.
     [[nodiscard]] bool Advance();

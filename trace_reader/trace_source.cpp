@@ -117,7 +117,7 @@ bool TraceSource::IsHidden(TraceRecord& record) {
     return record.kind != RecordKind::kRecord && !m_showsAll;
 }
 
-void TraceSource::Count(const TraceRun& run) {
+void TraceSource::Count(const RecordBlock& run) {
     if (m_facts.records == 0) m_facts.firstTime = run.firstTime;
     if (m_facts.records > 0 && run.firstTime < m_facts.lastTime) ++m_facts.clockBack;
     m_facts.clockBack += run.clockBack;
@@ -141,11 +141,11 @@ bool TraceSource::Next(TraceRecord& record) {
     return false;
 }
 
-bool TraceSource::NextRun(TraceRun& run, int64_t before) {
+bool TraceSource::NextBlock(RecordBlock& run, int64_t before) {
     // A ring has nothing but pre-fill to be hidden among its records.
     const bool isPlain = m_stream && m_layout.kind == FileKind::kRingFile && !m_showsAll &&
                          m_parts[m_part].kind == RecordKind::kRecord;
-    if (!isPlain || !m_stream->NextRun(run, before)) return false;
+    if (!isPlain || !m_stream->NextBlock(run, before)) return false;
     Count(run);
     return true;
 }

@@ -51,7 +51,7 @@ class TraceSource {
     [[nodiscard]] bool Next(TraceRecord& record);
     // Several at once, all before this time: false where there are none, and Next goes on. Not
     // after a false Next.
-    [[nodiscard]] bool NextRun(TraceRun& run, int64_t before = INT64_MAX);
+    [[nodiscard]] bool NextBlock(RecordBlock& run, int64_t before = INT64_MAX);
     // Begins again with the first record.
     void Rewind();
     // To be called before Next: leaves out most of what is older or newer than these times, and
@@ -93,7 +93,7 @@ class TraceSource {
     void EndPart();
     [[nodiscard]] const TraceFile& Readable() const { return m_log ? m_log->File() : m_file; }
     [[nodiscard]] bool IsHidden(TraceRecord& record);
-    void Count(const TraceRun& run);
+    void Count(const RecordBlock& run);
     [[nodiscard]] bool IsReady(const Layout& layout) const;
     [[nodiscard]] bool AdvanceFile();
     [[nodiscard]] bool Reopen();

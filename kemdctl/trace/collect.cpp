@@ -1,5 +1,3 @@
-#include "kemdctl/trace/collect.h"
-
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -12,6 +10,7 @@
 #include "kemdctl/trace/collect_mask.h"
 #include "kemdctl/trace/header_report.h"
 #include "kemdctl/trace/progress.h"
+#include "kemdctl/trace/reports.h"
 #include "kemdctl/ui/command.h"
 #include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/text.h"
@@ -218,12 +217,13 @@ bool Collection::WriteTo(const char* archive, bool isQuiet) {
 
 }  // namespace
 
-int CollectFiles(const char* archive, const std::vector<std::string>& paths, bool isQuiet) {
+int CollectFiles(const TraceOptions& options, const std::vector<std::string>& files,
+                 ReportWriter& /*report*/) {
     Collection collection;
     bool isWhole = true;
-    for (const std::string& path : paths) isWhole = collection.AddTrace(path) && isWhole;
+    for (const std::string& path : files) isWhole = collection.AddTrace(path) && isWhole;
     collection.AddTexts();
-    if (!collection.WriteTo(archive, isQuiet)) return kError;
+    if (!collection.WriteTo(options.reportFile, options.isQuiet)) return kError;
     isWhole = collection.IsWhole() && isWhole;
     return isWhole ? kYes : kError;
 }

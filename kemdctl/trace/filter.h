@@ -32,7 +32,7 @@ class Pattern {
     [[nodiscard]] bool Find(std::string_view text, size_t from, Place& place) const;
 
   private:
-    [[nodiscard]] bool MatchesPiece(std::string_view text, size_t begin, size_t end) const;
+    [[nodiscard]] bool MatchesFragment(std::string_view text, size_t begin, size_t end) const;
 
     struct Free {
         void operator()(regex_t* regex) const;
@@ -42,7 +42,7 @@ class Pattern {
 };
 
 // Which records are wanted. What is left empty chooses all.
-struct Choice {
+struct Filter {
     std::optional<int64_t> since;  // as TraceRecord::time, both inclusive
     std::optional<int64_t> until;
     std::vector<uint32_t> threads;       // any of them

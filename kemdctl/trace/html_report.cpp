@@ -1,11 +1,10 @@
-#include "kemdctl/trace/html_report.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <deque>
 #include <utility>
 
 #include "kemdctl/trace/html_page.h"
+#include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/run_marks.h"
 #include "kemdctl/ui/json.h"
 #include "kemdctl/ui/output_file.h"
@@ -123,12 +122,12 @@ bool HtmlSink::PutData(const FileSink& sink) const {
 bool HtmlSink::Finish() {
     m_spans.Finish();
     return WriteOutputFile(m_path.c_str(), 0600, [this](const FileSink& sink) {
-               return sink(kPageBeforeData) && PutData(sink) && sink(kPageBehindData);
+               return sink(kPageBeforeData) && PutData(sink) && sink(kPageAfterData);
            }) == kYes;
 }
 
 }  // namespace
 
-std::unique_ptr<RecordSink> MakeHtmlSink(std::string path) {
-    return std::make_unique<HtmlSink>(std::move(path));
+std::unique_ptr<RecordSink> MakeHtmlSink(const TraceOptions& options, ReportWriter& /*report*/) {
+    return std::make_unique<HtmlSink>(options.reportFile);
 }

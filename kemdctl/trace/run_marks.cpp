@@ -104,7 +104,7 @@ std::optional<ModuleNote> ParseModuleNote(const TraceRecord& record) {
         "loading", "loaded",           "starting",        "started",        "stopping",
         "stopped", "cannot be loaded", "failed to start", "failed to stop", "is left out"};
     if (record.tag != "switch" || !record.text.starts_with(kModule)) return {};
-    // A piece of an overwritten record may stand behind it.
+    // A fragment of an overwritten record may stand behind it.
     std::string_view text = record.text.substr(0, record.text.find('\n'));
     text.remove_prefix(kModule.size());
     const size_t end = text.find(kFile);

@@ -42,9 +42,9 @@ class ShowSink : public RecordSink {
     [[nodiscard]] bool Finish() override;
 
     // Whether records are shown as they are in the file, so that several may be taken at once.
-    [[nodiscard]] bool TakesRuns() const { return m_takesRuns; }
+    [[nodiscard]] bool TakesBlocks() const { return m_takesBlocks; }
     // Without the last line feed.
-    void TakeRun(std::string_view lines);
+    void TakeBlock(std::string_view lines);
     // What came so far goes out.
     void Flush() { m_output.Flush(); }
     [[nodiscard]] bool IsClosed() const { return m_output.IsClosed(); }
@@ -59,7 +59,7 @@ class ShowSink : public RecordSink {
     std::unique_ptr<Printer> m_printer;
     std::optional<int64_t> m_gap;
     bool m_showsDelta;
-    bool m_takesRuns;
+    bool m_takesBlocks;
     bool m_hasShown = false;
     std::optional<int64_t> m_lastTime;
     KeptRecord m_before;  // with --gaps: the record before, its delta, whether it was shown

@@ -1,5 +1,3 @@
-#include "kemdctl/trace/stats.h"
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -8,13 +6,14 @@
 #include <string>
 #include <vector>
 
+#include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/stats_counts.h"
-#include "kemdctl/ui/command.h"
-#include "kemdctl/ui/json.h"
 #include "kemdctl/ui/text.h"
 #include "trace_reader/record.h"
 #include "trace_reader/trace_merge.h"
 #include "trace_reader/trace_source.h"
+
+namespace {
 
 struct TraceGap {
     int64_t begin;
@@ -28,10 +27,6 @@ struct RingReach {
     uint64_t lastOffset = 0;
     int64_t lastTime = 0;
 };
-// For how many milliseconds back a ring holds records, whatever was chosen of them, or will once it
-// is full. Nothing for other files, and when that cannot be told.
-[[nodiscard]] std::optional<int64_t> ReachOf(const RingReach& reach, const TraceSource& source);
-
 struct TraceStats {
     uint64_t records = 0;
     int64_t lowest = INT64_MAX;  // of their times
@@ -44,12 +39,28 @@ struct TraceStats {
     std::vector<RingReach> reach;  // by number of the source
 };
 
-void ShowStats(const TraceStats& stats, const TraceMerge& merge);
-void ShowStatsAsJson(const TraceStats& stats, const TraceMerge& merge);
+// From the oldest record of a file to the newest one. The facts of a source have only those that
+// were read, which begin with --since.
+std::optional<int64_t> WholeSpan(const std::string& path) {
+    TraceSource source(path, 0);
+    TraceRecord record;
+    if (!source.Open() || !source.Next(record)) return std::nullopt;
+    const int64_t oldest = record.time;
+    source.Select(INT64_MIN, INT64_MAX, 1);
+    while (source.Next(record)) continue;
+    return std::max<int64_t>(source.Facts().lastTime - oldest, 0);
+}
 
-namespace {
-
-constexpr size_t kTop = 10;
+// For how many milliseconds back a ring holds records, whatever was chosen of them, or will once it
+// is full. Nothing for other files, and when that cannot be seen.
+std::optional<int64_t> ReachOf(const RingReach& reach, const TraceSource& source) {
+    const SourceFacts& facts = source.Facts();
+    if (facts.kind != FileKind::kRingFile || facts.isCompressed) return std::nullopt;
+    if (facts.cycle > 0) return WholeSpan(source.Path());
+    if (reach.bytes == 0 || reach.milliseconds <= 0) return std::nullopt;
+    return static_cast<int64_t>(static_cast<double>(facts.size) / static_cast<double>(reach.bytes) *
+                                static_cast<double>(reach.milliseconds));
+}
 
 // Whether the terminal is said to show UTF-8.
 bool HasUnicode() {
@@ -68,30 +79,44 @@ std::string Repeat(const char* text, uint64_t times) {
     return all;
 }
 
-// A long silence takes one line.
-void ShowSilence(int64_t steps, int64_t unit) {
-    if (steps > 0) Write("  (nothing for " + DurationText(steps * unit) + ")\n");
+void State(ReportWriter& report, const char* key, int64_t time) {
+    report.Text(key, FormatTime(time).data());
 }
 
-void ShowBars(const TimeHistogram& histogram) {
+void ShowBars(const TimeHistogram& histogram, ReportWriter& report) {
     constexpr uint64_t kWidth = 40;
     const char* const block = HasUnicode() ? "\u2588" : "#";
+    const auto& bars = histogram.Bars();
     uint64_t highest = 1;
-    for (const auto& [step, bar] : histogram.Bars()) highest = std::max(highest, bar.count);
-    Write("\nrecords in each " + DurationText(histogram.Unit()) + "\n");
-    int64_t next = histogram.Bars().begin()->first;
-    for (const auto& [step, bar] : histogram.Bars()) {
-        ShowSilence(step - next, histogram.Unit());
+    for (const auto& [step, bar] : bars) highest = std::max(highest, bar.count);
+    report.Number("unit", histogram.Unit());
+    if (!bars.empty()) {
+        report.Line("");
+        report.Line("records in each " + DurationText(histogram.Unit()));
+    }
+    int64_t next = bars.empty() ? 0 : bars.begin()->first;
+    report.List("bars", bars, [&](const auto& each) {
+        const auto& [step, bar] = each;
+        // A long silence takes one line.
+        if (step > next) {
+            report.Line("  (nothing for " + DurationText((step - next) * histogram.Unit()) + ")");
+        }
         next = step + 1;
         // Whatever is there is seen.
         const uint64_t width = std::max<uint64_t>(bar.count * kWidth / highest, 1);
-        Write("  " + std::string(FormatTime(step * histogram.Unit()).data()) + "  " +
-              Repeat(block, width) + " " + std::to_string(bar.count) + "\n");
-    }
+        const int64_t time = step * histogram.Unit();
+        report.Line(std::string("  ") + FormatTime(time).data() + "  " + Repeat(block, width) +
+                    " " + std::to_string(bar.count));
+        report.OpenObject();
+        State(report, "time", time);
+        report.Number("count", bar.count);
+        if (bar.residentKb >= 0) report.Number("residentKb", bar.residentKb);
+        report.Close();
+    });
 }
 
 // One character for each step of time.
-void ShowMemory(const TimeHistogram& histogram) {
+void ShowMemory(const TimeHistogram& histogram, ReportWriter& report) {
     static constexpr const char* kAscii[] = {"_", ".", "-", "=", "+", "*", "%", "#"};
     static constexpr const char* kBlocks[] = {"\u2581", "\u2582", "\u2583", "\u2584",
                                               "\u2585", "\u2586", "\u2587", "\u2588"};
@@ -113,156 +138,71 @@ void ShowMemory(const TimeHistogram& histogram) {
         const auto level = static_cast<size_t>(share * 7);
         line += bar.residentKb < 0 ? " " : HasUnicode() ? kBlocks[level] : kAscii[level];
     }
-    Write("\nresident memory, " + std::to_string(low) + " to " + std::to_string(high) +
-          " KB, highest in each " + DurationText(histogram.Unit()) + "\n  " + line + "\n");
+    report.Line("");
+    report.Line("resident memory, " + std::to_string(low) + " to " + std::to_string(high) +
+                " KB, highest in each " + DurationText(histogram.Unit()));
+    report.Line("  " + line);
 }
 
-void ShowTally(const char* title, const Tally& tally, uint64_t records) {
-    Write(std::string("\n") + title + "\n");
-    for (const auto& [text, count] : tally.Top(kTop)) {
-        char line[64];
-        std::snprintf(line, sizeof line, "  %9llu  %3u%%  ", static_cast<unsigned long long>(count),
+void ShowTally(const char* key, const char* title, const Tally& tally, uint64_t records,
+               ReportWriter& report) {
+    constexpr size_t kTop = 10;
+    if (records > 0) {
+        report.Line("");
+        report.Line(title);
+    }
+    report.List(key, tally.Top(kTop), [&](const auto& each) {
+        const auto& [text, count] = each;
+        char start[64];
+        std::snprintf(start, sizeof start, "  %9llu  %3u%%  ",
+                      static_cast<unsigned long long>(count),
                       static_cast<unsigned>(count * 100 / records));
-        Write(line + (text.empty() ? "(none)" : Printable(text)) + "\n");
-    }
+        report.Line(start + (text.empty() ? "(none)" : Printable(text)));
+        report.OpenObject();
+        report.Text("text", text);
+        report.Number("count", count);
+        report.Close();
+    });
     if (tally.LeftOut() == 0) return;
-    Write("  not counted, as there are too many different ones: " +
-          std::to_string(tally.LeftOut()) + " records\n");
+    report.Line("  not counted, as there are too many different ones: " +
+                std::to_string(tally.LeftOut()) + " records");
 }
 
-void ShowGaps(const std::vector<TraceGap>& gaps) {
-    if (gaps.empty()) return;
-    Write("\nlongest gaps\n");
-    for (const TraceGap& gap : gaps) {
-        Write("  after " + std::string(FormatTime(gap.begin).data()) + "  " +
-              DurationText(gap.length) + "\n");
+void ShowGaps(const std::vector<TraceGap>& gaps, ReportWriter& report) {
+    if (!gaps.empty()) {
+        report.Line("");
+        report.Line("longest gaps");
     }
+    report.List("gaps", gaps, [&report](const TraceGap& gap) {
+        report.Line(std::string("  after ") + FormatTime(gap.begin).data() + "  " +
+                    DurationText(gap.length));
+        report.OpenObject();
+        State(report, "begin", gap.begin);
+        report.Number("milliseconds", gap.length);
+        report.Close();
+    });
 }
 
-void ShowFiles(const TraceStats& stats, const TraceMerge& merge) {
-    Write("\nfiles\n");
-    for (size_t i = 0; i < merge.Sources().size(); ++i) {
-        const TraceSource& source = *merge.Sources()[i];
-        const SourceFacts& facts = source.Facts();
-        Write("  " + Printable(source.Path()) + ": " + source.Describe() + "\n");
-        const auto reach = ReachOf(stats.reach[i], source);
-        if (!reach) continue;
-        Write(std::string("    ") + (facts.cycle > 0 ? "reaches back " : "will reach back about ") +
-              DurationText(*reach) + (facts.cycle > 0 ? "\n" : " once it is full\n"));
+void ShowFile(const TraceSource& source, const RingReach& reach, ReportWriter& report) {
+    const SourceFacts& facts = source.Facts();
+    const auto span = ReachOf(reach, source);
+    report.Line([&] { return "  " + Printable(source.Path()) + ": " + source.Describe(); });
+    if (span) {
+        const std::string duration = DurationText(*span);
+        report.Line(facts.cycle > 0 ? "    reaches back " + duration
+                                    : "    will reach back about " + duration + " once it is full");
     }
+    report.OpenObject();
+    report.Text("path", source.Path());
+    report.Number("records", facts.records);
+    report.Number("cycle", facts.cycle);
+    report.Number("reach", span);
+    report.Close();
 }
-
-}  // namespace
-
-void ShowStats(const TraceStats& stats, const TraceMerge& merge) {
-    if (stats.records == 0) {
-        Write("records: none\n");
-        return ShowFiles(stats, merge);
-    }
-    Write("records: " + std::to_string(stats.records) + ", " + FormatTime(stats.lowest).data() +
-          " to " + FormatTime(stats.highest).data() + "\n");
-    ShowBars(stats.histogram);
-    ShowMemory(stats.histogram);
-    ShowTally("busiest threads", stats.threads, stats.records);
-    ShowTally("busiest tags", stats.tags, stats.records);
-    ShowTally("most frequent texts, numbers as #", stats.texts, stats.records);
-    ShowGaps(stats.gaps);
-    ShowFiles(stats, merge);
-}
-
-namespace {
-
-void PutTime(JsonWriter& json, const char* key, int64_t time) {
-    json.Key(key);
-    json.Text(FormatTime(time).data());
-}
-
-void PutNumber(JsonWriter& json, const char* key, int64_t number) {
-    json.Key(key);
-    json.Number(number);
-}
-
-void PutTally(JsonWriter& json, const char* key, const Tally& tally) {
-    json.Key(key);
-    json.Open('[');
-    for (const auto& [text, count] : tally.Top(kTop)) {
-        json.Open('{');
-        json.Key("text");
-        json.Text(text);
-        PutNumber(json, "count", static_cast<int64_t>(count));
-        json.Close('}');
-    }
-    json.Close(']');
-}
-
-void PutBars(JsonWriter& json, const TimeHistogram& histogram) {
-    PutNumber(json, "unit", histogram.Unit());
-    json.Key("bars");
-    json.Open('[');
-    for (const auto& [step, bar] : histogram.Bars()) {
-        json.Open('{');
-        PutTime(json, "time", step * histogram.Unit());
-        PutNumber(json, "count", static_cast<int64_t>(bar.count));
-        if (bar.residentKb >= 0) PutNumber(json, "residentKb", bar.residentKb);
-        json.Close('}');
-    }
-    json.Close(']');
-}
-
-void PutGaps(JsonWriter& json, const std::vector<TraceGap>& gaps) {
-    json.Key("gaps");
-    json.Open('[');
-    for (const TraceGap& gap : gaps) {
-        json.Open('{');
-        PutTime(json, "begin", gap.begin);
-        PutNumber(json, "milliseconds", gap.length);
-        json.Close('}');
-    }
-    json.Close(']');
-}
-
-void PutFiles(JsonWriter& json, const TraceStats& stats, const TraceMerge& merge) {
-    json.Key("files");
-    json.Open('[');
-    for (size_t i = 0; i < merge.Sources().size(); ++i) {
-        const TraceSource& source = *merge.Sources()[i];
-        const SourceFacts& facts = source.Facts();
-        json.Open('{');
-        json.Key("path");
-        json.Text(source.Path());
-        PutNumber(json, "records", static_cast<int64_t>(facts.records));
-        PutNumber(json, "cycle", facts.cycle);
-        if (const auto reach = ReachOf(stats.reach[i], source)) PutNumber(json, "reach", *reach);
-        json.Close('}');
-    }
-    json.Close(']');
-}
-
-}  // namespace
-
-void ShowStatsAsJson(const TraceStats& stats, const TraceMerge& merge) {
-    JsonWriter json;
-    json.Open('{');
-    PutNumber(json, "records", static_cast<int64_t>(stats.records));
-    if (stats.records > 0) {
-        PutTime(json, "first", stats.lowest);
-        PutTime(json, "last", stats.highest);
-    }
-    PutBars(json, stats.histogram);
-    PutTally(json, "threads", stats.threads);
-    PutTally(json, "tags", stats.tags);
-    PutTally(json, "texts", stats.texts);
-    PutGaps(json, stats.gaps);
-    PutFiles(json, stats, merge);
-    json.Close('}');
-    json.Finish();
-}
-
-namespace {
 
 class StatsSink : public RecordSink {
   public:
-    explicit StatsSink(bool asJson) : m_asJson(asJson) {}
+    explicit StatsSink(ReportWriter& report) : m_report(report) {}
 
     void Begin(const TraceMerge& merge) override { m_merge = &merge; }
     void Take(const TraceRecord& record) override;
@@ -272,7 +212,7 @@ class StatsSink : public RecordSink {
     void TakeGap(const TraceRecord& record);
     void TakeReach(const TraceRecord& record);
 
-    bool m_asJson;
+    ReportWriter& m_report;
     const TraceMerge* m_merge = nullptr;
     TraceStats m_stats;
 };
@@ -311,7 +251,7 @@ void StatsSink::TakeReach(const TraceRecord& record) {
     if (reach.size() <= record.source) reach.resize(record.source + size_t{1});
     RingReach& ring = reach[record.source];
     const uint64_t offset = record.sequence & kOffsetMask;
-    // The older cycle stands behind the newer one.
+    // The older cycle stands after the newer one.
     if (ring.lastOffset != 0 && offset > ring.lastOffset && record.time >= ring.lastTime) {
         ring.bytes += offset - ring.lastOffset;
         ring.milliseconds += record.time - ring.lastTime;
@@ -321,38 +261,36 @@ void StatsSink::TakeReach(const TraceRecord& record) {
 }
 
 bool StatsSink::Finish() {
+    const uint64_t records = m_stats.records;
     m_stats.reach.resize(m_merge->Sources().size());
-    if (m_asJson) {
-        ShowStatsAsJson(m_stats, *m_merge);
-    } else {
-        ShowStats(m_stats, *m_merge);
+    m_report.OpenObject();
+    m_report.Number("records", records);
+    if (records > 0) {
+        State(m_report, "first", m_stats.lowest);
+        State(m_report, "last", m_stats.highest);
     }
+    m_report.Line(records == 0 ? "records: none"
+                               : "records: " + std::to_string(records) + ", " +
+                                     FormatTime(m_stats.lowest).data() + " to " +
+                                     FormatTime(m_stats.highest).data());
+    ShowBars(m_stats.histogram, m_report);
+    ShowMemory(m_stats.histogram, m_report);
+    ShowTally("threads", "busiest threads", m_stats.threads, records, m_report);
+    ShowTally("tags", "busiest tags", m_stats.tags, records, m_report);
+    ShowTally("texts", "most frequent texts, numbers as #", m_stats.texts, records, m_report);
+    ShowGaps(m_stats.gaps, m_report);
+    m_report.Line("");
+    m_report.Line("files");
+    m_report.OpenArray("files");
+    for (size_t i = 0; i < m_merge->Sources().size(); ++i) {
+        ShowFile(*m_merge->Sources()[i], m_stats.reach[i], m_report);
+    }
+    m_report.Close();
     return true;
-}
-
-// From the oldest record of a file to the newest one. The facts of a source have only those that
-// were read, which begin with --since.
-std::optional<int64_t> WholeSpan(const std::string& path) {
-    TraceSource source(path, 0);
-    TraceRecord record;
-    if (!source.Open() || !source.Next(record)) return std::nullopt;
-    const int64_t oldest = record.time;
-    source.Select(INT64_MIN, INT64_MAX, 1);
-    while (source.Next(record)) continue;
-    return std::max<int64_t>(source.Facts().lastTime - oldest, 0);
 }
 
 }  // namespace
 
-std::optional<int64_t> ReachOf(const RingReach& reach, const TraceSource& source) {
-    const SourceFacts& facts = source.Facts();
-    if (facts.kind != FileKind::kRingFile || facts.isCompressed) return std::nullopt;
-    if (facts.cycle > 0) return WholeSpan(source.Path());
-    if (reach.bytes == 0 || reach.milliseconds <= 0) return std::nullopt;
-    return static_cast<int64_t>(static_cast<double>(facts.size) / static_cast<double>(reach.bytes) *
-                                static_cast<double>(reach.milliseconds));
-}
-
-std::unique_ptr<RecordSink> MakeStatsSink(bool asJson) {
-    return std::make_unique<StatsSink>(asJson);
+std::unique_ptr<RecordSink> MakeStatsSink(const TraceOptions& /*options*/, ReportWriter& report) {
+    return std::make_unique<StatsSink>(report);
 }

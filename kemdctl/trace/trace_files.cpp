@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "kemdctl/facts/daemon_environment.h"
@@ -40,6 +41,27 @@ void AddDirectory(const std::string& directory, bool mayCome, std::vector<std::s
     }
 }
 
+std::vector<std::string> ListNamed(std::vector<std::string> named, bool mayCome) {
+    if (named.empty()) named.push_back(DirectoryInForce());
+    std::vector<std::string> files;
+    for (const std::string& name : named) {
+        if (IsThere(name, true)) {
+            AddDirectory(name, mayCome, files);
+            continue;
+        }
+        files.push_back(name);
+        if (!mayCome || IsThere(name, false)) continue;
+        Complain("%s is not there: waiting for it", Printable(name).c_str());
+    }
+    if (files.empty()) {
+        KeptRuns runs(named.front());
+        const bool hasKept = runs.Open() && !runs.List().empty();
+        Complain("no trace files in %s%s", Printable(named.front()).c_str(),
+                 hasKept ? ", but kept runs: see --list-runs" : "");
+    }
+    return files;
+}
+
 }  // namespace
 
 std::optional<std::vector<KeptPlace>> ListKept(const std::vector<std::string>& named) {
@@ -63,39 +85,30 @@ std::vector<std::string> FilesIn(const std::string& directory) {
     return files;
 }
 
-std::vector<std::string> ListTraceFiles(std::vector<std::string> named, bool mayCome) {
-    if (named.empty()) named.push_back(DirectoryInForce());
-    std::vector<std::string> files;
-    for (const std::string& name : named) {
-        if (IsThere(name, true)) {
-            AddDirectory(name, mayCome, files);
-            continue;
-        }
-        files.push_back(name);
-        if (!mayCome || IsThere(name, false)) continue;
-        Complain("%s is not there: waiting for it", Printable(name).c_str());
+std::vector<std::string> ChooseFiles(const TraceOptions& options) {
+    if (!options.run) return ListNamed(options.paths, options.follows || options.waitFor);
+    const auto kept = ListKept(options.paths);
+    if (kept && *options.run <= kept->size()) return FilesIn((*kept)[*options.run - 1].path);
+    if (kept) {
+        Complain("there is no run %llu: runs that are kept: %zu",
+                 static_cast<unsigned long long>(*options.run), kept->size());
     }
-    if (files.empty()) {
-        KeptRuns runs(named.front());
-        const bool hasKept = runs.Open() && !runs.List().empty();
-        Complain("no trace files in %s%s", Printable(named.front()).c_str(),
-                 hasKept ? ", but kept runs: see --list-runs" : "");
-    }
-    return files;
+    return {};
 }
 
-bool TellFacts(const TraceMerge& merge, bool isQuiet) {
+bool ReportFacts(const TraceMerge& merge, bool isQuiet) {
     bool isGood = true;
     for (const auto& source : merge.Sources()) {
-        if (!source->IsGood() || !isQuiet) {
-            Complain("%s: %s", Printable(source->Path()).c_str(), source->Describe().c_str());
-        }
+        const std::string line = Printable(source->Path()) + ": " + source->Describe();
+        if (!source->IsGood()) Complain("%s", line.c_str());
+        // That is no complaint.
+        if (source->IsGood() && !isQuiet) std::fprintf(stderr, "kemdctl: %s\n", line.c_str());
         isGood = isGood && source->IsGood();
     }
     return isGood;
 }
 
-bool TellErrors(const TraceMerge& merge) {
+bool ReportErrors(const TraceMerge& merge) {
     bool isGood = true;
     for (const auto& source : merge.Sources()) {
         const std::string& error = source->Facts().error;

@@ -39,16 +39,16 @@ class MergeTest : public ReaderTest {
         Note("### End of initialization. ###");
         Note("### Start of initialization. ###");
     }
-    static Lines ReadAll(bool inRuns) {
+    static Lines ReadAll(bool inBlocks) {
         TraceMerge merge;
         for (const std::string& path : {kLog, kStartupRing + ".gz", kRuntimeRing, kLog})
             merge.Add(path);
-        if (!inRuns) return Read(merge);
+        if (!inBlocks) return Read(merge);
         Lines lines;
         std::string text;
         for (TraceRecord record; merge.Next(record);) {
             lines.emplace_back(record.line);
-            for (TraceRun run; merge.NextRun(run); runs += run.count) {
+            for (RecordBlock run; merge.NextBlock(run); runs += run.count) {
                 std::istringstream block{std::string(run.lines)};
                 while (std::getline(block, text)) lines.push_back(text);
             }

@@ -172,7 +172,7 @@ TEST_F(ReaderTest, RingWhoseHeaderHasGrownOverItsFirstRecord) {
         if (i < 2500 || i % 50 != 0) continue;
         TraceSource source(kRuntimeRing, 0);
         ASSERT_TRUE(source.Open());
-        // The first record of a cycle stands behind a piece of the header, on the same line.
+        // The first record of a cycle stands behind a fragment of the header, on the same line.
         const Lines whole = Whole(kRuntimeRing), found = Read(source);
         Lines more;
         std::set_difference(found.begin(), found.end(), whole.begin(), whole.end(),

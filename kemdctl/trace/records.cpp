@@ -1,5 +1,3 @@
-#include "kemdctl/trace/record_run.h"
-
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,19 +12,20 @@
 #include <utility>
 #include <vector>
 
-#include "kemdctl/trace/html_report.h"
+#include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/show_sink.h"
 #include "kemdctl/trace/sink.h"
-#include "kemdctl/trace/stats.h"
 #include "kemdctl/trace/stopper.h"
 #include "kemdctl/trace/time_word.h"
-#include "kemdctl/trace/timeline_export.h"
 #include "kemdctl/trace/trace_files.h"
 #include "kemdctl/ui/text.h"
 #include "trace_reader/record.h"
 #include "trace_reader/trace_merge.h"
 #include "trace_reader/trace_watch.h"
 
+namespace {
+
+// Passes the last records on to another sink, once it is known which ones these are.
 class LastRecords : public RecordSink {
   public:
     // Without `limit` everything is passed on at once. `next` outlives this.
@@ -77,18 +76,13 @@ void LastRecords::Release() {
     for (size_t i = 0; i < kept.size(); ++i) Pass(kept[(m_oldest + i) % kept.size()].Get());
 }
 
-// What the first record of a run is recognised by.
+// What the first record of a run of the daemon is recognised by.
 struct RunStart {
     int64_t time;
     uint32_t thread;
     [[nodiscard]] bool IsAt(const TraceRecord& record) const;
 };
-// Reads all these files. Nothing when no start is in them.
-[[nodiscard]] std::optional<RunStart> FindLastStart(const std::vector<std::string>& files);
 
-namespace {
-
-constexpr std::string_view kRingStart = "### Start of initialization. ###";
 constexpr std::string_view kBanner = "kemd Version=\"";
 
 // A text may begin with a line feed that belongs to nothing.
@@ -96,16 +90,14 @@ std::string_view Bare(std::string_view text) {
     return text.substr(std::min(text.find_first_not_of('\n'), text.size()));
 }
 
-}  // namespace
-
 bool RunStart::IsAt(const TraceRecord& record) const {
     const std::string_view text = Bare(record.text);
     return record.time == time && record.thread == thread &&
-           (text.starts_with(kRingStart) || text.starts_with(kBanner));
+           (text.starts_with(trace_text::kRingStart) || text.starts_with(kBanner));
 }
 
-// Both rings of a run begin with the same record, but only the start-up ring has the banner behind
-// it. A log begins with the banner.
+// Reads all these files; nothing when no start is in them. Both rings of a run begin with the same
+// record, but only the start-up ring has the banner after it. A log begins with the banner.
 std::optional<RunStart> FindLastStart(const std::vector<std::string>& files) {
     TraceMerge merge;
     for (const std::string& file : files) merge.Add(file);
@@ -113,7 +105,7 @@ std::optional<RunStart> FindLastStart(const std::vector<std::string>& files) {
     std::map<uint16_t, RunStart> ringStarts;  // by source
     for (TraceRecord record; merge.Next(record);) {
         const std::string_view text = Bare(record.text);
-        if (text.starts_with(kRingStart)) {
+        if (text.starts_with(trace_text::kRingStart)) {
             ringStarts[record.source] = {record.time, record.thread};
         } else if (text.starts_with(kBanner)) {
             const auto found = ringStarts.find(record.source);
@@ -124,58 +116,34 @@ std::optional<RunStart> FindLastStart(const std::vector<std::string>& files) {
     return last;
 }
 
-namespace {
-
-class CountSink : public RecordSink {
-  public:
-    void Take(const TraceRecord& /*record*/) override { ++m_count; }
-    [[nodiscard]] bool Finish() override {
-        Write(std::to_string(m_count) + "\n");
-        return true;
-    }
-
-  private:
-    uint64_t m_count = 0;
-};
-
 // Nothing when the records themselves are shown.
-std::unique_ptr<RecordSink> MakeReportSink(const TraceOptions& options) {
-    switch (options.report) {
-        case Report::kCount:
-            return std::make_unique<CountSink>();
-        case Report::kStats:
-            return MakeStatsSink(options.form == Form::kJson);
-        case Report::kExport:
-            return MakeTimelineSink(options.reportFile, options.isQuiet);
-        case Report::kHtml:
-            return MakeHtmlSink(options.reportFile);
-        default:
-            return nullptr;
-    }
+std::unique_ptr<RecordSink> MakeReport(const TraceOptions& options, ReportWriter& report) {
+    const auto* make = std::get_if<RecordsReport>(&options.report);
+    return make != nullptr ? (*make)(options, report) : nullptr;
 }
 
-class RecordRun {
+class RecordReport {
   public:
-    explicit RecordRun(const TraceOptions& options)
+    RecordReport(const TraceOptions& options, ReportWriter& report)
         : m_options(options),
-          m_report(MakeReportSink(options)),
+          m_report(MakeReport(options, report)),
           m_show(m_report ? nullptr : std::make_unique<ShowSink>(options)),
           m_last(m_report ? *m_report : *m_show, options.last),
           m_goesOn(options.follows || options.waitFor),
-          m_isWaiting(options.choice.since || options.fromStart) {}
+          m_isWaiting(options.filter.since || options.fromStart) {}
 
     int Run(const std::vector<std::string>& files);
 
   private:
     bool Open(const std::vector<std::string>& files);
     // Nothing is left out, so that nobody needs to look at the records one by one.
-    [[nodiscard]] bool TakesRuns() const;
+    [[nodiscard]] bool TakesBlocks() const;
     // What is there when the command begins.
     void ReadFirst();
     void Read();
     void Take(const TraceRecord& record);
     void Follow();
-    void TellLosses();
+    void ReportLosses();
     [[nodiscard]] std::optional<int64_t> TimeLeft() const;
     [[nodiscard]] bool IsOver() const { return m_hasMatched || IsClosed(); }
     [[nodiscard]] bool IsClosed() const { return m_show ? m_show->IsClosed() : HasWriteFailed(); }
@@ -194,10 +162,10 @@ class RecordRun {
     bool m_isComplete = false;
     bool m_hasMatched = false;
     bool m_isInterrupted = false;
-    std::vector<bool> m_isLossTold;  // by source
+    std::vector<bool> m_isLossReported;  // by source
 };
 
-bool RecordRun::Open(const std::vector<std::string>& files) {
+bool RecordReport::Open(const std::vector<std::string>& files) {
     if (m_options.fromStart) {
         m_start = FindLastStart(files);
         if (!m_start) Complain("no start of the daemon is in these files: nothing is left out");
@@ -215,14 +183,14 @@ bool RecordRun::Open(const std::vector<std::string>& files) {
 }
 
 // Reads no more than is needed: of the last records, as far back as it takes to have enough.
-void RecordRun::ReadFirst() {
+void RecordReport::ReadFirst() {
     constexpr uint64_t kLeast = 4096, kFactor = 16;
-    const Choice& choice = m_options.choice;
-    const int64_t since = choice.since.value_or(INT64_MIN);
-    const int64_t until = m_goesOn ? INT64_MAX : choice.until.value_or(INT64_MAX);
+    const Filter& filter = m_options.filter;
+    const int64_t since = filter.since.value_or(INT64_MIN);
+    const int64_t until = m_goesOn ? INT64_MAX : filter.until.value_or(INT64_MAX);
     const bool isShort = m_options.last && !m_start && !m_options.isRaw && !m_options.waitFor;
     uint64_t last = UINT64_MAX;
-    if (isShort) last = choice.TakesAll() ? std::max<uint64_t>(*m_options.last, 1) : kLeast;
+    if (isShort) last = filter.TakesAll() ? std::max<uint64_t>(*m_options.last, 1) : kLeast;
     for (;; last *= kFactor) {
         // After a clock that went back records could be left out, the start among them.
         if (!m_start) m_merge.Select(since, until, last);
@@ -233,26 +201,26 @@ void RecordRun::ReadFirst() {
     }
 }
 
-void RecordRun::Take(const TraceRecord& record) {
+void RecordReport::Take(const TraceRecord& record) {
     if (m_start && !m_start->IsAt(record)) return;
     m_start.reset();
     // Before that, records of other files may be missing.
     m_isComplete = m_isComplete || m_merge.IsComplete();
-    if (!m_isComplete || !m_options.choice.Takes(record)) return;
+    if (!m_isComplete || !m_options.filter.Takes(record)) return;
     m_hasMatched = m_isWaiting && m_options.waitFor && m_options.waitFor->IsIn(record.text);
     if (!m_options.waitFor || m_options.follows || m_hasMatched) m_last.Take(record);
 }
 
-bool RecordRun::TakesRuns() const {
-    return m_show && m_show->TakesRuns() && m_options.choice.TakesAll() && !m_options.last &&
+bool RecordReport::TakesBlocks() const {
+    return m_show && m_show->TakesBlocks() && m_options.filter.TakesAll() && !m_options.last &&
            !m_options.waitFor && !m_start;
 }
 
-void RecordRun::Read() {
-    const bool takesRuns = TakesRuns();
+void RecordReport::Read() {
+    const bool takesBlocks = TakesBlocks();
     for (TraceRecord record; !IsOver();) {
-        for (TraceRun run; takesRuns && !IsOver() && m_merge.NextRun(run);) {
-            m_show->TakeRun(run.lines);
+        for (RecordBlock run; takesBlocks && !IsOver() && m_merge.NextBlock(run);) {
+            m_show->TakeBlock(run.lines);
         }
         if (!m_merge.Next(record)) return;
         Take(record);
@@ -260,34 +228,34 @@ void RecordRun::Read() {
 }
 
 // Until the time-out, or until records of --until can no longer come.
-std::optional<int64_t> RecordRun::TimeLeft() const {
+std::optional<int64_t> RecordReport::TimeLeft() const {
     std::optional<int64_t> left = m_options.timeout;
-    if (m_options.choice.until) {
-        const int64_t until = std::max<int64_t>(*m_options.choice.until - LocalTime(ClockNow()), 0);
+    if (m_options.filter.until) {
+        const int64_t until = std::max<int64_t>(*m_options.filter.until - LocalTime(ClockNow()), 0);
         left = std::min(left.value_or(until), until);
     }
     return left;
 }
 
 // Once for each file, also with --quiet: what was shown is not what was written.
-void RecordRun::TellLosses() {
-    m_isLossTold.resize(m_merge.Sources().size());
-    for (size_t i = 0; i < m_isLossTold.size(); ++i) {
+void RecordReport::ReportLosses() {
+    m_isLossReported.resize(m_merge.Sources().size());
+    for (size_t i = 0; i < m_isLossReported.size(); ++i) {
         const TraceSource& source = *m_merge.Sources()[i];
         const SourceFacts& facts = source.Facts();
         const bool isMixed = !facts.isCertain && facts.records > 0;
-        if ((!source.HasLost() && !isMixed) || m_isLossTold[i]) continue;
-        m_isLossTold[i] = true;
+        if ((!source.HasLost() && !isMixed) || m_isLossReported[i]) continue;
+        m_isLossReported[i] = true;
         Complain("%s: %s", Printable(source.Path()).c_str(),
                  isMixed ? facts.problem.c_str()
                          : "records were overwritten before they could be shown");
     }
 }
 
-void RecordRun::Follow() {
+void RecordReport::Follow() {
     const Stopper stopper(TimeLeft());
     ReadFirst();
-    TellLosses();
+    ReportLosses();
     m_last.Release();
     m_isWaiting = true;
     for (bool isLast = false; !isLast && !IsOver();) {
@@ -295,25 +263,25 @@ void RecordRun::Follow() {
         isLast = stopper.IsOver() || stopper.IsInterrupted();
         if (!isLast && !m_watch.Wait(STDOUT_FILENO)) return;
         while (!IsOver() && m_merge.Advance()) Read();
-        TellLosses();
+        ReportLosses();
     }
     m_isInterrupted = stopper.IsInterrupted();
 }
 
-int RecordRun::Finish() {
+int RecordReport::Finish() {
     if (!m_last.Finish()) return kError;
     const bool hasFound = m_show ? m_show->HasShown() : m_last.Passed() > 0;
     // A reader that has gone away is told nothing; otherwise the pager ends before anything is
     // said.
     const bool isQuiet = m_options.isQuiet || IsClosed();
     m_show.reset();
-    const bool isGood = m_goesOn ? TellErrors(m_merge) : TellFacts(m_merge, isQuiet);
+    const bool isGood = m_goesOn ? ReportErrors(m_merge) : ReportFacts(m_merge, isQuiet);
     if (!isGood) return kError;
     if (m_options.waitFor) return m_hasMatched ? kYes : kNo;
     return hasFound || m_isInterrupted ? kYes : kNo;
 }
 
-int RecordRun::Run(const std::vector<std::string>& files) try {
+int RecordReport::Run(const std::vector<std::string>& files) try {
     if (!Open(files)) return kError;
     m_last.Begin(m_merge);
     if (m_goesOn) {
@@ -327,8 +295,28 @@ int RecordRun::Run(const std::vector<std::string>& files) try {
     throw;
 }
 
+class CountSink : public RecordSink {
+  public:
+    void Take(const TraceRecord& /*record*/) override { ++m_count; }
+    [[nodiscard]] bool Finish() override {
+        Write(std::to_string(m_count) + "\n");
+        return true;
+    }
+
+  private:
+    uint64_t m_count = 0;
+};
+
 }  // namespace
 
-int RunRecords(const TraceOptions& options, const std::vector<std::string>& files) {
-    return RecordRun(options).Run(files);
+int ShowRecords(const TraceOptions& options, const std::vector<std::string>& files,
+                ReportWriter& report) {
+    // One object a line, and each of them is a record.
+    if (options.report.index() == 0) report.SetJson(false);
+    return RecordReport(options, report).Run(files);
+}
+
+std::unique_ptr<RecordSink> MakeCountSink(const TraceOptions& /*options*/, ReportWriter& report) {
+    report.SetJson(false);  // a number is JSON
+    return std::make_unique<CountSink>();
 }
