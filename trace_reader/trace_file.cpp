@@ -17,7 +17,7 @@
 #include <utility>
 
 #include "base/file_io.h"
-#include "trace_reader/record.h"
+#include "trace/texts.h"
 
 namespace {
 
@@ -142,20 +142,16 @@ bool TraceFile::UnpackUpTo(int packed, uint64_t limit) {
     return size <= limit;
 }
 
-// What the header at the start of a file says about its size. A log says nothing: it is text, which
-// does not become smaller than a small part.
+// Text does not become smaller than a small part, but the pre-fill of a ring does: its header, at
+// the start of the file, says how large it is.
 uint64_t TraceFile::UnpackedLimit(uint64_t packedSize) const {
-    constexpr std::string_view kFill = "____________________\n";
     constexpr uint64_t kTextRatio = 64;
     const std::string text = Read(0, kBlock);
-    if (!HasHead(text)) return kBlock;
     const size_t found = text.find(trace_text::kRingSize);
-    // After the header of a ring is its slack.
-    const bool isRing = found != text.npos && text.find(kFill, found) != text.npos;
-    if (!isRing) return std::clamp(packedSize * kTextRatio, kBlock, kLimit);
     const char* const number = text.c_str() + found + trace_text::kRingSize.size();
-    const uint64_t size = std::strtoull(number, nullptr, 10);
-    return std::min(size, kLimit - trace_text::kPreFillLine) + trace_text::kPreFillLine;
+    const uint64_t ring = found == text.npos ? 0 : std::strtoull(number, nullptr, 10);
+    const uint64_t limit = std::max(ring, packedSize * kTextRatio);
+    return std::clamp(limit, kBlock, kLimit - trace_text::kPreFillLine) + trace_text::kPreFillLine;
 }
 
 uint64_t TraceFile::Size() const {

@@ -1,7 +1,6 @@
 #include "trace_reader/trace_merge.h"
 
 #include <algorithm>
-#include <ctime>
 #include <functional>
 #include <utility>
 
@@ -222,19 +221,12 @@ bool TraceMerge::NextBlock(RecordBlock& run) {
 }
 
 // A message goes into the ring first, and the ring of the run comes after that of the start: looked
-// for the other way round, what one file shows of a moment the next one has, too. A writer that was
-// stopped within a record gets time to end it.
+// for the other way round, what one file shows of a moment the next one has, too.
 bool TraceMerge::Advance() {
     if (!m_hasBegun) Begin();
     std::vector<size_t> more;
     for (auto i = m_order.rbegin(); i != m_order.rend(); ++i) {
-        bool isMore = m_sources[*i]->Advance();
-        for (int tries = 0; m_sources[*i]->IsBusy() && tries < 20; ++tries) {
-            constexpr timespec kPause = {0, 1'000'000};
-            (void)nanosleep(&kPause, nullptr);
-            isMore = m_sources[*i]->Advance();
-        }
-        if (isMore) more.push_back(*i);
+        if (m_sources[*i]->Advance()) more.push_back(*i);
     }
     if (!more.empty()) Prepare(more);
     return !more.empty();
