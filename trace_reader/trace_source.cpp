@@ -29,13 +29,8 @@ Layout TraceSource::Examine() {
     Layout layout = ExamineFile(m_file);
     if (!m_follows || m_file.IsCompressed() || layout.kind != FileKind::kLogFile) return layout;
     m_log.emplace(m_file);
-    if (m_log->Take()) {
-        layout = ExamineFile(m_log->File());
-        m_log->SetCertain(layout.certain);
-    } else {
-        m_log.reset();
-        m_facts.error = "no memory to follow it";
-    }
+    layout = ExamineFile(m_log->File());
+    m_log->SetCertain(layout.certain);
     return layout;
 }
 
@@ -296,7 +291,6 @@ bool TraceSource::AdvanceLog() {
         case LogCopy::News::kOvertaken:
             return BeginAgain(true);
         case LogCopy::News::kRestarted:
-        case LogCopy::News::kFailed:
             break;
     }
     return BeginAgain();
