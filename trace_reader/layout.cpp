@@ -106,7 +106,7 @@ Trailers LookForTrailers(const TraceFile& file, uint64_t from, uint64_t to, cons
     return trailers;
 }
 
-// Times tell where to look. Where the clock was put back the only one with older records after it
+// Times show where to look. Where the clock was set back, the only one with older records after it
 // counts or, when there is none, the only one at all that no record follows directly.
 uint64_t FindTrailer(const TraceFile& file, uint64_t from, Layout& layout) {
     uint64_t begin = from, end = layout.size;
@@ -228,7 +228,7 @@ std::optional<WrapLine> ParseWrap(const TraceRecord& record, uint64_t offset) {
     const bool isWrap = record.kind == RecordKind::kWrap &&
                         TakeNumber(record.text, trace_text::kWrap, cycle) &&
                         TakeNumber(record.text, trace_text::kWrapStart, start);
-    // It stands where its cycle begins, which tells it from a copy in a text.
+    // It stands where its cycle begins, which a copy in a text does not.
     if (!isWrap || start != offset) return std::nullopt;
     return WrapLine{static_cast<uint32_t>(cycle), start};
 }

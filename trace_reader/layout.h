@@ -2,8 +2,8 @@
 // docs/trace-files.md for the two layouts.
 //
 // The newest record of a ring ends at the trailer that is followed by older records; that of a log
-// is, in the cycle that the wrap line begins, the one before the first that is older. A file in
-// which this does not tell one place is shown as it stands, and is not certain.
+// is, in the cycle that the wrap line begins, the one before the first that is older. A file where
+// this does not give exactly one place is shown in file order, and is not certain.
 #pragma once
 
 #include <cstdint>

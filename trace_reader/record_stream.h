@@ -48,7 +48,7 @@ class RecordStream {
     [[nodiscard]] const std::optional<Segment>& Rest() const { return m_rest; }
 
   private:
-    // A longer record is parted: a file without any line feed must not fill the memory.
+    // A longer record is split: a file without any line feed must not fill the memory.
     static constexpr size_t kLongest = size_t{1} << 28;
 
     // Of the record at m_position; `next` and `head` are of the one after it.

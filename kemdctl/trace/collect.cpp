@@ -33,7 +33,7 @@ struct TextMember {
 };
 
 // A copy of a file with its secrets masked, of the same length and line by line. A line of more
-// than 16 MiB is parted.
+// than 16 MiB is split.
 bool CopyMasked(const TraceFile& file, uint64_t size, SecretMask& mask, const TarGzip::Put& put) {
     constexpr size_t kBlock = size_t{1} << 20, kLongest = size_t{16} << 20;
     constexpr uint64_t kPage = 4096;
@@ -97,7 +97,7 @@ std::string UniqueName(const std::string& path, bool isCompressed,
 
 class Collection {
   public:
-    // False: it is left out, which is told.
+    // False: it is left out, which is reported.
     bool AddTrace(const std::string& path);
     void AddTexts();
     bool WriteTo(const char* archive, bool isQuiet);
@@ -128,7 +128,7 @@ bool Collection::AddTrace(const std::string& path) {
     m_mask.Begin();
     MaskHeader(entries, m_mask);
     member.header = FormatHeader(entries);
-    // Opened anew: the source keeps its own.
+    // Opened again: the source keeps its own.
     (void)member.file.Open(path);
     member.size = std::min<uint64_t>(member.file.Size(), TraceFile::kLimit);
     m_traces.push_back(std::move(member));

@@ -16,14 +16,14 @@ regmatch_t Range(std::string_view text, size_t from) {
     return {static_cast<regoff_t>(from), static_cast<regoff_t>(text.size())};
 }
 
-// With a zero byte behind it: though the end is given, a regexec that is watched looks for one.
+// With a zero byte after it: though the end is given, a regexec that is watched looks for one.
 const char* Terminated(std::string_view text) {
     static std::string copy;
     copy.assign(text);
     return copy.c_str();
 }
 
-// Where the fragment that begins here ends: behind its last whole line, if it has one.
+// Where the fragment that begins here ends: after its last whole line, if it has one.
 size_t FragmentEnd(std::string_view text, size_t begin) {
     if (text.size() - begin <= kFragment) return text.size();
     const size_t end = text.substr(begin, kFragment).rfind('\n');
@@ -73,7 +73,7 @@ bool Pattern::IsIn(std::string_view text) const {
         end = FragmentEnd(text, begin);
         if (MatchesFragment(text, begin, end)) return true;
         if (end == text.size()) return false;
-        // A line that is parted is not parted in the middle of a match.
+        // A line that is split is not split in the middle of a match.
         end = text[end] == '\n' ? end + 1 : end - kFragment / 2;
     }
 }

@@ -224,11 +224,11 @@ std::string FindConflict(const TraceOptions& options) {
                          !filter.threads.empty() || !filter.tags.empty() ||
                          !filter.wanted.empty() || !filter.excluded.empty();
     const bool isOfKept = options.run || isList;
-    if (isOfKept && goesOn) return "a kept run is written by nobody: no -f, no --wait-for";
+    if (isOfKept && goesOn) return "nothing is written to a kept run: no -f, no --wait-for";
     if (isOfKept && options.paths.size() > 1) return "kept runs are those of one directory";
     if (options.run && isList) return "--list-runs shows all of them";
     if (options.timeout && !goesOn) return "--timeout goes with -f and --wait-for only";
-    if (isOfFiles && (goesOn || chooses)) return "this report is of whole files: choose no records";
+    if (isOfFiles && (goesOn || chooses)) return "this report is of whole files: no filters, no -f";
     if (options.waitFor && options.report.index() != 0) {
         return "--wait-for goes with no report and no count";
     }

@@ -1,4 +1,4 @@
-// Where the shown records go: standard output, or a pager in front of a terminal.
+// Where the shown records go: standard output, or a pager on a terminal.
 #pragma once
 
 #include <sys/types.h>
@@ -31,7 +31,7 @@ class Pager {
     pid_t m_process = 0;
 };
 
-// Where the shown records go: standard output, or a pager in front of a terminal. Collects, so that
+// Where the shown records go: standard output, or a pager on a terminal. Collects, so that
 // many records go out with one call.
 class Output {
   public:
@@ -49,7 +49,7 @@ class Output {
     // Much at once, as it is; not for a terminal.
     void PutBytes(std::string_view bytes);
     void Flush();
-    // Nobody reads any more, or there was an error, which FinishOutput will tell.
+    // The reader has gone away, or there was an error, which FinishOutput will report.
     [[nodiscard]] bool IsClosed() const;
 
   private:

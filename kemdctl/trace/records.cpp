@@ -136,7 +136,7 @@ class RecordReport {
 
   private:
     bool Open(const std::vector<std::string>& files);
-    // Nothing is left out, so that nobody needs to look at the records one by one.
+    // Nothing is left out, so that records need not be looked at one by one.
     [[nodiscard]] bool TakesBlocks() const;
     // What is there when the command begins.
     void ReadFirst();
@@ -271,7 +271,7 @@ void RecordReport::Follow() {
 int RecordReport::Finish() {
     if (!m_last.Finish()) return kError;
     const bool hasFound = m_show ? m_show->HasShown() : m_last.Passed() > 0;
-    // A reader that has gone away is told nothing; otherwise the pager ends before anything is
+    // Nothing is said to a reader that has gone away; otherwise the pager ends before anything is
     // said.
     const bool isQuiet = m_options.isQuiet || IsClosed();
     m_show.reset();

@@ -17,7 +17,7 @@ constexpr std::string_view kMain = "KEMD-MAIN: ";
 constexpr std::string_view kOnExit = "KEMD-MAIN::OnExitService      : ";
 
 struct MarkText {
-    std::string_view text;  // what the record begins with, behind the name of the function
+    std::string_view text;  // what the record begins with, after the name of the function
     RunMark mark;
 };
 constexpr MarkText kMainTexts[] = {
@@ -104,7 +104,7 @@ std::optional<ModuleNote> ParseModuleNote(const TraceRecord& record) {
         "loading", "loaded",           "starting",        "started",        "stopping",
         "stopped", "cannot be loaded", "failed to start", "failed to stop", "is left out"};
     if (record.tag != "switch" || !record.text.starts_with(kModule)) return {};
-    // A fragment of an overwritten record may stand behind it.
+    // A fragment of an overwritten record may stand after it.
     std::string_view text = record.text.substr(0, record.text.find('\n'));
     text.remove_prefix(kModule.size());
     const size_t end = text.find(kFile);

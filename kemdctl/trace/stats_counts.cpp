@@ -9,7 +9,7 @@ namespace {
 constexpr int64_t kSecond = 1000, kMinute = 60 * kSecond, kHour = 60 * kMinute, kDay = 24 * kHour;
 
 // Each is a multiple of the one before, so that steps can be joined. Up to a minute seconds are
-// fine enough; behind them come minutes, as long as they fit.
+// fine enough; after them come minutes, as long as they fit.
 constexpr int64_t kUnits[] = {10,          100,          500,          kSecond,  kMinute,
                               5 * kMinute, 10 * kMinute, 30 * kMinute, kHour,    2 * kHour,
                               6 * kHour,   12 * kHour,   kDay,         7 * kDay, 28 * kDay};

@@ -57,6 +57,6 @@ class Tally {
     std::unordered_map<std::string, uint64_t, Hash, std::equal_to<>> m_counts;
 };
 
-// The text with each number, decimal or behind 0x, as one #, so that texts of one kind are the
+// The text with each number, decimal or after 0x, as one #, so that texts of one kind are the
 // same. As far as it is worth comparing.
 [[nodiscard]] std::string NormaliseText(std::string_view text);
