@@ -1,6 +1,5 @@
 #include "trace_reader/trace_file.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -234,21 +233,4 @@ uint64_t TraceFile::FindLineEnd(uint64_t begin, uint64_t end) const {
 uint64_t TraceFile::FindLineStart(uint64_t place) const {
     const uint64_t feed = FindLast("\n", 0, place);
     return feed == npos ? 0 : feed + 1;
-}
-
-Writing SeeWriter(int process, const TraceFile& file) {
-    if (process <= 0) return Writing::kNo;
-    const std::string path = "/proc/" + std::to_string(process) + "/fd/";
-    const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(path.c_str()), closedir);
-    // As if there was no such process, in some containers.
-    bool isUnseen = !entries && (errno == EACCES || (kill(process, 0) != 0 && errno == EPERM));
-    while (const dirent* entry = entries ? readdir(entries.get()) : nullptr) {
-        struct stat status = {};
-        if (stat((path + entry->d_name).c_str(), &status) != 0) {
-            isUnseen = isUnseen || errno == EACCES;
-        } else if (file.IsSame(status)) {
-            return Writing::kYes;
-        }
-    }
-    return isUnseen ? Writing::kUnseen : Writing::kNo;
 }

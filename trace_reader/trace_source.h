@@ -65,9 +65,6 @@ class TraceSource {
     [[nodiscard]] bool HasLost() const { return m_facts.lost > 0 || m_facts.isOvertaken; }
     // False: it cannot be read, or not all of it, or is no trace file.
     [[nodiscard]] bool IsGood() const;
-    // "ring, 1234 records read, 2026-11-15 20:04:51.123 to ..., wrapped, process 123 writes it". To
-    // be called when all records were read. Holds nothing that comes from the file unchecked.
-    [[nodiscard]] std::string Describe() const;
     // What is wrong with the file, in a few words; empty: nothing.
     [[nodiscard]] const std::string& Problem() const {
         return m_facts.error.empty() ? m_facts.problem : m_facts.error;

@@ -6,6 +6,7 @@
 #include "kemdctl/trace/html_page.h"
 #include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/run_marks.h"
+#include "kemdctl/trace/trace_files.h"
 #include "kemdctl/ui/json.h"
 #include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/text.h"
@@ -85,7 +86,7 @@ std::string HtmlSink::Facts() const {
     std::string text = "\"files\":[";
     for (const auto& source : m_merge->Sources()) {
         text += (text.back() == '[' ? "{\"path\":" : ",{\"path\":") + JsonQuoted(source->Path()) +
-                ",\"facts\":" + JsonQuoted(source->Describe()) + "}";
+                ",\"facts\":" + JsonQuoted(Describe(*source)) + "}";
     }
     return text + "],\"leftOut\":" + std::to_string(m_leftOut) +
            ",\"cut\":" + std::to_string(m_cut);

@@ -8,6 +8,7 @@
 
 #include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/stats_counts.h"
+#include "kemdctl/trace/trace_files.h"
 #include "kemdctl/ui/text.h"
 #include "trace_reader/record.h"
 #include "trace_reader/trace_merge.h"
@@ -20,7 +21,7 @@ struct TraceGap {
     int64_t length;  // milliseconds
 };
 
-// How fast a file was written, as far as its chosen records tell.
+// How fast a file was written, as far as its chosen records show.
 struct RingReach {
     uint64_t bytes = 0;
     int64_t milliseconds = 0;
@@ -186,7 +187,7 @@ void ShowGaps(const std::vector<TraceGap>& gaps, ReportWriter& report) {
 void ShowFile(const TraceSource& source, const RingReach& reach, ReportWriter& report) {
     const SourceFacts& facts = source.Facts();
     const auto span = ReachOf(reach, source);
-    report.Line([&] { return "  " + Printable(source.Path()) + ": " + source.Describe(); });
+    report.Line([&] { return "  " + Printable(source.Path()) + ": " + Describe(source); });
     if (span) {
         const std::string duration = DurationText(*span);
         report.Line(facts.cycle > 0 ? "    reaches back " + duration

@@ -26,6 +26,14 @@ struct KeptPlace {
 // the directory in force. Empty, after a message, when there are none.
 [[nodiscard]] std::vector<std::string> ChooseFiles(const TraceOptions& options);
 
+// Whether a process has a file open. Of other users' processes only root may ask, and not in every
+// container.
+enum class Writing : uint8_t { kNo, kYes, kUnseen };
+[[nodiscard]] Writing SeeWriter(int process, const TraceFile& file);
+
+// "ring, 1234 records read, 2026-11-15 20:04:51.123 to ..., wrapped, process 123 writes it", when
+// all records were read. Holds nothing that comes from the file unchecked.
+[[nodiscard]] std::string Describe(const TraceSource& source);
 // One line for each file on standard error, when quiet only for those that could not be read or are
 // no trace files. False when there is one of these.
 bool ReportFacts(const TraceMerge& merge, bool isQuiet);

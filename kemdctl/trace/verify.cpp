@@ -3,6 +3,7 @@
 
 #include "kemdctl/trace/header_report.h"
 #include "kemdctl/trace/reports.h"
+#include "kemdctl/trace/trace_files.h"
 #include "kemdctl/ui/text.h"
 #include "trace_reader/record.h"
 #include "trace_reader/trace_source.h"
@@ -20,7 +21,7 @@ std::string Bytes(uint64_t count) {
     return std::to_string(count) + (count == 1 ? " byte" : " bytes");
 }
 
-// What only the records themselves tell.
+// What only the records themselves show.
 class RecordCheck {
   public:
     void Take(const TraceRecord& record) {
@@ -88,7 +89,7 @@ Verdict Verify(const std::string& path) {
     if (!facts.error.empty()) verdict.findings.push_back(facts.error);
     verdict.isWhole = facts.error.empty();
     if (facts.kind == FileKind::kEmptyFile) verdict.findings.emplace_back("is empty");
-    verdict.summary = source.Describe();
+    verdict.summary = Describe(source);
     return verdict;
 }
 

@@ -22,7 +22,6 @@ std::string ReadOneByOne(TraceSource& source, size_t size) {
         text += std::string(record.line) + "\n";
     }
     Require(text.size() <= size + 2, "more than the file has");
-    (void)source.Describe();
     return text;
 }
 
