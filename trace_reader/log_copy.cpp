@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -16,6 +17,16 @@ uint64_t LineStart(const std::string& text, uint64_t place) {
 uint64_t LineEnd(const std::string& text, uint64_t place) {
     const size_t feed = text.find('\n', place);
     return feed == text.npos ? text.npos : feed + 1;
+}
+
+constexpr size_t kBlock = 4096;
+
+// The first of so many bytes, which both texts have, that differs; `length` when none does.
+size_t FindDifference(const std::string& a, const std::string& b, size_t length) {
+    size_t at = 0;
+    while (at + kBlock <= length && std::memcmp(&a[at], &b[at], kBlock) == 0) at += kBlock;
+    while (at < length && a[at] == b[at]) ++at;
+    return at;
 }
 
 }  // namespace
@@ -70,6 +81,9 @@ uint64_t LogCopy::SkipLines(uint64_t end, uint64_t limit) const {
 // the disk was full within the last. It is in the copy then.
 uint64_t LogCopy::TakeOver(uint64_t begin, uint64_t limit) {
     uint64_t changed = std::min(limit, m_now.size());
+    while (changed >= begin + kBlock && changed <= m_before.size() &&
+           std::memcmp(&m_now[changed - kBlock], &m_before[changed - kBlock], kBlock) == 0)
+        changed -= kBlock;
     while (changed > begin && changed <= m_before.size() &&
            m_now[changed - 1] == m_before[changed - 1])
         --changed;
@@ -135,10 +149,8 @@ LogCopy::News LogCopy::Look(Layout& layout) {
     if (m_now.size() < m_before.size()) return News::kRestarted;
     const uint64_t compared =
         layout.isCertain ? std::min(ComparedEnd(layout), m_before.size()) : m_before.size();
-    const auto end = m_before.begin() + static_cast<std::ptrdiff_t>(compared);
-    const auto same = std::mismatch(m_before.begin(), end, m_now.begin()).first;
-    if (same == end) return GoOn(layout);
-    const auto change = static_cast<uint64_t>(same - m_before.begin());
+    const uint64_t change = FindDifference(m_before, m_now, compared);
+    if (change == compared) return GoOn(layout);
     if (change < layout.start) return News::kRestarted;
     const uint64_t line = LineStart(m_now, change);
     const auto wrap = ReadWrapLine(m_log, line);

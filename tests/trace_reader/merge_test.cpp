@@ -70,23 +70,6 @@ TEST_F(MergeTest, OneOrderAndEachMessageOnce) {
     EXPECT_GT(runs, 300u);
 }
 
-TEST_F(MergeTest, MessagesThatOnlyTheLogStillHasComeFirst) {
-    Start(1);
-    for (int i = 0; i < 3000; ++i) {
-        SetClock(kStart + i);
-        if (i == 10) debug.InitDone();
-        if (i % 100 == 5) Message("message " + std::to_string(i));
-        Trace(std::to_string(i) + std::string(900, 'z'));
-    }
-    TraceMerge merge;
-    merge.Add(kLog);
-    merge.Add(kRuntimeRing);
-    const Lines ring = Whole(kRuntimeRing), log = Whole(kLog);
-    const Lines expected = KeptIn(ring, log);
-    ASSERT_NE(log.front(), ring.front());
-    EXPECT_EQ("", Differ(expected, Read(merge)));
-}
-
 TEST_F(MergeTest, RecordsOfOneMillisecondStayInTheOrderOfWriting) {
     StartRing();
     Message("only in the log");
