@@ -9,6 +9,7 @@
 #include "kemdctl/trace/collect_archive.h"
 #include "kemdctl/trace/collect_mask.h"
 #include "kemdctl/trace/header_report.h"
+#include "kemdctl/trace/options.h"
 #include "kemdctl/trace/progress.h"
 #include "kemdctl/trace/reports.h"
 #include "kemdctl/ui/command.h"

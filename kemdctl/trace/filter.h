@@ -19,8 +19,9 @@ class Pattern {
     [[nodiscard]] std::string Set(const char* pattern, bool ignoresCase);
 
     // Whether it matches somewhere in the text; ^ and $ match at its lines. A text of more than
-    // 64 KiB is searched in fragments of whole lines, a longer line in fragments that overlap by half: a
-    // match of more than 32 KiB in such a line may be missed. Reports once that there is no memory.
+    // 64 KiB is searched in fragments of whole lines, a longer line in fragments that overlap by
+    // half: a match of more than 32 KiB in such a line may be missed. Reports once that there is no
+    // memory.
     [[nodiscard]] bool IsIn(std::string_view text) const;
 
     struct Place {

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "kemdctl/trace/html_page.h"
+#include "kemdctl/trace/options.h"
 #include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/run_marks.h"
 #include "kemdctl/trace/trace_files.h"

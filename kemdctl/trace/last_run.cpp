@@ -4,6 +4,7 @@
 
 #include "kemdctl/facts/process_facts.h"
 #include "kemdctl/trace/last_run_facts.h"
+#include "kemdctl/trace/options.h"
 #include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/trace_files.h"
 #include "kemdctl/ui/text.h"

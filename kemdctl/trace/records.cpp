@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "kemdctl/trace/options.h"
 #include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/show_sink.h"
 #include "kemdctl/trace/sink.h"

@@ -6,9 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "kemdctl/trace/options.h"
 #include "kemdctl/trace/sink.h"
 #include "kemdctl/ui/report.h"
+
+struct TraceOptions;
 
 // All return the exit code. What cannot be read is reported.
 

@@ -2,6 +2,7 @@
 #include <map>
 #include <utility>
 
+#include "kemdctl/trace/options.h"
 #include "kemdctl/trace/progress.h"
 #include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/run_marks.h"

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "kemdctl/commands.h"
+#include "kemdctl/trace/options.h"
 #include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/trace_files.h"
 
