@@ -45,10 +45,10 @@ struct Follower {
     [[nodiscard]] bool ReadUntil(const std::string& text) const {
         std::string shown;
         for (pollfd event{output, POLLIN, 0}; poll(&event, 1, 1000) == 1;) {
-            std::array<char, 4096> piece{};
-            const ssize_t length = read(output, piece.data(), piece.size());
+            std::array<char, 4096> fragment{};
+            const ssize_t length = read(output, fragment.data(), fragment.size());
             if (length <= 0) return false;
-            shown.append(piece.data(), static_cast<size_t>(length));
+            shown.append(fragment.data(), static_cast<size_t>(length));
             if (shown.find(text) != shown.npos) return true;
         }
         return false;

@@ -25,6 +25,10 @@ bool IsAt(const TraceFile& file, uint64_t offset, std::string_view text) {
     return file.Read(offset, text.size()) == text;
 }
 
+bool EndsWithFill(const TraceFile& file, uint64_t size) {
+    return size >= kFill.size() && IsAt(file, size - kFill.size(), kFill);
+}
+
 // Where the records of one cycle end and older ones or pre-fill begin, by time stamps: between
 // `begin` and `end`, which come closer. Wrong when the clock went back.
 void NarrowNewest(const TraceFile& file, uint64_t& begin, uint64_t& end) {
@@ -53,84 +57,66 @@ std::optional<int64_t> TimeBefore(const TraceFile& file, uint64_t begin, uint64_
     }
 }
 
-// The lines of a ring that look like its trailer.
-class Trailers {
-  public:
-    Trailers(const TraceFile& file, uint64_t start, uint64_t end)
-        : m_file(file), m_start(start), m_end(end) {}
-
-    // Those that begin in [from, to). True when one is followed by older records: that is it.
-    bool Look(uint64_t from, uint64_t to, bool isFirstEnough);
-    // When all were looked at: the one that is followed by older records or, when the clock was put
-    // back, the only one, if what follows it is not the next record.
-    [[nodiscard]] uint64_t Only() const {
-        if (m_isCut || m_good > 1) return TraceFile::npos;
-        return m_good == 1 || (m_count == 1 && m_hasFragment) ? m_place : TraceFile::npos;
-    }
-    [[nodiscard]] uint64_t Place() const { return m_place; }
-    [[nodiscard]] bool IsOneOfMany() const { return m_isOneOfMany; }
-
-  private:
-    [[nodiscard]] bool IsGood(uint64_t at, const std::optional<RecordPlace>& next) const;
-
-    const TraceFile& m_file;
-    uint64_t m_start;
-    uint64_t m_end;
-    uint64_t m_place = TraceFile::npos;
-    int m_count = 0;
-    int m_good = 0;
-    bool m_hasFragment = false;
-    bool m_isOneOfMany = false;  // before the next record: of a text, or of an older one
-    bool m_isCut = false;
+// The lines of a ring that look like its trailer, as a text may have them, too.
+struct Trailers {
+    uint64_t place = TraceFile::npos;  // of the last one that older records follow, or of the last
+    int count = 0;
+    int good = 0;              // those that older records or pre-fill follow
+    bool hasFragment = false;  // bytes of an overwritten record follow it
+    bool isOneOfMany = false;  // before the same record: one of a text, or left of an older cycle
 };
 
-bool Trailers::IsGood(uint64_t at, const std::optional<RecordPlace>& next) const {
+bool IsFollowedByOlder(const TraceFile& file, uint64_t start, uint64_t trailer,
+                       const std::optional<RecordPlace>& next) {
     if (!next || next->kind == RecordKind::kFill) return true;
-    const auto time = TimeBefore(m_file, std::min(m_start, at), at);
+    const auto time = TimeBefore(file, std::min(start, trailer), trailer);
     return time && next->time < *time;
 }
 
-bool Trailers::Look(uint64_t from, uint64_t to, bool isFirstEnough) {
+// Those that begin in [from, to), up to the first that is good when it must not be the only one.
+Trailers LookForTrailers(const TraceFile& file, uint64_t from, uint64_t to, const Layout& layout,
+                         bool mustBeOnly) {
     static constexpr std::string_view kLine = "\n## TRACE-END ##\n";
-    constexpr int kMost = 10'000;  // of them in texts: no file may keep its reader busy for long
     static_assert(kLine.substr(1) == kTrailer);
-    const uint64_t last = std::min(to + kLine.size(), m_end);
+    constexpr int kMost = 10'000;  // in texts: no file may keep its reader busy for long
+    const std::string headerEnd = std::string(trace_text::kHeaderEnd) + "\n";
+    const uint64_t last = std::min(to + kLine.size(), layout.size);
+    Trailers trailers;
     for (int looked = 0; from < to; ++looked) {
         // The line feed before it belongs to the record before.
-        const uint64_t found = m_file.Find(kLine, std::max<uint64_t>(from, 1) - 1, last);
-        m_isCut = looked == kMost;
-        if (found == TraceFile::npos || m_isCut) break;
-        const auto next = FindRecord(m_file, found + kLine.size(), m_end);
+        const uint64_t found = file.Find(kLine, std::max<uint64_t>(from, 1) - 1, last);
+        if (found == TraceFile::npos) break;
+        if (looked == kMost) return {};
+        const auto next = FindRecord(file, found + kLine.size(), layout.size);
         // Of several before one record the last. A writer may have overwritten all of them by now.
-        from = next ? next->offset : m_end;
-        const uint64_t line = m_file.FindLast(kLine, found, std::min(from, last));
+        from = next ? next->offset : layout.size;
+        const uint64_t line = file.FindLast(kLine, found, std::min(from, last));
         const uint64_t at = (line == TraceFile::npos ? found : line) + 1;
         // A header that reaches into the records ends in a trailer, too.
-        const std::string headerEnd = std::string(trace_text::kHeaderEnd) + "\n";
-        if (at >= headerEnd.size() && IsAt(m_file, at - headerEnd.size(), headerEnd)) continue;
-        const bool isGood = IsGood(at, next);
-        ++m_count;
-        m_good += isGood ? 1 : 0;
-        if (!isGood && m_good > 0) continue;
-        m_place = at;
-        m_isOneOfMany = at != found + 1;
-        m_hasFragment = next && next->offset != at + kTrailer.size();
-        if (isGood && isFirstEnough) return true;
+        if (at >= headerEnd.size() && IsAt(file, at - headerEnd.size(), headerEnd)) continue;
+        const bool isGood = IsFollowedByOlder(file, layout.start, at, next);
+        ++trailers.count;
+        trailers.good += isGood ? 1 : 0;
+        if (!isGood && trailers.good > 0) continue;
+        trailers.place = at;
+        trailers.isOneOfMany = at != found + 1;
+        trailers.hasFragment = next && next->offset != at + kTrailer.size();
+        if (isGood && !mustBeOnly) break;
     }
-    return false;
+    return trailers;
 }
 
+// Times show where to look. Where the clock was set back, the only one with older records after it
+// counts or, when there is none, the only one at all that no record follows directly.
 uint64_t FindTrailer(const TraceFile& file, uint64_t from, Layout& layout) {
     uint64_t begin = from, end = layout.size;
     NarrowNewest(file, begin, end);
-    Trailers near(file, layout.start, layout.size);
-    const bool isFound = near.Look(begin, end, true);
-    layout.hasUncertainLines = near.IsOneOfMany();
-    if (isFound) return near.Place();
-    Trailers all(file, layout.start, layout.size);
-    (void)all.Look(from, layout.size, false);
-    layout.hasUncertainLines = all.IsOneOfMany();
-    return all.Only();
+    Trailers trailers = LookForTrailers(file, begin, end, layout, false);
+    if (trailers.good == 0) trailers = LookForTrailers(file, from, layout.size, layout, true);
+    layout.hasUncertainLines = trailers.isOneOfMany;
+    const bool isOnly =
+        trailers.good == 1 || (trailers.good == 0 && trailers.count == 1 && trailers.hasFragment);
+    return isOnly ? trailers.place : TraceFile::npos;
 }
 
 // A cycle may be overtaken while it is looked at: it is examined again when no trailer is seen, as
@@ -182,49 +168,52 @@ uint64_t FindHeaderEnd(const TraceFile& file, uint64_t begin, uint64_t end) {
     return found == TraceFile::npos ? begin : found + text.size();
 }
 
-void ExamineCycles(const TraceFile& file, Layout& layout) {
-    const uint64_t size = layout.size;
-    const uint64_t dots = FindDots(file, layout.start, size);
-    const bool hasFill = size >= kFill.size() && IsAt(file, size - kFill.size(), kFill);
-    layout.isCertain = FindNewestOfLive(file, layout, 3);
-    if (!layout.isCertain) {
-        if (!layout.problem.empty()) layout.problem += "; ";
-        const bool hasOne = file.Find(kTrailer, layout.start, size) != TraceFile::npos;
-        layout.problem += (hasOne ? "no certain trailer: " : "no trailer: ");
-        layout.problem += kNotCertain;
-        layout.cycle = hasFill ? 0 : 1;
-        PutSegment(layout, layout.start, dots, RecordKind::kRecord, !layout.hasStart);
-        return PutSegment(layout, dots, size, RecordKind::kFill);
-    }
-    const uint64_t trailer = layout.newest + kTrailer.size();
-    // What is left of a header that had grown.
-    const uint64_t old = layout.run.empty() ? FindHeaderEnd(file, trailer, dots) : trailer;
-    const bool isFirst = dots == size && hasFill;
-    layout.oldEnd = isFirst ? old : std::max(dots, old);
-    layout.cycle = isFirst ? 0 : 1;
-    PutSegment(layout, trailer, old, RecordKind::kHeader);
-    PutSegment(layout, old, layout.oldEnd, RecordKind::kRecord, true);
-    PutSegment(layout, layout.oldEnd, isFirst ? 0 : size, RecordKind::kFill);
-    PutSegment(layout, layout.start, layout.newest, RecordKind::kRecord, !layout.hasStart);
-    PutSegment(layout, layout.newest, trailer, RecordKind::kTrailerLine);
-    if (isFirst) PutSegment(layout, old, size, RecordKind::kFill);
+void ShowAsItStands(const TraceFile& file, uint64_t dots, bool hasFill, Layout& layout) {
+    if (!layout.problem.empty()) layout.problem += "; ";
+    const bool hasOne = file.Find(kTrailer, layout.start, layout.size) != TraceFile::npos;
+    layout.problem += (hasOne ? "no certain trailer: " : "no trailer: ");
+    layout.problem += kNotCertain;
+    layout.isCertain = false;
+    layout.cycle = hasFill ? 0 : 1;
+    PutSegment(layout, layout.start, dots, RecordKind::kRecord, layout.run.empty());
+    PutSegment(layout, dots, layout.size, RecordKind::kFill);
 }
 
-void ExamineRing(const TraceFile& file, uint64_t begin, Layout& layout) {
-    layout.kind = FileKind::kRingFile;
+// Without the record that begins it a ring begins where its header leaves a record in the middle
+// of a line, or where the header ends.
+void FindStart(const TraceFile& file, uint64_t begin, Layout& layout) {
     if (begin != TraceFile::npos) {
         layout.start = file.FindLineEnd(begin, layout.size);
         layout.run = file.Read(begin, layout.start - begin);
         PutSegment(layout, 0, begin, RecordKind::kHeader);
-        PutSegment(layout, begin, layout.start, RecordKind::kBegin);
-    } else {
-        layout.problem = "the record that begins the ring is damaged";
-        layout.start = FindStartInLine(file, layout.size);
-        layout.hasStart = layout.start != TraceFile::npos;
-        if (!layout.hasStart) layout.start = FindHeaderEnd(file, 0, layout.size);
-        PutSegment(layout, 0, layout.start, RecordKind::kHeader);
+        return PutSegment(layout, begin, layout.start, RecordKind::kBegin);
     }
-    ExamineCycles(file, layout);
+    layout.problem = "the record that begins the ring is damaged";
+    layout.start = FindStartInLine(file, layout.size);
+    layout.hasStart = layout.start != TraceFile::npos;
+    if (!layout.hasStart) layout.start = FindHeaderEnd(file, 0, layout.size);
+    PutSegment(layout, 0, layout.start, RecordKind::kHeader);
+}
+
+void ExamineRing(const TraceFile& file, uint64_t begin, Layout& layout) {
+    FindStart(file, begin, layout);
+    const uint64_t size = layout.size;
+    const uint64_t dots = FindDots(file, layout.start, size);
+    const bool hasFill = EndsWithFill(file, size);
+    if (!FindNewestOfLive(file, layout, 3)) return ShowAsItStands(file, dots, hasFill, layout);
+    const bool isCut = layout.run.empty();
+    const uint64_t trailer = layout.newest + kTrailer.size();
+    // What is left of a header that had grown.
+    const uint64_t old = isCut ? FindHeaderEnd(file, trailer, dots) : trailer;
+    const bool isFirst = dots == size && hasFill;
+    const uint64_t oldEnd = isFirst ? old : std::max(dots, old);
+    layout.cycle = isFirst ? 0 : 1;
+    PutSegment(layout, trailer, old, RecordKind::kHeader);
+    PutSegment(layout, old, oldEnd, RecordKind::kRecord, true);
+    PutSegment(layout, oldEnd, isFirst ? 0 : size, RecordKind::kFill);
+    PutSegment(layout, layout.start, layout.newest, RecordKind::kRecord, isCut);
+    PutSegment(layout, layout.newest, trailer, RecordKind::kTrailerLine);
+    if (isFirst) PutSegment(layout, old, size, RecordKind::kFill);
 }
 
 bool TakeNumber(std::string_view text, std::string_view label, uint64_t& number) {
@@ -239,86 +228,92 @@ std::optional<WrapLine> ParseWrap(const TraceRecord& record, uint64_t offset) {
     const bool isWrap = record.kind == RecordKind::kWrap &&
                         TakeNumber(record.text, trace_text::kWrap, cycle) &&
                         TakeNumber(record.text, trace_text::kWrapStart, start);
-    // It stands where its cycle begins, which tells it from a copy in a text.
+    // It stands where its cycle begins, which a copy in a text does not.
     if (!isWrap || start != offset) return std::nullopt;
     return WrapLine{static_cast<uint32_t>(cycle), start};
 }
 
-// Goes over a log: where in the last cycle may the newest record end?
+// Goes over a log. Where the records of its last cycle end is seen where the time goes back, and
+// where lines without a prefix end, which an overwritten record has left.
 class LogScan {
   public:
-    struct Place {
-        uint64_t certain = 0;  // the end of its first line
-        uint64_t old = 0;      // where the next record begins
-        bool isSameTime = false;
-        bool isLong = false;
-        bool isWrap = false;  // ends the wrap line, which always has one line
-        int count = 0;
-    };
-
     void Take(const TraceRecord& record, uint64_t offset);
-    void Examine(Layout& layout);
-
-    WrapLine wrap;
+    // Of a log that has wrapped.
+    void Put(Layout& layout) const;
+    [[nodiscard]] bool HasWrapped() const { return m_wrap.cycle > 0; }
 
   private:
-    void Note(Place& place, const TraceRecord& record, uint64_t offset) const {
-        if (place.count++ == 0)
-            place = {m_lineEnd, offset, record.time == m_time, m_isLong, m_isWrap, 1};
-    }
-    // Most texts have one line: what follows in further lines was left by an overwritten record.
+    // Between two records of the log.
+    struct Place {
+        uint64_t certain = 0;  // the end of the first line of the record before
+        uint64_t old = 0;      // where the next record begins
+        int64_t time = INT64_MIN;
+        bool isLong = false;  // the record before has further lines
+        bool isWrap = false;  // it is a wrap line, which has none of its own
+    };
+    // The first place, and how many there are.
+    struct Places {
+        Place first;
+        int count = 0;
+        void Add(const Place& place) {
+            if (count++ == 0) first = place;
+        }
+    };
+    // Otherwise what follows in further lines was left by an overwritten record.
     [[nodiscard]] bool HasLongTexts() const { return m_longTexts > 1; }
-    void Put(const Place& place, bool hasOlder, Layout& layout) const;
+    void PutAround(const Place& place, bool hasOlder, Layout& layout) const;
 
-    Place m_back;      // where time goes back
-    Place m_fragment;  // where lines without a prefix end
+    WrapLine m_wrap;
+    Places m_back;
+    Places m_fragments;
+    bool m_isFragmentOpen = false;  // the record after it is as old as the one before
     int m_longTexts = 0;
-    // Of the record before:
-    int64_t m_time = INT64_MIN;
-    uint64_t m_lineEnd = 0;
-    bool m_isLong = false;
-    bool m_isWrap = false;
+    Place m_last;  // after the record that was taken last
 };
 
 void LogScan::Take(const TraceRecord& record, uint64_t offset) {
-    if (record.time < m_time) Note(m_back, record, offset);
-    if (m_isLong) Note(m_fragment, record, offset);
-    m_longTexts += m_isLong ? 1 : 0;
-    if (const auto found = ParseWrap(record, offset); found && found->cycle > wrap.cycle) {
-        wrap = *found;
-        m_back = m_fragment = {};
+    m_last.old = offset;
+    if (record.time < m_last.time) m_back.Add(m_last);
+    if (m_last.isLong) {
+        if (m_fragments.count == 0) m_isFragmentOpen = record.time == m_last.time;
+        m_fragments.Add(m_last);
+        ++m_longTexts;
     }
-    const size_t first = record.line.find('\n');
-    m_isLong = first != record.line.npos;
-    m_lineEnd = offset + std::min(first, record.line.size()) + 1;
-    m_time = record.time;
-    m_isWrap = record.kind == RecordKind::kWrap;
+    if (const auto wrap = ParseWrap(record, offset); wrap && wrap->cycle > m_wrap.cycle) {
+        m_wrap = *wrap;
+        m_back = m_fragments = {};
+    }
+    const size_t first = std::min(record.line.find('\n'), record.line.size());
+    m_last = {offset + first + 1, 0, record.time, first < record.line.size(),
+              record.kind == RecordKind::kWrap};
 }
 
-void LogScan::Put(const Place& place, bool hasOlder, Layout& layout) const {
+void LogScan::PutAround(const Place& place, bool hasOlder, Layout& layout) const {
     layout.certain = std::min(place.certain, layout.size);
     layout.newest = HasLongTexts() && !place.isWrap ? place.old : layout.certain;
     // The file is never shortened: after the record that passed the limit there may be what older
     // ones have left.
-    const bool hasRest = hasOlder && layout.cycle > 1 && m_isLong;
-    layout.oldEnd = hasRest && !HasLongTexts() ? m_lineEnd : layout.size;
+    const bool hasRest = hasOlder && layout.cycle > 1 && m_last.isLong;
+    const uint64_t oldEnd = hasRest && !HasLongTexts() ? m_last.certain : layout.size;
     layout.hasUncertainLines = HasLongTexts() && ((place.isLong && !place.isWrap) || hasRest);
-    layout.overwritten = place.old - layout.newest + layout.size - layout.oldEnd;
+    layout.overwritten = place.old - layout.newest + layout.size - oldEnd;
     PutSegment(layout, 0, layout.start);
     PutSegment(layout, layout.newest, place.old, RecordKind::kFragment);
-    PutSegment(layout, place.old, layout.oldEnd);
-    PutSegment(layout, layout.oldEnd, layout.size, RecordKind::kFragment);
+    PutSegment(layout, place.old, oldEnd);
+    PutSegment(layout, oldEnd, layout.size, RecordKind::kFragment);
     PutSegment(layout, layout.start, layout.newest);
 }
 
-void LogScan::Examine(Layout& layout) {
-    layout.cycle = wrap.cycle;
-    layout.start = wrap.start;
-    const bool agree = HasLongTexts() || m_fragment.count == 0 || m_fragment.old == m_back.old;
-    const bool isOpen = !HasLongTexts() && m_fragment.count > 0 && m_fragment.isSameTime;
-    if (m_back.count == 1 && agree) return Put(m_back, true, layout);
-    if (m_back.count == 0 && !isOpen) {
-        return Put({m_lineEnd, layout.size, false, m_isLong, m_isWrap, 1}, false, layout);
+void LogScan::Put(Layout& layout) const {
+    layout.cycle = m_wrap.cycle;
+    layout.start = m_wrap.start;
+    const bool countsFragments = !HasLongTexts() && m_fragments.count > 0;
+    const bool agree = !countsFragments || m_fragments.first.old == m_back.first.old;
+    if (m_back.count == 1 && agree) return PutAround(m_back.first, true, layout);
+    if (m_back.count == 0 && !(countsFragments && m_isFragmentOpen)) {
+        Place end = m_last;
+        end.old = layout.size;
+        return PutAround(end, false, layout);
     }
     layout.isCertain = false;
     layout.problem = kNotCertain;
@@ -326,39 +321,36 @@ void LogScan::Examine(Layout& layout) {
 }
 
 void ExamineLog(const TraceFile& file, Layout& layout) {
-    layout.kind = FileKind::kLogFile;
     LogScan scan;
     if (file.Find(trace_text::kWrap, 0, layout.size) != TraceFile::npos) {
         RecordStream stream(file);
         stream.Start({0, layout.size, RecordKind::kRecord, false});
         for (TraceRecord record; stream.Next(record);) scan.Take(record, stream.Offset());
     }
-    if (scan.wrap.cycle > 0) return scan.Examine(layout);
+    if (scan.HasWrapped()) return scan.Put(layout);
     layout.newest = layout.certain = file.FindLineStart(layout.size);
     PutSegment(layout, 0, layout.size);
 }
 
-// What a file without any mark of a ring holds. A ring that is being made has none either while a
-// line of its header is written, but it ends with pre-fill.
+// What a file without the record that begins a ring holds. A ring begins with its header, if it is
+// not damaged there, and has a trailer; while it is made it has pre-fill at least.
 FileKind FindKind(const TraceFile& file, uint64_t size) {
-    if (size >= kFill.size() && IsAt(file, size - kFill.size(), kFill)) return FileKind::kRingFile;
-    RecordStream stream(file);
-    stream.Start({0, size, RecordKind::kRecord, true});
-    TraceRecord record;
-    while (stream.Next(record)) {
-        if (record.kind != RecordKind::kFill) return FileKind::kLogFile;
-    }
-    return stream.CutBytes() == size ? FileKind::kForeignFile : FileKind::kRingFile;
-}
-
-// A ring begins with its header, if it is not damaged there.
-bool BeginsAsLog(const TraceFile& file, uint64_t size) {
     RecordStream stream(file);
     stream.Start({0, size, RecordKind::kRecord, false});
     TraceRecord record;
-    return stream.Next(record) && record.kind == RecordKind::kRecord &&
-           record.text != trace_text::kEnvironment &&
-           !record.text.ends_with(trace_text::kCommandLine);
+    bool isThere = stream.Next(record);
+    const bool isMessage = isThere && record.kind == RecordKind::kRecord &&
+                           record.text != trace_text::kEnvironment &&
+                           !record.text.ends_with(trace_text::kCommandLine);
+    if (!isMessage && file.Find(kTrailer, 0, size) != TraceFile::npos) return FileKind::kRingFile;
+    if (EndsWithFill(file, size)) return FileKind::kRingFile;
+    FileKind kind = FileKind::kForeignFile;
+    for (; isThere; isThere = stream.Next(record)) {
+        if (record.kind == RecordKind::kFill) kind = FileKind::kRingFile;
+        if (record.kind == RecordKind::kRecord || record.kind == RecordKind::kWrap)
+            return FileKind::kLogFile;
+    }
+    return kind;
 }
 
 }  // namespace
@@ -368,24 +360,22 @@ Layout ExamineFile(const TraceFile& file) {
     layout.size = file.Size();
     if (layout.size == 0) return layout;
     const uint64_t begin = FindBegin(file, layout.size);
+    const bool isRing = begin != TraceFile::npos;
     // A ring that is being made has its whole size only when its records begin.
-    if (begin != TraceFile::npos) layout.size = file.Size();
-    const bool isRing =
-        begin != TraceFile::npos ||
-        (file.Find(kTrailer, 0, layout.size) != TraceFile::npos && !BeginsAsLog(file, layout.size));
-    if (isRing) {
-        ExamineRing(file, begin, layout);
-        return layout;
-    }
-    layout.kind = FindKind(file, layout.size);
+    if (isRing) layout.size = file.Size();
+    layout.kind = isRing ? FileKind::kRingFile : FindKind(file, layout.size);
     if (layout.kind == FileKind::kLogFile) {
         ExamineLog(file, layout);
-        return layout;
+    } else if (layout.kind == FileKind::kForeignFile) {
+        PutSegment(layout, 0, layout.size, RecordKind::kOther);
+        layout.problem = "no trace file";
+    } else if (isRing || file.Find(kTrailer, 0, layout.size) != TraceFile::npos) {
+        ExamineRing(file, begin, layout);
+    } else {
+        layout.isCertain = false;
+        PutSegment(layout, 0, layout.size, RecordKind::kFill);
+        layout.problem = "nothing was written yet";
     }
-    const bool isUnused = layout.kind == FileKind::kRingFile;
-    layout.isCertain = !isUnused;
-    PutSegment(layout, 0, layout.size, isUnused ? RecordKind::kFill : RecordKind::kOther);
-    layout.problem = isUnused ? "nothing was written yet" : "no trace file";
     return layout;
 }
 

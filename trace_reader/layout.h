@@ -2,8 +2,8 @@
 // docs/trace-files.md for the two layouts.
 //
 // The newest record of a ring ends at the trailer that is followed by older records; that of a log
-// is, in the cycle that the wrap line begins, the one before the first that is older. A file in
-// which this does not tell one place is shown as it stands, and is not certain.
+// is, in the cycle that the wrap line begins, the one before the first that is older. A file where
+// this does not give exactly one place is shown in file order, and is not certain.
 #pragma once
 
 #include <cstdint>
@@ -15,26 +15,30 @@
 
 enum class FileKind : uint8_t { kEmptyFile, kForeignFile, kLogFile, kRingFile };
 
-struct Layout {
+// What the layout of a file says to everybody.
+struct FileFacts {
     FileKind kind = FileKind::kEmptyFile;
-    std::vector<Segment> segments;
-    uint64_t size = 0;
-    uint64_t start = 0;   // of each cycle: after the begin record of a ring, the wrap line of a log
-    uint64_t newest = 0;  // the newest record ends here, and the next one will begin
-    uint64_t certain = 0;      // of a log: it ends here or at `newest`, or between them
-    uint64_t oldEnd = 0;       // where the cycle before ended
-    uint64_t overwritten = 0;  // bytes of records that lost their start
-    uint32_t cycle = 0;        // of a log, 0: not wrapped yet; of a ring 1 when it has wrapped
+    uint64_t size = 0;  // bytes, unpacked
+    // Of a log the number, 0: not wrapped yet; of a ring 0 for the first one, 1 for a later one.
+    uint32_t cycle = 0;
+    uint64_t overwritten = 0;  // bytes of records whose start had been overwritten
     bool isCertain = true;     // false: the segments stand in the order of the file
     // Lines at the end of its newest record, or in a log of the last one of the cycle before, may
     // be left of older ones.
     bool hasUncertainLines = false;
-    // Of a ring, for those who come back to it:
+    std::string problem;  // in a few words; empty when all is as it should be
+};
+
+struct Layout : FileFacts {
+    std::vector<Segment> segments;
+    uint64_t start = 0;   // of each cycle: after the begin record of a ring, the wrap line of a log
+    uint64_t newest = 0;  // the newest record ends here, and the next one will begin
+    uint64_t certain = 0;  // of a log: it ends here or at `newest`, or between them
+    // Of a ring, for a reader that comes back to it:
     bool hasStart = true;  // false: where its cycles start was not found, or it is being made
-    std::string run;       // its begin record, which another run has with another time
-    std::string first;     // the first bytes of the cycle, which the next cycle overwrites first
-    std::string mark;      // the last bytes before the newest record's end
-    std::string problem;   // in a few words, empty when all is as it should be
+    std::string run;    // its begin record, which another run has with another time; may be empty
+    std::string first;  // the first bytes of the cycle, which the next cycle overwrites first
+    std::string mark;   // the last bytes before the newest record's end
 };
 
 [[nodiscard]] Layout ExamineFile(const TraceFile& file);

@@ -127,28 +127,16 @@ PrefixParser::Head PrefixParser::ParseNewHead(const char* bytes, size_t length) 
 }
 
 // A tag that is longer than its column ends at a blank, or where the prefix was cut.
-size_t PrefixParser::TagLength(std::string_view rest) {
-    if (rest.size() <= kTagWidth) return rest.size();
-    if (rest[kTagWidth] != ' ') return std::min(rest.find(' ', kTagWidth), rest.size());
-    if (std::memcmp(rest.data(), m_tag.data(), m_tag.size()) != 0) {
-        std::memcpy(m_tag.data(), rest.data(), m_tag.size());
-        m_tagLength = rest.substr(0, kTagWidth).find_last_not_of(' ') + 1;
-    }
-    return kTagWidth;
-}
-
 void PrefixParser::ParseRest(TraceRecord& record) {
     std::string_view rest = record.line.substr(kHeadLength);
     ClearColumns(record);
     for (size_t i = 0; i < trace_text::kColumnCount; ++i) {
         TakeColumn(rest, trace_text::kColumns[i], record.*kColumnFields[i]);
     }
-    const size_t length = TagLength(rest);
     const size_t limit = trace_text::kPrefixLimit - (record.line.size() - rest.size());
-    const size_t end = std::min(length, std::max(limit, kTagWidth));
+    const size_t end =
+        std::min({rest.find(' ', kTagWidth), rest.size(), std::max(limit, kTagWidth)});
     record.tag = rest.substr(0, end);
-    const bool isKnown = end == kTagWidth && rest.size() > kTagWidth;
-    const size_t shown = isKnown ? m_tagLength : record.tag.find_last_not_of(' ') + 1;
-    record.tag = record.tag.substr(0, shown);
+    record.tag = record.tag.substr(0, record.tag.find_last_not_of(' ') + 1);
     record.text = rest.substr(end < rest.size() && rest[end] == ' ' ? end + 1 : end);
 }

@@ -61,8 +61,8 @@ class KeptRecord {
     size_t m_text = 0;
 };
 
-// Neighbouring records for those who only copy them: far faster than one by one.
-struct TraceRun {
+// Neighbouring records, to be copied as they are: far faster than one by one.
+struct RecordBlock {
     std::string_view lines;  // without the last line feed
     uint64_t count = 0;
     int64_t firstTime = 0;
@@ -96,7 +96,7 @@ class PrefixParser {
         return {m_time, m_threadNumber, 1};
     }
     // Columns, tag and text of a line that begins with a head.
-    void ParseRest(TraceRecord& record);
+    static void ParseRest(TraceRecord& record);
 
   private:
     static constexpr size_t kSecondLength = 20;  // with the point
@@ -109,12 +109,9 @@ class PrefixParser {
     [[nodiscard]] Head ParseNewHead(const char* bytes, size_t length);
     [[nodiscard]] bool TakeSecond(const char* bytes);
     [[nodiscard]] bool TakeThread(const char* bytes);
-    [[nodiscard]] size_t TagLength(std::string_view rest);
 
     std::array<char, kSecondLength> m_second{'\n'};  // as no line begins
     std::array<char, kThreadLength> m_thread{'\n'};
-    std::array<char, trace_text::kTagWidth + 1> m_tag{};  // with the blank after it
-    size_t m_tagLength = 0;                               // without the blanks
     uint32_t m_threadNumber = 0;
     int64_t m_secondTime = 0;
     int64_t m_time = 0;

@@ -17,40 +17,19 @@ bool IsAll(std::string_view text, char c) {
 
 void RecordStream::Start(const Segment& segment) {
     m_segment = segment;
-    m_cutBytes = 0;
-    m_lostBytes = 0;
     m_rest.reset();
-    Restart(segment.begin);
-    if (segment.isCut) SkipCut();
-}
-
-void RecordStream::Restart(uint64_t offset) {
-    m_offset = offset;
+    m_cutBytes = m_lostBytes = 0;
+    m_offset = segment.begin;
     m_position = m_end = 0;
-    size_t scan = 0;
-    while (ReadMore(scan) == More::kMoved) continue;
-    m_head = m_parser.ParseHead(m_buffer.get(), m_end);
+    m_skips = segment.isCut;
 }
 
-// Goes to the first line that begins with a prefix.
-void RecordStream::SkipCut() {
-    const uint64_t lostBefore = m_lostBytes;
-    const uint64_t from = m_offset + m_position;
-    while (m_head.isThere == 0 && m_position < m_end) {
-        const uint64_t lost = m_lostBytes;
-        size_t next = 0;
-        (void)FindEnd(next);
-        if (m_lostBytes == lost) m_position = next;
-    }
-    if (m_lostBytes == lostBefore) m_cutBytes += m_offset + m_position - from;
-}
-
-bool RecordStream::MakeRoom(size_t& scan) {
+// Moves what is left to the start of the buffer. False: there is no room for more.
+bool RecordStream::MakeRoom() {
     if (m_position > 0) {
         std::memmove(m_buffer.get(), m_buffer.get() + m_position, m_end - m_position);
         m_offset += m_position;
         m_end -= m_position;
-        scan -= m_position;
         m_position = 0;
     }
     if (m_end < m_capacity) return true;
@@ -64,7 +43,7 @@ bool RecordStream::MakeRoom(size_t& scan) {
     return true;
 }
 
-// Where the file has become shorter, or cannot be read.
+// The file ends here, or cannot be read.
 void RecordStream::EndAt(uint64_t offset) {
     if (m_file.FailedAt(offset)) {
         m_rest = m_segment;
@@ -74,126 +53,99 @@ void RecordStream::EndAt(uint64_t offset) {
     m_segment.end = offset;
 }
 
-// Appends to the buffer. `scan` is a position in it and moves with the bytes. kMoved: the writer of
-// a ring came past, and the buffer begins anew with what it has not overwritten.
-RecordStream::More RecordStream::ReadMore(size_t& scan) {
-    if (m_offset + m_end >= m_segment.end || !MakeRoom(scan)) return More::kEnd;
+// Reads more into the buffer; m_isAll when there is no more. What the writer of a ring has
+// overwritten meanwhile is dropped.
+void RecordStream::Fill() {
+    const bool isEmpty = m_position == m_end;
     const uint64_t at = m_offset + m_end;
+    m_isAll = at >= m_segment.end || !MakeRoom();
+    if (m_isAll) return;
     const uint64_t wanted = std::min<uint64_t>(m_capacity - m_end, m_segment.end - at);
     const size_t got = m_file.Read(at, m_buffer.get() + m_end, wanted);
     if (got < wanted) EndAt(at + got);
+    m_end += got;
     const uint64_t valid = m_validFrom ? m_validFrom(m_segment) : m_segment.begin;
     if (valid > m_offset) {
         m_lostBytes += valid - m_offset;
         m_segment.begin = m_offset = valid;
         m_position = m_end = 0;
-        return More::kMoved;
-    }
-    m_end += got;
-    return got > 0 ? More::kRead : More::kEnd;
-}
-
-// The end of the record at m_position: its last line feed, or the end of the segment. `next` is
-// where the next one begins, whose head is then in m_head.
-size_t RecordStream::FindEnd(size_t& next) {
-    for (size_t scan = m_position;;) {
-        const char* const from = m_buffer.get() + scan;
-        const auto* feed = static_cast<const char*>(std::memchr(from, '\n', m_end - scan));
-        const size_t end = feed == nullptr ? m_end : scan + static_cast<size_t>(feed - from);
-        next = std::min(end + 1, m_end);
-        if (m_end - next < PrefixParser::kHeadLength) {
-            scan = end;
-            const More more = ReadMore(scan);
-            if (more == More::kMoved) Restart(m_offset);
-            if (more == More::kMoved) return next = 0;
-            if (more == More::kRead) continue;
-        }
-        m_head = m_parser.ParseHead(m_buffer.get() + next, m_end - next);
-        if (m_head.isThere != 0 || next == m_end) return end;
-        scan = next;
+        m_skips = true;
+    } else if (isEmpty) {
+        m_head = m_parser.ParseHead(m_buffer.get(), m_end);
     }
 }
 
-// Whether the segment goes on after a record that was too long.
-bool RecordStream::Continue() {
-    size_t scan = m_position;
-    const More more = ReadMore(scan);
-    if (more == More::kMoved) Restart(m_offset);
-    m_head = m_parser.ParseHead(m_buffer.get() + m_position, m_end - m_position);
-    if (more == More::kMoved) SkipCut();
-    return m_position < m_end;
-}
-
-// The record at m_position and its head, read as far as it goes. False at the segment's end.
-bool RecordStream::FindWhole(PrefixParser::Head& head, size_t& end, size_t& next) {
-    for (;;) {
-        if (m_position == m_end && !Continue()) return false;
-        head = m_head;
-        const uint64_t lost = m_lostBytes;
-        end = FindEnd(next);
-        if (m_lostBytes == lost) return true;
-        SkipCut();
-    }
-}
-
-// As FindEnd, but false when the record may go on after the buffer.
-bool RecordStream::FindInBuffer(size_t& end, size_t& next) {
+// Where the record at m_position ends: before the next head. False when that is not in the buffer.
+bool RecordStream::FindEnd(Bounds& bounds) {
     const char* const buffer = m_buffer.get();
-    for (size_t scan = m_position;; scan = next) {
+    for (size_t scan = m_position;; scan = bounds.next) {
         const auto* feed = static_cast<const char*>(std::memchr(buffer + scan, '\n', m_end - scan));
-        if (feed == nullptr) return false;
-        end = static_cast<size_t>(feed - buffer);
-        next = end + 1;
-        if (m_end - next < PrefixParser::kHeadLength) return false;
-        m_head = m_parser.ParseHead(buffer + next, m_end - next);
-        if (m_head.isThere != 0) return true;
+        bounds.end = feed == nullptr ? m_end : static_cast<size_t>(feed - buffer);
+        bounds.next = std::min(bounds.end + 1, m_end);
+        if (m_end - bounds.next < PrefixParser::kHeadLength && !m_isAll) return false;
+        bounds.head = m_parser.ParseHead(buffer + bounds.next, m_end - bounds.next);
+        if (bounds.head.isThere != 0 || bounds.next == m_end) return true;
+    }
+}
+
+// False at the end of the segment.
+bool RecordStream::Load(Bounds& bounds) {
+    for (;;) {
+        if (m_position == m_end) {
+            Fill();
+            if (m_isAll) return false;
+        } else if (!FindEnd(bounds)) {
+            Fill();
+        } else if (m_skips && m_head.isThere == 0) {
+            (m_lostBytes > 0 ? m_lostBytes : m_cutBytes) += bounds.next - m_position;
+            GoTo(bounds);
+        } else {
+            m_skips = false;
+            return true;
+        }
     }
 }
 
 bool RecordStream::Next(TraceRecord& record) {
-    PrefixParser::Head head;
-    size_t end = 0, next = 0;
-    if (!FindWhole(head, end, next)) return false;
-    record.line = {m_buffer.get() + m_position, end - m_position};
+    Bounds bounds;
+    if (!Load(bounds)) return false;
+    record.line = {m_buffer.get() + m_position, bounds.end - m_position};
     m_recordOffset = m_offset + m_position;
-    m_position = next;
-    Describe(record, head);
+    Describe(record);
+    GoTo(bounds);
     return true;
 }
 
 // Whether a record is certainly no pre-fill.
-bool RecordStream::IsPlain(const PrefixParser::Head& head, size_t end) const {
+bool RecordStream::IsPlain(size_t end) const {
     const size_t fillEnd = m_position + kPreFillLine;
-    return head.isThere != 0 && (end < fillEnd || m_buffer[fillEnd - 1] != '_');
+    return m_head.isThere != 0 && (end < fillEnd || m_buffer[fillEnd - 1] != '_');
 }
 
-bool RecordStream::NextRun(TraceRun& run, int64_t before) {
-    PrefixParser::Head head;
-    size_t end = 0, next = 0;
-    bool isWhole = FindWhole(head, end, next);
+bool RecordStream::NextBlock(RecordBlock& run, int64_t before) {
+    Bounds bounds;
+    bool isWhole = Load(bounds);
     const size_t begin = m_position;
     size_t runEnd = begin;
-    run = {{}, 0, head.time, head.time, 0};
-    while (isWhole && IsPlain(head, end) && head.time < before) {
-        run.clockBack += head.time < run.lastTime ? 1 : 0;
-        run.lastTime = m_lastTime = head.time;
+    run = {{}, 0, m_head.time, m_head.time, 0};
+    while (isWhole && IsPlain(bounds.end) && m_head.time < before) {
+        run.clockBack += m_head.time < run.lastTime ? 1 : 0;
+        run.lastTime = m_lastTime = m_head.time;
         ++run.count;
-        runEnd = end;
-        m_position = next;
-        head = m_head;
-        isWhole = m_position < m_end && FindInBuffer(end, next);
+        runEnd = bounds.end;
+        GoTo(bounds);
+        isWhole = m_position < m_end && FindEnd(bounds);
     }
-    m_head = head;  // of the record that did not come along
     run.lines = {m_buffer.get() + begin, runEnd - begin};
     return run.count > 0;
 }
 
-void RecordStream::Describe(TraceRecord& record, const PrefixParser::Head& head) {
-    if (head.isThere != 0) m_lastTime = head.time;
+void RecordStream::Describe(TraceRecord& record) {
+    if (m_head.isThere != 0) m_lastTime = m_head.time;
     record.time = m_lastTime;
-    record.thread = head.thread;
+    record.thread = m_head.thread;
     record.kind = m_segment.kind;
-    if (head.isThere != 0) {
+    if (m_head.isThere != 0) {
         m_parser.ParseRest(record);
         Classify(record);
         return;

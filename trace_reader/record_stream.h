@@ -36,7 +36,7 @@ class RecordStream {
     [[nodiscard]] bool Next(TraceRecord& record);
     // As many records before this time as are in the buffer, but no pre-fill and nothing without a
     // prefix: false when one of these, or a later one, comes next.
-    [[nodiscard]] bool NextRun(TraceRun& run, int64_t before = INT64_MAX);
+    [[nodiscard]] bool NextBlock(RecordBlock& run, int64_t before = INT64_MAX);
     // Where the record that Next gave begins in the file.
     [[nodiscard]] uint64_t Offset() const { return m_recordOffset; }
 
@@ -48,21 +48,26 @@ class RecordStream {
     [[nodiscard]] const std::optional<Segment>& Rest() const { return m_rest; }
 
   private:
-    // A longer record is parted: a file without any line feed must not fill the memory.
+    // A longer record is split: a file without any line feed must not fill the memory.
     static constexpr size_t kLongest = size_t{1} << 28;
 
-    enum class More { kRead, kEnd, kMoved };
-    More ReadMore(size_t& scan);
+    // Of the record at m_position; `next` and `head` are of the one after it.
+    struct Bounds {
+        size_t end = 0;
+        size_t next = 0;
+        PrefixParser::Head head;
+    };
+    void Fill();
+    bool MakeRoom();
     void EndAt(uint64_t offset);
-    bool MakeRoom(size_t& scan);
-    void Restart(uint64_t offset);
-    void SkipCut();
-    size_t FindEnd(size_t& next);
-    bool FindInBuffer(size_t& end, size_t& next);
-    bool FindWhole(PrefixParser::Head& head, size_t& end, size_t& next);
-    bool Continue();
-    [[nodiscard]] bool IsPlain(const PrefixParser::Head& head, size_t end) const;
-    void Describe(TraceRecord& record, const PrefixParser::Head& head);
+    bool FindEnd(Bounds& bounds);
+    bool Load(Bounds& bounds);
+    void GoTo(const Bounds& bounds) {
+        m_position = bounds.next;
+        m_head = bounds.head;
+    }
+    [[nodiscard]] bool IsPlain(size_t end) const;
+    void Describe(TraceRecord& record);
     void Classify(TraceRecord& record) const;
 
     const TraceFile& m_file;
@@ -77,6 +82,8 @@ class RecordStream {
     uint64_t m_offset = 0;  // of the buffer in the file
     uint64_t m_recordOffset = 0;
     PrefixParser::Head m_head;  // of the next record
+    bool m_isAll = false;       // the buffer has all that is left, or as much as it can
+    bool m_skips = false;       // up to the next head
     int64_t m_lastTime = 0;
     uint64_t m_cutBytes = 0;
     uint64_t m_lostBytes = 0;

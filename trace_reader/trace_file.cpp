@@ -1,6 +1,5 @@
 #include "trace_reader/trace_file.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -17,7 +16,7 @@
 #include <utility>
 
 #include "base/file_io.h"
-#include "trace_reader/record.h"
+#include "trace/texts.h"
 
 namespace {
 
@@ -103,8 +102,8 @@ void TraceFile::Unpack() {
 
 // False when there was more than the limit.
 bool TraceFile::UnpackUpTo(int packed, uint64_t limit) {
-    constexpr size_t kPiece = size_t{1} << 16;
-    const auto piece = std::make_unique<char[]>(kPiece);
+    constexpr size_t kPipe = size_t{1} << 16;
+    const auto block = std::make_unique<char[]>(kPipe);
     std::array<int, 2> ends{-1, -1};
     m_error.clear();
     m_fd.Reset(memfd_create("trace", MFD_CLOEXEC));
@@ -122,14 +121,14 @@ bool TraceFile::UnpackUpTo(int packed, uint64_t limit) {
     to.Reset();
     uint64_t size = 0;
     while (size <= limit) {
-        const ReadResult got = ReadFully(from.Get(), piece.get(), kPiece);
-        if (!Write(size, {piece.get(), got.count}) || got.error != 0) {
+        const ReadResult got = ReadFully(from.Get(), block.get(), kPipe);
+        if (!Write(size, {block.get(), got.count}) || got.error != 0) {
             const int error = got.error != 0 ? got.error : errno;
             m_error = std::string("unpacked in part only: ") + std::strerror(error);
             break;
         }
         size += got.count;
-        if (got.count < kPiece) break;
+        if (got.count < kPipe) break;
     }
     from.Reset();  // ends a gzip that still writes
     int status = 0;
@@ -142,20 +141,16 @@ bool TraceFile::UnpackUpTo(int packed, uint64_t limit) {
     return size <= limit;
 }
 
-// What the header at the start of a file says about its size. A log says nothing: it is text, which
-// does not become smaller than a small part.
+// Text does not become smaller than a small part, but the pre-fill of a ring does: its header, at
+// the start of the file, says how large it is.
 uint64_t TraceFile::UnpackedLimit(uint64_t packedSize) const {
-    constexpr std::string_view kFill = "____________________\n";
     constexpr uint64_t kTextRatio = 64;
     const std::string text = Read(0, kBlock);
-    if (!HasHead(text)) return kBlock;
     const size_t found = text.find(trace_text::kRingSize);
-    // After the header of a ring is its slack.
-    const bool isRing = found != text.npos && text.find(kFill, found) != text.npos;
-    if (!isRing) return std::clamp(packedSize * kTextRatio, kBlock, kLimit);
     const char* const number = text.c_str() + found + trace_text::kRingSize.size();
-    const uint64_t size = std::strtoull(number, nullptr, 10);
-    return std::min(size, kLimit - trace_text::kPreFillLine) + trace_text::kPreFillLine;
+    const uint64_t ring = found == text.npos ? 0 : std::strtoull(number, nullptr, 10);
+    const uint64_t limit = std::max(ring, packedSize * kTextRatio);
+    return std::clamp(limit, kBlock, kLimit - trace_text::kPreFillLine) + trace_text::kPreFillLine;
 }
 
 uint64_t TraceFile::Size() const {
@@ -238,21 +233,4 @@ uint64_t TraceFile::FindLineEnd(uint64_t begin, uint64_t end) const {
 uint64_t TraceFile::FindLineStart(uint64_t place) const {
     const uint64_t feed = FindLast("\n", 0, place);
     return feed == npos ? 0 : feed + 1;
-}
-
-Writing SeeWriter(int process, const TraceFile& file) {
-    if (process <= 0) return Writing::kNo;
-    const std::string path = "/proc/" + std::to_string(process) + "/fd/";
-    const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(path.c_str()), closedir);
-    // As if there was no such process, in some containers.
-    bool isUnseen = !entries && (errno == EACCES || (kill(process, 0) != 0 && errno == EPERM));
-    while (const dirent* entry = entries ? readdir(entries.get()) : nullptr) {
-        struct stat status = {};
-        if (stat((path + entry->d_name).c_str(), &status) != 0) {
-            isUnseen = isUnseen || errno == EACCES;
-        } else if (file.IsSame(status)) {
-            return Writing::kYes;
-        }
-    }
-    return isUnseen ? Writing::kUnseen : Writing::kNo;
 }

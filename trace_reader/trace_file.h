@@ -17,8 +17,8 @@ class TraceFile {
     static constexpr uint64_t kLimit = uint64_t{1} << 31;
     static constexpr uint64_t npos = UINT64_MAX;  // NOLINT(readability-identifier-naming)
 
-    // False when nothing of it can be read; Error tells why. Of a damaged compressed file there is
-    // what could be unpacked, and Error tells that, too.
+    // False when nothing of it can be read; Error says why. Of a damaged compressed file there is
+    // what could be unpacked, and Error says so.
     [[nodiscard]] bool Open(const std::string& path);
     // For a copy: an empty file in memory. False when there is no memory.
     [[nodiscard]] bool OpenMemory();
@@ -69,8 +69,3 @@ class TraceFile {
     mutable std::string m_error;
     mutable uint64_t m_failedAt = npos;
 };
-
-// Whether a process has a file open. Of other users' processes only root may ask, and not in every
-// container.
-enum class Writing : uint8_t { kNo, kYes, kUnseen };
-[[nodiscard]] Writing SeeWriter(int process, const TraceFile& file);

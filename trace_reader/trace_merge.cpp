@@ -1,7 +1,6 @@
 #include "trace_reader/trace_merge.h"
 
 #include <algorithm>
-#include <ctime>
 #include <functional>
 #include <utility>
 
@@ -205,7 +204,7 @@ bool TraceMerge::Next(TraceRecord& record) {
     }
 }
 
-bool TraceMerge::NextRun(TraceRun& run) {
+bool TraceMerge::NextBlock(RecordBlock& run) {
     // The first record of a file waits in its input.
     if (!m_hasBegun || m_follows || m_last == kNone) return false;
     int64_t before = INT64_MAX;
@@ -216,25 +215,18 @@ bool TraceMerge::NextRun(TraceRun& run) {
         before = std::min(before, input.key);
     }
     Input& input = m_inputs[m_last];
-    if (input.key >= before || !m_sources[m_last]->NextRun(run, before)) return false;
+    if (input.key >= before || !m_sources[m_last]->NextBlock(run, before)) return false;
     input.key = std::max({input.key, run.firstTime, run.lastTime});
     return true;
 }
 
 // A message goes into the ring first, and the ring of the run comes after that of the start: looked
-// for the other way round, what one file shows of a moment the next one has, too. A writer that was
-// stopped within a record gets time to end it.
+// for the other way round, what one file shows of a moment the next one has, too.
 bool TraceMerge::Advance() {
     if (!m_hasBegun) Begin();
     std::vector<size_t> more;
     for (auto i = m_order.rbegin(); i != m_order.rend(); ++i) {
-        bool isMore = m_sources[*i]->Advance();
-        for (int tries = 0; m_sources[*i]->IsBusy() && tries < 20; ++tries) {
-            constexpr timespec kPause = {0, 1'000'000};
-            (void)nanosleep(&kPause, nullptr);
-            isMore = m_sources[*i]->Advance();
-        }
-        if (isMore) more.push_back(*i);
+        if (m_sources[*i]->Advance()) more.push_back(*i);
     }
     if (!more.empty()) Prepare(more);
     return !more.empty();

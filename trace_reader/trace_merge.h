@@ -34,7 +34,7 @@ class TraceMerge {
 
     // Several at once, when nothing of other files comes between them: otherwise false, and Next
     // goes on.
-    [[nodiscard]] bool NextRun(TraceRun& run);
+    [[nodiscard]] bool NextBlock(RecordBlock& run);
 
     // What was written since the last look; Next then gives it. False: nothing.
     [[nodiscard]] bool Advance();
@@ -79,7 +79,7 @@ class TraceMerge {
     std::vector<Input> m_inputs;
     std::vector<size_t> m_order;  // start-up rings, run-time rings, logs
     size_t m_last = SIZE_MAX;     // whose head was given
-    // Of one who follows, the last records by their hashes: shown of rings less shown of logs.
+    // While following, the last records by their hashes: shown of rings less shown of logs.
     std::unordered_map<uint64_t, int> m_balance;
     std::deque<uint64_t> m_recent;
 };

@@ -29,13 +29,8 @@ Layout TraceSource::Examine() {
     Layout layout = ExamineFile(m_file);
     if (!m_follows || m_file.IsCompressed() || layout.kind != FileKind::kLogFile) return layout;
     m_log.emplace(m_file);
-    if (m_log->Take()) {
-        layout = ExamineFile(m_log->File());
-        m_log->SetCertain(layout.certain);
-    } else {
-        m_log.reset();
-        m_facts.error = "no memory to follow it";
-    }
+    layout = ExamineFile(m_log->File());
+    m_log->SetCertain(layout.certain);
     return layout;
 }
 
@@ -47,17 +42,17 @@ bool TraceSource::IsReady(const Layout& layout) const {
 
 void TraceSource::Take(Layout layout) {
     m_layout = std::move(layout);
-    m_facts.kind = m_layout.kind;
-    m_facts.cycle = m_layout.cycle;
-    m_facts.size = m_layout.size;
-    m_facts.isCertain = m_layout.isCertain;
-    m_facts.hasUncertainLines = m_layout.hasUncertainLines;
-    m_facts.problem = m_layout.problem;
-    m_facts.overwritten += m_layout.overwritten;
+    const uint64_t overwritten = m_facts.overwritten;
+    static_cast<FileFacts&>(m_facts) = m_layout;
+    m_facts.overwritten += overwritten;
     if (m_follows && IsLog() && m_layout.cycle == 0) m_layout.segments.back().end = m_layout.newest;
     m_isInHeader = false;
     m_isInFront = true;
-    m_parts = m_layout.segments;
+    Begin(m_layout.segments);
+}
+
+void TraceSource::Begin(std::vector<Segment> parts) {
+    m_parts = std::move(parts);
     m_part = 0;
     StartPart();
 }
@@ -117,7 +112,7 @@ bool TraceSource::IsHidden(TraceRecord& record) {
     return record.kind != RecordKind::kRecord && !m_showsAll;
 }
 
-void TraceSource::Count(const TraceRun& run) {
+void TraceSource::Count(const RecordBlock& run) {
     if (m_facts.records == 0) m_facts.firstTime = run.firstTime;
     if (m_facts.records > 0 && run.firstTime < m_facts.lastTime) ++m_facts.clockBack;
     m_facts.clockBack += run.clockBack;
@@ -141,11 +136,11 @@ bool TraceSource::Next(TraceRecord& record) {
     return false;
 }
 
-bool TraceSource::NextRun(TraceRun& run, int64_t before) {
+bool TraceSource::NextBlock(RecordBlock& run, int64_t before) {
     // A ring has nothing but pre-fill to be hidden among its records.
     const bool isPlain = m_stream && m_layout.kind == FileKind::kRingFile && !m_showsAll &&
                          m_parts[m_part].kind == RecordKind::kRecord;
-    if (!isPlain || !m_stream->NextRun(run, before)) return false;
+    if (!isPlain || !m_stream->NextBlock(run, before)) return false;
     Count(run);
     return true;
 }
@@ -175,7 +170,6 @@ bool TraceSource::IsGood() const {
 }
 
 bool TraceSource::Advance() {
-    m_isBusy = false;
     if (m_file.IsCompressed()) return false;
     if (!m_file.IsOpen()) return Reopen();
     // First: when the name already leads to another file, nothing more is written into this one.
@@ -184,7 +178,7 @@ bool TraceSource::Advance() {
 }
 
 bool TraceSource::AdvanceFile() {
-    if (!IsReady(m_layout)) return BeginAnew();
+    if (!IsReady(m_layout)) return BeginAgain();
     return IsLog() ? AdvanceLog() : AdvanceRing();
 }
 
@@ -196,10 +190,10 @@ bool TraceSource::Reopen() {
     m_layout = {};
     m_file = std::move(file);
     m_facts.error.clear();
-    return BeginAnew();
+    return BeginAgain();
 }
 
-bool TraceSource::BeginAnew(bool isOvertaken) {
+bool TraceSource::BeginAgain(bool isOvertaken) {
     const uint64_t shown = m_layout.newest;
     Layout layout = Examine();
     m_facts.isOvertaken |= isOvertaken;
@@ -241,38 +235,48 @@ bool TraceSource::FindPlace(Layout& layout) const {
     return FindNewest(m_file, isSameCycle ? layout.newest : layout.start, layout);
 }
 
-// Shows what stands after the newest record that was known, to the end of its cycle when that is
-// over, and what the next cycle has.
+// A writer that was stopped within a record gets time to end it: with what other files show of the
+// same moment its records would come out of order.
 bool TraceSource::AdvanceRing() {
-    if (m_file.Size() == m_layout.size && IsUntouched(m_file, m_layout)) return false;
+    constexpr timespec kPause = {0, 1'000'000};
+    for (int tries = 0; tries < 20; ++tries) {
+        if (const auto hasMore = LookAtRing()) return *hasMore;
+        (void)nanosleep(&kPause, nullptr);
+    }
+    return false;
+}
+
+// Gives what stands after the newest record that was known, to the end of its cycle when that is
+// over, and what the next cycle has. Nothing when the writer is within a record.
+std::optional<bool> TraceSource::LookAtRing() {
+    const bool isSameSize = m_file.Size() == m_layout.size;
+    if (isSameSize && IsUntouched(m_file, m_layout)) return false;
     if (!IsSameRun()) {
         // A header that has grown over the begin record leaves the rest as it was.
-        if (m_file.Size() != m_layout.size || !IsKept(0)) return BeginAnew();
+        if (!isSameSize || !IsKept(0)) return BeginAgain();
         m_layout.run.clear();
     }
     Layout layout = m_layout;
-    const bool isFound = FindPlace(layout) || FindPlace(layout);
-    if (!IsSameRun()) return BeginAnew();
-    m_isBusy = !isFound;
-    if (m_isBusy) return false;
-    if (layout.run != m_layout.run || layout.start != m_layout.start) return BeginAnew();
+    const bool isFound = FindPlace(layout);
+    if (!IsSameRun()) return BeginAgain();
+    if (!isFound) return std::nullopt;
+    if (layout.run != m_layout.run || layout.start != m_layout.start) return BeginAgain();
     const bool isNextCycle = !layout.first.starts_with(m_layout.first);
     const uint64_t shown = m_layout.newest;
     const bool isTooLate =
         isNextCycle && (layout.newest > shown || !IsKept(layout.newest + kTrailer.size()));
-    if (isTooLate) return BeginAnew(true);
-    m_parts.clear();
+    if (isTooLate) return BeginAgain(true);
+    std::vector<Segment> parts;
     if (isNextCycle) {
-        const uint64_t dots = FindDots(m_file, shown, layout.size);
-        if (shown < dots) m_parts.push_back({shown, dots, RecordKind::kRecord, false});
-        m_parts.push_back({layout.start, layout.newest, RecordKind::kRecord, false});
+        parts = {{shown, FindDots(m_file, shown, layout.size), RecordKind::kRecord, false},
+                 {layout.start, layout.newest, RecordKind::kRecord, false}};
         m_facts.cycle = layout.cycle = 1;
-    } else if (layout.newest > shown) {
-        m_parts.push_back({shown, layout.newest, RecordKind::kRecord, false});
+    } else {
+        parts = {{shown, layout.newest, RecordKind::kRecord, false}};
     }
+    std::erase_if(parts, [](const Segment& each) { return each.begin >= each.end; });
     m_layout = std::move(layout);
-    m_part = 0;
-    StartPart();
+    Begin(std::move(parts));
     return !m_parts.empty();
 }
 
@@ -282,64 +286,12 @@ bool TraceSource::AdvanceLog() {
             return false;
         case LogCopy::News::kMore:
             m_facts.cycle = m_layout.cycle;
-            m_parts = m_layout.segments;
-            m_part = 0;
-            StartPart();
+            Begin(m_layout.segments);
             return true;
         case LogCopy::News::kOvertaken:
-            return BeginAnew(true);
+            return BeginAgain(true);
         case LogCopy::News::kRestarted:
-        case LogCopy::News::kFailed:
             break;
     }
-    return BeginAnew();
-}
-
-namespace {
-
-std::string Times(uint64_t count) {
-    return count == 1 ? "once" : std::to_string(count) + " times";
-}
-
-std::string Bytes(uint64_t count, const char* what) {
-    return count == 0 ? ""
-                      : ", " + std::to_string(count) + (count == 1 ? " byte " : " bytes ") + what;
-}
-
-std::string Span(const SourceFacts& facts) {
-    if (facts.records == 0) return ", no records";
-    return ", " + std::to_string(facts.records) +
-           (facts.records == 1 ? " record read, " : " records read, ") +
-           FormatTime(facts.firstTime).data() + " to " + FormatTime(facts.lastTime).data();
-}
-
-}  // namespace
-
-std::string TraceSource::Describe() const {
-    constexpr const char* kNames[] = {"empty", "not a trace file", "log", "ring"};
-    const bool isRing = m_facts.kind == FileKind::kRingFile;
-    std::string text = isRing && m_facts.isCompressed ? "compressed " : "";
-    text += kNames[static_cast<size_t>(m_facts.kind)];
-    if (isRing || IsLog()) {
-        text += Span(m_facts);
-        text += m_facts.cycle == 0 ? ", not wrapped" : ", wrapped";
-        if (IsLog() && m_facts.cycle > 0) text += " " + Times(m_facts.cycle);
-        if (m_facts.clockBack > 0) text += ", clock went back " + Times(m_facts.clockBack);
-        text += Bytes(m_facts.overwritten, "of older records cut");
-        text += Bytes(m_facts.foreign, "are no records");
-        text += Bytes(m_facts.lost, "overwritten while they were read");
-        if (m_facts.hasUncertainLines)
-            text += ", lines at the end of a cycle may be of older records";
-        if (m_facts.writer != 0 && !m_facts.isCompressed) {
-            const std::string process = "process " + std::to_string(m_facts.writer);
-            const Writing writing = SeeWriter(m_facts.writer, m_file);
-            text += writing == Writing::kYes ? ", " + process + " writes it"
-                    : writing == Writing::kNo
-                        ? ", " + process + " no longer writes it"
-                        : ", whether " + process + " still writes it cannot be seen";
-        }
-        if (!m_facts.problem.empty()) text += "; " + m_facts.problem;
-    }
-    if (m_facts.error.empty()) return text;
-    return IsOpen() ? text + "; " + m_facts.error : m_facts.error;
+    return BeginAgain();
 }

@@ -13,24 +13,17 @@
 #include "trace_reader/record_stream.h"
 
 // What was found. Counts grow while records are read and are whole at the end.
-struct SourceFacts {
-    FileKind kind = FileKind::kEmptyFile;
+struct SourceFacts : FileFacts {
     bool isCompressed = false;
-    uint32_t cycle = 0;     // of a log the number; of a ring 0 for the first one, 1 for a later one
-    uint64_t size = 0;      // bytes, unpacked
     uint64_t records = 0;   // those of kind kRecord
     int64_t firstTime = 0;  // of those; as in TraceRecord
     int64_t lastTime = 0;
     uint64_t clockBack = 0;    // how often the time went back
-    uint64_t overwritten = 0;  // bytes of records whose start had been overwritten
     uint64_t lost = 0;         // bytes that the writer overwrote while they were read
     bool isOvertaken = false;  // records were overwritten before a reader that follows came to them
     uint64_t foreign = 0;      // bytes before the first record
     int writer = 0;            // the process that the header names, 0: none
-    bool isCertain = true;     // as in Layout
-    bool hasUncertainLines = false;
-    std::string problem;  // of the layout, in a few words; empty when there is none
-    std::string error;    // what could not be read, and why: something is missing
+    std::string error;         // what could not be read, and why: something is missing
 };
 
 class TraceSource {
@@ -51,7 +44,7 @@ class TraceSource {
     [[nodiscard]] bool Next(TraceRecord& record);
     // Several at once, all before this time: false where there are none, and Next goes on. Not
     // after a false Next.
-    [[nodiscard]] bool NextRun(TraceRun& run, int64_t before = INT64_MAX);
+    [[nodiscard]] bool NextBlock(RecordBlock& run, int64_t before = INT64_MAX);
     // Begins again with the first record.
     void Rewind();
     // To be called before Next: leaves out most of what is older or newer than these times, and
@@ -61,11 +54,9 @@ class TraceSource {
     [[nodiscard]] bool IsShortened() const { return m_isShortened; }
 
     // For a reader that follows: looks for what was written since the last call of Advance or Open.
-    // Next then gives it. A file that was begun anew is given from its start. False: nothing new.
+    // Next then gives it. A file that was begun again is given from its start. False: nothing new.
     // A compressed file that comes while one follows is left out: it was given as a ring.
     [[nodiscard]] bool Advance();
-    // Whether at the last look the writer was within a record: what there is of it comes later.
-    [[nodiscard]] bool IsBusy() const { return m_isBusy; }
     // Leaves out a last line that may not be whole yet. To be called before Open.
     void Follow() { m_follows = true; }
 
@@ -74,9 +65,6 @@ class TraceSource {
     [[nodiscard]] bool HasLost() const { return m_facts.lost > 0 || m_facts.isOvertaken; }
     // False: it cannot be read, or not all of it, or is no trace file.
     [[nodiscard]] bool IsGood() const;
-    // "ring, 1234 records read, 2026-11-15 20:04:51.123 to ..., wrapped, process 123 writes it". To
-    // be called when all records were read. Holds nothing that comes from the file unchecked.
-    [[nodiscard]] std::string Describe() const;
     // What is wrong with the file, in a few words; empty: nothing.
     [[nodiscard]] const std::string& Problem() const {
         return m_facts.error.empty() ? m_facts.problem : m_facts.error;
@@ -93,12 +81,13 @@ class TraceSource {
     void EndPart();
     [[nodiscard]] const TraceFile& Readable() const { return m_log ? m_log->File() : m_file; }
     [[nodiscard]] bool IsHidden(TraceRecord& record);
-    void Count(const TraceRun& run);
+    void Count(const RecordBlock& run);
     [[nodiscard]] bool IsReady(const Layout& layout) const;
     [[nodiscard]] bool AdvanceFile();
     [[nodiscard]] bool Reopen();
-    [[nodiscard]] bool BeginAnew(bool isOvertaken = false);
+    [[nodiscard]] bool BeginAgain(bool isOvertaken = false);
     [[nodiscard]] bool AdvanceRing();
+    [[nodiscard]] std::optional<bool> LookAtRing();
     [[nodiscard]] bool AdvanceLog();
     [[nodiscard]] bool IsKept(uint64_t from) const;
     [[nodiscard]] bool IsSameRun() const;
@@ -109,7 +98,6 @@ class TraceSource {
     bool m_showsAll = false;
     bool m_follows = false;
     bool m_isShortened = false;
-    bool m_isBusy = false;
     TraceFile m_file;
     std::optional<LogCopy> m_log;  // of a log that is followed; the copy is what is read
     Layout m_layout;

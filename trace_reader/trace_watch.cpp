@@ -29,8 +29,8 @@ bool TraceWatch::Add(const std::string& path) {
 }
 
 bool TraceWatch::Wait(int output) {
-    // What a ring's writer does within ten milliseconds after it made a call it does not tell. It
-    // may also have been stopped within a record.
+    // After a call a ring's writer makes no other for ten milliseconds, whatever it writes. It may
+    // also have been stopped within a record.
     static constexpr std::array<int, 3> kMilliseconds = {-1, 1000, 10};
     std::array<pollfd, 2> events = {{{m_fd.Get(), POLLIN, 0}, {output, 0, 0}}};
     const int count = poll(events.data(), events.size(), kMilliseconds[m_looks]);

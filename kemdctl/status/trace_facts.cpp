@@ -8,7 +8,7 @@
 
 #include "base/file_io.h"
 #include "kemdctl/trace/header_report.h"
-#include "kemdctl/trace/module_note.h"
+#include "kemdctl/trace/run_marks.h"
 #include "trace_reader/record.h"
 #include "trace_reader/trace_source.h"
 

@@ -1,5 +1,3 @@
-#include "kemdctl/trace/collect.h"
-
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -11,7 +9,9 @@
 #include "kemdctl/trace/collect_archive.h"
 #include "kemdctl/trace/collect_mask.h"
 #include "kemdctl/trace/header_report.h"
+#include "kemdctl/trace/options.h"
 #include "kemdctl/trace/progress.h"
+#include "kemdctl/trace/reports.h"
 #include "kemdctl/ui/command.h"
 #include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/text.h"
@@ -34,7 +34,7 @@ struct TextMember {
 };
 
 // A copy of a file with its secrets masked, of the same length and line by line. A line of more
-// than 16 MiB is parted.
+// than 16 MiB is split.
 bool CopyMasked(const TraceFile& file, uint64_t size, SecretMask& mask, const TarGzip::Put& put) {
     constexpr size_t kBlock = size_t{1} << 20, kLongest = size_t{16} << 20;
     constexpr uint64_t kPage = 4096;
@@ -98,7 +98,7 @@ std::string UniqueName(const std::string& path, bool isCompressed,
 
 class Collection {
   public:
-    // False: it is left out, which is told.
+    // False: it is left out, which is reported.
     bool AddTrace(const std::string& path);
     void AddTexts();
     bool WriteTo(const char* archive, bool isQuiet);
@@ -129,7 +129,7 @@ bool Collection::AddTrace(const std::string& path) {
     m_mask.Begin();
     MaskHeader(entries, m_mask);
     member.header = FormatHeader(entries);
-    // Opened anew: the source keeps its own.
+    // Opened again: the source keeps its own.
     (void)member.file.Open(path);
     member.size = std::min<uint64_t>(member.file.Size(), TraceFile::kLimit);
     m_traces.push_back(std::move(member));
@@ -218,12 +218,13 @@ bool Collection::WriteTo(const char* archive, bool isQuiet) {
 
 }  // namespace
 
-int CollectFiles(const char* archive, const std::vector<std::string>& paths, bool isQuiet) {
+int CollectFiles(const TraceOptions& options, const std::vector<std::string>& files,
+                 ReportWriter& /*report*/) {
     Collection collection;
     bool isWhole = true;
-    for (const std::string& path : paths) isWhole = collection.AddTrace(path) && isWhole;
+    for (const std::string& path : files) isWhole = collection.AddTrace(path) && isWhole;
     collection.AddTexts();
-    if (!collection.WriteTo(archive, isQuiet)) return kError;
+    if (!collection.WriteTo(options.reportFile, options.isQuiet)) return kError;
     isWhole = collection.IsWhole() && isWhole;
     return isWhole ? kYes : kError;
 }

@@ -1,5 +1,5 @@
-// Makes values that look like secrets unreadable in texts that leave the machine: behind NAME=
-// where the name has PASS, SECRET, TOKEN, KEY or CREDENTIAL in it, behind such an option of a
+// Makes values that look like secrets unreadable in texts that leave the machine: after NAME=
+// where the name has PASS, SECRET, TOKEN, KEY or CREDENTIAL in it, after such an option of a
 // command line, and wherever else a value of eight characters or more that was learnt stands.
 #pragma once
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "kemdctl/trace/printer.h"
+#include "kemdctl/trace/show_sink.h"
 #include "kemdctl/ui/json.h"
 #include "kemdctl/ui/text.h"
 #include "trace_reader/record.h"

@@ -4,25 +4,22 @@
 #include <string_view>
 
 #include "base/text.h"
-#include "kemdctl/ui/json.h"
+#include "kemdctl/trace/reports.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
 
-constexpr std::string_view kCommandLine = "Command Line Options:";
 constexpr std::string_view kArgument = "argv[";
-constexpr std::string_view kEnd = "# End of header.";
-constexpr std::string_view kAssigned[] = {"Orvana Environment:", "Orvana Configuration File:"};
-constexpr std::string_view kSettings[] = {"Debug values from ini file :",
-                                          "Internal Debug values      :"};
+constexpr std::string_view kAssigned[] = {trace_text::kEnvironment, trace_text::kConfiguration};
+constexpr std::string_view kSettings[] = {trace_text::kValuesAsRead, trace_text::kValuesInForce};
 
 // Goes through the records of a header.
 class HeaderReader {
   public:
     void Take(std::string_view text) {
         if (TakeSection(text)) return;
-        if (text.starts_with(kEnd)) m_separator = {};
-        // The settings stand behind a command line of any length.
+        if (text.starts_with(trace_text::kHeaderEnd)) m_separator = {};
+        // The settings stand after a command line of any length.
         if (m_entries.size() >= (m_separator == kColon ? 2 * kMost : kMost)) return;
         const size_t found = m_separator.empty() ? text.npos : text.find(m_separator);
         if (found == text.npos) return;
@@ -31,7 +28,8 @@ class HeaderReader {
     }
     // The command line of a ring's first cycle stands among its first records.
     void TakeRecord(std::string_view text) {
-        if (text.ends_with(kCommandLine) || text.starts_with(kArgument)) return Take(text);
+        if (text.ends_with(trace_text::kCommandLine) || text.starts_with(kArgument))
+            return Take(text);
         m_separator = {};
     }
     std::vector<HeaderEntry> Entries() { return std::move(m_entries); }
@@ -45,7 +43,7 @@ class HeaderReader {
             return std::find(std::begin(names), std::end(names), text) != std::end(names);
         };
         std::string_view separator;
-        if (text.ends_with(kCommandLine)) separator = " = ";
+        if (text.ends_with(trace_text::kCommandLine)) separator = " = ";
         if (isOneOf(kAssigned)) separator = "=";
         if (isOneOf(kSettings)) separator = kColon;
         if (separator.empty()) return false;
@@ -58,28 +56,6 @@ class HeaderReader {
     std::string_view m_separator;
     std::vector<HeaderEntry> m_entries;
 };
-
-void PutEntries(JsonWriter& json, const std::string& path,
-                const std::vector<HeaderEntry>& entries) {
-    json.Open('{');
-    json.Key("file");
-    json.Text(path);
-    json.Key("entries");
-    json.Open('[');
-    for (const HeaderEntry& entry : entries) {
-        json.Open('{');
-        for (const auto& [key, text] :
-             {std::pair<const char*, const std::string&>{"section", entry.section},
-              {"name", entry.name},
-              {"value", entry.value}}) {
-            json.Key(key);
-            json.Text(text);
-        }
-        json.Close('}');
-    }
-    json.Close(']');
-    json.Close('}');
-}
 
 }  // namespace
 
@@ -119,30 +95,33 @@ std::string FormatHeader(const std::vector<HeaderEntry>& entries) {
     return text;
 }
 
-int ShowHeaders(const std::vector<std::string>& paths, bool asJson) {
-    JsonWriter json;
+int ShowHeaders(const TraceOptions& /*options*/, const std::vector<std::string>& files,
+                ReportWriter& report) {
     bool isGood = true, isFound = false;
-    if (asJson) json.Open('[');
-    for (const std::string& path : paths) {
+    report.OpenArray();
+    for (const std::string& path : files) {
         TraceSource source(path, 0);
         const bool isOpen = source.Open();
-        if (!isOpen) Complain("%s: %s", Printable(path).c_str(), source.Problem().c_str());
-        isGood = isGood && isOpen;
-        if (!isOpen) continue;
-        const std::vector<HeaderEntry> entries = ReadHeader(source);
+        const std::vector<HeaderEntry> entries =
+            isOpen ? ReadHeader(source) : std::vector<HeaderEntry>();
         isFound = isFound || !entries.empty();
-        if (!source.Facts().error.empty()) {
-            Complain("%s: %s", Printable(path).c_str(), source.Facts().error.c_str());
-            isGood = false;
-        }
-        if (asJson) {
-            PutEntries(json, path, entries);
-        } else {
-            Write(Printable(path) + (entries.empty() ? ": no header\n" : ":\n"));
-            Write(FormatHeader(entries));
-        }
+        const std::string& problem = isOpen ? source.Facts().error : source.Problem();
+        if (!problem.empty()) Complain("%s: %s", Printable(path).c_str(), problem.c_str());
+        isGood = isGood && problem.empty();
+        if (!isOpen) continue;
+        report.OpenObject();
+        report.Text("file", path);
+        report.Line(Printable(path) + (entries.empty() ? ": no header" : ":"));
+        report.List("entries", entries, [&report](const HeaderEntry& entry) {
+            report.OpenObject();
+            report.Text("section", entry.section);
+            report.Text("name", entry.name);
+            report.Text("value", entry.value);
+            report.Close();
+        });
+        const std::string lines = FormatHeader(entries);
+        if (!lines.empty()) report.Line(std::string_view(lines).substr(0, lines.size() - 1));
+        report.Close();
     }
-    if (asJson) json.Close(']');
-    if (asJson) json.Finish();
     return !isGood ? kError : isFound ? kYes : kNo;
 }

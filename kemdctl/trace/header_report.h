@@ -17,7 +17,3 @@ struct HeaderEntry {
 
 // One line for each entry, "NAME  VALUE", printable, below the names of its sections.
 [[nodiscard]] std::string FormatHeader(const std::vector<HeaderEntry>& entries);
-
-// Shows the headers of these files on standard output. kYes; kNo when none has one; kError when one
-// cannot be read, which is told.
-[[nodiscard]] int ShowHeaders(const std::vector<std::string>& paths, bool asJson);

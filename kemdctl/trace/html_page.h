@@ -5,4 +5,4 @@
 
 // The page has its data, JSON, between the two.
 extern const std::string_view kPageBeforeData;
-extern const std::string_view kPageBehindData;
+extern const std::string_view kPageAfterData;

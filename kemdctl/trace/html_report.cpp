@@ -1,12 +1,13 @@
-#include "kemdctl/trace/html_report.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <deque>
 #include <utility>
 
 #include "kemdctl/trace/html_page.h"
+#include "kemdctl/trace/options.h"
+#include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/run_marks.h"
+#include "kemdctl/trace/trace_files.h"
 #include "kemdctl/ui/json.h"
 #include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/text.h"
@@ -86,7 +87,7 @@ std::string HtmlSink::Facts() const {
     std::string text = "\"files\":[";
     for (const auto& source : m_merge->Sources()) {
         text += (text.back() == '[' ? "{\"path\":" : ",{\"path\":") + JsonQuoted(source->Path()) +
-                ",\"facts\":" + JsonQuoted(source->Describe()) + "}";
+                ",\"facts\":" + JsonQuoted(Describe(*source)) + "}";
     }
     return text + "],\"leftOut\":" + std::to_string(m_leftOut) +
            ",\"cut\":" + std::to_string(m_cut);
@@ -123,12 +124,12 @@ bool HtmlSink::PutData(const FileSink& sink) const {
 bool HtmlSink::Finish() {
     m_spans.Finish();
     return WriteOutputFile(m_path.c_str(), 0600, [this](const FileSink& sink) {
-               return sink(kPageBeforeData) && PutData(sink) && sink(kPageBehindData);
+               return sink(kPageBeforeData) && PutData(sink) && sink(kPageAfterData);
            }) == kYes;
 }
 
 }  // namespace
 
-std::unique_ptr<RecordSink> MakeHtmlSink(std::string path) {
-    return std::make_unique<HtmlSink>(std::move(path));
+std::unique_ptr<RecordSink> MakeHtmlSink(const TraceOptions& options, ReportWriter& /*report*/) {
+    return std::make_unique<HtmlSink>(options.reportFile);
 }

@@ -1,13 +1,12 @@
-#include "kemdctl/trace/last_run.h"
-
 #include <array>
 #include <cstdio>
 #include <optional>
 
 #include "kemdctl/facts/process_facts.h"
 #include "kemdctl/trace/last_run_facts.h"
+#include "kemdctl/trace/options.h"
+#include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/trace_files.h"
-#include "kemdctl/ui/json.h"
 #include "kemdctl/ui/text.h"
 #include "trace_reader/record.h"
 #include "trace_reader/trace_file.h"
@@ -50,47 +49,6 @@ const char* EndName(End end) {
     return "died";
 }
 
-void Show(const LastRun& run, End end) {
-    Write("last run:      " + std::string(FormatTime(run.begin).data()) +
-          (run.hasBegin ? " to " : " (or before) to ") + FormatTime(run.end).data() + "\n");
-    Write("state:         " + Printable(DescribeEnd(run, end)) + "\n");
-    if (const LastRun::Call* const call = run.OpenCall()) {
-        Write("open call:     " + Printable(call->name) + ", since " +
-              FormatTime(call->since).data() + "\n");
-    }
-    std::string modules;
-    for (const auto& [name, state] : run.modules) {
-        modules += (modules.empty() ? "" : ", ") + Printable(name) + " " + state;
-    }
-    if (!modules.empty()) Write("modules:       " + modules + "\n");
-    Write("last records:\n");
-    for (const KeptRecord& record : run.lastRecords) {
-        Write("  " + Printable(record.Get().line) + "\n");
-    }
-}
-
-void PutText(JsonWriter& json, const char* key, std::string_view text) {
-    json.Key(key);
-    json.Text(text);
-}
-
-// As `-o json` shows it.
-void PutRecord(JsonWriter& json, const TraceRecord& record, const std::string& path) {
-    std::array<char, 16> thread{};
-    std::snprintf(thread.data(), thread.size(), "%08X", record.thread);
-    json.Open('{');
-    PutText(json, "time", FormatTime(record.time).data());
-    PutText(json, "thread", thread.data());
-    if (record.residentKb >= 0) {
-        json.Key("residentKb");
-        json.Number(record.residentKb);
-    }
-    PutText(json, "tag", record.tag);
-    PutText(json, "text", record.text);
-    PutText(json, "file", path);
-    json.Close('}');
-}
-
 struct Story {
     LastRun run;
     End end = End::kUnknown;
@@ -98,33 +56,57 @@ struct Story {
     bool isWhole = true;             // everything could be read
 };
 
-// Into an object that is open.
-void PutRun(JsonWriter& json, const Story& story) {
-    const auto& [run, end, paths, isWhole] = story;
-    PutText(json, "end", EndName(end));
-    PutText(json, "description", DescribeEnd(run, end));
-    PutText(json, run.hasBegin ? "began" : "oldest", FormatTime(run.begin).data());
-    PutText(json, "newest", FormatTime(run.end).data());
+// As `-o json` shows it.
+void PutRecord(ReportWriter& report, const TraceRecord& record, const std::string& path) {
+    std::array<char, 16> thread{};
+    std::snprintf(thread.data(), thread.size(), "%08X", record.thread);
+    report.OpenObject();
+    report.Text("time", FormatTime(record.time).data());
+    report.Text("thread", thread.data());
+    if (record.residentKb >= 0) report.Number("residentKb", record.residentKb);
+    report.Text("tag", record.tag);
+    report.Text("text", record.text);
+    report.Text("file", path);
+    report.Close();
+}
+
+// Into an object that is open. People see less of a run in a list: the caller has a line for it.
+void Show(ReportWriter& report, const Story& story, bool isListed) {
+    const LastRun& run = story.run;
+    const std::string begin = FormatTime(run.begin).data(), end = FormatTime(run.end).data();
+    const std::string state = DescribeEnd(run, story.end);
+    const auto line = [&report, isListed](std::string_view label, const std::string& text) {
+        if (!isListed) report.Field(label, text);
+    };
+    report.SetColumn(15);
+    report.Text("end", EndName(story.end));
+    report.Text("description", state);
+    report.Text(run.hasBegin ? "began" : "oldest", begin);
+    report.Text("newest", end);
+    line("last run", begin + (run.hasBegin ? " to " : " (or before) to ") + end);
+    line("state", Printable(state));
     if (const LastRun::Call* const call = run.OpenCall()) {
-        PutText(json, "openCall", call->name);
-        PutText(json, "openSince", FormatTime(call->since).data());
+        const std::string since = FormatTime(call->since).data();
+        report.Text("openCall", call->name);
+        report.Text("openSince", since);
+        line("open call", Printable(call->name) + ", since " + since);
     }
-    json.Key("modules");
-    json.Open('[');
-    for (const auto& [name, state] : run.modules) {
-        json.Open('{');
-        PutText(json, "file", name);
-        PutText(json, "state", state);
-        json.Close('}');
-    }
-    json.Close(']');
-    json.Key("lastRecords");
-    json.Open('[');
-    for (const KeptRecord& kept : run.lastRecords) {
+    std::string modules;
+    report.List("modules", run.modules, [&](const auto& module) {
+        const auto& [name, its] = module;
+        modules += (modules.empty() ? "" : ", ") + Printable(name) + " " + its;
+        report.OpenObject();
+        report.Text("file", name);
+        report.Text("state", its);
+        report.Close();
+    });
+    if (!modules.empty()) line("modules", modules);
+    if (!isListed) report.Line("last records:");
+    report.List("lastRecords", run.lastRecords, [&](const KeptRecord& kept) {
         const TraceRecord record = kept.Get();
-        PutRecord(json, record, paths[record.source]);
-    }
-    json.Close(']');
+        PutRecord(report, record, story.paths[record.source]);
+        if (!isListed) report.Line("  " + Printable(record.line));
+    });
 }
 
 // What cannot be read is reported. Nothing when there are no records.
@@ -147,65 +129,55 @@ std::optional<Story> ReadRun(const std::vector<std::string>& paths) {
     return story;
 }
 
-void ShowWithKept(const Story& story, const std::optional<Story>& kept, const KeptPlace& place,
-                  bool asJson) {
-    if (!asJson) {
-        Show(story.run, story.end);
-        if (!kept) return;
-        Write("\nthe newest run that did not end in order (--run 1):\n");
-        return Show(kept->run, kept->end);
-    }
-    JsonWriter json;
-    json.Open('{');
-    PutRun(json, story);
-    if (kept) {
-        json.Key("kept");
-        json.Open('{');
-        PutText(json, "directory", place.path);
-        PutRun(json, *kept);
-        json.Close('}');
-    }
-    json.Close('}');
-    json.Finish();
-}
-
 std::string Kibibytes(uint64_t bytes) {
     return std::to_string((bytes + 1023) / 1024) + " KiB";
 }
 
-void ShowKept(size_t number, const KeptPlace& place, const std::optional<Story>& story) {
+void List(ReportWriter& report, size_t number, const KeptPlace& place) {
+    const std::optional<Story> story = ReadRun(FilesIn(place.path));
     const std::string name = place.path.substr(place.path.rfind('/') + 1);
     const std::string span = story ? std::string(FormatTime(story->run.begin).data()) + " to " +
                                          FormatTime(story->run.end).data()
                                    : "no records";
-    Write(std::to_string(number) + "  " + name + "  " + Kibibytes(place.size) + "  " + span + "  " +
-          (story ? Printable(DescribeEnd(story->run, story->end)) : "") + "\n");
+    report.OpenObject();
+    report.Number("run", number);
+    report.Text("directory", place.path);
+    report.Number("size", place.size);
+    report.Line(std::to_string(number) + "  " + name + "  " + Kibibytes(place.size) + "  " + span +
+                "  " + (story ? Printable(DescribeEnd(story->run, story->end)) : ""));
+    if (story) Show(report, *story, true);
+    report.Close();
 }
 
-void PutKept(JsonWriter& json, size_t number, const KeptPlace& place,
-             const std::optional<Story>& story) {
-    json.Open('{');
-    json.Key("run");
-    json.Number(static_cast<int64_t>(number));
-    PutText(json, "directory", place.path);
-    json.Key("size");
-    json.Number(static_cast<int64_t>(place.size));
-    if (story) PutRun(json, *story);
-    json.Close('}');
+void ShowWithKept(ReportWriter& report, const Story& story, const std::vector<KeptPlace>& kept) {
+    const bool mayShowKept = story.end == End::kRunning && !kept.empty();
+    const std::optional<Story> before =
+        mayShowKept ? ReadRun(FilesIn(kept.front().path)) : std::nullopt;
+    report.OpenObject();
+    Show(report, story, false);
+    if (!before) return;
+    report.Line("");
+    report.Line("the newest run that did not end in order (--run 1):");
+    report.OpenObject("kept");
+    report.Text("directory", kept.front().path);
+    Show(report, *before, false);
+    report.Close();
 }
 
 }  // namespace
 
-int ShowLastRun(const std::vector<std::string>& paths, const std::vector<KeptPlace>& kept,
-                bool asJson) {
-    const std::optional<Story> story = ReadRun(paths);
+// As long as no file of a later run is there, the newest one that was kept is the last run.
+int ShowLastRun(const TraceOptions& options, ReportWriter& report) {
+    const std::vector<KeptPlace> kept = ListKept(options.paths).value_or(std::vector<KeptPlace>());
+    std::vector<std::string> files = ChooseFiles(options);
+    if (files.empty() && !options.run && !kept.empty()) files = FilesIn(kept.front().path);
+    if (files.empty()) return kError;
+    const std::optional<Story> story = ReadRun(files);
     if (!story) {
         Complain("no records: nothing is known of a last run");
         return kError;
     }
-    const bool showsKept = story->end == End::kRunning && !kept.empty();
-    const KeptPlace before = showsKept ? kept.front() : KeptPlace();
-    ShowWithKept(*story, showsKept ? ReadRun(FilesIn(before.path)) : std::nullopt, before, asJson);
+    ShowWithKept(report, *story, kept);
     if (story->end == End::kUnknown) {
         Complain("whether a process still writes the files cannot be seen: only root may ask");
         return kError;
@@ -214,22 +186,12 @@ int ShowLastRun(const std::vector<std::string>& paths, const std::vector<KeptPla
     return story->end == End::kRunning || story->end == End::kStopped ? kYes : kNo;
 }
 
-int ListKeptRuns(const std::vector<KeptPlace>& kept, bool asJson) {
-    JsonWriter json;
-    if (asJson) json.Open('[');
-    size_t number = 0;
-    for (const KeptPlace& place : kept) {
-        const std::optional<Story> story = ReadRun(FilesIn(place.path));
-        ++number;
-        if (asJson) {
-            PutKept(json, number, place, story);
-        } else {
-            ShowKept(number, place, story);
-        }
-    }
-    if (asJson) json.Close(']');
-    if (asJson) json.Finish();
-    if (!kept.empty()) return kYes;
+int ListKeptRuns(const TraceOptions& options, ReportWriter& report) {
+    const auto kept = ListKept(options.paths);
+    if (!kept) return kError;
+    report.OpenArray();
+    for (size_t i = 0; i < kept->size(); ++i) List(report, i + 1, (*kept)[i]);
+    if (!kept->empty()) return kYes;
     Complain("no run is kept");
     return kNo;
 }

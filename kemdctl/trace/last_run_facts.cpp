@@ -2,12 +2,11 @@
 
 #include <algorithm>
 
-#include "kemdctl/trace/module_note.h"
 #include "kemdctl/trace/run_marks.h"
 
 namespace {
 
-// The number behind a text that a record begins with; empty when there is none.
+// The number after a text that a record begins with; empty when there is none.
 std::string NumberBehind(std::string_view text, std::string_view label) {
     if (!text.starts_with(label)) return {};
     text.remove_prefix(label.size());

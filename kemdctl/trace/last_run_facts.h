@@ -1,4 +1,4 @@
-// What the trace tells about the last run of the daemon.
+// What the trace says about the last run of the daemon.
 #pragma once
 
 #include <cstdint>
@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "kemdctl/trace/trace_files.h"
 #include "trace_reader/record.h"
-#include "trace_reader/trace_file.h"
 
 struct LastRun {
     enum class End : uint8_t { kRunning, kStopped, kKilled, kDiedAtStart, kDied, kUnknown };
@@ -33,7 +33,7 @@ struct LastRun {
     std::map<std::string, std::string> modules;  // their last states
     std::deque<KeptRecord> lastRecords;          // the first 2 KiB of each
 
-    // All records in order; a start of the daemon begins it anew.
+    // All records in order; a start of the daemon begins it again.
     void Take(const TraceRecord& record);
     // The innermost call that had not ended; null: there is none.
     [[nodiscard]] const Call* OpenCall() const {

@@ -6,6 +6,7 @@
 #include <initializer_list>
 #include <utility>
 
+#include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/time_word.h"
 #include "kemdctl/ui/text.h"
 
@@ -24,6 +25,7 @@ struct Word {
     std::string_view other;  // may be empty
     Kind kind;
     Setter set;
+    const char* help;  // its lines of the help, which may be those of the next ones, too
 };
 
 template <bool TraceOptions::*member, bool value = true>
@@ -32,17 +34,17 @@ std::string SetFlag(Parser& parser, const char* /*none*/) {
     return {};
 }
 
-template <Report report>
+template <auto report>
 std::string SetReport(Parser& parser, const char* file) {
-    if (parser.options.report != Report::kNone) return "one report or count at a time";
+    if (parser.options.report.index() != 0) return "one report or count at a time";
     parser.options.report = report;
     parser.options.reportFile = file;
     return {};
 }
 
-template <std::optional<int64_t> Choice::*member>
+template <std::optional<int64_t> Filter::*member>
 std::string SetTime(Parser& parser, const char* value) {
-    auto& time = parser.options.choice.*member;
+    auto& time = parser.options.filter.*member;
     time = ParseTime(value, parser.now);
     return time ? "" : "no time such as \"2026-11-15 20:04:51.123\", 20:04, today or -2h30m";
 }
@@ -54,9 +56,9 @@ std::string SetSpan(Parser& parser, const char* value) {
     return span ? "" : "no span of time such as 10, 0.5 or 2m30s";
 }
 
-template <std::vector<Pattern> Choice::*member>
+template <std::vector<Pattern> Filter::*member>
 std::string AddPattern(Parser& parser, const char* value) {
-    return (parser.options.choice.*member).emplace_back().Set(value, parser.ignoresCase);
+    return (parser.options.filter.*member).emplace_back().Set(value, parser.ignoresCase);
 }
 
 std::string SetWaitFor(Parser& parser, const char* value) {
@@ -70,12 +72,12 @@ std::string AddThread(Parser& parser, const char* value) {
     uint64_t thread = 0;
     const auto [next, error] = std::from_chars(begin, end, thread, 16);
     if (error != std::errc{} || next != end) return "no thread such as D82A0740";
-    parser.options.choice.threads.push_back(static_cast<uint32_t>(thread));
+    parser.options.filter.threads.push_back(static_cast<uint32_t>(thread));
     return {};
 }
 
 std::string AddTag(Parser& parser, const char* value) {
-    parser.options.choice.tags.emplace_back(value);
+    parser.options.filter.tags.emplace_back(value);
     return {};
 }
 
@@ -127,39 +129,60 @@ std::string IgnoreCase(Parser& parser, const char* /*none*/) {
     return {};
 }
 
-// -i stands before what it works on.
+// -i stands before what it works on. The help has the lines of this table in its order.
 constexpr Word kWords[] = {
-    {"--help", "", Kind::kFlag, SetFlag<&TraceOptions::isHelp>},
-    {"-i", "--ignore-case", Kind::kFlag, IgnoreCase},
-    {"--start", "", Kind::kFlag, SetFlag<&TraceOptions::fromStart>},
-    {"--since", "", Kind::kValue, SetTime<&Choice::since>},
-    {"--until", "", Kind::kValue, SetTime<&Choice::until>},
-    {"--thread", "", Kind::kRepeated, AddThread},
-    {"--tag", "", Kind::kRepeated, AddTag},
-    {"-g", "--grep", Kind::kRepeated, AddPattern<&Choice::wanted>},
-    {"-v", "--exclude", Kind::kRepeated, AddPattern<&Choice::excluded>},
-    {"-n", "--lines", Kind::kValue, SetNumber<&TraceOptions::last, 0>},
-    {"-f", "--follow", Kind::kFlag, SetFlag<&TraceOptions::follows>},
-    {"--wait-for", "", Kind::kValue, SetWaitFor},
-    {"--timeout", "", Kind::kValue, SetSpan<&TraceOptions::timeout>},
-    {"-o", "--output", Kind::kValue, SetForm},
-    {"--json", "", Kind::kFlag, SetJson},
-    {"--delta", "", Kind::kFlag, SetFlag<&TraceOptions::showsDelta>},
-    {"--gaps", "", Kind::kValue, SetSpan<&TraceOptions::gap>},
-    {"--raw", "", Kind::kFlag, SetFlag<&TraceOptions::isRaw>},
-    {"--color", "", Kind::kValue, SetColor},
-    {"--no-pager", "", Kind::kFlag, SetFlag<&TraceOptions::mayPage, false>},
-    {"-q", "--quiet", Kind::kFlag, SetFlag<&TraceOptions::isQuiet>},
-    {"--count", "", Kind::kFlag, SetReport<Report::kCount>},
-    {"--header", "", Kind::kFlag, SetReport<Report::kHeader>},
-    {"--stats", "", Kind::kFlag, SetReport<Report::kStats>},
-    {"--verify", "", Kind::kFlag, SetReport<Report::kVerify>},
-    {"--last-run", "", Kind::kFlag, SetReport<Report::kLastRun>},
-    {"--list-runs", "", Kind::kFlag, SetReport<Report::kListRuns>},
-    {"--run", "", Kind::kValue, SetNumber<&TraceOptions::run, 1>},
-    {"--export", "", Kind::kValue, SetReport<Report::kExport>},
-    {"--html", "", Kind::kValue, SetReport<Report::kHtml>},
-    {"--collect", "", Kind::kValue, SetReport<Report::kCollect>},
+    {"--help", "", Kind::kFlag, SetFlag<&TraceOptions::isHelp>,
+     "usage: kemdctl trace [OPTION...] [FILE|DIRECTORY...]  the directory in force\n"
+     "Records of all the files in the order of time. They are chosen in this order:\n"},
+    {"-i", "--ignore-case", Kind::kFlag, IgnoreCase, ""},
+    {"--start", "", Kind::kFlag, SetFlag<&TraceOptions::fromStart>,
+     "  --start                   since the last start of the daemon\n"},
+    {"--since", "", Kind::kValue, SetTime<&Filter::since>,
+     "  --since T, --until T      T: \"2026-11-15 20:04:51.123\", 20:04, today, -2h30m\n"},
+    {"--until", "", Kind::kValue, SetTime<&Filter::until>, ""},
+    {"--thread", "", Kind::kRepeated, AddThread,
+     "  --thread ID, --tag NAME   of any of these threads, with any of these tags\n"},
+    {"--tag", "", Kind::kRepeated, AddTag, ""},
+    {"-g", "--grep", Kind::kRepeated, AddPattern<&Filter::wanted>,
+     "  -g, --grep REGEX          whose text matches any of these; -i ignores case\n"},
+    {"-v", "--exclude", Kind::kRepeated, AddPattern<&Filter::excluded>,
+     "  -v, --exclude REGEX       whose text matches none of these\n"},
+    {"-n", "--lines", Kind::kValue, SetNumber<&TraceOptions::last, 0>,
+     "  -n, --lines N             the last N of them; with -f then everything new\n"},
+    {"-f", "--follow", Kind::kFlag, SetFlag<&TraceOptions::follows>,
+     "Show them:\n"
+     "  -f, --follow              and go on with what is written\n"},
+    {"--wait-for", "", Kind::kValue, SetWaitFor,
+     "  --wait-for REGEX          only the next that matches; --timeout S: give up\n"},
+    {"--timeout", "", Kind::kValue, SetSpan<&TraceOptions::timeout>, ""},
+    {"-o", "--output", Kind::kValue, SetForm,
+     "  -o full|short|json|csv    in this form; --raw  with all that is no record\n"},
+    {"--json", "", Kind::kFlag, SetJson, ""},
+    {"--delta", "", Kind::kFlag, SetFlag<&TraceOptions::showsDelta>,
+     "  --delta, --gaps S         with the time between; only around gaps above S\n"},
+    {"--gaps", "", Kind::kValue, SetSpan<&TraceOptions::gap>, ""},
+    {"--raw", "", Kind::kFlag, SetFlag<&TraceOptions::isRaw>, ""},
+    {"--color", "", Kind::kValue, SetColor,
+     "  --color auto|always|never    --no-pager    -q, --quiet  no word on the files\n"},
+    {"--no-pager", "", Kind::kFlag, SetFlag<&TraceOptions::mayPage, false>, ""},
+    {"-q", "--quiet", Kind::kFlag, SetFlag<&TraceOptions::isQuiet>, ""},
+    {"--count", "", Kind::kFlag, SetReport<MakeCountSink>,
+     "Or, in their place:\n"
+     "  --count                   their number\n"},
+    {"--stats", "", Kind::kFlag, SetReport<MakeStatsSink>,
+     "  --stats                   how many of which kind, when, at what memory\n"},
+    {"--export", "", Kind::kValue, SetReport<MakeTimelineSink>,
+     "  --export, --html FILE     a timeline for trace viewers; a page to look at\n"},
+    {"--html", "", Kind::kValue, SetReport<MakeHtmlSink>, ""},
+    {"--header", "", Kind::kFlag, SetReport<ShowHeaders>,
+     "Or, of whole files: --header; --verify whether they are sound; --last-run how\n"
+     "it ended; --collect FILE everything for support, secrets masked\n"},
+    {"--verify", "", Kind::kFlag, SetReport<VerifyFiles>, ""},
+    {"--last-run", "", Kind::kFlag, SetReport<ShowLastRun>, ""},
+    {"--collect", "", Kind::kValue, SetReport<CollectFiles>, ""},
+    {"--list-runs", "", Kind::kFlag, SetReport<ListKeptRuns>,
+     "Runs that did not end in order are kept: --list-runs; --run N reads one of them\n"},
+    {"--run", "", Kind::kValue, SetNumber<&TraceOptions::run, 1>, ""},
 };
 
 bool Complained(std::string_view name, const char* value, const std::string& problem) {
@@ -193,18 +216,20 @@ bool TakeWord(CommandLine& line, const Word& word, Parser& parser) {
 // What makes no sense together.
 std::string FindConflict(const TraceOptions& options) {
     const bool goesOn = options.follows || options.waitFor;
-    const Choice& choice = options.choice;
-    const bool isOfFiles = options.report > Report::kNone && options.report < Report::kCount;
-    const bool chooses = options.fromStart || choice.since || choice.until || options.last ||
-                         !choice.threads.empty() || !choice.tags.empty() ||
-                         !choice.wanted.empty() || !choice.excluded.empty();
-    const bool isOfKept = options.run || options.report == Report::kListRuns;
-    if (isOfKept && goesOn) return "a kept run is written by nobody: no -f, no --wait-for";
+    const Filter& filter = options.filter;
+    const bool isList = options.report == TraceReport(ListKeptRuns);
+    const bool isOfFiles = std::holds_alternative<FilesReport>(options.report) ||
+                           std::holds_alternative<RunsReport>(options.report);
+    const bool chooses = options.fromStart || filter.since || filter.until || options.last ||
+                         !filter.threads.empty() || !filter.tags.empty() ||
+                         !filter.wanted.empty() || !filter.excluded.empty();
+    const bool isOfKept = options.run || isList;
+    if (isOfKept && goesOn) return "nothing is written to a kept run: no -f, no --wait-for";
     if (isOfKept && options.paths.size() > 1) return "kept runs are those of one directory";
-    if (options.run && options.report == Report::kListRuns) return "--list-runs shows all of them";
+    if (options.run && isList) return "--list-runs shows all of them";
     if (options.timeout && !goesOn) return "--timeout goes with -f and --wait-for only";
-    if (isOfFiles && (goesOn || chooses)) return "this report is of whole files: choose no records";
-    if (options.waitFor && options.report != Report::kNone) {
+    if (isOfFiles && (goesOn || chooses)) return "this report is of whole files: no filters, no -f";
+    if (options.waitFor && options.report.index() != 0) {
         return "--wait-for goes with no report and no count";
     }
     return {};
@@ -243,27 +268,6 @@ std::optional<TraceOptions> ParseTraceOptions(CommandLine& line) {
 }
 
 void WriteTraceHelp() {
-    Write(
-        "usage: kemdctl trace [OPTION...] [FILE|DIRECTORY...]  the directory in force\n"
-        "Records of all the files in the order of time. They are chosen in this order:\n"
-        "  --start                   since the last start of the daemon\n"
-        "  --since T, --until T      T: \"2026-11-15 20:04:51.123\", 20:04, today, -2h30m\n"
-        "  --thread ID, --tag NAME   of any of these threads, with any of these tags\n"
-        "  -g, --grep REGEX          whose text matches any of these; -i ignores case\n"
-        "  -v, --exclude REGEX       whose text matches none of these\n"
-        "  -n, --lines N             the last N of them; with -f then everything new\n"
-        "Show them:\n"
-        "  -f, --follow              and go on with what is written\n"
-        "  --wait-for REGEX          only the next that matches; --timeout S: give up\n"
-        "  -o full|short|json|csv    in this form; --raw  with all that is no record\n"
-        "  --delta, --gaps S         with the time between; only around gaps above S\n"
-        "  --color auto|always|never    --no-pager    -q, --quiet  no word on the files\n"
-        "Or, in their place:\n"
-        "  --count                   their number\n"
-        "  --stats                   how many of which kind, when, at what memory\n"
-        "  --export, --html FILE     a timeline for trace viewers; a page to look at\n"
-        "Or, of whole files: --header; --verify whether they are sound; --last-run how\n"
-        "it ended; --collect FILE everything for support, secrets masked\n"
-        "Runs that did not end in order are kept: --list-runs; --run N reads one of them\n"
-        "Exit status: 0 found, 1 nothing matched, or the time-out, 2 an error.\n");
+    for (const Word& word : kWords) Write(word.help);
+    Write("Exit status: 0 found, 1 nothing matched, or the time-out, 2 an error.\n");
 }

@@ -2,29 +2,27 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
-#include "kemdctl/trace/choice.h"
-#include "kemdctl/trace/pattern.h"
+#include "kemdctl/trace/filter.h"
 #include "kemdctl/ui/command.h"
 
 enum class Form : uint8_t { kFull, kShort, kJson, kCsv };
 enum class ColorMode : uint8_t { kAuto, kAlways, kNever };
-// In place of the records; kExport, kHtml and kCollect into a file.
-enum class Report : uint8_t {
-    kNone,
-    kHeader,
-    kVerify,
-    kLastRun,
-    kListRuns,
-    kCollect,  // of whole files
-    kCount,
-    kStats,
-    kExport,
-    kHtml,  // of the chosen records
-};
+struct TraceOptions;
+class RecordSink;
+class ReportWriter;
+
+// In place of the records: of whole files, of whole runs, whose files the report finds itself, or
+// of the chosen records. See reports.h.
+using FilesReport = int (*)(const TraceOptions&, const std::vector<std::string>&, ReportWriter&);
+using RunsReport = int (*)(const TraceOptions&, ReportWriter&);
+using RecordsReport = std::unique_ptr<RecordSink> (*)(const TraceOptions&, ReportWriter&);
+using TraceReport = std::variant<std::monostate, FilesReport, RunsReport, RecordsReport>;
 
 // Views and pointers into the command line, which outlives it.
 struct TraceOptions {
@@ -35,7 +33,7 @@ struct TraceOptions {
     bool isQuiet = false;
     bool follows = false;
     bool fromStart = false;
-    Choice choice;
+    Filter filter;
     std::optional<uint64_t> last;
     std::optional<Pattern> waitFor;
     std::optional<int64_t> timeout;  // milliseconds
@@ -44,8 +42,8 @@ struct TraceOptions {
     bool mayPage = true;
     bool showsDelta = false;
     std::optional<int64_t> gap;  // milliseconds
-    Report report = Report::kNone;
-    const char* reportFile = nullptr;
+    TraceReport report;
+    const char* reportFile = nullptr;  // of a report that goes into a file
 };
 
 // Takes the words out of the line. Nothing, and a message, when one is not understood.

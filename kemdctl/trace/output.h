@@ -1,13 +1,38 @@
-// Where the shown records go: standard output, or a pager in front of a terminal. Collects, so that
-// many records go out with one call.
+// Where the shown records go: standard output, or a pager on a terminal.
 #pragma once
+
+#include <sys/types.h>
 
 #include <string>
 #include <string_view>
 
+#include "base/unique_fd.h"
 #include "kemdctl/trace/options.h"
-#include "kemdctl/trace/pager.h"
 
+// KEMDCTL_PAGER, PAGER, or less if there is one; empty when nothing of it is to be used.
+[[nodiscard]] std::string ChoosePager();
+
+class Pager {
+  public:
+    Pager() = default;
+    Pager(const Pager&) = delete;
+    Pager& operator=(const Pager&) = delete;
+    // Waits until the person has read enough.
+    ~Pager();
+
+    // Starts this command of the shell; it shows on standard output what is written to Get(). False
+    // with errno.
+    [[nodiscard]] bool Start(const std::string& command);
+    [[nodiscard]] bool IsRunning() const { return m_process > 0; }
+    [[nodiscard]] int Get() const { return m_input.Get(); }
+
+  private:
+    UniqueFd m_input;
+    pid_t m_process = 0;
+};
+
+// Where the shown records go: standard output, or a pager on a terminal. Collects, so that
+// many records go out with one call.
 class Output {
   public:
     explicit Output(const TraceOptions& options);
@@ -24,7 +49,7 @@ class Output {
     // Much at once, as it is; not for a terminal.
     void PutBytes(std::string_view bytes);
     void Flush();
-    // Nobody reads any more, or there was an error, which FinishOutput will tell.
+    // The reader has gone away, or there was an error, which FinishOutput will report.
     [[nodiscard]] bool IsClosed() const;
 
   private:

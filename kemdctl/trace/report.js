@@ -209,7 +209,7 @@ function filter() {
   showRows();
 }
 
-// The most frequent ones: a list of thousands helps nobody.
+// The most frequent ones: a list of thousands is of no use.
 function fill(id, column) {
   const counts = new Map();
   for (const row of all) counts.set(row[column], (counts.get(row[column]) ?? 0) + 1);

@@ -1,6 +1,7 @@
 #include "kemdctl/trace/run_marks.h"
 
 #include <algorithm>
+#include <array>
 
 namespace {
 
@@ -16,7 +17,7 @@ constexpr std::string_view kMain = "KEMD-MAIN: ";
 constexpr std::string_view kOnExit = "KEMD-MAIN::OnExitService      : ";
 
 struct MarkText {
-    std::string_view text;  // what the record begins with, behind the name of the function
+    std::string_view text;  // what the record begins with, after the name of the function
     RunMark mark;
 };
 constexpr MarkText kMainTexts[] = {
@@ -94,4 +95,23 @@ void RunSpans::Add(const TraceRecord& record) {
 
 void RunSpans::Finish() {
     while (!m_open.empty()) End(m_open.front().name, m_lastTime, true);
+}
+
+std::optional<ModuleNote> ParseModuleNote(const TraceRecord& record) {
+    constexpr std::string_view kModule = "module ";
+    constexpr std::string_view kFile = ".so ";
+    constexpr std::array<std::string_view, 10> kStates = {
+        "loading", "loaded",           "starting",        "started",        "stopping",
+        "stopped", "cannot be loaded", "failed to start", "failed to stop", "is left out"};
+    if (record.tag != "switch" || !record.text.starts_with(kModule)) return {};
+    // A fragment of an overwritten record may stand after it.
+    std::string_view text = record.text.substr(0, record.text.find('\n'));
+    text.remove_prefix(kModule.size());
+    const size_t end = text.find(kFile);
+    if (end == text.npos) return {};
+    const std::string_view name = text.substr(0, end + kFile.size() - 1);
+    text.remove_prefix(end + kFile.size());
+    const std::string_view state = text.substr(0, text.find(':'));
+    if (std::find(kStates.begin(), kStates.end(), state) == kStates.end()) return {};
+    return ModuleNote{name, state};
 }

@@ -1,5 +1,5 @@
-// The records by which the daemon's trace shows how a run goes: start-up, the calls into the switch
-// library, the end.
+// The records by which the trace shows how a run of the daemon goes: start-up, the calls into the
+// switch library, what becomes of the modules, the end.
 #pragma once
 
 #include <cstdint>
@@ -42,3 +42,11 @@ class RunSpans {
     std::vector<RunSpan> m_spans;
     int64_t m_lastTime = 0;
 };
+
+// Views into the record.
+struct ModuleNote {
+    std::string_view name;
+    std::string_view state;
+};
+// Nothing for all other records.
+[[nodiscard]] std::optional<ModuleNote> ParseModuleNote(const TraceRecord& record);

@@ -20,10 +20,10 @@ ShowSink::ShowSink(const TraceOptions& options)
       m_gap(options.gap),
       m_showsDelta(options.showsDelta ||
                    (options.gap && (options.form == Form::kJson || options.form == Form::kCsv))),
-      m_takesRuns(options.form == Form::kFull && !m_output.IsForTerminal() && !m_showsDelta &&
-                  !m_gap) {}
+      m_takesBlocks(options.form == Form::kFull && !m_output.IsForTerminal() && !m_showsDelta &&
+                    !m_gap) {}
 
-void ShowSink::TakeRun(std::string_view lines) {
+void ShowSink::TakeBlock(std::string_view lines) {
     m_hasShown = true;
     m_output.PutBytes(lines);
     m_output.Text() += '\n';

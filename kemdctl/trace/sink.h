@@ -1,5 +1,5 @@
-// What becomes of the records that were chosen: shown, counted, exported. One sink serves one run
-// of the command.
+// What becomes of the chosen records: shown, counted, exported. A sink serves one call of the
+// command.
 #pragma once
 
 #include "trace_reader/record.h"
@@ -12,6 +12,6 @@ class RecordSink {
     virtual void Begin(const TraceMerge& /*merge*/) {}
     // One record, in order. Its views are valid during the call.
     virtual void Take(const TraceRecord& record) = 0;
-    // Behind the last one. False: an error, which was told on standard error.
+    // After the last one. False: an error, which was reported.
     [[nodiscard]] virtual bool Finish() { return true; }
 };

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "kemdctl/trace/printer.h"
+#include "kemdctl/trace/show_sink.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -31,7 +31,7 @@ class TextPrinter : public Printer {
   public:
     TextPrinter(const TraceOptions& options, Output& output)
         : m_output(output),
-          m_marked(options.choice.wanted),
+          m_marked(options.filter.wanted),
           m_isShort(options.form == Form::kShort),
           m_isPlain(!m_isShort && !output.IsForTerminal()) {}
 

@@ -1,10 +1,10 @@
-#include "kemdctl/trace/timeline_export.h"
-
 #include <cstdio>
 #include <map>
 #include <utility>
 
+#include "kemdctl/trace/options.h"
 #include "kemdctl/trace/progress.h"
+#include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/run_marks.h"
 #include "kemdctl/ui/json.h"
 #include "kemdctl/ui/output_file.h"
@@ -145,6 +145,7 @@ bool TimelineSink::Finish() {
 
 }  // namespace
 
-std::unique_ptr<RecordSink> MakeTimelineSink(const std::string& path, bool isQuiet) {
-    return std::make_unique<TimelineSink>(path, isQuiet);
+std::unique_ptr<RecordSink> MakeTimelineSink(const TraceOptions& options,
+                                             ReportWriter& /*report*/) {
+    return std::make_unique<TimelineSink>(options.reportFile, options.isQuiet);
 }

@@ -1,10 +1,9 @@
-#include "kemdctl/trace/verify.h"
-
 #include <charconv>
 #include <cstring>
 
 #include "kemdctl/trace/header_report.h"
-#include "kemdctl/ui/json.h"
+#include "kemdctl/trace/reports.h"
+#include "kemdctl/trace/trace_files.h"
 #include "kemdctl/ui/text.h"
 #include "trace_reader/record.h"
 #include "trace_reader/trace_source.h"
@@ -22,7 +21,7 @@ std::string Bytes(uint64_t count) {
     return std::to_string(count) + (count == 1 ? " byte" : " bytes");
 }
 
-// What only the records themselves tell.
+// What only the records themselves show.
 class RecordCheck {
   public:
     void Take(const TraceRecord& record) {
@@ -35,7 +34,7 @@ class RecordCheck {
         m_time = record.time;
         m_hasTime = true;
     }
-    void Tell(const SourceFacts& facts, std::vector<std::string>& findings) const {
+    void Report(const SourceFacts& facts, std::vector<std::string>& findings) const {
         if (facts.clockBack > 0) {
             findings.push_back("time goes back " + std::to_string(facts.clockBack) +
                                " times, first by " + std::to_string(m_backBy) + " ms after " +
@@ -84,55 +83,47 @@ Verdict Verify(const std::string& path) {
     RecordCheck check;
     for (TraceRecord record; source.Next(record);) check.Take(record);
     const SourceFacts& facts = source.Facts();
-    check.Tell(facts, verdict.findings);
+    check.Report(facts, verdict.findings);
     if (facts.foreign > 0) verdict.findings.push_back(Bytes(facts.foreign) + " are no records");
     if (!facts.problem.empty()) verdict.findings.push_back(facts.problem);
     if (!facts.error.empty()) verdict.findings.push_back(facts.error);
     verdict.isWhole = facts.error.empty();
     if (facts.kind == FileKind::kEmptyFile) verdict.findings.emplace_back("is empty");
-    verdict.summary = source.Describe();
+    verdict.summary = Describe(source);
     return verdict;
 }
 
-void Show(const std::string& path, const Verdict& verdict) {
+void Show(const std::string& path, const Verdict& verdict, ReportWriter& report) {
     const std::string name = Printable(path) + ": ";
-    if (!verdict.isReadable) return Complain("%s%s", name.c_str(), verdict.summary.c_str());
-    for (const std::string& finding : verdict.findings) Write(name + finding + "\n");
-    if (verdict.findings.empty()) Write(name + "sound: " + verdict.summary + "\n");
-}
-
-void ShowAsJson(JsonWriter& json, const std::string& path, const Verdict& verdict) {
-    json.Open('{');
-    json.Key("file");
-    json.Text(path);
-    json.Key("state");
-    json.Text(!verdict.isReadable ? "unreadable" : verdict.findings.empty() ? "sound" : "damaged");
-    json.Key("summary");
-    json.Text(verdict.summary);
-    json.Key("findings");
-    json.Open('[');
-    for (const std::string& finding : verdict.findings) json.Text(finding);
-    json.Close(']');
-    json.Close('}');
+    report.OpenObject();
+    report.Text("file", path);
+    report.Text("state", !verdict.isReadable        ? "unreadable"
+                         : verdict.findings.empty() ? "sound"
+                                                    : "damaged");
+    report.Text("summary", verdict.summary);
+    report.List("findings", verdict.findings, [&](const std::string& finding) {
+        report.Text({}, finding);
+        report.Line(name + finding);
+    });
+    if (!verdict.isReadable) {
+        Complain("%s%s", name.c_str(), verdict.summary.c_str());
+    } else if (verdict.findings.empty()) {
+        report.Line(name + "sound: " + verdict.summary);
+    }
+    report.Close();
 }
 
 }  // namespace
 
-int VerifyFiles(const std::vector<std::string>& paths, bool asJson) {
-    JsonWriter json;
+int VerifyFiles(const TraceOptions& /*options*/, const std::vector<std::string>& files,
+                ReportWriter& report) {
     int result = kYes;
-    if (asJson) json.Open('[');
-    for (const std::string& path : paths) {
+    report.OpenArray();
+    for (const std::string& path : files) {
         const Verdict verdict = Verify(path);
-        if (asJson) {
-            ShowAsJson(json, path, verdict);
-        } else {
-            Show(path, verdict);
-        }
+        Show(path, verdict, report);
         if (!verdict.isWhole) result = kError;
         if (!verdict.findings.empty() && result == kYes) result = kNo;
     }
-    if (asJson) json.Close(']');
-    if (asJson) json.Finish();
     return result;
 }

@@ -1,6 +1,6 @@
 // Reads any bytes as a trace file, in each of the ways there are: whatever is in them, the records
 // come from the file and lie in it one after the other, and all that is in it can be shown.
-#include "kemdctl/trace/printer.h"
+#include "kemdctl/trace/show_sink.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/kemdctl/json_check.h"
 #include "trace_reader/trace_merge.h"
@@ -22,16 +22,15 @@ std::string ReadOneByOne(TraceSource& source, size_t size) {
         text += std::string(record.line) + "\n";
     }
     Require(text.size() <= size + 2, "more than the file has");
-    (void)source.Describe();
     return text;
 }
 
 template <typename Records>
-std::string ReadRuns(Records& records) {
+std::string ReadBlocks(Records& records) {
     std::string text;
     for (TraceRecord record; records.Next(record);) {
         text += std::string(record.line) + "\n";
-        for (TraceRun run; records.NextRun(run);) text += std::string(run.lines) + "\n";
+        for (RecordBlock run; records.NextBlock(run);) text += std::string(run.lines) + "\n";
     }
     return text;
 }
@@ -53,7 +52,7 @@ void ReadTwo(const std::string& one, const std::string& other) {
     again.ShowAll(one.size() % 2 == 1);
     again.Add(one);
     again.Add(other);
-    Require(ReadRuns(again) == text, "another order in runs");
+    Require(ReadBlocks(again) == text, "another order in runs");
 }
 
 // All that --raw shows, in one form.
@@ -104,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Require(source.Open(), "opening");
     const std::string text = ReadOneByOne(source, size);
     source.Rewind();
-    Require(ReadRuns(source) == text, "runs that differ from their records");
+    Require(ReadBlocks(source) == text, "runs that differ from their records");
     source.Select(1794773091000, INT64_MAX);
     Require(ReadOneByOne(source, size).size() <= text.size(), "seeking found more");
     PrintInAllForms(file.Path());

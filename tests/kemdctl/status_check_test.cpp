@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "kemdctl/ui/report.h"
 #include "tests/daemon/daemon_test.h"
 #include "tests/kemdctl/ctl.h"
 #include "tests/kemdctl/json_check.h"
@@ -214,6 +215,28 @@ TEST_F(CheckTest, FailuresAreInTheDocument) {
     EXPECT_EQ(poor.code, 2);
     EXPECT_TRUE(poor.out.starts_with("{\"error\":\"there is not enough memory")) << poor.err;
 #endif
+}
+
+// Memory or a file may fail anywhere in a result.
+TEST(ReportWriterTest, ACommandThatStopsInTheMiddleLeavesAWholeDocument) {
+    for (const bool isObject : {true, false}) {
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        ReportWriter report(true);
+        isObject ? report.OpenObject() : report.OpenArray();
+        report.OpenArray(isObject ? "list" : "");
+        report.OpenObject();
+        report.Null("none");
+        report.Line("for people");
+        if (isObject) Complain("no \"%s\"", "more");
+        report.Finish(kError);
+        EXPECT_TRUE(Contains("kemdctl: no \"more\"\n", testing::internal::GetCapturedStderr()));
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  isObject ? R"({"list":[{"none":null}],"error":"no \"more\""})"
+                             "\n"
+                           : R"([[{"none":null}],{"error":"no \"more\""}])"
+                             "\n");
+    }
 }
 
 TEST_F(CheckTest, EverythingIsWrong) {

@@ -80,9 +80,9 @@ const Lines kFive = {"2026-11-20 23:59:59.500 [0000AAAA] kemd          alpha (1)
                      "2026-11-21 10:00:00.000 [0000AAAA] kemd          ERROR! alpha (2)",
                      "2026-11-21 10:00:00.250 [DEADBEEF] counter       beta (3)",
                      "2026-11-21 10:00:10.250 [DEADBEEF] counter       Beta (4)",
-                     "2026-11-21 10:00:11.000 [0000AAAA] kemd          gamma (5)\nbeta behind it"};
+                     "2026-11-21 10:00:11.000 [0000AAAA] kemd          gamma (5)\nbeta after it"};
 
-TEST_F(TraceCommandTest, ChoicesCombineInOneOrder) {
+TEST_F(TraceCommandTest, FiltersCombineInOneOrder) {
     WriteLog("/tmp/five", kFive);
     const struct {
         const char* options;
@@ -247,7 +247,7 @@ TEST_F(TraceCommandTest, AnErrorIsNotTheEndOfAFile) {
 #endif
 }
 
-TEST_F(TraceCommandTest, LargeFilesTellHowFarTheyAre) {
+TEST_F(TraceCommandTest, LargeFilesShowProgress) {
     WriteLog("/tmp/five", kFive);
     const Result exported = Trace("--export /tmp/timeline /tmp/five");
     const std::string size = std::to_string(fs::file_size("/tmp/timeline"));
@@ -265,7 +265,7 @@ TEST_F(TraceCommandTest, FormsAndWhatIsBetweenRecords) {
         "10:00:00.250 counter       beta (3)\n"
         "10:00:10.250 counter       Beta (4)\n"
         "10:00:11.000 kemd          gamma (5)\n"
-        "    beta behind it\n",
+        "    beta after it\n",
         Trace("-o short /tmp/five").out);
     EXPECT_EQ("            " + kFive[2] + "\n    +10.000 " + kFive[3] + "\n",
               Trace("--delta /tmp/five -v gamma").out);
@@ -330,7 +330,7 @@ TEST_F(TraceCommandTest, PagerShowsAllAndMayBeLeft) {
     EXPECT_FALSE(Contains(paged("echo paged", " -g nothing"), "paged"));
 }
 
-TEST_F(TraceCommandTest, LongTextsAreSearchedInPieces) {
+TEST_F(TraceCommandTest, LongTextsAreSearchedInFragments) {
     const std::string fill(65'533, 'x'), lines = fill + "\n" + fill + "\nbegin\n" + fill;
     WriteLog("/tmp/long", {kHead + "t             y" + fill + "needle" + fill + fill + "\ntail",
                            kHead + "t             " + lines + " end"});
@@ -414,7 +414,7 @@ TEST_F(TraceCommandTest, FollowsThroughWrapsAndARestartToTheEnd) {
         ASSERT_TRUE(Debug.Init("kemd"));
     }
     write(1);
-    // What comes while it is busy is shown as well, once it is told to end.
+    // What comes while it is busy is shown as well, once it is asked to end.
     kill(follower, SIGSTOP);
     for (int i = 0; i < 20; ++i) {
         Debug.Message("record %d. x", ++count);

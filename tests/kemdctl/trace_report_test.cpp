@@ -1,4 +1,4 @@
-// The reports of kemdctl trace on files of the real daemon, and on files that nobody should trust.
+// The reports of kemdctl trace on files of the real daemon, and on files that cannot be trusted.
 #include <linux/capability.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -107,10 +107,13 @@ TEST_F(ReportTest, LastRunThatDiedAtStart) {
     m_environment["OV_MODULE_DIR"] = "/build/modules";
     Kill(Run());
     EXPECT_TRUE(InOrder(Json("--last-run", 1), {"\"killed\"", "\"modules\":["}));
-    EXPECT_EQ(Ctl("trace --last-run /nowhere").code, 2);
+    EXPECT_TRUE(Contains(Json("--last-run /nowhere", 2), "{\"error\":\"/nowhere: No such file"));
+    EXPECT_TRUE(
+        Contains(Json("--stats /nowhere " + kLog, 2), ",\"error\":\"/nowhere: No such file"));
+    EXPECT_FALSE(Contains(ReadFile("/tmp/out"), "error\":\"/var"));
 }
 
-TEST_F(ReportTest, VerifyTellsSoundFromDamaged) {
+TEST_F(ReportTest, VerifySeparatesSoundFromDamaged) {
     EXPECT_EQ(Stop(Run()), 0);
     EXPECT_EQ(Ctl("trace --verify").code, 0);
     const std::string ring = ReadFile(kLog + "_a");
@@ -138,7 +141,7 @@ TEST_F(ReportTest, VerifyTellsSoundFromDamaged) {
         const Result result = Ctl("trace --verify /tmp/file");
         EXPECT_EQ(result.code, each.code) << each.finding;
         EXPECT_TRUE(Contains(result.out + result.err, each.finding)) << result.out << result.err;
-        (void)Json("--verify /tmp/file", each.code);
+        EXPECT_EQ(each.code == 2, Contains(Json("--verify /tmp/file", each.code), "{\"error\":"));
     }
     EXPECT_EQ(Ctl("trace --verify /tmp/nowhere").code, 2);
 }

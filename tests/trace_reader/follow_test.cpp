@@ -91,21 +91,18 @@ TEST_F(FollowTest, LinesThatAreAsInTheCycleBeforeAreShown) {
         Look();
     }
     ASSERT_EQ(written.size(), found.size());
-    // Of the last record in front of a wrap nothing tells where it ends.
+    // Nothing shows where the last record before a wrap ends.
     int cut = 0;
     for (size_t i = 0; i < found.size(); ++i) cut += found[i] == written[i] ? 0 : 1;
     EXPECT_LE(cut, 6);
 }
 
 TEST_F(FollowTest, HeaderThatGrowsOverTheFirstRecordOfItsRing) {
-    std::vector<std::string> words(60, std::string(100, 'a'));
-    std::vector<char*> arguments;
-    for (std::string& word : words) arguments.push_back(word.data());
     Start(1, 100'000);
     debug.InitDone();
     Note("### Start of initialization. ###");
     WriteAndLook(500, true);
-    debug.SetCommandLine(static_cast<int>(words.size()), arguments.data());
+    GrowHeader();
     Note("kemd Command Line Options:");
     for (size_t i = 0; i < words.size(); ++i)
         Note("argv[" + std::to_string(i) + "] = \"" + words[i] + "\"");
@@ -163,23 +160,6 @@ TEST_F(FollowTest, WriterThatOvertakesTheReaderNeverLeavesATornRecord) {
         EXPECT_TRUE(std::includes(written.begin(), written.end(), lines.begin(), lines.end()));
         EXPECT_GT(source.Facts().lost, 0u);
     }
-}
-
-TEST_F(FollowTest, CommandShowsRecordsAsTheyComeAndEndsWithItsReader) {
-    Start(1);
-    debug.InitDone();
-    FILE* const shown = popen("exec /build/bin/kemdctl trace -f 2>/tmp/err", "re");
-    ASSERT_NE(nullptr, shown);
-    std::array<char, 4096> line{};
-    for (const char* text : {"first", "second", "third"}) {
-        SetClock(++m_second);
-        Message(text);
-        const std::string expected = written.back() + "\n";
-        while (line.data() != expected) {
-            ASSERT_NE(nullptr, fgets(line.data(), line.size(), shown)) << ReadFile("/tmp/err");
-        }
-    }
-    EXPECT_EQ(0, pclose(shown));
 }
 
 }  // namespace

@@ -39,16 +39,16 @@ class MergeTest : public ReaderTest {
         Note("### End of initialization. ###");
         Note("### Start of initialization. ###");
     }
-    static Lines ReadAll(bool inRuns) {
+    static Lines ReadAll(bool inBlocks) {
         TraceMerge merge;
         for (const std::string& path : {kLog, kStartupRing + ".gz", kRuntimeRing, kLog})
             merge.Add(path);
-        if (!inRuns) return Read(merge);
+        if (!inBlocks) return Read(merge);
         Lines lines;
         std::string text;
         for (TraceRecord record; merge.Next(record);) {
             lines.emplace_back(record.line);
-            for (TraceRun run; merge.NextRun(run); runs += run.count) {
+            for (RecordBlock run; merge.NextBlock(run); runs += run.count) {
                 std::istringstream block{std::string(run.lines)};
                 while (std::getline(block, text)) lines.push_back(text);
             }
@@ -68,23 +68,6 @@ TEST_F(MergeTest, OneOrderAndEachMessageOnce) {
         EXPECT_EQ("", Differ(written, ReadAll(true)));
     }
     EXPECT_GT(runs, 300u);
-}
-
-TEST_F(MergeTest, MessagesThatOnlyTheLogStillHasComeFirst) {
-    Start(1);
-    for (int i = 0; i < 3000; ++i) {
-        SetClock(kStart + i);
-        if (i == 10) debug.InitDone();
-        if (i % 100 == 5) Message("message " + std::to_string(i));
-        Trace(std::to_string(i) + std::string(900, 'z'));
-    }
-    TraceMerge merge;
-    merge.Add(kLog);
-    merge.Add(kRuntimeRing);
-    const Lines ring = Whole(kRuntimeRing), log = Whole(kLog);
-    const Lines expected = KeptIn(ring, log);
-    ASSERT_NE(log.front(), ring.front());
-    EXPECT_EQ("", Differ(expected, Read(merge)));
 }
 
 TEST_F(MergeTest, RecordsOfOneMillisecondStayInTheOrderOfWriting) {

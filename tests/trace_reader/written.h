@@ -27,6 +27,11 @@ class ReaderTest : public TraceTest {
         debug.InitDone();
         Note("### Start of initialization. ###");
     }
+    // A command line of 6,000 characters, which the ring's next header has.
+    void GrowHeader() {
+        for (std::string& word : words) arguments.push_back(word.data());
+        debug.SetCommandLine(static_cast<int>(words.size()), arguments.data());
+    }
     void Message(const std::string& text) {
         debug.Message("%s", text.c_str());
         Note(text);
@@ -75,4 +80,6 @@ class ReaderTest : public TraceTest {
                "\nfound:    " + (b == found.end() ? "the end" : *b).substr(0, 200);
     }
     Lines written;
+    Lines words = Lines(60, std::string(100, 'a'));  // of the command line
+    std::vector<char*> arguments;
 };

@@ -1,4 +1,4 @@
-#include "kemdctl/trace/pattern.h"
+#include "kemdctl/trace/filter.h"
 
 #include <algorithm>
 #include <array>
@@ -10,30 +10,30 @@
 namespace {
 
 // regexec takes memory of many times the text.
-constexpr size_t kPiece = size_t{1} << 16;
+constexpr size_t kFragment = size_t{1} << 16;
 
 regmatch_t Range(std::string_view text, size_t from) {
     return {static_cast<regoff_t>(from), static_cast<regoff_t>(text.size())};
 }
 
-// With a zero byte behind it: though the end is given, a regexec that is watched looks for one.
+// With a zero byte after it: though the end is given, a regexec that is watched looks for one.
 const char* Terminated(std::string_view text) {
     static std::string copy;
     copy.assign(text);
     return copy.c_str();
 }
 
-// Where the piece that begins here ends: behind its last whole line, if it has one.
-size_t PieceEnd(std::string_view text, size_t begin) {
-    if (text.size() - begin <= kPiece) return text.size();
-    const size_t end = text.substr(begin, kPiece).rfind('\n');
-    return end == text.npos ? begin + kPiece : begin + end;
+// Where the fragment that begins here ends: after its last whole line, if it has one.
+size_t FragmentEnd(std::string_view text, size_t begin) {
+    if (text.size() - begin <= kFragment) return text.size();
+    const size_t end = text.substr(begin, kFragment).rfind('\n');
+    return end == text.npos ? begin + kFragment : begin + end;
 }
 
 // Once is enough: the next million of texts fails likewise.
 bool HasMatched(int result) {
-    static bool isTold = false;
-    if (result != 0 && result != REG_NOMATCH && !std::exchange(isTold, true)) {
+    static bool isReported = false;
+    if (result != 0 && result != REG_NOMATCH && !std::exchange(isReported, true)) {
         Complain("no memory for a regular expression: texts that it matches may be missed");
     }
     return result == 0;
@@ -70,22 +70,22 @@ bool Pattern::IsIn(std::string_view text) const {
     }
     size_t end = 0;
     for (size_t begin = 0;; begin = end) {
-        end = PieceEnd(text, begin);
-        if (MatchesPiece(text, begin, end)) return true;
+        end = FragmentEnd(text, begin);
+        if (MatchesFragment(text, begin, end)) return true;
         if (end == text.size()) return false;
-        // A line that is parted is not parted in the middle of a match.
-        end = text[end] == '\n' ? end + 1 : end - kPiece / 2;
+        // A line that is split is not split in the middle of a match.
+        end = text[end] == '\n' ? end + 1 : end - kFragment / 2;
     }
 }
 
-// A piece begins or ends a line only where the text does.
-bool Pattern::MatchesPiece(std::string_view text, size_t begin, size_t end) const {
+// A fragment begins or ends a line only where the text does.
+bool Pattern::MatchesFragment(std::string_view text, size_t begin, size_t end) const {
     const bool isLineBegin = begin == 0 || text[begin - 1] == '\n';
     const bool isLineEnd = end == text.size() || text[end] == '\n';
     const int flags = REG_STARTEND | (isLineBegin ? 0 : REG_NOTBOL) | (isLineEnd ? 0 : REG_NOTEOL);
-    const std::string_view piece = text.substr(begin, end - begin);
-    regmatch_t match = Range(piece, 0);
-    return HasMatched(regexec(m_regex.get(), Terminated(piece), 0, &match, flags));
+    const std::string_view fragment = text.substr(begin, end - begin);
+    regmatch_t match = Range(fragment, 0);
+    return HasMatched(regexec(m_regex.get(), Terminated(fragment), 0, &match, flags));
 }
 
 bool Pattern::Find(std::string_view text, size_t from, Place& place) const {
@@ -99,4 +99,32 @@ bool Pattern::Find(std::string_view text, size_t from, Place& place) const {
     if (!HasMatched(result)) return false;
     place = {static_cast<size_t>(match.rm_so), static_cast<size_t>(match.rm_eo)};
     return true;
+}
+
+namespace {
+
+template <typename Values, typename Value>
+bool Has(const Values& values, const Value& value) {
+    return std::find(values.begin(), values.end(), value) != values.end();
+}
+
+bool IsAnyIn(const std::vector<Pattern>& patterns, std::string_view text) {
+    return std::any_of(patterns.begin(), patterns.end(),
+                       [text](const Pattern& pattern) { return pattern.IsIn(text); });
+}
+
+}  // namespace
+
+bool Filter::TakesAll() const {
+    return !since && !until && threads.empty() && tags.empty() && wanted.empty() &&
+           excluded.empty();
+}
+
+bool Filter::Takes(const TraceRecord& record) const {
+    if (since && record.time < *since) return false;
+    if (until && record.time > *until) return false;
+    if (!threads.empty() && !Has(threads, record.thread)) return false;
+    if (!tags.empty() && !Has(tags, record.tag)) return false;
+    if (!wanted.empty() && !IsAnyIn(wanted, record.text)) return false;
+    return !IsAnyIn(excluded, record.text);
 }
