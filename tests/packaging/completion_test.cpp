@@ -1,9 +1,9 @@
-// What a shell offers after a command line that is being typed.
+// What a shell completes.
 #include "tests/packaging/script.h"
 
 namespace {
 
-// The words; the last one is being typed.
+// What is offered for the last of the words.
 std::string Offered(const std::string& words) {
     const std::string command = words.substr(0, words.find(' '));
     WriteFile("/tmp/complete", "source /completion/" + command + ".bash\nCOMP_WORDS=(" + words +
@@ -22,10 +22,7 @@ TEST(Completion, OffersWhatFits) {
                               "2026-11-15 10:00:00.000 [0000ABCD]     3000 KB !kemd          x\n");
     WriteFile(kept, head + "kemd          x\n");
     WriteFile("/tmp/library.so", "");
-    const struct {
-        const char* words;
-        const char* offered;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"kemd -n", "-n -nodemon\n"},
         {"kemd -a", "-agentless\n"},
         {"kemd --", "--help --version\n"},
@@ -44,7 +41,7 @@ TEST(Completion, OffersWhatFits) {
         {"kemdctl trace --run ''", "1\n"},
         {"kemdctl trace --l", "--lines --last-run --list-runs\n"},
     };
-    for (const auto& each : cases) EXPECT_EQ(Offered(each.words), each.offered) << each.words;
+    for (const auto& [words, offered] : cases) EXPECT_EQ(Offered(words), offered) << words;
 }
 
 // No option of a help text is missing in either shell. The one for zsh has only those of its own.

@@ -1,4 +1,4 @@
-// /etc/init.d/kemd with the real daemon, and what is left when the package is purged.
+// /etc/init.d/kemd with the real daemon, and what a purge of the package leaves.
 #include "tests/packaging/script.h"
 
 namespace {
@@ -20,14 +20,14 @@ TEST(InitScript, StartsAndStopsTheDaemon) {
     EXPECT_EQ(Shell("/etc/init.d/kemd status"), 3);
     ASSERT_EQ(Shell("/etc/init.d/kemd start"), 0) << Output();
     const std::string first = ReadFile(kPidFile);
-    EXPECT_FALSE(fs::exists("/etc/orvmon/RunLevel"));  // which the last shutdown left
+    EXPECT_FALSE(fs::exists("/etc/orvmon/RunLevel"));  // left by the last shutdown
     EXPECT_EQ(Shell("/etc/init.d/kemd start"), 0);
     EXPECT_TRUE(Contains(Output(), "already running"));
     EXPECT_EQ(Shell("/etc/init.d/kemd status"), 0);
     EXPECT_EQ(Shell("/etc/init.d/kemd reload"), 2);
     EXPECT_EQ(Shell("/etc/init.d/kemd restart"), 0) << Output();
     EXPECT_NE(ReadFile(kPidFile), first);
-    // After a crash its trace is kept. The daemon is up before it has written its file.
+    // The trace of a crash is kept. The daemon is up before it has written its PID file.
     ASSERT_TRUE(WaitFor([] { return ReadFile(kPidFile).ends_with('\n'); }));
     EXPECT_EQ(fs::status("/var/lock/kemd.lock").permissions(), fs::perms(0600));
     EXPECT_FALSE(fs::exists("/var/log/orvmon/log.kemd_runs"));
@@ -36,13 +36,13 @@ TEST(InitScript, StartsAndStopsTheDaemon) {
     EXPECT_EQ(Shell("/etc/init.d/kemd start"), 0);
     EXPECT_TRUE(InOrder(Output(), {"is kept in /var/log/orvmon/log.kemd_runs/", "kemd: started"}));
     EXPECT_EQ(Shell("kemdctl trace --run 1 --last-run"), 1);
-    fs::remove(kPidFile);  // it is found by its lock
+    fs::remove(kPidFile);  // then its lock finds it
     EXPECT_EQ(Shell("/etc/init.d/kemd stop"), 0) << Output();
     EXPECT_TRUE(InOrder(RingText("/var/log/orvmon/log.kemd_a"),
                         {"we are runing on OS \"SLES12\"\n", "Current RunLevel = 5\n"}));
     EXPECT_FALSE(fs::exists(kPidFile) || fs::exists("/var/lock/kemd.lock"));
 
-    // A number that another process has is not the daemon's.
+    // Another process has the number now.
     WriteFile(kPidFile, "1\n");
     EXPECT_EQ(Shell("/etc/init.d/kemd status"), 1);
     EXPECT_EQ(Shell("/etc/init.d/kemd stop"), 0);
@@ -58,7 +58,7 @@ TEST(Purge, RemovesWhatKemdWroteAndNothingElse) {
         WriteFile(logs + file, "");
         WriteFile(runs + "/20200101T000000Z-0001" + file, "");
     }
-    WriteFile("/etc/orvmon/registry.old", "");  // in a file system of its own
+    WriteFile("/etc/orvmon/registry.old", "");  // a mount point
     EXPECT_EQ(Shell("sh /debian/kemd.postrm purge"), 0) << Output();
     EXPECT_FALSE(fs::exists(logs) || fs::exists("/etc/orvmon/registry.old"));
 

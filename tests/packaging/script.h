@@ -9,7 +9,7 @@
 
 #include "tests/world.h"
 
-// An executable that the scripts find before all others.
+// An executable in place of a command.
 inline void WriteProgram(const std::string& path, const std::string& lines) {
     WriteFile(path, "#!/bin/sh\n" + lines + "\n");
     std::filesystem::permissions(path, std::filesystem::perms(0755));
