@@ -38,8 +38,3 @@ std::string JsonQuoted(std::string_view text) {
     AppendJson(quoted, text);
     return quoted;
 }
-
-void JsonWriter::Text(std::string_view text) {
-    Separate();
-    Write(JsonQuoted(text));
-}
