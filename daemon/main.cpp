@@ -4,11 +4,12 @@
 #include <cstdio>
 
 #include "base/paths.h"
+#include "base/process_setup.h"
+#include "base/version.h"
 #include "daemon/notify.h"
 #include "daemon/process_guard.h"
 #include "daemon/service.h"
 #include "daemon/startup.h"
-#include "daemon/version.h"
 #include "lock/file_lock.h"
 #include "trace/debug.h"
 

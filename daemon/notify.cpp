@@ -10,7 +10,7 @@
 #include <string_view>
 
 #include "base/notify_socket.h"
-#include "daemon/version.h"
+#include "base/version.h"
 #include "trace/debug.h"
 
 namespace {

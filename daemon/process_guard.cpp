@@ -13,8 +13,9 @@
 #include <mutex>
 
 #include "base/paths.h"
+#include "base/process_setup.h"
+#include "base/version.h"
 #include "daemon/startup.h"
-#include "daemon/version.h"
 #include "trace/debug.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include "base/file_io.h"
 #include "base/paths.h"
 #include "base/unique_fd.h"
-#include "daemon/version.h"
+#include "base/version.h"
 #include "trace/debug.h"
 
 namespace {

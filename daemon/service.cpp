@@ -9,11 +9,12 @@
 #include <new>
 
 #include "base/never_destroyed.h"
+#include "base/process_setup.h"
+#include "base/version.h"
 #include "daemon/notify.h"
 #include "daemon/process_guard.h"
 #include "daemon/run_level.h"
 #include "daemon/startup.h"
-#include "daemon/version.h"
 #include "kemd/exit_event.h"
 #include "trace/debug.h"
 

@@ -11,8 +11,8 @@
 #include <string_view>
 
 #include "base/unique_fd.h"
+#include "base/version.h"
 #include "daemon/startup.h"
-#include "daemon/version.h"
 #include "trace/debug.h"
 
 namespace {

@@ -1,14 +1,12 @@
 #include "daemon/startup.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,8 +18,8 @@
 #include "base/paths.h"
 #include "base/run_modes.h"
 #include "base/unique_fd.h"
+#include "base/version.h"
 #include "daemon/notify.h"
-#include "daemon/version.h"
 #include "trace/debug.h"
 
 namespace {
@@ -112,19 +110,6 @@ bool AnswerQuestion(int argc, char** argv, int& status) {
     return true;
 }
 
-void OpenStandardDescriptors() {
-    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        // open takes the lowest free number: this one.
-        if (fcntl(fd, F_GETFD) < 0) (void)!open("/dev/null", O_RDWR);
-    }
-}
-
-void IgnoreFileSizeLimit() {
-    struct sigaction ignore {};
-    ignore.sa_handler = SIG_IGN;
-    sigaction(SIGXFSZ, &ignore, nullptr);
-}
-
 bool Detach(int argc, char** argv) {
     const bool foreground = std::any_of(argv + std::min(argc, 1), argv + argc, [](const char* arg) {
         return std::string_view(arg) == "-n" || std::string_view(arg) == "-nodemon";
@@ -155,28 +140,6 @@ ModuleLoadParams ParseCommandLine(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) ParseSwitch(params, argv[i]);
     TRACE(2, "%s-MAIN: RUN MODE: %d", kTag, params.runMode);
     return params;
-}
-
-sigset_t WaitSignals() {
-    sigset_t signals{};
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGHUP);
-    sigaddset(&signals, SIGALRM);
-    return signals;
-}
-
-void PrepareProcess() {
-    (void)setsid();  // fails harmlessly in the foreground
-    (void)!chdir("/");
-    umask(026);  // Required: 026, not 022. No file of ours is for others to read.
-    struct sigaction ignore {};
-    ignore.sa_handler = SIG_IGN;
-    sigaction(SIGPIPE, &ignore, nullptr);
-    sigaction(SIGIO, &ignore, nullptr);
-    const sigset_t signals = WaitSignals();
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
 }
 
 void WriteBanner() {

@@ -3,7 +3,7 @@
 #include <new>
 #include <string>
 
-#include "daemon/version.h"
+#include "base/version.h"
 #include "kemdctl/commands.h"
 #include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"

@@ -12,7 +12,7 @@
 #include <memory>
 
 #include "base/elf_exports.h"
-#include "daemon/startup.h"
+#include "base/process_setup.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <memory>
 
 #include "base/file_safety.h"
-#include "daemon/startup.h"
+#include "base/process_setup.h"
 #include "module_host/host_trace.h"
 #include "module_host/walk.h"
 

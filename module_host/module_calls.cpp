@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "base/library_file.h"
-#include "daemon/startup.h"
+#include "base/process_setup.h"
 #include "kemd/exit_event.h"
 #include "kemd/module.h"
 #include "kemd/module_switch.h"

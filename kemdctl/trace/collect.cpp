@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "base/file_io.h"
-#include "daemon/version.h"
+#include "base/version.h"
 #include "kemdctl/trace/collect_archive.h"
 #include "kemdctl/trace/collect_mask.h"
 #include "kemdctl/trace/header_report.h"

@@ -9,8 +9,8 @@
 #include <map>
 #include <sstream>
 
+#include "base/version.h"
 #include "daemon/startup.h"
-#include "daemon/version.h"
 #include "tests/traced_test.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <filesystem>
 
 #include "base/unique_fd.h"
-#include "daemon/version.h"
+#include "base/version.h"
 #include "tests/daemon/daemon_test.h"
 #include "trace/header.h"
 
