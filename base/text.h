@@ -6,8 +6,18 @@
 
 // As isspace in the C locale.
 inline constexpr std::string_view kSpaces = " \t\n\v\f\r";
+constexpr bool IsSpace(char c) {
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
 
-constexpr std::string_view TrimStart(std::string_view text, std::string_view blanks = kSpaces) {
+// A loop, because files are read with it line by line: searching the set takes a call each time.
+constexpr std::string_view TrimStart(std::string_view text) {
+    size_t start = 0;
+    while (start < text.size() && IsSpace(text[start])) ++start;
+    return text.substr(start);
+}
+
+constexpr std::string_view TrimStart(std::string_view text, std::string_view blanks) {
     return text.substr(std::min(text.find_first_not_of(blanks), text.size()));
 }
 

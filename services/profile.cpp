@@ -41,13 +41,13 @@ class ProfileScan {
           m_out(out),
           m_size(size) {}
 
-    // `line` is not empty. False ends the pass.
+    // False ends the pass.
     bool Take(std::string_view line) {
         if (m_position >= m_size - 2) return false;
-        // Fast path: nearly every line of a large file belongs to another section.
-        if (!m_inSection && line.front() > ' ' && line.front() != '[') return true;
         line = TrimStart(line);
-        if (line.empty() || (!m_inSection && line.front() != '[')) return true;
+        if (line.empty()) return true;
+        // Nearly every line of a large file belongs to another section.
+        if (line.front() != '[' && !m_inSection) return true;
         line = WithoutComment(line);
         if (line.empty()) return true;
         return line.front() == '[' ? TakeHeader(line.substr(1)) : TakeEntry(line);
@@ -272,8 +272,7 @@ class ChangeScan {
         ++m_entries;
         const size_t equals = line.find('=');
         if (equals == line.npos || m_request.mode == Mode::kDeleteSection) return false;
-        line = line.substr(0, equals);
-        if (line.substr(0, line.find_last_not_of(" \t") + 1) != m_request.key) return false;
+        if (TrimEnd(line.substr(0, equals), " \t") != m_request.key) return false;
         // Required: the first entry of a section gets an empty line above it, each time.
         return Decide({Change::kReplace, start, end, m_entries <= 1});
     }
