@@ -55,7 +55,7 @@ long StatusFigure(pid_t pid, const std::string& key) {
 struct Start {
     double milliseconds;
     long residentKb;
-    long wakeUps;  // in the quiet second behind the start
+    long wakeUps;  // in the quiet second after the start
 };
 
 Start StartOnce() {

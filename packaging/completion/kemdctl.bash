@@ -78,7 +78,7 @@ _kemdctl_files() { compopt -o default 2>/dev/null; }
 
 _kemdctl_choose() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "$cur"); }
 
-# The words of "kemdctl registry SUBCOMMAND" behind the subcommand; the last one is being typed.
+# The words of "kemdctl registry SUBCOMMAND" after the subcommand; the last one is being typed.
 _kemdctl_registry() {
     local subcommand=$1
     shift
