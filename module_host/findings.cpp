@@ -4,15 +4,18 @@
 #include <dirent.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
+#include <string_view>
 
 #include "base/elf_exports.h"
+#include "base/file_io.h"
 #include "base/process_setup.h"
+#include "base/text.h"
 
 namespace {
 
@@ -21,12 +24,12 @@ using Status = std::map<std::string, std::string>;
 // The lines "Name: value" of a status file; empty when there is none.
 Status ReadStatus(const std::string& path) {
     Status status;
-    std::ifstream file(path);
-    for (std::string line; std::getline(file, line);) {
-        const size_t colon = line.find(':');
-        const size_t value = line.find_first_not_of(" \t", colon + 1);
-        if (colon == line.npos || value == line.npos) continue;
-        status[line.substr(0, colon)] = line.substr(value);
+    const std::string text = ReadTextFile(path).value_or("");
+    for (std::string_view rest = text; !rest.empty();) {
+        const std::string_view line = TakeLine(rest);
+        const size_t colon = std::min(line.find(':'), line.size());
+        const std::string_view value = TrimStart(line.substr(std::min(colon + 1, line.size())));
+        if (!value.empty()) status[std::string(line.substr(0, colon))] = value;
     }
     return status;
 }

@@ -163,8 +163,12 @@ WalkResult Walk::Run() {
     if (!m_over) {
         for (const std::string& text : LeftBehind(m_first, LookAt(m_process.Id()))) Finding(text);
     }
-    std::printf(m_findings == 0 ? "clean\n" : "%u finding(s)\n", m_findings);
-    return m_findings == 0 ? WalkResult::kClean : WalkResult::kFindings;
+    if (m_findings == 0) {
+        std::puts("clean");
+        return WalkResult::kClean;
+    }
+    std::printf("%u finding%s\n", m_findings, m_findings == 1 ? "" : "s");
+    return WalkResult::kFindings;
 }
 
 }  // namespace
