@@ -8,11 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <fstream>
 #include <memory>
 #include <utility>
 
 #include "base/cancel_guard.h"
+#include "base/file_io.h"
 #include "base/line_reader.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
@@ -110,8 +110,11 @@ bool ReadProcFileLine(pid_t pid, const char* fileName, std::string& text) try {
     const CancelGuard guard;
     text.clear();
     if (fileName == nullptr) return false;
-    std::ifstream file("/proc/" + std::to_string(pid) + "/" + fileName);
-    return static_cast<bool>(std::getline(file, text));
+    const auto file = ReadTextFile("/proc/" + std::to_string(pid) + "/" + fileName);
+    if (!file || file->empty()) return false;
+    std::string_view rest = *file;
+    text = TakeLine(rest);
+    return true;
 } catch (const std::exception&) {
     return false;
 }

@@ -50,9 +50,10 @@ bool RingBuffer::Create(const char* path) {
 }
 
 bool RingBuffer::Fill(std::string_view lines) {
-    const ssize_t written = write(m_fd.Get(), lines.data(), lines.size());
-    m_fileSize += std::max<ssize_t>(written, 0);
-    return written >= 0 && static_cast<size_t>(written) == lines.size();
+    size_t written = 0;
+    const bool isWhole = WriteFully(m_fd.Get(), lines, &written);
+    m_fileSize += static_cast<off_t>(written);
+    return isWhole;
 }
 
 bool RingBuffer::Map(size_t size) {
