@@ -29,7 +29,7 @@ class DynamicSymbols {
     [[nodiscard]] std::optional<uint64_t> Count() const;
     [[nodiscard]] std::optional<uint64_t> CountHashed(uint64_t table) const;
 
-    FilePieces m_file;
+    BinaryFile m_file;
     std::vector<Elf64_Phdr> m_segments;
     std::vector<Elf64_Dyn> m_dynamic;
 };

@@ -1,5 +1,5 @@
-// Who could change what the daemon is about to load. Modules run as root, so whoever may write one,
-// or put another one in its place, is root.
+// Who could change what the daemon is about to load. Modules run as root, so anyone who may write
+// or replace one is root.
 //
 // The walk goes by names, before anything is opened: where only root may write, no other user can
 // change what a name stands for in the meantime.
@@ -24,10 +24,11 @@ struct PathReport {
     std::vector<PathFault> faults;  // on the way, from / on; none: all is in the hands of root
 };
 
-// Walks the path name by name and follows links, 40 at most. Each name belongs to root; what is no
-// link is writable by no other user. A directory like /tmp, where no other user can move what
-// belongs to root, may be passed, but not be the end, unless `mayBeShared`, nor lack the next name.
+// Walks the path name by name and follows at most 40 links. Safe is a name that belongs to root
+// and, unless it is a link, that no other user may write. In a directory like /tmp no other user
+// can move what belongs to root: the path may lead through one if the next name exists, and may end
+// there only with `mayBeShared`.
 PathReport WalkPath(const std::string& path, bool mayBeShared = false);
 
-// Empty when the walk came to the end and met no fault. Else the one next to the end, or the error.
+// Empty when the walk reached the end without a fault; otherwise the error, or the last fault.
 std::string Unsafe(const PathReport& report);

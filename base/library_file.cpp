@@ -9,7 +9,7 @@
 #include "base/file_io.h"
 
 // Looked at by name first: opening a device may do something.
-FilePieces::FilePieces(const char* path) {
+BinaryFile::BinaryFile(const char* path) {
     struct stat status {};
     if (stat(path, &status) != 0) return;
     if (!S_ISREG(status.st_mode)) {
@@ -21,16 +21,16 @@ FilePieces::FilePieces(const char* path) {
     m_size = static_cast<uint64_t>(status.st_size);
 }
 
-bool FilePieces::Read(uint64_t offset, size_t size, void* to) const {
+bool BinaryFile::Read(uint64_t offset, size_t size, void* to) const {
     if (!Holds(offset, size)) return false;
     return ReadFullyAt(m_file.Get(), to, size, static_cast<off_t>(offset)).count == size;
 }
 
-static LibraryFault CutOff(const FilePieces& file) {
+static LibraryFault CutOff(const BinaryFile& file) {
     return {"cut off after " + std::to_string(file.Size()) + " bytes", false, true};
 }
 
-static LibraryFault LookAtHeader(const FilePieces& file, Elf64_Ehdr& header) {
+static LibraryFault LookAtHeader(const BinaryFile& file, Elf64_Ehdr& header) {
     if (!file.Read(0, sizeof header, &header) ||
         std::memcmp(static_cast<const void*>(header.e_ident), ELFMAG, SELFMAG) != 0) {
         return {"no ELF file"};
@@ -48,7 +48,7 @@ static LibraryFault LookAtHeader(const FilePieces& file, Elf64_Ehdr& header) {
 }
 
 LibraryFault LookAtLibrary(const char* path) {
-    const FilePieces file(path);
+    const BinaryFile file(path);
     if (!file.IsOpen()) {
         const int error = errno;
         struct stat status {};

@@ -13,11 +13,11 @@
 #include "base/unique_fd.h"
 #include "kemd/module.h"
 
-// A regular file of which pieces are read: mapped, it could be cut under the reader.
-class FilePieces {
+// A regular file, read at offsets. Not mapped: another process could cut it meanwhile.
+class BinaryFile {
   public:
     // Nothing but a regular file is opened. When it is not open, errno says why.
-    explicit FilePieces(const char* path);
+    explicit BinaryFile(const char* path);
     [[nodiscard]] bool IsOpen() const { return m_file.IsOpen(); }
 
     [[nodiscard]] bool Holds(uint64_t offset, uint64_t size) const {

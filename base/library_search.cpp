@@ -57,7 +57,7 @@ void LookInSearchPath(Places& places, const std::string& name, std::string_view 
 void LookInCache(Places& places, const std::string& name) {
     constexpr const char* kReason = "the loader's cache";
     constexpr int32_t kX8664 = 0x0303;  // an ELF library of the C library's sixth version, 64 bits
-    const FilePieces file("/etc/ld.so.cache");
+    const BinaryFile file("/etc/ld.so.cache");
     CacheHead head{};
     if (!file.IsOpen()) return;
     const bool isKnown =

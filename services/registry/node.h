@@ -1,4 +1,4 @@
-// One key of the registry's tree: a lock and the entries, sorted by name.
+// One key of the registry's tree: a lock and the entries, sorted by name. Taking paths apart.
 //
 // Keys are shared: the parent's entry and any number of cursors hold references. A key that is
 // taken out of the tree is emptied and marked as deleted, with all below it, and stays so while
@@ -138,6 +138,7 @@ class LockedNode {
     RecursiveLock m_lock;
     CRegistryNode& m_node;
 };
+
 // The position of a path's first backslash or, without one, its first slash.
 inline size_t FindSeparator(std::string_view path) {
     const size_t position = path.find('\\');
