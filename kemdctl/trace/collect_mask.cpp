@@ -4,6 +4,8 @@
 #include <cctype>
 #include <cstring>
 
+#include "base/text.h"
+#include "trace/texts.h"
 #include "trace_reader/record.h"
 
 namespace {
@@ -24,7 +26,8 @@ size_t FindText(const std::string& line) {
 
 // What a ring is found by must stay.
 bool IsLayout(const std::string& line) {
-    return line == "## TRACE-END ##" || line.find_first_not_of('.') == line.npos;
+    constexpr std::string_view kTrailer = TrimEnd(trace_text::kTrailer);
+    return line == kTrailer || line.find_first_not_of('.') == line.npos;
 }
 
 bool IsQuote(char c) {
