@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <exception>
 
+#include "base/file_io.h"
 #include "base/unique_fd.h"
 #include "trace/debug.h"
 
@@ -186,8 +187,7 @@ CFileLock::Created CFileLock::WriteContent(const std::string& content) {
         return Created::kFailed;
     }
     m_lastError = 0;
-    errno = 0;
-    if (write(m_fd, content.data(), content.size()) < 0) m_lastError = errno;
+    if (!WriteFully(m_fd, content)) m_lastError = errno;
     (void)fsync(m_fd);
     return Created::kHeld;
 }
@@ -195,12 +195,9 @@ CFileLock::Created CFileLock::WriteContent(const std::string& content) {
 void CFileLock::ReadHolder() {
     if (!OpenFile(O_RDONLY)) return;
     std::array<char, 255> text{};
-    ssize_t length = read(m_fd, text.data(), text.size());
-    if (length < 0) {
-        m_lastError = errno;
-        length = 0;
-    }
-    m_owner.assign(text.data(), static_cast<size_t>(length));
+    const ReadResult got = ReadFully(m_fd, text.data(), text.size());
+    if (got.error != 0) m_lastError = got.error;
+    m_owner.assign(text.data(), got.count);
     CloseFile();
 }
 
