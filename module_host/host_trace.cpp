@@ -19,8 +19,8 @@ static void Write(const char* tag, const char* format, va_list args) {
     std::vsnprintf(line.data() + prefix, line.size() - prefix - 1, format, args);
     size_t length = std::strlen(line.data());
     if (line[length - 1] != '\n') line[length++] = '\n';
-    (void)!write(STDERR_FILENO, line.data(),
-                 length);  // in one call: threads trace at the same time
+    // In one call: threads trace at the same time.
+    (void)!write(STDERR_FILENO, line.data(), length);
 }
 
 void TraceToStandardError(unsigned level) {
