@@ -39,8 +39,7 @@ inline void ConfigureTrace(int level) {
 // What a ring-buffer file holds before the newest trailer. Valid until the ring wraps.
 inline std::string RingText(const std::string& path) {
     const std::string text = ReadFile(path);
-    const size_t end = text.rfind("## TRACE-END ##\n");
-    return end == text.npos ? "" : text.substr(0, end);
+    return text.substr(0, text.rfind("## TRACE-END ##\n"));
 }
 
 inline bool Contains(const std::string& text, const std::string& part) {
