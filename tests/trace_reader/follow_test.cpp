@@ -88,6 +88,10 @@ TEST_F(FollowTest, LinesThatAreAsInTheCycleBeforeAreShown) {
         Look();
     }
     ASSERT_EQ(written.size(), found.size());
+    // Nothing shows where the last record before a wrap ends.
+    int cut = 0;
+    for (size_t i = 0; i < found.size(); ++i) cut += found[i] == written[i] ? 0 : 1;
+    EXPECT_LE(cut, 6);
 }
 
 TEST_F(FollowTest, NothingIsLostRepeatedOrMovedWhileAnotherThreadWrites) {
