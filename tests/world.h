@@ -54,7 +54,7 @@ inline testing::AssertionResult InOrder(const std::string& text,
         position = text.find(part, position);
         if (position == text.npos) {
             return testing::AssertionFailure()
-                   << "\"" << part << "\" is not in its place in ...\n"
+                   << part << " is not in its place in ...\n"
                    << text.substr(std::max<size_t>(text.size(), 6000) - 6000);
         }
         position += part.size();

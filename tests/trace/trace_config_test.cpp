@@ -17,7 +17,7 @@ TEST(ConfigFile, FileSectionAndValueEndWhereTheyShould) {
         EXPECT_EQ(expected, AcceptConfigText(file).value_or("none"));
     const Texts sections = {{"[KEMD]\na=1\n[other]", "\na=1\n"},
                             {"[a]x[kemd]1[kemd]2", "1"},
-                            {"[kemd2]a[akemd]b", "none"},
+                            {"[kemd2]a[[kemd]b", "b"},
                             {"[kemd\na=1", "none"}};
     for (const auto& [text, expected] : sections)
         EXPECT_EQ(expected, FindConfigSection(text, "kemd").value_or("none")) << text;

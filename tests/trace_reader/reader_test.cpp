@@ -87,15 +87,13 @@ TEST_F(ReaderTest, TextsThatLookLikeAHeaderOrATrailerAreShown) {
     for (const char* text : {"first", "Orvana Environment:", "second\n## TRACE-END ##", "third"})
         Message(text);
     EXPECT_EQ("", Differ(written, Read(OpenSource(kLog))));
-    for (const int count : {300, 3000}) {
-        StartRing();
-        for (int i = 0; i < count; ++i) {
-            SetClock(kStart + i / 2);
-            Trace(Padded(i) + std::string(500, 'x'));
-            if (i % 7 == 3) Trace("x\n" + kTrailer + kTrailer + "more");
-            if (i % 7 != 4 || i < count - 200) continue;
-            ASSERT_EQ("", Differ(Whole(), Read(OpenSource()))) << i;
-        }
+    StartRing();
+    for (int i = 0; i < 3000; ++i) {
+        SetClock(kStart + i / 2);
+        Trace(Padded(i) + std::string(500, 'x'));
+        if (i % 7 == 3) Trace("x\n" + kTrailer + kTrailer + "more");
+        if (i % 7 != 4 || (i > 300 && i < 2800)) continue;
+        ASSERT_EQ("", Differ(Whole(), Read(OpenSource()))) << i;
     }
 }
 
