@@ -7,9 +7,7 @@
 
 int main(int argc, char** argv) {
     if (getpid() != 1) {
-        fprintf(stderr,
-                "%s: tests write to /etc, /var and /run: start them with tests/sandbox %s\n",
-                argv[0], argv[0]);
+        fprintf(stderr, "tests write to /etc, /var and /run: run tests/sandbox %s\n", argv[0]);
         return 1;
     }
     testing::InitGoogleTest(&argc, argv);

@@ -39,8 +39,7 @@ inline void ConfigureTrace(int level) {
 // What a ring-buffer file holds before the newest trailer. Valid until the ring wraps.
 inline std::string RingText(const std::string& path) {
     const std::string text = ReadFile(path);
-    const size_t end = text.rfind("## TRACE-END ##\n");
-    return end == text.npos ? "" : text.substr(0, end);
+    return text.substr(0, text.rfind("## TRACE-END ##\n"));
 }
 
 inline bool Contains(const std::string& text, const std::string& part) {
@@ -55,7 +54,7 @@ inline testing::AssertionResult InOrder(const std::string& text,
         position = text.find(part, position);
         if (position == text.npos) {
             return testing::AssertionFailure()
-                   << "\"" << part << "\" is not in its place in ...\n"
+                   << part << " is not in its place in ...\n"
                    << text.substr(std::max<size_t>(text.size(), 6000) - 6000);
         }
         position += part.size();

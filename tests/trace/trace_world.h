@@ -1,5 +1,5 @@
 // What the trace tests share: a clock that stands still, so that whole files can be compared byte
-// for byte; clean directories and environment; and the header as every file must hold it.
+// for byte, and clean directories and environment.
 #pragma once
 
 #include <ctime>
@@ -18,17 +18,16 @@ using Lines = std::vector<std::string>;
 using Text = const char*;
 using Texts = std::map<std::string, std::string>;
 
+inline const std::string kConfigDirectory = "/etc/norvik/OrvanaSuite/TraceConfig/";
 inline const std::string kLog = "/var/log/orvmon/log.kemd";
 inline const std::string kStartupRing = kLog + "_i";
 inline const std::string kRuntimeRing = kLog + "_a";
 inline const std::string kTrailer = "## TRACE-END ##\n";
 constexpr time_t kStart = 1794773091;  // 2026-11-15 20:04:51
 
-// What gettimeofday and time tell the whole program.
+// What gettimeofday and time return in the whole program.
 void SetClock(time_t second);
-// Seeking to anywhere but the start of a file fails with that errno; 0: no longer.
-void FailSeeks(int error);
-// Calls it once, in the next record, whose thread holds the trace's lock then.
+// Calls it once, while the next record is made and its thread holds the trace's lock.
 void OnNextRecord(void (*call)());
 
 // The prefix of a record that this thread writes now, without the memory column; one record; all.
@@ -41,32 +40,17 @@ std::string Difference(const std::string& expected, const std::string& found);
 int DescriptorOf(const std::string& path);  // the one that has the file open, else -1
 void SetOrUnset(const char* variable, const char* value);  // null: unset
 
-// A message whose format the compiler does not check.
-void Send(CDebug& debug, const char* tag, const char* format, ...);
-
-// The texts of all header records of a run-time ring that StartRing configured, but for the
-// variables that are not "NotSet" and these values as read and in force.
-Lines HeaderTexts(const Texts& set, const Texts& asRead, const Texts& inForce);
-
 class TraceTest : public testing::Test {
   protected:
     void SetUp() override;
+    void TearDown() override { Debug.Close(); }
 
     // One finished file with a section for kemd; `modified` is its time in seconds.
     void Configure(const std::string& keys, time_t modified = kStart);
-    void WriteConfig(const std::string& name, const std::string& text, time_t modified = kStart);
+    static void WriteConfig(const std::string& name, const std::string& text,
+                            time_t modified = kStart);
     // Level 5 and ring buffers of 4 and 1 MiB, without the memory column.
     bool StartRing(CDebug& object);
 
     CDebug debug;
-};
-
-// Receives what the program sends to the system log.
-class SyslogReader {
-  public:
-    SyslogReader();
-    std::string Next();  // priority and text; empty when nothing more was sent
-
-  private:
-    UniqueFd m_socket;
 };

@@ -8,6 +8,13 @@
 #include "tests/trace/trace_world.h"
 #include "trace_reader/trace_merge.h"
 
+// A file that can be read.
+struct OpenSource : TraceSource {
+    explicit OpenSource(const std::string& path = kRuntimeRing) : TraceSource(path, 0) {
+        EXPECT_TRUE(Open()) << Facts().problem;
+    }
+};
+
 class ReaderTest : public TraceTest {
   protected:
     // Rings of 4 x weight and weight MiB, none with weight 0, and this limit of the log.
@@ -19,18 +26,16 @@ class ReaderTest : public TraceTest {
         setenv("OV_LOG_FILE_MAX_SIZE", std::to_string(limit).c_str(), 1);
         ASSERT_TRUE(debug.Init("kemd"));
     }
-    // The run-time ring from its first record on.
-    void StartRing() {
+    void StartAgain(int weight, size_t limit = 51200) {
         written.clear();
         SetClock(kStart);
-        Start(1);
+        Start(weight, limit);
+    }
+    // The run-time ring from its first record on.
+    void StartRing() {
+        StartAgain(1);
         debug.InitDone();
         Note("### Start of initialization. ###");
-    }
-    // A command line of 6,000 characters, which the ring's next header has.
-    void GrowHeader() {
-        for (std::string& word : words) arguments.push_back(word.data());
-        debug.SetCommandLine(static_cast<int>(words.size()), arguments.data());
     }
     void Message(const std::string& text) {
         debug.Message("%s", text.c_str());
@@ -42,9 +47,19 @@ class ReaderTest : public TraceTest {
     }
     // What the trace object writes by itself.
     void Note(const std::string& text) { written.push_back(Prefix() + text); }
+    static std::string Padded(int number) {
+        return std::to_string(number) + std::string(static_cast<size_t>(number * 7 % 41), '-');
+    }
+    // Records of seconds from `first` on, about 500 bytes each.
+    void TraceMany(int first, int last) {
+        for (int i = first; i < last; ++i) {
+            SetClock(kStart + i);
+            Trace(Padded(i) + std::string(400, 'x'));
+        }
+    }
 
     // Those of the written records that are whole in a file.
-    [[nodiscard]] Lines Whole(const std::string& path) const {
+    [[nodiscard]] Lines Whole(const std::string& path = kRuntimeRing) const {
         std::istringstream file(ReadFile(path));
         std::unordered_set<std::string> lines;
         for (std::string line; std::getline(file, line);) lines.insert(line);
@@ -54,32 +69,21 @@ class ReaderTest : public TraceTest {
         }
         return whole;
     }
-    static Lines Read(TraceSource& source) {
+    // The records of a source or a merge.
+    template <typename Records>
+    static Lines Read(Records&& records) {
         Lines lines;
-        for (TraceRecord record; source.Next(record);) lines.emplace_back(record.line);
+        for (TraceRecord record; records.Next(record);) lines.emplace_back(record.line);
         return lines;
-    }
-    static Lines Read(TraceMerge& merge) {
-        Lines lines;
-        for (TraceRecord record; merge.Next(record);) lines.emplace_back(record.line);
-        return lines;
-    }
-    static Lines ReadPath(const std::string& path) {
-        TraceSource source(path, 0);
-        EXPECT_TRUE(source.Open()) << source.Facts().problem;
-        return Read(source);
     }
     // Where two lists differ; empty: nowhere.
     static std::string Differ(const Lines& expected, const Lines& found) {
-        const auto [a, b] =
-            std::mismatch(expected.begin(), expected.end(), found.begin(), found.end());
-        if (a == expected.end() && b == found.end()) return {};
-        return "at " + std::to_string(a - expected.begin()) + " of " +
-               std::to_string(expected.size()) + " and " + std::to_string(found.size()) +
-               "\nexpected: " + (a == expected.end() ? "the end" : *a).substr(0, 200) +
-               "\nfound:    " + (b == found.end() ? "the end" : *b).substr(0, 200);
+        const auto join = [](const Lines& lines) {
+            std::string text;
+            for (const std::string& line : lines) text += line + '\n';
+            return text;
+        };
+        return expected == found ? "" : Difference(join(expected), join(found));
     }
     Lines written;
-    Lines words = Lines(60, std::string(100, 'a'));  // of the command line
-    std::vector<char*> arguments;
 };
