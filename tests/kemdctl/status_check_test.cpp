@@ -187,7 +187,8 @@ TEST_F(CheckTest, FailuresAreInTheDocument) {
         const char* arguments;
         const char* error;
     } wrong[] = {
-        {"--json", "see kemdctl --help"},
+        {"--json", "a command is missing; see kemdctl --help"},
+        {"trace --json /none", "/none: No such file or directory"},
         {"--json n\x1b", "unknown command n\\\\x1b; see kemdctl --help"},
         {"status --json now", "unexpected argument now; see kemdctl status --help"},
         {"--json check --json", "repeated option --json; see kemdctl check --help"},
@@ -199,6 +200,8 @@ TEST_F(CheckTest, FailuresAreInTheDocument) {
         EXPECT_EQ(ReadFile("/tmp/out"), std::string("{\"error\":\"") + error + "\"}\n");
     }
     EXPECT_EQ(Ctl("status now").out, "");
+    EXPECT_TRUE(Shows("trace --html /none/x --json /dev/null", 2,
+                      {"{\"file\":\"/none/x\",\"error\":\"cannot write /none/x: No such file"}));
     EXPECT_TRUE(Shows("check --json >/dev/full", 2, {"write standard output: No space left"}));
     // Not readable, even for root.
     fs::create_symlink("RunLevel", "/etc/orvmon/RunLevel");
