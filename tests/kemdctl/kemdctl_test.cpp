@@ -47,7 +47,7 @@ TEST_F(Kemdctl, HelpFitsATerminal) {
 }
 
 TEST_F(Kemdctl, MistakesAreNamed) {
-    ExpectAll("", {{"", 2, "", "kemdctl: see kemdctl --help\n"},
+    ExpectAll("", {{"", 2, "", "kemdctl: a command is missing; see kemdctl --help\n"},
                    {"nothing", 2, "", "kemdctl: unknown command nothing\nkemdctl: see "}});
     ExpectAll(
         "registry ",
