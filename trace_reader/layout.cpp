@@ -368,7 +368,7 @@ Layout ExamineFile(const TraceFile& file) {
         ExamineLog(file, layout);
     } else if (layout.kind == FileKind::kForeignFile) {
         PutSegment(layout, 0, layout.size, RecordKind::kOther);
-        layout.problem = "no trace file";
+        layout.problem = "not a trace file";
     } else if (isRing || file.Find(kTrailer, 0, layout.size) != TraceFile::npos) {
         ExamineRing(file, begin, layout);
     } else {

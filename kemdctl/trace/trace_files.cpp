@@ -109,8 +109,10 @@ std::vector<std::string> ChooseFiles(const TraceOptions& options) {
     const auto kept = ListKept(options.paths);
     if (kept && *options.run <= kept->size()) return FilesIn((*kept)[*options.run - 1].path);
     if (kept) {
-        Complain("there is no run %llu: runs that are kept: %zu",
-                 static_cast<unsigned long long>(*options.run), kept->size());
+        Complain(
+            "there is no run %llu: %s kept; see --list-runs",
+            static_cast<unsigned long long>(*options.run),
+            kept->size() == 1 ? "1 run is" : (std::to_string(kept->size()) + " runs are").c_str());
     }
     return {};
 }
@@ -144,7 +146,7 @@ std::string Describe(const TraceSource& source) {
         if (source.IsLog() && facts.cycle > 0) text += " " + Times(facts.cycle);
         if (facts.clockBack > 0) text += ", clock went back " + Times(facts.clockBack);
         text += Bytes(facts.overwritten, "of older records cut");
-        text += Bytes(facts.foreign, "are no records");
+        text += Bytes(facts.foreign, "are not records");
         text += Bytes(facts.lost, "overwritten while they were read");
         if (facts.hasUncertainLines)
             text += ", lines at the end of a cycle may be of older records";
