@@ -121,7 +121,7 @@ Writing SeeWriter(int process, const TraceFile& file) {
     if (process <= 0) return Writing::kNo;
     const std::string path = "/proc/" + std::to_string(process) + "/fd/";
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(path.c_str()), closedir);
-    // As if there was no such process, in some containers.
+    // Some containers answer as if there were no such process.
     bool isUnseen = !entries && (errno == EACCES || (kill(process, 0) != 0 && errno == EPERM));
     while (const dirent* entry = entries ? readdir(entries.get()) : nullptr) {
         struct stat status = {};
@@ -169,7 +169,7 @@ bool ReportFacts(const TraceMerge& merge, bool isQuiet) {
     for (const auto& source : merge.Sources()) {
         const std::string line = Printable(source->Path()) + ": " + Describe(*source);
         if (!source->IsGood()) Complain("%s", line.c_str());
-        // That is no complaint.
+        // Nothing is wrong: it is not kept for the document.
         if (source->IsGood() && !isQuiet) std::fprintf(stderr, "kemdctl: %s\n", line.c_str());
         isGood = isGood && source->IsGood();
     }

@@ -75,7 +75,7 @@ TEST_F(ReportTest, LastRunThatWasKilled) {
     EXPECT_TRUE(Contains(ReadFile("/tmp/err"), "cannot be seen: only root may ask"));
     kill(hidden, SIGKILL);
     ASSERT_EQ(waitpid(hidden, nullptr, 0), hidden);
-    // The log alone is enough, and a later run is not told from the one before.
+    // The log alone is enough, and a later run cannot be told from the one before.
     EXPECT_EQ(Ctl("trace --last-run " + kLog).code, 1);
     EXPECT_EQ(Stop(Run()), 0);
     EXPECT_EQ(Ctl("trace --last-run").code, 0);
