@@ -21,6 +21,7 @@ class ReportWriter {
     explicit ReportWriter(bool asJson) : m_asJson(asJson) {}
     ReportWriter(const ReportWriter&) = delete;
     ReportWriter& operator=(const ReportWriter&) = delete;
+    ~ReportWriter() = default;
 
     // For a command that has another option for JSON; before the first value.
     void SetJson(bool asJson) { m_asJson = asJson; }
