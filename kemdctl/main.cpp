@@ -41,7 +41,7 @@ int Run(CommandLine& line, ReportWriter& report) {
         return kYes;
     }
     if (!name.empty()) Complain("unknown command %s", Printable(name).c_str());
-    Complain("see kemdctl --help");
+    Complain(name.empty() ? "a command is missing; see kemdctl --help" : "see kemdctl --help");
     return kError;
 }
 

@@ -73,9 +73,8 @@ bool IsFollowedByOlder(const TraceFile& file, uint64_t start, uint64_t trailer,
     return time && next->time < *time;
 }
 
-// Those that begin in [from, to), up to the first that is good when it must not be the only one.
-Trailers LookForTrailers(const TraceFile& file, uint64_t from, uint64_t to, const Layout& layout,
-                         bool mustBeOnly) {
+// Those that begin in [from, to).
+Trailers LookForTrailers(const TraceFile& file, uint64_t from, uint64_t to, const Layout& layout) {
     static constexpr std::string_view kLine = "\n## TRACE-END ##\n";
     static_assert(kLine.substr(1) == kTrailer);
     constexpr int kMost = 10'000;  // in texts: no file may keep its reader busy for long
@@ -101,7 +100,6 @@ Trailers LookForTrailers(const TraceFile& file, uint64_t from, uint64_t to, cons
         trailers.place = at;
         trailers.isOneOfMany = at != found + 1;
         trailers.hasFragment = next && next->offset != at + kTrailer.size();
-        if (isGood && !mustBeOnly) break;
     }
     return trailers;
 }
@@ -111,8 +109,8 @@ Trailers LookForTrailers(const TraceFile& file, uint64_t from, uint64_t to, cons
 uint64_t FindTrailer(const TraceFile& file, uint64_t from, Layout& layout) {
     uint64_t begin = from, end = layout.size;
     NarrowNewest(file, begin, end);
-    Trailers trailers = LookForTrailers(file, begin, end, layout, false);
-    if (trailers.good == 0) trailers = LookForTrailers(file, from, layout.size, layout, true);
+    Trailers trailers = LookForTrailers(file, begin, end, layout);
+    if (trailers.good == 0) trailers = LookForTrailers(file, from, layout.size, layout);
     layout.hasUncertainLines = trailers.isOneOfMany;
     const bool isOnly =
         trailers.good == 1 || (trailers.good == 0 && trailers.count == 1 && trailers.hasFragment);
@@ -233,8 +231,8 @@ std::optional<WrapLine> ParseWrap(const TraceRecord& record, uint64_t offset) {
     return WrapLine{static_cast<uint32_t>(cycle), start};
 }
 
-// Goes over a log. Where the records of its last cycle end is seen where the time goes back, and
-// where lines without a prefix end, which an overwritten record has left.
+// Goes over a log. The records of its last cycle end where the time goes back, or with the file. A
+// log without texts of several lines has further lines only there, left by an overwritten record.
 class LogScan {
   public:
     void Take(const TraceRecord& record, uint64_t offset);
@@ -251,37 +249,29 @@ class LogScan {
         bool isLong = false;  // the record before has further lines
         bool isWrap = false;  // it is a wrap line, which has none of its own
     };
-    // The first place, and how many there are.
-    struct Places {
-        Place first;
-        int count = 0;
-        void Add(const Place& place) {
-            if (count++ == 0) first = place;
-        }
-    };
     // Otherwise what follows in further lines was left by an overwritten record.
     [[nodiscard]] bool HasLongTexts() const { return m_longTexts > 1; }
     void PutAround(const Place& place, bool hasOlder, Layout& layout) const;
 
     WrapLine m_wrap;
-    Places m_back;
-    Places m_fragments;
-    bool m_isFragmentOpen = false;  // the record after it is as old as the one before
+    Place m_end;                            // the first one in its cycle where the time goes back
+    int m_back = 0;                         // how many of these there are
+    uint64_t m_fragment = TraceFile::npos;  // the first record in its cycle after further lines
     int m_longTexts = 0;
     Place m_last;  // after the record that was taken last
 };
 
 void LogScan::Take(const TraceRecord& record, uint64_t offset) {
     m_last.old = offset;
-    if (record.time < m_last.time) m_back.Add(m_last);
+    if (record.time < m_last.time && m_back++ == 0) m_end = m_last;
     if (m_last.isLong) {
-        if (m_fragments.count == 0) m_isFragmentOpen = record.time == m_last.time;
-        m_fragments.Add(m_last);
         ++m_longTexts;
+        m_fragment = std::min(m_fragment, offset);
     }
     if (const auto wrap = ParseWrap(record, offset); wrap && wrap->cycle > m_wrap.cycle) {
         m_wrap = *wrap;
-        m_back = m_fragments = {};
+        m_back = 0;
+        m_fragment = TraceFile::npos;
     }
     const size_t first = std::min(record.line.find('\n'), record.line.size());
     m_last = {offset + first + 1, 0, record.time, first < record.line.size(),
@@ -307,14 +297,11 @@ void LogScan::PutAround(const Place& place, bool hasOlder, Layout& layout) const
 void LogScan::Put(Layout& layout) const {
     layout.cycle = m_wrap.cycle;
     layout.start = m_wrap.start;
-    const bool countsFragments = !HasLongTexts() && m_fragments.count > 0;
-    const bool agree = !countsFragments || m_fragments.first.old == m_back.first.old;
-    if (m_back.count == 1 && agree) return PutAround(m_back.first, true, layout);
-    if (m_back.count == 0 && !(countsFragments && m_isFragmentOpen)) {
-        Place end = m_last;
-        end.old = layout.size;
-        return PutAround(end, false, layout);
-    }
+    Place end = m_last;
+    end.old = layout.size;
+    if (m_back == 1) end = m_end;
+    const bool agree = HasLongTexts() || m_fragment == TraceFile::npos || m_fragment == end.old;
+    if (m_back < 2 && agree) return PutAround(end, m_back == 1, layout);
     layout.isCertain = false;
     layout.problem = kNotCertain;
     PutSegment(layout, 0, layout.size);
@@ -368,7 +355,7 @@ Layout ExamineFile(const TraceFile& file) {
         ExamineLog(file, layout);
     } else if (layout.kind == FileKind::kForeignFile) {
         PutSegment(layout, 0, layout.size, RecordKind::kOther);
-        layout.problem = "no trace file";
+        layout.problem = "not a trace file";
     } else if (isRing || file.Find(kTrailer, 0, layout.size) != TraceFile::npos) {
         ExamineRing(file, begin, layout);
     } else {

@@ -15,7 +15,7 @@
 
 enum class FileKind : uint8_t { kEmptyFile, kForeignFile, kLogFile, kRingFile };
 
-// What the layout of a file says to everybody.
+// What is shown about a file.
 struct FileFacts {
     FileKind kind = FileKind::kEmptyFile;
     uint64_t size = 0;  // bytes, unpacked

@@ -37,8 +37,8 @@ LogCopy::LogCopy(const TraceFile& log) : m_log(log) {
     Put(0, m_now.size());
 }
 
-// When two reads see the same, no write was under way. A writer that never rests has only its
-// newest record at risk.
+// When two reads see the same, no write was under way. If the writer never pauses, only its
+// newest record may be torn.
 std::string LogCopy::Snapshot() const {
     constexpr int kTries = 20;
     std::string text = m_log.Read(0, m_log.Size());

@@ -78,7 +78,7 @@ class PrefixParser {
     struct Head {
         int64_t time = 0;
         uint32_t thread = 0;
-        // 0: these bytes are no prefix. As wide as the room after the thread, or copying a head
+        // 0: these bytes are not a prefix. As wide as the room after the thread, or copying a head
         // takes longer than finding it.
         uint32_t isThere = 0;
     };

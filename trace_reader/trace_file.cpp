@@ -90,36 +90,25 @@ bool TraceFile::OpenMemory() {
 }
 
 void TraceFile::Unpack() {
-    const UniqueFd packed = std::move(m_fd);
-    struct stat status = {};
-    (void)fstat(packed.Get(), &status);
-    m_isCompressed = true;
-    // A first look keeps what is no ring, or longer than its own header says, out of memory.
-    if (!UnpackUpTo(packed.Get(), kBlock)) {
-        (void)UnpackUpTo(packed.Get(), UnpackedLimit(static_cast<uint64_t>(status.st_size)));
-    }
-}
-
-// False when there was more than the limit.
-bool TraceFile::UnpackUpTo(int packed, uint64_t limit) {
     constexpr size_t kPipe = size_t{1} << 16;
+    const UniqueFd packed = std::move(m_fd);
     const auto block = std::make_unique<char[]>(kPipe);
     std::array<int, 2> ends{-1, -1};
-    m_error.clear();
+    m_isCompressed = true;
     m_fd.Reset(memfd_create("trace", MFD_CLOEXEC));
-    const bool isReady =
-        m_fd.IsOpen() && lseek(packed, 0, SEEK_SET) == 0 && pipe2(ends.data(), O_CLOEXEC) == 0;
+    const bool isReady = m_fd.IsOpen() && pipe2(ends.data(), O_CLOEXEC) == 0;
     UniqueFd from(ends[0]), to(ends[1]);
-    const pid_t child = isReady ? StartGzip(packed, to.Get()) : -1;
+    const pid_t child = isReady ? StartGzip(packed.Get(), to.Get()) : -1;
     if (child < 0) {
         const int error = errno;
         m_error = std::string("cannot be unpacked: ") +
                   (error == ENOENT ? "gzip is needed" : std::strerror(error));
         m_fd.Reset();
-        return true;
+        return;
     }
     to.Reset();
-    uint64_t size = 0;
+    // The first block shows how large the file may get.
+    uint64_t size = 0, limit = kBlock;
     while (size <= limit) {
         const ReadResult got = ReadFully(from.Get(), block.get(), kPipe);
         if (!Write(size, {block.get(), got.count}) || got.error != 0) {
@@ -129,6 +118,7 @@ bool TraceFile::UnpackUpTo(int packed, uint64_t limit) {
         }
         size += got.count;
         if (got.count < kPipe) break;
+        if (size > limit && limit == kBlock) limit = UnpackedLimit(packed.Get());
     }
     from.Reset();  // ends a gzip that still writes
     int status = 0;
@@ -138,13 +128,15 @@ bool TraceFile::UnpackUpTo(int packed, uint64_t limit) {
     } else if (status != 0 && m_error.empty()) {
         m_error = "compressed data is damaged or cut";
     }
-    return size <= limit;
 }
 
 // Text does not become smaller than a small part, but the pre-fill of a ring does: its header, at
 // the start of the file, says how large it is.
-uint64_t TraceFile::UnpackedLimit(uint64_t packedSize) const {
+uint64_t TraceFile::UnpackedLimit(int packed) const {
     constexpr uint64_t kTextRatio = 64;
+    struct stat status = {};
+    (void)fstat(packed, &status);
+    const auto packedSize = static_cast<uint64_t>(status.st_size);
     const std::string text = Read(0, kBlock);
     const size_t found = text.find(trace_text::kRingSize);
     const char* const number = text.c_str() + found + trace_text::kRingSize.size();

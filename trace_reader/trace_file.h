@@ -58,8 +58,7 @@ class TraceFile {
   private:
     void NoteFailure(uint64_t offset, int error) const;
     void Unpack();
-    bool UnpackUpTo(int packed, uint64_t limit);
-    [[nodiscard]] uint64_t UnpackedLimit(uint64_t packedSize) const;
+    [[nodiscard]] uint64_t UnpackedLimit(int packed) const;
 
     std::string m_path;
     UniqueFd m_fd;

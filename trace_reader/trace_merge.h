@@ -14,7 +14,7 @@
 
 class TraceMerge {
   public:
-    // Everything that is no record too; for a reader that follows, see Advance. Before Add.
+    // Also what is not a record; for a reader that follows, see Advance. Before Add.
     void ShowAll(bool showAll) { m_showsAll = showAll; }
     void Follow() { m_follows = true; }
 

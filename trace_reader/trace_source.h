@@ -36,7 +36,7 @@ class TraceSource {
     // False when there is nothing to read; Facts().error says why. An empty or foreign file opens.
     bool Open();
 
-    // Everything, also what is no record, in the order: header, older cycle, dots, newer cycle,
+    // Everything, also what is not a record, in the order: header, older cycle, dots, newer cycle,
     // trailer, pre-fill. Otherwise only records of kind kRecord are given.
     void ShowAll(bool showAll) { m_showsAll = showAll; }
 
@@ -63,7 +63,7 @@ class TraceSource {
     [[nodiscard]] const SourceFacts& Facts() const { return m_facts; }
     [[nodiscard]] bool IsLog() const { return m_facts.kind == FileKind::kLogFile; }
     [[nodiscard]] bool HasLost() const { return m_facts.lost > 0 || m_facts.isOvertaken; }
-    // False: it cannot be read, or not all of it, or is no trace file.
+    // False: it cannot be read, or not all of it, or is not a trace file.
     [[nodiscard]] bool IsGood() const;
     // What is wrong with the file, in a few words; empty: nothing.
     [[nodiscard]] const std::string& Problem() const {

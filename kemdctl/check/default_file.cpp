@@ -56,7 +56,7 @@ void CheckDefaultFile(Findings& findings) {
         return findings.Ok(shown + " is masked: it leads to /dev/null and sets no variable");
     }
     if (!isRead && (error == EINVAL || error == EISDIR)) {
-        return findings.Error(shown + " is no regular file: no variable is read from it",
+        return findings.Error(shown + " is not a regular file: no variable is read from it",
                               "put a regular file in its place");
     }
     if (!isRead && error != ENOENT) return findings.CannotLook(shown, error);

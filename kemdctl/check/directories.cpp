@@ -61,9 +61,10 @@ void CheckLogDirectory(Findings& findings, const TraceSettings& settings, bool i
         findings.Warning("the log directory is the empty text: kemd writes /log.kemd",
                          "unset OV_LOG_RINGBUF_DIR, or let it name a directory");
     } else if (!directory.starts_with('/')) {
-        return findings.Warning("the log directory \"" + Printable(directory) +
-                                    "\" is no absolute path: it depends on where kemd is started",
-                                "give one that begins with /");
+        return findings.Warning(
+            "the log directory \"" + Printable(directory) +
+                "\" is not an absolute path: it depends on where kemd is started",
+            "give one that begins with /");
     } else {
         CheckDirectory(findings, directory);
     }

@@ -31,7 +31,7 @@ void Finding::Put(ReportWriter& report) const {
 void Findings::CannotLook(const std::string& path, int error) {
     m_isComplete = false;
     Complain("cannot look at %s: %s%s", Printable(path).c_str(),
-             error == EINVAL ? "no regular file" : std::strerror(error),
+             error == EINVAL ? "not a regular file" : std::strerror(error),
              error == EACCES || error == EPERM ? "; run kemdctl as root" : "");
 }
 

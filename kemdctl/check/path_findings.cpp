@@ -11,8 +11,8 @@
 
 namespace {
 
-// A device, a pipe or a socket, which the caller reports as no file. Advice to change the owner or
-// mode of a device would do harm: the name that leads there is wrong.
+// A device, a pipe or a socket, which the caller reports as not a file. Advice to change the owner
+// or mode of a device would do harm: the name that leads there is wrong.
 bool IsSpecial(const struct stat& status) {
     return !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode);
 }
@@ -56,10 +56,10 @@ bool CheckDirectory(Findings& findings, const std::string& path, bool isShared) 
     if (report.error == ENOENT) {
         findings.Error(shown + " is missing", make);
     } else if (IsSpecial(report.status)) {
-        findings.Error(shown + " is no directory, it leads to " + Printable(report.resolved),
+        findings.Error(shown + " is not a directory, it leads to " + Printable(report.resolved),
                        "make it lead to a directory, or configure another one");
     } else if (report.error == ENOTDIR || (report.error == 0 && !S_ISDIR(report.status.st_mode))) {
-        findings.Error(shown + " is no directory", "remove what is in its place; " + make);
+        findings.Error(shown + " is not a directory", "remove what is in its place; " + make);
     } else if (report.error != 0) {
         findings.CannotLook(path, report.error);
     } else if (report.faults.empty()) {

@@ -34,7 +34,7 @@ void CheckFile(Findings& findings, const char* path, const std::string& repair) 
     if (!isRead) {
         const std::string again = "check again; if it still cannot be read: ";
         findings.Error(shown + " cannot be read: " +
-                           (error == EINVAL ? "no regular file" : std::strerror(error)),
+                           (error == EINVAL ? "not a regular file" : std::strerror(error)),
                        (IsNoRegistryFile(error) ? "" : again) + repair);
     } else if (count > 0) {
         findings.Error(shown + " has " + Counted(count, "finding") + " (" + first + ")",

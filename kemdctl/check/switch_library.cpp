@@ -61,7 +61,7 @@ void CheckModule(Findings& findings, const std::string& path) {
     const std::string shown = Printable(path);
     const ElfExports exports = ReadElfExports(path.c_str());
     if (!exports.error.empty()) {
-        findings.Error(shown + " is no module: " + exports.error, "replace or remove it");
+        findings.Error(shown + " is not a module: " + exports.error, "replace or remove it");
     } else if (!exports.Has("kemdModule")) {
         findings.Warning(shown + " does not export kemdModule: it is left out",
                          "replace or remove it");
@@ -84,9 +84,9 @@ void CheckSwitchLibrary(Findings& findings, const DaemonFacts& daemon) {
             continue;
         }
         if (!exports.error.empty()) {
-            return findings.Error(
-                shown + ", found by " + place.reason + ", is no switch library: " + exports.error,
-                "replace or remove it");
+            return findings.Error(shown + ", found by " + place.reason +
+                                      ", is not a switch library: " + exports.error,
+                                  "replace or remove it");
         }
         CheckExports(findings, shown, exports);
         if (CheckInRootsHands(findings, place.path)) {

@@ -31,7 +31,7 @@ std::optional<std::string> Accept(Findings& findings, const std::string& path) {
         findings.CannotLook(path, error);
     } else if (!isRegular) {
         const bool isSpecial = error == EINVAL || error == EISDIR;
-        findings.Error(shown + (isSpecial ? "no regular file" : std::strerror(error)),
+        findings.Error(shown + (isSpecial ? "not a regular file" : std::strerror(error)),
                        "put a regular file in its place, or remove the name " + ShellQuoted(path));
     } else {
         findings.Error(shown + "its last section is not [EndOfFile]",
@@ -82,7 +82,8 @@ void CheckTraceConfig(Findings& findings, const DaemonFacts& daemon) {
     if (!names && error == ENOENT) {
         findings.Ok(directory + " is not there: variables and defaults apply");
     } else if (!names && error == ENOTDIR) {
-        findings.Error(directory + " is no directory", "remove it and install the package again");
+        findings.Error(directory + " is not a directory",
+                       "remove it and install the package again");
     } else if (!names) {
         findings.CannotLook(directory, error);
     } else if (names->empty()) {

@@ -80,7 +80,7 @@ void SectionCheck::Key(const TraceSetting& setting) const {
                 shown,
             "kemd takes a key from where its name first appears, comments included: rename it there");
     } else if (isPath && !value->starts_with('/')) {
-        Warn(name + " " + shown + " is no absolute path", "give one that begins with /");
+        Warn(name + " " + shown + " is not an absolute path", "give one that begins with /");
     } else if (!isPath) {
         Number(setting, *value);
     }
@@ -91,7 +91,7 @@ void SectionCheck::Number(const TraceSetting& setting, std::string_view value) c
     if (!number) return;
     const bool isNumber = !value.empty() && std::isdigit(static_cast<unsigned char>(value[0])) != 0;
     Warn(std::string(setting.key) + " \"" + Printable(Trim(value)) + "\"" +
-             (isNumber ? "" : " is no number of 0 or more:") + " counts as " +
+             (isNumber ? "" : " is not a number of 0 or more:") + " counts as " +
              (*number == -1 && setting.hasAbsent ? "absent" : std::to_string(*number)),
          "give one number of 0 or more and nothing else, decimal or with 0x");
 }

@@ -31,7 +31,7 @@ bool HasDeviceOfItsOwn(const char* path) {
 }
 
 // A line "1: FLOCK  ADVISORY  WRITE 1234 fd:01:5678 0 EOF". A waiting one has "->" after the
-// number and is no holder.
+// number and does not hold the lock.
 bool IsLockOf(const std::string& line, const struct stat& file, bool anyDevice, long& pid) {
     unsigned device[2] = {};
     unsigned long inode = 0;

@@ -26,7 +26,7 @@ ProcessFacts ReadProcess(pid_t pid);
 bool IsDaemon(const ProcessFacts& process);
 
 std::vector<pid_t> ListProcesses();
-// The oldest process with the daemon's name that is no child of another one; 0: none.
+// The oldest process with the daemon's name that is not a child of another one; 0: none.
 pid_t FindDaemon();
 
 // Whether a file of this name is mapped into the process; nothing when this may not be seen.

@@ -109,6 +109,17 @@ int WriteDump(ReportWriter& report, const Inventory& inventory, const char* path
     return result;
 }
 
+// After TakeValue of each of them.
+bool HasValues(const CommandLine& line) {
+    for (const CommandLine::Option& option : line.options) {
+        const bool needsValue = option.name != "--json";
+        if (!needsValue || option.value != nullptr) continue;
+        Complain("%s: a value is missing", Printable(option.name).c_str());
+        return false;
+    }
+    return true;
+}
+
 int Report(ReportWriter& report, const Inventory& inventory) {
     ReportInventory(report, inventory);
     const bool isEmpty = !inventory.hasSmbios && inventory.slots.empty();
@@ -127,10 +138,7 @@ int RunInventory(CommandLine& line, ReportWriter& report) {
     const char* const slot = line.TakeValue("--slot");
     const char* const source = line.TakeValue("--from-dump");
     const char* const target = line.TakeValue("--dump");
-    const bool isWhole = line.Has("--slot") == (slot != nullptr) &&
-                         line.Has("--from-dump") == (source != nullptr) &&
-                         line.Has("--dump") == (target != nullptr);
-    if (!line.HasOnly(kOptions) || !line.HasNoWords() || !isWhole ||
+    if (!line.HasOnly(kOptions) || !line.HasNoWords() || !HasValues(line) ||
         (slot != nullptr && target != nullptr)) {
         Complain("see kemdctl inventory --help");
         return kError;

@@ -95,7 +95,7 @@ bool LoadDump(const char* path, Inventory& inventory) {
     if (!file) {
         const int error = errno;
         inventory.error = std::string("cannot read ") + path + ": " +
-                          (error == EINVAL ? "no regular file" : std::strerror(error));
+                          (error == EINVAL ? "not a regular file" : std::strerror(error));
         return false;
     }
     SmbiosData data;

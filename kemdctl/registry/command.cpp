@@ -14,7 +14,7 @@ void WriteHelp() {
     for (const Subcommand& subcommand : kSubcommands) Write(subcommand.help);
     Write(R"(
 
---json with get, list and check. Options may stand anywhere; -- ends them.
+Options may stand anywhere; -- ends them.
 KEY has backslashes or slashes between its parts: HKEY_LOCAL_MACHINE/SOFTWARE.
 Without KEY, list shows the root keys. VALUE may be empty.
 

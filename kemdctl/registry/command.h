@@ -31,9 +31,9 @@ struct Subcommand {
 };
 inline constexpr Subcommand kSubcommands[] = {
     {"get", 2, 2, {"--json", "--expand"}, RegistryGet, R"(
-  get [--expand] KEY VALUE   prints a value's data; --expand replaces %NAME%)"},
+  get [--expand] [--json] KEY VALUE   prints data; --expand replaces %NAME%)"},
     {"list", 0, 1, {"--json", "-r"}, RegistryList, R"(
-  list [-r] [KEY]            shows subkeys and values; -r: and all below)"},
+  list [-r] [--json] [KEY]   shows subkeys and values; -r: and all below)"},
     {"set", 4, 4, {}, RegistrySet, R"(
   set KEY VALUE TYPE DATA    stores a value and makes missing keys; TYPE is
                              string, expand, number or binary (hex digits))"},
@@ -45,7 +45,7 @@ inline constexpr Subcommand kSubcommands[] = {
   import [--force] FILE|-    replaces the root keys that FILE has; a file with
                              findings only with --force)"},
     {"check", 1, 1, {"--json"}, RegistryCheck, R"(
-  check FILE                 says what in a file is skipped or misread)"},
+  check [--json] FILE        says what in a file is skipped or misread)"},
     {"restore", 0, 0, {"--default"}, RegistryRestore, R"(
   restore [--default]        makes registry.old, or registry.default, the store)"},
 };

@@ -106,7 +106,7 @@ void Checker::Header(std::string_view text, const RegistryLine& line) {
     if (m_levels.size() == 1) {
         const auto root = std::find(kRootKeyNames.begin(), kRootKeyNames.end(), line.name);
         if (root == kRootKeyNames.end()) {
-            Report(Quoted(line.name) + " is none of the root keys");
+            Report(Quoted(line.name) + " is not one of the root keys");
         } else {
             m_hasRoot[static_cast<size_t>(root - kRootKeyNames.begin())] = true;
         }

@@ -111,7 +111,7 @@ std::string RunProgram(const std::vector<const char*>& arguments) {
     to.Reset();
     if (child < 0) return {};
     std::string text = ReadForAWhile(from.Get());
-    kill(child, SIGKILL);  // one that has ended does not mind
+    kill(child, SIGKILL);  // harmless if it has ended
     (void)Wait(child);
     return text;
 }

@@ -11,7 +11,7 @@
 
 #include "base/unique_fd.h"
 
-// What a program writes to standard output and standard error, as far as a limit of size and time.
+// What a program writes to standard output and standard error, up to a limit of size and time.
 // It is found in PATH and gets no shell. Nothing when it cannot be started.
 [[nodiscard]] std::string RunProgram(const std::vector<const char*>& arguments);
 

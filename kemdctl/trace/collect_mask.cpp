@@ -84,8 +84,7 @@ void SecretMask::Hide(std::string& line, size_t begin, size_t end) {
     line.replace(begin, end - begin, end - begin, '*');
 }
 
-// A value that is part of another one comes after it, or it would leave the rest of that to be
-// read.
+// Longest first: masking a part of a value would leave the rest of it readable.
 void SecretMask::Learn(std::string_view value) {
     constexpr size_t kShortest = 8, kMostValues = 64;
     const bool isHidden = value.find_first_not_of('*') == value.npos;

@@ -23,7 +23,7 @@ std::string Seconds(int64_t milliseconds) {
     return text.data();
 }
 
-// With --raw also what is no record is shown.
+// --raw also shows what is not a record.
 const char* KindName(RecordKind kind) {
     switch (kind) {
         case RecordKind::kRecord:

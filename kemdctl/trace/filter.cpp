@@ -9,7 +9,7 @@
 
 namespace {
 
-// regexec takes memory of many times the text.
+// regexec takes many times as much memory as the text.
 constexpr size_t kFragment = size_t{1} << 16;
 
 regmatch_t Range(std::string_view text, size_t from) {
@@ -30,7 +30,7 @@ size_t FragmentEnd(std::string_view text, size_t begin) {
     return end == text.npos ? begin + kFragment : begin + end;
 }
 
-// Once is enough: the next million of texts fails likewise.
+// Once is enough: the next million texts would fail in the same way.
 bool HasMatched(int result) {
     static bool isReported = false;
     if (result != 0 && result != REG_NOMATCH && !std::exchange(isReported, true)) {

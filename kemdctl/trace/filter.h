@@ -15,7 +15,7 @@
 
 class Pattern {
   public:
-    // Empty, or why the pattern is none.
+    // Empty, or why the pattern is not valid.
     [[nodiscard]] std::string Set(const char* pattern, bool ignoresCase);
 
     // Whether it matches somewhere in the text; ^ and $ match at its lines. A text of more than

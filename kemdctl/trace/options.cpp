@@ -46,14 +46,14 @@ template <std::optional<int64_t> Filter::*member>
 std::string SetTime(Parser& parser, const char* value) {
     auto& time = parser.options.filter.*member;
     time = ParseTime(value, parser.now);
-    return time ? "" : "no time such as \"2026-11-15 20:04:51.123\", 20:04, today or -2h30m";
+    return time ? "" : "not a time such as \"2026-11-15 20:04:51.123\", 20:04, today or -2h30m";
 }
 
 template <std::optional<int64_t> TraceOptions::*member>
 std::string SetSpan(Parser& parser, const char* value) {
     auto& span = parser.options.*member;
     span = ParseSpan(value);
-    return span ? "" : "no span of time such as 10, 0.5 or 2m30s";
+    return span ? "" : "not a span of time such as 10, 0.5 or 2m30s";
 }
 
 template <std::vector<Pattern> Filter::*member>
@@ -71,7 +71,7 @@ std::string AddThread(Parser& parser, const char* value) {
     const char* const end = value + std::strlen(value);
     uint64_t thread = 0;
     const auto [next, error] = std::from_chars(begin, end, thread, 16);
-    if (error != std::errc{} || next != end) return "no thread such as D82A0740";
+    if (error != std::errc{} || next != end) return "not a thread such as D82A0740";
     parser.options.filter.threads.push_back(static_cast<uint32_t>(thread));
     return {};
 }
@@ -86,7 +86,7 @@ std::string SetNumber(Parser& parser, const char* value) {
     const char* const end = value + std::strlen(value);
     uint64_t& number = (parser.options.*member).emplace();
     const auto [next, error] = std::from_chars(value, end, number);
-    return error == std::errc{} && next == end && number >= least ? "" : "no number";
+    return error == std::errc{} && next == end && number >= least ? "" : "not a number";
 }
 
 template <typename Value>
@@ -102,7 +102,7 @@ std::string Pick(Value& option, std::string_view word, Choices<Value> choices) {
         }
         all += (all.empty() ? "" : ", ") + std::string(name);
     }
-    return "none of " + all;
+    return "not one of " + all;
 }
 
 std::string SetForm(Parser& parser, const char* value) {
@@ -129,7 +129,8 @@ std::string IgnoreCase(Parser& parser, const char* /*none*/) {
     return {};
 }
 
-// -i stands before what it works on. The help has the lines of this table in its order.
+// -i stands before what it works on. The help has the lines of this table in its order, and the
+// shells complete from it: there what an option takes follows it, in capitals or as "one|other".
 constexpr Word kWords[] = {
     {"--help", "", Kind::kFlag, SetFlag<&TraceOptions::isHelp>,
      "usage: kemdctl trace [OPTION...] [FILE|DIRECTORY...]  the directory in force\n"
@@ -144,44 +145,46 @@ constexpr Word kWords[] = {
      "  --thread ID, --tag NAME   of any of these threads, with any of these tags\n"},
     {"--tag", "", Kind::kRepeated, AddTag, ""},
     {"-g", "--grep", Kind::kRepeated, AddPattern<&Filter::wanted>,
-     "  -g, --grep REGEX          whose text matches any of these; -i ignores case\n"},
+     "  -g, --grep REGEX          whose text matches any of these\n"},
     {"-v", "--exclude", Kind::kRepeated, AddPattern<&Filter::excluded>,
-     "  -v, --exclude REGEX       whose text matches none of these\n"},
+     "  -v, --exclude REGEX       whose text matches none; -i, --ignore-case in both\n"},
     {"-n", "--lines", Kind::kValue, SetNumber<&TraceOptions::last, 0>,
-     "  -n, --lines N             the last N of them; with -f then everything new\n"},
+     "  -n, --lines N             the last N of them, and when following all new ones\n"},
     {"-f", "--follow", Kind::kFlag, SetFlag<&TraceOptions::follows>,
      "Show them:\n"
      "  -f, --follow              and go on with what is written\n"},
     {"--wait-for", "", Kind::kValue, SetWaitFor,
-     "  --wait-for REGEX          only the next that matches; --timeout S: give up\n"},
+     "  --wait-for REGEX          only the next that matches; end after --timeout S\n"},
     {"--timeout", "", Kind::kValue, SetSpan<&TraceOptions::timeout>, ""},
     {"-o", "--output", Kind::kValue, SetForm,
-     "  -o full|short|json|csv    in this form; --raw  with all that is no record\n"},
+     "  -o, --output full|short|json|csv    in this form; --json is -o json\n"},
     {"--json", "", Kind::kFlag, SetJson, ""},
-    {"--delta", "", Kind::kFlag, SetFlag<&TraceOptions::showsDelta>,
-     "  --delta, --gaps S         with the time between; only around gaps above S\n"},
-    {"--gaps", "", Kind::kValue, SetSpan<&TraceOptions::gap>, ""},
-    {"--raw", "", Kind::kFlag, SetFlag<&TraceOptions::isRaw>, ""},
+    {"--gaps", "", Kind::kValue, SetSpan<&TraceOptions::gap>,
+     "  --gaps S, --delta         only around gaps above S; with the time between\n"},
+    {"--delta", "", Kind::kFlag, SetFlag<&TraceOptions::showsDelta>, ""},
+    {"--raw", "", Kind::kFlag, SetFlag<&TraceOptions::isRaw>,
+     "  --raw                     with all that is not a record\n"},
     {"--color", "", Kind::kValue, SetColor,
      "  --color auto|always|never    --no-pager    -q, --quiet  no word on the files\n"},
     {"--no-pager", "", Kind::kFlag, SetFlag<&TraceOptions::mayPage, false>, ""},
     {"-q", "--quiet", Kind::kFlag, SetFlag<&TraceOptions::isQuiet>, ""},
     {"--count", "", Kind::kFlag, SetReport<MakeCountSink>,
      "Or, in their place:\n"
-     "  --count                   their number\n"},
-    {"--stats", "", Kind::kFlag, SetReport<MakeStatsSink>,
-     "  --stats                   how many of which kind, when, at what memory\n"},
+     "  --count, --stats          their number; how many of which kind, when, memory\n"},
+    {"--stats", "", Kind::kFlag, SetReport<MakeStatsSink>, ""},
     {"--export", "", Kind::kValue, SetReport<MakeTimelineSink>,
      "  --export, --html FILE     a timeline for trace viewers; a page to look at\n"},
     {"--html", "", Kind::kValue, SetReport<MakeHtmlSink>, ""},
     {"--header", "", Kind::kFlag, SetReport<ShowHeaders>,
-     "Or, of whole files: --header; --verify whether they are sound; --last-run how\n"
-     "it ended; --collect FILE everything for support, secrets masked\n"},
+     "Or, of whole files:\n"
+     "  --header, --verify        the writer's settings; whether the files are sound\n"},
     {"--verify", "", Kind::kFlag, SetReport<VerifyFiles>, ""},
-    {"--last-run", "", Kind::kFlag, SetReport<ShowLastRun>, ""},
-    {"--collect", "", Kind::kValue, SetReport<CollectFiles>, ""},
+    {"--last-run", "", Kind::kFlag, SetReport<ShowLastRun>,
+     "  --last-run                how the last run ended\n"},
+    {"--collect", "", Kind::kValue, SetReport<CollectFiles>,
+     "  --collect FILE            everything for support, secrets masked\n"},
     {"--list-runs", "", Kind::kFlag, SetReport<ListKeptRuns>,
-     "Runs that did not end in order are kept: --list-runs; --run N reads one of them\n"},
+     "  --run N, --list-runs      runs that did not end in order are kept: read one\n"},
     {"--run", "", Kind::kValue, SetNumber<&TraceOptions::run, 1>, ""},
 };
 

@@ -117,7 +117,7 @@ Output::Output(const TraceOptions& options)
 
 void Output::Send() {
     if (!m_pagerCommand.empty() && !m_text.empty()) {
-        // Without a pager it is shown all the same.
+        // If the pager does not start, the text is shown without one.
         (void)m_pager.Start(m_pagerCommand);
         m_pagerCommand.clear();
     }

@@ -5,7 +5,6 @@
 #include <array>
 #include <cstdio>
 
-#include "kemdctl/ui/command.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -39,5 +38,6 @@ void Progress::Add(uint64_t bytes) {
 
 void Progress::Finish(uint64_t size) {
     if (m_isShown) std::fputs("\r\x1b[K", stderr);
-    if (!m_isQuiet) Complain("wrote %s, %s", m_path.c_str(), Size(size).c_str());
+    if (m_isQuiet) return;
+    std::fprintf(stderr, "kemdctl: wrote %s, %s\n", m_path.c_str(), Size(size).c_str());
 }

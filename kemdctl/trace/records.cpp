@@ -312,8 +312,7 @@ class CountSink : public RecordSink {
 
 int ShowRecords(const TraceOptions& options, const std::vector<std::string>& files,
                 ReportWriter& report) {
-    // One object a line, and each of them is a record.
-    if (options.report.index() == 0) report.SetJson(false);
+    if (options.report.index() == 0) report.SetStream();
     return RecordReport(options, report).Run(files);
 }
 

@@ -15,7 +15,7 @@
 class Printer {
   public:
     virtual ~Printer() = default;
-    // In front of everything.
+    // Before everything else.
     virtual void Begin(const TraceMerge& /*merge*/) {}
     // `delta`: milliseconds since the record before, null when that is not to be shown. The first
     // record has none.

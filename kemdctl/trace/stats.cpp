@@ -166,7 +166,7 @@ void ShowTally(const char* key, const char* title, const Tally& tally, uint64_t 
     });
     if (tally.LeftOut() == 0) return;
     report.Line("  not counted, as there are too many different ones: " +
-                std::to_string(tally.LeftOut()) + " records");
+                Counted(tally.LeftOut(), "record"));
 }
 
 void ShowGaps(const std::vector<TraceGap>& gaps, ReportWriter& report) {

@@ -109,8 +109,10 @@ std::vector<std::string> ChooseFiles(const TraceOptions& options) {
     const auto kept = ListKept(options.paths);
     if (kept && *options.run <= kept->size()) return FilesIn((*kept)[*options.run - 1].path);
     if (kept) {
-        Complain("there is no run %llu: runs that are kept: %zu",
-                 static_cast<unsigned long long>(*options.run), kept->size());
+        Complain(
+            "there is no run %llu: %s kept; see --list-runs",
+            static_cast<unsigned long long>(*options.run),
+            kept->size() == 1 ? "1 run is" : (std::to_string(kept->size()) + " runs are").c_str());
     }
     return {};
 }
@@ -119,7 +121,7 @@ Writing SeeWriter(int process, const TraceFile& file) {
     if (process <= 0) return Writing::kNo;
     const std::string path = "/proc/" + std::to_string(process) + "/fd/";
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(path.c_str()), closedir);
-    // As if there was no such process, in some containers.
+    // Some containers answer as if there were no such process.
     bool isUnseen = !entries && (errno == EACCES || (kill(process, 0) != 0 && errno == EPERM));
     while (const dirent* entry = entries ? readdir(entries.get()) : nullptr) {
         struct stat status = {};
@@ -144,7 +146,7 @@ std::string Describe(const TraceSource& source) {
         if (source.IsLog() && facts.cycle > 0) text += " " + Times(facts.cycle);
         if (facts.clockBack > 0) text += ", clock went back " + Times(facts.clockBack);
         text += Bytes(facts.overwritten, "of older records cut");
-        text += Bytes(facts.foreign, "are no records");
+        text += Bytes(facts.foreign, "are not records");
         text += Bytes(facts.lost, "overwritten while they were read");
         if (facts.hasUncertainLines)
             text += ", lines at the end of a cycle may be of older records";
@@ -167,7 +169,7 @@ bool ReportFacts(const TraceMerge& merge, bool isQuiet) {
     for (const auto& source : merge.Sources()) {
         const std::string line = Printable(source->Path()) + ": " + Describe(*source);
         if (!source->IsGood()) Complain("%s", line.c_str());
-        // That is no complaint.
+        // Nothing is wrong: it is not kept for the document.
         if (source->IsGood() && !isQuiet) std::fprintf(stderr, "kemdctl: %s\n", line.c_str());
         isGood = isGood && source->IsGood();
     }

@@ -84,7 +84,7 @@ Verdict Verify(const std::string& path) {
     for (TraceRecord record; source.Next(record);) check.Take(record);
     const SourceFacts& facts = source.Facts();
     check.Report(facts, verdict.findings);
-    if (facts.foreign > 0) verdict.findings.push_back(Bytes(facts.foreign) + " are no records");
+    if (facts.foreign > 0) verdict.findings.push_back(Bytes(facts.foreign) + " are not records");
     if (!facts.problem.empty()) verdict.findings.push_back(facts.problem);
     if (!facts.error.empty()) verdict.findings.push_back(facts.error);
     verdict.isWhole = facts.error.empty();

@@ -14,7 +14,7 @@
 #include "kemdctl/ui/text.h"
 
 std::string ErrorText(int error) {
-    std::string text = error == EINVAL ? "no regular file" : std::strerror(error);
+    std::string text = error == EINVAL ? "not a regular file" : std::strerror(error);
     const bool isDenied = error == EACCES || error == EPERM;
     if (isDenied && geteuid() != 0) text += "; run it as root";
     return text;

@@ -21,10 +21,11 @@ class ReportWriter {
     explicit ReportWriter(bool asJson) : m_asJson(asJson) {}
     ReportWriter(const ReportWriter&) = delete;
     ReportWriter& operator=(const ReportWriter&) = delete;
+    ~ReportWriter() = default;
 
     // For a command that has another option for JSON; before the first value.
     void SetJson(bool asJson) { m_asJson = asJson; }
-    // The command writes JSON of its own, an object a line: only an error adds one more.
+    // The command writes JSON of its own, an object a line: an error adds one more.
     void SetStream() { m_isStream = true; }
 
     // Values, for the JSON alone. The key is empty in an array, and for the document itself, which

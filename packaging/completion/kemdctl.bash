@@ -1,8 +1,8 @@
 # Completion of kemdctl for bash.
 # shellcheck shell=bash
 
-# The entries of a registry key, one a line: "k" or "v" for key or value, a blank, the name. Nothing
-# is waited for long, and what goes wrong is no matter here.
+# The entries of a registry key, one a line: "k" or "v" for key or value, a blank, the name. Waits
+# two seconds at most and ignores errors.
 _kemdctl_entries() {
     local line name type
     while IFS= read -r line; do
@@ -90,29 +90,41 @@ _kemdctl_registry() {
     esac
 }
 
-# The commands, or the options, that a help text has in lines of their own.
-_kemdctl_help() {
-    local pattern='s/^  \([a-z][a-z]*\)  .*/\1/p'
-    [[ $2 == commands ]] || pattern='s/^  \(-[a-z], \)\{0,1\}\(--[a-z-]*\).*/\1\2/p'
-    [[ -z $1 ]] || echo --help
-    timeout 2 kemdctl ${1:+"$1"} --help 2>/dev/null </dev/null | sed -n "$pattern" | tr -d ,
+_kemdctl_help() { timeout 2 kemdctl ${1:+"$1"} --help 2>/dev/null </dev/null; }
+
+# The commands, or the subcommands of one, which its help has in lines of their own.
+_kemdctl_commands() { _kemdctl_help "$1" | sed -n 's/^  \([a-z][a-z]*\) .*/\1/p'; }
+
+# The options of a command, or of its subcommand, one a line: the option, a blank, what it takes. In
+# the help they stand in the lines that begin with a dash, or with the subcommand.
+_kemdctl_options() {
+    local option='--?[a-z][a-z-]*' line
+    local pattern="(^|[^a-z0-9-])($option)(, $option)*( ([A-Z:]+|[a-z]+(\|[a-z]+)+))?"
+    while IFS= read -r line; do
+        [[ $line == "  ${2:--}"* ]] || continue
+        while [[ $line =~ $pattern ]]; do
+            echo "${BASH_REMATCH[2]} ${BASH_REMATCH[5]}"
+            line=${line#*"${BASH_REMATCH[2]}"}
+        done
+    done < <(_kemdctl_help "$1")
 }
 
-_kemdctl_options() {
-    case $1:$2 in
-        trace:*)
-            echo --start --since --until --thread --tag --grep -g --exclude -v --ignore-case -i \
-                --lines -n --follow -f --wait-for --timeout --output -o --json --delta --gaps --raw \
-                --color --no-pager --quiet -q --count --stats --export --html --header --verify \
-                --last-run --list-runs --run --collect --help
+# Offers what an option takes, when it takes something.
+_kemdctl_value() {
+    local option taken
+    case $1:$3 in
+        trace:--since | trace:--until) _kemdctl_choose "today yesterday now" ;;
+        trace:--thread | trace:--tag) _kemdctl_traced "$3" "${words[@]:1}" ;;
+        trace:--run) _kemdctl_runs ;;
+        *)
+            while read -r option taken; do
+                [[ $option == "$3" && -n $taken ]] || continue
+                [[ $taken != FILE ]] || _kemdctl_files
+                [[ $taken != *\|* ]] || _kemdctl_choose "${taken//|/ }"
+                return 0
+            done < <(_kemdctl_options "$1" "$2")
+            return 1
             ;;
-        registry:get) echo --expand --json --help ;;
-        registry:list) echo -r --json --help ;;
-        registry:import) echo --force --help ;;
-        registry:check) echo --json --help ;;
-        registry:restore) echo --default --help ;;
-        registry:*) echo --help ;;
-        *) _kemdctl_help "$1" options ;;
     esac
 }
 
@@ -135,27 +147,23 @@ _kemdctl() {
     done
 
     if [[ -z $ended ]]; then
-        case ${words[0]}:$prev in
-            inventory:--slot) return ;;
-            inventory:--dump | inventory:--from-dump) _kemdctl_files; return ;;
-            trace:--export | trace:--html | trace:--collect) _kemdctl_files; return ;;
-            trace:--output | trace:-o) _kemdctl_choose "full short json csv"; return ;;
-            trace:--color) _kemdctl_choose "auto always never"; return ;;
-            trace:--since | trace:--until) _kemdctl_choose "today yesterday now"; return ;;
-            trace:--thread | trace:--tag) _kemdctl_traced "$prev" "${words[@]:1}"; return ;;
-            trace:--run) _kemdctl_runs; return ;;
-            trace:--grep | trace:-g | trace:--exclude | trace:-v) return ;;
-            trace:--lines | trace:-n | trace:--wait-for | trace:--timeout | trace:--gaps) return ;;
-        esac
+        local command=${words[0]-} subcommand=
+        [[ $command != registry ]] || subcommand=${words[1]:-SUBCOMMAND}
+        if [[ $prev == -?* ]] && _kemdctl_value "$command" "$subcommand" "$prev"; then
+            return
+        fi
         if [[ $cur == -* ]]; then
-            _kemdctl_choose "$(_kemdctl_options "${words[0]-}" "${words[1]-}")"
+            _kemdctl_choose "$({
+                echo --help
+                _kemdctl_options "$command" "$subcommand" | sed 's/ .*//'
+            } | sort -u)"
             return
         fi
     fi
     case ${words[0]-}:${#words[@]} in
-        :0) _kemdctl_choose "$(_kemdctl_help '' commands)" ;;
+        :0) _kemdctl_choose "$(_kemdctl_commands '')" ;;
         trace:*) _kemdctl_files ;;
-        registry:1) _kemdctl_choose "check delete export get import list restore set" ;;
+        registry:1) _kemdctl_choose "$(_kemdctl_commands registry)" ;;
         registry:*) _kemdctl_registry "${words[@]:1}" "$cur" ;;
     esac
 }

@@ -55,7 +55,7 @@ TEST_F(InventoryCommand, ShowsTablesAndSlots) {
          {"--slot 00:05 --dump /tmp/x", 2, "", "see kemdctl inventory --help\n"},
          {"--slot", 2, "", "see kemdctl inventory --help\n"},
          {"--from-dump /tmp", 2, "", "cannot read /tmp: Is a directory\n"},
-         {"--from-dump /dev/zero", 2, "", "cannot read /dev/zero: no regular file\n"},
+         {"--from-dump /dev/zero", 2, "", "cannot read /dev/zero: not a regular file\n"},
          {"--from-dump /proc/self/mem", 2, "", "cannot read /proc/self/mem: Input/output error\n"},
          {"--from-dump /none --json", 2,
           "{\"incomplete\":true,\"error\":\"cannot read /none: No such file or directory\"}\n",

@@ -47,7 +47,7 @@ TEST_F(Kemdctl, HelpFitsATerminal) {
 }
 
 TEST_F(Kemdctl, MistakesAreNamed) {
-    ExpectAll("", {{"", 2, "", "kemdctl: see kemdctl --help\n"},
+    ExpectAll("", {{"", 2, "", "kemdctl: a command is missing; see kemdctl --help\n"},
                    {"nothing", 2, "", "kemdctl: unknown command nothing\nkemdctl: see "}});
     ExpectAll(
         "registry ",
@@ -283,7 +283,7 @@ TEST_F(Kemdctl, CheckNamesEveryLineThatIsMisread) {
         "12: a NUL byte ends the line",
         "13: longer than 1023 bytes: read as several lines",
         "14: a second \"n\" in this key: replaces the first",
-        "17: \"O\\x1b\" is none of the root keys",
+        "17: \"O\\x1b\" is not one of the root keys",
         "21: ignored with all that follows: an empty line ended the top level",
     };
     std::string expected;

@@ -187,7 +187,8 @@ TEST_F(CheckTest, FailuresAreInTheDocument) {
         const char* arguments;
         const char* error;
     } wrong[] = {
-        {"--json", "see kemdctl --help"},
+        {"--json", "a command is missing; see kemdctl --help"},
+        {"trace --json /none", "/none: No such file or directory"},
         {"--json n\x1b", "unknown command n\\\\x1b; see kemdctl --help"},
         {"status --json now", "unexpected argument now; see kemdctl status --help"},
         {"--json check --json", "repeated option --json; see kemdctl check --help"},
@@ -199,6 +200,8 @@ TEST_F(CheckTest, FailuresAreInTheDocument) {
         EXPECT_EQ(ReadFile("/tmp/out"), std::string("{\"error\":\"") + error + "\"}\n");
     }
     EXPECT_EQ(Ctl("status now").out, "");
+    EXPECT_TRUE(Shows("trace --html /none/x --json /dev/null", 2,
+                      {"{\"file\":\"/none/x\",\"error\":\"cannot write /none/x: No such file"}));
     EXPECT_TRUE(Shows("check --json >/dev/full", 2, {"write standard output: No space left"}));
     // Not readable, even for root.
     fs::create_symlink("RunLevel", "/etc/orvmon/RunLevel");
@@ -261,12 +264,12 @@ TEST_F(CheckTest, EverythingIsWrong) {
         result.out,
         {"error    /etc/norvik/OrvanaSuite/TraceConfig/a.ini is ignored: its last section is not",
          "FileDebugLevel is taken from the line \"# FileDebugLevel = 4\", its value is \"4\"",
-         "the key \"Level\" is not known", "TraceFlags \"on\" is no number",
-         "RingBufferDirectory \"trace\" is no absolute path", "kemd.ini.old is ignored: ",
-         "z.ini is ignored: no regular file", "/etc/default/kemd, line 1: not NAME=value",
+         "the key \"Level\" is not known", "TraceFlags \"on\" is not a number",
+         "RingBufferDirectory \"trace\" is not an absolute path", "kemd.ini.old is ignored: ",
+         "z.ini is ignored: not a regular file", "/etc/default/kemd, line 1: not NAME=value",
          "level is 4, but there is no ring buffer", "error    /etc/orvmon may be written by others",
          "-- chmod go-w /etc/orvmon\n", "does not export SW_QueryInterface",
-         "error    /opt/modules may be written", "empty.so is no module: no ELF file",
+         "error    /opt/modules may be written", "empty.so is not a module: no ELF file",
          "switch.so does not export kemdModule", "registry has 5 findings (line 2: no \"=\"",
          "/etc/orvmon/RunLevel holds 6: the next plain stop"}));
     EXPECT_TRUE(Contains(Ctl("check --json").out,
@@ -324,7 +327,7 @@ TEST_F(CheckTest, AdviceIsSafe) {
     const std::string check = Ctl("check").out;
     EXPECT_TRUE(
         Holds(check, {"ok       " + global + " is masked: it leads to /dev/null",
-                      "/opt/trace is no directory, it leads to /dev/null -- make it lead to a",
+                      "/opt/trace is not a directory, it leads to /dev/null -- make it lead to a",
                       "-- chmod go-w '/opt/it'\\''s $(me)'\n",
                       "-- install -d -m 755 $'/opt/it\\'s $(me)/a\\033'; install -m 644 "}));
     fs::remove("/etc/default/kemd");
@@ -359,7 +362,7 @@ TEST_F(CheckTest, SizesOfTheTrace) {
         {"RingBufferSizeWeight = 4 MB", "RingBufferSizeWeight \"4 MB\" counts as 4 --"},
         {"RingBufferSizeWeight = 010", "RingBufferSizeWeight \"010\" counts as 8 --"},
         {"RingBufferSizeWeight = 4294967297", "\" counts as 1 --"},
-        {"RingBufferSizeWeight = -1", "is no number of 0 or more: counts as absent --"},
+        {"RingBufferSizeWeight = -1", "is not a number of 0 or more: counts as absent --"},
         {"RingBufferSizeWeight = 0x4", ""},
     };
     const std::string base = ReadFile("/etc/default/kemd") + "OV_LOG_RINGBUF_DIR=/tmp\n";

@@ -75,7 +75,7 @@ TEST_F(ReportTest, LastRunThatWasKilled) {
     EXPECT_TRUE(Contains(ReadFile("/tmp/err"), "cannot be seen: only root may ask"));
     kill(hidden, SIGKILL);
     ASSERT_EQ(waitpid(hidden, nullptr, 0), hidden);
-    // The log alone is enough, and a later run is not told from the one before.
+    // The log alone is enough, and a later run cannot be told from the one before.
     EXPECT_EQ(Ctl("trace --last-run " + kLog).code, 1);
     EXPECT_EQ(Stop(Run()), 0);
     EXPECT_EQ(Ctl("trace --last-run").code, 0);
@@ -133,9 +133,9 @@ TEST_F(ReportTest, VerifySeparatesSoundFromDamaged) {
         {ring.substr(0, ring.size() - 5), 1, "its header says 1048576"},
         {Line(20, "a") + Line(10, "b"), 1, "time goes back 1 times, first by 10000 ms"},
         {Line(1, "a") + Line(2, "b"), 0, "sound: log, 2 records"},
-        {"garbage\n" + Line(1, "a"), 1, "7 bytes are no records"},
+        {"garbage\n" + Line(1, "a"), 1, "7 bytes are not records"},
         {"", 1, "empty"},
-        {"not a trace", 2, "no trace file"}};
+        {"not a trace", 2, "not a trace file"}};
     for (const Case& each : cases) {
         WriteFile("/tmp/file", each.content);
         const Result result = Ctl("trace --verify /tmp/file");
