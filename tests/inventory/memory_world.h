@@ -15,6 +15,9 @@ using Bytes = std::vector<uint8_t>;
 inline Bytes ToBytes(const std::string& text) {
     return {text.begin(), text.end()};
 }
+inline std::string ToText(std::span<const uint8_t> bytes) {
+    return {bytes.begin(), bytes.end()};
+}
 
 // The first MiB of a machine whose tables are under tests/inventory/tables.
 inline Bytes FirmwareImage(const std::string& machine) {
