@@ -4,7 +4,7 @@
 #include "inventory/pci_slot_sources.h"
 #include "tests/fuzz/fuzz.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CSMBios smbios;
     SmbiosData tables;
     tables.table.assign(data, data + size);
