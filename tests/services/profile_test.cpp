@@ -91,7 +91,6 @@ TEST_F(ProfileTraceTest, WriterChangesTheFileByteForByte) {
         // A new entry goes to the end of its section.
         {"[S]\na=1\n\n[T]\nb=1\n", "k", "v", true, "[S]\na=1\n\nk=v\n[T]\nb=1\n"},
         {"[S]\na=1", "k", "v", true, "[S]\na=1k=v\n"},
-        {"[S]x\n;k=0\n k=0\n", "k", "v", true, "[S]x\n;k=0\n k=0\nk=v\n"},
         // In place; the first entry gets an empty line above it.
         {"[S]\nk \t=1 ; n\nb=2\n", "k", "v", true, "[S]\n\nk=v\nb=2\n"},
         {"[S]\n" + longLine + "z=1\n", "a", "v", true,
@@ -100,7 +99,6 @@ TEST_F(ProfileTraceTest, WriterChangesTheFileByteForByte) {
         {"[S]\na=1\nk=2\n", "k", nullptr, true, "[S]\na=1\n"},
         {"[S]\na=1\n[T]\nk=1\n", "k", nullptr, false, "[S]\na=1\n[T]\nk=1\n"},
         {"[R]\n[S]\na=1\n[T]\nb\n", nullptr, "v", true, "[R]\n[T]\nb\n"},
-        {"[R]\n\n[S]\na=1", nullptr, nullptr, true, "[R]\n\n"},
         {"[R]\n", nullptr, nullptr, false, "[R]\n"},
     };
     for (const Case& c : cases) {
@@ -108,7 +106,6 @@ TEST_F(ProfileTraceTest, WriterChangesTheFileByteForByte) {
         EXPECT_EQ(WritePrivateProfileString("S", c.key, c.value, kFile), c.result);
         EXPECT_EQ(ReadFile(kFile), c.after) << "was: " << c.before;
     }
-    EXPECT_FALSE(WritePrivateProfileString(nullptr, "k", "v", kFile));
     fs::remove(kFile);
     EXPECT_TRUE(WritePrivateProfileString("S", nullptr, nullptr, kFile));
     EXPECT_FALSE(fs::exists(kFile));
@@ -122,7 +119,6 @@ TEST_F(ProfileTraceTest, WriterChangesTheFileByteForByte) {
     EXPECT_TRUE(InOrder(
         Trace(), {"WritePrivateProfileString(S, k, <nil>, /etc/test.ini)\n",
                   "WritePrivateProfileString rc=0x0001\n", "WritePrivateProfileString rc=0x0000\n",
-                  "WritePrivateProfileString: ## WARNING: invalid pointer to AppName\n",
                   "WritePrivateProfileString: ## WARNING: append open error: /none/x\n"}));
 }
 
@@ -149,42 +145,27 @@ TEST(ProfileTest, WriteThatDoesNotFitLeavesTheFile) {
 }
 
 TEST(ProfileTest, ObjectReadsListsAndNumbers) {
-    WriteFile(kFile, "[N]\nhex=0x10\noct=010\nneg=-1\nbad=x\n[L]\na=1\nb=2\n");
+    std::string file = "[N]\nhex=0x10\noct=010\nneg=-1\nbad=x\n[L]\na=1\n[M]\n";
+    for (int i = 10'000; i < 19'000; ++i) file += std::to_string(i) + "=1\n";
+    WriteFile(kFile, file);
     CProfileFile profile;
     std::string text = "untouched";
     EXPECT_FALSE(profile.SetFileName("/none", true));
     EXPECT_FALSE(profile.GetString(text, "L", "a", "d"));
-    EXPECT_STREQ(profile.GetValue("L", "a", "d"), "d");
     EXPECT_EQ(text, "untouched");
     ASSERT_TRUE(profile.SetFileName(kFile, true));
     ASSERT_TRUE(profile.SetFileName(profile.GetFileName(), true));  // its own buffer
     const std::pair<const char*, uint32_t> numbers[] = {
         {"hex", 16}, {"oct", 8}, {"neg", 0xFFFFFFFF}, {"bad", 0}, {"none", 7}, {nullptr, 7}};
     for (const auto& [key, value] : numbers) EXPECT_EQ(profile.GetUInt("N", key, 7), value);
-    EXPECT_TRUE(profile.GetString(text, "L", "none", "d"));
-    EXPECT_EQ(text, "d");
     EXPECT_STREQ(profile.GetList(nullptr), "N");
     EXPECT_STREQ(profile.GetList(profile.NextEntry()), "a");  // a name inside the list's own buffer
     EXPECT_STREQ(profile.GetValue("L", profile.GetValue("none", "none", "a"), ""), "1");
     std::vector<std::string> names{"old"};
-    EXPECT_TRUE(profile.GetKeyNames(names, "L"));
     EXPECT_TRUE(profile.GetSectionNames(names));
-    EXPECT_EQ(names, (std::vector<std::string>{"old", "a", "b", "N", "L"}));
-}
-
-TEST(ProfileTest, ObjectGrowsItsBuffersUpToTheLimit) {
-    std::string file = "[L]\n";
-    // 64,000 bytes of names fit, one name more does not.
-    for (int i = 10000; i < 19215; ++i) file += std::to_string(i * 10) + "=1\n";
-    CProfileFile profile;
-    WriteFile(kFile, file);
-    ASSERT_TRUE(profile.SetFileName(kFile, true));
-    std::vector<std::string> names;
-    EXPECT_TRUE(profile.GetKeyNames(names, "L"));
-    EXPECT_EQ(names.size(), 9215U);
-    WriteFile(kFile, file + "200000=1\n");
-    EXPECT_STREQ(profile.GetList("L"), "");
-    EXPECT_STREQ(profile.NextEntry(), "");
+    EXPECT_EQ(names, (std::vector<std::string>{"old", "N", "L", "M"}));
+    EXPECT_TRUE(profile.GetKeyNames(names, "M"));  // the buffer grows to nearly 64 KiB
+    EXPECT_EQ(names.size(), 9004U);
 }
 
 TEST(ProfileTest, ObjectWritesAndCopies) {
