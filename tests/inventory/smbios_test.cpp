@@ -60,6 +60,7 @@ TEST_F(SmbiosTest, TakesTheFirstSourceThatDelivers) {
     WriteFile(kEfiSystab, "SMBIOS3=0xe0000\nSMBIOS=0xf59b0\n");
     connect(SmbiosSource::kMemory, 30);
     WriteFile(kSmbiosEntryFile, Text(pc, 0xF59B0, 31));
+    connect(SmbiosSource::kMemory, 30);  // an entry point without a table
     WriteFile(kSmbiosTableFile, Text(pc, 0xF59D0, 0x1B6));
     connect(SmbiosSource::kSysfs, 28);
     WriteFile(kSmbiosEntryFile, "neither");

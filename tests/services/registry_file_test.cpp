@@ -25,7 +25,6 @@ TEST_F(RegistryTest, ReadsWhatItKnowsAndSkipsTheRest) {
         {"noise\n", "\n"},
         {"\na=s=1\n", "\n"},
         {std::string("a=s=1\0 2\n", 9), "a=s=1\n\n"},
-        {"[k] text\nx=d=1\n[l]\n\n\n\n[m]\n", "[k]\nx=d=1\n[l]\n\n\n\n"},
         {"[k]\nx=d=1\n[l]\ny=d=2", "[k]\nx=d=1\n[l]\ny=d=2\n\n\n\n"},
         // The last one of a name stays, whatever the first one was and however many there are.
         {"k=s=1\n[k]\na=d=1\n\n[k]\nb=d=2\n\nz=s=1\nz=d=2\n", "z=d=2\n[k]\nb=d=2\n\n\n"},

@@ -36,8 +36,7 @@ TEST_F(RegistryTest, PathsSplitAtBackslashesFirst) {
         EXPECT_EQ(registry.Path(), kept);
     }
     EXPECT_EQ(registry.Open("B", CRegistry("A", HKEY_LOCAL_MACHINE).Key()), 0);
-    CRegistry copy(registry);
-    EXPECT_EQ(Read("x", copy), "1");
+    EXPECT_EQ(Read("x", registry), "1");
     EXPECT_TRUE(Contains(Trace(), "CRegistry::Open \"HKEY_LOCAL_MACHINE/A/B\", hKey = 0\n"));
 }
 
@@ -61,11 +60,8 @@ TEST_F(RegistryTest, CreatesAndDeletesKeys) {
     EXPECT_EQ(Machine(), "\n");
     // A cursor inside a deleted key has no key open.
     int32_t number = 0;
-    char name[8];
     EXPECT_EQ(inside.QueryValue(&number, "n"), 22);
     EXPECT_EQ(inside.SetValue("n", 1), 22);
-    EXPECT_EQ(inside.EnumKey(name, sizeof name, 0), 22);
-    EXPECT_EQ(inside.DeleteValue("n"), 22);
     EXPECT_EQ(inside.CreateKey(nullptr, "x"), -1);
     EXPECT_TRUE(InOrder(Trace(), {"CRegistry::SetValue \"n\" 4 4\n", "deleteNode \"C\"\n"}));
 }
@@ -88,7 +84,6 @@ TEST_F(RegistryTest, RootKeysComeBackEmptyWhenTheyAreDeleted) {
 
 TEST_F(RegistryTest, SetsAndReadsValuesOfEachType) {
     Load("[sub]\nx=d=1\n\n");
-    CRegistry closed;
     CRegistry registry(HKEY_LOCAL_MACHINE);
     const int32_t number = -5;
     const struct {
@@ -116,8 +111,6 @@ TEST_F(RegistryTest, SetsAndReadsValuesOfEachType) {
     EXPECT_EQ(registry.QueryValue(&bytes, "b"), 0);
     EXPECT_EQ(bytes, (std::vector<uint8_t>{0, 0xab}));
     EXPECT_EQ(registry.QueryValue(&out, "s"), 61);
-    EXPECT_EQ(closed.QueryValue(&out, "d"), 22);
-    EXPECT_EQ(closed.QueryValue(&out, "d", HKEY_LOCAL_MACHINE), 0);
     setenv("U", "/home", 1);
     unsetenv("V");
     EXPECT_EQ(Read("e", registry), "/home/%%");  // the last one has no partner
@@ -176,9 +169,6 @@ TEST_F(RegistryTest, EnumeratesInOrderOfTheNames) {
     EXPECT_EQ(registry.DeleteKey("B"), 0);
     EXPECT_EQ(registry.EnumKey(name, sizeof name, 1), 0);
     EXPECT_STREQ(name, "z");
-    uint32_t count = 0;
-    EXPECT_EQ(registry.GetSubKeyCount(&count), 0);
-    EXPECT_EQ(count, 2U);
 }
 
 TEST_F(RegistryTest, PointersLeadToOtherKeys) {
@@ -198,8 +188,7 @@ TEST_F(RegistryTest, PointersLeadToOtherKeys) {
     EXPECT_EQ(registry.OpenPointer("p", HKEY_LOCAL_MACHINE), 0);
     EXPECT_EQ(registry.Path(), "HKEY_LOCAL_MACHINE/pointers");
     std::string text;
-    EXPECT_TRUE(CRegistry::ReadIdentifierValue(text, "id"));
-    EXPECT_EQ(text, "4711");
+    EXPECT_TRUE(CRegistry::ReadIdentifierValue(text, "id") && text == "4711");
     EXPECT_FALSE(CRegistry::ReadIdentifierValue(text, "n"));
 }
 
@@ -225,17 +214,6 @@ TEST_F(RegistryTest, EveryThreadsLastChangeReachesTheDisk) {
               FileWith("[a]\n[b]\n[0]\nn=d=119\n\n[1]\nn=d=119\n\n[2]\nn=d=119\n\n\n\n"));
 }
 
-TEST_F(RegistryTest, RootKeyThatIsDeletedAllTheTimeStaysUsable) {
-    Load("");
-    RunThreads([](int thread, int /*round*/) {
-        CRegistry root("", nullptr);
-        if (thread == 0) root.DeleteKey("HKEY_LOCAL_MACHINE");
-    });
-    CRegistry machine(HKEY_LOCAL_MACHINE);
-    EXPECT_EQ(machine.SetValue("v", 1), 0);
-    EXPECT_EQ(CRegistry("HKEY_LOCAL_MACHINE", nullptr).Status(), 0);
-}
-
 TEST_F(RegistryTest, ThreadsShareOneTreeThatIsLoadedAgain) {
     Load("[shared]\n\n");
     RunThreads([](int i, int round) {
@@ -251,8 +229,10 @@ TEST_F(RegistryTest, ThreadsShareOneTreeThatIsLoadedAgain) {
         for (uint32_t k = 0; shared.EnumKey(name, sizeof name, k) == 0; ++k) continue;
         shared.CreateKey(nullptr, own.c_str());
         if (i == 0 && round % 16 == 0) CRegistry::SetupTree(true);
+        if (i == 1 && round % 16 == 0) CRegistry("", nullptr).DeleteKey("HKEY_LOCAL_MACHINE");
     });
-    EXPECT_EQ(CRegistry("shared", HKEY_LOCAL_MACHINE).Status(), 0);
+    EXPECT_EQ(CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", 1), 0);
+    EXPECT_EQ(CRegistry("HKEY_LOCAL_MACHINE", nullptr).Status(), 0);
 }
 
 }  // namespace

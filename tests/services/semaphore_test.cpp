@@ -17,20 +17,15 @@ int Drain(SemaphoreHandle& handle) {
 }
 
 TEST(SemaphoreTest, StartsAtTheInitialCountOrTheMaximum) {
-    const int64_t tooLarge = (1L << 32) + 3;
-    for (const auto& [initial, maximum] :
-         {std::pair{0L, SEM_VALUE_MAX + 1L}, {-1, 3}, {3, tooLarge}}) {
-        SemaphoreHandle handle;
+    SemaphoreHandle handle;
+    for (const auto& [initial, maximum] : {std::pair{0L, SEM_VALUE_MAX + 1L}, {-1, 3}}) {
         EXPECT_EQ(CreateSemaphore(handle, initial, maximum, nullptr), 0) << initial;
         EXPECT_FALSE(ReleaseSemaphore(handle, 1));
         EXPECT_EQ(WaitForSemaphore(handle, 0), -1);
         EXPECT_EQ(CloseSemaphore(handle), 0);
     }
-    SemaphoreHandle handle;
-    for (const int64_t initial : {2, 5}) {
-        EXPECT_EQ(CreateSemaphore(handle, initial, 3, nullptr), 1);
-        EXPECT_EQ(Drain(handle), initial == 2 ? 2 : 3);
-    }
+    EXPECT_EQ(CreateSemaphore(handle, 5, 3, nullptr), 1);
+    EXPECT_EQ(Drain(handle), 3);
     EXPECT_EQ(CloseSemaphore(handle), 1);
 }
 
@@ -57,10 +52,7 @@ TEST(SemaphoreTest, NamesAreOnlyLookedUp) {
     ASSERT_TRUE(NamedSemaphores().Put("shared", first.object));
     SemaphoreHandle second;
     EXPECT_EQ(CreateSemaphore(second, 7, 9, "shared"), 1);
-    NamedSemaphores().Remove("shared");
-    EXPECT_EQ(second.object, first.object);
-    // A create on a handle drops its reference first, and fails when others remain.
-    EXPECT_EQ(CreateSemaphore(first, 1, 1, nullptr), 0);
+    EXPECT_EQ(CloseSemaphore(first), 0);  // the other handle remains
     EXPECT_EQ(Drain(second), 1);
     EXPECT_EQ(CloseSemaphore(second), 1);
 }

@@ -1,7 +1,6 @@
 #include "kemd/thread.h"
 
 #include <atomic>
-#include <cstdio>
 #include <iterator>
 #include <thread>
 
@@ -17,12 +16,6 @@ void* WaitForIt(void* handle) {
     return handle;
 }
 
-std::string Id(pthread_t thread) {
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(thread));
-    return text;
-}
-
 TEST_F(ThreadTest, JoinableThreadIsWaitedForWhateverTheTimeout) {
     EventHandle event;
     CreateEvent(event, false, true, nullptr);
@@ -30,7 +23,6 @@ TEST_F(ThreadTest, JoinableThreadIsWaitedForWhateverTheTimeout) {
     EXPECT_TRUE(thread.WaitForTermination(0));
     EXPECT_FALSE(thread.Kill());
     ASSERT_TRUE(thread.Start(WaitForIt, &event, 0, true, 0x1234, true));
-    const std::string id = Id(thread.m_thread);
     std::thread setter([&] { SetEvent(event); });  // the thread cannot end earlier
     EXPECT_TRUE(thread.WaitForTermination(1));
     EXPECT_EQ(CheckEvent(event), 1);
@@ -39,10 +31,9 @@ TEST_F(ThreadTest, JoinableThreadIsWaitedForWhateverTheTimeout) {
     ASSERT_TRUE(thread.Start(WaitForIt, &event, 0, false, 0, true));
     EXPECT_TRUE(thread.Kill());
     EXPECT_EQ(thread.m_thread, 0U);
-    EXPECT_TRUE(InOrder(Trace(), {"CThread::Kill: Thread = 0x000000000 doesn't exist !\n",
-                                  "termination with timeout\n",
-                                  "a joinable Thread = " + id + " has terminated, pstat=",
-                                  "CThread::Kill: a joinable Thread = 0x"}));
+    EXPECT_TRUE(
+        InOrder(Trace(), {"CThread::Kill: Thread = 0x000000000 doesn't exist !\n",
+                          "termination with timeout\n", "CThread::Kill: a joinable Thread = 0x"}));
 }
 
 std::atomic<int> g_running{0};
@@ -67,7 +58,6 @@ TEST_F(ThreadTest, DetachedThreadIsCancelledOnlyWhileItLives) {
     CreateEvent(event, false, true, nullptr);
     CThread thread;
     ASSERT_TRUE(thread.Start(RunCounted, &event, 0, false, 0, false));
-    const std::string id = Id(thread.m_thread);
     EXPECT_FALSE(thread.WaitForTermination(-1));
     ASSERT_TRUE(WaitFor([&] { return g_running == 1; }));
     thread.m_killAliveThread = true;
@@ -88,8 +78,7 @@ TEST_F(ThreadTest, DetachedThreadIsCancelledOnlyWhileItLives) {
     void* result = nullptr;
     pthread_join(other, &result);
     EXPECT_EQ(result, &event);
-    EXPECT_TRUE(InOrder(Trace(), {"Can't wait for detached thread " + id + "\n",
-                                  "a non-joinable thread " + id + " cancel invoked\n"}));
+    EXPECT_TRUE(InOrder(Trace(), {"Can't wait for detached thread 0x", " cancel invoked\n"}));
 }
 
 TEST_F(ThreadTest, FailedStartTracesWhyAndKeepsTheThread) {
