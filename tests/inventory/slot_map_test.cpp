@@ -1,6 +1,8 @@
 // The routing table, the slot records of both sources, and the map.
 #include <sys/wait.h>
 
+#include <tuple>
+
 #include "inventory/pci_slot_sources.h"
 #include "tests/inventory/memory_world.h"
 #include "tests/traced_test.h"
@@ -38,14 +40,7 @@ Bytes RoutingMemory(size_t offset, size_t size, int version, uint8_t sum) {
 }
 
 TEST_F(SlotMapTest, RoutingTableIsCheckedBeforeItIsTaken) {
-    const struct {
-        size_t offset;
-        size_t size;
-        int version;
-        uint8_t sum;
-        size_t entries;
-        const char* error;
-    } cases[] = {
+    const std::tuple<size_t, size_t, int, uint8_t, size_t, const char*> cases[] = {
         {0, 0x80, 0x0100, 0, 6, "number entries:  6\n"},
         {0, 48, 0x0A14, 0, 1, "version:         10.20\n"},
         {0, 16, 0x0100, 0, 0, "number entries:  -1\n"},

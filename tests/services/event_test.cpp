@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "kemd/exit_event.h"
@@ -49,16 +50,6 @@ TEST(EventTest, OnlyAutoResetConsumesTheSignal) {
         EXPECT_EQ(WaitForEvent(event, 0), manual ? 0 : kWaitTimedOut);
         EXPECT_EQ(ResetEvent(event), 1);
         EXPECT_EQ(CheckEvent(event), 0);
-    }
-}
-
-TEST(EventTest, WaitEndsAtItsDeadline) {
-    EventHandle event = NewEvent(true, true);
-    PulseEvent(event);  // must not wake a later waiter
-    for (const uint32_t timeoutMs : {30, 1005}) {
-        const auto start = Clock::now();
-        EXPECT_EQ(WaitForEvent(event, timeoutMs), kWaitTimedOut);
-        EXPECT_GE(Clock::now() - start, milliseconds(timeoutMs));
     }
 }
 
@@ -113,14 +104,10 @@ TEST(EventTest, HandlesAreCopiedWhileOthersAreReleased) {
 }
 
 TEST(EventTest, WakesAllWaitersOrOne) {
-    const struct {
-        int (*wake)(EventHandle&);
-        bool manual;
-        int left;  // still waiting
-        int state;
-    } cases[] = {{SetEvent, true, 0, 1},    {SetEvent, false, 1, 0},  {PulseEvent, true, 0, 0},
-                 {PulseEvent, false, 1, 0}, {CloseEvent, true, 0, 1}, {CloseEvent, false, 1, 0}};
-    for (const auto& [wake, manual, left, state] : cases) {
+    const std::tuple<int (*)(EventHandle&), bool, int, int> cases[] = {
+        {SetEvent, true, 0, 1},    {SetEvent, false, 1, 0},  {PulseEvent, true, 0, 0},
+        {PulseEvent, false, 1, 0}, {CloseEvent, true, 0, 1}, {CloseEvent, false, 1, 0}};
+    for (const auto& [wake, manual, left, state] : cases) {  // left: still waiting
         EventHandle event = NewEvent(false, manual);
         EventHandle copy(event);  // stays open
         auto first = StartWaiter(event);

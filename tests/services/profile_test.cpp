@@ -74,14 +74,7 @@ class ProfileTraceTest : public TracedTest {};
 
 TEST_F(ProfileTraceTest, WriterChangesTheFileByteForByte) {
     const std::string longLine = "a=" + std::string(1100, 'x') + "\n";
-    struct Case {
-        std::string before;
-        const char* key;
-        const char* value;
-        bool result;
-        std::string after;
-    };
-    const Case cases[] = {
+    const std::tuple<std::string, const char*, const char*, bool, std::string> cases[] = {
         // A new section goes to the end, even when the reader sees an indented one, or the last
         // line
         // has no line feed.
@@ -101,10 +94,10 @@ TEST_F(ProfileTraceTest, WriterChangesTheFileByteForByte) {
         {"[R]\n[S]\na=1\n[T]\nb\n", nullptr, "v", true, "[R]\n[T]\nb\n"},
         {"[R]\n", nullptr, nullptr, false, "[R]\n"},
     };
-    for (const Case& c : cases) {
-        WriteFile(kFile, c.before);
-        EXPECT_EQ(WritePrivateProfileString("S", c.key, c.value, kFile), c.result);
-        EXPECT_EQ(ReadFile(kFile), c.after) << "was: " << c.before;
+    for (const auto& [before, key, value, result, after] : cases) {
+        WriteFile(kFile, before);
+        EXPECT_EQ(WritePrivateProfileString("S", key, value, kFile), result);
+        EXPECT_EQ(ReadFile(kFile), after) << "was: " << before;
     }
     fs::remove(kFile);
     EXPECT_TRUE(WritePrivateProfileString("S", nullptr, nullptr, kFile));

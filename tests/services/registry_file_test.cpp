@@ -1,5 +1,4 @@
 // The registry's files: reading, writing, fallbacks, and hostile files.
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -64,27 +63,6 @@ TEST_F(RegistryTest, FallsBackToThePreviousGenerationAndTheDefault) {
     CRegistry::SetupTree(true);
     EXPECT_EQ(CRegistry().Open("", HKEY_USERS), -1);
     EXPECT_EQ(CRegistry().CreateKey(HKEY_USERS, "x"), -1);
-}
-
-TEST_F(RegistryTest, ReadErrorLoadsNothingUntilTheNextUse) {
-    WriteFile(kRegistryPath, FileWith("v=s=live\n"));
-    WriteFile(kRegistryPath + ".old", FileWith("v=s=older\n"));
-    rlimit files{};
-    getrlimit(RLIMIT_NOFILE, &files);
-    const rlimit none{0, files.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    CRegistry::SetupTree(true);
-    { CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", "lost"); }
-    setrlimit(RLIMIT_NOFILE, &files);
-    EXPECT_FALSE(CRegistry::SaveTree());
-    EXPECT_EQ(errno, EMFILE);
-    EXPECT_TRUE(
-        InOrder(Trace(), {"CRegistry: ERROR: Cannot read \"/etc/orvmon/registry\": Too many "
-                          "open files; nothing is loaded\n",
-                          "CRegistry: ERROR: Cannot save \"/etc/orvmon/registry\": "}));
-    EXPECT_EQ(ReadFile(kRegistryPath), FileWith("v=s=live\n"));
-    const CRegistry loadsAgain;
-    EXPECT_EQ(Machine(), "v=s=live\n\n");
 }
 
 TEST_F(RegistryTest, LoadThatLacksMemoryLosesNothing) {

@@ -19,17 +19,14 @@ std::string Read(const char* name, CRegistry& registry) {
 
 TEST_F(RegistryTest, PathsSplitAtBackslashesFirst) {
     Load("[A]\n[B]\nx=s=1\n\n[a/b]\ny=s=2\n\n\nv=s=3\n\n");
-    const struct {
-        const char* path;
-        int32_t result;
-        const char* kept;
-    } cases[] = {{"HKEY_LOCAL_MACHINE\\A\\B\\", 0, "HKEY_LOCAL_MACHINE/A/B/"},
-                 {"HKEY_LOCAL_MACHINE/A/B", 0, "HKEY_LOCAL_MACHINE/A/B"},
-                 {"HKEY_LOCAL_MACHINE/A\\B", -1, ""},
-                 {"HKEY_LOCAL_MACHINE\\A\\a/b\\", 0, "HKEY_LOCAL_MACHINE/A/a/b/"},
-                 {"HKEY_LOCAL_MACHINE\\A\\v", -1, ""},
-                 {"", 0, ""},
-                 {nullptr, -1, ""}};
+    const std::tuple<const char*, int32_t, const char*> cases[] = {
+        {"HKEY_LOCAL_MACHINE\\A\\B\\", 0, "HKEY_LOCAL_MACHINE/A/B/"},
+        {"HKEY_LOCAL_MACHINE/A/B", 0, "HKEY_LOCAL_MACHINE/A/B"},
+        {"HKEY_LOCAL_MACHINE/A\\B", -1, ""},
+        {"HKEY_LOCAL_MACHINE\\A\\a/b\\", 0, "HKEY_LOCAL_MACHINE/A/a/b/"},
+        {"HKEY_LOCAL_MACHINE\\A\\v", -1, ""},
+        {"", 0, ""},
+        {nullptr, -1, ""}};
     CRegistry registry;
     for (const auto& [path, result, kept] : cases) {
         EXPECT_EQ(registry.Open(path), result) << path;
@@ -86,17 +83,12 @@ TEST_F(RegistryTest, SetsAndReadsValuesOfEachType) {
     Load("[sub]\nx=d=1\n\n");
     CRegistry registry(HKEY_LOCAL_MACHINE);
     const int32_t number = -5;
-    const struct {
-        const char* name;
-        const void* data;
-        uint32_t size;
-        uint32_t type;
-        bool result;
-    } cases[] = {{"d", &number, 4, 4, true},     {"d2", &number, 3, 4, false},
-                 {"s", "text", 4, 1, true},      {"e", "%U%/%%%V%%", 10, 2, true},
-                 {"b", "\0\xab", 2, 3, true},    {"none", "x", 1, 5, false},
-                 {"none", nullptr, 1, 1, false}, {"null", nullptr, 0, 1, true},
-                 {"cut", "a\0b", 3, 1, true},    {"sub", "text", 4, 1, true}};
+    const std::tuple<const char*, const void*, uint32_t, uint32_t, bool> cases[] = {
+        {"d", &number, 4, 4, true},     {"d2", &number, 3, 4, false},
+        {"s", "text", 4, 1, true},      {"e", "%U%/%%%V%%", 10, 2, true},
+        {"b", "\0\xab", 2, 3, true},    {"none", "x", 1, 5, false},
+        {"none", nullptr, 1, 1, false}, {"null", nullptr, 0, 1, true},
+        {"cut", "a\0b", 3, 1, true},    {"sub", "text", 4, 1, true}};
     for (const auto& [name, data, size, type, result] : cases) {
         EXPECT_EQ(registry.SetValue(name, data, size, type), result) << name;
     }
