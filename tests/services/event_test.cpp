@@ -3,7 +3,6 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <future>
@@ -65,28 +64,6 @@ TEST(EventTest, SignalThatComesWithTheTimeoutCounts) {
     pthread_mutex_unlock(&event.event->mutex);
     EXPECT_EQ(waiter.get(), kWaitSignaled);
     EXPECT_EQ(CheckEvent(event), 0);
-}
-
-// A thread that is about to wait holds the mutex, so it misses no change.
-TEST(EventTest, StateChangesOnlyUnderTheMutex) {
-    for (auto* operation : {SetEvent, PulseEvent, ResetEvent, CloseEvent}) {
-        EventHandle event = NewEvent(false, true);
-        std::atomic<pid_t> thread{0};
-        pthread_mutex_lock(&event.event->mutex);
-        auto result = std::async(std::launch::async, [&] {
-            thread = gettid();
-            return operation(event);
-        });
-        // The thread sleeps or has ended.
-        EXPECT_TRUE(WaitFor([&] {
-            const std::string file = "/proc/self/task/" + std::to_string(thread) + "/stat";
-            return thread != 0 && !Contains(ReadFile(file), ") R ");
-        }));
-        EXPECT_EQ(result.wait_for(milliseconds(0)), std::future_status::timeout);
-        EXPECT_FALSE(event.event->IsSignaled);
-        pthread_mutex_unlock(&event.event->mutex);
-        EXPECT_EQ(result.get(), 1);
-    }
 }
 
 TEST(EventTest, HandlesAreCopiedWhileOthersAreReleased) {
