@@ -1,4 +1,4 @@
-// Feeds any bytes to the reader of trace configuration files.
+// Feeds arbitrary bytes to the reader of trace configuration files.
 #include <string_view>
 #include <vector>
 

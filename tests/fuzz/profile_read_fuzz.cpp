@@ -1,5 +1,5 @@
-// Reads any bytes as a profile file: the answer fits its buffer, ends in it and comes from the file
-// or the default.
+// Reads arbitrary bytes as a profile file: the answer fits its buffer, ends in it and comes from
+// the file or the default.
 //
 // An input: a digit for the size of the buffer, a digit for the question, the section, a line feed,
 // the key, a line feed, the file.

@@ -1,4 +1,4 @@
-// Puts any bytes into the area of the PCI IRQ routing table.
+// Puts arbitrary bytes into the area of the PCI IRQ routing table.
 #include "tests/fuzz/bios_memory.h"
 #include "tests/fuzz/fuzz.h"
 

@@ -1,5 +1,5 @@
-// Puts any bytes into the BIOS shadow memory: the scan, the check of the entry point, and the table
-// that it points to.
+// Puts arbitrary bytes into the BIOS shadow memory: the scan, the check of the entry point, and the
+// table that it points to.
 #include "inventory/bios_tables.h"
 #include "inventory/smbios_entry.h"
 #include "tests/fuzz/bios_memory.h"

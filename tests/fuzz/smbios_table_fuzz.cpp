@@ -1,4 +1,4 @@
-// Feeds any bytes to the walk over an SMBIOS table and to the slot records out of it.
+// Feeds arbitrary bytes to the walk over an SMBIOS table and to the slot records from it.
 #include <vector>
 
 #include "inventory/pci_slot_sources.h"

@@ -61,7 +61,7 @@ TEST_F(SmbiosTest, TakesTheFirstSourceThatDelivers) {
     WriteFile(kEfiSystab, "SMBIOS3=0xe0000\nSMBIOS=0xf59b0\n");
     connect(SmbiosSource::kMemory, 30);
     WriteFile(kSmbiosEntryFile, Text(pc, 0xF59B0, 31));
-    connect(SmbiosSource::kMemory, 30);  // an entry point without a table
+    connect(SmbiosSource::kMemory, 30);  // sysfs has an entry point but no table
     WriteFile(kSmbiosTableFile, Text(pc, 0xF59D0, 0x1B6));
     connect(SmbiosSource::kSysfs, 28);
     WriteFile(kSmbiosEntryFile, "neither");
@@ -173,7 +173,7 @@ TEST_F(SmbiosTest, CancellationWaitsForTheEnd) {
     WriteFile("/dev/mem", ToText(pc));
     static CSMBios smbios;
     std::thread thread([] {
-        pthread_cancel(pthread_self());  // is due at the first file already
+        pthread_cancel(pthread_self());  // due from the first file on
         smbios.Connect();
         pthread_testcancel();
     });

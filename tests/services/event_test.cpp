@@ -19,7 +19,7 @@
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// Initialised like a static object of another file, in any order.
+// Used while static objects of other files are initialised, in any order.
 static const bool kExitEventExists = ExitEvent().event != nullptr;
 
 namespace {
@@ -60,7 +60,7 @@ TEST(EventTest, SignalThatComesWithTheTimeoutCounts) {
     const bool isHeld = event.event->waiters == 1;
     const auto deadline = Clock::now() + milliseconds(kTimeoutMs);
     EXPECT_TRUE(isHeld && WaitFor([&] { return Clock::now() > deadline; }));
-    event.event->IsSignaled = true;  // without waking anything
+    event.event->IsSignaled = true;  // without a wake-up
     pthread_mutex_unlock(&event.event->mutex);
     EXPECT_EQ(waiter.get(), kWaitSignaled);
     EXPECT_EQ(CheckEvent(event), 0);
@@ -125,7 +125,7 @@ TEST_F(EventTraceTest, NameIsSharedUntilTheLastHandleGoes) {
     }
     EventHandle fresh = NewEvent(true, false, "shared");
     EXPECT_EQ(fresh.event->refCount, 1);
-    // Created again with its only handle, it stays the same event.
+    // Creating it again through its only handle keeps the event.
     CreateEvent(fresh, false, false, "shared");
     EXPECT_EQ(fresh.event->refCount, 1);
     EXPECT_EQ(CheckEvent(fresh), 1);

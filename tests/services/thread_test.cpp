@@ -38,7 +38,7 @@ TEST_F(ThreadTest, JoinableThreadIsWaitedForWhateverTheTimeout) {
 
 std::atomic<int> g_running{0};
 
-// Counted until it ends, even by cancellation.
+// Counts the thread until it ends, even by cancellation.
 void* RunCounted(void* event) {
     struct Mark {
         Mark() { ++g_running; }
@@ -62,7 +62,7 @@ TEST_F(ThreadTest, DetachedThreadIsCancelledOnlyWhileItLives) {
     ASSERT_TRUE(WaitFor([&] { return g_running == 1; }));
     thread.m_killAliveThread = true;
     ASSERT_TRUE(thread.Start(RunCounted, &event, 0, false, 0, false));  // ends the first one
-    // Gone completely: the id that was freed last is the next to be reused.
+    // Gone completely: the system reuses the id that was freed last.
     ASSERT_TRUE(WaitFor([&] { return CountThreads() == threads + 1 && g_running == 1; }));
     const pthread_t second = thread.m_thread;
     SetEvent(event);
