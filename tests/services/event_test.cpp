@@ -66,6 +66,19 @@ TEST(EventTest, SignalThatComesWithTheTimeoutCounts) {
     EXPECT_EQ(CheckEvent(event), 0);
 }
 
+// A thread that is about to wait holds the mutex, so it misses no change.
+TEST(EventTest, StateChangesOnlyUnderTheMutex) {
+    for (auto* operation : {SetEvent, PulseEvent, ResetEvent, CloseEvent}) {
+        EventHandle event = NewEvent(false, true);
+        pthread_mutex_lock(&event.event->mutex);
+        auto result = std::async(std::launch::async, [&] { return operation(event); });
+        EXPECT_EQ(result.wait_for(milliseconds(50)), std::future_status::timeout);
+        EXPECT_FALSE(event.event->IsSignaled);
+        pthread_mutex_unlock(&event.event->mutex);
+        EXPECT_EQ(result.get(), 1);
+    }
+}
+
 TEST(EventTest, HandlesAreCopiedWhileOthersAreReleased) {
     constexpr int kRounds = 50'000;
     const EventHandle event = NewEvent(true, true);

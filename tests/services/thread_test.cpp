@@ -79,6 +79,7 @@ TEST_F(ThreadTest, DetachedThreadIsCancelledOnlyWhileItLives) {
     pthread_join(other, &result);
     EXPECT_EQ(result, &event);
     EXPECT_TRUE(InOrder(Trace(), {"Can't wait for detached thread 0x", " cancel invoked\n"}));
+    EXPECT_FALSE(InOrder(Trace(), {" cancel invoked\n", " cancel invoked\n"}));
 }
 
 TEST_F(ThreadTest, FailedStartTracesWhyAndKeepsTheThread) {
