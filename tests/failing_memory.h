@@ -6,10 +6,12 @@
 #include <new>
 
 static std::atomic<int> g_allocations{-1};  // how many more succeed; -1: all
+static bool g_failsOnce = false;            // later ones succeed again
 
 void* operator new(size_t size) {
     const int left = g_allocations;
     void* const memory = left == 0 ? nullptr : malloc(size);
+    if (left == 0 && g_failsOnce) g_allocations = -1;
     if (memory == nullptr) throw std::bad_alloc();
     if (left > 0) --g_allocations;
     return memory;

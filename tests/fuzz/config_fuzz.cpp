@@ -1,4 +1,4 @@
-// Feeds any bytes to the reader of trace configuration files.
+// Feeds arbitrary bytes to the reader of trace configuration files.
 #include <string_view>
 #include <vector>
 
@@ -19,9 +19,7 @@ void ReadSection(std::string_view section) {
             Require(!value || (Inside(*value, section) && value->size() <= limit), "value outside");
             Require(!value || value->find_first_of("\r\n") == value->npos, "value with a line end");
         }
-        const bool present = FindConfigValue(section, key, 64).has_value();
         const int32_t number = FindConfigNumber(section, key, -77);
-        Require(present || number == -77, "number without a value");
         Require(number == FindConfigNumber(section, key, number), "number depends on the fallback");
     }
 }

@@ -1,5 +1,5 @@
-// Reads any bytes as a profile file: the answer fits its buffer, ends in it and comes from the file
-// or the default.
+// Reads arbitrary bytes as a profile file: the answer fits its buffer, ends in it and comes from
+// the file or the default.
 //
 // An input: a digit for the size of the buffer, a digit for the question, the section, a line feed,
 // the key, a line feed, the file.
@@ -7,16 +7,6 @@
 
 #include "kemd/profile.h"
 #include "tests/fuzz/fuzz.h"
-
-namespace {
-
-struct Question {
-    const char* section;
-    const char* key;
-    const char* defaultText;
-};
-
-}  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const MemoryFile file;
@@ -26,18 +16,15 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint32_t bufferSize = kSizes[static_cast<uint8_t>(data[0] - '0') % std::size(kSizes)];
     const std::string section = TakeField(rest, '\n');
     const std::string key = TakeField(rest, '\n');
-    const Question questions[] = {{section.c_str(), key.c_str(), "by default"},
-                                  {section.c_str(), key.c_str(), nullptr},
-                                  {section.c_str(), nullptr, "by default"},
-                                  {nullptr, nullptr, "by default"}};
-    const Question& question = questions[static_cast<uint8_t>(data[1] - '0') % 4];
+    // 0: a value, 1: without a default, 2: the keys, 3: the sections
+    const int question = static_cast<uint8_t>(data[1] - '0') % 4;
     file.Fill(rest);
 
     // Of exactly the size, for the sanitizers.
     std::vector<char> actual(bufferSize, '~');
-    const uint32_t length =
-        GetPrivateProfileString(question.section, question.key, question.defaultText, actual.data(),
-                                bufferSize, file.Path());
+    const uint32_t length = GetPrivateProfileString(
+        question == 3 ? nullptr : section.c_str(), question >= 2 ? nullptr : key.c_str(),
+        question == 1 ? nullptr : "by default", actual.data(), bufferSize, file.Path());
     Require(length == 0 || length < bufferSize, "longer than its buffer");
     Require(bufferSize == 0 || actual[length] == '\0', "no end");
     const std::string_view text(actual.data(), length);

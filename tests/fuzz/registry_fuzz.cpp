@@ -1,5 +1,5 @@
-// Reads any bytes as a registry file. All entries are sorted and can be found. Written and read
-// again the tree is the same, as long as no line is too long for the reader.
+// Reads arbitrary bytes as a registry file. All entries are sorted and can be found. Written and
+// read again the tree is the same, as long as no line is too long for the reader.
 #include <algorithm>
 #include <cstring>
 #include <vector>

@@ -1,16 +1,14 @@
-// Puts any bytes into the BIOS shadow memory: the scan, the check of the entry point, and the table
-// that it points to.
-#include <vector>
-
+// Puts arbitrary bytes into the BIOS shadow memory: the scan, the check of the entry point, and the
+// table that it points to.
 #include "inventory/bios_tables.h"
 #include "inventory/smbios_entry.h"
 #include "tests/fuzz/bios_memory.h"
 #include "tests/fuzz/fuzz.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 2) return 0;
-    BiosMemory memory(data, size, 0xE0000, 2);
-    const std::vector<uint8_t> bytes(data + 2, data + size);
+    MemoryDevice memory(BiosMemory(data, size, 0xE0000, 2));
+    const Bytes bytes(data + 2, data + size);
     SmbiosData found;
     const bool isFound = GetShadowSmbios(memory, found);
     Require(isFound == !found.table.empty(), "a table and a failure");

@@ -1,10 +1,10 @@
-// Feeds any bytes to the walk over an SMBIOS table and to the slot records out of it.
+// Feeds arbitrary bytes to the walk over an SMBIOS table and to the slot records from it.
 #include <vector>
 
 #include "inventory/pci_slot_sources.h"
 #include "tests/fuzz/fuzz.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CSMBios smbios;
     SmbiosData tables;
     tables.table.assign(data, data + size);

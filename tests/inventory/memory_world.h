@@ -1,5 +1,5 @@
 // Physical memory for tests: images of real firmware, crafted tables, and a device that returns a
-// copy of exactly the bytes that are asked for, so that the sanitizers see every read beyond them.
+// copy of exactly the bytes requested, so that the sanitizers see every read beyond them.
 #pragma once
 
 #include <cerrno>
@@ -14,6 +14,9 @@ using Bytes = std::vector<uint8_t>;
 
 inline Bytes ToBytes(const std::string& text) {
     return {text.begin(), text.end()};
+}
+inline std::string ToText(std::span<const uint8_t> bytes) {
+    return {bytes.begin(), bytes.end()};
 }
 
 // The first MiB of a machine whose tables are under tests/inventory/tables.
@@ -30,7 +33,7 @@ inline Bytes FirmwareImage(const std::string& machine) {
     return memory;
 }
 
-// Changes the byte so that all add up to 0.
+// Changes one byte so that all bytes add up to 0.
 inline void FixChecksum(Bytes& bytes, size_t position) {
     uint8_t sum = 0;
     for (const uint8_t byte : bytes) sum = static_cast<uint8_t>(sum + byte);

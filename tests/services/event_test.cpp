@@ -3,13 +3,13 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <future>
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "kemd/exit_event.h"
@@ -19,7 +19,7 @@
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// Initialised like a static object of another file, in any order.
+// Used while static objects of other files are initialised, in any order.
 static const bool kExitEventExists = ExitEvent().event != nullptr;
 
 namespace {
@@ -42,66 +42,37 @@ std::future<int> StartWaiter(EventHandle& handle, uint32_t timeoutMs = kWaitFore
 TEST(EventTest, OnlyAutoResetConsumesTheSignal) {
     for (const bool manual : {true, false}) {
         EventHandle event = NewEvent(false, manual);
-        EXPECT_EQ(WaitForEvent(event, 0), 102);
+        EXPECT_EQ(WaitForEvent(event, 0), kWaitTimedOut);
         EXPECT_EQ(SetEvent(event), 1);
-        for (int i = 0; i < 3; ++i) EXPECT_EQ(CheckEvent(event), 1);
         EXPECT_EQ(WaitForEvent(event, kWaitForever), 0);
         EXPECT_EQ(CheckEvent(event), manual ? 1 : 0);
-        EXPECT_EQ(WaitForEvent(event, 0), manual ? 0 : 102);
+        EXPECT_EQ(WaitForEvent(event, 0), manual ? 0 : kWaitTimedOut);
         EXPECT_EQ(ResetEvent(event), 1);
         EXPECT_EQ(CheckEvent(event), 0);
     }
 }
 
-TEST(EventTest, WaitEndsAtItsDeadline) {
-    for (const uint32_t timeoutMs : {0, 30, 1005}) {
-        EventHandle event = NewEvent(true, true);
-        PulseEvent(event);  // must not wake a later waiter
-        const auto start = Clock::now();
-        EXPECT_EQ(WaitForEvent(event, timeoutMs), kWaitTimedOut);
-        EXPECT_GE(Clock::now() - start, milliseconds(timeoutMs));
-        EXPECT_EQ(event.event->waiters, 0);
-    }
-}
-
 TEST(EventTest, SignalThatComesWithTheTimeoutCounts) {
-    constexpr int kTimeoutMs = 20;
+    constexpr int kTimeoutMs = 1000;
     EventHandle event = NewEvent(false, false);
-    bool isHeld = false;
-    std::future<int> waiter;
-    while (!isHeld) {
-        waiter =
-            std::async(std::launch::async, [&event] { return WaitForEvent(event, kTimeoutMs); });
-        while (!isHeld && waiter.wait_for(milliseconds(0)) != std::future_status::ready) {
-            pthread_mutex_lock(&event.event->mutex);
-            isHeld = event.event->waiters == 1;  // it waits and cannot return
-            if (!isHeld) pthread_mutex_unlock(&event.event->mutex);
-        }
-    }
+    auto waiter = StartWaiter(event, kTimeoutMs);
+    pthread_mutex_lock(&event.event->mutex);  // it waits and cannot return
+    const bool isHeld = event.event->waiters == 1;
     const auto deadline = Clock::now() + milliseconds(kTimeoutMs);
-    EXPECT_TRUE(WaitFor([&] { return Clock::now() > deadline; }));
-    event.event->IsSignaled = true;  // without waking anything
+    EXPECT_TRUE(isHeld && WaitFor([&] { return Clock::now() > deadline; }));
+    event.event->IsSignaled = true;  // without a wake-up
     pthread_mutex_unlock(&event.event->mutex);
     EXPECT_EQ(waiter.get(), kWaitSignaled);
     EXPECT_EQ(CheckEvent(event), 0);
 }
 
-// A thread that is about to wait holds the mutex and must not miss a change.
+// A thread that is about to wait holds the mutex, so it misses no change.
 TEST(EventTest, StateChangesOnlyUnderTheMutex) {
     for (auto* operation : {SetEvent, PulseEvent, ResetEvent, CloseEvent}) {
         EventHandle event = NewEvent(false, true);
-        std::atomic<pid_t> thread{0};
         pthread_mutex_lock(&event.event->mutex);
-        auto result = std::async(std::launch::async, [&] {
-            thread = gettid();
-            return operation(event);
-        });
-        // The thread sleeps or has ended.
-        EXPECT_TRUE(WaitFor([&] {
-            const std::string file = "/proc/self/task/" + std::to_string(thread) + "/stat";
-            return thread != 0 && !Contains(ReadFile(file), ") R ");
-        }));
-        EXPECT_EQ(result.wait_for(milliseconds(0)), std::future_status::timeout);
+        auto result = std::async(std::launch::async, [&] { return operation(event); });
+        EXPECT_EQ(result.wait_for(milliseconds(50)), std::future_status::timeout);
         EXPECT_FALSE(event.event->IsSignaled);
         pthread_mutex_unlock(&event.event->mutex);
         EXPECT_EQ(result.get(), 1);
@@ -123,14 +94,10 @@ TEST(EventTest, HandlesAreCopiedWhileOthersAreReleased) {
 }
 
 TEST(EventTest, WakesAllWaitersOrOne) {
-    const struct {
-        int (*wake)(EventHandle&);
-        bool manual;
-        int left;  // still waiting
-        int state;
-    } cases[] = {{SetEvent, true, 0, 1},    {SetEvent, false, 1, 0},  {PulseEvent, true, 0, 0},
-                 {PulseEvent, false, 1, 0}, {CloseEvent, true, 0, 1}, {CloseEvent, false, 1, 0}};
-    for (const auto& [wake, manual, left, state] : cases) {
+    const std::tuple<int (*)(EventHandle&), bool, int, int> cases[] = {
+        {SetEvent, true, 0, 1},    {SetEvent, false, 1, 0},  {PulseEvent, true, 0, 0},
+        {PulseEvent, false, 1, 0}, {CloseEvent, true, 0, 1}, {CloseEvent, false, 1, 0}};
+    for (const auto& [wake, manual, left, state] : cases) {  // left: still waiting
         EventHandle event = NewEvent(false, manual);
         EventHandle copy(event);  // stays open
         auto first = StartWaiter(event);
@@ -157,7 +124,6 @@ TEST(EventTest, EmptyAndClosedHandlesFail) {
     }
     EventHandle reopened(closed);
     EXPECT_EQ(CheckEvent(reopened), 1);
-    EXPECT_EQ(closed.event->refCount, 2);
 }
 
 class EventTraceTest : public TracedTest {};
@@ -166,61 +132,26 @@ TEST_F(EventTraceTest, NameIsSharedUntilTheLastHandleGoes) {
     {
         EventHandle first = NewEvent(false, true, "shared");
         EventHandle second = NewEvent(true, false, "shared");
-        EXPECT_EQ(second.event, first.event);
-        EXPECT_EQ(first.event->refCount, 2);
-        EXPECT_EQ(CheckEvent(second), 0);
         EXPECT_EQ(SetEvent(second), 1);
         EXPECT_EQ(WaitForEvent(first, 0), 0);
         EXPECT_EQ(CheckEvent(first), 1);  // still manual reset
     }
-    EventHandle fresh = NewEvent(false, false, "shared");
+    EventHandle fresh = NewEvent(true, false, "shared");
     EXPECT_EQ(fresh.event->refCount, 1);
-    // Created again with its only handle, it stays the same event.
-    SetEvent(fresh);
+    // Creating it again through its only handle keeps the event.
     CreateEvent(fresh, false, false, "shared");
     EXPECT_EQ(fresh.event->refCount, 1);
     EXPECT_EQ(CheckEvent(fresh), 1);
-    ResetEvent(fresh);
-    CloseEvent(fresh);
-    CreateEvent(fresh, false, false, "another");
-    EXPECT_EQ(CheckEvent(fresh), 0);
-    CreateEvent(fresh, false, false, "shared");
-    EXPECT_EQ(ReinitEvent(fresh, true, false), 1);
-    EXPECT_TRUE(InOrder(
-        Trace(),
-        {"creating event 0x", " <shared> (IsSignaled=0)\n", "refCount for event 0x",
-         " <shared> incremented (IsSignaled=0)\n", "WARNING: manual setting mismatch for event 0x",
-         " <shared>\n", " <shared> IsSignaled=0 --> IsSignaled=1\n", "decr refcount on event 0x",
-         "deleting event 0x", " <shared> (IsSignaled=1)\n", "creating event 0x",
-         "(IsSignaled=0,IsManual=0) --> (IsSignaled=1,IsManual=0)\n"}));
-}
-
-TEST(EventTest, ManyNamesStayFindable) {
-    constexpr int kCount = 40;
-    std::vector<EventHandle> handles(kCount);
-    // In no particular order.
-    const auto name = [](int i) { return "event " + std::to_string(i * 17 % kCount); };
-    for (int i = 0; i < kCount; ++i) CreateEvent(handles[i], false, true, name(i).c_str());
-    handles[10] = EventHandle();
-    for (int i = 0; i < kCount; ++i) {
-        const EventHandle found = NewEvent(false, true, name(i).c_str());
-        EXPECT_EQ(found.event == handles[i].event, i != 10) << name(i);
-    }
+    EXPECT_TRUE(InOrder(Trace(), {"WARNING: manual setting mismatch for event 0x",
+                                  "deleting event 0x", " <shared> (IsSignaled=1)\n"}));
 }
 
 TEST(EventTest, CancelledWaiterLeavesTheEventUsable) {
     EventHandle event = NewEvent(false, false);
-    const auto wait = [](void* handle) -> void* {
-        WaitForEvent(*static_cast<EventHandle*>(handle), kWaitForever);
-        return nullptr;
-    };
-    pthread_t thread{};
-    ASSERT_EQ(pthread_create(&thread, nullptr, wait, &event), 0);
-    ASSERT_TRUE(WaitFor([&] { return event.event->waiters == 1; }));
-    pthread_cancel(thread);
-    void* result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
+    std::thread thread([&event] { WaitForEvent(event, kWaitForever); });
+    EXPECT_TRUE(WaitFor([&] { return event.event->waiters == 1; }));
+    pthread_cancel(thread.native_handle());
+    thread.join();
     EXPECT_EQ(event.event->waiters, 0);
     EXPECT_EQ(SetEvent(event), 1);
     EXPECT_EQ(WaitForEvent(event, 0), kWaitSignaled);

@@ -1,5 +1,5 @@
-// Saving the registry when a system call fails, when the process is killed at one, and while other
-// processes save. The test stops the saving child process at each of its calls.
+// Loading and saving the registry when a system call fails, when the process is killed at one, and
+// while other processes save. The test stops a child process at each of its calls.
 #include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -27,12 +27,6 @@ const std::set<long> kFileCalls = {SYS_openat, SYS_newfstatat, SYS_fstat, SYS_fl
                                    SYS_write,  SYS_fchmod,     SYS_fsync, SYS_rename, SYS_renameat2,
                                    SYS_unlink, SYS_close,      SYS_read};
 
-[[noreturn]] void ChangeAndSave() {
-    CRegistry registry(HKEY_LOCAL_MACHINE);
-    registry.SetValue("v", "new");
-    _exit(CRegistry::SaveTree() ? 0 : 1);
-}
-
 [[noreturn]] void LoadChangeAndSave() {
     CRegistry registry;  // a later one would load again
     CRegistry::SetupTree(true);
@@ -42,12 +36,12 @@ const std::set<long> kFileCalls = {SYS_openat, SYS_newfstatat, SYS_fstat, SYS_fl
 }
 
 // _Fork runs no fork handlers, which would turn off tracing in the child.
-pid_t StartTraced(void (*run)()) {
+pid_t StartTraced() {
     const pid_t child = _Fork();
     if (child == 0) {
         if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(99);
         raise(SIGSTOP);
-        run();
+        LoadChangeAndSave();
     }
     int status = 0;
     waitpid(child, &status, 0);
@@ -66,15 +60,14 @@ void RefuseCall(pid_t child, user_regs_struct registers, long error) {
 }
 
 struct Save {
-    void (*run)() = ChangeAndSave;
     bool canExchange = true;  // some file systems cannot exchange two names
     int status = 0;           // from waitpid
     std::vector<long> calls = {};
 };
 
-// Runs a save with a fault at its n-th call. False when it made fewer calls.
+// Runs a load and a save with a fault at the n-th call. False when there were fewer calls.
 bool SaveWithFault(int n, Fault fault, Save& save) {
-    const pid_t child = StartTraced(save.run);
+    const pid_t child = StartTraced();
     bool entering = false;
     bool reached = false;
     save.calls.clear();
@@ -144,7 +137,8 @@ class RegistrySaveTest : public RegistryTest {
     inline static const std::string kSaved = LiveWith("new");
 };
 
-TEST_F(RegistrySaveTest, FailedCallLeavesAllFiles) {
+// Above all, an older generation never replaces one that could not be read this time.
+TEST_F(RegistrySaveTest, FailedCallLosesNothingAndIsReported) {
     Debug.Trace(1, "## SAVE ##\n");
     for (const bool canExchange : {true, false}) {
         ResetFiles();
@@ -155,30 +149,12 @@ TEST_F(RegistrySaveTest, FailedCallLeavesAllFiles) {
             const bool saved = WEXITSTATUS(save.status) == 0;
             EXPECT_TRUE(IsSaved() || (!saved && IsUntouched())) << "call " << n;
             EXPECT_EQ(ReadFile(kNewPath), "") << "call " << n;
-            const std::string trace = ChildTrace();
-            const std::string text = "CRegistry: ERROR: Cannot ";
-            EXPECT_EQ(Contains(trace, text), !saved) << "call " << n;
-            EXPECT_FALSE(InOrder(trace, {text, text}));
+            EXPECT_EQ(Contains(ChildTrace(), "CRegistry: ERROR: Cannot "), !saved) << "call " << n;
             if (!saved) ++failures;
             ResetFiles();
         }
-        EXPECT_GE(failures, 8);
+        EXPECT_GE(failures, 11);
     }
-}
-
-// An older generation never replaces one that could not be read this time.
-TEST_F(RegistrySaveTest, FailedCallOfALoadLosesNothing) {
-    Debug.Trace(1, "## SAVE ##\n");
-    Save save{.run = LoadChangeAndSave};
-    int failures = 0;
-    for (int n = 0; SaveWithFault(n, Fault::kFail, save); ++n) {
-        ASSERT_TRUE(WIFEXITED(save.status)) << n;
-        const bool saved = WEXITSTATUS(save.status) == 0;
-        EXPECT_TRUE(IsSaved() || (!saved && IsUntouched())) << "call " << n;
-        if (Contains(ChildTrace(), "nothing is loaded")) ++failures;
-        ResetFiles();
-    }
-    EXPECT_GE(failures, 3);  // open, fstat, read
 }
 
 TEST_F(RegistrySaveTest, SavedStoreIsOnDiskBeforeItHasItsNameAndUnlockedAfterwards) {
@@ -224,23 +200,6 @@ TEST_F(RegistrySaveTest, ReplacesOnlyWhatItWasLoadedFrom) {
     CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", "new");
     EXPECT_EQ(ReadFile(kRegistryPath), kSaved);
     EXPECT_EQ(ReadFile(kOldPath), kOlder);
-    EXPECT_TRUE(Contains(Trace(),
-                         "CRegistry::SaveTree MPRegistryTemp[/etc/orvmon/registry.new] \t "
-                         "MPRegistry[/etc/orvmon/registry]\n"));
-    // A directory at the new file's path: nothing is lost, and the save is not repeated.
-    fs::create_directory(kNewPath);
-    CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", "newer");
-    fs::remove(kNewPath);
-    EXPECT_FALSE(CRegistry::SaveTree());  // still the last result
-    EXPECT_EQ(ReadFile(kRegistryPath), kSaved);
-    fs::remove(kRegistryPath + ".lock");
-    fs::create_directory(kRegistryPath + ".lock");
-    CRegistry(HKEY_LOCAL_MACHINE).SetValue("v", "newer");
-    EXPECT_TRUE(
-        InOrder(Trace(),
-                {"CRegistry: ERROR: Cannot open \"/etc/orvmon/registry.new\" for writing\n",
-                 "CRegistry: ERROR: Cannot lock \"/etc/orvmon/registry.lock\": Is a directory\n"}));
-    fs::remove(kRegistryPath + ".lock");
     // A tree that was never loaded must not overwrite the file.
     RegistryStore unloaded;
     unloaded.MarkDirty();

@@ -2,11 +2,14 @@
 #include <cstdlib>
 #include <functional>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "tests/services/registry_world.h"
 
 namespace {
+
+using namespace std::string_literals;
 
 std::string Read(const char* name, CRegistry& registry) {
     std::string text = "untouched";
@@ -16,80 +19,48 @@ std::string Read(const char* name, CRegistry& registry) {
 
 TEST_F(RegistryTest, PathsSplitAtBackslashesFirst) {
     Load("[A]\n[B]\nx=s=1\n\n[a/b]\ny=s=2\n\n\nv=s=3\n\n");
-    const struct {
-        const char* path;
-        int32_t result;
-        const char* kept;
-    } cases[] = {{"HKEY_LOCAL_MACHINE\\A/B", 0, "HKEY_LOCAL_MACHINE/A/B"},
-                 {"HKEY_LOCAL_MACHINE\\A\\B\\", 0, "HKEY_LOCAL_MACHINE/A/B/"},
-                 {"HKEY_LOCAL_MACHINE/A/B", 0, "HKEY_LOCAL_MACHINE/A/B"},
-                 {"HKEY_LOCAL_MACHINE/A\\B", -1, ""},
-                 {"HKEY_LOCAL_MACHINE\\A\\a/b\\", 0, "HKEY_LOCAL_MACHINE/A/a/b/"},
-                 {"HKEY_LOCAL_MACHINE\\A\\v", -1, ""},
-                 {"HKEY_LOCAL_MACHINE\\\\A", -1, ""},
-                 {"", 0, ""},
-                 {nullptr, -1, ""}};
+    const std::tuple<const char*, int32_t, const char*> cases[] = {
+        {"HKEY_LOCAL_MACHINE\\A\\B\\", 0, "HKEY_LOCAL_MACHINE/A/B/"},
+        {"HKEY_LOCAL_MACHINE/A/B", 0, "HKEY_LOCAL_MACHINE/A/B"},
+        {"HKEY_LOCAL_MACHINE/A\\B", -1, ""},
+        {"HKEY_LOCAL_MACHINE\\A\\a/b\\", 0, "HKEY_LOCAL_MACHINE/A/a/b/"},
+        {"HKEY_LOCAL_MACHINE\\A\\v", -1, ""},
+        {"", 0, ""},
+        {nullptr, -1, ""}};
     CRegistry registry;
     for (const auto& [path, result, kept] : cases) {
         EXPECT_EQ(registry.Open(path), result) << path;
-        EXPECT_EQ(registry.Status(), result);
         EXPECT_EQ(registry.Path(), kept);
-        EXPECT_EQ(static_cast<bool>(registry.Key()), result == 0);
     }
     EXPECT_EQ(registry.Open("B", CRegistry("A", HKEY_LOCAL_MACHINE).Key()), 0);
-    CRegistry copy(registry);
-    EXPECT_EQ(Read("x", copy), "1");
-    EXPECT_EQ(copy.Path(), "B");
-    const CRegistry machine(HKEY_LOCAL_MACHINE);
-    char key[64];
-    std::snprintf(key, sizeof key, "\"A\", hKey = %d\n",
-                  static_cast<int>(reinterpret_cast<intptr_t>(machine.Key().Get())));
-    EXPECT_TRUE(InOrder(Trace(), {"CRegistry::InitClass\n",
-                                  "CRegistry::Open \"HKEY_LOCAL_MACHINE\\A/B\", hKey = 0\n",
-                                  "CRegistry::Open \"(null)\", hKey = 0\n", key}));
+    EXPECT_EQ(Read("x", registry), "1");
+    EXPECT_TRUE(Contains(Trace(), "CRegistry::Open \"HKEY_LOCAL_MACHINE/A/B\", hKey = 0\n"));
 }
 
 TEST_F(RegistryTest, CreatesAndDeletesKeys) {
     Load("v=s=3\n");
     CRegistry registry;
     EXPECT_EQ(registry.CreateKey(nullptr, "A"), -1);
-    EXPECT_EQ(registry.CreateKey(HKEY_LOCAL_MACHINE, nullptr), -1);
     EXPECT_EQ(registry.CreateKey(HKEY_LOCAL_MACHINE, "v\\A"), -1);
     EXPECT_EQ(registry.CreateKey(HKEY_LOCAL_MACHINE, "A\\B/C"), 0);
     EXPECT_EQ(registry.SetValue("n", 7), 0);
     EXPECT_EQ(registry.CreateKey(HKEY_LOCAL_MACHINE, "A"), 0);
     EXPECT_EQ(registry.CreateKey(nullptr, "D\\"), 0);
-    EXPECT_EQ(registry.SetValue("m", "text"), 0);
-    EXPECT_EQ(Machine(), "v=s=3\n[A]\n[B]\n[C]\nn=d=7\n\n\n[D]\nm=s=text\n\n\n\n");
+    EXPECT_EQ(Machine(), "v=s=3\n[A]\n[B]\n[C]\nn=d=7\n\n\n[D]\n\n\n\n");
 
     CRegistry machine(HKEY_LOCAL_MACHINE);
     CRegistry inside("A\\B\\C", HKEY_LOCAL_MACHINE);
-    for (const char* name : {static_cast<const char*>(nullptr), "none", "v"}) {
-        EXPECT_EQ(machine.DeleteKey(name), 22);
-    }
+    EXPECT_EQ(machine.DeleteKey("v"), 22);
     EXPECT_EQ(machine.DeleteKey("A"), 0);
-    for (const char* name : {static_cast<const char*>(nullptr), "none", "v"}) {
-        EXPECT_EQ(machine.DeleteValue(name), 0);
-    }
+    EXPECT_EQ(machine.DeleteValue("none"), 0);  // as if it had been there
+    EXPECT_EQ(machine.DeleteValue("v"), 0);
     EXPECT_EQ(Machine(), "\n");
     // A cursor inside a deleted key has no key open.
     int32_t number = 0;
-    uint32_t count = 1;
-    char name[8];
     EXPECT_EQ(inside.QueryValue(&number, "n"), 22);
     EXPECT_EQ(inside.SetValue("n", 1), 22);
-    EXPECT_EQ(inside.EnumKey(name, sizeof name, 0), 22);
-    EXPECT_EQ(inside.EnumValue(name, &count, 0, 999, nullptr, nullptr), 22);
-    EXPECT_EQ(inside.GetSubKeyCount(&count), 22);
-    EXPECT_EQ(inside.DeleteValue("n"), 22);
     EXPECT_EQ(inside.CreateKey(nullptr, "x"), -1);
-    EXPECT_EQ(inside.Open("", inside.Key()), -1);
-    EXPECT_TRUE(
-        InOrder(Trace(), {"CRegistry::CreateKey \"<null>\"\n", "CRegistry::CreateKey \"A\\B/C\"\n",
-                          "CRegistry::SetValue \"n\" 4 4\n", "CRegistry::DeleteKey \"A\"\n",
-                          "CRegistryNode::deleteNode \"B\"\n", "CRegistryNode::deleteNode \"D\"\n",
-                          "CRegistryNode::deleteNode \"C\"\n", "CRegistryNode::deleteNode \"n\"\n",
-                          "CRegistry::DeleteValue \"v\"\n"}));
+    EXPECT_TRUE(InOrder(Trace(), {"CRegistry::SetValue \"n\" 4 4\n", "deleteNode \"C\"\n"}));
 }
 
 TEST_F(RegistryTest, RootKeysComeBackEmptyWhenTheyAreDeleted) {
@@ -103,43 +74,27 @@ TEST_F(RegistryTest, RootKeysComeBackEmptyWhenTheyAreDeleted) {
     EXPECT_EQ(CRegistry("HKEY_LOCAL_MACHINE\\B", nullptr).Status(), 0);
     // The handle refers to a root key that was created again.
     EXPECT_EQ(root.DeleteKey("HKEY_USERS"), 0);
-    EXPECT_EQ(CRegistry(HKEY_USERS).SetValue("v", 1), 22);
     EXPECT_EQ(next.CreateKey(root.Key(), "HKEY_USERS\\C"), 0);
     EXPECT_EQ(CRegistry(HKEY_USERS).SetValue("v", 1), 0);
-    EXPECT_EQ(CRegistry("C", HKEY_USERS).Status(), 0);
     EXPECT_TRUE(Contains(ReadFile(kRegistryPath), "[HKEY_USERS]\nv=d=1\n[C]\n"));
-    EXPECT_TRUE(Contains(Trace(), "CRegistry::InitClass() : re-initialize the registry-tree\n"));
 }
 
 TEST_F(RegistryTest, SetsAndReadsValuesOfEachType) {
     Load("[sub]\nx=d=1\n\n");
-    CRegistry closed;
     CRegistry registry(HKEY_LOCAL_MACHINE);
     const int32_t number = -5;
-    const struct {
-        const char* name;
-        const void* data;
-        uint32_t size;
-        uint32_t type;
-        bool result;
-    } cases[] = {{"d", &number, 4, 4, true},     {"d2", &number, 3, 4, false},
-                 {"s", "text", 4, 1, true},      {"e", "%U%/%%%V%%", 10, 2, true},
-                 {"b", "\0\xab", 2, 3, true},    {"none", "x", 1, 0, false},
-                 {"none", "x", 1, 5, false},     {"none", "x", 1, 666, false},
-                 {"none", nullptr, 1, 1, false}, {nullptr, "x", 1, 1, true},
-                 {"none", nullptr, 0, 4, false}, {"null", nullptr, 0, 1, true},
-                 {"cut", "a\0b", 3, 1, true},    {"sub", "text", 4, 1, true}};
+    const std::tuple<const char*, const void*, uint32_t, uint32_t, bool> cases[] = {
+        {"d", &number, 4, 4, true},     {"d2", &number, 3, 4, false},
+        {"s", "text", 4, 1, true},      {"e", "%U%/%%%V%%", 10, 2, true},
+        {"b", "\0\xab", 2, 3, true},    {"none", "x", 1, 5, false},
+        {"none", nullptr, 1, 1, false}, {"null", nullptr, 0, 1, true},
+        {"cut", "a\0b", 3, 1, true},    {"sub", "text", 4, 1, true}};
     for (const auto& [name, data, size, type, result] : cases) {
         EXPECT_EQ(registry.SetValue(name, data, size, type), result) << name;
-        EXPECT_FALSE(closed.SetValue(name, data, size, type));
     }
-    EXPECT_EQ(registry.SetValue("s", static_cast<const char*>(nullptr)), 22);
-    EXPECT_EQ(closed.SetValue("s", 1), 22);
     EXPECT_EQ(Machine(),
               "b=b=00 ab \ncut=s=a\nd=d=-5\ne=es=%U%/%%%V%%\nnull=s=\n"
               "s=s=text\nsub=s=text\n\n");
-    EXPECT_TRUE(
-        InOrder(Trace(), {"CRegistry::SetValue \"sub\" 4 1\n", "CRegistry::SetValue oEntry = 0x"}));
 
     int32_t out = 0;
     std::vector<uint8_t> bytes;
@@ -147,34 +102,21 @@ TEST_F(RegistryTest, SetsAndReadsValuesOfEachType) {
     EXPECT_EQ(out, -5);
     EXPECT_EQ(registry.QueryValue(&bytes, "b"), 0);
     EXPECT_EQ(bytes, (std::vector<uint8_t>{0, 0xab}));
-    EXPECT_EQ(registry.ValueSize(), 2U);
     EXPECT_EQ(registry.QueryValue(&out, "s"), 61);
-    EXPECT_EQ(registry.QueryValue(static_cast<int32_t*>(nullptr), "d"), 61);
-    EXPECT_EQ(registry.QueryValue(&out, nullptr), 61);
-    EXPECT_EQ(closed.QueryValue(&out, "d"), 22);
-    EXPECT_EQ(closed.QueryValue(&out, "d", HKEY_LOCAL_MACHINE), 0);
-
     setenv("U", "/home", 1);
     unsetenv("V");
     EXPECT_EQ(Read("e", registry), "/home/%%");  // the last one has no partner
-    EXPECT_EQ(registry.ValueSize(), 11U);
     registry.SetExpand(false);
     EXPECT_EQ(Read("e", registry), "%U%/%%%V%%");
-    EXPECT_EQ(Read("null", registry), "");
 }
 
 TEST_F(RegistryTest, TextFitsItsBufferOrIsCut) {
     Load("s=s=12345\n");
     CRegistry registry(HKEY_LOCAL_MACHINE);
-    const struct {
-        uint32_t size;
-        int32_t result;
-        std::string out;
-    } cases[] = {{0, 34, "#######"},
-                 {3, 34, "123####"},
-                 {5, 34, "12345##"},
-                 {6, 0, std::string("12345\0#", 7)}};
-    for (const auto& [size, result, out] : cases) {
+    for (const auto& [size, result, out] : {std::tuple{0U, 34, "#######"s},
+                                            {3U, 34, "123####"s},
+                                            {5U, 34, "12345##"s},
+                                            {6U, 0, "12345\0#"s}}) {
         std::string buffer(7, '#');
         EXPECT_EQ(registry.QueryValue(buffer.data(), "s", size), result) << size;
         EXPECT_EQ(buffer, out);
@@ -184,15 +126,6 @@ TEST_F(RegistryTest, TextFitsItsBufferOrIsCut) {
         EXPECT_EQ(buffer, out);
         EXPECT_EQ(count, result == 0 ? 5 : size);
     }
-    uint32_t count = 0;
-    char* const none = nullptr;
-    EXPECT_EQ(registry.QueryValue(none, "s", 3U), 0);
-    EXPECT_EQ(registry.QueryValue(none, "s", &count), 0);
-    EXPECT_EQ(count, 6U);
-    EXPECT_EQ(registry.QueryValue(none, "none", &count), 61);
-    EXPECT_EQ(registry.QueryValue(none, "s", static_cast<uint32_t*>(nullptr)), 34);
-    EXPECT_TRUE(
-        Contains(Trace(), "CRegistry::QueryValue: ** ERROR **  pdwCount is a NULL pointer\n"));
 }
 
 // Results, names and data of EnumValue from index 0 up to the first index that is absent.
@@ -217,62 +150,35 @@ TEST_F(RegistryTest, EnumeratesInOrderOfTheNames) {
     char name[5];
     for (uint32_t i = 0; registry.EnumKey(name, sizeof name, i) == 0; ++i) keys.emplace_back(name);
     EXPECT_EQ(keys, (std::vector<std::string>{"B", "long", "z"}));
-    uint32_t length = 0;
-    uint32_t reserved = 9;
-    EXPECT_EQ(registry.EnumKey(name, &length, 1, &reserved), 0);
-    EXPECT_EQ(length + reserved, 0U);
-    EXPECT_STREQ(name, "z");  // untouched
-    EXPECT_EQ(registry.EnumKey(nullptr, 4, 0), 22);
-
     EXPECT_EQ(Enumerate(registry, 999), "0a 1x;34b 6l;0bin 0-;0num 4A;0 0-;");
     EXPECT_EQ(Enumerate(registry, 1), "34b 6l;");
     EXPECT_EQ(Enumerate(registry, 0), "0 0-;");
-    EXPECT_EQ(Enumerate(registry, 666), "0B 0-;0lon 0-;0z 0-;");
-    uint32_t size = 3;
-    length = sizeof name;
-    EXPECT_EQ(registry.EnumValue(name, &length, 0, 4, name, &size), 0);
-    EXPECT_EQ(size, 0U);  // too small for a number
     // An enumeration sees changes made meanwhile.
     EXPECT_EQ(registry.EnumKey(name, sizeof name, 0), 0);
     EXPECT_EQ(registry.DeleteKey("B"), 0);
     EXPECT_EQ(registry.EnumKey(name, sizeof name, 1), 0);
     EXPECT_STREQ(name, "z");
-    EXPECT_EQ(registry.EnumKey(name, sizeof name, 0), 0);
-    EXPECT_EQ(registry.SetValue("A", "moves every key on"), 0);
-    EXPECT_EQ(registry.EnumKey(name, sizeof name, 1), 0);
-    EXPECT_STREQ(name, "z");
-    EXPECT_EQ(registry.GetSubKeyCount(&length), 0);
-    EXPECT_EQ(length, 2U);
-    EXPECT_EQ(CRegistry().GetSubKeyCount(&length), 22);
-    EXPECT_EQ(length, 0U);
 }
 
 TEST_F(RegistryTest, PointersLeadToOtherKeys) {
     setenv("WHERE", "target", 1);
-    const std::string identifier = "7C41E0B8-93D5-4F6A-A2C7-5E18D90B64F3";
-    Load("[SYSTEM]\n[CurrentControlSet]\n[Control]\n[UUID]\n[" + identifier +
-         "]\nid=s=4711\np=s=hkey_local_machine\\pointers\nn=d=1\n\n\n\n\n\n"
-         "[pointers]\na=s=Hkey_Local_Machine/%WHERE%\nb=es=hkey_local_machine/%WHERE%\n"
-         "c=s=HKEY_LOCAL_MACHINE\nd=s=\ne=d=1\nf=s=hkey_users\\none\n\n[target]\nx=s=found\n\n");
+    Load(
+        "[SYSTEM]\n[CurrentControlSet]\n[Control]\n[UUID]\n[7C41E0B8-93D5-4F6A-A2C7-5E18D90B64F3]\n"
+        "id=s=4711\np=s=hkey_local_machine\\pointers\nn=d=1\n\n\n\n\n\n"
+        "[pointers]\na=s=Hkey_Local_Machine/%WHERE%\nb=es=hkey_local_machine/%WHERE%\n"
+        "c=s=HKEY_LOCAL_MACHINE\nd=s=\ne=d=1\nf=s=hkey_users\\none\n\n[target]\nx=s=found\n\n");
     CRegistry registry;
     for (const char* name : {"a", "b", "c", "d", "e", "f", "none"}) {
         const int32_t result = *name == 'b' ? 0 : -1;
         EXPECT_EQ(registry.OpenPointer("pointers", name, HKEY_LOCAL_MACHINE), result) << name;
-        EXPECT_EQ(registry.Status(), result);
     }
-    CRegistry machine(HKEY_LOCAL_MACHINE);
-    EXPECT_EQ(machine.OpenPointer("pointers", "b", nullptr), 0);
-    EXPECT_EQ(Read("x", machine), "found");
-    EXPECT_EQ(machine.OpenPointer("p", HKEY_LOCAL_MACHINE), 0);
-    EXPECT_EQ(machine.Path(), "HKEY_LOCAL_MACHINE/pointers");
+    EXPECT_EQ(registry.OpenPointer("pointers", "b", HKEY_LOCAL_MACHINE), 0);
+    EXPECT_EQ(Read("x", registry), "found");
+    EXPECT_EQ(registry.OpenPointer("p", HKEY_LOCAL_MACHINE), 0);
+    EXPECT_EQ(registry.Path(), "HKEY_LOCAL_MACHINE/pointers");
     std::string text;
-    EXPECT_TRUE(CRegistry::ReadIdentifierValue(text, "id"));
-    EXPECT_EQ(text, "4711");
+    EXPECT_TRUE(CRegistry::ReadIdentifierValue(text, "id") && text == "4711");
     EXPECT_FALSE(CRegistry::ReadIdentifierValue(text, "n"));
-    EXPECT_TRUE(InOrder(Trace(), {"CRegistry::OpenPointer \"pointers\"\n",
-                                  "CRegistry::OpenPointer \"SYSTEM\\CurrentControlSet\\Control\\"
-                                  "UUID\\" +
-                                      identifier + "\"\n"}));
 }
 
 void RunThreads(const std::function<void(int thread, int round)>& run) {
@@ -297,34 +203,20 @@ TEST_F(RegistryTest, EveryThreadsLastChangeReachesTheDisk) {
               FileWith("[a]\n[b]\n[0]\nn=d=119\n\n[1]\nn=d=119\n\n[2]\nn=d=119\n\n\n\n"));
 }
 
-TEST_F(RegistryTest, RootKeyThatIsDeletedAllTheTimeStaysUsable) {
-    Load("");
-    RunThreads([](int thread, int /*round*/) {
-        CRegistry root("", nullptr);
-        if (thread == 0) root.DeleteKey("HKEY_LOCAL_MACHINE");
-    });
-    CRegistry machine(HKEY_LOCAL_MACHINE);
-    EXPECT_EQ(machine.SetValue("v", 1), 0);
-    EXPECT_EQ(CRegistry("HKEY_LOCAL_MACHINE", nullptr).Status(), 0);
-}
-
-TEST_F(RegistryTest, ThreadsShareOneTreeThatIsReloaded) {
+TEST_F(RegistryTest, ThreadsShareOneTreeThatIsLoadedAgain) {
     Load("[shared]\n\n");
     RunThreads([](int i, int round) {
         const std::string own = "own" + std::to_string(i);
-        CRegistry registry;
-        registry.CreateKey(HKEY_LOCAL_MACHINE, own.c_str());
-        registry.SetValue("n", round);
         CRegistry shared("shared", HKEY_LOCAL_MACHINE);
+        shared.SetValue(own.c_str(), round);
         int32_t number = round;
-        // A reload may remove the key or the value at any time.
-        const int32_t result = registry.QueryValue(&number, "n");
+        // Loading again may remove the key or the value at any time.
+        const int32_t result = shared.QueryValue(&number, own.c_str());
         EXPECT_TRUE(result == 0 || result == 22 || result == 61) << result;
         EXPECT_EQ(number, round);
-        shared.SetValue(own.c_str(), own.c_str());
         char name[16];
         for (uint32_t k = 0; shared.EnumKey(name, sizeof name, k) == 0; ++k) continue;
-        if (round % 8 == 0) shared.DeleteValue(own.c_str());
+        shared.CreateKey(nullptr, own.c_str());
         if (i == 0 && round % 16 == 0) CRegistry::SetupTree(true);
     });
     EXPECT_EQ(CRegistry("shared", HKEY_LOCAL_MACHINE).Status(), 0);
