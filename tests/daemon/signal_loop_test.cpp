@@ -21,17 +21,13 @@ static int g_signal = 0;
 static int g_nextSignal = 0;
 static int g_waitResult = 0;
 extern "C" int sigwait(const sigset_t* /*set*/, int* signal) {
-    *signal = g_signal;
-    g_signal = g_nextSignal;
+    *signal = std::exchange(g_signal, g_nextSignal);
     return g_waitResult;
 }
 
 // The daemon's time limit for sending, cut to a moment.
-static bool g_isLimited = false;
-extern "C" int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept {
+extern "C" int setsockopt(int fd, int level, int name, const void*, socklen_t size) noexcept {
     constexpr timeval kMoment{0, 1000};
-    g_isLimited = level == SOL_SOCKET && name == SO_SNDTIMEO && size == sizeof(kMoment) &&
-                  static_cast<const timeval*>(value)->tv_sec > 0;
     return static_cast<int>(syscall(SYS_setsockopt, fd, level, name, &kMoment, size));
 }
 
@@ -62,12 +58,11 @@ TEST_F(SignalLoopTest, EventThatIsSetAfterAModuleHasClosedItEndsTheLoop) {
     g_signal = SIGALRM;
     g_nextSignal = SIGTERM;
     WaitForStop(this);
-    EXPECT_TRUE(InOrder(Trace(), {"KEMD-MAIN: WARNING: Signal 14 (SIGALRM) caught -> ignoring\n",
-                                  "KEMD-MAIN: ## Someone signaled exit state ##\n"}));
+    EXPECT_TRUE(Contains(Trace(), "KEMD-MAIN: ## Someone signaled exit state ##\n"));
     EXPECT_FALSE(Contains(Trace(), "notified"));
 }
 
-TEST_F(SignalLoopTest, UnexpectedSignalAbortsAfterTheNotification) {
+TEST_F(SignalLoopTest, UnexpectedSignalAbortsAndAFailedWaitStops) {
     g_signal = SIGUSR1;
     int status = 0;
     const pid_t child = _Fork();  // traces, as no handler of a fork runs
@@ -79,12 +74,9 @@ TEST_F(SignalLoopTest, UnexpectedSignalAbortsAfterTheNotification) {
         Trace(), {"KEMD-MAIN: Signal 10 caught -> processing\n",
                   "KEMD-MAIN: Current RunLevel = 6\n", "notified 20000\n", "notified 30000\n",
                   "KEMD-MAIN: Unexpected Signal 10 caught -> ABORT\n"}));
-}
-
-TEST_F(SignalLoopTest, FailedWaitIsAStop) {
+    ASSERT_TRUE(Debug.Init("kemd"));
     g_waitResult = EINVAL;
     WaitForStop(this);
-    g_waitResult = 0;
     EXPECT_TRUE(InOrder(
         Trace(), {"KEMD-MAIN: ## ERROR sigwait() failed (ret=22) ##\n",
                   "KEMD-MAIN: ## ERROR This is Operating System BUG, since sigwait() should never "
@@ -102,13 +94,10 @@ TEST_F(SignalLoopTest, InitSystemThatDoesNotReadHoldsNothingUp) {
     const UniqueFd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     ASSERT_EQ(bind(deaf.Get(), to, sizeof(address)), 0);
     while (sendto(sender.Get(), "x", 1, 0, to, sizeof(address)) == 1) continue;
-    setenv("NOTIFY_SOCKET", "/run/deaf", 1);
+    setenv("NOTIFY_SOCKET", address.sun_path, 1);
     NotifyReady();  // without a limit it would not return
     unsetenv("NOTIFY_SOCKET");
-    EXPECT_TRUE(g_isLimited);
-    EXPECT_TRUE(Contains(Trace(),
-                         "KEMD-MAIN: cannot send READY=1 to /run/deaf (Resource "
-                         "temporarily unavailable)\n"));
+    EXPECT_TRUE(Contains(Trace(), "KEMD-MAIN: cannot send READY=1 to /run/deaf (Resource temp"));
 }
 
 }  // namespace

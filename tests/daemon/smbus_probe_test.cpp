@@ -13,17 +13,9 @@
 #include "daemon/version.h"
 #include "tests/traced_test.h"
 
-namespace {
-
-struct Driver {
-    int error = 0;                                // 0: the request succeeds
-    std::string reply = std::string(1312, '\0');  // where it is 0 the request's bytes stay
-    unsigned long code = 0;
-    std::string info;
-};
-Driver g_driver;
-
-}  // namespace
+static int g_error = 0;                                // 0: the request succeeds
+static std::string g_reply = std::string(1312, '\0');  // where it is 0 the request's bytes stay
+static std::string g_request;
 
 // NOLINTNEXTLINE(readability-identifier-naming)
 extern "C" int ioctl(int /*fd*/, unsigned long code, ...) noexcept {
@@ -33,14 +25,13 @@ extern "C" int ioctl(int /*fd*/, unsigned long code, ...) noexcept {
     va_end(args);
     char* info = nullptr;
     std::memcpy(&info, request + 16, sizeof(info));
-    g_driver.code = code;
-    g_driver.info.assign(info, g_driver.reply.size());
+    g_request.assign(info, g_reply.size());
     request[24] = 7;  // success or not: a number that is only shown
-    for (size_t i = 0; i < g_driver.reply.size(); ++i) {
-        if (g_driver.reply[i] != '\0') info[i] = g_driver.reply[i];
+    for (size_t i = 0; i < g_reply.size(); ++i) {
+        if (g_reply[i] != '\0') info[i] = g_reply[i];
     }
-    errno = g_driver.error;
-    return g_driver.error == 0 ? 0 : -1;
+    errno = code == 0xC00873FF ? g_error : EINVAL;
+    return errno == 0 ? 0 : -1;
 }
 
 namespace {
@@ -50,7 +41,8 @@ class SmbusProbeTest : public TracedTest {
     void SetUp() override {
         TracedTest::SetUp();
         WriteFile("/dev/pci/smbus", "");
-        g_driver = Driver();
+        g_error = 0;
+        g_reply.assign(g_reply.size(), '\0');
     }
     const std::string m_probe = "KEMD-MAIN::DiscoverSmbusDriverInfo: ";
 };
@@ -73,7 +65,10 @@ TEST_F(SmbusProbeTest, IntroducesTheDaemonAndTracesEveryField) {
     setenv("OV_SYSTEM", std::string(40, 'S').c_str(), 1);
     setenv("OV_OS", "", 1);
     setenv("OV_NICKNAME", "SLES12", 1);
-    std::vector<std::string> lines{m_probe + "evaluating IOCTL_SMBUS_DRIVER_INFO (0xC00873FF)\n"};
+    std::vector<std::string> lines{
+        "Version                     : 0x00000001\n", "CmdNumber                   : 0x000000FF\n",
+        "SizeOfInOutBuffer           : 0x00000520\n", "pInOutBuffer                : 0x0x",
+        "Success                     : 0x00000007\n"};
     std::istringstream fields(kFields);
     size_t offset = 0, size = 0;
     for (std::string name; fields >> name >> offset >> size;) {
@@ -81,31 +76,26 @@ TEST_F(SmbusProbeTest, IntroducesTheDaemonAndTracesEveryField) {
         char text[16];
         snprintf(text, sizeof(text), size == 0 ? "at%zu" : "0x%08zX", size == 0 ? offset : number);
         const std::string value = own.contains(offset) ? own.at(offset) : text;
-        if (size != 0) std::memcpy(&g_driver.reply[offset], &number, size);
-        if (size == 0) g_driver.reply.replace(offset, value.size(), value);
+        if (size != 0) std::memcpy(&g_reply[offset], &number, size);
+        if (size == 0) g_reply.replace(offset, value.size(), value);
         name.resize(28, ' ');
         lines.push_back(name.append(": ").append(value).append("\n"));
     }
+    EXPECT_EQ(lines.size(), 34U);
     DiscoverSmbusDriverInfo();
     for (const auto& [field, value] : own) {
-        EXPECT_EQ(g_driver.info.substr(field, 32), value + std::string(32 - value.size(), '\0'));
+        EXPECT_EQ(g_request.substr(field, 32), value + std::string(32 - value.size(), '\0'));
     }
-    EXPECT_EQ(g_driver.code, 0xC00873FF);
-    EXPECT_EQ(lines.size(), 30U);
-    EXPECT_TRUE(InOrder(
-        Trace(),
-        {"Version                     : 0x00000001\n", "CmdNumber                   : 0x000000FF\n",
-         "SizeOfInOutBuffer           : 0x00000520\n", "pInOutBuffer                : 0x0x",
-         "Success                     : 0x00000007\n", lines[1]}));
     EXPECT_TRUE(InOrder(Trace(), lines));
+    EXPECT_TRUE(Contains(Trace(), m_probe + "evaluating IOCTL_SMBUS_DRIVER_INFO (0xC00873FF)\n"));
 }
 
 TEST_F(SmbusProbeTest, WarnsOnlyWhenTheDriverIsNewer) {
     const VersionNumbers version = ParseVersion(kVersion.version);
     const uint32_t own = version.major << 16 | version.minor << 8 | version.build;
-    for (const uint32_t driver : {own, own - 1, own + 0x10000, 0xFF000000U}) {
+    for (const uint32_t driver : {own, own + 1, 0xFF000000U}) {
         ASSERT_TRUE(Debug.Init("kemd"));
-        std::memcpy(&g_driver.reply[16], &driver, sizeof(driver));
+        std::memcpy(&g_reply[16], &driver, sizeof(driver));
         DiscoverSmbusDriverInfo();
         char text[128];
         snprintf(text, sizeof(text),
@@ -120,7 +110,7 @@ TEST_F(SmbusProbeTest, FailuresAreTraced) {
     const std::string noDriver =
         "KEMD-MAIN: INFO: smbus-driver is not available on this OS (But, don't worry about this, it "
         "might be OK on some OS systems!)\n";
-    g_driver.error = ENOTTY;
+    g_error = ENOTTY;
     DiscoverSmbusDriverInfo();
     std::filesystem::remove("/dev/pci/smbus");
     DiscoverSmbusDriverInfo();
@@ -131,11 +121,6 @@ TEST_F(SmbusProbeTest, FailuresAreTraced) {
          noDriver, m_probe + "cannot open /dev/pci/smbus (errno=2: No such file or directory)\n",
          noDriver}));
     EXPECT_FALSE(Contains(Trace(), "evaluating"));
-}
-
-TEST(VersionTest, NumbersThatDoNotParseAreZero) {
-    const VersionNumbers version = ParseVersion("10.07-x");
-    EXPECT_TRUE(version.major == 10 && version.minor == 7 && version.build == 0);
 }
 
 }  // namespace
