@@ -11,7 +11,6 @@
 #include <fstream>
 #include <iterator>
 #include <new>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -72,6 +71,9 @@ std::vector<std::thread> g_threads;  // several, so that the event is hardly eve
 void StartAllModules(void* /*self*/) {
     Call("StartAllModules");
     while (Scripted("block-start")) pause();
+    EventHandle event = ExitEvent();
+    if (Scripted("set-event")) CloseEvent(ExitEvent());
+    if (Scripted("set-event")) SetEvent(event);
     for (int i = 0; i < 4 && Scripted("reset-event"); ++i) {
         g_threads.emplace_back([] {
             while (!g_stop) ResetEvent(ExitEvent());
@@ -86,11 +88,9 @@ void StopAllModules(void* /*self*/) {
 }
 
 void NotifyModules(void* /*self*/, uint32_t code, void* data, uint32_t word) {
-    std::ostringstream line;
-    line << std::hex << "NotifyModules code=0x" << code;
-    if (data != nullptr) line << " data=" << *static_cast<int32_t*>(data);
-    line << " word=" << word;
-    Call(line.str());
+    const std::string level = data != nullptr ? std::to_string(*static_cast<int32_t*>(data)) : "-";
+    Call("NotifyModules code=" + std::to_string(code >> 16) + " data=" + level +
+         " word=" + std::to_string(word));
 }
 
 template <typename Slot, typename Function>

@@ -13,8 +13,8 @@ TEST_F(DaemonTest, StopCallsTheModulesInOrder) {
         std::string level;
         std::string shutdown;
         int signal;
-    } cases[] = {{"0\n", "0", "NotifyModules code=0x30000 data=0 word=0\n", SIGTERM},
-                 {"6 and more", "6", "NotifyModules code=0x30000 data=6 word=0\n", SIGINT},
+    } cases[] = {{"0\n", "0", "NotifyModules code=3 data=0 word=0\n", SIGTERM},
+                 {"6 and more", "6", "NotifyModules code=3 data=6 word=0\n", SIGINT},
                  {"3\n", "-1", "", SIGTERM},
                  {"", "5", "", SIGINT}};
     for (const auto& [file, level, shutdown, signal] : cases) {
@@ -23,7 +23,7 @@ TEST_F(DaemonTest, StopCallsTheModulesInOrder) {
         EXPECT_EQ(Stop(Run(), signal), 0) << level;
         EXPECT_EQ(Calls(),
                   "SW_QueryInterface identifier=0\nLoadModules flags=0 mode=0\nStartAllModules\n"
-                  "NotifyModules code=0x20000 word=0\n" +
+                  "NotifyModules code=2 data=- word=0\n" +
                       shutdown + "StopAllModules\nUnloadModules options=0\nSW_Release\n");
         const std::string number = std::to_string(signal);
         EXPECT_TRUE(InOrder(Log(), {"KEMD-MAIN:  ... got signal " + number + "\n",
@@ -69,7 +69,7 @@ TEST_F(DaemonTest, HangupTogglesTracingAndAlarmDoesNothing) {
 
 TEST_F(DaemonTest, FaultsOfTheLibraryHaveTheirEnds) {
     const std::string stopped = "StopAllModules\nUnloadModules options=0\nSW_Release\n";
-    const std::string notified = "StartAllModules\nNotifyModules code=0x20000 word=0\n";
+    const std::string notified = "StartAllModules\nNotifyModules code=2 data=- word=0\n";
     const struct {
         const char* library;
         const char* script;
@@ -114,6 +114,13 @@ TEST_F(DaemonTest, FaultsOfTheLibraryHaveTheirEnds) {
         EXPECT_FALSE(fs::exists(kPidFile) || fs::exists(kLockFile));
     }
     fs::remove("/libswitch.so");
+}
+
+// The event was set by another thread, and the handle closed: the next signal ends the loop.
+TEST_F(DaemonTest, EventThatAModuleSetsAndClosesStopsIt) {
+    UseSwitch("c", "set-event");
+    EXPECT_EQ(Stop(Run(), SIGALRM), 0);
+    EXPECT_FALSE(Contains(Calls(), "NotifyModules"));
 }
 
 TEST_F(DaemonTest, RingKeepsTheNewestRecordOfAKilledDaemon) {

@@ -46,21 +46,13 @@ TEST_F(DaemonTest, QuestionsAreAnsweredBeforeAnythingIsTouched) {
     EXPECT_FALSE(fs::exists(kLockFile));
 }
 
-TEST_F(DaemonTest, SecondInstanceReportsToItsStarter) {
-    const std::string first = std::to_string(StartAndWait({"-n"}));
-    EXPECT_EQ(WaitForExit(Start({})), 1);
-    EXPECT_EQ(Complaints(),
-              "/build/bin/kemd: KEMD-MAIN: Error! Another process instance is already running!\n");
-    EXPECT_EQ(ReadFile(kLockFile) + ReadFile(kPidFile), "kemd#" + first + first + "\n");
-}
-
 TEST_F(DaemonTest, FifoInAFilesPlaceDoesNotBlock) {
     sockaddr_un address{AF_UNIX, "/dev/log"};
     const UniqueFd log(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     ASSERT_EQ(bind(log.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     fs::remove("/etc/orvmon/RunLevel");
     ASSERT_EQ(mkfifo(kPidFile, 0600) + mkfifo("/etc/orvmon/RunLevel", 0600), 0);
-    const pid_t pid = StartAndWait({"-n"});
+    const pid_t pid = StartAndWait({"-x", "-nodemon"});
     const std::string process = std::to_string(pid);
     const std::string failed =
         "Cannot create kemd PID file /var/run/kemd.pid for kemd PID " + process;
@@ -74,27 +66,9 @@ TEST_F(DaemonTest, FifoInAFilesPlaceDoesNotBlock) {
     EXPECT_EQ(WaitForExit(Start({"-n"})), 1);
 }
 
-TEST_F(DaemonTest, OnlyTheWholeSwitchKeepsItInTheForeground) {
-    const std::pair<std::vector<std::string>, bool> cases[] = {
-        {{"-x", "-rescan", "-nodemon"}, true}, {{"-N", "-nn", "-nodemonX", "n"}, false}};
-    for (const auto& [arguments, isForeground] : cases) {
-        fs::remove(kPidFile);
-        const pid_t started = Start(arguments, [] { dup2(STDERR_FILENO, STDOUT_FILENO); });
-        const pid_t daemon = PidFromFile();
-        EXPECT_EQ(daemon == started, isForeground);
-        EXPECT_EQ(Complaints(),
-                  isForeground ? "/build/bin/kemd: KEMD-MAIN: started in \"No Demon\" Mode\n" : "");
-        for (const char* stream : {"fd/1", "fd/2"}) {
-            EXPECT_EQ(fs::read_symlink(ProcFile(daemon, stream)),
-                      isForeground ? "/tmp/stderr" : "/dev/null");
-        }
-        EXPECT_EQ(isForeground ? 0 : WaitForExit(started), 0);
-        Kill(daemon);
-    }
-}
-
 TEST_F(DaemonTest, BackgroundProcessIsDetached) {
-    const pid_t parent = Start({}, [] {
+    // Only the whole switch keeps it in the foreground.
+    const pid_t parent = Start({"-N", "-nn", "-nodemonX", "n"}, [] {
         umask(0);
         (void)!chdir("/tmp");
         for (int number = 1; number < SIGRTMIN; ++number) signal(number, SIG_DFL);
@@ -121,6 +95,12 @@ TEST_F(DaemonTest, BackgroundProcessIsDetached) {
         ++kept;
     }
     EXPECT_GE(kept, 2);
+    // A second instance reports to its starter and changes nothing.
+    const std::string files = ReadFile(kLockFile) + ReadFile(kPidFile);
+    EXPECT_EQ(WaitForExit(Start({})), 1);
+    EXPECT_EQ(Complaints(),
+              "/build/bin/kemd: KEMD-MAIN: Error! Another process instance is already running!\n");
+    EXPECT_EQ(ReadFile(kLockFile) + ReadFile(kPidFile), files);
 }
 
 TEST_F(DaemonTest, StartIsTracedAndTheRunModeReachesTheSwitchLibrary) {
@@ -132,8 +112,7 @@ TEST_F(DaemonTest, StartIsTracedAndTheRunModeReachesTheSwitchLibrary) {
     } cases[] = {
         {{hostile, std::string(100'000, '%')}, "flags=0 mode=0", 0},
         {{"-agentless", "-ovupd"}, "flags=0 mode=8", 8},
-        {{"-ovupd", "-agentless"}, "flags=0 mode=5", 5},
-        {{"-Rescan", "rescan", "-ovupdX", "-agentles", ""}, "flags=0 mode=0", 0},
+        {{"-Rescan", "-agentles", "-ovupd", "-agentless", ""}, "flags=0 mode=5", 5},
         {{"-rescan", "-agentless", "-ovupd", "-ovins", "-rescan"}, "flags=1 mode=7", 7},
     };
     std::string pid;
