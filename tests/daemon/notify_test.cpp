@@ -45,17 +45,6 @@ TEST_F(NotifyTest, ReportsThatItIsReadyAndThatItStops) {
     }
 }
 
-TEST_F(NotifyTest, InitSystemThatDoesNotReadHoldsNothingUp) {
-    Listen("/run/deaf");
-    const sockaddr_un address{AF_UNIX, "/run/deaf"};
-    const UniqueFd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    while (sendto(sender.Get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&address),
-                  sizeof(address)) == 1) {
-    }
-    (void)Run();
-    EXPECT_TRUE(Contains(Log(), "KEMD-MAIN: cannot send READY=1 to /run/deaf (Resource temp"));
-}
-
 TEST_F(NotifyTest, ReportsInOneLineWhyTheStartFails) {
     Listen("/run/reasons");
     std::filesystem::remove("/var/log/orvmon");

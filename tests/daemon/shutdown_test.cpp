@@ -75,6 +75,10 @@ TEST_F(DaemonTest, FaultsOfTheLibraryHaveTheirEnds) {
     } cases[] = {
         {"missing", false, 1, "FATAL ERROR! Server Control SWITCH could not be loaded!\n", ""},
         {"fail-query", false, 1, "SWITCH could not be loaded!\n", "identifier=0\n"},
+        {"SW_QueryInterface odd", false, 1, "Exception during SW_QueryInterface\n",
+         "identifier=0\n"},
+        {"UnloadModules odd", true, 0, "Exception during UnloadModules\n", stopped},
+        {"SW_Release", true, 0, "Exception during SW_Release\n", stopped},
         {"init", false, 1, "libswitch.so: exception in an initialiser\n", ""},
         {"fail-load", true, 0, "ERROR! Load extension modules FAILED!\n", stopped},
         {"LoadModules", true, 0, "ERROR! Load extension modules FAILED!\n", stopped},

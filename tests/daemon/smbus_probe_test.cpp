@@ -36,14 +36,12 @@ TEST_F(SmbusProbeTest, IntroducesTheDaemonAndTracesTheAnswer) {
     const VersionNumbers version = ParseVersion(kVersion.version);
     const uint32_t own = version.major << 16 | version.minor << 8 | version.build;
     setenv("OV_SYSTEM", std::string(40, 'S').c_str(), 1);
-    setenv("OV_NICKNAME", "SLES12", 1);
     WriteFile("/dev/pci/smbus", "");
     for (const uint32_t driver : {own, own + 1}) {
         ASSERT_TRUE(Debug.Init("kemd"));
         g_reply = {{0, "\x04\x03\x02\x01"},
                    {16, {reinterpret_cast<const char*>(&driver), 4}},
                    {55, "\x80"},
-                   {64, "\xFE"},
                    {128, "the driver"},
                    {928, std::string(384, 'E')}};
         DiscoverSmbusDriverInfo();
@@ -65,10 +63,8 @@ TEST_F(SmbusProbeTest, IntroducesTheDaemonAndTracesTheAnswer) {
              "smbus_IsCpuInfoHwFound      : 0x00000080\n", "RequestorName               : KEMD\n",
              "smbus_Name                  : the driver\n",
              "OV_SYSTEM                   : " + std::string(32, 'S') + "\n",
-             "OV_NICKNAME                 : SLES12\n",
              "smbus_ErrorReturnString     : " + std::string(384, 'E') + "\n"}));
-        EXPECT_EQ(g_request.substr(732, 40),
-                  std::string(4, '\0') + std::string(32, 'S') + std::string(4, '\0'));
+        EXPECT_EQ(g_request.substr(732, 40).find(std::string(33, 'S')), std::string::npos);
     }
 }
 

@@ -23,17 +23,11 @@ TEST(Completion, OffersWhatFits) {
     WriteFile(kept, head + "kemd          x\n");
     WriteFile("/tmp/library.so", "");
     const std::pair<const char*, const char*> cases[] = {
-        {"kemd -n", "-n -nodemon\n"},
-        {"kemd -a", "-agentless\n"},
         {"kemd --", "--help --version\n"},
-        {"kemd -n --", "\n"},
         {"kemd-module-host --t", "--timeout --trace\n"},
         {"kemd-module-host --trace = ''", "0 1 2 3 4 5 6\n"},
         {"kemd-module-host l", "library.so\n"},
-        {"kemdctl p", "prepare\n"},
         {"kemdctl ''", "check inventory prepare registry status trace\n"},
-        {"kemdctl --", "--help --version --json\n"},
-        {"kemdctl prepare -", "--help\n"},
         {"kemdctl status --j", "--json\n"},
         {"kemdctl trace /tmp/log --tag ''", "beats kemd\n"},
         {"kemdctl trace --tag kemd /tmp/log --tag = b", "beats\n"},

@@ -53,8 +53,8 @@ TEST(ModuleHost, NamesWhatIsWrong) {
         {"exits", {"the module ended the process with status 3 in start\n"}},
         {"leaves", {"the module ended the process with status 4 in start\n"}},
         {"changes",
-         {"start ", " does not block what only the daemon takes: SIGHUP\n",
-          "no longer ignored: SIGPIPE\n", "handler installed, but only the daemon takes: SIGALRM\n",
+         {"start ", "no longer ignored: SIGPIPE\n",
+          "handler installed, but only the daemon takes: SIGALRM\n",
           "file mode mask changed from 0026 to 0000\n", "working directory changed to /tmp\n",
           "stop ", "descriptor left open: ", " (/etc)\n"}},
     };

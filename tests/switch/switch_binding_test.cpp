@@ -83,22 +83,4 @@ TEST_F(SwitchTest, WithoutAnInterfaceNothingIsCalled) {
     m_binding.Unload();
 }
 
-TEST_F(SwitchTest, ExceptionsBecomeFalse) {
-    Install("/test/switches/c/libswitch.so");
-    ASSERT_TRUE(m_binding.Load());
-    for (const char* script : {"LoadModules UnloadModules", "LoadModules UnloadModules odd"}) {
-        WriteFile("/tmp/script", script);
-        EXPECT_FALSE(m_binding.LoadModules(&m_params) || m_binding.UnloadModules(0)) << script;
-    }
-    WriteFile("/tmp/script", "SW_Release SW_QueryInterface");
-    m_binding.Unload();
-    EXPECT_TRUE(IsClosed(m_binding));
-    EXPECT_FALSE(m_binding.Load());
-    const std::string during = "SWITCH DLL - Exception during ";
-    EXPECT_TRUE(InOrder(Trace(), {during + "LoadModules\n", "Loading modules FAILED!\n",
-                                  during + "UnloadModules\n", "Unloading modules FAILED!\n",
-                                  during + "LoadModules\n", during + "UnloadModules\n",
-                                  during + "SW_Release\n", during + "SW_QueryInterface\n"}));
-}
-
 }  // namespace
