@@ -30,8 +30,7 @@ TEST_F(RunLevelTest, IsWhatTheSystemSays) {
         // Otherwise it does not.
         {nullptr, "sles12", "6", '3', "N 4", 3},
         {nullptr, "", "6", 0, "N 5", 5},
-        {nullptr, "SLES11", "6", '/', "3 2", 2},  // one below the digit 0 is no level
-        {nullptr, "SLES11", "6", 0, "N5", -1},
+        {nullptr, "SLES11", "6", '/', "3 2", 2},            // one below the digit 0 is no level
         {nullptr, "SLES11", "6", 0, longLine, '\0' - '0'},  // cut at 63 characters
     };
     for (const auto& [systemctl, nickname, file, level, command, expected] : cases) {

@@ -126,7 +126,6 @@ TEST_F(DaemonTest, RingKeepsTheNewestRecordOfAKilledDaemon) {
     kill(pid, SIGALRM);
     ASSERT_TRUE(WaitForLog(newest));
     EXPECT_EQ(Stop(pid, SIGKILL), 1000 + SIGKILL);
-    EXPECT_EQ(fs::file_size("/var/log/orvmon/log.kemd_a"), 1024U * 1024U);
     EXPECT_TRUE(RingText("/var/log/orvmon/log.kemd_a").ends_with(newest));
     // The files that it leaves do not keep the next one from starting.
     EXPECT_TRUE(fs::exists(kLockFile) && fs::exists(kPidFile));

@@ -24,7 +24,6 @@ TEST(InitScript, StartsAndStopsTheDaemon) {
     EXPECT_EQ(Shell("/etc/init.d/kemd start"), 0);
     EXPECT_TRUE(Contains(Output(), "already running"));
     EXPECT_EQ(Shell("/etc/init.d/kemd status"), 0);
-    EXPECT_EQ(Shell("/etc/init.d/kemd reload"), 2);
     EXPECT_EQ(Shell("/etc/init.d/kemd restart"), 0) << Output();
     EXPECT_NE(ReadFile(kPidFile), first);
     // The trace of a crash is kept. The daemon is up before it has written its PID file.
