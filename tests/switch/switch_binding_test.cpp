@@ -14,8 +14,8 @@ bool IsClosed(const SwitchBinding& binding) {
            binding.pInterface == nullptr;
 }
 
-// The loader would end the process with SIGBUS. A file that the loader skips is no reason, and who
-// may write the file does not matter.
+// Opening it would end the process with SIGBUS. The loader skips a file for another machine, and a
+// file that everyone may write is opened.
 TEST_F(SwitchTest, CutLibraryIsNotOpened) {
     const std::string path = "/tmp/switch/libswitch.so";
     const std::string library = ReadFile("/test/switches/c/libswitch.so");
