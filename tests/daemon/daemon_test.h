@@ -20,7 +20,7 @@ class DaemonTest : public testing::Test {
     void SetUp() override;
     void TearDown() override;
 
-    // "c" or "throwing" of the tests, or "reference"; `script`: see script.h.
+    // "c" of the tests or "reference"; `script`: see c_switch.cpp.
     void UseSwitch(const std::string& name, const std::string& script = "");
 
     // The process id of the started program. `prepare` runs in it before the daemon does.

@@ -21,8 +21,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kMisbehaving = "/test/misbehaving/any.so";
-
 class ReferenceSwitchTest : public SwitchTest {
   protected:
     void SetUp() override {
@@ -70,74 +68,67 @@ TEST_F(ReferenceSwitchTest, ModulesStartInOrderAndStopInReverse) {
     EXPECT_EQ(Count(Trace(), ".so loaded\n") + Count(Trace(), ".so started\n"), 4U);
 }
 
-TEST_F(ReferenceSwitchTest, ModulesUseTheHostServices) {
-    AddModule("/build/modules/counter.so");
-    WriteFile("/etc/orvmon/registry", "[HKEY_LOCAL_MACHINE]\n\n");
-    WriteFile("/etc/orvmon/counter.ini", "[Counter]\nOrders = 2\n");
-    ASSERT_TRUE(m_binding.LoadModules(&m_params));
-    for (const char* last : {"order 2\n", "number 2\n"}) {
-        m_binding.pInterface->StartAllModules();
-        ASSERT_TRUE(WaitFor([last] { return Contains(Trace(), last); }));
-        m_binding.pInterface->StopAllModules();
-    }
-    EXPECT_TRUE(m_binding.UnloadModules(0));
-    EXPECT_TRUE(Contains(ReadFile("/etc/orvmon/registry"), "[kemd]\n[counter]\nStarts=d=2\n"));
-    EXPECT_TRUE(InOrder(Trace(), {" counter       start number 1\n", "order 1\n", "order 2\n",
-                                  "module counter.so stopped\n", "start number 2\n"}));
-}
-
+// In the trace and in the journal, and the service manager sees each step.
 TEST_F(ReferenceSwitchTest, BadModulesAreNamedAndLeftOut) {
+    const sockaddr_un address{AF_UNIX, "/tmp/notify"};
+    const UniqueFd manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(bind(manager.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    setenv("NOTIFY_SOCKET", "/tmp/notify", 1);
+    const UniqueFd standardError(dup(STDERR_FILENO));
+    const UniqueFd journal(open("/tmp/journal", O_WRONLY | O_CREAT, 0644));
+    struct stat status {};
+    fstat(journal.Get(), &status);
+    dup2(journal.Get(), STDERR_FILENO);
+    const auto name = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+    setenv("JOURNAL_STREAM", name.c_str(), 1);
     for (const std::string fault : {"function", "symbol", "version"}) {
         AddModule("/test/bad_modules/bad_" + fault + ".so");
     }
-    for (const char* name : {"fails.so", "throws.so"}) AddModule(kMisbehaving, name);
+    AddModule("/test/misbehaving/any.so", "fails.so");
     AddModule("/build/modules/notifications.so");
     fs::create_symlink("notifications.so", "/tmp/modules/second_name.so");
-    WriteFile("/tmp/modules/broken.so", "not a library");
     WriteFile("/tmp/modules/cut.so", ReadFile("/build/modules/heartbeat.so").substr(0, 4096));
-    mkfifo("/tmp/modules/pipe.so", 0600);
-    for (const char* const name : {"broken.so", "cut.so"}) MakeSafe(fs::path(kModules) / name);
+    MakeSafe("/tmp/modules/cut.so");
     ASSERT_TRUE(m_binding.LoadModules(&m_params));
     m_binding.pInterface->StartAllModules();
-    m_binding.pInterface->NotifyModules(kNotifyStop, nullptr, 0);
-    m_binding.pInterface->StopAllModules();
-    EXPECT_TRUE(
-        InOrder(Trace(),
-                {"module bad_function.so is left out: start or stop is missing\n",
-                 "module bad_symbol.so is left out: it does not export kemdModule\n",
-                 "module bad_version.so is left out: its interface version is another\n",
-                 "module broken.so is left out: no ELF file\n",
-                 "module cut.so is left out: cut off after 4096 bytes\n",
-                 "module pipe.so is left out: no regular file\n",
-                 "module second_name.so is left out: it is loaded under another name\n",
-                 "module fails.so failed to start: result 7\n", "module notifications.so started\n",
-                 "module throws.so failed to start: not today\n", "notification 0x20000\n",
-                 "module notifications.so stopped\n"}));
+    EXPECT_FALSE(m_binding.UnloadModules(0)) << "the one that failed stays";
+    dup2(standardError.Get(), STDERR_FILENO);
+    std::string received;
+    char text[256];
+    for (ssize_t size = 0; (size = recv(manager.Get(), text, sizeof(text), 0)) > 0;) {
+        received.append(text, static_cast<size_t>(size)).append("\n");
+    }
+    EXPECT_TRUE(InOrder(
+        received, {"STATUS=loading module fails.so\n", "STATUS=starting module notifications.so\n",
+                   "STATUS=running, 1 module\n", "STATUS=stopping module notifications.so\n"}));
+    std::vector<std::string> lines{
+        "module bad_function.so is left out: start or stop is missing\n",
+        "module bad_symbol.so is left out: it does not export kemdModule\n",
+        "module bad_version.so is left out: its interface version is another\n",
+        "module cut.so is left out: cut off after 4096 bytes\n",
+        "module second_name.so is left out: it is loaded under another name\n",
+        "module fails.so failed to start: result 7\n"};
+    EXPECT_TRUE(InOrder(Trace(), lines));
     EXPECT_EQ(Count(Trace(), ".so started\n") + Count(Trace(), ".so stopped\n"), 2U);
+    for (std::string& line : lines) line.insert(0, "<4>kemd: ");
+    EXPECT_TRUE(InOrder(ReadFile("/tmp/journal"), lines));
+    for (const char* const variable : {"NOTIFY_SOCKET", "JOURNAL_STREAM"}) unsetenv(variable);
     fs::remove_all("/tmp/modules");
     EXPECT_FALSE(LoadAgain());
     EXPECT_TRUE(Contains(Trace(), "cannot read the module directory /tmp/modules (No such file"));
 }
 
 TEST_F(ReferenceSwitchTest, ModulesThatOthersMayWriteAreLeftOut) {
-    const auto mode = [](const std::string& path, int bits) {
+    const auto mode = [](const char* path, int bits) {
         fs::permissions(path, static_cast<fs::perms>(bits));
     };
     AddModule("/build/modules/heartbeat.so");
     mode("/tmp/modules/heartbeat.so", 0664);
-    AddModule("/build/modules/notifications.so");
-    if (chown("/tmp/modules/notifications.so", 1000, 0) == 0) {  // a user namespace may lack it
-        ASSERT_TRUE(m_binding.LoadModules(&m_params));
-        EXPECT_TRUE(Contains(Trace(),
-                             "module notifications.so is left out: /tmp/modules/notifications.so "
-                             "may be written by others than root: owner 1000, mode 0755; wanted: "
-                             "owner 0, mode 0644 or 0755\n"));
-    }
     // A link to a safe file in an unsafe directory.
     fs::create_directories("/tmp/open");
-    fs::rename("/tmp/modules/notifications.so", "/tmp/open/notifications.so");
-    (void)!chown("/tmp/open/notifications.so", 0, 0);
     mode("/tmp/open", 0777);
+    fs::copy("/build/modules/notifications.so", "/tmp/open");
+    MakeSafe("/tmp/open/notifications.so");
     fs::create_symlink("/tmp/open/notifications.so", "/tmp/modules/link.so");
     ASSERT_TRUE(LoadAgain());
     EXPECT_TRUE(InOrder(Trace(), {"module heartbeat.so is left out: ", "heartbeat.so may be ",
@@ -147,17 +138,11 @@ TEST_F(ReferenceSwitchTest, ModulesThatOthersMayWriteAreLeftOut) {
     for (const auto& [path, bits] : {std::pair{"/tmp/modules", 0775}, {"/tmp", 0777}}) {
         mode(path, bits);
         EXPECT_FALSE(LoadAgain());
-        EXPECT_TRUE(
-            Contains(Trace(), std::string("no module is loaded: ") + path + " may be writ"));
+        const std::string reason = std::string("no module is loaded: ") + path + " may be writ";
+        EXPECT_TRUE(Contains(Trace(), reason));
         mode(path, 0755);
     }
     EXPECT_FALSE(Contains(Trace(), ".so loaded\n"));
-    mode("/tmp", 01777);  // sticky: others cannot move what is root's
-    AddModule("/build/modules/heartbeat.so");
-    EXPECT_TRUE(LoadAgain());
-    EXPECT_TRUE(Contains(Trace(), "module heartbeat.so loaded\n"));
-    mode("/tmp", 0755);
-    fs::remove_all("/tmp/open");
 }
 
 // Each allocation in turn is the first that fails; no later one succeeds, while the daemon stops.
@@ -185,61 +170,11 @@ TEST_F(ReferenceSwitchTest, WhatIsStartedIsStoppedWithoutMemory) {
     EXPECT_EQ(Count(Trace(), ".so started\n"), Count(Trace(), ".so stopped\n"));
 }
 
-TEST_F(ReferenceSwitchTest, ServiceManagerSeesWhatModulesDo) {
-    const sockaddr_un address{AF_UNIX, "/tmp/notify"};
-    const UniqueFd manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(bind(manager.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    setenv("NOTIFY_SOCKET", "/tmp/notify", 1);
-    AddModule("/build/modules/notifications.so");
-    AddModule(kMisbehaving, "fails.so");
-    WriteFile("/tmp/modules/broken.so", "");
-    MakeSafe("/tmp/modules/broken.so");
-    const UniqueFd standardError(dup(STDERR_FILENO));
-    for (const bool isJournal : {false, true}) {
-        const UniqueFd stream(open("/tmp/journal", O_WRONLY | O_CREAT | O_TRUNC, 0644));
-        struct stat status {};
-        fstat(stream.Get(), &status);
-        dup2(stream.Get(), STDERR_FILENO);
-        const auto inode = status.st_ino + (isJournal ? 0 : 1);
-        const std::string name = std::to_string(status.st_dev) + ":" + std::to_string(inode);
-        setenv("JOURNAL_STREAM", name.c_str(), 1);
-        EXPECT_TRUE(m_binding.LoadModules(&m_params));
-        m_binding.pInterface->StartAllModules();
-        EXPECT_FALSE(m_binding.UnloadModules(0)) << "the one that failed stays";
-        dup2(standardError.Get(), STDERR_FILENO);
-        EXPECT_EQ(ReadFile("/tmp/journal"),
-                  isJournal ? "<4>kemd: module broken.so is left out: no ELF file\n"
-                              "<4>kemd: module fails.so failed to start: result 7\n"
-                            : "");
-        std::string received;
-        char text[256];
-        for (ssize_t size = 0; (size = recv(manager.Get(), text, sizeof(text), 0)) > 0;) {
-            received.append(text, static_cast<size_t>(size)).append("\n");
-        }
-        EXPECT_EQ(received,
-                  "STATUS=loading module fails.so\nSTATUS=loading module notifications.so\n"
-                  "STATUS=starting module fails.so\nSTATUS=starting module notifications.so\n"
-                  "STATUS=running, 1 module\nSTATUS=stopping module notifications.so\n");
-    }
-    for (const char* const variable : {"NOTIFY_SOCKET", "JOURNAL_STREAM"}) unsetenv(variable);
-}
-
-// A sound library with one or eight bytes changed, or with its end cut off.
+// A sound library with some bytes changed, or with its end cut off.
 TEST(LibraryFile, OnlyWhatTheLoaderNeedsIsLookedAt) {
     const std::string sound = ReadFile("/build/modules/notifications.so");
     Elf64_Ehdr header{};
     sound.copy(reinterpret_cast<char*>(&header), sizeof(header));
-    std::vector<Elf64_Phdr> segments(header.e_phnum);
-    sound.copy(reinterpret_cast<char*>(segments.data()), segments.size() * sizeof(Elf64_Phdr),
-               header.e_phoff);
-    size_t end = 0;
-    size_t dynamic = 0;
-    for (size_t i = 0; i < segments.size(); ++i) {
-        if (segments[i].p_type == PT_LOAD) end = segments[i].p_offset + segments[i].p_filesz;
-        if (segments[i].p_type == PT_DYNAMIC) dynamic = header.e_phoff + i * sizeof(Elf64_Phdr);
-    }
-    const std::string one("\1\0\0\0\0\0\0\0", 8);
-    const std::string most(8, '\377');
     const std::string cut = "cut off after ";
     const struct {
         size_t size;
@@ -247,36 +182,23 @@ TEST(LibraryFile, OnlyWhatTheLoaderNeedsIsLookedAt) {
         std::string bytes;
         std::string fault;
     } cases[] = {
-        {sound.size(), 0, "", ""},
         {header.e_shoff + 1, 0, "", ""},  // the table of sections is cut
-        {sound.size(), offsetof(Elf64_Ehdr, e_shoff), most, ""},
-        {end, 0, "", ""},
-        {end - 1, 0, "", cut},
+        {4096, 0, "", cut},
         {header.e_phoff + sizeof(Elf64_Phdr), 0, "", cut},
         {sizeof(header) - 1, 0, "", "no ELF file"},
-        {0, 0, "", "no ELF file"},
         {sound.size(), 0, "MZ", "no ELF file"},
-        {sound.size(), EI_CLASS, "\1", "not for x86-64"},
-        {sound.size(), EI_DATA, "\2", "not for x86-64"},
         {sound.size(), offsetof(Elf64_Ehdr, e_machine), "\3", "not for x86-64"},
         {sound.size(), offsetof(Elf64_Ehdr, e_type), "\2", "no shared library"},
-        {sound.size(), offsetof(Elf64_Ehdr, e_phnum), one.substr(1, 2), "its program headers name"},
         {sound.size(), offsetof(Elf64_Ehdr, e_phentsize), "\1", "its program headers are broken"},
-        {sound.size(), offsetof(Elf64_Ehdr, e_phoff), most, cut},
-        {sound.size(), dynamic, one, "its program headers name nothing to load"},
-        {sound.size(), dynamic + offsetof(Elf64_Phdr, p_offset), most, cut},
-        {sound.size(), dynamic + offsetof(Elf64_Phdr, p_filesz), most, cut},
+        {sound.size(), offsetof(Elf64_Ehdr, e_phoff), std::string(8, '\377'), cut},
     };
     for (const auto& [size, position, bytes, fault] : cases) {
-        std::string library = sound.substr(0, size);
-        library.replace(position, bytes.size(), bytes);
-        WriteFile("/tmp/library.so", library);
+        WriteFile("/tmp/library.so", sound.substr(0, size).replace(position, bytes.size(), bytes));
         const LibraryFault found = LookAtLibrary("/tmp/library.so");
         EXPECT_TRUE(found.text.starts_with(fault) && found.text.empty() == fault.empty())
             << found.text << " instead of " << fault << " at " << position << ", size " << size;
         EXPECT_EQ(found.harmsLoader, fault == cut);
     }
-    EXPECT_EQ(LookAtLibrary("/tmp").text, "Is a directory");
     EXPECT_EQ(LookAtLibrary("/dev/zero").text, "no regular file");
 }
 

@@ -3,29 +3,19 @@
 #include <elf.h>
 #include <sys/stat.h>
 
-#include <cerrno>
-
 #include "base/library_search.h"
 #include "tests/switch/switch_test.h"
 
 namespace {
 
-void ExpectClosed(const SwitchBinding& binding) {
-    EXPECT_TRUE(binding.pfnAddRef == nullptr && binding.pfnRelease == nullptr &&
-                binding.pfnQueryInterface == nullptr && binding.hLibrary == nullptr &&
-                binding.pInterface == nullptr);
+bool IsClosed(const SwitchBinding& binding) {
+    return binding.pfnAddRef == nullptr && binding.pfnRelease == nullptr &&
+           binding.pfnQueryInterface == nullptr && binding.hLibrary == nullptr &&
+           binding.pInterface == nullptr;
 }
 
-TEST_F(SwitchTest, MissingLibraryKeepsTheReason) {
-    Install("");
-    EXPECT_FALSE(m_binding.Load());
-    EXPECT_EQ(m_binding.lastError, ENOENT);
-    ExpectClosed(m_binding);
-    EXPECT_TRUE(Contains(Trace(), "LoadLibrary: ## ERROR:  libswitch.so: cannot open shared obj"));
-}
-
-// The loader would end the process with SIGBUS. A file that the loader skips is no reason, and who
-// may write the file does not matter.
+// Opening it would end the process with SIGBUS. The loader skips a file for another machine, and a
+// file that everyone may write is opened.
 TEST_F(SwitchTest, CutLibraryIsNotOpened) {
     const std::string path = "/tmp/switch/libswitch.so";
     const std::string library = ReadFile("/test/switches/c/libswitch.so");
@@ -35,12 +25,8 @@ TEST_F(SwitchTest, CutLibraryIsNotOpened) {
     Install("");
     WriteFile(path, library.substr(0, 4096));
     EXPECT_FALSE(m_binding.Load());
-    EXPECT_TRUE(InOrder(Trace(), {"LoadLibrary: ## ERROR:  " + path + ": cut off after 4096 byt"}));
-    ExpectClosed(m_binding);
-    Install("");
-    mkfifo(path.c_str(), 0666);
-    EXPECT_FALSE(m_binding.Load());
-    EXPECT_TRUE(InOrder(Trace(), {"LoadLibrary: ## ERROR:  " + path + ": no regular file\n"}));
+    EXPECT_TRUE(Contains(Trace(), "LoadLibrary: ## ERROR:  " + path + ": cut off after 4096 byt"));
+    EXPECT_TRUE(IsClosed(m_binding));
     Install("");
     WriteFile(path, library);
     chmod(path.c_str(), 0666);
@@ -61,7 +47,7 @@ TEST_F(SwitchTest, CallsGoThroughAndEndWithOneRelease) {
     EXPECT_FALSE(m_binding.LoadModules(&m_params));  // not traced as a failure
     EXPECT_TRUE(m_binding.UnloadModules(7));
     m_binding.Unload();
-    ExpectClosed(m_binding);
+    EXPECT_TRUE(IsClosed(m_binding));
     EXPECT_EQ(ReadFile("/tmp/calls"),
               "SW_QueryInterface identifier=0\nLoadModules flags=2 mode=8\n"
               "LoadModules flags=2 mode=8\nUnloadModules options=7\nSW_Release\n");
@@ -71,57 +57,27 @@ TEST_F(SwitchTest, CallsGoThroughAndEndWithOneRelease) {
 }
 
 TEST_F(SwitchTest, WithoutAnInterfaceNothingIsCalled) {
-    Install("/test/switches/c/libswitch.so");
-    WriteFile("/tmp/script", "fail-query");
-    EXPECT_FALSE(m_binding.Load());
-    void* const library = m_binding.hLibrary;
-    EXPECT_NE(library, nullptr);
-    EXPECT_EQ(m_binding.pInterface, nullptr);
-    EXPECT_FALSE(m_binding.LoadModules(&m_params) || m_binding.UnloadModules(0));
-    EXPECT_EQ(ReadFile("/tmp/calls"), "SW_QueryInterface identifier=0\n");
-    EXPECT_TRUE(InOrder(Trace(), {"SWITCH API          : ## ERROR! Loading modules FAILED!\n",
-                                  "SWITCH API          : ## ERROR! Unloading modules FAILED!\n"}));
-    EXPECT_FALSE(Contains(Trace(), "Exception"));
-    // The library that is open is asked again.
-    Install("");
-    WriteFile("/tmp/script", "");
-    m_binding.pfnRelease = nullptr;
-    EXPECT_TRUE(m_binding.Load());
-    EXPECT_EQ(m_binding.hLibrary, library);
-    EXPECT_NE(m_binding.pfnRelease, nullptr);
-    m_binding.CloseLibrary();
-    ExpectClosed(m_binding);
-}
-
-TEST_F(SwitchTest, OnlyTheQueryIsRequired) {
-    Install("/test/switches/bare/libswitch.so");
-    EXPECT_TRUE(m_binding.Load());
-    EXPECT_EQ(m_binding.pfnRelease, nullptr);
-    m_binding.Unload();
     Install("/build/modules/notifications.so");  // a library without any of the entry points
     EXPECT_FALSE(m_binding.Load());
     EXPECT_NE(m_binding.hLibrary, nullptr);
-}
-
-TEST_F(SwitchTest, ExceptionsBecomeFalse) {
-    Install("/test/switches/throwing/libswitch.so");
-    ASSERT_TRUE(m_binding.Load());
-    for (const char* script : {"load unload", "load unload odd"}) {
-        WriteFile("/tmp/script", script);
-        EXPECT_FALSE(m_binding.LoadModules(&m_params)) << script;
-        EXPECT_FALSE(m_binding.UnloadModules(0)) << script;
-    }
-    const std::string load = "SWITCH DLL - Exception during LoadModules\n";
-    const std::string unload = "SWITCH DLL - Exception during UnloadModules\n";
-    EXPECT_TRUE(InOrder(Trace(), {load, "Loading modules FAILED!\n", unload,
-                                  "Unloading modules FAILED!\n", load, unload}));
-    WriteFile("/tmp/script", "SW_Release");
+    m_binding.CloseLibrary();
+    Install("/test/switches/c/libswitch.so");
+    WriteFile("/tmp/script", "fail-query");
+    EXPECT_FALSE(m_binding.Load() || m_binding.LoadModules(&m_params));
+    EXPECT_FALSE(m_binding.UnloadModules(0));
+    EXPECT_EQ(ReadFile("/tmp/calls"), "SW_QueryInterface identifier=0\n");
+    EXPECT_TRUE(InOrder(Trace(), {"SWITCH API          : ## ERROR! Loading modules FAILED!\n",
+                                  "SWITCH API          : ## ERROR! Unloading modules FAILED!\n"}));
+    // The library that is open is asked again.
+    Install("");
+    WriteFile("/tmp/script", "");
+    EXPECT_TRUE(m_binding.Load());
+    m_binding.CloseLibrary();
+    EXPECT_TRUE(IsClosed(m_binding));
+    Install("/test/switches/bare/libswitch.so");  // only the query is required
+    EXPECT_TRUE(m_binding.Load());
+    EXPECT_EQ(m_binding.pfnRelease, nullptr);
     m_binding.Unload();
-    ExpectClosed(m_binding);
-    WriteFile("/tmp/script", "query");
-    EXPECT_FALSE(m_binding.Load());
-    EXPECT_TRUE(InOrder(Trace(), {"SWITCH DLL - Exception during SW_Release\n",
-                                  "SWITCH DLL - Exception during SW_QueryInterface\n"}));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // A fixture with an unloaded binding and one switch library at a time on the loader's search path.
 #pragma once
 
-#include <filesystem>
 #include <string>
 
 #include "switch/switch_binding.h"
