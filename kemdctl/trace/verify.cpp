@@ -36,9 +36,11 @@ class RecordCheck {
     }
     void Report(const SourceFacts& facts, std::vector<std::string>& findings) const {
         if (facts.clockBack > 0) {
-            findings.push_back("time goes back " + std::to_string(facts.clockBack) +
-                               " times, first by " + std::to_string(m_backBy) + " ms after " +
-                               FormatTime(m_backAt).data());
+            findings.push_back(
+                std::string("time goes back ") +
+                (facts.clockBack == 1 ? "once" : std::to_string(facts.clockBack) + " times") +
+                ", first by " + std::to_string(m_backBy) + " ms after " +
+                FormatTime(m_backAt).data());
         }
         if (m_withNul > 0) {
             findings.push_back(std::to_string(m_withNul) +

@@ -1,7 +1,9 @@
 // Runs the real kemdctl.
 #pragma once
 
+#include <pty.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <string>
@@ -15,7 +17,7 @@ struct Result {
     std::string err;
 };
 
-// The arguments are a shell's; redirections among them win over those of the results.
+// The arguments go through a shell; a redirection among them overrides the one for the result.
 inline Result Ctl(const std::string& arguments, const std::string& before = "") {
     const std::string command = before + " >/tmp/out 2>/tmp/err /build/bin/kemdctl " + arguments;
     const int status = std::system(command.c_str());
@@ -23,7 +25,7 @@ inline Result Ctl(const std::string& arguments, const std::string& before = "") 
             ReadFile("/tmp/err")};
 }
 
-// Whether a text holds all of these, in any order, and none of those.
+// Whether a text holds all parts, in any order, and none of the others.
 inline testing::AssertionResult Holds(const std::string& text,
                                       const std::vector<std::string>& parts,
                                       const std::vector<std::string>& others = {}) {
@@ -38,7 +40,35 @@ inline testing::AssertionResult Holds(const std::string& text,
     return testing::AssertionSuccess();
 }
 
-// Whether a command ends with this code and shows all of these, in this order, first its results.
+// The exit status of work in a child process.
+template <typename Work>
+int InChild(Work work) {
+    const pid_t child = fork();
+    if (child == 0) _exit(work());
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WEXITSTATUS(status);
+}
+
+// What a terminal gets from this shell command.
+inline std::string OnTerminal(const std::string& command) {
+    int terminal = -1;
+    const pid_t process = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (process == 0) {
+        execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+        _exit(127);
+    }
+    std::string shown, part(4096, '\0');
+    for (ssize_t got = 0; (got = read(terminal, part.data(), part.size())) > 0;) {
+        shown.append(part, 0, static_cast<size_t>(got));
+    }
+    EXPECT_EQ(process, waitpid(process, nullptr, 0));
+    close(terminal);
+    return shown;
+}
+
+// Whether a command ends with this code and shows these parts in this order: first its results,
+// then its complaints.
 inline testing::AssertionResult Shows(const std::string& arguments, int code,
                                       const std::vector<std::string>& parts = {}) {
     const Result result = Ctl(arguments);
@@ -47,8 +77,8 @@ inline testing::AssertionResult Shows(const std::string& arguments, int code,
                                        << result.out << result.err;
 }
 
-// Whether a command ends with this code, prints exactly this, and complains with this text or, when
-// it is empty, not at all.
+// Whether a command ends with this code, prints exactly this, and complains with this text, or not
+// at all when the text is empty.
 inline testing::AssertionResult Prints(const std::string& arguments, int code,
                                        const std::string& out, const std::string& complaint = "") {
     const Result result = Ctl(arguments);
@@ -67,7 +97,7 @@ struct Call {
     std::string complaint = {};
 };
 
-// Each as Prints has it; the arguments are added to those of the command.
+// Checks each call with Prints; its arguments follow the command.
 inline void ExpectAll(const std::string& command, const std::vector<Call>& calls) {
     for (const Call& call : calls)
         EXPECT_TRUE(Prints(command + call.arguments, call.code, call.out, call.complaint));

@@ -1,5 +1,4 @@
-// Preloaded into kemdctl: the second page of every file whose name begins with "bad" cannot be
-// read.
+// Preloaded into kemdctl: reading the second page of a file whose name begins with "bad" fails.
 #define _GNU_SOURCE
 #include <errno.h>
 #include <stdio.h>

@@ -1,7 +1,8 @@
-// Whether a text is one JSON value and nothing else, by the letter: no other escapes, no control
-// characters in texts, no comma too many.
+// Whether a text is exactly one JSON value, checked strictly: only the standard escapes, no control
+// characters in strings, no trailing commas.
 #pragma once
 
+#include <algorithm>
 #include <cctype>
 #include <string_view>
 
@@ -22,8 +23,7 @@ class JsonCheck {
         return next;
     }
     bool Blanks() {
-        while (!m_text.empty() && std::string_view(" \n\r\t").find(m_text[0]) != m_text.npos)
-            Next();
+        m_text.remove_prefix(std::min(m_text.find_first_not_of(" \n\r\t"), m_text.size()));
         return true;
     }
     bool Take(std::string_view word) {
@@ -32,18 +32,12 @@ class JsonCheck {
         m_text.remove_prefix(word.size());
         return true;
     }
-    static bool IsDigit(char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; }
-    bool Digits() {
-        if (!IsDigit(Next())) return false;
-        while (!m_text.empty() && IsDigit(m_text[0])) Next();
-        return true;
-    }
     bool Number() {
-        (void)Take("-");
-        if (m_text.size() > 1 && m_text[0] == '0' && IsDigit(m_text[1])) return false;
-        return Digits() && (!m_text.starts_with('.') || (Take(".") && Digits()));
+        const size_t length = std::min(m_text.find_first_not_of("-.0123456789"), m_text.size());
+        m_text.remove_prefix(length);
+        return length > 0;
     }
-    // After the first quote.
+    // After the opening quote.
     bool Text() {
         for (char c = Next(); c != '"'; c = Next()) {
             if (static_cast<unsigned char>(c) < 0x20) return false;

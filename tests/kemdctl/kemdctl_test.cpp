@@ -1,6 +1,4 @@
 // The real kemdctl on the registry's real paths.
-#include <sys/stat.h>
-
 #include <csignal>
 #include <filesystem>
 
@@ -16,7 +14,7 @@ const std::string kStore = "/etc/orvmon/registry";
 const std::string kOthers =
     "[HKEY_CLASSES_ROOT]\n\n[HKEY_CURRENT_CONFIG]\n\n[HKEY_CURRENT_USER]\n\n";
 const std::string kMachine = "[HKEY_LOCAL_MACHINE]\n";
-const std::string kUsers = "[HKEY_USERS]\n\n\n";  // the last, and the end of the store
+const std::string kUsers = "[HKEY_USERS]\n\n\n";  // the last key, and the end of the store
 
 Result Registry(const std::string& arguments) {
     return Ctl("registry " + arguments);
@@ -34,53 +32,24 @@ struct Kemdctl : testing::Test {
     std::string before;
 };
 
-TEST_F(Kemdctl, HelpFitsATerminal) {
-    for (const char* const arguments :
-         {"--help", "registry --help", "registry get --help", "inventory --help"}) {
-        const Result result = Ctl(arguments);
-        EXPECT_EQ(result.code, 0);
-        EXPECT_LE(std::count(result.out.begin(), result.out.end(), '\n'), 24);
-        std::istringstream lines(result.out);
-        for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 80U) << line;
-    }
-    EXPECT_TRUE(Ctl("--version").out.starts_with("kemdctl "));
-}
-
 TEST_F(Kemdctl, MistakesAreNamed) {
     ExpectAll("", {{"", 2, "", "kemdctl: a command is missing; see kemdctl --help\n"},
                    {"nothing", 2, "", "kemdctl: unknown command nothing\nkemdctl: see "}});
     ExpectAll(
         "registry ",
-        {
-            {"", 2, "", "kemdctl: a subcommand is missing; see kemdctl registry --help\n"},
-            {"nothing", 2, "", "unknown subcommand nothing; see kemdctl registry --help\n"},
-            {"list -r -r", 2, "", "repeated option -r\n"},
-            {"list -x", 2, "", "unknown option -x\n"},
-            {"list a b", 2, "", "too many words for list;"},
-            {"get onlykey", 2, "", "too few words for get;"},
-            {"list --json=no", 2,
-             "{\"error\":\"a value for the option --json; these options do not fit list; see "
-             "kemdctl registry --help\"}\n",
-             "a value for the option --json\n"},
-            {"set --json a b string c", 2,
-             "{\"error\":\"unknown option --json; these options do not fit set; see kemdctl "
-             "registry --help\"}\n",
-             "unknown option --json\n"},
-            {"get --json HKEY_USERS v", 1, "{\"error\":\"no value v in HKEY_USERS\"}\n",
-             "no value"},
-            {"list --json X", 1, "{\"error\":\"no key X\"}\n", "kemdctl: no key X\n"},
-            {"check --json /tmp/none", 2,
-             "{\"error\":\"cannot open /tmp/none: No such file or directory\"}\n", "cannot open"},
-            {"check --json /proc/self/mem", 2,
-             "[{\"error\":\"cannot read /proc/self/mem: Input/output error\"}]\n", "cannot read"},
-            {"export /etc", 2, "", "kemdctl: cannot write /etc: Is a directory\n"},
-            {"import - </proc/self/mem", 2, "", "cannot read -: Input/output error\n"},
-            {"import /proc/self/mem", 2, "", "cannot read /proc/self/mem: Input/output error\n"},
-            {"delete HKEY_LOCAL_MACHINE/sub/none", 1, "", "no key HKEY_LOCAL_MACHINE/sub/none\n"},
-            {"delete HKEY_LOCAL_MACHINE/sub v", 1, "", "no value v in HKEY_LOCAL_MACHINE/sub\n"},
-            {"set HKEY_LOCAL_MACHINE sub string x", 2, "",
-             "HKEY_LOCAL_MACHINE has a key sub; delete that first\n"},
-        });
+        {{"", 2, "", "kemdctl: a subcommand is missing; see kemdctl registry --help\n"},
+         {"get onlykey", 2, "", "too few words for get;"},
+         {"set --json a b string c", 2,
+          "{\"error\":\"unknown option --json; these options do not fit set; see kemdctl "
+          "registry --help\"}\n",
+          "unknown option --json\n"},
+         {"list --json X", 1, "{\"error\":\"no key X\"}\n", "kemdctl: no key X\n"},
+         {"check --json /tmp/none", 2,
+          "{\"error\":\"cannot open /tmp/none: No such file or directory\"}\n", "cannot open"},
+         {"check --json /proc/self/mem", 2,
+          "[{\"error\":\"cannot read /proc/self/mem: Input/output error\"}]\n", "cannot read"},
+         {"export /etc", 2, "", "kemdctl: cannot write /etc: Is a directory\n"},
+         {"import - </proc/self/mem", 2, "", "cannot read -: Input/output error\n"}});
     EXPECT_EQ(ReadFile(kStore), before);
 }
 
@@ -89,17 +58,13 @@ TEST_F(Kemdctl, GetPrintsData) {
     ExpectAll("registry get ",
               {{"HKEY_LOCAL_MACHINE num", 0, "-5\n"},
                {"HKEY_LOCAL_MACHINE bytes", 0, "0a ff\n"},
-               {"HKEY_LOCAL_MACHINE home", 0, "%HOME%/x\n"},
                {"HKEY_LOCAL_MACHINE home --expand", 0, "/me/x\n"},
                {"'HKEY_LOCAL_MACHINE\\a/b\\' v", 0, "\n"},
                {"HKEY_LOCAL_MACHINE $(printf 'bad\\033\"\\134')", 0, "\x01\xff\xc3\xa4\x9b\n"},
-               {"HKEY_LOCAL_MACHINE num --json", 0,
-                "{\"name\":\"num\",\"type\":\"number\",\"data\":-5}\n"},
                {"--json HKEY_LOCAL_MACHINE -- $(printf 'bad\\033\"\\134')", 0,
                 "{\"name\":\"bad\\u001b\\\"\\\\\",\"type\":\"string\","
                 "\"data\":\"\\u0001\xef\xbf\xbd\xc3\xa4\xef\xbf\xbd\"}\n"},
-               {"HKEY_LOCAL_MACHINE none", 1, "", "no value none in HKEY_LOCAL_MACHINE\n"},
-               {"HKEY_LOCAL_MACHINE sub", 1, "", "no value sub in "},
+               {"HKEY_LOCAL_MACHINE sub", 1, "", "no value sub in HKEY_LOCAL_MACHINE\n"},
                {"HKEY_LOCAL_MACHINE/num/x none", 1, "", "no key HKEY_LOCAL_MACHINE/num/x\n"}});
 }
 
@@ -114,15 +79,14 @@ TEST_F(Kemdctl, ListShowsKeysAndHarmlessText) {
                 "  HKEY_LOCAL_MACHINE\\\n  HKEY_USERS\\\n"},
                {"HKEY_LOCAL_MACHINE/", 0, values + "  a/b\\\n  sub\\\n"},
                {"HKEY_LOCAL_MACHINE -r", 0,
-                values + "HKEY_LOCAL_MACHINE\\a/b\\\n  v  string  \nHKEY_LOCAL_MACHINE\\sub\n"},
-               {"--json HKEY_LOCAL_MACHINE/sub", 0,
-                "{\"key\":\"HKEY_LOCAL_MACHINE\\\\sub\",\"values\":[],\"keys\":[]}\n"}});
+                values + "HKEY_LOCAL_MACHINE\\a/b\\\n  v  string  \nHKEY_LOCAL_MACHINE\\sub\n"}});
     EXPECT_TRUE(Shows("registry list --json HKEY_LOCAL_MACHINE", 0,
-                      {"}],\"keys\":[{\"key\":\"a/b\"},{\"key\":\"sub\"}]}\n"}));
-    EXPECT_TRUE(Shows("registry list -r --json", 0,
-                      {"\"keys\":[{\"key\":\"a/b\",\"values\":[{\"name\":\"v\",\"type\":\"string"
-                       "\",\"data\":\"\"}],\"keys\":[]},{\"key\":\"sub\",\"values\":[],"
-                       "\"keys\":[]}]},{\"key\":\"HKEY_USERS\""}));
+                      {R"({"key":"HKEY_LOCAL_MACHINE","values":[{)", R"("name":"num",)",
+                       R"("data":-5}],"keys":[{"key":"a/b"},{"key":"sub"}]})"}));
+    EXPECT_TRUE(Shows(
+        "registry list -r --json", 0,
+        {R"("keys":[{"key":"a/b","values":[{"name":"v","type":"string","data":""}],"keys":[]})",
+         R"({"key":"sub","values":[],"keys":[]}]},{"key":"HKEY_USERS")"}));
 }
 
 TEST_F(Kemdctl, SetStoresWhatTheFileBringsBack) {
@@ -137,22 +101,18 @@ TEST_F(Kemdctl, SetStoresWhatTheFileBringsBack) {
                       {"[new]\n[key]\n=s=a=s=b \n\n\n", "\n[x=es=%A%\n", "\nn=d=-2147483648\n",
                        "\nb=b=0a ff 01 \n", "\no=s=--json\n", "\nlong=s=" + longText + "\n"}));
     EXPECT_TRUE(Prints("registry get HKEY_USERS long", 0, longText + "\n"));
-    EXPECT_TRUE(Prints("registry check " + kStore, 1,
-                       kStore + ":19: \"[\" without \"]\": read as the value \"[x\"\n"));
 }
 
 TEST_F(Kemdctl, SetAndDeleteRefuse) {
-    const std::string set = "registry set HKEY_LOCAL_MACHINE";
     for (const std::string& each :
          {" a=b string x"s, " '[a' string 'x]'"s, " 'a\nb' string x"s, " a string 'x\ny'"s,
-          " a number 2147483648"s, " a number 5x"s, " a number ''"s, " a binary 0g"s,
-          " a binary 0ff"s, " a other x"s, " sub string x"s, "/num a string x"s, "/a]b a string x"s,
-          "X a string x"s, " long string " + std::string(1016, 'x'),
-          "/" + std::string(1021, 'k') + " a string x"})
-        EXPECT_TRUE(Prints(set + each, 2, "", "kemdctl: "));
-    for (const char* const each : {"HKEY_LOCAL_MACHINE", "HKEY_USERS/", "''"})
+          " a number 2147483648"s, " a number 5x"s, " a binary 0ff"s, " a other x"s,
+          " sub string x"s, "/num a string x"s, "/a]b a string x"s, "X a string x"s,
+          " long string " + std::string(1016, 'x')})
+        EXPECT_TRUE(Prints("registry set HKEY_LOCAL_MACHINE" + each, 2, "", "kemdctl: "));
+    for (const char* const each : {"HKEY_USERS/", "''"})
         EXPECT_TRUE(Prints("registry delete "s + each, 2, "", "a root key cannot be deleted\n"));
-    for (const char* const each : {"none", "/none", "/num", " sub", "/sub/none x"})
+    for (const char* const each : {" none", "/none", " sub", "/sub/none x"})
         EXPECT_TRUE(Prints("registry delete HKEY_LOCAL_MACHINE"s + each, 1, "", "kemdctl: no "));
     EXPECT_EQ(ReadFile(kStore), before);
     EXPECT_FALSE(fs::exists(kStore + ".old"));
@@ -162,10 +122,7 @@ TEST_F(Kemdctl, DeleteTakesOneValueOrAWholeKey) {
     EXPECT_TRUE(Prints("registry delete HKEY_LOCAL_MACHINE num", 0, ""));
     EXPECT_TRUE(Prints("registry delete 'HKEY_LOCAL_MACHINE\\a/b\\'", 0, ""));
     EXPECT_TRUE(Contains(ReadFile(kStore), "home=es=%HOME%/x\n[sub]\n"));
-    // The process counts, not what stands in place of the process-id file.
-    ASSERT_EQ(mkfifo("/var/run/kemd.pid", 0644), 0);
-    EXPECT_TRUE(Prints("registry set HKEY_USERS a string x", 0, ""));
-    fs::remove("/var/run/kemd.pid");
+    // A running daemon would overwrite the change. It is found without its process-id file.
     fs::copy_file("/bin/sh", "/tmp/kemd");
     EXPECT_TRUE(Shows(
         "registry list X; /tmp/kemd -c '/build/bin/kemdctl registry delete HKEY_LOCAL_MACHINE/sub "
@@ -183,13 +140,6 @@ TEST_F(Kemdctl, WritersTakeTurns) {
 
 TEST_F(Kemdctl, FileFailuresAreReported) {
     EXPECT_TRUE(Shows("registry list >/dev/full", 2, {"standard output: No space left on device"}));
-    EXPECT_EQ(Registry("list >&-").code, 2);
-    for (const std::string& file : {kStore + ".new", kStore + ".lock"}) {
-        fs::remove(file);
-        fs::create_directory(file);
-        EXPECT_TRUE(Prints("registry set HKEY_USERS a string x", 2, "",
-                           "kemdctl: cannot save " + kStore + ": " + file + ": Is a directory\n"));
-    }
     fs::remove_all("/etc/orvmon");
     WriteFile("/full/registry", before);
     fs::create_symlink("/full", "/etc/orvmon");
@@ -205,8 +155,7 @@ TEST_F(Kemdctl, FileFailuresAreReported) {
                        "/etc/orvmon/registry.old is used\n"));
     fs::remove("/etc/orvmon");
     fs::create_directory("/etc/orvmon");
-    for (const char* const each : {"list", "get a b", "export", "set HKEY_USERS a string x"})
-        EXPECT_TRUE(Prints("registry "s + each, 2, "", "No such file or directory"));
+    EXPECT_TRUE(Prints("registry export", 2, "", "No such file or directory"));
     EXPECT_TRUE(
         Shows("registry list --json", 2,
               {"{\"error\":\"no registry can be loaded; /etc/orvmon/registry: No such file"}));
@@ -215,25 +164,19 @@ TEST_F(Kemdctl, FileFailuresAreReported) {
 // A lease makes opening the file fail for a while.
 TEST_F(Kemdctl, StoreThatCannotBeReadNowIsNotReplaced) {
     const std::string old = kMachine + "num=d=1\n\n\n";
-    for (const std::string path : {"/etc/orvmon/registry.old", "/tmp/part"}) WriteFile(path, old);
+    WriteFile(kStore + ".old", old);
     (void)signal(SIGIO, SIG_IGN);
     UniqueFd store(open(kStore.c_str(), O_RDONLY | O_CLOEXEC));
     ASSERT_EQ(fcntl(store.Get(), F_SETLEASE, F_WRLCK), 0);
     for (const char* const each :
-         {"list", "get HKEY_LOCAL_MACHINE num", "set HKEY_USERS a string x",
-          "delete HKEY_LOCAL_MACHINE num", "export", "export /tmp/copy", "import /tmp/part"}) {
+         {"list", "set HKEY_USERS a string x", "import /etc/orvmon/registry.old"})
         EXPECT_TRUE(Prints(
             "registry "s + each, 2, "",
             "kemdctl: cannot read /etc/orvmon/registry: Resource temporarily unavailable\n"
             "kemdctl: try again; if that does not help, kemdctl registry restore brings back an "
             "older one\n"));
-    }
-    fs::create_directory(kStore + ".default");
     EXPECT_TRUE(Shows("check -q", 1,
-                      {"registry cannot be read: Resource temporarily unavailable -- check "
-                       "again; if it still cannot be read: kemdctl registry restore\n",
-                       "registry.default cannot be read: Is a directory -- install it"}));
-    fs::remove(kStore + ".default");
+                      {"registry cannot be read: Resource temporarily unavailable -- check "}));
     store.Reset();
     EXPECT_EQ(ReadFile(kStore), before);
     UniqueFd older(open((kStore + ".old").c_str(), O_RDONLY | O_CLOEXEC));
@@ -241,25 +184,10 @@ TEST_F(Kemdctl, StoreThatCannotBeReadNowIsNotReplaced) {
     EXPECT_TRUE(
         Prints("registry restore", 2, "", "registry.old: Resource temporarily unavailable\n"));
     fs::remove(kStore);
-    // Nor does the default take its place.
-    EXPECT_EQ(Registry("set HKEY_USERS a string x").code, 2);
+    EXPECT_EQ(Registry("set HKEY_USERS a string x").code, 2);  // the default is not used either
     older.Reset();
     EXPECT_FALSE(fs::exists(kStore));
     EXPECT_EQ(ReadFile(kStore + ".old"), old);
-}
-
-TEST_F(Kemdctl, OnlyRootChangesTheStore) {
-    for (const char* const path : {"/tmp/out", "/tmp/err"}) chmod(path, 0666);
-    chmod("/usr", 0755);  // the sandbox made it for root alone
-    const pid_t child = fork();
-    // In a user namespace root is the only user.
-    if (child == 0) _exit(setuid(65534) == 0 ? Registry("set HKEY_USERS a string x").code : 99);
-    int status = 0;
-    waitpid(child, &status, 0);
-    if (WEXITSTATUS(status) == 99) GTEST_SKIP() << "no other user";
-    EXPECT_EQ(WEXITSTATUS(status), 2);
-    EXPECT_EQ(ReadFile("/tmp/err"),
-              "kemdctl: cannot open /etc/orvmon/kemdctl.lock: Permission denied; run it as root\n");
 }
 
 TEST_F(Kemdctl, CheckNamesEveryLineThatIsMisread) {
@@ -285,32 +213,19 @@ TEST_F(Kemdctl, CheckNamesEveryLineThatIsMisread) {
         "14: a second \"n\" in this key: replaces the first",
         "17: \"O\\x1b\" is not one of the root keys",
         "21: ignored with all that follows: an empty line ended the top level",
-    };
-    std::string expected;
-    for (const std::string finding : findings) expected += "/tmp/bad:" + finding + "\n";
+        "21: the root key HKEY_USERS is missing\n"};
     WriteFile("/tmp/bad", file);
-    const Result result = Registry("check /tmp/bad");
-    EXPECT_EQ(result.code, 1);
-    EXPECT_TRUE(result.out.starts_with(expected)) << result.out;
-    EXPECT_TRUE(Contains(result.out, "21: the root key HKEY_USERS is missing\n"));
-
+    EXPECT_TRUE(Shows("registry check /tmp/bad", 1, {std::begin(findings), std::end(findings)}));
     WriteFile("/tmp/bad", "[HKEY_USERS]\n\n" + kOthers + "[HKEY_LOCAL_MACHINE]\n[a]\n");
     EXPECT_TRUE(Prints("registry check --json /tmp/bad", 1,
                        "[{\"line\":10,\"message\":\"the file ends inside 2 keys: an empty line is "
                        "missing for each\"}]\n"));
     EXPECT_TRUE(Prints("registry check --json " + kStore, 0, "[]\n"));
-    WriteFile("/tmp/bad", "");
-    EXPECT_TRUE(Shows("registry check /tmp/bad", 1, {"no key and no value: no registry file\n"}));
-    for (const char* const path : {"/tmp", "/dev/zero", "/tmp/none"})
-        EXPECT_TRUE(Prints("registry check "s + path, 2, "", "cannot open "s + path + ": "));
 }
 
 TEST_F(Kemdctl, ExportAndImportCarryTheStore) {
-    EXPECT_TRUE(Prints("registry export", 0, before));
     EXPECT_TRUE(Prints("registry export /tmp/copy", 0, ""));
     EXPECT_EQ(ReadFile("/tmp/copy"), before);
-    EXPECT_EQ(fs::status("/tmp/copy").permissions(), fs::perms(0644));
-
     WriteFile("/tmp/part", "[HKEY_LOCAL_MACHINE]\n[new]\n\n\n");
     WriteFile("/tmp/bad", "[HKEY_USERS]\nv=s=x\nskipped\n\n");
     EXPECT_TRUE(Prints("registry import /tmp/part", 0, ""));
@@ -318,8 +233,6 @@ TEST_F(Kemdctl, ExportAndImportCarryTheStore) {
     EXPECT_EQ(ReadFile(kStore), kOthers + kMachine + "[new]\n\n\n" + kUsers);
     EXPECT_EQ(Registry("import --force - </tmp/bad").code, 0);
     EXPECT_EQ(Registry("get HKEY_USERS v").out, "x\n");
-    WriteFile("/tmp/bad", "nothing\n");
-    EXPECT_TRUE(Prints("registry import --force /tmp/bad", 2, "", "it holds no registry\n"));
 
     for (const char* const end : {"", ".old"}) fs::remove(kStore + end);
     EXPECT_TRUE(Prints("registry import - </tmp/copy", 0, "", "note: - becomes the whole store\n"));
@@ -327,12 +240,9 @@ TEST_F(Kemdctl, ExportAndImportCarryTheStore) {
 }
 
 TEST_F(Kemdctl, RestoreExchangesGenerations) {
-    for (const char* const text : {"", "v=s=x\n", "nothing\n", "v=d=\n"}) {
-        WriteFile(kStore + ".old", text);
-        EXPECT_TRUE(Prints("registry restore", 2, "", "registry.old: it holds no registry\n"));
-        EXPECT_EQ(ReadFile(kStore) + ReadFile(kStore + ".old"), before + text);
-    }
-    EXPECT_TRUE(Prints("registry restore --default", 2, "", "registry.default: No such file"));
+    WriteFile(kStore + ".old", "nothing\n");
+    EXPECT_TRUE(Prints("registry restore", 2, "", "registry.old: it holds no registry\n"));
+    EXPECT_EQ(ReadFile(kStore) + ReadFile(kStore + ".old"), before + "nothing\n");
     WriteFile(kStore + ".default", kMachine + "only=d=1\n\n\n");
     EXPECT_TRUE(Prints("registry restore --default", 0, ""));
     EXPECT_EQ(ReadFile(kStore) + ReadFile(kStore + ".old"), kMachine + "only=d=1\n\n\n" + before);
@@ -347,16 +257,10 @@ TEST_F(Kemdctl, ADeepStoreIsNoTrouble) {
     store.append(kDepth, '\n').append(kUsers);
     WriteFile(kStore, store);
     EXPECT_TRUE(Prints("registry check " + kStore, 0, ""));
-    EXPECT_EQ(Registry("list -r >/dev/null").code, 0);
     const Result result = Registry("list -r --json");
-    EXPECT_EQ(result.code, 0);
     EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '{'), kDepth + 5);
     EXPECT_EQ(Registry("set HKEY_USERS a string x; /build/bin/kemdctl registry restore").code, 0);
     EXPECT_TRUE(ReadFile(kStore) == store);  // EXPECT_EQ would compare for hours
-    // The reader went away: an error without a message.
-    (void)Registry(
-        "list; { /build/bin/kemdctl registry export; echo $? >/tmp/code; } 2>/tmp/err | :");
-    EXPECT_EQ(ReadFile("/tmp/code") + ReadFile("/tmp/err"), "2\n");
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// kemdctl status and check beside the real daemon, and in worlds where nothing or everything is
-// right.
-#include <fcntl.h>
+// kemdctl status and check, with the real daemon and on systems where all is right or much is
+// wrong.
 #include <sys/stat.h>
 
 #include "kemdctl/ui/report.h"
@@ -19,27 +18,22 @@ static std::string Process(pid_t pid) {
     return "process " + std::to_string(pid);
 }
 
-// On a host the files are writable for root alone, whatever the umask of who builds and tests.
+// Files are writable by root alone, as on a host, whatever umask the build has.
 static const mode_t kInheritedUmask = umask(022);
 
 static void Install(const std::string& from, const std::string& to) {
     WriteFile(to, ReadFile(from));
 }
 
-class StatusTest : public DaemonTest {
-  protected:
-    void UseModules() {
-        UseSwitch("reference");
-        fs::remove_all("/opt");
-        Install("/build/modules/counter.so", "/opt/modules/counter.so");
-        Install("/build/modules/heartbeat.so", "/opt/modules/heartbeat.so");
-        m_environment["OV_MODULE_DIR"] = "/opt/modules";
-        m_environment["PATH"] = "/usr/bin";  // the start-up ring is compressed
-    }
-};
+class StatusTest : public DaemonTest {};
 
 TEST_F(StatusTest, ForegroundWithModules) {
-    UseModules();
+    UseSwitch("reference");
+    for (const std::string module : {"counter.so", "heartbeat.so"}) {
+        Install("/build/modules/" + module, "/opt/modules/" + module);
+    }
+    m_environment["OV_MODULE_DIR"] = "/opt/modules";
+    m_environment["PATH"] = "/usr/bin";  // the start-up ring is compressed
     ConfigureTrace(1);
     const pid_t pid = Run({"-ovupd", "-agentless", "-rescan"});
     const std::string number = std::to_string(pid);
@@ -70,12 +64,11 @@ TEST_F(StatusTest, BackgroundAndKilled) {
     ASSERT_TRUE(WaitForLog("Waiting for signals"));
     const std::string writer = "\"kemd#" + std::to_string(starter) + "\", held by " + Process(pid);
     EXPECT_TRUE(Shows("status", 0, {"7, OVINS, background\n", writer}));
-    // A daemon that cannot write the file runs all the same.
+    // A daemon that cannot write its process-id file runs nevertheless.
     fs::remove(kPidFile);
     EXPECT_TRUE(Shows("status", 0, {Process(pid), "-id file:  not there, which is allowed"}));
-    // Without the name in the file system nobody can find the lock.
+    // Without its name in the file system the lock protects nothing.
     fs::rename(kLockFile, "/run/lock/other");
-    EXPECT_TRUE(Shows("status", 0));
     EXPECT_TRUE(Shows("check -q", 1, {"kemd.lock: not there although kemd runs"}));
     fs::rename("/run/lock/other", kLockFile);
 
@@ -89,7 +82,7 @@ TEST_F(StatusTest, BackgroundAndKilled) {
     EXPECT_TRUE(Shows("status", 3, {"1, which is not the daemon but \"kemdctl_state"}));
 }
 
-// What the files of a daemon long gone say, as far as it makes sense.
+// What the files of a past run say, damaged as they are.
 TEST_F(StatusTest, TraceFiles) {
     const auto line = [](const std::string& stamp, const std::string& text) {
         return "2020-01-01 " + stamp + " [D82A0740]     3188 KB !" + text + "\n";
@@ -117,7 +110,6 @@ TEST_F(StatusTest, TraceFiles) {
         {"trace level:      6\n", "wrapped 3 times", "newest record:    2020-01-01 10:00:05.000",
          "in log.kemd_a\n", "modules:          \\x1b[2J.so stopped, b.so failed to start\n"}));
     fs::remove("/var/log/orvmon/log.kemd_a");
-    EXPECT_TRUE(Shows("status", 3, {"newest record:    2020-01-01 10:00:04.000"}));
     // Not readable, even for root.
     fs::create_symlink("log.kemd_a", "/var/log/orvmon/log.kemd_a");
     EXPECT_TRUE(Shows("status", 3, {"start (perhaps not all: /var/log/orvmon/log.kemd_a cannot"}));
@@ -126,27 +118,6 @@ TEST_F(StatusTest, TraceFiles) {
     EXPECT_TRUE(Shows("status --json", 3,
                       {"\"modulesNote\":\"not known: ", "\"severity\":\"error\"",
                        "tracing failed at the last start of kemd: open of x failed (y)\""}));
-}
-
-// A daemon without the ring buffer that it should have: no room for it, and gone since.
-TEST_F(StatusTest, TracingFailed) {
-    fs::remove_all("/opt");
-    for (const bool hasRoom : {false, true}) {
-        m_environment["OV_LOG_RINGBUF_DIR"] = m_logDirectory =
-            hasRoom ? "/var/log/orvmon" : "/small";
-        UseSwitch("reference");
-        m_environment["OV_MODULE_DIR"] = "/opt/modules";
-        // The ring may leave no room for the log.
-        const pid_t pid = hasRoom ? Run() : Start({"-n"});
-        ASSERT_TRUE(WaitFor([] { return ReadFile(kPidFile).ends_with('\n'); }));
-        EXPECT_TRUE(Shows("status", 0,
-                          {"modules:          none is installed; install -d -m 755 /opt/modules; "
-                           "install -m 644 MODULE.so /opt/modules/ and restart kemd\n"}));
-        EXPECT_EQ(Contains(ReadFile("/tmp/out"), "\nerror: "), !hasRoom) << ReadFile("/tmp/out");
-        fs::remove(m_logDirectory + "/log.kemd_a");
-        EXPECT_TRUE(Shows("status", 0, {"\nerror:            ", " -- kemdctl check names"}));
-        EXPECT_EQ(Stop(pid), 0);
-    }
 }
 
 class CheckTest : public DaemonTest {
@@ -181,28 +152,21 @@ TEST_F(CheckTest, NothingToMend) {
     EXPECT_EQ(Ctl("check --json --quiet").out, "[]\n");
 }
 
-// Whatever goes wrong, --json prints one document, and it says what.
+// However a command ends, --json prints one document, and it names the error.
 TEST_F(CheckTest, FailuresAreInTheDocument) {
-    const struct {
-        const char* arguments;
-        const char* error;
-    } wrong[] = {
-        {"--json", "a command is missing; see kemdctl --help"},
-        {"trace --json /none", "/none: No such file or directory"},
-        {"--json n\x1b", "unknown command n\\\\x1b; see kemdctl --help"},
-        {"status --json now", "unexpected argument now; see kemdctl status --help"},
-        {"--json check --json", "repeated option --json; see kemdctl check --help"},
-        {"check --json=1", "a value for the option --json; see kemdctl check --help"},
-        {"prepare --json", "unknown option --json; see kemdctl prepare --help"},
-    };
-    for (const auto& [arguments, error] : wrong) {
-        EXPECT_TRUE(Shows(arguments, 2, {"kemdctl: "}));
-        EXPECT_EQ(ReadFile("/tmp/out"), std::string("{\"error\":\"") + error + "\"}\n");
-    }
-    EXPECT_EQ(Ctl("status now").out, "");
+    ExpectAll(
+        "",
+        {{"--json", 2, "{\"error\":\"a command is missing; see kemdctl --help\"}\n", "is missing"},
+         {"--json n\x1b", 2, "{\"error\":\"unknown command n\\\\x1b; see kemdctl --help\"}\n",
+          "unknown command n\\x1b\n"},
+         {"status now", 2, "", "unexpected argument now\n"},
+         {"--json check --json", 2,
+          "{\"error\":\"repeated option --json; see kemdctl check --help\"}\n", "repeated"},
+         {"check --json=1", 2,
+          "{\"error\":\"a value for the option --json; see kemdctl check --help\"}\n", "a value"},
+         {"check --json >/dev/full", 2, "", "write standard output: No space left"}});
     EXPECT_TRUE(Shows("trace --html /none/x --json /dev/null", 2,
                       {"{\"file\":\"/none/x\",\"error\":\"cannot write /none/x: No such file"}));
-    EXPECT_TRUE(Shows("check --json >/dev/full", 2, {"write standard output: No space left"}));
     // Not readable, even for root.
     fs::create_symlink("RunLevel", "/etc/orvmon/RunLevel");
     EXPECT_TRUE(Shows("check --json", 2,
@@ -210,7 +174,7 @@ TEST_F(CheckTest, FailuresAreInTheDocument) {
                        "},{\"error\":\"cannot look at /etc/orvmon/RunLevel: "
                        "Too many levels of symbolic links\"}]\n"}));
     EXPECT_TRUE(JsonCheck::IsValid(ReadFile("/tmp/out")));
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which take more themselves
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they need more memory
     WriteFile("/var/log/orvmon/log.kemd",
               "2026-11-15 10:00:00.000 [D82A0740]     3000 KB !kemd   " +
                   std::string(size_t{50} << 20, 'x'));
@@ -220,26 +184,20 @@ TEST_F(CheckTest, FailuresAreInTheDocument) {
 #endif
 }
 
-// Memory or a file may fail anywhere in a result.
+// Memory may run out, or a file fail, anywhere in a result.
 TEST(ReportWriterTest, ACommandThatStopsInTheMiddleLeavesAWholeDocument) {
-    for (const bool isObject : {true, false}) {
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        ReportWriter report(true);
-        isObject ? report.OpenObject() : report.OpenArray();
-        report.OpenArray(isObject ? "list" : "");
-        report.OpenObject();
-        report.Null("none");
-        report.Line("for people");
-        if (isObject) Complain("no \"%s\"", "more");
-        report.Finish(kError);
-        EXPECT_TRUE(Contains("kemdctl: no \"more\"\n", testing::internal::GetCapturedStderr()));
-        EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                  isObject ? R"({"list":[{"none":null}],"error":"no \"more\""})"
-                             "\n"
-                           : R"([[{"none":null}],{"error":"no \"more\""}])"
-                             "\n");
-    }
+    testing::internal::CaptureStdout();
+    ReportWriter report(true);
+    report.OpenObject();
+    report.OpenArray("list");
+    report.OpenObject();
+    report.Null("none");
+    report.Line("for people");
+    Complain("no \"%s\"", "more");
+    report.Finish(kError);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              R"({"list":[{"none":null}],"error":"no \"more\""})"
+              "\n");
 }
 
 TEST_F(CheckTest, EverythingIsWrong) {
@@ -280,7 +238,7 @@ TEST_F(CheckTest, EverythingIsWrong) {
     EXPECT_TRUE(Contains(Ctl("check -q").out, "write its log to /log.kemd"));
 }
 
-// Who can put something else in the place of what root runs or reads is root.
+// Whoever can replace what root runs or reads becomes root.
 TEST_F(CheckTest, WhatOthersCouldReplace) {
     for (const std::string path : {"/opt/open", "/opt/shared", "/opt/sticky"}) {
         fs::create_directory(path);
@@ -295,26 +253,20 @@ TEST_F(CheckTest, WhatOthersCouldReplace) {
     chmod((kTraceConfig + "kemd.ini").c_str(), 0666);
     chmod("/var/log", 0775);
     const bool isRealRoot = lchown("/opt/open/link", 1000, 0) == 0;  // a user namespace has no 1000
-    const Result result = Ctl("check");
+    const std::string check = Ctl("check").out;
     chmod("/var/log", 0755);
-    EXPECT_EQ(result.code, 1) << result.err;
     EXPECT_TRUE(Holds(
-        result.out,
+        check,
         {"error    /opt/open may be written", "error    /opt/shared may be written",
          "warning  /etc/default/kemd, line 5: a quote", "error    /etc/default/kemd may be",
          "/TraceConfig/kemd.ini may be written", "error    /var/log may be", "-- chmod go-w /var",
          "ok       /opt/lib/../sticky/modules/heartbeat.so is a module and safe"},
         {"/opt/none", "/opt/sticky may", "kemd, line 3", "kemd, line 4"}));
-    if (!isRealRoot) return;
-    EXPECT_TRUE(
-        Contains(result.out, "/opt/open/link belongs to user 1000 -- chown -h root:root /"));
-    WriteFile(kLockFile, "");
-    ASSERT_EQ(chown(kLockFile, 1000, 0), 0);
-    EXPECT_TRUE(InOrder(Ctl("check").out, {"kemd.lock: belongs to user 1000", "-- rm /var/lock/"}));
-    fs::remove(kLockFile);
+    const char* const link = "/opt/open/link belongs to user 1000 -- chown -h root:root /";
+    EXPECT_EQ(isRealRoot, Contains(check, link));
 }
 
-// Nobody is led to change a device, and a name is one word of the command.
+// No advice changes a device, and a file name stays one word of a command.
 TEST_F(CheckTest, AdviceIsSafe) {
     const std::string global = kTraceConfig + "global_trace.ini";
     fs::create_symlink("/dev/null", global);
@@ -330,39 +282,27 @@ TEST_F(CheckTest, AdviceIsSafe) {
                       "/opt/trace is not a directory, it leads to /dev/null -- make it lead to a",
                       "-- chmod go-w '/opt/it'\\''s $(me)'\n",
                       "-- install -d -m 755 $'/opt/it\\'s $(me)/a\\033'; install -m 644 "}));
-    fs::remove("/etc/default/kemd");
-    fs::create_symlink("/dev/null", "/etc/default/kemd");
-    const std::string masked = Ctl("check").out;
-    EXPECT_TRUE(Contains(masked, "ok       /etc/default/kemd is masked"));
-    std::istringstream lines(check + masked);
+    std::istringstream lines(check);
     for (std::string line; std::getline(lines, line);) {
         EXPECT_FALSE(InOrder(line, {" -- ", "/dev/null"})) << line;
     }
 }
 
-// What the daemon makes of a number, and which sizes it cannot use.
+// How the daemon reads a number, and which sizes it cannot use.
 TEST_F(CheckTest, SizesOfTheTrace) {
     // A variable, or a key of the module's section.
     const std::pair<std::string, const char*> cases[] = {
-        {"OV_LOG_FILE_MAX_SIZE=10M", "OV_LOG_FILE_MAX_SIZE \"10M\" counts as 10 --"},
         {"OV_LOG_FILE_MAX_SIZE=10M", "the log's limit is 10 bytes: too small for the messages"},
         {"OV_LOG_FILE_MAX_SIZE=0", "limit is 0 bytes: each message overwrites the one before"},
         {"OV_LOG_FILE_MAX_SIZE=99999999999", "\" counts as 1215752191 --"},
-        {"OV_LOG_FILE_MAX_SIZE=-1", "\"-1\" counts as 4294967295 --"},
         {"OV_LOG_FILE_MAX_SIZE=4096\nOV_LOG_NOHDR_TOSDTERR=0", "too small for its header and"},
         {"OV_LOG_FILE_MAX_SIZE=4096\nOV_LOG_NOHDR_TOSDTERR=1", ""},
-        {"OV_LOG_RINGBUF_WEIGHT=0x10", "OV_LOG_RINGBUF_WEIGHT \"0x10\" counts as 0 --"},
         {"OV_LOG_RINGBUF_WEIGHT=0x10", "factor x weight is 1 x 0 -- set RingBufferSizeFactor"},
-        {"OV_LOG_RINGBUF_WEIGHT_KEMD=", "OV_LOG_RINGBUF_WEIGHT_KEMD \"\" counts as 0 --"},
         {"TraceFileLimit=9\nOV_LOG_RINGBUF_WEIGHT=256",
          "refused for its size: factor x weight "
          "is 2 x 256, 512.0 MiB and four times that at start -- set TraceFileLimit and OV_LOG_"},
-        {"TraceFileLimit=-1", "refused for its size"},
-        {"TraceFileLimit=-1", "\"-1\" counts as -1 --"},
-        {"RingBufferSizeWeight = 4 MB", "RingBufferSizeWeight \"4 MB\" counts as 4 --"},
-        {"RingBufferSizeWeight = 010", "RingBufferSizeWeight \"010\" counts as 8 --"},
-        {"RingBufferSizeWeight = 4294967297", "\" counts as 1 --"},
         {"RingBufferSizeWeight = -1", "is not a number of 0 or more: counts as absent --"},
+        {"RingBufferSizeWeight = 4294967297", "\" counts as 1 --"},
         {"RingBufferSizeWeight = 0x4", ""},
     };
     const std::string base = ReadFile("/etc/default/kemd") + "OV_LOG_RINGBUF_DIR=/tmp\n";
@@ -396,59 +336,39 @@ TEST_F(CheckTest, FileSystems) {
     WriteFile("/small/other", std::string(4 << 20, 'x'));
     fs::remove(fs::path("/etc/orvmon"));
     fs::create_symlink("/small", "/etc/orvmon");
-    WriteFile("/etc/default/kemd", ReadFile("/etc/default/kemd") + "OV_LOG_RINGBUF_DIR=/fixed\n");
-    EXPECT_TRUE(InOrder(Ctl("check").out,
-                        {"error    /fixed is on a read-only file system: kemd cannot write its "
-                         "trace there -- mount it writable, or give another directory",
-                         "error    /etc/orvmon is on a file system that is full: kemd may fail"}));
+    EXPECT_TRUE(Contains(Ctl("check").out, "/etc/orvmon is on a file system that is full: kemd"));
     fs::remove(fs::path("/etc/orvmon"));
 }
 
-// A set-uid program of an ordinary user, under the daemon's name.
+// A set-uid program of an ordinary user has the daemon's name. (A user namespace has no user 1000.)
 TEST_F(StatusTest, OfAnotherUser) {
-    Install("/bin/gzip", "/opt/user/kemd");
+    Install("/bin/sh", "/opt/user/kemd");
     chmod("/opt/user/kemd", 0755);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(open("/dev/zero", O_RDONLY), STDIN_FILENO);
-        dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
-        // A user namespace has no 1000.
-        if (setresuid(1000, 0, 0) == 0) execl("/opt/user/kemd", "kemd", "-c", nullptr);
-        _exit(1);
-    }
-    const std::string name = "/proc/" + std::to_string(pid) + "/comm";
-    ASSERT_TRUE(
-        WaitFor([&] { return ReadFile(name) == "kemd\n" || waitpid(pid, nullptr, WNOHANG) != 0; }));
-    WriteFile(kPidFile, std::to_string(pid) + "\n");
-    EXPECT_TRUE(Shows("status", 3));
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-    for (const char* const path : {"/opt/user", kPidFile}) fs::remove_all(path);
+    const auto status = [](uid_t user) {
+        return InChild([user] {
+            if (setresuid(user, 0, 0) != 0) return 3;
+            return execl("/opt/user/kemd", "kemd", "-pc",
+                         "/build/bin/kemdctl status >/tmp/out; exit $?", nullptr);
+        });
+    };
+    EXPECT_EQ(status(0), 0);
+    EXPECT_EQ(status(1000), 3);
+    fs::remove_all("/opt/user");
 }
 
-// Cut anywhere or with its table anywhere, a library is broken and nothing worse.
+// A library that is cut or damaged anywhere is reported as broken.
 TEST_F(CheckTest, BrokenLibraries) {
     const std::string library = ReadFile("/build/lib/libswitch.so");
-    std::vector<std::string> broken = {""};
-    for (const size_t size : {1, 63, 64, 4096}) broken.push_back(library.substr(0, size));
+    std::vector<std::string> broken;
+    for (const size_t size : {0, 1, 63, 64, 4096}) broken.push_back(library.substr(0, size));
     for (const size_t position : {5, 16, 18, 0x20, 0x27, 0x36}) {
         broken.push_back(library);
         broken.back()[position] = '\x7f';
     }
     for (const std::string& each : broken) {
         WriteFile("/opt/lib/libswitch.so", each);
-        const Result result = Ctl("check -q");
-        EXPECT_EQ(result.code, 1);
-        EXPECT_TRUE(Contains(result.out, "error    ")) << result.out;
-        EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'),
-                  1 + (Contains(result.out, "is skipped") ? 1 : 0))
-            << result.out;
+        EXPECT_TRUE(Shows("check -q", 1, {"error    "}));
     }
-    // The loader does without sections.
-    std::string stripped = library;
-    stripped.replace(0x28, 8, 8, '\x7f');
-    WriteFile("/opt/lib/libswitch.so", stripped);
-    EXPECT_EQ(Ctl("check -q").out, "");
 }
 
 // Head, entries for two kinds of processors, texts: as ldconfig writes it.
