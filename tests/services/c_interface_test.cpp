@@ -1,11 +1,13 @@
 // The C interface as a module in another language uses it: results, sizes and ends of lists.
 #include <cerrno>
 #include <climits>
+#include <cstdarg>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "kemd/exit_event.h"
+#include "kemd/trace.h"
 #include "kemd/services.h"
 #include "tests/services/registry_world.h"
 
@@ -123,6 +125,28 @@ TEST_F(CRegistryInterfaceTest, ListsEndWithENOENT) {
     KemdRegistryClose(sub);
     EXPECT_EQ(KemdRegistryOpen(&sub, "HKEY_LOCAL_MACHINE/nothing", 0), ENOENT);
     EXPECT_EQ(KemdRegistryOpen(&sub, "NO_ROOT/key", 1), EINVAL);
+}
+
+using CTraceTest = TracedTest;
+
+void WriteV(bool isMessage, unsigned level, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    isMessage ? KemdMessageV("c", format, args) : KemdTraceV("c", level, format, args);
+    va_end(args);
+}
+
+TEST_F(CTraceTest, ArgumentListsAndTheLevelInForce) {
+    const unsigned level = KemdTraceLevel();
+    EXPECT_EQ(level, Debug.TraceLevel());
+    WriteV(false, level, "at %d", 1);
+    WriteV(false, level + 1, "above %d", 2);
+    Debug.SwitchTrace(false);
+    EXPECT_EQ(KemdTraceLevel(), 0u);
+    Debug.SwitchTrace(true);
+    WriteV(true, 0, "message %d", 3);
+    EXPECT_TRUE(InOrder(Trace(), {" c             at 1\n", " c             message 3\n"}));
+    EXPECT_FALSE(Contains(Trace(), "above 2"));
 }
 
 TEST(CInterfaceTest, ProcessFiguresFillWhatTheCallerKnows) {
