@@ -80,7 +80,7 @@ bool Walk::Make(Call call, const char* name, const char* detail) {
     if (m_over) return false;
     if (m_process.Board().outcome == Outcome::kNoModule) return false;
     const double ms = static_cast<double>(m_process.Board().nanoseconds) / 1e6;
-    std::printf("%-8s %9.2f ms%s\n", name, ms, detail);
+    std::printf("%-9s%9.2f ms%s\n", name, ms, detail);
     std::fflush(stdout);
     if (ms > kSlowMs) Finding(std::string(name) + " takes long: everything else waits for it");
     return Judge(name);
@@ -115,7 +115,7 @@ void Walk::RunStarted() {
 
 // A text of the module, each line below the call.
 static void Show(std::string_view text) {
-    while (!text.empty()) std::printf("         %s\n", std::string(TakeLine(text)).c_str());
+    while (!text.empty()) std::printf("    %s\n", std::string(TakeLine(text)).c_str());
     std::fflush(stdout);
 }
 
