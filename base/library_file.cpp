@@ -73,10 +73,3 @@ LibraryFault LookAtLibrary(const char* path) {
     if (!isLoaded || !isDynamic) return {"its program headers name nothing to load"};
     return {};
 }
-
-const char* RefuseModule(const KemdModule* entry) {
-    if (entry == nullptr) return "it does not export kemdModule";
-    if (entry->version != KEMD_MODULE_VERSION) return "its interface version is another";
-    if (entry->start == nullptr || entry->stop == nullptr) return "start or stop is missing";
-    return nullptr;
-}

@@ -53,6 +53,3 @@ struct LibraryFault {
 // what they load and the dynamic section. Sections are not looked at, as the loader does not need
 // them. Never waits.
 LibraryFault LookAtLibrary(const char* path);
-
-// Why a loaded library is no module of this version; null when it is one. `entry`: its kemdModule.
-const char* RefuseModule(const KemdModule* entry);

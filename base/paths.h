@@ -6,6 +6,8 @@ inline constexpr const char* kLockName = "/var/lock/kemd";
 inline constexpr const char* kLockFile = "/var/lock/kemd.lock";
 inline constexpr const char* kPidFile = "/var/run/kemd.pid";
 inline constexpr const char* kModuleDirectory = "/usr/lib/kemd/modules";
+// One file of settings for each module that needs one: NAME.ini.
+inline constexpr const char* kModuleSettingsDirectory = "/etc/kemd/modules.d";
 // The variables that the service starts the daemon with.
 inline constexpr const char* kDefaultFile = "/etc/default/kemd";
 // Written by the stop scripts.

@@ -11,6 +11,8 @@
 #include <memory>
 
 #include "base/file_safety.h"
+#include "base/module_object.h"
+#include "base/paths.h"
 #include "base/process_setup.h"
 #include "module_host/host_trace.h"
 #include "module_host/walk.h"
@@ -21,9 +23,12 @@ constexpr int kUsageStatus = 2;
 
 constexpr const char* kHelp =
     "usage: kemd-module-host [OPTION...] MODULE.so\n"
-    "Takes the module through load, start, notify, stop and unload in a process of its own that\n"
-    "is prepared like the daemon, and reports what a daemon would see. Needs no privilege.\n"
+    "Takes the module through load, configure, start, health, requests, notify, stop and unload in\n"
+    "a process of its own that is prepared like the daemon, and reports what a daemon would see.\n"
+    "Needs no privilege.\n"
     "\n"
+    "  --settings FILE its settings (default /etc/kemd/modules.d/NAME.ini, as for the daemon)\n"
+    "  --request TEXT  make this request while it runs; may be given several times\n"
     "  --seconds N     let it run this long between start and stop (default 1)\n"
     "  --timeout N     the most seconds that one call may take (default 10)\n"
     "  --reboot        notify it that the system reboots\n"
@@ -58,6 +63,12 @@ bool TakeOption(int option, Arguments& arguments) {
             return ParseNumber(optarg, kDay, arguments.walk.timeout) && arguments.walk.timeout > 0;
         case 'l':
             return ParseNumber(optarg, 6, arguments.traceLevel);
+        case 'c':
+            arguments.walk.settings = optarg;
+            return true;
+        case 'q':
+            arguments.walk.requests.emplace_back(optarg);
+            return true;
         case 'r':
             arguments.walk.runLevel = 6;
             return true;
@@ -72,7 +83,9 @@ bool TakeOption(int option, Arguments& arguments) {
 }
 
 bool Parse(int argc, char** argv, Arguments& arguments) {
-    constexpr std::array<option, 7> kOptions = {{
+    constexpr std::array<option, 9> kOptions = {{
+        {"settings", required_argument, nullptr, 'c'},
+        {"request", required_argument, nullptr, 'q'},
         {"seconds", required_argument, nullptr, 's'},
         {"timeout", required_argument, nullptr, 't'},
         {"trace", required_argument, nullptr, 'l'},
@@ -88,7 +101,7 @@ bool Parse(int argc, char** argv, Arguments& arguments) {
     return arguments.help || arguments.module != nullptr;
 }
 
-int Walk(const char* module, const WalkOptions& options) {
+int Walk(const char* module, WalkOptions& options) {
     const std::unique_ptr<char, decltype(&free)> path(realpath(module, nullptr), free);
     if (!path) {
         std::fprintf(stderr, "kemd-module-host: %s: %s\n", module, std::strerror(errno));
@@ -96,6 +109,11 @@ int Walk(const char* module, const WalkOptions& options) {
     }
     const std::string unsafe = Unsafe(WalkPath(path.get()));
     if (!unsafe.empty()) std::fprintf(stderr, "note: a host would refuse it: %s\n", unsafe.c_str());
+    if (options.settings.empty()) {
+        const char* const fileName = std::strrchr(path.get(), '/') + 1;
+        options.settings =
+            std::string(kModuleSettingsDirectory) + "/" + ModuleName(fileName) + ".ini";
+    }
     switch (WalkModule(path.get(), options)) {
         case WalkResult::kClean:
             return 0;

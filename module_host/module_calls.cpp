@@ -6,23 +6,46 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <exception>
+#include <memory>
+#include <string>
 #include <thread>
 
 #include "base/library_file.h"
+#include "base/module_object.h"
 #include "base/process_setup.h"
+#include "kemd/config.h"
 #include "kemd/exit_event.h"
-#include "kemd/module.h"
 #include "kemd/module_switch.h"
 
 namespace {
 
 struct Module {
     void* library = nullptr;
-    const KemdModule* entry = nullptr;
+    std::string fileName;
+    ModuleObject object;
+};
+
+// Takes the answer to a request into the board's text.
+struct BoardReply : KemdReply {
+    CallBoard& board;
+    size_t length = 0;
+
+    explicit BoardReply(CallBoard& shared) : KemdReply{Append}, board(shared) { board.text[0] = 0; }
+
+    static int Append(KemdReply* reply, const char* text, size_t length) {
+        auto& self = static_cast<BoardReply&>(*reply);
+        if (length >= self.board.text.size() - self.length) return EMSGSIZE;
+        std::memcpy(self.board.text.data() + self.length, text, length);
+        self.length += length;
+        self.board.text[self.length] = '\0';
+        return 0;
+    }
 };
 
 void SetText(CallBoard& board, Outcome outcome, const char* text) {
@@ -38,26 +61,49 @@ void Load(CallBoard& board, Module& module, const char* path) {
     void* (*volatile const open)(const char*, int) = dlopen;
     module.library = open(path, RTLD_NOW | RTLD_LOCAL);
     if (module.library == nullptr) return SetText(board, Outcome::kNoModule, dlerror());
-    module.entry = static_cast<const KemdModule*>(dlsym(module.library, "kemdModule"));
-    const char* reason = RefuseModule(module.entry);
-    if (reason != nullptr) return SetText(board, Outcome::kNoModule, reason);
-    board.hasNotify = module.entry->notify != nullptr;
+    module.fileName = std::strrchr(path, '/') + 1;  // the path is absolute
+    const std::string reason =
+        module.object.Take(dlsym(module.library, "kemdModule"), module.fileName);
+    if (!reason.empty()) return SetText(board, Outcome::kNoModule, reason.c_str());
+    board.hasConfigure = module.object.HasConfigure();
+    board.hasHealth = module.object.HasHealth();
+    board.hasRequest = module.object.HasRequest();
+    board.hasNotify = module.object.HasNotify();
+}
+
+int Configure(const CallBoard& board, const Module& module) {
+    const std::string name = ModuleName(module.fileName);
+    const std::unique_ptr<KemdConfig, void (*)(KemdConfig*)> config(
+        KemdConfigOpen(board.input.data(), "Settings", name.c_str()), KemdConfigClose);
+    if (config == nullptr) throw std::bad_alloc();
+    return module.object.Configure(config.get());
 }
 
 void Make(CallBoard& board, Module& module, const char* path) {
     switch (board.call) {
         case Call::kLoad:
             return Load(board, module, path);
-        case Call::kStart:
-            board.result = module.entry->start();
+        case Call::kConfigure:
+            board.result = Configure(board, module);
             return;
+        case Call::kStart:
+            board.result = module.object.Start();
+            return;
+        case Call::kHealth:
+            board.result = module.object.Health(board.text.data(), board.text.size());
+            return;
+        case Call::kRequest: {
+            BoardReply reply(board);
+            board.result = module.object.Request(board.input.data(), reply);
+            return;
+        }
         case Call::kNotifyStop:
-            return module.entry->notify(kNotifyStop, nullptr);
+            return module.object.Notify(kNotifyStop, nullptr);
         case Call::kNotifyShutdown:
-            return module.entry->notify(kNotifyShutdown, &board.runLevel);
+            return module.object.Notify(kNotifyShutdown, &board.runLevel);
         case Call::kStop:
             (void)SetEvent(ExitEvent());  // as the daemon has done by then
-            return module.entry->stop();
+            return module.object.Stop();
         case Call::kUnload:
             (void)dlclose(module.library);
             return;

@@ -7,7 +7,18 @@
 #include <array>
 #include <cstdint>
 
-enum class Call { kNone, kLoad, kStart, kNotifyStop, kNotifyShutdown, kStop, kUnload };
+enum class Call {
+    kNone,
+    kLoad,
+    kConfigure,
+    kStart,
+    kHealth,
+    kRequest,
+    kNotifyStop,
+    kNotifyShutdown,
+    kStop,
+    kUnload,
+};
 
 enum class Outcome {
     kReturned,
@@ -25,10 +36,14 @@ struct CallBoard {
     Call call;
     Outcome outcome;
     int64_t nanoseconds;
-    int32_t result;    // of start
+    int32_t result;    // of configure, start, health and request
     int32_t runLevel;  // for kNotifyShutdown: 0 or 6
+    bool hasConfigure;
+    bool hasHealth;
+    bool hasRequest;
     bool hasNotify;
-    std::array<char, 512> text;
+    std::array<char, 4096> input;  // for kConfigure: the file; for kRequest: the text
+    std::array<char, 4096> text;   // also what health says, and the answer to a request
 };
 
 // Never returns. Posts `done` when it is ready and after each call. `path` is absolute. The process

@@ -2,10 +2,15 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <string>
+#include <string_view>
 
+#include "base/text.h"
+#include "kemd/module.h"
 #include "module_host/findings.h"
 #include "module_host/module_process.h"
 
@@ -28,7 +33,11 @@ class Walk {
     WalkResult Run();
 
   private:
+    bool Start();
     void RunStarted();
+    void AskHealth();
+    void MakeRequests();
+    void Notify();
     // True when the call returned normally.
     bool Make(Call call, const char* name, const char* detail = "");
     bool Judge(const char* name);
@@ -71,7 +80,7 @@ bool Walk::Make(Call call, const char* name, const char* detail) {
     if (m_over) return false;
     if (m_process.Board().outcome == Outcome::kNoModule) return false;
     const double ms = static_cast<double>(m_process.Board().nanoseconds) / 1e6;
-    std::printf("%-8s %9.2f ms%s\n", name, ms, detail);
+    std::printf("%-9s%9.2f ms%s\n", name, ms, detail);
     std::fflush(stdout);
     if (ms > kSlowMs) Finding(std::string(name) + " takes long: everything else waits for it");
     return Judge(name);
@@ -98,17 +107,69 @@ void Walk::RunStarted() {
     }
     std::printf("running  %9.2f ms\n", m_options.seconds * 1e3);
     Look();
-    if (m_process.Board().hasNotify) {
-        (void)Make(Call::kNotifyStop, "notify", "  0x20000");
+    if (m_process.Board().hasHealth) AskHealth();
+    MakeRequests();
+    if (!m_over && m_process.Board().hasNotify) Notify();
+    if (!m_over && Make(Call::kStop, "stop") && AwaitThreads()) (void)Make(Call::kUnload, "unload");
+}
+
+// A text of the module, each line below the call.
+static void Show(std::string_view text) {
+    while (!text.empty()) std::printf("    %s\n", std::string(TakeLine(text)).c_str());
+    std::fflush(stdout);
+}
+
+void Walk::AskHealth() {
+    if (!Make(Call::kHealth, "health")) return;
+    constexpr std::array<const char*, 3> kWords = {"ok", "warning", "failed"};
+    const auto state = static_cast<size_t>(m_process.Board().result);
+    const std::string text = m_process.Board().text.data();
+    if (state >= kWords.size()) {
+        return Finding("health is " + std::to_string(m_process.Board().result) +
+                       ", which means nothing");
+    }
+    Show(std::string(kWords[state]) + (text.empty() ? "" : ": " + text));
+    if (state == KEMD_HEALTH_FAILED) Finding("health has failed");
+}
+
+void Walk::MakeRequests() {
+    for (const std::string& request : m_options.requests) {
         if (m_over) return;
-        if (m_options.runLevel) {
-            m_process.Board().runLevel = *m_options.runLevel;
-            (void)Make(Call::kNotifyShutdown, "notify",
-                       *m_options.runLevel == 0 ? "  0x30000, halt" : "  0x30000, reboot");
-            if (m_over) return;
+        CallBoard& board = m_process.Board();
+        if (!board.hasRequest) return Finding("it takes no requests");
+        board.input[request.copy(board.input.data(), board.input.size() - 1)] = '\0';
+        if (!Make(Call::kRequest, "request")) continue;
+        Show(board.text.data());
+        if (board.result == 0) continue;
+        Finding("request \"" + request + "\" failed: " + std::strerror(board.result));
+    }
+}
+
+void Walk::Notify() {
+    (void)Make(Call::kNotifyStop, "notify", "  0x20000");
+    if (m_over || !m_options.runLevel) return;
+    m_process.Board().runLevel = *m_options.runLevel;
+    (void)Make(Call::kNotifyShutdown, "notify",
+               *m_options.runLevel == 0 ? "  0x30000, halt" : "  0x30000, reboot");
+}
+
+// Whether it runs.
+bool Walk::Start() {
+    CallBoard& board = m_process.Board();
+    if (board.hasConfigure) {
+        board.input[m_options.settings.copy(board.input.data(), board.input.size() - 1)] = '\0';
+        if (!Make(Call::kConfigure, "configure")) return false;
+        if (board.result != 0) {
+            Finding("it refused its settings with result " + std::to_string(board.result) +
+                    ": the module is left out");
+            return false;
         }
     }
-    if (Make(Call::kStop, "stop") && AwaitThreads()) (void)Make(Call::kUnload, "unload");
+    if (!Make(Call::kStart, "start")) return false;
+    if (board.result == 0) return true;
+    Finding("start failed with result " + std::to_string(board.result) +
+            ": the module is left out");
+    return false;
 }
 
 Processes Walk::ThreadsLeft() const {
@@ -150,12 +211,7 @@ WalkResult Walk::Run() {
         return WalkResult::kNoModule;
     }
     for (const std::string& text : ReplacedSymbols(m_path)) Finding(text);
-    const bool returned = Make(Call::kStart, "start");
-    const int result = m_process.Board().result;
-    if (returned && result != 0) {
-        Finding("start failed with result " + std::to_string(result) + ": the module is left out");
-    }
-    if (returned && result == 0) {
+    if (Start()) {
         RunStarted();
     } else if (!m_over) {
         (void)AwaitThreads();  // a module that failed is not unloaded

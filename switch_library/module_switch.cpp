@@ -18,6 +18,7 @@
 #include "base/file_safety.h"
 #include "base/library_file.h"
 #include "base/paths.h"
+#include "kemd/config.h"
 #include "kemd/trace.h"
 #include "switch_library/module_call.h"
 #include "switch_library/service_manager.h"
@@ -118,9 +119,9 @@ bool ModuleSwitch::IsLoaded(const std::string& name) const {
                        [&](const Module& module) { return module.name == name; });
 }
 
-bool ModuleSwitch::HasEntry(const KemdModule* entry) const {
+bool ModuleSwitch::HasObject(const ModuleObject& object) const {
     return std::any_of(m_modules.begin(), m_modules.end(),
-                       [&](const Module& module) { return module.entry == entry; });
+                       [&](const Module& module) { return module.object.IsSame(object); });
 }
 
 // All memory for the module's record is allocated before the module is loaded, so that none is
@@ -130,17 +131,21 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
     const PathReport file = WalkPath(directory + "/" + name);
     std::string fault = Unsafe(file);
     if (fault.empty()) fault = LookAtLibrary(file.resolved.c_str()).text;
+    Module module;
+    if (fault.empty()) module.settings = ReadModuleSettings(ModuleName(name), fault);
     if (!fault.empty()) return LeaveOut(name, "is left out", fault.c_str());
+    if (!module.settings.isEnabled) {
+        return Report(name, "is disabled", module.settings.file.c_str());
+    }
     Announce(name, "loading");
-    Module module{name, nullptr, nullptr, false, false, {}};
+    module.name = name;
     module.library = OpenModule(name, file.resolved);
     if (module.library == nullptr) return LeaveOut(name, "cannot be loaded", dlerror());
 
-    module.entry = static_cast<const KemdModule*>(dlsym(module.library, "kemdModule"));
-    const char* reason =
-        HasEntry(module.entry) ? "it is loaded under another name" : RefuseModule(module.entry);
-    if (reason != nullptr) {
-        LeaveOut(name, "is left out", reason);
+    std::string reason = module.object.Take(dlsym(module.library, "kemdModule"), name);
+    if (reason.empty() && HasObject(module.object)) reason = "it is loaded under another name";
+    if (!reason.empty()) {
+        LeaveOut(name, "is left out", reason.c_str());
         return CloseModule(name, module.library);
     }
     const std::lock_guard lock(m_lock);
@@ -151,24 +156,73 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
 void ModuleSwitch::StartAllModules() {
     // Registered once more: the handlers registered last, now those of the modules, run first.
     static const ExitReport report(*this);
-    for (Module& module : m_modules) {
-        if (!module.started && !module.failed) StartModule(module);
+    while (Module* const module = NextToStart()) StartModule(*module);
+    for (const Module& module : m_modules) {
+        const char* const missing = MissingFor(module);
+        if (module.startedAs != 0 || module.failed || missing == nullptr) continue;
+        LeaveOut(module.name, "is not started: it needs a module that does not run", missing);
     }
     const auto running = std::count_if(m_modules.begin(), m_modules.end(),
-                                       [](const Module& module) { return module.started; });
+                                       [](const Module& module) { return module.startedAs != 0; });
     ShowStatus("running, %d module%s", static_cast<int>(running), running == 1 ? "" : "s");
 }
 
+bool ModuleSwitch::Runs(const std::string& name) const {
+    return std::any_of(m_modules.begin(), m_modules.end(), [&](const Module& module) {
+        return module.startedAs != 0 && ModuleName(module.name) == name;
+    });
+}
+
+// The first module that must run before this one and does not; null: it may be started.
+const char* ModuleSwitch::MissingFor(const Module& module) const {
+    const char* const* name = module.object.StartAfter();
+    while (*name != nullptr && Runs(*name)) ++name;
+    return *name;
+}
+
+ModuleSwitch::Module* ModuleSwitch::NextToStart() {
+    const auto next = std::find_if(m_modules.begin(), m_modules.end(), [this](Module& module) {
+        return module.startedAs == 0 && !module.failed && MissingFor(module) == nullptr;
+    });
+    return next != m_modules.end() ? &*next : nullptr;
+}
+
+ModuleSwitch::Module* ModuleSwitch::LastStarted() {
+    const auto last = std::max_element(
+        m_modules.begin(), m_modules.end(),
+        [](const Module& a, const Module& b) { return a.startedAs < b.startedAs; });
+    return last != m_modules.end() && last->startedAs != 0 ? &*last : nullptr;
+}
+
+// False when the module refuses its settings.
+bool ModuleSwitch::Configure(Module& module) {
+    if (!module.object.HasConfigure()) return true;
+    const std::string name = ModuleName(module.name);
+    const std::unique_ptr<KemdConfig, void (*)(KemdConfig*)> config(
+        KemdConfigOpen(module.settings.file.c_str(), "Settings", name.c_str()), KemdConfigClose);
+    if (config == nullptr) throw std::bad_alloc();
+    int result = 0;
+    Thrown reason{};
+    const bool returned = CallModule(module.name, "configure", reason,
+                                     [&] { result = module.object.Configure(config.get()); });
+    if (returned && result == 0) return true;
+    if (returned) std::snprintf(reason.data(), reason.size(), "result %d", result);
+    LeaveOut(module.name, "refused its settings", reason.data());
+    return false;
+}
+
 void ModuleSwitch::StartModule(Module& module) {
+    module.failed = !Configure(module);
+    if (module.failed) return;
     const ThreadIds before = LiveThreads();
     Announce(module.name, "starting");
     int result = 0;
     Thrown reason{};
     const bool returned =
-        CallModule(module.name, "start", reason, [&] { result = module.entry->start(); });
-    module.started = returned && result == 0;
-    module.failed = !module.started;
-    if (module.started) {
+        CallModule(module.name, "start", reason, [&] { result = module.object.Start(); });
+    module.failed = !returned || result != 0;
+    if (!module.failed) {
+        module.startedAs = ++m_starts;
         KemdTrace(kTag, 1, "module %s started", module.name.c_str());
     } else {
         if (returned) std::snprintf(reason.data(), reason.size(), "result %d", result);
@@ -180,12 +234,11 @@ void ModuleSwitch::StartModule(Module& module) {
 }
 
 void ModuleSwitch::StopAllModules() {
-    for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
-        if (!module->started) continue;
+    while (Module* const module = LastStarted()) {
         Announce(module->name, "stopping");
-        module->started = false;
+        module->startedAs = 0;
         Thrown thrown{};
-        module->failed = !CallModule(module->name, "stop", thrown, module->entry->stop);
+        module->failed = !CallModule(module->name, "stop", thrown, [&] { module->object.Stop(); });
         if (module->failed) {
             Report(module->name, "failed to stop", thrown.data());
         } else {
@@ -242,9 +295,9 @@ bool ModuleSwitch::UnloadModules(uint32_t /*options*/) {
 
 void ModuleSwitch::NotifyModules(uint32_t code, void* data, uint32_t /*word*/) {
     for (const Module& module : m_modules) {
-        if (!module.started || module.entry->notify == nullptr) continue;
+        if (module.startedAs == 0 || !module.object.HasNotify()) continue;
         Thrown thrown{};
-        if (CallModule(module.name, "notify", thrown, [&] { module.entry->notify(code, data); })) {
+        if (CallModule(module.name, "notify", thrown, [&] { module.object.Notify(code, data); })) {
             continue;
         }
         Report(module.name, "failed to take a notification", thrown.data());

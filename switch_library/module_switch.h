@@ -12,9 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "kemd/module.h"
+#include "base/module_object.h"
 #include "kemd/module_switch.h"
 #include "switch_library/live_threads.h"
+#include "switch_library/module_settings.h"
 
 class ModuleSwitch : public IModuleSwitch {
   public:
@@ -25,9 +26,10 @@ class ModuleSwitch : public IModuleSwitch {
     // Stops what runs. While threads of modules are left, all modules stay in memory. False when a
     // module stays: the process should then end without the destructors of static objects.
     bool UnloadModules(uint32_t options) override;
-    // In the order of their names; those that run already are skipped.
+    // In the order of their names, but each after those that it names. Modules that run already
+    // are not started again.
     void StartAllModules() override;
-    // In reverse order.
+    // In the reverse order of the starts.
     void StopAllModules() override;
     void NotifyModules(uint32_t code, void* data, uint32_t word) override;
 
@@ -39,15 +41,21 @@ class ModuleSwitch : public IModuleSwitch {
     struct Module {
         std::string name;  // of the file
         void* library;     // from dlopen
-        const KemdModule* entry;
-        bool failed;  // in start or stop
-        bool started;
-        ThreadIds threads;  // created by its start
+        ModuleObject object;
+        ModuleSettings settings;
+        bool failed = false;  // in configure, start or stop
+        int startedAs = 0;    // the place in the order of the starts, from 1; 0: does not run
+        ThreadIds threads;    // created by its start
     };
 
     [[nodiscard]] bool IsLoaded(const std::string& name) const;
-    [[nodiscard]] bool HasEntry(const KemdModule* entry) const;
+    [[nodiscard]] bool HasObject(const ModuleObject& object) const;
     void LoadModule(const std::string& directory, const std::string& name);
+    [[nodiscard]] bool Runs(const std::string& name) const;
+    [[nodiscard]] const char* MissingFor(const Module& module) const;
+    [[nodiscard]] Module* NextToStart();
+    [[nodiscard]] Module* LastStarted();
+    bool Configure(Module& module);
     void StartModule(Module& module);
     [[nodiscard]] bool ThreadsAreLeft() const;
     [[nodiscard]] const Module* OwnerOf(pid_t thread) const;
@@ -56,6 +64,7 @@ class ModuleSwitch : public IModuleSwitch {
     pid_t m_process = 0;            // the daemon; the id of the initial thread as well
     ThreadIds m_threadsBefore;      // there before the first module was loaded
     std::vector<Module> m_modules;  // sorted by name
+    int m_starts = 0;
     // Held while m_modules or its threads change: ReportEnd reads them from other threads.
     std::mutex m_lock;
 };

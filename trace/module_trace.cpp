@@ -18,25 +18,39 @@ int KemdTraceOn() {
     return Debug.IsTraceOn() ? 1 : 0;
 }
 
-void KemdTrace(const char* tag, unsigned level, const char* format, ...) {
+unsigned KemdTraceLevel() {
+    if (!Debug.IsTraceOn()) return 0;
+    return redirected == nullptr ? Debug.TraceLevel() : redirectedLevel;
+}
+
+void KemdTraceV(const char* tag, unsigned level, const char* format, va_list args) {
     if (!Debug.IsTraceOn()) return;
-    va_list args;
-    va_start(args, format);
     if (redirected == nullptr) {
         Debug.TraceTagged(level, format, args, tag);
     } else if (level <= redirectedLevel) {
         redirected(tag, format, args);
     }
+}
+
+void KemdTrace(const char* tag, unsigned level, const char* format, ...) {
+    if (!Debug.IsTraceOn()) return;
+    va_list args;
+    va_start(args, format);
+    KemdTraceV(tag, level, format, args);
     va_end(args);
 }
 
-void KemdMessage(const char* tag, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
+void KemdMessageV(const char* tag, const char* format, va_list args) {
     if (redirected == nullptr) {
         Debug.MessageV(format, args, tag);
     } else {
         redirected(tag, format, args);
     }
+}
+
+void KemdMessage(const char* tag, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    KemdMessageV(tag, format, args);
     va_end(args);
 }

@@ -11,6 +11,8 @@
  */
 #pragma once
 
+#include <stdarg.h>
+
 #include "kemd/api.h"
 
 #ifdef __cplusplus
@@ -20,11 +22,17 @@ extern "C" {
 /* 1 while tracing is on. */
 KEMD_API int KemdTraceOn(void);
 
+/* The trace level in force; 0 while tracing is off. */
+KEMD_API unsigned KemdTraceLevel(void);
+
 /* Writes one record when tracing is on and `level` is not above the trace level in force. */
 KEMD_API void KemdTrace(const char* tag, unsigned level, const char* format, ...) KEMD_PRINTF(3, 4);
+KEMD_API void KemdTraceV(const char* tag, unsigned level, const char* format, va_list args)
+    KEMD_PRINTF(3, 0);
 
 /* Writes one record whatever the trace level, also to the small persistent log file. */
 KEMD_API void KemdMessage(const char* tag, const char* format, ...) KEMD_PRINTF(2, 3);
+KEMD_API void KemdMessageV(const char* tag, const char* format, va_list args) KEMD_PRINTF(2, 0);
 
 #ifdef __cplusplus
 }

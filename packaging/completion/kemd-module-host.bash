@@ -3,7 +3,7 @@
 
 _kemd_module_host() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-    local options="--seconds --timeout --reboot --halt --trace --help"
+    local options="--settings --request --seconds --timeout --reboot --halt --trace --help"
     COMPREPLY=()
     if [[ $cur == = ]]; then
         cur=
@@ -11,7 +11,8 @@ _kemd_module_host() {
         prev=${COMP_WORDS[COMP_CWORD - 2]}
     fi
     case $prev in
-        --seconds | --timeout) return ;;
+        --seconds | --timeout | --request) return ;;
+        --settings) mapfile -t COMPREPLY < <(compgen -f -- "$cur"); return ;;
         --trace) options="0 1 2 3 4 5 6" ;;
         *)
             if [[ $cur != -* ]]; then

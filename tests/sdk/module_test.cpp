@@ -145,17 +145,17 @@ TEST_F(ModuleTest, ChildThatLivesOnKeepsNoLock) {
 
 // The modules that were built outside of this tree, from the installed template.
 TEST_F(ModuleTest, TemplateRunsHoweverItWasBuilt) {
-    WriteFile("/etc/orvmon/registry",
-              "[HKEY_LOCAL_MACHINE]\n[SOFTWARE]\n[kemd]\n[template]\nSeconds=d=3\n\n\n\n\n\n");
     for (const std::string tool : {"cmake", "make"}) {
         SCOPED_TRACE(tool);
         ClearModules();
-        AddModule("/test/template/" + tool + "/module.so");
+        AddModule("/test/template/" + tool + "/template.so");
+        AddModule("/test/template/" + tool + "/template_c.so");
         const pid_t pid = Run();
-        ASSERT_TRUE(WaitFor([this] { return Contains(Trace(), " template      round 1, "); }));
+        ASSERT_TRUE(WaitFor([this] { return Contains(Trace(), " template_c    round 1\n"); }));
         EXPECT_EQ(Stop(pid), 0);
-        EXPECT_TRUE(InOrder(Trace(), {"template      every 3 s\n", "module module.so started\n",
-                                      "module module.so stopped\n", "## EXIT PROCESS"}));
+        EXPECT_TRUE(InOrder(Trace(), {"module template.so started\n", "template_c.so started\n",
+                                      "module template_c.so stopped\n", "template.so stopped\n",
+                                      "## EXIT PROCESS"}));
     }
 }
 

@@ -1,0 +1,77 @@
+/* A module to start from, in C: a thread that does its work every few seconds until it has to stop.
+ * template.cpp is the same in C++. */
+#include <errno.h>
+#include <pthread.h>
+#include <stdatomic.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "kemd/config.h"
+#include "kemd/module.h"
+#include "kemd/services.h"
+#include "kemd/trace.h"
+
+static const char name[] = "template_c"; /* the file is called template_c.so */
+
+static int64_t intervalMs;
+static struct KemdEvent* stop;
+static pthread_t thread;
+static atomic_uint rounds; /* the thread counts, other calls read */
+
+static void* Work(void* unused) {
+    (void)unused;
+    do {
+        KemdTrace(name, 3, "round %u", ++rounds);
+    } while (KemdEventWait(stop, (uint32_t)intervalMs) != 0);
+    return NULL;
+}
+
+/* Before each start. What is wrong in the file has been reported when a read fails. */
+static int Configure(void* user, const struct KemdConfig* config) {
+    (void)user;
+    return KemdConfigTime(config, "Interval", 10000, 1000, 3600000, &intervalMs);
+}
+
+/* Any result other than 0 is traced, and the module is left out: nothing may be left running. */
+static int Start(void* user) {
+    (void)user;
+    stop = KemdEventOpen(NULL, 1, 0);
+    if (stop == NULL) return ENOMEM;
+    const int error = pthread_create(&thread, NULL, Work, NULL);
+    if (error != 0) KemdEventClose(stop);
+    return error;
+}
+
+/* The module is unloaded after this returns, so its thread must have ended. */
+static void Stop(void* user) {
+    (void)user;
+    KemdEventSet(stop);
+    pthread_join(thread, NULL);
+    KemdEventClose(stop);
+}
+
+static int Health(void* user, char* text, size_t size) {
+    (void)user;
+    snprintf(text, size, "%u rounds", rounds);
+    return KEMD_HEALTH_OK;
+}
+
+static int Request(void* user, const char* text, struct KemdReply* reply) {
+    char answer[64];
+    (void)user;
+    if (strcmp(text, "rounds") != 0) {
+        snprintf(answer, sizeof answer, "this module knows the request \"rounds\"");
+        reply->write(reply, answer, strlen(answer));
+        return EINVAL;
+    }
+    snprintf(answer, sizeof answer, "%u", rounds);
+    return reply->write(reply, answer, strlen(answer));
+}
+
+KEMD_MODULE_V2 = {
+    KEMD_MODULE_V2_HEAD,    .name = name,
+    .moduleVersion = "1.0", .description = "A module to start from",
+    .configure = Configure, .start = Start,
+    .stop = Stop,           .health = Health,
+    .request = Request,
+};
