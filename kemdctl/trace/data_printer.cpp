@@ -4,8 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/json.h"
 #include "kemdctl/trace/show_sink.h"
-#include "kemdctl/ui/json.h"
 #include "kemdctl/ui/text.h"
 #include "trace_reader/record.h"
 

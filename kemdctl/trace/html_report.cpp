@@ -3,12 +3,12 @@
 #include <deque>
 #include <utility>
 
+#include "base/json.h"
 #include "kemdctl/trace/html_page.h"
 #include "kemdctl/trace/options.h"
 #include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/run_marks.h"
 #include "kemdctl/trace/trace_files.h"
-#include "kemdctl/ui/json.h"
 #include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/text.h"
 #include "trace_reader/record.h"

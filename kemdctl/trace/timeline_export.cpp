@@ -2,11 +2,11 @@
 #include <map>
 #include <utility>
 
+#include "base/json.h"
 #include "kemdctl/trace/options.h"
 #include "kemdctl/trace/progress.h"
 #include "kemdctl/trace/reports.h"
 #include "kemdctl/trace/run_marks.h"
-#include "kemdctl/ui/json.h"
 #include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/text.h"
 #include "trace_reader/record.h"

@@ -1,6 +1,6 @@
 #include "kemdctl/ui/report.h"
 
-#include "kemdctl/ui/json.h"
+#include "base/json.h"
 
 void ReportWriter::Text(std::string_view key, std::string_view text) {
     if (!m_asJson) return;

@@ -1,9 +1,9 @@
-#include "kemdctl/ui/json.h"
+#include "base/json.h"
 
 #include <algorithm>
 #include <cstdio>
 
-#include "kemdctl/ui/text.h"
+#include "base/utf8.h"
 
 static bool IsPlain(char c) {
     return c >= 0x20 && c < 0x7f && c != '"' && c != '\\';
