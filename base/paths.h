@@ -8,6 +8,10 @@ inline constexpr const char* kPidFile = "/var/run/kemd.pid";
 inline constexpr const char* kModuleDirectory = "/usr/lib/kemd/modules";
 // One file of settings for each module that needs one: NAME.ini.
 inline constexpr const char* kModuleSettingsDirectory = "/etc/kemd/modules.d";
+// Of the daemon and what ships with it: the control socket.
+inline constexpr const char* kSettingsFile = "/etc/kemd/kemd.ini";
+inline constexpr const char* kControlDirectory = "/run/kemd";
+inline constexpr const char* kControlSocket = "/run/kemd/control";
 // The variables that the service starts the daemon with.
 inline constexpr const char* kDefaultFile = "/etc/default/kemd";
 // Written by the stop scripts.

@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "kemd/trace.h"
+#include "switch_library/module_board.h"
 #include "switch_library/service_manager.h"
 
 namespace {
@@ -36,11 +37,13 @@ ModuleCall::ModuleCall(const std::string& module, const char* name)
     pthread_sigmask(SIG_SETMASK, nullptr, &m_mask);
     g_thread = gettid();
     g_current = this;
+    TheModuleBoard().BeginCall(module, name);
 }
 
 ModuleCall::~ModuleCall() {
     if (IsForked()) _exit(1);
     g_current = nullptr;
+    TheModuleBoard().EndCall();
     if (RestoreMask()) {
         KemdMessage(kTag, "module %s changed the signal mask of the daemon: put back", Module());
     }

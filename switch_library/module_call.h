@@ -1,5 +1,5 @@
-// Calls into a module, on the initial thread: records which call it is and what it throws, and
-// makes sure that afterwards the process is still the daemon, with its signal mask.
+// Calls into a module, one at a time: records which call it is and what it throws, and makes sure
+// that afterwards the process is still the daemon, with its signal mask.
 #pragma once
 
 #include <cxxabi.h>

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "base/file_io.h"
 #include "base/file_safety.h"
@@ -27,5 +28,12 @@ ModuleSettings ReadModuleSettings(const std::string& name, std::string& fault) {
         fault = settings.file + ": Enabled is neither yes nor no";
     }
     settings.isEnabled = isEnabled != 0;
+    // One that is wrong is in the trace, and the default holds.
+    constexpr int64_t kLeast = 100;
+    constexpr int64_t kMost = 3'600'000;
+    for (auto [key, timeoutMs] : {std::pair("StartTimeout", &settings.startTimeoutMs),
+                                  std::pair("StopTimeout", &settings.stopTimeoutMs)}) {
+        (void)KemdConfigTime(config.get(), key, *timeoutMs, kLeast, kMost, timeoutMs);
+    }
     return settings;
 }

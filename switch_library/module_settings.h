@@ -2,11 +2,15 @@
 // of /etc/kemd/modules.d/NAME.ini. Without a file the defaults hold.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 struct ModuleSettings {
     std::string file;
     bool isEnabled = true;
+    // After these a call is named that has not come back: load, configure and start; the others.
+    int64_t startTimeoutMs = 10'000;
+    int64_t stopTimeoutMs = 10'000;
 };
 
 // `fault`: why the file cannot be relied on; empty when it can, or there is none.

@@ -20,6 +20,7 @@
 #include "base/paths.h"
 #include "kemd/config.h"
 #include "kemd/trace.h"
+#include "switch_library/module_board.h"
 #include "switch_library/module_call.h"
 #include "switch_library/service_manager.h"
 
@@ -61,7 +62,8 @@ void Report(const std::string& name, const char* what, const char* reason) {
 }
 
 // The same for a module that will not run: in the journal as well.
-void LeaveOut(const std::string& name, const char* what, const char* reason) {
+void LeaveOut(const std::string& name, ModuleState state, const char* what, const char* reason) {
+    TheModuleBoard().Set(name, state, reason);
     Report(name, what, reason);
     WriteToJournal("module %s %s: %s", name.c_str(), what, reason);
 }
@@ -80,12 +82,24 @@ class ExitReport {
 
 }  // namespace
 
+// The board is there for as long as the switch is.
+ModuleSwitch::ModuleSwitch() {
+    (void)TheModuleBoard();
+}
+
 bool ModuleSwitch::LoadModules(ModuleLoadParams* params) {
+    const std::lock_guard calls(m_calls);
     const bool rescan = (params->flags & kForceRescan) != 0;
     if (m_scanned && !rescan) return true;
     const std::string directory = ModuleDirectory();
     KemdTrace(kTag, 2, "loading modules from %s (run mode %d, rescan %d)", directory.c_str(),
               params->runMode, rescan ? 1 : 0);
+    if (m_modules.empty()) m_threadsBefore = LiveThreads();
+    m_process = getpid();
+    if (!m_control.IsRunning()) {
+        m_control.Start();
+        m_ownThreads = LiveThreads();
+    }
     std::vector<std::string> names;
     if (!ListModules(directory, names)) return false;
     const std::string reason = Unsafe(WalkPath(directory));
@@ -97,8 +111,6 @@ bool ModuleSwitch::LoadModules(ModuleLoadParams* params) {
     // A module that cancels its caller would end the daemon's own thread. Never enabled again: a
     // pending request would be obeyed then.
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    if (m_modules.empty()) m_threadsBefore = LiveThreads();
-    m_process = getpid();
     static const ExitReport report(*this);
     {
         const std::lock_guard lock(m_lock);
@@ -107,11 +119,31 @@ bool ModuleSwitch::LoadModules(ModuleLoadParams* params) {
     for (const std::string& name : names) {
         if (!IsLoaded(name)) LoadModule(directory, name);
     }
+    SortModules();
+    m_scanned = true;
+    return true;
+}
+
+std::string ModuleSwitch::LoadOne(const std::string& file) {
+    const std::string directory = ModuleDirectory();
+    const std::string fault = Unsafe(WalkPath(directory));
+    if (!fault.empty()) return fault;
+    const std::string path = directory + "/" + file;
+    if (access(path.c_str(), F_OK) != 0) return path + ": " + std::strerror(errno);
+    {
+        const std::lock_guard lock(m_lock);
+        m_modules.reserve(m_modules.size() + 1);
+    }
+    LoadModule(directory, file);
+    SortModules();
+    if (IsLoaded(file)) return {};
+    return TheModuleBoard().Reason(file);
+}
+
+void ModuleSwitch::SortModules() {
     const std::lock_guard lock(m_lock);
     std::sort(m_modules.begin(), m_modules.end(),
               [](const Module& a, const Module& b) { return a.name < b.name; });
-    m_scanned = true;
-    return true;
 }
 
 bool ModuleSwitch::IsLoaded(const std::string& name) const {
@@ -133,35 +165,49 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
     if (fault.empty()) fault = LookAtLibrary(file.resolved.c_str()).text;
     Module module;
     if (fault.empty()) module.settings = ReadModuleSettings(ModuleName(name), fault);
-    if (!fault.empty()) return LeaveOut(name, "is left out", fault.c_str());
+    TheModuleBoard().Add(name, module.settings);
+    if (!fault.empty())
+        return LeaveOut(name, ModuleState::kNotLoaded, "is left out", fault.c_str());
     if (!module.settings.isEnabled) {
+        TheModuleBoard().Set(name, ModuleState::kDisabled, "by " + module.settings.file);
         return Report(name, "is disabled", module.settings.file.c_str());
     }
     Announce(name, "loading");
     module.name = name;
     module.library = OpenModule(name, file.resolved);
-    if (module.library == nullptr) return LeaveOut(name, "cannot be loaded", dlerror());
+    if (module.library == nullptr) {
+        return LeaveOut(name, ModuleState::kNotLoaded, "cannot be loaded", dlerror());
+    }
 
     std::string reason = module.object.Take(dlsym(module.library, "kemdModule"), name);
     if (reason.empty() && HasObject(module.object)) reason = "it is loaded under another name";
     if (!reason.empty()) {
-        LeaveOut(name, "is left out", reason.c_str());
+        LeaveOut(name, ModuleState::kNotLoaded, "is left out", reason.c_str());
         return CloseModule(name, module.library);
     }
+    TheModuleBoard().Describe(name, module.object);
+    TheModuleBoard().Set(name, ModuleState::kStopped);
     const std::lock_guard lock(m_lock);
     m_modules.push_back(std::move(module));
     KemdTrace(kTag, 1, "module %s loaded", name.c_str());
 }
 
 void ModuleSwitch::StartAllModules() {
+    const std::lock_guard calls(m_calls);
+    m_isStopping = false;
     // Registered once more: the handlers registered last, now those of the modules, run first.
     static const ExitReport report(*this);
     while (Module* const module = NextToStart()) StartModule(*module);
     for (const Module& module : m_modules) {
         const char* const missing = MissingFor(module);
         if (module.startedAs != 0 || module.failed || missing == nullptr) continue;
-        LeaveOut(module.name, "is not started: it needs a module that does not run", missing);
+        constexpr const char* kWhat = "is not started: it needs a module that does not run";
+        LeaveOut(module.name, ModuleState::kStopped, kWhat, missing);
     }
+    ShowRunning();
+}
+
+void ModuleSwitch::ShowRunning() const {
     const auto running = std::count_if(m_modules.begin(), m_modules.end(),
                                        [](const Module& module) { return module.startedAs != 0; });
     ShowStatus("running, %d module%s", static_cast<int>(running), running == 1 ? "" : "s");
@@ -182,7 +228,8 @@ const char* ModuleSwitch::MissingFor(const Module& module) const {
 
 ModuleSwitch::Module* ModuleSwitch::NextToStart() {
     const auto next = std::find_if(m_modules.begin(), m_modules.end(), [this](Module& module) {
-        return module.startedAs == 0 && !module.failed && MissingFor(module) == nullptr;
+        return module.startedAs == 0 && !module.failed && module.isWanted &&
+               MissingFor(module) == nullptr;
     });
     return next != m_modules.end() ? &*next : nullptr;
 }
@@ -194,56 +241,69 @@ ModuleSwitch::Module* ModuleSwitch::LastStarted() {
     return last != m_modules.end() && last->startedAs != 0 ? &*last : nullptr;
 }
 
-// False when the module refuses its settings.
-bool ModuleSwitch::Configure(Module& module) {
+// False when the module refuses its settings, and why.
+bool ModuleSwitch::Configure(Module& module, Thrown& reason) {
     if (!module.object.HasConfigure()) return true;
     const std::string name = ModuleName(module.name);
     const std::unique_ptr<KemdConfig, void (*)(KemdConfig*)> config(
         KemdConfigOpen(module.settings.file.c_str(), "Settings", name.c_str()), KemdConfigClose);
     if (config == nullptr) throw std::bad_alloc();
     int result = 0;
-    Thrown reason{};
     const bool returned = CallModule(module.name, "configure", reason,
                                      [&] { result = module.object.Configure(config.get()); });
     if (returned && result == 0) return true;
     if (returned) std::snprintf(reason.data(), reason.size(), "result %d", result);
-    LeaveOut(module.name, "refused its settings", reason.data());
     return false;
 }
 
 void ModuleSwitch::StartModule(Module& module) {
-    module.failed = !Configure(module);
-    if (module.failed) return;
+    TheModuleBoard().Set(module.name, ModuleState::kStarting);
+    Thrown reason{};
+    module.failed = !Configure(module, reason);
+    module.isKept = module.isKept || module.failed;
+    if (module.failed) {
+        return LeaveOut(module.name, ModuleState::kFailed, "refused its settings", reason.data());
+    }
     const ThreadIds before = LiveThreads();
     Announce(module.name, "starting");
     int result = 0;
-    Thrown reason{};
     const bool returned =
         CallModule(module.name, "start", reason, [&] { result = module.object.Start(); });
     module.failed = !returned || result != 0;
+    module.isKept = module.isKept || module.failed;
     if (!module.failed) {
         module.startedAs = ++m_starts;
+        TheModuleBoard().Set(module.name, ModuleState::kRunning);
         KemdTrace(kTag, 1, "module %s started", module.name.c_str());
     } else {
         if (returned) std::snprintf(reason.data(), reason.size(), "result %d", result);
-        LeaveOut(module.name, "failed to start", reason.data());
+        LeaveOut(module.name, ModuleState::kFailed, "failed to start", reason.data());
     }
     ThreadIds threads = Without(LiveThreads(), before);
+    TheModuleBoard().SetThreads(module.name, threads);
     const std::lock_guard lock(m_lock);
     module.threads = std::move(threads);
 }
 
 void ModuleSwitch::StopAllModules() {
-    while (Module* const module = LastStarted()) {
-        Announce(module->name, "stopping");
-        module->startedAs = 0;
-        Thrown thrown{};
-        module->failed = !CallModule(module->name, "stop", thrown, [&] { module->object.Stop(); });
-        if (module->failed) {
-            Report(module->name, "failed to stop", thrown.data());
-        } else {
-            KemdTrace(kTag, 1, "module %s stopped", module->name.c_str());
-        }
+    const std::lock_guard calls(m_calls);
+    m_isStopping = true;
+    while (Module* const module = LastStarted()) StopModule(*module);
+}
+
+void ModuleSwitch::StopModule(Module& module) {
+    TheModuleBoard().Set(module.name, ModuleState::kStopping);
+    Announce(module.name, "stopping");
+    module.startedAs = 0;
+    Thrown thrown{};
+    module.failed = !CallModule(module.name, "stop", thrown, [&] { module.object.Stop(); });
+    module.isKept = module.isKept || module.failed;
+    if (module.failed) {
+        TheModuleBoard().Set(module.name, ModuleState::kFailed, thrown.data());
+        Report(module.name, "failed to stop", thrown.data());
+    } else {
+        TheModuleBoard().Set(module.name, ModuleState::kStopped);
+        KemdTrace(kTag, 1, "module %s stopped", module.name.c_str());
     }
 }
 
@@ -276,12 +336,14 @@ bool ModuleSwitch::ThreadsAreLeft() const {
 
 bool ModuleSwitch::UnloadModules(uint32_t /*options*/) {
     StopAllModules();
+    m_control.Stop();
+    const std::lock_guard calls(m_calls);
     bool isAllUnloaded = true;
     const bool keep = !m_modules.empty() && ThreadsAreLeft();
     if (keep) KemdMessage(kTag, "threads of modules may still run: no module is unloaded");
     for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
         // After a failed start or stop something may still be running in there.
-        if (module->failed || keep) {
+        if (module->isKept || keep) {
             isAllUnloaded = false;
         } else {
             CloseModule(module->name, module->library);
@@ -289,11 +351,13 @@ bool ModuleSwitch::UnloadModules(uint32_t /*options*/) {
     }
     const std::lock_guard lock(m_lock);
     m_modules.clear();
+    TheModuleBoard().Clear();
     m_scanned = false;
     return isAllUnloaded;
 }
 
 void ModuleSwitch::NotifyModules(uint32_t code, void* data, uint32_t /*word*/) {
+    const std::lock_guard calls(m_calls);
     for (const Module& module : m_modules) {
         if (module.startedAs == 0 || !module.object.HasNotify()) continue;
         Thrown thrown{};

@@ -1,0 +1,169 @@
+#include "switch_library/control_request.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <utility>
+
+#include "base/json.h"
+#include "kemd/module.h"
+#include "switch_library/module_board.h"
+
+namespace {
+
+constexpr std::array<std::pair<std::string_view, ControlRequest::Kind>, 7> kRequests = {{
+    {"modules", ControlRequest::kModules},
+    {"show", ControlRequest::kShow},
+    {"start", ControlRequest::kStart},
+    {"stop", ControlRequest::kStop},
+    {"restart", ControlRequest::kRestart},
+    {"reload", ControlRequest::kReload},
+    {"request", ControlRequest::kRequest},
+}};
+
+void AppendMember(std::string& to, std::string_view name, std::string_view json) {
+    if (to.back() != '{') to += ',';
+    AppendJson(to, name);
+    to.append(":").append(json);
+}
+
+void AppendText(std::string& to, std::string_view name, std::string_view text) {
+    if (!text.empty()) AppendMember(to, name, JsonQuoted(text));
+}
+
+void AppendTexts(std::string& to, std::string_view name, const std::vector<std::string>& texts) {
+    std::string list = "[";
+    for (const std::string& text : texts) {
+        if (list.size() > 1) list += ',';
+        AppendJson(list, text);
+    }
+    AppendMember(to, name, list + "]");
+}
+
+const char* HealthName(const ModuleInfo& module, bool isBusy) {
+    if (isBusy) return "busy";
+    switch (module.health) {
+        case -1:
+            return "unknown";
+        case KEMD_HEALTH_OK:
+            return "ok";
+        case KEMD_HEALTH_WARNING:
+            return "warning";
+        default:
+            return "failed";
+    }
+}
+
+// What is the same for all modules of an answer.
+struct Moment {
+    ModuleBoard::Call call = TheModuleBoard().RunningCall();
+    ThreadIds threads = LiveThreads();
+    bool isBusy;
+
+    explicit Moment(bool isHealthBusy) : isBusy(isHealthBusy) {}
+    [[nodiscard]] bool Hangs(const ModuleInfo& module) const {
+        return call.isOverdue && module.file == call.file.data();
+    }
+};
+
+void AppendState(std::string& to, const ModuleInfo& module, const Moment& moment) {
+    if (!moment.Hangs(module)) {
+        AppendText(to, "state", StateName(module.state));
+        AppendText(to, "reason", module.reason);
+        return;
+    }
+    std::array<char, 96> reason{};
+    std::snprintf(reason.data(), reason.size(), "its %s has not come back for %.1f s",
+                  moment.call.name, moment.call.Seconds());
+    AppendText(to, "state", "hanging");
+    AppendText(to, "reason", reason.data());
+}
+
+std::string Describe(const ModuleInfo& module, const Moment& moment) {
+    std::string json = "{";
+    AppendText(json, "name", ModuleName(module.file));
+    AppendText(json, "version", module.version);
+    AppendText(json, "description", module.description);
+    AppendState(json, module, moment);
+    AppendMember(json, "since", std::to_string(module.since));
+    if (!module.startAfter.empty()) AppendTexts(json, "startAfter", module.startAfter);
+    if (module.state == ModuleState::kRunning || module.state == ModuleState::kStopping ||
+        module.state == ModuleState::kStarting) {
+        const size_t ended = Without(module.threads, moment.threads).size();
+        AppendMember(json, "pid", std::to_string(getpid()));
+        AppendMember(json, "threads", std::to_string(module.threads.size() - ended));
+    }
+    if (module.state == ModuleState::kRunning && module.hasHealth) {
+        AppendText(json, "health", HealthName(module, moment.isBusy));
+        if (!moment.isBusy) AppendText(json, "healthText", module.healthText);
+    }
+    return json + "}";
+}
+
+}  // namespace
+
+std::string ReadControlRequest(std::string_view line, ControlRequest& request) {
+    std::string fault;
+    const auto document = ParseJson(line, fault);
+    if (!document) return "the request is no JSON: " + fault;
+    if (document->kind != JsonValue::kObject) return "the request is no object";
+    const std::string_view name = document->TextOf("request");
+    const auto* const known = std::find_if(kRequests.begin(), kRequests.end(),
+                                           [name](const auto& each) { return each.first == name; });
+    if (known == kRequests.end()) {
+        return name.empty() ? "\"request\" is missing" : "unknown request " + std::string(name);
+    }
+    request.kind = known->second;
+    for (const auto& [member, value] : document->members) {
+        std::string* const text =
+            member == "module" && request.kind != ControlRequest::kModules ? &request.module
+            : member == "text" && request.kind == ControlRequest::kRequest ? &request.text
+                                                                           : nullptr;
+        if (member == "request") continue;
+        if (text == nullptr) return "unknown member " + member;
+        if (value.kind != JsonValue::kText) return member + " is no text";
+        *text = value.text;
+    }
+    if (request.kind != ControlRequest::kModules && request.module.empty()) {
+        return "\"module\" is missing";
+    }
+    return {};
+}
+
+std::string ControlError(std::string_view text) {
+    return "{\"error\":" + JsonQuoted(text) + "}\n";
+}
+
+std::string ControlResult(std::string_view result) {
+    return std::string("{\"result\":").append(result).append("}\n");
+}
+
+std::string DescribeModules(bool isBusy) {
+    const Moment moment(isBusy);
+    std::string list = "{\"pid\":" + std::to_string(getpid()) + ",\"modules\":[";
+    for (const ModuleInfo& module : TheModuleBoard().Modules()) {
+        if (list.back() != '[') list += ',';
+        list += Describe(module, moment);
+    }
+    return ControlResult(list + "]}");
+}
+
+std::string DescribeModule(const std::string& name, bool isBusy) {
+    for (const ModuleInfo& module : TheModuleBoard().Modules()) {
+        if (ModuleName(module.file) == name) return ControlResult(Describe(module, Moment(isBusy)));
+    }
+    return ControlError("there is no module " + name);
+}
+
+std::string ControlOutcome::Answer() const {
+    std::string json = "{";
+    AppendText(json, "module", module);
+    AppendText(json, "state", state);
+    if (reply) AppendMember(json, "reply", JsonQuoted(*reply));
+    if (!reply) AppendTexts(json, "started", started);
+    if (!reply) AppendTexts(json, "stopped", stopped);
+    AppendText(json, "note", note);
+    return ControlResult(json + "}");
+}

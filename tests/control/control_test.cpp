@@ -1,0 +1,352 @@
+// The control socket of the switch library that ships: what clients ask for, and what they cannot
+// do to the daemon.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <list>
+#include <memory>
+#include <thread>
+
+#include "switch/switch_binding.h"
+#include "tests/control/control_client.h"
+#include "tests/modules.h"
+#include "tests/traced_test.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class ControlTest : public TracedTest {
+  protected:
+    void SetUp() override {
+        TracedTest::SetUp();
+        std::thread([] {}).join();  // the thread sanitizer makes one of its own beside the first
+        fs::copy("/build/lib/libswitch.so", "/tmp/switch/libswitch.so",
+                 fs::copy_options::overwrite_existing);
+        ClearModules();
+        fs::remove_all("/etc/kemd");
+        fs::remove("/tmp/fail");
+        (void)mkfifo("/tmp/hang", 0600);
+        setenv("OV_MODULE_DIR", kModules, 1);
+        for (const char* const name : {"base", "user"}) {
+            AddModule(std::string("/test/control/") + name + ".so");
+        }
+    }
+    void TearDown() override {
+        if (m_binding.pInterface != nullptr) (void)End();
+        TracedTest::TearDown();
+    }
+    void Begin() {
+        ASSERT_TRUE(m_binding.Load());
+        ASSERT_TRUE(m_binding.LoadModules(&m_params));
+        m_binding.pInterface->StartAllModules();
+    }
+    // Whether all modules were unloaded.
+    bool End() {
+        m_binding.pInterface->StopAllModules();
+        const bool isUnloaded = m_binding.UnloadModules(0);
+        m_binding.Unload();
+        return isUnloaded;
+    }
+    static void Settings(const std::string& name, const std::string& text) {
+        const std::string file = "/etc/kemd/" + name;
+        WriteFile(file, text);
+        for (const std::string& path :
+             {std::string("/etc/kemd"), fs::path(file).parent_path().string(), file}) {
+            ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+        }
+    }
+    // Lets one call or thread that hangs go on.
+    static void Release() { close(open("/tmp/hang", O_WRONLY | O_CLOEXEC)); }
+    static bool IsMapped(const std::string& name) {
+        return Contains(ReadFile("/proc/self/maps"), "/" + name + ".so");
+    }
+    static std::string ModeOf(const char* path) {
+        struct stat status {};
+        if (lstat(path, &status) != 0) return "none";
+        char text[32];
+        std::snprintf(text, sizeof text, "%o group %u", status.st_mode, status.st_gid);
+        return text;
+    }
+
+    SwitchBinding m_binding{};
+    ModuleLoadParams m_params{kForceRescan, kRunModeNormal};
+};
+
+TEST_F(ControlTest, RequestsAndTheirAnswers) {
+    WriteFile("/tmp/modules/broken.so", "no library");
+    MakeSafe("/tmp/modules/broken.so");
+    Begin();
+    Client client;
+    const struct {
+        std::string request;
+        std::string answer;  // a part of it
+    } cases[] = {
+        {R"({"request":"modules"})",
+         R"("name":"base","version":"1.2","description":"A \"test\"","state":"running")"},
+        {R"({"request":"modules"})", R"("startAfter":["base"],"pid":1,"threads":0,"health":"ok"})"},
+        {R"({"request":"modules"})",
+         R"({"name":"broken","state":"not loaded","reason":"no ELF file",)"},
+        {RequestOf("base", "health 1 dust in the fan"),
+         R"({"result":{"module":"base","reply":""}})"},
+        {R"({"request":"show","module":"base"})",
+         R"("health":"warning","healthText":"dust in the fan")"},
+        {RequestOf("base", "echo \\u00e9\\\"x"), "\"reply\":\"\u00e9\\\"x\"}}"},
+        {RequestOf("base", "flood"),
+         R"({"error":"module base refuses the request: Message too long: 0123)"},
+        {RequestOf("base", "nonsense"),
+         R"(refuses the request: Invalid argument: no such thing"})"},
+        {R"({"module":"user","request":"start"})",
+         R"("started":[],"stopped":[],"note":"it runs already"})"},
+        {R"({"request":"restart","module":"base"})",
+         R"({"module":"base","state":"running","started":["base","user"],"stopped":["user","base"]})"},
+        {R"({"request":"stop","module":"base"})",
+         R"("state":"stopped","started":[],"stopped":["user","base"]})"},
+        {RequestOf("user", "echo"), R"({"error":"module user does not run"})"},
+        {R"({"request":"start","module":"user"})",
+         R"({"error":"module user needs the module base, which does not run"})"},
+        {R"({"request":"start","module":"base"})", R"("started":["base","user"],"stopped":[]})"},
+        {R"({"request":"start","module":"nobody"})",
+         R"(module nobody is not loaded: /tmp/modules/nobody.so: No such file)"},
+        {R"({"request":"start","module":"broken"})", R"(module broken is not loaded: no ELF file)"},
+        {R"({"request":"stop","module":"nobody"})", R"("note":"it does not run")"},
+        {R"({"request":"start","module":"../base"})", R"({"error":"there is no module ../base"})"},
+        {R"({"request":"show","module":"nobody"})", R"({"error":"there is no module nobody"})"},
+        {R"({"request":"reload","module":"user"})",
+         R"({"module":"user","state":"running","started":[],"stopped":[]})"},
+    };
+    for (const auto& [request, answer] : cases) {
+        const std::string actual = client.Ask(request);
+        EXPECT_TRUE(Contains(actual, answer)) << request << "\n" << actual;
+    }
+    Settings("modules.d/user.ini", "[Settings]\nNumber = 12\n");
+    EXPECT_TRUE(Contains(Ask("reload", "user"), "keeps those that it had: result 34"));
+    EXPECT_TRUE(Contains(Ask("show", "user"), "\"state\":\"running\""));
+    Settings("modules.d/user.ini", "[Module]\nEnabled = no\n");
+    EXPECT_TRUE(Contains(Ask("restart", "user"), "is disabled: by /etc/kemd/modules.d/user.ini"));
+    fs::remove("/etc/kemd/modules.d/user.ini");
+    WriteFile("/tmp/fail", "");
+    EXPECT_TRUE(Contains(Ask("start", "user"), "module user does not start: result 5"));
+    EXPECT_TRUE(Contains(Ask("show", "user"), "\"state\":\"failed\",\"reason\":\"result 5\""));
+    fs::remove("/tmp/fail");
+    EXPECT_TRUE(Contains(Ask("start", "user"), "\"started\":[\"user\"]"));
+    EXPECT_TRUE(Contains(Ask("stop", "user"), "it stays in memory: it failed before"));
+    EXPECT_FALSE(End());
+    void* const kept = dlopen("/tmp/modules/user.so", RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(dlclose(kept) + dlclose(kept), 0);  // for the tests that follow
+}
+
+TEST_F(ControlTest, WrongRequestsAreAnsweredAndTheConnectionStays) {
+    Begin();
+    Client client;
+    const struct {
+        std::string request;
+        std::string error;
+    } cases[] = {
+        {"", "the request is no JSON: a value is missing at byte 1"},
+        {"[]", "the request is no object"},
+        {"{}", "\\\"request\\\" is missing"},
+        {R"({"request":1})", "\\\"request\\\" is missing"},
+        {R"({"request":"health"})", "unknown request health"},
+        {R"({"request":"show"})", "\\\"module\\\" is missing"},
+        {R"({"request":"show","module":2})", "module is no text"},
+        {R"({"request":"modules","module":"base"})", "unknown member module"},
+        {R"({"request":"stop","module":"base","text":""})", "unknown member text"},
+    };
+    for (const auto& [request, error] : cases) {
+        EXPECT_EQ(client.Ask(request), "{\"error\":\"" + error + "\"}") << request;
+    }
+    // Several in one go, and one that is too long, which ends the connection.
+    client.Send("{}\n[]\n{\"request\":");
+    EXPECT_TRUE(Contains(client.Line(), "is missing"));
+    EXPECT_TRUE(Contains(client.Line(), "no object"));
+    EXPECT_TRUE(Contains(client.Ask("\"modules\"}"), "\"result\""));
+    client.Send(std::string(70'000, ' '));
+    EXPECT_EQ(client.Line(), R"({"error":"the request is longer than 65536 bytes"})");
+    EXPECT_EQ(client.Line(), "");
+}
+
+TEST_F(ControlTest, DependantsAreStoppedBeforeAndStartedAfter) {
+    Begin();
+    (void)Ask("restart", "base");
+    EXPECT_TRUE(InOrder(Trace(), {"base.so started", "user.so started", " user          stop",
+                                  " base          stop", "base.so loading", " base          start",
+                                  " user          start"}));
+    // One that the administrator stopped stays so.
+    (void)Ask("stop", "user");
+    EXPECT_TRUE(Contains(Ask("restart", "base"), "\"started\":[\"base\"],\"stopped\":[\"base\"]"));
+}
+
+TEST_F(ControlTest, StoppedModulesAreUnloadedWhenThatIsSafe) {
+    Begin();
+    EXPECT_TRUE(IsMapped("user"));
+    EXPECT_TRUE(Contains(Ask("stop", "user"), "\"stopped\":[\"user\"]}"));
+    EXPECT_FALSE(IsMapped("user"));
+    (void)Ask(RequestOf("base", "thread"));
+    EXPECT_TRUE(Contains(Ask("stop", "base"), "it stays in memory: thread "));
+    EXPECT_TRUE(IsMapped("base"));
+    Release();
+    (void)Ask("start", "base");
+    EXPECT_TRUE(Contains(Ask("stop", "base"), "\"stopped\":[\"base\"]}"));
+    EXPECT_FALSE(IsMapped("base"));
+}
+
+TEST_F(ControlTest, AModuleThatHangsIsNamedWhileItHangs) {
+    Settings("modules.d/base.ini", "[Module]\nStopTimeout = 100 ms\n");
+    Begin();
+    Client waiting;
+    waiting.Send(RequestOf("base", "hang") + "\n");
+    EXPECT_TRUE(WaitFor([] {
+        return Contains(Ask("show", "base"), "\"state\":\"hanging\",\"reason\":\"its request has");
+    }));
+    EXPECT_TRUE(
+        Contains(Trace(), "module base.so hangs: its request has not come back within 0.1 s\n"));
+    // The others can be looked at meanwhile, and what waits for modules is limited.
+    EXPECT_TRUE(Contains(Ask("show", "user"), "\"state\":\"running\""));
+    EXPECT_TRUE(Contains(Ask("show", "user"), "\"health\":\"busy\""));
+    std::list<Client> clients(17);
+    for (Client& client : clients) client.Send(RequestOf("user", "echo 1") + "\n");
+    EXPECT_TRUE(Contains(clients.back().Line(), "busy: too many requests"));
+    Release();
+    EXPECT_TRUE(Contains(waiting.Line(), "\"reply\":\"done\""));
+    EXPECT_TRUE(Contains(clients.front().Line(), "\"reply\":\"1\""));
+    EXPECT_TRUE(Contains(Ask("show", "base"), "\"state\":\"running\""));
+    EXPECT_TRUE(Contains(Trace(), "module base.so has come back from its request after "));
+}
+
+TEST_F(ControlTest, AStopWaitsForTheRequestThatRuns) {
+    Begin();
+    Client waiting;
+    waiting.Send(RequestOf("base", "hang") + "\n");
+    ASSERT_TRUE(WaitFor([] { return Contains(Trace(), " base          hangs\n"); }));
+    Client late;
+    late.Send(RequestOf("user", "echo late") + "\n");
+    std::thread helper([] {
+        (void)Ask("show", "base");
+        Release();
+    });
+    m_binding.pInterface->StopAllModules();
+    helper.join();
+    EXPECT_TRUE(Contains(waiting.Line(), "\"reply\":\"done\""));
+    // It was answered before or after, but not while modules stop.
+    EXPECT_TRUE(Contains(Ask("start", "base"), "{\"error\":\"kemd stops\"}"));
+    EXPECT_TRUE(
+        InOrder(Trace(), {" base          goes on\n", "user.so stopped", "base.so stopped"}));
+    EXPECT_TRUE(m_binding.UnloadModules(0));
+    EXPECT_FALSE(fs::exists(kControlSocket));
+    EXPECT_FALSE(Client().isConnected);
+}
+
+TEST_F(ControlTest, AModuleThatEndsTheWorkerEndsNothingElse) {
+    Begin();
+    const std::string lost = "a module has ended the thread that serves requests: restart kemd";
+    EXPECT_TRUE(Contains(Ask(RequestOf("base", "leave")), lost));
+    EXPECT_TRUE(Contains(Ask("start", "base"), lost));
+    EXPECT_TRUE(Contains(Ask("show", "base"), "\"health\":\"busy\""));
+}
+
+TEST_F(ControlTest, SlowAndDeadClientsHoldNothingUp) {
+    Begin();
+    std::list<Client> dead(20);
+    std::list<Client> slow(20);
+    for (Client& client : slow) client.Send("{\"request\":");
+    std::list<Client> good(24);
+    for (Client& client : good) client.Send("{\"request\":\"modules\"}\n");
+    for (Client& client : good) EXPECT_TRUE(Contains(client.Line(), "\"result\""));
+    // Who asks and goes, or never takes an answer.
+    for (int i = 0; i < 64; ++i) Client().Send("{\"request\":\"modules\"}\n");
+    std::string many;
+    while (many.size() < 60'000) many += "{\"request\":\"modules\"}\n";
+    Client deaf;
+    deaf.Send(many);
+    EXPECT_TRUE(Contains(Ask("{\"request\":\"modules\"}"), "\"result\""));
+}
+
+TEST_F(ControlTest, TheSocketIsRootsAndTheGroups) {
+    Begin();
+    EXPECT_EQ(ModeOf(kControlSocket), "140600 group 0");
+    EXPECT_EQ(ModeOf(kControlDirectory), "40755 group 0");
+    EXPECT_TRUE(End());
+    // What a crash left; a group.
+    Settings("kemd.ini", "[Control]\nGroup = readers\n");
+    WriteFile("/etc/group", "root:x:0:\nreaders:x:0:\n");
+    { UniqueFd stale(socket(AF_UNIX, SOCK_STREAM, 0)); }
+    ASSERT_EQ(mknod(kControlSocket, S_IFSOCK | 0666, 0), 0);
+    Begin();
+    EXPECT_EQ(ModeOf(kControlSocket), "140660 group 0");
+    EXPECT_TRUE(End());
+    // No group, no socket: the modules run.
+    Settings("kemd.ini", "[Control]\nGroup = nobody\n");
+    fs::create_directory(kControlSocket);
+    Begin();
+    EXPECT_TRUE(Contains(Trace(), "Group = nobody is not used: no group nobody in /etc/group\n"));
+    EXPECT_TRUE(
+        Contains(Trace(), "kemdctl cannot reach the modules: /run/kemd/control is no socket\n"));
+    EXPECT_TRUE(Contains(Trace(), "module user.so started\n"));
+    fs::remove(kControlSocket);
+}
+
+TEST_F(ControlTest, OthersAreRefusedAndTheGroupReads) {
+    Settings("kemd.ini", "[Control]\nGroup = 4711\n");
+    if (chown("/tmp/hang", 0, 4711) != 0) GTEST_SKIP() << "only root has other groups";
+    Begin();
+    const struct {
+        gid_t group;
+        std::string show;
+        std::string stop;
+    } cases[] = {{4711, "\"state\":\"running\"", "only root may ask for this"},
+                 {4712, "only root may ask, and the group", "only root may ask, and the group"}};
+    for (const auto& [group, show, stop] : cases) {
+        ASSERT_EQ(chmod(kControlSocket, 0666), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            const bool isOther = setgid(group) == 0 && setuid(4711) == 0;
+            const bool isAsExpected =
+                Contains(Ask("show", "base"), show) && Contains(Ask("stop", "base"), stop);
+            _exit(isOther && isAsExpected ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0) << group;
+    }
+}
+
+// In poll and futex without a time-out, as the kernel shows their arguments.
+TEST_F(ControlTest, IdleThreadsSleepWithoutATimeout) {
+    Begin();
+    (void)Ask("{\"request\":\"modules\"}");
+    const auto calls = [] {
+        std::string text;
+        for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+            std::string name = ReadFile(task.path() / "comm");
+            if (name.starts_with("kemd-")) text += name + ReadFile(task.path() / "syscall");
+        }
+        return text;
+    };
+    EXPECT_TRUE(WaitFor([&] {
+        return InOrder(calls(), {"kemd-worker\n202 ", " 0x0 "}) &&
+               Contains(calls(), "kemd-control\n7 ");
+    })) << calls();
+}
+
+TEST_F(ControlTest, ManyRoundsLeaveNothingBehind) {
+    Begin();
+    Client client;
+    const auto descriptors = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    };
+    (void)client.Ask(R"({"request":"restart","module":"user"})");
+    const auto before = descriptors();
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_EQ(
+            client.Ask(R"({"request":"restart","module":"user"})"),
+            R"({"result":{"module":"user","state":"running","started":["user"],"stopped":["user"]}})");
+    }
+    EXPECT_EQ(descriptors(), before);
+}
+
+}  // namespace
