@@ -23,8 +23,8 @@ void WriteHelp() {
         "  --json      results as JSON, where a command has them\n"
         "\n"
         "Options may be anywhere; -- ends them. Exit status: 0 yes or done, 1 no (not\n"
-        "there, findings), 2 an error, reported on standard error, 3 (status only) kemd\n"
-        "does not run.\n");
+        "there, findings), 2 an error, reported on standard error, 3 (status and\n"
+        "modules) kemd does not run.\n");
 }
 
 int Run(CommandLine& line, ReportWriter& report) {

@@ -203,6 +203,8 @@ void ModuleSwitch::StartAllModules() {
         if (module.startedAs != 0 || module.failed || missing == nullptr) continue;
         constexpr const char* kWhat = "is not started: it needs a module that does not run";
         LeaveOut(module.name, ModuleState::kStopped, kWhat, missing);
+        TheModuleBoard().Set(module.name, ModuleState::kStopped,
+                             std::string("it needs ") + missing + ", which does not run");
     }
     ShowRunning();
 }

@@ -1,0 +1,31 @@
+// Asks the running daemon over its control socket; see docs/control-interface.md.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "base/json.h"
+
+enum class AnswerKind {
+    kAnswered,
+    kRefused,      // by the daemon, which says why
+    kUnavailable,  // the daemon runs without the socket, or does not answer
+    kForbidden,    // to this user
+    kNotRunning,
+};
+
+struct ControlAnswer {
+    AnswerKind kind = AnswerKind::kUnavailable;
+    JsonValue result;     // kAnswered
+    std::string problem;  // otherwise, printable
+};
+
+// {"request":NAME,"module":...,"text":...}; null: not among them.
+std::string ControlRequestText(std::string_view name, const char* module = nullptr,
+                               const char* text = nullptr);
+
+// Waits for the answer, at most so long; a module may take its time.
+ControlAnswer AskDaemon(const std::string& request, int timeoutSeconds);
+
+// The exit code for an answer; complains of one that is none.
+int JudgeAnswer(const ControlAnswer& answer);

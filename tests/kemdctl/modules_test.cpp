@@ -1,0 +1,141 @@
+// kemdctl modules beside the real daemon, beside one with another switch library, and alone.
+#include "tests/modules.h"
+
+#include <sys/stat.h>
+
+#include "tests/daemon/daemon_test.h"
+#include "tests/kemdctl/ctl.h"
+
+namespace fs = std::filesystem;
+
+static const mode_t kInheritedUmask = umask(022);
+
+class ModulesTest : public DaemonTest {
+  protected:
+    void SetUp() override {
+        DaemonTest::SetUp();
+        fs::remove_all("/etc/kemd");
+        ClearModules();
+        for (const char* const name : {"base", "user"}) {
+            AddModule(std::string("/test/control/") + name + ".so");
+        }
+        UseSwitch("reference");
+        m_environment["OV_MODULE_DIR"] = kModules;
+    }
+};
+
+TEST_F(ModulesTest, AreListedAndControlled) {
+    const pid_t pid = Run();
+    const std::string process = std::to_string(pid);
+    const struct {
+        std::string arguments;
+        int code;
+        std::vector<std::string> out;
+        std::string err;
+    } cases[] = {
+        {"modules",
+         0,
+         {"name  version  state    since                process  threads  health\n",
+          "base  1.2      running  20", "  " + process + "  ", "  0        ok\n", "user"},
+         ""},
+        {"modules list --json",
+         0,
+         {"{\"pid\":" + process + ",\"modules\":[{\"name\":\"base\",\"version\":\"1.2\"",
+          "\"threads\":0,\"health\":\"ok\"},{\"name\":\"user\""},
+         ""},
+        {"modules show user",
+         0,
+         {"name:         user\n", "description:  A \"test\"\nstate:        running\n",
+          "starts after: base\n"},
+         ""},
+        {"modules request base 'health 2 no fan'", 0, {}, ""},
+        {"modules show base", 0, {"health:       failed: no fan\n"}, ""},
+        {"modules request base 'echo a\tb'", 0, {"a\\tb\n"}, ""},
+        {"modules request base nonsense --json",
+         2,
+         {"{\"error\":\"module base refuses"},
+         "Invalid argument"},
+        {"modules restart base",
+         0,
+         {"user stopped\nbase stopped\nbase started\nuser started\n"},
+         ""},
+        {"modules stop base --json", 0, {"\"started\":[],\"stopped\":[\"user\",\"base\"]}"}, ""},
+        {"modules stop base", 0, {"base: it does not run\n"}, ""},
+        {"modules start user", 2, {}, "module user needs the module base, which does not run"},
+        {"modules start base", 0, {"base started\nuser started\n"}, ""},
+        {"modules reload user", 0, {}, ""},
+        {"modules show nobody", 1, {}, "there is no module nobody"},
+        {"modules start", 2, {}, "too few words for start"},
+        {"modules list --all", 2, {}, "unknown option --all"},
+        {"modules begin base", 2, {}, "unknown subcommand begin"},
+    };
+    for (const auto& [arguments, code, out, err] : cases) {
+        const Result result = Ctl(arguments);
+        EXPECT_EQ(result.code, code) << arguments << result.err;
+        EXPECT_TRUE(InOrder(result.out, out)) << arguments;
+        EXPECT_TRUE(Contains(result.err, err)) << arguments << result.err;
+        EXPECT_EQ(err.empty(), result.err.empty()) << arguments << result.err;
+    }
+    EXPECT_EQ(Stop(pid), 0);
+    EXPECT_EQ(Ctl("modules").err, "kemdctl: kemd does not run\n");
+    EXPECT_EQ(Ctl("modules").code, 3);
+}
+
+TEST_F(ModulesTest, AnotherSwitchLibraryCannotBeAsked) {
+    UseSwitch("c");
+    const pid_t pid = Run();
+    const Result result = Ctl("modules start base --json");
+    EXPECT_EQ(result.code, 2);
+    EXPECT_TRUE(
+        InOrder(result.out, {"{\"error\":\"kemd runs, process " + std::to_string(pid),
+                             "/run/kemd/control: No such file or directory; it still starts, "
+                             "has another switch library"}));
+    EXPECT_EQ(Stop(pid), 0);
+}
+
+TEST_F(ModulesTest, AreEnabledDisabledAndConfigured) {
+    const std::string file = "/etc/kemd/modules.d/base.ini";
+    EXPECT_TRUE(InOrder(Ctl("modules config base").out,
+                        {file + " is not there:\n[Module] Enabled = yes  (default)\n",
+                         "[Module] StopTimeout = 10s  (default)\n"}));
+    EXPECT_TRUE(
+        InOrder(Ctl("modules disable base").out,
+                {"base is not started any more; to stop it now: kemdctl modules stop base\n"}));
+    EXPECT_EQ(ReadFile(file), "\n[Module]\n\nEnabled=no\n");
+    const pid_t pid = Run();
+    EXPECT_TRUE(InOrder(Ctl("modules").out, {"base  -        disabled  20", "by " + file + "\n",
+                                             "user  1.2      stopped", "it needs base, which does not run\n"}));
+    EXPECT_TRUE(Contains(Ctl("modules start base").err, "module base is disabled: by " + file));
+    EXPECT_TRUE(InOrder(Ctl("modules enable base").out, {"now: kemdctl modules start base\n"}));
+    EXPECT_EQ(Ctl("modules start base").out, "base started\nuser started\n");
+    EXPECT_EQ(Stop(pid), 0);
+    // Comments stay, and what a link or others could change is refused.
+    WriteFile(
+        file,
+        "; mine\n[Module]\nEnabled = off ; for now\nStrange = 1\n[Settings]\nNumber = 2\nNumber = 3\n");
+    EXPECT_EQ(
+        Ctl("modules config base").out,
+        file + ":\n[Module] Enabled = off  (" + file +
+            ":3)\n[Module] StartTimeout = 10s  (default)\n"
+            "[Module] StopTimeout = 10s  (default)\n[Module] Strange = 1  (" +
+            file +
+            ":4, not known)\n"
+            "[Settings] Number = 2  (" +
+            file +
+            ":6)\n"
+            "The module itself has defaults for the keys of [Settings] that are not there.\n");
+    EXPECT_TRUE(
+        Contains(Ctl("modules config base --json").out,
+                 "{\"section\":\"Settings\",\"key\":\"Number\",\"value\":\"2\",\"from\":\"" + file +
+                     ":6\"}"));
+    EXPECT_EQ(Ctl("modules enable base").code, 0);
+    EXPECT_TRUE(InOrder(ReadFile(file), {"; mine\n[Module]\n", "Enabled=yes\n",
+                                         "Strange = 1\n[Settings]\nNumber = 2\n"}));
+    const std::string before = ReadFile(file);
+    ASSERT_EQ(chmod(file.c_str(), 0666), 0);
+    EXPECT_EQ(Ctl("modules config base").code, 1);
+    EXPECT_TRUE(Contains(Ctl("modules disable base").err, "may be written by others than root"));
+    EXPECT_EQ(ReadFile(file), before);
+    EXPECT_TRUE(Contains(Ctl("modules enable ../x").err, "../x is no name of a module"));
+    EXPECT_TRUE(Contains(Ctl("modules enable nobody").err, "no module nobody is installed"));
+}
