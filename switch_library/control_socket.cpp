@@ -113,12 +113,17 @@ std::string ControlSocket::Listen() {
         bind(m_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         return Failure("cannot make", kControlSocket);
     }
-    const bool isShared = !m_readers || (chown(kControlSocket, 0, *m_readers) == 0 &&
-                                         chmod(kControlSocket, 0660) == 0);
-    if (isShared && listen(m_socket.Get(), kWaiting) == 0) return {};
-    std::string fault = Failure("cannot set up", kControlSocket);
-    (void)unlink(kControlSocket);
-    return fault;
+    if (listen(m_socket.Get(), kWaiting) != 0) {
+        std::string fault = Failure("cannot listen on", kControlSocket);
+        (void)unlink(kControlSocket);
+        return fault;
+    }
+    if (m_readers &&
+        (chown(kControlSocket, 0, *m_readers) != 0 || chmod(kControlSocket, 0660) != 0)) {
+        KemdMessage("switch", "%s for the group %u", Failure("cannot open", kControlSocket).c_str(),
+                    *m_readers);
+    }
+    return {};
 }
 
 void ControlSocket::Close() {

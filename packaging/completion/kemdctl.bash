@@ -73,6 +73,19 @@ _kemdctl_runs() {
     _kemdctl_choose "$(timeout 2 kemdctl trace --list-runs 2>/dev/null </dev/null | sed 's/ .*//')"
 }
 
+# The modules of the running kemd, or those that are installed.
+_kemdctl_modules() {
+    local names path
+    names=$(timeout 2 kemdctl modules list 2>/dev/null </dev/null | sed '1d;s/ .*//')
+    if [[ -z $names ]]; then
+        for path in /usr/lib/kemd/modules/*.so; do
+            path=${path##*/}
+            names+=" ${path%.so}"
+        done
+    fi
+    _kemdctl_choose "$names"
+}
+
 # Leaves the word to the completion of file names.
 _kemdctl_files() { compopt -o default 2>/dev/null; }
 
@@ -163,6 +176,8 @@ _kemdctl() {
     case ${words[0]-}:${#words[@]} in
         :0) _kemdctl_choose "$(_kemdctl_commands '')" ;;
         trace:*) _kemdctl_files ;;
+        modules:1) _kemdctl_choose "$(_kemdctl_commands modules)" ;;
+        modules:2) [[ ${words[1]} == list ]] || _kemdctl_modules ;;
         registry:1) _kemdctl_choose "$(_kemdctl_commands registry)" ;;
         registry:*) _kemdctl_registry "${words[@]:1}" "$cur" ;;
     esac
