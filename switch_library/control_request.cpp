@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::array<std::pair<std::string_view, ControlRequest::Kind>, 7> kRequests = {{
+constexpr std::array<std::pair<std::string_view, ControlRequest::Kind>, 8> kRequests = {{
     {"modules", ControlRequest::kModules},
     {"show", ControlRequest::kShow},
     {"start", ControlRequest::kStart},
@@ -21,6 +21,7 @@ constexpr std::array<std::pair<std::string_view, ControlRequest::Kind>, 7> kRequ
     {"restart", ControlRequest::kRestart},
     {"reload", ControlRequest::kReload},
     {"request", ControlRequest::kRequest},
+    {"registry", ControlRequest::kRegistry},
 }};
 
 void AppendMember(std::string& to, std::string_view name, std::string_view json) {
@@ -102,6 +103,21 @@ std::string Describe(const ModuleInfo& module, const Moment& moment) {
     return json + "}";
 }
 
+std::string ReadMember(const std::string& member, const JsonValue& value, ControlRequest& request) {
+    using Kind = ControlRequest::Kind;
+    const bool hasModule = request.kind != Kind::kModules && request.kind != Kind::kRegistry;
+    if (member == "changes" && request.kind == Kind::kRegistry) {
+        return ReadRegistryChanges(value, request.changes);
+    }
+    std::string* const text = member == "module" && hasModule                      ? &request.module
+                              : member == "text" && request.kind == Kind::kRequest ? &request.text
+                                                                                   : nullptr;
+    if (text == nullptr) return "unknown member " + member;
+    if (value.kind != JsonValue::kText) return member + " is no text";
+    *text = value.text;
+    return {};
+}
+
 }  // namespace
 
 std::string ReadControlRequest(std::string_view line, ControlRequest& request) {
@@ -117,14 +133,12 @@ std::string ReadControlRequest(std::string_view line, ControlRequest& request) {
     }
     request.kind = known->second;
     for (const auto& [member, value] : document->members) {
-        std::string* const text =
-            member == "module" && request.kind != ControlRequest::kModules ? &request.module
-            : member == "text" && request.kind == ControlRequest::kRequest ? &request.text
-                                                                           : nullptr;
         if (member == "request") continue;
-        if (text == nullptr) return "unknown member " + member;
-        if (value.kind != JsonValue::kText) return member + " is no text";
-        *text = value.text;
+        fault = ReadMember(member, value, request);
+        if (!fault.empty()) return fault;
+    }
+    if (request.kind == ControlRequest::kRegistry) {
+        return request.changes.empty() ? "\"changes\" is missing" : "";
     }
     if (request.kind != ControlRequest::kModules && request.module.empty()) {
         return "\"module\" is missing";

@@ -7,11 +7,14 @@
 #include <string_view>
 #include <vector>
 
+#include "switch_library/registry_request.h"
+
 struct ControlRequest {
-    enum Kind { kModules, kShow, kStart, kStop, kRestart, kReload, kRequest, kHealth };
+    enum Kind { kModules, kShow, kStart, kStop, kRestart, kReload, kRequest, kRegistry, kHealth };
     Kind kind = kModules;
     std::string module;
-    std::string text;  // of kRequest
+    std::string text;                     // of kRequest
+    std::vector<RegistryChange> changes;  // of kRegistry
 
     // Whether it only reads what the board has.
     [[nodiscard]] bool OnlyReads() const { return kind == kModules || kind == kShow; }

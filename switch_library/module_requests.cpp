@@ -38,6 +38,10 @@ std::string Of(const std::string& name, const std::string& what) {
 }  // namespace
 
 std::string ModuleSwitch::Execute(const ControlRequest& request) {
+    if (request.kind == ControlRequest::kRegistry) {  // calls no module
+        const std::string failure = ApplyRegistryChanges(request.changes);
+        return failure.empty() ? ControlResult("{}") : ControlError(failure);
+    }
     const std::lock_guard calls(m_calls);
     if (m_isStopping) return ControlError("kemd stops");
     ControlOutcome outcome;
@@ -63,6 +67,7 @@ std::string ModuleSwitch::Execute(const ControlRequest& request) {
             return {};
         case ControlRequest::kModules:
         case ControlRequest::kShow:
+        case ControlRequest::kRegistry:
             return {};  // the control thread's
     }
     ShowRunning();

@@ -315,6 +315,62 @@ TEST_F(ControlTest, OthersAreRefusedAndTheGroupReads) {
     }
 }
 
+// "HKEY_USERS/a/b" for example, as the socket wants it.
+std::string Hex(const std::string& text) {
+    std::string digits;
+    char byte[3];
+    for (const char c : text) {
+        std::snprintf(byte, sizeof byte, "%02x", static_cast<unsigned char>(c));
+        digits += byte;
+    }
+    return "\"" + digits + "\"";
+}
+
+TEST_F(ControlTest, TheRegistryChangesInTheDaemon) {
+    WriteFile("/etc/orvmon/registry",
+              "[HKEY_LOCAL_MACHINE]\n\n[HKEY_USERS]\nold=s=1\n[gone]\n\n\n");
+    Begin();
+    const auto change = [](const std::string& members) {
+        return Ask("{\"request\":\"registry\",\"changes\":[" + members + "]}");
+    };
+    const auto set = [&](const std::string& key, const std::string& value, const std::string& type,
+                         const std::string& data) {
+        return "{\"change\":\"set\",\"key\":" + Hex(key) + ",\"value\":" + Hex(value) +
+               ",\"type\":\"" + type + "\",\"data\":" + data + "}";
+    };
+    const auto clear = "{\"change\":\"clear\",\"key\":" + Hex("HKEY_USERS") + "}";
+    const auto remove = [&](const std::string& key, const std::string& value) {
+        const std::string what = value.empty() ? "" : ",\"value\":" + Hex(value);
+        return change("{\"change\":\"delete\",\"key\":" + Hex(key) + what + "}");
+    };
+    EXPECT_EQ(change(clear + "," + set("HKEY_USERS/a/b", "n", "number", "\"ffffffff\"") + "," +
+                     set("HKEY_USERS/a", "t\xff", "string", Hex("x\xe9"))),
+              "{\"result\":{}}");
+    EXPECT_EQ(ReadFile("/etc/orvmon/registry"),
+              "[HKEY_LOCAL_MACHINE]\n\n[HKEY_USERS]\n[a]\nt\xff=s=x\xe9\n[b]\nn=d=-1\n\n\n\n\n");
+    const struct {
+        std::string actual;
+        std::string expected;
+    } cases[] = {
+        {remove("HKEY_USERS/a", "n"), "no value n in HKEY_USERS/a"},
+        {remove("HKEY_USERS/a", "b"), "no value b in HKEY_USERS/a"},
+        {remove("HKEY_USERS/x", ""), "no key HKEY_USERS/x"},
+        {remove("HKEY_USERS", ""), "a root key cannot be deleted"},
+        {change(set("HKEY_USERS", "a", "string", "\"\"")),
+         "HKEY_USERS has a key a; delete that first"},
+        {change(set("HKEY_NONE/a", "a", "string", "\"\"")), "cannot make the key HKEY_NONE/a"},
+        {change(set("HKEY_USERS", "a", "number", "\"00\"")), "change 1: a number has four bytes"},
+        {change(set("HKEY_USERS", "a", "text", "\"00\"")), "change 1: an unknown type"},
+        {change(set("HKEY_USERS", "a", "string", "\"0x\"")),
+         "change 1: value or data are missing or not hexadecimal"},
+    };
+    for (const auto& [actual, expected] : cases)
+        EXPECT_EQ(actual, "{\"error\":\"" + expected + "\"}");
+    EXPECT_EQ(remove("HKEY_USERS/a/b", "n"), "{\"result\":{}}");
+    EXPECT_EQ(remove("HKEY_USERS/a", ""), "{\"result\":{}}");
+    EXPECT_EQ(ReadFile("/etc/orvmon/registry"), "[HKEY_LOCAL_MACHINE]\n\n[HKEY_USERS]\n\n\n");
+}
+
 // In poll and futex without a time-out, as the kernel shows their arguments.
 TEST_F(ControlTest, IdleThreadsSleepWithoutATimeout) {
     Begin();
