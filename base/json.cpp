@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
-#include <cstring>
+#include <utility>
 
 #include "base/utf8.h"
 
@@ -42,9 +42,10 @@ std::string JsonQuoted(std::string_view text) {
 }
 
 const JsonValue* JsonValue::Find(std::string_view name) const {
-    const auto found = std::find_if(members.begin(), members.end(),
-                                    [name](const auto& member) { return member.first == name; });
-    return found != members.end() ? &found->second : nullptr;
+    const auto found =
+        std::find_if(members.begin(), members.end(),
+                     [name](const JsonMember& member) { return member.name == name; });
+    return found != members.end() ? &found->value : nullptr;
 }
 
 std::string_view JsonValue::TextOf(std::string_view name) const {
@@ -154,9 +155,8 @@ bool JsonReader::TakeObject(JsonValue& value, unsigned depth) {
         if (value.Find(name) != nullptr) return Fail("a member is there twice");
         SkipBlanks();
         if (!Skip(':')) return Fail("\":\" is missing");
-        if (!TakeValue(value.members.emplace_back(std::move(name), JsonValue()).second, depth)) {
-            return false;
-        }
+        value.members.push_back({std::move(name), {}});
+        if (!TakeValue(value.members.back().value, depth)) return false;
         SkipBlanks();
     } while (Skip(','));
     return Skip('}') || Fail("\",\" or \"}\" is missing");

@@ -5,13 +5,14 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 // A text as JSON has it, in quotes. Bytes that are no UTF-8 become U+FFFD; control characters, also
 // those above ASCII, are escaped.
 void AppendJson(std::string& to, std::string_view text);
 std::string JsonQuoted(std::string_view text);
+
+struct JsonMember;
 
 // A value that was read. Members that do not fit its kind are empty.
 struct JsonValue {
@@ -20,13 +21,18 @@ struct JsonValue {
     bool flag = false;
     std::string text;  // of a text, in UTF-8 without NULs; of a number as it stands there
     std::vector<JsonValue> elements;
-    std::vector<std::pair<std::string, JsonValue>> members;  // in their order, each name once
+    std::vector<JsonMember> members;  // in their order, each name once
 
     // The member of an object; null when there is none.
     [[nodiscard]] const JsonValue* Find(std::string_view name) const;
     // The member as a text or a number; empty or nothing when there is none of that kind.
     [[nodiscard]] std::string_view TextOf(std::string_view name) const;
     [[nodiscard]] std::optional<int64_t> NumberOf(std::string_view name) const;
+};
+
+struct JsonMember {
+    std::string name;
+    JsonValue value;
 };
 
 // One document of at most `depth` arrays and objects within each other, with nothing but blanks

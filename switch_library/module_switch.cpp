@@ -126,7 +126,7 @@ bool ModuleSwitch::LoadModules(ModuleLoadParams* params) {
 
 std::string ModuleSwitch::LoadOne(const std::string& file) {
     const std::string directory = ModuleDirectory();
-    const std::string fault = Unsafe(WalkPath(directory));
+    std::string fault = Unsafe(WalkPath(directory));
     if (!fault.empty()) return fault;
     const std::string path = directory + "/" + file;
     if (access(path.c_str(), F_OK) != 0) return path + ": " + std::strerror(errno);
