@@ -360,6 +360,7 @@ bool ModuleSwitch::UnloadModules(uint32_t /*options*/) {
 
 void ModuleSwitch::NotifyModules(uint32_t code, void* data, uint32_t /*word*/) {
     const std::lock_guard calls(m_calls);
+    m_isStopping = m_isStopping || code == kNotifyStop;
     for (const Module& module : m_modules) {
         if (module.startedAs == 0 || !module.object.HasNotify()) continue;
         Thrown thrown{};

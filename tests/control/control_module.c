@@ -34,6 +34,7 @@ static int Configure(void* user, const struct KemdConfig* config) {
 
 static int Start(void* user) {
     KemdMessage((const char*)user, "start");
+    if (access("/tmp/slow", F_OK) == 0) Hang(NULL);
     return access("/tmp/fail", F_OK) == 0 ? EIO : 0;
 }
 

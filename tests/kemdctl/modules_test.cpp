@@ -1,7 +1,9 @@
 // kemdctl modules beside the real daemon, beside one with another switch library, and alone.
 #include "tests/modules.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "tests/daemon/daemon_test.h"
 #include "tests/kemdctl/ctl.h"
@@ -81,6 +83,26 @@ TEST_F(ModulesTest, AreListedAndControlled) {
     EXPECT_EQ(Ctl("modules").code, 3);
 }
 
+TEST_F(ModulesTest, AStartThatHangsIsShownWhileItHangs) {
+    WriteFile("/etc/kemd/modules.d/base.ini", "[Module]\nStartTimeout = 100 ms\n");
+    ASSERT_EQ(mkfifo("/tmp/hang", 0600), 0);
+    WriteFile("/tmp/slow", "");
+    const pid_t pid = Start({"-n"});
+    EXPECT_TRUE(
+        WaitFor([] { return Contains(Ctl("modules show base").out, "state:        hanging"); }));
+    EXPECT_TRUE(InOrder(
+        Ctl("modules").out,
+        {"base  1.2      hanging  20", "its start has not come back", "user  1.2      stopped"}));
+    fs::remove("/tmp/slow");
+    close(open("/tmp/hang", O_WRONLY | O_CLOEXEC));
+    EXPECT_TRUE(
+        WaitFor([] { return Contains(Ctl("modules show user").out, "state:        running"); }));
+    EXPECT_EQ(Stop(pid), 0);
+    EXPECT_TRUE(
+        InOrder(Trace(), {"module base.so hangs: its start has not come back within 0.1 s\n",
+                          "module base.so has come back from its start after", "user.so started"}));
+}
+
 TEST_F(ModulesTest, AnotherSwitchLibraryCannotBeAsked) {
     UseSwitch("c");
     const pid_t pid = Run();
@@ -103,8 +125,9 @@ TEST_F(ModulesTest, AreEnabledDisabledAndConfigured) {
                 {"base is not started any more; to stop it now: kemdctl modules stop base\n"}));
     EXPECT_EQ(ReadFile(file), "\n[Module]\n\nEnabled=no\n");
     const pid_t pid = Run();
-    EXPECT_TRUE(InOrder(Ctl("modules").out, {"base  -        disabled  20", "by " + file + "\n",
-                                             "user  1.2      stopped", "it needs base, which does not run\n"}));
+    EXPECT_TRUE(InOrder(Ctl("modules").out,
+                        {"base  -        disabled  20", "by " + file + "\n",
+                         "user  1.2      stopped", "it needs base, which does not run\n"}));
     EXPECT_TRUE(Contains(Ctl("modules start base").err, "module base is disabled: by " + file));
     EXPECT_TRUE(InOrder(Ctl("modules enable base").out, {"now: kemdctl modules start base\n"}));
     EXPECT_EQ(Ctl("modules start base").out, "base started\nuser started\n");
