@@ -8,12 +8,15 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "base/file_io.h"
 #include "base/paths.h"
 #include "kemdctl/facts/daemon_state.h"
 #include "kemdctl/ui/command.h"
+#include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -116,4 +119,40 @@ int JudgeAnswer(const ControlAnswer& answer) {
     if (answer.kind == AnswerKind::kAnswered) return kYes;
     Complain("%s", answer.problem.c_str());
     return answer.kind == AnswerKind::kNotRunning ? kNotRunning : kError;
+}
+
+void StateAnswer(ReportWriter& report, std::string_view key, const JsonValue& value) {
+    switch (value.kind) {
+        case JsonValue::kNull:
+            return report.Null(key);
+        case JsonValue::kFlag:
+            return report.Flag(key, value.flag);
+        case JsonValue::kNumber:
+            return report.Number(key, std::strtoll(value.text.c_str(), nullptr, 10));
+        case JsonValue::kText:
+            return report.Text(key, value.text);
+        case JsonValue::kArray:
+            return report.List(key, value.elements,
+                               [&](const JsonValue& each) { StateAnswer(report, {}, each); });
+        case JsonValue::kObject:
+            return report.Object(key, [&] {
+                for (const auto& [name, member] : value.members) StateAnswer(report, name, member);
+            });
+    }
+}
+
+std::string SinceText(const JsonValue& module) {
+    const auto seconds = module.NumberOf("since");
+    tm local{};
+    char text[32] = "-";
+    const time_t time = seconds.value_or(0);
+    if (seconds && localtime_r(&time, &local) != nullptr) {
+        std::strftime(text, sizeof text, "%F %T", &local);
+    }
+    return text;
+}
+
+std::string TextOr(const JsonValue& module, std::string_view name, const char* otherwise) {
+    const std::string_view text = module.TextOf(name);
+    return text.empty() ? otherwise : Printable(text);
 }

@@ -6,6 +6,8 @@
 
 #include "base/json.h"
 
+class ReportWriter;
+
 enum class AnswerKind {
     kAnswered,
     kRefused,      // by the daemon, which says why
@@ -29,3 +31,9 @@ ControlAnswer AskDaemon(const std::string& request, int timeoutSeconds);
 
 // The exit code for an answer; complains of one that is none.
 int JudgeAnswer(const ControlAnswer& answer);
+
+// For JSON: as it came.
+void StateAnswer(ReportWriter& report, std::string_view key, const JsonValue& value);
+// Of a module object: the local time of its state; the printable text of a member.
+std::string SinceText(const JsonValue& module);
+std::string TextOr(const JsonValue& module, std::string_view name, const char* otherwise);

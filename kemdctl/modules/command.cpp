@@ -1,8 +1,6 @@
 // kemdctl modules: the modules of the running daemon, and what can be done with them.
 #include <algorithm>
 #include <array>
-#include <cstdlib>
-#include <ctime>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -40,46 +38,9 @@ Exit status: 0 done, 1 no such module, 2 error, 3 kemd does not run.
 constexpr int kReadSeconds = 15;
 constexpr int kChangeSeconds = 300;  // a module may take its time
 
-std::string TimeText(const JsonValue& module) {
-    const auto seconds = module.NumberOf("since");
-    tm local{};
-    char text[32] = "-";
-    const time_t time = seconds.value_or(0);
-    if (seconds && localtime_r(&time, &local) != nullptr) {
-        std::strftime(text, sizeof text, "%F %T", &local);
-    }
-    return text;
-}
-
 std::string NumberText(const JsonValue& module, std::string_view name) {
     const auto number = module.NumberOf(name);
     return number ? std::to_string(*number) : "-";
-}
-
-std::string TextOr(const JsonValue& module, std::string_view name, const char* otherwise) {
-    const std::string_view text = module.TextOf(name);
-    return text.empty() ? otherwise : Printable(text);
-}
-
-// An answer is stated as it came.
-void State(ReportWriter& report, std::string_view key, const JsonValue& value) {
-    switch (value.kind) {
-        case JsonValue::kNull:
-            return report.Null(key);
-        case JsonValue::kFlag:
-            return report.Flag(key, value.flag);
-        case JsonValue::kNumber:
-            return report.Number(key, std::strtoll(value.text.c_str(), nullptr, 10));
-        case JsonValue::kText:
-            return report.Text(key, value.text);
-        case JsonValue::kArray:
-            return report.List(key, value.elements,
-                               [&](const JsonValue& each) { State(report, {}, each); });
-        case JsonValue::kObject:
-            return report.Object(key, [&] {
-                for (const auto& [name, member] : value.members) State(report, name, member);
-            });
-    }
 }
 
 using Row = std::array<std::string, 8>;
@@ -87,7 +48,7 @@ using Row = std::array<std::string, 8>;
 Row RowOf(const JsonValue& module) {
     const std::string health = TextOr(module, "healthText", "");
     return {TextOr(module, "name", "-"),   TextOr(module, "version", "-"),
-            TextOr(module, "state", "-"),  TimeText(module),
+            TextOr(module, "state", "-"),  SinceText(module),
             NumberText(module, "pid"),     NumberText(module, "threads"),
             TextOr(module, "health", "-"), TextOr(module, "reason", health.c_str())};
 }
@@ -114,7 +75,7 @@ void ShowTable(ReportWriter& report, const std::vector<JsonValue>& modules) {
 int List(const CommandLine& /*line*/, ReportWriter& report) {
     const ControlAnswer answer = AskDaemon(ControlRequestText("modules"), kReadSeconds);
     if (const int code = JudgeAnswer(answer); code != kYes) return code;
-    State(report, {}, answer.result);
+    StateAnswer(report, {}, answer.result);
     const JsonValue* const modules = answer.result.Find("modules");
     if (modules != nullptr) ShowTable(report, modules->elements);
     return kYes;
@@ -126,7 +87,7 @@ int Show(const CommandLine& line, ReportWriter& report) {
         return answer.kind == AnswerKind::kRefused ? kNo : code;
     }
     const JsonValue& module = answer.result;
-    State(report, {}, module);
+    StateAnswer(report, {}, module);
     const auto field = [&](const char* label, const std::string& text) {
         if (!text.empty() && text != "-") report.Field(label, text);
     };
@@ -145,7 +106,7 @@ int Show(const CommandLine& line, ReportWriter& report) {
     field("version", TextOr(module, "version", ""));
     field("description", TextOr(module, "description", ""));
     field("state", TextOr(module, "state", "") + (reason.empty() ? "" : ": " + reason));
-    field("since", TimeText(module));
+    field("since", SinceText(module));
     field("process", NumberText(module, "pid"));
     field("threads", NumberText(module, "threads"));
     field("health", TextOr(module, "health", "") + (health.empty() ? "" : ": " + health));
@@ -158,7 +119,7 @@ int Change(const char* request, const CommandLine& line, ReportWriter& report) {
     const ControlAnswer answer =
         AskDaemon(ControlRequestText(request, line.words[0]), kChangeSeconds);
     if (const int code = JudgeAnswer(answer); code != kYes) return code;
-    State(report, {}, answer.result);
+    StateAnswer(report, {}, answer.result);
     for (const char* const done : {"stopped", "started"}) {
         const JsonValue* const modules = answer.result.Find(done);
         if (modules == nullptr) continue;
@@ -187,7 +148,7 @@ int Request(const CommandLine& line, ReportWriter& report) {
     const ControlAnswer answer =
         AskDaemon(ControlRequestText("request", line.words[0], line.words[1]), kChangeSeconds);
     if (const int code = JudgeAnswer(answer); code != kYes) return code;
-    State(report, {}, answer.result);
+    StateAnswer(report, {}, answer.result);
     std::string_view reply = answer.result.TextOf("reply");
     while (!reply.empty()) {
         const std::string_view first = reply.substr(0, reply.find('\n'));

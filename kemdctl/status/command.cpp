@@ -6,6 +6,7 @@
 
 #include "kemdctl/check/look_ups.h"
 #include "kemdctl/commands.h"
+#include "kemdctl/facts/daemon_control.h"
 #include "kemdctl/facts/daemon_environment.h"
 #include "kemdctl/status/report.h"
 #include "kemdctl/ui/report.h"
@@ -18,8 +19,8 @@ constexpr const char* kHelp =
 
 Shows whether kemd runs and since when, its run mode, who holds its lock, what
 its process-id file says, where it traces to and at which level, the newest
-record, the modules as far as the trace names them, and what is wrong with the
-trace and its settings.
+record, the modules and their health as the daemon answers, or else as far as
+the trace names them, and what is wrong with the trace and its settings.
 
   --json   results as JSON
 
@@ -70,6 +71,15 @@ std::string ModuleNote(const Status& status, const std::string& directory) {
                                 : "none is installed; " + InstallModuleAdvice(directory);
 }
 
+// Nothing when the daemon does not answer, or not this user.
+std::optional<JsonValue> AskModules(const DaemonState& state) {
+    constexpr int kSeconds = 3;
+    if (!state.daemon) return std::nullopt;
+    const ControlAnswer answer = AskDaemon(ControlRequestText("modules"), kSeconds);
+    const JsonValue* const modules = answer.result.Find("modules");
+    return modules != nullptr ? std::optional(*modules) : std::nullopt;
+}
+
 }  // namespace
 
 int RunStatus(CommandLine& line, ReportWriter& report) {
@@ -91,6 +101,7 @@ int RunStatus(CommandLine& line, ReportWriter& report) {
     status.traceSource = environment.source;
     status.trace = ReadTrace(status.traceDirectory);
     status.now = time(nullptr);
+    status.modules = AskModules(status.state);
     status.moduleNote = ModuleNote(status, ModuleDirectory(environment));
     CheckTracing(status, settings);
     CheckTraceLimits(status.findings, environment, settings);

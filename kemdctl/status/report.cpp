@@ -5,10 +5,13 @@
 #include <cstring>
 
 #include "base/paths.h"
+#include "kemdctl/facts/daemon_control.h"
 #include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
+
+constexpr size_t kColumn = 18;
 
 // In its two largest units: "3 d 4 h".
 std::string Age(time_t seconds) {
@@ -161,6 +164,27 @@ void ShowTrace(ReportWriter& report, const Status& status) {
     ShowNewest(report, status);
 }
 
+std::string ModuleText(const JsonValue& module) {
+    const std::string version = TextOr(module, "version", "");
+    const std::string health = TextOr(module, "health", "");
+    const std::string healthText = TextOr(module, "healthText", "");
+    const std::string reason = TextOr(module, "reason", "");
+    std::string text = TextOr(module, "name", "") + (version.empty() ? "" : " " + version) + ", " +
+                       TextOr(module, "state", "") + " since " + SinceText(module);
+    if (!reason.empty()) text += ": " + reason;
+    if (!health.empty()) text += ", health " + health;
+    return text + (healthText.empty() ? "" : ": " + healthText);
+}
+
+// One line each.
+void ShowAnswer(ReportWriter& report, const std::vector<JsonValue>& modules) {
+    report.List("moduleStates", modules, [&](const JsonValue& module) {
+        StateAnswer(report, {}, module);
+        if (&module == modules.data()) return report.Field("modules", ModuleText(module));
+        report.Line([&] { return std::string(kColumn, ' ') + ModuleText(module); });
+    });
+}
+
 void ShowModules(ReportWriter& report, const Status& status) {
     std::string list;
     report.List("modules", status.trace.modules, [&](const auto& each) {
@@ -174,13 +198,15 @@ void ShowModules(ReportWriter& report, const Status& status) {
     });
     const std::string& note = status.moduleNote;
     if (!note.empty()) report.Text("modulesNote", note);
+    if (status.modules && !status.modules->elements.empty()) {
+        return ShowAnswer(report, status.modules->elements);
+    }
     report.Field("modules", list.empty() ? note : list + (note.empty() ? "" : " (" + note + ")"));
 }
 
 }  // namespace
 
 void ShowStatus(ReportWriter& report, const Status& status) {
-    constexpr size_t kColumn = 18;
     report.SetColumn(kColumn);
     report.Object({}, [&] {
         ShowDaemon(report, status);

@@ -1,8 +1,10 @@
 // What kemdctl status has found, and how it is shown.
 #pragma once
 
+#include <optional>
 #include <string>
 
+#include "base/json.h"
 #include "kemdctl/check/findings.h"
 #include "kemdctl/facts/daemon_state.h"
 #include "kemdctl/status/trace_facts.h"
@@ -10,6 +12,8 @@
 struct Status {
     DaemonState state;
     Findings findings;  // what is wrong with the trace
+    // As the daemon answers; nothing when it cannot be asked: then the trace names them.
+    std::optional<JsonValue> modules;
     // Why the list of modules is empty or not complete.
     std::string moduleNote;
     std::string traceDirectory;

@@ -46,11 +46,13 @@ TEST_F(StatusTest, ForegroundWithModules) {
          "process-id file:  " + Process(pid) + ", the daemon and holder", "/var/log/orvmon (by",
          "trace level:      1\ntrace target:     2, ring buffer\n", "log.kemd, ", "wrapped 0 times",
          "log.kemd_a, 1048576 bytes\n", "newest record:    20", " ago) in log.kemd",
-         "modules: ", "counter.so started, heartbeat.so started"}));
+         "modules:          counter, running since 20",
+         "\n                  heartbeat, running since 20"}));
     EXPECT_TRUE(Shows(
         "status --json", 0,
         {"{\"running\":true,\"pid\":" + number + ",", "\"foreground\":true", "\"holder\":" + number,
-         "\"level\":1", "{\"file\":\"heartbeat.so\",\"state\":\"started\""}));
+         "\"level\":1", "{\"file\":\"heartbeat.so\",\"state\":\"started\"",
+         "\"moduleStates\":[{\"name\":\"counter\",\"state\":\"running\""}));
     EXPECT_EQ(Stop(pid), 0);
     EXPECT_TRUE(Shows("status", 3,
                       {"state:            not running\nlock file:        not there\n",
