@@ -109,6 +109,10 @@ std::string ReadMember(const std::string& member, const JsonValue& value, Contro
     if (member == "changes" && request.kind == Kind::kRegistry) {
         return ReadRegistryChanges(value, request.changes);
     }
+    if (member == "save" && request.kind == Kind::kRegistry) {
+        request.isSaved = value.flag;
+        return value.kind == JsonValue::kFlag ? "" : "save is neither true nor false";
+    }
     std::string* const text = member == "module" && hasModule                      ? &request.module
                               : member == "text" && request.kind == Kind::kRequest ? &request.text
                                                                                    : nullptr;

@@ -15,6 +15,7 @@ struct ControlRequest {
     std::string module;
     std::string text;                     // of kRequest
     std::vector<RegistryChange> changes;  // of kRegistry
+    bool isSaved = true;                  // the registry, after these changes
 
     // Whether it only reads what the board has.
     [[nodiscard]] bool OnlyReads() const { return kind == kModules || kind == kShow; }

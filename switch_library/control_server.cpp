@@ -195,7 +195,8 @@ void ControlServer::AskHealth(ControlClient& client) {
     if (!RunsModuleWithHealth()) return AnswerWithHealth(client, false);
     if (TheModuleBoard().RunningCall().isOverdue) return AnswerWithHealth(client, true);
     if (!m_isHealthAsked) {
-        m_isHealthAsked = m_worker.Post(kNoClient, {ControlRequest::kHealth, "", "", {}}).empty();
+        m_isHealthAsked =
+            m_worker.Post(kNoClient, {ControlRequest::kHealth, "", "", {}, true}).empty();
     }
     client.healthUntil = Clock::now() + (m_isHealthAsked ? seconds(1) : seconds(0));
     client.Wait();

@@ -39,8 +39,10 @@ std::string Of(const std::string& name, const std::string& what) {
 
 std::string ModuleSwitch::Execute(const ControlRequest& request) {
     if (request.kind == ControlRequest::kRegistry) {  // calls no module
-        const std::string failure = ApplyRegistryChanges(request.changes);
-        return failure.empty() ? ControlResult("{}") : ControlError(failure);
+        std::string absent;
+        const std::string failure = ApplyRegistryChanges(request.changes, request.isSaved, absent);
+        if (!failure.empty()) return ControlError(failure);
+        return ControlResult(absent.empty() ? "{}" : "{\"absent\":" + JsonQuoted(absent) + "}");
     }
     const std::lock_guard calls(m_calls);
     if (m_isStopping) return ControlError("kemd stops");

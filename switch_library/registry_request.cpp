@@ -40,7 +40,7 @@ std::string ReadChange(const JsonValue& object, RegistryChange& change) {
     const auto value = Bytes(object.Find("value"));
     const auto data = Bytes(object.Find("data"));
     const bool isSet = kind == "set";
-    if (!isSet && kind != "delete" && kind != "clear") return "an unknown change";
+    if (!isSet && kind != "delete" && kind != "clear" && kind != "make") return "an unknown change";
     if (!key || key->empty()) return "a key is missing or not hexadecimal";
     if (isSet && (!value || !data)) return "value or data are missing or not hexadecimal";
     if (!value && object.Find("value") != nullptr) return "a value is not hexadecimal";
@@ -54,6 +54,7 @@ std::string ReadChange(const JsonValue& object, RegistryChange& change) {
     }
     change.kind = isSet             ? RegistryChange::kSet
                   : kind == "clear" ? RegistryChange::kClear
+                  : kind == "make"  ? RegistryChange::kMake
                   : value           ? RegistryChange::kDeleteValue
                                     : RegistryChange::kDeleteKey;
     change.key = *key;
@@ -86,17 +87,22 @@ std::string Set(CRegistry& cursor, const RegistryChange& change) {
     return isSet ? "" : "cannot set the value " + change.value + " of " + change.key;
 }
 
-std::string DeleteValue(CRegistry& cursor, const RegistryChange& change) {
+std::string DeleteValue(CRegistry& cursor, const RegistryChange& change, std::string& absent) {
     const bool isOpen = cursor.Open(change.key.c_str()) == 0;
     const uint32_t type = isOpen ? TypeOf(cursor, change.value) : 0;
-    if (type == 0 || type == kRegistrySubkey || cursor.DeleteValue(change.value.c_str()) != 0) {
-        return "no value " + change.value + " in " + change.key;
+    if (type == 0 || type == kRegistrySubkey) {
+        absent = "no value " + change.value + " in " + change.key;
+        return {};
     }
-    return {};
+    if (cursor.DeleteValue(change.value.c_str()) == 0) return {};
+    return "cannot delete the value " + change.value + " in " + change.key;
 }
 
-std::string DeleteKey(CRegistry& cursor, const RegistryChange& change) {
-    if (cursor.Open(change.key.c_str()) != 0) return "no key " + change.key;
+std::string DeleteKey(CRegistry& cursor, const RegistryChange& change, std::string& absent) {
+    if (cursor.Open(change.key.c_str()) != 0) {
+        absent = "no key " + change.key;
+        return {};
+    }
     std::string parent = change.key;
     // As a path separates: by slashes only when there is no backslash.
     const char separator = parent.find('\\') != parent.npos ? '\\' : '/';
@@ -128,15 +134,17 @@ std::string Clear(CRegistry& cursor, const RegistryChange& change) {
     return {};
 }
 
-std::string Apply(const RegistryChange& change) {
+std::string Apply(const RegistryChange& change, std::string& absent) {
     CRegistry cursor;
     switch (change.kind) {
         case RegistryChange::kSet:
             return Set(cursor, change);
         case RegistryChange::kDeleteValue:
-            return DeleteValue(cursor, change);
+            return DeleteValue(cursor, change, absent);
         case RegistryChange::kDeleteKey:
-            return DeleteKey(cursor, change);
+            return DeleteKey(cursor, change, absent);
+        case RegistryChange::kMake:
+            return Make(cursor, change.key) ? "" : "cannot make the key " + change.key;
         case RegistryChange::kClear:
             return Clear(cursor, change);
     }
@@ -154,12 +162,14 @@ std::string ReadRegistryChanges(const JsonValue& list, std::vector<RegistryChang
     return {};
 }
 
-std::string ApplyRegistryChanges(const std::vector<RegistryChange>& changes) {
+std::string ApplyRegistryChanges(const std::vector<RegistryChange>& changes, bool save,
+                                 std::string& absent) {
     std::string fault;
     for (const RegistryChange& change : changes) {
-        fault = Apply(change);
-        if (!fault.empty()) break;
+        fault = Apply(change, absent);
+        if (!fault.empty() || !absent.empty()) break;
     }
+    if (!save && fault.empty()) return {};
     errno = 0;
     if (CRegistry::SaveTree() || !fault.empty()) return fault;
     return std::string("cannot save the registry: ") + std::strerror(errno != 0 ? errno : EIO);

@@ -8,7 +8,7 @@
 #include "base/json.h"
 
 struct RegistryChange {
-    enum Kind { kSet, kDeleteValue, kDeleteKey, kClear };  // kClear: all that is below the key
+    enum Kind { kSet, kDeleteValue, kDeleteKey, kMake, kClear };  // kClear: all below the key
     Kind kind = kSet;
     std::string key;
     std::string value;
@@ -16,7 +16,9 @@ struct RegistryChange {
     std::string data;
 };
 
-// Both return what is wrong, or nothing.
+// Both return what went wrong, or nothing.
 std::string ReadRegistryChanges(const JsonValue& list, std::vector<RegistryChange>& changes);
-// Makes them one after the other up to one that cannot be made, and saves. Any thread.
-std::string ApplyRegistryChanges(const std::vector<RegistryChange>& changes);
+// Makes them one after the other up to one that cannot be made, and saves. `absent`: what was to be
+// deleted and is not there; that ends it, too. Any thread.
+std::string ApplyRegistryChanges(const std::vector<RegistryChange>& changes, bool save,
+                                 std::string& absent);

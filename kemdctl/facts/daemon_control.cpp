@@ -46,7 +46,7 @@ ControlAnswer Explain(int error) {
     }
     const DaemonState state = ReadDaemonState();
     if (!state.daemon) return {AnswerKind::kNotRunning, {}, "kemd does not run"};
-    return {AnswerKind::kUnavailable,
+    return {AnswerKind::kUnreachable,
             {},
             "kemd runs, process " + std::to_string(state.daemon->pid) +
                 ", but cannot be asked: " + kControlSocket + ": " + std::strerror(error) +

@@ -11,7 +11,8 @@ class ReportWriter;
 enum class AnswerKind {
     kAnswered,
     kRefused,      // by the daemon, which says why
-    kUnavailable,  // the daemon runs without the socket, or does not answer
+    kUnreachable,  // the daemon runs without the socket
+    kUnavailable,  // it does not answer
     kForbidden,    // to this user
     kNotRunning,
 };

@@ -4,6 +4,7 @@
 
 #include "base/line_reader.h"
 #include "kemdctl/registry/command.h"
+#include "kemdctl/registry/daemon_store.h"
 #include "kemdctl/registry/store.h"
 #include "kemdctl/registry/value.h"
 #include "kemdctl/ui/text.h"
@@ -94,7 +95,9 @@ int RegistrySet(const CommandLine& line, ReportWriter& /*report*/) {
     const auto value = MakeValue(line.words[1], line.words[2], line.words[3]);
     if (!value || !IsStorable(line.words[0], *value)) return kError;
     WriterLock lock;
-    if (!lock.Take() || !LoadStore()) return kError;
+    if (!lock.Take()) return kError;
+    if (const auto code = SetInDaemon(line.words[0], *value)) return *code;
+    if (!LoadStore()) return kError;
     if (EntryType(FindKey(SplitPath(line.words[0])), value->Name()) == kRegistrySubkey) {
         Complain("%s has a key %s; delete that first", Printable(line.words[0]).c_str(),
                  Printable(value->Name()).c_str());
@@ -115,7 +118,11 @@ int RegistryDelete(const CommandLine& line, ReportWriter& /*report*/) {
                              Printable(line.words[0]);
     if (!isValue) path.pop_back();
     WriterLock lock;
-    if (!lock.Take() || !LoadStore()) return kError;
+    if (!lock.Take()) return kError;
+    if (const auto code = DeleteInDaemon(line.words[0], isValue ? line.words[1] : nullptr)) {
+        return *code;
+    }
+    if (!LoadStore()) return kError;
     const RegistryKey key = FindKey(path);
     const uint32_t type = EntryType(key, name);
     if (type == 0 || (type == kRegistrySubkey) == isValue) {

@@ -7,6 +7,7 @@
 #include "base/file_io.h"
 #include "base/paths.h"
 #include "kemdctl/registry/command.h"
+#include "kemdctl/registry/daemon_store.h"
 #include "kemdctl/registry/file_check.h"
 #include "kemdctl/registry/store.h"
 #include "kemdctl/ui/output_file.h"
@@ -32,6 +33,21 @@ UniqueFd SpoolInput() {
     if (got.error == 0 && lseek(file.Get(), 0, SEEK_SET) == 0) return file;
     if (got.error != 0) errno = got.error;
     return {};
+}
+
+int ImportError(const char* path, int error) {
+    Complain("cannot import %s: %s", Printable(path).c_str(), LoadErrorText(error).c_str());
+    return kError;
+}
+
+// Nothing when no daemon can be asked; the file is then at its begin again.
+std::optional<int> ImportInDaemon(int file, const char* path) {
+    const RegistryKey tree(new CRegistryNode);
+    LineReader lines(file);
+    if (const int error = ParseRegistry(lines, *tree)) return ImportError(path, error);
+    const auto code = ImportIntoDaemon(tree);
+    if (!code && lseek(file, 0, SEEK_SET) != 0) return FileError("read", path);
+    return code;
 }
 
 }  // namespace
@@ -89,16 +105,14 @@ int RegistryImport(const CommandLine& line, ReportWriter& /*report*/) {
     }
     WriterLock lock;
     if (!lock.Take()) return kError;
+    if (const auto code = ImportInDaemon(file.Get(), path)) return *code;
     if (!LoadStore()) {
         if (TheRegistryStore().LoadError() != 0) return kError;
         Complain("note: %s becomes the whole store", Printable(path).c_str());
     }
     LineReader lines(file.Get());
     const int error = ParseRegistry(lines, *TheRegistryStore().Root());
-    if (error != 0) {
-        Complain("cannot import %s: %s", Printable(path).c_str(), LoadErrorText(error).c_str());
-        return kError;
-    }
+    if (error != 0) return ImportError(path, error);
     TheRegistryStore().MarkDirty();
     return SaveStore();
 }

@@ -107,6 +107,37 @@ TEST_F(ModulesTest, AStartThatHangsIsShownWhileItHangs) {
                           "module base.so has come back from its start after", "user.so started"}));
 }
 
+// What a module saves later does not undo it: the daemon has it in its own tree.
+TEST_F(ModulesTest, TheRegistryOfTheRunningDaemonIsChanged) {
+    const std::string file = "/etc/orvmon/registry";
+    WriteFile(file, "[HKEY_LOCAL_MACHINE]\n\n[HKEY_USERS]\nold=s=1\n[gone]\n\n\n");
+    AddModule("/build/modules/counter.so");  // counts its starts in the registry
+    WriteFile("/etc/orvmon/counter.ini", "[Counter]\nOrders = 1\n");
+    const pid_t pid = Run();
+    const auto step = [&](const std::string& arguments, int code, const std::string& stored) {
+        const Result result = Ctl("registry " + arguments);
+        EXPECT_EQ(result.code, code) << arguments << result.err;
+        EXPECT_FALSE(Contains(result.err, "note")) << result.err;
+        EXPECT_EQ(Ctl("modules restart counter").code, 0);  // which saves
+        const std::string text = ReadFile(file);
+        EXPECT_TRUE(Contains(text, stored)) << arguments << text;
+        return result.err;
+    };
+    (void)step("set HKEY_USERS/a/b n number -- -5", 0, "[a]\n[b]\nn=d=-5\n");
+    (void)step("set HKEY_USERS/a 't\xff' expand '%x%\xe9'", 0, "t\xff=es=%x%\xe9\n");
+    EXPECT_TRUE(
+        Contains(step("delete HKEY_USERS/a x", 1, "old=s=1\n"), "no value x in HKEY_USERS/a"));
+    EXPECT_TRUE(Contains(step("set HKEY_USERS a string 1", 2, "[a]\n"), "delete that first"));
+    (void)step("delete HKEY_USERS/a", 0, "[HKEY_USERS]\nold=s=1\n[gone]\n");
+    std::string import = "[HKEY_USERS]\n[empty]\n\n[with/slash]\n";
+    std::string values;
+    for (int i = 1000; i < 3000; ++i) values += "v" + std::to_string(i) + "=b=00 ff \n";
+    WriteFile("/tmp/import", import + values + "\n\n");
+    (void)step("import /tmp/import", 0, "[HKEY_USERS]\n[empty]\n\n[with/slash]\n" + values);
+    EXPECT_TRUE(Contains(ReadFile(file), "[counter]\nStarts=d=7\n"));
+    EXPECT_EQ(Stop(pid), 0);
+}
+
 TEST_F(ModulesTest, AnotherSwitchLibraryCannotBeAsked) {
     UseSwitch("c");
     const pid_t pid = Run();
