@@ -55,10 +55,14 @@ std::string_view JsonValue::TextOf(std::string_view name) const {
 
 std::optional<int64_t> JsonValue::NumberOf(std::string_view name) const {
     const JsonValue* const value = Find(name);
-    if (value == nullptr || value->kind != kNumber) return std::nullopt;
-    const char* const end = value->text.data() + value->text.size();
+    return value != nullptr ? value->Number() : std::nullopt;
+}
+
+std::optional<int64_t> JsonValue::Number() const {
+    if (kind != kNumber) return std::nullopt;
+    const char* const end = text.data() + text.size();
     int64_t number = 0;
-    const auto [rest, error] = std::from_chars(value->text.data(), end, number);
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
     return error == std::errc() && rest == end ? std::optional(number) : std::nullopt;
 }
 

@@ -25,6 +25,8 @@ struct JsonValue {
 
     // The member of an object; null when there is none.
     [[nodiscard]] const JsonValue* Find(std::string_view name) const;
+    // A whole number; nothing when it is none.
+    [[nodiscard]] std::optional<int64_t> Number() const;
     // The member as a text or a number; empty or nothing when there is none of that kind.
     [[nodiscard]] std::string_view TextOf(std::string_view name) const;
     [[nodiscard]] std::optional<int64_t> NumberOf(std::string_view name) const;

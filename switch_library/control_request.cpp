@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::array<std::pair<std::string_view, ControlRequest::Kind>, 8> kRequests = {{
+constexpr std::array<std::pair<std::string_view, ControlRequest::Kind>, 9> kRequests = {{
     {"modules", ControlRequest::kModules},
     {"show", ControlRequest::kShow},
     {"start", ControlRequest::kStart},
@@ -22,6 +22,7 @@ constexpr std::array<std::pair<std::string_view, ControlRequest::Kind>, 8> kRequ
     {"reload", ControlRequest::kReload},
     {"request", ControlRequest::kRequest},
     {"registry", ControlRequest::kRegistry},
+    {"trace-level", ControlRequest::kTraceLevel},
 }};
 
 void AppendMember(std::string& to, std::string_view name, std::string_view json) {
@@ -103,9 +104,30 @@ std::string Describe(const ModuleInfo& module, const Moment& moment) {
     return json + "}";
 }
 
+// A whole number from `least` to `most`.
+std::string ReadNumber(const std::string& member, const JsonValue& value, int64_t least,
+                       int64_t most, int64_t& number) {
+    const auto found = value.Number();
+    if (!found || *found < least || *found > most) {
+        return member + " is no number from " + std::to_string(least) + " to " +
+               std::to_string(most);
+    }
+    number = *found;
+    return {};
+}
+
+std::string ReadLevelMember(const std::string& member, const JsonValue& value,
+                            ControlRequest& request) {
+    constexpr int64_t kMostSeconds = int64_t{365} * 24 * 3600;
+    if (member == "level") return ReadNumber(member, value, 0, 6, request.level.emplace());
+    if (member == "seconds") return ReadNumber(member, value, 1, kMostSeconds, request.seconds);
+    return "unknown member " + member;
+}
+
 std::string ReadMember(const std::string& member, const JsonValue& value, ControlRequest& request) {
     using Kind = ControlRequest::Kind;
     const bool hasModule = request.kind != Kind::kModules && request.kind != Kind::kRegistry;
+    if (request.kind == Kind::kTraceLevel) return ReadLevelMember(member, value, request);
     if (member == "changes" && request.kind == Kind::kRegistry) {
         return ReadRegistryChanges(value, request.changes);
     }
@@ -143,6 +165,9 @@ std::string ReadControlRequest(std::string_view line, ControlRequest& request) {
     }
     if (request.kind == ControlRequest::kRegistry) {
         return request.changes.empty() ? "\"changes\" is missing" : "";
+    }
+    if (request.kind == ControlRequest::kTraceLevel) {
+        return request.seconds != 0 && !request.level ? "\"level\" is missing" : "";
     }
     if (request.kind != ControlRequest::kModules && request.module.empty()) {
         return "\"module\" is missing";

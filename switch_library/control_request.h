@@ -2,6 +2,7 @@
 // docs/control-interface.md has them. Any thread; throws std::bad_alloc.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,15 +11,30 @@
 #include "switch_library/registry_request.h"
 
 struct ControlRequest {
-    enum Kind { kModules, kShow, kStart, kStop, kRestart, kReload, kRequest, kRegistry, kHealth };
+    enum Kind {
+        kModules,
+        kShow,
+        kStart,
+        kStop,
+        kRestart,
+        kReload,
+        kRequest,
+        kRegistry,
+        kTraceLevel,
+        kHealth
+    };
     Kind kind = kModules;
     std::string module;
     std::string text;                     // of kRequest
     std::vector<RegistryChange> changes;  // of kRegistry
+    std::optional<int64_t> level;         // of kTraceLevel; nothing: it is asked for
+    int64_t seconds = 0;                  // how long it holds; 0: for good
     bool isSaved = true;                  // the registry, after these changes
 
-    // Whether it only reads what the board has.
-    [[nodiscard]] bool OnlyReads() const { return kind == kModules || kind == kShow; }
+    // Whether the group may ask for it.
+    [[nodiscard]] bool OnlyReads() const {
+        return kind == kModules || kind == kShow || (kind == kTraceLevel && !level);
+    }
 };
 
 // Empty, or what is wrong with the line. kHealth cannot be asked for: it is the server's own.

@@ -114,6 +114,7 @@ void ControlServer::Serve() {
         if ((m_polled[2].revents & POLLIN) != 0) Accept();
         for (ControlClient& client : m_clients) Answer(client);
         EndLateOnes();
+        PutLevelBack();
         if (m_isEnding) return;
     }
     KemdMessage(kTag, "a module has closed descriptors of kemd: no control from here on");
@@ -149,13 +150,15 @@ milliseconds ControlServer::Limit() const {
 int ControlServer::PollTimeout() const {
     auto next = Clock::time_point::max();
     if (Clock::now() < m_acceptFrom) next = m_acceptFrom;
+    if (m_level.until) next = std::min(next, *m_level.until);
     for (const ControlClient& client : m_clients) {
         if (client.healthUntil) next = std::min(next, *client.healthUntil);
         if (!client.IsWaiting()) next = std::min(next, client.Since() + Limit());
     }
     if (next == Clock::time_point::max()) return -1;
     const auto delay = std::chrono::ceil<milliseconds>(next - Clock::now());
-    return std::max(0, static_cast<int>(delay.count()));
+    constexpr int64_t kMost = 3'600'000;
+    return static_cast<int>(std::clamp<int64_t>(delay.count(), 0, kMost));
 }
 
 void ControlServer::Accept() {
@@ -181,23 +184,55 @@ void ControlServer::TakeRequest(ControlClient& client, const std::string& line) 
     ControlRequest request;
     std::string fault = ReadControlRequest(line, request);
     if (!fault.empty()) return client.Answer(ControlError(fault));
+    if (!request.OnlyReads() && !client.MayChange()) {
+        return client.Answer(ControlError("only root may ask for this"));
+    }
+    if (request.kind == ControlRequest::kTraceLevel) return client.Answer(ChangeLevel(request));
     if (request.OnlyReads()) {
         client.healthOf = request.module;
         return AskHealth(client);
     }
-    if (!client.MayChange()) return client.Answer(ControlError("only root may ask for this"));
     fault = m_worker.Post(client.Id(), request);
     if (!fault.empty()) return client.Answer(ControlError(fault));
     client.Wait();
 }
 
+std::string ControlServer::ChangeLevel(const ControlRequest& request) {
+    if (request.level) {
+        const auto level = static_cast<unsigned>(*request.level);
+        const unsigned before = m_level.until ? m_level.then : KemdTraceLevel();
+        if (KemdTraceSetLevel(level) != 0) {
+            return ControlError("kemd traces nowhere: tracing was off when it started");
+        }
+        m_level = {std::nullopt, level, before};
+        if (request.seconds > 0) m_level.until = Clock::now() + seconds(request.seconds);
+        KemdMessage(kTag, "the trace level is %u%s, as kemdctl asked", level,
+                    m_level.until ? " for a while" : "");
+    }
+    std::string result = "{\"level\":" + std::to_string(KemdTraceLevel());
+    if (m_level.until) {
+        const auto left = std::chrono::ceil<seconds>(*m_level.until - Clock::now());
+        result += ",\"seconds\":" + std::to_string(left.count()) +
+                  ",\"then\":" + std::to_string(m_level.then);
+    }
+    return ControlResult(result + "}");
+}
+
+// Unless somebody else has changed it meanwhile.
+void ControlServer::PutLevelBack() {
+    if (!m_level.until || Clock::now() < *m_level.until) return;
+    m_level.until.reset();
+    if (KemdTraceLevel() != m_level.level) return;
+    (void)KemdTraceSetLevel(m_level.then);
+    KemdMessage(kTag, "the trace level is %u again", m_level.then);
+}
+
 void ControlServer::AskHealth(ControlClient& client) {
     if (!RunsModuleWithHealth()) return AnswerWithHealth(client, false);
     if (TheModuleBoard().RunningCall().isOverdue) return AnswerWithHealth(client, true);
-    if (!m_isHealthAsked) {
-        m_isHealthAsked =
-            m_worker.Post(kNoClient, {ControlRequest::kHealth, "", "", {}, true}).empty();
-    }
+    ControlRequest request;
+    request.kind = ControlRequest::kHealth;
+    if (!m_isHealthAsked) m_isHealthAsked = m_worker.Post(kNoClient, request).empty();
     client.healthUntil = Clock::now() + (m_isHealthAsked ? seconds(1) : seconds(0));
     client.Wait();
 }

@@ -43,6 +43,8 @@ class ControlServer {
     void Accept();
     void Answer(ControlClient& client);
     void TakeRequest(ControlClient& client, const std::string& line);
+    std::string ChangeLevel(const ControlRequest& request);
+    void PutLevelBack();
     void AskHealth(ControlClient& client);
     void AnswerWithHealth(ControlClient& client, bool isBusy);
     void DeliverAnswers();
@@ -60,4 +62,10 @@ class ControlServer {
     uint64_t m_lastId = 0;
     bool m_isHealthAsked = false;
     Clock::time_point m_acceptFrom;
+    // A trace level that holds for a while.
+    struct {
+        std::optional<Clock::time_point> until;
+        unsigned level = 0;
+        unsigned then = 0;
+    } m_level;
 };

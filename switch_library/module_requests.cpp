@@ -70,6 +70,7 @@ std::string ModuleSwitch::Execute(const ControlRequest& request) {
         case ControlRequest::kModules:
         case ControlRequest::kShow:
         case ControlRequest::kRegistry:
+        case ControlRequest::kTraceLevel:
             return {};  // the control thread's
     }
     ShowRunning();

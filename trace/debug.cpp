@@ -202,6 +202,17 @@ bool CDebug::SwitchTrace(bool on) {
     return true;
 }
 
+bool CDebug::SetTraceLevel(unsigned level) {
+    const Lock lock(*this);
+    const bool isOpen = m_target == kTargetRing  ? m_files.Ring().IsMapped()
+                        : m_target == kTargetLog ? m_files.Log().IsOpen()
+                                                 : false;
+    if (m_closed || !isOpen) return false;
+    m_level = level;
+    m_traceOn = level != 0;
+    return true;
+}
+
 void CDebug::SetTraceTarget(unsigned target) {
     m_target = target;
 }

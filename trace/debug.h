@@ -69,6 +69,9 @@ class CDebug : public CDebugTraceConfig {
     void InitDone();
     // False: trace level 0 and tracing off. True: the configured level and tracing on.
     bool SwitchTrace(bool on);
+    // Another level, until the settings are read again or SwitchTrace. False when no file of the
+    // target is open.
+    bool SetTraceLevel(unsigned level);
     void SetTraceTarget(unsigned target);
     void WriteHeader(TraceTarget destination);
     int FormatLinePrefix(char* buffer, size_t size, const char* tag);

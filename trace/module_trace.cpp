@@ -1,5 +1,7 @@
 #include "trace/module_trace.h"
 
+#include <cerrno>
+
 #include "kemd/trace.h"
 #include "trace/debug.h"
 
@@ -30,6 +32,14 @@ void KemdTraceV(const char* tag, unsigned level, const char* format, va_list arg
     } else if (level <= redirectedLevel) {
         redirected(tag, format, args);
     }
+}
+
+unsigned KemdTraceLevel() {
+    return redirectedLevel > 0 ? redirectedLevel : Debug.TraceLevel();
+}
+
+int KemdTraceSetLevel(unsigned level) {
+    return Debug.SetTraceLevel(level) ? 0 : ENODEV;
 }
 
 void KemdTrace(const char* tag, unsigned level, const char* format, ...) {

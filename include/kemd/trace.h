@@ -22,8 +22,13 @@ extern "C" {
 /* 1 while tracing is on. */
 KEMD_API int KemdTraceOn(void);
 
-/* The trace level in force; 0 while tracing is off. */
+/* The trace level in force; 0: tracing is off. */
 KEMD_API unsigned KemdTraceLevel(void);
+
+/* Puts another level in force, until the settings are read again or SIGHUP switches. 0, or ENODEV
+ * when records have nowhere to go, because tracing was off when the daemon started. For switch
+ * libraries, on behalf of the administrator. */
+KEMD_API int KemdTraceSetLevel(unsigned level);
 
 /* Writes one record when tracing is on and `level` is not above the trace level in force. */
 KEMD_API void KemdTrace(const char* tag, unsigned level, const char* format, ...) KEMD_PRINTF(3, 4);

@@ -9,6 +9,7 @@
 #include "kemdctl/trace/sink.h"
 #include "kemdctl/ui/report.h"
 
+struct CommandLine;
 struct TraceOptions;
 
 // All return the exit code. What cannot be read is reported.
@@ -23,6 +24,9 @@ struct TraceOptions;
 // with values of variables that look like secrets masked.
 [[nodiscard]] int CollectFiles(const TraceOptions& options, const std::vector<std::string>& files,
                                ReportWriter& report);
+
+// `kemdctl trace level`: the level in force of the running daemon, and changing it.
+[[nodiscard]] int ShowOrSetLevel(CommandLine& line, ReportWriter& report);
 
 // --last-run: how the last run of the daemon ended and, while it runs, the newest one that was
 // kept. kNo: it was killed, or died at start; kError: it has no exit message, and its processes

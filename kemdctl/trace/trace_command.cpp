@@ -1,4 +1,5 @@
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -27,6 +28,9 @@ int RunTrace(CommandLine& line, ReportWriter& report) {
     if (line.Has("--help")) {
         WriteTraceHelp();
         return kYes;
+    }
+    if (!line.words.empty() && std::string_view(line.words[0]) == "level") {
+        return ShowOrSetLevel(line, report);
     }
     const std::optional<TraceOptions> options = ParseTraceOptions(line);
     if (!options) return kError;

@@ -317,6 +317,34 @@ TEST_F(ControlTest, OthersAreRefusedAndTheGroupReads) {
     }
 }
 
+TEST_F(ControlTest, TheTraceLevelChangesAndComesBack) {
+    Begin();
+    const auto level = [](const std::string& members) {
+        return Ask("{\"request\":\"trace-level\"" + members + "}");
+    };
+    EXPECT_EQ(level(""), R"({"result":{"level":5}})");
+    EXPECT_EQ(level(",\"level\":2"), R"({"result":{"level":2}})");
+    EXPECT_EQ(Debug.TraceLevel(), 2U);
+    EXPECT_EQ(level(",\"level\":6,\"seconds\":3600"),
+              R"({"result":{"level":6,"seconds":3600,"then":2}})");
+    EXPECT_EQ(level(",\"level\":0,\"seconds\":1"),
+              R"({"result":{"level":0,"seconds":1,"then":2}})");
+    EXPECT_FALSE(Debug.IsTraceOn());
+    EXPECT_TRUE(WaitFor([] { return Debug.TraceLevel() == 2 && Debug.IsTraceOn(); }));
+    EXPECT_TRUE(WaitFor([] { return Contains(Trace(), "the trace level is 2 again\n"); }));
+    // SIGHUP in between is not undone.
+    EXPECT_EQ(level(",\"level\":4,\"seconds\":1"),
+              R"({"result":{"level":4,"seconds":1,"then":2}})");
+    Debug.SwitchTrace(false);
+    EXPECT_TRUE(WaitFor([&] { return level("") == R"({"result":{"level":0}})"; }));
+    for (const std::string wrong : {",\"level\":7", ",\"level\":\"1\"", ",\"level\":1.5"}) {
+        EXPECT_EQ(level(wrong), R"({"error":"level is no number from 0 to 6"})");
+    }
+    EXPECT_EQ(level(",\"seconds\":9"), R"({"error":"\"level\" is missing"})");
+    Debug.Close();
+    EXPECT_TRUE(Contains(level(",\"level\":1"), "kemd traces nowhere"));
+}
+
 // "HKEY_USERS/a/b" for example, as the socket wants it.
 std::string Hex(const std::string& text) {
     std::string digits;
