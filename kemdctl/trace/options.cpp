@@ -134,6 +134,7 @@ std::string IgnoreCase(Parser& parser, const char* /*none*/) {
 constexpr Word kWords[] = {
     {"--help", "", Kind::kFlag, SetFlag<&TraceOptions::isHelp>,
      "usage: kemdctl trace [OPTION...] [FILE|DIRECTORY...]  the directory in force\n"
+     "       kemdctl trace level [N [--for 10m]]           the level in force of kemd\n"
      "Records of all the files in the order of time. They are chosen in this order:\n"},
     {"-i", "--ignore-case", Kind::kFlag, IgnoreCase, ""},
     {"--start", "", Kind::kFlag, SetFlag<&TraceOptions::fromStart>,
