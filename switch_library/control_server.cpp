@@ -69,11 +69,13 @@ std::string ControlServer::MakeThreads() try {
     std::string fault = m_socket.Open();
     const DaemonSignalsBlocked blocked;
     if (fault.empty()) m_worker.Start(m_execute, m_wakeup.Get());
+    m_sync.Start();
     m_thread = std::thread([this] { Run(); });
     (void)pthread_setname_np(m_thread.native_handle(), "kemd-control");
     return fault;
 } catch (const std::exception& error) {
     m_worker.Stop();
+    m_sync.Stop();
     m_socket.Close();
     return std::string("no thread: ") + error.what();
 }
@@ -81,6 +83,7 @@ std::string ControlServer::MakeThreads() try {
 void ControlServer::Stop() {
     if (!IsRunning()) return;
     m_worker.Stop();
+    m_sync.Stop();
     m_isEnding = true;
     const uint64_t one = 1;
     (void)!write(m_wakeup.Get(), &one, sizeof one);

@@ -15,6 +15,7 @@
 #include "switch_library/control_client.h"
 #include "switch_library/control_socket.h"
 #include "switch_library/control_worker.h"
+#include "switch_library/trace_sync.h"
 
 class ControlServer {
   public:
@@ -53,6 +54,7 @@ class ControlServer {
     const ControlWorker::Execute m_execute;
     ControlSocket m_socket;
     ControlWorker m_worker;
+    TraceSync m_sync;
     UniqueFd m_wakeup;
     std::thread m_thread;
     std::atomic<bool> m_isEnding{false};

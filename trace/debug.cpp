@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/unique_fd.h"
 #include "kemd/process_status.h"
 #include "trace/texts.h"
 
@@ -211,6 +212,23 @@ bool CDebug::SetTraceLevel(unsigned level) {
     m_level = level;
     m_traceOn = level != 0;
     return true;
+}
+
+// Closed meanwhile or replaced, a file stays open by its copy.
+int CDebug::Sync() {
+    UniqueFd log;
+    UniqueFd ring;
+    {
+        const Lock lock(*this);
+        if (m_closed) return 0;
+        log.Reset(fcntl(m_files.Log().Descriptor(), F_DUPFD_CLOEXEC, 0));
+        ring.Reset(fcntl(m_files.Ring().Descriptor(), F_DUPFD_CLOEXEC, 0));
+    }
+    int error = 0;
+    for (const UniqueFd* const file : {&log, &ring}) {
+        if (file->IsOpen() && fsync(file->Get()) != 0) error = errno;
+    }
+    return error;
 }
 
 void CDebug::SetTraceTarget(unsigned target) {

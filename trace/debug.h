@@ -69,6 +69,8 @@ class CDebug : public CDebugTraceConfig {
     void InitDone();
     // False: trace level 0 and tracing off. True: the configured level and tracing on.
     bool SwitchTrace(bool on);
+    // Brings log and ring buffer to the disk, without the lock. 0 or an errno number.
+    int Sync();
     // Another level, until the settings are read again or SwitchTrace. False when no file of the
     // target is open.
     bool SetTraceLevel(unsigned level);

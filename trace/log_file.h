@@ -19,6 +19,7 @@ class LogFile {
     // In the child of a fork: the file is the parent's.
     void Forget() { (void)m_fd.Release(); }
     [[nodiscard]] bool IsOpen() const { return m_fd.IsOpen(); }
+    [[nodiscard]] int Descriptor() const { return m_fd.Get(); }
 
     void SetLimit(uint32_t bytes) { m_limit = bytes; }
     [[nodiscard]] uint32_t Limit() const { return m_limit; }

@@ -42,6 +42,10 @@ int KemdTraceSetLevel(unsigned level) {
     return Debug.SetTraceLevel(level) ? 0 : ENODEV;
 }
 
+int KemdTraceSync() {
+    return Debug.Sync();
+}
+
 void KemdTrace(const char* tag, unsigned level, const char* format, ...) {
     if (!Debug.IsTraceOn()) return;
     va_list args;

@@ -30,6 +30,10 @@ KEMD_API unsigned KemdTraceLevel(void);
  * libraries, on behalf of the administrator. */
 KEMD_API int KemdTraceSetLevel(unsigned level);
 
+/* Brings the files in use to the disk, which takes as long as the disk does: 0 or an errno number.
+ * Others trace meanwhile. For switch libraries. */
+KEMD_API int KemdTraceSync(void);
+
 /* Writes one record when tracing is on and `level` is not above the trace level in force. */
 KEMD_API void KemdTrace(const char* tag, unsigned level, const char* format, ...) KEMD_PRINTF(3, 4);
 KEMD_API void KemdTraceV(const char* tag, unsigned level, const char* format, va_list args)

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <filesystem>
 #include <list>
 #include <memory>
@@ -14,6 +15,13 @@
 #include "tests/control/control_client.h"
 #include "tests/modules.h"
 #include "tests/traced_test.h"
+
+static std::atomic<int> g_syncs{0};
+
+int fsync(int file) {
+    ++g_syncs;
+    return fdatasync(file);
+}
 
 namespace {
 
@@ -290,6 +298,14 @@ TEST_F(ControlTest, TheSocketIsRootsAndTheGroups) {
         Contains(Trace(), "kemdctl cannot reach the modules: /run/kemd/control is no socket\n"));
     EXPECT_TRUE(Contains(Trace(), "module user.so started\n"));
     fs::remove(kControlSocket);
+}
+
+TEST_F(ControlTest, TheTraceIsBroughtToTheDisk) {
+    Settings("kemd.ini", "[Trace]\nSyncTrace = 1\n");
+    Begin();
+    const int before = g_syncs;
+    EXPECT_TRUE(WaitFor([&] { return g_syncs >= before + 4; }));  // log and ring, twice
+    EXPECT_TRUE(End());
 }
 
 TEST_F(ControlTest, OthersAreRefusedAndTheGroupReads) {
