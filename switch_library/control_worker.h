@@ -38,7 +38,7 @@ class ControlWorker {
 
   private:
     struct Job {
-        uint64_t client;
+        uint64_t client = 0;
         ControlRequest request;
     };
     class Guard;

@@ -45,8 +45,8 @@ class ModuleSwitch : public IModuleSwitch {
 
   private:
     struct Module {
-        std::string name;  // of the file
-        void* library;     // from dlopen
+        std::string name;         // of the file
+        void* library = nullptr;  // from dlopen
         ModuleObject object;
         ModuleSettings settings;
         bool failed = false;   // in configure, start or stop
