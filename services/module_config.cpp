@@ -133,7 +133,7 @@ int KemdConfigBool(const KemdConfig* config, const char* key, int fallback, int*
 }
 
 int KemdConfigWord(const KemdConfig* config, const char* key, int fallback,
-                     const char* const* words, int* out) {
+                   const char* const* words, int* out) {
     if (config == nullptr || key == nullptr || words == nullptr || out == nullptr) return EINVAL;
     *out = fallback;
     const Value value(config, key);

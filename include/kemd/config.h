@@ -34,7 +34,7 @@ KEMD_API int KemdConfigText(const struct KemdConfig* config, const char* key, co
                             char* out, size_t size);
 /* One of the words in `words`, which ends with a null: its index. */
 KEMD_API int KemdConfigWord(const struct KemdConfig* config, const char* key, int fallback,
-                              const char* const* words, int* out);
+                            const char* const* words, int* out);
 
 /* For programs that load modules: the settings in `section` of `file`; `module` is the tag of what
  * is reported. The three must live as long as the config. Null when there is no memory. */
