@@ -9,11 +9,12 @@
  *
  * The file is called fans.so, and the administrator's settings are in /etc/kemd/modules.d/fans.ini.
  *
- * configure, start, stop and notify are called on the daemon's initial thread, one module after the
- * other, and should return soon; health and request may come on another thread, but only between a
- * start that succeeded and its stop, and one call at a time. Threads that a module starts inherit a
- * signal mask in which SIGINT, SIGTERM, SIGHUP and SIGALRM are blocked, because only the
- * daemon takes them. They must have ended when `stop` returns: the module is unloaded after it.
+ * Calls come one at a time, for all modules together, and should return soon: on the daemon's
+ * initial thread when it starts and stops, and on another thread for what the administrator asks
+ * while it runs (kemdctl modules). health and request come only between a start that succeeded and
+ * its stop. Threads that a module starts inherit a signal mask in which SIGINT, SIGTERM, SIGHUP and
+ * SIGALRM are blocked, because only the daemon takes them. They must have ended when `stop`
+ * returns: the module is unloaded after it.
  */
 #pragma once
 
