@@ -34,10 +34,6 @@ void KemdTraceV(const char* tag, unsigned level, const char* format, va_list arg
     }
 }
 
-unsigned KemdTraceLevel() {
-    return redirectedLevel > 0 ? redirectedLevel : Debug.TraceLevel();
-}
-
 int KemdTraceSetLevel(unsigned level) {
     return Debug.SetTraceLevel(level) ? 0 : ENODEV;
 }
