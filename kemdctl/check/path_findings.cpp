@@ -57,7 +57,7 @@ bool CheckDirectory(Findings& findings, const std::string& path, bool isShared) 
         findings.Error(shown + " is missing", make);
     } else if (IsSpecial(report.status)) {
         findings.Error(shown + " is not a directory, it leads to " + Printable(report.resolved),
-                       "make it lead to a directory, or configure another one");
+                       "make it lead to a directory, or configure one that is not a link");
     } else if (report.error == ENOTDIR || (report.error == 0 && !S_ISDIR(report.status.st_mode))) {
         findings.Error(shown + " is not a directory", "remove what is in its place; " + make);
     } else if (report.error != 0) {
