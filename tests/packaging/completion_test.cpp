@@ -24,7 +24,7 @@ TEST(Completion, OffersWhatFits) {
         {"kemd-module-host --trace = ''", "0 1 2 3 4 5 6\n"},
         {"kemdctl ''", "check inventory modules prepare registry status trace\n"},
         {"kemdctl status --j", "--json\n"},
-        {"kemdctl modules re", "reload request restart\n"},
+        {"kemdctl modules re", "restart reload request\n"},
         {"kemdctl modules stop --", "--help --json\n"},
         {"kemdctl trace /tmp/log --tag ''", "beats kemd\n"},
         {"kemdctl trace --tag kemd /tmp/log --tag = b", "beats\n"},

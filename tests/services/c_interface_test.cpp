@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 
 #include "kemd/exit_event.h"
-#include "kemd/trace.h"
 #include "kemd/services.h"
+#include "kemd/trace.h"
 #include "tests/services/registry_world.h"
 
 namespace {
