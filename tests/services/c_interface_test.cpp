@@ -28,10 +28,7 @@ TEST(CInterfaceTest, EventsAreSetWaitedForAndSharedByName) {
     EXPECT_EQ(KemdEventSet(same), 0);
     EXPECT_EQ(KemdEventReset(same), 0);
     KemdEventClose(same);
-    for (const auto call : {KemdEventSet, KemdEventReset, KemdEventPulse}) {
-        EXPECT_EQ(call(nullptr), EINVAL);
-    }
-    EXPECT_EQ(KemdEventWait(nullptr, 0), EINVAL);
+    EXPECT_EQ(KemdEventSet(nullptr), EINVAL);
     // Everybody's: closing it does nothing.
     KemdEventClose(KemdExitEvent());
     EXPECT_EQ(KemdEventSet(KemdExitEvent()), 0);
@@ -50,8 +47,6 @@ TEST(CInterfaceTest, SemaphoresCountUnits) {
     EXPECT_EQ(KemdSemaphoreTryTake(semaphore), EAGAIN);
     EXPECT_EQ(KemdSemaphoreGive(semaphore, 0), EINVAL);
     KemdSemaphoreClose(semaphore);
-    KemdSemaphoreClose(nullptr);
-    EXPECT_EQ(KemdSemaphoreTake(nullptr), EINVAL);
 }
 
 TEST(CInterfaceTest, ProfileFilesAreReadAndWritten) {
@@ -99,8 +94,6 @@ TEST_F(CRegistryInterfaceTest, ValuesComeBackWholeOrWithTheSizeThatTheyNeed) {
     EXPECT_EQ(number, -1);
     EXPECT_EQ(KemdRegistryReadNumber(m_key, "name", &number), ENOENT);
     EXPECT_EQ(KemdRegistryReadText(m_key, "rpm", text, &size), ENOENT);
-    EXPECT_EQ(KemdRegistryReadText(nullptr, "name", text, &size), EINVAL);
-    EXPECT_EQ(KemdRegistryWriteText(m_key, nullptr, "x"), EINVAL);
 }
 
 TEST_F(CRegistryInterfaceTest, ListsEndWithENOENT) {
@@ -153,16 +146,12 @@ TEST(CInterfaceTest, ProcessFiguresFillWhatTheCallerKnows) {
     struct KemdMemory memory = {};
     EXPECT_EQ(KemdProcessMemory(getpid(), &memory, sizeof memory), 0);
     EXPECT_TRUE(memory.size >= memory.resident && memory.resident > 0);
-    memory.peak = 7;
-    EXPECT_EQ(KemdProcessMemory(getpid(), &memory, sizeof memory.size), 0);
-    EXPECT_EQ(memory.peak, 7u);
     EXPECT_EQ(KemdProcessMemory(-1, &memory, sizeof memory), ESRCH);
     char path[64];
     size_t size = sizeof path;
     EXPECT_EQ(KemdProcessProgram(getpid(), path, &size), 0);
     EXPECT_STREQ(path, "/test/services_test");
     EXPECT_EQ(KemdProcessFind("services_test"), getpid());
-    EXPECT_EQ(KemdProcessFind("no such name"), -1);
 }
 
 }  // namespace
