@@ -49,9 +49,9 @@ class Value {
   private:
     const KemdConfig& m_config;
     const char* m_key;
-    std::array<char, 512> m_buffer;
+    std::array<char, 512> m_buffer{};
     std::string_view m_text;
-    bool m_isCut;
+    bool m_isCut = false;
 };
 
 bool IsSame(std::string_view text, std::string_view word) {
@@ -77,17 +77,27 @@ int64_t UnitMs(std::string_view unit) {
     return 0;
 }
 
-// A number that `parse` makes of the text; false when it is none.
+// A number of the settings: what it may be, in words too, and what it is when it is missing.
+struct Range {
+    int64_t fallback;
+    int64_t least;
+    int64_t most;
+    std::array<char, 128> allowed;
+};
+
+// `parse` makes a number of the text; false when it is none.
 template <typename Parse>
-int ReadRange(const KemdConfig* config, const char* key, int64_t fallback, int64_t least,
-              int64_t most, int64_t* out, const char* allowed, Parse parse) {
+int ReadRange(const KemdConfig* config, const char* key, const Range& range, int64_t* out,
+              Parse parse) {
     if (config == nullptr || key == nullptr || out == nullptr) return EINVAL;
-    *out = fallback;
+    *out = range.fallback;
     const Value value(config, key);
     if (value.IsMissing()) return 0;
     int64_t number = 0;
-    if (!parse(value.Text(), number)) return value.Refuse(EINVAL, allowed);
-    if (number < least || number > most) return value.Refuse(ERANGE, allowed);
+    if (!parse(value.Text(), number)) return value.Refuse(EINVAL, range.allowed.data());
+    if (number < range.least || number > range.most) {
+        return value.Refuse(ERANGE, range.allowed.data());
+    }
     *out = number;
     return 0;
 }
@@ -96,30 +106,28 @@ int ReadRange(const KemdConfig* config, const char* key, int64_t fallback, int64
 
 int KemdConfigNumber(const KemdConfig* config, const char* key, int64_t fallback, int64_t least,
                      int64_t most, int64_t* out) {
-    std::array<char, 96> allowed{};
-    std::snprintf(allowed.data(), allowed.size(),
+    Range range{fallback, least, most, {}};
+    std::snprintf(range.allowed.data(), range.allowed.size(),
                   "a number from %" PRId64 " to %" PRId64 " is needed", least, most);
-    return ReadRange(config, key, fallback, least, most, out, allowed.data(),
-                     [](std::string_view text, int64_t& number) {
-                         return TakeNumber(text, number) && text.empty();
-                     });
+    return ReadRange(config, key, range, out, [](std::string_view text, int64_t& number) {
+        return TakeNumber(text, number) && text.empty();
+    });
 }
 
 int KemdConfigTime(const KemdConfig* config, const char* key, int64_t fallbackMs, int64_t leastMs,
                    int64_t mostMs, int64_t* outMs) {
-    std::array<char, 128> allowed{};
-    std::snprintf(allowed.data(), allowed.size(),
+    Range range{fallbackMs, leastMs, mostMs, {}};
+    std::snprintf(range.allowed.data(), range.allowed.size(),
                   "a time from %" PRId64 " ms to %" PRId64 " ms is needed (units ms, s, m, h, d)",
                   leastMs, mostMs);
-    return ReadRange(config, key, fallbackMs, leastMs, mostMs, outMs, allowed.data(),
-                     [](std::string_view text, int64_t& number) {
-                         if (!TakeNumber(text, number)) return false;
-                         const int64_t unit = UnitMs(text);
-                         if (unit == 0) return false;
-                         // What cannot be multiplied is out of every range.
-                         if (__builtin_mul_overflow(number, unit, &number)) number = INT64_MAX;
-                         return true;
-                     });
+    return ReadRange(config, key, range, outMs, [](std::string_view text, int64_t& number) {
+        if (!TakeNumber(text, number)) return false;
+        const int64_t unit = UnitMs(text);
+        if (unit == 0) return false;
+        // What cannot be multiplied is out of every range.
+        if (__builtin_mul_overflow(number, unit, &number)) number = INT64_MAX;
+        return true;
+    });
 }
 
 int KemdConfigBool(const KemdConfig* config, const char* key, int fallback, int* out) {
