@@ -129,6 +129,7 @@ std::string ControlSocket::Listen() {
 void ControlSocket::Close() {
     if (!m_socket.IsOpen()) return;
     (void)unlink(kControlSocket);
+    (void)rmdir(kControlDirectory);  // unless something else is in it
     m_socket.Reset();
 }
 

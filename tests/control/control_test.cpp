@@ -281,17 +281,18 @@ TEST_F(ControlTest, TheSocketIsRootsAndTheGroups) {
     EXPECT_EQ(ModeOf(kControlSocket), "140600 group 0");
     EXPECT_EQ(ModeOf(kControlDirectory), "40755 group 0");
     EXPECT_TRUE(End());
+    EXPECT_EQ(ModeOf(kControlDirectory), "none");
     // What a crash left; a group.
     Settings("kemd.ini", "[Control]\nGroup = readers\n");
     WriteFile("/etc/group", "root:x:0:\nreaders:x:0:\n");
-    { UniqueFd stale(socket(AF_UNIX, SOCK_STREAM, 0)); }
+    fs::create_directory(kControlDirectory);
     ASSERT_EQ(mknod(kControlSocket, S_IFSOCK | 0666, 0), 0);
     Begin();
     EXPECT_EQ(ModeOf(kControlSocket), "140660 group 0");
     EXPECT_TRUE(End());
     // No group, no socket: the modules run.
     Settings("kemd.ini", "[Control]\nGroup = nobody\n");
-    fs::create_directory(kControlSocket);
+    fs::create_directories(kControlSocket);
     Begin();
     EXPECT_TRUE(Contains(Trace(), "Group = nobody is not used: no group nobody in /etc/group\n"));
     EXPECT_TRUE(
