@@ -77,6 +77,25 @@ int64_t UnitMs(std::string_view unit) {
     return 0;
 }
 
+// Bytes of a unit; 0: no such unit.
+int64_t UnitBytes(std::string_view unit) {
+    if (unit.empty()) return 1;
+    if (unit == "K") return int64_t{1} << 10;
+    if (unit == "M") return int64_t{1} << 20;
+    if (unit == "G") return int64_t{1} << 30;
+    return 0;
+}
+
+// Reads a number with a unit; `unitOf` says how much the unit is.
+bool TakeWithUnit(std::string_view text, int64_t& number, int64_t (*unitOf)(std::string_view)) {
+    if (!TakeNumber(text, number)) return false;
+    const int64_t unit = unitOf(text);
+    if (unit == 0) return false;
+    // What cannot be multiplied is out of every range.
+    if (__builtin_mul_overflow(number, unit, &number)) number = INT64_MAX;
+    return true;
+}
+
 // A number of the settings: what it may be, in words too, and what it is when it is missing.
 struct Range {
     int64_t fallback;
@@ -121,12 +140,18 @@ int KemdConfigTime(const KemdConfig* config, const char* key, int64_t fallbackMs
                   "a time from %" PRId64 " ms to %" PRId64 " ms is needed (units ms, s, m, h, d)",
                   leastMs, mostMs);
     return ReadRange(config, key, range, outMs, [](std::string_view text, int64_t& number) {
-        if (!TakeNumber(text, number)) return false;
-        const int64_t unit = UnitMs(text);
-        if (unit == 0) return false;
-        // What cannot be multiplied is out of every range.
-        if (__builtin_mul_overflow(number, unit, &number)) number = INT64_MAX;
-        return true;
+        return TakeWithUnit(text, number, UnitMs);
+    });
+}
+
+int KemdConfigSize(const KemdConfig* config, const char* key, int64_t fallback, int64_t least,
+                   int64_t most, int64_t* out) {
+    Range range{fallback, least, most, {}};
+    std::snprintf(range.allowed.data(), range.allowed.size(),
+                  "a size from %" PRId64 " to %" PRId64 " bytes is needed (units K, M, G)", least,
+                  most);
+    return ReadRange(config, key, range, out, [](std::string_view text, int64_t& number) {
+        return TakeWithUnit(text, number, UnitBytes);
     });
 }
 

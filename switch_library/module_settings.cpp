@@ -1,5 +1,6 @@
 #include "switch_library/module_settings.h"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -9,6 +10,39 @@
 #include "base/file_safety.h"
 #include "base/paths.h"
 #include "kemd/config.h"
+
+namespace {
+
+// What keeps the others safe from this module is not left to a default when it is wrong.
+void ReadProtection(const KemdConfig* config, ModuleSettings& settings, std::string& fault) {
+    static constexpr std::array<const char*, 3> kRestart = {"never", "on-failure", nullptr};
+    constexpr int64_t kLeastMemory = 16 << 20;
+    int isEnabled = 1;
+    int isIsolated = 0;
+    int restart = 1;
+    std::array<char, 64> user{};
+    const auto refuse = [&](int error, const char* key, const char* allowed) {
+        if (error != 0 && fault.empty()) fault = settings.file + ": " + key + " is " + allowed;
+    };
+    refuse(KemdConfigBool(config, "Enabled", 1, &isEnabled), "Enabled", "neither yes nor no");
+    refuse(KemdConfigBool(config, "Isolated", 0, &isIsolated), "Isolated", "neither yes nor no");
+    refuse(KemdConfigWord(config, "Restart", 1, kRestart.data(), &restart), "Restart",
+           "neither never nor on-failure");
+    refuse(KemdConfigText(config, "User", "", user.data(), user.size()), "User", "too long");
+    refuse(KemdConfigSize(config, "MemoryLimit", 0, kLeastMemory, int64_t{1} << 40,
+                          &settings.memoryLimit),
+           "MemoryLimit", "no size of at least 16M");
+    settings.isEnabled = isEnabled != 0;
+    settings.isIsolated = isIsolated != 0;
+    settings.isRestarted = restart != 0;
+    settings.user = user.data();
+    const bool needsProcess = !settings.user.empty() || settings.memoryLimit != 0;
+    if (needsProcess && !settings.isIsolated && fault.empty()) {
+        fault = settings.file + ": User and MemoryLimit need Isolated = yes";
+    }
+}
+
+}  // namespace
 
 ModuleSettings ReadModuleSettings(const std::string& name, std::string& fault) {
     ModuleSettings settings;
@@ -23,11 +57,7 @@ ModuleSettings ReadModuleSettings(const std::string& name, std::string& fault) {
     const std::unique_ptr<KemdConfig, void (*)(KemdConfig*)> config(
         KemdConfigOpen(file, "Module", name.c_str()), KemdConfigClose);
     if (config == nullptr) throw std::bad_alloc();
-    int isEnabled = 1;
-    if (KemdConfigBool(config.get(), "Enabled", 1, &isEnabled) != 0 && fault.empty()) {
-        fault = settings.file + ": Enabled is neither yes nor no";
-    }
-    settings.isEnabled = isEnabled != 0;
+    ReadProtection(config.get(), settings, fault);
     // One that is wrong is in the trace, and the default holds.
     constexpr int64_t kLeast = 100;
     constexpr int64_t kMost = 3'600'000;

@@ -29,6 +29,9 @@ KEMD_API int KemdConfigBool(const struct KemdConfig* config, const char* key, in
 /* A time in milliseconds: a number with "ms", "s", "m", "h" or "d"; without a unit seconds. */
 KEMD_API int KemdConfigTime(const struct KemdConfig* config, const char* key, int64_t fallbackMs,
                             int64_t leastMs, int64_t mostMs, int64_t* outMs);
+/* A size in bytes: a number with "K", "M" or "G" (1,024 each); without a unit bytes. */
+KEMD_API int KemdConfigSize(const struct KemdConfig* config, const char* key, int64_t fallback,
+                            int64_t least, int64_t most, int64_t* out);
 /* Text of less than `size` bytes. */
 KEMD_API int KemdConfigText(const struct KemdConfig* config, const char* key, const char* fallback,
                             char* out, size_t size);

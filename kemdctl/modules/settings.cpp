@@ -29,8 +29,13 @@ struct Key {
     const char* name;
     const char* fallback;
 };
-constexpr std::array<Key, 3> kModuleKeys = {
-    {{"Enabled", "yes"}, {"StartTimeout", "10s"}, {"StopTimeout", "10s"}}};
+constexpr std::array<Key, 7> kModuleKeys = {{{"Enabled", "yes"},
+                                             {"StartTimeout", "10s"},
+                                             {"StopTimeout", "10s"},
+                                             {"Restart", "on-failure"},
+                                             {"Isolated", "no"},
+                                             {"User", ""},
+                                             {"MemoryLimit", ""}}};
 
 bool IsModuleName(std::string_view name) {
     return !name.empty() && name.size() < 200 && name[0] != '.' && name.find('/') == name.npos;

@@ -180,7 +180,9 @@ TEST_F(ModulesTest, AreEnabledDisabledAndConfigured) {
         Ctl("modules config base").out,
         file + ":\n[Module] Enabled = off  (" + file +
             ":3)\n[Module] StartTimeout = 10s  (default)\n"
-            "[Module] StopTimeout = 10s  (default)\n[Module] Strange = 1  (" +
+            "[Module] StopTimeout = 10s  (default)\n[Module] Restart = on-failure  (default)\n"
+            "[Module] Isolated = no  (default)\n[Module] User =   (default)\n"
+            "[Module] MemoryLimit =   (default)\n[Module] Strange = 1  (" +
             file +
             ":4, not known)\n"
             "[Settings] Number = 2  (" +
