@@ -12,6 +12,8 @@ inline constexpr const char* kModuleSettingsDirectory = "/etc/kemd/modules.d";
 inline constexpr const char* kSettingsFile = "/etc/kemd/kemd.ini";
 inline constexpr const char* kControlDirectory = "/run/kemd";
 inline constexpr const char* kControlSocket = "/run/kemd/control";
+// Runs a module in a process of its own.
+inline constexpr const char* kModuleHost = "/usr/bin/kemd-module-host";
 // The variables that the service starts the daemon with.
 inline constexpr const char* kDefaultFile = "/etc/default/kemd";
 // Written by the stop scripts.

@@ -1,5 +1,6 @@
 #include "switch_library/control_request.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -83,6 +84,13 @@ void AppendState(std::string& to, const ModuleInfo& module, const Moment& moment
     AppendText(to, "reason", reason.data());
 }
 
+// Of another process.
+size_t ThreadCount(pid_t process) {
+    struct stat tasks {};
+    const std::string path = "/proc/" + std::to_string(process) + "/task";
+    return stat(path.c_str(), &tasks) == 0 && tasks.st_nlink > 2 ? tasks.st_nlink - 2 : 0;
+}
+
 std::string Describe(const ModuleInfo& module, const Moment& moment) {
     std::string json = "{";
     AppendText(json, "name", ModuleName(module.file));
@@ -94,9 +102,14 @@ std::string Describe(const ModuleInfo& module, const Moment& moment) {
     if (module.state == ModuleState::kRunning || module.state == ModuleState::kStopping ||
         module.state == ModuleState::kStarting) {
         const size_t ended = Without(module.threads, moment.threads).size();
-        AppendMember(json, "pid", std::to_string(getpid()));
-        AppendMember(json, "threads", std::to_string(module.threads.size() - ended));
+        const bool isIsolated = module.process != 0;
+        AppendMember(json, "pid", std::to_string(isIsolated ? module.process : getpid()));
+        AppendMember(json, "threads",
+                     std::to_string(isIsolated ? ThreadCount(module.process)
+                                               : module.threads.size() - ended));
     }
+    if (module.process != 0) AppendMember(json, "isolated", "true");
+    if (module.state == ModuleState::kRestarting) AppendText(json, "health", "failed");
     if (module.state == ModuleState::kRunning && module.hasHealth) {
         AppendText(json, "health", HealthName(module, moment.isBusy));
         if (!moment.isBusy) AppendText(json, "healthText", module.healthText);

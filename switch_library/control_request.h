@@ -21,7 +21,8 @@ struct ControlRequest {
         kRequest,
         kRegistry,
         kTraceLevel,
-        kHealth
+        kHealth,
+        kRevive,
     };
     Kind kind = kModules;
     std::string module;
@@ -37,7 +38,8 @@ struct ControlRequest {
     }
 };
 
-// Empty, or what is wrong with the line. kHealth cannot be asked for: it is the server's own.
+// Empty, or what is wrong with the line. kHealth and kRevive cannot be asked for: they are the
+// switch library's own.
 std::string ReadControlRequest(std::string_view line, ControlRequest& request);
 
 // Answers, with their line feed. `result` is JSON.
