@@ -129,7 +129,8 @@ int Walk(const char* module, WalkOptions& options) {
 
 int main(int argc, char** argv) {
     // For kemd alone, and so not in the help.
-    if (argc == 2 && std::strcmp(argv[1], "--isolated") == 0) ServeIsolated();
+    // What may follow names the module, for those who list processes.
+    if (argc >= 2 && std::strcmp(argv[1], "--isolated") == 0) ServeIsolated();
     OpenStandardDescriptors();
     IgnoreFileSizeLimit();
     Arguments arguments;

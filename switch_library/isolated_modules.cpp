@@ -25,7 +25,6 @@ namespace {
 
 constexpr const char* kTag = "switch";
 constexpr size_t kPageSize = 4096;
-constexpr size_t kMostTrace = size_t{256} << 10;  // of one process, before others have their turn
 
 }  // namespace
 
@@ -103,7 +102,7 @@ void IsolatedModules::Run() {
             uint64_t count = 0;
             if (polled[0].revents != 0) (void)!read(m_wakeup.Get(), &count, sizeof count);
             for (size_t i = 0; i < m_processes.size(); ++i) {
-                if (polled[2 * i + 2].revents != 0) m_processes[i]->ForwardTrace(kMostTrace);
+                if (polled[2 * i + 2].revents != 0) m_processes[i]->ForwardTrace();
                 if (polled[2 * i + 1].revents != 0) ReportEnd(*m_processes[i]);
             }
             std::erase_if(m_processes, [](const auto& process) { return process->IsOver(); });

@@ -18,6 +18,7 @@
 
 #include "base/paths.h"
 #include "kemd/trace.h"
+#include "switch_library/module_board.h"
 
 using std::chrono::milliseconds;
 
@@ -26,6 +27,7 @@ namespace {
 // The control thread names a call that hangs when its time is over; then the process is killed.
 constexpr milliseconds kGrace{200};
 constexpr milliseconds kAfterKill{5000};
+constexpr size_t kPipeSize = size_t{256} << 10;
 
 std::string ErrorText(const char* what) {
     return std::string(what) + ": " + std::strerror(errno);
@@ -90,7 +92,7 @@ std::unique_ptr<IsolatedProcess> IsolatedProcess::Spawn(const std::string& modul
     const UniqueFd theirTrace(KeepHigh(trace[1]));
     (void)fcntl(process->m_trace.Get(), F_SETFL, O_NONBLOCK);
     // Larger, it lets the module go on for longer before it waits; as it is will do.
-    (void)fcntl(process->m_trace.Get(), F_SETPIPE_SZ, 256 << 10);
+    (void)fcntl(process->m_trace.Get(), F_SETPIPE_SZ, kPipeSize);
     if (const int error = process->Start(level, theirCalls.Get(), theirTrace.Get())) {
         fault = std::string("cannot start ") + kModuleHost + ": " + std::strerror(error);
         return nullptr;
@@ -148,6 +150,7 @@ IsolatedAnswer IsolatedProcess::Call(const IsolatedRequest& request, std::string
         if (count == 0) FailHanging(timeout);
         parts = {{{&head, sizeof head}, {answer.data(), answer.size()}}};
         length = recvmsg(m_calls.Get(), &message, 0);
+        ForwardTrace();
     }
     if (length < static_cast<ssize_t>(sizeof head)) {
         // It is ending, or has closed its descriptors and cannot be spoken to any more.
@@ -168,6 +171,7 @@ void IsolatedProcess::FailHanging(milliseconds timeout) {
                   std::chrono::duration<double>(timeout).count());
     Kill(why.data());
     (void)AwaitEnd(kAfterKill);
+    TheModuleBoard().ForgetOverdue();
     throw std::runtime_error(EndText());
 }
 
@@ -194,14 +198,15 @@ std::string IsolatedProcess::EndText() const {
     return m_isReaped ? m_end : "its process cannot be ended";
 }
 
-void IsolatedProcess::ForwardTrace(size_t most) {
-    while (most > 0) {
-        const size_t room = std::min(m_records.size() - m_length, most);
-        const ssize_t count = read(m_trace.Get(), m_records.data() + m_length, room);
+void IsolatedProcess::ForwardTrace() {
+    const std::lock_guard lock(m_traceLock);
+    for (size_t taken = 0; taken < kPipeSize;) {
+        const ssize_t count =
+            read(m_trace.Get(), m_records.data() + m_length, m_records.size() - m_length);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0 && errno == EAGAIN) return;
         if (count <= 0) return m_trace.Reset();  // nothing writes there any more
-        most -= static_cast<size_t>(count);
+        taken += static_cast<size_t>(count);
         m_length += static_cast<size_t>(count);
         size_t begin = 0;
         IsolatedRecord record{};
@@ -240,7 +245,7 @@ void IsolatedProcess::Forward(const IsolatedRecord& record, std::string_view res
 }
 
 bool IsolatedProcess::TakeEnd() {
-    ForwardTrace(SIZE_MAX);
+    ForwardTrace();
     siginfo_t info{};
     (void)waitid(P_PID, static_cast<id_t>(m_id), &info, WEXITED | WNOWAIT);
     (void)kill(-m_id, SIGKILL);  // those that it left in its group

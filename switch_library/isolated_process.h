@@ -43,9 +43,13 @@ class IsolatedProcess {
 
     // Of the thread that watches.
     [[nodiscard]] int Watch() const { return m_watch.Get(); }  // readable when the process ended
-    [[nodiscard]] int Trace() const { return m_trace.Get(); }  // readable when there are records
-    // Writes the records that are there into the trace, `most` bytes of them.
-    void ForwardTrace(size_t most);
+    // Readable when there are records; -1 when no more will come.
+    [[nodiscard]] int Trace() {
+        const std::lock_guard lock(m_traceLock);
+        return m_trace.Get();
+    }
+    // Writes the records that are there into the trace, at most about a pipe full.
+    void ForwardTrace();
     // After its end: takes what is left. True when the end was not expected.
     bool TakeEnd();
     // How it ended; valid after TakeEnd.
@@ -67,7 +71,9 @@ class IsolatedProcess {
     UniqueFd m_calls;
     UniqueFd m_trace;
     UniqueFd m_watch;
-    // Of the thread that watches: records that are not whole yet, and the crash handler's line.
+    // A call takes the records too, so that those of the call are there when it returns.
+    std::mutex m_traceLock;
+    // Records that are not whole yet, and the crash handler's line.
     std::array<char, size_t{64} << 10> m_records{};
     size_t m_length = 0;
     std::string m_crash;

@@ -168,6 +168,11 @@ void ModuleBoard::EndCall() noexcept {
                 ended.name, ended.Seconds());
 }
 
+void ModuleBoard::ForgetOverdue() noexcept {
+    const std::lock_guard lock(m_lock);
+    m_call.isOverdue = false;
+}
+
 bool ModuleBoard::OpenWatch() {
     const std::lock_guard lock(m_lock);
     m_watch.Reset(KeepHigh(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)));

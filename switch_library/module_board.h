@@ -74,6 +74,8 @@ class ModuleBoard {
     // Around each call. The time-out is that of the module for this call.
     void BeginCall(const std::string& file, const char* name) noexcept;
     void EndCall() noexcept;
+    // Its end is not reported: it was ended.
+    void ForgetOverdue() noexcept;
 
     // A descriptor that becomes readable when a call exceeds its time-out, for as long as it is
     // open: -1 before OpenWatch and after CloseWatch.
