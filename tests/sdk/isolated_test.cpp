@@ -244,6 +244,13 @@ TEST_F(IsolatedTest, EndsInEveryWayWithItsLastRecords) {
     }
 }
 
+TEST_F(IsolatedTest, CallThatIsTooLongIsNotCut) {
+    Begin();
+    EXPECT_EQ("no answer", Ask(std::string(kIsolatedMostText, 'x')));
+    EXPECT_EQ(1 << 8, End());
+    EXPECT_TRUE(Contains(Records(), "is too long: the process ends"));
+}
+
 TEST_F(IsolatedTest, UserHasNoRights) {
     if (!Contains(ReadFile("/proc/self/uid_map"), "4294967295")) GTEST_SKIP() << "one user only";
     WriteFile("/etc/passwd", "root:x:0:0::/:/bin/sh\nagent:x:4711:4712::/:/bin/sh\n");
@@ -284,6 +291,7 @@ TEST_F(IsolatedTest, UserHasNoRights) {
     }
 }
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they need more memory
 TEST_F(IsolatedTest, MemoryEndsAtItsLimit) {
     for (const bool isLimited : {false, true}) {
         Begin("", isLimited ? uint64_t{64} << 20 : 0);
@@ -294,6 +302,8 @@ TEST_F(IsolatedTest, MemoryEndsAtItsLimit) {
                   Records());
     }
 }
+
+#endif
 
 TEST_F(IsolatedTest, RegistryIsReadAndNeverWritten) {
     constexpr const char* kFile = "/etc/orvmon/registry";
