@@ -24,6 +24,9 @@ namespace {
 constexpr const char* kTag = "probe";
 
 struct Unloaded {
+    Unloaded() = default;
+    Unloaded(const Unloaded&) = delete;
+    Unloaded& operator=(const Unloaded&) = delete;
     ~Unloaded() { KemdMessage(kTag, "unloaded"); }
 } unloaded;
 
@@ -70,6 +73,7 @@ std::string UseRegistry() {
 
 void TraceOfThreads() {
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int thread = 0; thread < 4; ++thread) {
         threads.emplace_back([thread] {
             const std::string tail(static_cast<size_t>(thread) * 100, 'x');

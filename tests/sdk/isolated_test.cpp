@@ -191,8 +191,9 @@ TEST_F(IsolatedTest, RecordsAreWholeAndInOrder) {
     for (size_t i = 7; i < m_records.size(); ++i) {
         auto& [number, next] = threads[m_records[i].head.thread];
         if (next == 0) number = m_records[i].text.substr(0, 1);
-        const std::string tail(std::stoul(number) * 100, 'x');
-        ASSERT_EQ(number + " " + std::to_string(next++) + " " + tail, m_records[i].text);
+        std::string expected = number + " " + std::to_string(next++) + " ";
+        expected.append(std::stoul(number) * 100, 'x');
+        ASSERT_EQ(expected, m_records[i].text);
     }
     EXPECT_EQ(4U, threads.size());
 }
