@@ -138,7 +138,11 @@ void IsolatedModule::Serve() {
 
 bool IsolatedModule::Receive(Exchange& exchange) {
     const ssize_t size =
-        TEMP_FAILURE_RETRY(recv(m_calls, g_received.data(), g_received.size() - 1, 0));
+        TEMP_FAILURE_RETRY(recv(m_calls, g_received.data(), kIsolatedMostText, MSG_TRUNC));
+    if (size > static_cast<ssize_t>(kIsolatedMostText)) {
+        KemdMessage(m_tag.c_str(), "a call of %zd bytes is too long: the process ends", size);
+        _exit(1);
+    }
     if (size < static_cast<ssize_t>(sizeof exchange.request)) return false;
     g_received[static_cast<size_t>(size)] = '\0';
     std::memcpy(&exchange.request, g_received.data(), sizeof exchange.request);

@@ -14,6 +14,7 @@
 
 #include "kemd/config.h"
 #include "kemd/module.h"
+#include "kemd/registry.h"
 #include "kemd/services.h"
 #include "kemd/trace.h"
 #include "kemd/trace_object.h"
@@ -23,6 +24,9 @@ namespace {
 constexpr const char* kTag = "probe";
 
 struct Unloaded {
+    Unloaded() = default;
+    Unloaded(const Unloaded&) = delete;
+    Unloaded& operator=(const Unloaded&) = delete;
     ~Unloaded() { KemdMessage(kTag, "unloaded"); }
 } unloaded;
 
@@ -58,12 +62,18 @@ std::string UseRegistry() {
                           KemdRegistryReadNumber(key, "n", &number), KemdRegistrySave()};
     for (const int error : errors) results += " " + std::to_string(error);
     KemdRegistryClose(key);
-    return results + " " + std::to_string(KemdRegistryOpen(&key, "HKEY_LOCAL_MACHINE/new", 1)) +
-           " " + std::to_string(number);
+    results += " " + std::to_string(KemdRegistryOpen(&key, "HKEY_LOCAL_MACHINE/new", 1));
+    CRegistry cursor("HKEY_LOCAL_MACHINE/there", nullptr);
+    for (const int32_t result : {cursor.SetValue("n", 9), cursor.DeleteValue("n"),
+                                 cursor.CreateKey(nullptr, "below"), number}) {
+        results += " " + std::to_string(result);
+    }
+    return results;
 }
 
 void TraceOfThreads() {
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int thread = 0; thread < 4; ++thread) {
         threads.emplace_back([thread] {
             const std::string tail(static_cast<size_t>(thread) * 100, 'x');

@@ -1,21 +1,23 @@
 // kemd-module-host --isolated, driven over its socket as the daemon does.
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <map>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
+#include "base/file_io.h"
 #include "base/isolated_protocol.h"
 #include "base/unique_fd.h"
 #include "kemd/module.h"
@@ -24,6 +26,8 @@
 using namespace std::string_view_literals;
 
 namespace {
+
+constexpr const char* kModule = "/test/isolated/isolated_probe.so";
 
 struct Record {
     IsolatedRecord head;
@@ -34,9 +38,9 @@ struct Record {
 class IsolatedTest : public testing::Test {
   protected:
     // A process with the module loaded into it.
-    void Begin(const std::string& user = "", uint64_t memoryLimit = 0) {
+    void Begin(const std::string& user = "", uint64_t memoryLimit = 0,
+               const std::string& path = kModule) {
         StartProcess();
-        const std::string path = "/test/isolated/isolated_probe.so";
         ASSERT_TRUE(Call({.call = IsolatedCall::kLoad, .memoryLimit = memoryLimit},
                          path + '\0' + user + '\0'));
     }
@@ -94,36 +98,30 @@ class IsolatedTest : public testing::Test {
     // Closes the socket and takes what is left in the pipe. How the process ended.
     int End() {
         m_calls.Reset();
-        std::string bytes;
-        std::array<char, 65536> part{};
-        for (ssize_t size = 1; size > 0;) {
-            size = read(m_trace.Get(), part.data(), part.size());
-            bytes.append(part.data(), static_cast<size_t>(std::max<ssize_t>(size, 0)));
-        }
-        TakeRecords(bytes);
+        ReadRecords(SIZE_MAX);
         int status = -1;
         EXPECT_EQ(m_process, waitpid(m_process, &status, 0));
         munmap(m_level, 4096);
         return status;
     }
-    void TakeRecords(std::string_view bytes) {
-        while (!bytes.empty()) {
+    // Until there are so many in all, or no more.
+    void ReadRecords(size_t count) {
+        while (m_records.size() < count) {
             Record record{};
-            ASSERT_LE(sizeof record.head, bytes.size());
-            std::memcpy(&record.head, bytes.data(), sizeof record.head);
-            ASSERT_LE(record.head.size, bytes.size());
-            ASSERT_LE(sizeof record.head + record.head.tagSize, record.head.size);
-            record.tag = bytes.substr(sizeof record.head, record.head.tagSize);
-            const size_t start = sizeof record.head + record.head.tagSize;
-            record.text = bytes.substr(start, record.head.size - start);
+            const size_t size = sizeof record.head;
+            if (ReadFully(m_trace.Get(), &record.head, size).count != size) return;
+            std::string rest(record.head.size - size, '\0');
+            ASSERT_EQ(rest.size(), ReadFully(m_trace.Get(), rest.data(), rest.size()).count);
+            record.tag = rest.substr(0, record.head.tagSize);
+            record.text = rest.substr(record.head.tagSize);
             m_records.push_back(record);
-            bytes.remove_prefix(record.head.size);
         }
     }
-    // All texts, a line each, messages with "!" and records with their level.
-    std::string Records() const {
+    // All texts, or the first ones, a line each, messages with "!" and records with their level.
+    [[nodiscard]] std::string Records(size_t count = SIZE_MAX) const {
         std::string all;
         for (const Record& record : m_records) {
+            if (count-- == 0) break;
             const bool isMessage = record.head.kind == IsolatedRecordKind::kMessage;
             all += (isMessage ? "!" : std::to_string(record.head.level)) + record.tag + ": " +
                    record.text + "\n";
@@ -170,6 +168,156 @@ TEST_F(IsolatedTest, EachCallIsMadeAndAnswered) {
         "!probe: number 1\n!probe: notify 20000 -1, exit event 0\n"
         "!probe: notify 30000 6, exit event 1\n!probe: stop, exit event 1\n!probe: unloaded\n",
         Records());
+}
+
+// Each thread's records are whole and in its order; the first one takes their number.
+TEST_F(IsolatedTest, RecordsAreWholeAndInOrder) {
+    Begin();
+    EXPECT_EQ("", Ask("trace"));
+    *m_level = 0;
+    EXPECT_EQ("", Ask("trace"));
+    const std::string longest(PIPE_BUF - 1 - sizeof(IsolatedRecord) - 14, 'l');
+    const std::string forms = "3probe: level three\n1isolated_probe: " + longest +
+                              "\n!probe: on 1, level 3\n2isolated_probe: object 1\n"
+                              "!isolated_probe: object 2\n"
+                              "!probe: on 0, level 0\n!isolated_probe: object 2\n";
+    *m_level = 3;
+    std::thread asks([this] { EXPECT_EQ("", Ask("threads")); });
+    ReadRecords(7 + 4 * 500);
+    asks.join();
+    EXPECT_EQ(0, End());
+    EXPECT_EQ(forms, Records(7));
+    std::map<uint32_t, std::pair<std::string, int>> threads;  // number and next record
+    for (size_t i = 7; i < m_records.size(); ++i) {
+        auto& [number, next] = threads[m_records[i].head.thread];
+        if (next == 0) number = m_records[i].text.substr(0, 1);
+        std::string expected = number + " " + std::to_string(next++) + " ";
+        expected.append(std::stoul(number) * 100, 'x');
+        ASSERT_EQ(expected, m_records[i].text);
+    }
+    EXPECT_EQ(4U, threads.size());
+}
+
+TEST_F(IsolatedTest, HasNothingButItsOwn) {
+    Begin();
+    std::string open;
+    const std::string process = "/proc/" + std::to_string(m_process);
+    for (const auto& entry : std::filesystem::directory_iterator(process + "/fd")) {
+        const int fd = std::stoi(entry.path().filename());
+        const std::string target = std::filesystem::read_symlink(entry.path());
+        open += fd > 512 ? target.substr(0, target.find(':')) : entry.path().filename().string();
+        open += fd < 3 ? "=" + target + " " : " ";
+    }
+    EXPECT_EQ("0=/dev/null 1=/dev/null 2=/dev/null socket pipe ", open);
+    EXPECT_EQ("kemd-isolated_p", Status("Name"));
+    EXPECT_EQ("0026", Status("Umask"));
+    EXPECT_EQ("0000000000000000", Status("SigBlk"));
+    // SIGPIPE, SIGXFSZ and SIGIO.
+    EXPECT_EQ("0000000011001000", Status("SigIgn"));
+    EXPECT_EQ("/", std::filesystem::read_symlink(process + "/cwd"));
+    EXPECT_EQ("", Ask("close"));
+    EXPECT_EQ("", Ask("trace"));
+    EXPECT_EQ(0, End());
+    EXPECT_TRUE(Contains(Records(), "level three"));
+}
+
+TEST_F(IsolatedTest, EndsInEveryWayWithItsLastRecords) {
+    const struct {
+        const char* request;
+        const char* answer;
+        int status;
+        const char* records;
+    } kCases[] = {
+        {"die", "no answer", SIGKILL, "1probe: last words\n"},
+        {"leave", "no answer", 1 << 8,
+         "!isolated_probe: the module ended the thread that calls it: its process ends\n"},
+        {"fork", "", 0, "!probe: stop, exit event 0\n!probe: unloaded\n"},
+        {"thread", "", 0,
+         "!probe: stop, exit event 0\n"
+         "!isolated_probe: 1 thread is left after stop: the module is not unloaded\n"},
+    };
+    for (const auto& [request, answer, status, records] : kCases) {
+        Begin();
+        EXPECT_EQ(answer, Ask(request));
+        (void)Call({.call = IsolatedCall::kStop});
+        EXPECT_EQ(status, End()) << request;
+        EXPECT_EQ(records, Records());
+    }
+}
+
+TEST_F(IsolatedTest, CallThatIsTooLongIsNotCut) {
+    Begin();
+    EXPECT_EQ("no answer", Ask(std::string(kIsolatedMostText, 'x')));
+    EXPECT_EQ(1 << 8, End());
+    EXPECT_TRUE(Contains(Records(), "is too long: the process ends"));
+}
+
+TEST_F(IsolatedTest, UserHasNoRights) {
+    if (!Contains(ReadFile("/proc/self/uid_map"), "4294967295")) GTEST_SKIP() << "one user only";
+    WriteFile("/etc/passwd", "root:x:0:0::/:/bin/sh\nagent:x:4711:4712::/:/bin/sh\n");
+    for (const std::string user : {"agent", "root"}) {
+        Begin(user);
+        ASSERT_EQ(IsolatedOutcome::kReturned, m_answer.outcome) << m_text;
+        const bool isRoot = user == "root";
+        EXPECT_EQ(isRoot ? "0\t0\t0\t0" : "4711\t4711\t4711\t4711", Status("Uid"));
+        EXPECT_EQ(isRoot ? "0\t0\t0\t0" : "4712\t4712\t4712\t4712", Status("Gid"));
+        EXPECT_EQ(isRoot ? "0 " : "4712 ", Status("Groups"));
+        for (const char* set : {"CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb"}) {
+            EXPECT_EQ("0000000000000000", Status(set)) << set;
+        }
+        EXPECT_EQ("1", Status("NoNewPrivs"));
+        struct stat status {};  // of a process that may leave a core
+        EXPECT_EQ(0, stat(("/proc/" + std::to_string(m_process) + "/stat").c_str(), &status));
+        EXPECT_EQ(isRoot ? 0U : 4711U, status.st_uid);
+        EXPECT_EQ(0, End());
+    }
+    std::filesystem::create_directories("/tmp/private");
+    std::filesystem::permissions("/tmp/private", std::filesystem::perms(0700));
+    std::filesystem::copy(kModule, "/tmp/private/isolated_probe.so");
+    const struct {
+        const char* path;
+        const char* user;
+        const char* reason;
+    } kRefused[] = {
+        {kModule, "nobody", "it cannot become user nobody: there is no such user"},
+        {"/tmp/private/isolated_probe.so", "agent",
+         "user agent cannot read /tmp/private/isolated_probe.so: Permission denied"},
+        {"/etc/passwd", "", "no ELF file"},
+    };
+    for (const auto& [path, user, reason] : kRefused) {
+        Begin(user, 0, path);
+        EXPECT_EQ(IsolatedOutcome::kRefused, m_answer.outcome);
+        EXPECT_EQ(reason, m_text);
+        EXPECT_EQ(0, End());
+    }
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they need more memory
+TEST_F(IsolatedTest, MemoryEndsAtItsLimit) {
+    for (const bool isLimited : {false, true}) {
+        Begin("", isLimited ? uint64_t{64} << 20 : 0);
+        EXPECT_EQ(isLimited ? "refused" : "granted", Ask("grow"));
+        EXPECT_EQ(isLimited ? "refused" : "granted", Ask("grow"));
+        EXPECT_EQ(0, End());
+        EXPECT_EQ(isLimited ? "!isolated_probe: no memory is left within MemoryLimit\n" : "",
+                  Records());
+    }
+}
+
+#endif
+
+TEST_F(IsolatedTest, RegistryIsReadAndNeverWritten) {
+    constexpr const char* kFile = "/etc/orvmon/registry";
+    const std::string text = "[HKEY_LOCAL_MACHINE]\n[there]\nn=d=7\n\n\n\n";
+    WriteFile(kFile, text);
+    Begin();
+    // Opened, read, not written, not deleted, read, nothing to save, no new key; nothing of that
+    // with the class either; the number.
+    EXPECT_EQ("0 0 30 30 0 0 30 22 -1 -1 7", Ask("registry"));
+    ASSERT_TRUE(Call({.call = IsolatedCall::kStop}));
+    EXPECT_EQ(0, End());
+    EXPECT_EQ(text, ReadFile(kFile));
+    EXPECT_FALSE(std::filesystem::exists("/etc/orvmon/registry.old"));
 }
 
 }  // namespace
