@@ -2,13 +2,16 @@
 // file makes of such lines.
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <csignal>
 #include <functional>
 #include <thread>
 
+#include "base/crash_file.h"
 #include "base/crash_handler.h"
+#include "base/paths.h"
 #include "tests/world.h"
 
 // A crash is not for the sanitizers to find.
@@ -148,6 +151,76 @@ TEST(CrashHandler, OthersDieWithoutALine) {
     };
     EXPECT_EQ(WTERMSIG(StatusOf(gone, false)), SIGSEGV);
     EXPECT_EQ(ReadFile(kFile), "");
+}
+
+// A line of `module` at this minute and second of an hour.
+std::string Line(const std::string& time, const std::string& module,
+                 const std::string& more = R"("process":9,"sender":9)") {
+    return R"({"time":"2026-11-22T16:)" + time + R"(.000Z",)" + more + R"(,"signal":6,"module":")" +
+           module + "\",\"frames\":[]}\n";
+}
+std::string Back(const std::string& time, const std::string& module) {
+    return R"({"time":"2026-11-22T16:)" + time + R"(.000Z","enabled":")" + module + "\"}\n";
+}
+
+TEST(CrashFile, WhichModulesAreHeldBack) {
+    const std::string three = Line("00:00", "a") + Line("05:00", "a") + Line("10:00", "a");
+    const struct {
+        std::string text;
+        bool isHeld;
+        bool isHeldNever;  // with Restart = never
+    } cases[] = {
+        {"", false, false},
+        {Line("00:00", "a"), false, true},
+        {Line("00:00", "b") + Line("00:01", "b") + Line("00:02", "b"), false, false},
+        {three, true, true},
+        {Line("00:00", "a") + Line("05:00", "a") + Line("10:01", "a"), false, true},
+        {three + Line("40:00", "b"), true, true},
+        {three + Back("11:00", "b"), true, true},
+        {three + Back("11:00", "a"), false, false},
+        {Line("00:00", "a") + Back("01:00", "a") + Line("02:00", "a") + Line("03:00", "a"), false,
+         true},
+        {Line("00:00", "a") + "broken {\n\n" + Line("01:00", "a") + Line("02:00", "a") + "{\"time",
+         true, true},
+        // Of a process of its own; sent by somebody else.
+        {Line("00:00", "a", R"("isolated":true,"process":9)"), false, false},
+        {Line("00:00", "a", R"("process":9,"sender":1)"), false, false},
+    };
+    for (const auto& [text, isHeld, isHeldNever] : cases) {
+        EXPECT_EQ(IsHeldBack(ParseCrashes(text), "a", true), isHeld) << text;
+        EXPECT_EQ(IsHeldBack(ParseCrashes(text), "a", false), isHeldNever) << text;
+    }
+}
+
+TEST(CrashFile, IsBoundedAndKeepsWhatHoldsAModuleBack) {
+    std::string text;
+    for (int i = 0; i < 5; ++i) text += Line("00:0" + std::to_string(i), "held");
+    for (int i = 0; i < 200; ++i) text += Line("01:00", "n" + std::to_string(i));
+    WriteFile(kCrashFile, text + "{\"ti");
+    chmod(kCrashFile, 0640);
+    EXPECT_TRUE(OpenCrashFile().IsOpen());
+    EXPECT_TRUE(AppendIsolatedCrash(Line("02:00", "own")));
+    EXPECT_TRUE(AppendEnabled("n199 \"\xc3"));
+    const auto crashes = ReadCrashes();
+    ASSERT_TRUE(crashes);
+    const std::vector<CrashRecord>& all = *crashes;
+    // Each of the others crashed once, which holds it back with Restart = never.
+    EXPECT_EQ(std::count_if(all.begin(), all.end(),
+                            [](const CrashRecord& crash) { return crash.module == "held"; }),
+              3);
+    EXPECT_TRUE(IsHeldBack(all, "held", true));
+    EXPECT_TRUE(IsHeldBack(all, "n0", false));
+    EXPECT_TRUE(all[all.size() - 2].isIsolated);
+    EXPECT_EQ(all.back().enabled, "n199 \"\xc3");
+    EXPECT_FALSE(std::filesystem::exists(std::string(kCrashFile) + ".new"));
+    // Nobody else says what runs as root.
+    std::filesystem::rename(kCrashFile, "/tmp/other");
+    std::filesystem::create_symlink("/tmp/other", kCrashFile);
+    EXPECT_FALSE(ReadCrashes() || OpenCrashFile().IsOpen() || AppendEnabled("a"));
+    std::filesystem::remove(kCrashFile);
+    std::filesystem::copy("/tmp/other", kCrashFile);
+    chmod(kCrashFile, 0666);
+    EXPECT_FALSE(ReadCrashes() || OpenCrashFile().IsOpen() || AppendEnabled("a"));
 }
 
 }  // namespace
