@@ -26,3 +26,5 @@ inline constexpr const char* kRegistryLockFile = "/etc/orvmon/registry.lock";
 inline constexpr const char* kTraceConfigDirectory = "/etc/norvik/OrvanaSuite/TraceConfig";
 // Unless it is configured otherwise.
 inline constexpr const char* kTraceDirectory = "/var/log/orvmon";
+// What the daemon and its modules died of; see base/crash_file.h.
+inline constexpr const char* kCrashFile = "/var/log/orvmon/kemd.crashes";

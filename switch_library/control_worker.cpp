@@ -8,6 +8,7 @@
 #include <new>
 #include <utility>
 
+#include "base/crash_handler.h"
 #include "kemd/trace.h"
 
 // Of those that wait for the worker: as many places again are left for who only reads.
@@ -84,6 +85,7 @@ bool ControlWorker::Await(Job& job) {
 }
 
 void ControlWorker::Run() {
+    const AlternateStack stack;  // for a module that overflows this one
     // A module that cancels its caller would leave its clients without an answer.
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     for (Job job; Await(job);) {

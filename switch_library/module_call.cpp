@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdlib>
 
+#include "base/crash_handler.h"
 #include "kemd/trace.h"
 #include "switch_library/module_board.h"
 #include "switch_library/service_manager.h"
@@ -69,7 +70,9 @@ void* OpenModule(const std::string& name, const std::string& path) {
     void* (*volatile const open)(const char*, int) = dlopen;
     const ModuleCall guard(name, "load");
     try {
-        return open(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        void* const library = open(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        NoteLoadedObjects(path.c_str(), name.c_str());
+        return library;
     } catch (const std::exception& error) {
         if (!guard.IsForked()) EndWithoutLoader(name, error.what());
     } catch (...) {
@@ -81,4 +84,5 @@ void* OpenModule(const std::string& name, const std::string& path) {
 void CloseModule(const std::string& name, void* library) {
     const ModuleCall guard(name, "unload");
     dlclose(library);
+    NoteLoadedObjects();
 }

@@ -20,6 +20,7 @@
 #include "base/paths.h"
 #include "kemd/config.h"
 #include "kemd/trace.h"
+#include "switch_library/crash_reports.h"
 #include "switch_library/module_board.h"
 #include "switch_library/module_call.h"
 #include "switch_library/service_manager.h"
@@ -112,6 +113,7 @@ bool ModuleSwitch::LoadModules(ModuleLoadParams* params) {
     // pending request would be obeyed then.
     (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     static const ExitReport report(*this);
+    TheCrashReports().Begin();
     {
         const std::lock_guard lock(m_lock);
         m_modules.reserve(m_modules.size() + names.size());
@@ -172,6 +174,8 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
         TheModuleBoard().Set(name, ModuleState::kDisabled, "by " + module.settings.file);
         return Report(name, "is disabled", module.settings.file.c_str());
     }
+    fault = TheCrashReports().WhyHeldBack(ModuleName(name), module.settings);
+    if (!fault.empty()) return LeaveOut(name, ModuleState::kDisabled, "is disabled", fault.c_str());
     Announce(name, "loading");
     module.name = name;
     const bool isIsolated = module.settings.isIsolated;

@@ -33,6 +33,8 @@ bool Is(const char* kind) {
 [[maybe_unused]] const bool kIsInitialised =
     !Is("init") || (throw std::runtime_error("not even loaded"), true);
 
+[[maybe_unused]] const bool kHasAborted = Is("unborn") && (abort(), true);
+
 void Unblock(int signal) {
     sigset_t signals{};
     sigaddset(&signals, signal);
@@ -100,9 +102,13 @@ int Start() {
     if (Is("mask")) Unblock(SIGTERM);
     if (Is("cancels")) return pthread_cancel(pthread_self());
     if (Is("closes")) close_range(3, 1023, 0);
-    if (Is("dies")) (void)signal(SIGSEGV, SIG_DFL);  // not a sanitizer's
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    if (Is("dies")) (void)signal(SIGSEGV, SIG_DFL);  // not the sanitizer's
+#endif
     if (Is("dies")) return raise(SIGSEGV);
     if (Is("exits")) _exit(3);
+    if (Is("aborts")) std::thread([] { abort(); }).join();
+    if (Is("uncaught")) std::thread([] { throw std::runtime_error("too late"); }).join();
     if (Is("leaves")) exit(4);  // in order, as it believes
     if (Is("quits")) quick_exit(5);
     for (int i = 0; Is("crowd") && i < 16; ++i) std::thread(Work).detach();

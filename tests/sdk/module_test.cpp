@@ -125,6 +125,45 @@ TEST_F(ModuleTest, DeathLeavesNothingInTheWay) {
     }
 }
 
+TEST_F(ModuleTest, CrashIsNotedWithTheModule) {
+    const std::string file = m_logDirectory + "/kemd.crashes";
+    const struct {
+        std::string kind;
+        int signal;
+        std::string place;
+    } cases[] = {
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they handle it
+        {"dies", SIGSEGV, "/tmp/modules/dies.so+0x"},
+#endif
+        {"aborts", SIGABRT, "/tmp/modules/aborts.so+0x"},
+        {"uncaught", SIGABRT, "/tmp/modules/uncaught.so+0x"},
+        {"unborn", SIGABRT, "/tmp/modules/unborn.so+0x"},
+    };
+    for (const auto& [kind, signal, place] : cases) {
+        SCOPED_TRACE(kind);
+        fs::remove(file);
+        Install(kind);
+        const pid_t pid = Run();
+        EXPECT_EQ(WaitForExit(pid), 1000 + signal);
+        const std::string line = ReadFile(file);
+        EXPECT_TRUE(InOrder(
+            line, {"\"process\":" + std::to_string(pid), "\"signal\":" + std::to_string(signal),
+                   "\"module\":\"" + kind + "\",\"frames\":[\"/", place}));
+        EXPECT_EQ(line.find('\n') + 1, line.size()) << line;
+    }
+}
+
+// The fourth start comes up without the module.
+TEST_F(ModuleTest, ThirdCrashDisablesTheModule) {
+    Install("aborts");
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(WaitForExit(Run()), 1000 + SIGABRT);
+    EXPECT_EQ(Stop(Run()), 0);
+    EXPECT_TRUE(
+        InOrder(Trace(), {"module aborts.so is disabled: it crashed three times within ten "
+                          "minutes",
+                          "kemdctl modules enable aborts\n", "notifications.so started\n"}));
+}
+
 TEST_F(ModuleTest, StopThatBlocksEndsWithAKill) {
     Install("blocks");
     const pid_t pid = Run();
