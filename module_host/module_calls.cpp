@@ -60,7 +60,9 @@ void Load(CallBoard& board, Module& module, const char* path) {
     // hides dlopen from the compiler, which would otherwise leave the handler out.
     void* (*volatile const open)(const char*, int) = dlopen;
     module.library = open(path, RTLD_NOW | RTLD_LOCAL);
-    if (module.library == nullptr) return SetText(board, Outcome::kNoModule, dlerror());
+    if (module.library == nullptr) {
+        return SetText(board, Outcome::kNoModule, LoaderText(dlerror()).c_str());
+    }
     module.fileName = std::strrchr(path, '/') + 1;  // the path is absolute
     const std::string reason =
         module.object.Take(dlsym(module.library, "kemdModule"), module.fileName);

@@ -176,7 +176,8 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
     module.name = name;
     module.library = OpenModule(name, file.resolved);
     if (module.library == nullptr) {
-        return LeaveOut(name, ModuleState::kNotLoaded, "cannot be loaded", dlerror());
+        const std::string text = LoaderText(dlerror());
+        return LeaveOut(name, ModuleState::kNotLoaded, "cannot be loaded", text.c_str());
     }
 
     std::string reason = module.object.Take(dlsym(module.library, "kemdModule"), name);
