@@ -15,6 +15,7 @@
 #include "kemd/registry.h"
 #include "kemd/semaphore.h"
 #include "kemd/services.h"
+#include "services/registry/store.h"
 
 namespace {
 
@@ -185,6 +186,14 @@ int KemdRegistryOpen(KemdRegistryKey** key, const char* path, int make) try {
 
 void KemdRegistryClose(KemdRegistryKey* key) {
     if (key != nullptr) delete &Object(key);
+}
+
+int KemdRegistryImport(const char* file) try {
+    if (file == nullptr) return EINVAL;
+    const CRegistry loads;
+    return TheRegistryStore().Import(file);
+} catch (const std::exception&) {
+    return ENOMEM;
 }
 
 int KemdRegistrySave() {

@@ -35,6 +35,8 @@ class RegistryStore {
     // seen the change.
     void MarkDirty() { m_isDirty = true; }
     [[nodiscard]] bool IsDirty() const { return m_isDirty; }
+    // See KemdRegistryImport.
+    int Import(const char* path);
     // See CRegistry::SaveTree.
     bool Save();
     // The file at which the last save failed.
