@@ -22,6 +22,7 @@ inline constexpr const char* kRegistryDirectory = "/etc/orvmon";
 inline constexpr const char* kRegistryFile = "/etc/orvmon/registry";
 inline constexpr const char* kRegistryOldFile = "/etc/orvmon/registry.old";
 inline constexpr const char* kRegistryDefaultFile = "/etc/orvmon/registry.default";
+inline constexpr const char* kRegistryImportFile = "/etc/orvmon/registry.import";
 inline constexpr const char* kRegistryLockFile = "/etc/orvmon/registry.lock";
 inline constexpr const char* kTraceConfigDirectory = "/etc/norvik/OrvanaSuite/TraceConfig";
 // Unless it is configured otherwise.

@@ -15,7 +15,7 @@ std::string LoadedModule::Load(const char* path) {
     // hides dlopen from the compiler, which would otherwise leave the handler out.
     void* (*volatile const open)(const char*, int) = dlopen;
     m_library = open(path, RTLD_NOW | RTLD_LOCAL);
-    if (m_library == nullptr) return dlerror();
+    if (m_library == nullptr) return LoaderText(dlerror());
     const std::string fileName = std::strrchr(path, '/') + 1;
     m_name = ModuleName(fileName);
     return m_object.Take(dlsym(m_library, "kemdModule"), fileName);

@@ -194,6 +194,14 @@ void KemdRegistryClose(KemdRegistryKey* key) {
     if (key != nullptr) delete &Object(key);
 }
 
+int KemdRegistryImport(const char* file) try {
+    if (file == nullptr) return EINVAL;
+    const CRegistry loads;
+    return TheRegistryStore().Import(file);
+} catch (const std::exception&) {
+    return ENOMEM;
+}
+
 int KemdRegistrySave() {
     errno = 0;
     if (CRegistry::SaveTree()) return 0;

@@ -141,12 +141,9 @@ std::string ReadMember(const std::string& member, const JsonValue& value, Contro
     using Kind = ControlRequest::Kind;
     const bool hasModule = request.kind != Kind::kModules && request.kind != Kind::kRegistry;
     if (request.kind == Kind::kTraceLevel) return ReadLevelMember(member, value, request);
-    if (member == "changes" && request.kind == Kind::kRegistry) {
-        return ReadRegistryChanges(value, request.changes);
-    }
-    if (member == "save" && request.kind == Kind::kRegistry) {
-        request.isSaved = value.flag;
-        return value.kind == JsonValue::kFlag ? "" : "save is neither true nor false";
+    const bool isChange = member == "set" || member == "delete" || member == "import";
+    if (request.kind == Kind::kRegistry && isChange) {
+        return ReadRegistryChange(member, value, request.change);
     }
     std::string* const text = member == "module" && hasModule                      ? &request.module
                               : member == "text" && request.kind == Kind::kRequest ? &request.text
@@ -177,7 +174,7 @@ std::string ReadControlRequest(std::string_view line, ControlRequest& request) {
         if (!fault.empty()) return fault;
     }
     if (request.kind == ControlRequest::kRegistry) {
-        return request.changes.empty() ? "\"changes\" is missing" : "";
+        return request.change.kind == RegistryChange::kNone ? "\"set\" is missing" : "";
     }
     if (request.kind == ControlRequest::kTraceLevel) {
         return request.seconds != 0 && !request.level ? "\"level\" is missing" : "";

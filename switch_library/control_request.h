@@ -26,11 +26,10 @@ struct ControlRequest {
     };
     Kind kind = kModules;
     std::string module;
-    std::string text;                     // of kRequest
-    std::vector<RegistryChange> changes;  // of kRegistry
-    std::optional<int64_t> level;         // of kTraceLevel; nothing: it is asked for
-    int64_t seconds = 0;                  // how long it holds; 0: for good
-    bool isSaved = true;                  // the registry, after these changes
+    std::string text;              // of kRequest
+    RegistryChange change;         // of kRegistry
+    std::optional<int64_t> level;  // of kTraceLevel; nothing: it is asked for
+    int64_t seconds = 0;           // how long it holds; 0: for good
 
     // Whether the group may ask for it.
     [[nodiscard]] bool OnlyReads() const {

@@ -41,7 +41,7 @@ std::string Of(const std::string& name, const std::string& what) {
 std::string ModuleSwitch::Execute(const ControlRequest& request) {
     if (request.kind == ControlRequest::kRegistry) {  // calls no module
         std::string absent;
-        const std::string failure = ApplyRegistryChanges(request.changes, request.isSaved, absent);
+        const std::string failure = ChangeRegistry(request.change, absent);
         if (!failure.empty()) return ControlError(failure);
         return ControlResult(absent.empty() ? "{}" : "{\"absent\":" + JsonQuoted(absent) + "}");
     }

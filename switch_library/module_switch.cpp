@@ -187,7 +187,8 @@ void ModuleSwitch::LoadInside(Module module, const std::string& path) {
     const std::string name = module.name;
     module.library = OpenModule(name, path);
     if (module.library == nullptr) {
-        return LeaveOut(name, ModuleState::kNotLoaded, "cannot be loaded", dlerror());
+        const std::string text = LoaderText(dlerror());
+        return LeaveOut(name, ModuleState::kNotLoaded, "cannot be loaded", text.c_str());
     }
     std::string reason = module.object.Take(dlsym(module.library, "kemdModule"), name);
     if (reason.empty() && HasObject(module.object)) reason = "it is loaded under another name";

@@ -41,6 +41,8 @@ class RegistryStore {
     void SetReadOnly() { m_isReadOnly = true; }
     [[nodiscard]] bool IsReadOnly() const { return m_isReadOnly; }
     [[nodiscard]] bool IsDirty() const { return m_isDirty; }
+    // See KemdRegistryImport.
+    int Import(const char* path);
     // See CRegistry::SaveTree.
     bool Save();
     // The file at which the last save failed.
