@@ -19,6 +19,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/crash_handler.h"
 #include "base/isolated_protocol.h"
 #include "base/process_setup.h"
 #include "base/unique_fd.h"
@@ -242,6 +243,7 @@ void IsolatedModule::Load(Exchange& exchange) {
     const char* const user = exchange.TakeWord();
     std::string reason = *path == '/' ? Prepare(exchange, path, user) : "its path is not absolute";
     if (reason.empty()) reason = m_module.Load(path);
+    NoteLoadedObjects(path, m_tag.c_str());
     if (!reason.empty()) {
         exchange.answer.outcome = IsolatedOutcome::kRefused;
         return exchange.answerText.Add(reason);
@@ -332,7 +334,7 @@ void ServeIsolated() {
     PrepareProcess();
     FreeSignals();
     TraceToDaemon(std::move(trace), level);
-    // Here, before anything of the module: the handler whose line goes into the pipe as kCrash.
+    const CrashHandler crashes({WriteCrash, CalledModule});
     TheRegistryStore().SetReadOnly();
     IsolatedModule(calls.Release()).Serve();
 }

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "base/cancel_guard.h"
+#include "base/crash_handler.h"
 #include "base/isolated_protocol.h"
 #include "trace/debug.h"
 #include "trace/record.h"
@@ -68,4 +69,19 @@ void TraceToDaemon(UniqueFd pipe, const uint32_t* level) {
 
 void SetOwnTag(const char* tag) {
     g_ownTag = tag;
+}
+
+void WriteCrash(std::string_view line) {
+    static std::array<char, PIPE_BUF> record;
+    static_assert(sizeof(IsolatedRecord) + kMostCrashLine <= record.size());
+    IsolatedRecord head{};
+    head.kind = IsolatedRecordKind::kCrash;
+    head.size = static_cast<uint16_t>(sizeof head + std::min(line.size(), kMostCrashLine));
+    std::memcpy(record.data(), &head, sizeof head);
+    std::memcpy(record.data() + sizeof head, line.data(), head.size - sizeof head);
+    (void)!write(g_pipe, record.data(), head.size);
+}
+
+const char* CalledModule() {
+    return gettid() == getpid() ? g_ownTag.load() : nullptr;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "base/unique_fd.h"
 
@@ -11,3 +12,8 @@ void TraceToDaemon(UniqueFd pipe, const uint32_t* level);
 
 // The tag of records that have none. It must live as long as the process.
 void SetOwnTag(const char* tag);
+
+// The line of a crash, as a record of its own; for the crash handler.
+void WriteCrash(std::string_view line);
+// Of a crash in a call: the module of this process in the thread that calls it, null in others.
+const char* CalledModule();

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "base/crash_file.h"
 #include "base/paths.h"
 #include "kemd/trace.h"
 #include "switch_library/module_board.h"
@@ -236,6 +237,9 @@ void IsolatedProcess::Forward(const IsolatedRecord& record, std::string_view res
     switch (record.kind) {
         case IsolatedRecordKind::kCrash:
             m_crash = shown;
+            if (!AppendIsolatedCrash(m_crash)) {
+                KemdMessage("switch", "cannot write %s (%s)", kCrashFile, std::strerror(errno));
+            }
             return;
         case IsolatedRecordKind::kMessage:
             return KemdTraceForward(tag, 0, record.thread, shown);
@@ -262,11 +266,20 @@ bool IsolatedProcess::TakeEnd() {
         end = "its process died by signal " + std::to_string(info.si_status) + " (" +
               (name != nullptr ? name : "?") + ")";
     }
-    if (!m_crash.empty()) end += ": " + m_crash;
     (void)shutdown(m_calls.Get(), SHUT_RDWR);  // wakes the thread that waits for an answer
     const std::lock_guard lock(m_lock);
     m_end = m_killedFor.empty() ? end : m_killedFor + ", its process was killed";
     return !m_isEnding;
+}
+
+std::string IsolatedProcess::CrashText() const {
+    const std::vector<CrashRecord> crashes = ParseCrashes(m_crash);
+    if (crashes.empty()) return {};
+    const CrashRecord& crash = crashes.front();
+    std::string text = "address " + crash.address + ", thread " + std::to_string(crash.thread) +
+                       " (" + crash.threadName + "):";
+    for (const std::string& frame : crash.frames) text += " " + frame;
+    return text;
 }
 
 void IsolatedProcess::DeclareOver() {

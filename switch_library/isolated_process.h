@@ -54,6 +54,8 @@ class IsolatedProcess {
     bool TakeEnd();
     // How it ended; valid after TakeEnd.
     [[nodiscard]] std::string EndText() const;
+    // Where a crash was; empty when the crash handler did not say.
+    [[nodiscard]] std::string CrashText() const;
     // Wakes those that wait for the end.
     void DeclareOver();
 

@@ -94,6 +94,21 @@ TEST_F(IsolatedTest, AProcessThatEndsIsStartedAgain) {
     EXPECT_TRUE(End());
 }
 
+TEST_F(IsolatedTest, ACrashIsInTheTraceAndInTheFileOfCrashes) {
+    BeginIsolated();
+    (void)Ask(RequestOf("base", "crash"));
+    ASSERT_TRUE(WaitFor([] { return Shows("base", "\"state\":\"restarting\""); }));
+#ifdef __SANITIZE_ADDRESS__  // which handles the signal itself
+    EXPECT_TRUE(Contains(Trace(), "its process ended with status 1"));
+#else
+    EXPECT_TRUE(InOrder(
+        Trace(),
+        {" base          crashes\n", "process died by signal 11 (Segmentation fault)",
+         "module base.so crashed: address 0x10, thread ", " (kemd-base): ", "/base.so+0x"}));
+    EXPECT_TRUE(InOrder(ReadFile(kCrashFile), {"\"isolated\"", "\"module\":\"base\""}));
+#endif
+}
+
 TEST_F(IsolatedTest, WhatIsNotStartedAgain) {
     BeginIsolated("Restart = never\n");
     kill(Process(), SIGKILL);
