@@ -98,6 +98,9 @@ class IsolatedTest : public testing::Test {
     // Closes the socket and takes what is left in the pipe. How the process ended.
     int End() {
         m_calls.Reset();
+        return AwaitEnd();
+    }
+    int AwaitEnd() {
         ReadRecords(SIZE_MAX);
         int status = -1;
         EXPECT_EQ(m_process, waitpid(m_process, &status, 0));
@@ -271,6 +274,9 @@ TEST_F(IsolatedTest, UserHasNoRights) {
         EXPECT_EQ(isRoot ? 0U : 4711U, status.st_uid);
         EXPECT_EQ(0, End());
     }
+    // A change of user resets it.
+    std::thread([this] { Begin("agent"); }).join();
+    EXPECT_EQ(SIGKILL, AwaitEnd());
     std::filesystem::create_directories("/tmp/private");
     std::filesystem::permissions("/tmp/private", std::filesystem::perms(0700));
     std::filesystem::copy(kModule, "/tmp/private/isolated_probe.so");
