@@ -4,6 +4,8 @@
 // The process is started with three descriptors: the socket of the calls (SOCK_SEQPACKET: a message
 // is whole or not there), the pipe of the trace, and a page of memory with the trace level in
 // force. Calls come one at a time; each has one answer. When the socket ends, so does the process.
+// It is also killed when the thread ends that started it (PR_SET_PDEATHSIG), not only the daemon:
+// that thread must live as long as the daemon.
 #pragma once
 
 #include <cstddef>

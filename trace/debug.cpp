@@ -272,7 +272,6 @@ void CDebug::AbandonInChild() {
     m_abandoned = true;
     m_closed = true;
     ShareLevelWith(nullptr);  // the page is the parent's
-    m_redirection = {};
     m_updateInterval = 0;
     SwitchOff();
     m_files.Forget();

@@ -23,12 +23,9 @@ namespace {
 
 constexpr const char* kTag = "probe";
 
-struct Unloaded {
-    Unloaded() = default;
-    Unloaded(const Unloaded&) = delete;
-    Unloaded& operator=(const Unloaded&) = delete;
-    ~Unloaded() { KemdMessage(kTag, "unloaded"); }
-} unloaded;
+__attribute__((destructor)) void Unload() {
+    KemdMessage(kTag, "unloaded");
+}
 
 int Configure(void* /*user*/, const KemdConfig* config) {
     int64_t number = 0;
@@ -94,19 +91,14 @@ void TraceInAllForms() {
     Debug.table->message(&Debug, "object %d", 2);
 }
 
-[[noreturn]] void Die() {
+void Die() {
     KemdTrace(kTag, 1, "last words");
     (void)raise(SIGKILL);
-    for (;;) pause();
 }
 
 std::string Grow() {
-    std::vector<std::unique_ptr<char[]>> blocks;
-    for (int i = 0; i < 1000; ++i) {
-        blocks.emplace_back(new (std::nothrow) char[1 << 20]);
-        if (!blocks.back()) return "refused";
-    }
-    return "granted";
+    const std::unique_ptr<char[]> memory(new (std::nothrow) char[1 << 30]);
+    return memory ? "granted" : "refused";
 }
 
 int Request(void* /*user*/, const char* text, KemdReply* reply) {
