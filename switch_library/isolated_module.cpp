@@ -40,7 +40,9 @@ std::string IsolatedModule::Load(const ModuleSettings& settings) try {
     Unload();
     return text;
 } catch (const std::runtime_error& error) {
-    return error.what();
+    const std::string why = error.what();
+    if (IsAlive()) Unload();  // an initialiser threw
+    return why;
 }
 
 void IsolatedModule::TakeFacts(const IsolatedAnswer& answer, const std::string& text) {
@@ -92,8 +94,12 @@ IsolatedAnswer IsolatedModule::Invoke(const IsolatedRequest& request, std::strin
 int IsolatedModule::Configure(void* user, const KemdConfig* /*config*/) {
     auto& self = *static_cast<IsolatedModule*>(user);
     const std::string& file = self.m_settings.file;
-    auto content = ReadTextFile(file);
+    constexpr size_t kMostSettings = size_t{64} << 10;
+    auto content = ReadTextFile(file, kMostSettings + 1);
     if (!content && errno != ENOENT) throw std::runtime_error(file + ": " + std::strerror(errno));
+    if (content && content->size() > kMostSettings) {
+        throw std::runtime_error(file + ": it has more than 64 KiB");
+    }
     IsolatedRequest request{};
     request.call = IsolatedCall::kConfigure;
     return self.Invoke(request, file + '\0' + content.value_or("")).result;
