@@ -31,8 +31,8 @@ KEMD_API unsigned KemdTraceLevel(void);
  * libraries, on behalf of the administrator. */
 KEMD_API int KemdTraceSetLevel(unsigned level);
 
-/* From now on *shared is kept equal to KemdTraceLevel(), stored atomically, for a process that reads
- * it in shared memory. It must stay valid until null is passed, which ends it. For switch
+/* From now on *shared is kept equal to KemdTraceLevel(), stored atomically, for a process that
+ * reads it in shared memory. It must stay valid until null is passed, which ends it. For switch
  * libraries. */
 KEMD_API void KemdTraceShareLevel(uint32_t* shared);
 
