@@ -40,7 +40,7 @@ std::string IsolatedModule::Load(const ModuleSettings& settings) try {
     Unload();
     return text;
 } catch (const std::runtime_error& error) {
-    const std::string why = error.what();
+    std::string why = error.what();
     if (IsAlive()) Unload();  // an initialiser threw
     return why;
 }

@@ -89,22 +89,10 @@ void IsolatedModules::Wake() const {
 void IsolatedModules::Run() {
     (void)pthread_setname_np(pthread_self(), "kemd-isolated");
     m_threadId = gettid();
-    std::vector<pollfd> polled;
     while (!m_isEnding) {
         try {
             FillOrder();
-            polled.assign(1, {m_wakeup.Get(), POLLIN, 0});
-            for (const auto& process : m_processes) {
-                polled.push_back({process->Watch(), POLLIN, 0});
-                polled.push_back({process->Trace(), POLLIN, 0});
-            }
-            if (poll(polled.data(), polled.size(), PollTimeout()) < 0) continue;
-            uint64_t count = 0;
-            if (polled[0].revents != 0) (void)!read(m_wakeup.Get(), &count, sizeof count);
-            for (size_t i = 0; i < m_processes.size(); ++i) {
-                if (polled[2 * i + 2].revents != 0) m_processes[i]->ForwardTrace();
-                if (polled[2 * i + 1].revents != 0) ReportEnd(*m_processes[i]);
-            }
+            Serve();
             std::erase_if(m_processes, [](const auto& process) { return process->IsOver(); });
             ReviveDue();
         } catch (const std::bad_alloc&) {
@@ -113,6 +101,22 @@ void IsolatedModules::Run() {
     }
     m_processes.clear();
     m_threadId = 0;
+}
+
+// Waits for what happens next.
+void IsolatedModules::Serve() {
+    m_polled.assign(1, {m_wakeup.Get(), POLLIN, 0});
+    for (const auto& process : m_processes) {
+        m_polled.push_back({process->Watch(), POLLIN, 0});
+        m_polled.push_back({process->Trace(), POLLIN, 0});
+    }
+    if (poll(m_polled.data(), m_polled.size(), PollTimeout()) < 0) return;
+    uint64_t count = 0;
+    if (m_polled[0].revents != 0) (void)!read(m_wakeup.Get(), &count, sizeof count);
+    for (size_t i = 0; i < m_processes.size(); ++i) {
+        if (m_polled[2 * i + 2].revents != 0) m_processes[i]->ForwardTrace();
+        if (m_polled[2 * i + 1].revents != 0) ReportEnd(*m_processes[i]);
+    }
 }
 
 void IsolatedModules::FillOrder() {

@@ -3,6 +3,8 @@
 // once the first isolated module is loaded. See docs/control-interface.md.
 #pragma once
 
+#include <poll.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -61,6 +63,7 @@ class IsolatedModules {
     std::string Start();
     void Wake() const;
     void Run();
+    void Serve();
     void FillOrder();
     void Move(IsolatedProcess& process, short traceEvents);
     void ReportEnd(IsolatedProcess& process);
@@ -75,6 +78,7 @@ class IsolatedModules {
     std::atomic<pid_t> m_threadId{0};
     std::atomic<bool> m_isEnding{false};
     std::vector<std::shared_ptr<IsolatedProcess>> m_processes;  // the thread's
+    std::vector<pollfd> m_polled;                               // and this
 
     std::mutex m_lock;
     std::condition_variable m_done;

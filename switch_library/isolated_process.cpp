@@ -209,22 +209,26 @@ void IsolatedProcess::ForwardTrace() {
         if (count <= 0) return m_trace.Reset();  // nothing writes there any more
         taken += static_cast<size_t>(count);
         m_length += static_cast<size_t>(count);
-        size_t begin = 0;
-        IsolatedRecord record{};
-        while (m_length - begin >= sizeof record) {
-            std::memcpy(&record, m_records.data() + begin, sizeof record);
-            if (record.size < sizeof record + record.tagSize || record.size > PIPE_BUF) {
-                Kill("its trace records are not whole");
-                return m_trace.Reset();
-            }
-            if (m_length - begin < record.size) break;
-            Forward(record,
-                    {m_records.data() + begin + sizeof record, record.size - sizeof record});
-            begin += record.size;
-        }
-        m_length -= begin;
-        std::memmove(m_records.data(), m_records.data() + begin, m_length);
+        if (ForwardRecords()) continue;
+        Kill("its trace records are not whole");
+        return m_trace.Reset();
     }
+}
+
+// Those that are whole; false when one cannot be.
+bool IsolatedProcess::ForwardRecords() {
+    size_t begin = 0;
+    IsolatedRecord record{};
+    while (m_length - begin >= sizeof record) {
+        std::memcpy(&record, m_records.data() + begin, sizeof record);
+        if (record.size < sizeof record + record.tagSize || record.size > PIPE_BUF) return false;
+        if (m_length - begin < record.size) break;
+        Forward(record, {m_records.data() + begin + sizeof record, record.size - sizeof record});
+        begin += record.size;
+    }
+    m_length -= begin;
+    std::memmove(m_records.data(), m_records.data() + begin, m_length);
+    return true;
 }
 
 void IsolatedProcess::Forward(const IsolatedRecord& record, std::string_view rest) {

@@ -62,6 +62,7 @@ class IsolatedProcess {
   private:
     explicit IsolatedProcess(std::string module) : m_module(std::move(module)) {}
     int Start(int level, int calls, int trace);
+    bool ForwardRecords();
     void Forward(const IsolatedRecord& record, std::string_view rest);
     // `why` is part of how it ended; empty: nothing new.
     void Kill(std::string_view why);
