@@ -161,7 +161,7 @@ bool ForgetCrashes(const char* name, bool& hasCrashed) {
     const auto crashes = ReadCrashes();
     hasCrashed = crashes && IsHeldBack(*crashes, name, false);
     if (crashes && (!hasCrashed || AppendEnabled(name))) return true;
-    (void)FileError(crashes ? "write" : "read", kCrashFile);
+    Complain("%s", CrashFileFault(errno).c_str());
     return false;
 }
 

@@ -10,10 +10,8 @@
 #include <string>
 #include <string_view>
 
-#include "base/paths.h"
 #include "base/text.h"
 #include "kemdctl/trace/collect_archive.h"
-#include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/text.h"
 #include "trace_reader/record.h"
 
@@ -126,7 +124,7 @@ void Show(ReportWriter& report, const CrashRecord& crash, bool isListed) {
 
 std::vector<CrashRecord> CrashesOf(const LastRun& run, const std::vector<int>& writers) {
     const auto all = ReadCrashes();
-    if (!all) Complain("note: cannot read %s: %s", kCrashFile, ErrorText(errno).c_str());
+    if (!all) Complain("note: %s", CrashFileFault(errno).c_str());
     std::vector<CrashRecord> found;
     if (!all) return found;
     for (const CrashRecord& crash : *all) {
