@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <iterator>
 
@@ -214,6 +215,12 @@ std::optional<std::vector<CrashRecord>> ReadCrashes() {
     if (!file.IsOpen() && errno == ENOENT) return std::vector<CrashRecord>();
     const auto text = file.IsOpen() ? ReadAll(file) : std::nullopt;
     return text ? std::optional(ParseCrashes(*text)) : std::nullopt;
+}
+
+std::string CrashFileFault(int error) {
+    const std::string shown = std::string(kCrashFile) + ": ";
+    if (error != EPERM && error != ELOOP) return shown + std::strerror(error);
+    return shown + "not used, because it is a link, or others than root may write it; remove it";
 }
 
 UniqueFd OpenCrashFile() {

@@ -35,6 +35,9 @@ struct CrashRecord {
 // what runs: neither a link nor a file of others, or that others may write, is read.
 [[nodiscard]] std::optional<std::vector<CrashRecord>> ReadCrashes();
 
+// Why one of these calls failed, from errno, for messages.
+[[nodiscard]] std::string CrashFileFault(int error);
+
 // To append lines: makes the file and, first of all, drops lines beyond the newest 100 but those
 // that IsHeldBack needs. For the daemon, at its start. Not open, with errno, on failure.
 [[nodiscard]] UniqueFd OpenCrashFile();

@@ -4,11 +4,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <string_view>
 
 #include "base/crash_file.h"
-#include "base/paths.h"
 #include "kemd/trace.h"
 #include "switch_library/module_call.h"
 
@@ -43,8 +41,8 @@ void CrashReports::Begin() {
     if (m_handler) return;
     g_file = OpenCrashFile();
     if (!g_file.IsOpen() || fstat(g_file.Get(), &g_status) != 0) {
-        const char* const reason = std::strerror(errno);
-        return KemdMessage(kTag, "crashes will not be noted in %s (%s)", kCrashFile, reason);
+        const std::string fault = CrashFileFault(errno);
+        return KemdMessage(kTag, "crashes will not be noted: %s", fault.c_str());
     }
     m_handler.emplace(CrashTarget{Write, RunningModule});
 }
@@ -54,7 +52,9 @@ std::string CrashReports::WhyHeldBack(const std::string& name, const ModuleSetti
     if (settings.isIsolated) return {};
     const auto crashes = ReadCrashes();
     if (!crashes) {
-        KemdMessage(kTag, "cannot read %s (%s)", kCrashFile, std::strerror(errno));
+        const std::string fault = CrashFileFault(errno);
+        KemdMessage(kTag, "whether module %s crashed before is not known: %s", name.c_str(),
+                    fault.c_str());
         return {};
     }
     if (!IsHeldBack(*crashes, name, settings.isRestarted)) return {};

@@ -5,8 +5,10 @@
 #include <memory>
 #include <vector>
 
+#include "base/crash_file.h"
 #include "base/elf_exports.h"
 #include "base/library_search.h"
+#include "base/paths.h"
 #include "kemdctl/check/look_ups.h"
 #include "kemdctl/check/path_findings.h"
 #include "kemdctl/ui/text.h"
@@ -110,8 +112,17 @@ void CheckModules(Findings& findings, const DaemonFacts& daemon) {
     }
     CheckDirectory(findings, directory);
     if (names->empty()) findings.Ok(shown + " holds no module", InstallModuleAdvice(directory));
+    const auto crashes = ReadCrashes();
+    if (!crashes) findings.CannotLook(kCrashFile, errno);
     for (const std::string& name : *names) {
         std::string path = directory;
         CheckModule(findings, path.append("/").append(name));
+        const std::string module = name.substr(0, name.size() - 3);
+        if (!crashes || !IsHeldBack(*crashes, module, true)) continue;
+        findings.Warning(Printable(path) +
+                             " crashed three times within ten minutes: kemd does not load it into "
+                             "its own process any more",
+                         "kemdctl trace --last-run; to bring it back: kemdctl modules enable " +
+                             ShellQuoted(module));
     }
 }

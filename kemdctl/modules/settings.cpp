@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/crash_file.h"
 #include "base/file_io.h"
 #include "base/file_safety.h"
 #include "base/paths.h"
@@ -155,6 +156,15 @@ std::optional<std::string> ReadSettings(const char* name, const std::string& fil
     return std::nullopt;
 }
 
+// So that they no longer hold it back; false after a complaint. `hasCrashed`: there were some.
+bool ForgetCrashes(const char* name, bool& hasCrashed) {
+    const auto crashes = ReadCrashes();
+    hasCrashed = crashes && IsHeldBack(*crashes, name, false);
+    if (crashes && (!hasCrashed || AppendEnabled(name))) return true;
+    Complain("%s", CrashFileFault(errno).c_str());
+    return false;
+}
+
 }  // namespace
 
 int EnableModule(const char* name, bool isEnabled, ReportWriter& report) {
@@ -172,10 +182,14 @@ int EnableModule(const char* name, bool isEnabled, ReportWriter& report) {
     if (!ExistsSomewhere(name))
         Complain("note: no module %s is installed", Printable(name).c_str());
     if (WriteEnabled(file, *text, isEnabled) != kYes) return kError;
+    bool hasCrashed = false;
+    if (isEnabled && !ForgetCrashes(name, hasCrashed)) return kError;
     report.Object({}, [&] {
         report.Text("module", name);
         report.Flag("enabled", isEnabled);
         report.Text("file", file);
+        if (isEnabled) report.Flag("hasCrashed", hasCrashed);
+        if (hasCrashed) report.Line("its crashes until now no longer count");
         report.Line([&] {
             const std::string command = " now: kemdctl modules ";
             const std::string shown = ShellQuoted(name);

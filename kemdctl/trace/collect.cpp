@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/file_io.h"
+#include "base/paths.h"
 #include "base/version.h"
 #include "kemdctl/trace/collect_archive.h"
 #include "kemdctl/trace/collect_mask.h"
@@ -146,6 +147,7 @@ void Collection::AddTexts() {
     add("status.txt", RunProgram({kSelf, "status"}));
     add("check.txt", RunProgram({kSelf, "check"}));
     add("unit.txt", RunProgram({"systemctl", "--no-pager", "show", "kemd"}));
+    add("kemd.crashes", ReadTextFile(kCrashFile, size_t{2} << 20).value_or(""));
     add("os-release", ReadTextFile("/etc/os-release").value_or(""));
 }
 

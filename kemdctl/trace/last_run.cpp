@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "kemdctl/facts/process_facts.h"
+#include "kemdctl/trace/crashes.h"
 #include "kemdctl/trace/last_run_facts.h"
 #include "kemdctl/trace/options.h"
 #include "kemdctl/trace/reports.h"
@@ -53,7 +54,8 @@ struct Story {
     LastRun run;
     End end = End::kUnknown;
     std::vector<std::string> paths;  // by TraceRecord::source
-    bool isWhole = true;             // everything could be read
+    std::vector<CrashRecord> crashes;
+    bool isWhole = true;  // everything could be read
 };
 
 // As `-o json` shows it.
@@ -101,6 +103,7 @@ void Show(ReportWriter& report, const Story& story, bool isListed) {
         report.Close();
     });
     if (!modules.empty()) line("modules", modules);
+    ShowCrashes(report, story.crashes, isListed);
     if (!isListed) report.Line("last records:");
     report.List("lastRecords", run.lastRecords, [&](const KeptRecord& kept) {
         const TraceRecord record = kept.Get();
@@ -117,14 +120,20 @@ std::optional<Story> ReadRun(const std::vector<std::string>& paths) {
     constexpr uint64_t kMost = 100'000;
     merge.Select(INT64_MIN, INT64_MAX, kMost);
     Story story;
+    std::vector<int> writers;
     for (TraceRecord record; merge.Next(record);) story.run.Take(record);
     for (const auto& source : merge.Sources()) {
         story.paths.push_back(source->Path());
         story.isWhole = story.isWhole && source->IsGood();
+        if (source->Facts().writer != 0) writers.push_back(source->Facts().writer);
         if (source->Problem().empty()) continue;
         Complain("%s: %s", Printable(source->Path()).c_str(), source->Problem().c_str());
     }
     if (story.run.records == 0) return std::nullopt;
+    story.crashes = CrashesOf(story.run, writers);
+    if (!story.crashes.empty() && !story.crashes.back().isIsolated) {
+        story.run.fatal = DescribeCrash(story.crashes.back());
+    }
     story.end = story.run.HowEnded(SeeWriters(merge));
     return story;
 }

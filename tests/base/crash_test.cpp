@@ -111,6 +111,14 @@ TEST(CrashHandler, OneLineAndTheStatusOfACrashWithoutIt) {
         {"thread", [] { InThread(Store); }, {R"("threadName":"a \u0022\u00c3")", "crash_test+0x"}},
         {"two", InTwoThreads, {"SIGSEGV", "crash_test+0x"}},
         {"overflow", [] { (void)Overflow(0); }, {"SIGSEGV", "crash_test+0x", "crash_test+0x"}},
+        {"overflow in a thread",
+         [] {
+             InThread([] {
+                 const AlternateStack own;
+                 (void)Overflow(0);
+             });
+         },
+         {"SIGSEGV", "crash_test+0x"}},
         {"stack lost", LoseStack, {"SIGSEGV", "crash_test+0x", "\"]}"}},
     };
     for (const auto& [name, crash, line] : cases) {
@@ -217,6 +225,8 @@ TEST(CrashFile, IsBoundedAndKeepsWhatHoldsAModuleBack) {
     std::filesystem::rename(kCrashFile, "/tmp/other");
     std::filesystem::create_symlink("/tmp/other", kCrashFile);
     EXPECT_FALSE(ReadCrashes() || OpenCrashFile().IsOpen() || AppendEnabled("a"));
+    EXPECT_TRUE(CrashFileFault(errno).ends_with(
+        "kemd.crashes: not used, because it is a link, or others than root may write it; remove it"));
     std::filesystem::remove(kCrashFile);
     std::filesystem::copy("/tmp/other", kCrashFile);
     chmod(kCrashFile, 0666);

@@ -210,3 +210,22 @@ TEST_F(ModulesTest, AreEnabledDisabledAndConfigured) {
     EXPECT_TRUE(Contains(Ctl("modules enable ../x").err, "../x is no name of a module"));
     EXPECT_TRUE(Contains(Ctl("modules enable nobody").err, "no module nobody is installed"));
 }
+
+TEST_F(ModulesTest, CrashedModuleIsHeldBackUntilItIsEnabled) {
+    const std::string crash =
+        R"({"time":"2026-11-22T16:00:00.000Z","process":9,"signal":11,"module":"base","frames":[]})"
+        "\n";
+    WriteFile("/var/log/orvmon/kemd.crashes", crash + crash + crash);
+    const pid_t pid = Run();
+    EXPECT_TRUE(InOrder(Ctl("modules").out,
+                        {"base  -        disabled  20", "it crashed three times within ten minutes",
+                         "kemdctl modules enable base\n"}));
+    EXPECT_TRUE(Contains(Ctl("modules start base").err,
+                         "base is not loaded: it crashed three times within ten minutes"));
+    EXPECT_TRUE(Contains(Ctl("check").out, "/base.so crashed three times within ten minutes: "));
+    EXPECT_TRUE(InOrder(Ctl("modules enable base").out,
+                        {"its crashes until now no longer count\n", "modules start base\n"}));
+    EXPECT_EQ(Ctl("modules start base").out, "base started\nuser started\n");
+    EXPECT_EQ(Stop(pid), 0);
+    EXPECT_FALSE(Contains(Ctl("modules enable base").out, "no longer count"));
+}

@@ -92,6 +92,42 @@ TEST_F(ReportTest, LastRunThatHungInACallOrDiedAtStart) {
     EXPECT_TRUE(ShowsJson("--last-run", 1, {"died at start", "SWITCH could not be loaded!"}));
 }
 
+TEST_F(ReportTest, LastRunThatCrashed) {
+    UseSwitch("reference");
+    m_environment["OV_MODULE_DIR"] = "/build/modules";
+    const pid_t pid = Run();
+    EXPECT_EQ(Stop(pid, SIGABRT), 1000 + SIGABRT);  // by this process
+    const std::string out = Ctl("trace --last-run").out;
+    EXPECT_TRUE(InOrder(out, {"died: signal 6 (SIGABRT)\n", "crash:         20",
+                              ", signal 6 (SIGABRT), sent by process 1, thread ", " (kemd)\n  /",
+                              "libc.so.6+0x", "  /build/bin/kemd+0x"}));
+    // A line of this run, one of an isolated module, one of another process.
+    const std::string file = "/var/log/orvmon/kemd.crashes", line = ReadFile(file);
+    const std::string time = line.substr(0, line.find(',') + 1);
+    const auto made = [&time](const std::string& process, const std::string& module) {
+        return time + process + R"(,"signal":11,"name":"SIGSEGV","address":"0x10","thread":7,)" +
+               R"("threadName":"w\u001bx","module":")" + module +
+               R"(","frames":["/lib/a b.so+0x1f","/lib/a b.so+0x20","0x5"]})" + "\n";
+    };
+    WriteFile(file, made("\"process\":1", "alien") +
+                        made("\"isolated\":true,\"process\":2", "own") +
+                        made("\"process\":" + std::to_string(pid), "fan"));
+    WriteFile("/usr/bin/addr2line",
+              "#!/bin/sh\n[ \"$2$3$4$5\" = '/lib/a b.so0x1f0x1f' ] || exit 1\n"
+              "echo 'Spin(int)'; echo /src/fan.c:12; echo main; echo '??:0'\n");
+    ASSERT_EQ(chmod("/usr/bin/addr2line", 0755), 0);
+    EXPECT_TRUE(Shows("trace --last-run", 1,
+                      {"died: signal 11 (SIGSEGV), module fan\n",
+                       "module fan, address 0x10, thread 7 (w\\x1bx)\n"
+                       "  Spin(int) at /src/fan.c:12 (/lib/a b.so+0x1f)\n  main (/lib/a "
+                       "b.so+0x20)\n  0x5\n"}));
+    EXPECT_FALSE(Contains(ReadFile("/tmp/out"), "alien"));
+    EXPECT_TRUE(ShowsJson("--last-run", 1,
+                          {"\"module\":\"fan\",\"frames\":[{\"address\":\"/lib/a b.so+0x1f\","
+                           "\"function\":\"Spin(int)\",\"line\":\"/src/fan.c:12\"}"}));
+    fs::remove("/usr/bin/addr2line");
+}
+
 TEST_F(ReportTest, VerifySeparatesSoundFromDamaged) {
     EXPECT_EQ(Stop(Run()), 0);
     EXPECT_EQ(Ctl("trace --verify").code, 0);
@@ -217,6 +253,7 @@ ExecStart={ argv[]=/kemd --password s3 -n -key --pass "s3 s" --b-key=s3 -token ;
 After=it'
 )");
     chmod("/usr/bin/systemctl", 0755);
+    WriteFile("/var/log/orvmon/kemd.crashes", "a crash\n");
     EXPECT_TRUE(InOrder(OnTerminal("/build/bin/kemdctl trace --collect /tmp/c.tar.gz"),
                         {"/tmp/c.tar.gz: ", " of ", "wrote /tmp/c.tar.gz, "}));
     EXPECT_EQ(fs::status("/tmp/c.tar.gz").permissions(), fs::perms(0600));
@@ -225,6 +262,7 @@ After=it'
         EXPECT_TRUE(Holds(text, {}, {secret, token, "s3", "a b'", "part "})) << name;
     }
     EXPECT_TRUE(Contains(members["log.kemd_a"], "OV_SYSTEM=user ***************"));
+    EXPECT_EQ(members["kemd.crashes"], "a crash\n");
     EXPECT_TRUE(InOrder(members["log.kemd_a.header.txt"], {"***************", "Trace Level"}));
     EXPECT_EQ(members["unit.txt"], R"(Environment=A=b "SSL_KEY=***" "A_PASSWORD=*******" C=d
   TOKEN=*
