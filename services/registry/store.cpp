@@ -135,6 +135,7 @@ int RegistryStore::Write() {
 int RegistryStore::Import(const char* path) {
     const CancelGuard guard;
     const RecursiveLock lock(m_setupLock);
+    if (m_isReadOnly) return EROFS;
     if (m_loadError != 0) return m_loadError;
     ParsedRegistry parsed = LoadRegistryFile(path);
     if (parsed.error != 0) return parsed.error;
