@@ -1,6 +1,7 @@
 // Reads any bytes as a request on the control socket: it is refused with an answer that is JSON on
 // one line, or it is whole, and its texts come back as they are.
 #include "base/json.h"
+#include "kemd/registry.h"
 #include "switch_library/control_request.h"
 #include "tests/fuzz/fuzz.h"
 
@@ -20,7 +21,14 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                              request.kind != ControlRequest::kRegistry &&
                              request.kind != ControlRequest::kTraceLevel;
     Require(request.module.empty() != isForModule, "no module");
-    for (const std::string& text : {request.module, request.text}) {
+    const RegistryChange& change = request.change;
+    Require((change.kind == RegistryChange::kNone) == (request.kind != ControlRequest::kRegistry) &&
+                change.key.empty() == (change.kind == RegistryChange::kNone ||
+                                       change.kind == RegistryChange::kImport),
+            "no change, or no key");
+    Require(change.type != kRegistryNumber || change.data.size() == sizeof(int32_t), "no number");
+    Require(!request.level || (*request.level >= 0 && *request.level <= 6), "no trace level");
+    for (const std::string& text : {request.module, request.text, change.file}) {
         Require(text.find('\0') == text.npos, "a NUL");
         const auto value = ParseJson(JsonQuoted(text), fault);
         Require(value && value->text == text, "another text");
