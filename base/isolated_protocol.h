@@ -4,6 +4,8 @@
 // The process is started with three descriptors: the socket of the calls (SOCK_SEQPACKET: a message
 // is whole or not there), the pipe of the trace, and a page of memory with the trace level in
 // force. Calls come one at a time; each has one answer. When the socket ends, so does the process.
+// It is also killed when the thread ends that started it (PR_SET_PDEATHSIG), not only the daemon:
+// that thread must live as long as the daemon.
 #pragma once
 
 #include <cstddef>
@@ -26,11 +28,11 @@ enum class IsolatedCall : uint32_t {
 
 // The text follows, without a NUL at its end.
 struct IsolatedRequest {
-    IsolatedCall call;
-    uint32_t code;          // of kNotify
-    int32_t runLevel;       // of kNotify with KEMD_NOTIFY_SHUTDOWN
-    uint32_t isDaemonStop;  // of kStop: the exit event is set before the call
-    uint64_t memoryLimit;   // of kLoad, in bytes; 0: none
+    IsolatedCall call{};
+    uint32_t code = 0;          // of kNotify
+    int32_t runLevel = 0;       // of kNotify with KEMD_NOTIFY_SHUTDOWN
+    uint32_t isDaemonStop = 0;  // of kStop: the exit event is set before the call
+    uint64_t memoryLimit = 0;   // of kLoad, in bytes; 0: none
 };
 
 enum class IsolatedOutcome : uint32_t {
@@ -42,9 +44,9 @@ enum class IsolatedOutcome : uint32_t {
 // The text: of kLoad a sequence of texts that each end with a NUL, version, description and the
 // names of startAfter; of kHealth why; of kRequest the reply.
 struct IsolatedAnswer {
-    IsolatedOutcome outcome;
-    int32_t result;  // of the module's call
-    uint32_t has;    // of kLoad: kIsolatedHas*
+    IsolatedOutcome outcome{};
+    int32_t result = 0;  // of the module's call
+    uint32_t has = 0;    // of kLoad: kIsolatedHas*
 };
 
 inline constexpr uint32_t kIsolatedHasConfigure = 1;
@@ -54,6 +56,8 @@ inline constexpr uint32_t kIsolatedHasRequest = 8;
 
 // The longest message either way: the longest request or reply and its head.
 inline constexpr size_t kIsolatedMostText = size_t{96} << 10;
+// A module that writes a longer reply is refused the rest.
+inline constexpr size_t kIsolatedMostReply = size_t{64} << 10;
 
 enum class IsolatedRecordKind : uint8_t {
     kTrace,    // level as the module gave it

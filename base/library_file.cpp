@@ -73,3 +73,13 @@ LibraryFault LookAtLibrary(const char* path) {
     if (!isLoaded || !isDynamic) return {"its program headers name nothing to load"};
     return {};
 }
+
+std::string LoaderText(const char* text) {
+    std::string all = text;
+    if (all.find("undefined symbol: ") != std::string::npos) {
+        all += "; neither kemd " + std::to_string(KEMD_INTERFACE_VERSION / 10000) + "." +
+               std::to_string(KEMD_INTERFACE_VERSION / 100 % 100) +
+               " nor a library of the module has it: update kemd, or link that library";
+    }
+    return all;
+}

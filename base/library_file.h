@@ -53,3 +53,6 @@ struct LibraryFault {
 // what they load and the dynamic section. Sections are not looked at, as the loader does not need
 // them. Never waits.
 LibraryFault LookAtLibrary(const char* path);
+
+// The dynamic loader's text about a module that it did not load, with what to do about it.
+std::string LoaderText(const char* text);

@@ -12,6 +12,8 @@ inline constexpr const char* kModuleSettingsDirectory = "/etc/kemd/modules.d";
 inline constexpr const char* kSettingsFile = "/etc/kemd/kemd.ini";
 inline constexpr const char* kControlDirectory = "/run/kemd";
 inline constexpr const char* kControlSocket = "/run/kemd/control";
+// Runs a module in a process of its own.
+inline constexpr const char* kModuleHost = "/usr/bin/kemd-module-host";
 // The variables that the service starts the daemon with.
 inline constexpr const char* kDefaultFile = "/etc/default/kemd";
 // Written by the stop scripts.
@@ -20,6 +22,7 @@ inline constexpr const char* kRegistryDirectory = "/etc/orvmon";
 inline constexpr const char* kRegistryFile = "/etc/orvmon/registry";
 inline constexpr const char* kRegistryOldFile = "/etc/orvmon/registry.old";
 inline constexpr const char* kRegistryDefaultFile = "/etc/orvmon/registry.default";
+inline constexpr const char* kRegistryImportFile = "/etc/orvmon/registry.import";
 inline constexpr const char* kRegistryLockFile = "/etc/orvmon/registry.lock";
 inline constexpr const char* kTraceConfigDirectory = "/etc/norvik/OrvanaSuite/TraceConfig";
 // Unless it is configured otherwise.

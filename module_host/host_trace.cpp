@@ -2,16 +2,16 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 #include "base/cancel_guard.h"
-#include "trace/module_trace.h"
+#include "trace/debug.h"
 
-static void Write(const char* tag, const char* format, va_list args) {
+static void Write(const char* tag, unsigned /*level*/, const char* format, va_list args) {
     const CancelGuard guard;
     std::array<char, 1200> line{};
     std::snprintf(line.data(), line.size(), "%-13s ", tag != nullptr ? tag : "kemd");
@@ -24,5 +24,7 @@ static void Write(const char* tag, const char* format, va_list args) {
 }
 
 void TraceToStandardError(unsigned level) {
-    RedirectModuleTrace(Write, level);
+    static std::atomic<uint32_t> inForce;
+    inForce = level;
+    Debug.Redirect({Write, &inForce});
 }

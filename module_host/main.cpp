@@ -15,6 +15,7 @@
 #include "base/paths.h"
 #include "base/process_setup.h"
 #include "module_host/host_trace.h"
+#include "module_host/isolated.h"
 #include "module_host/walk.h"
 
 namespace {
@@ -127,6 +128,9 @@ int Walk(const char* module, WalkOptions& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // For kemd alone, and so not in the help.
+    // What may follow names the module, for those who list processes.
+    if (argc >= 2 && std::strcmp(argv[1], "--isolated") == 0) ServeIsolated();
     OpenStandardDescriptors();
     IgnoreFileSizeLimit();
     Arguments arguments;

@@ -1,7 +1,5 @@
 #include "module_host/module_calls.h"
 
-#include <cxxabi.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -11,25 +9,16 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <exception>
-#include <memory>
 #include <string>
 #include <thread>
 
-#include "base/library_file.h"
-#include "base/module_object.h"
 #include "base/process_setup.h"
 #include "kemd/config.h"
 #include "kemd/exit_event.h"
 #include "kemd/module_switch.h"
+#include "module_host/loaded_module.h"
 
 namespace {
-
-struct Module {
-    void* library = nullptr;
-    std::string fileName;
-    ModuleObject object;
-};
 
 // Takes the answer to a request into the board's text.
 struct BoardReply : KemdReply {
@@ -53,33 +42,20 @@ void SetText(CallBoard& board, Outcome outcome, const char* text) {
     std::snprintf(board.text.data(), board.text.size(), "%s", text);
 }
 
-void Load(CallBoard& board, Module& module, const char* path) {
-    const LibraryFault fault = LookAtLibrary(path);
-    if (!fault.text.empty()) return SetText(board, Outcome::kNoModule, fault.text.c_str());
-    // dlopen is declared not to throw, but an initialiser of the module may. The volatile pointer
-    // hides dlopen from the compiler, which would otherwise leave the handler out.
-    void* (*volatile const open)(const char*, int) = dlopen;
-    module.library = open(path, RTLD_NOW | RTLD_LOCAL);
-    if (module.library == nullptr) return SetText(board, Outcome::kNoModule, dlerror());
-    module.fileName = std::strrchr(path, '/') + 1;  // the path is absolute
-    const std::string reason =
-        module.object.Take(dlsym(module.library, "kemdModule"), module.fileName);
+void Load(CallBoard& board, LoadedModule& module, const char* path) {
+    const std::string reason = module.Load(path);
     if (!reason.empty()) return SetText(board, Outcome::kNoModule, reason.c_str());
-    board.hasConfigure = module.object.HasConfigure();
-    board.hasHealth = module.object.HasHealth();
-    board.hasRequest = module.object.HasRequest();
-    board.hasNotify = module.object.HasNotify();
+    board.hasConfigure = module.Object().HasConfigure();
+    board.hasHealth = module.Object().HasHealth();
+    board.hasRequest = module.Object().HasRequest();
+    board.hasNotify = module.Object().HasNotify();
 }
 
-int Configure(const CallBoard& board, const Module& module) {
-    const std::string name = ModuleName(module.fileName);
-    const std::unique_ptr<KemdConfig, void (*)(KemdConfig*)> config(
-        KemdConfigOpen(board.input.data(), "Settings", name.c_str()), KemdConfigClose);
-    if (config == nullptr) throw std::bad_alloc();
-    return module.object.Configure(config.get());
+int Configure(const CallBoard& board, const LoadedModule& module) {
+    return module.Configure(KemdConfigOpen(board.input.data(), "Settings", module.Name().c_str()));
 }
 
-void Make(CallBoard& board, Module& module, const char* path) {
+void Make(CallBoard& board, LoadedModule& module, const char* path) {
     switch (board.call) {
         case Call::kLoad:
             return Load(board, module, path);
@@ -87,43 +63,40 @@ void Make(CallBoard& board, Module& module, const char* path) {
             board.result = Configure(board, module);
             return;
         case Call::kStart:
-            board.result = module.object.Start();
+            board.result = module.Object().Start();
             return;
         case Call::kHealth:
-            board.result = module.object.Health(board.text.data(), board.text.size());
+            board.result = module.Object().Health(board.text.data(), board.text.size());
             return;
         case Call::kRequest: {
             BoardReply reply(board);
-            board.result = module.object.Request(board.input.data(), reply);
+            board.result = module.Object().Request(board.input.data(), reply);
             return;
         }
         case Call::kNotifyStop:
-            return module.object.Notify(kNotifyStop, nullptr);
+            return module.Object().Notify(kNotifyStop, nullptr);
         case Call::kNotifyShutdown:
-            return module.object.Notify(kNotifyShutdown, &board.runLevel);
+            return module.Object().Notify(kNotifyShutdown, &board.runLevel);
         case Call::kStop:
             (void)SetEvent(ExitEvent());  // as the daemon has done by then
-            return module.object.Stop();
+            return module.Object().Stop();
         case Call::kUnload:
-            (void)dlclose(module.library);
+            module.Unload();
             return;
         case Call::kNone:
             return;
     }
 }
 
-void MakeGuarded(CallBoard& board, Module& module, const char* path) {
+void MakeGuarded(CallBoard& board, LoadedModule& module, const char* path) {
     const auto begin = std::chrono::steady_clock::now();
     board.outcome = Outcome::kReturned;
-    try {
+    Thrown thrown{};
+    const bool returned = CallGuarded(thrown, [&] {
         Make(board, module, path);
         pthread_testcancel();  // a pending request is obeyed here, where it is noticed
-    } catch (const std::exception& error) {
-        SetText(board, Outcome::kThrew, error.what());
-    } catch (...) {
-        if (abi::__cxa_current_exception_type() == nullptr) throw;  // the thread is ending
-        SetText(board, Outcome::kThrew, "an exception that is no std::exception");
-    }
+    });
+    if (!returned) SetText(board, Outcome::kThrew, thrown.data());
     board.nanoseconds = (std::chrono::steady_clock::now() - begin).count();
 }
 
@@ -156,7 +129,7 @@ void ServeCalls(CallBoard& board, const char* path) {
     // loaded.
     std::thread([] {}).join();
     const LastWord lastWord(board);
-    Module module;
+    LoadedModule module;
     for (;;) {
         sem_post(&board.done);
         WaitForTurn(board);

@@ -15,6 +15,7 @@
 #include "kemd/registry.h"
 #include "kemd/semaphore.h"
 #include "kemd/services.h"
+#include "services/registry/store.h"
 
 namespace {
 
@@ -78,10 +79,16 @@ int StoreName(char* out, size_t* size, const Get& get) try {
     return ENOMEM;
 }
 
+// What keeps a sound change from being made.
+int ChangeError(int otherwise) {
+    return TheRegistryStore().IsReadOnly() ? EROFS : otherwise;
+}
+
 int WriteValue(KemdRegistryKey* key, const char* name, const void* data, size_t size,
                RegistryType type) {
     if (key == nullptr || name == nullptr || size > UINT32_MAX) return EINVAL;
-    return ErrorUnless(Object(key).SetValue(name, data, static_cast<uint32_t>(size), type));
+    const bool isDone = Object(key).SetValue(name, data, static_cast<uint32_t>(size), type);
+    return isDone ? 0 : ChangeError(EINVAL);
 }
 
 }  // namespace
@@ -175,7 +182,7 @@ int KemdRegistryOpen(KemdRegistryKey** key, const char* path, int make) try {
         const std::string root(path, rest);
         const bool isMade = cursor->Open(root.c_str()) == 0 && *rest != '\0' &&
                             cursor->CreateKey(nullptr, rest + 1) == 0;
-        if (!isMade) return EINVAL;
+        if (!isMade) return ChangeError(EINVAL);
     }
     *key = reinterpret_cast<KemdRegistryKey*>(cursor.release());
     return 0;
@@ -185,6 +192,14 @@ int KemdRegistryOpen(KemdRegistryKey** key, const char* path, int make) try {
 
 void KemdRegistryClose(KemdRegistryKey* key) {
     if (key != nullptr) delete &Object(key);
+}
+
+int KemdRegistryImport(const char* file) try {
+    if (file == nullptr) return EINVAL;
+    const CRegistry loads;
+    return TheRegistryStore().Import(file);
+} catch (const std::exception&) {
+    return ENOMEM;
 }
 
 int KemdRegistrySave() {
@@ -226,7 +241,7 @@ int KemdRegistryWriteNumber(KemdRegistryKey* key, const char* name, int32_t numb
 
 int KemdRegistryDelete(KemdRegistryKey* key, const char* name) {
     if (key == nullptr || name == nullptr) return EINVAL;
-    return RegistryError(Object(key).DeleteValue(name));
+    return ChangeError(RegistryError(Object(key).DeleteValue(name)));
 }
 
 int KemdRegistrySubkeyName(KemdRegistryKey* key, uint32_t index, char* out, size_t* size) {

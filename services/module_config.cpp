@@ -1,4 +1,6 @@
 // kemd/config.h: typed reads of one section of a profile file.
+#include "services/module_config.h"
+
 #include <strings.h>
 
 #include <algorithm>
@@ -15,11 +17,13 @@
 #include "kemd/config.h"
 #include "kemd/profile.h"
 #include "kemd/trace.h"
+#include "services/profile_text.h"
 
 struct KemdConfig {
     const char* file;
     const char* section;
     const char* module;
+    const std::string_view* text;  // what the file holds; null: it is read
 };
 
 namespace {
@@ -28,9 +32,12 @@ namespace {
 class Value {
   public:
     Value(const KemdConfig* config, const char* key) : m_config(*config), m_key(key) {
+        const auto size = static_cast<uint32_t>(m_buffer.size());
         const uint32_t length =
-            GetPrivateProfileString(config->section, key, nullptr, m_buffer.data(),
-                                    static_cast<uint32_t>(m_buffer.size()), config->file);
+            config->text != nullptr
+                ? ReadProfileText(*config->text, config->section, key, m_buffer.data(), size)
+                : GetPrivateProfileString(config->section, key, nullptr, m_buffer.data(), size,
+                                          config->file);
         m_text = Trim({m_buffer.data(), length});
         m_isCut = length + 1 == m_buffer.size();
     }
@@ -203,7 +210,12 @@ int KemdConfigText(const KemdConfig* config, const char* key, const char* fallba
 }
 
 KemdConfig* KemdConfigOpen(const char* file, const char* section, const char* module) {
-    return new (std::nothrow) KemdConfig{file, section, module};
+    return new (std::nothrow) KemdConfig{file, section, module, nullptr};
+}
+
+KemdConfig* OpenConfigText(const char* file, const char* section, const char* module,
+                           const std::string_view& text) {
+    return new (std::nothrow) KemdConfig{file, section, module, &text};
 }
 
 void KemdConfigClose(KemdConfig* config) {

@@ -16,6 +16,7 @@
 #include "base/line_reader.h"
 #include "base/never_destroyed.h"
 #include "base/text.h"
+#include "services/profile_text.h"
 #include "trace/debug.h"
 
 namespace {
@@ -147,6 +148,18 @@ uint32_t GetPrivateProfileString(const char* section, const char* key, const cha
     const uint32_t length = scan.Finish();
     if (length != 0 || scan.IsList() || defaultText == nullptr) return length;
     return CopyDefault(defaultText, out, size);
+}
+
+uint32_t ReadProfileText(std::string_view text, const char* section, const char* key, char* out,
+                         uint32_t size) {
+    out[0] = '\0';
+    ProfileScan scan(section, key, out, size);
+    while (!text.empty()) {
+        const size_t line = std::min({text.find('\n'), text.size() - 1, LineReader::kMaxLine - 1});
+        if (!scan.Take(text.substr(0, line + 1))) break;
+        text.remove_prefix(line + 1);
+    }
+    return scan.Finish();
 }
 
 uint32_t GetPrivateProfileStringChecked(const char* section, const char* key,

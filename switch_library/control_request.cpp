@@ -1,5 +1,6 @@
 #include "switch_library/control_request.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -83,6 +84,13 @@ void AppendState(std::string& to, const ModuleInfo& module, const Moment& moment
     AppendText(to, "reason", reason.data());
 }
 
+// Of another process.
+size_t ThreadCount(pid_t process) {
+    struct stat tasks {};
+    const std::string path = "/proc/" + std::to_string(process) + "/task";
+    return stat(path.c_str(), &tasks) == 0 && tasks.st_nlink > 2 ? tasks.st_nlink - 2 : 0;
+}
+
 std::string Describe(const ModuleInfo& module, const Moment& moment) {
     std::string json = "{";
     AppendText(json, "name", ModuleName(module.file));
@@ -94,9 +102,14 @@ std::string Describe(const ModuleInfo& module, const Moment& moment) {
     if (module.state == ModuleState::kRunning || module.state == ModuleState::kStopping ||
         module.state == ModuleState::kStarting) {
         const size_t ended = Without(module.threads, moment.threads).size();
-        AppendMember(json, "pid", std::to_string(getpid()));
-        AppendMember(json, "threads", std::to_string(module.threads.size() - ended));
+        const bool isIsolated = module.process != 0;
+        AppendMember(json, "pid", std::to_string(isIsolated ? module.process : getpid()));
+        AppendMember(json, "threads",
+                     std::to_string(isIsolated ? ThreadCount(module.process)
+                                               : module.threads.size() - ended));
     }
+    if (module.process != 0) AppendMember(json, "isolated", "true");
+    if (module.state == ModuleState::kRestarting) AppendText(json, "health", "failed");
     if (module.state == ModuleState::kRunning && module.hasHealth) {
         AppendText(json, "health", HealthName(module, moment.isBusy));
         if (!moment.isBusy) AppendText(json, "healthText", module.healthText);
@@ -128,12 +141,9 @@ std::string ReadMember(const std::string& member, const JsonValue& value, Contro
     using Kind = ControlRequest::Kind;
     const bool hasModule = request.kind != Kind::kModules && request.kind != Kind::kRegistry;
     if (request.kind == Kind::kTraceLevel) return ReadLevelMember(member, value, request);
-    if (member == "changes" && request.kind == Kind::kRegistry) {
-        return ReadRegistryChanges(value, request.changes);
-    }
-    if (member == "save" && request.kind == Kind::kRegistry) {
-        request.isSaved = value.flag;
-        return value.kind == JsonValue::kFlag ? "" : "save is neither true nor false";
+    const bool isChange = member == "set" || member == "delete" || member == "import";
+    if (request.kind == Kind::kRegistry && isChange) {
+        return ReadRegistryChange(member, value, request.change);
     }
     std::string* const text = member == "module" && hasModule                      ? &request.module
                               : member == "text" && request.kind == Kind::kRequest ? &request.text
@@ -164,7 +174,7 @@ std::string ReadControlRequest(std::string_view line, ControlRequest& request) {
         if (!fault.empty()) return fault;
     }
     if (request.kind == ControlRequest::kRegistry) {
-        return request.changes.empty() ? "\"changes\" is missing" : "";
+        return request.change.kind == RegistryChange::kNone ? "\"set\" is missing" : "";
     }
     if (request.kind == ControlRequest::kTraceLevel) {
         return request.seconds != 0 && !request.level ? "\"level\" is missing" : "";

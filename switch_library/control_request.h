@@ -21,15 +21,15 @@ struct ControlRequest {
         kRequest,
         kRegistry,
         kTraceLevel,
-        kHealth
+        kHealth,
+        kRevive,
     };
     Kind kind = kModules;
     std::string module;
-    std::string text;                     // of kRequest
-    std::vector<RegistryChange> changes;  // of kRegistry
-    std::optional<int64_t> level;         // of kTraceLevel; nothing: it is asked for
-    int64_t seconds = 0;                  // how long it holds; 0: for good
-    bool isSaved = true;                  // the registry, after these changes
+    std::string text;              // of kRequest
+    RegistryChange change;         // of kRegistry
+    std::optional<int64_t> level;  // of kTraceLevel; nothing: it is asked for
+    int64_t seconds = 0;           // how long it holds; 0: for good
 
     // Whether the group may ask for it.
     [[nodiscard]] bool OnlyReads() const {
@@ -37,7 +37,8 @@ struct ControlRequest {
     }
 };
 
-// Empty, or what is wrong with the line. kHealth cannot be asked for: it is the server's own.
+// Empty, or what is wrong with the line. kHealth and kRevive cannot be asked for: they are the
+// switch library's own.
 std::string ReadControlRequest(std::string_view line, ControlRequest& request);
 
 // Answers, with their line feed. `result` is JSON.

@@ -23,7 +23,8 @@ namespace {
 
 constexpr const char* kTag = "switch";
 constexpr size_t kMostClients = 32;
-constexpr uint64_t kNoClient = 0;  // the server's own requests
+constexpr uint64_t kNoClient = 0;         // the server's own requests
+constexpr uint64_t kNobody = UINT64_MAX;  // of those that need no answer
 
 // A thread inherits the mask of its maker.
 class DaemonSignalsBlocked {
@@ -68,7 +69,7 @@ std::string ControlServer::MakeThreads() try {
     }
     std::string fault = m_socket.Open();
     const DaemonSignalsBlocked blocked;
-    if (fault.empty()) m_worker.Start(m_execute, m_wakeup.Get());
+    m_worker.Start(m_execute, m_wakeup.Get());
     m_sync.Start();
     m_thread = std::thread([this] { Run(); });
     (void)pthread_setname_np(m_thread.native_handle(), "kemd-control");
@@ -90,6 +91,10 @@ void ControlServer::Stop() {
     m_thread.join();
     TheModuleBoard().CloseWatch();
     m_wakeup.Reset();
+}
+
+bool ControlServer::Post(const ControlRequest& request) {
+    return m_worker.Post(kNobody, request).empty();
 }
 
 void ControlServer::Run() {

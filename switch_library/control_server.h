@@ -29,6 +29,8 @@ class ControlServer {
     void Start();
     // Waits for the request that is running, ends the threads and removes the socket.
     void Stop();
+    // Has the worker execute a request that nobody waits for. Any thread; false: not now.
+    [[nodiscard]] bool Post(const ControlRequest& request);
     [[nodiscard]] bool IsRunning() const { return m_thread.joinable(); }
 
   private:

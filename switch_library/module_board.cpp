@@ -46,6 +46,8 @@ const char* StateName(ModuleState state) {
             return "running";
         case ModuleState::kFailed:
             return "failed";
+        case ModuleState::kRestarting:
+            return "restarting";
         case ModuleState::kStopping:
             return "stopping";
         case ModuleState::kStopped:
@@ -84,6 +86,7 @@ void ModuleBoard::Describe(const std::string& file, const ModuleObject& object) 
     ModuleInfo* const module = Find(file);
     if (module == nullptr) return;
     const auto text = [](const char* given) { return given != nullptr ? given : ""; };
+    module->process = 0;
     module->hasHealth = object.HasHealth();
     Assign(module->version, text(object.Version()));
     Assign(module->description, text(object.Description()));
@@ -108,6 +111,11 @@ void ModuleBoard::Set(const std::string& file, ModuleState state,
     if (state == ModuleState::kRunning) return;
     module->health = -1;
     module->healthText.clear();
+}
+
+void ModuleBoard::SetProcess(const std::string& file, pid_t process) noexcept {
+    const std::lock_guard lock(m_lock);
+    if (ModuleInfo* const module = Find(file)) module->process = process;
 }
 
 void ModuleBoard::SetHealth(const std::string& file, int health, std::string_view text) noexcept {
@@ -158,6 +166,11 @@ void ModuleBoard::EndCall() noexcept {
     if (!ended.isOverdue) return;
     KemdMessage(kTag, "module %s has come back from its %s after %.1f s", ended.file.data(),
                 ended.name, ended.Seconds());
+}
+
+void ModuleBoard::ForgetOverdue() noexcept {
+    const std::lock_guard lock(m_lock);
+    m_call.isOverdue = false;
 }
 
 bool ModuleBoard::OpenWatch() {

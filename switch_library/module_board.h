@@ -23,6 +23,7 @@ enum class ModuleState {
     kStarting,
     kRunning,
     kFailed,
+    kRestarting,
     kStopping,
     kStopped,
 };
@@ -37,6 +38,7 @@ struct ModuleInfo {
     std::vector<std::string> startAfter;
     int64_t startTimeoutMs = 0;
     int64_t stopTimeoutMs = 0;
+    pid_t process = 0;  // its own; 0: it is in the daemon's
     bool hasHealth = false;
     int health = -1;  // KEMD_HEALTH_*; -1: not asked yet
     std::string healthText;
@@ -64,6 +66,7 @@ class ModuleBoard {
     // These need no memory but for texts and lists, which are dropped when there is none.
     void Describe(const std::string& file, const ModuleObject& object) noexcept;
     void Set(const std::string& file, ModuleState state, std::string_view reason = {}) noexcept;
+    void SetProcess(const std::string& file, pid_t process) noexcept;
     void SetHealth(const std::string& file, int health, std::string_view text) noexcept;
     void SetThreads(const std::string& file, const ThreadIds& threads) noexcept;
     void Clear();
@@ -71,6 +74,8 @@ class ModuleBoard {
     // Around each call. The time-out is that of the module for this call.
     void BeginCall(const std::string& file, const char* name) noexcept;
     void EndCall() noexcept;
+    // Its end is not reported: it was ended.
+    void ForgetOverdue() noexcept;
 
     // A descriptor that becomes readable when a call exceeds its time-out, for as long as it is
     // open: -1 before OpenWatch and after CloseWatch.

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 
+#include "kemd/trace.h"
 #include "switch_library/module_board.h"
 #include "switch_library/module_switch.h"
 
@@ -40,7 +41,7 @@ std::string Of(const std::string& name, const std::string& what) {
 std::string ModuleSwitch::Execute(const ControlRequest& request) {
     if (request.kind == ControlRequest::kRegistry) {  // calls no module
         std::string absent;
-        const std::string failure = ApplyRegistryChanges(request.changes, request.isSaved, absent);
+        const std::string failure = ChangeRegistry(request.change, absent);
         if (!failure.empty()) return ControlError(failure);
         return ControlResult(absent.empty() ? "{}" : "{\"absent\":" + JsonQuoted(absent) + "}");
     }
@@ -67,6 +68,9 @@ std::string ModuleSwitch::Execute(const ControlRequest& request) {
         case ControlRequest::kHealth:
             AskHealth();
             return {};
+        case ControlRequest::kRevive:
+            ReviveOne(request.module);
+            return {};
         case ControlRequest::kModules:
         case ControlRequest::kShow:
         case ControlRequest::kRegistry:
@@ -89,7 +93,9 @@ ModuleSwitch::Module* ModuleSwitch::Find(const std::string& name) {
 std::string ModuleSwitch::StartOne(const std::string& name, ControlOutcome& outcome) {
     if (name.find('/') != name.npos) return "there is no module " + name;
     Module* module = Find(name);
-    if (module != nullptr && module->startedAs != 0) {
+    const bool isUp = module != nullptr && module->startedAs != 0 &&
+                      (module->isolated == nullptr || module->isolated->IsAlive());
+    if (isUp) {
         outcome.note = "it runs already";
         return {};
     }
@@ -97,10 +103,20 @@ std::string ModuleSwitch::StartOne(const std::string& name, ControlOutcome& outc
     ModuleSettings settings = ReadModuleSettings(name, fault);
     if (fault.empty() && !settings.isEnabled) fault = "by " + settings.file;
     if (!fault.empty()) return Of(name, "is disabled: " + fault);
+    if (module != nullptr && (module->isolated != nullptr) != settings.isIsolated) {
+        if (module->isolated == nullptr) {
+            return Of(name, "is still in memory: restart kemd to have it in a process of its own");
+        }
+        Erase(*module);
+        module = nullptr;
+    }
     if (module == nullptr) {
         fault = LoadOne(name + ".so");
         if (!fault.empty()) return Of(name, "is not loaded: " + fault);
         module = Find(name);
+        if (module->failed) {
+            return Of(name, "is not loaded: " + TheModuleBoard().Reason(module->name));
+        }
     } else {
         TheModuleBoard().Add(module->name, settings);
         module->settings = std::move(settings);
@@ -139,7 +155,7 @@ bool ModuleSwitch::Needs(const Module& module, const std::string& name) const {
 std::string ModuleSwitch::StopOne(const std::string& name, ControlOutcome& outcome) {
     Module* const module = Find(name);
     if (module == nullptr || module->startedAs == 0) {
-        if (module != nullptr) module->isWanted = false;
+        if (module != nullptr) Withdraw(*module);
         outcome.note = "it does not run";
         return {};
     }
@@ -164,6 +180,14 @@ std::string ModuleSwitch::StopOne(const std::string& name, ControlOutcome& outco
     return {};
 }
 
+// It does not run, and shall not be started by others' starts or after a failure.
+void ModuleSwitch::Withdraw(Module& module) {
+    module.isWanted = false;
+    if (module.isolated == nullptr) return;
+    TheModuleBoard().Set(module.name, ModuleState::kStopped);
+    Erase(module);
+}
+
 std::string ModuleSwitch::RestartOne(const std::string& name, ControlOutcome& outcome) {
     std::string fault = StopOne(name, outcome);
     if (!fault.empty()) return fault;
@@ -175,6 +199,7 @@ std::string ModuleSwitch::RestartOne(const std::string& name, ControlOutcome& ou
 
 std::string ModuleSwitch::ThreadsThatMayBeOf(const Module& module) const {
     ThreadIds known = m_ownThreads;
+    known.push_back(m_isolated.ThreadId());
     for (const Module& each : m_modules) {
         if (&each == &module) continue;
         known.insert(known.end(), each.threads.begin(), each.threads.end());
@@ -188,6 +213,11 @@ std::string ModuleSwitch::ThreadsThatMayBeOf(const Module& module) const {
 }
 
 std::string ModuleSwitch::UnloadOne(Module& module) {
+    if (module.isolated != nullptr) {
+        module.isolated->Unload();
+        Erase(module);
+        return {};
+    }
     if (module.isKept) return "it failed before, and something of it may still run";
     std::string threads = ThreadsThatMayBeOf(module);
     if (!threads.empty()) return threads;
@@ -199,9 +229,13 @@ std::string ModuleSwitch::UnloadOne(Module& module) {
         module.library = OpenModule(module.name, place.dli_fname);
         return "the dynamic loader keeps it (symbols that are unique in the process, or linked so)";
     }
+    Erase(module);
+    return {};
+}
+
+void ModuleSwitch::Erase(Module& module) {
     const std::lock_guard lock(m_lock);
     m_modules.erase(m_modules.begin() + (&module - m_modules.data()));
-    return {};
 }
 
 std::string ModuleSwitch::ReloadOne(const std::string& name, ControlOutcome& outcome) {
@@ -213,6 +247,7 @@ std::string ModuleSwitch::ReloadOne(const std::string& name, ControlOutcome& out
     ModuleSettings settings = ReadModuleSettings(name, fault);
     if (!fault.empty()) return fault;
     TheModuleBoard().Add(module->name, settings);
+    if (module->isolated != nullptr) module->isolated->Use(settings);
     module->settings = std::move(settings);
     if (!module->object.HasConfigure()) {
         outcome.note = "it has no settings of its own";
@@ -252,6 +287,7 @@ std::string ModuleSwitch::RequestOne(const ControlRequest& request) {
 void ModuleSwitch::AskHealth() {
     for (const Module& module : m_modules) {
         if (module.startedAs == 0 || !module.object.HasHealth()) continue;
+        if (module.isolated != nullptr && !module.isolated->IsAlive()) continue;
         std::array<char, 256> text{};
         int health = KEMD_HEALTH_FAILED;
         Thrown reason{};
@@ -262,4 +298,33 @@ void ModuleSwitch::AskHealth() {
         TheModuleBoard().SetHealth(module.name, returned ? health : KEMD_HEALTH_FAILED,
                                    returned ? text.data() : reason.data());
     }
+}
+
+void ModuleSwitch::ReviveOne(const std::string& file) {
+    const std::string name = ModuleName(file);
+    Module* const module = Find(name);
+    if (module == nullptr || module->isolated == nullptr || !module->isWanted) return;
+    if (module->isolated->IsAlive()) return;
+    std::string fault;
+    ModuleSettings settings = ReadModuleSettings(name, fault);
+    if (fault.empty() && !settings.isEnabled) fault = "disabled by " + settings.file;
+    if (!fault.empty()) {
+        KemdMessage("switch", "module %s is not started again: %s", file.c_str(), fault.c_str());
+        return TheModuleBoard().Set(file, ModuleState::kFailed, fault);
+    }
+    TheModuleBoard().Add(file, settings);
+    module->settings = std::move(settings);
+    StartModule(*module);
+    if (module->failed) return;
+    std::vector<std::string> started;
+    StartWanted(started);
+    ShowRunning();
+}
+
+// Any thread.
+bool ModuleSwitch::PostRevive(const std::string& file) {
+    ControlRequest request;
+    request.kind = ControlRequest::kRevive;
+    request.module = file;
+    return m_control.Post(request);
 }

@@ -178,11 +178,18 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
     if (!fault.empty()) return LeaveOut(name, ModuleState::kDisabled, "is disabled", fault.c_str());
     Announce(name, "loading");
     module.name = name;
-    module.library = OpenModule(name, file.resolved);
-    if (module.library == nullptr) {
-        return LeaveOut(name, ModuleState::kNotLoaded, "cannot be loaded", dlerror());
-    }
+    const bool isIsolated = module.settings.isIsolated;
+    isIsolated ? LoadIsolated(std::move(module), file.resolved)
+               : LoadInside(std::move(module), file.resolved);
+}
 
+void ModuleSwitch::LoadInside(Module module, const std::string& path) {
+    const std::string name = module.name;
+    module.library = OpenModule(name, path);
+    if (module.library == nullptr) {
+        const std::string text = LoaderText(dlerror());
+        return LeaveOut(name, ModuleState::kNotLoaded, "cannot be loaded", text.c_str());
+    }
     std::string reason = module.object.Take(dlsym(module.library, "kemdModule"), name);
     if (reason.empty() && HasObject(module.object)) reason = "it is loaded under another name";
     if (!reason.empty()) {
@@ -194,6 +201,35 @@ void ModuleSwitch::LoadModule(const std::string& directory, const std::string& n
     const std::lock_guard lock(m_lock);
     m_modules.push_back(std::move(module));
     KemdTrace(kTag, 1, "module %s loaded", name.c_str());
+}
+
+// One whose process has ended stays in the list: it may be started again.
+void ModuleSwitch::LoadIsolated(Module module, const std::string& path) {
+    module.isolated = std::make_unique<IsolatedModule>(m_isolated, module.name, path);
+    const std::string reason = LoadProcess(module);
+    module.failed = !reason.empty();
+    if (module.failed && !module.isolated->HasEnded()) {
+        return LeaveOut(module.name, ModuleState::kNotLoaded, "cannot be loaded", reason.c_str());
+    }
+    const std::lock_guard lock(m_lock);
+    m_modules.push_back(std::move(module));
+}
+
+// Empty, or why the module is not in a process of its own now.
+std::string ModuleSwitch::LoadProcess(Module& module) {
+    std::string reason;
+    Thrown thrown{};
+    const bool returned = CallModule(module.name, "load", thrown,
+                                     [&] { reason = module.isolated->Load(module.settings); });
+    if (!returned) reason = thrown.data();
+    if (reason.empty()) reason = module.object.Take(module.isolated->Object(), module.name);
+    if (!reason.empty()) return reason;
+    TheModuleBoard().Describe(module.name, module.object);
+    TheModuleBoard().Set(module.name, ModuleState::kStopped);
+    TheModuleBoard().SetProcess(module.name, module.isolated->Process());
+    KemdTrace(kTag, 1, "module %s loaded in process %d", module.name.c_str(),
+              module.isolated->Process());
+    return {};
 }
 
 void ModuleSwitch::StartAllModules() {
@@ -262,29 +298,45 @@ bool ModuleSwitch::Configure(Module& module, Thrown& reason) {
     return false;
 }
 
+// An isolated one is ended, too; one whose process has ended was reported then.
+void ModuleSwitch::FailToStart(Module& module, const char* what, const char* reason) {
+    module.failed = true;
+    if (module.isolated != nullptr) {
+        if (module.isolated->HasEnded()) return;
+        module.isolated->Unload();
+        module.startedAs = 0;
+    } else {
+        module.isKept = true;
+    }
+    LeaveOut(module.name, ModuleState::kFailed, what, reason);
+}
+
 void ModuleSwitch::StartModule(Module& module) {
     TheModuleBoard().Set(module.name, ModuleState::kStarting);
+    module.failed = false;
+    if (module.isolated != nullptr && !module.isolated->IsAlive()) {
+        const std::string fault = LoadProcess(module);
+        if (!fault.empty()) return FailToStart(module, "cannot be loaded", fault.c_str());
+        TheModuleBoard().Set(module.name, ModuleState::kStarting);
+    }
     Thrown reason{};
-    module.failed = !Configure(module, reason);
-    module.isKept = module.isKept || module.failed;
-    if (module.failed) {
-        return LeaveOut(module.name, ModuleState::kFailed, "refused its settings", reason.data());
+    if (!Configure(module, reason)) {
+        return FailToStart(module, "refused its settings", reason.data());
     }
     const ThreadIds before = LiveThreads();
     Announce(module.name, "starting");
     int result = 0;
     const bool returned =
         CallModule(module.name, "start", reason, [&] { result = module.object.Start(); });
-    module.failed = !returned || result != 0;
-    module.isKept = module.isKept || module.failed;
-    if (!module.failed) {
-        module.startedAs = ++m_starts;
+    if (returned && result == 0) {
+        if (module.startedAs == 0) module.startedAs = ++m_starts;
         TheModuleBoard().Set(module.name, ModuleState::kRunning);
         KemdTrace(kTag, 1, "module %s started", module.name.c_str());
     } else {
         if (returned) std::snprintf(reason.data(), reason.size(), "result %d", result);
-        LeaveOut(module.name, ModuleState::kFailed, "failed to start", reason.data());
+        FailToStart(module, "failed to start", reason.data());
     }
+    if (module.isolated != nullptr) return;
     ThreadIds threads = Without(LiveThreads(), before);
     TheModuleBoard().SetThreads(module.name, threads);
     const std::lock_guard lock(m_lock);
@@ -301,9 +353,10 @@ void ModuleSwitch::StopModule(Module& module) {
     TheModuleBoard().Set(module.name, ModuleState::kStopping);
     Announce(module.name, "stopping");
     module.startedAs = 0;
+    if (module.isolated != nullptr && m_isStopping) module.isolated->ExpectDaemonStop();
     Thrown thrown{};
     module.failed = !CallModule(module.name, "stop", thrown, [&] { module.object.Stop(); });
-    module.isKept = module.isKept || module.failed;
+    module.isKept = module.isKept || (module.failed && module.isolated == nullptr);
     if (module.failed) {
         TheModuleBoard().Set(module.name, ModuleState::kFailed, thrown.data());
         Report(module.name, "failed to stop", thrown.data());
@@ -344,10 +397,15 @@ bool ModuleSwitch::UnloadModules(uint32_t /*options*/) {
     StopAllModules();
     m_control.Stop();
     const std::lock_guard calls(m_calls);
+    for (Module& module : m_modules) {
+        if (module.isolated != nullptr) module.isolated->Unload();
+    }
+    m_isolated.Stop();
     bool isAllUnloaded = true;
     const bool keep = !m_modules.empty() && ThreadsAreLeft();
     if (keep) KemdMessage(kTag, "threads of modules may still run: no module is unloaded");
     for (auto module = m_modules.rbegin(); module != m_modules.rend(); ++module) {
+        if (module->isolated != nullptr) continue;
         // After a failed start or stop something may still be running in there.
         if (module->isKept || keep) {
             isAllUnloaded = false;

@@ -10,6 +10,7 @@
 // stopping and unloading it needs no memory.
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -17,6 +18,8 @@
 #include "base/module_object.h"
 #include "kemd/module_switch.h"
 #include "switch_library/control_server.h"
+#include "switch_library/isolated_module.h"
+#include "switch_library/isolated_modules.h"
 #include "switch_library/live_threads.h"
 #include "switch_library/module_call.h"
 #include "switch_library/module_settings.h"
@@ -46,7 +49,8 @@ class ModuleSwitch : public IModuleSwitch {
   private:
     struct Module {
         std::string name;         // of the file
-        void* library = nullptr;  // from dlopen
+        void* library = nullptr;  // from dlopen; null when it is isolated
+        std::unique_ptr<IsolatedModule> isolated;
         ModuleObject object;
         ModuleSettings settings;
         bool failed = false;   // in configure, start or stop
@@ -65,6 +69,9 @@ class ModuleSwitch : public IModuleSwitch {
     std::string ReloadOne(const std::string& name, ControlOutcome& outcome);
     std::string RequestOne(const ControlRequest& request);
     void AskHealth();
+    // Starts an isolated module again whose process has ended.
+    void ReviveOne(const std::string& file);
+    bool PostRevive(const std::string& file);
     [[nodiscard]] Module* Find(const std::string& name);
     // module_switch.cpp; `file` is with ".so".
     std::string LoadOne(const std::string& file);
@@ -74,26 +81,33 @@ class ModuleSwitch : public IModuleSwitch {
     [[nodiscard]] bool Needs(const Module& module, const std::string& name) const;
     // Empty, or why the module stays in memory.
     std::string UnloadOne(Module& module);
+    void Erase(Module& module);
+    void Withdraw(Module& module);
     [[nodiscard]] std::string ThreadsThatMayBeOf(const Module& module) const;
 
     [[nodiscard]] bool IsLoaded(const std::string& name) const;
     [[nodiscard]] bool HasObject(const ModuleObject& object) const;
     void LoadModule(const std::string& directory, const std::string& name);
+    void LoadInside(Module module, const std::string& path);
+    void LoadIsolated(Module module, const std::string& path);
+    std::string LoadProcess(Module& module);
     [[nodiscard]] bool Runs(const std::string& name) const;
     [[nodiscard]] const char* MissingFor(const Module& module) const;
     [[nodiscard]] Module* NextToStart();
     [[nodiscard]] Module* LastStarted();
     bool Configure(Module& module, Thrown& reason);
     void StartModule(Module& module);
+    void FailToStart(Module& module, const char* what, const char* reason);
     void StopModule(Module& module);
     void ShowRunning() const;
     [[nodiscard]] bool ThreadsAreLeft() const;
     [[nodiscard]] const Module* OwnerOf(pid_t thread) const;
 
     bool m_scanned = false;
-    pid_t m_process = 0;            // the daemon; the id of the initial thread as well
-    ThreadIds m_threadsBefore;      // there before the first module was loaded
-    ThreadIds m_ownThreads;         // these and the control server's
+    pid_t m_process = 0;        // the daemon; the id of the initial thread as well
+    ThreadIds m_threadsBefore;  // there before the first module was loaded
+    ThreadIds m_ownThreads;     // these and the control server's
+    IsolatedModules m_isolated{[this](const std::string& file) { return PostRevive(file); }};
     std::vector<Module> m_modules;  // sorted by name
     int m_starts = 0;
     bool m_isStopping = false;  // the daemon is: no request is served

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "kemd/registry.h"
+#include "kemd/services.h"
 
 namespace {
 
@@ -34,33 +35,19 @@ std::optional<std::string> Bytes(const JsonValue* member) {
     return bytes;
 }
 
-std::string ReadChange(const JsonValue& object, RegistryChange& change) {
-    const std::string_view kind = object.TextOf("change");
-    const auto key = Bytes(object.Find("key"));
-    const auto value = Bytes(object.Find("value"));
-    const auto data = Bytes(object.Find("data"));
-    const bool isSet = kind == "set";
-    if (!isSet && kind != "delete" && kind != "clear" && kind != "make") return "an unknown change";
-    if (!key || key->empty()) return "a key is missing or not hexadecimal";
-    if (isSet && (!value || !data)) return "value or data are missing or not hexadecimal";
-    if (!value && object.Find("value") != nullptr) return "a value is not hexadecimal";
-    const std::string_view type = object.TextOf("type");
+std::string ReadSet(const JsonValue& json, RegistryChange& change) {
+    const auto value = Bytes(json.Find("value"));
+    auto data = Bytes(json.Find("data"));
+    if (!value || !data) return "value or data are missing or not hexadecimal";
+    const std::string_view type = json.TextOf("type");
     const auto* const known = std::find_if(kTypes.begin(), kTypes.end(),
                                            [type](const auto& each) { return each.first == type; });
-    if (isSet && known == kTypes.end()) return "an unknown type";
-    if (isSet) change.type = known->second;
-    if (change.type == kRegistryNumber && data->size() != sizeof(int32_t)) {
-        return "a number has four bytes";
-    }
-    change.kind = isSet             ? RegistryChange::kSet
-                  : kind == "clear" ? RegistryChange::kClear
-                  : kind == "make"  ? RegistryChange::kMake
-                  : value           ? RegistryChange::kDeleteValue
-                                    : RegistryChange::kDeleteKey;
-    change.key = *key;
-    change.value = value.value_or("");
-    change.data = data.value_or("");
-    return {};
+    if (known == kTypes.end()) return "an unknown type";
+    change.type = known->second;
+    change.value = *value;
+    change.data = std::move(*data);
+    const bool isCut = change.type == kRegistryNumber && change.data.size() != sizeof(int32_t);
+    return isCut ? "a number has four bytes" : "";
 }
 
 // Opens the key and makes what is missing below its root key.
@@ -115,23 +102,11 @@ std::string DeleteKey(CRegistry& cursor, const RegistryChange& change, std::stri
     return isDone ? "" : "cannot delete the key " + change.key;
 }
 
-std::string Clear(CRegistry& cursor, const RegistryChange& change) {
-    if (!Make(cursor, change.key)) return "no key " + change.key;
-    std::array<char, 4096> name{};
-    for (;;) {
-        auto length = static_cast<uint32_t>(name.size());
-        if (cursor.EnumKey(name.data(), &length, 0, nullptr) != 0) break;
-        if (cursor.DeleteKey(name.data()) != 0) return "cannot delete what is below " + change.key;
-    }
-    for (;;) {
-        auto length = static_cast<uint32_t>(name.size());
-        uint32_t none = 0;
-        if (cursor.EnumValue(name.data(), &length, 0, kRegistryAnyValue, nullptr, &none) != 0)
-            break;
-        if (length == 0 && TypeOf(cursor, "") == 0) break;  // one past the end
-        if (cursor.DeleteValue(name.data()) != 0) return "cannot delete what is in " + change.key;
-    }
-    return {};
+std::string Import(const std::string& file) {
+    const int error = KemdRegistryImport(file.c_str());
+    if (error == 0) return {};
+    return "cannot import " + file + ": " +
+           (error == ENODATA ? "it holds no registry" : std::strerror(error));
 }
 
 std::string Apply(const RegistryChange& change, std::string& absent) {
@@ -143,34 +118,47 @@ std::string Apply(const RegistryChange& change, std::string& absent) {
             return DeleteValue(cursor, change, absent);
         case RegistryChange::kDeleteKey:
             return DeleteKey(cursor, change, absent);
-        case RegistryChange::kMake:
-            return Make(cursor, change.key) ? "" : "cannot make the key " + change.key;
-        case RegistryChange::kClear:
-            return Clear(cursor, change);
+        case RegistryChange::kImport:
+            return Import(change.file);
+        case RegistryChange::kNone:
+            break;
     }
     return {};
 }
 
 }  // namespace
 
-std::string ReadRegistryChanges(const JsonValue& list, std::vector<RegistryChange>& changes) {
-    if (list.kind != JsonValue::kArray || list.elements.empty()) return "there are no changes";
-    for (const JsonValue& object : list.elements) {
-        std::string fault = ReadChange(object, changes.emplace_back());
-        if (!fault.empty()) return "change " + std::to_string(changes.size()) + ": " + fault;
+std::string ReadRegistryChange(std::string_view kind, const JsonValue& json,
+                               RegistryChange& change) {
+    if (change.kind != RegistryChange::kNone) return "more than one change";
+    if (kind == "import") {
+        change.kind = RegistryChange::kImport;
+        change.file = json.text;
+        return json.kind == JsonValue::kText && json.text.substr(0, 1) == "/"
+                   ? ""
+                   : "import is no absolute path";
     }
+    const auto key = Bytes(json.Find("key"));
+    if (!key || key->empty()) return "a key is missing or not hexadecimal";
+    change.key = *key;
+    if (kind == "set") {
+        change.kind = RegistryChange::kSet;
+        return ReadSet(json, change);
+    }
+    const JsonValue* const value = json.Find("value");
+    const auto name = Bytes(value);
+    if (!name && value != nullptr) return "a value is not hexadecimal";
+    change.kind = name ? RegistryChange::kDeleteValue : RegistryChange::kDeleteKey;
+    change.value = name.value_or("");
     return {};
 }
 
-std::string ApplyRegistryChanges(const std::vector<RegistryChange>& changes, bool save,
-                                 std::string& absent) {
-    std::string fault;
-    for (const RegistryChange& change : changes) {
-        fault = Apply(change, absent);
-        if (!fault.empty() || !absent.empty()) break;
-    }
-    if (!save && fault.empty()) return {};
-    errno = 0;
-    if (CRegistry::SaveTree() || !fault.empty()) return fault;
-    return std::string("cannot save the registry: ") + std::strerror(errno != 0 ? errno : EIO);
+std::string ChangeRegistry(const RegistryChange& change, std::string& absent) {
+    std::string fault = Apply(change, absent);
+    if (!fault.empty() || !absent.empty()) return fault;
+    const int error = KemdRegistrySave();
+    if (error == 0) return {};
+    return std::string(
+               "the modules have the change, but it cannot be saved before the next one: ") +
+           std::strerror(error);
 }

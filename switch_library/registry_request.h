@@ -3,22 +3,21 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "base/json.h"
 
 struct RegistryChange {
-    enum Kind { kSet, kDeleteValue, kDeleteKey, kMake, kClear };  // kClear: all below the key
-    Kind kind = kSet;
+    enum Kind { kNone, kSet, kDeleteValue, kDeleteKey, kImport };
+    Kind kind = kNone;
     std::string key;
     std::string value;
     uint32_t type = 0;
     std::string data;
+    std::string file;  // of kImport
 };
 
 // Both return what went wrong, or nothing.
-std::string ReadRegistryChanges(const JsonValue& list, std::vector<RegistryChange>& changes);
-// Makes them one after the other up to one that cannot be made, and saves. `absent`: what was to be
-// deleted and is not there; that ends it, too. Any thread.
-std::string ApplyRegistryChanges(const std::vector<RegistryChange>& changes, bool save,
-                                 std::string& absent);
+std::string ReadRegistryChange(std::string_view kind, const JsonValue& json,
+                               RegistryChange& change);
+// Makes and saves it. `absent`: what was to be deleted and is not there. Any thread.
+std::string ChangeRegistry(const RegistryChange& change, std::string& absent);

@@ -103,7 +103,7 @@ bool CDebug::Init(const char* moduleName) {
     FormatStartTime(m_startTime);
     m_environment.Take();
     ReadTraceConfig(ModuleName());
-    m_traceOn = TraceLevel() != 0;
+    SetTraceOn(TraceLevel() != 0);
     Path path;
     FormatPath(path, "");
     m_files.OpenLog(path.Get(), m_inForce.logLimit);
@@ -114,7 +114,7 @@ bool CDebug::Init(const char* moduleName) {
     if (m_ringSize != 0) opened = InitRingBuffer(m_startupRingPath.Get(), m_ringSize);
     if (!m_files.Ring().IsMapped()) SwitchOff();
     if (m_inForce.noHeader == 0) WriteHeader(kTargetLog);
-    m_traceOn = TraceLevel() != 0;
+    SetTraceOn(TraceLevel() != 0);
     return opened;
 }
 
@@ -191,15 +191,15 @@ void CDebug::SwitchToRuntimeRing() {
     m_ringSize /= kStartupFactor;
     const bool opened = InitRingBuffer(m_runtimeRingPath.Get(), m_ringSize);
     if (!opened) SwitchOff();
-    m_traceOn = opened;
+    SetTraceOn(opened);
     m_initDone = true;
 }
 
 bool CDebug::SwitchTrace(bool on) {
     const Lock lock(*this);
     if (m_closed) return true;
-    m_level = on ? SavedTraceLevel() : 0;
-    m_traceOn = on;
+    SetLevel(on ? SavedTraceLevel() : 0);
+    SetTraceOn(on);
     return true;
 }
 
@@ -209,9 +209,22 @@ bool CDebug::SetTraceLevel(unsigned level) {
                         : m_target == kTargetLog ? m_files.Log().IsOpen()
                                                  : false;
     if (m_closed || !isOpen) return false;
-    m_level = level;
-    m_traceOn = level != 0;
+    SetLevel(level);
+    SetTraceOn(level != 0);
     return true;
+}
+
+void CDebug::ShareLevel(uint32_t* shared) {
+    const Lock lock(*this);
+    ShareLevelWith(shared);
+}
+
+// The interval that is not 0 lets every record pass the level test of the hot path.
+void CDebug::Redirect(const TraceRedirection& redirection) {
+    const Lock lock(*this);
+    m_redirection = redirection;
+    m_updateInterval = 1;
+    SetTraceOn(true);
 }
 
 // Closed meanwhile or replaced, a file stays open by its copy.
@@ -236,9 +249,9 @@ void CDebug::SetTraceTarget(unsigned target) {
 }
 
 void CDebug::SwitchOff() {
-    m_traceOn = false;
+    SetTraceOn(false);
     m_target = kTargetNone;
-    m_level = 0;
+    SetLevel(0);
     m_savedLevel = 0;
 }
 
@@ -258,6 +271,7 @@ void CDebug::AbandonInChild() {
     m_lock.Abandon();
     m_abandoned = true;
     m_closed = true;
+    ShareLevelWith(nullptr);  // the page is the parent's
     m_updateInterval = 0;
     SwitchOff();
     m_files.Forget();
@@ -334,6 +348,7 @@ void CDebug::TraceArgs(unsigned level, const char* format, va_list args) {
 
 void CDebug::TraceTagged(unsigned level, const char* format, va_list args, const char* tag) {
     if (m_updateInterval.load(std::memory_order_relaxed) != 0) {
+        if (m_redirection.write != nullptr) return WriteRedirected(level, format, args, tag);
         const Lock lock(*this);
         UpdateTraceConfig(time(nullptr));
     }
@@ -360,6 +375,7 @@ void CDebug::Message(unsigned /*level*/, const char* format, ...) {
 }
 
 void CDebug::MessageV(const char* format, va_list args, const char* tag) {
+    if (m_redirection.write != nullptr) return m_redirection.write(tag, 0, format, args);
     const Lock lock(*this);
     if (format == nullptr || (!m_files.Ring().IsMapped() && !m_files.Log().IsOpen())) return;
     const Stamp stamp = MakeStamp();
@@ -379,7 +395,41 @@ void CDebug::WriteRecord(uint32_t target, const char* format, va_list args, cons
         if (m_files.Log().IsOpen()) {
             m_files.WriteToLog(MakeStamp(), TagOrName(tag), format, args);
         }
+    } else if (m_redirection.write != nullptr) {
+        WriteRedirected(1, format, args, tag);
     }
+}
+
+// A record of level 0 is written whenever tracing is on, as one of level 1.
+void CDebug::WriteRedirected(unsigned level, const char* format, va_list args, const char* tag) {
+    const uint32_t inForce = m_redirection.level->load(std::memory_order_relaxed);
+    if (inForce == 0 || level > inForce || format == nullptr) return;
+    m_redirection.write(tag, level != 0 ? level : 1, format, args);
+}
+
+void CDebug::Forward(const char* tag, unsigned level, uint32_t thread, const char* text) {
+    if (level != 0) {
+        const Lock lock(*this);
+        if (m_updateInterval.load(std::memory_order_relaxed) != 0) UpdateTraceConfig(time(nullptr));
+        if (!IsTraceOn() || level > TraceLevel()) return;
+    }
+    WriteForwarded(tag, level == 0, thread, "%s", text);
+}
+
+// One stamp for both files, as in MessageV.
+void CDebug::WriteForwarded(const char* tag, bool isMessage, uint32_t thread, const char* format,
+                            ...) {
+    const Lock lock(*this);
+    const uint32_t target = m_target.load(std::memory_order_relaxed);
+    Stamp stamp = MakeStamp();
+    stamp.thread = thread;
+    va_list args;
+    va_start(args, format);
+    if (target == kTargetRing && m_files.Ring().IsMapped()) WriteToRing(stamp, format, args, tag);
+    if ((isMessage || target == kTargetLog) && m_files.Log().IsOpen()) {
+        m_files.WriteToLog(stamp, TagOrName(tag), format, args);
+    }
+    va_end(args);
 }
 
 void CDebug::WriteNote(TraceTarget destination, const char* format, ...) {

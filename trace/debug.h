@@ -32,6 +32,13 @@ enum TraceTarget : uint32_t {
     kTargetRing = 2,
 };
 
+// Where the records of a program go that is not the daemon. Any thread calls `write`; its level 0
+// is a message, `tag` may be null.
+struct TraceRedirection {
+    void (*write)(const char* tag, unsigned level, const char* format, va_list args) = nullptr;
+    const std::atomic<uint32_t>* level = nullptr;  // in force; 0: no records, only messages
+};
+
 class CDebug : public CDebugTraceConfig {
   public:
     constexpr CDebug() = default;
@@ -74,6 +81,13 @@ class CDebug : public CDebugTraceConfig {
     // Another level, until the settings are read again or SwitchTrace. False when no file of the
     // target is open.
     bool SetTraceLevel(unsigned level);
+    // See kemd/trace.h.
+    void ShareLevel(uint32_t* shared);
+    void Forward(const char* tag, unsigned level, uint32_t thread, const char* text);
+    // For good, and in place of Init: before the first thread, which see it without the lock.
+    void Redirect(const TraceRedirection& redirection);
+    // Where records go in place of the files; `write` is null when nowhere else.
+    [[nodiscard]] const TraceRedirection& Redirection() const { return m_redirection; }
     void SetTraceTarget(unsigned target);
     void WriteHeader(TraceTarget destination);
     int FormatLinePrefix(char* buffer, size_t size, const char* tag);
@@ -106,6 +120,10 @@ class CDebug : public CDebugTraceConfig {
     [[nodiscard]] std::string_view TagOrName(const char* tag) const;
     void WriteRecord(uint32_t target, const char* format, va_list args, const char* tag)
         KEMD_PRINTF(3, 0);
+    void WriteRedirected(unsigned level, const char* format, va_list args, const char* tag)
+        KEMD_PRINTF(3, 0);
+    void WriteForwarded(const char* tag, bool isMessage, uint32_t thread, const char* format, ...)
+        KEMD_PRINTF(5, 6);
     // A record of the trace object itself.
     void WriteNote(TraceTarget destination, const char* format, ...) KEMD_PRINTF(3, 4);
     // The ring is mapped. Begins the next cycle of one that is full.
@@ -136,6 +154,7 @@ class CDebug : public CDebugTraceConfig {
     Path m_startupRingPath;
     TraceFiles m_files;
     EnvironmentSnapshot m_environment;
+    TraceRedirection m_redirection;
 };
 
 // The one object, as the union that keeps it from being destroyed. The executable exports it as

@@ -1,41 +1,34 @@
-#include "trace/module_trace.h"
-
+// kemd/trace.h: the trace object for callers in any language.
 #include <cerrno>
 
 #include "kemd/trace.h"
 #include "trace/debug.h"
 
-static ModuleTraceWriter redirected = nullptr;
-static unsigned redirectedLevel = 0;
-
-// In a program that redirects, the trace object has no file, and its own level stays 0: only the
-// functions below see that it is on.
-void RedirectModuleTrace(ModuleTraceWriter write, unsigned level) {
-    redirected = write;
-    redirectedLevel = level;
-    (void)Debug.SwitchTrace(level > 0);
-}
-
 int KemdTraceOn() {
+    if (Debug.Redirection().write != nullptr) return KemdTraceLevel() != 0 ? 1 : 0;
     return Debug.IsTraceOn() ? 1 : 0;
 }
 
 unsigned KemdTraceLevel() {
-    if (!Debug.IsTraceOn()) return 0;
-    return redirected == nullptr ? Debug.TraceLevel() : redirectedLevel;
+    const auto* const redirected = Debug.Redirection().level;
+    if (redirected != nullptr) return redirected->load(std::memory_order_relaxed);
+    return Debug.IsTraceOn() ? Debug.TraceLevel() : 0;
 }
 
 void KemdTraceV(const char* tag, unsigned level, const char* format, va_list args) {
-    if (!Debug.IsTraceOn()) return;
-    if (redirected == nullptr) {
-        Debug.TraceTagged(level, format, args, tag);
-    } else if (level <= redirectedLevel) {
-        redirected(tag, format, args);
-    }
+    if (Debug.IsTraceOn()) Debug.TraceTagged(level, format, args, tag);
 }
 
 int KemdTraceSetLevel(unsigned level) {
     return Debug.SetTraceLevel(level) ? 0 : ENODEV;
+}
+
+void KemdTraceShareLevel(uint32_t* shared) {
+    Debug.ShareLevel(shared);
+}
+
+void KemdTraceForward(const char* tag, unsigned level, uint32_t thread, const char* text) {
+    if (text != nullptr) Debug.Forward(tag, level, thread, text);
 }
 
 int KemdTraceSync() {
@@ -46,21 +39,17 @@ void KemdTrace(const char* tag, unsigned level, const char* format, ...) {
     if (!Debug.IsTraceOn()) return;
     va_list args;
     va_start(args, format);
-    KemdTraceV(tag, level, format, args);
+    Debug.TraceTagged(level, format, args, tag);
     va_end(args);
 }
 
 void KemdMessageV(const char* tag, const char* format, va_list args) {
-    if (redirected == nullptr) {
-        Debug.MessageV(format, args, tag);
-    } else {
-        redirected(tag, format, args);
-    }
+    Debug.MessageV(format, args, tag);
 }
 
 void KemdMessage(const char* tag, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    KemdMessageV(tag, format, args);
+    Debug.MessageV(format, args, tag);
     va_end(args);
 }

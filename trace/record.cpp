@@ -78,15 +78,13 @@ int FormatPlain(char* buffer, size_t size, const char* format, va_list args) {
     return kNotPlain;
 }
 
-// Message formats begin with line feeds by habit, records never do: steps over them. A format of
-// nothing but line feeds is used unchanged.
+}  // namespace
+
 const char* SkipLineFeeds(const char* format) {
     const char* start = format;
     while (*start == '\n') ++start;
     return *start == '\0' ? format : start;
 }
-
-}  // namespace
 
 int FormatTraceText(char* buffer, size_t size, const char* format, va_list args) {
     va_list plain;

@@ -50,3 +50,7 @@ class RecordBuffer {
 // Writes at most `size` (at least 1) bytes, terminator included, and returns the length that the
 // whole text needs, or a negative number. `args` is used up.
 int FormatTraceText(char* buffer, size_t size, const char* format, va_list args) KEMD_PRINTF(3, 0);
+
+// Message formats begin with line feeds by habit, records never do: steps over them. A format of
+// nothing but line feeds is used unchanged.
+const char* SkipLineFeeds(const char* format);

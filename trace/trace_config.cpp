@@ -115,7 +115,7 @@ void CDebugTraceConfig::SetValuesInForce() {
             EnvironmentNumber(setting.variable).value_or(isAbsent ? setting.byDefault : asRead);
     }
     m_updateInterval = static_cast<uint32_t>(m_inForce.dynamicUpdate);
-    m_level = static_cast<uint32_t>(m_inForce.level);
+    SetLevel(static_cast<uint32_t>(m_inForce.level));
     m_savedLevel = TraceLevel();
 }
 
@@ -165,8 +165,29 @@ void CDebugTraceConfig::UpdateModuleFile() {
 
 void CDebugTraceConfig::UpdateValues(std::string_view section) {
     ReadSettings(m_asRead, section, [](const auto& s) { return s.isUpdated; });
-    m_level = static_cast<uint32_t>(m_asRead.level);
+    SetLevel(static_cast<uint32_t>(m_asRead.level));
     m_savedLevel = TraceLevel();
+}
+
+void CDebugTraceConfig::SetLevel(uint32_t level) {
+    m_level = level;
+    PublishLevel();
+}
+
+void CDebugTraceConfig::SetTraceOn(bool on) {
+    m_traceOn = on;
+    PublishLevel();
+}
+
+void CDebugTraceConfig::ShareLevelWith(uint32_t* shared) {
+    m_sharedLevel = shared;
+    PublishLevel();
+}
+
+void CDebugTraceConfig::PublishLevel() const {
+    if (m_sharedLevel == nullptr) return;
+    const uint32_t level = IsTraceOn() ? TraceLevel() : 0;
+    std::atomic_ref(*m_sharedLevel).store(level, std::memory_order_relaxed);
 }
 
 void AppendUpperCase(char* buffer, size_t size, const char* text) {

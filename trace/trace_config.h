@@ -46,6 +46,11 @@ class CDebugTraceConfig {
     [[nodiscard]] int64_t ComputeRingSize();
     // Reads files that changed since they were last read, at most once per interval.
     void UpdateTraceConfig(int64_t now);
+    // Every change of the two goes through these, under the lock.
+    void SetLevel(uint32_t level);
+    void SetTraceOn(bool on);
+    // From now on *shared is the level in force. Null: not any more.
+    void ShareLevelWith(uint32_t* shared);
 
     std::atomic<uint32_t> m_level{0};
     std::atomic<uint32_t> m_savedLevel{0};  // the configured level, which SIGHUP restores
@@ -74,6 +79,8 @@ class CDebugTraceConfig {
     TraceValuesInForce m_inForce;
 
   private:
+    uint32_t* m_sharedLevel = nullptr;  // see ShareLevelWith
+    void PublishLevel() const;
     // False when the section was not found.
     bool ReadGlobalFile();
     bool ReadModuleFile(const char* name, const char* moduleName);

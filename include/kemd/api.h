@@ -6,6 +6,19 @@
  */
 #pragma once
 
+/* The version of these headers: major * 10000 + minor * 100. A module that is compiled with older
+ * ones too leaves out what they do not declare:
+ *
+ *     #if KEMD_INTERFACE_VERSION >= 10100
+ *
+ * A module that uses something newer than the daemon is not loaded. Symbols that the module
+ * declares weak are null there instead:
+ *
+ *     #pragma weak KemdNewer
+ *     if (KemdNewer != NULL) KemdNewer();
+ */
+#define KEMD_INTERFACE_VERSION 10000
+
 #define KEMD_API __attribute__((visibility("default")))
 
 /* Lets the compiler check a printf-style call: the text's and the first value's argument number,

@@ -83,6 +83,11 @@ struct KemdRegistryKey;
 KEMD_API int KemdRegistryOpen(struct KemdRegistryKey** key, const char* path, int make);
 /* Null does nothing. Writes changes back; KemdRegistrySave says whether that succeeded. */
 KEMD_API void KemdRegistryClose(struct KemdRegistryKey* key);
+/* Replaces each root key that the registry file has, with all below it, in one step;
+ * KemdRegistrySave brings that to the disk. ENODATA when the file holds no registry, or why it, or
+ * the registry itself before, could not be read whole: nothing has changed then. For switch
+ * libraries. */
+KEMD_API int KemdRegistryImport(const char* file);
 /* The changed tree is on disk when it returns 0. */
 KEMD_API int KemdRegistrySave(void);
 /* A text with its NUL. `size`: the buffer's bytes; then the bytes that the value needs, with

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <stdarg.h>
+#include <stdint.h>
 
 #include "kemd/api.h"
 
@@ -29,6 +30,17 @@ KEMD_API unsigned KemdTraceLevel(void);
  * when records have nowhere to go, because tracing was off when the daemon started. For switch
  * libraries, on behalf of the administrator. */
 KEMD_API int KemdTraceSetLevel(unsigned level);
+
+/* From now on *shared is kept equal to KemdTraceLevel(), stored atomically, for a process that
+ * reads it in shared memory. It must stay valid until null is passed, which ends it. For switch
+ * libraries. */
+KEMD_API void KemdTraceShareLevel(uint32_t* shared);
+
+/* Writes one record of another process. `thread` stands in its prefix in place of the caller's; the
+ * time is that of this call, which should come a few milliseconds after the record at most. Level 0
+ * is a message, as KemdMessage writes it; others are filtered by the level in force. `text` is no
+ * format. For switch libraries. */
+KEMD_API void KemdTraceForward(const char* tag, unsigned level, uint32_t thread, const char* text);
 
 /* Brings the files in use to the disk, which takes as long as the disk does: 0 or an errno number.
  * Others trace meanwhile. For switch libraries. */

@@ -107,7 +107,8 @@ int Show(const CommandLine& line, ReportWriter& report) {
     field("description", TextOr(module, "description", ""));
     field("state", TextOr(module, "state", "") + (reason.empty() ? "" : ": " + reason));
     field("since", SinceText(module));
-    field("process", NumberText(module, "pid"));
+    const bool isOwn = module.Find("isolated") != nullptr && module.NumberOf("pid").has_value();
+    field("process", NumberText(module, "pid") + (isOwn ? ", its own" : ""));
     field("threads", NumberText(module, "threads"));
     field("health", TextOr(module, "health", "") + (health.empty() ? "" : ": " + health));
     field("starts after", join(module.Find("startAfter")));

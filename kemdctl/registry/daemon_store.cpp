@@ -1,13 +1,19 @@
 #include "kemdctl/registry/daemon_store.h"
 
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
 #include <cstring>
 #include <string>
-#include <utility>
-#include <vector>
 
+#include "base/file_io.h"
+#include "base/paths.h"
 #include "kemdctl/facts/daemon_control.h"
+#include "kemdctl/facts/process_facts.h"
 #include "kemdctl/registry/value.h"
 #include "kemdctl/ui/command.h"
+#include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -25,11 +31,7 @@ std::string Hex(std::string_view bytes) {
     return text + "\"";
 }
 
-std::string Change(const char* kind, std::string_view key) {
-    return std::string("{\"change\":\"") + kind + "\",\"key\":" + Hex(key);
-}
-
-std::string SetChange(std::string_view key, const RegistryEntry& value) {
+std::string SetChange(const char* key, const RegistryEntry& value) {
     std::string data;
     if (value.Type() == kRegistryNumber) {
         const int32_t number = value.Number();
@@ -38,15 +40,13 @@ std::string SetChange(std::string_view key, const RegistryEntry& value) {
     } else {
         data = value.Data();
     }
-    return Change("set", key) + ",\"value\":" + Hex(value.Name()) + ",\"type\":\"" +
+    return "\"set\":{\"key\":" + Hex(key) + ",\"value\":" + Hex(value.Name()) + ",\"type\":\"" +
            TypeName(value.Type()) + "\",\"data\":" + Hex(data) + "}";
 }
 
-std::optional<int> Ask(const std::string& changes, bool isLast) {
-    const std::string request =
-        "{\"request\":\"registry\",\"save\":" + std::string(isLast ? "true" : "false") +
-        ",\"changes\":[" + changes + "]}\n";
-    const ControlAnswer answer = AskDaemon(request, kSeconds);
+// `change`: a member of the request.
+std::optional<int> Ask(const std::string& change) {
+    const ControlAnswer answer = AskDaemon("{\"request\":\"registry\"," + change + "}\n", kSeconds);
     if (answer.kind == AnswerKind::kNotRunning || answer.kind == AnswerKind::kUnreachable) {
         return std::nullopt;
     }
@@ -56,53 +56,35 @@ std::optional<int> Ask(const std::string& changes, bool isLast) {
     return kNo;
 }
 
-// Sends changes in requests that are not too long.
-class Batch {
-  public:
-    // Nothing: no daemon can be asked.
-    std::optional<int> Add(const std::string& change) {
-        constexpr size_t kMost = 60'000;
-        if (!m_changes.empty() && m_changes.size() + change.size() > kMost) {
-            const auto code = Ask(std::exchange(m_changes, ""), false);
-            if (code != kYes) return code;
-        }
-        m_changes += (m_changes.empty() ? "" : ",") + change;
-        return kYes;
+// The whole file; false with errno.
+bool Copy(int file, const FileSink& write) {
+    if (lseek(file, 0, SEEK_SET) != 0) return false;
+    std::array<char, size_t{16} * 1024> buffer{};
+    for (;;) {
+        const ReadResult got = ReadFully(file, buffer.data(), buffer.size());
+        if (got.error != 0) errno = got.error;
+        if (got.error != 0 || !write({buffer.data(), got.count})) return false;
+        if (got.count < buffer.size()) return true;
     }
-    std::optional<int> Finish() { return Ask(m_changes, true); }
-
-  private:
-    std::string m_changes;
-};
+}
 
 }  // namespace
 
 std::optional<int> SetInDaemon(const char* key, const RegistryEntry& value) {
-    return Ask(SetChange(key, value), true);
+    return Ask(SetChange(key, value));
 }
 
 std::optional<int> DeleteInDaemon(const char* key, const char* value) {
     const std::string what = value != nullptr ? ",\"value\":" + Hex(value) : "";
-    return Ask(Change("delete", key) + what + "}", true);
+    return Ask("\"delete\":{\"key\":" + Hex(key) + what + "}");
 }
 
-std::optional<int> ImportIntoDaemon(const RegistryKey& tree) {
-    Batch batch;
-    // The path of each key with a backslash at its end: slashes in it then belong to names.
-    std::vector<std::pair<std::string, RegistryKey>> keys = {{"", tree}};
-    while (!keys.empty()) {
-        const auto [path, key] = std::move(keys.back());
-        keys.pop_back();
-        const bool isRoot = path.empty();
-        const LockedNode locked(*key);
-        for (const RegistryEntry& entry : locked.Entries()) {
-            const std::string name = path + std::string(entry.Name()) + "\\";
-            const bool isKey = entry.Type() == kRegistrySubkey;
-            const auto code = batch.Add(isKey ? Change(isRoot ? "clear" : "make", name) + "}"
-                                              : SetChange(path, entry));
-            if (code != kYes) return code;
-            if (isKey) keys.emplace_back(name, entry.Node());
-        }
-    }
-    return batch.Finish();
+std::optional<int> ImportIntoDaemon(int file) {
+    if (FindDaemon() == 0) return std::nullopt;
+    const auto copy = [file](const FileSink& write) { return Copy(file, write); };
+    if (const int code = WriteOutputFile(kRegistryImportFile, 0600, copy); code != kYes)
+        return code;
+    const auto code = Ask("\"import\":" + JsonQuoted(kRegistryImportFile));
+    (void)unlink(kRegistryImportFile);
+    return code;
 }

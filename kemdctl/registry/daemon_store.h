@@ -9,5 +9,6 @@
 std::optional<int> SetInDaemon(const char* key, const RegistryEntry& value);
 // The whole key without `value`.
 std::optional<int> DeleteInDaemon(const char* key, const char* value);
-// Replaces the root keys that the tree has.
-std::optional<int> ImportIntoDaemon(const RegistryKey& tree);
+// Replaces the root keys that the open file has, all or none. The daemon sees other directories
+// than this process, so it reads a copy beside the store.
+std::optional<int> ImportIntoDaemon(int file);

@@ -6,6 +6,7 @@
 
 #include "base/file_io.h"
 #include "base/paths.h"
+#include "kemdctl/facts/process_facts.h"
 #include "kemdctl/registry/command.h"
 #include "kemdctl/registry/daemon_store.h"
 #include "kemdctl/registry/file_check.h"
@@ -35,19 +36,16 @@ UniqueFd SpoolInput() {
     return {};
 }
 
+// From the file's begin: 0, or what ParseRegistry says.
+int Parse(int file, CRegistryNode& to) {
+    if (lseek(file, 0, SEEK_SET) != 0) return errno;
+    LineReader lines(file);
+    return ParseRegistry(lines, to);
+}
+
 int ImportError(const char* path, int error) {
     Complain("cannot import %s: %s", Printable(path).c_str(), LoadErrorText(error).c_str());
     return kError;
-}
-
-// Nothing when no daemon can be asked; the file is then at its begin again.
-std::optional<int> ImportInDaemon(int file, const char* path) {
-    const RegistryKey tree(new CRegistryNode);
-    LineReader lines(file);
-    if (const int error = ParseRegistry(lines, *tree)) return ImportError(path, error);
-    const auto code = ImportIntoDaemon(tree);
-    if (!code && lseek(file, 0, SEEK_SET) != 0) return FileError("read", path);
-    return code;
 }
 
 }  // namespace
@@ -97,21 +95,22 @@ int RegistryImport(const CommandLine& line, ReportWriter& /*report*/) {
         if (++findings > kShown) return;
         Complain("%s:%zu: %s", Printable(path).c_str(), number, what.c_str());
     });
-    if (!isRead || lseek(file.Get(), 0, SEEK_SET) != 0) return FileError("read", path);
+    if (!isRead) return FileError("read", path);
     if (findings > 0 && !line.Has("--force")) {
         Complain("%s: nothing was imported; --force imports the file anyway",
                  Counted(findings, "finding").c_str());
         return kNo;
     }
+    int error = Parse(file.Get(), *RegistryKey(new CRegistryNode));
+    if (error != 0) return ImportError(path, error);
     WriterLock lock;
     if (!lock.Take()) return kError;
-    if (const auto code = ImportInDaemon(file.Get(), path)) return *code;
+    if (const auto code = ImportIntoDaemon(file.Get())) return *code;
     if (!LoadStore()) {
         if (TheRegistryStore().LoadError() != 0) return kError;
         Complain("note: %s becomes the whole store", Printable(path).c_str());
     }
-    LineReader lines(file.Get());
-    const int error = ParseRegistry(lines, *TheRegistryStore().Root());
+    error = Parse(file.Get(), *TheRegistryStore().Root());
     if (error != 0) return ImportError(path, error);
     TheRegistryStore().MarkDirty();
     return SaveStore();
@@ -119,6 +118,12 @@ int RegistryImport(const CommandLine& line, ReportWriter& /*report*/) {
 
 int RegistryRestore(const CommandLine& line, ReportWriter& /*report*/) {
     const char* const source = line.Has("--default") ? kRegistryDefaultFile : kRegistryOldFile;
+    if (FindDaemon() != 0) {
+        Complain(
+            "kemd is running, and its modules would overwrite what is restored: stop kemd first,");
+        Complain("or take the root keys that %s has: kemdctl registry import %s", source, source);
+        return kError;
+    }
     WriterLock lock;
     if (!lock.Take()) return kError;
     // Into the empty tree: if the store were loaded first, its other keys would stay.

@@ -31,6 +31,7 @@ RegistryKey EnsureSubkey(CRegistryNode& node, std::string_view name) {
     if (locked.IsDeleted()) return {};
     const RegistryEntry* entry = locked.Find(name);
     if (entry != nullptr) return entry->Node();
+    if (TheRegistryStore().IsReadOnly()) return {};
     RegistryKey key(new CRegistryNode);
     (void)locked.Put(RegistryEntry(name, key));  // replaces nothing
     TheRegistryStore().MarkDirty();
@@ -194,6 +195,7 @@ int32_t CRegistry::CreateKey(const RegistryHandle& node, const char* path) try {
 int32_t CRegistry::Remove(const char* name, bool onlySubkey) {
     TheRegistryStore().MarkDirty();
     if (!m_key) return kRegistryInvalid;
+    if (TheRegistryStore().IsReadOnly()) return kRegistryFailed;
     RemovedEntry removed;  // freed after the lock
     LockedNode locked(*m_key);
     if (locked.IsDeleted()) return kRegistryInvalid;

@@ -64,7 +64,7 @@ bool CRegistry::SetValue(const char* name, const void* data, uint32_t size, uint
     TRACE(2, "CRegistry::SetValue \"%s\" %d %d\n", name, static_cast<int>(size),
           static_cast<int>(type));
     const RegistryKey key = KeyOf(node);
-    if (!key || !IsStorable(data, size, type)) return false;
+    if (!key || !IsStorable(data, size, type) || TheRegistryStore().IsReadOnly()) return false;
     RemovedEntry replaced;  // freed after the lock
     LockedNode locked(*key);
     if (locked.IsDeleted()) return false;

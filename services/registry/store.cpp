@@ -132,6 +132,18 @@ int RegistryStore::Write() {
     return m_failedFile != nullptr ? errno : 0;
 }
 
+int RegistryStore::Import(const char* path) {
+    const CancelGuard guard;
+    const RecursiveLock lock(m_setupLock);
+    if (m_loadError != 0) return m_loadError;
+    ParsedRegistry parsed = LoadRegistryFile(path);
+    if (parsed.error != 0) return parsed.error;
+    MarkDirty();
+    Take(std::move(*parsed.entries));
+    MarkDirty();
+    return 0;
+}
+
 bool RegistryStore::Save() {
     const CancelGuard guard;
     const RecursiveLock lock(m_setupLock);

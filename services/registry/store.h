@@ -33,8 +33,16 @@ class RegistryStore {
     void EnsureRootKeys();
     // Call before a change, even if that fails later, and again after it: a save in between has not
     // seen the change.
-    void MarkDirty() { m_isDirty = true; }
+    void MarkDirty() {
+        if (!m_isReadOnly) m_isDirty = true;
+    }
+    // From now on every change fails: the tree is a copy that another process owns. Before the
+    // first thread.
+    void SetReadOnly() { m_isReadOnly = true; }
+    [[nodiscard]] bool IsReadOnly() const { return m_isReadOnly; }
     [[nodiscard]] bool IsDirty() const { return m_isDirty; }
+    // See KemdRegistryImport.
+    int Import(const char* path);
     // See CRegistry::SaveTree.
     bool Save();
     // The file at which the last save failed.
@@ -57,6 +65,7 @@ class RegistryStore {
     std::atomic<bool> m_isSetup{false};
     std::atomic<bool> m_isLoaded{false};
     std::atomic<bool> m_isDirty{false};
+    bool m_isReadOnly = false;
     int m_saveError = 0;              // of the last save; guarded by the set-up lock
     std::atomic<int> m_loadError{0};  // written with the set-up lock
     std::atomic<const char*> m_file{nullptr};

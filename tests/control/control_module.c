@@ -67,6 +67,10 @@ static int Request(void* user, const char* text, struct KemdReply* reply) {
         const int error = pthread_create(&thread, NULL, Hang, NULL);
         return error != 0 ? error : pthread_detach(thread);
     }
+    if (strcmp(text, "crash") == 0) {
+        KemdTrace((const char*)user, 1, "crashes");
+        *(volatile int*)16 = 1;
+    }
     if (strcmp(text, "leave") == 0) pthread_exit(NULL);
     if (strcmp(text, "flood") == 0) {
         int error = 0;

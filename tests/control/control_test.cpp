@@ -1,5 +1,7 @@
 // The control socket of the switch library that ships: what clients ask for, and what they cannot
 // do to the daemon.
+#include "tests/control/control_test.h"
+
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,11 +13,6 @@
 #include <memory>
 #include <thread>
 
-#include "switch/switch_binding.h"
-#include "tests/control/control_client.h"
-#include "tests/modules.h"
-#include "tests/traced_test.h"
-
 static std::atomic<int> g_syncs{0};
 
 int fsync(int file) {
@@ -24,65 +21,6 @@ int fsync(int file) {
 }
 
 namespace {
-
-namespace fs = std::filesystem;
-
-class ControlTest : public TracedTest {
-  protected:
-    void SetUp() override {
-        TracedTest::SetUp();
-        std::thread([] {}).join();  // the thread sanitizer makes one of its own beside the first
-        fs::copy("/build/lib/libswitch.so", "/tmp/switch/libswitch.so",
-                 fs::copy_options::overwrite_existing);
-        ClearModules();
-        fs::remove_all("/etc/kemd");
-        fs::remove("/tmp/fail");
-        (void)mkfifo("/tmp/hang", 0600);
-        setenv("OV_MODULE_DIR", kModules, 1);
-        for (const char* const name : {"base", "user"}) {
-            AddModule(std::string("/test/control/") + name + ".so");
-        }
-    }
-    void TearDown() override {
-        if (m_binding.pInterface != nullptr) (void)End();
-        TracedTest::TearDown();
-    }
-    void Begin() {
-        ASSERT_TRUE(m_binding.Load());
-        ASSERT_TRUE(m_binding.LoadModules(&m_params));
-        m_binding.pInterface->StartAllModules();
-    }
-    // Whether all modules were unloaded.
-    bool End() {
-        m_binding.pInterface->StopAllModules();
-        const bool isUnloaded = m_binding.UnloadModules(0);
-        m_binding.Unload();
-        return isUnloaded;
-    }
-    static void Settings(const std::string& name, const std::string& text) {
-        const std::string file = "/etc/kemd/" + name;
-        WriteFile(file, text);
-        for (const std::string& path :
-             {std::string("/etc/kemd"), fs::path(file).parent_path().string(), file}) {
-            ASSERT_EQ(chmod(path.c_str(), 0755), 0);
-        }
-    }
-    // Lets one call or thread that hangs go on.
-    static void Release() { close(open("/tmp/hang", O_WRONLY | O_CLOEXEC)); }
-    static bool IsMapped(const std::string& name) {
-        return Contains(ReadFile("/proc/self/maps"), "/" + name + ".so");
-    }
-    static std::string ModeOf(const char* path) {
-        struct stat status {};
-        if (lstat(path, &status) != 0) return "none";
-        char text[32];
-        std::snprintf(text, sizeof text, "%o group %u", status.st_mode, status.st_gid);
-        return text;
-    }
-
-    SwitchBinding m_binding{};
-    ModuleLoadParams m_params{kForceRescan, kRunModeNormal};
-};
 
 TEST_F(ControlTest, RequestsAndTheirAnswers) {
     WriteFile("/tmp/modules/broken.so", "no library");
@@ -377,45 +315,62 @@ TEST_F(ControlTest, TheRegistryChangesInTheDaemon) {
     WriteFile("/etc/orvmon/registry",
               "[HKEY_LOCAL_MACHINE]\n\n[HKEY_USERS]\nold=s=1\n[gone]\n\n\n");
     Begin();
-    const auto change = [](const std::string& members) {
-        return Ask("{\"request\":\"registry\",\"changes\":[" + members + "]}");
+    const auto change = [](const std::string& member) {
+        return Ask("{\"request\":\"registry\"," + member + "}");
     };
     const auto set = [&](const std::string& key, const std::string& value, const std::string& type,
                          const std::string& data) {
-        return "{\"change\":\"set\",\"key\":" + Hex(key) + ",\"value\":" + Hex(value) +
-               ",\"type\":\"" + type + "\",\"data\":" + data + "}";
+        return change("\"set\":{\"key\":" + Hex(key) + ",\"value\":" + Hex(value) + ",\"type\":\"" +
+                      type + "\",\"data\":" + data + "}");
     };
-    const auto clear = "{\"change\":\"clear\",\"key\":" + Hex("HKEY_USERS") + "}";
     const auto remove = [&](const std::string& key, const std::string& value) {
         const std::string what = value.empty() ? "" : ",\"value\":" + Hex(value);
-        return change("{\"change\":\"delete\",\"key\":" + Hex(key) + what + "}");
+        return change("\"delete\":{\"key\":" + Hex(key) + what + "}");
     };
-    EXPECT_EQ(change(clear + "," + set("HKEY_USERS/a/b", "n", "number", "\"ffffffff\"") + "," +
-                     set("HKEY_USERS/a", "t\xff", "string", Hex("x\xe9"))),
-              "{\"result\":{}}");
+    const auto import = [&](const std::string& path) {
+        return change("\"import\":\"" + path + "\"");
+    };
+    // A root key that was not there comes with the file; what another one has there goes.
+    WriteFile("/tmp/import", "[HKEY_USERS]\n[a]\n\n\n[HKEY_CURRENT_CONFIG]\nx=s=y\n\n\n");
+    EXPECT_EQ(import("/tmp/import"), "{\"result\":{}}");
+    const std::string others = "[HKEY_CURRENT_CONFIG]\nx=s=y\n\n[HKEY_LOCAL_MACHINE]\n\n";
+    const std::string imported = others + "[HKEY_USERS]\n[a]\n\n\n\n";
+    EXPECT_EQ(ReadFile("/etc/orvmon/registry"), imported);
+    EXPECT_EQ(set("HKEY_USERS/a/b", "n", "number", "\"ffffffff\""), "{\"result\":{}}");
+    // A change that cannot be saved comes with the next one.
+    fs::create_directories("/etc/orvmon/registry.new/x");
+    EXPECT_EQ(
+        set("HKEY_USERS/a", "t\xff", "string", Hex("x\xe9")),
+        "{\"error\":\"the modules have the change, but it cannot be saved before the next one: "
+        "Is a directory\"}");
+    fs::remove_all("/etc/orvmon/registry.new");
+    EXPECT_EQ(remove("HKEY_USERS/a/b", "n"), "{\"result\":{}}");
     EXPECT_EQ(ReadFile("/etc/orvmon/registry"),
-              "[HKEY_LOCAL_MACHINE]\n\n[HKEY_USERS]\n[a]\nt\xff=s=x\xe9\n[b]\nn=d=-1\n\n\n\n\n");
+              others + "[HKEY_USERS]\n[a]\nt\xff=s=x\xe9\n[b]\n\n\n\n\n");
+    WriteFile("/tmp/import", "no registry\n");
     const struct {
         std::string actual;
         std::string expected;
     } cases[] = {
         {remove("HKEY_USERS", ""), "a root key cannot be deleted"},
-        {change(set("HKEY_USERS", "a", "string", "\"\"")),
-         "HKEY_USERS has a key a; delete that first"},
-        {change(set("HKEY_NONE/a", "a", "string", "\"\"")), "cannot make the key HKEY_NONE/a"},
-        {change(set("HKEY_USERS", "a", "number", "\"00\"")), "change 1: a number has four bytes"},
-        {change(set("HKEY_USERS", "a", "text", "\"00\"")), "change 1: an unknown type"},
-        {change(set("HKEY_USERS", "a", "string", "\"0x\"")),
-         "change 1: value or data are missing or not hexadecimal"},
+        {set("HKEY_USERS", "a", "string", "\"\""), "HKEY_USERS has a key a; delete that first"},
+        {set("HKEY_NONE/a", "a", "string", "\"\""), "cannot make the key HKEY_NONE/a"},
+        {set("HKEY_USERS", "a", "number", "\"00\""), "a number has four bytes"},
+        {set("HKEY_USERS", "a", "text", "\"00\""), "an unknown type"},
+        {set("HKEY_USERS", "a", "string", "\"0x\""),
+         "value or data are missing or not hexadecimal"},
+        {import("/tmp/import"), "cannot import /tmp/import: it holds no registry"},
+        {import("/tmp/nothing"), "cannot import /tmp/nothing: No such file or directory"},
+        {import("tmp/import"), "import is no absolute path"},
+        {import("/tmp/import\",\"delete\":{\"key\":\"41\"},\"x\":\""), "more than one change"},
     };
     for (const auto& [actual, expected] : cases)
         EXPECT_EQ(actual, "{\"error\":\"" + expected + "\"}");
     EXPECT_EQ(remove("HKEY_USERS/a", "n"), R"({"result":{"absent":"no value n in HKEY_USERS/a"}})");
     EXPECT_EQ(remove("HKEY_USERS/a", "b"), R"({"result":{"absent":"no value b in HKEY_USERS/a"}})");
     EXPECT_EQ(remove("HKEY_USERS/x", ""), R"({"result":{"absent":"no key HKEY_USERS/x"}})");
-    EXPECT_EQ(remove("HKEY_USERS/a/b", "n"), "{\"result\":{}}");
     EXPECT_EQ(remove("HKEY_USERS/a", ""), "{\"result\":{}}");
-    EXPECT_EQ(ReadFile("/etc/orvmon/registry"), "[HKEY_LOCAL_MACHINE]\n\n[HKEY_USERS]\n\n\n");
+    EXPECT_EQ(ReadFile("/etc/orvmon/registry"), others + "[HKEY_USERS]\n\n\n");
 }
 
 // In poll and futex without a time-out, as the kernel shows their arguments.

@@ -16,7 +16,9 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         Require(document && !document->TextOf("error").empty(), "an answer that is no JSON");
         return 0;
     }
-    const bool isForModule = request.kind != ControlRequest::kModules && request.changes.empty();
+    const bool isForModule = request.kind != ControlRequest::kModules &&
+                             request.kind != ControlRequest::kRegistry &&
+                             request.kind != ControlRequest::kTraceLevel;
     Require(request.module.empty() != isForModule, "no module");
     for (const std::string& text : {request.module, request.text}) {
         Require(text.find('\0') == text.npos, "a NUL");

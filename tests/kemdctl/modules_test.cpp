@@ -134,12 +134,18 @@ TEST_F(ModulesTest, TheRegistryOfTheRunningDaemonIsChanged) {
         Contains(step("delete HKEY_USERS/a x", 1, "old=s=1\n"), "no value x in HKEY_USERS/a"));
     EXPECT_TRUE(Contains(step("set HKEY_USERS a string 1", 2, "[a]\n"), "delete that first"));
     (void)step("delete HKEY_USERS/a", 0, "[HKEY_USERS]\nold=s=1\n[gone]\n");
-    std::string import = "[HKEY_USERS]\n[empty]\n\n[with/slash]\n";
+    std::string import = "[HKEY_CURRENT_USER]\n\n[HKEY_USERS]\n[empty]\n\n[with/slash]\n";
     std::string values;
     for (int i = 1000; i < 3000; ++i) values += "v" + std::to_string(i) + "=b=00 ff \n";
     WriteFile("/tmp/import", import + values + "\n\n");
-    (void)step("import /tmp/import", 0, "[HKEY_USERS]\n[empty]\n\n[with/slash]\n" + values);
-    EXPECT_TRUE(Contains(ReadFile(file), "[counter]\nStarts=d=7\n"));
+    (void)step("import - </tmp/import", 0, "[HKEY_USERS]\n[empty]\n\n[with/slash]\n" + values);
+    EXPECT_TRUE(InOrder(ReadFile(file), {"[HKEY_CURRENT_USER]\n\n", "[HKEY_LOCAL_MACHINE]\n"}));
+    EXPECT_FALSE(fs::exists(file + ".import"));
+    WriteFile("/tmp/import", "nothing\n");
+    EXPECT_TRUE(
+        Contains(step("import --force /tmp/import", 2, values), "/tmp/import: it holds no"));
+    EXPECT_TRUE(Contains(step("restore", 2, values), "stop kemd first,\n"));
+    EXPECT_TRUE(Contains(ReadFile(file), "[counter]\nStarts=d=9\n"));
     EXPECT_EQ(Stop(pid), 0);
 }
 

@@ -74,7 +74,8 @@ TEST(ModuleHost, RefusesWhatIsNoModule) {
     mkfifo("/tmp/pipe.so", 0600);
     for (const std::string arguments :
          {"", "/nowhere.so", "/tmp/cut.so", "/tmp/pipe.so", "/test/bad_modules/bad_symbol.so",
-          "/build/bin/kemd a b", "--timeout 0 /build/modules/heartbeat.so"}) {
+          "/test/bad_modules/bad_newer.so", "/build/bin/kemd a b",
+          "--timeout 0 /build/modules/heartbeat.so"}) {
         const auto result = RunHost(arguments);
         EXPECT_EQ(result.status, 2) << arguments;
         EXPECT_TRUE(result.report.empty() && !result.trace.empty()) << arguments;

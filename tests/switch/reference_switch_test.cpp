@@ -81,7 +81,7 @@ TEST_F(ReferenceSwitchTest, BadModulesAreNamedAndLeftOut) {
     dup2(journal.Get(), STDERR_FILENO);
     const auto name = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
     setenv("JOURNAL_STREAM", name.c_str(), 1);
-    for (const std::string fault : {"function", "symbol", "version"}) {
+    for (const std::string fault : {"function", "newer", "symbol", "version"}) {
         AddModule("/test/bad_modules/bad_" + fault + ".so");
     }
     AddModule("/test/misbehaving/any.so", "fails.so");
@@ -103,6 +103,8 @@ TEST_F(ReferenceSwitchTest, BadModulesAreNamedAndLeftOut) {
                    "STATUS=running, 1 module\n", "STATUS=stopping module notifications.so\n"}));
     std::vector<std::string> lines{
         "module bad_function.so is left out: start or stop is missing\n",
+        "module bad_newer.so cannot be loaded: /tmp/modules/bad_newer.so: undefined symbol: KemdNewer; "
+        "neither kemd 1.0 nor a library of the module has it: update kemd, or link that library\n",
         "module bad_symbol.so is left out: it does not export kemdModule\n",
         "module bad_version.so is left out: its interface version is another\n",
         "module cut.so is left out: cut off after 4096 bytes\n",

@@ -64,6 +64,49 @@ TEST_F(DebugTest, TargetAndSwitchSayWhichRecordsGoWhere) {
     EXPECT_FALSE(fs::exists(kRuntimeRing));
 }
 
+TEST_F(DebugTest, RecordsOfOtherProcessesHaveTheirThread) {
+    ASSERT_TRUE(StartRing(Debug));
+    const std::string prefix = Prefix("other");
+    const auto forwarded = [&](const std::string& text) {
+        return prefix.substr(0, 24) + "[0000BEEF] " + prefix.substr(35) + text + "\n";
+    };
+    KemdTraceForward("other", 5, 0xbeef, "100 %s\n");
+    KemdTraceForward("other", 6, 0xbeef, "above the level");
+    KemdTraceForward("other", 0, 0xbeef, "a message");
+    ExpectNew(forwarded("100 %s") + forwarded("a message"), forwarded("a message"));
+    Debug.SwitchTrace(false);
+    KemdTraceForward("other", 1, 0xbeef, "lost");
+    KemdTraceForward("other", 0, 0xbeef, "a message");
+    ExpectNew(forwarded("a message"), forwarded("a message"));
+}
+
+TEST_F(DebugTest, SharedLevelFollowsEachChange) {
+    uint32_t shared = 99;
+    Configure("FileDebugLevel = 4\nRingBufferSizeFactor = 1\nRingBufferSizeWeight = 1\n");
+    KemdTraceShareLevel(&shared);
+    const auto expect = [&](unsigned level, const char* change) {
+        EXPECT_EQ(level, shared) << change;
+        EXPECT_EQ(level, KemdTraceLevel()) << change;
+    };
+    expect(0, "not open yet");
+    ASSERT_TRUE(Debug.Init("kemd"));
+    expect(4, "Init");
+    Debug.InitDone();
+    expect(4, "the run-time ring");
+    EXPECT_EQ(0, KemdTraceSetLevel(2));
+    expect(2, "another level");
+    Debug.SwitchTrace(false);
+    expect(0, "off");
+    Debug.SwitchTrace(true);
+    expect(4, "on");
+    if (const pid_t child = fork(); child == 0) _exit(0);
+    EXPECT_GT(wait(nullptr), 0);
+    expect(4, "a child of ours");
+    KemdTraceShareLevel(nullptr);
+    Debug.Close();
+    EXPECT_EQ(4U, shared);
+}
+
 TEST_F(DebugTest, SecondInitClosesWhatWasOpen) {
     ASSERT_TRUE(StartRing(debug));
     const auto open = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };

@@ -152,10 +152,13 @@ TEST_F(TraceConfigTest, DynamicUpdateTakesLevelMemoryColumnAndIntervalFromChange
                     std::string("[GlobalDebugSettings]DynamicUpdate=") + seconds + "\n[EndOfFile]",
                     modified);
     };
+    uint32_t shared = 0;
+    debug.ShareLevel(&shared);
     // The level after a trace call at that time. The call itself writes nothing.
-    const auto levelAt = [this](time_t second) {
+    const auto levelAt = [&](time_t second) {
         SetClock(kStart + second);
         debug.Trace(1000, "not written");
+        EXPECT_EQ(shared, debug.TraceLevel());
         return debug.TraceLevel();
     };
     setenv("OV_LOG_DEBUG_LEVEL", "4", 1);
@@ -180,6 +183,7 @@ TEST_F(TraceConfigTest, DynamicUpdateTakesLevelMemoryColumnAndIntervalFromChange
     EXPECT_EQ(6u, levelAt(9));
     Configure("FileDebugLevel=8", kStart + 5);
     EXPECT_EQ(6u, levelAt(1000));  // switched off
+    debug.ShareLevel(nullptr);
 }
 
 }  // namespace

@@ -1,0 +1,193 @@
+#include "switch_library/isolated_modules.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <exception>
+#include <new>
+
+#include "kemd/trace.h"
+#include "switch_library/module_board.h"
+#include "switch_library/service_manager.h"
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+namespace {
+
+constexpr const char* kTag = "switch";
+constexpr size_t kPageSize = 4096;
+
+}  // namespace
+
+std::string IsolatedModules::Start() {
+    if (m_thread.joinable()) return {};
+    m_wakeup.Reset(KeepHigh(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
+    m_levelFile.Reset(KeepHigh(memfd_create("kemd-trace-level", MFD_CLOEXEC)));
+    if (!m_wakeup.IsOpen() || !m_levelFile.IsOpen() ||
+        ftruncate(m_levelFile.Get(), kPageSize) != 0 ||
+        !m_level.MapShared(m_levelFile.Get(), kPageSize)) {
+        return std::string("no descriptor for isolated modules: ") + std::strerror(errno);
+    }
+    // Others only read it.
+    const std::string path = "/proc/self/fd/" + std::to_string(m_levelFile.Get());
+    m_levelFile.Reset(KeepHigh(open(path.c_str(), O_RDONLY | O_CLOEXEC)));
+    if (!m_levelFile.IsOpen()) return path + ": " + std::strerror(errno);
+    KemdTraceShareLevel(reinterpret_cast<uint32_t*>(m_level.Data()));
+    m_isEnding = false;
+    m_thread = std::thread([this] { Run(); });
+    return {};
+}
+
+std::shared_ptr<IsolatedProcess> IsolatedModules::Spawn(const std::string& module, bool isRestarted,
+                                                        std::string& fault) try {
+    fault = Start();
+    if (!fault.empty()) return nullptr;
+    Order order{module, nullptr, {}, false};
+    std::unique_lock lock(m_lock);
+    m_restarts[module].isWanted = isRestarted;
+    m_order = &order;
+    Wake();
+    m_done.wait(lock, [&] { return order.isDone; });
+    fault = std::move(order.fault);
+    return std::move(order.process);
+} catch (const std::system_error& error) {
+    fault = std::string("no thread for isolated modules: ") + error.what();
+    return nullptr;
+}
+
+void IsolatedModules::Forget(const std::string& module) {
+    const std::lock_guard lock(m_lock);
+    m_restarts.erase(module);
+}
+
+void IsolatedModules::Stop() {
+    if (!m_thread.joinable()) return;
+    m_isEnding = true;
+    Wake();
+    m_thread.join();
+    KemdTraceShareLevel(nullptr);
+    m_level.Unmap();
+    m_levelFile.Reset();
+    m_wakeup.Reset();
+    m_restarts.clear();
+}
+
+void IsolatedModules::Wake() const {
+    const uint64_t one = 1;
+    (void)!write(m_wakeup.Get(), &one, sizeof one);
+}
+
+void IsolatedModules::Run() {
+    (void)pthread_setname_np(pthread_self(), "kemd-isolated");
+    m_threadId = gettid();
+    while (!m_isEnding) {
+        try {
+            FillOrder();
+            Serve();
+            std::erase_if(m_processes, [](const auto& process) { return process->IsOver(); });
+            ReviveDue();
+        } catch (const std::bad_alloc&) {
+            usleep(100'000);  // what is there is still there afterwards
+        }
+    }
+    m_processes.clear();
+    m_threadId = 0;
+}
+
+// Waits for what happens next.
+void IsolatedModules::Serve() {
+    m_polled.assign(1, {m_wakeup.Get(), POLLIN, 0});
+    for (const auto& process : m_processes) {
+        m_polled.push_back({process->Watch(), POLLIN, 0});
+        m_polled.push_back({process->Trace(), POLLIN, 0});
+    }
+    if (poll(m_polled.data(), m_polled.size(), PollTimeout()) < 0) return;
+    uint64_t count = 0;
+    if (m_polled[0].revents != 0) (void)!read(m_wakeup.Get(), &count, sizeof count);
+    for (size_t i = 0; i < m_processes.size(); ++i) {
+        if (m_polled[2 * i + 2].revents != 0) m_processes[i]->ForwardTrace();
+        if (m_polled[2 * i + 1].revents != 0) ReportEnd(*m_processes[i]);
+    }
+}
+
+void IsolatedModules::FillOrder() {
+    const std::lock_guard lock(m_lock);
+    if (m_order == nullptr) return;
+    Order& order = *std::exchange(m_order, nullptr);
+    try {
+        m_processes.reserve(m_processes.size() + 1);
+        order.process = IsolatedProcess::Spawn(order.module, m_levelFile.Get(), order.fault);
+        if (order.process != nullptr) m_processes.push_back(order.process);
+    } catch (const std::bad_alloc&) {
+        order.fault = "not enough memory";
+    }
+    order.isDone = true;
+    m_done.notify_all();
+}
+
+void IsolatedModules::ReportEnd(IsolatedProcess& process) {
+    const bool isReported = process.TakeEnd();
+    const std::string end = process.EndText();
+    const char* const module = process.Module().c_str();
+    if (isReported) {
+        std::array<char, 64> next = {"it is not started again"};
+        const std::lock_guard lock(m_lock);
+        const auto restart = m_restarts.find(process.Module());
+        const bool isRestarted = restart != m_restarts.end() && restart->second.isWanted;
+        if (isRestarted) {
+            const auto now = Clock::now();
+            restart->second.due = restart->second.plan.Next(now);
+            const auto delay = std::chrono::round<seconds>(*restart->second.due - now);
+            std::snprintf(next.data(), next.size(), "it is started again in %ld s",
+                          static_cast<long>(delay.count()));
+        }
+        constexpr const char* kText = "module %s: %s; %s";
+        KemdMessage(kTag, kText, module, end.c_str(), next.data());
+        WriteToJournal(kText, module, end.c_str(), next.data());
+        const std::string crash = process.CrashText();
+        if (!crash.empty()) KemdMessage(kTag, "module %s crashed: %s", module, crash.c_str());
+        TheModuleBoard().Set(process.Module(),
+                             isRestarted ? ModuleState::kRestarting : ModuleState::kFailed, end);
+    }
+    process.DeclareOver();
+}
+
+void IsolatedModules::ReviveDue() {
+    std::vector<std::string> due;
+    {
+        const std::lock_guard lock(m_lock);
+        const auto now = Clock::now();
+        for (auto& [module, restart] : m_restarts) {
+            if (!restart.due || *restart.due > now) continue;
+            due.push_back(module);
+            restart.due.reset();
+        }
+    }
+    for (const std::string& module : due) {
+        if (m_revive(module)) continue;
+        const std::lock_guard lock(m_lock);
+        const auto restart = m_restarts.find(module);
+        if (restart != m_restarts.end()) restart->second.due = Clock::now() + seconds(1);
+    }
+}
+
+int IsolatedModules::PollTimeout() {
+    const std::lock_guard lock(m_lock);
+    auto next = Clock::time_point::max();
+    for (const auto& [module, restart] : m_restarts) {
+        if (restart.due) next = std::min(next, *restart.due);
+    }
+    if (m_order != nullptr) return 0;
+    if (next == Clock::time_point::max()) return -1;
+    const auto delay = std::chrono::ceil<milliseconds>(next - Clock::now());
+    return static_cast<int>(std::clamp<int64_t>(delay.count(), 0, 3'600'000));
+}
