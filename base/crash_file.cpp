@@ -244,7 +244,8 @@ bool AppendIsolatedCrash(std::string_view line) {
         errno = EINVAL;
         return false;
     }
-    return Append("{\"isolated\":true," + std::string(line.substr(1)), kMostBytes);
+    line = TrimEnd(line.substr(1), "\n");
+    return Append("{\"isolated\":true," + std::string(line) + "\n", kMostBytes);
 }
 
 bool AppendEnabled(const std::string& module) {

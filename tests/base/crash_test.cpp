@@ -12,6 +12,7 @@
 #include "base/crash_file.h"
 #include "base/crash_handler.h"
 #include "base/paths.h"
+#include "base/text.h"
 #include "tests/world.h"
 
 // A crash is not for the sanitizers to find.
@@ -207,7 +208,7 @@ TEST(CrashFile, IsBoundedAndKeepsWhatHoldsAModuleBack) {
     WriteFile(kCrashFile, text + "{\"ti");
     chmod(kCrashFile, 0640);
     EXPECT_TRUE(OpenCrashFile().IsOpen());
-    EXPECT_TRUE(AppendIsolatedCrash(Line("02:00", "own")));
+    EXPECT_TRUE(AppendIsolatedCrash(std::string(TrimEnd(Line("02:00", "own")))));
     EXPECT_TRUE(AppendEnabled("n199 \"\xc3"));
     const auto crashes = ReadCrashes();
     ASSERT_TRUE(crashes);
