@@ -240,12 +240,14 @@ UniqueFd OpenCrashFile() {
 }
 
 bool AppendIsolatedCrash(std::string_view line) {
-    if (!line.starts_with('{')) {
+    std::string marked = "{\"isolated\":true,";
+    if (line.starts_with('{')) marked.append(line.substr(1, line.find('\n')));
+    const std::optional<CrashRecord> crash = ParseLine(marked);
+    if (!crash || !crash->enabled.empty() || !marked.ends_with('\n')) {
         errno = EINVAL;
         return false;
     }
-    line = TrimEnd(line.substr(1), "\n");
-    return Append("{\"isolated\":true," + std::string(line) + "\n", kMostBytes);
+    return Append(marked, kMostBytes);
 }
 
 bool AppendEnabled(const std::string& module) {

@@ -42,8 +42,9 @@ struct CrashRecord {
 // that IsHeldBack needs. For the daemon, at its start. Not open, with errno, on failure.
 [[nodiscard]] UniqueFd OpenCrashFile();
 
-// The line of a module's own process, as its handler made it, with a mark; with or without its line
-// feed. Dropped, with EFBIG, when the file has grown beyond 1 MiB. False with errno.
+// The line of a module's own process, as its handler made it, with a mark. The process may have
+// lost its rights: what is no line of a crash is refused with EINVAL. Dropped, with EFBIG, when the
+// file has grown beyond 1 MiB. False with errno.
 [[nodiscard]] bool AppendIsolatedCrash(std::string_view line);
 // Crashes of the module before this no longer count.
 [[nodiscard]] bool AppendEnabled(const std::string& module);

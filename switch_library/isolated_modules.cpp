@@ -90,21 +90,24 @@ void IsolatedModules::Run() {
     (void)pthread_setname_np(pthread_self(), "kemd-isolated");
     m_threadId = gettid();
     while (!m_isEnding) {
-        try {
-            FillOrder();
-            Serve();
-            std::erase_if(m_processes, [](const auto& process) { return process->IsOver(); });
-            ReviveDue();
-        } catch (const std::bad_alloc&) {
-            usleep(100'000);  // what is there is still there afterwards
-        }
+        if (!Serve()) usleep(100'000);  // what is there is still there afterwards
     }
     m_processes.clear();
     m_threadId = 0;
 }
 
-// Waits for what happens next.
-void IsolatedModules::Serve() {
+// What happens next; false without memory.
+bool IsolatedModules::Serve() try {
+    FillOrder();
+    Wait();
+    std::erase_if(m_processes, [](const auto& process) { return process->IsOver(); });
+    ReviveDue();
+    return true;
+} catch (const std::bad_alloc&) {
+    return false;
+}
+
+void IsolatedModules::Wait() {
     m_polled.assign(1, {m_wakeup.Get(), POLLIN, 0});
     for (const auto& process : m_processes) {
         m_polled.push_back({process->Watch(), POLLIN, 0});

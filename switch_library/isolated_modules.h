@@ -63,7 +63,8 @@ class IsolatedModules {
     std::string Start();
     void Wake() const;
     void Run();
-    void Serve();
+    bool Serve();
+    void Wait();
     void FillOrder();
     void Move(IsolatedProcess& process, short traceEvents);
     void ReportEnd(IsolatedProcess& process);
