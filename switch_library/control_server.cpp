@@ -87,8 +87,10 @@ void ControlServer::Stop() {
     m_sync.Stop();
     m_isEnding = true;
     const uint64_t one = 1;
-    (void)!write(m_wakeup.Get(), &one, sizeof one);
+    // A module may have closed it: the thread then sleeps on.
+    if (write(m_wakeup.Get(), &one, sizeof one) < 0) (void)pthread_cancel(m_thread.native_handle());
     m_thread.join();
+    CloseConnections();
     TheModuleBoard().CloseWatch();
     m_wakeup.Reset();
 }
@@ -98,6 +100,7 @@ bool ControlServer::Post(const ControlRequest& request) {
 }
 
 void ControlServer::Run() {
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     for (;;) {
         try {
             Serve();
@@ -106,6 +109,10 @@ void ControlServer::Run() {
             m_clients.clear();  // they can ask again
         }
     }
+    CloseConnections();
+}
+
+void ControlServer::CloseConnections() {
     m_socket.Close();
     std::list<ControlClient>().swap(m_clients);
 }
@@ -137,7 +144,10 @@ bool ControlServer::Poll() {
     for (const ControlClient& client : m_clients) {
         m_polled.push_back({client.Socket(), client.Events(), 0});
     }
-    if (poll(m_polled.data(), m_polled.size(), PollTimeout()) < 0) {
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    const int result = poll(m_polled.data(), m_polled.size(), PollTimeout());
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    if (result < 0) {
         for (pollfd& each : m_polled) each.revents = 0;
     }
     uint64_t count = 0;

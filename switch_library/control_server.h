@@ -38,6 +38,7 @@ class ControlServer {
 
     std::string MakeThreads();
     void Run();
+    void CloseConnections();
     void Serve();
     [[nodiscard]] bool Poll();
     [[nodiscard]] int PollTimeout() const;
