@@ -373,38 +373,4 @@ TEST_F(ControlTest, TheRegistryChangesInTheDaemon) {
     EXPECT_EQ(ReadFile("/etc/orvmon/registry"), others + "[HKEY_USERS]\n\n\n");
 }
 
-// In poll and futex without a time-out, as the kernel shows their arguments.
-TEST_F(ControlTest, IdleThreadsSleepWithoutATimeout) {
-    Begin();
-    (void)Ask("{\"request\":\"modules\"}");
-    const auto calls = [] {
-        std::string text;
-        for (const auto& task : fs::directory_iterator("/proc/self/task")) {
-            std::string name = ReadFile(task.path() / "comm");
-            if (name.starts_with("kemd-")) text += name + ReadFile(task.path() / "syscall");
-        }
-        return text;
-    };
-    EXPECT_TRUE(WaitFor([&] {
-        return InOrder(calls(), {"kemd-worker\n202 ", " 0x0 "}) &&
-               Contains(calls(), "kemd-control\n7 ");
-    })) << calls();
-}
-
-TEST_F(ControlTest, ManyRoundsLeaveNothingBehind) {
-    Begin();
-    Client client;
-    const auto descriptors = [] {
-        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-    };
-    (void)client.Ask(R"({"request":"restart","module":"user"})");
-    const auto before = descriptors();
-    for (int i = 0; i < 1000; ++i) {
-        ASSERT_EQ(
-            client.Ask(R"({"request":"restart","module":"user"})"),
-            R"({"result":{"module":"user","state":"running","started":["user"],"stopped":["user"]}})");
-    }
-    EXPECT_EQ(descriptors(), before);
-}
-
 }  // namespace

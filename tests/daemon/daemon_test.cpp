@@ -58,7 +58,7 @@ pid_t DaemonTest::StartAndWait(const std::vector<std::string>& arguments) {
     return pid;
 }
 
-pid_t DaemonTest::Run(std::vector<std::string> arguments) {
+pid_t DaemonTest::Run(std::vector<std::string> arguments, const std::string& until) {
     arguments.insert(arguments.begin(), "-n");
     const std::string ring = m_logDirectory + "/log.kemd_a";
     for (const std::string& file : {m_logDirectory + "/log.kemd", ring}) fs::remove(file);
@@ -67,7 +67,7 @@ pid_t DaemonTest::Run(std::vector<std::string> arguments) {
         siginfo_t ended{};
         waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT);
         // A module may close the log file.
-        return ended.si_pid == pid || Contains(Log() + RingText(ring), "Waiting for signals");
+        return ended.si_pid == pid || Contains(Log() + RingText(ring), until);
     }));
     return pid;
 }

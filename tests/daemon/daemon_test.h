@@ -12,10 +12,18 @@
 
 #include "tests/world.h"
 
+#if defined __SANITIZE_THREAD__ || defined __SANITIZE_ADDRESS__
+#define KEMD_SANITIZED  // with memory, signal handlers, and perhaps a thread, of its own
+constexpr bool kIsSanitized = true;
+#else
+constexpr bool kIsSanitized = false;
+#endif
+
 class DaemonTest : public testing::Test {
   protected:
     static constexpr const char* kPidFile = "/var/run/kemd.pid";
     static constexpr const char* kLockFile = "/var/lock/kemd.lock";
+    static constexpr const char* kWaits = "Waiting for signals";
 
     void SetUp() override;
     void TearDown() override;
@@ -27,8 +35,9 @@ class DaemonTest : public testing::Test {
     pid_t Start(const std::vector<std::string>& arguments, void (*prepare)() = nullptr);
     // The same, until the C switch library is asked to start its modules.
     pid_t StartAndWait(const std::vector<std::string>& arguments);
-    // Starts in the foreground, until the daemon waits for signals or has ended.
-    pid_t Run(std::vector<std::string> arguments = {});
+    // Starts in the foreground, until the daemon waits for signals (its log says `until`) or has
+    // ended.
+    pid_t Run(std::vector<std::string> arguments = {}, const std::string& until = kWaits);
     // The exit status, or 1000 and the number of the signal that ended the process.
     int WaitForExit(pid_t pid);
     int Stop(pid_t pid, int signal = SIGTERM);
