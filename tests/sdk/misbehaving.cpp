@@ -1,15 +1,20 @@
-// A module that misbehaves in one way: it is named after what it does, as "throws.so".
+// A module that misbehaves in one way: its file is named after what it does and in which call, as
+// "throws-stop.so"; without a call it is in start.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 
@@ -25,20 +30,21 @@ constexpr const char* kTag = "misbehaving";
 EventHandle g_stop;
 std::thread g_thread;
 
-bool Is(const char* kind) {
+std::string FileStem() {
     Dl_info info{};
-    return dladdr(&g_stop, &info) != 0 && std::filesystem::path(info.dli_fname).stem() == kind;
+    return dladdr(&g_stop, &info) != 0 ? std::filesystem::path(info.dli_fname).stem() : "";
 }
 
+const std::string kName = FileStem();
+const std::string kAction = kName.substr(0, kName.find('-'));
+const std::string kCall = kAction == kName ? "start" : kName.substr(kAction.size() + 1);
+
 [[maybe_unused]] const bool kIsInitialised =
-    !Is("init") || (throw std::runtime_error("not even loaded"), true);
+    kName != "init" || (throw std::runtime_error("not even loaded"), true);
+[[maybe_unused]] const bool kIsBorn = kName != "unborn" || (abort(), true);
 
-[[maybe_unused]] const bool kHasAborted = Is("unborn") && (abort(), true);
-
-void Unblock(int signal) {
-    sigset_t signals{};
-    sigaddset(&signals, signal);
-    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+int Throw() {
+    throw std::runtime_error("not today");
 }
 
 // Calls slots of the trace object's table.
@@ -48,6 +54,29 @@ int Fail() {
     table.message(&Debug, "slot %d", 5);
     table.levelMessage(&Debug, 99, "slot %d", 6);
     return table.isAvailable(&Debug) ? 7 : 0;
+}
+
+int Unblock() {
+    sigset_t signals{};
+    sigaddset(&signals, SIGTERM);
+    return pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+int Raise() {
+    Unblock();
+    return raise(SIGTERM);
+}
+
+int Die() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    (void)signal(SIGSEGV, SIG_DFL);  // not the sanitizer's
+#endif
+    return raise(SIGSEGV) + 1;  // not by a jump: this is where it died
+}
+
+int Hang() {
+    KemdTrace(kTag, 2, "does not return");
+    for (;;) pause();
 }
 
 // A thread that runs on for a while after stop has returned.
@@ -71,69 +100,142 @@ void Work() {
     exit(6);
 }
 
+int Crowd() {
+    for (int i = 0; i < 16; ++i) std::thread(Work).detach();
+    return 0;
+}
+
 // Closes every descriptor that a daemon used to have, and opens its own.
-void TakeDescriptors() {
+int TakeDescriptors() {
     for (int file = 0; file <= 100; ++file) close(file);
     for (int file = 0; file <= 100; ++file) (void)!open("/tmp/taken", O_WRONLY | O_CREAT, 0644);
+    return 0;
 }
 
 // Changes what belongs to the whole process.
-void Change() {
+int Change() {
     umask(0);
     (void)!chdir("/tmp");
     (void)!open("/etc", O_RDONLY | O_CLOEXEC);
     (void)signal(SIGPIPE, SIG_DFL);
     (void)signal(SIGALRM, [](int) {});
-}
-
-void Fork() {
-    const pid_t child = fork();
-    while (child == 0) pause();
-    KemdTrace(kTag, 2, "child %d", child);
-}
-
-int Start() {
-    CreateEvent(g_stop, false, true, nullptr);
-    if (Is("fails")) return Fail();
-    if (Is("throws")) throw std::runtime_error("not today");
-    if (Is("late")) std::thread(EndLate).detach();
-    if (Is("forks")) Fork();
-    if (Is("leaks")) std::thread(Leak).detach();
-    if (Is("mask")) Unblock(SIGTERM);
-    if (Is("cancels")) return pthread_cancel(pthread_self());
-    if (Is("closes")) close_range(3, 1023, 0);
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    if (Is("dies")) (void)signal(SIGSEGV, SIG_DFL);  // not the sanitizer's
-#endif
-    if (Is("dies")) return raise(SIGSEGV) + 1;  // not by a jump: this is where it died
-    if (Is("exits")) _exit(3);
-    if (Is("aborts")) std::thread([] { abort(); }).join();
-    if (Is("uncaught")) std::thread([] { throw std::runtime_error("too late"); }).join();
-    if (Is("leaves")) exit(4);  // in order, as it believes
-    if (Is("quits")) quick_exit(5);
-    for (int i = 0; Is("crowd") && i < 16; ++i) std::thread(Work).detach();
-    if (Is("held")) g_thread = std::thread(Work);
-    if (Is("goeson")) return fork() < 0 ? 1 : 0;  // parent and child do
-    if (Is("daemon")) return daemon(0, 0);
-    // Static threads that are never joined: one runs, one has ended.
-    if (Is("unjoined")) g_thread = std::thread([] { pause(); });
-    if (Is("ended")) g_thread = std::thread([] {});
-    if (Is("takes")) TakeDescriptors();
-    if (Is("changes")) Change();
+    const rlimit few{256, 256};  // the daemon has higher ones
+    setrlimit(RLIMIT_NOFILE, &few);
+    setrlimit(RLIMIT_CORE, &few);
     return 0;
 }
 
-void Stop() {
-    SetEvent(g_stop);
-    if (!Is("blocks")) return;
-    KemdTrace(kTag, 2, "stop does not return");
-    for (;;) pause();
+// All that there is, up to the last piece. Of a process without a limit not all of the machine's.
+int Eat() {
+    rlimit limit{};
+    getrlimit(RLIMIT_AS, &limit);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_cur, 1 << 30);
+    setrlimit(RLIMIT_AS, &limit);
+    for (size_t size = 1 << 24; size >= 16; size /= 2) {
+        while (void* const piece = malloc(size)) *static_cast<volatile char*>(piece) = 1;
+    }
+    return 0;
 }
 
-void Notify(uint32_t /*code*/, const void* /*data*/) {
-    if (!Is("raises")) return;
-    Unblock(SIGTERM);
-    raise(SIGTERM);
+int Fork() {
+    const pid_t child = fork();
+    if (child == 0) return Hang();
+    KemdTrace(kTag, 2, "child %d", child);
+    return 0;
+}
+
+// As long as there is memory, and then throws.
+void Outgrow() {
+    Eat();
+    for (;;) (void)std::make_unique<char[]>(1 << 20).release();
+}
+
+void Uncaught() {
+    Throw();
+}
+
+void Pause() {
+    pause();
+}
+
+void Nothing() {}
+
+template <void (*body)()>
+int Detach() {
+    std::thread(body).detach();
+    return 0;
+}
+
+// Static threads that are never joined.
+template <void (*body)()>
+int Keep() {
+    g_thread = std::thread(body);
+    return 0;
+}
+
+template <void (*end)(int), int status>
+int End() {
+    end(status);
+    return 0;
+}
+
+const std::map<std::string, int (*)()> kActions = {
+    {"throws", Throw},
+    {"fails", Fail},
+    {"mask", Unblock},
+    {"raises", Raise},
+    {"cancels", [] { return pthread_cancel(pthread_self()); }},
+    {"dies", Die},
+    {"exits", End<_exit, 3>},
+    {"leaves", End<exit, 4>},  // in order, as it believes
+    {"quits", End<quick_exit, 5>},
+    {"hangs", Hang},
+    {"late", Detach<EndLate>},
+    {"leaks", Detach<Leak>},
+    {"uncaught", Detach<Uncaught>},
+    {"aborts", Detach<abort>},
+    {"crowd", Crowd},
+    {"held", Keep<Work>},
+    {"unjoined", Keep<Pause>},
+    {"ended", Keep<Nothing>},
+    {"takes", TakeDescriptors},
+    {"closes", [] { return close_range(3, 1023, 0); }},
+    {"changes", Change},
+    {"eats", Eat},
+    {"outgrows", Detach<Outgrow>},
+    {"forks", Fork},
+    {"goeson", [] { return fork() < 0 ? 1 : 0; }},  // parent and child do
+    {"daemon", [] { return daemon(0, 0); }},
+};
+
+int Act(const char* call) {
+    return kCall == call && kActions.contains(kAction) ? kActions.at(kAction)() : 0;
+}
+
+int Configure(void* /*user*/, const KemdConfig* /*config*/) {
+    return Act("configure");
+}
+
+int Start(void* /*user*/) {
+    CreateEvent(g_stop, false, true, nullptr);
+    return Act("start");
+}
+
+void Stop(void* /*user*/) {
+    SetEvent(g_stop);
+    Act("stop");
+}
+
+void Notify(void* /*user*/, uint32_t /*code*/, const void* /*data*/) {
+    Act("notify");
+}
+
+int Health(void* /*user*/, char* /*text*/, size_t /*size*/) {
+    return Act("health");
+}
+
+int Request(void* /*user*/, const char* /*text*/, KemdReply* /*reply*/) {
+    return Act("request");
 }
 
 }  // namespace
@@ -148,4 +250,7 @@ int KemdTraceOn() {
 }
 #endif
 
-KEMD_MODULE = {KEMD_MODULE_VERSION, Start, Stop, Notify};
+KEMD_MODULE_V2 = {
+    KEMD_MODULE_V2_HEAD, kName.c_str(), nullptr, nullptr, nullptr, nullptr,
+    Configure,           Start,         Stop,    Notify,  Health,  Request,
+};

@@ -40,7 +40,7 @@ TEST(ModuleHost, NamesWhatIsWrong) {
         {"fails", {"start failed with result 7"}},
         {"throws", {"exception out of start: not today"}},
         {"late", {" ended only ", " ms after stop returned\n", "unload "}},
-        {"blocks", {"stop has not returned within 1 s\n"}},
+        {"hangs-stop", {"stop has not returned within 1 s\n"}},
         {"forks", {"stop ", "process left behind: ", " (kemd-module-hos)\n"}},
         {"leaks", {"(leaked) is left after stop: the module stays in memory\n"}},
         {"mask", {"start ", "unblocked in the calling thread: SIGTERM\n", "stop "}},
@@ -62,7 +62,7 @@ TEST(ModuleHost, NamesWhatIsWrong) {
     for (auto [module, findings] : cases) {
         const std::string kind = module == "shows" ? "shows.so" : "any.so";
         std::filesystem::copy("/test/misbehaving/" + kind, "/tmp/" + module + ".so");
-        const std::string timeout = module == "blocks" ? "--timeout 1 " : "";
+        const std::string timeout = module == "hangs-stop" ? "--timeout 1 " : "";
         const auto result = RunHost("--seconds 0 " + timeout + "/tmp/" + module + ".so");
         EXPECT_EQ(result.status, 1) << module;
         EXPECT_TRUE(InOrder(result.report, findings)) << module << '\n' << result.report;

@@ -1,4 +1,4 @@
-// Modules in the real daemon: misbehaving ones, next to one that behaves, whether the next start is
+// Modules in the real daemon: misbehaving ones, between two that behave, whether the next start is
 // clean, and the template.
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "base/unique_fd.h"
+#include "tests/control/control_client.h"
 #include "tests/daemon/daemon_test.h"
 #include "tests/modules.h"
 
@@ -16,18 +17,121 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// How the daemon ends that has the module in its own process.
+enum class End {
+    kHarmless,    // in order; side by side with other modules of this kind
+    kOrderly,     // in order
+    kByItself,    // in order, and because of the module
+    kFromInside,  // no module is stopped, the files are removed
+    kDeath,       // the files stay
+    kKilled,      // because it hangs
+};
+
+using enum End;
+
+// The traces: parts that follow each other, with "@" for the file's name.
+struct Kind {
+    std::string name;  // of the module, see misbehaving.cpp
+    End end;
+    int status;
+    std::string trace;
+    // In a process of its own, which changes nothing for the daemon; empty: the same.
+    std::string isolated;
+};
+
+const Kind kKinds[] = {
+    {"fails", kHarmless, 0, "slot 4 ... slot 5 ... slot 6 ... @ failed to start: result 7", ""},
+    {"throws-configure", kHarmless, 0, "@ refused its settings: not today", ""},
+    {"throws-start", kHarmless, 0, "@ failed to start: not today", ""},
+    {"throws-notify", kHarmless, 0, "@ failed to take a notification: not today", ""},
+    {"throws-stop", kHarmless, 0, "@ failed to stop: not today", ""},
+    {"throws-health", kHarmless, 0, "@ stopped", ""},
+    {"throws-request", kHarmless, 0, "@ stopped", ""},
+    {"mask", kHarmless, 0, "@ changed the signal mask of the daemon: put back", "@ stopped"},
+    {"changes", kHarmless, 0, "@ started ... @ stopped", ""},
+    {"goeson", kHarmless, 0, "@ started ... @ stopped", ""},
+    {"takes", kHarmless, 0, "@ started ... @ stopped", ""},
+    {"late", kHarmless, 0, "@ stopped ... late end of a thread ... modules completed!", ""},
+    {"cancels", kHarmless, 0, "@ started", "@: its process ended with status 1; it is started"},
+    {"raises-notify", kHarmless, 0, "@ stopped", "@: its process died by signal 15 "},
+    {"closes", kOrderly, 0, "@ stopped", "@: its process ended with status 1; it is started"},
+    {"leaks", kOrderly, 0,
+     "(leaked) is left behind, it came up in the start of module @ ... no module is unloaded",
+     "@ stopped ... 1 thread is left after stop"},
+#ifndef __SANITIZE_THREAD__  // which reports the threads and has one of its own
+    {"unjoined", kOrderly, 0, "@ stopped ... no module is unloaded", "1 thread is left after stop"},
+    {"ended", kOrderly, 0, "that was not joined, in the unload of module @", "@ stopped"},
+#endif
+    {"raises", kByItself, 0, "@ started ... Signal 15 caught ... @ stopped",
+     "@: its process died by signal 15 (Terminated); it is started"},
+    {"raises-request", kByItself, 0, "Signal 15 caught ... @ stopped",
+     "@: its process died by signal 15 (Terminated); it is started"},
+#ifndef KEMD_SANITIZED  // which needs more than there is
+    {"eats", kByItself, 1, "a.so started ... a.so stopped", "@ stopped"},
+    {"outgrows", kDeath, 1000 + SIGABRT, "uncaught exception",
+     "no memory is left within MemoryLimit ... @: its process died by signal 6 "},
+#endif
+    {"leaves", kFromInside, 4, "the process is ended in the start of module @",
+     "@: its process ended with status 4; it is started"},
+    {"quits", kFromInside, 5, "the process is ended in the start of module @",
+     "@: its process ended with status 5; it is started"},
+    {"crowd", kFromInside, 6, "", "@: its process ended with status 6; it is started"},
+    {"held", kFromInside, 6, "(worker), which came up in the start of module @",
+     "@: its process died by signal 6 "},
+    {"init", kFromInside, 1,
+     "threw an exception out of an initialiser (not even loaded): the dynamic", "not even loaded"},
+    {"unborn", kDeath, 1000 + SIGABRT, "", "@: its process died by signal 6 "},
+    {"aborts", kDeath, 1000 + SIGABRT, "", "@: its process died by signal 6 "},
+    {"uncaught", kDeath, 1000 + SIGABRT, "std::terminate, for an uncaught exception",
+     "@: its process died by signal 6 "},
+    {"dies", kDeath, 1000 + SIGSEGV, "", "@: its process died by signal 11 "},
+    {"dies-request", kDeath, 1000 + SIGSEGV, "", "@: its process died by signal 11 "},
+    {"exits", kDeath, 3, "", "@: its process ended with status 3; it is started"},
+    {"daemon", kDeath, 0, "", "@: its process ended with status 0; it is started"},
+    {"hangs", kKilled, 1000 + SIGKILL, "@ hangs: its start has not come back within 0.1 s",
+     "@: its call has not come back within 0.1 s, its process was killed; it is started"},
+    {"hangs-stop", kKilled, 1000 + SIGKILL, "@ hangs: its stop has not come back within 0.1 s",
+     "@ failed to stop: its call has not come back within 0.1 s, its process was killed"},
+};
+
+constexpr const char* kHangs = " has not come back within 0.1 s\n";
+
+std::vector<std::string> Parts(const Kind& kind, std::string text) {
+    for (size_t place = 0; (place = text.find('@')) != text.npos;) {
+        text.replace(place, 1, kind.name + ".so");
+    }
+    std::vector<std::string> parts;
+    for (size_t end = 0; end != text.npos;) {
+        end = text.find(" ... ");
+        parts.push_back(text.substr(0, end));
+        text.erase(0, end != text.npos ? end + 5 : 0);
+    }
+    return parts;
+}
+
 class ModuleTest : public DaemonTest {
   protected:
     void SetUp() override {
         DaemonTest::SetUp();
         UseSwitch("reference");
         m_environment["OV_MODULE_DIR"] = kModules;
+        for (const char* const path : {"/etc/kemd", "/tmp/go"}) fs::remove_all(path);
     }
 
-    static void Install(const std::string& kind) {
+    // Between two modules that behave.
+    static void Install(const std::vector<std::string>& kinds) {
         ClearModules();
-        AddModule("/build/modules/notifications.so");
-        if (!kind.empty()) AddModule("/test/misbehaving/any.so", kind + ".so");
+        for (const char* const name : {"a.so", "z.so"}) {
+            AddModule("/build/modules/notifications.so", name);
+        }
+        for (const std::string& kind : kinds) AddModule("/test/misbehaving/any.so", kind + ".so");
+    }
+
+    static void Settings(const std::string& kind, const std::string& lines) {
+        const fs::path file = "/etc/kemd/modules.d/" + kind + ".ini";
+        WriteFile(file, "[Module]\n" + lines);
+        for (const fs::path& path : {fs::path("/etc/kemd"), file.parent_path(), file})
+            MakeSafe(path);
     }
 
     // A child of a module has become a child of this process, which is process 1.
@@ -35,146 +139,161 @@ class ModuleTest : public DaemonTest {
         EXPECT_TRUE(WaitFor([] { return waitpid(-1, nullptr, WNOHANG) < 0; }));
     }
 
-    void ExpectCleanRestart() {
-        Install("");
-        const pid_t pid = Run();
+    void ExpectFilesOf(pid_t pid) {
         EXPECT_EQ(ReadFile(kLockFile), "kemd#" + std::to_string(pid)) << Complaints();
         EXPECT_EQ(ReadFile(kPidFile), std::to_string(pid) + "\n");
-        EXPECT_EQ(Stop(pid), 0);
-        EXPECT_TRUE(InOrder(Trace(), {"module notifications.so started\n",
-                                      "module notifications.so stopped\n", "## EXIT PROCESS"}));
+    }
+
+    void ExpectOrderlyEnd() {
+        EXPECT_TRUE(InOrder(Trace(), {"a.so started\n", "z.so started\n", "z.so stopped\n",
+                                      "a.so stopped\n", "## EXIT PROCESS KEMD ##\n"}));
         EXPECT_FALSE(fs::exists(kPidFile) || fs::exists(kLockFile));
     }
+
+    void ExpectCleanRestart() {
+        Install({});
+        const pid_t pid = Run();
+        ExpectFilesOf(pid);
+        EXPECT_EQ(Stop(pid), 0);
+        ExpectOrderlyEnd();
+    }
+
+    // One line, if it was a crash.
+    void ExpectCrashLine(const Kind& kind, pid_t pid) {
+        const std::string file = m_logDirectory + "/kemd.crashes";
+        if (kind.status < 1000 || kIsSanitized) return;  // a sanitizer has handlers of its own
+        const std::string line = ReadFile(file);
+        fs::remove(file);
+        EXPECT_TRUE(InOrder(line, {"\"process\":" + std::to_string(pid),
+                                   "\"signal\":" + std::to_string(kind.status - 1000),
+                                   "\"module\":\"" + kind.name + "\",\"frames\":[\"/",
+                                   "/tmp/modules/" + kind.name + ".so+0x"}));
+        EXPECT_EQ(line.find('\n') + 1, line.size()) << line;
+    }
+
+    void ExpectEnd(const Kind& kind);
 };
 
+// Runs the daemon with this module, until it ends.
+void ModuleTest::ExpectEnd(const Kind& kind) {
+    SCOPED_TRACE(kind.name);
+    Install({kind.name});
+    const bool isInStart = kind.name == "hangs";
+    const pid_t pid = Run({}, isInStart ? kHangs : kWaits);
+    const UniqueFd go(open("/tmp/go", O_RDWR));
+    if (kind.name.ends_with("-request")) (void)Ask(RequestOf(kind.name, ""));
+    if (kind.end == kOrderly || kind.end == kKilled) kill(pid, SIGTERM);
+    if (kind.end == kKilled) {
+        ASSERT_TRUE(WaitForLog(kHangs));
+        kill(pid, SIGKILL);
+    }
+    EXPECT_EQ(WaitForExit(pid), kind.status);
+    EXPECT_TRUE(InOrder(Trace(), Parts(kind, kind.trace)));
+    switch (kind.end) {
+        case kHarmless:
+        case kOrderly:
+        case kByItself:
+            if (kind.status == 0) ExpectOrderlyEnd();
+            break;
+        case kFromInside:
+            EXPECT_TRUE(Contains(Trace(), "KEMD-MAIN: the process was ended from inside"));
+            EXPECT_FALSE(Contains(Trace(), "module a.so stopped"));
+            EXPECT_FALSE(fs::exists(kLockFile) || fs::exists(kPidFile));
+            break;
+        case kDeath:
+            ExpectCrashLine(kind, pid);
+            [[fallthrough]];
+        case kKilled:
+            ExpectFilesOf(pid);
+    }
+    ExpectNoChildLeft();
+}
+
 TEST_F(ModuleTest, TheOthersRunOnAndTheStopIsOrderly) {
-    const struct {
-        std::string kind;
-        std::vector<std::string> trace;
-    } cases[] = {
-        {"fails", {"slot 4\n", "slot 5\n", "slot 6\n", "fails.so failed to start: result 7\n"}},
-        {"throws", {"module throws.so failed to start: not today\n"}},
-        {"late", {"late.so stopped\n", "late end of a thread\n", "modules completed!\n"}},
-        {"leaks",
-         {"(leaked) is left behind, it came up in the start of module leaks.so\n",
-          "threads of modules may still run: no module is unloaded\n"}},
-        {"mask", {"module mask.so changed the signal mask of the daemon: put back\n"}},
-        {"cancels", {"module cancels.so started\n"}},
-        {"goeson", {"module goeson.so started\n"}},
-        {"takes", {"module takes.so started\n", "module takes.so stopped\n"}},
-        {"raises", {"module raises.so started\n", "module raises.so stopped\n"}},
-#ifndef __SANITIZE_THREAD__  // which reports the threads and has one of its own
-        {"unjoined", {"module unjoined.so stopped\n", "no module is unloaded\n"}},
-        {"ended", {"that was not joined, in the unload of module ended.so\n"}},
-#endif
-    };
-    for (const auto& [kind, trace] : cases) {
-        SCOPED_TRACE(kind);
-        Install(kind);
-        const pid_t pid = Run();
-        EXPECT_EQ(ReadFile(kPidFile), std::to_string(pid) + "\n");
-        EXPECT_EQ(Stop(pid), 0);
-        EXPECT_TRUE(InOrder(Trace(), trace));
-        EXPECT_TRUE(InOrder(Trace(), {"notifications.so started\n", "notifications.so stopped\n",
-                                      "## EXIT PROCESS KEMD ##\n"}));
-        EXPECT_EQ(ReadFile("/tmp/taken"), "");
-        EXPECT_FALSE(fs::exists(kPidFile) || fs::exists(kLockFile));
-        ExpectNoChildLeft();
+    std::vector<std::string> names;
+    for (const Kind& kind : kKinds) {
+        if (kind.end == kHarmless) names.push_back(kind.name);
     }
+    Install(names);
+    const pid_t pid = Run();
+    ExpectFilesOf(pid);
+    EXPECT_TRUE(
+        Contains(Ask("show", "throws-health"), R"("health":"failed","healthText":"not today")"));
+    EXPECT_TRUE(Contains(Ask(RequestOf("throws-request", "")), "failed in the request: not today"));
+    EXPECT_EQ(Stop(pid), 0);
+    ExpectOrderlyEnd();
+    ExpectNoChildLeft();
+    for (const Kind& kind : kKinds) {
+        SCOPED_TRACE(kind.name);
+        if (kind.end == kHarmless) {
+            EXPECT_TRUE(InOrder(Trace(), Parts(kind, kind.trace)));
+        }
+    }
+    EXPECT_EQ(ReadFile("/tmp/taken"), "");
     ExpectCleanRestart();
 }
 
-// The daemon ends with the module, but says so and removes its files.
-TEST_F(ModuleTest, EndFromInsideIsTracedAndLeavesNothing) {
-    const struct {
-        std::string kind;
-        int status;
-        std::string trace;
-    } cases[] = {
-        {"leaves", 4, "the process is ended in the start of module leaves.so\n"},
-        {"quits", 5, "the process is ended in the start of module quits.so\n"},
-        {"crowd", 6, ""},  // which of them comes first is not certain
-        {"held", 6, "(worker), which came up in the start of module held.so\n"},
-        {"init", 1, "threw an exception out of an initialiser (not even loaded): the dynamic "},
-    };
+// Also: each start after such an end is clean.
+TEST_F(ModuleTest, TheDaemonEndsAsPromised) {
     ASSERT_EQ(mkfifo("/tmp/go", 0600), 0);
-    for (const auto& [kind, status, trace] : cases) {
-        SCOPED_TRACE(kind);
-        Install(kind);
-        const pid_t pid = Run();
-        const UniqueFd go(open("/tmp/go", O_RDWR));
-        EXPECT_EQ(WaitForExit(pid), status);
-        EXPECT_TRUE(Contains(Trace(), trace));
-        EXPECT_TRUE(Contains(Trace(), "KEMD-MAIN: the process was ended from inside"));
-        EXPECT_FALSE(Contains(Trace(), "module notifications.so stopped"));
-        EXPECT_FALSE(fs::exists(kLockFile) || fs::exists(kPidFile));
+    Settings("hangs", "StartTimeout = 100 ms\n");
+    Settings("hangs-stop", "StopTimeout = 100 ms\n");
+    Settings("closes", "StartTimeout = 1h\n");  // its watch wakes no thread
+    for (const Kind& kind : kKinds) {
+        if (kind.end != kHarmless) ExpectEnd(kind);
     }
     ExpectCleanRestart();
 }
 
-// A module that dies or ends the process takes the daemon with it; the files left do no harm.
-TEST_F(ModuleTest, DeathLeavesNothingInTheWay) {
-    for (const auto& [kind, status] :
-         {std::pair{"dies", 1000 + SIGSEGV}, {"exits", 3}, {"daemon", 0}}) {
-        SCOPED_TRACE(kind);
-        Install(kind);
-        EXPECT_EQ(WaitForExit(Run()), status);
-        EXPECT_TRUE(fs::exists(kLockFile) && fs::exists(kPidFile));
-        ExpectNoChildLeft();
-        ExpectCleanRestart();
+// All of them at once: the daemon and those that behave do not notice.
+TEST_F(ModuleTest, InAProcessOfItsOwnEachIsReportedAndStartedAgain) {
+    fs::create_symlink("/build/bin/kemd-module-host", "/usr/bin/kemd-module-host");
+    std::vector<std::string> names;
+    for (const Kind& kind : kKinds) {
+        names.push_back(kind.name);
+        const std::string limit = kind.name == "outgrows" ? "MemoryLimit = 64M\n" : "";
+        const std::string timeouts =
+            kind.end == kKilled ? "StartTimeout = 100 ms\nStopTimeout = 100 ms\n" : "";
+        Settings(kind.name, "Isolated = yes\n" + limit + timeouts);
     }
-}
-
-TEST_F(ModuleTest, CrashIsNotedWithTheModule) {
-    const std::string file = m_logDirectory + "/kemd.crashes";
-    const struct {
-        std::string kind;
-        int signal;
-        std::string place;
-    } cases[] = {
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they handle it
-        {"dies", SIGSEGV, "/tmp/modules/dies.so+0x"},
-#endif
-        {"aborts", SIGABRT, "/tmp/modules/aborts.so+0x"},
-        {"uncaught", SIGABRT, "/tmp/modules/uncaught.so+0x"},
-        {"unborn", SIGABRT, "/tmp/modules/unborn.so+0x"},
-    };
-    for (const auto& [kind, signal, place] : cases) {
-        SCOPED_TRACE(kind);
-        fs::remove(file);
-        Install(kind);
-        const pid_t pid = Run();
-        EXPECT_EQ(WaitForExit(pid), 1000 + signal);
-        const std::string line = ReadFile(file);
-        EXPECT_TRUE(InOrder(
-            line, {"\"process\":" + std::to_string(pid), "\"signal\":" + std::to_string(signal),
-                   "\"module\":\"" + kind + "\",\"frames\":[\"/", place}));
-        EXPECT_EQ(line.find('\n') + 1, line.size()) << line;
+    Install(names);
+    const pid_t pid = Run();
+    for (const char* const kind : {"dies", "raises", "hangs", "exits"}) {
+        EXPECT_TRUE(WaitFor([&] {
+            return InOrder(Ask("show", kind), {R"("state":"restarting")", R"("health":"failed")"});
+        })) << kind;
+    }
+    EXPECT_TRUE(WaitForLog("; it is started again in 2 s\n"));
+    for (const Kind& kind : kKinds) {
+        if (kind.name.ends_with("-request")) (void)Ask(RequestOf(kind.name, ""));
+    }
+    ExpectFilesOf(pid);
+    for (const char* const name : {"a", "z", "changes", "takes", "mask"}) {
+        EXPECT_TRUE(Contains(Ask("show", name), R"("state":"running")")) << name;
+    }
+    EXPECT_EQ(Stop(pid), 0);
+    ExpectOrderlyEnd();
+    ExpectNoChildLeft();
+    for (const Kind& kind : kKinds) {
+        SCOPED_TRACE(kind.name);
+        EXPECT_TRUE(
+            InOrder(Trace(), Parts(kind, kind.isolated.empty() ? kind.trace : kind.isolated)));
     }
 }
 
 // The fourth start comes up without the module.
 TEST_F(ModuleTest, ThirdCrashDisablesTheModule) {
-    Install("aborts");
+    Install({"aborts"});
     for (int i = 0; i < 3; ++i) EXPECT_EQ(WaitForExit(Run()), 1000 + SIGABRT);
     EXPECT_EQ(Stop(Run()), 0);
-    EXPECT_TRUE(
-        InOrder(Trace(), {"module aborts.so is disabled: it crashed three times within ten "
-                          "minutes",
-                          "kemdctl modules enable aborts\n", "notifications.so started\n"}));
-}
-
-TEST_F(ModuleTest, StopThatBlocksEndsWithAKill) {
-    Install("blocks");
-    const pid_t pid = Run();
-    kill(pid, SIGTERM);
-    ASSERT_TRUE(WaitFor([this] { return Contains(Trace(), "stop does not return\n"); }));
-    EXPECT_EQ(Stop(pid, SIGKILL), 1000 + SIGKILL);
-    ExpectCleanRestart();
+    EXPECT_TRUE(InOrder(Trace(), {"module aborts.so is disabled: it crashed three times within ten "
+                                  "minutes",
+                                  "kemdctl modules enable aborts\n"}));
+    ExpectOrderlyEnd();
 }
 
 TEST_F(ModuleTest, ChildThatLivesOnKeepsNoLock) {
-    Install("forks");
+    Install({"forks"});
     EXPECT_EQ(Stop(Run(), SIGKILL), 1000 + SIGKILL);
     const std::string trace = Trace();
     const auto child = static_cast<pid_t>(std::stol(trace.substr(trace.find(" child ") + 7)));
