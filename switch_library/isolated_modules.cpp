@@ -24,6 +24,8 @@ using std::chrono::seconds;
 namespace {
 
 constexpr const char* kTag = "switch";
+constexpr const char* kLost =
+    "a module has closed descriptors of kemd: no module in a process of its own from here on";
 constexpr size_t kPageSize = 4096;
 
 }  // namespace
@@ -43,6 +45,7 @@ std::string IsolatedModules::Start() {
     if (!m_levelFile.IsOpen()) return path + ": " + std::strerror(errno);
     KemdTraceShareLevel(reinterpret_cast<uint32_t*>(m_level.Data()));
     m_isEnding = false;
+    m_isLost = false;
     m_thread = std::thread([this] { Run(); });
     return {};
 }
@@ -55,8 +58,9 @@ std::shared_ptr<IsolatedProcess> IsolatedModules::Spawn(const std::string& modul
     std::unique_lock lock(m_lock);
     m_restarts[module].isWanted = isRestarted;
     m_order = &order;
-    Wake();
-    m_done.wait(lock, [&] { return order.isDone; });
+    if (Wake()) m_done.wait(lock, [&] { return order.isDone || m_isLost; });
+    m_order = nullptr;
+    if (!order.isDone) order.fault = kLost;
     fault = std::move(order.fault);
     return std::move(order.process);
 } catch (const std::system_error& error) {
@@ -72,8 +76,9 @@ void IsolatedModules::Forget(const std::string& module) {
 void IsolatedModules::Stop() {
     if (!m_thread.joinable()) return;
     m_isEnding = true;
-    Wake();
+    if (!Wake()) (void)pthread_cancel(m_thread.native_handle());
     m_thread.join();
+    m_processes.clear();
     KemdTraceShareLevel(nullptr);
     m_level.Unmap();
     m_levelFile.Reset();
@@ -81,15 +86,17 @@ void IsolatedModules::Stop() {
     m_restarts.clear();
 }
 
-void IsolatedModules::Wake() const {
+// False when a module has closed the descriptor: the thread then sleeps on.
+bool IsolatedModules::Wake() const {
     const uint64_t one = 1;
-    (void)!write(m_wakeup.Get(), &one, sizeof one);
+    return write(m_wakeup.Get(), &one, sizeof one) >= 0;
 }
 
 void IsolatedModules::Run() {
     (void)pthread_setname_np(pthread_self(), "kemd-isolated");
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     m_threadId = gettid();
-    while (!m_isEnding) {
+    while (!m_isEnding && !m_isLost) {
         if (!Serve()) usleep(100'000);  // what is there is still there afterwards
     }
     m_processes.clear();
@@ -107,13 +114,33 @@ bool IsolatedModules::Serve() try {
     return false;
 }
 
+// Without its descriptors it can neither watch the processes nor make others.
+void IsolatedModules::GiveUp() {
+    KemdMessage(kTag, "%s", kLost);
+    {
+        const std::lock_guard lock(m_lock);
+        m_restarts.clear();
+        m_isLost = true;
+    }
+    m_done.notify_all();
+    for (const auto& process : m_processes) {
+        process->Kill("kemd has lost its descriptors");
+        ReportEnd(*process);
+    }
+}
+
 void IsolatedModules::Wait() {
     m_polled.assign(1, {m_wakeup.Get(), POLLIN, 0});
     for (const auto& process : m_processes) {
         m_polled.push_back({process->Watch(), POLLIN, 0});
         m_polled.push_back({process->Trace(), POLLIN, 0});
     }
-    if (poll(m_polled.data(), m_polled.size(), PollTimeout()) < 0) return;
+    const int timeout = PollTimeout();
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    const int result = poll(m_polled.data(), m_polled.size(), timeout);
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    if (result < 0) return;
+    if ((m_polled[0].revents & POLLNVAL) != 0) return GiveUp();
     uint64_t count = 0;
     if (m_polled[0].revents != 0) (void)!read(m_wakeup.Get(), &count, sizeof count);
     for (size_t i = 0; i < m_processes.size(); ++i) {

@@ -61,10 +61,11 @@ class IsolatedModules {
     };
 
     std::string Start();
-    void Wake() const;
+    [[nodiscard]] bool Wake() const;
     void Run();
     bool Serve();
     void Wait();
+    void GiveUp();
     void FillOrder();
     void Move(IsolatedProcess& process, short traceEvents);
     void ReportEnd(IsolatedProcess& process);
@@ -84,5 +85,6 @@ class IsolatedModules {
     std::mutex m_lock;
     std::condition_variable m_done;
     Order* m_order = nullptr;
+    std::atomic<bool> m_isLost{false};  // the thread has given up
     std::map<std::string, Restart> m_restarts;
 };

@@ -39,6 +39,8 @@ class IsolatedProcess {
     void ExpectEnd();
     // Ends the calls, so that it ends by itself, and kills it after `timeout`.
     void End(std::chrono::milliseconds timeout);
+    // `why` is part of how it ended; empty: nothing new.
+    void Kill(std::string_view why);
     [[nodiscard]] bool IsOver() const;
 
     // Of the thread that watches.
@@ -64,8 +66,6 @@ class IsolatedProcess {
     int Start(int level, int calls, int trace);
     bool ForwardRecords();
     void Forward(const IsolatedRecord& record, std::string_view rest);
-    // `why` is part of how it ended; empty: nothing new.
-    void Kill(std::string_view why);
     [[nodiscard]] bool AwaitEnd(std::chrono::milliseconds timeout);
     [[noreturn]] void FailHanging(std::chrono::milliseconds timeout);
 

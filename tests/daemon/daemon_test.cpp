@@ -7,6 +7,9 @@
 
 #include <filesystem>
 
+#include "base/paths.h"
+#include "tests/modules.h"
+
 namespace fs = std::filesystem;
 
 constexpr const char* kStandardError = "/tmp/stderr";
@@ -32,6 +35,22 @@ void DaemonTest::UseSwitch(const std::string& name, const std::string& script) {
     m_environment["LD_LIBRARY_PATH"] =
         name == "reference" ? "/build/lib" : "/test/switches/" + name;
     WriteFile("/tmp/script", script);
+}
+
+void DaemonTest::UseReferenceSwitch() {
+    UseSwitch("reference");
+    m_environment["OV_MODULE_DIR"] = kModules;
+    ClearModules();
+    for (const char* const path : {"/etc/kemd", kModuleHost}) fs::remove_all(path);
+    fs::create_symlink("/build/bin/kemd-module-host", kModuleHost);
+}
+
+void DaemonTest::Settings(const std::string& module, const std::string& lines) {
+    const fs::path file = fs::path(kModuleSettingsDirectory) / (module + ".ini");
+    WriteFile(file, "[Module]\n" + lines);
+    for (const fs::path& path : {file.parent_path().parent_path(), file.parent_path(), file}) {
+        MakeSafe(path);
+    }
 }
 
 pid_t DaemonTest::Start(const std::vector<std::string>& arguments, void (*prepare)()) {

@@ -31,6 +31,11 @@ class DaemonTest : public testing::Test {
     // "c" of the tests or "reference"; `script`: see c_switch.cpp.
     void UseSwitch(const std::string& name, const std::string& script = "");
 
+    // The one that ships, with modules in the directory of tests/modules.h, which is empty.
+    void UseReferenceSwitch();
+    // The section [Module] of a module's file.
+    static void Settings(const std::string& module, const std::string& lines);
+
     // The process id of the started program. `prepare` runs in it before the daemon does.
     pid_t Start(const std::vector<std::string>& arguments, void (*prepare)() = nullptr);
     // The same, until the C switch library is asked to start its modules.
