@@ -104,6 +104,10 @@ int DaemonTest::Stop(pid_t pid, int signal) {
     return WaitForExit(pid);
 }
 
+void DaemonTest::ExpectNoChildLeft() {
+    EXPECT_TRUE(WaitFor([] { return waitpid(-1, nullptr, WNOHANG) < 0; }));
+}
+
 pid_t DaemonTest::PidFromFile() {
     EXPECT_TRUE(WaitFor([] { return ReadFile(kPidFile).ends_with('\n'); }));
     const auto pid = static_cast<pid_t>(strtol(ReadFile(kPidFile).c_str(), nullptr, 10));

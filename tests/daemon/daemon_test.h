@@ -47,6 +47,8 @@ class DaemonTest : public testing::Test {
     int WaitForExit(pid_t pid);
     int Stop(pid_t pid, int signal = SIGTERM);
     void Kill(pid_t pid) { (void)Stop(pid, SIGKILL); }
+    // A child of a module has become a child of this process, which is process 1.
+    static void ExpectNoChildLeft();
     // The process that wrote the process-id file; waits for the file.
     pid_t PidFromFile();
 
