@@ -280,8 +280,8 @@ std::string IsolatedProcess::CrashText() const {
     const std::vector<CrashRecord> crashes = ParseCrashes(m_crash);
     if (crashes.empty()) return {};
     const CrashRecord& crash = crashes.front();
-    std::string text = "address " + crash.address + ", thread " + std::to_string(crash.thread) +
-                       " (" + crash.threadName + "):";
+    std::string text = crash.address.empty() ? "" : "address " + crash.address + ", ";
+    text += "thread " + std::to_string(crash.thread) + " (" + crash.threadName + "):";
     for (const std::string& frame : crash.frames) text += " " + frame;
     return text;
 }
