@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <link.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -276,6 +277,8 @@ bool IsFirst() {
 
 void OnCrash(int signal, siginfo_t* info, void* context) {
     const int saved = errno;
+    // A thread that is cancelled would end in the write, and the process would live on.
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     if (getpid() == g_process && IsFirst()) {
         g_line.Clear();
         PutHead(signal, *info);

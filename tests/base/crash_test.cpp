@@ -109,6 +109,14 @@ TEST(CrashHandler, OneLineAndTheStatusOfACrashWithoutIt) {
         {"terminate", [] { std::terminate(); }, {"SIGABRT", "/test/crash_test+0x"}},
         {"raise", [] { raise(SIGBUS); }, {"SIGBUS", "sender", "/test/crash_test+0x"}},
         {"thread", [] { InThread(Store); }, {R"("threadName":"a \u0022\u00c3")", "crash_test+0x"}},
+        {"cancelled thread",
+         [] {
+             InThread([] {
+                 pthread_cancel(pthread_self());
+                 Store();
+             });
+         },
+         {"SIGSEGV", "crash_test+0x"}},
         {"two", InTwoThreads, {"SIGSEGV", "crash_test+0x"}},
         {"overflow", [] { (void)Overflow(0); }, {"SIGSEGV", "crash_test+0x", "crash_test+0x"}},
         {"overflow in a thread",
