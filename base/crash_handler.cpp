@@ -258,6 +258,10 @@ void TakeDefaultAction(int signal, siginfo_t* info) {
     const bool comesAgain =
         info->si_code > 0 && !(signal == SIGBUS && info->si_code == BUS_MCEERR_AO);
     if (comesAgain) return;
+    // Pending until the handler returns: a core dump shows where it came, not the handler.
+    sigset_t own{};
+    sigaddset(&own, signal);
+    pthread_sigmask(SIG_BLOCK, &own, nullptr);
     if (syscall(SYS_rt_tgsigqueueinfo, getpid(), gettid(), signal, info) != 0) raise(signal);
 }
 
