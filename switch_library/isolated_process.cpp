@@ -280,8 +280,9 @@ std::string IsolatedProcess::CrashText() const {
     const std::vector<CrashRecord> crashes = ParseCrashes(m_crash);
     if (crashes.empty()) return {};
     const CrashRecord& crash = crashes.front();
-    std::string text = "address " + crash.address + ", thread " + std::to_string(crash.thread) +
-                       " (" + crash.threadName + "):";
+    std::string text = crash.sender != 0 ? "sent by process " + std::to_string(crash.sender)
+                                         : "address " + crash.address;
+    text += ", thread " + std::to_string(crash.thread) + " (" + crash.threadName + "):";
     for (const std::string& frame : crash.frames) text += " " + frame;
     return text;
 }
