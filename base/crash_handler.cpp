@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <link.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -257,6 +258,10 @@ void TakeDefaultAction(int signal, siginfo_t* info) {
     const bool comesAgain =
         info->si_code > 0 && !(signal == SIGBUS && info->si_code == BUS_MCEERR_AO);
     if (comesAgain) return;
+    // Pending until the handler returns: a core dump shows where it came, not the handler.
+    sigset_t own{};
+    sigaddset(&own, signal);
+    pthread_sigmask(SIG_BLOCK, &own, nullptr);
     if (syscall(SYS_rt_tgsigqueueinfo, getpid(), gettid(), signal, info) != 0) raise(signal);
 }
 
@@ -276,6 +281,8 @@ bool IsFirst() {
 
 void OnCrash(int signal, siginfo_t* info, void* context) {
     const int saved = errno;
+    // A thread that is cancelled would end in the write, and the process would live on.
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     if (getpid() == g_process && IsFirst()) {
         g_line.Clear();
         PutHead(signal, *info);

@@ -280,7 +280,12 @@ std::string IsolatedProcess::CrashText() const {
     const std::vector<CrashRecord> crashes = ParseCrashes(m_crash);
     if (crashes.empty()) return {};
     const CrashRecord& crash = crashes.front();
-    std::string text = crash.address.empty() ? "" : "address " + crash.address + ", ";
+    std::string text;
+    if (crash.sender != 0) {
+        text = "sent by process " + std::to_string(crash.sender) + ", ";
+    } else if (!crash.address.empty()) {
+        text = "address " + crash.address + ", ";
+    }
     text += "thread " + std::to_string(crash.thread) + " (" + crash.threadName + "):";
     for (const std::string& frame : crash.frames) text += " " + frame;
     return text;

@@ -15,7 +15,7 @@
 
 static constexpr const char* kName = "template";  // the file is called template.so
 
-static int64_t g_intervalMs;
+static std::atomic<int64_t> g_intervalMs;
 static KemdEvent* g_stop;
 static std::thread g_thread;
 
@@ -28,9 +28,13 @@ static void Work() {
     } while (KemdEventWait(g_stop, static_cast<uint32_t>(g_intervalMs)) != 0);
 }
 
-// Before each start. What is wrong in the file has been reported when a read fails.
+// Before each start, and on kemdctl modules reload while the thread runs: what is wrong in the file
+// has been reported when a read fails, and the module keeps what it had.
 static int Configure(void* /*user*/, const KemdConfig* config) {
-    return KemdConfigTime(config, "Interval", 10'000, 1'000, 3'600'000, &g_intervalMs);
+    int64_t interval = 0;
+    const int error = KemdConfigTime(config, "Interval", 10'000, 1'000, 3'600'000, &interval);
+    if (error == 0) g_intervalMs = interval;
+    return error;
 }
 
 // Any result other than 0 is traced, and the module is left out: then nothing may be left running.

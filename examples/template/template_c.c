@@ -13,7 +13,7 @@
 
 static const char name[] = "template_c"; /* the file is called template_c.so */
 
-static int64_t intervalMs;
+static _Atomic int64_t intervalMs;
 static struct KemdEvent* stop;
 static pthread_t thread;
 static atomic_uint rounds; /* the thread counts, other calls read */
@@ -26,10 +26,14 @@ static void* Work(void* unused) {
     return NULL;
 }
 
-/* Before each start. What is wrong in the file has been reported when a read fails. */
+/* Before each start, and on kemdctl modules reload while the thread runs: what is wrong in the file
+ * has been reported when a read fails, and the module keeps what it had. */
 static int Configure(void* user, const struct KemdConfig* config) {
+    int64_t interval = 0;
+    const int error = KemdConfigTime(config, "Interval", 10000, 1000, 3600000, &interval);
     (void)user;
-    return KemdConfigTime(config, "Interval", 10000, 1000, 3600000, &intervalMs);
+    if (error == 0) intervalMs = interval;
+    return error;
 }
 
 /* Any result other than 0 is traced, and the module is left out: nothing may be left running. */

@@ -1,8 +1,10 @@
 // What a crash leaves: the line of the handler, in children of this process, and what the crash
 // file makes of such lines.
 #include <fcntl.h>
+#include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/user.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -109,6 +111,14 @@ TEST(CrashHandler, OneLineAndTheStatusOfACrashWithoutIt) {
         {"terminate", [] { std::terminate(); }, {"SIGABRT", "/test/crash_test+0x"}},
         {"raise", [] { raise(SIGBUS); }, {"SIGBUS", "sender", "/test/crash_test+0x"}},
         {"thread", [] { InThread(Store); }, {R"("threadName":"a \u0022\u00c3")", "crash_test+0x"}},
+        {"cancelled thread",
+         [] {
+             InThread([] {
+                 pthread_cancel(pthread_self());
+                 Store();
+             });
+         },
+         {"SIGSEGV", "crash_test+0x"}},
         {"two", InTwoThreads, {"SIGSEGV", "crash_test+0x"}},
         {"overflow", [] { (void)Overflow(0); }, {"SIGSEGV", "crash_test+0x", "crash_test+0x"}},
         {"overflow in a thread",
@@ -135,6 +145,29 @@ TEST(CrashHandler, OneLineAndTheStatusOfACrashWithoutIt) {
         EXPECT_EQ(text.find('\n') + 1, text.size()) << text;
         EXPECT_LE(text.size(), kMostCrashLine);
     }
+}
+
+TEST(CrashHandler, TheSignalTakesEffectWhereItCame) {
+    const pid_t child = fork();
+    if (child == 0) {
+        std::signal(SIGABRT, SIG_DFL);
+        const CrashHandler handler(CrashTarget{Write, nullptr});
+        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        raise(SIGABRT);
+        _exit(0);
+    }
+    int status = 0;
+    user_regs_struct came{}, ends{};
+    for (user_regs_struct* const registers : {&came, &ends}) {
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSTOPPED(status));
+        EXPECT_EQ(ptrace(PTRACE_GETREGS, child, nullptr, registers), 0);
+        EXPECT_EQ(ptrace(PTRACE_CONT, child, nullptr, SIGABRT), 0);
+    }
+    EXPECT_EQ(ends.rip, came.rip);
+    EXPECT_EQ(ends.rsp, came.rsp);
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(WTERMSIG(status), SIGABRT);
 }
 
 TEST(CrashHandler, OthersDieWithoutALine) {

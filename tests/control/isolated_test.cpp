@@ -106,6 +106,9 @@ TEST_F(IsolatedTest, ACrashIsInTheTraceAndInTheFileOfCrashes) {
         {" base          crashes\n", "process died by signal 11 (Segmentation fault)",
          "module base.so crashed: address 0x10, thread ", " (kemd-base): ", "/base.so+0x"}));
     EXPECT_TRUE(InOrder(ReadFile(kCrashFile), {"\"isolated\"", "\"module\":\"base\""}));
+    (void)Ask("start", "base");
+    kill(Process(), SIGABRT);
+    EXPECT_TRUE(WaitFor([] { return Contains(Trace(), "crashed: sent by process 1, thread "); }));
 #endif
 }
 
