@@ -66,6 +66,9 @@ class ModuleBoard {
     // These need no memory but for texts and lists, which are dropped when there is none.
     void Describe(const std::string& file, const ModuleObject& object) noexcept;
     void Set(const std::string& file, ModuleState state, std::string_view reason = {}) noexcept;
+    // Only if its state is still `from`: the end of its process may have changed it meanwhile.
+    void Change(const std::string& file, ModuleState from, ModuleState to,
+                std::string_view reason = {}) noexcept;
     void SetProcess(const std::string& file, pid_t process) noexcept;
     void SetHealth(const std::string& file, int health, std::string_view text) noexcept;
     void SetThreads(const std::string& file, const ThreadIds& threads) noexcept;

@@ -32,9 +32,18 @@ static int Configure(void* user, const struct KemdConfig* config) {
     return error;
 }
 
+static void* Leave(void* argument) {
+    _exit(3);
+    return argument;
+}
+
 static int Start(void* user) {
+    pthread_t thread;
     KemdMessage((const char*)user, "start");
     if (access("/tmp/slow", F_OK) == 0) Hang(NULL);
+    if (kAfter[0] == NULL && access("/tmp/leave", F_OK) == 0) {
+        pthread_create(&thread, NULL, Leave, NULL);
+    }
     return access("/tmp/fail", F_OK) == 0 ? EIO : 0;
 }
 

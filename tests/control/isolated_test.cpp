@@ -120,6 +120,13 @@ TEST_F(IsolatedTest, WhatIsNotStartedAgain) {
     EXPECT_TRUE(Shows("base", "\"state\":\"failed\",\"reason\":\"result 5\""));
     fs::remove("/tmp/fail");
     EXPECT_TRUE(Contains(Ask("start", "base"), "\"state\":\"running\""));
+    // One that ends while or right after it starts does not stay shown as running.
+    WriteFile("/tmp/leave", "");
+    for (int i = 0; i < 50; ++i) {
+        (void)Ask("restart", "base");
+        ASSERT_TRUE(WaitFor([] { return Shows("base", "\"its process ended with status 3\""); }));
+    }
+    fs::remove("/tmp/leave");
     EXPECT_TRUE(End());
     // Nor is a process that cannot be made.
     fs::remove("/usr/bin/kemd-module-host");
