@@ -156,11 +156,12 @@ void IsolatedModules::ReportEnd(IsolatedProcess& process) {
         constexpr const char* kText = "module %s: %s; %s";
         KemdMessage(kTag, kText, module, end.c_str(), next.data());
         WriteToJournal(kText, module, end.c_str(), next.data());
-        const std::string crash = process.CrashText();
-        if (!crash.empty()) KemdMessage(kTag, "module %s crashed: %s", module, crash.c_str());
         TheModuleBoard().Set(process.Module(),
                              isRestarted ? ModuleState::kRestarting : ModuleState::kFailed, end);
     }
+    // In its stop or when it is unloaded, too.
+    const std::string crash = process.CrashText();
+    if (!crash.empty()) KemdMessage(kTag, "module %s crashed: %s", module, crash.c_str());
     process.DeclareOver();
 }
 

@@ -19,6 +19,12 @@ static const char* const kAfter[] = {MODULE_AFTER, NULL};
 static int health;
 static char healthText[64];
 
+static int abortsAtEnd;
+
+__attribute__((destructor)) static void End(void) {
+    if (abortsAtEnd) abort();
+}
+
 /* Until somebody opens the other end. */
 static void* Hang(void* argument) {
     close(open("/tmp/hang", O_RDONLY | O_CLOEXEC));
@@ -79,6 +85,10 @@ static int Request(void* user, const char* text, struct KemdReply* reply) {
     if (strcmp(text, "crash") == 0) {
         KemdTrace((const char*)user, 1, "crashes");
         *(volatile int*)16 = 1;
+    }
+    if (strcmp(text, "abort later") == 0) {
+        abortsAtEnd = 1;
+        return 0;
     }
     if (strcmp(text, "leave") == 0) pthread_exit(NULL);
     if (strcmp(text, "flood") == 0) {

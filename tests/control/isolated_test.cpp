@@ -106,6 +106,12 @@ TEST_F(IsolatedTest, ACrashIsInTheTraceAndInTheFileOfCrashes) {
         {" base          crashes\n", "process died by signal 11 (Segmentation fault)",
          "module base.so crashed: address 0x10, thread ", " (kemd-base): ", "/base.so+0x"}));
     EXPECT_TRUE(InOrder(ReadFile(kCrashFile), {"\"isolated\"", "\"module\":\"base\""}));
+    // After its stop as well.
+    (void)Ask("start", "base");
+    (void)Ask(RequestOf("base", "abort later"));
+    EXPECT_TRUE(Contains(Ask("stop", "base"), "\"stopped\":[\"user\",\"base\"]"));
+    EXPECT_TRUE(InOrder(Trace(), {"module base.so stopped", "module base.so crashed: thread ",
+                                  "did not end in order: its process died by signal 6 (Aborted)"}));
 #endif
 }
 
@@ -114,6 +120,12 @@ TEST_F(IsolatedTest, WhatIsNotStartedAgain) {
     kill(Process(), SIGKILL);
     ASSERT_TRUE(WaitFor([] { return Shows("base", "\"state\":\"failed\""); }));
     EXPECT_TRUE(Contains(Trace(), "it is not started again"));
+    // Nobody can ask how it ended when a module ignores this signal.
+    EXPECT_TRUE(Contains(Ask("start", "base"), "\"state\":\"running\""));
+    const auto previous = std::signal(SIGCHLD, SIG_IGN);
+    kill(Process(), SIGKILL);
+    EXPECT_TRUE(WaitFor([] { return Shows("base", "its process ended, how is not known"); }));
+    std::signal(SIGCHLD, previous);
     // Refusing to start is no crash.
     WriteFile("/tmp/fail", "");
     EXPECT_TRUE(Contains(Ask("start", "base"), "module base does not start: result 5"));
