@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -25,15 +24,15 @@ namespace {
 
 constexpr const char* kTag = "switch";
 constexpr size_t kPageSize = 4096;
+constexpr const char* kLost = "a module has closed descriptors of kemd: restart kemd";
 
 }  // namespace
 
 std::string IsolatedModules::Start() {
     if (m_thread.joinable()) return {};
-    m_wakeup.Reset(KeepHigh(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
+    const bool hasWakeup = m_wakeup.Open();
     m_levelFile.Reset(KeepHigh(memfd_create("kemd-trace-level", MFD_CLOEXEC)));
-    if (!m_wakeup.IsOpen() || !m_levelFile.IsOpen() ||
-        ftruncate(m_levelFile.Get(), kPageSize) != 0 ||
+    if (!hasWakeup || !m_levelFile.IsOpen() || ftruncate(m_levelFile.Get(), kPageSize) != 0 ||
         !m_level.MapShared(m_levelFile.Get(), kPageSize)) {
         return std::string("no descriptor for isolated modules: ") + std::strerror(errno);
     }
@@ -43,6 +42,7 @@ std::string IsolatedModules::Start() {
     if (!m_levelFile.IsOpen()) return path + ": " + std::strerror(errno);
     KemdTraceShareLevel(reinterpret_cast<uint32_t*>(m_level.Data()));
     m_isEnding = false;
+    m_isLost = false;
     m_thread = std::thread([this] { Run(); });
     return {};
 }
@@ -53,9 +53,13 @@ std::shared_ptr<IsolatedProcess> IsolatedModules::Spawn(const std::string& modul
     if (!fault.empty()) return nullptr;
     Order order{module, nullptr, {}, false};
     std::unique_lock lock(m_lock);
+    if (m_isLost) {
+        fault = kLost;
+        return nullptr;
+    }
     m_restarts[module].isWanted = isRestarted;
     m_order = &order;
-    Wake();
+    m_wakeup.Wake();
     m_done.wait(lock, [&] { return order.isDone; });
     fault = std::move(order.fault);
     return std::move(order.process);
@@ -72,28 +76,42 @@ void IsolatedModules::Forget(const std::string& module) {
 void IsolatedModules::Stop() {
     if (!m_thread.joinable()) return;
     m_isEnding = true;
-    Wake();
+    m_wakeup.Wake();
     m_thread.join();
     KemdTraceShareLevel(nullptr);
     m_level.Unmap();
     m_levelFile.Reset();
-    m_wakeup.Reset();
+    m_wakeup.Close();
     m_restarts.clear();
-}
-
-void IsolatedModules::Wake() const {
-    const uint64_t one = 1;
-    (void)!write(m_wakeup.Get(), &one, sizeof one);
 }
 
 void IsolatedModules::Run() {
     (void)pthread_setname_np(pthread_self(), "kemd-isolated");
     m_threadId = gettid();
-    while (!m_isEnding) {
+    while (!m_isEnding && !m_isLost) {
         if (!Serve()) usleep(100'000);  // what is there is still there afterwards
     }
     m_processes.clear();
     m_threadId = 0;
+}
+
+// Nothing is known of the processes any more.
+void IsolatedModules::GiveUp() {
+    KemdMessage(kTag, "%s; until then no module runs in a process of its own", kLost);
+    {
+        const std::lock_guard lock(m_lock);
+        m_isLost = true;
+        m_restarts.clear();
+        if (m_order != nullptr) {
+            m_order->fault = kLost;
+            std::exchange(m_order, nullptr)->isDone = true;
+            m_done.notify_all();
+        }
+    }
+    for (const auto& process : m_processes) {
+        process->Kill("it cannot be reached any more");
+        ReportEnd(*process);
+    }
 }
 
 // What happens next; false without memory.
@@ -108,14 +126,16 @@ bool IsolatedModules::Serve() try {
 }
 
 void IsolatedModules::Wait() {
-    m_polled.assign(1, {m_wakeup.Get(), POLLIN, 0});
+    m_polled.assign(1, m_wakeup.Polled());
     for (const auto& process : m_processes) {
         m_polled.push_back({process->Watch(), POLLIN, 0});
         m_polled.push_back({process->Trace(), POLLIN, 0});
     }
     if (poll(m_polled.data(), m_polled.size(), PollTimeout()) < 0) return;
-    uint64_t count = 0;
-    if (m_polled[0].revents != 0) (void)!read(m_wakeup.Get(), &count, sizeof count);
+    if (!m_wakeup.Take(m_polled[0].revents)) return GiveUp();
+    for (size_t i = 1; i < m_polled.size(); i += 2) {
+        if ((m_polled[i].revents & POLLNVAL) != 0) return GiveUp();
+    }
     for (size_t i = 0; i < m_processes.size(); ++i) {
         if (m_polled[2 * i + 2].revents != 0) m_processes[i]->ForwardTrace();
         if (m_polled[2 * i + 1].revents != 0) ReportEnd(*m_processes[i]);

@@ -126,7 +126,7 @@ IsolatedProcess::~IsolatedProcess() {
 
 void IsolatedProcess::Kill(std::string_view why) {
     const std::lock_guard lock(m_lock);
-    if (!why.empty()) m_killedFor = why;
+    m_killedFor = why;
     if (!m_isReaped) (void)kill(m_id, SIGKILL);
 }
 

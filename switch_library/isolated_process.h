@@ -59,14 +59,14 @@ class IsolatedProcess {
     [[nodiscard]] std::string CrashText() const;
     // Wakes those that wait for the end.
     void DeclareOver();
+    // `why` is how it ended.
+    void Kill(std::string_view why);
 
   private:
     explicit IsolatedProcess(std::string module) : m_module(std::move(module)) {}
     int Start(int level, int calls, int trace);
     bool ForwardRecords();
     void Forward(const IsolatedRecord& record, std::string_view rest);
-    // `why` is part of how it ended; empty: nothing new.
-    void Kill(std::string_view why);
     [[nodiscard]] bool AwaitEnd(std::chrono::milliseconds timeout);
     [[noreturn]] void FailHanging(std::chrono::milliseconds timeout);
 

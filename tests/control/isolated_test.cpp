@@ -115,6 +115,23 @@ TEST_F(IsolatedTest, ACrashIsInTheTraceAndInTheFileOfCrashes) {
 #endif
 }
 
+bool HasThread(const std::string& name) {
+    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+        if (ReadFile(task.path() / "comm") == name + "\n") return true;
+    }
+    return false;
+}
+
+TEST_F(IsolatedTest, ModuleInTheDaemonClosesAllDescriptors) {
+    BeginIsolated();
+    ASSERT_TRUE(HasThread("kemd-isolated"));
+    const pid_t process = Process();
+    (void)Ask(RequestOf("user", "close"));
+    EXPECT_TRUE(WaitFor([] { return !HasThread("kemd-isolated"); }));  // it would spin
+    EXPECT_EQ(kill(process, 0), -1);
+    EXPECT_TRUE(End());
+}
+
 TEST_F(IsolatedTest, WhatIsNotStartedAgain) {
     BeginIsolated("Restart = never\n");
     kill(Process(), SIGKILL);
