@@ -220,6 +220,11 @@ void ModuleBoard::NameOverdueCall() {
     WriteToJournal(kText, call.file.data(), call.name, seconds);
 }
 
+bool ModuleBoard::Has(const std::string& file) {
+    const std::lock_guard lock(m_lock);
+    return Find(file) != nullptr;
+}
+
 std::string ModuleBoard::Reason(const std::string& file) {
     const std::lock_guard lock(m_lock);
     const ModuleInfo* const module = Find(file);

@@ -88,6 +88,7 @@ class ModuleBoard {
     // To be called when it is: names the call in the trace, once.
     void NameOverdueCall();
 
+    [[nodiscard]] bool Has(const std::string& file);
     // Of the state of one; empty when it has none.
     [[nodiscard]] std::string Reason(const std::string& file);
     // Sorted by name, and the call that is running.

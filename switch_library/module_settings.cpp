@@ -22,7 +22,8 @@ void ReadProtection(const KemdConfig* config, ModuleSettings& settings, std::str
     int restart = 1;
     std::array<char, 64> user{};
     const auto refuse = [&](int error, const char* key, const char* allowed) {
-        if (error != 0 && fault.empty()) fault = settings.file + ": " + key + " is " + allowed;
+        if (error != 0 && fault.empty())
+            fault = settings.file + ": [Module] " + key + " is " + allowed;
     };
     refuse(KemdConfigBool(config, "Enabled", 1, &isEnabled), "Enabled", "neither yes nor no");
     refuse(KemdConfigBool(config, "Isolated", 0, &isIsolated), "Isolated", "neither yes nor no");
@@ -31,7 +32,7 @@ void ReadProtection(const KemdConfig* config, ModuleSettings& settings, std::str
     refuse(KemdConfigText(config, "User", "", user.data(), user.size()), "User", "too long");
     refuse(KemdConfigSize(config, "MemoryLimit", 0, kLeastMemory, int64_t{1} << 40,
                           &settings.memoryLimit),
-           "MemoryLimit", "no size of at least 16M");
+           "MemoryLimit", "no size from 16M to 1024G");
     settings.isEnabled = isEnabled != 0;
     settings.isIsolated = isIsolated != 0;
     settings.isRestarted = restart != 0;

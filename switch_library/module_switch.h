@@ -72,6 +72,8 @@ class ModuleSwitch : public IModuleSwitch {
     // Starts an isolated module again whose process has ended.
     void ReviveOne(const std::string& file);
     bool PostRevive(const std::string& file);
+    // It is isolated, and its process has ended.
+    [[nodiscard]] static bool HasNoProcess(const Module& module);
     [[nodiscard]] Module* Find(const std::string& name);
     // module_switch.cpp; `file` is with ".so".
     std::string LoadOne(const std::string& file);

@@ -72,7 +72,8 @@ TEST_F(IsolatedTest, AProcessThatEndsIsStartedAgain) {
     EXPECT_TRUE(Shows("base", "\"reason\":\"its process died by signal 9 (Killed)\""));
     EXPECT_TRUE(Shows("base", "\"health\":\"failed\""));
     EXPECT_TRUE(Shows("user", "\"state\":\"running\""));
-    EXPECT_TRUE(Contains(Ask(RequestOf("base", "echo 1")), "its process died by signal 9"));
+    EXPECT_TRUE(Contains(Ask(RequestOf("base", "echo 1")), "not run now: its process died by sig"));
+    EXPECT_TRUE(Contains(Ask("reload", "base"), "it reads its settings when it starts"));
     ASSERT_TRUE(WaitFor([] { return Shows("base", "\"state\":\"running\""); }));
     EXPECT_NE(Process(), first);
     EXPECT_TRUE(InOrder(
