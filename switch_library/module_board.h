@@ -14,8 +14,8 @@
 
 #include "base/module_object.h"
 #include "base/unique_fd.h"
+#include "services/module_settings.h"
 #include "switch_library/live_threads.h"
-#include "switch_library/module_settings.h"
 
 enum class ModuleState {
     kNotLoaded,

@@ -17,12 +17,12 @@
 
 #include "base/module_object.h"
 #include "kemd/module_switch.h"
+#include "services/module_settings.h"
 #include "switch_library/control_server.h"
 #include "switch_library/isolated_module.h"
 #include "switch_library/isolated_modules.h"
 #include "switch_library/live_threads.h"
 #include "switch_library/module_call.h"
-#include "switch_library/module_settings.h"
 
 class ModuleSwitch : public IModuleSwitch {
   public:

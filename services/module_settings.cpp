@@ -1,4 +1,4 @@
-#include "switch_library/module_settings.h"
+#include "services/module_settings.h"
 
 #include <array>
 #include <cerrno>
