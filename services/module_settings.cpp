@@ -22,8 +22,9 @@ void ReadProtection(const KemdConfig* config, ModuleSettings& settings, std::str
     int restart = 1;
     std::array<char, 64> user{};
     const auto refuse = [&](int error, const char* key, const char* allowed) {
-        if (error != 0 && fault.empty())
-            fault = settings.file + ": [Module] " + key + " is " + allowed;
+        if (error == 0) return;
+        settings.wrongKeys.push_back(key);
+        if (fault.empty()) fault = settings.file + ": [Module] " + key + " is " + allowed;
     };
     refuse(KemdConfigBool(config, "Enabled", 1, &isEnabled), "Enabled", "neither yes nor no");
     refuse(KemdConfigBool(config, "Isolated", 0, &isIsolated), "Isolated", "neither yes nor no");
@@ -64,7 +65,8 @@ ModuleSettings ReadModuleSettings(const std::string& name, std::string& fault) {
     constexpr int64_t kMost = 3'600'000;
     for (auto [key, timeoutMs] : {std::pair("StartTimeout", &settings.startTimeoutMs),
                                   std::pair("StopTimeout", &settings.stopTimeoutMs)}) {
-        (void)KemdConfigTime(config.get(), key, *timeoutMs, kLeast, kMost, timeoutMs);
+        const int error = KemdConfigTime(config.get(), key, *timeoutMs, kLeast, kMost, timeoutMs);
+        if (error != 0) settings.wrongKeys.push_back(key);
     }
     return settings;
 }
