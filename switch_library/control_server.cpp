@@ -1,7 +1,6 @@
 #include "switch_library/control_server.h"
 
 #include <pthread.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -63,13 +62,12 @@ std::string ControlServer::MakeThreads() try {
     m_isEnding = false;
     m_isHealthAsked = false;
     m_polled.reserve(kMostClients + 3);  // idle, the thread needs no memory
-    m_wakeup.Reset(KeepHigh(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
-    if (!m_wakeup.IsOpen() || !TheModuleBoard().OpenWatch()) {
+    if (!m_wakeup.Open() || !TheModuleBoard().OpenWatch()) {
         return std::string("no descriptor for the control thread: ") + std::strerror(errno);
     }
     std::string fault = m_socket.Open();
     const DaemonSignalsBlocked blocked;
-    m_worker.Start(m_execute, m_wakeup.Get());
+    m_worker.Start(m_execute, m_wakeup);
     m_sync.Start();
     m_thread = std::thread([this] { Run(); });
     (void)pthread_setname_np(m_thread.native_handle(), "kemd-control");
@@ -86,13 +84,10 @@ void ControlServer::Stop() {
     m_worker.Stop();
     m_sync.Stop();
     m_isEnding = true;
-    const uint64_t one = 1;
-    // A module may have closed it: the thread then sleeps on.
-    if (write(m_wakeup.Get(), &one, sizeof one) < 0) (void)pthread_cancel(m_thread.native_handle());
+    m_wakeup.Wake();
     m_thread.join();
-    CloseConnections();
     TheModuleBoard().CloseWatch();
-    m_wakeup.Reset();
+    m_wakeup.Close();
 }
 
 bool ControlServer::Post(const ControlRequest& request) {
@@ -100,7 +95,6 @@ bool ControlServer::Post(const ControlRequest& request) {
 }
 
 void ControlServer::Run() {
-    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     for (;;) {
         try {
             Serve();
@@ -109,10 +103,6 @@ void ControlServer::Run() {
             m_clients.clear();  // they can ask again
         }
     }
-    CloseConnections();
-}
-
-void ControlServer::CloseConnections() {
     m_socket.Close();
     std::list<ControlClient>().swap(m_clients);
 }
@@ -138,21 +128,17 @@ void ControlServer::Serve() {
 // False when a descriptor of its own is gone.
 bool ControlServer::Poll() {
     m_polled.clear();
-    m_polled.push_back({m_wakeup.Get(), POLLIN, 0});
+    m_polled.push_back(m_wakeup.Polled());
     m_polled.push_back({TheModuleBoard().Watch(), POLLIN, 0});
     m_polled.push_back({MayAccept() ? m_socket.Get() : -1, POLLIN, 0});
     for (const ControlClient& client : m_clients) {
         m_polled.push_back({client.Socket(), client.Events(), 0});
     }
-    (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-    const int result = poll(m_polled.data(), m_polled.size(), PollTimeout());
-    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    if (result < 0) {
+    if (poll(m_polled.data(), m_polled.size(), PollTimeout()) < 0) {
         for (pollfd& each : m_polled) each.revents = 0;
     }
-    uint64_t count = 0;
-    if ((m_polled[0].revents & POLLIN) != 0) (void)!read(m_wakeup.Get(), &count, sizeof count);
-    return std::none_of(m_polled.begin(), m_polled.begin() + 3,
+    return m_wakeup.Take(m_polled[0].revents) &&
+           std::none_of(m_polled.begin() + 1, m_polled.begin() + 3,
                         [](const pollfd& each) { return (each.revents & POLLNVAL) != 0; });
 }
 

@@ -16,6 +16,7 @@
 #include "switch_library/control_socket.h"
 #include "switch_library/control_worker.h"
 #include "switch_library/trace_sync.h"
+#include "switch_library/wakeup.h"
 
 class ControlServer {
   public:
@@ -38,7 +39,6 @@ class ControlServer {
 
     std::string MakeThreads();
     void Run();
-    void CloseConnections();
     void Serve();
     [[nodiscard]] bool Poll();
     [[nodiscard]] int PollTimeout() const;
@@ -58,7 +58,7 @@ class ControlServer {
     ControlSocket m_socket;
     ControlWorker m_worker;
     TraceSync m_sync;
-    UniqueFd m_wakeup;
+    Wakeup m_wakeup;
     std::thread m_thread;
     std::atomic<bool> m_isEnding{false};
     // Of the control thread.

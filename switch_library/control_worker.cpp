@@ -39,9 +39,9 @@ class ControlWorker::Guard {
     uint64_t m_client;
 };
 
-void ControlWorker::Start(Execute execute, int wakeup) {
+void ControlWorker::Start(Execute execute, const Wakeup& wakeup) {
     m_execute = std::move(execute);
-    m_wakeup = wakeup;
+    m_wakeup = &wakeup;
     m_isEnding = false;
     m_isLost = false;
     m_thread = std::thread([this] { Run(); });
@@ -109,6 +109,5 @@ std::string ControlWorker::Do(const ControlRequest& request) {
 void ControlWorker::Give(uint64_t client, std::string text) {
     const std::lock_guard lock(m_lock);
     m_answers.push_back({client, std::move(text)});
-    const uint64_t one = 1;
-    (void)!write(m_wakeup, &one, sizeof one);
+    m_wakeup->Wake();
 }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "switch_library/control_request.h"
+#include "switch_library/wakeup.h"
 
 class ControlWorker {
   public:
@@ -27,8 +28,8 @@ class ControlWorker {
     ControlWorker(const ControlWorker&) = delete;
     ControlWorker& operator=(const ControlWorker&) = delete;
 
-    // `wakeup`, an eventfd, is written when there is an answer. Throws std::system_error.
-    void Start(Execute execute, int wakeup);
+    // `wakeup` is used when there is an answer. Throws std::system_error.
+    void Start(Execute execute, const Wakeup& wakeup);
     // Waits for the request that is running; the others are dropped.
     void Stop();
 
@@ -49,7 +50,7 @@ class ControlWorker {
     void Give(uint64_t client, std::string text);
 
     Execute m_execute;
-    int m_wakeup = -1;
+    const Wakeup* m_wakeup = nullptr;
     std::thread m_thread;
     std::mutex m_lock;
     std::condition_variable m_change;

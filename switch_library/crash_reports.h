@@ -6,7 +6,7 @@
 #include <string>
 
 #include "base/crash_handler.h"
-#include "switch_library/module_settings.h"
+#include "services/module_settings.h"
 
 class CrashReports {
   public:

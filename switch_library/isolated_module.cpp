@@ -8,6 +8,7 @@
 
 #include "base/file_io.h"
 #include "base/module_object.h"
+#include "kemd/trace.h"
 
 using std::chrono::milliseconds;
 
@@ -75,8 +76,10 @@ void IsolatedModule::TakeFacts(const IsolatedAnswer& answer, const std::string& 
 
 void IsolatedModule::Unload() {
     if (m_process == nullptr) return;
-    m_process->End(milliseconds(m_settings.stopTimeoutMs));
+    const std::string fault = m_process->End(milliseconds(m_settings.stopTimeoutMs));
     m_process.reset();
+    if (fault.empty()) return;
+    KemdMessage("switch", "module %s did not end in order: %s", m_file.c_str(), fault.c_str());
 }
 
 IsolatedAnswer IsolatedModule::Invoke(const IsolatedRequest& request, std::string_view text,

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "kemd/module.h"
+#include "services/module_settings.h"
 #include "switch_library/isolated_modules.h"
 #include "switch_library/isolated_process.h"
-#include "switch_library/module_settings.h"
 
 class IsolatedModule {
   public:

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -24,18 +23,16 @@ using std::chrono::seconds;
 namespace {
 
 constexpr const char* kTag = "switch";
-constexpr const char* kLost =
-    "a module has closed descriptors of kemd: no module in a process of its own from here on";
 constexpr size_t kPageSize = 4096;
+constexpr const char* kLost = "a module has closed descriptors of kemd: restart kemd";
 
 }  // namespace
 
 std::string IsolatedModules::Start() {
     if (m_thread.joinable()) return {};
-    m_wakeup.Reset(KeepHigh(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
+    const bool hasWakeup = m_wakeup.Open();
     m_levelFile.Reset(KeepHigh(memfd_create("kemd-trace-level", MFD_CLOEXEC)));
-    if (!m_wakeup.IsOpen() || !m_levelFile.IsOpen() ||
-        ftruncate(m_levelFile.Get(), kPageSize) != 0 ||
+    if (!hasWakeup || !m_levelFile.IsOpen() || ftruncate(m_levelFile.Get(), kPageSize) != 0 ||
         !m_level.MapShared(m_levelFile.Get(), kPageSize)) {
         return std::string("no descriptor for isolated modules: ") + std::strerror(errno);
     }
@@ -56,11 +53,14 @@ std::shared_ptr<IsolatedProcess> IsolatedModules::Spawn(const std::string& modul
     if (!fault.empty()) return nullptr;
     Order order{module, nullptr, {}, false};
     std::unique_lock lock(m_lock);
+    if (m_isLost) {
+        fault = kLost;
+        return nullptr;
+    }
     m_restarts[module].isWanted = isRestarted;
     m_order = &order;
-    if (Wake()) m_done.wait(lock, [&] { return order.isDone || m_isLost; });
-    m_order = nullptr;
-    if (!order.isDone) order.fault = kLost;
+    m_wakeup.Wake();
+    m_done.wait(lock, [&] { return order.isDone; });
     fault = std::move(order.fault);
     return std::move(order.process);
 } catch (const std::system_error& error) {
@@ -76,31 +76,42 @@ void IsolatedModules::Forget(const std::string& module) {
 void IsolatedModules::Stop() {
     if (!m_thread.joinable()) return;
     m_isEnding = true;
-    if (!Wake()) (void)pthread_cancel(m_thread.native_handle());
+    m_wakeup.Wake();
     m_thread.join();
-    m_processes.clear();
     KemdTraceShareLevel(nullptr);
     m_level.Unmap();
     m_levelFile.Reset();
-    m_wakeup.Reset();
+    m_wakeup.Close();
     m_restarts.clear();
-}
-
-// False when a module has closed the descriptor: the thread then sleeps on.
-bool IsolatedModules::Wake() const {
-    const uint64_t one = 1;
-    return write(m_wakeup.Get(), &one, sizeof one) >= 0;
 }
 
 void IsolatedModules::Run() {
     (void)pthread_setname_np(pthread_self(), "kemd-isolated");
-    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     m_threadId = gettid();
     while (!m_isEnding && !m_isLost) {
         if (!Serve()) usleep(100'000);  // what is there is still there afterwards
     }
     m_processes.clear();
     m_threadId = 0;
+}
+
+// Nothing is known of the processes any more.
+void IsolatedModules::GiveUp() {
+    KemdMessage(kTag, "%s; until then no module runs in a process of its own", kLost);
+    {
+        const std::lock_guard lock(m_lock);
+        m_isLost = true;
+        m_restarts.clear();
+        if (m_order != nullptr) {
+            m_order->fault = kLost;
+            std::exchange(m_order, nullptr)->isDone = true;
+            m_done.notify_all();
+        }
+    }
+    for (const auto& process : m_processes) {
+        process->Kill("it cannot be reached any more");
+        ReportEnd(*process);
+    }
 }
 
 // What happens next; false without memory.
@@ -114,35 +125,17 @@ bool IsolatedModules::Serve() try {
     return false;
 }
 
-// Without its descriptors it can neither watch the processes nor make others.
-void IsolatedModules::GiveUp() {
-    KemdMessage(kTag, "%s", kLost);
-    {
-        const std::lock_guard lock(m_lock);
-        m_restarts.clear();
-        m_isLost = true;
-    }
-    m_done.notify_all();
-    for (const auto& process : m_processes) {
-        process->Kill("kemd has lost its descriptors");
-        ReportEnd(*process);
-    }
-}
-
 void IsolatedModules::Wait() {
-    m_polled.assign(1, {m_wakeup.Get(), POLLIN, 0});
+    m_polled.assign(1, m_wakeup.Polled());
     for (const auto& process : m_processes) {
         m_polled.push_back({process->Watch(), POLLIN, 0});
         m_polled.push_back({process->Trace(), POLLIN, 0});
     }
-    const int timeout = PollTimeout();
-    (void)pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-    const int result = poll(m_polled.data(), m_polled.size(), timeout);
-    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    if (result < 0) return;
-    if ((m_polled[0].revents & POLLNVAL) != 0) return GiveUp();
-    uint64_t count = 0;
-    if (m_polled[0].revents != 0) (void)!read(m_wakeup.Get(), &count, sizeof count);
+    if (poll(m_polled.data(), m_polled.size(), PollTimeout()) < 0) return;
+    if (!m_wakeup.Take(m_polled[0].revents)) return GiveUp();
+    for (size_t i = 1; i < m_polled.size(); i += 2) {
+        if ((m_polled[i].revents & POLLNVAL) != 0) return GiveUp();
+    }
     for (size_t i = 0; i < m_processes.size(); ++i) {
         if (m_polled[2 * i + 2].revents != 0) m_processes[i]->ForwardTrace();
         if (m_polled[2 * i + 1].revents != 0) ReportEnd(*m_processes[i]);
@@ -183,11 +176,12 @@ void IsolatedModules::ReportEnd(IsolatedProcess& process) {
         constexpr const char* kText = "module %s: %s; %s";
         KemdMessage(kTag, kText, module, end.c_str(), next.data());
         WriteToJournal(kText, module, end.c_str(), next.data());
-        const std::string crash = process.CrashText();
-        if (!crash.empty()) KemdMessage(kTag, "module %s crashed: %s", module, crash.c_str());
         TheModuleBoard().Set(process.Module(),
                              isRestarted ? ModuleState::kRestarting : ModuleState::kFailed, end);
     }
+    // In its stop or when it is unloaded, too.
+    const std::string crash = process.CrashText();
+    if (!crash.empty()) KemdMessage(kTag, "module %s crashed: %s", module, crash.c_str());
     process.DeclareOver();
 }
 

@@ -22,6 +22,7 @@
 #include "base/unique_fd.h"
 #include "switch_library/isolated_process.h"
 #include "switch_library/restart_plan.h"
+#include "switch_library/wakeup.h"
 
 class IsolatedModules {
   public:
@@ -61,19 +62,17 @@ class IsolatedModules {
     };
 
     std::string Start();
-    [[nodiscard]] bool Wake() const;
+    void GiveUp();
     void Run();
     bool Serve();
     void Wait();
-    void GiveUp();
     void FillOrder();
-    void Move(IsolatedProcess& process, short traceEvents);
     void ReportEnd(IsolatedProcess& process);
     void ReviveDue();
     [[nodiscard]] int PollTimeout();
 
     const Revive m_revive;
-    UniqueFd m_wakeup;
+    Wakeup m_wakeup;
     UniqueFd m_levelFile;
     MappedRegion m_level;
     std::thread m_thread;
@@ -85,6 +84,6 @@ class IsolatedModules {
     std::mutex m_lock;
     std::condition_variable m_done;
     Order* m_order = nullptr;
-    std::atomic<bool> m_isLost{false};  // the thread has given up
+    bool m_isLost = false;  // the thread has given up
     std::map<std::string, Restart> m_restarts;
 };

@@ -34,6 +34,13 @@ std::string ErrorText(const char* what) {
     return std::string(what) + ": " + std::strerror(errno);
 }
 
+std::string Within(const char* what, milliseconds timeout) {
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "%s within %.1f s", what,
+                  std::chrono::duration<double>(timeout).count());
+    return text.data();
+}
+
 // What a new process gets: its descriptors, no signal blocked or ignored, a session of its own.
 class SpawnSetup {
   public:
@@ -119,7 +126,7 @@ IsolatedProcess::~IsolatedProcess() {
 
 void IsolatedProcess::Kill(std::string_view why) {
     const std::lock_guard lock(m_lock);
-    if (!why.empty()) m_killedFor = why;
+    m_killedFor = why;
     if (!m_isReaped) (void)kill(m_id, SIGKILL);
 }
 
@@ -167,10 +174,7 @@ IsolatedAnswer IsolatedProcess::Call(const IsolatedRequest& request, std::string
 }
 
 void IsolatedProcess::FailHanging(milliseconds timeout) {
-    std::array<char, 64> why{};
-    std::snprintf(why.data(), why.size(), "its call has not come back within %.1f s",
-                  std::chrono::duration<double>(timeout).count());
-    Kill(why.data());
+    Kill(Within("its call has not come back", timeout));
     (void)AwaitEnd(kAfterKill);
     TheModuleBoard().ForgetOverdue();
     throw std::runtime_error(EndText());
@@ -181,12 +185,17 @@ void IsolatedProcess::ExpectEnd() {
     m_isEnding = true;
 }
 
-void IsolatedProcess::End(milliseconds timeout) {
+std::string IsolatedProcess::End(milliseconds timeout) {
     ExpectEnd();
+    if (IsOver()) return {};
     (void)shutdown(m_calls.Get(), SHUT_RDWR);
-    if (AwaitEnd(timeout)) return;
-    Kill({});
-    (void)AwaitEnd(kAfterKill);
+    if (!AwaitEnd(timeout)) {
+        Kill(Within("its process has not ended", timeout));
+        (void)AwaitEnd(kAfterKill);
+    }
+    const std::string end = EndText();
+    const std::lock_guard lock(m_lock);
+    return m_isInOrder ? "" : end;
 }
 
 bool IsolatedProcess::IsOver() const {
@@ -255,15 +264,19 @@ void IsolatedProcess::Forward(const IsolatedRecord& record, std::string_view res
 bool IsolatedProcess::TakeEnd() {
     ForwardTrace();
     siginfo_t info{};
-    (void)waitid(P_PID, static_cast<id_t>(m_id), &info, WEXITED | WNOWAIT);
-    (void)kill(-m_id, SIGKILL);  // those that it left in its group
+    // A module in the daemon may have waited for it, or have SIGCHLD ignored: then the id is free.
+    const bool isThere =
+        TEMP_FAILURE_RETRY(waitid(P_PID, static_cast<id_t>(m_id), &info, WEXITED | WNOWAIT)) == 0;
+    if (isThere) (void)kill(-m_id, SIGKILL);  // those that it left in its group
     {
         const std::lock_guard lock(m_lock);
         m_isReaped = true;
-        (void)waitpid(m_id, nullptr, 0);
+        if (isThere) (void)waitpid(m_id, nullptr, 0);
     }
     std::string end;
-    if (info.si_code == CLD_EXITED) {
+    if (!isThere) {
+        end = "its process ended, how is not known";
+    } else if (info.si_code == CLD_EXITED) {
         end = "its process ended with status " + std::to_string(info.si_status);
     } else {
         const char* const name = sigdescr_np(info.si_status);
@@ -272,6 +285,7 @@ bool IsolatedProcess::TakeEnd() {
     }
     (void)shutdown(m_calls.Get(), SHUT_RDWR);  // wakes the thread that waits for an answer
     const std::lock_guard lock(m_lock);
+    m_isInOrder = m_killedFor.empty() && info.si_code == CLD_EXITED && info.si_status == 0;
     m_end = m_killedFor.empty() ? end : m_killedFor + ", its process was killed";
     return !m_isEnding;
 }

@@ -37,10 +37,9 @@ class IsolatedProcess {
                         std::chrono::milliseconds timeout, std::string& answer);
     // From now on its end is what is wanted, and not reported.
     void ExpectEnd();
-    // Ends the calls, so that it ends by itself, and kills it after `timeout`.
-    void End(std::chrono::milliseconds timeout);
-    // `why` is part of how it ended; empty: nothing new.
-    void Kill(std::string_view why);
+    // Ends the calls, so that it ends by itself, and kills it after `timeout`. Empty, or how it
+    // ended otherwise than in order; that was not reported.
+    std::string End(std::chrono::milliseconds timeout);
     [[nodiscard]] bool IsOver() const;
 
     // Of the thread that watches.
@@ -60,6 +59,8 @@ class IsolatedProcess {
     [[nodiscard]] std::string CrashText() const;
     // Wakes those that wait for the end.
     void DeclareOver();
+    // `why` is how it ended.
+    void Kill(std::string_view why);
 
   private:
     explicit IsolatedProcess(std::string module) : m_module(std::move(module)) {}
@@ -86,6 +87,7 @@ class IsolatedProcess {
     bool m_isEnding = false;
     bool m_isReaped = false;  // the id may be another's
     bool m_isOver = false;
-    std::string m_killedFor;  // why we killed it
+    bool m_isInOrder = false;  // it ended by itself, with status 0
+    std::string m_killedFor;   // why we killed it
     std::string m_end;
 };

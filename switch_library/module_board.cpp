@@ -22,6 +22,15 @@ void Assign(std::string& to, std::string_view text) noexcept {
     }
 }
 
+void Enter(ModuleInfo& module, ModuleState state, std::string_view reason) noexcept {
+    module.state = state;
+    module.since = time(nullptr);
+    Assign(module.reason, reason);
+    if (state == ModuleState::kRunning) return;
+    module.health = -1;
+    module.healthText.clear();
+}
+
 bool IsStartCall(const char* name) {
     constexpr std::array<std::string_view, 3> kNames = {"load", "configure", "start"};
     return std::find(kNames.begin(), kNames.end(), name) != kNames.end();
@@ -103,14 +112,14 @@ void ModuleBoard::Describe(const std::string& file, const ModuleObject& object) 
 void ModuleBoard::Set(const std::string& file, ModuleState state,
                       std::string_view reason) noexcept {
     const std::lock_guard lock(m_lock);
+    if (ModuleInfo* const module = Find(file)) Enter(*module, state, reason);
+}
+
+void ModuleBoard::Change(const std::string& file, ModuleState from, ModuleState to,
+                         std::string_view reason) noexcept {
+    const std::lock_guard lock(m_lock);
     ModuleInfo* const module = Find(file);
-    if (module == nullptr) return;
-    module->state = state;
-    module->since = time(nullptr);
-    Assign(module->reason, reason);
-    if (state == ModuleState::kRunning) return;
-    module->health = -1;
-    module->healthText.clear();
+    if (module != nullptr && module->state == from) Enter(*module, to, reason);
 }
 
 void ModuleBoard::SetProcess(const std::string& file, pid_t process) noexcept {
@@ -209,6 +218,11 @@ void ModuleBoard::NameOverdueCall() {
     const double seconds = std::chrono::duration<double>(call.timeout).count();
     KemdMessage(kTag, kText, call.file.data(), call.name, seconds);
     WriteToJournal(kText, call.file.data(), call.name, seconds);
+}
+
+bool ModuleBoard::Has(const std::string& file) {
+    const std::lock_guard lock(m_lock);
+    return Find(file) != nullptr;
 }
 
 std::string ModuleBoard::Reason(const std::string& file) {

@@ -14,8 +14,8 @@
 
 #include "base/module_object.h"
 #include "base/unique_fd.h"
+#include "services/module_settings.h"
 #include "switch_library/live_threads.h"
-#include "switch_library/module_settings.h"
 
 enum class ModuleState {
     kNotLoaded,
@@ -66,6 +66,9 @@ class ModuleBoard {
     // These need no memory but for texts and lists, which are dropped when there is none.
     void Describe(const std::string& file, const ModuleObject& object) noexcept;
     void Set(const std::string& file, ModuleState state, std::string_view reason = {}) noexcept;
+    // Only if its state is still `from`: the end of its process may have changed it meanwhile.
+    void Change(const std::string& file, ModuleState from, ModuleState to,
+                std::string_view reason = {}) noexcept;
     void SetProcess(const std::string& file, pid_t process) noexcept;
     void SetHealth(const std::string& file, int health, std::string_view text) noexcept;
     void SetThreads(const std::string& file, const ThreadIds& threads) noexcept;
@@ -85,6 +88,7 @@ class ModuleBoard {
     // To be called when it is: names the call in the trace, once.
     void NameOverdueCall();
 
+    [[nodiscard]] bool Has(const std::string& file);
     // Of the state of one; empty when it has none.
     [[nodiscard]] std::string Reason(const std::string& file);
     // Sorted by name, and the call that is running.

@@ -36,6 +36,15 @@ std::string Of(const std::string& name, const std::string& what) {
     return "module " + name + " " + what;
 }
 
+// Of a change that failed.
+std::string Stopped(const ControlOutcome& outcome) {
+    std::string text;
+    for (const std::string& name : outcome.stopped) {
+        text += (text.empty() ? " (stopped: " : ", ") + name;
+    }
+    return text.empty() ? text : text + ")";
+}
+
 }  // namespace
 
 std::string ModuleSwitch::Execute(const ControlRequest& request) {
@@ -55,7 +64,9 @@ std::string ModuleSwitch::Execute(const ControlRequest& request) {
             fault = StartOne(request.module, outcome);
             break;
         case ControlRequest::kStop:
-            fault = StopOne(request.module, outcome);
+            fault = TheModuleBoard().Has(request.module + ".so")
+                        ? StopOne(request.module, outcome)
+                        : "there is no module " + request.module;
             break;
         case ControlRequest::kRestart:
             fault = RestartOne(request.module, outcome);
@@ -78,9 +89,13 @@ std::string ModuleSwitch::Execute(const ControlRequest& request) {
             return {};  // the control thread's
     }
     ShowRunning();
-    if (!fault.empty()) return ControlError(fault);
+    if (!fault.empty()) return ControlError(fault + Stopped(outcome));
     outcome.state = Runs(request.module) ? "running" : "stopped";
     return outcome.Answer();
+}
+
+bool ModuleSwitch::HasNoProcess(const Module& module) {
+    return module.isolated != nullptr && !module.isolated->IsAlive();
 }
 
 ModuleSwitch::Module* ModuleSwitch::Find(const std::string& name) {
@@ -93,16 +108,23 @@ ModuleSwitch::Module* ModuleSwitch::Find(const std::string& name) {
 std::string ModuleSwitch::StartOne(const std::string& name, ControlOutcome& outcome) {
     if (name.find('/') != name.npos) return "there is no module " + name;
     Module* module = Find(name);
-    const bool isUp = module != nullptr && module->startedAs != 0 &&
-                      (module->isolated == nullptr || module->isolated->IsAlive());
+    const bool isUp = module != nullptr && module->startedAs != 0 && !HasNoProcess(*module);
     if (isUp) {
         outcome.note = "it runs already";
         return {};
     }
     std::string fault;
     ModuleSettings settings = ReadModuleSettings(name, fault);
-    if (fault.empty() && !settings.isEnabled) fault = "by " + settings.file;
-    if (!fault.empty()) return Of(name, "is disabled: " + fault);
+    if (!fault.empty() || !settings.isEnabled) {
+        const bool isDisabled = fault.empty();
+        if (isDisabled) fault = "by " + settings.file;
+        // One that is still in memory stays "stopped" or "failed", which is more.
+        if (module == nullptr) {
+            TheModuleBoard().Set(
+                name + ".so", isDisabled ? ModuleState::kDisabled : ModuleState::kNotLoaded, fault);
+        }
+        return Of(name, (isDisabled ? "is disabled: " : "is not started: ") + fault);
+    }
     if (module != nullptr && (module->isolated != nullptr) != settings.isIsolated) {
         if (module->isolated == nullptr) {
             return Of(name, "is still in memory: restart kemd to have it in a process of its own");
@@ -192,9 +214,7 @@ std::string ModuleSwitch::RestartOne(const std::string& name, ControlOutcome& ou
     std::string fault = StopOne(name, outcome);
     if (!fault.empty()) return fault;
     if (outcome.stopped.empty()) outcome.note.clear();  // it did not run
-    fault = StartOne(name, outcome);
-    if (outcome.stopped.empty() || fault.empty()) return fault;
-    return fault + " (it has been stopped)";
+    return StartOne(name, outcome);
 }
 
 std::string ModuleSwitch::ThreadsThatMayBeOf(const Module& module) const {
@@ -243,6 +263,10 @@ std::string ModuleSwitch::ReloadOne(const std::string& name, ControlOutcome& out
     if (module == nullptr || module->startedAs == 0) {
         return Of(name, "does not run; it reads its settings when it starts");
     }
+    if (HasNoProcess(*module)) {
+        return Of(name, "does not run now: " + TheModuleBoard().Reason(module->name) +
+                            "; it reads its settings when it starts");
+    }
     std::string fault;
     ModuleSettings settings = ReadModuleSettings(name, fault);
     if (!fault.empty()) return fault;
@@ -263,6 +287,10 @@ std::string ModuleSwitch::RequestOne(const ControlRequest& request) {
     Module* const module = Find(request.module);
     if (module == nullptr || module->startedAs == 0) {
         return ControlError(Of(request.module, "does not run"));
+    }
+    if (HasNoProcess(*module)) {
+        return ControlError(
+            Of(request.module, "does not run now: " + TheModuleBoard().Reason(module->name)));
     }
     if (!module->object.HasRequest()) {
         return ControlError(Of(request.module, "takes no requests"));
@@ -287,7 +315,7 @@ std::string ModuleSwitch::RequestOne(const ControlRequest& request) {
 void ModuleSwitch::AskHealth() {
     for (const Module& module : m_modules) {
         if (module.startedAs == 0 || !module.object.HasHealth()) continue;
-        if (module.isolated != nullptr && !module.isolated->IsAlive()) continue;
+        if (HasNoProcess(module)) continue;
         std::array<char, 256> text{};
         int health = KEMD_HEALTH_FAILED;
         Thrown reason{};

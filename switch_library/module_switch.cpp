@@ -302,7 +302,10 @@ bool ModuleSwitch::Configure(Module& module, Thrown& reason) {
 void ModuleSwitch::FailToStart(Module& module, const char* what, const char* reason) {
     module.failed = true;
     if (module.isolated != nullptr) {
-        if (module.isolated->HasEnded()) return;
+        if (module.isolated->HasEnded()) {
+            return TheModuleBoard().Change(module.name, ModuleState::kStarting,
+                                           ModuleState::kFailed, reason);
+        }
         module.isolated->Unload();
         module.startedAs = 0;
     } else {
@@ -330,7 +333,7 @@ void ModuleSwitch::StartModule(Module& module) {
         CallModule(module.name, "start", reason, [&] { result = module.object.Start(); });
     if (returned && result == 0) {
         if (module.startedAs == 0) module.startedAs = ++m_starts;
-        TheModuleBoard().Set(module.name, ModuleState::kRunning);
+        TheModuleBoard().Change(module.name, ModuleState::kStarting, ModuleState::kRunning);
         KemdTrace(kTag, 1, "module %s started", module.name.c_str());
     } else {
         if (returned) std::snprintf(reason.data(), reason.size(), "result %d", result);

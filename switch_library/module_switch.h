@@ -17,12 +17,12 @@
 
 #include "base/module_object.h"
 #include "kemd/module_switch.h"
+#include "services/module_settings.h"
 #include "switch_library/control_server.h"
 #include "switch_library/isolated_module.h"
 #include "switch_library/isolated_modules.h"
 #include "switch_library/live_threads.h"
 #include "switch_library/module_call.h"
-#include "switch_library/module_settings.h"
 
 class ModuleSwitch : public IModuleSwitch {
   public:
@@ -72,6 +72,8 @@ class ModuleSwitch : public IModuleSwitch {
     // Starts an isolated module again whose process has ended.
     void ReviveOne(const std::string& file);
     bool PostRevive(const std::string& file);
+    // It is isolated, and its process has ended.
+    [[nodiscard]] static bool HasNoProcess(const Module& module);
     [[nodiscard]] Module* Find(const std::string& name);
     // module_switch.cpp; `file` is with ".so".
     std::string LoadOne(const std::string& file);

@@ -20,6 +20,7 @@
 #include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
+#include "services/module_settings.h"
 
 namespace {
 
@@ -96,15 +97,20 @@ void State(ReportWriter& report, const char* section, const Entry& entry, const 
     });
 }
 
-void StateModuleSection(ReportWriter& report, const std::string& text, const std::string& file) {
+void StateModuleSection(ReportWriter& report, const std::string& text,
+                        const ModuleSettings& settings) {
+    const std::string& file = settings.file;
     std::vector<Entry> entries = EntriesOf(text, kModuleSection);
     for (const Key& key : kModuleKeys) {
+        const bool isWrong =
+            std::any_of(settings.wrongKeys.begin(), settings.wrongKeys.end(),
+                        [&](const char* each) { return std::strcmp(each, key.name) == 0; });
         const auto found = std::find_if(entries.begin(), entries.end(),
                                         [&](const Entry& each) { return each.key == key.name; });
         // An empty value counts as none.
         const bool isThere = found != entries.end() && !found->value.empty();
         State(report, kModuleSection, isThere ? *found : Entry{key.name, key.fallback, 0}, file,
-              "");
+              isWrong ? "wrong, not used" : "");
         if (found != entries.end()) entries.erase(found);
     }
     for (const Entry& entry : entries) State(report, kModuleSection, entry, file, "not known");
@@ -206,16 +212,16 @@ int ShowModuleConfig(const char* name, ReportWriter& report) {
     const std::string file = SettingsFile(name);
     const auto text = ReadSettings(name, file);
     if (!text) return kError;
-    const PathReport walk = WalkPath(file);
-    const bool isThere = walk.error != ENOENT;
-    const std::string fault = isThere ? Unsafe(walk) : "";
+    const bool isThere = WalkPath(file).error != ENOENT;
+    std::string fault;
+    const ModuleSettings settings = ReadModuleSettings(name, fault);
     report.Object({}, [&] {
         report.Text("module", name);
         report.Text("file", file);
         report.Flag("exists", isThere);
         report.Line([&] { return Printable(file) + (isThere ? ":" : " is not there:"); });
         report.OpenArray("settings");
-        StateModuleSection(report, *text, file);
+        StateModuleSection(report, *text, settings);
         for (const Entry& entry : EntriesOf(*text, kOwnSection)) {
             State(report, kOwnSection, entry, file, "");
         }

@@ -1,4 +1,5 @@
 /* A module that does what it is asked for; its name and what it needs are chosen by the build. */
+#define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -19,6 +20,12 @@ static const char* const kAfter[] = {MODULE_AFTER, NULL};
 static int health;
 static char healthText[64];
 
+static int abortsAtEnd;
+
+__attribute__((destructor)) static void End(void) {
+    if (abortsAtEnd) abort();
+}
+
 /* Until somebody opens the other end. */
 static void* Hang(void* argument) {
     close(open("/tmp/hang", O_RDONLY | O_CLOEXEC));
@@ -32,9 +39,18 @@ static int Configure(void* user, const struct KemdConfig* config) {
     return error;
 }
 
+static void* Leave(void* argument) {
+    _exit(3);
+    return argument;
+}
+
 static int Start(void* user) {
+    pthread_t thread;
     KemdMessage((const char*)user, "start");
     if (access("/tmp/slow", F_OK) == 0) Hang(NULL);
+    if (kAfter[0] == NULL && access("/tmp/leave", F_OK) == 0) {
+        pthread_create(&thread, NULL, Leave, NULL);
+    }
     return access("/tmp/fail", F_OK) == 0 ? EIO : 0;
 }
 
@@ -71,6 +87,11 @@ static int Request(void* user, const char* text, struct KemdReply* reply) {
         KemdTrace((const char*)user, 1, "crashes");
         *(volatile int*)16 = 1;
     }
+    if (strcmp(text, "abort later") == 0) {
+        abortsAtEnd = 1;
+        return 0;
+    }
+    if (strcmp(text, "close") == 0) return close_range(3, ~0U, 0);
     if (strcmp(text, "leave") == 0) pthread_exit(NULL);
     if (strcmp(text, "flood") == 0) {
         int error = 0;

@@ -58,7 +58,7 @@ TEST_F(ControlTest, RequestsAndTheirAnswers) {
         {R"({"request":"start","module":"nobody"})",
          R"(module nobody is not loaded: /tmp/modules/nobody.so: No such file)"},
         {R"({"request":"start","module":"broken"})", R"(module broken is not loaded: no ELF file)"},
-        {R"({"request":"stop","module":"nobody"})", R"("note":"it does not run")"},
+        {R"({"request":"stop","module":"nobody"})", R"({"error":"there is no module nobody"})"},
         {R"({"request":"start","module":"../base"})", R"({"error":"there is no module ../base"})"},
         {R"({"request":"show","module":"nobody"})", R"({"error":"there is no module nobody"})"},
         {R"({"request":"reload","module":"user"})",
@@ -72,7 +72,14 @@ TEST_F(ControlTest, RequestsAndTheirAnswers) {
     EXPECT_TRUE(Contains(Ask("reload", "user"), "keeps those that it had: result 34"));
     EXPECT_TRUE(Contains(Ask("show", "user"), "\"state\":\"running\""));
     Settings("modules.d/user.ini", "[Module]\nEnabled = no\n");
-    EXPECT_TRUE(Contains(Ask("restart", "user"), "is disabled: by /etc/kemd/modules.d/user.ini"));
+    EXPECT_TRUE(Contains(Ask("restart", "user"),
+                         "is disabled: by /etc/kemd/modules.d/user.ini (stopped: user)"));
+    EXPECT_TRUE(Contains(Ask("show", "user"), "\"state\":\"disabled\""));
+    Settings("modules.d/user.ini", "[Module]\nMemoryLimit = 5M\n");
+    EXPECT_TRUE(Contains(Ask("start", "user"),
+                         "user is not started: /etc/kemd/modules.d/user.ini: "
+                         "[Module] MemoryLimit is no size from 16M"));
+    EXPECT_TRUE(Contains(Ask("show", "user"), "\"state\":\"not loaded\",\"reason\":\"/etc/k"));
     fs::remove("/etc/kemd/modules.d/user.ini");
     WriteFile("/tmp/fail", "");
     EXPECT_TRUE(Contains(Ask("start", "user"), "module user does not start: result 5"));

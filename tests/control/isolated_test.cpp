@@ -72,7 +72,8 @@ TEST_F(IsolatedTest, AProcessThatEndsIsStartedAgain) {
     EXPECT_TRUE(Shows("base", "\"reason\":\"its process died by signal 9 (Killed)\""));
     EXPECT_TRUE(Shows("base", "\"health\":\"failed\""));
     EXPECT_TRUE(Shows("user", "\"state\":\"running\""));
-    EXPECT_TRUE(Contains(Ask(RequestOf("base", "echo 1")), "its process died by signal 9"));
+    EXPECT_TRUE(Contains(Ask(RequestOf("base", "echo 1")), "not run now: its process died by sig"));
+    EXPECT_TRUE(Contains(Ask("reload", "base"), "it reads its settings when it starts"));
     ASSERT_TRUE(WaitFor([] { return Shows("base", "\"state\":\"running\""); }));
     EXPECT_NE(Process(), first);
     EXPECT_TRUE(InOrder(
@@ -109,7 +110,30 @@ TEST_F(IsolatedTest, ACrashIsInTheTraceAndInTheFileOfCrashes) {
     (void)Ask("start", "base");
     kill(Process(), SIGABRT);
     EXPECT_TRUE(WaitFor([] { return Contains(Trace(), "crashed: sent by process 1, thread "); }));
+    // After its stop as well.
+    (void)Ask("start", "base");
+    (void)Ask(RequestOf("base", "abort later"));
+    EXPECT_TRUE(Contains(Ask("stop", "base"), "\"stopped\":[\"user\",\"base\"]"));
+    EXPECT_TRUE(InOrder(Trace(), {"module base.so stopped", "module base.so crashed: thread ",
+                                  "did not end in order: its process died by signal 6 (Aborted)"}));
 #endif
+}
+
+bool HasThread(const std::string& name) {
+    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+        if (ReadFile(task.path() / "comm") == name + "\n") return true;
+    }
+    return false;
+}
+
+TEST_F(IsolatedTest, ModuleInTheDaemonClosesAllDescriptors) {
+    BeginIsolated();
+    ASSERT_TRUE(HasThread("kemd-isolated"));
+    const pid_t process = Process();
+    (void)Ask(RequestOf("user", "close"));
+    EXPECT_TRUE(WaitFor([] { return !HasThread("kemd-isolated"); }));  // it would spin
+    EXPECT_EQ(kill(process, 0), -1);
+    EXPECT_TRUE(End());
 }
 
 TEST_F(IsolatedTest, WhatIsNotStartedAgain) {
@@ -117,12 +141,25 @@ TEST_F(IsolatedTest, WhatIsNotStartedAgain) {
     kill(Process(), SIGKILL);
     ASSERT_TRUE(WaitFor([] { return Shows("base", "\"state\":\"failed\""); }));
     EXPECT_TRUE(Contains(Trace(), "it is not started again"));
+    // Nobody can ask how it ended when a module ignores this signal.
+    EXPECT_TRUE(Contains(Ask("start", "base"), "\"state\":\"running\""));
+    const auto previous = std::signal(SIGCHLD, SIG_IGN);
+    kill(Process(), SIGKILL);
+    EXPECT_TRUE(WaitFor([] { return Shows("base", "its process ended, how is not known"); }));
+    std::signal(SIGCHLD, previous);
     // Refusing to start is no crash.
     WriteFile("/tmp/fail", "");
     EXPECT_TRUE(Contains(Ask("start", "base"), "module base does not start: result 5"));
     EXPECT_TRUE(Shows("base", "\"state\":\"failed\",\"reason\":\"result 5\""));
     fs::remove("/tmp/fail");
     EXPECT_TRUE(Contains(Ask("start", "base"), "\"state\":\"running\""));
+    // One that ends while or right after it starts does not stay shown as running.
+    WriteFile("/tmp/leave", "");
+    for (int i = 0; i < 50; ++i) {
+        (void)Ask("restart", "base");
+        ASSERT_TRUE(WaitFor([] { return Shows("base", "\"its process ended with status 3\""); }));
+    }
+    fs::remove("/tmp/leave");
     EXPECT_TRUE(End());
     // Nor is a process that cannot be made.
     fs::remove("/usr/bin/kemd-module-host");

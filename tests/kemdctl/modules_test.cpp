@@ -200,6 +200,13 @@ TEST_F(ModulesTest, AreEnabledDisabledAndConfigured) {
                  "{\"section\":\"Settings\",\"key\":\"Number\",\"value\":\"2\",\"from\":\"" + file +
                      ":6\"}"));
     EXPECT_EQ(Ctl("modules enable base").code, 0);
+    const std::string whole = ReadFile(file);
+    WriteFile(file, "[Module]\nStopTimeout = soon\nMemoryLimit = 5M\n");
+    const Result wrong = Ctl("modules config base");
+    EXPECT_EQ(wrong.code, 1);
+    EXPECT_TRUE(Contains(wrong.out, "StopTimeout = soon  (" + file + ":2, wrong, not used)"));
+    EXPECT_TRUE(Contains(wrong.err, "the module is left out: " + file + ": [Module] MemoryLimit"));
+    WriteFile(file, whole);
     EXPECT_TRUE(InOrder(ReadFile(file), {"; mine\n[Module]\n", "Enabled=yes\n",
                                          "Strange = 1\n[Settings]\nNumber = 2\n"}));
     const std::string before = ReadFile(file);

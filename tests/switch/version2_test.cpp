@@ -71,7 +71,7 @@ TEST_F(Version2Test, SettingsAreReadBeforeTheStart) {
         {"[Module]\nEnabled = No\n", "module beta.so is disabled: /etc/kemd/modules.d/beta.ini\n",
          false},
         {"[Module]\nEnabled = perhaps\n",
-         "module beta.so is left out: /etc/kemd/modules.d/beta.ini: Enabled is neither yes nor no\n",
+         "module beta.so is left out: /etc/kemd/modules.d/beta.ini: [Module] Enabled is neither yes nor no\n",
          false},
         {"[Settings]\nInterval = soon\n",
          " beta          /etc/kemd/modules.d/beta.ini: [Settings] Interval = soon: a time from 1000 "

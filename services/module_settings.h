@@ -1,9 +1,10 @@
-// What the administrator's file says about one module, for the switch library: the section [Module]
-// of /etc/kemd/modules.d/NAME.ini. Without a file the defaults hold.
+// What the administrator's file says about one module, for the switch library and kemdctl: the
+// section [Module] of /etc/kemd/modules.d/NAME.ini. Without a file the defaults hold.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 struct ModuleSettings {
     std::string file;
@@ -17,6 +18,7 @@ struct ModuleSettings {
     // After these a call is named that has not come back: load, configure and start; the others.
     int64_t startTimeoutMs = 10'000;
     int64_t stopTimeoutMs = 10'000;
+    std::vector<const char*> wrongKeys;  // their values are not used
 };
 
 // `fault`: why the file cannot be relied on; empty when it can, or there is none.

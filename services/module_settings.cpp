@@ -1,4 +1,4 @@
-#include "switch_library/module_settings.h"
+#include "services/module_settings.h"
 
 #include <array>
 #include <cerrno>
@@ -22,7 +22,9 @@ void ReadProtection(const KemdConfig* config, ModuleSettings& settings, std::str
     int restart = 1;
     std::array<char, 64> user{};
     const auto refuse = [&](int error, const char* key, const char* allowed) {
-        if (error != 0 && fault.empty()) fault = settings.file + ": " + key + " is " + allowed;
+        if (error == 0) return;
+        settings.wrongKeys.push_back(key);
+        if (fault.empty()) fault = settings.file + ": [Module] " + key + " is " + allowed;
     };
     refuse(KemdConfigBool(config, "Enabled", 1, &isEnabled), "Enabled", "neither yes nor no");
     refuse(KemdConfigBool(config, "Isolated", 0, &isIsolated), "Isolated", "neither yes nor no");
@@ -31,7 +33,7 @@ void ReadProtection(const KemdConfig* config, ModuleSettings& settings, std::str
     refuse(KemdConfigText(config, "User", "", user.data(), user.size()), "User", "too long");
     refuse(KemdConfigSize(config, "MemoryLimit", 0, kLeastMemory, int64_t{1} << 40,
                           &settings.memoryLimit),
-           "MemoryLimit", "no size of at least 16M");
+           "MemoryLimit", "no size from 16M to 1024G");
     settings.isEnabled = isEnabled != 0;
     settings.isIsolated = isIsolated != 0;
     settings.isRestarted = restart != 0;
@@ -63,7 +65,8 @@ ModuleSettings ReadModuleSettings(const std::string& name, std::string& fault) {
     constexpr int64_t kMost = 3'600'000;
     for (auto [key, timeoutMs] : {std::pair("StartTimeout", &settings.startTimeoutMs),
                                   std::pair("StopTimeout", &settings.stopTimeoutMs)}) {
-        (void)KemdConfigTime(config.get(), key, *timeoutMs, kLeast, kMost, timeoutMs);
+        const int error = KemdConfigTime(config.get(), key, *timeoutMs, kLeast, kMost, timeoutMs);
+        if (error != 0) settings.wrongKeys.push_back(key);
     }
     return settings;
 }
