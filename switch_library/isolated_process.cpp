@@ -295,7 +295,7 @@ std::string IsolatedProcess::CrashText() const {
     if (crashes.empty()) return {};
     const CrashRecord& crash = crashes.front();
     std::string text;
-    if (crash.sender != 0) {
+    if (crash.sender != 0 && crash.sender != crash.process) {
         text = "sent by process " + std::to_string(crash.sender) + ", ";
     } else if (!crash.address.empty()) {
         text = "address " + crash.address + ", ";

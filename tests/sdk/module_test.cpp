@@ -54,7 +54,7 @@ const Kind kKinds[] = {
     {"late", kHarmless, 0, "@ stopped ... late end of a thread ... modules completed!", ""},
     {"cancels", kHarmless, 0, "@ started", "@: its process ended with status 1; it is started"},
     {"raises-notify", kHarmless, 0, "@ stopped", "@: its process died by signal 15 "},
-    {"closes", kOrderly, 0, "no module in a process of its own from here on ... @ stopped",
+    {"closes", kOrderly, 0, "until then no module runs in a process of its own ... @ stopped",
      "@: its process ended with status 1; it is started"},
     {"leaks", kOrderly, 0,
      "(leaked) is left behind, it came up in the start of module @ ... no module is unloaded",
