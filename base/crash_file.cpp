@@ -112,9 +112,12 @@ std::vector<int64_t> CrashTimes(const std::vector<CrashRecord>& crashes, std::st
     return times;
 }
 
+// Whoever may read it could lock it, and the daemon would wait at its start.
+constexpr mode_t kMode = 0600;
+
 // Nobody but the daemon's user may have a part in it.
 UniqueFd Open(int flags) {
-    UniqueFd file = OpenRegularFile(kCrashFile, flags | O_NOFOLLOW, 0644);
+    UniqueFd file = OpenRegularFile(kCrashFile, flags | O_NOFOLLOW, kMode);
     struct stat status {};
     if (!file.IsOpen() || fstat(file.Get(), &status) != 0) return UniqueFd();
     const bool isSafe = (status.st_uid == 0 || status.st_uid == geteuid()) &&
@@ -177,7 +180,7 @@ bool Replace(const std::string& text) {
     const std::string name = std::string(kCrashFile) + ".new";
     (void)unlink(name.c_str());
     const UniqueFd file =
-        OpenRegularFile(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0644);
+        OpenRegularFile(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kMode);
     if (file.IsOpen() && WriteFully(file.Get(), text) && fsync(file.Get()) == 0 &&
         rename(name.c_str(), kCrashFile) == 0) {
         return true;

@@ -259,6 +259,12 @@ TEST(CrashFile, IsBoundedAndKeepsWhatHoldsAModuleBack) {
     EXPECT_TRUE(all[all.size() - 2].isIsolated);
     EXPECT_EQ(all.back().enabled, "n199 \"\xc3");
     EXPECT_FALSE(std::filesystem::exists(std::string(kCrashFile) + ".new"));
+    // Nobody else may lock it.
+    EXPECT_EQ(std::filesystem::status(kCrashFile).permissions(), std::filesystem::perms(0600));
+    std::filesystem::rename(kCrashFile, "/tmp/before");
+    EXPECT_TRUE(AppendEnabled("a"));
+    EXPECT_EQ(std::filesystem::status(kCrashFile).permissions(), std::filesystem::perms(0600));
+    std::filesystem::rename("/tmp/before", kCrashFile);
     // Nobody else says what runs as root.
     std::filesystem::rename(kCrashFile, "/tmp/other");
     std::filesystem::create_symlink("/tmp/other", kCrashFile);
