@@ -92,6 +92,14 @@ TEST_F(IsolatedTest, AProcessThatEndsIsStartedAgain) {
     ASSERT_TRUE(WaitFor([] { return Shows("base", "\"state\":\"restarting\""); }));
     EXPECT_TRUE(Contains(Ask("stop", "base"), "\"stopped\":[\"user\",\"base\"]"));
     EXPECT_TRUE(Shows("base", "\"state\":\"stopped\""));
+    // One whose process cannot be made again is tried later.
+    (void)Ask("start", "base");
+    fs::remove("/usr/bin/kemd-module-host");
+    kill(Process(), SIGKILL);
+    ASSERT_TRUE(
+        WaitFor([] { return Shows("base", "No such file or directory; it is tried again in"); }));
+    fs::create_symlink("/build/bin/kemd-module-host", "/usr/bin/kemd-module-host");
+    EXPECT_TRUE(WaitFor([] { return Shows("base", "\"state\":\"running\""); }));
     EXPECT_TRUE(End());
 }
 
