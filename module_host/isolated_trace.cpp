@@ -1,6 +1,8 @@
 #include "module_host/isolated_trace.h"
 
 #include <pthread.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -71,6 +73,34 @@ void SetOwnTag(const char* tag) {
     g_ownTag = tag;
 }
 
+// In a signal handler. Most modules do not look at what malloc returns.
+static bool IsMemoryUsedUp() {
+    constexpr size_t kLittle = size_t{2} << 20;
+    rlimit limit{};
+    if (getrlimit(RLIMIT_DATA, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return false;
+    void* const memory =
+        mmap(nullptr, kLittle, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) return true;
+    (void)munmap(memory, kLittle);
+    return false;
+}
+
+// In a signal handler.
+static void WriteMessage(std::string_view text) {
+    static std::array<char, 256> record;
+    const char* const tag = g_ownTag;
+    IsolatedRecord head{};
+    head.kind = IsolatedRecordKind::kMessage;
+    head.thread = static_cast<uint32_t>(pthread_self());
+    head.tagSize = static_cast<uint16_t>(strnlen(tag, kMostTag));
+    const size_t start = sizeof head + head.tagSize;
+    head.size =
+        static_cast<uint16_t>(start + text.copy(record.data() + start, record.size() - start));
+    std::memcpy(record.data(), &head, sizeof head);
+    std::memcpy(record.data() + sizeof head, tag, head.tagSize);
+    (void)!write(g_pipe, record.data(), head.size);
+}
+
 void WriteCrash(std::string_view line) {
     static std::array<char, PIPE_BUF> record;
     static_assert(sizeof(IsolatedRecord) + kMostCrashLine <= record.size());
@@ -80,6 +110,7 @@ void WriteCrash(std::string_view line) {
     std::memcpy(record.data(), &head, sizeof head);
     std::memcpy(record.data() + sizeof head, line.data(), head.size - sizeof head);
     (void)!write(g_pipe, record.data(), head.size);
+    if (IsMemoryUsedUp()) WriteMessage("little memory was left within MemoryLimit when it crashed");
 }
 
 const char* CalledModule() {

@@ -56,6 +56,7 @@ void ControlWorker::Stop() {
     }
     m_change.notify_one();
     m_thread.join();
+    for (const Job& job : m_jobs) Give(job.client, ControlError("kemd stops"));
     m_jobs.clear();
 }
 

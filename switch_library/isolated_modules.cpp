@@ -57,7 +57,9 @@ std::shared_ptr<IsolatedProcess> IsolatedModules::Spawn(const std::string& modul
         fault = kLost;
         return nullptr;
     }
-    m_restarts[module].isWanted = isRestarted;
+    Restart& restart = m_restarts[module];
+    restart.isWanted = isRestarted;
+    restart.due.reset();  // that is now
     m_order = &order;
     m_wakeup.Wake();
     m_done.wait(lock, [&] { return order.isDone; });
@@ -153,8 +155,19 @@ void IsolatedModules::FillOrder() {
     } catch (const std::bad_alloc&) {
         order.fault = "not enough memory";
     }
+    if (order.process == nullptr) TryLater(order);
     order.isDone = true;
     m_done.notify_all();
+}
+
+// What kept a module from coming back may be gone by then: memory, or a package's files.
+void IsolatedModules::TryLater(Order& order) {
+    Restart& restart = m_restarts[order.module];
+    if (!restart.isWanted || !restart.plan.IsBegun()) return;
+    const auto now = Clock::now();
+    restart.due = restart.plan.Next(now);
+    const auto delay = std::chrono::round<seconds>(*restart.due - now);
+    order.fault += "; it is tried again in " + std::to_string(delay.count()) + " s";
 }
 
 void IsolatedModules::ReportEnd(IsolatedProcess& process) {

@@ -67,6 +67,7 @@ class IsolatedModules {
     bool Serve();
     void Wait();
     void FillOrder();
+    void TryLater(Order& order);
     void ReportEnd(IsolatedProcess& process);
     void ReviveDue();
     [[nodiscard]] int PollTimeout();

@@ -10,6 +10,8 @@ class RestartPlan {
 
     // When the next start is due after a failure at `now`; it counts from then on.
     Clock::time_point Next(Clock::time_point now);
+    // There was a failure before.
+    [[nodiscard]] bool IsBegun() const { return !m_starts.empty(); }
 
   private:
     std::deque<Clock::time_point> m_starts;  // of the last hour

@@ -194,6 +194,20 @@ TEST_F(ControlTest, AStopWaitsForTheRequestThatRuns) {
     EXPECT_FALSE(Client().isConnected);
 }
 
+TEST_F(ControlTest, RequestsThatWaitAreAnsweredAtTheEnd) {
+    Begin();
+    Client waiting;
+    waiting.Send(RequestOf("base", "hang") + "\n");
+    ASSERT_TRUE(WaitFor([] { return Contains(Trace(), " base          hangs\n"); }));
+    std::list<Client> late(8);
+    for (Client& client : late) client.Send(RequestOf("user", "echo late") + "\n");
+    EXPECT_TRUE(Contains(Ask("nothing"), "error"));  // the others have been read
+    std::thread helper(Release);
+    EXPECT_TRUE(m_binding.UnloadModules(0));
+    helper.join();
+    for (Client& client : late) EXPECT_FALSE(client.Line().empty());
+}
+
 #ifndef __SANITIZE_ADDRESS__  // with it a reference to a forced unwind counts as null
 TEST_F(ControlTest, AModuleThatEndsTheWorkerEndsNothingElse) {
     Begin();

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -108,6 +109,9 @@ int Request(void* /*user*/, const char* text, KemdReply* reply) {
     };
     if (request == "registry") return answer(UseRegistry());
     if (request == "grow") return answer(Grow());
+    if (request == "grow until it crashes") {
+        for (;;) *static_cast<volatile char*>(std::malloc(100'000)) = 1;
+    }
     if (request == "threads") TraceOfThreads();
     if (request == "trace") TraceInAllForms();
     if (request == "die") Die();

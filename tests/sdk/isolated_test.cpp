@@ -300,6 +300,11 @@ TEST_F(IsolatedTest, MemoryEndsAtItsLimit) {
         EXPECT_EQ(isLimited ? "!isolated_probe: no memory is left within MemoryLimit\n" : "",
                   Records());
     }
+    // One that does not look at what malloc returns.
+    Begin("", uint64_t{64} << 20);
+    EXPECT_EQ("no answer", Ask("grow until it crashes"));
+    EXPECT_EQ(SIGSEGV, AwaitEnd() & 0x7f);
+    EXPECT_TRUE(Contains(Records(), "!isolated_probe: little memory was left within MemoryLimit"));
 }
 
 #endif
