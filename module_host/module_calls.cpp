@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "base/process_setup.h"
@@ -17,6 +18,7 @@
 #include "kemd/exit_event.h"
 #include "kemd/module_switch.h"
 #include "module_host/loaded_module.h"
+#include "services/module_config.h"
 
 namespace {
 
@@ -52,7 +54,13 @@ void Load(CallBoard& board, LoadedModule& module, const char* path) {
 }
 
 int Configure(const CallBoard& board, const LoadedModule& module) {
-    return module.Configure(KemdConfigOpen(board.input.data(), "Settings", module.Name().c_str()));
+    const char* const file = board.input.data();
+    const char* const name = module.Name().c_str();
+    const std::string_view nothing;
+    // A file that is not there is no failure to report.
+    return module.Configure(access(file, F_OK) == 0
+                                ? KemdConfigOpen(file, "Settings", name)
+                                : OpenConfigText(file, "Settings", name, nothing));
 }
 
 void Make(CallBoard& board, LoadedModule& module, const char* path) {
