@@ -1,15 +1,19 @@
 #include "services/module_settings.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "base/file_io.h"
 #include "base/file_safety.h"
 #include "base/paths.h"
 #include "kemd/config.h"
+#include "kemd/services.h"
+#include "kemd/trace.h"
 
 namespace {
 
@@ -44,6 +48,20 @@ void ReadProtection(const KemdConfig* config, ModuleSettings& settings, std::str
     }
 }
 
+// A key that is misspelt would be missed: the module would run less protected than was meant.
+void ReportUnknownKeys(const ModuleSettings& settings, const char* module) {
+    static constexpr std::array<std::string_view, 7> kKeys = {
+        "Enabled", "StartTimeout", "StopTimeout", "Restart", "Isolated", "User", "MemoryLimit"};
+    std::array<char, 4096> names{};
+    (void)KemdProfileRead(settings.file.c_str(), "Module", nullptr, nullptr, names.data(),
+                          names.size());
+    for (const char* name = names.data(); *name != '\0'; name += std::strlen(name) + 1) {
+        if (std::find(kKeys.begin(), kKeys.end(), name) != kKeys.end()) continue;
+        KemdMessage(module, "%s: [Module] %s is no key that kemd knows", settings.file.c_str(),
+                    name);
+    }
+}
+
 }  // namespace
 
 ModuleSettings ReadModuleSettings(const std::string& name, std::string& fault) {
@@ -60,6 +78,7 @@ ModuleSettings ReadModuleSettings(const std::string& name, std::string& fault) {
         KemdConfigOpen(file, "Module", name.c_str()), KemdConfigClose);
     if (config == nullptr) throw std::bad_alloc();
     ReadProtection(config.get(), settings, fault);
+    ReportUnknownKeys(settings, name.c_str());
     // One that is wrong is in the trace, and the default holds.
     constexpr int64_t kLeast = 100;
     constexpr int64_t kMost = 3'600'000;
