@@ -80,10 +80,10 @@ enum {
     KEMD_NET_BOND_MEMBER_QUEUE,
     KEMD_NET_BOND_MEMBER_AGGREGATOR,
     /* Counters, 64 bits, since the interface is there */
-    KEMD_NET_RX_BYTES,
-    KEMD_NET_TX_BYTES,
     KEMD_NET_RX_PACKETS,
     KEMD_NET_TX_PACKETS,
+    KEMD_NET_RX_BYTES,
+    KEMD_NET_TX_BYTES,
     KEMD_NET_RX_ERRORS,
     KEMD_NET_TX_ERRORS,
     KEMD_NET_RX_DROPPED,
@@ -104,6 +104,7 @@ enum {
     KEMD_NET_RX_COMPRESSED,
     KEMD_NET_TX_COMPRESSED,
     KEMD_NET_RX_NO_HANDLER,
+    KEMD_NET_RX_OTHER_HOST_DROPPED,
     /* KEMD_NETWORK_HARDWARE */
     KEMD_NET_BUS,               /* text: pci, usb, virtio ... */
     KEMD_NET_BUS_ADDRESS,       /* text: "0000:02:00.0"; of a virtio device that of its PCI function */
