@@ -134,10 +134,11 @@ void Ethtool::ReadByIoctl(KemdNetworkInterface& interface, uint32_t parts) const
     if ((parts & KEMD_NETWORK_SETTINGS) != 0 && m_family == 0) calls.ReadSettings();
 }
 
-void Ethtool::ReadLink(KemdNetworkInterface& interface) {
-    if (m_family == 0) return EthtoolIoctl(m_ioctl.Get(), interface).ReadLink();
+void Ethtool::ReadOne(KemdNetworkInterface& interface, uint32_t parts) {
+    ReadByIoctl(interface, parts);
+    if ((parts & KEMD_NETWORK_SETTINGS) != 0) parts |= kWakePart;
     for (const EthtoolQuery& query : kEthtoolQueries) {
-        if (query.part != KEMD_NETWORK_HARDWARE) continue;
+        if ((parts & query.part) == 0 || m_family == 0) continue;
         NetlinkRequest request = Request(query.what, query.command, 0, interface.Index());
         (void)m_socket.Ask(request, [&](const NetlinkMessage& message) {
             ReadEthtool(query.command, message.payload, interface);

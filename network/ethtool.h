@@ -25,10 +25,10 @@ class Ethtool {
 
     // `parts` of all interfaces at once. False when interfaces came and went meanwhile.
     [[nodiscard]] bool ReadAll(uint32_t parts, const Find& find, const OnError& onError);
-    // Driver and bus of one interface, and without the netlink family its link.
+    // Driver and bus of one interface, and without the netlink family its link and settings.
     void ReadByIoctl(KemdNetworkInterface& interface, uint32_t parts) const;
-    // Speed and link of one interface again.
-    void ReadLink(KemdNetworkInterface& interface);
+    // `parts` of one interface, and what `ReadByIoctl` reads.
+    void ReadOne(KemdNetworkInterface& interface, uint32_t parts);
     // What is plugged in.
     void ReadModule(KemdNetworkInterface& interface);
 

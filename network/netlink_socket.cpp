@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr size_t kFirstBuffer = size_t{64} << 10;
+constexpr size_t kFirstBuffer = size_t{32} << 10;
 constexpr int kAttempts = 8;
 constexpr timeval kPatience = {10, 0};  // the kernel answers at once, or never
 
@@ -135,7 +135,7 @@ int NetlinkSocket::Receive(std::string_view& bytes, int flags) {
         const int error = size < 0 ? errno : 0;
         if (error == EINTR) continue;
         if (error != 0) return error;
-        if (from.nl_pid != 0) continue;  // not from the kernel
+        if (from.nl_pid != 0 && (flags & MSG_PEEK) == 0) continue;  // not from the kernel
         if (static_cast<size_t>(size) > m_buffer.size()) return ENOBUFS;
         bytes = {m_buffer.data(), static_cast<size_t>(size)};
         return 0;

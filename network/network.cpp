@@ -103,11 +103,6 @@ int KemdNetwork::TakeOnce(uint32_t parts, KemdNetworkSnapshot& snapshot) {
     return error;
 }
 
-void KemdNetwork::ReadMore(KemdNetworkInterface& interface, uint32_t parts) {
-    m_ethtool.ReadByIoctl(interface, parts);
-    if ((parts & KEMD_NETWORK_MODULE) != 0) m_ethtool.ReadModule(interface);
-}
-
 int KemdNetwork::Take(uint32_t parts, KemdNetworkSnapshot& snapshot) {
     // Each dump is repeated by itself; all of them when they do not fit together.
     for (int attempt = 1;; ++attempt) {
@@ -127,7 +122,10 @@ int KemdNetwork::Take(uint32_t parts, KemdNetworkSnapshot& snapshot) {
     constexpr uint32_t kOneByOne =
         KEMD_NETWORK_HARDWARE | KEMD_NETWORK_SETTINGS | KEMD_NETWORK_MODULE;
     if ((parts & kOneByOne) != 0) {
-        for (const auto& interface : snapshot.interfaces) ReadMore(*interface, parts);
+        for (const auto& interface : snapshot.interfaces) {
+            m_ethtool.ReadByIoctl(*interface, parts);
+            if ((parts & KEMD_NETWORK_MODULE) != 0) m_ethtool.ReadModule(*interface);
+        }
     }
     return 0;
 }

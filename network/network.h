@@ -16,8 +16,6 @@ struct KemdNetwork {
     [[nodiscard]] int Open(int nameSpace);
     [[nodiscard]] int Take(uint32_t parts, KemdNetworkSnapshot& snapshot);
     [[nodiscard]] int ReadRoutes(std::vector<KemdNetworkRoute>& routes);
-    // What the parts ask of one interface beyond its link message.
-    void ReadMore(KemdNetworkInterface& interface, uint32_t parts);
     [[nodiscard]] Ethtool& Hardware() { return m_ethtool; }
     [[nodiscard]] const std::string& ErrorText() const { return m_errorText; }
 

@@ -15,8 +15,12 @@ auto Place(const std::vector<std::shared_ptr<KemdNetworkInterface>>& interfaces,
 }  // namespace
 
 KemdNetworkInterface* KemdNetworkSnapshot::Find(uint64_t index) const {
+    return Share(index).get();
+}
+
+std::shared_ptr<KemdNetworkInterface> KemdNetworkSnapshot::Share(uint64_t index) const {
     const auto place = Place(interfaces, index);
-    return place != interfaces.end() && (*place)->Index() == index ? place->get() : nullptr;
+    return place != interfaces.end() && (*place)->Index() == index ? *place : nullptr;
 }
 
 const KemdNetworkInterface* KemdNetworkSnapshot::FindName(std::string_view name) const {

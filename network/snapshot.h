@@ -19,6 +19,7 @@ struct KemdNetworkSnapshot {
 
     // Null when there is none.
     [[nodiscard]] KemdNetworkInterface* Find(uint64_t index) const;
+    [[nodiscard]] std::shared_ptr<KemdNetworkInterface> Share(uint64_t index) const;
     [[nodiscard]] const KemdNetworkInterface* FindName(std::string_view name) const;
     // Takes the place of the one with the same index.
     void Put(std::shared_ptr<KemdNetworkInterface> interface);
