@@ -28,8 +28,15 @@ std::string_view FixedText(const char (&text)[kSize]) {
     return {text, strnlen(text, kSize)};
 }
 
+// A member of an ioctl's structure, and the one that says how much it may be: the field after it.
 template <typename T>
-using Members = std::initializer_list<std::pair<uint32_t, __u32 T::*>>;
+struct Setting {
+    uint32_t field;
+    __u32 T::*value;
+    __u32 T::*most;
+};
+template <typename T>
+using Settings = std::initializer_list<Setting<T>>;
 
 }  // namespace
 
@@ -113,34 +120,35 @@ void EthtoolIoctl::ReadLink() const {
 }
 
 void EthtoolIoctl::ReadSettings() const {
-    const auto read = [this](auto command, __u32 number, auto members) {
+    const auto read = [this](auto command, __u32 number, const auto& settings) {
         command.cmd = number;
         if (Call(&command) != 0) return;
-        for (const auto& [field, member] : members) m_interface.Set(field, command.*member);
+        for (const auto& setting : settings) {
+            // What the device does not have at all: netlink leaves it out.
+            if (setting.most != nullptr && command.*setting.most == 0) continue;
+            m_interface.Set(setting.field, command.*setting.value);
+            if (setting.most != nullptr) {
+                m_interface.Set(setting.field + 1, command.*setting.most);
+            }
+        }
     };
     using Pause = ethtool_pauseparam;
-    read(Pause{}, ETHTOOL_GPAUSEPARAM,
-         Members<Pause>{{KEMD_NET_PAUSE_AUTO, &Pause::autoneg},
-                        {KEMD_NET_PAUSE_RX, &Pause::rx_pause},
-                        {KEMD_NET_PAUSE_TX, &Pause::tx_pause}});
     using Rings = ethtool_ringparam;
-    read(Rings{}, ETHTOOL_GRINGPARAM,
-         Members<Rings>{{KEMD_NET_RING_RX, &Rings::rx_pending},
-                        {KEMD_NET_RING_RX_MAX, &Rings::rx_max_pending},
-                        {KEMD_NET_RING_RX_MINI, &Rings::rx_mini_pending},
-                        {KEMD_NET_RING_RX_MINI_MAX, &Rings::rx_mini_max_pending},
-                        {KEMD_NET_RING_RX_JUMBO, &Rings::rx_jumbo_pending},
-                        {KEMD_NET_RING_RX_JUMBO_MAX, &Rings::rx_jumbo_max_pending},
-                        {KEMD_NET_RING_TX, &Rings::tx_pending},
-                        {KEMD_NET_RING_TX_MAX, &Rings::tx_max_pending}});
     using Channels = ethtool_channels;
+    read(Pause{}, ETHTOOL_GPAUSEPARAM,
+         Settings<Pause>{{KEMD_NET_PAUSE_AUTO, &Pause::autoneg, nullptr},
+                         {KEMD_NET_PAUSE_RX, &Pause::rx_pause, nullptr},
+                         {KEMD_NET_PAUSE_TX, &Pause::tx_pause, nullptr}});
+    read(Rings{}, ETHTOOL_GRINGPARAM,
+         Settings<Rings>{
+             {KEMD_NET_RING_RX, &Rings::rx_pending, &Rings::rx_max_pending},
+             {KEMD_NET_RING_RX_MINI, &Rings::rx_mini_pending, &Rings::rx_mini_max_pending},
+             {KEMD_NET_RING_RX_JUMBO, &Rings::rx_jumbo_pending, &Rings::rx_jumbo_max_pending},
+             {KEMD_NET_RING_TX, &Rings::tx_pending, &Rings::tx_max_pending}});
     read(Channels{}, ETHTOOL_GCHANNELS,
-         Members<Channels>{{KEMD_NET_CHANNELS_RX, &Channels::rx_count},
-                           {KEMD_NET_CHANNELS_RX_MAX, &Channels::max_rx},
-                           {KEMD_NET_CHANNELS_TX, &Channels::tx_count},
-                           {KEMD_NET_CHANNELS_TX_MAX, &Channels::max_tx},
-                           {KEMD_NET_CHANNELS_OTHER, &Channels::other_count},
-                           {KEMD_NET_CHANNELS_OTHER_MAX, &Channels::max_other},
-                           {KEMD_NET_CHANNELS_COMBINED, &Channels::combined_count},
-                           {KEMD_NET_CHANNELS_COMBINED_MAX, &Channels::max_combined}});
+         Settings<Channels>{
+             {KEMD_NET_CHANNELS_RX, &Channels::rx_count, &Channels::max_rx},
+             {KEMD_NET_CHANNELS_TX, &Channels::tx_count, &Channels::max_tx},
+             {KEMD_NET_CHANNELS_OTHER, &Channels::other_count, &Channels::max_other},
+             {KEMD_NET_CHANNELS_COMBINED, &Channels::combined_count, &Channels::max_combined}});
 }

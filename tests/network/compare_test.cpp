@@ -1,0 +1,1 @@
+// The same facts as ip shows.
