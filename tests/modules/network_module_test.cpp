@@ -17,7 +17,7 @@ class NetworkModuleTest : public DaemonTest {
             << ReadFile("/tmp/ip.out");
         std::filesystem::remove_all("/etc/kemd");
         ClearModules();
-        AddModule("/build/modules/network.so");
+        AddModule("/build/modules/network/network.so");
         UseSwitch("reference");
         WriteFile("/etc/orvmon/registry", "[HKEY_LOCAL_MACHINE]\n\n\n\n");
         m_environment["OV_MODULE_DIR"] = kModules;
