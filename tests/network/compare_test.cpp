@@ -97,23 +97,24 @@ class NetworkCompareTest : public NetworkTest {
   protected:
     void SetUp() override {
         NetworkTest::SetUp();
-        ASSERT_TRUE(
-            Ip("link add p0 type veth peer name p1\nlink add b0 type bridge stp_state 1\n"
-               "link set p1 master b0\nlink set p0 up alias uplink\nlink set p1 up\n"
-               "link set b0 up\nlink set lo up\nlink add i0 type ifb\n"
-               "link add link p0 name m0 type macvlan mode bridge\nlink set m0 up\n"
-               "link add x0 type vxlan id 7 dstport 4789 remote 192.0.2.9 dev p0\n"
-               "tuntap add t0 mode tap\ntuntap add t1 mode tun\n"
-               "link property add dev p0 altname second\n"
-               "addr add 192.0.2.1/24 brd + dev p0 label p0:web\n"
-               "addr add 192.0.2.5 peer 192.0.2.6/32 dev p0 scope link\n"
-               "addr add 2001:db8::1/64 dev m0 nodad\n"
-               "route add default via 192.0.2.2 metric 50\n"
-               "route add default table 1000 via 192.0.2.4 metric 3\n"
-               "route add default via fe80::9 dev p0 metric 70"))
+        ASSERT_TRUE(Ip(
+            "link add p0 type veth peer name p1\nlink add b0 type bridge stp_state 1\n"
+            "link set p0 addrgenmode none\nlink set p1 addrgenmode none\n"
+            "link set b0 addrgenmode none\nlink set p1 master b0\nlink set p0 up alias uplink\nlink set p1 up\n"
+            "link set b0 up\nlink set lo up\nlink add i0 type ifb\n"
+            "link add link p0 name m0 type macvlan mode bridge\n"
+            "link set m0 addrgenmode none up\n"
+            "link add x0 type vxlan id 7 dstport 4789 remote 192.0.2.9 dev p0\n"
+            "link property add dev p0 altname second\n"
+            "addr add 192.0.2.1/24 brd + dev p0 label p0:web\n"
+            "addr add 192.0.2.5 peer 192.0.2.6/32 dev p0 scope link\n"
+            "addr add 2001:db8::1/64 dev m0 nodad\n"
+            "route add default via 192.0.2.2 metric 50\n"
+            "route add default table 1000 via 192.0.2.4 metric 3\n"
+            "route add default via fe80::9 dev p0 metric 70"))
             << ReadFile("/tmp/ip.out");
-        // An address changes as long as the kernel looks for duplicates.
-        ASSERT_TRUE(WaitFor([] { return !Contains(Output("/usr/sbin/ip addr"), "tentative"); }));
+        // An ordinary user may not have these.
+        (void)Ip("tuntap add t0 mode tap\ntuntap add t1 mode tun");
     }
 };
 
@@ -193,7 +194,7 @@ TEST_F(NetworkCompareTest, AddressesAndRoutesAsIpShowsThem) {
             EXPECT_EQ(their.NumberOf("preferred_life_time"), our.preferredSeconds);
         }
     }
-    EXPECT_GT(compared, 5U);
+    EXPECT_GE(compared, 5U);
     std::vector<std::string> theirs;
     for (const char* family : {"-4", "-6"}) {
         const JsonValue routes =
