@@ -89,19 +89,17 @@ void EthtoolIoctl::ReadLink() const {
     constexpr size_t kHead = sizeof(ethtool_link_settings) / sizeof(__u32);
     std::array<__u32, kHead + 3 * kMostWords> answer{};
     ethtool_link_settings settings{};
-    settings.cmd = ETHTOOL_GLINKSETTINGS;
-    const auto call = [&] {
+    int words = 0;
+    for (const bool isFirst : {true, false}) {
+        settings = {};
+        settings.cmd = ETHTOOL_GLINKSETTINGS;
+        settings.link_mode_masks_nwords = static_cast<__s8>(words);
         std::memcpy(answer.data(), &settings, sizeof settings);
-        const int error = Call(answer.data());
+        if (Call(answer.data()) != 0) return;
         std::memcpy(&settings, answer.data(), sizeof settings);
-        return error;
-    };
-    if (call() != 0 || settings.link_mode_masks_nwords >= 0) return;
-    const int words = -settings.link_mode_masks_nwords;
-    settings = {};
-    settings.cmd = ETHTOOL_GLINKSETTINGS;
-    settings.link_mode_masks_nwords = static_cast<__s8>(words);
-    if (call() != 0) return;
+        if (isFirst) words = -settings.link_mode_masks_nwords;
+        if (words <= 0) return;
+    }
     for (const uint32_t field : {KEMD_NET_SPEED, KEMD_NET_DUPLEX}) m_interface.Forget(field);
     if (settings.speed != static_cast<__u32>(SPEED_UNKNOWN)) {
         m_interface.Set(KEMD_NET_SPEED, settings.speed);
