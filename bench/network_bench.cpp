@@ -40,7 +40,7 @@ bool MakeInterfaces() {
 
 // Sends the request and reads the answer to its end.
 template <typename Header>
-void BareDump(int fd, uint16_t type, bool hasFunctions) {
+void BareDump(int fd, uint16_t type, uint32_t mask = 0) {
     struct {
         nlmsghdr header;
         Header message;
@@ -48,11 +48,11 @@ void BareDump(int fd, uint16_t type, bool hasFunctions) {
         uint32_t mask;
     } request{};
     static char buffer[64 << 10];
-    request.header.nlmsg_len = hasFunctions ? sizeof request : NLMSG_LENGTH(sizeof(Header));
+    request.header.nlmsg_len = mask != 0 ? sizeof request : NLMSG_LENGTH(sizeof(Header));
     request.header.nlmsg_type = type;
     request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     request.attribute = {RTA_LENGTH(sizeof(uint32_t)), IFLA_EXT_MASK};
-    request.mask = RTEXT_FILTER_VF;
+    request.mask = mask;
     if (send(fd, &request, request.header.nlmsg_len, 0) < 0) std::abort();
     for (;;) {
         const ssize_t size = recv(fd, buffer, sizeof buffer, 0);
@@ -68,10 +68,10 @@ void BareDump(int fd, uint16_t type, bool hasFunctions) {
     }
 }
 
-void BareDumps(int fd) {
-    BareDump<ifinfomsg>(fd, RTM_GETLINK, true);
-    BareDump<ifaddrmsg>(fd, RTM_GETADDR, false);
-    BareDump<rtmsg>(fd, RTM_GETROUTE, false);
+void BareDumps(int fd, uint32_t mask) {
+    BareDump<ifinfomsg>(fd, RTM_GETLINK, mask);
+    BareDump<ifaddrmsg>(fd, RTM_GETADDR);
+    BareDump<rtmsg>(fd, RTM_GETROUTE);
 }
 
 NetworkView TakeOrAbort(KemdNetwork* network, uint32_t parts) {
@@ -129,7 +129,9 @@ int main() {
     const NetworkHandle network(opened);
     constexpr uint32_t kRtnetlink = KEMD_NETWORK_ADDRESSES | KEMD_NETWORK_ROUTES;
     std::vector<Contender> contenders = {
-        Make("bare dumps, dropped", [&](int) { BareDumps(fd); }),
+        Make("bare dumps, dropped", [&](int) { BareDumps(fd, 0); }),
+        Make("bare dumps with the snapshot's filter",
+             [&](int) { BareDumps(fd, RTEXT_FILTER_VF | RTEXT_FILTER_SKIP_STATS); }),
         Make("snapshot", [&](int) { (void)TakeOrAbort(opened, kRtnetlink); }),
         Make("snapshot with hardware",
              [&](int) { (void)TakeOrAbort(opened, kRtnetlink | KEMD_NETWORK_HARDWARE); }),

@@ -6,7 +6,10 @@
 #include "network/fields.h"
 
 KemdNetworkInterface::KemdNetworkInterface(std::shared_ptr<const NetworkFacts> shared)
-    : facts(std::move(shared)) {}
+    : facts(std::move(shared)) {
+    constexpr size_t kUsualTexts = 8;
+    m_texts.reserve(kUsualTexts);
+}
 
 void KemdNetworkInterface::Set(uint32_t field, uint64_t value) {
     m_numbers[field] = value;

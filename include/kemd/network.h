@@ -42,11 +42,11 @@ KEMD_API int KemdNetworkErrorText(const struct KemdNetwork* network, char* out, 
 
 /* What a snapshot has beside names, states, relations and counters. */
 #define KEMD_NETWORK_ADDRESSES 1u
-#define KEMD_NETWORK_ROUTES 2u   /* default routes */
-#define KEMD_NETWORK_HARDWARE 4u /* driver, bus, speed, duplex, modes, why there is no link */
-#define KEMD_NETWORK_SETTINGS 8u /* pause, rings, channels, features, wake-on-LAN */
-#define KEMD_NETWORK_STATISTICS 16u
-#define KEMD_NETWORK_MODULE 32u /* identification of plugged modules: slow, and for root */
+#define KEMD_NETWORK_ROUTES 2u      /* default routes */
+#define KEMD_NETWORK_HARDWARE 4u    /* driver, bus, speed, duplex, modes, why there is no link */
+#define KEMD_NETWORK_SETTINGS 8u    /* pause, rings, channels, features, wake-on-LAN */
+#define KEMD_NETWORK_STATISTICS 16u /* standard groups; counters of virtual functions */
+#define KEMD_NETWORK_MODULE 32u     /* identification of plugged modules: slow, and for root */
 #define KEMD_NETWORK_ALL 0xFFFFFFFFu
 
 KEMD_API int KemdNetworkTake(struct KemdNetwork* network, uint32_t parts,
