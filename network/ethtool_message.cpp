@@ -125,17 +125,19 @@ void ReadHistogram(const Attribute& bucket, const char* direction,
                               std::to_string(*high) + "Octets"});
 }
 
+void ReadCounters(const Attribute& list, uint32_t names, std::vector<NamedCounter>& statistics) {
+    for (const Attribute& counter : Attributes(list.bytes)) {
+        const auto value = counter.Number();
+        if (value) statistics.push_back({names, counter.type, *value, {}});
+    }
+}
+
 void ReadGroup(const Attributes& group, std::vector<NamedCounter>& statistics) {
     const auto names = group.Find(ETHTOOL_A_STATS_GRP_SS_ID).Number();
     if (!names) return;
     for (const Attribute& attribute : group) {
         if (attribute.type == ETHTOOL_A_STATS_GRP_STAT) {
-            for (const Attribute& counter : Attributes(attribute.bytes)) {
-                const auto value = counter.Number();
-                if (value) {
-                    statistics.push_back({static_cast<uint32_t>(*names), counter.type, *value, {}});
-                }
-            }
+            ReadCounters(attribute, static_cast<uint32_t>(*names), statistics);
         } else if (attribute.type == ETHTOOL_A_STATS_GRP_HIST_RX) {
             ReadHistogram(attribute, "rx-", statistics);
         } else if (attribute.type == ETHTOOL_A_STATS_GRP_HIST_TX) {
