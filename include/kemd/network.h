@@ -204,8 +204,8 @@ struct KemdNetworkChange {
     int64_t time;                               /* ns since 1970, when it was read */
     const struct KemdNetworkInterface* before;  /* null: there was none */
     const struct KemdNetworkInterface* after;   /* null: there is none */
-    const struct KemdNetworkRoute* routeBefore; /* KEMD_NETWORK_ROUTE: null: new */
-    const struct KemdNetworkRoute* routeAfter;  /* null: gone */
+    const struct KemdNetworkRoute* routeBefore; /* KEMD_NETWORK_ROUTE alone; null: new */
+    const struct KemdNetworkRoute* routeAfter;  /* null: gone, maybe with its interface */
 };
 /* All that `change` points to is valid until the callback returns. It must not close the watch. */
 typedef void (*KemdNetworkOnChange)(void* user, const struct KemdNetworkChange* change);
