@@ -18,6 +18,13 @@ bool Store(const Attribute& attribute, size_t length, uint8_t (&to)[16]) {
     return true;
 }
 
+void ReadLifetimes(std::string_view bytes, KemdNetworkAddress& address) {
+    const auto times = HeaderOf<ifa_cacheinfo>(bytes);
+    if (!times) return;
+    address.preferredSeconds = times->ifa_prefered;
+    address.validSeconds = times->ifa_valid;
+}
+
 void ReadOthers(const Attributes& attributes, KemdNetworkAddress& address) {
     for (const Attribute& attribute : attributes) {
         const uint64_t number = attribute.Number().value_or(0);
@@ -29,10 +36,7 @@ void ReadOthers(const Attributes& attributes, KemdNetworkAddress& address) {
             label.copy(address.label, label.size());
         }
         if (attribute.type == IFA_CACHEINFO) {
-            if (const auto times = HeaderOf<ifa_cacheinfo>(attribute.bytes)) {
-                address.preferredSeconds = times->ifa_prefered;
-                address.validSeconds = times->ifa_valid;
-            }
+            ReadLifetimes(attribute.bytes, address);
         }
     }
 }

@@ -60,13 +60,10 @@ void ReadOne(KemdNetworkInterface& interface, const Attribute& attribute, const 
 }  // namespace
 
 void ReadByTable(KemdNetworkInterface& interface, const Attributes& attributes,
-                 std::span<const AttributeRow> table) {
+                 const AttributeTable& table) {
     for (const Attribute& attribute : attributes) {
-        for (const AttributeRow& row : table) {
-            if (row.attribute != attribute.type) continue;
-            ReadOne(interface, attribute, row);
-            break;
-        }
+        const AttributeRow* row = table.Find(attribute.type);
+        if (row != nullptr) ReadOne(interface, attribute, *row);
     }
 }
 

@@ -1,6 +1,7 @@
 // Which attribute fills which field: most of a message is read by a table.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -26,8 +27,26 @@ struct AttributeRow {
     AttributeForm form = AttributeForm::kNumber;
 };
 
+// The rows of a kind of message, found by the attribute's number.
+class AttributeTable {
+  public:
+    template <size_t kRows>
+    constexpr explicit AttributeTable(const AttributeRow (&rows)[kRows]) : m_rows(rows) {
+        for (size_t i = 0; i < kRows; ++i) m_places.at(rows[i].attribute) = i + 1;
+    }
+    // Null when the attribute fills no field.
+    [[nodiscard]] constexpr const AttributeRow* Find(uint16_t attribute) const {
+        const bool isThere = attribute < m_places.size() && m_places[attribute] != 0;
+        return isThere ? &m_rows[m_places[attribute] - 1U] : nullptr;
+    }
+
+  private:
+    std::span<const AttributeRow> m_rows;
+    std::array<uint8_t, 64> m_places{};  // from 1
+};
+
 void ReadByTable(KemdNetworkInterface& interface, const Attributes& attributes,
-                 std::span<const AttributeRow> table);
+                 const AttributeTable& table);
 
 // "52:54:00:12:34:56"
 [[nodiscard]] std::string HexText(std::string_view bytes, char separator);

@@ -4,6 +4,7 @@
 
 #include <linux/netlink.h>
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -32,22 +33,21 @@ struct Attribute {
 
     // A number in the order of the machine, or of the network; nothing unless it has 1, 2, 4 or 8
     // bytes.
-    [[nodiscard]] std::optional<uint64_t> Number() const { return Decode(false); }
-    [[nodiscard]] std::optional<uint64_t> NetworkNumber() const { return Decode(true); }
-    // Up to its first NUL, whether or not it ends with one.
-    [[nodiscard]] std::string_view Text() const { return bytes.substr(0, bytes.find('\0')); }
-
-  private:
-    [[nodiscard]] std::optional<uint64_t> Decode(bool isBigEndian) const {
+    [[nodiscard]] std::optional<uint64_t> Number() const {
+        static_assert(std::endian::native == std::endian::little, "the first byte is the lowest");
         const size_t size = bytes.size();
         if (size != 1 && size != 2 && size != 4 && size != 8) return std::nullopt;
         uint64_t value = 0;
-        for (size_t i = 0; i < size; ++i) {
-            const size_t at = isBigEndian ? i : size - 1 - i;
-            value = value << 8 | static_cast<unsigned char>(bytes[at]);
-        }
+        std::memcpy(&value, bytes.data(), size);
         return value;
     }
+    [[nodiscard]] std::optional<uint64_t> NetworkNumber() const {
+        const auto value = Number();
+        if (!value) return value;
+        return __builtin_bswap64(*value) >> (64 - 8 * bytes.size());
+    }
+    // Up to its first NUL, whether or not it ends with one.
+    [[nodiscard]] std::string_view Text() const { return bytes.substr(0, bytes.find('\0')); }
 };
 
 // for (const Attribute& attribute : Attributes(bytes))

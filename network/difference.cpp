@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "network/fields.h"
+
 namespace {
 
 using Interface = KemdNetworkInterface;
@@ -14,7 +16,7 @@ constexpr uint64_t kCarrierFlags = IFF_RUNNING | IFF_LOWER_UP | IFF_DORMANT;
 
 bool AreEqual(const Interface& a, const Interface& b, std::initializer_list<uint32_t> fields) {
     return std::all_of(fields.begin(), fields.end(),
-                       [&](uint32_t field) { return a.Equals(b, field, field + 1); });
+                       [&](uint32_t field) { return a.Equals(b, field); });
 }
 
 bool HaveEqualAddresses(const Interface& a, const Interface& b) {
@@ -27,14 +29,32 @@ bool HaveEqualAddresses(const Interface& a, const Interface& b) {
                       });
 }
 
-// What has no bit of its own: all else before the counters.
+// Fields that have a bit of their own, or no meaning as a change.
+bool IsOther(uint32_t field) {
+    switch (field) {
+        case KEMD_NET_NAME:
+        case KEMD_NET_FLAGS:
+        case KEMD_NET_MASTER:
+        case KEMD_NET_OPER_STATE:
+        case KEMD_NET_CARRIER:
+        case KEMD_NET_CARRIER_CHANGES:
+        case KEMD_NET_CARRIER_UPS:
+        case KEMD_NET_CARRIER_DOWNS:
+            return false;
+        default:
+            break;
+    }
+    const bool isCounter = field >= KEMD_NET_RX_PACKETS && field <= KEMD_NET_RX_OTHER_HOST_DROPPED;
+    return !isCounter && FindField(field)->part == 0;
+}
+
 bool AreOthersEqual(const Interface& a, const Interface& b) {
     constexpr uint64_t kOwnFlags = kCarrierFlags | IFF_UP;
-    return (a.Number(KEMD_NET_FLAGS) & ~kOwnFlags) == (b.Number(KEMD_NET_FLAGS) & ~kOwnFlags) &&
-           a.alternativeNames == b.alternativeNames &&
-           AreEqual(a, b, {KEMD_NET_ALIAS, KEMD_NET_KIND, KEMD_NET_TYPE, KEMD_NET_LINK_MODE}) &&
-           a.Equals(b, KEMD_NET_PROTO_DOWN, KEMD_NET_MASTER) &&
-           a.Equals(b, KEMD_NET_MEMBER_KIND, KEMD_NET_RX_PACKETS);
+    for (uint32_t field = 0; field < KEMD_NET_FIELDS; ++field) {
+        if (IsOther(field) && !a.Equals(b, field)) return false;
+    }
+    return ((a.Number(KEMD_NET_FLAGS) ^ b.Number(KEMD_NET_FLAGS)) & ~kOwnFlags) == 0 &&
+           a.alternativeNames == b.alternativeNames;
 }
 
 bool IsSame(const Route& a, const Route& b) {

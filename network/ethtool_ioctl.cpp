@@ -28,16 +28,6 @@ std::string_view FixedText(const char (&text)[kSize]) {
     return {text, strnlen(text, kSize)};
 }
 
-// A member of an ioctl's structure, and the one that says how much it may be: the field after it.
-template <typename T>
-struct Setting {
-    uint32_t field;
-    __u32 T::*value;
-    __u32 T::*most;
-};
-template <typename T>
-using Settings = std::initializer_list<Setting<T>>;
-
 }  // namespace
 
 int EthtoolIoctl::Call(void* command) const {
@@ -89,19 +79,17 @@ void EthtoolIoctl::ReadLink() const {
     constexpr size_t kHead = sizeof(ethtool_link_settings) / sizeof(__u32);
     std::array<__u32, kHead + 3 * kMostWords> answer{};
     ethtool_link_settings settings{};
-    settings.cmd = ETHTOOL_GLINKSETTINGS;
-    const auto call = [&] {
+    int words = 0;
+    for (const bool isFirst : {true, false}) {
+        settings = {};
+        settings.cmd = ETHTOOL_GLINKSETTINGS;
+        settings.link_mode_masks_nwords = static_cast<__s8>(words);
         std::memcpy(answer.data(), &settings, sizeof settings);
-        const int error = Call(answer.data());
+        if (Call(answer.data()) != 0) return;
         std::memcpy(&settings, answer.data(), sizeof settings);
-        return error;
-    };
-    if (call() != 0 || settings.link_mode_masks_nwords >= 0) return;
-    const int words = -settings.link_mode_masks_nwords;
-    settings = {};
-    settings.cmd = ETHTOOL_GLINKSETTINGS;
-    settings.link_mode_masks_nwords = static_cast<__s8>(words);
-    if (call() != 0) return;
+        if (isFirst) words = -settings.link_mode_masks_nwords;
+        if (words <= 0) return;
+    }
     for (const uint32_t field : {KEMD_NET_SPEED, KEMD_NET_DUPLEX}) m_interface.Forget(field);
     if (settings.speed != static_cast<__u32>(SPEED_UNKNOWN)) {
         m_interface.Set(KEMD_NET_SPEED, settings.speed);
@@ -119,33 +107,33 @@ void EthtoolIoctl::ReadLink() const {
     }
 }
 
+template <typename Command>
+void EthtoolIoctl::Read(Command command, uint32_t number, const Settings<Command>& settings) const {
+    command.cmd = number;
+    if (Call(&command) != 0) return;
+    for (const Setting<Command>& setting : settings) {
+        // What the device does not have at all: netlink leaves it out.
+        if (setting.most != nullptr && command.*setting.most == 0) continue;
+        m_interface.Set(setting.field, command.*setting.value);
+        if (setting.most != nullptr) m_interface.Set(setting.field + 1, command.*setting.most);
+    }
+}
+
 void EthtoolIoctl::ReadSettings() const {
-    const auto read = [this](auto command, __u32 number, const auto& settings) {
-        command.cmd = number;
-        if (Call(&command) != 0) return;
-        for (const auto& setting : settings) {
-            // What the device does not have at all: netlink leaves it out.
-            if (setting.most != nullptr && command.*setting.most == 0) continue;
-            m_interface.Set(setting.field, command.*setting.value);
-            if (setting.most != nullptr) {
-                m_interface.Set(setting.field + 1, command.*setting.most);
-            }
-        }
-    };
     using Pause = ethtool_pauseparam;
     using Rings = ethtool_ringparam;
     using Channels = ethtool_channels;
-    read(Pause{}, ETHTOOL_GPAUSEPARAM,
+    Read(Pause{}, ETHTOOL_GPAUSEPARAM,
          Settings<Pause>{{KEMD_NET_PAUSE_AUTO, &Pause::autoneg, nullptr},
                          {KEMD_NET_PAUSE_RX, &Pause::rx_pause, nullptr},
                          {KEMD_NET_PAUSE_TX, &Pause::tx_pause, nullptr}});
-    read(Rings{}, ETHTOOL_GRINGPARAM,
+    Read(Rings{}, ETHTOOL_GRINGPARAM,
          Settings<Rings>{
              {KEMD_NET_RING_RX, &Rings::rx_pending, &Rings::rx_max_pending},
              {KEMD_NET_RING_RX_MINI, &Rings::rx_mini_pending, &Rings::rx_mini_max_pending},
              {KEMD_NET_RING_RX_JUMBO, &Rings::rx_jumbo_pending, &Rings::rx_jumbo_max_pending},
              {KEMD_NET_RING_TX, &Rings::tx_pending, &Rings::tx_max_pending}});
-    read(Channels{}, ETHTOOL_GCHANNELS,
+    Read(Channels{}, ETHTOOL_GCHANNELS,
          Settings<Channels>{
              {KEMD_NET_CHANNELS_RX, &Channels::rx_count, &Channels::max_rx},
              {KEMD_NET_CHANNELS_TX, &Channels::tx_count, &Channels::max_tx},

@@ -2,6 +2,9 @@
 // family the link and some settings.
 #pragma once
 
+#include <cstdint>
+#include <initializer_list>
+
 #include "network/interface.h"
 
 class EthtoolIoctl {
@@ -20,6 +23,20 @@ class EthtoolIoctl {
     // `command` begins with its number. An errno number.
     [[nodiscard]] int Call(void* command) const;
     void ReadNumaNode() const;
+
+    // A member of an ioctl's structure, and the one that says how much it may be: the field after
+    // it.
+    template <typename Command>
+    struct Setting {
+        uint32_t field;
+        uint32_t Command::*value;
+        uint32_t Command::*most;  // null: none
+    };
+    template <typename Command>
+    using Settings = std::initializer_list<Setting<Command>>;
+    template <typename Command>
+    void Read(Command command, uint32_t number, const Settings<Command>& settings) const;
+
     int m_fd;
     KemdNetworkInterface& m_interface;
 };

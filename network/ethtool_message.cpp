@@ -17,12 +17,14 @@ constexpr AttributeRow kInfoRows[] = {
     {ETHTOOL_A_LINKINFO_PHYADDR, KEMD_NET_PHY_ADDRESS},
     {ETHTOOL_A_LINKINFO_TRANSCEIVER, KEMD_NET_TRANSCEIVER},
 };
+constexpr AttributeTable kInfoTable(kInfoRows);
 constexpr AttributeRow kModeRows[] = {
     {ETHTOOL_A_LINKMODES_AUTONEG, KEMD_NET_AUTO_NEGOTIATION},
     {ETHTOOL_A_LINKMODES_SPEED, KEMD_NET_SPEED, Form::kKnown},
     {ETHTOOL_A_LINKMODES_DUPLEX, KEMD_NET_DUPLEX, Form::kKnown},
     {ETHTOOL_A_LINKMODES_LANES, KEMD_NET_LANES, Form::kPositive},
 };
+constexpr AttributeTable kModeTable(kModeRows);
 constexpr AttributeRow kStateRows[] = {
     {ETHTOOL_A_LINKSTATE_LINK, KEMD_NET_LINK_DETECTED},
     {ETHTOOL_A_LINKSTATE_SQI, KEMD_NET_SIGNAL_QUALITY},
@@ -30,11 +32,13 @@ constexpr AttributeRow kStateRows[] = {
     {ETHTOOL_A_LINKSTATE_EXT_STATE, KEMD_NET_LINK_DOWN_REASON},
     {ETHTOOL_A_LINKSTATE_EXT_SUBSTATE, KEMD_NET_LINK_DOWN_DETAIL},
 };
+constexpr AttributeTable kStateTable(kStateRows);
 constexpr AttributeRow kPauseRows[] = {
     {ETHTOOL_A_PAUSE_AUTONEG, KEMD_NET_PAUSE_AUTO},
     {ETHTOOL_A_PAUSE_RX, KEMD_NET_PAUSE_RX},
     {ETHTOOL_A_PAUSE_TX, KEMD_NET_PAUSE_TX},
 };
+constexpr AttributeTable kPauseTable(kPauseRows);
 constexpr AttributeRow kRingRows[] = {
     {ETHTOOL_A_RINGS_RX_MAX, KEMD_NET_RING_RX_MAX},
     {ETHTOOL_A_RINGS_RX_MINI_MAX, KEMD_NET_RING_RX_MINI_MAX},
@@ -45,6 +49,7 @@ constexpr AttributeRow kRingRows[] = {
     {ETHTOOL_A_RINGS_RX_JUMBO, KEMD_NET_RING_RX_JUMBO},
     {ETHTOOL_A_RINGS_TX, KEMD_NET_RING_TX},
 };
+constexpr AttributeTable kRingTable(kRingRows);
 constexpr AttributeRow kChannelRows[] = {
     {ETHTOOL_A_CHANNELS_RX_MAX, KEMD_NET_CHANNELS_RX_MAX},
     {ETHTOOL_A_CHANNELS_TX_MAX, KEMD_NET_CHANNELS_TX_MAX},
@@ -55,6 +60,7 @@ constexpr AttributeRow kChannelRows[] = {
     {ETHTOOL_A_CHANNELS_OTHER_COUNT, KEMD_NET_CHANNELS_OTHER},
     {ETHTOOL_A_CHANNELS_COMBINED_COUNT, KEMD_NET_CHANNELS_COMBINED},
 };
+constexpr AttributeTable kChannelTable(kChannelRows);
 
 std::vector<uint32_t> BitWords(std::string_view bytes) {
     std::vector<uint32_t> words(bytes.size() / sizeof(uint32_t));
@@ -89,7 +95,7 @@ void ReadFeatures(const Attributes& attributes, KemdNetworkInterface& interface)
 void ReadLinkModes(const Attributes& attributes, KemdNetworkInterface& interface) {
     // What an earlier answer said need not be said again.
     for (const AttributeRow& row : kModeRows) interface.Forget(row.field);
-    ReadByTable(interface, attributes, kModeRows);
+    ReadByTable(interface, attributes, kModeTable);
     const auto read = [&](uint32_t list, uint16_t set, uint16_t half) {
         interface.bits[list] = {};
         ReadBits(interface.bits[list], ETH_SS_LINK_MODES, attributes, set, half);
@@ -119,17 +125,19 @@ void ReadHistogram(const Attribute& bucket, const char* direction,
                               std::to_string(*high) + "Octets"});
 }
 
+void ReadCounters(const Attribute& list, uint32_t names, std::vector<NamedCounter>& statistics) {
+    for (const Attribute& counter : Attributes(list.bytes)) {
+        const auto value = counter.Number();
+        if (value) statistics.push_back({names, counter.type, *value, {}});
+    }
+}
+
 void ReadGroup(const Attributes& group, std::vector<NamedCounter>& statistics) {
     const auto names = group.Find(ETHTOOL_A_STATS_GRP_SS_ID).Number();
     if (!names) return;
     for (const Attribute& attribute : group) {
         if (attribute.type == ETHTOOL_A_STATS_GRP_STAT) {
-            for (const Attribute& counter : Attributes(attribute.bytes)) {
-                const auto value = counter.Number();
-                if (value) {
-                    statistics.push_back({static_cast<uint32_t>(*names), counter.type, *value, {}});
-                }
-            }
+            ReadCounters(attribute, static_cast<uint32_t>(*names), statistics);
         } else if (attribute.type == ETHTOOL_A_STATS_GRP_HIST_RX) {
             ReadHistogram(attribute, "rx-", statistics);
         } else if (attribute.type == ETHTOOL_A_STATS_GRP_HIST_TX) {
@@ -175,18 +183,18 @@ void ReadEthtool(uint8_t command, std::string_view payload, KemdNetworkInterface
     const Attributes attributes(AfterHeader(payload, sizeof(genlmsghdr)));
     switch (command) {
         case ETHTOOL_MSG_LINKINFO_GET:
-            return ReadByTable(interface, attributes, kInfoRows);
+            return ReadByTable(interface, attributes, kInfoTable);
         case ETHTOOL_MSG_LINKMODES_GET:
             return ReadLinkModes(attributes, interface);
         case ETHTOOL_MSG_LINKSTATE_GET:
             for (const AttributeRow& row : kStateRows) interface.Forget(row.field);
-            return ReadByTable(interface, attributes, kStateRows);
+            return ReadByTable(interface, attributes, kStateTable);
         case ETHTOOL_MSG_PAUSE_GET:
-            return ReadByTable(interface, attributes, kPauseRows);
+            return ReadByTable(interface, attributes, kPauseTable);
         case ETHTOOL_MSG_RINGS_GET:
-            return ReadByTable(interface, attributes, kRingRows);
+            return ReadByTable(interface, attributes, kRingTable);
         case ETHTOOL_MSG_CHANNELS_GET:
-            return ReadByTable(interface, attributes, kChannelRows);
+            return ReadByTable(interface, attributes, kChannelTable);
         case ETHTOOL_MSG_FEATURES_GET:
             return ReadFeatures(attributes, interface);
         case ETHTOOL_MSG_WOL_GET:

@@ -6,7 +6,10 @@
 #include "network/fields.h"
 
 KemdNetworkInterface::KemdNetworkInterface(std::shared_ptr<const NetworkFacts> shared)
-    : facts(std::move(shared)) {}
+    : facts(std::move(shared)) {
+    constexpr size_t kUsualTexts = 8;
+    m_texts.reserve(kUsualTexts);
+}
 
 void KemdNetworkInterface::Set(uint32_t field, uint64_t value) {
     m_numbers[field] = value;
@@ -57,24 +60,17 @@ bool KemdNetworkInterface::IsNamed(std::string_view name) const {
                alternativeNames.end();
 }
 
-bool KemdNetworkInterface::Equals(const KemdNetworkInterface& other, uint32_t first,
-                                  uint32_t last) const {
-    for (uint32_t field = first; field < last; ++field) {
-        if (Has(field) != other.Has(field)) return false;
-        if (!Has(field)) continue;
-        const bool isText = FindField(field)->kind == KEMD_NETWORK_KIND_TEXT;
-        if (isText ? Text(field) != other.Text(field)
-                   : m_numbers[field] != other.m_numbers[field]) {
-            return false;
-        }
-    }
-    return true;
+bool KemdNetworkInterface::Equals(const KemdNetworkInterface& other, uint32_t field) const {
+    if (Has(field) != other.Has(field)) return false;
+    return !Has(field) ||
+           (m_numbers[field] == other.m_numbers[field] && Text(field) == other.Text(field));
 }
 
 void KemdNetworkInterface::KeepOthersOf(const KemdNetworkInterface& older) {
-    for (uint32_t field = KEMD_NET_BUS; field < KEMD_NET_FIELDS; ++field) {
-        if (!older.Has(field)) continue;
-        if (FindField(field)->kind == KEMD_NETWORK_KIND_TEXT) {
+    for (uint32_t field = 0; field < KEMD_NET_FIELDS; ++field) {
+        const FieldRow* row = FindField(field);
+        if (row->part == 0 || !older.Has(field)) continue;
+        if (row->kind == KEMD_NETWORK_KIND_TEXT) {
             SetText(field, older.Text(field));
         } else {
             Set(field, older.m_numbers[field]);

@@ -67,10 +67,9 @@ struct KemdNetworkInterface {
     }
     // By its name or an alternative one.
     [[nodiscard]] bool IsNamed(std::string_view name) const;
-    // Whether the fields from `first` to before `last` are equal.
-    [[nodiscard]] bool Equals(const KemdNetworkInterface& other, uint32_t first,
-                              uint32_t last) const;
-    // Takes over what a message of the link does not say: all but the fields before the hardware's.
+    [[nodiscard]] bool Equals(const KemdNetworkInterface& other, uint32_t field) const;
+    // Takes over what a message of the link does not say: all but the fields that every snapshot
+    // has.
     void KeepOthersOf(const KemdNetworkInterface& older);
 
     std::vector<std::string> alternativeNames;

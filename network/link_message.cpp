@@ -48,12 +48,16 @@ constexpr AttributeRow kLinkRows[] = {
     {IFLA_PARENT_DEV_NAME, KEMD_NET_BUS_ADDRESS, Form::kText},
     {IFLA_PARENT_DEV_BUS_NAME, KEMD_NET_BUS, Form::kText},
 };
+constexpr AttributeTable kLinkTable(kLinkRows);
 constexpr AttributeRow kVlanRows[] = {
     {IFLA_VLAN_ID, KEMD_NET_VLAN_ID},
     {IFLA_VLAN_PROTOCOL, KEMD_NET_VLAN_PROTOCOL, Form::kNetworkNumber},
 };
+constexpr AttributeTable kVlanTable(kVlanRows);
 constexpr AttributeRow kMacvlanRows[] = {{IFLA_MACVLAN_MODE, KEMD_NET_MACVLAN_MODE}};
+constexpr AttributeTable kMacvlanTable(kMacvlanRows);
 constexpr AttributeRow kIpvlanRows[] = {{IFLA_IPVLAN_MODE, KEMD_NET_IPVLAN_MODE}};
+constexpr AttributeTable kIpvlanTable(kIpvlanRows);
 constexpr AttributeRow kVxlanRows[] = {
     {IFLA_VXLAN_ID, KEMD_NET_VXLAN_ID},
     {IFLA_VXLAN_PORT, KEMD_NET_VXLAN_PORT, Form::kNetworkNumber},
@@ -62,21 +66,26 @@ constexpr AttributeRow kVxlanRows[] = {
     {IFLA_VXLAN_LOCAL, KEMD_NET_VXLAN_LOCAL, Form::kIpAddress},
     {IFLA_VXLAN_LOCAL6, KEMD_NET_VXLAN_LOCAL, Form::kIpAddress},
 };
+constexpr AttributeTable kVxlanTable(kVxlanRows);
 constexpr AttributeRow kTunRows[] = {
     {IFLA_TUN_OWNER, KEMD_NET_TUN_OWNER, Form::kKnown},
     {IFLA_TUN_GROUP, KEMD_NET_TUN_GROUP, Form::kKnown},
     {IFLA_TUN_PERSIST, KEMD_NET_TUN_PERSISTENT},
 };
+constexpr AttributeTable kTunTable(kTunRows);
 constexpr AttributeRow kVrfRows[] = {{IFLA_VRF_TABLE, KEMD_NET_VRF_TABLE}};
+constexpr AttributeTable kVrfTable(kVrfRows);
 constexpr AttributeRow kBridgeRows[] = {
     {IFLA_BR_STP_STATE, KEMD_NET_BRIDGE_STP},
     {IFLA_BR_VLAN_FILTERING, KEMD_NET_BRIDGE_VLANS},
     {IFLA_BR_PRIORITY, KEMD_NET_BRIDGE_PRIORITY},
 };
+constexpr AttributeTable kBridgeTable(kBridgeRows);
 constexpr AttributeRow kBridgePortRows[] = {
     {IFLA_BRPORT_STATE, KEMD_NET_BRIDGE_PORT_STATE},
     {IFLA_BRPORT_COST, KEMD_NET_BRIDGE_PORT_COST},
 };
+constexpr AttributeTable kBridgePortTable(kBridgePortRows);
 constexpr AttributeRow kBondRows[] = {
     {IFLA_BOND_MODE, KEMD_NET_BOND_MODE},
     {IFLA_BOND_MIIMON, KEMD_NET_BOND_MIIMON},
@@ -87,6 +96,7 @@ constexpr AttributeRow kBondRows[] = {
     {IFLA_BOND_XMIT_HASH_POLICY, KEMD_NET_BOND_HASH},
     {IFLA_BOND_AD_LACP_RATE, KEMD_NET_BOND_LACP_RATE},
 };
+constexpr AttributeTable kBondTable(kBondRows);
 constexpr AttributeRow kBondMemberRows[] = {
     {IFLA_BOND_SLAVE_STATE, KEMD_NET_BOND_MEMBER_STATE},
     {IFLA_BOND_SLAVE_MII_STATUS, KEMD_NET_BOND_MEMBER_MII},
@@ -95,22 +105,23 @@ constexpr AttributeRow kBondMemberRows[] = {
     {IFLA_BOND_SLAVE_QUEUE_ID, KEMD_NET_BOND_MEMBER_QUEUE},
     {IFLA_BOND_SLAVE_AD_AGGREGATOR_ID, KEMD_NET_BOND_MEMBER_AGGREGATOR},
 };
+constexpr AttributeTable kBondMemberTable(kBondMemberRows);
 
 struct KindTable {
     std::string_view kind;
-    std::span<const AttributeRow> rows;
+    const AttributeTable* attributes;
 };
-constexpr KindTable kKinds[] = {{"vlan", kVlanRows},       {"macvlan", kMacvlanRows},
-                                {"macvtap", kMacvlanRows}, {"ipvlan", kIpvlanRows},
-                                {"ipvtap", kIpvlanRows},   {"vxlan", kVxlanRows},
-                                {"tun", kTunRows},         {"vrf", kVrfRows},
-                                {"bridge", kBridgeRows},   {"bond", kBondRows}};
-constexpr KindTable kMemberKinds[] = {{"bridge", kBridgePortRows}, {"bond", kBondMemberRows}};
+constexpr KindTable kKinds[] = {{"vlan", &kVlanTable},       {"macvlan", &kMacvlanTable},
+                                {"macvtap", &kMacvlanTable}, {"ipvlan", &kIpvlanTable},
+                                {"ipvtap", &kIpvlanTable},   {"vxlan", &kVxlanTable},
+                                {"tun", &kTunTable},         {"vrf", &kVrfTable},
+                                {"bridge", &kBridgeTable},   {"bond", &kBondTable}};
+constexpr KindTable kMemberKinds[] = {{"bridge", &kBridgePortTable}, {"bond", &kBondMemberTable}};
 
 void ReadByKind(KemdNetworkInterface& interface, std::string_view kind, const Attribute& data,
                 std::span<const KindTable> tables) {
     for (const KindTable& table : tables) {
-        if (table.kind == kind) ReadByTable(interface, Attributes(data.bytes), table.rows);
+        if (table.kind == kind) ReadByTable(interface, Attributes(data.bytes), *table.attributes);
     }
 }
 
@@ -163,7 +174,7 @@ std::shared_ptr<KemdNetworkInterface> ReadLink(std::string_view payload,
     interface->Set(KEMD_NET_TYPE, header->ifi_type);
     interface->Set(KEMD_NET_FLAGS, header->ifi_flags);
     const Attributes attributes(AfterHeader(payload, sizeof *header));
-    ReadByTable(*interface, attributes, kLinkRows);
+    ReadByTable(*interface, attributes, kLinkTable);
     for (const Attribute& attribute : attributes) {
         if (attribute.type == IFLA_LINKINFO) {
             ReadLinkInfo(*interface, Attributes(attribute.bytes));

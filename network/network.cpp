@@ -31,7 +31,10 @@ int KemdNetwork::Explain(int error) {
 int KemdNetwork::ReadLinks(KemdNetworkSnapshot& snapshot) {
     NetlinkRequest request("reading the interfaces", RTM_GETLINK, NLM_F_DUMP);
     request.AddHeader(ifinfomsg{});
-    request.AddNumber(IFLA_EXT_MASK, RTEXT_FILTER_VF);
+    // The counters of IPv6 and of virtual functions take the kernel a tenth of the time.
+    const bool hasCounters = (snapshot.facts->parts & KEMD_NETWORK_STATISTICS) != 0;
+    request.AddNumber(IFLA_EXT_MASK,
+                      RTEXT_FILTER_VF | (hasCounters ? 0U : RTEXT_FILTER_SKIP_STATS));
     auto& interfaces = snapshot.interfaces;
     const int error = m_route.Dump(
         request, [&] { interfaces.clear(); },

@@ -21,10 +21,9 @@ void SetGateway(KemdNetworkRoute& route, uint32_t family, std::string_view bytes
 void ReadHop(KemdNetworkRoute& route, const Attributes& attributes) {
     for (const Attribute& attribute : attributes) {
         if (attribute.type == RTA_GATEWAY) SetGateway(route, route.family, attribute.bytes);
-        if (attribute.type == RTA_VIA) {
-            if (const auto family = HeaderOf<uint16_t>(attribute.bytes)) {
-                SetGateway(route, *family, attribute.bytes.substr(sizeof *family));
-            }
+        const auto family = HeaderOf<uint16_t>(attribute.bytes);
+        if (attribute.type == RTA_VIA && family) {
+            SetGateway(route, *family, attribute.bytes.substr(sizeof *family));
         }
         if (attribute.type == RTA_OIF) {
             route.interface = static_cast<uint32_t>(attribute.Number().value_or(0));

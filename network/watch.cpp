@@ -23,6 +23,7 @@
 namespace {
 
 constexpr int kSettleAttempts = 4;
+constexpr int kMostAtOnce = 256;
 constexpr int kReceiveBytes = 4 << 20;  // some thousand messages
 
 int64_t Milliseconds() {
@@ -99,12 +100,16 @@ int KemdNetworkWatch::Wait(uint32_t timeoutMs) {
     const bool isForever = timeoutMs == KEMD_WAIT_FOREVER;
     const int64_t end = isForever ? 0 : Milliseconds() + timeoutMs;
     m_wasDelivered = false;
+    // What an earlier call could not finish.
+    int error = m_hasMissed ? Resynchronise() : 0;
+    if (error == 0 && m_areRoutesOld) error = ReadRoutes();
+    if (error != 0) return error;
     while (!m_wasDelivered) {
         const int64_t left = isForever ? -1 : std::max<int64_t>(end - Milliseconds(), 0);
         epoll_event ready[3];
         const int count =
             epoll_wait(m_poll.Get(), ready, 3, static_cast<int>(std::min<int64_t>(left, INT_MAX)));
-        int error = count < 0 ? errno : 0;
+        error = count < 0 ? errno : 0;
         if (error == EINTR) continue;
         if (error != 0) return error;
         if (count == 0 && left < INT_MAX) return ETIMEDOUT;
@@ -118,17 +123,23 @@ int KemdNetworkWatch::Wait(uint32_t timeoutMs) {
 }
 
 int KemdNetworkWatch::ReadEvents() {
-    for (;;) {
-        std::string_view bytes;
-        const int error = m_events.Receive(bytes, MSG_DONTWAIT);
-        if (error == ENOBUFS) return Resynchronise();
-        if (error != 0 && error != EAGAIN) return error;
-        if (error == EAGAIN) return m_areRoutesOld ? ReadRoutes() : 0;
+    std::string_view bytes;
+    int error = 0;
+    // Not without end, so that a flood of messages cannot keep Stop waiting.
+    for (int i = 0; i < kMostAtOnce && error == 0; ++i) {
+        error = m_events.Receive(bytes, MSG_DONTWAIT);
+        if (error != 0) break;
+        // Until it is applied: memory may run out.
+        m_hasMissed = true;
         ForEachMessage(bytes, [this](const NetlinkMessage& message) {
             OnMessage(message);
             return true;
         });
+        m_hasMissed = false;
     }
+    if (error == ENOBUFS) return Resynchronise();
+    if (error != 0 && error != EAGAIN) return error;
+    return m_areRoutesOld ? ReadRoutes() : 0;
 }
 
 void KemdNetworkWatch::OnMessage(const NetlinkMessage& message) {
@@ -243,10 +254,10 @@ void KemdNetworkWatch::Deliver(const KemdNetworkChange& change) {
 }
 
 int KemdNetworkWatch::ReadRoutes() {
-    m_areRoutesOld = false;
     std::vector<KemdNetworkRoute> before;
     const int error = m_network.ReadRoutes(before);
     if (error != 0) return error;
+    m_areRoutesOld = false;
     before.swap(m_state.routes);
     DeliverRoutes(before, m_state.routes);
     return 0;
@@ -267,7 +278,8 @@ void KemdNetworkWatch::DeliverRoutes(const std::vector<KemdNetworkRoute>& before
 }
 
 int KemdNetworkWatch::Resynchronise() {
-    KemdNetworkSnapshot before = m_state;
+    m_hasMissed = true;
+    const KemdNetworkSnapshot before = m_state;
     KemdNetworkSnapshot now;
     const int error = TakeSettled(now);
     if (error != 0) return error;
@@ -281,6 +293,7 @@ int KemdNetworkWatch::Resynchronise() {
         Replace(before.Share(interface->Index()), interface);
     }
     m_state.routes = now.routes;
+    m_hasMissed = false;
     DeliverRoutes(before.routes, m_state.routes);
     return 0;
 }

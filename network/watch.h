@@ -52,6 +52,7 @@ struct KemdNetworkWatch {
     UniqueFd m_stop;
     UniqueFd m_poll;
     KemdNetworkSnapshot m_state;
+    bool m_hasMissed = false;  // the state does not have all changes
     bool m_areRoutesOld = false;
     bool m_wasDelivered = false;
 };

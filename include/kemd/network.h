@@ -42,11 +42,11 @@ KEMD_API int KemdNetworkErrorText(const struct KemdNetwork* network, char* out, 
 
 /* What a snapshot has beside names, states, relations and counters. */
 #define KEMD_NETWORK_ADDRESSES 1u
-#define KEMD_NETWORK_ROUTES 2u   /* default routes */
-#define KEMD_NETWORK_HARDWARE 4u /* driver, bus, speed, duplex, modes, why there is no link */
-#define KEMD_NETWORK_SETTINGS 8u /* pause, rings, channels, features, wake-on-LAN */
-#define KEMD_NETWORK_STATISTICS 16u
-#define KEMD_NETWORK_MODULE 32u /* identification of plugged modules: slow, and for root */
+#define KEMD_NETWORK_ROUTES 2u      /* default routes */
+#define KEMD_NETWORK_HARDWARE 4u    /* driver, bus, speed, duplex, modes, why there is no link */
+#define KEMD_NETWORK_SETTINGS 8u    /* pause, rings, channels, features, wake-on-LAN */
+#define KEMD_NETWORK_STATISTICS 16u /* standard groups; counters of virtual functions */
+#define KEMD_NETWORK_MODULE 32u     /* identification of plugged modules: slow, and for root */
 #define KEMD_NETWORK_ALL 0xFFFFFFFFu
 
 KEMD_API int KemdNetworkTake(struct KemdNetwork* network, uint32_t parts,
@@ -204,8 +204,8 @@ struct KemdNetworkChange {
     int64_t time;                               /* ns since 1970, when it was read */
     const struct KemdNetworkInterface* before;  /* null: there was none */
     const struct KemdNetworkInterface* after;   /* null: there is none */
-    const struct KemdNetworkRoute* routeBefore; /* KEMD_NETWORK_ROUTE: null: new */
-    const struct KemdNetworkRoute* routeAfter;  /* null: gone */
+    const struct KemdNetworkRoute* routeBefore; /* KEMD_NETWORK_ROUTE alone; null: new */
+    const struct KemdNetworkRoute* routeAfter;  /* null: gone, maybe with its interface */
 };
 /* All that `change` points to is valid until the callback returns. It must not close the watch. */
 typedef void (*KemdNetworkOnChange)(void* user, const struct KemdNetworkChange* change);

@@ -6,153 +6,159 @@
  */
 #pragma once
 
-/* clang-format off */
-enum {
-    /* Identity */
-    KEMD_NET_INDEX = 0,
-    KEMD_NET_NAME,              /* text */
-    KEMD_NET_ALIAS,             /* text, as the administrator set it */
-    KEMD_NET_KIND,              /* text: physical, loopback, bridge, bond, vlan, veth, tun, tap ... */
-    KEMD_NET_TYPE,              /* word: ARPHRD_ of the link layer */
-    /* State */
-    KEMD_NET_FLAGS,             /* flags: IFF_ */
-    KEMD_NET_OPER_STATE,        /* word: IF_OPER_ */
-    KEMD_NET_LINK_MODE,         /* word: IF_LINK_MODE_ */
-    KEMD_NET_CARRIER,           /* 0 or 1 */
-    KEMD_NET_CARRIER_CHANGES,
-    KEMD_NET_CARRIER_UPS,
-    KEMD_NET_CARRIER_DOWNS,
-    KEMD_NET_PROTO_DOWN,        /* 0 or 1: held down by a protocol */
-    KEMD_NET_PROMISCUITY,       /* how many want promiscuous mode */
-    KEMD_NET_ALLMULTI,          /* how many want all multicast frames */
-    /* Link layer */
-    KEMD_NET_MTU,               /* bytes */
-    KEMD_NET_MIN_MTU,
-    KEMD_NET_MAX_MTU,           /* absent: no limit */
-    KEMD_NET_MAC,               /* text */
-    KEMD_NET_BROADCAST,         /* text */
-    KEMD_NET_PERMANENT_MAC,     /* text */
-    KEMD_NET_QDISC,             /* text */
-    KEMD_NET_QUEUE_LENGTH,      /* frames */
-    KEMD_NET_GROUP,
-    KEMD_NET_TX_QUEUES,
-    KEMD_NET_RX_QUEUES,
-    KEMD_NET_GSO_MAX_SIZE,      /* bytes */
-    KEMD_NET_GSO_MAX_SEGMENTS,
-    /* Relations */
-    KEMD_NET_PARENT,            /* index of the interface below, or of the peer of a veth */
-    KEMD_NET_PARENT_NAME_SPACE, /* id of the name space of that, when it is another one */
-    KEMD_NET_MASTER,            /* index */
-    KEMD_NET_MEMBER_KIND,       /* text: of what it is a member: bridge, bond, team, vrf */
-    KEMD_NET_PORT_NAME,         /* text: of the physical port */
-    KEMD_NET_PORT_ID,           /* text, hexadecimal */
-    KEMD_NET_SWITCH_ID,         /* text, hexadecimal */
-    /* Of one kind */
-    KEMD_NET_VLAN_ID,
-    KEMD_NET_VLAN_PROTOCOL,     /* word: 0x8100 802.1Q, 0x88a8 802.1ad */
-    KEMD_NET_MACVLAN_MODE,      /* word: MACVLAN_MODE_ */
-    KEMD_NET_IPVLAN_MODE,       /* word: IPVLAN_MODE_ */
-    KEMD_NET_VXLAN_ID,
-    KEMD_NET_VXLAN_PORT,
-    KEMD_NET_VXLAN_REMOTE,      /* text: address of the group or of the other end */
-    KEMD_NET_VXLAN_LOCAL,       /* text */
-    KEMD_NET_TUN_OWNER,         /* user id */
-    KEMD_NET_TUN_GROUP,         /* group id */
-    KEMD_NET_TUN_PERSISTENT,    /* 0 or 1 */
-    KEMD_NET_VRF_TABLE,
-    KEMD_NET_BRIDGE_STP,        /* word: 0 off, 1 kernel, 2 user */
-    KEMD_NET_BRIDGE_VLANS,      /* 0 or 1: filters by VLAN */
-    KEMD_NET_BRIDGE_PRIORITY,
-    KEMD_NET_BRIDGE_PORT_STATE, /* word: BR_STATE_, of a member */
-    KEMD_NET_BRIDGE_PORT_COST,
-    KEMD_NET_BOND_MODE,         /* word: BOND_MODE_ */
-    KEMD_NET_BOND_MIIMON,       /* ms */
-    KEMD_NET_BOND_ACTIVE,       /* index of the active member */
-    KEMD_NET_BOND_PRIMARY,      /* index */
-    KEMD_NET_BOND_UP_DELAY,     /* ms */
-    KEMD_NET_BOND_DOWN_DELAY,   /* ms */
-    KEMD_NET_BOND_HASH,         /* word: BOND_XMIT_POLICY_ */
-    KEMD_NET_BOND_LACP_RATE,    /* word: 0 slow, 1 fast */
-    KEMD_NET_BOND_MEMBER_STATE, /* word: BOND_STATE_: active or backup */
-    KEMD_NET_BOND_MEMBER_MII,   /* word: BOND_LINK_ */
-    KEMD_NET_BOND_MEMBER_FAILURES,
-    KEMD_NET_BOND_MEMBER_MAC,   /* text: what it had before it was a member */
-    KEMD_NET_BOND_MEMBER_QUEUE,
-    KEMD_NET_BOND_MEMBER_AGGREGATOR,
-    /* Counters, 64 bits, since the interface is there */
-    KEMD_NET_RX_PACKETS,
-    KEMD_NET_TX_PACKETS,
-    KEMD_NET_RX_BYTES,
-    KEMD_NET_TX_BYTES,
-    KEMD_NET_RX_ERRORS,
-    KEMD_NET_TX_ERRORS,
-    KEMD_NET_RX_DROPPED,
-    KEMD_NET_TX_DROPPED,
-    KEMD_NET_MULTICAST,
-    KEMD_NET_COLLISIONS,
-    KEMD_NET_RX_LENGTH_ERRORS,
-    KEMD_NET_RX_OVER_ERRORS,
-    KEMD_NET_RX_CRC_ERRORS,
-    KEMD_NET_RX_FRAME_ERRORS,
-    KEMD_NET_RX_FIFO_ERRORS,
-    KEMD_NET_RX_MISSED_ERRORS,
-    KEMD_NET_TX_ABORTED_ERRORS,
-    KEMD_NET_TX_CARRIER_ERRORS,
-    KEMD_NET_TX_FIFO_ERRORS,
-    KEMD_NET_TX_HEARTBEAT_ERRORS,
-    KEMD_NET_TX_WINDOW_ERRORS,
-    KEMD_NET_RX_COMPRESSED,
-    KEMD_NET_TX_COMPRESSED,
-    KEMD_NET_RX_NO_HANDLER,
-    KEMD_NET_RX_OTHER_HOST_DROPPED,
-    /* KEMD_NETWORK_HARDWARE */
-    KEMD_NET_BUS,               /* text: pci, usb, virtio ... */
-    KEMD_NET_BUS_ADDRESS,       /* text: "0000:02:00.0"; of a virtio device that of its PCI function */
-    KEMD_NET_NUMA_NODE,
-    KEMD_NET_DRIVER,            /* text */
-    KEMD_NET_DRIVER_VERSION,    /* text */
-    KEMD_NET_FIRMWARE,          /* text */
-    KEMD_NET_SPEED,             /* Mbit/s */
-    KEMD_NET_DUPLEX,            /* word: DUPLEX_ */
-    KEMD_NET_AUTO_NEGOTIATION,  /* 0 or 1 */
-    KEMD_NET_LANES,
-    KEMD_NET_PORT,              /* word: PORT_ */
-    KEMD_NET_PHY_ADDRESS,
-    KEMD_NET_TRANSCEIVER,       /* word: XCVR_ */
-    KEMD_NET_LINK_DETECTED,     /* 0 or 1, as the driver says */
-    KEMD_NET_SIGNAL_QUALITY,    /* up to KEMD_NET_SIGNAL_QUALITY_MAX */
-    KEMD_NET_SIGNAL_QUALITY_MAX,
-    KEMD_NET_LINK_DOWN_REASON,  /* word: ETHTOOL_LINK_EXT_STATE_ */
-    KEMD_NET_LINK_DOWN_DETAIL,  /* ETHTOOL_LINK_EXT_SUBSTATE_, by reason */
-    /* KEMD_NETWORK_SETTINGS */
-    KEMD_NET_PAUSE_AUTO,        /* 0 or 1 */
-    KEMD_NET_PAUSE_RX,          /* 0 or 1 */
-    KEMD_NET_PAUSE_TX,          /* 0 or 1 */
-    KEMD_NET_RING_RX,           /* entries */
-    KEMD_NET_RING_RX_MAX,
-    KEMD_NET_RING_RX_MINI,
-    KEMD_NET_RING_RX_MINI_MAX,
-    KEMD_NET_RING_RX_JUMBO,
-    KEMD_NET_RING_RX_JUMBO_MAX,
-    KEMD_NET_RING_TX,
-    KEMD_NET_RING_TX_MAX,
-    KEMD_NET_CHANNELS_RX,
-    KEMD_NET_CHANNELS_RX_MAX,
-    KEMD_NET_CHANNELS_TX,
-    KEMD_NET_CHANNELS_TX_MAX,
-    KEMD_NET_CHANNELS_OTHER,
-    KEMD_NET_CHANNELS_OTHER_MAX,
-    KEMD_NET_CHANNELS_COMBINED,
-    KEMD_NET_CHANNELS_COMBINED_MAX,
-    /* KEMD_NETWORK_MODULE: what is plugged in */
-    KEMD_NET_MODULE_TYPE,       /* word: identifier of SFF-8024 */
-    KEMD_NET_MODULE_CONNECTOR,  /* word: connector of SFF-8024 */
-    KEMD_NET_MODULE_VENDOR,     /* text */
-    KEMD_NET_MODULE_OUI,        /* text */
-    KEMD_NET_MODULE_PART,       /* text */
-    KEMD_NET_MODULE_REVISION,   /* text */
-    KEMD_NET_MODULE_SERIAL,     /* text */
-    KEMD_NET_MODULE_DATE,       /* text: YYMMDD, and two characters of the maker's */
-    KEMD_NET_FIELDS             /* how many there are here; grows */
-};
-/* clang-format on */
+/* Identity */
+#define KEMD_NET_INDEX 0u
+#define KEMD_NET_NAME 1u  /* text */
+#define KEMD_NET_ALIAS 2u /* text, as the administrator set it */
+#define KEMD_NET_KIND 3u  /* text: physical, loopback, bridge, bond, vlan, veth, tun, tap ... */
+#define KEMD_NET_TYPE 4u  /* word: ARPHRD_ of the link layer */
+
+/* State */
+#define KEMD_NET_FLAGS 5u      /* flags: IFF_ */
+#define KEMD_NET_OPER_STATE 6u /* word: IF_OPER_ */
+#define KEMD_NET_LINK_MODE 7u  /* word: IF_LINK_MODE_ */
+#define KEMD_NET_CARRIER 8u    /* 0 or 1 */
+#define KEMD_NET_CARRIER_CHANGES 9u
+#define KEMD_NET_CARRIER_UPS 10u
+#define KEMD_NET_CARRIER_DOWNS 11u
+#define KEMD_NET_PROTO_DOWN 12u  /* 0 or 1: held down by a protocol */
+#define KEMD_NET_PROMISCUITY 13u /* how many want promiscuous mode */
+#define KEMD_NET_ALLMULTI 14u    /* how many want all multicast frames */
+
+/* Link layer */
+#define KEMD_NET_MTU 15u /* bytes */
+#define KEMD_NET_MIN_MTU 16u
+#define KEMD_NET_MAX_MTU 17u       /* absent: no limit */
+#define KEMD_NET_MAC 18u           /* text */
+#define KEMD_NET_BROADCAST 19u     /* text */
+#define KEMD_NET_PERMANENT_MAC 20u /* text */
+#define KEMD_NET_QDISC 21u         /* text */
+#define KEMD_NET_QUEUE_LENGTH 22u  /* frames */
+#define KEMD_NET_GROUP 23u
+#define KEMD_NET_TX_QUEUES 24u
+#define KEMD_NET_RX_QUEUES 25u
+#define KEMD_NET_GSO_MAX_SIZE 26u /* bytes */
+#define KEMD_NET_GSO_MAX_SEGMENTS 27u
+
+/* Relations */
+#define KEMD_NET_PARENT 28u            /* index of the interface below, or of the peer of a veth */
+#define KEMD_NET_PARENT_NAME_SPACE 29u /* id of the name space of that, when it is another one */
+#define KEMD_NET_MASTER 30u            /* index */
+#define KEMD_NET_MEMBER_KIND 31u       /* text: of what it is a member: bridge, bond, team, vrf */
+#define KEMD_NET_PORT_NAME 32u         /* text: of the physical port */
+#define KEMD_NET_PORT_ID 33u           /* text, hexadecimal */
+#define KEMD_NET_SWITCH_ID 34u         /* text, hexadecimal */
+
+/* Of one kind */
+#define KEMD_NET_VLAN_ID 35u
+#define KEMD_NET_VLAN_PROTOCOL 36u /* word: 0x8100 802.1Q, 0x88a8 802.1ad */
+#define KEMD_NET_MACVLAN_MODE 37u  /* word: MACVLAN_MODE_ */
+#define KEMD_NET_IPVLAN_MODE 38u   /* word: IPVLAN_MODE_ */
+#define KEMD_NET_VXLAN_ID 39u
+#define KEMD_NET_VXLAN_PORT 40u
+#define KEMD_NET_VXLAN_REMOTE 41u   /* text: address of the group or of the other end */
+#define KEMD_NET_VXLAN_LOCAL 42u    /* text */
+#define KEMD_NET_TUN_OWNER 43u      /* user id */
+#define KEMD_NET_TUN_GROUP 44u      /* group id */
+#define KEMD_NET_TUN_PERSISTENT 45u /* 0 or 1 */
+#define KEMD_NET_VRF_TABLE 46u
+#define KEMD_NET_BRIDGE_STP 47u   /* word: 0 off, 1 kernel, 2 user */
+#define KEMD_NET_BRIDGE_VLANS 48u /* 0 or 1: filters by VLAN */
+#define KEMD_NET_BRIDGE_PRIORITY 49u
+#define KEMD_NET_BRIDGE_PORT_STATE 50u /* word: BR_STATE_, of a member */
+#define KEMD_NET_BRIDGE_PORT_COST 51u
+#define KEMD_NET_BOND_MODE 52u         /* word: BOND_MODE_ */
+#define KEMD_NET_BOND_MIIMON 53u       /* ms */
+#define KEMD_NET_BOND_ACTIVE 54u       /* index of the active member */
+#define KEMD_NET_BOND_PRIMARY 55u      /* index */
+#define KEMD_NET_BOND_UP_DELAY 56u     /* ms */
+#define KEMD_NET_BOND_DOWN_DELAY 57u   /* ms */
+#define KEMD_NET_BOND_HASH 58u         /* word: BOND_XMIT_POLICY_ */
+#define KEMD_NET_BOND_LACP_RATE 59u    /* word: 0 slow, 1 fast */
+#define KEMD_NET_BOND_MEMBER_STATE 60u /* word: BOND_STATE_: active or backup */
+#define KEMD_NET_BOND_MEMBER_MII 61u   /* word: BOND_LINK_ */
+#define KEMD_NET_BOND_MEMBER_FAILURES 62u
+#define KEMD_NET_BOND_MEMBER_MAC 63u /* text: what it had before it was a member */
+#define KEMD_NET_BOND_MEMBER_QUEUE 64u
+#define KEMD_NET_BOND_MEMBER_AGGREGATOR 65u
+
+/* Counters, 64 bits, since the interface is there */
+#define KEMD_NET_RX_PACKETS 66u
+#define KEMD_NET_TX_PACKETS 67u
+#define KEMD_NET_RX_BYTES 68u
+#define KEMD_NET_TX_BYTES 69u
+#define KEMD_NET_RX_ERRORS 70u
+#define KEMD_NET_TX_ERRORS 71u
+#define KEMD_NET_RX_DROPPED 72u
+#define KEMD_NET_TX_DROPPED 73u
+#define KEMD_NET_MULTICAST 74u
+#define KEMD_NET_COLLISIONS 75u
+#define KEMD_NET_RX_LENGTH_ERRORS 76u
+#define KEMD_NET_RX_OVER_ERRORS 77u
+#define KEMD_NET_RX_CRC_ERRORS 78u
+#define KEMD_NET_RX_FRAME_ERRORS 79u
+#define KEMD_NET_RX_FIFO_ERRORS 80u
+#define KEMD_NET_RX_MISSED_ERRORS 81u
+#define KEMD_NET_TX_ABORTED_ERRORS 82u
+#define KEMD_NET_TX_CARRIER_ERRORS 83u
+#define KEMD_NET_TX_FIFO_ERRORS 84u
+#define KEMD_NET_TX_HEARTBEAT_ERRORS 85u
+#define KEMD_NET_TX_WINDOW_ERRORS 86u
+#define KEMD_NET_RX_COMPRESSED 87u
+#define KEMD_NET_TX_COMPRESSED 88u
+#define KEMD_NET_RX_NO_HANDLER 89u
+#define KEMD_NET_RX_OTHER_HOST_DROPPED 90u
+
+/* KEMD_NETWORK_HARDWARE */
+#define KEMD_NET_BUS 91u /* text: pci, usb, virtio ... */
+#define KEMD_NET_BUS_ADDRESS \
+    92u /* text: "0000:02:00.0"; of a virtio device that of its PCI function */
+#define KEMD_NET_NUMA_NODE 93u
+#define KEMD_NET_DRIVER 94u           /* text */
+#define KEMD_NET_DRIVER_VERSION 95u   /* text */
+#define KEMD_NET_FIRMWARE 96u         /* text */
+#define KEMD_NET_SPEED 97u            /* Mbit/s */
+#define KEMD_NET_DUPLEX 98u           /* word: DUPLEX_ */
+#define KEMD_NET_AUTO_NEGOTIATION 99u /* 0 or 1 */
+#define KEMD_NET_LANES 100u
+#define KEMD_NET_PORT 101u /* word: PORT_ */
+#define KEMD_NET_PHY_ADDRESS 102u
+#define KEMD_NET_TRANSCEIVER 103u    /* word: XCVR_ */
+#define KEMD_NET_LINK_DETECTED 104u  /* 0 or 1, as the driver says */
+#define KEMD_NET_SIGNAL_QUALITY 105u /* up to KEMD_NET_SIGNAL_QUALITY_MAX */
+#define KEMD_NET_SIGNAL_QUALITY_MAX 106u
+#define KEMD_NET_LINK_DOWN_REASON 107u /* word: ETHTOOL_LINK_EXT_STATE_ */
+#define KEMD_NET_LINK_DOWN_DETAIL 108u /* ETHTOOL_LINK_EXT_SUBSTATE_, by reason */
+
+/* KEMD_NETWORK_SETTINGS */
+#define KEMD_NET_PAUSE_AUTO 109u /* 0 or 1 */
+#define KEMD_NET_PAUSE_RX 110u   /* 0 or 1 */
+#define KEMD_NET_PAUSE_TX 111u   /* 0 or 1 */
+#define KEMD_NET_RING_RX 112u    /* entries */
+#define KEMD_NET_RING_RX_MAX 113u
+#define KEMD_NET_RING_RX_MINI 114u
+#define KEMD_NET_RING_RX_MINI_MAX 115u
+#define KEMD_NET_RING_RX_JUMBO 116u
+#define KEMD_NET_RING_RX_JUMBO_MAX 117u
+#define KEMD_NET_RING_TX 118u
+#define KEMD_NET_RING_TX_MAX 119u
+#define KEMD_NET_CHANNELS_RX 120u
+#define KEMD_NET_CHANNELS_RX_MAX 121u
+#define KEMD_NET_CHANNELS_TX 122u
+#define KEMD_NET_CHANNELS_TX_MAX 123u
+#define KEMD_NET_CHANNELS_OTHER 124u
+#define KEMD_NET_CHANNELS_OTHER_MAX 125u
+#define KEMD_NET_CHANNELS_COMBINED 126u
+#define KEMD_NET_CHANNELS_COMBINED_MAX 127u
+
+/* KEMD_NETWORK_MODULE: what is plugged in */
+#define KEMD_NET_MODULE_TYPE 128u      /* word: identifier of SFF-8024 */
+#define KEMD_NET_MODULE_CONNECTOR 129u /* word: connector of SFF-8024 */
+#define KEMD_NET_MODULE_VENDOR 130u    /* text */
+#define KEMD_NET_MODULE_OUI 131u       /* text */
+#define KEMD_NET_MODULE_PART 132u      /* text */
+#define KEMD_NET_MODULE_REVISION 133u  /* text */
+#define KEMD_NET_MODULE_SERIAL 134u    /* text */
+#define KEMD_NET_MODULE_DATE 135u      /* text: YYMMDD, and two characters of the maker's */
+/* How many there are here; grows. */
+#define KEMD_NET_FIELDS 136u

@@ -255,7 +255,7 @@ TEST_F(NetworkTest, AddressesHaveAllThatWasSet) {
     struct {
         KemdNetworkAddress address;
         char more[4];
-    } newer;
+    } newer{};
     memset(&newer, 0x55, sizeof newer);
     newer.address.size = 8;
     EXPECT_EQ(KemdNetworkAddressAt(view.ByName("p0").Get(), 0, &newer.address), 0);
@@ -366,8 +366,9 @@ TEST_F(NetworkTest, ManyInterfacesThatChange) {
         const std::string number = std::to_string(i);
         commands += "link add a" + number + " type veth peer name b" + number + "\n";
         for (const char* host : {"1", "2", "3", "4", "5", "6", "7", "8", "9", "10"}) {
-            commands += "addr add 10." + std::to_string(i / 250) + "." + std::to_string(i % 250) +
-                        "." + host + "/24 dev a" + number + "\n";
+            commands.append("addr add 10.").append(std::to_string(i / 250)).append(".");
+            commands.append(std::to_string(i % 250)).append(".").append(host);
+            commands.append("/24 dev a").append(number).append("\n");
         }
     }
     ASSERT_TRUE(Ip(commands)) << ReadFile("/tmp/ip.out");

@@ -105,6 +105,20 @@ TEST_F(NetworkWatchTest, EachChangeWithBeforeAndAfter) {
     EXPECT_TRUE(view.Routes().empty());
 }
 
+TEST_F(NetworkWatchTest, SpeedThatTheAdministratorSets) {
+    IP_OR_SKIP("tuntap add t0 mode tap");
+    Open();
+    for (const char* speed : {"100", "1000"}) {
+        const std::string command = std::string("/usr/sbin/ethtool -s t0 speed ") + speed;
+        ASSERT_EQ(std::system((command + " duplex full autoneg off").c_str()), 0);
+        lines.clear();
+        EXPECT_TRUE(Sees("t0 down 0 > t0 down 0: speed")) << lines;
+        KemdNetworkSnapshot* state = nullptr;
+        ASSERT_EQ(KemdNetworkWatchSnapshot(watch.get(), &state), 0);
+        EXPECT_EQ(NetworkView(state).ByName("t0").TextOr(KEMD_NET_SPEED), speed);
+    }
+}
+
 // More messages than the socket holds: the difference is delivered, so that nothing is missing.
 TEST_F(NetworkWatchTest, ChangesFasterThanTheyAreRead) {
     ASSERT_TRUE(Ip("link add p0 type veth peer name p1\nlink add old type veth peer name old1"));
