@@ -88,7 +88,8 @@ uint32_t Difference(const Interface* before, const Interface* after) {
     uint32_t what = changed(KEMD_NETWORK_RENAMED, {KEMD_NET_NAME});
     if ((flags & IFF_UP) != 0) what |= KEMD_NETWORK_UP;
     if ((flags & kCarrierFlags) != 0) what |= KEMD_NETWORK_CARRIER;
-    what |= changed(KEMD_NETWORK_CARRIER, {KEMD_NET_CARRIER, KEMD_NET_OPER_STATE});
+    what |= changed(KEMD_NETWORK_CARRIER,
+                    {KEMD_NET_CARRIER, KEMD_NET_CARRIER_CHANGES, KEMD_NET_OPER_STATE});
     what |= changed(KEMD_NETWORK_MASTER, {KEMD_NET_MASTER});
     what |= changed(KEMD_NETWORK_SPEED, {KEMD_NET_SPEED, KEMD_NET_DUPLEX});
     if (!HaveEqualAddresses(*before, *after)) what |= KEMD_NETWORK_ADDRESS;

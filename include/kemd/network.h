@@ -191,7 +191,7 @@ struct KemdNetworkWatch;
 #define KEMD_NETWORK_REMOVED 2u
 #define KEMD_NETWORK_RENAMED 4u
 #define KEMD_NETWORK_UP 8u       /* switched on or off: IFF_UP */
-#define KEMD_NETWORK_CARRIER 16u /* carrier or operational state */
+#define KEMD_NETWORK_CARRIER 16u /* carrier, also lost and back, or operational state */
 #define KEMD_NETWORK_ADDRESS 32u
 #define KEMD_NETWORK_MASTER 64u
 #define KEMD_NETWORK_ROUTE 128u
