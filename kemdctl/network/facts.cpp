@@ -32,7 +32,7 @@ InterfaceNames NamesOf(const NetworkView& view) {
 
 std::string StateOf(InterfaceView interface) {
     if ((interface.Number(KEMD_NET_FLAGS).value_or(0) & IFF_UP) == 0) return "off";
-    const std::string state = interface.TextOr(KEMD_NET_OPER_STATE);
+    std::string state = interface.TextOr(KEMD_NET_OPER_STATE);
     for (const char* const word : {"dormant", "testing", "notpresent"}) {
         if (state == word) return state;
     }
@@ -84,9 +84,8 @@ std::vector<std::string> AddressTexts(InterfaceView interface) {
     std::vector<KemdNetworkAddress> addresses = interface.Addresses();
     std::stable_sort(addresses.begin(), addresses.end(),
                      [](const auto& one, const auto& other) { return one.family < other.family; });
-    for (const KemdNetworkAddress& address : addresses) {
-        texts.push_back(AddressText(address));
-    }
+    std::transform(addresses.begin(), addresses.end(), std::back_inserter(texts),
+                   [](const KemdNetworkAddress& address) { return AddressText(address); });
     return texts;
 }
 

@@ -109,6 +109,8 @@ class InterfaceReport {
     void Field(uint32_t field, const KemdNetworkFieldInfo& info);
     void StateValue(uint32_t field, const KemdNetworkFieldInfo& info);
     void List(const ListRow& row);
+    void StateAddress(const KemdNetworkAddress& address);
+    void StateRoute(const KemdNetworkRoute& route);
     void NoteError(const char* name, int error);
     void Relations();
 
@@ -236,31 +238,49 @@ const char* FamilyWord(uint32_t family) {
     return family == AF_INET ? "ipv4" : "ipv6";
 }
 
+void InterfaceReport::StateAddress(const KemdNetworkAddress& address) {
+    const auto put = [&](const char* key, bool isThere, const uint8_t* bytes) {
+        if (isThere) m_report.Text(key, AddressText(address.family, bytes));
+    };
+    const auto lifetime = [&](const char* key, uint32_t seconds) {
+        if (seconds != KEMD_NETWORK_FOREVER) m_report.Number(key, seconds);
+    };
+    m_report.OpenObject();
+    m_report.Text("family", FamilyWord(address.family));
+    put("address", true, address.address);
+    m_report.Number("prefix", address.prefix);
+    m_report.Text("scope", ScopeWord(address.scope));
+    Texts("flags", FlagWords(address.flags), false);
+    put("peer", address.hasPeer != 0, address.peer);
+    put("broadcast", address.hasBroadcast != 0, address.broadcast);
+    if (address.label[0] != '\0') m_report.Text("label", address.label);
+    if (address.metric != 0) m_report.Number("metric", address.metric);
+    lifetime("valid_seconds", address.validSeconds);
+    lifetime("preferred_seconds", address.preferredSeconds);
+    m_report.Close();
+}
+
 void InterfaceReport::Addresses() {
     m_title = "Addresses";
     m_report.List("addresses", m_interface.Addresses(), [this](const KemdNetworkAddress& address) {
-        const char* const family = FamilyWord(address.family);
-        Line(std::string("  ") + family, Printable(DescribeAddress(address)));
-        m_report.Object({}, [&] {
-            const auto put = [&](const char* key, bool isThere, const uint8_t* bytes) {
-                if (isThere) m_report.Text(key, AddressText(address.family, bytes));
-            };
-            const auto lifetime = [&](const char* key, uint32_t seconds) {
-                if (seconds != KEMD_NETWORK_FOREVER) m_report.Number(key, seconds);
-            };
-            m_report.Text("family", family);
-            put("address", true, address.address);
-            m_report.Number("prefix", address.prefix);
-            m_report.Text("scope", ScopeWord(address.scope));
-            Texts("flags", FlagWords(address.flags), false);
-            put("peer", address.hasPeer != 0, address.peer);
-            put("broadcast", address.hasBroadcast != 0, address.broadcast);
-            if (address.label[0] != '\0') m_report.Text("label", address.label);
-            if (address.metric != 0) m_report.Number("metric", address.metric);
-            lifetime("valid_seconds", address.validSeconds);
-            lifetime("preferred_seconds", address.preferredSeconds);
-        });
+        Line(std::string("  ") + FamilyWord(address.family), Printable(DescribeAddress(address)));
+        StateAddress(address);
     });
+}
+
+void InterfaceReport::StateRoute(const KemdNetworkRoute& route) {
+    m_report.OpenObject();
+    m_report.Text("family", FamilyWord(route.family));
+    if (route.gatewayFamily != 0) {
+        m_report.Text("gateway", AddressText(route.gatewayFamily, route.gateway));
+    }
+    m_report.Number("table", route.table);
+    m_report.Number("metric", route.metric);
+    m_report.Number("protocol", route.protocol);
+    m_report.Text("scope", ScopeWord(route.scope));
+    if (route.hasSource != 0) m_report.Text("source", AddressText(route.family, route.source));
+    if (route.weight != 0) m_report.Number("weight", route.weight);
+    m_report.Close();
 }
 
 void InterfaceReport::Routes() {
@@ -270,20 +290,7 @@ void InterfaceReport::Routes() {
     m_title = "Routes";
     m_report.List("routes", routes, [this](const KemdNetworkRoute& route) {
         Line(std::string("  ") + FamilyWord(route.family), RouteText(&route));
-        m_report.Object({}, [&] {
-            m_report.Text("family", FamilyWord(route.family));
-            if (route.gatewayFamily != 0) {
-                m_report.Text("gateway", AddressText(route.gatewayFamily, route.gateway));
-            }
-            m_report.Number("table", route.table);
-            m_report.Number("metric", route.metric);
-            m_report.Number("protocol", route.protocol);
-            m_report.Text("scope", ScopeWord(route.scope));
-            if (route.hasSource != 0) {
-                m_report.Text("source", AddressText(route.family, route.source));
-            }
-            if (route.weight != 0) m_report.Number("weight", route.weight);
-        });
+        StateRoute(route);
     });
 }
 

@@ -88,6 +88,8 @@ std::vector<Difference> Watcher::Compare(InterfaceView before, InterfaceView aft
     compare("alternative_names", Printable(Joined(before.List(KEMD_NETWORK_ALTERNATIVE_NAMES))),
             Printable(Joined(after.List(KEMD_NETWORK_ALTERNATIVE_NAMES))));
     if (differences.empty()) {
+        compare("carrier_changes", before.TextOr(KEMD_NET_CARRIER_CHANGES),
+                after.TextOr(KEMD_NET_CARRIER_CHANGES));
         compare("flags", before.TextOr(KEMD_NET_FLAGS), after.TextOr(KEMD_NET_FLAGS));
     }
     return differences;
@@ -142,7 +144,8 @@ void Watcher::ShowChange(const KemdNetworkChange& change, InterfaceView interfac
     for (const auto& [name, before, after] : differences) {
         std::string label = name;
         for (char& c : label) c = c == '_' ? ' ' : c;
-        text += (text.empty() ? "" : ", ") + label + " " + after + " (was " + before + ")";
+        if (!text.empty()) text += ", ";
+        text.append(label).append(" ").append(after).append(" (was ").append(before).append(")");
         line.Object(name, [&, &was = before, &is = after] {
             line.Text("before", was);
             line.Text("after", is);

@@ -46,9 +46,8 @@ std::string Decoded(std::string_view text) {
     std::string name;
     while (!text.empty()) {
         unsigned byte = 0;
-        const bool isCode =
-            text.size() > 2 &&
-            std::sscanf(std::string(text.substr(0, 3)).c_str(), "%%%2x", &byte) == 1;
+        const bool isCode = text.size() > 2 && std::sscanf(std::string(text.substr(0, 3)).c_str(),
+                                                           "%%%2x", &byte) == 1;
         name += isCode ? static_cast<char>(byte) : text[0];
         text.remove_prefix(isCode ? 3 : 1);
     }

@@ -125,6 +125,7 @@ void Links::Begin(const NetworkView& view, const KeptTexts* kept, Time now) {
         link.name = NameOf(interface);
         link.facts = FactsOf(interface);
         link.since = now;
+        link.carrierChanges = interface.Number(KEMD_NET_CARRIER_CHANGES).value_or(0);
         link.tracedSpeed = link.facts.speed;
         link.tracedDuplex = link.facts.duplex;
         names.insert(link.name);
@@ -179,16 +180,17 @@ void Links::OnChange(const KemdNetworkChange& change, Time now) {
     Link& link = m_links[index];
     if (!before) {
         link.since = now;
+        link.carrierChanges = after.Number(KEMD_NET_CARRIER_CHANGES).value_or(0);
         if (isWatched) KemdTrace(kTag, 1, "%s: added", Shown(name).c_str());
     } else if (link.name != name && isWatched) {
         KemdTrace(kTag, 1, "%s: renamed, was %s", Shown(name).c_str(), Shown(link.name).c_str());
     }
     link.name = name;
-    Update(link, before, after, now);
+    Update(link, after, now);
     if (isWatched) TraceAddresses(Shown(name), before, after);
 }
 
-void Links::Update(Link& link, InterfaceView before, InterfaceView after, Time now) {
+void Links::Update(Link& link, InterfaceView after, Time now) {
     LinkFacts facts = FactsOf(after);
     const LinkFacts old = link.facts;
     facts.hadLink = facts.hadLink || old.hadLink;
@@ -198,16 +200,11 @@ void Links::Update(Link& link, InterfaceView before, InterfaceView after, Time n
     }
     link.facts = facts;
     // The kernel counts what comes and goes faster than it reports.
-    const auto changesOf = [](InterfaceView view) {
-        return view ? view.Number(KEMD_NET_CARRIER_CHANGES) : std::nullopt;
-    };
-    const auto count = changesOf(after);
-    const auto countBefore = changesOf(before);
     const bool isOther = facts.state != old.state;
-    uint64_t changes = isOther ? 1 : 0;
-    if (count && countBefore && *count > *countBefore) {
-        changes = std::max(changes, *count - *countBefore);
-    }
+    const uint64_t count = after.Number(KEMD_NET_CARRIER_CHANGES).value_or(0);
+    const uint64_t counted = count > link.carrierChanges ? count - link.carrierChanges : 0;
+    const uint64_t changes = std::max<uint64_t>(counted, isOther ? 1 : 0);
+    link.carrierChanges = count;
     const bool isSwitched = facts.state == LinkFacts::kOff || old.state == LinkFacts::kOff;
     const Clock::duration lasted = now - link.since;
     const char* const atLeast = link.isSinceExact ? "" : "at least ";

@@ -60,6 +60,7 @@ class Links {
         Time since{};               // of the state
         bool isSinceExact = false;  // or it began earlier, before the start
         uint64_t changes = 0;
+        uint64_t carrierChanges = 0;                   // as the kernel counts them
         std::deque<std::pair<Time, uint64_t>> recent;  // changes within the time for flapping
         std::optional<Time> flapsSince;
         uint64_t flaps = 0;
@@ -68,7 +69,7 @@ class Links {
     [[nodiscard]] bool IsWatched(const std::string& name) const;
     void Compare(const Link& link, const KeptTexts& kept) const;
     // The state of the link as the change left it.
-    void Update(Link& link, InterfaceView before, InterfaceView after, Time now);
+    void Update(Link& link, InterfaceView after, Time now);
     // Whether it flaps now.
     bool CountFlaps(Link& link, uint64_t changes, Time now);
     void TraceSpeed(Link& link) const;

@@ -100,6 +100,21 @@ TEST_F(NetworkModuleTest, FlappingIsSummarised) {
     EXPECT_EQ(Stop(pid), 0);
 }
 
+// Nothing of it is lost, though the kernel reports it faster than it is read.
+TEST_F(NetworkModuleTest, CountsWhatItCouldNotRead) {
+    Configure("FlapChanges = 100000\n");
+    const pid_t pid = Run();
+    ASSERT_EQ(kill(pid, SIGSTOP), 0);
+    std::string commands;
+    for (int i = 0; i < 3000; ++i) commands += "link set x0 down\nlink set x0 up\n";
+    EXPECT_TRUE(Ip(commands + "link set p1 name p2"));
+    ASSERT_EQ(kill(pid, SIGCONT), 0);
+    EXPECT_TRUE(Traces("p2: renamed, was p1"));
+    EXPECT_TRUE(Contains(Ctl("modules request network list").out, ", 6000 link changes\n"))
+        << Ctl("modules request network list").out;
+    EXPECT_EQ(Stop(pid), 0);
+}
+
 TEST_F(NetworkModuleTest, SaysWhatIsDifferentSinceTheLastRun) {
     Configure("");
     ASSERT_TRUE(Ip("link add p=] type veth peer name x2"));
