@@ -95,8 +95,9 @@ std::string RouteText(const KemdNetworkRoute* route) {
     if (route->gatewayFamily != 0) {
         text += " via " + AddressText(route->gatewayFamily, route->gateway);
     }
-    text += std::string(route->family == AF_INET6 ? " (IPv6)" : "") + " metric " +
-            std::to_string(route->metric);
+    // A gateway shows the family.
+    if (route->gatewayFamily == 0 && route->family == AF_INET6) text += " (IPv6)";
+    text += " metric " + std::to_string(route->metric);
     constexpr uint32_t kMain = 254;
     if (route->table != kMain) text += " table " + std::to_string(route->table);
     if (route->hasSource != 0) text += " from " + AddressText(route->family, route->source);
