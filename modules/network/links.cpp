@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <set>
 
 #include "kemd/trace.h"
@@ -101,13 +102,9 @@ bool IsAmong(const std::vector<std::string>& patterns, const std::string& name) 
     return isAmong;
 }
 
-std::set<std::string> AddressesOf(InterfaceView interface) {
-    std::set<std::string> texts;
-    if (!interface) return texts;
-    for (const KemdNetworkAddress& address : interface.Addresses()) {
-        texts.insert(AddressText(address));
-    }
-    return texts;
+bool IsSameAddress(const KemdNetworkAddress& one, const KemdNetworkAddress& other) {
+    return one.family == other.family && one.prefix == other.prefix &&
+           std::equal(std::begin(one.address), std::end(one.address), other.address);
 }
 
 }  // namespace
@@ -187,7 +184,9 @@ void Links::OnChange(const KemdNetworkChange& change, Time now) {
     }
     link.name = name;
     Update(link, after, now);
-    if (isWatched) TraceAddresses(Shown(name), before, after);
+    const bool haveAddressesChanged =
+        (change.what & (KEMD_NETWORK_ADDED | KEMD_NETWORK_ADDRESS)) != 0;
+    if (isWatched && haveAddressesChanged) TraceAddresses(Shown(name), before, after);
 }
 
 void Links::Update(Link& link, InterfaceView after, Time now) {
@@ -275,16 +274,30 @@ void Links::TraceSpeed(Link& link) const {
 }
 
 void Links::TraceAddresses(const std::string& name, InterfaceView before, InterfaceView after) {
-    const std::set<std::string> old = AddressesOf(before);
-    const std::set<std::string> now = AddressesOf(after);
+    using Addresses = std::vector<KemdNetworkAddress>;
+    const Addresses old = before ? before.Addresses() : Addresses();
+    const Addresses now = after.Addresses();
+    // Of thousands few are different: what both begin and end with is not looked at again.
+    const auto [oldFirst, nowFirst] =
+        std::mismatch(old.begin(), old.end(), now.begin(), now.end(), IsSameAddress);
+    const auto [oldLast, nowLast] =
+        std::mismatch(old.rbegin(), std::make_reverse_iterator(oldFirst), now.rbegin(),
+                      std::make_reverse_iterator(nowFirst), IsSameAddress);
+    const auto texts = [](auto first, auto last) {
+        std::set<std::string> all;
+        for (; first != last; ++first) all.insert(AddressText(*first));
+        return all;
+    };
+    const std::set<std::string> gone = texts(oldFirst, oldLast.base());
+    const std::set<std::string> fresh = texts(nowFirst, nowLast.base());
     const auto trace = [&](const auto& these, const auto& others, const char* what) {
         for (const std::string& address : these) {
             if (others.contains(address)) continue;
             KemdTrace(kTag, 1, "%s: address %s %s", name.c_str(), address.c_str(), what);
         }
     };
-    trace(old, now, "removed");
-    trace(now, old, "added");
+    trace(gone, fresh, "removed");
+    trace(fresh, gone, "added");
 }
 
 std::optional<Links::Time> Links::Tick(Time now) {

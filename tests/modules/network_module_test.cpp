@@ -47,6 +47,8 @@ TEST_F(NetworkModuleTest, LinksAreLostAndComeBack) {
         {"link set x0 down", "p0: link lost after at least ", "warning: no link: p0"},
         {"link set x0 up", "p0: link is back after ", "ok"},
         {"addr add 192.0.2.1/24 dev p0", "p0: address 192.0.2.1/24 added", "ok"},
+        {"addr add 192.0.2.2/24 dev p0", "p0: address 192.0.2.2/24 added", "ok"},
+        {"addr del 192.0.2.2/24 dev p0", "p0: address 192.0.2.2/24 removed", "ok"},
         {"addr del 192.0.2.1/24 dev p0", "p0: address 192.0.2.1/24 removed", "ok"},
         {"link set p1 up", "p1: switched on", "warning: no link: p1"},
         {"link set p1 down", "p1: switched off", "ok"},
@@ -71,6 +73,8 @@ TEST_F(NetworkModuleTest, LinksAreLostAndComeBack) {
     EXPECT_EQ(Health(), "health:       ok");
     EXPECT_EQ(Ctl("modules request network 'forget p9'").code, 2);
     EXPECT_EQ(Ctl("modules request network nonsense").code, 2);
+    const std::string trace = Trace();
+    EXPECT_EQ(trace.find("192.0.2.1/24 removed"), trace.rfind("192.0.2.1/24"));
     EXPECT_FALSE(Contains(Trace(), "x0:"));
     EXPECT_FALSE(Contains(Trace(), "lo:"));
     EXPECT_EQ(Stop(pid), 0);
