@@ -44,6 +44,11 @@ std::string TimeText(int64_t nanoseconds) {
     return std::string(text) + fraction;
 }
 
+// In microseconds, as many readers of JSON hold 53 bits.
+int64_t JsonTime(int64_t nanoseconds) {
+    return nanoseconds / 1000;
+}
+
 std::string Summary(InterfaceView interface) {
     return Printable(interface.TextOr(KEMD_NET_KIND)) + ", " + StateOf(interface) +
            (interface.Addresses().empty() ? "" : ", " + Joined(AddressTexts(interface)));
@@ -135,7 +140,7 @@ void Watcher::ShowChange(const KemdNetworkChange& change, InterfaceView interfac
     if (change.what == KEMD_NETWORK_REMOVED) text = "removed (was " + Summary(interface) + ")";
     ReportWriter line(m_asJson);
     line.OpenObject();
-    line.Number("time", change.time);
+    line.Number("time", JsonTime(change.time));
     line.List("what", kWhat, [&](const What& each) {
         if ((change.what & each.what) != 0) line.Text({}, each.word);
     });
@@ -167,7 +172,7 @@ void Watcher::ShowBegin(const NetworkView& view) const {
     std::erase_if(wanted, [this](InterfaceView each) { return !m_filter.Matches(each); });
     ReportWriter line(m_asJson);
     line.OpenObject();
-    line.Number("time", time);
+    line.Number("time", JsonTime(time));
     line.List("interfaces", wanted,
               [&](InterfaceView each) { line.Object({}, [&] { StateRow(line, each); }); });
     StateNotes(line, view);
