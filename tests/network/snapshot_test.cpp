@@ -162,12 +162,12 @@ INSTANTIATE_TEST_SUITE_P(
                  "v0",
                  {{KEMD_NET_KIND, "vrf"}, {KEMD_NET_VRF_TABLE, "10"}}},
         KindCase{"Bond",
-                 "link add o0 type bond mode active-backup miimon 100\nlink set p0 master o0\n"
-                 "link set o0 up\nlink set p1 up",
+                 "link add o0 type bond mode active-backup\nlink set o0 up\nlink set p1 up\n"
+                 "link set p0 master o0",
                  "o0",
                  {{KEMD_NET_KIND, "bond"},
                   {KEMD_NET_BOND_MODE, "active-backup"},
-                  {KEMD_NET_BOND_MIIMON, "100"},
+                  {KEMD_NET_BOND_MIIMON, "0"},
                   {KEMD_NET_BOND_ACTIVE, "p0"}}},
         KindCase{"BondMember",
                  "link add o0 type bond mode 802.3ad lacp_rate fast\n"
