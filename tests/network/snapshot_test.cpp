@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 #include <linux/capability.h>
 #include <linux/if_addr.h>
+#include <linux/if_link.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
@@ -10,6 +11,7 @@
 #include <atomic>
 #include <thread>
 
+#include "network/netlink_socket.h"
 #include "tests/network/network_world.h"
 
 static std::atomic<bool> isGenericRefused{false};
@@ -160,12 +162,12 @@ INSTANTIATE_TEST_SUITE_P(
                  "v0",
                  {{KEMD_NET_KIND, "vrf"}, {KEMD_NET_VRF_TABLE, "10"}}},
         KindCase{"Bond",
-                 "link add o0 type bond mode active-backup miimon 100\nlink set p0 master o0\n"
-                 "link set o0 up\nlink set p1 up",
+                 "link add o0 type bond mode active-backup\nlink set o0 up\nlink set p1 up\n"
+                 "link set p0 master o0",
                  "o0",
                  {{KEMD_NET_KIND, "bond"},
                   {KEMD_NET_BOND_MODE, "active-backup"},
-                  {KEMD_NET_BOND_MIIMON, "100"},
+                  {KEMD_NET_BOND_MIIMON, "0"},
                   {KEMD_NET_BOND_ACTIVE, "p0"}}},
         KindCase{"BondMember",
                  "link add o0 type bond mode 802.3ad lacp_rate fast\n"
@@ -355,6 +357,18 @@ TEST_F(NetworkTest, TheIoctlAnswersWhereNetlinkDoesNot) {
     EXPECT_EQ(state(netlink), state(ioctl));
     EXPECT_NE(state(ioctl).find("veth"), std::string::npos);
     EXPECT_FALSE(ioctl.Notes().empty());
+}
+
+TEST_F(NetworkTest, TheKernelsReasonIsInTheError) {
+    NetlinkSocket socket;
+    ASSERT_EQ(socket.Open(NETLINK_ROUTE), 0);
+    NetlinkRequest request("making a link", RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL);
+    request.AddHeader(ifinfomsg{});
+    const size_t info = request.Begin(IFLA_LINKINFO);
+    request.Add(IFLA_INFO_KIND, "nonsense");
+    request.End(info);
+    EXPECT_EQ(socket.Ask(request, [](const NetlinkMessage&) {}), EOPNOTSUPP);
+    EXPECT_EQ(socket.ErrorText(), "making a link: Operation not supported (Unknown device type)");
 }
 
 // Interfaces come and go while snapshots are taken: each shows one moment, or says that it does
