@@ -249,6 +249,10 @@ TEST_F(NetworkCommand, WatchesUntilItIsInterrupted) {
     EXPECT_TRUE(Sees("  b0: state "));
     EXPECT_FALSE(Contains(ReadFile("/tmp/watch"), "p1:"));
     EXPECT_EQ(Interrupt(), 0);
+    // It ends with its reader, though nothing changes.
+    EXPECT_EQ(std::system("{ /build/bin/kemdctl network watch; echo $? >/tmp/code; } | read line"),
+              0);
+    EXPECT_EQ(ReadFile("/tmp/code"), "0\n");
 }
 
 }  // namespace
