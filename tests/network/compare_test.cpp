@@ -120,6 +120,12 @@ std::string Compared(const JsonValue& links) {
     return text;
 }
 
+constexpr const char* kTun = "tuntap add t0 mode tap\ntuntap add t1 mode tun";
+constexpr const char* kBond =
+    "link add o0 type bond mode 802.3ad miimon 50 updelay 100 xmit_hash_policy layer2+3\n"
+    "link add q0 type veth peer name q1\nlink set q0 master o0\nlink set o0 addrgenmode none up\n"
+    "link add link o0 name o0.5 type vlan id 5 protocol 802.1ad";
+
 class NetworkCompareTest : public NetworkTest {
   protected:
     void SetUp() override {
@@ -141,13 +147,9 @@ class NetworkCompareTest : public NetworkTest {
             "route add default via fe80::9 dev p0 metric 70"))
             << ReadFile("/tmp/ip.out");
         // What an ordinary user may not have, and what not every kernel knows.
-        for (
-            const char* commands :
-            {"tuntap add t0 mode tap\ntuntap add t1 mode tun", "link add v0 type vrf table 10",
-             "link add d0 type dummy", "link add link p0 name j0 type ipvlan mode l3s",
-             "link add o0 type bond mode 802.3ad miimon 50 updelay 100 xmit_hash_policy layer2+3\n"
-             "link add q0 type veth peer name q1\nlink set q0 master o0\nlink set o0 addrgenmode none up\n"
-             "link add link o0 name o0.5 type vlan id 5 protocol 802.1ad"}) {
+        for (const char* commands :
+             {kTun, kBond, "link add v0 type vrf table 10", "link add d0 type dummy",
+              "link add link p0 name j0 type ipvlan mode l3s"}) {
             (void)Ip(commands);
         }
     }

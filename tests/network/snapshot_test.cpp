@@ -375,17 +375,15 @@ TEST_F(NetworkTest, TheKernelsReasonIsInTheError) {
 // not.
 TEST_F(NetworkTest, ManyInterfacesThatChange) {
     constexpr int kPairs = 1000;
-    std::string commands;
+    std::ostringstream commands;
     for (int i = 0; i < kPairs; ++i) {
-        const std::string number = std::to_string(i);
-        commands += "link add a" + number + " type veth peer name b" + number + "\n";
-        for (const char* host : {"1", "2", "3", "4", "5", "6", "7", "8", "9", "10"}) {
-            commands.append("addr add 10.").append(std::to_string(i / 250)).append(".");
-            commands.append(std::to_string(i % 250)).append(".").append(host);
-            commands.append("/24 dev a").append(number).append("\n");
+        commands << "link add a" << i << " type veth peer name b" << i << "\n";
+        for (int host = 1; host <= 10; ++host) {
+            commands << "addr add 10." << i / 250 << "." << i % 250 << "." << host << "/24 dev a"
+                     << i << "\n";
         }
     }
-    ASSERT_TRUE(Ip(commands)) << ReadFile("/tmp/ip.out");
+    ASSERT_TRUE(Ip(commands.str())) << ReadFile("/tmp/ip.out");
     std::atomic<bool> isDone{false};
     std::thread changes([&] {
         std::string flaps;
