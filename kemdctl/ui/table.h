@@ -12,7 +12,7 @@ struct Cell {
     template <std::convertible_to<std::string> Text>
     Cell(Text&& shown, const char* code = "")  // NOLINT(google-explicit-constructor)
         : text(std::forward<Text>(shown)), color(code) {}
-    std::string text;                             // printable
+    std::string text;   // printable
     const char* color;  // what switches it on at a terminal, as "32"; empty: none
 };
 using TableRow = std::vector<Cell>;
