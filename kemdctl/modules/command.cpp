@@ -9,6 +9,7 @@
 #include "kemdctl/facts/daemon_control.h"
 #include "kemdctl/modules/settings.h"
 #include "kemdctl/ui/report.h"
+#include "kemdctl/ui/table.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
@@ -43,9 +44,7 @@ std::string NumberText(const JsonValue& module, std::string_view name) {
     return number ? std::to_string(*number) : "-";
 }
 
-using Row = std::array<std::string, 8>;
-
-Row RowOf(const JsonValue& module) {
+TableRow RowOf(const JsonValue& module) {
     const std::string health = TextOr(module, "healthText", "");
     return {TextOr(module, "name", "-"),   TextOr(module, "version", "-"),
             TextOr(module, "state", "-"),  SinceText(module),
@@ -53,31 +52,17 @@ Row RowOf(const JsonValue& module) {
             TextOr(module, "health", "-"), TextOr(module, "reason", health.c_str())};
 }
 
-void ShowTable(ReportWriter& report, const std::vector<JsonValue>& modules) {
-    std::vector<Row> rows = {
-        {"name", "version", "state", "since", "process", "threads", "health", ""}};
-    std::transform(modules.begin(), modules.end(), std::back_inserter(rows), RowOf);
-    std::array<size_t, 8> widths{};
-    for (const Row& row : rows) {
-        for (size_t i = 0; i + 1 < row.size(); ++i) widths[i] = std::max(widths[i], Width(row[i]));
-    }
-    for (const Row& row : rows) {
-        std::string line;
-        for (size_t i = 0; i < row.size(); ++i) {
-            line += row[i];
-            if (i + 1 < row.size()) line.append(widths[i] - Width(row[i]) + 2, ' ');
-        }
-        line.erase(line.find_last_not_of(' ') + 1);
-        report.Line(line);
-    }
-}
-
 int List(const CommandLine& /*line*/, ReportWriter& report) {
     const ControlAnswer answer = AskDaemon(ControlRequestText("modules"), kReadSeconds);
     if (const int code = JudgeAnswer(answer); code != kYes) return code;
     StateAnswer(report, {}, answer.result);
     const JsonValue* const modules = answer.result.Find("modules");
-    if (modules != nullptr) ShowTable(report, modules->elements);
+    if (modules == nullptr) return kYes;
+    std::vector<TableRow> rows = {
+        {"name", "version", "state", "since", "process", "threads", "health", ""}};
+    std::transform(modules->elements.begin(), modules->elements.end(), std::back_inserter(rows),
+                   RowOf);
+    ShowTable(report, rows);
     return kYes;
 }
 

@@ -23,14 +23,14 @@ int ShowOrSetLevel(CommandLine& line, ReportWriter& report) {
         Complain("kemdctl trace level takes a level from 0 to 6, and then perhaps --for TIME");
         return kError;
     }
-    const auto milliseconds = span != nullptr ? ParseSpan(span) : std::nullopt;
-    if (isTimed && (!milliseconds || *milliseconds < 1000)) {
+    const int64_t milliseconds = span != nullptr ? ParseSpan(span).value_or(0) : 0;
+    if (isTimed && milliseconds < 1000) {
         Complain("--for takes a time from 1s on, such as 10m or 2h");
         return kError;
     }
     std::string request = "{\"request\":\"trace-level\"";
     if (isLevel) request += ",\"level\":" + std::string(word);
-    if (isTimed) request += ",\"seconds\":" + std::to_string(*milliseconds / 1000);
+    if (isTimed) request += ",\"seconds\":" + std::to_string(milliseconds / 1000);
     const ControlAnswer answer = AskDaemon(request + "}\n", kSeconds);
     if (const int code = JudgeAnswer(answer); code != kYes) return code;
     StateAnswer(report, {}, answer.result);

@@ -95,21 +95,10 @@ Pager::~Pager() {
     (void)std::signal(SIGINT, SIG_DFL);
 }
 
-namespace {
-
-bool WantsColor(ColorMode mode, bool isTerminal) {
-    if (mode != ColorMode::kAuto) return mode == ColorMode::kAlways;
-    const char* const refused = std::getenv("NO_COLOR");
-    const char* const terminal = std::getenv("TERM");
-    const bool isRefused = refused != nullptr && *refused != '\0';
-    return isTerminal && !isRefused && terminal != nullptr && std::string_view(terminal) != "dumb";
-}
-
-}  // namespace
-
 Output::Output(const TraceOptions& options)
     : m_isTerminal(isatty(STDOUT_FILENO) == 1),
-      m_hasColor(WantsColor(options.color, m_isTerminal)) {
+      m_hasColor(options.color == ColorMode::kAuto ? TerminalHasColor()
+                                                   : options.color == ColorMode::kAlways) {
     m_text.reserve(2 * kEnough);
     const bool goesOn = options.follows || options.waitFor;
     if (m_isTerminal && options.mayPage && !goesOn) m_pagerCommand = ChoosePager();

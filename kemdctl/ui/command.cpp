@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "kemdctl/ui/text.h"
@@ -138,6 +139,14 @@ void Write(std::string_view text) {
 
 bool HasWriteFailed() {
     return g_writeError != 0;
+}
+
+bool TerminalHasColor() {
+    const char* const refused = std::getenv("NO_COLOR");
+    const char* const terminal = std::getenv("TERM");
+    const bool isRefused = refused != nullptr && *refused != '\0';
+    return isatty(STDOUT_FILENO) == 1 && !isRefused && terminal != nullptr &&
+           std::string_view(terminal) != "dumb";
 }
 
 // stdio drops the error together with the bytes that it could not write.

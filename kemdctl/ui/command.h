@@ -55,6 +55,8 @@ void Write(std::string_view text);
 // Sends out what was written so far.
 void FlushOutput();
 bool HasWriteFailed();
+// Whether standard output is a terminal that shows colors, and NO_COLOR does not refuse them.
+bool TerminalHasColor();
 bool FinishOutput();
 // Call this first: no file opened later takes the number of a closed standard descriptor, and a
 // reader that goes away does not kill the process.

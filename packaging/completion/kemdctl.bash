@@ -86,6 +86,16 @@ _kemdctl_modules() {
     _kemdctl_choose "$names"
 }
 
+# The network interfaces. Their names may hold anything but blanks, slashes and colons.
+_kemdctl_interfaces() {
+    local path name
+    for path in /sys/class/net/*; do
+        name=${path##*/}
+        [[ -L $path && $name == "$(_kemdctl_unquote "$cur")"* ]] && COMPREPLY+=("$name")
+    done
+    compopt -o filenames 2>/dev/null # for its quoting
+}
+
 # Leaves the word to the completion of file names.
 _kemdctl_files() { compopt -o default 2>/dev/null; }
 
@@ -129,6 +139,8 @@ _kemdctl_value() {
         trace:--since | trace:--until) _kemdctl_choose "today yesterday now" ;;
         trace:--thread | trace:--tag) _kemdctl_traced "$3" "${words[@]:1}" ;;
         trace:--run) _kemdctl_runs ;;
+        network:--name) _kemdctl_interfaces ;;
+        network:--state) _kemdctl_choose "up down off dormant testing notpresent" ;;
         *)
             while read -r option taken; do
                 [[ $option == "$3" && -n $taken ]] || continue
@@ -178,6 +190,8 @@ _kemdctl() {
         trace:*) _kemdctl_files ;;
         modules:1) _kemdctl_choose "$(_kemdctl_commands modules)" ;;
         modules:2) [[ ${words[1]} == list ]] || _kemdctl_modules ;;
+        network:1) _kemdctl_choose "$(_kemdctl_commands network)" ;;
+        network:2) [[ ${words[1]} != show ]] || _kemdctl_interfaces ;;
         registry:1) _kemdctl_choose "$(_kemdctl_commands registry)" ;;
         registry:*) _kemdctl_registry "${words[@]:1}" "$cur" ;;
     esac

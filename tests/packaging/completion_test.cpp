@@ -18,11 +18,16 @@ TEST(Completion, OffersWhatFits) {
     const std::string head = "2026-11-15 10:00:00.000 [D82A0740]     3000 KB !";
     WriteFile("/tmp/log", head + "beats         one,\n" + head + "bells, \"x\"    two\n" +
                               "2026-11-15 10:00:00.000 [0000ABCD]     3000 KB !kemd          x\n");
+    std::filesystem::create_directories("/sys/class/net");
+    WriteFile("/sys/class/net/bonding_masters", "");
+    for (const char* const name : {"eth0", "eth1.5", "lo"}) {
+        std::filesystem::create_symlink("/", std::string("/sys/class/net/") + name);
+    }
     const std::pair<const char*, const char*> cases[] = {
         {"kemd --", "--help --version\n"},
         {"kemd-module-host --t", "--timeout --trace\n"},
         {"kemd-module-host --trace = ''", "0 1 2 3 4 5 6\n"},
-        {"kemdctl ''", "check inventory modules prepare registry status trace\n"},
+        {"kemdctl ''", "check inventory modules network prepare registry status trace\n"},
         {"kemdctl status --j", "--json\n"},
         {"kemdctl modules re", "restart reload request\n"},
         {"kemdctl modules stop --", "--help --json\n"},
@@ -30,6 +35,10 @@ TEST(Completion, OffersWhatFits) {
         {"kemdctl trace --tag kemd /tmp/log --tag = b", "beats\n"},
         {"kemdctl trace /tmp/log --thread ''", "0000ABCD D82A0740\n"},
         {"kemdctl trace --l", "--last-run --lines --list-runs\n"},
+        {"kemdctl network ''", "list show watch\n"},
+        {"kemdctl network show eth", "eth0 eth1.5\n"},
+        {"kemdctl network --name = e", "eth0 eth1.5\n"},
+        {"kemdctl network watch --state d", "down dormant\n"},
         {"kemdctl registry get -", "--expand --help --json\n"},
     };
     for (const auto& [words, offered] : cases) EXPECT_EQ(Offered(words), offered) << words;
@@ -37,8 +46,8 @@ TEST(Completion, OffersWhatFits) {
 
 // No option of a help text is missing in either shell. Those of kemdctl are read from the help.
 TEST(Completion, KnowsEveryOption) {
-    for (const std::string command :
-         {"kemd-module-host", "kemdctl trace", "kemdctl check", "kemdctl inventory"}) {
+    for (const std::string command : {"kemd-module-host", "kemdctl trace", "kemdctl check",
+                                      "kemdctl inventory", "kemdctl network"}) {
         ASSERT_EQ(Shell(command + " --help"), 0);
         const std::string help = Output(), name = command.substr(0, command.find(' '));
         const std::string bash = Offered(command + " --") + " ";

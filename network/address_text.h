@@ -1,0 +1,18 @@
+// Addresses as people write them. Header only, as view.h.
+#pragma once
+
+#include <arpa/inet.h>
+
+#include <string>
+
+#include "kemd/network.h"
+
+inline std::string AddressText(uint32_t family, const uint8_t* bytes) {
+    char text[INET6_ADDRSTRLEN] = "";
+    return inet_ntop(static_cast<int>(family), bytes, text, sizeof text) != nullptr ? text : "?";
+}
+
+// "192.0.2.1/24"
+inline std::string AddressText(const KemdNetworkAddress& address) {
+    return AddressText(address.family, address.address) + "/" + std::to_string(address.prefix);
+}

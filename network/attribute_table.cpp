@@ -1,0 +1,87 @@
+#include "network/attribute_table.h"
+
+#include <arpa/inet.h>
+#include <net/if_arp.h>
+
+namespace {
+
+constexpr uint64_t kTunnel6 = 769;  // ARPHRD_TUNNEL6 and ARPHRD_IP6GRE: not in every net/if_arp.h
+constexpr uint64_t kGre6 = 823;
+
+// Tunnels have an IP address for their hardware's.
+std::string HardwareText(const KemdNetworkInterface& interface, std::string_view bytes) {
+    const uint64_t type = interface.Number(KEMD_NET_TYPE);
+    const bool isIp = ((type == ARPHRD_TUNNEL || type == ARPHRD_SIT || type == ARPHRD_IPGRE) &&
+                       bytes.size() == 4) ||
+                      ((type == kTunnel6 || type == kGre6) && bytes.size() == 16);
+    return isIp ? IpText(bytes) : HexText(bytes, ':');
+}
+
+bool IsAllBits(uint64_t value, size_t size) {
+    return size < 8 ? value == (uint64_t{1} << size * 8) - 1 : value == UINT64_MAX;
+}
+
+void ReadNumber(KemdNetworkInterface& interface, const Attribute& attribute,
+                const AttributeRow& row) {
+    const auto value =
+        row.form == AttributeForm::kNetworkNumber ? attribute.NetworkNumber() : attribute.Number();
+    if (!value) return;
+    if (row.form == AttributeForm::kPositive && *value == 0) return;
+    if (row.form == AttributeForm::kKnown && IsAllBits(*value, attribute.bytes.size())) return;
+    interface.Set(row.field, *value);
+}
+
+void ReadOne(KemdNetworkInterface& interface, const Attribute& attribute, const AttributeRow& row) {
+    switch (row.form) {
+        case AttributeForm::kNumber:
+        case AttributeForm::kNetworkNumber:
+        case AttributeForm::kPositive:
+        case AttributeForm::kKnown:
+            ReadNumber(interface, attribute, row);
+            return;
+        case AttributeForm::kText:
+            interface.SetText(row.field, attribute.Text());
+            return;
+        case AttributeForm::kHardwareAddress:
+            if (attribute.bytes.empty()) return;
+            interface.SetText(row.field, HardwareText(interface, attribute.bytes));
+            return;
+        case AttributeForm::kHexadecimal:
+            interface.SetText(row.field, HexText(attribute.bytes, '\0'));
+            return;
+        case AttributeForm::kIpAddress:
+            if (const std::string text = IpText(attribute.bytes); !text.empty()) {
+                interface.SetText(row.field, text);
+            }
+            return;
+    }
+}
+
+}  // namespace
+
+void ReadByTable(KemdNetworkInterface& interface, const Attributes& attributes,
+                 const AttributeTable& table) {
+    for (const Attribute& attribute : attributes) {
+        const AttributeRow* row = table.Find(attribute.type);
+        if (row != nullptr) ReadOne(interface, attribute, *row);
+    }
+}
+
+std::string HexText(std::string_view bytes, char separator) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(bytes.size() * 3);
+    for (const char byte : bytes) {
+        if (separator != '\0' && !text.empty()) text += separator;
+        text += kDigits[static_cast<unsigned char>(byte) >> 4];
+        text += kDigits[static_cast<unsigned char>(byte) & 15];
+    }
+    return text;
+}
+
+std::string IpText(std::string_view bytes) {
+    char text[INET6_ADDRSTRLEN] = "";
+    if (bytes.size() != 4 && bytes.size() != 16) return {};
+    const int family = bytes.size() == 4 ? AF_INET : AF_INET6;
+    return inet_ntop(family, bytes.data(), text, sizeof text) != nullptr ? text : "";
+}

@@ -1,0 +1,176 @@
+#include "network/ethtool.h"
+
+#include <linux/ethtool.h>
+#include <linux/ethtool_netlink.h>
+#include <linux/genetlink.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "network/attributes.h"
+#include "network/ethtool_ioctl.h"
+#include "network/ethtool_message.h"
+#include "network/module_eeprom.h"
+
+namespace {
+
+constexpr uint32_t kNameSets[] = {ETH_SS_FEATURES,       ETH_SS_LINK_MODES,    ETH_SS_WOL_MODES,
+                                  ETH_SS_STATS_STD,      ETH_SS_STATS_ETH_PHY, ETH_SS_STATS_ETH_MAC,
+                                  ETH_SS_STATS_ETH_CTRL, ETH_SS_STATS_RMON};
+// The request's header is attribute 1 of each request but that for statistics.
+constexpr uint16_t kHeader = 1;
+
+void AddFamilyHeader(NetlinkRequest& request, uint8_t command) {
+    genlmsghdr header{};
+    header.cmd = command;
+    header.version = ETHTOOL_GENL_VERSION;
+    request.AddHeader(header);
+}
+
+// All standard groups, as a compact set.
+void AddGroups(NetlinkRequest& request) {
+    const uint32_t groups = (1U << __ETHTOOL_STATS_CNT) - 1;
+    const size_t set = request.Begin(ETHTOOL_A_STATS_GROUPS);
+    request.Add(ETHTOOL_A_BITSET_NOMASK, {});
+    request.AddNumber(ETHTOOL_A_BITSET_SIZE, __ETHTOOL_STATS_CNT);
+    request.Add(ETHTOOL_A_BITSET_VALUE, {reinterpret_cast<const char*>(&groups), sizeof groups});
+    request.End(set);
+}
+
+uint32_t GroupOf(const Attributes& groups) {
+    for (const Attribute& attribute : groups) {
+        const Attributes group(attribute.bytes);
+        if (group.Find(CTRL_ATTR_MCAST_GRP_NAME).Text() == ETHTOOL_MCGRP_MONITOR_NAME) {
+            return static_cast<uint32_t>(group.Find(CTRL_ATTR_MCAST_GRP_ID).Number().value_or(0));
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+int Ethtool::Open() {
+    m_ioctl.Reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    // A kernel without IPv4 has the calls on other sockets too.
+    if (!m_ioctl.IsOpen()) m_ioctl.Reset(socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    m_names = std::make_shared<NameSets>();
+    const int error = m_socket.Open(NETLINK_GENERIC);
+    // A kernel or a container without generic netlink: the ioctl is left.
+    if (error == EPROTONOSUPPORT || error == EACCES || error == EPERM) return 0;
+    if (error != 0) return error;
+    if (FindFamily() == 0) ReadNames();
+    return 0;
+}
+
+int Ethtool::FindFamily() {
+    NetlinkRequest request("looking for ethtool", GENL_ID_CTRL, 0);
+    genlmsghdr header{};
+    header.cmd = CTRL_CMD_GETFAMILY;
+    header.version = 1;
+    request.AddHeader(header);
+    request.Add(CTRL_ATTR_FAMILY_NAME, {ETHTOOL_GENL_NAME, sizeof ETHTOOL_GENL_NAME});
+    return m_socket.Ask(request, [this](const NetlinkMessage& message) {
+        const Attributes attributes(AfterHeader(message.payload, sizeof(genlmsghdr)));
+        m_family = static_cast<uint16_t>(attributes.Find(CTRL_ATTR_FAMILY_ID).Number().value_or(0));
+        m_monitorGroup = GroupOf(Attributes(attributes.Find(CTRL_ATTR_MCAST_GROUPS).bytes));
+    });
+}
+
+NetlinkRequest Ethtool::Request(const char* what, uint8_t command, uint16_t flags,
+                                uint32_t index) const {
+    NetlinkRequest request(what, m_family, flags);
+    AddFamilyHeader(request, command);
+    const bool isStatistics = command == ETHTOOL_MSG_STATS_GET;
+    const size_t header = request.Begin(isStatistics ? uint16_t{ETHTOOL_A_STATS_HEADER} : kHeader);
+    if (index != 0) request.AddNumber(ETHTOOL_A_HEADER_DEV_INDEX, index);
+    request.AddNumber(ETHTOOL_A_HEADER_FLAGS, ETHTOOL_FLAG_COMPACT_BITSETS);
+    request.End(header);
+    if (isStatistics) AddGroups(request);
+    return request;
+}
+
+void Ethtool::ReadNames() {
+    auto names = std::make_shared<NameSets>();
+    for (const uint32_t id : kNameSets) {
+        // One at a time: an older kernel refuses a request with a set that it does not know.
+        NetlinkRequest request = Request("names", ETHTOOL_MSG_STRSET_GET, 0, 0);
+        const size_t sets = request.Begin(ETHTOOL_A_STRSET_STRINGSETS);
+        const size_t set = request.Begin(ETHTOOL_A_STRINGSETS_STRINGSET);
+        request.AddNumber(ETHTOOL_A_STRINGSET_ID, id);
+        request.End(set);
+        request.End(sets);
+        (void)m_socket.Ask(
+            request, [&](const NetlinkMessage& message) { ReadNameSets(message.payload, *names); });
+    }
+    m_names = names;
+}
+
+bool Ethtool::ReadAll(uint32_t parts, const Find& find, const OnError& onError) {
+    if ((parts & KEMD_NETWORK_SETTINGS) != 0) parts |= kWakePart;
+    bool isConsistent = true;
+    if (m_family == 0) onError(kWakePart, "ethtool's netlink family", EOPNOTSUPP);
+    if (m_family == 0) return true;
+    for (const EthtoolQuery& query : kEthtoolQueries) {
+        if ((parts & query.part) == 0) continue;
+        NetlinkRequest request = Request(query.what, query.command, NLM_F_DUMP, 0);
+        const int error = m_socket.Dump(
+            request, [] {},
+            [&](const NetlinkMessage& message) {
+                KemdNetworkInterface* interface = find(EthtoolIndex(message.payload));
+                if (interface != nullptr) ReadEthtool(query.command, message.payload, *interface);
+            });
+        if (error != 0) onError(query.part, query.what, error);
+        isConsistent = isConsistent && m_socket.IsConsistent();
+    }
+    return isConsistent;
+}
+
+void Ethtool::ReadByIoctl(KemdNetworkInterface& interface, uint32_t parts) const {
+    const EthtoolIoctl calls(m_ioctl.Get(), interface);
+    if ((parts & KEMD_NETWORK_HARDWARE) != 0) {
+        calls.ReadDriver();
+        if (m_family == 0) calls.ReadLink();
+    }
+    if ((parts & KEMD_NETWORK_SETTINGS) != 0 && m_family == 0) calls.ReadSettings();
+}
+
+void Ethtool::ReadOne(KemdNetworkInterface& interface, uint32_t parts) {
+    ReadByIoctl(interface, parts);
+    if ((parts & KEMD_NETWORK_SETTINGS) != 0) parts |= kWakePart;
+    for (const EthtoolQuery& query : kEthtoolQueries) {
+        if ((parts & query.part) == 0 || m_family == 0) continue;
+        NetlinkRequest request = Request(query.what, query.command, 0, interface.Index());
+        (void)m_socket.Ask(request, [&](const NetlinkMessage& message) {
+            ReadEthtool(query.command, message.payload, interface);
+        });
+    }
+}
+
+int Ethtool::ReadEeprom(uint32_t index, uint8_t page, uint32_t offset, uint32_t length,
+                        std::string& bytes) {
+    constexpr uint8_t kAddress = 0x50;
+    NetlinkRequest request = Request("module", ETHTOOL_MSG_MODULE_EEPROM_GET, 0, index);
+    request.AddNumber(ETHTOOL_A_MODULE_EEPROM_OFFSET, offset);
+    request.AddNumber(ETHTOOL_A_MODULE_EEPROM_LENGTH, length);
+    request.Add(ETHTOOL_A_MODULE_EEPROM_PAGE, {reinterpret_cast<const char*>(&page), 1});
+    request.Add(ETHTOOL_A_MODULE_EEPROM_I2C_ADDRESS, {reinterpret_cast<const char*>(&kAddress), 1});
+    const int error = m_socket.Ask(request, [&](const NetlinkMessage& message) {
+        bytes = Attributes(AfterHeader(message.payload, sizeof(genlmsghdr)))
+                    .Find(ETHTOOL_A_MODULE_EEPROM_DATA)
+                    .bytes;
+    });
+    return error != 0 || bytes.size() == length ? error : EIO;
+}
+
+void Ethtool::ReadModule(KemdNetworkInterface& interface) {
+    const ReadModuleBytes read = [&](uint8_t page, uint32_t offset, uint32_t length,
+                                     std::string& bytes) {
+        return m_family != 0 ? ReadEeprom(interface.Index(), page, offset, length, bytes)
+                             : EOPNOTSUPP;
+    };
+    const int error = ReadModuleIdentity(read, interface);
+    if (error == 0 || error == EOPNOTSUPP) return;
+    for (uint32_t field = KEMD_NET_MODULE_TYPE; field <= KEMD_NET_MODULE_DATE; ++field) {
+        interface.SetError(field, error);
+    }
+}

@@ -1,0 +1,87 @@
+// What is known of one interface, and what all interfaces of a snapshot share. Filled by the
+// readers of messages; not changed any more once it belongs to a finished snapshot.
+#pragma once
+
+#include <array>
+#include <bitset>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "kemd/network.h"
+
+// The kernel's names for the bits and numbers of ethtool, by number of the set of names.
+using NameSets = std::map<uint32_t, std::vector<std::string>>;
+
+// Beyond the parts of kemd/network.h: what only root is shown among the settings.
+constexpr uint32_t kWakePart = 1U << 16;
+
+struct NetworkFacts {
+    uint32_t parts = 0;
+    std::map<uint32_t, int> errors;  // why a part is absent everywhere, by part
+    std::shared_ptr<const NameSets> names;
+};
+
+// A set of bits with names: link modes, features.
+struct NamedBits {
+    uint32_t names = 0;  // number of the set
+    bool isKnown = false;
+    std::vector<uint32_t> words;
+    bool operator==(const NamedBits&) const = default;
+};
+
+struct NamedCounter {
+    uint32_t names = 0;
+    uint32_t id = 0;
+    uint64_t value = 0;
+    std::string text;  // when the kernel has no name for it
+};
+
+struct KemdNetworkInterface {
+    explicit KemdNetworkInterface(std::shared_ptr<const NetworkFacts> shared);
+
+    void Set(uint32_t field, uint64_t value);
+    void SetText(uint32_t field, std::string_view text);
+    // As the value is absent for this interface alone.
+    void SetError(uint32_t field, int error);
+    void Forget(uint32_t field) { m_known.reset(field); }
+
+    [[nodiscard]] bool Has(uint32_t field) const { return m_known.test(field); }
+    // 0 when it is absent.
+    [[nodiscard]] uint64_t Number(uint32_t field) const {
+        return Has(field) ? m_numbers[field] : 0;
+    }
+    // Empty when it is absent.
+    [[nodiscard]] const std::string& Text(uint32_t field) const;
+    // Why a field is absent.
+    [[nodiscard]] int Reason(uint32_t field) const;
+    // 0, or why there is nothing of a part.
+    [[nodiscard]] int PartError(uint32_t part) const;
+    [[nodiscard]] uint32_t Index() const {
+        return static_cast<uint32_t>(m_numbers[KEMD_NET_INDEX]);
+    }
+    // By its name or an alternative one.
+    [[nodiscard]] bool IsNamed(std::string_view name) const;
+    [[nodiscard]] bool Equals(const KemdNetworkInterface& other, uint32_t field) const;
+    // Takes over what a message of the link does not say: all but the fields that every snapshot
+    // has.
+    void KeepOthersOf(const KemdNetworkInterface& older);
+
+    std::vector<std::string> alternativeNames;
+    std::array<NamedBits, KEMD_NETWORK_SUPPORTED_WAKE_MODES + 1> bits;  // by list
+    std::vector<KemdNetworkAddress> addresses;
+    std::vector<KemdNetworkVirtualFunction> functions;
+    std::vector<NamedCounter> statistics;
+    std::shared_ptr<const NetworkFacts> facts;
+
+  private:
+    std::array<uint64_t, KEMD_NET_FIELDS> m_numbers{};
+    std::bitset<KEMD_NET_FIELDS> m_known;
+    std::vector<std::pair<uint32_t, std::string>> m_texts;
+    std::vector<std::pair<uint32_t, int>> m_errors;
+};

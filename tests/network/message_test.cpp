@@ -1,0 +1,94 @@
+// What no kernel here sends: virtual functions and plugged modules, as bytes.
+#include <arpa/inet.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+
+#include <cstring>
+
+#include "network/messages.h"
+#include "network/module_eeprom.h"
+#include "tests/world.h"
+
+namespace {
+
+std::string Attr(uint16_t type, const std::string& bytes) {
+    const rtattr header = {static_cast<uint16_t>(sizeof header + bytes.size()), type};
+    std::string text(reinterpret_cast<const char*>(&header), sizeof header);
+    text += bytes;
+    text.resize(RTA_ALIGN(text.size()));
+    return text;
+}
+
+template <typename T>
+std::string Raw(const T& value) {
+    return {reinterpret_cast<const char*>(&value), sizeof value};
+}
+
+TEST(NetworkMessageTest, VirtualFunctions) {
+    ifla_vf_mac mac{};
+    mac.vf = 1;
+    memcpy(mac.mac, "\x02\x00\x00\x00\x00\x09", 6);
+    const std::string whole =
+        Attr(IFLA_VF_MAC, Raw(mac)) +
+        Attr(IFLA_VF_VLAN_LIST,
+             Attr(IFLA_VF_VLAN_INFO, Raw(ifla_vf_vlan_info{1, 100, 5, htons(0x88A8)}))) +
+        Attr(IFLA_VF_RATE, Raw(ifla_vf_rate{1, 100, 1000})) +
+        Attr(IFLA_VF_SPOOFCHK, Raw(ifla_vf_spoofchk{1, 1})) +
+        Attr(IFLA_VF_TRUST, Raw(ifla_vf_trust{1, UINT32_MAX})) +
+        Attr(IFLA_VF_STATS, Attr(IFLA_VF_STATS_TX_BYTES, Raw(uint64_t{1} << 40)));
+    std::string list = Attr(IFLA_VF_INFO, whole);
+    for (uint32_t i = 2; i < 129; ++i) {
+        mac.vf = i;
+        list += Attr(IFLA_VF_INFO, Attr(IFLA_VF_MAC, Raw(mac)));
+    }
+    const auto functions = ReadVirtualFunctions(list, 6);
+    ASSERT_EQ(functions.size(), 128U);
+    const KemdNetworkVirtualFunction& one = functions[0];
+    EXPECT_TRUE(one.number == 1 && one.macLength == 6 && one.mac[5] == 9);
+    EXPECT_TRUE(one.vlan == 100 && one.vlanPriority == 5 && one.vlanProtocol == 0x88A8);
+    EXPECT_TRUE(one.minRate == 100 && one.maxRate == 1000 && one.isSpoofChecked == 1);
+    EXPECT_TRUE(one.isTrusted == -1 && one.linkState == -1 && one.hasCounters == 1);
+    EXPECT_EQ(one.txBytes, uint64_t{1} << 40);
+    EXPECT_TRUE(functions[127].number == 128 && functions[127].vlan == -1);
+    // Whatever is cut off, only what is whole is read.
+    for (size_t size = 0; size < list.size(); size += 3) {
+        EXPECT_LT(ReadVirtualFunctions(std::string(list, 0, size), 6).size(), 128U);
+    }
+}
+
+TEST(NetworkMessageTest, Modules) {
+    const struct {
+        unsigned char type;
+        size_t start, connector, vendor, part, serial, date;
+        const char* typeText;
+    } layouts[] = {{0x03, 0, 2, 20, 40, 68, 84, "SFP"},
+                   {0x11, 128, 130, 148, 168, 196, 212, "QSFP28"},
+                   {0x18, 128, 203, 129, 148, 166, 182, "QSFP-DD"}};
+    for (const auto& layout : layouts) {
+        std::string memory(256, '\0');
+        memory[0] = static_cast<char>(layout.type);
+        memory[layout.connector] = 0x07;
+        memory.replace(layout.vendor, 16, "Example Optics  ");
+        memory.replace(layout.part, 16, "EX-10G-SR       ");
+        memory.replace(layout.serial, 16, "S123            ");
+        memory.replace(layout.date, 8, "240131  ");
+        KemdNetworkInterface interface(std::make_shared<NetworkFacts>());
+        const ReadModuleBytes read = [&](uint8_t, uint32_t offset, uint32_t length,
+                                         std::string& bytes) {
+            bytes = memory.substr(offset, length);
+            return 0;
+        };
+        ASSERT_EQ(ReadModuleIdentity(read, interface), 0);
+        char text[32];
+        size_t size = sizeof text;
+        ASSERT_EQ(KemdNetworkText(&interface, KEMD_NET_MODULE_TYPE, text, &size), 0);
+        EXPECT_STREQ(text, layout.typeText);
+        EXPECT_EQ(interface.Text(KEMD_NET_MODULE_VENDOR), "Example Optics");
+        EXPECT_EQ(interface.Text(KEMD_NET_MODULE_PART), "EX-10G-SR");
+        EXPECT_EQ(interface.Text(KEMD_NET_MODULE_SERIAL), "S123");
+        EXPECT_EQ(interface.Text(KEMD_NET_MODULE_DATE), "240131");
+        EXPECT_EQ(interface.Number(KEMD_NET_MODULE_CONNECTOR), 7U);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,412 @@
+// Snapshots of interfaces that the kernel really has.
+#include <arpa/inet.h>
+#include <linux/capability.h>
+#include <linux/if_addr.h>
+#include <linux/if_link.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+
+#include <atomic>
+#include <thread>
+
+#include "network/netlink_socket.h"
+#include "tests/network/network_world.h"
+
+static std::atomic<bool> isGenericRefused{false};
+
+// Before libc's: a kernel without generic netlink.
+extern "C" int socket(int domain, int type, int protocol) noexcept {
+    if (isGenericRefused && domain == AF_NETLINK && protocol == NETLINK_GENERIC) {
+        errno = EPROTONOSUPPORT;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
+}
+
+namespace {
+
+std::string AddressText(uint32_t family, const uint8_t* bytes) {
+    char text[INET6_ADDRSTRLEN] = "";
+    return inet_ntop(static_cast<int>(family), bytes, text, sizeof text) != nullptr ? text : "";
+}
+
+// The calling thread has no rights any more.
+void DropRights() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct none[2]{};
+    ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
+}
+
+struct Expected {
+    uint32_t field;
+    const char* text;
+};
+struct KindCase {
+    const char* name;
+    const char* commands;
+    const char* interface;
+    std::vector<Expected> expected;
+};
+void PrintTo(const KindCase& kind, std::ostream* out) {
+    *out << kind.name;
+}
+
+class NetworkKindTest : public NetworkTest, public testing::WithParamInterface<KindCase> {};
+
+TEST_P(NetworkKindTest, IsShownAsItWasMade) {
+    const KindCase& kind = GetParam();
+    IP_OR_SKIP(std::string("link add p0 type veth peer name p1\n") + kind.commands);
+    const NetworkView view = Take();
+    const InterfaceView interface = view.ByName(kind.interface);
+    ASSERT_TRUE(interface) << ReadFile("/tmp/ip.out");
+    for (const auto& [field, text] : kind.expected) {
+        KemdNetworkFieldInfo info{};
+        info.size = sizeof info;
+        ASSERT_EQ(KemdNetworkField(field, &info), 0);
+        std::string shown = interface.TextOr(field, "absent");
+        if (info.kind == KEMD_NETWORK_KIND_INDEX && shown != "absent") {
+            shown = view.ByIndex(*interface.Number(field)).TextOr(KEMD_NET_NAME);
+        }
+        EXPECT_EQ(shown, text) << info.name;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kernel, NetworkKindTest,
+    testing::Values(
+        KindCase{"Loopback",
+                 "",
+                 "lo",
+                 {{KEMD_NET_KIND, "loopback"},
+                  {KEMD_NET_TYPE, "loopback"},
+                  {KEMD_NET_INDEX, "1"},
+                  {KEMD_NET_OPER_STATE, "down"},
+                  {KEMD_NET_FLAGS, "loopback"},
+                  {KEMD_NET_MASTER, "absent"},
+                  {KEMD_NET_DRIVER, "absent"}}},
+        KindCase{"Veth",
+                 "link set p0 mtu 1400 address 02:00:00:00:00:01 alias uplink txqueuelen 7\n"
+                 "link set p0 up\nlink set p1 up",
+                 "p0",
+                 {{KEMD_NET_KIND, "veth"},
+                  {KEMD_NET_PARENT, "p1"},
+                  {KEMD_NET_MTU, "1400"},
+                  {KEMD_NET_MIN_MTU, "68"},
+                  {KEMD_NET_MAX_MTU, "65535"},
+                  {KEMD_NET_CARRIER, "1"},
+                  {KEMD_NET_MAC, "02:00:00:00:00:01"},
+                  {KEMD_NET_BROADCAST, "ff:ff:ff:ff:ff:ff"},
+                  {KEMD_NET_ALIAS, "uplink"},
+                  {KEMD_NET_QUEUE_LENGTH, "7"},
+                  {KEMD_NET_OPER_STATE, "up"},
+                  {KEMD_NET_DRIVER, "veth"},
+                  {KEMD_NET_SPEED, "10000"},
+                  {KEMD_NET_DUPLEX, "full"},
+                  {KEMD_NET_AUTO_NEGOTIATION, "0"},
+                  {KEMD_NET_PORT, "twisted pair"},
+                  {KEMD_NET_LINK_DETECTED, "1"},
+                  {KEMD_NET_CHANNELS_RX, "1"},
+                  {KEMD_NET_BUS_ADDRESS, "absent"},
+                  {KEMD_NET_FLAGS, "up broadcast running multicast lower_up"}}},
+        KindCase{"Bridge",
+                 "link add b0 type bridge stp_state 1 priority 4096",
+                 "b0",
+                 {{KEMD_NET_KIND, "bridge"},
+                  {KEMD_NET_BRIDGE_STP, "kernel"},
+
+                  {KEMD_NET_BRIDGE_PRIORITY, "4096"}}},
+        KindCase{"BridgePort",
+                 "link add b0 type bridge\nlink set p0 master b0\n"
+                 "link set p0 type bridge_slave cost 77",
+                 "p0",
+                 {{KEMD_NET_MASTER, "b0"},
+                  {KEMD_NET_MEMBER_KIND, "bridge"},
+                  {KEMD_NET_BRIDGE_PORT_STATE, "disabled"},
+                  {KEMD_NET_BRIDGE_PORT_COST, "77"},
+                  {KEMD_NET_PROMISCUITY, "1"}}},
+        KindCase{
+            "Macvlan",
+            "link add link p0 name m0 type macvlan mode vepa",
+            "m0",
+            {{KEMD_NET_KIND, "macvlan"}, {KEMD_NET_PARENT, "p0"}, {KEMD_NET_MACVLAN_MODE, "vepa"}}},
+        KindCase{
+            "Vxlan",
+            "link add x0 type vxlan id 77 dstport 4789 remote 192.0.2.9 local 192.0.2.1 dev p0",
+            "x0",
+            {{KEMD_NET_KIND, "vxlan"},
+             {KEMD_NET_VXLAN_ID, "77"},
+             {KEMD_NET_VXLAN_PORT, "4789"},
+             {KEMD_NET_VXLAN_REMOTE, "192.0.2.9"},
+             {KEMD_NET_VXLAN_LOCAL, "192.0.2.1"}}},
+        KindCase{"Tap",
+                 "tuntap add t0 mode tap user 0",
+                 "t0",
+                 {{KEMD_NET_KIND, "tap"},
+                  {KEMD_NET_TUN_OWNER, "0"},
+                  {KEMD_NET_TUN_GROUP, "absent"},
+                  {KEMD_NET_TUN_PERSISTENT, "1"}}},
+        KindCase{"Tun",
+                 "tuntap add t0 mode tun",
+                 "t0",
+                 {{KEMD_NET_KIND, "tun"}, {KEMD_NET_TYPE, "none"}, {KEMD_NET_MAC, "absent"}}},
+        KindCase{"Dummy", "link add d0 type dummy", "d0", {{KEMD_NET_KIND, "dummy"}}},
+        KindCase{
+            "Ipvlan",
+            "link add link p0 name i0 type ipvlan mode l3",
+            "i0",
+            {{KEMD_NET_KIND, "ipvlan"}, {KEMD_NET_PARENT, "p0"}, {KEMD_NET_IPVLAN_MODE, "l3"}}},
+        KindCase{"Vrf",
+                 "link add v0 type vrf table 10",
+                 "v0",
+                 {{KEMD_NET_KIND, "vrf"}, {KEMD_NET_VRF_TABLE, "10"}}},
+        KindCase{"Bond",
+                 "link add o0 type bond mode active-backup\nlink set o0 up\nlink set p1 up\n"
+                 "link set p0 master o0",
+                 "o0",
+                 {{KEMD_NET_KIND, "bond"},
+                  {KEMD_NET_BOND_MODE, "active-backup"},
+                  {KEMD_NET_BOND_MIIMON, "0"},
+                  {KEMD_NET_BOND_ACTIVE, "p0"}}},
+        KindCase{"BondMember",
+                 "link add o0 type bond mode 802.3ad lacp_rate fast\n"
+                 "link set p0 address 02:00:00:00:00:05\nlink set p0 master o0\n"
+                 "link set o0 address 02:00:00:00:00:06",
+                 "p0",
+                 {{KEMD_NET_MEMBER_KIND, "bond"},
+                  {KEMD_NET_BOND_MEMBER_STATE, "backup"},
+                  {KEMD_NET_BOND_MEMBER_MAC, "02:00:00:00:00:05"}}},
+        KindCase{"VlanOnBond",
+                 "link add o0 type bond mode balance-xor xmit_hash_policy layer3+4\n"
+                 "link add link o0 name o0.7 type vlan id 7 protocol 802.1ad",
+                 "o0.7",
+                 {{KEMD_NET_KIND, "vlan"},
+                  {KEMD_NET_PARENT, "o0"},
+                  {KEMD_NET_VLAN_ID, "7"},
+                  {KEMD_NET_VLAN_PROTOCOL, "802.1ad"}}}),
+    [](const auto& kind) { return std::string(kind.param.name); });
+
+TEST_F(NetworkTest, NamesAreTheKernelsBytes) {
+    const std::string longName(127, 'n');
+    const std::string strange = "\xff\xfe\x80";
+    ASSERT_TRUE(
+        Ip("link add p0 type veth peer name p1\nlink add b0 type bridge\n"
+           "link set p0 name " +
+           strange +
+           "\nlink set p1 master b0\n"
+           "link property add dev p1 altname " +
+           longName + " altname second"));
+    const NetworkView view = Take(0);
+    const InterfaceView port = view.ByName(longName.c_str());
+    ASSERT_TRUE(port);
+    EXPECT_EQ(port.List(KEMD_NETWORK_ALTERNATIVE_NAMES),
+              (std::vector<std::string>{longName, "second"}));
+    EXPECT_EQ(view.ByName(strange.c_str()).TextOr(KEMD_NET_NAME), strange);
+    EXPECT_EQ(KemdNetworkByName(view.Get(), "absent"), nullptr);
+    const uint64_t bridge = view.ByName("b0").Number(KEMD_NET_INDEX).value();
+    EXPECT_EQ(KemdNetworkMemberAt(view.Get(), bridge, 0), port.Get());
+    EXPECT_EQ(KemdNetworkMemberAt(view.Get(), bridge, 1), nullptr);
+
+    // The contract of buffers, kinds and parts.
+    char text[4];
+    size_t size = sizeof text;
+    EXPECT_EQ(KemdNetworkText(port.Get(), KEMD_NET_NAME, text, &size), 0);
+    EXPECT_STREQ(text, "p1");
+    EXPECT_EQ(size, 3U);
+    size = 2;
+    EXPECT_EQ(KemdNetworkText(port.Get(), KEMD_NET_NAME, text, &size), ERANGE);
+    EXPECT_EQ(size, 3U);
+    uint64_t number = 0;
+    EXPECT_EQ(KemdNetworkNumber(port.Get(), KEMD_NET_NAME, &number), EINVAL);
+    EXPECT_EQ(KemdNetworkNumber(port.Get(), KEMD_NET_FIELDS, &number), EINVAL);
+    EXPECT_EQ(KemdNetworkNumber(port.Get(), KEMD_NET_SPEED, &number), ENODATA);
+    EXPECT_EQ(KemdNetworkNumber(port.Get(), KEMD_NET_VLAN_ID, &number), EOPNOTSUPP);
+    KemdNetworkRoute route{};
+    route.size = sizeof route;
+    EXPECT_EQ(KemdNetworkRouteAt(view.Get(), 0, &route), ENODATA);
+}
+
+TEST_F(NetworkTest, AddressesHaveAllThatWasSet) {
+    ASSERT_TRUE(
+        Ip("link add p0 type veth peer name p1\nlink set p0 up\nlink set p1 up\n"
+           "addr add 192.0.2.1/24 brd + dev p0 label p0:web\n"
+           "addr add 192.0.2.5 peer 192.0.2.6/32 dev p0 scope link\n"
+           "addr add 2001:db8::1/64 dev p0 nodad valid_lft 4000 preferred_lft 3000 metric 42"));
+    const NetworkView view = Take(KEMD_NETWORK_ADDRESSES);
+    std::map<std::string, KemdNetworkAddress> found;
+    for (const auto& address : view.ByName("p0").Addresses()) {
+        found[AddressText(address.family, address.address)] = address;
+    }
+    const KemdNetworkAddress& web = found["192.0.2.1"];
+    EXPECT_STREQ(web.label, "p0:web");
+    EXPECT_EQ(web.prefix, 24);
+    EXPECT_EQ(AddressText(AF_INET, web.broadcast), "192.0.2.255");
+    EXPECT_TRUE(web.hasBroadcast == 1 && web.hasPeer == 0 && web.scope == RT_SCOPE_UNIVERSE);
+    EXPECT_EQ(web.validSeconds, KEMD_NETWORK_FOREVER);
+    EXPECT_NE(web.flags & IFA_F_PERMANENT, 0U);
+    const KemdNetworkAddress& peer = found["192.0.2.5"];
+    EXPECT_EQ(AddressText(AF_INET, peer.peer), "192.0.2.6");
+    EXPECT_TRUE(peer.hasPeer == 1 && peer.prefix == 32 && peer.scope == RT_SCOPE_LINK);
+    const KemdNetworkAddress& six = found["2001:db8::1"];
+    EXPECT_TRUE(six.validSeconds > 3900 && six.validSeconds <= 4000);
+    EXPECT_TRUE(six.preferredSeconds > 2900 && six.preferredSeconds <= 3000);
+    EXPECT_TRUE(six.family == AF_INET6 && six.prefix == 64 && six.metric == 42);
+
+    // An older caller's shorter structure, and a newer one's longer.
+    struct {
+        KemdNetworkAddress address;
+        char more[4];
+    } newer{};
+    memset(&newer, 0x55, sizeof newer);
+    newer.address.size = 8;
+    EXPECT_EQ(KemdNetworkAddressAt(view.ByName("p0").Get(), 0, &newer.address), 0);
+    EXPECT_TRUE(newer.address.size == 8 && newer.address.family == AF_INET);
+    EXPECT_EQ(newer.address.flags, 0x55555555U);
+    newer.address.size = sizeof newer;
+    EXPECT_EQ(KemdNetworkAddressAt(view.ByName("p0").Get(), 0, &newer.address), 0);
+    EXPECT_EQ(newer.more[0], 0);
+    newer.address.size = 0;
+    EXPECT_EQ(KemdNetworkAddressAt(view.ByName("p0").Get(), 0, &newer.address), EINVAL);
+}
+
+TEST_F(NetworkTest, DefaultRoutesOfAllTables) {
+    ASSERT_TRUE(
+        Ip("link add p0 type veth peer name p1\nlink set p0 up\nlink set p1 up\n"
+           "addr add 192.0.2.1/24 dev p0\naddr add 198.51.100.1/24 dev p1\n"
+           "route add default via 192.0.2.2 metric 50 src 192.0.2.1\n"
+           "route add 203.0.113.0/24 via 192.0.2.3\n"
+           "route add default table 1000 nexthop via 192.0.2.4 weight 3 nexthop via 198.51.100.9\n"
+           "route add blackhole default metric 900\n"
+           "route add 0.0.0.0/0 via inet6 fe80::7 dev p0 metric 60\n"
+           "route add default via fe80::9 dev p0 metric 70"));
+    const NetworkView view = Take(KEMD_NETWORK_ROUTES);
+    std::string shown;
+    for (const auto& route : view.Routes()) {
+        shown +=
+            std::to_string(route.table) + " " + std::to_string(route.metric) + " " +
+            view.ByIndex(route.interface).TextOr(KEMD_NET_NAME, "-") + " " +
+            (route.gatewayFamily != 0 ? AddressText(route.gatewayFamily, route.gateway) : "-") +
+            " " + std::to_string(route.weight) + " " + std::to_string(route.type) + " " +
+            (route.hasSource != 0 ? AddressText(route.family, route.source) : "-") + "\n";
+    }
+    EXPECT_EQ(shown,
+              "254 50 p0 192.0.2.2 0 1 192.0.2.1\n"
+              "254 60 p0 fe80::7 0 1 -\n"
+              "254 900 - - 0 6 -\n"
+              "1000 0 p1 198.51.100.9 1 1 -\n"
+              "1000 0 p0 192.0.2.4 3 1 -\n"
+              "254 70 p0 fe80::9 0 1 -\n");
+}
+
+// 400 names of 127 characters are 52 KiB in one message.
+TEST_F(NetworkTest, MessagesBeyondTheUsualBuffer) {
+    std::string commands = "link add p0 type veth peer name p1\n";
+    for (int i = 100; i < 500; ++i) {
+        commands +=
+            "link property add dev p0 altname " + std::string(124, 'x') + std::to_string(i) + "\n";
+    }
+    ASSERT_TRUE(Ip(commands)) << ReadFile("/tmp/ip.out");
+    const NetworkView view = Take(0);
+    EXPECT_EQ(view.ByName("p0").List(KEMD_NETWORK_ALTERNATIVE_NAMES).size(), 400U);
+    EXPECT_TRUE(view.ByName("p1"));
+}
+
+TEST_F(NetworkTest, AnotherNameSpaceAndWithoutRights) {
+    ASSERT_TRUE(Ip("link add p0 type veth peer name p1"));
+    const UniqueFd first = NameSpace();
+    ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+    EXPECT_FALSE(Take().ByName("p0"));
+    EXPECT_EQ(Take().Interfaces().size(), 1U);  // lo
+    EXPECT_EQ(Take(KEMD_NETWORK_ALL, first.Get()).ByName("p0").TextOr(KEMD_NET_DRIVER), "veth");
+    KemdNetwork* network = nullptr;
+    const UniqueFd wrong(open("/tmp", O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(KemdNetworkOpen(&network, wrong.Get()), EINVAL);
+
+    const UniqueFd here = NameSpace();
+    ASSERT_TRUE(Ip("link add p2 type veth peer name p3\nlink add p4 type veth peer name p5 netns " +
+                   std::to_string(gettid()) + "\nlink set p5 up\nlink set p4 up"));
+    std::thread([&] {
+        DropRights();
+        EXPECT_EQ(KemdNetworkOpen(&network, first.Get()), EPERM);
+        const NetworkView view = Take(KEMD_NETWORK_ALL, here.Get());
+        EXPECT_EQ(view.ByName("p4").TextOr(KEMD_NET_SPEED), "10000");
+        size_t size = 0;
+        EXPECT_EQ(
+            KemdNetworkListAt(view.ByName("p2").Get(), KEMD_NETWORK_WAKE_MODES, 0, nullptr, &size),
+            EPERM);
+        EXPECT_EQ(view.Notes(), std::vector<std::string>{"wake-on-LAN: Operation not permitted"});
+        uint64_t type = 0;
+        EXPECT_EQ(KemdNetworkNumber(view.ByName("p2").Get(), KEMD_NET_MODULE_TYPE, &type), EPERM);
+    }).join();
+}
+
+TEST_F(NetworkTest, TheIoctlAnswersWhereNetlinkDoesNot) {
+    ASSERT_TRUE(Ip("link add p0 type veth peer name p1\nlink set p0 up\nlink set p1 up"));
+    const auto state = [](const NetworkView& view) {
+        std::string text;
+        for (uint32_t field = KEMD_NET_BUS; field < KEMD_NET_MODULE_TYPE; ++field) {
+            text += view.ByName("p0").TextOr(field, "-") + " ";
+        }
+        return text;
+    };
+    const NetworkView netlink = Take();
+    isGenericRefused = true;
+    const NetworkView ioctl = Take();
+    isGenericRefused = false;
+    EXPECT_EQ(state(netlink), state(ioctl));
+    EXPECT_NE(state(ioctl).find("veth"), std::string::npos);
+    EXPECT_FALSE(ioctl.Notes().empty());
+}
+
+TEST_F(NetworkTest, TheKernelsReasonIsInTheError) {
+    NetlinkSocket socket;
+    ASSERT_EQ(socket.Open(NETLINK_ROUTE), 0);
+    NetlinkRequest request("making a link", RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL);
+    request.AddHeader(ifinfomsg{});
+    const size_t info = request.Begin(IFLA_LINKINFO);
+    request.Add(IFLA_INFO_KIND, "nonsense");
+    request.End(info);
+    EXPECT_EQ(socket.Ask(request, [](const NetlinkMessage&) {}), EOPNOTSUPP);
+    EXPECT_EQ(socket.ErrorText(), "making a link: Operation not supported (Unknown device type)");
+}
+
+// Interfaces come and go while snapshots are taken: each shows one moment, or says that it does
+// not.
+TEST_F(NetworkTest, ManyInterfacesThatChange) {
+    constexpr int kPairs = 1000;
+    std::ostringstream commands;
+    for (int i = 0; i < kPairs; ++i) {
+        commands << "link add a" << i << " type veth peer name b" << i << "\n";
+        for (int host = 1; host <= 10; ++host) {
+            commands << "addr add 10." << i / 250 << "." << i % 250 << "." << host << "/24 dev a"
+                     << i << "\n";
+        }
+    }
+    ASSERT_TRUE(Ip(commands.str())) << ReadFile("/tmp/ip.out");
+    std::atomic<bool> isDone{false};
+    std::thread changes([&] {
+        std::string flaps;
+        for (int i = 0; i < 300; ++i) {
+            flaps +=
+                "link add x0 type veth peer name x1\naddr add 172.16.0.1/24 dev x0\n"
+                "link set a0 up\nlink set a0 down\nlink del x0\n";
+        }
+        EXPECT_TRUE(Ip(flaps)) << ReadFile("/tmp/ip.out");
+        isDone = true;
+    });
+    int consistent = 0;
+    do {
+        const NetworkView view = Take(KEMD_NETWORK_ADDRESSES | KEMD_NETWORK_ROUTES);
+        if (KemdNetworkIsConsistent(view.Get()) == 0) continue;
+        ++consistent;
+        const size_t count = view.Interfaces().size();
+        EXPECT_TRUE(count == 2 * kPairs + 1 || count == 2 * kPairs + 3) << count;
+        EXPECT_EQ(view.ByName("a249").Addresses().size(), 10U);
+        EXPECT_EQ(static_cast<bool>(view.ByName("x0")), static_cast<bool>(view.ByName("x1")));
+    } while (!isDone);
+    changes.join();
+    EXPECT_GT(consistent, 0);
+}
+
+}  // namespace
