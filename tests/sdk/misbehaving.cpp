@@ -147,7 +147,8 @@ int Fork() {
 // As long as there is memory, and then throws.
 void Outgrow() {
     Eat();
-    for (;;) (void)std::make_unique<char[]>(1 << 20).release();
+    // Written through a volatile pointer, or the optimiser leaves the allocation out.
+    for (;;) *static_cast<volatile char*>(std::make_unique<char[]>(1 << 20).release()) = 1;
 }
 
 void Uncaught() {
