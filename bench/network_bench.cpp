@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <sstream>
 
 #include "bench/measure.h"
 #include "network/view.h"
@@ -26,16 +27,15 @@ bool Ip(const std::string& commands) {
 }
 
 bool MakeInterfaces() {
-    std::string commands;
+    std::ostringstream commands;
     for (int i = 0; i < kPairs; ++i) {
-        const std::string number = std::to_string(i);
-        commands += "link add a" + number + " type veth peer name b" + number + "\n";
-        for (const char* end : {"1", "2"}) {
-            commands += "addr add 10." + std::to_string(i / 250) + "." + std::to_string(i % 250) +
-                        "." + end + "/24 dev a" + number + "\n";
+        commands << "link add a" << i << " type veth peer name b" << i << "\n";
+        for (int host = 1; host <= 2; ++host) {
+            commands << "addr add 10." << i / 250 << "." << i % 250 << "." << host << "/24 dev a"
+                     << i << "\n";
         }
     }
-    return unshare(CLONE_NEWNET) == 0 && Ip(commands);
+    return unshare(CLONE_NEWNET) == 0 && Ip(commands.str());
 }
 
 // Sends the request and reads the answer to its end.

@@ -1,5 +1,5 @@
 // kemd/network.h for C++: owners of its handles, and results as values. Header only, so that
-// modules may use it as well. May throw std::bad_alloc.
+// modules built with kemd use it as well. May throw std::bad_alloc.
 #pragma once
 
 #include <cerrno>

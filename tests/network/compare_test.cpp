@@ -80,8 +80,8 @@ std::set<std::string> Words(const JsonValue& list) {
 
 // `kind`: only where the interface, or its membership, is of this kind.
 struct Pair {
-    const char* path;
-    uint32_t field;
+    const char* path = nullptr;
+    uint32_t field = 0;
     const char* kind = nullptr;
 };
 constexpr Pair kPairs[] = {
@@ -105,6 +105,8 @@ constexpr Pair kPairs[] = {
     {"num_rx_queues", KEMD_NET_RX_QUEUES},
     {"gso_max_size", KEMD_NET_GSO_MAX_SIZE},
     {"gso_max_segs", KEMD_NET_GSO_MAX_SEGMENTS},
+    {"parentbus", KEMD_NET_BUS},
+    {"parentdev", KEMD_NET_BUS_ADDRESS},
     {"phys_port_name", KEMD_NET_PORT_NAME},
     {"phys_port_id", KEMD_NET_PORT_ID},
     {"phys_switch_id", KEMD_NET_SWITCH_ID},
@@ -180,7 +182,8 @@ std::string ManyInterfaces() {
     std::string commands;
     for (int i = 0; i < 1000; ++i) {
         const std::string number = std::to_string(i);
-        commands += "link add a" + number + " type veth peer name b" + number + "\n";
+        commands.append("link add a").append(number);
+        commands.append(" type veth peer name b").append(number).append("\n");
         for (int host = 1; host <= 10; ++host) {
             commands.append("addr add 10.").append(std::to_string(i / 250)).append(".");
             commands.append(std::to_string(i % 250)).append(".").append(std::to_string(host));
@@ -337,35 +340,42 @@ std::string NetworkComparison::OurText(InterfaceView interface, uint32_t field,
     return Lower(interface.TextOr(field));
 }
 
+std::string TextAt(const JsonValue& link, const std::string& path) {
+    const JsonValue* value = Within(link, path);
+    if (value == nullptr) return "";
+    if (value->kind == JsonValue::kFlag) return value->flag ? "1" : "0";
+    return Lower(value->text);
+}
+
+// As the library says it where ip leaves it out, or shows something for none.
+std::string TheirText(const JsonValue& link, const Pair& pair, const std::string& our) {
+    std::string their = TextAt(link, pair.path);
+    const uint32_t field = pair.field;
+    if (field == KEMD_NET_GROUP && their == "default") return "0";
+    if (field == KEMD_NET_KIND && (their.empty() || our == "tap")) return our;
+    if (field == KEMD_NET_MAX_MTU && their == "0") return "";
+    // Of a virtio device ip shows the bus within the PCI function; tun and tap have no bus.
+    const bool isOfBus = field == KEMD_NET_BUS || field == KEMD_NET_BUS_ADDRESS;
+    if (isOfBus && (their.empty() || TextAt(link, "parentbus") == "virtio")) return our;
+    if (!their.empty()) return their;
+    if (field == KEMD_NET_PERMANENT_MAC && !our.empty()) return TextAt(link, "address");
+    if (field == KEMD_NET_VXLAN_REMOTE && our.find(':') == std::string::npos) {
+        return TextAt(link, "linkinfo.info_data.group");
+    }
+    if (field == KEMD_NET_VXLAN_REMOTE || field == KEMD_NET_VXLAN_LOCAL) {
+        return TextAt(link, pair.path + std::string("6"));
+    }
+    return our == "0" ? "0" : "";
+}
+
 void NetworkComparison::CompareLink(const JsonValue& link, InterfaceView interface) {
-    const auto textAt = [&](std::string_view path) {
-        const JsonValue* value = Within(link, path);
-        return value != nullptr ? value->text : "";
-    };
-    for (const auto& [path, field, kind] : kPairs) {
-        const bool isOfMember = std::string_view(path).starts_with("linkinfo.info_slave_data");
-        if (kind != nullptr &&
-            textAt(isOfMember ? "linkinfo.info_slave_kind" : "linkinfo.info_kind") != kind) {
-            continue;
-        }
-        const JsonValue* value = Within(link, path);
-        const std::string our = OurText(interface, field, value);
-        std::string their = value != nullptr ? Lower(value->text) : "";
-        if (value != nullptr && value->kind == JsonValue::kFlag) their = value->flag ? "1" : "0";
-        // What ip leaves out, or shows for none.
-        if (field == KEMD_NET_GROUP && their == "default") their = "0";
-        if (field == KEMD_NET_KIND && (their.empty() || our == "tap")) their = our;
-        if (field == KEMD_NET_MAX_MTU && their == "0") their = "";
-        if (field == KEMD_NET_PERMANENT_MAC && value == nullptr) their = textAt("address");
-        if (field == KEMD_NET_PERMANENT_MAC && our.empty()) continue;
-        if (kind != nullptr && std::string_view(kind) == "vxlan" && value == nullptr) {
-            their = textAt(path + std::string("6"));
-            if (field == KEMD_NET_VXLAN_REMOTE && their.empty()) {
-                their = textAt("linkinfo.info_data.group");
-            }
-        }
-        if (value == nullptr && our == "0") their = "0";
-        Same(their, our, path);
+    for (const Pair& pair : kPairs) {
+        const bool isOfMember = std::string_view(pair.path).starts_with("linkinfo.info_slave_data");
+        const std::string kind =
+            TextAt(link, isOfMember ? "linkinfo.info_slave_kind" : "linkinfo.info_kind");
+        if (pair.kind != nullptr && pair.kind != kind) continue;
+        const std::string our = OurText(interface, pair.field, Within(link, pair.path));
+        Same(TheirText(link, pair, our), our, pair.path);
     }
     const JsonValue* names = link.Find("altnames");
     const auto ours = interface.List(KEMD_NETWORK_ALTERNATIVE_NAMES);
@@ -490,35 +500,43 @@ std::string RouteLine(const JsonValue& route, const JsonValue& hop) {
     return line;
 }
 
+std::string RouteLine(const KemdNetworkRoute& route, InterfaceView interface) {
+    std::string line =
+        std::to_string(route.type) + " table " + std::to_string(route.table) + " metric " +
+        std::to_string(route.metric) + " proto " + std::to_string(route.protocol) + " scope " +
+        std::to_string(route.scope) + " src " +
+        (route.hasSource != 0 ? AddressText(route.family, route.source) : "") + " dev " +
+        (interface ? interface.TextOr(KEMD_NET_NAME) : "") + " via " +
+        AddressText(route.gatewayFamily, route.gateway) + " weight " + std::to_string(route.weight);
+    for (const auto& [flag, word] : kRouteFlags) {
+        if ((route.flags & flag) != 0) line.append(" ").append(word);
+    }
+    return line;
+}
+
+void AddRouteLines(const JsonValue& routes, std::vector<std::string>& lines) {
+    for (const JsonValue& route : routes.elements) {
+        if (route.Find("from") != nullptr) continue;  // not for every packet
+        const JsonValue* hops = route.Find("nexthops");
+        if (hops == nullptr) {
+            lines.push_back(RouteLine(route, route));
+            continue;
+        }
+        for (const JsonValue& hop : hops->elements) lines.push_back(RouteLine(route, hop));
+    }
+}
+
 void NetworkComparison::CompareRoutes() {
     std::vector<std::string> their;
     for (const char* family : {"-4", "-6"}) {
-        ASSERT_NO_FATAL_FAILURE(TakeWith(
-            std::string("/usr/sbin/ip -N -j -d ") + family + " route show table all default",
-            KEMD_NETWORK_ROUTES));
-        for (const JsonValue& route : Json(theirs).elements) {
-            if (route.Find("from") != nullptr) continue;  // not for every packet
-            const JsonValue* hops = route.Find("nexthops");
-            if (hops == nullptr) their.push_back(RouteLine(route, route));
-            for (const JsonValue& hop : hops != nullptr ? hops->elements : std::vector<JsonValue>())
-                their.push_back(RouteLine(route, hop));
-        }
+        TakeWith(std::string("/usr/sbin/ip -N -j -d ") + family + " route show table all default",
+                 KEMD_NETWORK_ROUTES);
+        if (HasFatalFailure()) return;
+        AddRouteLines(Json(theirs), their);
     }
     std::vector<std::string> ours;
     for (const auto& route : view->Routes()) {
-        const InterfaceView interface = view->ByIndex(route.interface);
-        std::string line = std::to_string(route.type) + " table " + std::to_string(route.table) +
-                           " metric " + std::to_string(route.metric) + " proto " +
-                           std::to_string(route.protocol) + " scope " +
-                           std::to_string(route.scope) + " src " +
-                           (route.hasSource != 0 ? AddressText(route.family, route.source) : "") +
-                           " dev " + (interface ? interface.TextOr(KEMD_NET_NAME) : "") + " via " +
-                           AddressText(route.gatewayFamily, route.gateway) + " weight " +
-                           std::to_string(route.weight);
-        for (const auto& [flag, word] : kRouteFlags) {
-            if ((route.flags & flag) != 0) line.append(" ").append(word);
-        }
-        ours.push_back(line);
+        ours.push_back(Ascii(RouteLine(route, view->ByIndex(route.interface))));
     }
     std::sort(their.begin(), their.end());
     std::sort(ours.begin(), ours.end());

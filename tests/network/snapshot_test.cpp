@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 #include <linux/capability.h>
 #include <linux/if_addr.h>
+#include <linux/if_link.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
@@ -10,6 +11,7 @@
 #include <atomic>
 #include <thread>
 
+#include "network/netlink_socket.h"
 #include "tests/network/network_world.h"
 
 static std::atomic<bool> isGenericRefused{false};
@@ -289,27 +291,37 @@ TEST_F(NetworkTest, TheIoctlAnswersWhereNetlinkDoesNot) {
     EXPECT_FALSE(ioctl.Notes().empty());
 }
 
+TEST_F(NetworkTest, TheKernelsReasonIsInTheError) {
+    NetlinkSocket socket;
+    ASSERT_EQ(socket.Open(NETLINK_ROUTE), 0);
+    NetlinkRequest request("making a link", RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL);
+    request.AddHeader(ifinfomsg{});
+    const size_t info = request.Begin(IFLA_LINKINFO);
+    request.Add(IFLA_INFO_KIND, "nonsense");
+    request.End(info);
+    EXPECT_EQ(socket.Ask(request, [](const NetlinkMessage&) {}), EOPNOTSUPP);
+    EXPECT_EQ(socket.ErrorText(), "making a link: Operation not supported (Unknown device type)");
+}
+
 // Interfaces come and go while snapshots are taken: each shows one moment, or says that it does
 // not.
 TEST_F(NetworkTest, ManyInterfacesThatChange) {
     constexpr int kPairs = 1000;
-    std::string commands;
+    std::ostringstream commands;
     for (int i = 0; i < kPairs; ++i) {
-        const std::string number = std::to_string(i);
-        commands += "link add a" + number + " type veth peer name b" + number + "\n";
-        for (const char* host : {"1", "2", "3", "4", "5", "6", "7", "8", "9", "10"}) {
-            commands.append("addr add 10.").append(std::to_string(i / 250)).append(".");
-            commands.append(std::to_string(i % 250)).append(".").append(host);
-            commands.append("/24 dev a").append(number).append("\n");
+        commands << "link add a" << i << " type veth peer name b" << i << "\n";
+        for (int host = 1; host <= 10; ++host) {
+            commands << "addr add 10." << i / 250 << "." << i % 250 << "." << host << "/24 dev a"
+                     << i << "\n";
         }
     }
     // lo, and what a kernel with tunnels puts into each name space.
     const size_t others = Take(0).Interfaces().size();
-    ASSERT_TRUE(Ip(commands)) << ReadFile("/tmp/ip.out");
+    ASSERT_TRUE(Ip(commands.str())) << ReadFile("/tmp/ip.out");
     std::atomic<bool> isDone{false};
     std::thread changes([&] {
         std::string flaps;
-        for (int i = 0; i < 300; ++i) {
+        for (int i = 0; i < 100; ++i) {
             flaps += "link add x0 type veth peer name x1\naddr add 172.16.0.1/24 dev x0\n";
             // Making an interface takes the kernel long: so some 1,000 changes a second.
             for (int flap = 0; flap < 20; ++flap) flaps += "link set a0 up\nlink set a0 down\n";
@@ -324,7 +336,7 @@ TEST_F(NetworkTest, ManyInterfacesThatChange) {
         if (KemdNetworkIsConsistent(view.Get()) == 0) continue;
         ++consistent;
         const size_t count = view.Interfaces().size();
-        const size_t more = count - others - 2 * kPairs;
+        const size_t more = count - others - 2UL * kPairs;
         EXPECT_TRUE(more == 0 || more == 2) << count;
         EXPECT_EQ(view.ByName("a249").Addresses().size(), 10U);
         EXPECT_EQ(static_cast<bool>(view.ByName("x0")), static_cast<bool>(view.ByName("x1")));
