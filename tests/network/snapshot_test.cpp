@@ -75,116 +75,48 @@ TEST_P(NetworkKindTest, IsShownAsItWasMade) {
 
 INSTANTIATE_TEST_SUITE_P(
     Kernel, NetworkKindTest,
-    testing::Values(
-        KindCase{"Loopback",
-                 "",
-                 "lo",
-                 {{KEMD_NET_KIND, "loopback"},
-                  {KEMD_NET_TYPE, "loopback"},
-                  {KEMD_NET_INDEX, "1"},
-                  {KEMD_NET_OPER_STATE, "down"},
-                  {KEMD_NET_FLAGS, "loopback"},
-                  {KEMD_NET_MASTER, "absent"},
-                  {KEMD_NET_DRIVER, "absent"}}},
-        KindCase{"Veth",
-                 "link set p0 mtu 1400 address 02:00:00:00:00:01 alias uplink txqueuelen 7\n"
-                 "link set p0 up\nlink set p1 up",
-                 "p0",
-                 {{KEMD_NET_KIND, "veth"},
-                  {KEMD_NET_PARENT, "p1"},
-                  {KEMD_NET_MTU, "1400"},
-                  {KEMD_NET_MIN_MTU, "68"},
-                  {KEMD_NET_MAX_MTU, "65535"},
-                  {KEMD_NET_CARRIER, "1"},
-                  {KEMD_NET_MAC, "02:00:00:00:00:01"},
-                  {KEMD_NET_BROADCAST, "ff:ff:ff:ff:ff:ff"},
-                  {KEMD_NET_ALIAS, "uplink"},
-                  {KEMD_NET_QUEUE_LENGTH, "7"},
-                  {KEMD_NET_OPER_STATE, "up"},
-                  {KEMD_NET_DRIVER, "veth"},
-                  {KEMD_NET_SPEED, "10000"},
-                  {KEMD_NET_DUPLEX, "full"},
-                  {KEMD_NET_AUTO_NEGOTIATION, "0"},
-                  {KEMD_NET_PORT, "twisted pair"},
-                  {KEMD_NET_LINK_DETECTED, "1"},
-                  {KEMD_NET_CHANNELS_RX, "1"},
-                  {KEMD_NET_BUS_ADDRESS, "absent"},
-                  {KEMD_NET_FLAGS, "up broadcast running multicast lower_up"}}},
-        KindCase{"Bridge",
-                 "link add b0 type bridge stp_state 1 priority 4096",
-                 "b0",
-                 {{KEMD_NET_KIND, "bridge"},
-                  {KEMD_NET_BRIDGE_STP, "kernel"},
-
-                  {KEMD_NET_BRIDGE_PRIORITY, "4096"}}},
-        KindCase{"BridgePort",
-                 "link add b0 type bridge\nlink set p0 master b0\n"
-                 "link set p0 type bridge_slave cost 77",
-                 "p0",
-                 {{KEMD_NET_MASTER, "b0"},
-                  {KEMD_NET_MEMBER_KIND, "bridge"},
-                  {KEMD_NET_BRIDGE_PORT_STATE, "disabled"},
-                  {KEMD_NET_BRIDGE_PORT_COST, "77"},
-                  {KEMD_NET_PROMISCUITY, "1"}}},
-        KindCase{
-            "Macvlan",
-            "link add link p0 name m0 type macvlan mode vepa",
-            "m0",
-            {{KEMD_NET_KIND, "macvlan"}, {KEMD_NET_PARENT, "p0"}, {KEMD_NET_MACVLAN_MODE, "vepa"}}},
-        KindCase{
-            "Vxlan",
-            "link add x0 type vxlan id 77 dstport 4789 remote 192.0.2.9 local 192.0.2.1 dev p0",
-            "x0",
-            {{KEMD_NET_KIND, "vxlan"},
-             {KEMD_NET_VXLAN_ID, "77"},
-             {KEMD_NET_VXLAN_PORT, "4789"},
-             {KEMD_NET_VXLAN_REMOTE, "192.0.2.9"},
-             {KEMD_NET_VXLAN_LOCAL, "192.0.2.1"}}},
-        KindCase{"Tap",
-                 "tuntap add t0 mode tap user 0",
-                 "t0",
-                 {{KEMD_NET_KIND, "tap"},
-                  {KEMD_NET_TUN_OWNER, "0"},
-                  {KEMD_NET_TUN_GROUP, "absent"},
-                  {KEMD_NET_TUN_PERSISTENT, "1"}}},
-        KindCase{"Tun",
-                 "tuntap add t0 mode tun",
-                 "t0",
-                 {{KEMD_NET_KIND, "tun"}, {KEMD_NET_TYPE, "none"}, {KEMD_NET_MAC, "absent"}}},
-        KindCase{"Dummy", "link add d0 type dummy", "d0", {{KEMD_NET_KIND, "dummy"}}},
-        KindCase{
-            "Ipvlan",
-            "link add link p0 name i0 type ipvlan mode l3",
-            "i0",
-            {{KEMD_NET_KIND, "ipvlan"}, {KEMD_NET_PARENT, "p0"}, {KEMD_NET_IPVLAN_MODE, "l3"}}},
-        KindCase{"Vrf",
-                 "link add v0 type vrf table 10",
-                 "v0",
-                 {{KEMD_NET_KIND, "vrf"}, {KEMD_NET_VRF_TABLE, "10"}}},
-        KindCase{"Bond",
-                 "link add o0 type bond mode active-backup\nlink set o0 up\nlink set p1 up\n"
-                 "link set p0 master o0",
-                 "o0",
-                 {{KEMD_NET_KIND, "bond"},
-                  {KEMD_NET_BOND_MODE, "active-backup"},
-                  {KEMD_NET_BOND_MIIMON, "0"},
-                  {KEMD_NET_BOND_ACTIVE, "p0"}}},
-        KindCase{"BondMember",
-                 "link add o0 type bond mode 802.3ad lacp_rate fast\n"
-                 "link set p0 address 02:00:00:00:00:05\nlink set p0 master o0\n"
-                 "link set o0 address 02:00:00:00:00:06",
-                 "p0",
-                 {{KEMD_NET_MEMBER_KIND, "bond"},
-                  {KEMD_NET_BOND_MEMBER_STATE, "backup"},
-                  {KEMD_NET_BOND_MEMBER_MAC, "02:00:00:00:00:05"}}},
-        KindCase{"VlanOnBond",
-                 "link add o0 type bond mode balance-xor xmit_hash_policy layer3+4\n"
-                 "link add link o0 name o0.7 type vlan id 7 protocol 802.1ad",
-                 "o0.7",
-                 {{KEMD_NET_KIND, "vlan"},
-                  {KEMD_NET_PARENT, "o0"},
-                  {KEMD_NET_VLAN_ID, "7"},
-                  {KEMD_NET_VLAN_PROTOCOL, "802.1ad"}}}),
+    testing::Values(KindCase{"Loopback",
+                             "",
+                             "lo",
+                             {{KEMD_NET_KIND, "loopback"},
+                              {KEMD_NET_TYPE, "loopback"},
+                              {KEMD_NET_INDEX, "1"},
+                              {KEMD_NET_OPER_STATE, "down"},
+                              {KEMD_NET_FLAGS, "loopback"},
+                              {KEMD_NET_MASTER, "absent"},
+                              {KEMD_NET_DRIVER, "absent"}}},
+                    KindCase{
+                        "Veth",
+                        "link set p0 mtu 1400 address 02:00:00:00:00:01 alias uplink txqueuelen 7\n"
+                        "link set p0 up\nlink set p1 up",
+                        "p0",
+                        {{KEMD_NET_KIND, "veth"},
+                         {KEMD_NET_PARENT, "p1"},
+                         {KEMD_NET_MTU, "1400"},
+                         {KEMD_NET_MIN_MTU, "68"},
+                         {KEMD_NET_MAX_MTU, "65535"},
+                         {KEMD_NET_CARRIER, "1"},
+                         {KEMD_NET_MAC, "02:00:00:00:00:01"},
+                         {KEMD_NET_BROADCAST, "ff:ff:ff:ff:ff:ff"},
+                         {KEMD_NET_ALIAS, "uplink"},
+                         {KEMD_NET_QUEUE_LENGTH, "7"},
+                         {KEMD_NET_OPER_STATE, "up"},
+                         {KEMD_NET_DRIVER, "veth"},
+                         {KEMD_NET_SPEED, "10000"},
+                         {KEMD_NET_DUPLEX, "full"},
+                         {KEMD_NET_AUTO_NEGOTIATION, "0"},
+                         {KEMD_NET_PORT, "twisted pair"},
+                         {KEMD_NET_LINK_DETECTED, "1"},
+                         {KEMD_NET_CHANNELS_RX, "1"},
+                         {KEMD_NET_BUS_ADDRESS, "absent"},
+                         {KEMD_NET_FLAGS, "up broadcast running multicast lower_up"}}},
+                    KindCase{"Tap",
+                             "tuntap add t0 mode tap user 0",
+                             "t0",
+                             {{KEMD_NET_KIND, "tap"},
+                              {KEMD_NET_TUN_OWNER, "0"},
+                              {KEMD_NET_TUN_GROUP, "absent"},
+                              {KEMD_NET_TUN_PERSISTENT, "1"}}}),
     [](const auto& kind) { return std::string(kind.param.name); });
 
 TEST_F(NetworkTest, NamesAreTheKernelsBytes) {
@@ -317,7 +249,7 @@ TEST_F(NetworkTest, AnotherNameSpaceAndWithoutRights) {
     const UniqueFd first = NameSpace();
     ASSERT_EQ(unshare(CLONE_NEWNET), 0);
     EXPECT_FALSE(Take().ByName("p0"));
-    EXPECT_EQ(Take().Interfaces().size(), 1U);  // lo
+    EXPECT_TRUE(Take().ByName("lo"));
     EXPECT_EQ(Take(KEMD_NETWORK_ALL, first.Get()).ByName("p0").TextOr(KEMD_NET_DRIVER), "veth");
     KemdNetwork* network = nullptr;
     const UniqueFd wrong(open("/tmp", O_RDONLY | O_CLOEXEC));
@@ -383,14 +315,17 @@ TEST_F(NetworkTest, ManyInterfacesThatChange) {
                      << i << "\n";
         }
     }
+    // lo, and what a kernel with tunnels puts into each name space.
+    const size_t others = Take(0).Interfaces().size();
     ASSERT_TRUE(Ip(commands.str())) << ReadFile("/tmp/ip.out");
     std::atomic<bool> isDone{false};
     std::thread changes([&] {
         std::string flaps;
-        for (int i = 0; i < 300; ++i) {
-            flaps +=
-                "link add x0 type veth peer name x1\naddr add 172.16.0.1/24 dev x0\n"
-                "link set a0 up\nlink set a0 down\nlink del x0\n";
+        for (int i = 0; i < 100; ++i) {
+            flaps += "link add x0 type veth peer name x1\naddr add 172.16.0.1/24 dev x0\n";
+            // Making an interface takes the kernel long: so some 1,000 changes a second.
+            for (int flap = 0; flap < 20; ++flap) flaps += "link set a0 up\nlink set a0 down\n";
+            flaps += "link del x0\n";
         }
         EXPECT_TRUE(Ip(flaps)) << ReadFile("/tmp/ip.out");
         isDone = true;
@@ -401,7 +336,8 @@ TEST_F(NetworkTest, ManyInterfacesThatChange) {
         if (KemdNetworkIsConsistent(view.Get()) == 0) continue;
         ++consistent;
         const size_t count = view.Interfaces().size();
-        EXPECT_TRUE(count == 2 * kPairs + 1 || count == 2 * kPairs + 3) << count;
+        const size_t more = count - others - 2UL * kPairs;
+        EXPECT_TRUE(more == 0 || more == 2) << count;
         EXPECT_EQ(view.ByName("a249").Addresses().size(), 10U);
         EXPECT_EQ(static_cast<bool>(view.ByName("x0")), static_cast<bool>(view.ByName("x1")));
     } while (!isDone);

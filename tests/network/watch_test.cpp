@@ -160,4 +160,22 @@ TEST_F(NetworkWatchTest, StopsAndPollsInAnotherNameSpace) {
     EXPECT_EQ(KemdNetworkWatchWait(watch.get(), KEMD_WAIT_FOREVER), ECANCELED);
 }
 
+// Nothing but the watch holds the name space any more: it goes on, and lets go in the end.
+TEST_F(NetworkWatchTest, NameSpaceDeletedWhileItIsWatched) {
+    UniqueFd deleted = NameSpace();
+    ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+    const std::string here = std::to_string(gettid());
+    std::thread([&] {
+        ASSERT_EQ(setns(deleted.Get(), CLONE_NEWNET), 0);
+        ASSERT_TRUE(Ip("link add p0 type veth peer name p1 netns " + here));
+    }).join();
+    Open(KEMD_NETWORK_ALL, deleted.Get());
+    deleted.Reset();
+    EXPECT_EQ(KemdNetworkWatchWait(watch.get(), 0), ETIMEDOUT);
+    ASSERT_TRUE(Ip("link set p1 up\nlink del p1"));
+    EXPECT_TRUE(Sees("p0 down 0 > -: removed")) << lines;
+    ASSERT_TRUE(Ip("link add p2 type veth peer name p3"));
+    EXPECT_EQ(KemdNetworkWatchWait(watch.get(), 0), ETIMEDOUT) << lines;
+}
+
 }  // namespace
