@@ -151,6 +151,11 @@ void Outgrow() {
     for (;;) *static_cast<volatile char*>(std::make_unique<char[]>(1 << 20).release()) = 1;
 }
 
+// Of the module: a thread that begins with the C library's function would name none.
+void Abort() {
+    abort();
+}
+
 void Uncaught() {
     Throw();
 }
@@ -194,7 +199,7 @@ const std::map<std::string, int (*)()> kActions = {
     {"late", Detach<EndLate>},
     {"leaks", Detach<Leak>},
     {"uncaught", Detach<Uncaught>},
-    {"aborts", Detach<abort>},
+    {"aborts", Detach<Abort>},
     {"crowd", Crowd},
     {"held", Keep<Work>},
     {"unjoined", Keep<Pause>},
