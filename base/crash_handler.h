@@ -13,9 +13,6 @@
 #include <cstddef>
 #include <string_view>
 
-// With its line feed. Leaves room in a write of PIPE_BUF bytes for a head.
-inline constexpr size_t kMostCrashLine = 3584;
-
 // Both are called in the handler and must be async-signal-safe.
 struct CrashTarget {
     // Takes the line, which ends with a line feed.

@@ -7,7 +7,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "base/crash_handler.h"
+// With its line feed. Leaves room in a write of PIPE_BUF bytes for a head.
+inline constexpr size_t kMostCrashLine = 3584;
 
 // JSON that is put together without memory. What does not fit is left out as a whole.
 class CrashLine {

@@ -14,7 +14,7 @@
 #include <cstring>
 
 #include "base/cancel_guard.h"
-#include "base/crash_handler.h"
+#include "base/crash_line.h"
 #include "base/isolated_protocol.h"
 #include "trace/debug.h"
 #include "trace/record.h"

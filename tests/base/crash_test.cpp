@@ -13,6 +13,7 @@
 
 #include "base/crash_file.h"
 #include "base/crash_handler.h"
+#include "base/crash_line.h"
 #include "base/paths.h"
 #include "tests/world.h"
 
