@@ -81,6 +81,13 @@ TEST_F(NetworkWatchTest, EachChangeWithBeforeAndAfter) {
         {"addr add 192.0.2.1/24 dev p0", "p0 up 0 > p0 up 1: address"},
         {"route add default via 192.0.2.2 metric 5", "- > p0 up 1: route to 2"},
         {"route replace default via 192.0.2.3 metric 5", "p0 up 1 > p0 up 1: route from 5 to 3"},
+        // The kernel does not report routes that go with the last address or with their next hop.
+        {"addr del 192.0.2.1/24 dev p0", "p0 up 0 > -: route from 5"},
+        {"addr add 192.0.2.1/24 dev p0", "p0 up 0 > p0 up 1: address"},
+        {"nexthop add id 5 via 192.0.2.9 dev p0\nroute add default nhid 5 metric 5",
+         "- > p0 up 1: route to 9"},
+        {"nexthop del id 5", "p0 up 1 > -: route from 5"},
+        {"route add default via 192.0.2.3 metric 5", "- > p0 up 1: route to 3"},
         {"link set p0 master b0", "p0 up 1 > p0 up 1: master other"},
         {"link set p0 nomaster", "p0 up 1 > p0 up 1: master other"},
         {"link property add dev p0 altname second", "p0 up 1 > p0 up 1: other"},
