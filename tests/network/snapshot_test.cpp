@@ -15,6 +15,8 @@
 #include "tests/network/network_world.h"
 
 static std::atomic<bool> isGenericRefused{false};
+static std::atomic<int> interruptions{0};  // of dumps
+static std::atomic<bool> isOverflowing{false};
 
 // Before libc's: a kernel without generic netlink.
 extern "C" int socket(int domain, int type, int protocol) noexcept {
@@ -23,6 +25,26 @@ extern "C" int socket(int domain, int type, int protocol) noexcept {
         return -1;
     }
     return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
+}
+
+// Before libc's: a kernel whose tables change during a dump, or that loses a message.
+extern "C" ssize_t recvfrom(int fd, void* buffer, size_t size, int flags, sockaddr* from,
+                            socklen_t* fromSize) {
+    const ssize_t received = syscall(SYS_recvfrom, fd, buffer, size, flags, from, fromSize);
+    nlmsghdr header{};
+    if (received < static_cast<ssize_t>(sizeof header)) return received;
+    memcpy(&header, buffer, sizeof header);
+    if ((header.nlmsg_flags & NLM_F_MULTI) == 0) return received;
+    if (isOverflowing.exchange(false)) {
+        errno = ENOBUFS;
+        return -1;
+    }
+    if (interruptions > 0) {
+        --interruptions;
+        header.nlmsg_flags |= NLM_F_DUMP_INTR;
+        memcpy(buffer, &header, sizeof header);
+    }
+    return received;
 }
 
 namespace {
@@ -357,6 +379,36 @@ TEST_F(NetworkTest, TheIoctlAnswersWhereNetlinkDoesNot) {
     EXPECT_EQ(state(netlink), state(ioctl));
     EXPECT_NE(state(ioctl).find("veth"), std::string::npos);
     EXPECT_FALSE(ioctl.Notes().empty());
+}
+
+TEST_F(NetworkTest, DumpsThatAreInterrupted) {
+    std::string commands;
+    for (int i = 0; i < 100; ++i) commands += "link add type veth\n";
+    ASSERT_TRUE(Ip(commands)) << ReadFile("/tmp/ip.out");
+    for (const int count : {0, 5, 1000000}) {
+        interruptions = count;
+        const NetworkView view = Take(KEMD_NETWORK_ADDRESSES);
+        interruptions = 0;
+        EXPECT_EQ(KemdNetworkIsConsistent(view.Get()), count < 1000000 ? 1 : 0);
+        EXPECT_EQ(view.Interfaces().size(), 201U);
+    }
+    isOverflowing = true;
+    EXPECT_EQ(Take(0).Interfaces().size(), 201U);
+    EXPECT_FALSE(isOverflowing);
+
+    // What one request did not read does not disturb the next.
+    NetlinkSocket socket;
+    ASSERT_EQ(socket.Open(NETLINK_ROUTE), 0);
+    NetlinkRequest request("reading", RTM_GETLINK, NLM_F_DUMP);
+    request.AddHeader(ifinfomsg{});
+    size_t links = 0;
+    EXPECT_THROW((void)socket.Dump(
+                     request, [] {}, [](const NetlinkMessage&) { throw std::bad_alloc(); }),
+                 std::bad_alloc);
+    EXPECT_EQ(socket.Dump(
+                  request, [] {}, [&](const NetlinkMessage&) { ++links; }),
+              0);
+    EXPECT_EQ(links, 201U);
 }
 
 TEST_F(NetworkTest, TheKernelsReasonIsInTheError) {
