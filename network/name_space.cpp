@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <new>
 #include <system_error>
 #include <thread>
 
@@ -25,8 +26,12 @@ int RunInNameSpace(int nameSpace, const std::function<int()>& work) {
     try {
         // A thread of its own: one that had to go back could fail to.
         std::thread([&] {
-            error = setns(nameSpace, CLONE_NEWNET) == 0 ? 0 : errno;
-            if (error == 0) error = work();
+            try {
+                error = setns(nameSpace, CLONE_NEWNET) == 0 ? 0 : errno;
+                if (error == 0) error = work();
+            } catch (const std::bad_alloc&) {
+                error = ENOMEM;  // beyond the thread it would end the process
+            }
         }).join();
     } catch (const std::system_error&) {
         return EAGAIN;

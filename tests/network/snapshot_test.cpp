@@ -11,6 +11,7 @@
 #include <atomic>
 #include <thread>
 
+#include "network/name_space.h"
 #include "network/netlink_socket.h"
 #include "tests/network/network_world.h"
 
@@ -344,6 +345,9 @@ TEST_F(NetworkTest, AnotherNameSpaceAndWithoutRights) {
     KemdNetwork* network = nullptr;
     const UniqueFd wrong(open("/tmp", O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(KemdNetworkOpen(&network, wrong.Get()), EINVAL);
+
+    // No memory there is an error here.
+    EXPECT_EQ(RunInNameSpace(first.Get(), []() -> int { throw std::bad_alloc(); }), ENOMEM);
 
     const UniqueFd here = NameSpace();
     ASSERT_TRUE(Ip("link add p2 type veth peer name p3\nlink add p4 type veth peer name p5 netns " +
