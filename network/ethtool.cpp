@@ -144,6 +144,7 @@ void Ethtool::ReadOne(KemdNetworkInterface& interface, uint32_t parts) {
             ReadEthtool(query.command, message.payload, interface);
         });
     }
+    if ((parts & KEMD_NETWORK_MODULE) != 0) ReadModule(interface);
 }
 
 int Ethtool::ReadEeprom(uint32_t index, uint8_t page, uint32_t offset, uint32_t length,

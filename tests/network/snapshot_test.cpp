@@ -353,6 +353,19 @@ TEST_F(NetworkTest, AnotherNameSpaceAndWithoutRights) {
     ASSERT_TRUE(Ip("link add p2 type veth peer name p3\nlink add p4 type veth peer name p5 netns " +
                    std::to_string(gettid()) + "\nlink set p5 up\nlink set p4 up"));
     std::thread([&] {
+        int error = 0;
+        KemdNetworkWatch* watch = nullptr;
+        ASSERT_EQ(KemdNetworkWatchOpen(
+                      &watch, KEMD_NETWORK_HERE, KEMD_NETWORK_ALL,
+                      [](void* user, const KemdNetworkChange* change) {
+                          uint64_t type = 0;
+                          *static_cast<int*>(user) =
+                              KemdNetworkNumber(change->after, KEMD_NET_MODULE_TYPE, &type);
+                      },
+                      &error),
+                  0);
+        const NetworkWatchHandle closer(watch);
+        ASSERT_TRUE(Ip("link add p6 type veth peer name p7"));
         DropRights();
         EXPECT_EQ(KemdNetworkOpen(&network, first.Get()), EPERM);
         const NetworkView view = Take(KEMD_NETWORK_ALL, here.Get());
@@ -364,6 +377,9 @@ TEST_F(NetworkTest, AnotherNameSpaceAndWithoutRights) {
         EXPECT_EQ(view.Notes(), std::vector<std::string>{"wake-on-LAN: Operation not permitted"});
         uint64_t type = 0;
         EXPECT_EQ(KemdNetworkNumber(view.ByName("p2").Get(), KEMD_NET_MODULE_TYPE, &type), EPERM);
+        // The same of an interface that appeared.
+        EXPECT_EQ(KemdNetworkWatchWait(watch, 20000), 0);
+        EXPECT_EQ(error, EPERM);
     }).join();
 }
 
