@@ -227,11 +227,14 @@ int KemdNetworkWatch::ReadMonitor() {
         const int error = m_monitor.Receive(bytes, MSG_DONTWAIT);
         if (error == ENOBUFS) return Resynchronise();
         if (error != 0) return error == EAGAIN ? 0 : error;
+        // Until it is applied: memory may run out.
+        m_hasMissed = true;
         ForEachMessage(bytes, [this](const NetlinkMessage& message) {
             const auto header = HeaderOf<genlmsghdr>(message.payload);
             if (header && header->cmd == ETHTOOL_MSG_LINKMODES_NTF) OnSpeed(message.payload);
             return true;
         });
+        m_hasMissed = false;
     }
 }
 
