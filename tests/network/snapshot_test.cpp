@@ -18,6 +18,7 @@
 static std::atomic<bool> isGenericRefused{false};
 static std::atomic<int> interruptions{0};  // of dumps
 static std::atomic<bool> isOverflowing{false};
+static std::atomic<bool> isDriverFailing{false};
 
 // Before libc's: a kernel without generic netlink.
 extern "C" int socket(int domain, int type, int protocol) noexcept {
@@ -43,8 +44,14 @@ extern "C" ssize_t recvfrom(int fd, void* buffer, size_t size, int flags, sockad
     if (interruptions > 0) {
         --interruptions;
         header.nlmsg_flags |= NLM_F_DUMP_INTR;
-        memcpy(buffer, &header, sizeof header);
     }
+    // The answers of ethtool, where the links are all that rtnetlink is asked for.
+    if (isDriverFailing && header.nlmsg_type > RTM_NEWLINK) {
+        const int error = -ENODEV;
+        header.nlmsg_type = NLMSG_DONE;
+        memcpy(static_cast<char*>(buffer) + sizeof header, &error, sizeof error);
+    }
+    memcpy(buffer, &header, sizeof header);
     return received;
 }
 
@@ -412,6 +419,13 @@ TEST_F(NetworkTest, DumpsThatAreInterrupted) {
         EXPECT_EQ(KemdNetworkIsConsistent(view.Get()), count < 1000000 ? 1 : 0);
         EXPECT_EQ(view.Interfaces().size(), 201U);
     }
+    // A driver that fails ends ethtool's dump, and takes nothing from the other interfaces.
+    isDriverFailing = true;
+    const NetworkView view = Take(KEMD_NETWORK_HARDWARE);
+    isDriverFailing = false;
+    EXPECT_EQ(view.ByName("veth0").TextOr(KEMD_NET_SPEED), "10000");
+    EXPECT_EQ(view.ByName("veth199").TextOr(KEMD_NET_PORT), "twisted pair");
+    EXPECT_TRUE(view.Notes().empty());
     isOverflowing = true;
     EXPECT_EQ(Take(0).Interfaces().size(), 201U);
     EXPECT_FALSE(isOverflowing);
