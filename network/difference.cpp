@@ -19,14 +19,32 @@ bool AreEqual(const Interface& a, const Interface& b, std::initializer_list<uint
                        [&](uint32_t field) { return a.Equals(b, field); });
 }
 
+// Each router advertisement renews the lifetimes.
+KemdNetworkAddress WithoutLifetimes(KemdNetworkAddress address) {
+    address.preferredSeconds = address.validSeconds = 0;
+    return address;
+}
+
+int Compare(const KemdNetworkAddress& a, const KemdNetworkAddress& b) {
+    const KemdNetworkAddress one = WithoutLifetimes(a);
+    const KemdNetworkAddress other = WithoutLifetimes(b);
+    return std::memcmp(&one, &other, sizeof one);
+}
+
+// In any order: a dump has them in that of the kernel, a watch in that of their arrival.
 bool HaveEqualAddresses(const Interface& a, const Interface& b) {
-    return std::equal(a.addresses.begin(), a.addresses.end(), b.addresses.begin(),
-                      b.addresses.end(), [](KemdNetworkAddress one, KemdNetworkAddress other) {
-                          // Each router advertisement renews them.
-                          one.preferredSeconds = other.preferredSeconds = 0;
-                          one.validSeconds = other.validSeconds = 0;
-                          return std::memcmp(&one, &other, sizeof one) == 0;
-                      });
+    const auto isSame = [](const auto& one, const auto& other) { return Compare(one, other) == 0; };
+    if (a.addresses.size() != b.addresses.size()) return false;
+    if (std::equal(a.addresses.begin(), a.addresses.end(), b.addresses.begin(), isSame)) {
+        return true;
+    }
+    auto ours = a.addresses;
+    auto theirs = b.addresses;
+    for (auto* addresses : {&ours, &theirs}) {
+        std::sort(addresses->begin(), addresses->end(),
+                  [](const auto& one, const auto& other) { return Compare(one, other) < 0; });
+    }
+    return std::equal(ours.begin(), ours.end(), theirs.begin(), isSame);
 }
 
 // Fields that have a bit of their own, or no meaning as a change.

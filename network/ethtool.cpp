@@ -105,24 +105,33 @@ void Ethtool::ReadNames() {
     m_names = names;
 }
 
-bool Ethtool::ReadAll(uint32_t parts, const Find& find, const OnError& onError) {
+void Ethtool::ReadAll(uint32_t parts, const KemdNetworkSnapshot& snapshot, const OnError& onError) {
     if ((parts & KEMD_NETWORK_SETTINGS) != 0) parts |= kWakePart;
-    bool isConsistent = true;
-    if (m_family == 0) onError(kWakePart, "ethtool's netlink family", EOPNOTSUPP);
-    if (m_family == 0) return true;
+    if (m_family == 0) return onError(kWakePart, "ethtool's netlink family", EOPNOTSUPP);
     for (const EthtoolQuery& query : kEthtoolQueries) {
         if ((parts & query.part) == 0) continue;
         NetlinkRequest request = Request(query.what, query.command, NLM_F_DUMP, 0);
         const int error = m_socket.Dump(
             request, [] {},
             [&](const NetlinkMessage& message) {
-                KemdNetworkInterface* interface = find(EthtoolIndex(message.payload));
+                KemdNetworkInterface* interface = snapshot.Find(EthtoolIndex(message.payload));
                 if (interface != nullptr) ReadEthtool(query.command, message.payload, *interface);
             });
-        if (error != 0) onError(query.part, query.what, error);
-        isConsistent = isConsistent && m_socket.IsConsistent();
+        if (error == 0) continue;
+        if (error == EOPNOTSUPP || error == EPERM || error == EACCES || error == ETIMEDOUT) {
+            onError(query.part, query.what, error);
+            continue;
+        }
+        // A single driver that fails ends the kernel's dump for all after it.
+        for (const auto& interface : snapshot.interfaces) AskOne(*interface, query);
     }
-    return isConsistent;
+}
+
+void Ethtool::AskOne(KemdNetworkInterface& interface, const EthtoolQuery& query) {
+    NetlinkRequest request = Request(query.what, query.command, 0, interface.Index());
+    (void)m_socket.Ask(request, [&](const NetlinkMessage& message) {
+        ReadEthtool(query.command, message.payload, interface);
+    });
 }
 
 void Ethtool::ReadByIoctl(KemdNetworkInterface& interface, uint32_t parts) const {
@@ -138,12 +147,9 @@ void Ethtool::ReadOne(KemdNetworkInterface& interface, uint32_t parts) {
     ReadByIoctl(interface, parts);
     if ((parts & KEMD_NETWORK_SETTINGS) != 0) parts |= kWakePart;
     for (const EthtoolQuery& query : kEthtoolQueries) {
-        if ((parts & query.part) == 0 || m_family == 0) continue;
-        NetlinkRequest request = Request(query.what, query.command, 0, interface.Index());
-        (void)m_socket.Ask(request, [&](const NetlinkMessage& message) {
-            ReadEthtool(query.command, message.payload, interface);
-        });
+        if ((parts & query.part) != 0 && m_family != 0) AskOne(interface, query);
     }
+    if ((parts & KEMD_NETWORK_MODULE) != 0) ReadModule(interface);
 }
 
 int Ethtool::ReadEeprom(uint32_t index, uint8_t page, uint32_t offset, uint32_t length,

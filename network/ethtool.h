@@ -11,10 +11,12 @@
 #include "base/unique_fd.h"
 #include "network/interface.h"
 #include "network/netlink_socket.h"
+#include "network/snapshot.h"
+
+struct EthtoolQuery;
 
 class Ethtool {
   public:
-    using Find = std::function<KemdNetworkInterface*(uint32_t index)>;
     // What a part of a snapshot could not have.
     using OnError = std::function<void(uint32_t part, const char* what, int error)>;
 
@@ -23,8 +25,8 @@ class Ethtool {
     // The kernel's names, read once; empty without the netlink family.
     [[nodiscard]] const std::shared_ptr<const NameSets>& Names() const { return m_names; }
 
-    // `parts` of all interfaces at once. False when interfaces came and went meanwhile.
-    [[nodiscard]] bool ReadAll(uint32_t parts, const Find& find, const OnError& onError);
+    // `parts` of all interfaces at once.
+    void ReadAll(uint32_t parts, const KemdNetworkSnapshot& snapshot, const OnError& onError);
     // Driver and bus of one interface, and without the netlink family its link and settings.
     void ReadByIoctl(KemdNetworkInterface& interface, uint32_t parts) const;
     // `parts` of one interface, and what `ReadByIoctl` reads.
@@ -37,6 +39,7 @@ class Ethtool {
 
   private:
     [[nodiscard]] int FindFamily();
+    void AskOne(KemdNetworkInterface& interface, const EthtoolQuery& query);
     void ReadNames();
     [[nodiscard]] NetlinkRequest Request(const char* what, uint8_t command, uint16_t flags,
                                          uint32_t index) const;

@@ -27,6 +27,11 @@ void KemdNetworkInterface::SetText(uint32_t field, std::string_view text) {
 }
 
 void KemdNetworkInterface::SetError(uint32_t field, int error) {
+    for (auto& [owner, stored] : m_errors) {
+        if (owner != field) continue;
+        stored = error;
+        return;
+    }
     m_errors.emplace_back(field, error);
 }
 

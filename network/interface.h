@@ -47,7 +47,7 @@ struct KemdNetworkInterface {
 
     void Set(uint32_t field, uint64_t value);
     void SetText(uint32_t field, std::string_view text);
-    // As the value is absent for this interface alone.
+    // Why the value is absent, for this interface alone; in place of what was said before.
     void SetError(uint32_t field, int error);
     void Forget(uint32_t field) { m_known.reset(field); }
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <new>
 #include <system_error>
 #include <thread>
 
@@ -17,6 +18,14 @@ bool IsHere(int nameSpace) {
            wanted.st_dev == own.st_dev && wanted.st_ino == own.st_ino;
 }
 
+// In a thread of its own, beyond which an exception would end the process.
+int EnterAndRun(int nameSpace, const std::function<int()>& work) try {
+    if (setns(nameSpace, CLONE_NEWNET) != 0) return errno;
+    return work();
+} catch (const std::bad_alloc&) {
+    return ENOMEM;
+}
+
 }  // namespace
 
 int RunInNameSpace(int nameSpace, const std::function<int()>& work) {
@@ -24,10 +33,7 @@ int RunInNameSpace(int nameSpace, const std::function<int()>& work) {
     int error = 0;
     try {
         // A thread of its own: one that had to go back could fail to.
-        std::thread([&] {
-            error = setns(nameSpace, CLONE_NEWNET) == 0 ? 0 : errno;
-            if (error == 0) error = work();
-        }).join();
+        std::thread([&] { error = EnterAndRun(nameSpace, work); }).join();
     } catch (const std::system_error&) {
         return EAGAIN;
     }

@@ -89,7 +89,7 @@ int NetlinkSocket::Open(int protocol) {
     sockaddr_nl own{};
     own.nl_family = AF_NETLINK;
     if (bind(m_fd.Get(), reinterpret_cast<sockaddr*>(&own), sizeof own) != 0) return errno;
-    // Older kernels lack these: then errors have no text, and dumps are not filtered.
+    // Older kernels lack these: then errors have no text, and repeat the whole request.
     (void)SetOption(m_fd.Get(), SOL_NETLINK, NETLINK_EXT_ACK, 1);
     (void)SetOption(m_fd.Get(), SOL_NETLINK, NETLINK_CAP_ACK, 1);
     m_buffer.resize(kFirstBuffer);
@@ -100,7 +100,16 @@ int NetlinkSocket::Join(uint32_t group) {
     return SetOption(m_fd.Get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, group);
 }
 
+void NetlinkSocket::Drain() {
+    std::string_view bytes;
+    int error = 0;
+    do error = Receive(bytes, MSG_DONTWAIT);
+    while (error == 0 || error == ENOBUFS);
+    m_isAnswering = false;
+}
+
 int NetlinkSocket::Send(NetlinkRequest& request) {
+    if (m_isAnswering) Drain();
     nlmsghdr header{};
     std::memcpy(&header, request.m_bytes.data(), sizeof header);
     header.nlmsg_len = static_cast<uint32_t>(request.m_bytes.size());
@@ -110,11 +119,10 @@ int NetlinkSocket::Send(NetlinkRequest& request) {
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
     for (;;) {
-        if (sendto(m_fd.Get(), request.m_bytes.data(), request.m_bytes.size(), 0,
-                   reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) >= 0) {
-            return 0;
-        }
-        const int error = errno;
+        const ssize_t sent = sendto(m_fd.Get(), request.m_bytes.data(), request.m_bytes.size(), 0,
+                                    reinterpret_cast<sockaddr*>(&kernel), sizeof kernel);
+        const int error = sent < 0 ? errno : 0;
+        m_isAnswering = error == 0;
         if (error != EINTR) return error;
     }
 }
@@ -150,6 +158,7 @@ NetlinkSocket::Progress NetlinkSocket::Take(const NetlinkMessage& message, const
     if (isError || message.header.nlmsg_type == NLMSG_DONE) {
         error = isError ? -HeaderOf<int>(message.payload).value_or(-EBADMSG)
                         : -HeaderOf<int>(message.payload).value_or(0);
+        m_isAnswering = false;
         m_kernelText = KernelText(message);
         return Progress::kDone;
     }

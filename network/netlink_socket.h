@@ -74,11 +74,14 @@ class NetlinkSocket {
     [[nodiscard]] Progress Take(const NetlinkMessage& message, const Handler& onMessage,
                                 int& error);
     void Explain(const char* what, int error);
+    // The rest of an answer that was not read to its end: the kernel refuses a dump until then.
+    void Drain();
 
     UniqueFd m_fd;
     uint32_t m_sequence = 0;
     std::vector<char> m_buffer;
     bool m_isConsistent = true;
-    std::string m_kernelText;  // of the extended acknowledgement
+    bool m_isAnswering = false;  // a request was sent, the end of its answer not read
+    std::string m_kernelText;    // of the extended acknowledgement
     std::string m_errorText;
 };

@@ -116,11 +116,9 @@ int KemdNetwork::Take(uint32_t parts, KemdNetworkSnapshot& snapshot) {
     constexpr uint32_t kByEthtool =
         KEMD_NETWORK_HARDWARE | KEMD_NETWORK_SETTINGS | KEMD_NETWORK_STATISTICS;
     if ((parts & kByEthtool) != 0) {
-        (void)m_ethtool.ReadAll(
-            parts, [&](uint32_t index) { return snapshot.Find(index); },
-            [&](uint32_t part, const char* what, int error) {
-                snapshot.NoteError(part, what, error);
-            });
+        m_ethtool.ReadAll(parts, snapshot, [&](uint32_t part, const char* what, int error) {
+            snapshot.NoteError(part, what, error);
+        });
     }
     constexpr uint32_t kOneByOne =
         KEMD_NETWORK_HARDWARE | KEMD_NETWORK_SETTINGS | KEMD_NETWORK_MODULE;

@@ -47,11 +47,15 @@ int KemdNetworkWatch::OpenSockets() {
         if (error == 0 && (m_parts & part) == part) error = m_events.Join(group);
     };
     join(0, RTNLGRP_LINK);
-    join(KEMD_NETWORK_ADDRESSES, RTNLGRP_IPV4_IFADDR);
+    if ((m_parts & (KEMD_NETWORK_ADDRESSES | KEMD_NETWORK_ROUTES)) != 0) {
+        join(0, RTNLGRP_IPV4_IFADDR);
+    }
     join(KEMD_NETWORK_ADDRESSES, RTNLGRP_IPV6_IFADDR);
     join(KEMD_NETWORK_ROUTES, RTNLGRP_IPV4_ROUTE);
     join(KEMD_NETWORK_ROUTES, RTNLGRP_IPV6_ROUTE);
     if (error != 0) return error;
+    // Routes go with their next hop unreported. Before Linux 5.3 there are no such objects.
+    if ((m_parts & KEMD_NETWORK_ROUTES) != 0) (void)m_events.Join(RTNLGRP_NEXTHOP);
     // The first needs rights, the second is limited by the administrator.
     const int fd = m_events.Descriptor();
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBytes, sizeof kReceiveBytes) != 0) {
@@ -155,6 +159,10 @@ void KemdNetworkWatch::OnMessage(const NetlinkMessage& message) {
         case RTM_DELROUTE:
             m_areRoutesOld = m_areRoutesOld || IsDefaultRoute(message.payload);
             return;
+        case RTM_NEWNEXTHOP:
+        case RTM_DELNEXTHOP:
+            m_areRoutesOld = true;
+            return;
         default:
             return;
     }
@@ -173,12 +181,15 @@ void KemdNetworkWatch::OnLink(std::string_view payload) {
         after->functions = before->functions;
     }
     constexpr uint32_t kLinkChanges = KEMD_NETWORK_ADDED | KEMD_NETWORK_UP | KEMD_NETWORK_CARRIER;
-    if ((Difference(before.get(), after.get()) & kLinkChanges) != 0) {
+    // A VRF takes an interface without its routes.
+    constexpr uint32_t kRouteChanges = kLinkChanges | KEMD_NETWORK_MASTER;
+    const uint32_t what = Difference(before.get(), after.get());
+    if ((what & kLinkChanges) != 0) {
         const uint32_t parts = before == nullptr ? m_parts : m_parts & KEMD_NETWORK_HARDWARE;
         m_network.Hardware().ReadOne(*after, parts);
-        // The kernel does not report routes that go with their interface.
-        m_areRoutesOld = (m_parts & KEMD_NETWORK_ROUTES) != 0;
     }
+    // The kernel does not report routes that go with their interface.
+    if ((what & kRouteChanges) != 0) m_areRoutesOld = (m_parts & KEMD_NETWORK_ROUTES) != 0;
     Replace(before, after);
 }
 
@@ -194,6 +205,9 @@ void KemdNetworkWatch::OnLinkGone(std::string_view payload) {
 void KemdNetworkWatch::OnAddress(std::string_view payload, bool isThere) {
     const auto message = ReadAddress(payload);
     if (!message) return;
+    // With the last IPv4 address of an interface its routes go, unreported.
+    if (!isThere && (m_parts & KEMD_NETWORK_ROUTES) != 0) m_areRoutesOld = true;
+    if ((m_parts & KEMD_NETWORK_ADDRESSES) == 0) return;
     const Interface before = m_state.Share(message->interface);
     if (before == nullptr) return;
     const auto after = std::make_shared<KemdNetworkInterface>(*before);
@@ -213,11 +227,14 @@ int KemdNetworkWatch::ReadMonitor() {
         const int error = m_monitor.Receive(bytes, MSG_DONTWAIT);
         if (error == ENOBUFS) return Resynchronise();
         if (error != 0) return error == EAGAIN ? 0 : error;
+        // Until it is applied: memory may run out.
+        m_hasMissed = true;
         ForEachMessage(bytes, [this](const NetlinkMessage& message) {
             const auto header = HeaderOf<genlmsghdr>(message.payload);
             if (header && header->cmd == ETHTOOL_MSG_LINKMODES_NTF) OnSpeed(message.payload);
             return true;
         });
+        m_hasMissed = false;
     }
 }
 

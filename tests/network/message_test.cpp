@@ -88,6 +88,10 @@ TEST(NetworkMessageTest, Modules) {
         EXPECT_EQ(interface.Text(KEMD_NET_MODULE_SERIAL), "S123");
         EXPECT_EQ(interface.Text(KEMD_NET_MODULE_DATE), "240131");
         EXPECT_EQ(interface.Number(KEMD_NET_MODULE_CONNECTOR), 7U);
+        for (const int error : {EPERM, ENODEV}) {
+            interface.SetError(KEMD_NET_DRIVER, error);
+            EXPECT_EQ(interface.Reason(KEMD_NET_DRIVER), error);
+        }
     }
 }
 

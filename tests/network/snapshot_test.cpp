@@ -11,10 +11,14 @@
 #include <atomic>
 #include <thread>
 
+#include "network/name_space.h"
 #include "network/netlink_socket.h"
 #include "tests/network/network_world.h"
 
 static std::atomic<bool> isGenericRefused{false};
+static std::atomic<int> interruptions{0};  // of dumps
+static std::atomic<bool> isOverflowing{false};
+static std::atomic<bool> isDriverFailing{false};
 
 // Before libc's: a kernel without generic netlink.
 extern "C" int socket(int domain, int type, int protocol) noexcept {
@@ -23,6 +27,32 @@ extern "C" int socket(int domain, int type, int protocol) noexcept {
         return -1;
     }
     return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
+}
+
+// Before libc's: a kernel whose tables change during a dump, or that loses a message.
+extern "C" ssize_t recvfrom(int fd, void* buffer, size_t size, int flags, sockaddr* from,
+                            socklen_t* fromSize) {
+    const ssize_t received = syscall(SYS_recvfrom, fd, buffer, size, flags, from, fromSize);
+    nlmsghdr header{};
+    if (received < static_cast<ssize_t>(sizeof header)) return received;
+    memcpy(&header, buffer, sizeof header);
+    if ((header.nlmsg_flags & NLM_F_MULTI) == 0) return received;
+    if (isOverflowing.exchange(false)) {
+        errno = ENOBUFS;
+        return -1;
+    }
+    if (interruptions > 0) {
+        --interruptions;
+        header.nlmsg_flags |= NLM_F_DUMP_INTR;
+    }
+    // The answers of ethtool, where the links are all that rtnetlink is asked for.
+    if (isDriverFailing && header.nlmsg_type > RTM_NEWLINK) {
+        const int error = -ENODEV;
+        header.nlmsg_type = NLMSG_DONE;
+        memcpy(static_cast<char*>(buffer) + sizeof header, &error, sizeof error);
+    }
+    memcpy(buffer, &header, sizeof header);
+    return received;
 }
 
 namespace {
@@ -255,10 +285,26 @@ TEST_F(NetworkTest, AnotherNameSpaceAndWithoutRights) {
     const UniqueFd wrong(open("/tmp", O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(KemdNetworkOpen(&network, wrong.Get()), EINVAL);
 
+    // No memory there is an error here.
+    EXPECT_EQ(RunInNameSpace(first.Get(), []() -> int { throw std::bad_alloc(); }), ENOMEM);
+
     const UniqueFd here = NameSpace();
     ASSERT_TRUE(Ip("link add p2 type veth peer name p3\nlink add p4 type veth peer name p5 netns " +
                    std::to_string(gettid()) + "\nlink set p5 up\nlink set p4 up"));
     std::thread([&] {
+        int error = 0;
+        KemdNetworkWatch* watch = nullptr;
+        ASSERT_EQ(KemdNetworkWatchOpen(
+                      &watch, KEMD_NETWORK_HERE, KEMD_NETWORK_ALL,
+                      [](void* user, const KemdNetworkChange* change) {
+                          uint64_t type = 0;
+                          *static_cast<int*>(user) =
+                              KemdNetworkNumber(change->after, KEMD_NET_MODULE_TYPE, &type);
+                      },
+                      &error),
+                  0);
+        const NetworkWatchHandle closer(watch);
+        ASSERT_TRUE(Ip("link add p6 type veth peer name p7"));
         DropRights();
         EXPECT_EQ(KemdNetworkOpen(&network, first.Get()), EPERM);
         const NetworkView view = Take(KEMD_NETWORK_ALL, here.Get());
@@ -270,6 +316,9 @@ TEST_F(NetworkTest, AnotherNameSpaceAndWithoutRights) {
         EXPECT_EQ(view.Notes(), std::vector<std::string>{"wake-on-LAN: Operation not permitted"});
         uint64_t type = 0;
         EXPECT_EQ(KemdNetworkNumber(view.ByName("p2").Get(), KEMD_NET_MODULE_TYPE, &type), EPERM);
+        // The same of an interface that appeared.
+        EXPECT_EQ(KemdNetworkWatchWait(watch, 20000), 0);
+        EXPECT_EQ(error, EPERM);
     }).join();
 }
 
@@ -289,6 +338,43 @@ TEST_F(NetworkTest, TheIoctlAnswersWhereNetlinkDoesNot) {
     EXPECT_EQ(state(netlink), state(ioctl));
     EXPECT_NE(state(ioctl).find("veth"), std::string::npos);
     EXPECT_FALSE(ioctl.Notes().empty());
+}
+
+TEST_F(NetworkTest, DumpsThatAreInterrupted) {
+    std::string commands;
+    for (int i = 0; i < 100; ++i) commands += "link add type veth\n";
+    ASSERT_TRUE(Ip(commands)) << ReadFile("/tmp/ip.out");
+    for (const int count : {0, 5, 1000000}) {
+        interruptions = count;
+        const NetworkView view = Take(KEMD_NETWORK_ADDRESSES);
+        interruptions = 0;
+        EXPECT_EQ(KemdNetworkIsConsistent(view.Get()), count < 1000000 ? 1 : 0);
+        EXPECT_EQ(view.Interfaces().size(), 201U);
+    }
+    // A driver that fails ends ethtool's dump, and takes nothing from the other interfaces.
+    isDriverFailing = true;
+    const NetworkView view = Take(KEMD_NETWORK_HARDWARE);
+    isDriverFailing = false;
+    EXPECT_EQ(view.ByName("veth0").TextOr(KEMD_NET_SPEED), "10000");
+    EXPECT_EQ(view.ByName("veth199").TextOr(KEMD_NET_PORT), "twisted pair");
+    EXPECT_TRUE(view.Notes().empty());
+    isOverflowing = true;
+    EXPECT_EQ(Take(0).Interfaces().size(), 201U);
+    EXPECT_FALSE(isOverflowing);
+
+    // What one request did not read does not disturb the next.
+    NetlinkSocket socket;
+    ASSERT_EQ(socket.Open(NETLINK_ROUTE), 0);
+    NetlinkRequest request("reading", RTM_GETLINK, NLM_F_DUMP);
+    request.AddHeader(ifinfomsg{});
+    size_t links = 0;
+    EXPECT_THROW((void)socket.Dump(
+                     request, [] {}, [](const NetlinkMessage&) { throw std::bad_alloc(); }),
+                 std::bad_alloc);
+    EXPECT_EQ(socket.Dump(
+                  request, [] {}, [&](const NetlinkMessage&) { ++links; }),
+              0);
+    EXPECT_EQ(links, 201U);
 }
 
 TEST_F(NetworkTest, TheKernelsReasonIsInTheError) {
