@@ -158,4 +158,26 @@ TEST_F(NetworkModuleTest, WorksWithoutTheRegistry) {
     EXPECT_EQ(trace.find("cannot keep"), trace.rfind("cannot keep")) << trace;
 }
 
+// It can only read the registry then, says so once, and does its work as an ordinary user.
+TEST_F(NetworkModuleTest, WorksInAProcessOfItsOwn) {
+    Configure("");
+    EXPECT_EQ(Stop(Run()), 0);
+    std::filesystem::create_symlink("/build/bin/kemd-module-host", "/usr/bin/kemd-module-host");
+    WriteFile("/etc/passwd", "nobody:x:65534:65534::/:/bin/false\n");
+    Configure("[Module]\nIsolated = yes\nUser = nobody\n");
+    ASSERT_TRUE(Ip("link set x0 down\nlink del p1"));
+    const pid_t pid = Run();
+    EXPECT_TRUE(Contains(Ctl("modules show network").out, ", its own\n"));
+    EXPECT_EQ(Health(), "health:       warning: no link: p0");
+    ASSERT_TRUE(Ip("link set x0 up\naddr add 192.0.2.1/24 dev p0"));
+    EXPECT_TRUE(Traces("p0: address 192.0.2.1/24 added"));
+    EXPECT_EQ(Ctl("modules request network 'forget p0'").code, 0);
+    EXPECT_EQ(Stop(pid), 0);
+    const std::string trace = Trace();
+    EXPECT_TRUE(InOrder(trace, {"p1: absent since the last run", "(with Isolated = yes it can only",
+                                "p0: link is back after at least "}))
+        << trace;
+    EXPECT_EQ(trace.find("cannot keep"), trace.rfind("cannot keep")) << trace;
+}
+
 }  // namespace
