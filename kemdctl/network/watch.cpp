@@ -66,6 +66,8 @@ class Watcher {
     }
     void Show(const KemdNetworkChange& change);
     [[nodiscard]] std::vector<Difference> Compare(InterfaceView before, InterfaceView after) const;
+    [[nodiscard]] Difference CompareRoutes(const KemdNetworkRoute* before,
+                                           const KemdNetworkRoute* after) const;
     void ShowChange(const KemdNetworkChange& change, InterfaceView interface,
                     const std::vector<Difference>& differences) const;
     void ShowBegin(const NetworkView& view) const;
@@ -100,6 +102,17 @@ std::vector<Difference> Watcher::Compare(InterfaceView before, InterfaceView aft
     return differences;
 }
 
+Difference Watcher::CompareRoutes(const KemdNetworkRoute* before,
+                                  const KemdNetworkRoute* after) const {
+    const bool isMoved =
+        before != nullptr && after != nullptr && before->interface != after->interface;
+    const auto text = [&](const KemdNetworkRoute* route) {
+        const auto name = isMoved ? m_names.find(route->interface) : m_names.end();
+        return RouteText(route, name != m_names.end() ? Printable(name->second) : "");
+    };
+    return {"route", text(before), text(after)};
+}
+
 struct What {
     uint32_t what;
     const char* word;
@@ -123,8 +136,7 @@ void Watcher::Show(const KemdNetworkChange& change) {
 
     std::vector<Difference> differences;
     if ((change.what & KEMD_NETWORK_ROUTE) != 0) {
-        differences.push_back(
-            {"route", RouteText(change.routeBefore), RouteText(change.routeAfter)});
+        differences.push_back(CompareRoutes(change.routeBefore, change.routeAfter));
     } else if (before && after) {
         differences = Compare(before, after);
         if (differences.empty()) return;

@@ -133,10 +133,11 @@ TEST_F(NetworkCommand, ShowsAllOfOne) {
         << shown.out;
     const Result json = Ctl("network show p0 --json");
     EXPECT_TRUE(JsonCheck::IsValid(json.out)) << json.out;
-    EXPECT_TRUE(Holds(json.out,
-                      {R"("alternative_names":["second"])", R"("carrier":true)", R"("mtu":1500)",
-                       R"("parent":{"index":)", R"("name":"p1"})", R"("flags":["up","broadcast",)",
-                       R"("duplex":"full")", R"("gateway":"192.0.2.9","table":254,"metric":7)"}))
+    EXPECT_TRUE(Holds(
+        json.out,
+        {R"("alternative_names":["second"])", R"("carrier":true)", R"("mtu":1500)",
+         R"("parent":{"index":)", R"("name":"p1"})", R"("flags":["up","broadcast",)",
+         R"("duplex":"full")", R"("type":"unicast","gateway":"192.0.2.9","table":254,"metric":7)"}))
         << json.out;
     EXPECT_TRUE(Holds(Ctl("network show b0").out, {"members:                  p0\n"}));
     EXPECT_TRUE(Holds(Ctl("network show b0 --json").out, {R"("members":["p0"])"}));
@@ -218,7 +219,16 @@ TEST_F(NetworkCommand, WatchesUntilItIsInterrupted) {
         {"link set p0 nomaster", "master none (was b0)",
          R"("master":{"before":"b0","after":"none"})"},
         {"route add default via 192.0.2.9 dev p0 metric 7",
-         "  p0: route default via 192.0.2.9 metric 7 (was none)\n", R"("what":["route"])"},
+         "  p0: route default via 192.0.2.9 metric 7 linkdown (was none)\n", R"("what":["route"])"},
+        {"route replace default via 192.0.2.9 dev p0 metric 7 proto dhcp onlink",
+         " metric 7 protocol dhcp linkdown onlink (was default via 192.0.2.9 metric 7 linkdown)\n",
+         R"("after":"default via 192.0.2.9 metric 7 protocol dhcp linkdown onlink")"},
+        {"route add unreachable default metric 9",
+         "  route unreachable default metric 9 (was none)\n",
+         R"("after":"unreachable default metric 9")"},
+        {"link set p1 up\naddr add 198.51.100.1/24 dev p1\nroute replace default via 198.51.100.9 dev p1 metric 7",
+         "  p1: route default via 198.51.100.9 dev p1 metric 7 (was default via 192.0.2.9 dev p0 ",
+         R"(default via 198.51.100.9 dev p1 metric 7)"},
         {"link set p1 name q1", "  q1: name q1 (was p1)\n",
          R"("name":{"before":"p1","after":"q1"})"},
         {"link del b0", "  b0: removed (was bridge, off)\n", R"("what":["removed"])"},
@@ -226,7 +236,7 @@ TEST_F(NetworkCommand, WatchesUntilItIsInterrupted) {
         {"link set b1 name p0b", "name p0b (was b1)\n", R"("after":"p0b")"},
     };
     for (const bool asJson : {false, true}) {
-        Watch(asJson ? "--json" : "--name=*");
+        Watch(asJson ? "--json" : nullptr);
         ASSERT_TRUE(Sees(asJson ? "\"interfaces\":[" : "  watching 4 interfaces\n"));
         for (const auto& [commands, line, json] : steps) {
             ASSERT_TRUE(Ip(commands)) << ReadFile("/tmp/ip.out");
@@ -240,7 +250,7 @@ TEST_F(NetworkCommand, WatchesUntilItIsInterrupted) {
         ASSERT_TRUE(
             Ip("link set q1 name p1\nlink del p0b\nlink add b0 type bridge\n"
                "link set p0 mtu 1500 master b0\nlink set p1 up\n"
-               "addr del 192.0.2.7/24 dev p0\nroute del default"))
+               "addr del 192.0.2.7/24 dev p0\naddr flush dev p1\nroute flush default"))
             << ReadFile("/tmp/ip.out");
     }
     // A filter hides the others' changes.
