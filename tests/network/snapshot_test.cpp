@@ -136,6 +136,7 @@ INSTANTIATE_TEST_SUITE_P(
             "link add x0 type vxlan id 77 dstport 4789 remote 192.0.2.9 local 192.0.2.1 dev p0",
             "x0",
             {{KEMD_NET_KIND, "vxlan"},
+             {KEMD_NET_PARENT, "p0"},
              {KEMD_NET_VXLAN_ID, "77"},
              {KEMD_NET_VXLAN_PORT, "4789"},
              {KEMD_NET_VXLAN_REMOTE, "192.0.2.9"},
