@@ -217,11 +217,14 @@ int Watcher::Loop(int signals) const {
 int Watcher::Run() {
     m_report.SetStream();
     // Before anything is read, so that an interrupt ends this in order whenever it comes. One that
-    // the caller ignores stays ignored.
+    // the caller ignores stays ignored: if it were blocked, it would still come.
     sigset_t set{};
     sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        struct sigaction action {};
+        (void)sigaction(signal, nullptr, &action);
+        if (action.sa_handler != SIG_IGN) sigaddset(&set, signal);
+    }
     (void)sigprocmask(SIG_BLOCK, &set, nullptr);
     const UniqueFd signals(signalfd(-1, &set, SFD_CLOEXEC));
     KemdNetworkWatch* watch = nullptr;

@@ -4,6 +4,8 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 
+#include <csignal>
+
 #include "tests/kemdctl/ctl.h"
 #include "tests/kemdctl/json_check.h"
 #include "tests/network/network_world.h"
@@ -45,8 +47,8 @@ class NetworkCommand : public NetworkTest {
     static bool Sees(const std::string& text) {
         return WaitFor([&] { return Contains(ReadFile("/tmp/watch"), text); });
     }
-    int Interrupt() {
-        kill(process, SIGINT);
+    int Interrupt(int signal = SIGINT) {
+        kill(process, signal);
         int status = -1;
         waitpid(process, &status, 0);
         process = -1;
@@ -259,6 +261,14 @@ TEST_F(NetworkCommand, WatchesUntilItIsInterrupted) {
     EXPECT_TRUE(Sees("  b0: state "));
     EXPECT_FALSE(Contains(ReadFile("/tmp/watch"), "p1:"));
     EXPECT_EQ(Interrupt(), 0);
+    // An interrupt that its caller ignores, as of a command in the background, does not end it.
+    std::signal(SIGINT, SIG_IGN);
+    Watch("--kind=bridge");
+    std::signal(SIGINT, SIG_DFL);
+    kill(process, SIGINT);
+    ASSERT_TRUE(Ip("link set b0 down"));
+    EXPECT_TRUE(Sees("  b0: state off"));
+    EXPECT_EQ(Interrupt(SIGTERM), 0);
     // It ends with its reader, though nothing changes.
     EXPECT_EQ(std::system("{ /build/bin/kemdctl network watch; echo $? >/tmp/code; } | read line"),
               0);
