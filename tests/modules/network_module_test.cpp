@@ -1,4 +1,14 @@
 // network.so in the real daemon, with links that are lost and come back.
+#include <fcntl.h>
+#include <linux/ethtool.h>
+#include <linux/if_tun.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <cstring>
+
 #include "tests/daemon/daemon_test.h"
 #include "tests/kemdctl/ctl.h"
 #include "tests/modules.h"
@@ -77,6 +87,38 @@ TEST_F(NetworkModuleTest, LinksAreLostAndComeBack) {
     EXPECT_EQ(trace.find("192.0.2.1/24 removed"), trace.rfind("192.0.2.1/24"));
     EXPECT_FALSE(Contains(Trace(), "x0:"));
     EXPECT_FALSE(Contains(Trace(), "lo:"));
+    EXPECT_EQ(Stop(pid), 0);
+}
+
+// A tap is the interface whose speed can be set.
+TEST_F(NetworkModuleTest, SpeedAndDuplexAreTraced) {
+    const UniqueFd tap(open("/dev/net/tun", O_RDWR | O_CLOEXEC));
+    if (tap.Get() < 0) GTEST_SKIP() << "not run, there is no /dev/net/tun";
+    ifreq request{};
+    request.ifr_flags = IFF_TAP | IFF_NO_PI;
+    std::strcpy(request.ifr_name, "p5");
+    ASSERT_EQ(ioctl(tap.Get(), TUNSETIFF, &request), 0);
+    ASSERT_TRUE(Ip("link set p5 up"));
+    const UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const auto set = [&](uint32_t speed, uint8_t duplex) {
+        ethtool_cmd command{};
+        command.cmd = ETHTOOL_SSET;
+        ethtool_cmd_speed_set(&command, speed);
+        command.duplex = duplex;
+        request.ifr_data = reinterpret_cast<char*>(&command);
+        return ioctl(socket.Get(), SIOCETHTOOL, &request) == 0;
+    };
+    ASSERT_TRUE(set(1000, DUPLEX_FULL));
+    Configure("");
+    pid_t pid = Run();
+    ASSERT_TRUE(set(100, DUPLEX_HALF));
+    EXPECT_TRUE(Traces("p5: duplex half (was full)"));
+    EXPECT_TRUE(Contains(Trace(), "p5: speed 100 Mbit/s (was 1000 Mbit/s)")) << Trace();
+    EXPECT_EQ(Stop(pid), 0);
+    ASSERT_TRUE(set(10, DUPLEX_HALF));
+    pid = Run();
+    EXPECT_TRUE(Contains(Trace(), "p5: speed 10 Mbit/s since the last run (was 100 Mbit/s)"));
+    EXPECT_FALSE(Contains(Trace(), "p5: duplex"));
     EXPECT_EQ(Stop(pid), 0);
 }
 
