@@ -102,6 +102,7 @@ TEST_F(NetworkCommand, ListsWhatIsWanted) {
                {"list --state upp", 2, "", "no interface is ever in the state upp"},
                {"list p0", 2, "", "too many words for list"},
                {"watch --kind", 2, "", "--kind: a value is missing"},
+               {"--nam x", 2, "", "unknown option --nam\n"},
                {"begin", 2, "", "unknown subcommand begin"}});
 }
 
