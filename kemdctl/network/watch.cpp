@@ -94,9 +94,12 @@ std::vector<Difference> Watcher::Compare(InterfaceView before, InterfaceView aft
     compare("addresses", Joined(AddressTexts(before)), Joined(AddressTexts(after)));
     compare("alternative_names", Printable(Joined(before.List(KEMD_NETWORK_ALTERNATIVE_NAMES))),
             Printable(Joined(after.List(KEMD_NETWORK_ALTERNATIVE_NAMES))));
-    if (differences.empty()) {
+    // Where the state does not show it: a link that was lost and came back.
+    if (StateOf(before) == StateOf(after)) {
         compare("carrier_changes", before.TextOr(KEMD_NET_CARRIER_CHANGES),
                 after.TextOr(KEMD_NET_CARRIER_CHANGES));
+    }
+    if (differences.empty()) {
         compare("flags", before.TextOr(KEMD_NET_FLAGS), after.TextOr(KEMD_NET_FLAGS));
     }
     return differences;

@@ -262,6 +262,15 @@ TEST_F(NetworkCommand, WatchesUntilItIsInterrupted) {
     EXPECT_TRUE(Sees("  b0: state "));
     EXPECT_FALSE(Contains(ReadFile("/tmp/watch"), "p1:"));
     EXPECT_EQ(Interrupt(), 0);
+    // What comes and goes while it cannot read is merged, not lost.
+    Watch(nullptr);
+    kill(process, SIGSTOP);
+    std::string commands;
+    for (int i = 0; i < 3000; ++i) commands += "link set p1 up\nlink set p1 down\n";
+    ASSERT_TRUE(Ip(commands + "link set p0 alias other"));
+    kill(process, SIGCONT);
+    EXPECT_TRUE(Sees("p0: alias other (was uplink), carrier changes ")) << ReadFile("/tmp/watch");
+    EXPECT_EQ(Interrupt(), 0);
     // An interrupt that its caller ignores, as of a command in the background, does not end it.
     std::signal(SIGINT, SIG_IGN);
     Watch("--kind=bridge");
