@@ -60,6 +60,7 @@ constexpr AttributeRow kIpvlanRows[] = {{IFLA_IPVLAN_MODE, KEMD_NET_IPVLAN_MODE}
 constexpr AttributeTable kIpvlanTable(kIpvlanRows);
 constexpr AttributeRow kVxlanRows[] = {
     {IFLA_VXLAN_ID, KEMD_NET_VXLAN_ID},
+    {IFLA_VXLAN_LINK, KEMD_NET_PARENT, Form::kPositive},  // without IFLA_LINK
     {IFLA_VXLAN_PORT, KEMD_NET_VXLAN_PORT, Form::kNetworkNumber},
     {IFLA_VXLAN_GROUP, KEMD_NET_VXLAN_REMOTE, Form::kIpAddress},
     {IFLA_VXLAN_GROUP6, KEMD_NET_VXLAN_REMOTE, Form::kIpAddress},

@@ -150,6 +150,8 @@ int RunNetwork(CommandLine& line, ReportWriter& report) {
     }
     InterfaceFilter filter;
     if (!TakeFilter(line, filter)) return kError;
+    // First, as the value of a misspelt option would be taken for a subcommand.
+    if (!line.HasOnly(kOptions)) return UsageError("this option does not fit network");
     const std::string_view name = line.words.empty() ? "list" : line.TakeCommand();
     const bool isShow = name == "show";
     if (!isShow && name != "list" && name != "watch") {

@@ -1,10 +1,13 @@
 #include "kemdctl/network/facts.h"
 
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <span>
+#include <utility>
 
 #include "kemd/pci_slot_map.h"
 #include "kemdctl/ui/report.h"
@@ -14,6 +17,24 @@
 namespace {
 
 constexpr std::string_view kStates[] = {"off", "up", "down", "dormant", "testing", "notpresent"};
+
+constexpr std::pair<uint32_t, const char*> kRouteTypes[] = {{RTN_UNICAST, "unicast"},
+                                                            {RTN_BLACKHOLE, "blackhole"},
+                                                            {RTN_UNREACHABLE, "unreachable"},
+                                                            {RTN_PROHIBIT, "prohibit"},
+                                                            {RTN_THROW, "throw"}};
+constexpr std::pair<uint32_t, const char*> kRouteFlags[] = {
+    {RTNH_F_DEAD, "dead"}, {RTNH_F_LINKDOWN, "linkdown"}, {RTNH_F_ONLINK, "onlink"}};
+constexpr std::pair<uint32_t, const char*> kProtocols[] = {
+    {RTPROT_KERNEL, "kernel"}, {RTPROT_STATIC, "static"}, {RTPROT_RA, "ra"}, {RTPROT_DHCP, "dhcp"}};
+
+// A number that has no word stands for itself.
+std::string WordOr(std::span<const std::pair<uint32_t, const char*>> words, uint32_t value) {
+    for (const auto& [number, word] : words) {
+        if (number == value) return word;
+    }
+    return std::to_string(value);
+}
 
 bool Describe(uint32_t field, KemdNetworkFieldInfo& info) {
     info.size = sizeof info;
@@ -89,12 +110,26 @@ std::vector<std::string> AddressTexts(InterfaceView interface) {
     return texts;
 }
 
-std::string RouteText(const KemdNetworkRoute* route) {
+std::string RouteTypeWord(const KemdNetworkRoute& route) {
+    return WordOr(kRouteTypes, route.type);
+}
+
+std::vector<std::string> RouteFlagWords(const KemdNetworkRoute& route) {
+    std::vector<std::string> words;
+    for (const auto& [flag, word] : kRouteFlags) {
+        if ((route.flags & flag) != 0) words.emplace_back(word);
+    }
+    return words;
+}
+
+std::string RouteText(const KemdNetworkRoute* route, const std::string& device) {
     if (route == nullptr) return "none";
-    std::string text = "default";
+    std::string text = route->type == RTN_UNICAST ? "" : RouteTypeWord(*route) + " ";
+    text += "default";
     if (route->gatewayFamily != 0) {
         text += " via " + AddressText(route->gatewayFamily, route->gateway);
     }
+    if (!device.empty()) text += " dev " + device;
     // A gateway shows the family.
     if (route->gatewayFamily == 0 && route->family == AF_INET6) text += " (IPv6)";
     text += " metric " + std::to_string(route->metric);
@@ -102,6 +137,8 @@ std::string RouteText(const KemdNetworkRoute* route) {
     if (route->table != kMain) text += " table " + std::to_string(route->table);
     if (route->hasSource != 0) text += " from " + AddressText(route->family, route->source);
     if (route->weight != 0) text += " weight " + std::to_string(route->weight);
+    if (route->protocol != RTPROT_BOOT) text += " protocol " + WordOr(kProtocols, route->protocol);
+    for (const std::string& word : RouteFlagWords(*route)) text += " " + word;
     return text;
 }
 

@@ -34,8 +34,12 @@ std::optional<std::string> FieldText(InterfaceView interface, uint32_t field,
 bool IsHere(InterfaceView interface, uint32_t field);
 
 std::vector<std::string> AddressTexts(InterfaceView interface);
-// "default via 192.0.2.254 metric 100 table main"; "none" for null.
-std::string RouteText(const KemdNetworkRoute* route);
+// "default via 192.0.2.254 metric 100 table 7 protocol dhcp linkdown"; "none" for null. `device`:
+// the name of its interface, to be shown too.
+std::string RouteText(const KemdNetworkRoute* route, const std::string& device = "");
+// "unicast", "unreachable" ..., and "linkdown", "onlink" ...
+std::string RouteTypeWord(const KemdNetworkRoute& route);
+std::vector<std::string> RouteFlagWords(const KemdNetworkRoute& route);
 
 // Texts with `between` between them; "none" for none.
 std::string Joined(const std::vector<std::string>& texts, const char* between = " ");

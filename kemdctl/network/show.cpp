@@ -271,6 +271,7 @@ void InterfaceReport::Addresses() {
 void InterfaceReport::StateRoute(const KemdNetworkRoute& route) {
     m_report.OpenObject();
     m_report.Text("family", FamilyWord(route.family));
+    m_report.Text("type", RouteTypeWord(route));
     if (route.gatewayFamily != 0) {
         m_report.Text("gateway", AddressText(route.gatewayFamily, route.gateway));
     }
@@ -280,6 +281,8 @@ void InterfaceReport::StateRoute(const KemdNetworkRoute& route) {
     m_report.Text("scope", ScopeWord(route.scope));
     if (route.hasSource != 0) m_report.Text("source", AddressText(route.family, route.source));
     if (route.weight != 0) m_report.Number("weight", route.weight);
+    m_report.List("flags", RouteFlagWords(route),
+                  [&](const std::string& word) { m_report.Text({}, word); });
     m_report.Close();
 }
 

@@ -66,6 +66,8 @@ class Watcher {
     }
     void Show(const KemdNetworkChange& change);
     [[nodiscard]] std::vector<Difference> Compare(InterfaceView before, InterfaceView after) const;
+    [[nodiscard]] Difference CompareRoutes(const KemdNetworkRoute* before,
+                                           const KemdNetworkRoute* after) const;
     void ShowChange(const KemdNetworkChange& change, InterfaceView interface,
                     const std::vector<Difference>& differences) const;
     void ShowBegin(const NetworkView& view) const;
@@ -92,12 +94,26 @@ std::vector<Difference> Watcher::Compare(InterfaceView before, InterfaceView aft
     compare("addresses", Joined(AddressTexts(before)), Joined(AddressTexts(after)));
     compare("alternative_names", Printable(Joined(before.List(KEMD_NETWORK_ALTERNATIVE_NAMES))),
             Printable(Joined(after.List(KEMD_NETWORK_ALTERNATIVE_NAMES))));
-    if (differences.empty()) {
+    // Where the state does not show it: a link that was lost and came back.
+    if (StateOf(before) == StateOf(after)) {
         compare("carrier_changes", before.TextOr(KEMD_NET_CARRIER_CHANGES),
                 after.TextOr(KEMD_NET_CARRIER_CHANGES));
+    }
+    if (differences.empty()) {
         compare("flags", before.TextOr(KEMD_NET_FLAGS), after.TextOr(KEMD_NET_FLAGS));
     }
     return differences;
+}
+
+Difference Watcher::CompareRoutes(const KemdNetworkRoute* before,
+                                  const KemdNetworkRoute* after) const {
+    const bool isMoved =
+        before != nullptr && after != nullptr && before->interface != after->interface;
+    const auto text = [&](const KemdNetworkRoute* route) {
+        const auto name = isMoved ? m_names.find(route->interface) : m_names.end();
+        return RouteText(route, name != m_names.end() ? Printable(name->second) : "");
+    };
+    return {"route", text(before), text(after)};
 }
 
 struct What {
@@ -123,8 +139,7 @@ void Watcher::Show(const KemdNetworkChange& change) {
 
     std::vector<Difference> differences;
     if ((change.what & KEMD_NETWORK_ROUTE) != 0) {
-        differences.push_back(
-            {"route", RouteText(change.routeBefore), RouteText(change.routeAfter)});
+        differences.push_back(CompareRoutes(change.routeBefore, change.routeAfter));
     } else if (before && after) {
         differences = Compare(before, after);
         if (differences.empty()) return;
@@ -205,11 +220,14 @@ int Watcher::Loop(int signals) const {
 int Watcher::Run() {
     m_report.SetStream();
     // Before anything is read, so that an interrupt ends this in order whenever it comes. One that
-    // the caller ignores stays ignored.
+    // the caller ignores stays ignored: if it were blocked, it would still come.
     sigset_t set{};
     sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        struct sigaction action {};
+        (void)sigaction(signal, nullptr, &action);
+        if (action.sa_handler != SIG_IGN) sigaddset(&set, signal);
+    }
     (void)sigprocmask(SIG_BLOCK, &set, nullptr);
     const UniqueFd signals(signalfd(-1, &set, SFD_CLOEXEC));
     KemdNetworkWatch* watch = nullptr;

@@ -58,6 +58,7 @@ std::string Decoded(std::string_view text) {
 
 bool KeptState::Load(KeptTexts& texts) {
     m_stored.clear();
+    m_error = 0;
     const Key key = OpenKey(false);
     if (!key) return false;
     for (uint32_t index = 0;; ++index) {
@@ -93,16 +94,18 @@ int KeptState::TrySave(const KeptTexts& texts) {
 }
 
 void KeptState::Save(const KeptTexts& texts) {
-    // A process that may not change the registry never will.
+    // What can only be read stays so until the next start.
     if (m_error == EROFS || texts == m_stored) return;
     const int error = TrySave(texts);
     if (error == 0) {
         m_stored = texts;
     } else if (m_error == 0) {
-        KemdMessage("network",
-                    "cannot keep the state of the interfaces in the registry: %s; the next run "
-                    "will not report what is different; see kemdctl check",
-                    std::strerror(error));
+        KemdMessage(
+            "network",
+            "cannot keep the state of the interfaces in the registry: %s%s; until it can, "
+            "each run is compared with what was kept last",
+            std::strerror(error),
+            error == EROFS ? " (with Isolated = yes it can only be read)" : "; see kemdctl check");
     }
     m_error = error;
 }

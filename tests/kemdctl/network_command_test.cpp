@@ -4,6 +4,8 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 
+#include <csignal>
+
 #include "tests/kemdctl/ctl.h"
 #include "tests/kemdctl/json_check.h"
 #include "tests/network/network_world.h"
@@ -45,8 +47,8 @@ class NetworkCommand : public NetworkTest {
     static bool Sees(const std::string& text) {
         return WaitFor([&] { return Contains(ReadFile("/tmp/watch"), text); });
     }
-    int Interrupt() {
-        kill(process, SIGINT);
+    int Interrupt(int signal = SIGINT) {
+        kill(process, signal);
         int status = -1;
         waitpid(process, &status, 0);
         process = -1;
@@ -100,6 +102,7 @@ TEST_F(NetworkCommand, ListsWhatIsWanted) {
                {"list --state upp", 2, "", "no interface is ever in the state upp"},
                {"list p0", 2, "", "too many words for list"},
                {"watch --kind", 2, "", "--kind: a value is missing"},
+               {"--nam x", 2, "", "unknown option --nam\n"},
                {"begin", 2, "", "unknown subcommand begin"}});
 }
 
@@ -133,10 +136,11 @@ TEST_F(NetworkCommand, ShowsAllOfOne) {
         << shown.out;
     const Result json = Ctl("network show p0 --json");
     EXPECT_TRUE(JsonCheck::IsValid(json.out)) << json.out;
-    EXPECT_TRUE(Holds(json.out,
-                      {R"("alternative_names":["second"])", R"("carrier":true)", R"("mtu":1500)",
-                       R"("parent":{"index":)", R"("name":"p1"})", R"("flags":["up","broadcast",)",
-                       R"("duplex":"full")", R"("gateway":"192.0.2.9","table":254,"metric":7)"}))
+    EXPECT_TRUE(Holds(
+        json.out,
+        {R"("alternative_names":["second"])", R"("carrier":true)", R"("mtu":1500)",
+         R"("parent":{"index":)", R"("name":"p1"})", R"("flags":["up","broadcast",)",
+         R"("duplex":"full")", R"("type":"unicast","gateway":"192.0.2.9","table":254,"metric":7)"}))
         << json.out;
     EXPECT_TRUE(Holds(Ctl("network show b0").out, {"members:                  p0\n"}));
     EXPECT_TRUE(Holds(Ctl("network show b0 --json").out, {R"("members":["p0"])"}));
@@ -218,7 +222,16 @@ TEST_F(NetworkCommand, WatchesUntilItIsInterrupted) {
         {"link set p0 nomaster", "master none (was b0)",
          R"("master":{"before":"b0","after":"none"})"},
         {"route add default via 192.0.2.9 dev p0 metric 7",
-         "  p0: route default via 192.0.2.9 metric 7 (was none)\n", R"("what":["route"])"},
+         "  p0: route default via 192.0.2.9 metric 7 linkdown (was none)\n", R"("what":["route"])"},
+        {"route replace default via 192.0.2.9 dev p0 metric 7 proto dhcp onlink",
+         " metric 7 protocol dhcp linkdown onlink (was default via 192.0.2.9 metric 7 linkdown)\n",
+         R"("after":"default via 192.0.2.9 metric 7 protocol dhcp linkdown onlink")"},
+        {"route add unreachable default metric 9",
+         "  route unreachable default metric 9 (was none)\n",
+         R"("after":"unreachable default metric 9")"},
+        {"link set p1 up\naddr add 198.51.100.1/24 dev p1\nroute replace default via 198.51.100.9 dev p1 metric 7",
+         "  p1: route default via 198.51.100.9 dev p1 metric 7 (was default via 192.0.2.9 dev p0 ",
+         R"(default via 198.51.100.9 dev p1 metric 7)"},
         {"link set p1 name q1", "  q1: name q1 (was p1)\n",
          R"("name":{"before":"p1","after":"q1"})"},
         {"link del b0", "  b0: removed (was bridge, off)\n", R"("what":["removed"])"},
@@ -226,7 +239,7 @@ TEST_F(NetworkCommand, WatchesUntilItIsInterrupted) {
         {"link set b1 name p0b", "name p0b (was b1)\n", R"("after":"p0b")"},
     };
     for (const bool asJson : {false, true}) {
-        Watch(asJson ? "--json" : "--name=*");
+        Watch(asJson ? "--json" : nullptr);
         ASSERT_TRUE(Sees(asJson ? "\"interfaces\":[" : "  watching 4 interfaces\n"));
         for (const auto& [commands, line, json] : steps) {
             ASSERT_TRUE(Ip(commands)) << ReadFile("/tmp/ip.out");
@@ -240,7 +253,7 @@ TEST_F(NetworkCommand, WatchesUntilItIsInterrupted) {
         ASSERT_TRUE(
             Ip("link set q1 name p1\nlink del p0b\nlink add b0 type bridge\n"
                "link set p0 mtu 1500 master b0\nlink set p1 up\n"
-               "addr del 192.0.2.7/24 dev p0\nroute del default"))
+               "addr del 192.0.2.7/24 dev p0\naddr flush dev p1\nroute flush default"))
             << ReadFile("/tmp/ip.out");
     }
     // A filter hides the others' changes.
@@ -249,6 +262,23 @@ TEST_F(NetworkCommand, WatchesUntilItIsInterrupted) {
     EXPECT_TRUE(Sees("  b0: state "));
     EXPECT_FALSE(Contains(ReadFile("/tmp/watch"), "p1:"));
     EXPECT_EQ(Interrupt(), 0);
+    // What comes and goes while it cannot read is merged, not lost.
+    Watch(nullptr);
+    kill(process, SIGSTOP);
+    std::string commands;
+    for (int i = 0; i < 3000; ++i) commands += "link set p1 up\nlink set p1 down\n";
+    ASSERT_TRUE(Ip(commands + "link set p0 alias other"));
+    kill(process, SIGCONT);
+    EXPECT_TRUE(Sees("p0: alias other (was uplink), carrier changes ")) << ReadFile("/tmp/watch");
+    EXPECT_EQ(Interrupt(), 0);
+    // An interrupt that its caller ignores, as of a command in the background, does not end it.
+    std::signal(SIGINT, SIG_IGN);
+    Watch("--kind=bridge");
+    std::signal(SIGINT, SIG_DFL);
+    kill(process, SIGINT);
+    ASSERT_TRUE(Ip("link set b0 down"));
+    EXPECT_TRUE(Sees("  b0: state off"));
+    EXPECT_EQ(Interrupt(SIGTERM), 0);
     // It ends with its reader, though nothing changes.
     EXPECT_EQ(std::system("{ /build/bin/kemdctl network watch; echo $? >/tmp/code; } | read line"),
               0);

@@ -1,4 +1,14 @@
 // network.so in the real daemon, with links that are lost and come back.
+#include <fcntl.h>
+#include <linux/ethtool.h>
+#include <linux/if_tun.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <cstring>
+
 #include "tests/daemon/daemon_test.h"
 #include "tests/kemdctl/ctl.h"
 #include "tests/modules.h"
@@ -80,6 +90,38 @@ TEST_F(NetworkModuleTest, LinksAreLostAndComeBack) {
     EXPECT_EQ(Stop(pid), 0);
 }
 
+// A tap is the interface whose speed can be set.
+TEST_F(NetworkModuleTest, SpeedAndDuplexAreTraced) {
+    const UniqueFd tap(open("/dev/net/tun", O_RDWR | O_CLOEXEC));
+    if (tap.Get() < 0) GTEST_SKIP() << "not run, there is no /dev/net/tun";
+    ifreq request{};
+    request.ifr_flags = IFF_TAP | IFF_NO_PI;
+    std::strcpy(request.ifr_name, "p5");
+    ASSERT_EQ(ioctl(tap.Get(), TUNSETIFF, &request), 0);
+    ASSERT_TRUE(Ip("link set p5 up"));
+    const UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const auto set = [&](uint32_t speed, uint8_t duplex) {
+        ethtool_cmd command{};
+        command.cmd = ETHTOOL_SSET;
+        ethtool_cmd_speed_set(&command, speed);
+        command.duplex = duplex;
+        request.ifr_data = reinterpret_cast<char*>(&command);
+        return ioctl(socket.Get(), SIOCETHTOOL, &request) == 0;
+    };
+    ASSERT_TRUE(set(1000, DUPLEX_FULL));
+    Configure("");
+    pid_t pid = Run();
+    ASSERT_TRUE(set(100, DUPLEX_HALF));
+    EXPECT_TRUE(Traces("p5: duplex half (was full)"));
+    EXPECT_TRUE(Contains(Trace(), "p5: speed 100 Mbit/s (was 1000 Mbit/s)")) << Trace();
+    EXPECT_EQ(Stop(pid), 0);
+    ASSERT_TRUE(set(10, DUPLEX_HALF));
+    pid = Run();
+    EXPECT_TRUE(Contains(Trace(), "p5: speed 10 Mbit/s since the last run (was 100 Mbit/s)"));
+    EXPECT_FALSE(Contains(Trace(), "p5: duplex"));
+    EXPECT_EQ(Stop(pid), 0);
+}
+
 TEST_F(NetworkModuleTest, FlappingIsSummarised) {
     Configure("FlapChanges = 4\nFlapTime = 1s\n");
     const pid_t pid = Run();
@@ -155,6 +197,28 @@ TEST_F(NetworkModuleTest, WorksWithoutTheRegistry) {
     EXPECT_TRUE(Traces("p0: link lost after at least "));
     EXPECT_EQ(Stop(pid), 0);
     const std::string trace = Trace();
+    EXPECT_EQ(trace.find("cannot keep"), trace.rfind("cannot keep")) << trace;
+}
+
+// It can only read the registry then, says so once, and does its work as an ordinary user.
+TEST_F(NetworkModuleTest, WorksInAProcessOfItsOwn) {
+    Configure("");
+    EXPECT_EQ(Stop(Run()), 0);
+    std::filesystem::create_symlink("/build/bin/kemd-module-host", "/usr/bin/kemd-module-host");
+    WriteFile("/etc/passwd", "nobody:x:65534:65534::/:/bin/false\n");
+    Configure("[Module]\nIsolated = yes\nUser = nobody\n");
+    ASSERT_TRUE(Ip("link set x0 down\nlink del p1"));
+    const pid_t pid = Run();
+    EXPECT_TRUE(Contains(Ctl("modules show network").out, ", its own\n"));
+    EXPECT_EQ(Health(), "health:       warning: no link: p0");
+    ASSERT_TRUE(Ip("link set x0 up\naddr add 192.0.2.1/24 dev p0"));
+    EXPECT_TRUE(Traces("p0: address 192.0.2.1/24 added"));
+    EXPECT_EQ(Ctl("modules request network 'forget p0'").code, 0);
+    EXPECT_EQ(Stop(pid), 0);
+    const std::string trace = Trace();
+    EXPECT_TRUE(InOrder(trace, {"p1: absent since the last run", "(with Isolated = yes it can only",
+                                "p0: link is back after at least "}))
+        << trace;
     EXPECT_EQ(trace.find("cannot keep"), trace.rfind("cannot keep")) << trace;
 }
 
