@@ -416,11 +416,9 @@ TEST_F(NetworkTest, ManyInterfacesThatChange) {
         EXPECT_TRUE(Ip(flaps)) << ReadFile("/tmp/ip.out");
         isDone = true;
     });
-    int consistent = 0;
     do {
         const NetworkView view = Take(KEMD_NETWORK_ADDRESSES | KEMD_NETWORK_ROUTES);
         if (KemdNetworkIsConsistent(view.Get()) == 0) continue;
-        ++consistent;
         const size_t count = view.Interfaces().size();
         const size_t more = count - others - 2UL * kPairs;
         EXPECT_TRUE(more == 0 || more == 2) << count;
@@ -428,7 +426,8 @@ TEST_F(NetworkTest, ManyInterfacesThatChange) {
         EXPECT_EQ(static_cast<bool>(view.ByName("x0")), static_cast<bool>(view.ByName("x1")));
     } while (!isDone);
     changes.join();
-    EXPECT_GT(consistent, 0);
+    // A slow machine may not have had a quiet moment before.
+    EXPECT_EQ(KemdNetworkIsConsistent(Take(KEMD_NETWORK_ADDRESSES).Get()), 1);
 }
 
 }  // namespace
