@@ -7,6 +7,7 @@
 
 #include "network/messages.h"
 #include "network/module_eeprom.h"
+#include "network/view.h"
 #include "tests/world.h"
 
 namespace {
@@ -59,11 +60,11 @@ TEST(NetworkMessageTest, VirtualFunctions) {
 TEST(NetworkMessageTest, Modules) {
     const struct {
         unsigned char type;
-        size_t start, connector, vendor, part, serial, date;
+        size_t connector, vendor, part, serial, date;
         const char* typeText;
-    } layouts[] = {{0x03, 0, 2, 20, 40, 68, 84, "SFP"},
-                   {0x11, 128, 130, 148, 168, 196, 212, "QSFP28"},
-                   {0x18, 128, 203, 129, 148, 166, 182, "QSFP-DD"}};
+    } layouts[] = {{0x03, 2, 20, 40, 68, 84, "SFP"},
+                   {0x11, 130, 148, 168, 196, 212, "QSFP28"},
+                   {0x18, 203, 129, 148, 166, 182, "QSFP-DD"}};
     for (const auto& layout : layouts) {
         std::string memory(256, '\0');
         memory[0] = static_cast<char>(layout.type);
@@ -79,10 +80,7 @@ TEST(NetworkMessageTest, Modules) {
             return 0;
         };
         ASSERT_EQ(ReadModuleIdentity(read, interface), 0);
-        char text[32];
-        size_t size = sizeof text;
-        ASSERT_EQ(KemdNetworkText(&interface, KEMD_NET_MODULE_TYPE, text, &size), 0);
-        EXPECT_STREQ(text, layout.typeText);
+        EXPECT_EQ(InterfaceView(&interface).TextOr(KEMD_NET_MODULE_TYPE), layout.typeText);
         EXPECT_EQ(interface.Text(KEMD_NET_MODULE_VENDOR), "Example Optics");
         EXPECT_EQ(interface.Text(KEMD_NET_MODULE_PART), "EX-10G-SR");
         EXPECT_EQ(interface.Text(KEMD_NET_MODULE_SERIAL), "S123");
