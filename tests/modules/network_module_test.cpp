@@ -57,8 +57,6 @@ TEST_F(NetworkModuleTest, LinksAreLostAndComeBack) {
         {"link set x0 down", "p0: link lost after at least ", "warning: no link: p0"},
         {"link set x0 up", "p0: link is back after ", "ok"},
         {"addr add 192.0.2.1/24 dev p0", "p0: address 192.0.2.1/24 added", "ok"},
-        {"addr add 192.0.2.2/24 dev p0", "p0: address 192.0.2.2/24 added", "ok"},
-        {"addr del 192.0.2.2/24 dev p0", "p0: address 192.0.2.2/24 removed", "ok"},
         {"addr del 192.0.2.1/24 dev p0", "p0: address 192.0.2.1/24 removed", "ok"},
         {"link set p1 up", "p1: switched on", "warning: no link: p1"},
         {"link set p1 down", "p1: switched off", "ok"},
@@ -76,8 +74,6 @@ TEST_F(NetworkModuleTest, LinksAreLostAndComeBack) {
     EXPECT_TRUE(
         InOrder(Ctl("modules request network list").out,
                 {"p0 down for ", ", 3 link changes\n", "p2 off for ", ", 0 link changes\n"}));
-    EXPECT_TRUE(InOrder(Trace(), {"p0: link lost after at least ", "p0: link is back after ",
-                                  "p0: link lost after "}));
     // A cable that was taken out for good.
     EXPECT_EQ(Ctl("modules request network 'forget p0'").code, 0);
     EXPECT_EQ(Health(), "health:       ok");
@@ -125,15 +121,11 @@ TEST_F(NetworkModuleTest, SpeedAndDuplexAreTraced) {
 TEST_F(NetworkModuleTest, FlappingIsSummarised) {
     Configure("FlapChanges = 4\nFlapTime = 1s\n");
     const pid_t pid = Run();
-    const auto flap = [] {
-        for (const char* const command : {"link set x0 down", "link set x0 up"}) {
-            EXPECT_TRUE(Ip(command));
-        }
-    };
     // Until it is noticed: the kernel may report some together, and a slow machine too few at a
     // time.
     EXPECT_TRUE(WaitFor([&] {
-        flap();
+        EXPECT_TRUE(Ip("link set x0 down"));
+        EXPECT_TRUE(Ip("link set x0 up"));
         return Contains(Trace(), "p0: flapping, ");
     }));
     EXPECT_EQ(Health(), "health:       warning: flapping: p0");
