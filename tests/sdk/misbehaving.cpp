@@ -147,10 +147,6 @@ void Abort() {
     abort();
 }
 
-void Uncaught() {
-    Throw();
-}
-
 void Pause() {
     pause();
 }
@@ -188,7 +184,6 @@ const std::map<std::string, int (*)()> kActions = {
     {"hangs", Hang},
     {"late", Detach<EndLate>},
     {"leaks", Detach<Leak>},
-    {"uncaught", Detach<Uncaught>},
     {"aborts", Detach<Abort>},
     {"held", Keep<Work>},
     {"unjoined", Keep<Pause>},

@@ -67,7 +67,7 @@ const Kind kKinds[] = {
      "@: its process died by signal 15 (Terminated); it is started"},
 #ifndef KEMD_SANITIZED  // which needs more than there is
     {"eats", kByItself, 1, "a.so started ... a.so stopped", "@ stopped"},
-    {"outgrows", kDeath, 1000 + SIGABRT, "uncaught exception",
+    {"outgrows", kDeath, 1000 + SIGABRT, "std::terminate, for an uncaught exception",
      "no memory is left within MemoryLimit ... @: its process died by signal 6 "},
 #endif
     {"leaves", kFromInside, 4, "the process is ended in the start of module @",
@@ -76,8 +76,6 @@ const Kind kKinds[] = {
     {"init", kFromInside, 1,
      "threw an exception out of an initialiser (not even loaded): the dynamic", "not even loaded"},
     {"aborts", kDeath, 1000 + SIGABRT, "", "@: its process died by signal 6 "},
-    {"uncaught", kDeath, 1000 + SIGABRT, "std::terminate, for an uncaught exception",
-     "@: its process died by signal 6 "},
     {"dies", kDeath, 1000 + SIGSEGV, "", "@: its process died by signal 11 "},
     {"exits", kDeath, 3, "", "@: its process ended with status 3; it is started"},
     {"hangs", kKilled, 1000 + SIGKILL, "@ hangs: its start has not come back within 0.1 s",
