@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -19,12 +18,6 @@ static const char kName[] = MODULE_NAME;
 static const char* const kAfter[] = {MODULE_AFTER, NULL};
 static int health;
 static char healthText[64];
-
-static int abortsAtEnd;
-
-__attribute__((destructor)) static void End(void) {
-    if (abortsAtEnd) abort();
-}
 
 /* Until somebody opens the other end. */
 static void* Hang(void* argument) {
@@ -87,12 +80,6 @@ static int Request(void* user, const char* text, struct KemdReply* reply) {
         KemdTrace((const char*)user, 1, "crashes");
         *(volatile int*)16 = 1;
     }
-    if (strcmp(text, "abort later") == 0) {
-        abortsAtEnd = 1;
-        return 0;
-    }
-    if (strcmp(text, "close") == 0) return close_range(3, ~0U, 0);
-    if (strcmp(text, "leave") == 0) pthread_exit(NULL);
     if (strcmp(text, "flood") == 0) {
         int error = 0;
         while (error == 0) error = Write(reply, "0123456789abcdef");

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <filesystem>
 #include <list>
-#include <memory>
 #include <thread>
 
 static std::atomic<int> g_syncs{0};
@@ -32,58 +31,35 @@ TEST_F(ControlTest, RequestsAndTheirAnswers) {
         std::string answer;  // a part of it
     } cases[] = {
         {R"({"request":"modules"})",
-         R"("name":"base","version":"1.2","description":"A \"test\"","state":"running")"},
-        {R"({"request":"modules"})", R"("startAfter":["base"],"pid":1,"threads":0,"health":"ok"})"},
-        {R"({"request":"modules"})",
          R"({"name":"broken","state":"not loaded","reason":"no ELF file",)"},
-        {RequestOf("base", "health 1 dust in the fan"),
-         R"({"result":{"module":"base","reply":""}})"},
-        {R"({"request":"show","module":"base"})",
-         R"("health":"warning","healthText":"dust in the fan")"},
         {RequestOf("base", "echo \\u00e9\\\"x"), "\"reply\":\"\u00e9\\\"x\"}}"},
         {RequestOf("base", "flood"),
          R"({"error":"module base refuses the request: Message too long: 0123)"},
-        {RequestOf("base", "nonsense"),
-         R"(refuses the request: Invalid argument: no such thing"})"},
         {R"({"module":"user","request":"start"})",
          R"("started":[],"stopped":[],"note":"it runs already"})"},
-        {R"({"request":"restart","module":"base"})",
-         R"({"module":"base","state":"running","started":["base","user"],"stopped":["user","base"]})"},
         {R"({"request":"stop","module":"base"})",
          R"("state":"stopped","started":[],"stopped":["user","base"]})"},
         {RequestOf("user", "echo"), R"({"error":"module user does not run"})"},
-        {R"({"request":"start","module":"user"})",
-         R"({"error":"module user needs the module base, which does not run"})"},
         {R"({"request":"start","module":"base"})", R"("started":["base","user"],"stopped":[]})"},
+        // One that the administrator stopped stays so.
+        {R"({"request":"stop","module":"user"})", R"("stopped":["user"]})"},
+        {R"({"request":"restart","module":"base"})", R"("started":["base"],"stopped":["base"]})"},
+        {R"({"request":"start","module":"user"})", R"("started":["user"])"},
         {R"({"request":"start","module":"nobody"})",
          R"(module nobody is not loaded: /tmp/modules/nobody.so: No such file)"},
         {R"({"request":"start","module":"broken"})", R"(module broken is not loaded: no ELF file)"},
-        {R"({"request":"stop","module":"nobody"})", R"({"error":"there is no module nobody"})"},
         {R"({"request":"start","module":"../base"})", R"({"error":"there is no module ../base"})"},
-        {R"({"request":"show","module":"nobody"})", R"({"error":"there is no module nobody"})"},
-        {R"({"request":"reload","module":"user"})",
-         R"({"module":"user","state":"running","started":[],"stopped":[]})"},
     };
     for (const auto& [request, answer] : cases) {
         const std::string actual = client.Ask(request);
         EXPECT_TRUE(Contains(actual, answer)) << request << "\n" << actual;
     }
-    Settings("modules.d/user.ini", "[Settings]\nNumber = 12\n");
-    EXPECT_TRUE(Contains(Ask("reload", "user"), "keeps those that it had: result 34"));
-    EXPECT_TRUE(Contains(Ask("show", "user"), "\"state\":\"running\""));
     Settings("modules.d/user.ini", "[Module]\nEnabled = no\n");
     EXPECT_TRUE(Contains(Ask("restart", "user"),
                          "is disabled: by /etc/kemd/modules.d/user.ini (stopped: user)"));
-    EXPECT_TRUE(Contains(Ask("show", "user"), "\"state\":\"disabled\""));
-    Settings("modules.d/user.ini", "[Module]\nMemoryLimit = 5M\n");
-    EXPECT_TRUE(Contains(Ask("start", "user"),
-                         "user is not started: /etc/kemd/modules.d/user.ini: "
-                         "[Module] MemoryLimit is no size from 16M"));
-    EXPECT_TRUE(Contains(Ask("show", "user"), "\"state\":\"not loaded\",\"reason\":\"/etc/k"));
     fs::remove("/etc/kemd/modules.d/user.ini");
     WriteFile("/tmp/fail", "");
     EXPECT_TRUE(Contains(Ask("start", "user"), "module user does not start: result 5"));
-    EXPECT_TRUE(Contains(Ask("show", "user"), "\"state\":\"failed\",\"reason\":\"result 5\""));
     fs::remove("/tmp/fail");
     EXPECT_TRUE(Contains(Ask("start", "user"), "\"started\":[\"user\"]"));
     EXPECT_TRUE(Contains(Ask("stop", "user"), "it stays in memory: it failed before"));
@@ -103,12 +79,9 @@ TEST_F(ControlTest, WrongRequestsAreAnsweredAndTheConnectionStays) {
         {"", "the request is no JSON: a value is missing at byte 1"},
         {"[]", "the request is no object"},
         {"{}", "\\\"request\\\" is missing"},
-        {R"({"request":1})", "\\\"request\\\" is missing"},
         {R"({"request":"health"})", "unknown request health"},
         {R"({"request":"show"})", "\\\"module\\\" is missing"},
-        {R"({"request":"show","module":2})", "module is no text"},
         {R"({"request":"modules","module":"base"})", "unknown member module"},
-        {R"({"request":"stop","module":"base","text":""})", "unknown member text"},
     };
     for (const auto& [request, error] : cases) {
         EXPECT_EQ(client.Ask(request), "{\"error\":\"" + error + "\"}") << request;
@@ -121,17 +94,6 @@ TEST_F(ControlTest, WrongRequestsAreAnsweredAndTheConnectionStays) {
     client.Send(std::string(70'000, ' '));
     EXPECT_EQ(client.Line(), R"({"error":"the request is longer than 65536 bytes"})");
     EXPECT_EQ(client.Line(), "");
-}
-
-TEST_F(ControlTest, DependantsAreStoppedBeforeAndStartedAfter) {
-    Begin();
-    (void)Ask("restart", "base");
-    EXPECT_TRUE(InOrder(Trace(), {"base.so started", "user.so started", " user          stop",
-                                  " base          stop", "base.so loading", " base          start",
-                                  " user          start"}));
-    // One that the administrator stopped stays so.
-    (void)Ask("stop", "user");
-    EXPECT_TRUE(Contains(Ask("restart", "base"), "\"started\":[\"base\"],\"stopped\":[\"base\"]"));
 }
 
 TEST_F(ControlTest, StoppedModulesAreUnloadedWhenThatIsSafe) {
@@ -156,8 +118,6 @@ TEST_F(ControlTest, AModuleThatHangsIsNamedWhileItHangs) {
     EXPECT_TRUE(WaitFor([] {
         return Contains(Ask("show", "base"), "\"state\":\"hanging\",\"reason\":\"its request has");
     }));
-    EXPECT_TRUE(
-        Contains(Trace(), "module base.so hangs: its request has not come back within 0.1 s\n"));
     // The others can be looked at meanwhile, and what waits for modules is limited.
     EXPECT_TRUE(Contains(Ask("show", "user"), "\"state\":\"running\""));
     EXPECT_TRUE(Contains(Ask("show", "user"), "\"health\":\"busy\""));
@@ -167,8 +127,6 @@ TEST_F(ControlTest, AModuleThatHangsIsNamedWhileItHangs) {
     Release();
     EXPECT_TRUE(Contains(waiting.Line(), "\"reply\":\"done\""));
     EXPECT_TRUE(Contains(clients.front().Line(), "\"reply\":\"1\""));
-    EXPECT_TRUE(Contains(Ask("show", "base"), "\"state\":\"running\""));
-    EXPECT_TRUE(Contains(Trace(), "module base.so has come back from its request after "));
 }
 
 TEST_F(ControlTest, AStopWaitsForTheRequestThatRuns) {
@@ -176,8 +134,8 @@ TEST_F(ControlTest, AStopWaitsForTheRequestThatRuns) {
     Client waiting;
     waiting.Send(RequestOf("base", "hang") + "\n");
     ASSERT_TRUE(WaitFor([] { return Contains(Trace(), " base          hangs\n"); }));
-    Client late;
-    late.Send(RequestOf("user", "echo late") + "\n");
+    std::list<Client> late(8);
+    for (Client& client : late) client.Send(RequestOf("user", "echo late") + "\n");
     std::thread helper([] {
         (void)Ask("show", "base");
         Release();
@@ -185,38 +143,14 @@ TEST_F(ControlTest, AStopWaitsForTheRequestThatRuns) {
     m_binding.pInterface->StopAllModules();
     helper.join();
     EXPECT_TRUE(Contains(waiting.Line(), "\"reply\":\"done\""));
-    // It was answered before or after, but not while modules stop.
     EXPECT_TRUE(Contains(Ask("start", "base"), "{\"error\":\"kemd stops\"}"));
     EXPECT_TRUE(
         InOrder(Trace(), {" base          goes on\n", "user.so stopped", "base.so stopped"}));
     EXPECT_TRUE(m_binding.UnloadModules(0));
+    for (Client& client : late) EXPECT_FALSE(client.Line().empty());
     EXPECT_FALSE(fs::exists(kControlSocket));
     EXPECT_FALSE(Client().isConnected);
 }
-
-TEST_F(ControlTest, RequestsThatWaitAreAnsweredAtTheEnd) {
-    Begin();
-    Client waiting;
-    waiting.Send(RequestOf("base", "hang") + "\n");
-    ASSERT_TRUE(WaitFor([] { return Contains(Trace(), " base          hangs\n"); }));
-    std::list<Client> late(8);
-    for (Client& client : late) client.Send(RequestOf("user", "echo late") + "\n");
-    EXPECT_TRUE(Contains(Ask("nothing"), "error"));  // the others have been read
-    std::thread helper(Release);
-    EXPECT_TRUE(m_binding.UnloadModules(0));
-    helper.join();
-    for (Client& client : late) EXPECT_FALSE(client.Line().empty());
-}
-
-#ifndef __SANITIZE_ADDRESS__  // with it a reference to a forced unwind counts as null
-TEST_F(ControlTest, AModuleThatEndsTheWorkerEndsNothingElse) {
-    Begin();
-    const std::string lost = "a module has ended the thread that serves requests: restart kemd";
-    EXPECT_TRUE(Contains(Ask(RequestOf("base", "leave")), lost));
-    EXPECT_TRUE(Contains(Ask("start", "base"), lost));
-    EXPECT_TRUE(Contains(Ask("show", "base"), "\"health\":\"busy\""));
-}
-#endif
 
 TEST_F(ControlTest, SlowAndDeadClientsHoldNothingUp) {
     Begin();
@@ -301,8 +235,6 @@ TEST_F(ControlTest, TheTraceLevelChangesAndComesBack) {
     EXPECT_EQ(level(""), R"({"result":{"level":5}})");
     EXPECT_EQ(level(",\"level\":2"), R"({"result":{"level":2}})");
     EXPECT_EQ(Debug.TraceLevel(), 2U);
-    EXPECT_EQ(level(",\"level\":6,\"seconds\":3600"),
-              R"({"result":{"level":6,"seconds":3600,"then":2}})");
     EXPECT_EQ(level(",\"level\":0,\"seconds\":1"),
               R"({"result":{"level":0,"seconds":1,"then":2}})");
     EXPECT_FALSE(Debug.IsTraceOn());
@@ -313,9 +245,7 @@ TEST_F(ControlTest, TheTraceLevelChangesAndComesBack) {
               R"({"result":{"level":4,"seconds":1,"then":2}})");
     Debug.SwitchTrace(false);
     EXPECT_TRUE(WaitFor([&] { return level("") == R"({"result":{"level":0}})"; }));
-    for (const std::string wrong : {",\"level\":7", ",\"level\":\"1\"", ",\"level\":1.5"}) {
-        EXPECT_EQ(level(wrong), R"({"error":"level is no number from 0 to 6"})");
-    }
+    EXPECT_EQ(level(",\"level\":1.5"), R"({"error":"level is no number from 0 to 6"})");
     EXPECT_EQ(level(",\"seconds\":9"), R"({"error":"\"level\" is missing"})");
     Debug.Close();
     EXPECT_TRUE(Contains(level(",\"level\":1"), "kemd traces nowhere"));
@@ -333,8 +263,7 @@ std::string Hex(const std::string& text) {
 }
 
 TEST_F(ControlTest, TheRegistryChangesInTheDaemon) {
-    WriteFile("/etc/orvmon/registry",
-              "[HKEY_LOCAL_MACHINE]\n\n[HKEY_USERS]\nold=s=1\n[gone]\n\n\n");
+    WriteFile("/etc/orvmon/registry", "[HKEY_LOCAL_MACHINE]\n\n[HKEY_USERS]\n[a]\n\n\n");
     Begin();
     const auto change = [](const std::string& member) {
         return Ask("{\"request\":\"registry\"," + member + "}");
@@ -348,16 +277,6 @@ TEST_F(ControlTest, TheRegistryChangesInTheDaemon) {
         const std::string what = value.empty() ? "" : ",\"value\":" + Hex(value);
         return change("\"delete\":{\"key\":" + Hex(key) + what + "}");
     };
-    const auto import = [&](const std::string& path) {
-        return change("\"import\":\"" + path + "\"");
-    };
-    // A root key that was not there comes with the file; what another one has there goes.
-    WriteFile("/tmp/import", "[HKEY_USERS]\n[a]\n\n\n[HKEY_CURRENT_CONFIG]\nx=s=y\n\n\n");
-    EXPECT_EQ(import("/tmp/import"), "{\"result\":{}}");
-    const std::string others = "[HKEY_CURRENT_CONFIG]\nx=s=y\n\n[HKEY_LOCAL_MACHINE]\n\n";
-    const std::string imported = others + "[HKEY_USERS]\n[a]\n\n\n\n";
-    EXPECT_EQ(ReadFile("/etc/orvmon/registry"), imported);
-    EXPECT_EQ(set("HKEY_USERS/a/b", "n", "number", "\"ffffffff\""), "{\"result\":{}}");
     // A change that cannot be saved comes with the next one.
     fs::create_directories("/etc/orvmon/registry.new/x");
     EXPECT_EQ(
@@ -365,33 +284,28 @@ TEST_F(ControlTest, TheRegistryChangesInTheDaemon) {
         "{\"error\":\"the modules have the change, but it cannot be saved before the next one: "
         "Is a directory\"}");
     fs::remove_all("/etc/orvmon/registry.new");
-    EXPECT_EQ(remove("HKEY_USERS/a/b", "n"), "{\"result\":{}}");
+    EXPECT_EQ(set("HKEY_USERS/a/b", "n", "number", "\"ffffffff\""), "{\"result\":{}}");
     EXPECT_EQ(ReadFile("/etc/orvmon/registry"),
-              others + "[HKEY_USERS]\n[a]\nt\xff=s=x\xe9\n[b]\n\n\n\n\n");
-    WriteFile("/tmp/import", "no registry\n");
+              "[HKEY_LOCAL_MACHINE]\n\n[HKEY_USERS]\n[a]\nt\xff=s=x\xe9\n[b]\nn=d=-1\n\n\n\n\n");
     const struct {
         std::string actual;
         std::string expected;
     } cases[] = {
         {remove("HKEY_USERS", ""), "a root key cannot be deleted"},
-        {set("HKEY_USERS", "a", "string", "\"\""), "HKEY_USERS has a key a; delete that first"},
         {set("HKEY_NONE/a", "a", "string", "\"\""), "cannot make the key HKEY_NONE/a"},
         {set("HKEY_USERS", "a", "number", "\"00\""), "a number has four bytes"},
         {set("HKEY_USERS", "a", "text", "\"00\""), "an unknown type"},
         {set("HKEY_USERS", "a", "string", "\"0x\""),
          "value or data are missing or not hexadecimal"},
-        {import("/tmp/import"), "cannot import /tmp/import: it holds no registry"},
-        {import("/tmp/nothing"), "cannot import /tmp/nothing: No such file or directory"},
-        {import("tmp/import"), "import is no absolute path"},
-        {import("/tmp/import\",\"delete\":{\"key\":\"41\"},\"x\":\""), "more than one change"},
+        {change(R"("import":"/tmp/nothing")"),
+         "cannot import /tmp/nothing: No such file or directory"},
+        {change(R"("import":"tmp/import")"), "import is no absolute path"},
+        {change(R"("import":"/tmp/import","delete":{"key":"41"})"), "more than one change"},
     };
     for (const auto& [actual, expected] : cases)
         EXPECT_EQ(actual, "{\"error\":\"" + expected + "\"}");
-    EXPECT_EQ(remove("HKEY_USERS/a", "n"), R"({"result":{"absent":"no value n in HKEY_USERS/a"}})");
     EXPECT_EQ(remove("HKEY_USERS/a", "b"), R"({"result":{"absent":"no value b in HKEY_USERS/a"}})");
     EXPECT_EQ(remove("HKEY_USERS/x", ""), R"({"result":{"absent":"no key HKEY_USERS/x"}})");
-    EXPECT_EQ(remove("HKEY_USERS/a", ""), "{\"result\":{}}");
-    EXPECT_EQ(ReadFile("/etc/orvmon/registry"), others + "[HKEY_USERS]\n\n\n");
 }
 
 }  // namespace

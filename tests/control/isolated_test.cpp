@@ -1,7 +1,6 @@
 // Modules in processes of their own: the same calls, and what happens when a process ends.
 #include <sys/wait.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <vector>
@@ -42,7 +41,6 @@ TEST_F(IsolatedTest, CallsGoToTheProcess) {
     EXPECT_TRUE(Shows("base", "\"version\":\"1.2\""));
     EXPECT_TRUE(Shows("base", "\"threads\":1,\"isolated\":true"));
     EXPECT_TRUE(Contains(Ask(RequestOf("base", "echo \\u00e9")), "\"reply\":\"\u00e9\"}}"));
-    EXPECT_TRUE(Contains(Ask(RequestOf("base", "nonsense")), "Invalid argument: no such thing"));
     EXPECT_TRUE(Contains(Ask(RequestOf("base", "flood")), "Message too long: 0123"));
     EXPECT_TRUE(Contains(Ask(RequestOf("base", "health 1 dust")), "\"reply\":\"\""));
     EXPECT_TRUE(Shows("base", "\"health\":\"warning\",\"healthText\":\"dust\""));
@@ -73,20 +71,15 @@ TEST_F(IsolatedTest, AProcessThatEndsIsStartedAgain) {
     EXPECT_TRUE(Shows("base", "\"health\":\"failed\""));
     EXPECT_TRUE(Shows("user", "\"state\":\"running\""));
     EXPECT_TRUE(Contains(Ask(RequestOf("base", "echo 1")), "not run now: its process died by sig"));
-    EXPECT_TRUE(Contains(Ask("reload", "base"), "it reads its settings when it starts"));
     ASSERT_TRUE(WaitFor([] { return Shows("base", "\"state\":\"running\""); }));
     EXPECT_NE(Process(), first);
     EXPECT_TRUE(InOrder(
         Trace(), {"module base.so: its process died by signal 9 (Killed); it is started again in 1",
                   " base          start", "module base.so started"}));
-    // One that hangs is killed; the administrator need not wait.
-    Settings("modules.d/base.ini", "[Module]\nIsolated = yes\nStopTimeout = 100 ms\n");
-    (void)Ask("reload", "base");
-    EXPECT_TRUE(Contains(Ask(RequestOf("base", "hang")),
-                         "its call has not come back within 0.1 s, its process was killed"));
-    EXPECT_TRUE(Contains(Trace(), "it is started again in 2 s\n"));
+    // The administrator need not wait; one that is stopped stays so.
+    kill(Process(), SIGKILL);
+    ASSERT_TRUE(WaitFor([] { return Shows("base", "\"state\":\"restarting\""); }));
     EXPECT_TRUE(Contains(Ask("start", "base"), "\"state\":\"running\""));
-    // One that is stopped stays so.
     kill(Process(), SIGKILL);
     ASSERT_TRUE(WaitFor([] { return Shows("base", "\"state\":\"restarting\""); }));
     EXPECT_TRUE(Contains(Ask("stop", "base"), "\"stopped\":[\"user\",\"base\"]"));
@@ -117,30 +110,7 @@ TEST_F(IsolatedTest, ACrashIsInTheTraceAndInTheFileOfCrashes) {
     (void)Ask("start", "base");
     kill(Process(), SIGABRT);
     EXPECT_TRUE(WaitFor([] { return Contains(Trace(), "crashed: sent by process 1, thread "); }));
-    // After its stop as well.
-    (void)Ask("start", "base");
-    (void)Ask(RequestOf("base", "abort later"));
-    EXPECT_TRUE(Contains(Ask("stop", "base"), "\"stopped\":[\"user\",\"base\"]"));
-    EXPECT_TRUE(InOrder(Trace(), {"module base.so stopped", "module base.so crashed: thread ",
-                                  "did not end in order: its process died by signal 6 (Aborted)"}));
 #endif
-}
-
-bool HasThread(const std::string& name) {
-    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
-        if (ReadFile(task.path() / "comm") == name + "\n") return true;
-    }
-    return false;
-}
-
-TEST_F(IsolatedTest, ModuleInTheDaemonClosesAllDescriptors) {
-    BeginIsolated();
-    ASSERT_TRUE(HasThread("kemd-isolated"));
-    const pid_t process = Process();
-    (void)Ask(RequestOf("user", "close"));
-    EXPECT_TRUE(WaitFor([] { return !HasThread("kemd-isolated"); }));  // it would spin
-    EXPECT_EQ(kill(process, 0), -1);
-    EXPECT_TRUE(End());
 }
 
 TEST_F(IsolatedTest, WhatIsNotStartedAgain) {
@@ -163,12 +133,7 @@ TEST_F(IsolatedTest, WhatIsNotStartedAgain) {
     EXPECT_TRUE(Contains(Ask("start", "base"), "\"state\":\"running\""));
     // One that ends while or right after it starts does not stay shown as running.
     WriteFile("/tmp/leave", "");
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)  // slow to start
-    constexpr int kRounds = 5;
-#else
-    constexpr int kRounds = 50;
-#endif
-    for (int i = 0; i < kRounds; ++i) {
+    for (int i = 0; i < 20; ++i) {
         (void)Ask("restart", "base");
         ASSERT_TRUE(WaitFor([] { return Shows("base", "\"its process ended with status 3\""); }));
     }

@@ -1,14 +1,6 @@
 // A module for a process of its own: it does what the requests ask for.
-#include <pthread.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <new>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -45,11 +37,6 @@ void Notify(void* /*user*/, uint32_t code, const void* data) {
                 KemdEventIsSet(KemdExitEvent()));
 }
 
-int Health(void* /*user*/, char* text, size_t size) {
-    std::strncpy(text, "so so", size);
-    return KEMD_HEALTH_WARNING;
-}
-
 // What reading and changing come to.
 std::string UseRegistry() {
     KemdRegistryKey* key = nullptr;
@@ -61,12 +48,7 @@ std::string UseRegistry() {
     for (const int error : errors) results += " " + std::to_string(error);
     KemdRegistryClose(key);
     results += " " + std::to_string(KemdRegistryOpen(&key, "HKEY_LOCAL_MACHINE/new", 1));
-    CRegistry cursor("HKEY_LOCAL_MACHINE/there", nullptr);
-    for (const int32_t result : {cursor.SetValue("n", 9), cursor.DeleteValue("n"),
-                                 cursor.CreateKey(nullptr, "below"), number}) {
-        results += " " + std::to_string(result);
-    }
-    return results;
+    return results + " " + std::to_string(number);
 }
 
 void TraceOfThreads() {
@@ -92,36 +74,21 @@ void TraceInAllForms() {
     Debug.table->message(&Debug, "object %d", 2);
 }
 
-void Die() {
-    KemdTrace(kTag, 1, "last words");
-    (void)raise(SIGKILL);
-}
-
-std::string Grow() {
-    const std::unique_ptr<char[]> memory(new (std::nothrow) char[1 << 30]);
-    return memory ? "granted" : "refused";
-}
-
 int Request(void* /*user*/, const char* text, KemdReply* reply) {
     const std::string request = text;
-    const auto answer = [reply](const std::string& is) {
-        return reply->write(reply, is.data(), is.size());
-    };
-    if (request == "registry") return answer(UseRegistry());
-    if (request == "grow") return answer(Grow());
-    if (request == "grow until it crashes") {
+    if (request == "registry") {
+        const std::string results = UseRegistry();
+        return reply->write(reply, results.data(), results.size());
+    }
+    if (request == "grow") {
         for (;;) *static_cast<volatile char*>(std::malloc(100'000)) = 1;
     }
     if (request == "threads") TraceOfThreads();
     if (request == "trace") TraceInAllForms();
-    if (request == "die") Die();
-    if (request == "leave") pthread_exit(nullptr);
-    if (request == "throw") throw std::runtime_error("thrown");
-    if (request == "fork" && fork() == 0) KemdMessage(kTag, "a child");
-    if (request == "close") {
-        for (int fd = 0; fd <= 100; ++fd) close(fd);
+    if (request == "die") {
+        KemdTrace(kTag, 1, "last words");
+        (void)raise(SIGKILL);
     }
-    if (request == "thread") std::thread([] { pause(); }).detach();
     return 0;
 }
 
@@ -140,5 +107,5 @@ KEMD_MODULE_V2 = {.version = KEMD_MODULE_VERSION_2,
                   .start = nullptr,
                   .stop = Stop,
                   .notify = Notify,
-                  .health = Health,
+                  .health = nullptr,
                   .request = Request};

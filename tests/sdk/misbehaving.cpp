@@ -18,7 +18,6 @@
 #include <stdexcept>
 #include <thread>
 
-#include "kemd/event.h"
 #include "kemd/module.h"
 #include "kemd/trace.h"
 #include "kemd/trace_object.h"
@@ -27,12 +26,11 @@ namespace {
 
 constexpr const char* kTag = "misbehaving";
 
-EventHandle g_stop;
 std::thread g_thread;
 
 std::string FileStem() {
     Dl_info info{};
-    return dladdr(&g_stop, &info) != 0 ? std::filesystem::path(info.dli_fname).stem() : "";
+    return dladdr(&g_thread, &info) != 0 ? std::filesystem::path(info.dli_fname).stem() : "";
 }
 
 const std::string kName = FileStem();
@@ -41,7 +39,6 @@ const std::string kCall = kAction == kName ? "start" : kName.substr(kAction.size
 
 [[maybe_unused]] const bool kIsInitialised =
     kName != "init" || (throw std::runtime_error("not even loaded"), true);
-[[maybe_unused]] const bool kIsBorn = kName != "unborn" || (abort(), true);
 
 int Throw() {
     throw std::runtime_error("not today");
@@ -79,9 +76,8 @@ int Hang() {
     for (;;) pause();
 }
 
-// A thread that runs on for a while after stop has returned.
+// Of a thread that stop leaves running for a while.
 void EndLate() {
-    WaitForEvent(g_stop, kWaitForever);
     usleep(300'000);
     KemdTrace(kTag, 2, "late end of a thread");
 }
@@ -93,16 +89,11 @@ void Leak() {
     for (;; ++beats) sched_yield();
 }
 
-// Threads that end the process.
+// A thread that ends the process.
 void Work() {
     pthread_setname_np(pthread_self(), "worker");
     close(open("/tmp/go", O_RDONLY));  // a FIFO that the test opens, too
     exit(6);
-}
-
-int Crowd() {
-    for (int i = 0; i < 16; ++i) std::thread(Work).detach();
-    return 0;
 }
 
 // Closes every descriptor that a daemon used to have, and opens its own.
@@ -156,10 +147,6 @@ void Abort() {
     abort();
 }
 
-void Uncaught() {
-    Throw();
-}
-
 void Pause() {
     pause();
 }
@@ -194,13 +181,10 @@ const std::map<std::string, int (*)()> kActions = {
     {"dies", Die},
     {"exits", End<_exit, 3>},
     {"leaves", End<exit, 4>},  // in order, as it believes
-    {"quits", End<quick_exit, 5>},
     {"hangs", Hang},
     {"late", Detach<EndLate>},
     {"leaks", Detach<Leak>},
-    {"uncaught", Detach<Uncaught>},
     {"aborts", Detach<Abort>},
-    {"crowd", Crowd},
     {"held", Keep<Work>},
     {"unjoined", Keep<Pause>},
     {"ended", Keep<Nothing>},
@@ -211,7 +195,6 @@ const std::map<std::string, int (*)()> kActions = {
     {"outgrows", Detach<Outgrow>},
     {"forks", Fork},
     {"goeson", [] { return fork() < 0 ? 1 : 0; }},  // parent and child do
-    {"daemon", [] { return daemon(0, 0); }},
 };
 
 int Act(const char* call) {
@@ -223,12 +206,10 @@ int Configure(void* /*user*/, const KemdConfig* /*config*/) {
 }
 
 int Start(void* /*user*/) {
-    CreateEvent(g_stop, false, true, nullptr);
     return Act("start");
 }
 
 void Stop(void* /*user*/) {
-    SetEvent(g_stop);
     Act("stop");
 }
 

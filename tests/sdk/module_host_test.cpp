@@ -39,7 +39,7 @@ TEST(ModuleHost, NamesWhatIsWrong) {
     } cases[] = {
         {"fails", {"start failed with result 7"}},
         {"throws", {"exception out of start: not today"}},
-        {"late", {" ended only ", " ms after stop returned\n", "unload "}},
+        {"late-stop", {" ended only ", " ms after stop returned\n", "unload "}},
         {"hangs-stop", {"stop has not returned within 1 s\n"}},
         {"forks", {"stop ", "process left behind: ", " (kemd-module-hos)\n"}},
         {"leaks", {"(leaked) is left after stop: the module stays in memory\n"}},
