@@ -201,12 +201,15 @@ TEST_F(NetworkTest, DumpsThatAreInterrupted) {
     std::string commands;
     for (int i = 0; i < 100; ++i) commands += "link add type veth\n";
     ASSERT_TRUE(Ip(commands)) << ReadFile("/tmp/ip.out");
+    // A new name space has more than "lo" where the kernel makes tunnels of its own.
+    const size_t all = Take(0).Interfaces().size();
+    EXPECT_GE(all, 201U);
     for (const int count : {0, 5, 1000000}) {
         interruptions = count;
         const NetworkView view = Take(KEMD_NETWORK_ADDRESSES);
         interruptions = 0;
         EXPECT_EQ(KemdNetworkIsConsistent(view.Get()), count < 1000000 ? 1 : 0);
-        EXPECT_EQ(view.Interfaces().size(), 201U);
+        EXPECT_EQ(view.Interfaces().size(), all);
     }
     // A driver that fails ends ethtool's dump, and takes nothing from the other interfaces.
     isDriverFailing = true;
@@ -216,7 +219,7 @@ TEST_F(NetworkTest, DumpsThatAreInterrupted) {
     EXPECT_EQ(view.ByName("veth199").TextOr(KEMD_NET_PORT), "twisted pair");
     EXPECT_TRUE(view.Notes().empty());
     isOverflowing = true;
-    EXPECT_EQ(Take(0).Interfaces().size(), 201U);
+    EXPECT_EQ(Take(0).Interfaces().size(), all);
     EXPECT_FALSE(isOverflowing);
 
     // What one request did not read does not disturb the next.
@@ -231,7 +234,7 @@ TEST_F(NetworkTest, DumpsThatAreInterrupted) {
     EXPECT_EQ(socket.Dump(
                   request, [] {}, [&](const NetlinkMessage&) { ++links; }),
               0);
-    EXPECT_EQ(links, 201U);
+    EXPECT_EQ(links, all);
 }
 
 TEST_F(NetworkTest, TheKernelsReasonIsInTheError) {
