@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "base/file_io.h"
+#include "base/file_safety.h"
 #include "base/module_object.h"
 #include "kemd/trace.h"
 
@@ -26,7 +27,10 @@ IsolatedModule::~IsolatedModule() {
 std::string IsolatedModule::Load(const ModuleSettings& settings) try {
     m_settings = settings;
     m_isDaemonStop = false;
-    std::string fault;
+    m_process.reset();
+    // Checked when it was found, but it may be started again much later.
+    std::string fault = Unsafe(WalkPath(m_path));
+    if (!fault.empty()) return fault;
     m_process = m_processes.Spawn(m_file, settings.isRestarted, fault);
     if (m_process == nullptr) return fault;
     IsolatedRequest request{};

@@ -130,6 +130,9 @@ TEST_F(IsolatedTest, WhatIsNotStartedAgain) {
     EXPECT_TRUE(Contains(Ask("start", "base"), "module base does not start: result 5"));
     EXPECT_TRUE(Shows("base", "\"state\":\"failed\",\"reason\":\"result 5\""));
     fs::remove("/tmp/fail");
+    ASSERT_EQ(chmod("/tmp/modules/base.so", 0777), 0);
+    EXPECT_TRUE(Contains(Ask("start", "base"), "may be written by others than root"));
+    MakeSafe("/tmp/modules/base.so");
     EXPECT_TRUE(Contains(Ask("start", "base"), "\"state\":\"running\""));
     // One that ends while or right after it starts does not stay shown as running.
     WriteFile("/tmp/leave", "");
