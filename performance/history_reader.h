@@ -1,0 +1,66 @@
+// Reads a history, also while it is being written, and one copied from another machine. It takes no
+// lock and does not map the file: whatever its bytes are, and when it is cut, a reader only finds
+// less.
+//
+// One thread uses an object.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "performance/sample_time.h"
+#include "performance/series.h"
+
+// Values of one series in one step of time. A gauge: its values. A counter: `minimum`, `mean` and
+// `maximum` are rates, units per second between two samples, so that a minute knows its busiest
+// second; `last` is the counter itself.
+struct HistoryPoint {
+    int64_t wall = 0;  // the end of the step, in nanoseconds since 1970
+    double minimum = 0;
+    double mean = 0;
+    double maximum = 0;
+    double last = 0;
+};
+
+struct HistorySpan {
+    int64_t from = 0;  // wall clock, inclusive
+    int64_t to = 0;    // exclusive
+};
+
+class HistoryReader {
+  public:
+    // Null with the reason, which names the file.
+    static std::unique_ptr<HistoryReader> Open(const std::string& path, std::string& error);
+    ~HistoryReader();
+
+    const std::string& Host() const;
+    const std::string& BootId() const;  // of the newest sample
+    int64_t PeriodNs() const;           // of the newest sample
+    // Every series that has a sample in the file; the position is its number here. One that came,
+    // went and came again is one series.
+    const std::vector<SeriesInfo>& Series() const;
+    // From the oldest to after the newest sample, over all resolutions; empty when there is none.
+    HistorySpan Range() const;
+    std::vector<Mark> Marks(HistorySpan span) const;
+    // Damaged parts that were left out, a line each.
+    const std::vector<std::string>& Problems() const;
+
+    // The points of each series in `series` within `span`, in order of time. `step`: nanoseconds,
+    // or 0 for every sample. The finest resolution that reaches back far enough is taken, part by
+    // part, and merged to steps that begin at multiples of `step`; what is only there more coarsely
+    // comes as it is. A step without a sample has no point: a gap is a gap. False, with Error(),
+    // when the file cannot be read.
+    bool Read(std::span<const uint32_t> series, HistorySpan span, int64_t step,
+              std::vector<std::vector<HistoryPoint>>& points);
+    // What has been written since: false when the file cannot be read.
+    bool Refresh();
+    const std::string& Error() const;
+
+  private:
+    struct File;
+    explicit HistoryReader(std::unique_ptr<File> file);
+    std::unique_ptr<File> m_file;
+};

@@ -1,0 +1,45 @@
+// Writes the history: one mapped file of fixed size, see docs/performance-format.md. Samples,
+// minutes and hours each have a part of it, in which the oldest block makes way for the newest.
+//
+// Append and Mark belong to one thread; Sync may run beside them on another.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "performance/sample_time.h"
+#include "performance/series.h"
+
+struct HistorySettings {
+    std::string path;
+    uint64_t size = uint64_t{64} << 20;
+    int64_t periodNs = 1'000'000'000;
+    std::string host;
+    std::string bootId;
+};
+
+class HistoryWriter {
+  public:
+    // Goes on with the file that is there: what another run wrote is kept, also when `size`
+    // differs. A file that is no history is set aside, not overwritten. Null with the reason, which
+    // names the file, when it cannot be written: no space (all its blocks are reserved here), no
+    // rights.
+    static std::unique_ptr<HistoryWriter> Open(const HistorySettings& settings, std::string& error);
+    // What was torn or set aside when the file was opened, a line each; empty in the usual case.
+    const std::string& Findings() const;
+    ~HistoryWriter();
+
+    // One sample of all series that have a value. It is in the file when the call returns: a killed
+    // process loses nothing. No system call, and no allocation unless series were added.
+    void Append(const SampleTime& time, const SeriesTable& table);
+    void Mark(const ::Mark& mark);
+    // Until it returns, what was appended before the call may be lost in a power cut. 0 or an errno
+    // number.
+    int Sync();
+
+  private:
+    struct File;
+    explicit HistoryWriter(std::unique_ptr<File> file);
+    std::unique_ptr<File> m_file;
+};
