@@ -40,10 +40,6 @@ void DaemonTest::UseSwitch(const std::string& name, const std::string& script) {
 void DaemonTest::UseReferenceSwitch() {
     UseSwitch("reference");
     m_environment["OV_MODULE_DIR"] = kModules;
-    // It would sleep for a second at the end of each process.
-    const char* const options = getenv("TSAN_OPTIONS");
-    m_environment["TSAN_OPTIONS"] =
-        std::string(options != nullptr ? options : "") + " atexit_sleep_ms=0";
     ClearModules();
     for (const char* const path : {"/etc/kemd", kModuleHost}) fs::remove_all(path);
     fs::create_symlink("/build/bin/kemd-module-host", kModuleHost);
