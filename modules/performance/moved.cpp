@@ -1,0 +1,46 @@
+#include "modules/performance/moved.h"
+
+#include <malloc.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "performance/history_reader.h"
+#include "performance/ranking.h"
+
+__attribute__((weak)) std::vector<RankedChange> RankChanges(HistoryReader&, HistorySpan, HistorySpan, size_t); // TEMPORARY
+
+namespace {
+
+constexpr size_t kShown = 3;
+constexpr int64_t kSecond = 1'000'000'000;
+
+std::string Ranked(const std::string& history, const SampleTime& now, int64_t periodNs,
+                   const std::string& labels) {
+    std::string error;
+    const auto reader = HistoryReader::Open(history, error);
+    if (reader == nullptr) return {};
+    const int64_t length = std::max(30 * kSecond, 5 * periodNs);
+    const HistorySpan window{now.wall - length, now.wall + 1};
+    const HistorySpan before{window.from - 10 * length, window.from};
+    std::string text;
+    size_t shown = 0;
+    if (RankChanges == nullptr) return {};  // TEMPORARY
+    for (const RankedChange& change : RankChanges(*reader, window, before, 4 * kShown)) {
+        const SeriesInfo& info = reader->Series()[change.series];
+        if ((!labels.empty() && info.labels == labels) || shown == kShown) continue;
+        char values[80];
+        std::snprintf(values, sizeof values, " %.4g (was %.4g)", change.extreme, change.before);
+        text += (shown++ > 0 ? ", " : "") + SeriesId(info) + values;
+    }
+    return text;
+}
+
+}  // namespace
+
+std::string MovedSeries(const std::string& history, const SampleTime& now, int64_t periodNs,
+                        const std::string& labels) {
+    std::string text = Ranked(history, now, periodNs, labels);
+    malloc_trim(0);  // the reader took much, for a moment
+    return text;
+}
