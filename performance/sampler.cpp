@@ -32,6 +32,7 @@ Sampler::Sampler(const SamplerSettings& settings) : m_sources(std::make_unique<S
     AddFilesystemSource(m_sources->slowSources);
     AddSensorSource(m_sources->slowSources);
     AddFrequencySource(m_sources->slowSources);
+    AddDiskErrorSource(m_sources->slowSources);
 }
 
 Sampler::~Sampler() = default;

@@ -51,3 +51,4 @@ using SlowSources = std::vector<std::unique_ptr<SlowSource>>;
 void AddFilesystemSource(SlowSources& sources);
 void AddSensorSource(SlowSources& sources);
 void AddFrequencySource(SlowSources& sources);
+void AddDiskErrorSource(SlowSources& sources);
