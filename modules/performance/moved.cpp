@@ -8,8 +8,6 @@
 #include "performance/history_reader.h"
 #include "performance/ranking.h"
 
-__attribute__((weak)) std::vector<RankedChange> RankChanges(HistoryReader&, HistorySpan, HistorySpan, size_t); // TEMPORARY
-
 namespace {
 
 constexpr size_t kShown = 3;
@@ -25,7 +23,6 @@ std::string Ranked(const std::string& history, const SampleTime& now, int64_t pe
     const HistorySpan before{window.from - 10 * length, window.from};
     std::string text;
     size_t shown = 0;
-    if (RankChanges == nullptr) return {};  // TEMPORARY
     for (const RankedChange& change : RankChanges(*reader, window, before, 4 * kShown)) {
         const SeriesInfo& info = reader->Series()[change.series];
         if ((!labels.empty() && info.labels == labels) || shown == kShown) continue;
