@@ -190,7 +190,7 @@ void Alarms::Compare(Rule rule, const std::string& labels, Subject& subject, con
     if (!subject.crossed) subject.crossed = time;
     const int64_t waitedMs = (time.monotonic - subject.crossed->monotonic) / 1'000'000;
     if (!isOff && !row.isCount && waitedMs < limit.timeMs) return;
-    AlarmEvent event{isAlarm, subject.value, Text(rule, labels, subject.value), labels};
+    AlarmEvent event{isAlarm, subject.value, Text(rule, labels, subject.value), labels, row.series};
     if (isAlarm) {
         const int64_t lasted = (time.monotonic - subject.since->monotonic) / 1'000'000;
         event.text = "over after " + DurationText(lasted) + ": " + event.text +

@@ -18,8 +18,10 @@
 struct AlarmEvent {
     bool isEnd = false;
     double value = 0;
-    std::string text;    // value, limit and since when
-    std::string labels;  // of the series that it is about, which move with it of course
+    std::string text;  // value, limit and since when
+    // The series that it is about, which move with it of course.
+    std::string labels;
+    std::array<const char*, 3> names{};  // null: fewer
 };
 
 class Alarms {

@@ -315,7 +315,7 @@ void Monitor::Report(const SampleTime& now) {
         const std::string moved =
             event.isEnd || m_writer == nullptr
                 ? ""
-                : MovedSeries(kHistoryFile, now, m_settings.periodMs * kMs, event.labels);
+                : MovedSeries(kHistoryFile, now, m_settings.periodMs * kMs, event);
         if (!moved.empty()) text += "; with it: " + moved;
         KemdTrace(kTag, 1, "%s", text.c_str());
         AddMark(now, event.isEnd ? MarkKind::kAlarmEnd : MarkKind::kAlarm,

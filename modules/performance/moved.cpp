@@ -13,8 +13,15 @@ namespace {
 constexpr size_t kShown = 3;
 constexpr int64_t kSecond = 1'000'000'000;
 
+// A file system, disk or sensor moves as a whole.
+bool IsOf(const AlarmEvent& alarm, const SeriesInfo& info) {
+    const auto isName = [&](const char* name) { return name != nullptr && info.name == name; };
+    return info.labels == alarm.labels &&
+           (!info.labels.empty() || std::any_of(alarm.names.begin(), alarm.names.end(), isName));
+}
+
 std::string Ranked(const std::string& history, const SampleTime& now, int64_t periodNs,
-                   const std::string& labels) {
+                   const AlarmEvent& alarm) {
     std::string error;
     const auto reader = HistoryReader::Open(history, error);
     if (reader == nullptr) return {};
@@ -25,9 +32,12 @@ std::string Ranked(const std::string& history, const SampleTime& now, int64_t pe
     size_t shown = 0;
     for (const RankedChange& change : RankChanges(*reader, window, before, 4 * kShown)) {
         const SeriesInfo& info = reader->Series()[change.series];
-        if ((!labels.empty() && info.labels == labels) || shown == kShown) continue;
-        char values[80];
-        std::snprintf(values, sizeof values, " %.4g (was %.4g)", change.extreme, change.before);
+        if (shown == kShown || IsOf(alarm, info)) continue;
+        const std::string unit = (info.unit.empty() ? "" : " " + info.unit) +
+                                 (info.kind == SeriesKind::kCounter ? "/s" : "");
+        char values[128];
+        std::snprintf(values, sizeof values, " %.4g%s (was %.4g)", change.extreme, unit.c_str(),
+                      change.before);
         text += (shown++ > 0 ? ", " : "") + SeriesId(info) + values;
     }
     return text;
@@ -36,8 +46,8 @@ std::string Ranked(const std::string& history, const SampleTime& now, int64_t pe
 }  // namespace
 
 std::string MovedSeries(const std::string& history, const SampleTime& now, int64_t periodNs,
-                        const std::string& labels) {
-    std::string text = Ranked(history, now, periodNs, labels);
+                        const AlarmEvent& alarm) {
+    std::string text = Ranked(history, now, periodNs, alarm);
     malloc_trim(0);  // the reader took much, for a moment
     return text;
 }

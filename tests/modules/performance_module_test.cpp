@@ -7,6 +7,7 @@
 
 #include "base/unique_fd.h"
 #include "performance/history_reader.h"
+#include "performance/history_writer.h"
 #include "tests/daemon/daemon_test.h"
 #include "tests/kemdctl/ctl.h"
 #include "tests/modules.h"
@@ -54,6 +55,21 @@ class PerformanceModuleTest : public DaemonTest {
         std::snprintf(text, sizeof text,
                       "MemTotal: 1000 kB\nMemFree: 10 kB\nMemAvailable: %4d kB\n", percent * 10);
         Overwrite(kMemory, text);
+    }
+    // What the host was like minutes ago.
+    static void WriteBefore() {
+        std::filesystem::create_directories(std::filesystem::path(kHistory).parent_path());
+        std::string error;
+        const auto writer =
+            HistoryWriter::Open({kHistory, 4 << 20, 1'000'000'000, "host", "same"}, error);
+        ASSERT_NE(writer, nullptr) << error;
+        SeriesTable table;
+        table.Set(table.Add({"descriptors_limit", "", "", "", SeriesKind::kGauge}), 7);
+        const SampleTime now = SampleTime::Now();
+        for (int64_t ago = 150; ago > 60; --ago) {
+            const int64_t back = ago * 1'000'000'000;
+            writer->Append({now.wall - back, now.monotonic - back}, table);
+        }
     }
     static std::string Health() {
         const std::string shown = Ctl("modules show performance").out;
@@ -171,11 +187,15 @@ TEST_F(PerformanceModuleTest, MarksWhatItMissed) {
 }
 
 TEST_F(PerformanceModuleTest, ReportsWhatIsBeyondItsLimit) {
+    WriteBefore();
     const pid_t pid = Run();
     ASSERT_TRUE(HasSamples(2));
     EXPECT_EQ(Health(), "health:       ok");
     Available(3);
     EXPECT_TRUE(HasMarks(MarkKind::kAlarm, 1, "memory: 3.0 % available (limit 5 %), since 20"));
+    const std::string text = Marks(MarkKind::kAlarm)[0].text;
+    EXPECT_TRUE(InOrder(text, {"; with it: ", "descriptors_limit ", " (was 7)"})) << text;
+    EXPECT_FALSE(Contains(text, "memory_available_bytes")) << text;
     EXPECT_TRUE(WaitFor([] { return Contains(Health(), "warning: memory: 3.0 % available"); }));
     Available(6);  // not enough for its end
     EXPECT_TRUE(WaitFor([] { return Contains(Health(), "warning: memory: 6.0 % available"); }));
