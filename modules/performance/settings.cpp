@@ -22,7 +22,7 @@ constexpr RuleRow kRows[] = {
     {"MemoryPressure", 20, 100, -10, 30'000},
     {"TemperatureMargin", 5, 100, 5, 30'000},
     {"OomKill", 1, 1'000'000, 0, 600'000},
-    {"DiskErrors", 1, 1'000'000'000, 0, 600'000},
+    {"DiskErrors", 3, 1'000'000'000, 0, 600'000},
     {"InterfaceErrors", 100, 1'000'000'000, 0, 60'000},
 };
 static_assert(std::size(kRows) == kRules);
