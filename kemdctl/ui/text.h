@@ -17,5 +17,7 @@ std::string ShellQuoted(std::string_view name);
 
 // "1 time", "2 times", "0 times".
 std::string Counted(size_t count, const char* noun);
+// The shortest text that gives the same number again.
+std::string NumberText(double number);
 // A size in bytes, from one MiB on in MiB.
 std::string SizeText(uint64_t bytes);
