@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <new>
 #include <string>
 
@@ -18,6 +19,8 @@
 #include "performance/history_reader.h"
 
 namespace {
+
+constexpr int64_t kPatience = 10'000'000'000;  // ns
 
 class PerformanceModule {
   public:
@@ -61,6 +64,12 @@ int PerformanceModule::Health(char* text, size_t size) {
             text, size, "%s: %s",
             state.error.empty() ? "the history does not reach the disk" : "no sample is written",
             why.c_str());
+        return KEMD_HEALTH_FAILED;
+    }
+    const int64_t age = SampleTime::Now().monotonic - state.at;
+    if (age > 3 * state.periodMs * 1'000'000 + kPatience) {
+        std::snprintf(text, size, "the last sample is %lld s old: something does not answer",
+                      static_cast<long long>(age / 1'000'000'000));
         return KEMD_HEALTH_FAILED;
     }
     std::snprintf(text, size, "%s", state.alarms.c_str());
@@ -114,6 +123,9 @@ template <typename Call>
 int Guarded(Call call, int withoutMemory = ENOMEM) try {
     return call();
 } catch (const std::bad_alloc&) {
+    return withoutMemory;
+} catch (const std::exception& error) {
+    KemdMessage("performance", "%s", error.what());
     return withoutMemory;
 }
 

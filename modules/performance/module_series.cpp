@@ -71,3 +71,8 @@ void ModuleSeries::Sample(SeriesTable& table) {
         m_dead.insert(place->second.module);
     }
 }
+
+bool ModuleSeries::Has(const std::string& module) const {
+    return std::any_of(m_places.begin(), m_places.end(),
+                       [&](const auto& place) { return place.second.module == module; });
+}

@@ -15,6 +15,8 @@ class ModuleSeries {
     // Sets the values of this moment; of a module whose process has died there are none.
     void Sample(SeriesTable& table);
     [[nodiscard]] size_t Count() const { return m_places.size(); }
+    // Whether this module has any.
+    [[nodiscard]] bool Has(const std::string& module) const;
     // Isolated modules that have series and whose process has died.
     [[nodiscard]] const std::set<std::string>& Dead() const { return m_dead; }
 

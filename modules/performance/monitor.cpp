@@ -10,10 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
+#include <exception>
 #include <fstream>
-#include <new>
-#include <optional>
+#include <utility>
 
 #include "kemd/trace.h"
 #include "modules/performance/moved.h"
@@ -70,6 +69,7 @@ bool Monitor::Start(const PerformanceSettings& settings) {
     m_isSyncWanted = false;
     m_state = {};
     m_own = {};
+    m_state.at = SampleTime::Now().monotonic;
     m_hasOffsets = false;
     m_deadline = 0;
     m_isRunning = m_sampler.Start(RunSampler, this, 0, false, 0, true);
@@ -141,23 +141,27 @@ void Monitor::KeepSynced() {
 }
 
 void Monitor::Sample() {
-    bool isShort = false;
+    bool isFailing = false;
     while (AwaitDeadline()) {
         try {
-            TakeSettings();
-            const int64_t period = m_settings.periodMs * kMs;
-            const int64_t late = ReadClock(CLOCK_MONOTONIC) - m_deadline;
-            if (late < 0) continue;  // new settings, before the next sample
-            const auto missed = static_cast<uint64_t>(late / period);
-            m_deadline += static_cast<int64_t>(missed + 1) * period;
-            Tick(missed);
-            isShort = false;
-        } catch (const std::bad_alloc&) {
-            if (!isShort) KemdMessage(kTag, "there is not enough memory: a sample is not complete");
-            isShort = true;
+            TakeDueSample();
+            isFailing = false;
+        } catch (const std::exception& error) {
+            if (!isFailing) KemdMessage(kTag, "a sample is not complete: %s", error.what());
+            isFailing = true;
         }
     }
     Close();
+}
+
+void Monitor::TakeDueSample() {
+    TakeSettings();
+    const int64_t period = m_settings.periodMs * kMs;
+    const int64_t late = ReadClock(CLOCK_MONOTONIC) - m_deadline;
+    if (late < 0) return;  // new settings, before the next sample
+    const auto missed = static_cast<uint64_t>(late / period);
+    m_deadline += static_cast<int64_t>(missed + 1) * period;
+    Tick(missed);
 }
 
 bool Monitor::AwaitDeadline() {
@@ -181,9 +185,8 @@ void Monitor::TakeSettings() {
     m_settings = wanted;
     m_alarms.Configure(m_settings.limits);
     if (!isFirst && !isOther) return;
-    const SampleTime now = SampleTime::Now();
-    m_deadline = now.monotonic;
-    Open(now);
+    m_deadline = ReadClock(CLOCK_MONOTONIC);
+    m_isOpenWanted = true;
 }
 
 // The table and all that refers to it begin again with the file.
@@ -195,22 +198,31 @@ void Monitor::Open(const SampleTime& now) {
     m_isFirst = true;
     m_own.periodMs = m_settings.periodMs;
     OpenWriter(now);
+    m_isOpenWanted = false;
 }
 
 void Monitor::OpenWriter(const SampleTime& now) {
     m_openAt = now.monotonic + kRetry;
-    MakeDirectories();
+    m_syncedAt = now.monotonic;
     m_bootId = ReadLine("/proc/sys/kernel/random/boot_id");
     std::string lastBoot;
     std::string error;
     if (const auto reader = HistoryReader::Open(kHistoryFile, error)) lastBoot = reader->BootId();
+    if (!TryOpenWriter()) return;
+    if (!lastBoot.empty() && lastBoot != m_bootId) AddMark(now, MarkKind::kReboot, 0, m_bootId);
+    AddMark(now, MarkKind::kStart, 0,
+            std::string(kVersion) + ", " + PeriodText(m_settings.periodMs));
+}
+
+bool Monitor::TryOpenWriter() {
+    MakeDirectories();
     HistorySettings settings;
     settings.path = kHistoryFile;
     settings.size = static_cast<uint64_t>(m_settings.size);
     settings.periodNs = m_settings.periodMs * kMs;
     settings.host = HostName();
     settings.bootId = m_bootId;
-    error.clear();
+    std::string error;
     {
         const std::lock_guard lock(m_writerLock);
         m_writer.reset();
@@ -222,7 +234,7 @@ void Monitor::OpenWriter(const SampleTime& now) {
                         error.c_str());
         }
         m_own.error = error;
-        return;
+        return false;
     }
     if (!m_own.error.empty()) KemdMessage(kTag, "%s is written again", kHistoryFile);
     m_own.error.clear();
@@ -233,11 +245,9 @@ void Monitor::OpenWriter(const SampleTime& now) {
     if (stat(kHistoryFile, &status) == 0) {
         m_device = status.st_dev;
         m_inode = status.st_ino;
+        m_size = status.st_size;
     }
-    m_syncedAt = now.monotonic;
-    if (!lastBoot.empty() && lastBoot != m_bootId) AddMark(now, MarkKind::kReboot, 0, m_bootId);
-    AddMark(now, MarkKind::kStart, 0,
-            std::string(kVersion) + ", " + PeriodText(m_settings.periodMs));
+    return true;
 }
 
 void Monitor::Close() try {
@@ -252,8 +262,11 @@ void Monitor::Close() try {
 
 void Monitor::Tick(uint64_t missed) {
     const SampleTime now = SampleTime::Now();
-    const bool isDue = m_writer == nullptr && now.monotonic >= m_openAt;
-    if (isDue) OpenWriter(now);
+    if (m_isOpenWanted) {
+        Open(now);
+    } else if (m_writer == nullptr && now.monotonic >= m_openAt) {
+        OpenWriter(now);
+    }
     MarkClocks(now);
     if (missed > 0) {
         m_own.gaps += missed;
@@ -333,7 +346,9 @@ void Monitor::MarkDeadModules(const SampleTime& now) {
     }
     for (const std::string& module : m_dead) {
         if (m_modules.Dead().contains(module)) continue;
-        AddMark(now, MarkKind::kAlarmEnd, 0, "module " + module + " is no longer dead");
+        AddMark(
+            now, MarkKind::kAlarmEnd, 0,
+            "module " + module + (m_modules.Has(module) ? ": its series go on" : " was unloaded"));
     }
     m_dead = m_modules.Dead();
 }
@@ -342,7 +357,7 @@ void Monitor::MarkDeadModules(const SampleTime& now) {
 bool Monitor::IsFileOurs() {
     struct stat status {};
     return stat(kHistoryFile, &status) == 0 && status.st_dev == m_device &&
-           status.st_ino == m_inode;
+           status.st_ino == m_inode && status.st_size == m_size;
 }
 
 // Asked for early enough that nothing is older than the interval before the next sample.
@@ -354,7 +369,8 @@ void Monitor::RequestSync(const SampleTime& now) {
     if (!IsFileOurs()) {
         KemdMessage(kTag, "%s is not the file any more that was written: it begins again",
                     kHistoryFile);
-        return Open(now);
+        m_isOpenWanted = true;
+        return;
     }
     {
         const std::lock_guard lock(m_lock);
@@ -375,11 +391,11 @@ void Monitor::Publish(const SampleTime& now) {
     for (SeriesTable::Index i = 0; i < m_table->Size(); ++i) {
         m_own.series += m_table->HasValue(i) ? 1 : 0;
     }
+    m_own.at = now.monotonic;
     m_own.ofModules = m_modules.Count();
     m_own.alarms = m_alarms.Texts();
     const std::lock_guard lock(m_lock);
     std::string syncError = std::move(m_state.syncError);
     m_state = m_own;
     m_state.syncError = std::move(syncError);
-    (void)now;
 }

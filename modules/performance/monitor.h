@@ -1,8 +1,7 @@
 // The two threads of the performance monitor: one takes a sample each period, one brings the
 // history to the disk when the first asks for it. Nothing wakes in between.
 //
-// Start, Stop, Apply and the questions come from one thread at a time. Nothing throws but
-// std::bad_alloc.
+// Start, Stop, Apply and the questions come from one thread at a time. State throws std::bad_alloc.
 #pragma once
 
 #include <sys/types.h>
@@ -36,6 +35,7 @@ struct MonitorState {
     size_t series = 0;     // with a value
     size_t ofModules = 0;  // registered
     int64_t periodMs = 0;
+    int64_t at = 0;  // of the last sample, or of the start: CLOCK_MONOTONIC
 };
 
 class Monitor {
@@ -67,9 +67,11 @@ class Monitor {
     void KeepSynced();
     // False when the thread is to end.
     bool AwaitDeadline();
+    void TakeDueSample();
     void TakeSettings();
     void Open(const SampleTime& now);
     void OpenWriter(const SampleTime& now);
+    bool TryOpenWriter();
     void Close();
     void Tick(uint64_t missed);
     void MarkClocks(const SampleTime& now);
@@ -97,12 +99,14 @@ class Monitor {
     std::string m_bootId;
     Offsets m_offsets;
     bool m_hasOffsets = false;
+    bool m_isOpenWanted = false;
     int64_t m_deadline = 0;  // CLOCK_MONOTONIC
     int64_t m_openAt = 0;    // when to try again
     int64_t m_syncedAt = 0;
     bool m_isFirst = false;  // after the sources were made
     dev_t m_device = 0;      // of the file that is written
     ino_t m_inode = 0;
+    off_t m_size = 0;
     MonitorState m_own;
 
     // Under the lock.
