@@ -153,13 +153,13 @@ void Region::ForEach(const Function& function) const {
 
 bool Region::Copy(size_t slot, uint32_t serial, Slot& copy) const {
     if (slot == 0 || slot >= End() || !IsUsed(serial)) return false;
-    const Slot& here = m_slots[slot];
+    Slot& here = m_slots[slot];
     if (here.serial.load(std::memory_order_acquire) != serial) return false;
     copy.kind = here.kind;
     copy.module = here.module;
     copy.texts = here.texts;
-    std::atomic_thread_fence(std::memory_order_acquire);
-    return here.serial.load(std::memory_order_relaxed) == serial;
+    // Written, so that no read above comes after it.
+    return here.serial.fetch_add(0, std::memory_order_acq_rel) == serial;
 }
 
 // The region of a module's own process.

@@ -66,20 +66,20 @@ KEMD_API void KemdSeriesRelease(struct KemdSeries* series);
 
 /* Of a gauge; of a counter only by an amount that is not negative. */
 static inline void KemdSeriesAdd(struct KemdSeries* series, int64_t amount) {
-    if (series != NULL) __atomic_fetch_add(&series->bits, (uint64_t)amount, __ATOMIC_RELAXED);
+    if (series) __atomic_fetch_add(&series->bits, (uint64_t)amount, __ATOMIC_RELAXED);
 }
 /* For a counter that is counted elsewhere, too. */
 static inline void KemdSeriesSet(struct KemdSeries* series, int64_t value) {
-    if (series != NULL) __atomic_store_n(&series->bits, (uint64_t)value, __ATOMIC_RELAXED);
+    if (series) __atomic_store_n(&series->bits, (uint64_t)value, __ATOMIC_RELAXED);
 }
 /* The following are for KEMD_SERIES_REAL_GAUGE alone. */
 static inline void KemdSeriesSetReal(struct KemdSeries* series, double value) {
     uint64_t bits = 0;
     __builtin_memcpy(&bits, &value, sizeof bits);
-    if (series != NULL) __atomic_store_n(&series->bits, bits, __ATOMIC_RELAXED);
+    if (series) __atomic_store_n(&series->bits, bits, __ATOMIC_RELAXED);
 }
 static inline void KemdSeriesAddReal(struct KemdSeries* series, double amount) {
-    if (series == NULL) return;
+    if (!series) return;
     uint64_t old = __atomic_load_n(&series->bits, __ATOMIC_RELAXED);
     uint64_t sum = 0;
     do {

@@ -96,20 +96,23 @@ void Alarms::Find(const SeriesTable& table) {
         for (auto& [labels, subject] : subjects) subject.found = 0;
     }
     for (SeriesTable::Index index = 0; index < table.Size(); ++index) {
-        if (!table.IsUsed(index)) continue;
-        const SeriesInfo& info = table.Info(index);
-        if (info.labels.starts_with("module=\"")) continue;
-        for (size_t rule = 0; rule < kRules; ++rule) {
-            const auto& names = kRows[rule].series;
-            for (size_t i = 0; i < names.size() && names[i] != nullptr; ++i) {
-                if (info.name != names[i]) continue;
-                Subject& subject = m_subjects[rule][info.labels];
-                subject.series[i] = index;
-                subject.found |= 1U << i;
-            }
-        }
+        if (table.IsUsed(index)) Take(table.Info(index), index);
     }
     m_generation = table.Generation();
+}
+
+// Other modules may have series of these names.
+void Alarms::Take(const SeriesInfo& info, SeriesTable::Index index) {
+    if (info.labels.starts_with("module=\"")) return;
+    for (size_t rule = 0; rule < kRules; ++rule) {
+        const auto& names = kRows[rule].series;
+        for (size_t i = 0; i < names.size() && names[i] != nullptr; ++i) {
+            if (info.name != names[i]) continue;
+            Subject& subject = m_subjects[rule][info.labels];
+            subject.series[i] = index;
+            subject.found |= 1U << i;
+        }
+    }
 }
 
 std::optional<double> Alarms::Value(Rule rule, Subject& subject, const SeriesTable& table,
@@ -155,23 +158,24 @@ std::optional<double> Alarms::Value(Rule rule, Subject& subject, const SeriesTab
 void Alarms::Compare(const SeriesTable& table, const SampleTime& time,
                      std::vector<AlarmEvent>& events) {
     if (m_generation != table.Generation()) Find(table);
-    for (size_t i = 0; i < kRules; ++i) {
-        const auto rule = static_cast<Rule>(i);
-        if (m_limits[i].begin == 0 && m_subjects[i].empty()) continue;
-        for (auto& [labels, subject] : m_subjects[i]) {
-            const auto value = Value(rule, subject, table, time.monotonic);
-            if (value) subject.value = *value;
-            // One that has no value for a moment keeps its state; one that is gone has none.
-            if (value || subject.found == 0 || m_limits[i].begin == 0) {
-                Compare(rule, labels, subject, time, events);
-            }
-        }
-        std::erase_if(m_subjects[i], [](const auto& each) { return each.second.found == 0; });
-    }
+    for (size_t i = 0; i < kRules; ++i) CompareRule(static_cast<Rule>(i), table, time, events);
 }
 
-void Alarms::Compare(Rule rule, const std::string& labels, Subject& subject, const SampleTime& time,
-                     std::vector<AlarmEvent>& events) const {
+void Alarms::CompareRule(Rule rule, const SeriesTable& table, const SampleTime& time,
+                         std::vector<AlarmEvent>& events) {
+    const bool isOff = m_limits[static_cast<size_t>(rule)].begin == 0;
+    Subjects& subjects = m_subjects[static_cast<size_t>(rule)];
+    for (auto& [labels, subject] : subjects) {
+        const auto value = Value(rule, subject, table, time.monotonic);
+        if (value) subject.value = *value;
+        // One that has no value for a moment keeps its state; one that is gone has none.
+        if (value || isOff || subject.found == 0) Judge(rule, labels, subject, time, events);
+    }
+    std::erase_if(subjects, [](const auto& each) { return each.second.found == 0; });
+}
+
+void Alarms::Judge(Rule rule, const std::string& labels, Subject& subject, const SampleTime& time,
+                   std::vector<AlarmEvent>& events) const {
     const RuleRow& row = RowOf(rule);
     const Limit& limit = m_limits[static_cast<size_t>(rule)];
     const bool isAlarm = subject.since.has_value();

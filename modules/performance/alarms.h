@@ -51,11 +51,14 @@ class Alarms {
     using Subjects = std::map<std::string, Subject>;  // by labels
 
     void Find(const SeriesTable& table);
+    void Take(const SeriesInfo& info, SeriesTable::Index index);
     // Nothing: there is none, or not yet.
     [[nodiscard]] std::optional<double> Value(Rule rule, Subject& subject, const SeriesTable& table,
                                               int64_t now) const;
-    void Compare(Rule rule, const std::string& labels, Subject& subject, const SampleTime& time,
-                 std::vector<AlarmEvent>& events) const;
+    void CompareRule(Rule rule, const SeriesTable& table, const SampleTime& time,
+                     std::vector<AlarmEvent>& events);
+    void Judge(Rule rule, const std::string& labels, Subject& subject, const SampleTime& time,
+               std::vector<AlarmEvent>& events) const;
     [[nodiscard]] std::string Text(Rule rule, const std::string& labels, double value) const;
 
     std::array<Limit, kRules> m_limits;

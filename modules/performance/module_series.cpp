@@ -51,13 +51,30 @@ void ModuleSeries::AddNew(SeriesTable& table, uint64_t id) {
     m_places[id] = {table.Add(std::move(info)), found.module, name};
 }
 
-void ModuleSeries::Sample(SeriesTable& table) {
+void ModuleSeries::TakeUp(SeriesTable& table) {
+    m_ids.clear();  // without memory this is done again at the next sample
+    RemoveGone(table);
+    for (const KemdSeriesValue& value : m_values) AddNew(table, value.id);
+    for (const KemdSeriesValue& value : m_values) m_ids.push_back(value.id);
+}
+
+bool ModuleSeries::MayTakeUp(int64_t monotonic) {
+    constexpr int64_t kEvery = 10'000'000'000;
+    constexpr int64_t kMostAtOnce = 20;
+    const int64_t refilled = (monotonic - m_since) / kEvery;
+    m_changes = std::max<int64_t>(m_changes - refilled, 0);
+    m_since += refilled * kEvery;
+    return m_changes < kMostAtOnce && ++m_changes > 0;
+}
+
+void ModuleSeries::Sample(SeriesTable& table, int64_t monotonic) {
     Take();
     if (!IsSame()) {
-        m_ids.clear();  // without memory this is done again at the next sample
-        RemoveGone(table);
-        for (const KemdSeriesValue& value : m_values) AddNew(table, value.id);
-        for (const KemdSeriesValue& value : m_values) m_ids.push_back(value.id);
+        if (MayTakeUp(monotonic)) {
+            TakeUp(table);
+        } else {
+            for (const auto& [id, place] : m_places) table.Clear(place.index);
+        }
     }
     m_dead.clear();
     for (const KemdSeriesValue& value : m_values) {
@@ -70,9 +87,4 @@ void ModuleSeries::Sample(SeriesTable& table) {
         table.Clear(place->second.index);
         m_dead.insert(place->second.module);
     }
-}
-
-bool ModuleSeries::Has(const std::string& module) const {
-    return std::any_of(m_places.begin(), m_places.end(),
-                       [&](const auto& place) { return place.second.module == module; });
 }

@@ -2,6 +2,7 @@
 // std::bad_alloc alone, and can go on after that.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <set>
 #include <string>
@@ -12,11 +13,11 @@
 
 class ModuleSeries {
   public:
-    // Sets the values of this moment; of a module whose process has died there are none.
-    void Sample(SeriesTable& table);
+    // Sets the values of this moment; of a module whose process has died there are none. Series
+    // that come and go all the time, as those of a broken module may, are taken up every ten
+    // seconds.
+    void Sample(SeriesTable& table, int64_t monotonic);
     [[nodiscard]] size_t Count() const { return m_places.size(); }
-    // Whether this module has any.
-    [[nodiscard]] bool Has(const std::string& module) const;
     // Isolated modules that have series and whose process has died.
     [[nodiscard]] const std::set<std::string>& Dead() const { return m_dead; }
 
@@ -29,6 +30,8 @@ class ModuleSeries {
 
     void Take();
     [[nodiscard]] bool IsSame() const;
+    void TakeUp(SeriesTable& table);
+    [[nodiscard]] bool MayTakeUp(int64_t monotonic);
     void RemoveGone(SeriesTable& table);
     void AddNew(SeriesTable& table, uint64_t id);
 
@@ -38,4 +41,6 @@ class ModuleSeries {
     std::set<uint64_t> m_refused;  // ids that are shown for nothing, or twice
     std::vector<uint64_t> m_ids;   // of the sample before
     std::set<std::string> m_dead;
+    int64_t m_changes = 0;  // that were taken up, less one every ten seconds
+    int64_t m_since = 0;
 };

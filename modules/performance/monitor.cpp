@@ -281,7 +281,7 @@ void Monitor::Tick(uint64_t missed) {
 
 void Monitor::AppendSample(const SampleTime& now) {
     m_sources->Sample(*m_table);
-    m_modules.Sample(*m_table);
+    m_modules.Sample(*m_table, now.monotonic);
     if (m_writer == nullptr) return;
     m_writer->Append(now, *m_table);
     ++m_own.samples;
