@@ -346,9 +346,7 @@ void Monitor::MarkDeadModules(const SampleTime& now) {
     }
     for (const std::string& module : m_dead) {
         if (m_modules.Dead().contains(module)) continue;
-        AddMark(
-            now, MarkKind::kAlarmEnd, 0,
-            "module " + module + (m_modules.Has(module) ? ": its series go on" : " was unloaded"));
+        AddMark(now, MarkKind::kAlarmEnd, 0, "module " + module + " is started again, or unloaded");
     }
     m_dead = m_modules.Dead();
 }

@@ -149,7 +149,7 @@ TEST_F(PerformanceModuleTest, SamplesTheHostAndTheModules) {
     ASSERT_EQ(kill(process, SIGKILL), 0);
     EXPECT_TRUE(HasMarks(MarkKind::kAlarm, 1, "module apart: its process has died"));
     const size_t count = Values(apart).size();
-    EXPECT_TRUE(HasMarks(MarkKind::kAlarmEnd, 1, "module apart: its series go on"));
+    EXPECT_TRUE(HasMarks(MarkKind::kAlarmEnd, 1, "module apart is started again"));
     EXPECT_TRUE(WaitFor([&] { return Values(apart).size() > count; }));
     EXPECT_EQ(Health(), "health:       ok");
     EXPECT_EQ(Stop(pid), 0);
