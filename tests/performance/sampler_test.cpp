@@ -300,11 +300,11 @@ TEST_F(SamplerTest, InterfacesComeAndGoAndAreRenamed) {
     const auto ip = [](const char* command) {
         return std::system((std::string("ip link ") + command).c_str()) == 0;
     };
-    if (!ip("add kemd0 type dummy")) GTEST_SKIP() << "no dummy interfaces here";
-    ASSERT_TRUE(ip("add kemd1 type dummy") && ip("set kemd1 up"));
+    if (!ip("add kemd0 type veth peer name peer0")) GTEST_SKIP() << "no virtual interfaces here";
+    ASSERT_TRUE(ip("add kemd1 type veth peer name peer1") && ip("set kemd1 up"));
     sampler.Sample(table);
     EXPECT_TRUE(IsKnown("network_received_bytes{interface=\"kemd0\"}"));
-    ASSERT_TRUE(ip("del kemd0") && ip("add kemd2 type dummy"));
+    ASSERT_TRUE(ip("del kemd0") && ip("add kemd2 type veth peer name peer2"));
     sampler.Sample(table);
     EXPECT_FALSE(IsKnown("network_received_bytes{interface=\"kemd0\"}"));
     EXPECT_TRUE(IsKnown("network_received_bytes{interface=\"kemd2\"}"));
