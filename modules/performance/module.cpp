@@ -58,12 +58,13 @@ void PerformanceModule::Stop() {
 
 int PerformanceModule::Health(char* text, size_t size) {
     const MonitorState state = m_monitor.State();
-    if (!state.error.empty() || !state.syncError.empty()) {
-        const std::string& why = state.error.empty() ? state.syncError : state.error;
-        std::snprintf(
-            text, size, "%s: %s",
-            state.error.empty() ? "the history does not reach the disk" : "no sample is written",
-            why.c_str());
+    if (!state.error.empty()) {
+        std::snprintf(text, size, "no sample is written: %s", state.error.c_str());
+        return KEMD_HEALTH_FAILED;
+    }
+    if (state.syncError != 0) {
+        std::snprintf(text, size, "%s does not reach the disk: %s", kHistoryFile,
+                      std::strerror(state.syncError));
         return KEMD_HEALTH_FAILED;
     }
     const int64_t age = SampleTime::Now().monotonic - state.at;

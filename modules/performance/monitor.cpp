@@ -70,6 +70,8 @@ bool Monitor::Start(const PerformanceSettings& settings) {
     m_state = {};
     m_own = {};
     m_state.at = SampleTime::Now().monotonic;
+    m_alarms = Alarms();
+    m_dead.clear();
     m_hasOffsets = false;
     m_deadline = 0;
     m_isRunning = m_sampler.Start(RunSampler, this, 0, false, 0, true);
@@ -86,6 +88,7 @@ void Monitor::Stop() {
         m_isEnding = true;
     }
     m_change.notify_all();
+    m_request.notify_all();
     (void)m_sampler.WaitForTermination(-1);
     (void)m_syncer.WaitForTermination(-1);
     m_isRunning = false;
@@ -125,18 +128,17 @@ void* Monitor::RunSyncer(void* self) {
 void Monitor::KeepSynced() {
     std::unique_lock lock(m_lock);
     for (;;) {
-        m_change.wait(lock, [this] { return m_isEnding || m_isSyncWanted; });
+        m_request.wait(lock, [this] { return m_isEnding || m_isSyncWanted; });
         if (m_isEnding) return;
         m_isSyncWanted = false;
         lock.unlock();
         const int error = Sync();
         lock.lock();
         if (error == ENODEV) continue;
-        const char* const text = error != 0 ? std::strerror(error) : "";
-        if (m_state.syncError != text && error != 0) {
-            KemdMessage(kTag, "%s cannot be written to the disk: %s", kHistoryFile, text);
+        if (m_state.syncError != error && error != 0) {
+            KemdMessage(kTag, "%s does not reach the disk: %s", kHistoryFile, std::strerror(error));
         }
-        m_state.syncError = text;
+        m_state.syncError = error;
     }
 }
 
@@ -261,12 +263,13 @@ void Monitor::Close() try {
 }
 
 void Monitor::Tick(uint64_t missed) {
-    const SampleTime now = SampleTime::Now();
     if (m_isOpenWanted) {
-        Open(now);
-    } else if (m_writer == nullptr && now.monotonic >= m_openAt) {
-        OpenWriter(now);
+        Open(SampleTime::Now());
+        m_deadline = ReadClock(CLOCK_MONOTONIC) + m_settings.periodMs * kMs;
+    } else if (m_writer == nullptr && ReadClock(CLOCK_MONOTONIC) >= m_openAt) {
+        OpenWriter(SampleTime::Now());
     }
+    const SampleTime now = SampleTime::Now();
     MarkClocks(now);
     if (missed > 0) {
         m_own.gaps += missed;
@@ -323,17 +326,24 @@ void Monitor::MarkClocks(const SampleTime& now) {
 void Monitor::Report(const SampleTime& now) {
     m_events.clear();
     m_alarms.Compare(*m_table, now, m_events);
+    // The history is read for a few: for fifty it would take the time of many samples.
+    int searches = 3;
     for (const AlarmEvent& event : m_events) {
-        std::string text = event.text;
-        const std::string moved =
-            event.isEnd || m_writer == nullptr
-                ? ""
-                : MovedSeries(kHistoryFile, now, m_settings.periodMs * kMs, event);
-        if (!moved.empty()) text += "; with it: " + moved;
-        KemdTrace(kTag, 1, "%s", text.c_str());
-        AddMark(now, event.isEnd ? MarkKind::kAlarmEnd : MarkKind::kAlarm,
-                static_cast<int64_t>(event.value), text);
+        const bool isMovedShown = !event.isEnd && m_writer != nullptr && searches-- > 0;
+        Report(now, event, isMovedShown);
     }
+}
+
+void Monitor::Report(const SampleTime& now, const AlarmEvent& event, bool isMovedShown) {
+    std::string text = event.text;
+    if (isMovedShown) {
+        const int64_t period = m_settings.periodMs * kMs;
+        const std::string moved = MovedSeries(kHistoryFile, now, period, event);
+        if (!moved.empty()) text += "; with it: " + moved;
+    }
+    KemdTrace(kTag, 1, "%s", text.c_str());
+    AddMark(now, event.isEnd ? MarkKind::kAlarmEnd : MarkKind::kAlarm,
+            static_cast<int64_t>(event.value), text);
 }
 
 // The trace has it from who started the process.
@@ -374,7 +384,7 @@ void Monitor::RequestSync(const SampleTime& now) {
         const std::lock_guard lock(m_lock);
         m_isSyncWanted = true;
     }
-    m_change.notify_all();
+    m_request.notify_all();
 }
 
 void Monitor::Publish(const SampleTime& now) {
@@ -393,7 +403,6 @@ void Monitor::Publish(const SampleTime& now) {
     m_own.ofModules = m_modules.Count();
     m_own.alarms = m_alarms.Texts();
     const std::lock_guard lock(m_lock);
-    std::string syncError = std::move(m_state.syncError);
+    m_own.syncError = m_state.syncError;
     m_state = m_own;
-    m_state.syncError = std::move(syncError);
 }

@@ -26,8 +26,8 @@ inline constexpr const char* kHistoryFile = "/var/lib/kemd/performance/history";
 
 // What others may know of the threads' work.
 struct MonitorState {
-    std::string error;      // why no sample is written; empty: they are
-    std::string syncError;  // the same for the disk
+    std::string error;  // why no sample is written; empty: they are
+    int syncError = 0;  // why the file does not reach the disk: an errno number
     std::string alarms;
     std::string notes;  // what cannot be had here, a line each
     uint64_t samples = 0;
@@ -78,6 +78,7 @@ class Monitor {
     [[nodiscard]] static bool ReadOffsets(Offsets& offsets);
     void AppendSample(const SampleTime& now);
     void Report(const SampleTime& now);
+    void Report(const SampleTime& now, const AlarmEvent& event, bool isMovedShown);
     void MarkDeadModules(const SampleTime& now);
     void RequestSync(const SampleTime& now);
     void Publish(const SampleTime& now);
@@ -111,7 +112,8 @@ class Monitor {
 
     // Under the lock.
     std::mutex m_lock;
-    std::condition_variable m_change;
+    std::condition_variable m_change;   // for the sampling thread
+    std::condition_variable m_request;  // for the other one
     PerformanceSettings m_wanted;
     MonitorState m_state;
     bool m_isEnding = false;
