@@ -10,6 +10,7 @@ int main(int argc, char** argv) {
     const int seconds = argc > 2 ? std::atoi(argv[2]) : 20;
     if (part == "sampling") return MeasureSampling(seconds);
     if (part == "made") return MeasureMadeFiles();
-    std::fprintf(stderr, "usage: performance_bench sampling|made [SECONDS]\n");
+    if (part == "compare") return CompareValues();
+    std::fprintf(stderr, "usage: performance_bench sampling|made|compare [SECONDS]\n");
     return 2;
 }

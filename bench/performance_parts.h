@@ -5,3 +5,5 @@
 int MeasureSampling(int seconds);
 // The sampler on made files, 1 to 256 processors and 2 to 500 disks; needs a private mount table.
 int MeasureMadeFiles();
+// The sampler's values beside those of node_exporter and sadf.
+int CompareValues();
