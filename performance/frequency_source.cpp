@@ -24,14 +24,12 @@ struct FrequencyTask : SlowTask {
     };
 
     void Run() override {
-        if (m_round % kCpuInfoEvery == 0 || !m_isCpuInfo) found.clear();
-        m_isCpuInfo = m_isCpuInfo || !ReadCpufreq();
-        if (m_isCpuInfo && m_round % kCpuInfoEvery == 0) {
-            // The driver may have been loaded since.
-            m_isCpuInfo = !ReadCpufreq();
-            if (m_isCpuInfo) ReadCpuInfo();
-        }
-        ++m_round;
+        if (m_isCpuInfo && ++m_skipped < kCpuInfoEvery) return;
+        m_skipped = 0;
+        found.clear();
+        // The driver may have been loaded since.
+        m_isCpuInfo = !ReadCpufreq();
+        if (m_isCpuInfo) ReadCpuInfo();
     }
     std::vector<Frequency> found;  // in order
 
@@ -86,7 +84,7 @@ struct FrequencyTask : SlowTask {
         }
     }
 
-    int m_round = 0;
+    int m_skipped = 0;
     bool m_isCpuInfo = false;
 };
 

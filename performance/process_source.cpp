@@ -1,6 +1,7 @@
 #include "performance/process_source.h"
 
 #include <fcntl.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +17,15 @@ namespace {
 
 constexpr size_t kMost = 10;
 constexpr double kSecondNs = 1e9;
+
+// As the start of a process is counted: suspended time included.
+uint64_t TicksSinceBoot() {
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    const auto perSecond = static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
+    return static_cast<uint64_t>(now.tv_sec) * perSecond +
+           static_cast<uint64_t>(now.tv_nsec) * perSecond / 1'000'000'000;
+}
 
 // The text of PID/FILE; empty when the process ended meanwhile.
 template <size_t kSize>
@@ -73,6 +83,8 @@ void ProcessSource::AddDifference(Process& process, size_t& before) const {
     while (before < m_before.size() && m_before[before].pid < process.pid) ++before;
     const bool isKnown = before < m_before.size() && m_before[before].pid == process.pid &&
                          m_before[before].start == process.start;
+    // One that is older than the sample before, and was not seen then, says nothing of this period.
+    if (!isKnown && process.start < m_lastTicks) return;
     const Process none{};
     const Process& last = isKnown ? m_before[before] : none;
     process.cpu = process.ticks - std::min(process.ticks, last.ticks);
@@ -115,6 +127,7 @@ void ProcessSource::Sample(int64_t now) {
     if (m_directory == nullptr) m_directory.reset(opendir("/proc"));
     m_error = m_directory == nullptr ? errno : 0;
     if (m_error != 0) return;
+    const uint64_t begin = TicksSinceBoot();
     rewinddir(m_directory.get());
     m_now.clear();
     m_isIoHidden = false;
@@ -131,6 +144,7 @@ void ProcessSource::Sample(int64_t now) {
     AddTop("memory", &Process::resident, 1);
     if (m_last != 0) AddTop("io", &Process::io, now - m_last);
     m_last = now;
+    m_lastTicks = begin;
     m_before.swap(m_now);
 }
 

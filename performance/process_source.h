@@ -43,7 +43,8 @@ class ProcessSource {
     std::vector<Process> m_now;
     std::vector<const Process*> m_order;
     std::string m_lines;
-    int64_t m_last = 0;  // time of the sample before; 0: there was none
+    int64_t m_last = 0;        // time of the sample before; 0: there was none
+    uint64_t m_lastTicks = 0;  // its time since the boot
     int m_error = 0;
     bool m_isIoHidden = false;
 };

@@ -1,4 +1,6 @@
 // Files of one or two lines: load, pressure stall totals, entropy, open files.
+#include <cerrno>
+
 #include "performance/source.h"
 #include "performance/text_cursor.h"
 
@@ -56,7 +58,9 @@ class PressureSource : public Source {
         }
     }
     void AddNotes(std::vector<std::string>& notes) const override {
-        m_file.AddNote(notes, ("pressure_" + m_what + "_*").c_str());
+        const std::string series = "pressure_" + m_what + "_*";
+        const bool isOff = m_file.Error() == EOPNOTSUPP;
+        m_file.AddNote(notes, (series + (isOff ? ": boot with psi=1" : "")).c_str());
     }
 
   private:
