@@ -287,12 +287,13 @@ void ForEachBlock(int fd, const AreaPlace& place, uint32_t area, HistoryKey from
     }
 }
 
-void FindNewestBoot(int fd, const AreaPlace& place, uint32_t area, NewestBoot& newest) {
+void FindOrigins(int fd, const AreaPlace& place, uint32_t area,
+                 std::map<uint32_t, BlockOrigin>& origins) {
     std::vector<SlotRows> slots;
     std::vector<BlockRef> blocks;
     if (ReadSlots(fd, place, area, slots) != 0 || FindBlocks(fd, place, area, blocks) != 0) return;
     const auto take = [&](const auto& head) {
-        if (head.boot >= newest.number) newest = {head.boot, FixedText(head.bootId), head.period};
+        origins[head.boot] = {head.boot, FixedText(head.bootId), head.period};
     };
     for (const BlockRef& block : blocks) take(block.head);
     for (const SlotRows& slot : slots) take(slot.head);

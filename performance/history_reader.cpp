@@ -274,7 +274,8 @@ void HistoryReader::File::FindNewest() {
 bool HistoryReader::File::Load() {
     problems.clear();
     if (!Reopen() || !LoadHead()) return false;
-    for (uint32_t number = 0; number < kLogs; ++number) {
+    // The samples last, so that no minute is there before its samples are.
+    for (const uint32_t number : {kHours, kMinutes, kSamples}) {
         if (!LoadLog(number)) return false;
     }
     // After the blocks that refer to them.
@@ -331,7 +332,8 @@ void HistoryReader::File::AddStepRow(const BlockRows& rows, size_t i, const Step
     });
 }
 
-// Minutes or hours that no finer resolution has.
+// Minutes or hours that no finer resolution has. What it has the beginning of is taken from there:
+// where its end was lost in a power cut, the seconds before count more than the whole minute.
 void HistoryReader::File::ReadCoarse(uint32_t number, const std::vector<const KeySpans*>& finer,
                                      Request& request) {
     const int64_t step = StepOf(number);
@@ -355,7 +357,7 @@ void HistoryReader::File::ReadCoarse(uint32_t number, const std::vector<const Ke
                 BeginOf(row.time.wall, step) + step <= span.from || row.time.wall < 0 ||
                 BeginOf(row.time.wall, step) >= span.to ||
                 std::any_of(finer.begin(), finer.end(),
-                            [&](const KeySpans* other) { return other->Cover(first, last); });
+                            [&](const KeySpans* other) { return other->Cover(first, first); });
             if (!isElsewhere) {
                 request.used[number].Add(first, last, goesOn);
                 AddStepRow(rows, i, row, number, request);
