@@ -152,7 +152,8 @@ const ColumnValues* BlockRows::Find(ColumnId id) const {
     return found == columns.end() || found->id != id ? nullptr : &*found;
 }
 
-int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>& blocks) {
+int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>& blocks,
+               uint64_t writing) {
     const uint64_t end = place.Ring() + place.RingSize();
     for (uint64_t at = place.Ring(); at + sizeof(BlockHead) <= end;) {
         BlockRef block;
@@ -164,6 +165,8 @@ int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockR
         if (IsHead(block.head, area, end - at)) {
             blocks.push_back(block);
             at += block.head.size;
+            const bool isFirstRound = blocks.front().head.sequence == 1;
+            if (isFirstRound && block.head.sequence + 1 == writing) break;
         } else {
             at = NextMagic(fd, at + kBlockUnit, end);
         }

@@ -55,7 +55,10 @@ enum class BlockState {
 };
 
 // The sound blocks of a log, in the order of their sequence. An errno number.
-int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>& blocks);
+// `writing`: the sequence of the block that is not sealed yet, where it is known: the part of a ring
+// that was never written is then not looked at.
+int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>& blocks,
+               uint64_t writing = UINT64_MAX);
 // Both slots of a log as far as they are sound; those that have rows.
 int ReadSlots(int fd, const AreaPlace& place, uint32_t area, std::vector<SlotRows>& slots);
 BlockState ReadDirectory(int fd, const BlockRef& block, std::vector<DirectoryEntry>& entries);

@@ -253,7 +253,10 @@ bool HistoryReader::File::LoadLog(uint32_t number) {
     log.blocks.clear();
     // The slots first: what is sealed meanwhile is then found in the ring.
     int failed = ReadSlots(fd.Get(), head.areas[number], number, log.slots);
-    if (failed == 0) failed = FindBlocks(fd.Get(), head.areas[number], number, log.blocks);
+    const uint64_t writing = log.slots.empty() ? UINT64_MAX : log.slots.back().head.sequence;
+    if (failed == 0) {
+        failed = FindBlocks(fd.Get(), head.areas[number], number, log.blocks, writing);
+    }
     if (failed != 0) return Fail(failed);
     ListParts(number);
     return true;
