@@ -1,5 +1,9 @@
 #include "kemdctl/ui/report.h"
 
+#include <array>
+#include <charconv>
+#include <cmath>
+
 #include "base/json.h"
 
 void ReportWriter::Text(std::string_view key, std::string_view text) {
@@ -16,6 +20,13 @@ void ReportWriter::Put(std::string_view key, std::string_view json) {
     m_value += json;
     Write(m_value);
     m_needsComma = true;
+}
+
+void ReportWriter::Real(std::string_view key, double number) {
+    if (!m_asJson) return;
+    std::array<char, 32> text{};
+    const char* const end = std::to_chars(text.begin(), text.end(), number).ptr;
+    Put(key, std::isfinite(number) ? std::string_view(text.data(), end) : "null");
 }
 
 void ReportWriter::Begin(std::string_view key) {
