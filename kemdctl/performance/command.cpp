@@ -25,6 +25,8 @@ constexpr Subcommand kSubcommands[] = {
      "                       without SERIES: CPU, memory, disks, network, pressure\n"},
     {"list", kUseList, ListSeries,
      "  list [SERIES...]     the series of the history: kind, unit, what they are\n"},
+    {"export", kUseExport, WritePage,
+     "  export [SERIES...]   all values, for other programs\n"},
 };
 
 void WriteHelp() {
@@ -53,7 +55,8 @@ int RunPerformance(CommandLine& line, ReportWriter& report) {
     // First, as the value of an option could be taken for a subcommand.
     auto options = ParsePerformanceOptions(line);
     if (!options) return kError;
-    const std::string_view name = line.words.empty() ? kSubcommands[0].name : line.TakeCommand();
+    const std::string_view usual = options->html != nullptr ? "export" : kSubcommands[0].name;
+    const std::string_view name = line.words.empty() ? usual : line.TakeCommand();
     const auto* found = std::find_if(std::begin(kSubcommands), std::end(kSubcommands),
                                      [name](const Subcommand& each) { return each.name == name; });
     if (found == std::end(kSubcommands)) {
@@ -62,5 +65,5 @@ int RunPerformance(CommandLine& line, ReportWriter& report) {
     }
     if (!FitsUse(line, found->name, found->use)) return kError;
     options->words.assign(line.words.begin(), line.words.end());
-    return found->run(*options, report);
+    return options->html != nullptr ? WritePage(*options, report) : found->run(*options, report);
 }

@@ -52,6 +52,11 @@ std::string SetForm(PerformanceOptions& options, const char* /*none*/) {
     return {};
 }
 
+std::string SetHtml(PerformanceOptions& options, const char* value) {
+    options.html = value;
+    return SetForm<ExportForm::kHtml>(options, value);
+}
+
 std::string SetFile(PerformanceOptions& options, const char* value) {
     options.file = value;
     return {};
@@ -87,8 +92,11 @@ constexpr Word kWords[] = {
      "  --csv, --json-lines, --openmetrics    export: in this form\n"},
     {"--json-lines", kUseExport, false, SetForm<ExportForm::kJsonLines>, ""},
     {"--openmetrics", kUseExport, false, SetForm<ExportForm::kOpenMetrics>, ""},
-    {"--trace", kUseAround, true, AddTrace,
-     "  --trace FILE           around: the trace's files or directory\n"},
+    {"--html", kUseExport, true, SetHtml,
+     "  --html FILE            export: one page for a browser, with the trace's events;\n"
+     "                         this is also what performance --html FILE does\n"},
+    {"--trace", kUseAround | kUseExport, true, AddTrace,
+     "  --trace FILE           around, --html: the trace's files or directory\n"},
     {"--lines", kUseAround, true, SetLast,
      "  --lines N              around: at most so many records; 40\n"},
     {"--file", kAll, true, SetFile,

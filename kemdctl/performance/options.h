@@ -11,7 +11,7 @@
 
 inline constexpr const char* kHistoryPath = "/var/lib/kemd/performance/history";
 
-enum class ExportForm : uint8_t { kNone, kCsv, kJsonLines, kOpenMetrics };
+enum class ExportForm : uint8_t { kNone, kCsv, kJsonLines, kOpenMetrics, kHtml };
 
 // Pointers into the command line, which outlives it. Times are nanoseconds since 1970.
 struct PerformanceOptions {
@@ -23,7 +23,8 @@ struct PerformanceOptions {
     bool asJson = false;
     bool plots = false;
     ExportForm form = ExportForm::kNone;
-    std::vector<std::string> traces;  // files and directories of `around`
+    const char* html = nullptr;       // the file of the page
+    std::vector<std::string> traces;  // files and directories of `around` and of the page
     std::optional<uint64_t> last;     // records of `around`
     int64_t now = 0;
 
