@@ -131,13 +131,21 @@ class DeviceList {
         for (size_t i = m_next; i < m_devices.size(); ++i) m_devices[i].Remove(table);
         m_devices.erase(m_devices.begin() + static_cast<long>(m_next), m_devices.end());
     }
+    // Those that the condition holds for are gone.
+    template <typename Condition>
+    void Drop(SeriesTable& table, Condition condition) {
+        std::erase_if(m_devices, [&](Device& device) {
+            const bool isGone = condition(device);
+            if (isGone) device.Remove(table);
+            return isGone;
+        });
+    }
     // There is no list now.
     void Clear(SeriesTable& table) {
         for (Device& device : m_devices) device.Clear(table);
     }
+    [[nodiscard]] std::vector<Device>& All() { return m_devices; }
     [[nodiscard]] const std::vector<Device>& All() const { return m_devices; }
-    // Those of the lines since Begin.
-    [[nodiscard]] size_t Count() const { return m_next; }
 
   private:
     // Moves the device to this place; those in between move on by one.
