@@ -23,9 +23,14 @@ constexpr Subcommand kSubcommands[] = {
     {"show", kUseShow, ShowHistory,
      "  show [SERIES...]     values over time, as a table or with --plot as lines;\n"
      "                       without SERIES: CPU, memory, disks, network, pressure\n"},
+    {"summary", kUseSummary, Summarize,
+     "  summary [SERIES...]  minimum, mean, 50, 95 and 99 %, maximum, and when\n"},
+    {"around", kUseAround, ShowAround,
+     "  around TIME          what changed most in the two minutes before, with the\n"
+     "                       trace of that time; TIME may be last-run: its end\n"},
     {"list", kUseList, ListSeries,
      "  list [SERIES...]     the series of the history: kind, unit, what they are\n"},
-    {"export", kUseExport, WritePage,
+    {"export", kUseExport, ExportHistory,
      "  export [SERIES...]   all values, for other programs\n"},
 };
 

@@ -119,8 +119,8 @@ std::vector<Band> MakeBands(std::span<const HistoryPoint> points, HistorySpan sp
         const size_t begin = Place(last.wall, span, count);
         for (size_t x = begin + 1; x < place; ++x) {
             const double part = static_cast<double>(x - begin) / static_cast<double>(place - begin);
-            const double value = last.mean + (point.mean - last.mean) * part;
-            bands[x].Add(value, value);
+            bands[x].Add(last.minimum + (point.minimum - last.minimum) * part,
+                         last.maximum + (point.maximum - last.maximum) * part);
         }
     }
     return bands;

@@ -28,7 +28,17 @@ size_t Distance(std::string_view one, std::string_view other) {
     return row.back();
 }
 
-// Names that hold the word, then those that are nearly it.
+// Whether its letters are in the name, in this order.
+bool HasLetters(std::string_view name, std::string_view word) {
+    for (const char letter : word) {
+        const size_t found = name.find(letter);
+        if (found == name.npos) return false;
+        name.remove_prefix(found + 1);
+    }
+    return true;
+}
+
+// Names that hold the word or its letters, then those that are nearly it.
 std::string Similar(std::span<const SeriesInfo> series, std::string_view pattern) {
     constexpr size_t kMost = 3, kFar = 1000;
     const bool hasLabel = pattern.find_first_of("/{") != pattern.npos;
@@ -38,7 +48,10 @@ std::string Similar(std::span<const SeriesInfo> series, std::string_view pattern
     for (const SeriesInfo& info : series) {
         const std::string name = hasLabel ? ShortId(info) : info.name;
         const size_t distance = Distance(word, name);
-        const bool holds = !word.empty() && name.find(word) != name.npos;
+        constexpr size_t kLetters = 4;
+        const bool holds = name.find(word) != name.npos
+                               ? !word.empty()
+                               : word.size() >= kLetters && HasLetters(name, word);
         if (!holds && distance * 3 > std::max(word.size(), name.size())) continue;
         found.emplace_back(distance + (holds ? 0 : kFar), name);
     }

@@ -264,8 +264,10 @@ int ShowHistory(const PerformanceOptions& options, ReportWriter& report) {
     View view{std::move(*columns), *span, 0, {}, {}};
     const PlotFrame frame = MakeFrame(view);
     constexpr int64_t kRows = 20;
-    const int64_t step = options.plots ? DotLength(frame) : (span->to - span->from) / kRows;
-    view.step = options.step.value_or(RoundStep(step));
+    const int64_t length = span->to - span->from;
+    view.step = options.step    ? *options.step
+                : options.plots ? DotLength(frame)
+                                : RoundStep(length / kRows);
     if (const int result = ReadView(options, *reader, view); result != kYes) return result;
     report.OpenObject();
     ShowOrigin(report, options, *reader);
