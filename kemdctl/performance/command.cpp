@@ -23,6 +23,8 @@ constexpr Subcommand kSubcommands[] = {
     {"show", kUseShow, ShowHistory,
      "  show [SERIES...]     values over time, as a table or with --plot as lines;\n"
      "                       without SERIES: CPU, memory, disks, network, pressure\n"},
+    {"live", kUseLive, ShowLive,
+     "  live                 the host now, on one screen; h shows the keys\n"},
     {"summary", kUseSummary, Summarize,
      "  summary [SERIES...]  minimum, mean, 50, 95 and 99 %, maximum, and when\n"},
     {"around", kUseAround, ShowAround,
