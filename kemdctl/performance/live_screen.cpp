@@ -39,6 +39,10 @@ class Line {
         if (isStyled) m_text += "\x1b[0m";
         return *this;
     }
+    // All of it or nothing.
+    Line& PutWhole(std::string_view text, const char* code = "") {
+        return m_width + Width(text) <= m_most ? Put(text, code) : *this;
+    }
     Line& PadTo(size_t column) {
         return Put(std::string(column > m_width ? column - m_width : 0, ' '));
     }
@@ -90,7 +94,7 @@ std::string WholeText(double number) {
 }
 
 size_t BarWidth(const LiveSize& size) {
-    return std::clamp<size_t>(size.columns / 4, 6, 40);
+    return std::clamp<size_t>(size.columns / 5, 6, 40);
 }
 
 std::string TitleLine(const LiveFacts& facts, const LiveState& state, const LiveSize& size) {
@@ -108,12 +112,14 @@ std::string CpuLine(const LiveFacts& facts, const LiveSize& size) {
     constexpr std::string_view kIdle[] = {"cpu_idle_seconds", "cpu_iowait_seconds"};
     const LiveValues& values = facts.values;
     const double busy = values.Sum(kBusy), all = busy + values.Sum(kIdle);
-    const auto share = [&](std::string_view name) { return PercentText(values.Of(name) / all); };
+    const auto share = [&](const std::string& name) { return PercentText(values.Of(name) / all); };
     Line line(size);
     line.Put("CPU    ", kBold).PutBar(busy / all, BarWidth(size));
     line.PutRight(PercentText(busy / all), 7);
-    line.Put("  user " + share("cpu_user_seconds") + " system " + share("cpu_system_seconds") +
-             " iowait " + share("cpu_iowait_seconds") + " steal " + share("cpu_steal_seconds"));
+    for (const char* const part : {"user", "system", "iowait", "softirq", "steal"}) {
+        line.PutWhole(std::string("  ") + part + " " +
+                      share(std::string("cpu_") + part + "_seconds"));
+    }
     return line.Take();
 }
 
@@ -124,9 +130,11 @@ std::string MemoryLine(const LiveFacts& facts, const LiveSize& size) {
     Line line(size);
     line.Put("memory ", kBold).PutBar(1 - available / total, BarWidth(size));
     line.PutRight(PercentText(1 - available / total), 7);
-    line.Put("  available " + BytesText(available, false) + " of " + BytesText(total, false) +
-             ", cached " + BytesText(values.Of("memory_cached_bytes"), false) + ", dirty " +
-             BytesText(values.Of("memory_dirty_bytes"), false));
+    line.PutWhole("  available " + BytesText(available, false) + " of " + BytesText(total, false));
+    for (const char* const part : {"dirty", "cached", "slab", "shared"}) {
+        const double bytes = values.Of(std::string("memory_") + part + "_bytes");
+        line.PutWhole(std::string("  ") + part + " " + BytesText(bytes, false));
+    }
     return line.Take();
 }
 
@@ -141,9 +149,9 @@ std::string SwapLine(const LiveFacts& facts, const LiveSize& size) {
     } else {
         line.Put("none");
     }
-    line.Put("  pages in " + WholeText(values.Of("swapped_in_pages")) + "/s out " +
-             WholeText(values.Of("swapped_out_pages")) + "/s, major faults " +
-             WholeText(values.Of("major_page_faults")) + "/s");
+    line.PutWhole("  pages in " + WholeText(values.Of("swapped_in_pages")) + "/s out " +
+                  WholeText(values.Of("swapped_out_pages")) + "/s");
+    line.PutWhole("  major faults " + WholeText(values.Of("major_page_faults")) + "/s");
     return line.Take();
 }
 
@@ -156,7 +164,7 @@ std::string PressureLine(const LiveFacts& facts, const LiveSize& size) {
         const double some = values.Of(name + "_some_seconds");
         const double full = values.Of(name + "_full_seconds");
         line.Put(std::string(kind) + " ").Put(PercentText(some), some >= 0.1 ? "33" : "");
-        line.Put(std::isfinite(full) ? ", all " + PercentText(full) + "  " : "  ");
+        line.PutWhole(std::isfinite(full) ? ", all " + PercentText(full) + "  " : "  ");
     }
     return line.Take();
 }
@@ -168,11 +176,11 @@ std::string LoadLine(const LiveFacts& facts, const LiveSize& size) {
                   values.Of("load_15"));
     Line line(size);
     line.Put("load   ", kBold).Put(load);
-    line.Put("  running " + WholeText(values.Of("processes_running")) + " blocked " +
-             WholeText(values.Of("processes_blocked")) + "  switches " +
-             WholeText(values.Of("context_switches")) + "/s interrupts " +
-             WholeText(values.Of("interrupts")) + "/s forks " + WholeText(values.Of("forks")) +
-             "/s");
+    line.PutWhole("  running " + WholeText(values.Of("processes_running")) + " blocked " +
+                  WholeText(values.Of("processes_blocked")));
+    line.PutWhole("  switches " + WholeText(values.Of("context_switches")) + "/s");
+    line.PutWhole("  interrupts " + WholeText(values.Of("interrupts")) + "/s");
+    line.PutWhole("  forks " + WholeText(values.Of("forks")) + "/s");
     return line.Take();
 }
 
