@@ -29,7 +29,7 @@ inline constexpr Command kCommands[] = {
     {"inventory", "show the firmware's tables and which slot holds a PCI device", RunInventory},
     {"modules", "show, start, stop and ask the modules of the running kemd", RunModules},
     {"network", "show network interfaces, and what changes about them", RunNetwork},
-    {"performance", "show the history of CPU, memory, disks, network: short perf", RunPerformance,
+    {"performance", "show the history of CPU, memory, disks, network (short: perf)", RunPerformance,
      "perf"},
     {"prepare", "keep a crash's trace, clean up; the service runs it before a start", RunPrepare},
     {"registry", "read, change, check and restore the suite's registry", RunRegistry},

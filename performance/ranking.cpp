@@ -203,10 +203,13 @@ RankedChange Compare(uint32_t number, const SeriesInfo& info, std::span<const Hi
 
 std::vector<RankedChange> RankChanges(HistoryReader& reader, HistorySpan window, HistorySpan before,
                                       size_t most) {
-    constexpr int64_t kSecond = 1'000'000'000, kParts = 60;
+    constexpr int64_t kSecond = 1'000'000'000, kParts = 120;
     constexpr uint32_t kAtOnce = 32;
-    const int64_t step = std::max(kSecond, (window.to - window.from) / kParts / kSecond * kSecond);
+    const int64_t part = std::max(kSecond, (window.to - window.from) / kParts / kSecond * kSecond);
+    const int64_t step = part > reader.PeriodNs() ? part : 0;  // samples have exact times
     const HistorySpan both = {std::min(before.from, window.from), std::max(before.to, window.to)};
+    // The last step may end after the window; what was read of it does not.
+    const HistorySpan during = {window.from, window.to + step};
     const auto count = static_cast<uint32_t>(reader.Series().size());
     std::vector<RankedChange> changes;
     std::vector<std::vector<HistoryPoint>> points;
@@ -215,9 +218,9 @@ std::vector<RankedChange> RankChanges(HistoryReader& reader, HistorySpan window,
         std::iota(numbers.begin(), numbers.end(), begin);
         if (!reader.Read(numbers, both, step, points)) return {};
         for (size_t i = 0; i < numbers.size(); ++i) {
-            const RankedChange change =
-                Compare(numbers[i], reader.Series()[numbers[i]], Within(points[i], before),
-                        Within(points[i], window));
+            RankedChange change = Compare(numbers[i], reader.Series()[numbers[i]],
+                                          Within(points[i], before), Within(points[i], during));
+            change.at = std::min(change.at, window.to - 1);
             if (change.score >= kLeastScore) changes.push_back(change);
         }
     }

@@ -135,11 +135,16 @@ bool FindMoment(const PerformanceOptions& options, HistoryReader& reader, Moment
     return true;
 }
 
-void ShowChanges(ReportWriter& report, HistoryReader& reader, HistorySpan window) {
+// False, after a complaint, when the history cannot be read.
+bool ShowChanges(ReportWriter& report, HistoryReader& reader, HistorySpan window) {
     constexpr size_t kMost = 12;
     const HistorySpan before = {std::max(window.from - kBefore, reader.Range().from), window.from};
     const size_t cores = CountCores(reader.Series());
     const std::vector<RankedChange> changes = RankChanges(reader, window, before, kMost);
+    if (!reader.Error().empty()) {
+        Complain("%s", Printable(reader.Error()).c_str());
+        return false;
+    }
     std::vector<TableRow> rows = {
         {"what changed most", "usual", "these 2 min", "farthest", "at", "score"}};
     report.List("changes", changes, [&](const RankedChange& change) {
@@ -161,9 +166,13 @@ void ShowChanges(ReportWriter& report, HistoryReader& reader, HistorySpan window
         report.Real("score", change.score);
         report.Close();
     });
-    if (!changes.empty()) return ShowTable(report, rows);
-    report.Line("nothing changed noticeably, compared with the " +
-                SpanText((before.to - before.from) / kMinute * kMinute) + " before");
+    if (changes.empty()) {
+        report.Line("nothing changed noticeably, compared with the " +
+                    SpanText((before.to - before.from) / kMinute * kMinute) + " before");
+    } else {
+        ShowTable(report, rows);
+    }
+    return true;
 }
 
 // Records and marks of the window in one order.
@@ -280,7 +289,7 @@ int ShowAround(const PerformanceOptions& options, ReportWriter& report) {
     }
     report.Field("moment", TimeText(moment.wall) + ", and the two minutes before");
     report.Line("");
-    ShowChanges(report, *reader, window);
+    if (!ShowChanges(report, *reader, window)) return kError;
     constexpr size_t kRecords = 40;
     Events events(options, kRecords);
     if (!moment.files.empty()) events.ReadRecords(moment.files, window);

@@ -1,8 +1,6 @@
 // kemdctl performance export: all values of a time, for other programs. What is in memory at once
 // is a part of the time, whatever is exported.
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <cmath>
 #include <map>
 #include <string>
@@ -18,11 +16,6 @@
 namespace {
 
 constexpr int64_t kSecond = 1'000'000'000;
-
-void AppendNumber(std::string& to, double number) {
-    std::array<char, 32> text{};
-    to.append(text.begin(), std::to_chars(text.begin(), text.end(), number).ptr);
-}
 
 // Seconds since 1970 with what it takes of the fraction.
 void AppendSeconds(std::string& to, int64_t wall) {
@@ -119,7 +112,7 @@ class CsvExporter : public Exporter {
                 AppendSeconds(text, wall);
                 for (const HistoryPoint* point : row) {
                     text += ',';
-                    if (point != nullptr) AppendNumber(text, point->last);
+                    if (point != nullptr) text += NumberText(point->last);
                 }
                 text += '\n';
                 Put(text);
@@ -151,7 +144,7 @@ class JsonExporter : public Exporter {
                 for (size_t i = 0; i < row.size(); ++i) {
                     if (row[i] == nullptr || !std::isfinite(row[i]->last)) continue;
                     text += ',' + keys[i] + ':';
-                    AppendNumber(text, row[i]->last);
+                    text += NumberText(row[i]->last);
                 }
                 text += "}\n";
                 Put(text);
@@ -230,7 +223,7 @@ class OpenMetricsExporter : public Exporter {
     }
     static void AppendValue(std::string& text, double value) {
         if (std::isfinite(value)) {
-            AppendNumber(text, value);
+            text += NumberText(value);
         } else {
             text += std::isnan(value) ? "NaN" : value < 0 ? "-Inf" : "+Inf";
         }

@@ -157,6 +157,6 @@ std::string TimeText(int64_t wall, int64_t from, int64_t to, int64_t step) {
     constexpr size_t kDate = 10, kWithSeconds = 19;
     const bool isOneDay = TimeText(from).substr(0, kDate) == TimeText(to).substr(0, kDate);
     std::string text = TimeText(wall);
-    if (step % (1000 * kNsPerMs) == 0) text.resize(std::min(text.size(), kWithSeconds));
+    if (step >= 1000 * kNsPerMs) text.resize(std::min(text.size(), kWithSeconds));
     return isOneDay ? text.substr(kDate + 1) : text;
 }

@@ -49,5 +49,5 @@ class ValueFormat {
 // Local time of the daemon's zone: "2026-11-22 14:03:00.000".
 [[nodiscard]] std::string TimeText(int64_t wall);
 // The part of TimeText that differs within a span: of one day only the time, milliseconds only for
-// steps that are no whole seconds.
+// steps below a second.
 [[nodiscard]] std::string TimeText(int64_t wall, int64_t from, int64_t to, int64_t step);

@@ -110,7 +110,7 @@ std::string MarkText(const Mark& mark) {
 
 void StateMark(ReportWriter& report, const Mark& mark) {
     report.OpenObject();
-    report.Number("time", mark.time.wall);
+    report.Number("time", mark.time.wall / 1000);
     report.Text("mark", MarkWord(mark.kind));
     report.Number("value", mark.value);
     if (!mark.text.empty()) report.Text("text", mark.text);

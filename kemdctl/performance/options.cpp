@@ -93,7 +93,7 @@ constexpr Word kWords[] = {
      "                         trace. By default the newest ten minutes, of export all\n"},
     {"--until", kOfSpan, true, SetTime<&PerformanceOptions::until>, ""},
     {"--step", kUseShow | kUseExport, true, SetStep,
-     "  --step 10s             show, export: a row for so long a time\n"},
+     "  --step SPAN            show, export: a row for so long a time, as 10s or 1m\n"},
     {"--plot", kUseShow, false, SetFlag<&PerformanceOptions::plots>,
      "  --plot                 show: lines over time\n"},
     {"--csv", kUseExport, false, SetForm<ExportForm::kCsv>,

@@ -158,7 +158,7 @@ std::vector<std::string> PlotLines(const Column& column, std::span<const History
     for (size_t i = 0; i < frame.height; ++i) {
         const double part = 1 - static_cast<double>(i) / static_cast<double>(frame.height - 1);
         const bool hasLabel =
-            i == 0 || i + 1 == frame.height || (frame.height > 5 && i * 2 + 1 == frame.height);
+            i == 0 || i + 1 == frame.height || (frame.height > 5 && i == frame.height / 2);
         const double value = range.low + (range.high - range.low) * part;
         lines.push_back(RightAligned(hasLabel ? column.format.Text(value) : "", frame.labelWidth) +
                         kAxis[frame.isBraille ? 1 : 0] + canvas.Line(i, frame.isBraille));

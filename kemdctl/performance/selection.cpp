@@ -38,9 +38,9 @@ bool HasLetters(std::string_view name, std::string_view word) {
     return true;
 }
 
-// Names that hold the word or its letters, then those that are nearly it.
+// Names that hold the word or its letters, or that are nearly it.
 std::string Similar(std::span<const SeriesInfo> series, std::string_view pattern) {
-    constexpr size_t kMost = 3, kFar = 1000;
+    constexpr size_t kMost = 3;
     const bool hasLabel = pattern.find_first_of("/{") != pattern.npos;
     std::string word(pattern);
     if (!hasLabel) std::erase_if(word, [](char c) { return c == '*' || c == '?'; });
@@ -53,7 +53,7 @@ std::string Similar(std::span<const SeriesInfo> series, std::string_view pattern
                                ? !word.empty()
                                : word.size() >= kLetters && HasLetters(name, word);
         if (!holds && distance * 3 > std::max(word.size(), name.size())) continue;
-        found.emplace_back(distance + (holds ? 0 : kFar), name);
+        found.emplace_back(distance, name);
     }
     std::sort(found.begin(), found.end());
     found.erase(std::unique(found.begin(), found.end()), found.end());

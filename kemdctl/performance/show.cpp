@@ -61,8 +61,9 @@ bool IsShown(const Mark& mark) {
 
 // kNo, after a complaint, when there is nothing.
 int ReadView(const PerformanceOptions& options, HistoryReader& reader, View& view) {
-    const bool hasValues = ReadColumns(reader, view.columns, view.span, view.step, view.points);
-    if (!hasValues) return kError;
+    // Samples have exact times.
+    const int64_t step = view.step > reader.PeriodNs() ? view.step : 0;
+    if (!ReadColumns(reader, view.columns, view.span, step, view.points)) return kError;
     view.marks = reader.Marks(view.span);
     std::erase_if(view.marks, [](const Mark& mark) { return !IsShown(mark); });
     if (options.step) NoteCoarse(view);
@@ -212,6 +213,7 @@ void TimeTable::ShowColumns(ReportWriter& report, const std::vector<Shape>& shap
             const size_t above = height - heading.size();
             append(line, i < above ? "" : heading[i - above], shapes[column].width);
         }
+        line.resize(line.find_last_not_of(' ') + 1);
         report.Line(line);
     }
     auto mark = m_view.marks.begin();

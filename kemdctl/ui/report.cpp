@@ -1,10 +1,9 @@
 #include "kemdctl/ui/report.h"
 
-#include <array>
-#include <charconv>
 #include <cmath>
 
 #include "base/json.h"
+#include "kemdctl/ui/text.h"
 
 void ReportWriter::Text(std::string_view key, std::string_view text) {
     if (!m_asJson) return;
@@ -24,9 +23,7 @@ void ReportWriter::Put(std::string_view key, std::string_view json) {
 
 void ReportWriter::Real(std::string_view key, double number) {
     if (!m_asJson) return;
-    std::array<char, 32> text{};
-    const char* const end = std::to_chars(text.begin(), text.end(), number).ptr;
-    Put(key, std::isfinite(number) ? std::string_view(text.data(), end) : "null");
+    Put(key, std::isfinite(number) ? NumberText(number) : "null");
 }
 
 void ReportWriter::Begin(std::string_view key) {

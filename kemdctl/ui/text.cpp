@@ -1,7 +1,10 @@
 #include "kemdctl/ui/text.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
+#include <charconv>
+#include <cmath>
 #include <cstdio>
 
 static unsigned ByteAt(std::string_view text, size_t position) {
@@ -64,6 +67,16 @@ std::string ShellQuoted(std::string_view name) {
 
 std::string Counted(size_t count, const char* noun) {
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+std::string NumberText(double number) {
+    constexpr double kLarge = 1e15, kSmall = 1e-5;
+    const double size = std::fabs(number);
+    const bool isUsual = size == 0 || (size >= kSmall && size < kLarge);
+    std::array<char, 64> text{};
+    const auto end = std::to_chars(text.data(), text.data() + text.size(), number,
+                                   isUsual ? std::chars_format::fixed : std::chars_format::general);
+    return {text.data(), end.ptr};
 }
 
 std::string SizeText(uint64_t bytes) {
