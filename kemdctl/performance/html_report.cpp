@@ -243,6 +243,10 @@ bool Page::Put(const FileSink& sink) const {
 }  // namespace
 
 int WritePage(const PerformanceOptions& options, ReportWriter& /*report*/) {
+    if (options.step) {
+        Complain("--step: not with --html, which chooses its steps");
+        return kError;
+    }
     const auto reader = OpenHistory(options);
     if (!reader) return kError;
     const auto span = ChooseSpan(options, *reader, true);

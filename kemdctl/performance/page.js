@@ -176,7 +176,7 @@ const named = new Map();
 function load() {
   data.parts = data.parts.map(([from, step, count, isFine]) => ({from, step, count, isFine}));
   data.series = data.series.map(([name, labels, unit, help, isCounter, isLog, low, quantum, high, ...packed]) => {
-    const series = {name, labels: labelsOf(labels), unit, help, isCounter, isLog, low, quantum, high, packed};
+    const series = {name, isOfModule: /\bmodule="/.test(labels), labels: labelsOf(labels), unit, help, isCounter, isLog, low, quantum, high, packed};
     if (!named.has(name)) named.set(name, []);
     named.get(name).push(series);
     return series;
@@ -304,12 +304,9 @@ function nameText(name) {
 
 function allGroups() {
   const groups = known();
-  const rest = isHost => ["More of the host", [...named.keys()].filter(name => !used.has(name) && hostName.test(name) === isHost)
-    .map(name => linesOf(nameText(name), [name]))];
-  const hostName = /^(cpu|core|memory|swap|swapped|paged|page|pressure|disk|network|tcp|udp|filesystem|temperature|fan|power|entropy|descriptors|process|processes|reclaim)_/;
-  const modules = rest(false);
-  modules[0] = "Modules";
-  return [...groups, modules, rest(true)].map(([title, list]) => [title, list.filter(each => each)]).filter(([, list]) => list.length > 0);
+  const rest = isOfModule => [...named.keys()].filter(name => !used.has(name) && named.get(name)[0].isOfModule === isOfModule)
+    .map(name => linesOf(nameText(name), [name]));
+  return [...groups, ["Modules", rest(true)], ["More", rest(false)]].map(([title, list]) => [title, list.filter(each => each)]).filter(([, list]) => list.length > 0);
 }
 
 // ---- Drawing.
@@ -452,7 +449,6 @@ function boundsOf(chart, width) {
 
 // A row for each, its colour from nothing to all.
 function drawHeat(pen, chart, width, height) {
-  const ratio = pen.canvas.width / pen.canvas.getBoundingClientRect().width;
   const rows = chart.lines.filter(line => line.isOn), image = pen.createImageData(width, rows.length);
   const [r, g, b] = [1, 3, 5].map(i => parseInt(colors.lines[1].slice(i, i + 2), 16));
   rows.forEach((line, y) => line.shown.mean.forEach((value, x) => {
@@ -469,9 +465,8 @@ function drawHeat(pen, chart, width, height) {
   pen.textAlign = "right";
   const every = Math.ceil(14 / (height / Math.max(rows.length, 1)));
   rows.forEach((line, y) => {
-    if (y % every === 0) pen.fillText("cpu " + line.label, LEFT - 6, (y + 0.5) * height / rows.length + 4);
+    if (y % every === 0) pen.fillText("cpu " + line.label, LEFT - 6, Math.max((y + 0.5) * height / rows.length + 4, 10));
   });
-  return ratio;
 }
 
 function drawChart(chart) {

@@ -258,6 +258,8 @@ TEST(Live, PrintsOnceWithoutATerminal) {
     EXPECT_TRUE(Shows("perf live </dev/null", 2, {"live needs a terminal; --once"}));
     EXPECT_TRUE(Shows("perf live --period 50ms", 2, {"not a period from 100ms to 1h"}));
     EXPECT_TRUE(Shows("perf live cpu", 2, {"live takes no series"}));
+    EXPECT_TRUE(Shows("perf --html /tmp/x --step 1s", 2, {"--step: not with --html"}));
+    EXPECT_TRUE(Shows("perf --html /tmp/x --file /tmp/none", 2, {"/tmp/none"}));
     EXPECT_TRUE(Shows("perf show --once", 2, {"--once: not of show"}));
 }
 
