@@ -23,6 +23,8 @@ constexpr Subcommand kSubcommands[] = {
     {"show", kUseShow, ShowHistory,
      "  show [SERIES...]     values over time, as a table or with --plot as lines;\n"
      "                       without SERIES: CPU, memory, disks, network, pressure\n"},
+    {"live", kUseLive, ShowLive,
+     "  live                 the host now, on one screen; h shows the keys\n"},
     {"summary", kUseSummary, Summarize,
      "  summary [SERIES...]  minimum, mean, 50, 95 and 99 %, maximum, and when\n"},
     {"around", kUseAround, ShowAround,
@@ -60,7 +62,8 @@ int RunPerformance(CommandLine& line, ReportWriter& report) {
     // First, as the value of an option could be taken for a subcommand.
     auto options = ParsePerformanceOptions(line);
     if (!options) return kError;
-    const std::string_view name = line.words.empty() ? kSubcommands[0].name : line.TakeCommand();
+    const std::string_view usual = options->html != nullptr ? "export" : kSubcommands[0].name;
+    const std::string_view name = line.words.empty() ? usual : line.TakeCommand();
     const auto* found = std::find_if(std::begin(kSubcommands), std::end(kSubcommands),
                                      [name](const Subcommand& each) { return each.name == name; });
     if (found == std::end(kSubcommands)) {
@@ -69,5 +72,5 @@ int RunPerformance(CommandLine& line, ReportWriter& report) {
     }
     if (!FitsUse(line, found->name, found->use)) return kError;
     options->words.assign(line.words.begin(), line.words.end());
-    return found->run(*options, report);
+    return options->html != nullptr ? WritePage(*options, report) : found->run(*options, report);
 }

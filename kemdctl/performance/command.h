@@ -10,3 +10,7 @@ int ShowHistory(const PerformanceOptions& options, ReportWriter& report);
 int Summarize(const PerformanceOptions& options, ReportWriter& report);
 int ShowAround(const PerformanceOptions& options, ReportWriter& report);
 int ExportHistory(const PerformanceOptions& options, ReportWriter& report);
+// export --html: one page that needs nothing but a browser, in the file `options.html`.
+int WritePage(const PerformanceOptions& options, ReportWriter& report);
+// The host now, refreshed on a terminal.
+int ShowLive(const PerformanceOptions& options, ReportWriter& report);

@@ -39,6 +39,14 @@ std::string SetStep(PerformanceOptions& options, const char* value) {
     return {};
 }
 
+std::string SetPeriod(PerformanceOptions& options, const char* value) {
+    constexpr int64_t kShortest = 100, kLongest = 3'600'000;
+    const auto span = ParseSpan(value);
+    if (!span || *span < kShortest || *span > kLongest) return "not a period from 100ms to 1h";
+    options.period = *span * kNsPerMs;
+    return {};
+}
+
 template <bool PerformanceOptions::*member>
 std::string SetFlag(PerformanceOptions& options, const char* /*none*/) {
     options.*member = true;
@@ -50,6 +58,11 @@ std::string SetForm(PerformanceOptions& options, const char* /*none*/) {
     if (options.form != ExportForm::kNone) return "one form at a time";
     options.form = form;
     return {};
+}
+
+std::string SetHtml(PerformanceOptions& options, const char* value) {
+    options.html = value;
+    return SetForm<ExportForm::kHtml>(options, value);
 }
 
 std::string SetFile(PerformanceOptions& options, const char* value) {
@@ -87,10 +100,19 @@ constexpr Word kWords[] = {
      "  --csv, --json-lines, --openmetrics    export: in this form\n"},
     {"--json-lines", kUseExport, false, SetForm<ExportForm::kJsonLines>, ""},
     {"--openmetrics", kUseExport, false, SetForm<ExportForm::kOpenMetrics>, ""},
-    {"--trace", kUseAround, true, AddTrace,
-     "  --trace FILE           around: the trace's files or directory\n"},
+    {"--html", kUseExport, true, SetHtml,
+     "  --html FILE            export: one page for a browser, with the trace's events;\n"
+     "                         this is also what performance --html FILE does\n"},
+    {"--trace", kUseAround | kUseExport, true, AddTrace,
+     "  --trace FILE           around, --html: the trace's files or directory\n"},
     {"--lines", kUseAround, true, SetLast,
      "  --lines N              around: at most so many records; 40\n"},
+    {"--period", kUseLive, true, SetPeriod,
+     "  --period 1s            live: refreshed so often\n"},
+    {"--processes", kUseLive, false, SetFlag<&PerformanceOptions::hasProcesses>,
+     "  --processes            live: the processes with the most CPU, memory and I/O\n"},
+    {"--once", kUseLive, false, SetFlag<&PerformanceOptions::once>,
+     "  --once                 live: prints one screen, after one period\n"},
     {"--file", kAll, true, SetFile,
      "  --file FILE            a history that was copied from another machine\n"},
     {"--json", kAll & ~kUseExport, false, SetFlag<&PerformanceOptions::asJson>,

@@ -11,7 +11,7 @@
 
 inline constexpr const char* kHistoryPath = "/var/lib/kemd/performance/history";
 
-enum class ExportForm : uint8_t { kNone, kCsv, kJsonLines, kOpenMetrics };
+enum class ExportForm : uint8_t { kNone, kCsv, kJsonLines, kOpenMetrics, kHtml };
 
 // Pointers into the command line, which outlives it. Times are nanoseconds since 1970.
 struct PerformanceOptions {
@@ -23,8 +23,12 @@ struct PerformanceOptions {
     bool asJson = false;
     bool plots = false;
     ExportForm form = ExportForm::kNone;
-    std::vector<std::string> traces;  // files and directories of `around`
+    const char* html = nullptr;       // the file of the page
+    std::vector<std::string> traces;  // files and directories of `around` and of the page
     std::optional<uint64_t> last;     // records of `around`
+    std::optional<int64_t> period;  // of `live`
+    bool once = false;
+    bool hasProcesses = false;
     int64_t now = 0;
 
     [[nodiscard]] const char* Path() const { return file != nullptr ? file : kHistoryPath; }
@@ -37,6 +41,7 @@ enum PerformanceUse : unsigned {
     kUseSummary = 4,
     kUseAround = 8,
     kUseExport = 16,
+    kUseLive = 32,
 };
 
 // Takes the values of the options; the words stay. Nothing, after a complaint, when one is not

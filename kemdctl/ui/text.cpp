@@ -87,3 +87,16 @@ std::string SizeText(uint64_t bytes) {
                   static_cast<double>(bytes) / static_cast<double>(kMebibyte));
     return text;
 }
+
+std::string InScript(std::string_view json) {
+    std::string safe;
+    safe.reserve(json.size());
+    for (const char c : json) {
+        if (c == '<' || c == '>' || c == '&') {
+            safe += c == '<' ? "\\u003c" : c == '>' ? "\\u003e" : "\\u0026";
+        } else {
+            safe += c;
+        }
+    }
+    return safe;
+}

@@ -39,7 +39,7 @@ TEST(Completion, OffersWhatFits) {
         {"kemdctl network show eth", "eth0 eth1.5\n"},
         {"kemdctl network --name = e", "eth0 eth1.5\n"},
         {"kemdctl network watch --state d", "down dormant\n"},
-        {"kemdctl performance ''", "show summary around list export\n"},
+        {"kemdctl performance ''", "show live summary around list export\n"},
         {"kemdctl perf around ''", "last-run now\n"},
         {"kemdctl perf show --un", "--until\n"},
         {"kemdctl perf show --until y", "yesterday\n"},
