@@ -1,11 +1,11 @@
 // What the switch library and a module's own process (kemd-module-host --isolated) say to each
 // other. Both are of one build: nothing here is for others.
 //
-// The process is started with three descriptors: the socket of the calls (SOCK_SEQPACKET: a message
-// is whole or not there), the pipe of the trace, and a page of memory with the trace level in
-// force. Calls come one at a time; each has one answer. When the socket ends, so does the process.
-// It is also killed when the thread ends that started it (PR_SET_PDEATHSIG), not only the daemon:
-// that thread must live as long as the daemon.
+// The process is started with four descriptors: the socket of the calls (SOCK_SEQPACKET: a message
+// is whole or not there), the pipe of the trace, a page of memory with the trace level in force,
+// and memory for the module's series. Calls come one at a time; each has one answer. When the
+// socket ends, so does the process. It is also killed when the thread ends that started it
+// (PR_SET_PDEATHSIG), not only the daemon: that thread must live as long as the daemon.
 #pragma once
 
 #include <cstddef>
@@ -15,6 +15,7 @@ inline constexpr int kIsolatedCalls = 3;
 inline constexpr int kIsolatedTrace = 4;  // to write
 inline constexpr int kIsolatedLevel =
     5;  // the level as a uint32_t, which the switch library changes
+inline constexpr int kIsolatedSeries = 6;  // of KemdSeriesShare
 
 enum class IsolatedCall : uint32_t {
     kLoad,       // text: the library's path, the user (may be empty), each with its NUL

@@ -19,6 +19,7 @@
 #include "base/isolated_protocol.h"
 #include "bench/measure.h"
 #include "kemd/module.h"
+#include "kemd/performance.h"
 #include "trace/debug.h"
 
 namespace {
@@ -40,9 +41,10 @@ struct Isolated {
             write(level, &kLevel, sizeof kLevel) != sizeof kLevel) {
             abort();
         }
+        const int series = KemdSeriesShare("isolated_bench_module");
         process = fork();
-        if (process == 0) Exec({sockets[1], pipes[1], level});
-        for (const int fd : {sockets[1], pipes[1], level}) close(fd);
+        if (process == 0) Exec({sockets[1], pipes[1], level, series});
+        for (const int fd : {sockets[1], pipes[1], level, series}) close(fd);
         calls = sockets[0];
         trace = pipes[0];
         (void)Call(IsolatedCall::kLoad, kModule + std::string(2, '\0'));
@@ -55,9 +57,9 @@ struct Isolated {
         close(trace);
     }
 
-    [[noreturn]] static void Exec(std::array<int, 3> given) {
+    [[noreturn]] static void Exec(std::array<int, 4> given) {
         for (int& fd : given) fd = fcntl(fd, F_DUPFD_CLOEXEC, 20);
-        for (int i = 0; i < 3; ++i) dup2(given[static_cast<size_t>(i)], kIsolatedCalls + i);
+        for (int i = 0; i < 4; ++i) dup2(given[static_cast<size_t>(i)], kIsolatedCalls + i);
         execl("/build/bin/kemd-module-host", "kemd-module-host", "--isolated", nullptr);
         abort();
     }

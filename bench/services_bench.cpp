@@ -1,4 +1,5 @@
-// The cost of events and semaphores without contention, compared with the bare calls they make.
+// The cost of events, semaphores and series without contention, compared with the bare calls they
+// make.
 #include <pthread.h>
 #include <sched.h>
 #include <semaphore.h>
@@ -7,6 +8,7 @@
 
 #include "bench/measure.h"
 #include "kemd/event.h"
+#include "kemd/performance.h"
 #include "kemd/semaphore.h"
 
 namespace {
@@ -71,10 +73,32 @@ void CompareSemaphores() {
     Report("semaphore, released and waited for", contenders);
 }
 
+void CompareSeries() {
+    static uint64_t bare = 0;
+    static KemdSeries* series = nullptr;
+    const KemdSeriesDescription description = {
+        sizeof description, KEMD_SERIES_COUNTER, "bench", nullptr, nullptr, nullptr};
+    if (KemdSeriesRegister(&series, &description) != 0) abort();
+    static KemdSeries* real = nullptr;
+    const KemdSeriesDescription realDescription = {
+        sizeof realDescription, KEMD_SERIES_REAL_GAUGE, "real", nullptr, nullptr, nullptr};
+    if (KemdSeriesRegister(&real, &realDescription) != 0) abort();
+    std::vector<Contender> contenders = {
+        Make("relaxed atomic add", [](int) { __atomic_fetch_add(&bare, 1, __ATOMIC_RELAXED); }),
+        Make("KemdSeriesAdd", [](int) { KemdSeriesAdd(series, 1); }),
+        Make("KemdSeriesSet", [](int count) { KemdSeriesSet(series, count); }),
+        Make("KemdSeriesSetReal", [](int count) { KemdSeriesSetReal(real, count); }),
+        Make("KemdSeriesAddReal", [](int) { KemdSeriesAddReal(real, 0.5); }),
+    };
+    MeasureRounds(contenders, 101, 100000);
+    Report("series of a module", contenders);
+}
+
 }  // namespace
 
 int main() {
     CompareEvents();
     CompareSemaphores();
+    CompareSeries();
     return 0;
 }

@@ -34,7 +34,8 @@ int Run(CommandLine& line, ReportWriter& report) {
     }
     const std::string_view name = line.TakeCommand();
     for (const Command& command : kCommands) {
-        if (command.name == name) return command.run(line, report);
+        const bool isIt = command.name == name || command.shortName == name;
+        if (isIt && !name.empty()) return command.run(line, report);
     }
     if (name.empty() && line.Has("--help")) {
         WriteHelp();

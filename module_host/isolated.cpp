@@ -30,6 +30,7 @@
 #include "module_host/isolated_trace.h"
 #include "module_host/loaded_module.h"
 #include "services/module_config.h"
+#include "services/module_series.h"
 #include "services/registry/store.h"
 
 namespace {
@@ -314,6 +315,11 @@ const uint32_t* MapLevel() {
     return memory != MAP_FAILED ? static_cast<const uint32_t*>(memory) : nullptr;
 }
 
+bool MapSeries() {
+    const UniqueFd series(kIsolatedSeries);
+    return AdoptSeriesRegion(series.Get()) == 0;
+}
+
 }  // namespace
 
 void ServeIsolated() {
@@ -324,12 +330,13 @@ void ServeIsolated() {
     }
     // A daemon that has ended meanwhile has closed its end of the socket.
     (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-    (void)close_range(kIsolatedLevel + 1, ~0U, 0);
+    (void)close_range(kIsolatedSeries + 1, ~0U, 0);
     OpenNullDescriptors();
     const uint32_t* const level = MapLevel();
+    const bool hasSeries = MapSeries();
     UniqueFd calls = TakeDescriptor(kIsolatedCalls);
     UniqueFd trace = TakeDescriptor(kIsolatedTrace);
-    if (level == nullptr) _exit(2);
+    if (level == nullptr || !hasSeries) _exit(2);
     IgnoreFileSizeLimit();
     PrepareProcess();
     FreeSignals();

@@ -16,7 +16,8 @@
 
 // Values of one series in one step of time. A gauge: its values. A counter: `minimum`, `mean` and
 // `maximum` are rates, units per second between two samples, so that a minute knows its busiest
-// second; `last` is the counter itself.
+// second; `last` is the counter itself. A sample of a counter that has no sample before it in the
+// same boot, or is less than that one, has no rate and therefore no point.
 struct HistoryPoint {
     int64_t wall = 0;  // the end of the step, in nanoseconds since 1970
     double minimum = 0;
@@ -48,11 +49,13 @@ class HistoryReader {
     // Damaged parts that were left out, a line each.
     const std::vector<std::string>& Problems() const;
 
-    // The points of each series in `series` within `span`, in order of time. `step`: nanoseconds,
-    // or 0 for every sample. The finest resolution that reaches back far enough is taken, part by
-    // part, and merged to steps that begin at multiples of `step`; what is only there more coarsely
-    // comes as it is. A step without a sample has no point: a gap is a gap. False, with Error(),
-    // when the file cannot be read.
+    // The points of each series in `series` within `span`, ordered by wall clock. `step`:
+    // nanoseconds, or 0 for every sample. The finest resolution that reaches back far enough is
+    // taken, part by part, and merged to steps that begin at multiples of `step`; what is only
+    // there more coarsely comes as it is. A step without a sample has no point: a gap is a gap.
+    // Where the clock was set back, samples of before and after share wall times: each counts once,
+    // in the step of its wall time, and those of one wall time come in the order of recording.
+    // False, with Error(), when the file cannot be read.
     bool Read(std::span<const uint32_t> series, HistorySpan span, int64_t step,
               std::vector<std::vector<HistoryPoint>>& points);
     // What has been written since: false when the file cannot be read.

@@ -16,6 +16,8 @@ struct RankedChange {
     double score = 0;     // distance in units of the usual variation before
 };
 
-// At most `most` changes, the largest first. `before` is the time that is taken as usual.
+// At most `most` changes, the largest first; none that usual variation may explain. `before` is the
+// time that is taken as usual. Of series that show the same change from several sides there are two
+// at most. None, with an Error() of the reader, when it cannot be read.
 std::vector<RankedChange> RankChanges(HistoryReader& reader, HistorySpan window, HistorySpan before,
                                       size_t most);

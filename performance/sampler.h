@@ -20,7 +20,7 @@ class Sampler {
     ~Sampler();
 
     // Sets the values of this moment; adds the series of devices that came, removes those of
-    // devices that went. Allocates only for them.
+    // devices that went. Allocates only for them. Always the same table.
     void Sample(SeriesTable& table);
     // The lines of MarkKind::kProcesses since the sample before; empty without `processes`.
     const std::string& Processes() const;

@@ -9,6 +9,7 @@
 #include "base/file_io.h"
 #include "base/file_safety.h"
 #include "base/module_object.h"
+#include "kemd/performance.h"
 #include "kemd/trace.h"
 
 using std::chrono::milliseconds;
@@ -82,6 +83,7 @@ void IsolatedModule::Unload() {
     if (m_process == nullptr) return;
     const std::string fault = m_process->End(milliseconds(m_settings.stopTimeoutMs));
     m_process.reset();
+    KemdSeriesForget(m_name.c_str());
     if (fault.empty()) return;
     KemdMessage("switch", "module %s did not end in order: %s", m_file.c_str(), fault.c_str());
 }

@@ -17,7 +17,9 @@
 #include <stdexcept>
 
 #include "base/crash_file.h"
+#include "base/module_object.h"
 #include "base/paths.h"
+#include "kemd/performance.h"
 #include "kemd/trace.h"
 #include "switch_library/module_board.h"
 
@@ -44,7 +46,7 @@ std::string Within(const char* what, milliseconds timeout) {
 // What a new process gets: its descriptors, no signal blocked or ignored, a session of its own.
 class SpawnSetup {
   public:
-    SpawnSetup(int calls, int trace, int level) {
+    SpawnSetup(int calls, int trace, int level, int series) {
         posix_spawn_file_actions_init(&m_files);
         posix_spawnattr_init(&m_attributes);
         for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
@@ -53,7 +55,8 @@ class SpawnSetup {
         posix_spawn_file_actions_adddup2(&m_files, calls, kIsolatedCalls);
         posix_spawn_file_actions_adddup2(&m_files, trace, kIsolatedTrace);
         posix_spawn_file_actions_adddup2(&m_files, level, kIsolatedLevel);
-        posix_spawn_file_actions_addclosefrom_np(&m_files, kIsolatedLevel + 1);
+        posix_spawn_file_actions_adddup2(&m_files, series, kIsolatedSeries);
+        posix_spawn_file_actions_addclosefrom_np(&m_files, kIsolatedSeries + 1);
         sigset_t signals{};
         sigemptyset(&signals);
         posix_spawnattr_setsigmask(&m_attributes, &signals);
@@ -101,7 +104,14 @@ std::unique_ptr<IsolatedProcess> IsolatedProcess::Spawn(const std::string& modul
     (void)fcntl(process->m_trace.Get(), F_SETFL, O_NONBLOCK);
     // Larger, it lets the module go on for longer before it waits; as it is will do.
     (void)fcntl(process->m_trace.Get(), F_SETPIPE_SZ, kPipeSize);
-    if (const int error = process->Start(level, theirCalls.Get(), theirTrace.Get())) {
+    const int series = KemdSeriesShare(ModuleName(module).c_str());
+    const UniqueFd theirSeries(series);
+    if (series < 0) {
+        fault = std::string("no memory for its series: ") + std::strerror(-series);
+        return nullptr;
+    }
+    if (const int error =
+            process->Start(level, theirCalls.Get(), theirTrace.Get(), theirSeries.Get())) {
         fault = std::string("cannot start ") + kModuleHost + ": " + std::strerror(error);
         return nullptr;
     }
@@ -111,10 +121,10 @@ std::unique_ptr<IsolatedProcess> IsolatedProcess::Spawn(const std::string& modul
     return nullptr;
 }
 
-int IsolatedProcess::Start(int level, int calls, int trace) {
+int IsolatedProcess::Start(int level, int calls, int trace, int series) {
     const std::array<const char*, 4> arguments = {"kemd-module-host", "--isolated",
                                                   m_module.c_str(), nullptr};
-    return SpawnSetup(calls, trace, level).Spawn(&m_id, kModuleHost, arguments.data());
+    return SpawnSetup(calls, trace, level, series).Spawn(&m_id, kModuleHost, arguments.data());
 }
 
 IsolatedProcess::~IsolatedProcess() {
@@ -287,6 +297,7 @@ bool IsolatedProcess::TakeEnd() {
     const std::lock_guard lock(m_lock);
     m_isInOrder = m_killedFor.empty() && info.si_code == CLD_EXITED && info.si_status == 0;
     m_end = m_killedFor.empty() ? end : m_killedFor + ", its process was killed";
+    if (!m_isEnding) KemdSeriesMarkDead(ModuleName(m_module).c_str());
     return !m_isEnding;
 }
 

@@ -64,7 +64,7 @@ class IsolatedProcess {
 
   private:
     explicit IsolatedProcess(std::string module) : m_module(std::move(module)) {}
-    int Start(int level, int calls, int trace);
+    int Start(int level, int calls, int trace, int series);
     bool ForwardRecords();
     void Forward(const IsolatedRecord& record, std::string_view rest);
     [[nodiscard]] bool AwaitEnd(std::chrono::milliseconds timeout);

@@ -1,12 +1,16 @@
 #include "switch_library/module_call.h"
 
 #include <dlfcn.h>
+#include <link.h>
 #include <pthread.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 
 #include "base/crash_handler.h"
+#include "base/module_object.h"
+#include "kemd/performance.h"
 #include "kemd/trace.h"
 #include "switch_library/module_board.h"
 #include "switch_library/service_manager.h"
@@ -83,6 +87,11 @@ void* OpenModule(const std::string& name, const std::string& path) {
 
 void CloseModule(const std::string& name, void* library) {
     const ModuleCall guard(name, "unload");
+    // Series go by the name of the file, which may be another behind a link.
+    link_map* file = nullptr;
+    if (dlinfo(library, RTLD_DI_LINKMAP, &file) == 0) {
+        KemdSeriesForget(ModuleName(std::strrchr(file->l_name, '/') + 1).c_str());
+    }
     dlclose(library);
     NoteLoadedObjects();
 }

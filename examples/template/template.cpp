@@ -10,6 +10,7 @@
 
 #include "kemd/config.h"
 #include "kemd/module.h"
+#include "kemd/performance.h"
 #include "kemd/services.h"
 #include "kemd/trace.h"
 
@@ -20,11 +21,13 @@ static KemdEvent* g_stop;
 static std::thread g_thread;
 
 static std::atomic<unsigned> g_rounds;  // the thread counts, other calls read
+static KemdSeries* g_roundsSeries;      // the same for kemdctl performance
 
 // An exception that leaves a thread ends the daemon: catch here what may throw.
 static void Work() {
     do {
         KemdTrace(kName, 3, "round %u", ++g_rounds);
+        KemdSeriesAdd(g_roundsSeries, 1);
     } while (KemdEventWait(g_stop, static_cast<uint32_t>(g_intervalMs)) != 0);
 }
 
@@ -41,10 +44,15 @@ static int Configure(void* /*user*/, const KemdConfig* config) {
 static int Start(void* /*user*/) {
     g_stop = KemdEventOpen(nullptr, 1, 0);
     if (g_stop == nullptr) return ENOMEM;
+    const KemdSeriesDescription series = {sizeof series, KEMD_SERIES_COUNTER, "work_rounds",
+                                          nullptr,       "Rounds of work",    nullptr};
+    const int failure = KemdSeriesRegister(&g_roundsSeries, &series);
+    if (failure != 0) KemdMessage(kName, "no series: %s", std::strerror(failure));  // works without
     try {
         g_thread = std::thread(Work);
     } catch (const std::system_error& error) {
         KemdMessage(kName, "no thread: %s", error.what());
+        KemdSeriesRelease(g_roundsSeries);
         KemdEventClose(g_stop);
         return error.code().value();
     }
@@ -55,6 +63,7 @@ static int Start(void* /*user*/) {
 static void Stop(void* /*user*/) {
     KemdEventSet(g_stop);
     g_thread.join();
+    KemdSeriesRelease(g_roundsSeries);
     KemdEventClose(g_stop);
 }
 

@@ -8,6 +8,7 @@
 
 #include "kemd/config.h"
 #include "kemd/module.h"
+#include "kemd/performance.h"
 #include "kemd/services.h"
 #include "kemd/trace.h"
 
@@ -16,12 +17,14 @@ static const char name[] = "template_c"; /* the file is called template_c.so */
 static _Atomic int64_t intervalMs;
 static struct KemdEvent* stop;
 static pthread_t thread;
-static atomic_uint rounds; /* the thread counts, other calls read */
+static atomic_uint rounds;              /* the thread counts, other calls read */
+static struct KemdSeries* roundsSeries; /* the same for kemdctl performance */
 
 static void* Work(void* unused) {
     (void)unused;
     do {
         KemdTrace(name, 3, "round %u", ++rounds);
+        KemdSeriesAdd(roundsSeries, 1);
     } while (KemdEventWait(stop, (uint32_t)intervalMs) != 0);
     return NULL;
 }
@@ -41,8 +44,15 @@ static int Start(void* user) {
     (void)user;
     stop = KemdEventOpen(NULL, 1, 0);
     if (stop == NULL) return ENOMEM;
-    const int error = pthread_create(&thread, NULL, Work, NULL);
-    if (error != 0) KemdEventClose(stop);
+    const struct KemdSeriesDescription series = {sizeof series, KEMD_SERIES_COUNTER, "work_rounds",
+                                                 NULL,          "Rounds of work",    NULL};
+    int error = KemdSeriesRegister(&roundsSeries, &series);
+    if (error != 0) KemdMessage(name, "no series: %s", strerror(error)); /* it works without */
+    error = pthread_create(&thread, NULL, Work, NULL);
+    if (error != 0) {
+        KemdSeriesRelease(roundsSeries);
+        KemdEventClose(stop);
+    }
     return error;
 }
 
@@ -51,6 +61,7 @@ static void Stop(void* user) {
     (void)user;
     KemdEventSet(stop);
     pthread_join(thread, NULL);
+    KemdSeriesRelease(roundsSeries);
     KemdEventClose(stop);
 }
 

@@ -21,21 +21,6 @@ constexpr size_t kMostRows = 100000;
 constexpr size_t kMostBytes = size_t{64} << 20;
 constexpr size_t kLongestText = size_t{16} << 10;
 
-// Data of a script element: nothing in it can end the element or begin a comment, and every
-// replacement is the same character again in a JSON text.
-std::string InScript(std::string_view json) {
-    std::string safe;
-    safe.reserve(json.size());
-    for (const char c : json) {
-        if (c == '<' || c == '>' || c == '&') {
-            safe += c == '<' ? "\\u003c" : c == '>' ? "\\u003e" : "\\u0026";
-        } else {
-            safe += c;
-        }
-    }
-    return safe;
-}
-
 class HtmlSink : public RecordSink {
   public:
     explicit HtmlSink(std::string path) : m_path(std::move(path)) {}

@@ -80,11 +80,16 @@ std::optional<int64_t> ParseClock(const std::string& date, std::string_view text
     return time + std::stoi(part);
 }
 
+bool IsRelative(std::string_view text) {
+    return text == "now" || text.starts_with('-') || text.starts_with('+');
+}
+
+// As `now`.
 std::optional<int64_t> ParseRelative(std::string_view text, int64_t now) {
-    const bool isBack = text[0] == '-';
+    if (text == "now") return now;
     const auto span = ParseSpan(text.substr(1), false);
     if (!span) return {};
-    return LocalTime(isBack ? now - *span : now + *span);
+    return text[0] == '-' ? now - *span : now + *span;
 }
 
 }  // namespace
@@ -97,7 +102,7 @@ int64_t ClockNow() {
 int64_t LocalTime(int64_t utcMilliseconds) {
     using namespace std::chrono;
     // The trace has the daemon's time, whatever the caller's is.
-    static const bool isZoneSet = (UseTimeZone(ReadDaemonEnvironment(ReadDaemonState())), true);
+    static const bool isZoneSet = (UseTimeZone(ReadDaemonEnvironment(ReadDaemonBriefly())), true);
     (void)isZoneSet;
     const auto second = floor<seconds>(milliseconds(utcMilliseconds));
     const auto time = static_cast<time_t>(second.count());
@@ -107,13 +112,27 @@ int64_t LocalTime(int64_t utcMilliseconds) {
            (milliseconds(utcMilliseconds) - second).count();
 }
 
+int64_t UtcTime(int64_t localMilliseconds) {
+    using namespace std::chrono;
+    (void)LocalTime(0);  // the zone is set
+    const auto second = floor<seconds>(milliseconds(localMilliseconds));
+    const auto time = static_cast<time_t>(second.count());
+    struct tm parts = {};
+    if (gmtime_r(&time, &parts) == nullptr) return localMilliseconds;
+    parts.tm_isdst = -1;
+    return static_cast<int64_t>(mktime(&parts)) * 1000 +
+           (milliseconds(localMilliseconds) - second).count();
+}
+
 std::optional<int64_t> ParseSpan(std::string_view text) {
     return ParseSpan(text, true);
 }
 
 std::optional<int64_t> ParseTime(std::string_view text, int64_t now) {
-    if (text == "now") return LocalTime(now);
-    if (!text.empty() && (text[0] == '-' || text[0] == '+')) return ParseRelative(text, now);
+    if (IsRelative(text)) {
+        const auto time = ParseRelative(text, now);
+        return time ? std::optional(LocalTime(*time)) : std::nullopt;
+    }
     int64_t day = LocalTime(now);
     bool hasDate = TakeWord(text, "today");
     if (!hasDate && TakeWord(text, "yesterday")) {
@@ -129,4 +148,10 @@ std::optional<int64_t> ParseTime(std::string_view text, int64_t now) {
     if (hasDate && text.empty()) return ParseClock(date, "00:00");
     if (hasDate && text[0] != ' ' && text[0] != 'T') return {};
     return ParseClock(date, text.substr(hasDate ? 1 : 0));
+}
+
+std::optional<int64_t> ParseUtcTime(std::string_view text, int64_t now) {
+    if (IsRelative(text)) return ParseRelative(text, now);
+    const auto local = ParseTime(text, now);
+    return local ? std::optional(UtcTime(*local)) : std::nullopt;
 }

@@ -1,6 +1,7 @@
 #include "kemdctl/ui/command.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -147,6 +148,13 @@ bool TerminalHasColor() {
     const bool isRefused = refused != nullptr && *refused != '\0';
     return isatty(STDOUT_FILENO) == 1 && !isRefused && terminal != nullptr &&
            std::string_view(terminal) != "dumb";
+}
+
+size_t TerminalWidth() {
+    struct winsize size = {};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return 0;
+    constexpr size_t kUsual = 80;
+    return size.ws_col > 0 ? size.ws_col : kUsual;
 }
 
 // stdio drops the error together with the bytes that it could not write.

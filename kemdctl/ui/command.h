@@ -57,6 +57,8 @@ void FlushOutput();
 bool HasWriteFailed();
 // Whether standard output is a terminal that shows colors, and NO_COLOR does not refuse them.
 bool TerminalHasColor();
+// Its width in characters; 0 when it is no terminal.
+size_t TerminalWidth();
 bool FinishOutput();
 // Call this first: no file opened later takes the number of a closed standard descriptor, and a
 // reader that goes away does not kill the process.

@@ -1,6 +1,9 @@
 #include "kemdctl/ui/report.h"
 
+#include <cmath>
+
 #include "base/json.h"
+#include "kemdctl/ui/text.h"
 
 void ReportWriter::Text(std::string_view key, std::string_view text) {
     if (!m_asJson) return;
@@ -16,6 +19,11 @@ void ReportWriter::Put(std::string_view key, std::string_view json) {
     m_value += json;
     Write(m_value);
     m_needsComma = true;
+}
+
+void ReportWriter::Real(std::string_view key, double number) {
+    if (!m_asJson) return;
+    Put(key, std::isfinite(number) ? NumberText(number) : "null");
 }
 
 void ReportWriter::Begin(std::string_view key) {

@@ -41,6 +41,8 @@ class ReportWriter {
     void Number(std::string_view key, const std::optional<Integer>& number) {
         if (number) Number(key, *number);
     }
+    // Null for what is no number.
+    void Real(std::string_view key, double number);
     // `fill` states the members.
     template <typename Fill>
     void Object(std::string_view key, Fill fill) {

@@ -1,7 +1,10 @@
 #include "kemdctl/ui/text.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
+#include <charconv>
+#include <cmath>
 #include <cstdio>
 
 static unsigned ByteAt(std::string_view text, size_t position) {
@@ -66,6 +69,16 @@ std::string Counted(size_t count, const char* noun) {
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
+std::string NumberText(double number) {
+    constexpr double kLarge = 1e15, kSmall = 1e-5;
+    const double size = std::fabs(number);
+    const bool isUsual = size == 0 || (size >= kSmall && size < kLarge);
+    std::array<char, 64> text{};
+    const auto end = std::to_chars(text.data(), text.data() + text.size(), number,
+                                   isUsual ? std::chars_format::fixed : std::chars_format::general);
+    return {text.data(), end.ptr};
+}
+
 std::string SizeText(uint64_t bytes) {
     constexpr uint64_t kMebibyte = uint64_t{1} << 20;
     if (bytes < kMebibyte) return Counted(bytes, "byte");
@@ -73,4 +86,17 @@ std::string SizeText(uint64_t bytes) {
     std::snprintf(text, sizeof text, "%.1f MiB",
                   static_cast<double>(bytes) / static_cast<double>(kMebibyte));
     return text;
+}
+
+std::string InScript(std::string_view json) {
+    std::string safe;
+    safe.reserve(json.size());
+    for (const char c : json) {
+        if (c == '<' || c == '>' || c == '&') {
+            safe += c == '<' ? "\\u003c" : c == '>' ? "\\u003e" : "\\u0026";
+        } else {
+            safe += c;
+        }
+    }
+    return safe;
 }

@@ -17,5 +17,10 @@ std::string ShellQuoted(std::string_view name);
 
 // "1 time", "2 times", "0 times".
 std::string Counted(size_t count, const char* noun);
+// The shortest text that gives the same number again.
+std::string NumberText(double number);
 // A size in bytes, from one MiB on in MiB.
 std::string SizeText(uint64_t bytes);
+// JSON as the data of a script element: nothing in it can end the element or begin a comment, and
+// every replacement is the same character again in a JSON text.
+std::string InScript(std::string_view json);

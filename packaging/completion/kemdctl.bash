@@ -96,6 +96,15 @@ _kemdctl_interfaces() {
     compopt -o filenames 2>/dev/null # for its quoting
 }
 
+# The series of the performance history.
+_kemdctl_series() {
+    local name
+    while IFS= read -r name; do
+        [[ $name == "$(_kemdctl_unquote "$cur")"* ]] && COMPREPLY+=("$name")
+    done < <(timeout 2 kemdctl performance list 2>/dev/null </dev/null | sed '1d;s/  .*//')
+    compopt -o filenames 2>/dev/null # for its quoting
+}
+
 # Leaves the word to the completion of file names.
 _kemdctl_files() { compopt -o default 2>/dev/null; }
 
@@ -136,7 +145,7 @@ _kemdctl_options() {
 _kemdctl_value() {
     local option taken
     case $1:$3 in
-        trace:--since | trace:--until) _kemdctl_choose "today yesterday now" ;;
+        trace:--since | trace:--until | perf*:--since | perf*:--until) _kemdctl_choose "today yesterday now" ;;
         trace:--thread | trace:--tag) _kemdctl_traced "$3" "${words[@]:1}" ;;
         trace:--run) _kemdctl_runs ;;
         network:--name) _kemdctl_interfaces ;;
@@ -192,6 +201,13 @@ _kemdctl() {
         modules:2) [[ ${words[1]} == list ]] || _kemdctl_modules ;;
         network:1) _kemdctl_choose "$(_kemdctl_commands network)" ;;
         network:2) [[ ${words[1]} != show ]] || _kemdctl_interfaces ;;
+        performance:1 | perf:1) _kemdctl_choose "$(_kemdctl_commands performance)" ;;
+        performance:* | perf:*)
+            case ${words[1]} in
+                around) [[ ${#words[@]} -gt 2 ]] || _kemdctl_choose "last-run now" ;;
+                show | summary | list | export) _kemdctl_series ;;
+            esac
+            ;;
         registry:1) _kemdctl_choose "$(_kemdctl_commands registry)" ;;
         registry:*) _kemdctl_registry "${words[@]:1}" "$cur" ;;
     esac

@@ -50,10 +50,11 @@ int InChild(Work work) {
     return WEXITSTATUS(status);
 }
 
-// What a terminal gets from this shell command.
-inline std::string OnTerminal(const std::string& command) {
+// What a terminal, perhaps of a certain width, gets from this shell command.
+inline std::string OnTerminal(const std::string& command, unsigned short width = 0) {
     int terminal = -1;
-    const pid_t process = forkpty(&terminal, nullptr, nullptr, nullptr);
+    const struct winsize size = {25, width, 0, 0};
+    const pid_t process = forkpty(&terminal, nullptr, nullptr, width > 0 ? &size : nullptr);
     if (process == 0) {
         execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
         _exit(127);

@@ -33,7 +33,7 @@ class JsonCheck {
         return true;
     }
     bool Number() {
-        const size_t length = std::min(m_text.find_first_not_of("-.0123456789"), m_text.size());
+        const size_t length = std::min(m_text.find_first_not_of("-+.0123456789eE"), m_text.size());
         m_text.remove_prefix(length);
         return length > 0;
     }

@@ -27,7 +27,7 @@ TEST(Completion, OffersWhatFits) {
         {"kemd --", "--help --version\n"},
         {"kemd-module-host --t", "--timeout --trace\n"},
         {"kemd-module-host --trace = ''", "0 1 2 3 4 5 6\n"},
-        {"kemdctl ''", "check inventory modules network prepare registry status trace\n"},
+        {"kemdctl ''", "check inventory modules network performance prepare registry status trace\n"},
         {"kemdctl status --j", "--json\n"},
         {"kemdctl modules re", "restart reload request\n"},
         {"kemdctl modules stop --", "--help --json\n"},
@@ -39,6 +39,10 @@ TEST(Completion, OffersWhatFits) {
         {"kemdctl network show eth", "eth0 eth1.5\n"},
         {"kemdctl network --name = e", "eth0 eth1.5\n"},
         {"kemdctl network watch --state d", "down dormant\n"},
+        {"kemdctl performance ''", "show live summary around list export\n"},
+        {"kemdctl perf around ''", "last-run now\n"},
+        {"kemdctl perf show --un", "--until\n"},
+        {"kemdctl perf show --until y", "yesterday\n"},
         {"kemdctl registry get -", "--expand --help --json\n"},
     };
     for (const auto& [words, offered] : cases) EXPECT_EQ(Offered(words), offered) << words;
@@ -47,7 +51,8 @@ TEST(Completion, OffersWhatFits) {
 // No option of a help text is missing in either shell. Those of kemdctl are read from the help.
 TEST(Completion, KnowsEveryOption) {
     for (const std::string command : {"kemd-module-host", "kemdctl trace", "kemdctl check",
-                                      "kemdctl inventory", "kemdctl network"}) {
+                                      "kemdctl inventory", "kemdctl network",
+                                      "kemdctl performance"}) {
         ASSERT_EQ(Shell(command + " --help"), 0);
         const std::string help = Output(), name = command.substr(0, command.find(' '));
         const std::string bash = Offered(command + " --") + " ";

@@ -21,6 +21,7 @@
 #include "base/isolated_protocol.h"
 #include "base/unique_fd.h"
 #include "kemd/module.h"
+#include "kemd/performance.h"
 #include "tests/world.h"
 
 using namespace std::string_view_literals;
@@ -52,18 +53,18 @@ class IsolatedTest : public testing::Test {
         m_calls.Reset(sockets[0]);
         m_trace.Reset(pipes[0]);
         m_records.clear();
+        const UniqueFd series(KemdSeriesShare("isolated_probe"));
         m_process = fork();
-        if (m_process == 0) Exec(sockets[1], pipes[1], page.Get());
+        if (m_process == 0) Exec({sockets[1], pipes[1], page.Get(), series.Get()});
         close(sockets[1]);
         close(pipes[1]);
         ASSERT_TRUE(Call({.call = IsolatedCall::kLoad, .memoryLimit = memoryLimit},
                          path + '\0' + user + '\0'));
     }
     // The worst that a daemon could leave behind.
-    [[noreturn]] static void Exec(int calls, int trace, int level) {
-        const std::array<int, 3> above = {fcntl(calls, F_DUPFD, 20), fcntl(trace, F_DUPFD, 20),
-                                          fcntl(level, F_DUPFD, 20)};
-        for (int i = 0; i < 3; ++i) dup2(above[static_cast<size_t>(i)], kIsolatedCalls + i);
+    [[noreturn]] static void Exec(std::array<int, 4> above) {
+        for (int& fd : above) fd = fcntl(fd, F_DUPFD, 20);
+        for (int i = 0; i < 4; ++i) dup2(above[static_cast<size_t>(i)], kIsolatedCalls + i);
         sigset_t all{};
         sigfillset(&all);
         sigprocmask(SIG_SETMASK, &all, nullptr);

@@ -1,5 +1,6 @@
-# cmake -D FOLDER=... -D OUTPUT=... -P html_page.cmake - puts the page's three files together and
-# makes a C++ source of it. The page runs no script and takes no style but those with these hashes.
+# cmake -D SOURCE=FOLDER/NAME -D HEADER=... -D VARIABLE=... -D OUTPUT=... -P html_page.cmake - puts the three files
+# of a page together, NAME.html, NAME.css and NAME.js, and makes a C++ source of it: ${VARIABLE}BeforeData and
+# ${VARIABLE}AfterData, which HEADER declares. The page runs no script and takes no style but those with these hashes.
 
 # The text's SHA-256 as base64.
 function(hash text result)
@@ -24,25 +25,25 @@ function(put name text)
   string(HEX "${text}" bytes)
   string(REGEX REPLACE "(..)" "'\\\\x\\1'," bytes "${bytes}")
   file(APPEND ${OUTPUT} "static constexpr char k${name}[] = {${bytes}};\n"
-    "const std::string_view kPage${name}Data{k${name}, sizeof k${name}};\n")
+    "const std::string_view ${VARIABLE}${name}Data{k${name}, sizeof k${name}};\n")
 endfunction()
 
-file(READ ${FOLDER}/report.html page)
+file(READ ${SOURCE}.html page)
 foreach(part STYLE=css SCRIPT=js)
   string(REGEX MATCH "(.*)=(.*)" part ${part})
   set(name ${CMAKE_MATCH_1})
-  file(READ ${FOLDER}/report.${CMAKE_MATCH_2} text)
+  file(READ ${SOURCE}.${CMAKE_MATCH_2} text)
   hash("${text}" digest)
   string(REPLACE "@${name}@" "${text}" page "${page}")
   string(REPLACE "@${name}_HASH@" "${digest}" page "${page}")
 endforeach()
 string(FIND "${page}" "@DATA@" at)
 if(at LESS 0)
-  message(FATAL_ERROR "report.html has no place for its data")
+  message(FATAL_ERROR "${SOURCE}.html has no place for its data")
 endif()
 string(SUBSTRING "${page}" 0 ${at} before)
 math(EXPR at "${at} + 6")
 string(SUBSTRING "${page}" ${at} -1 after)
-file(WRITE ${OUTPUT} "#include \"kemdctl/trace/html_page.h\"\n\n")
+file(WRITE ${OUTPUT} "#include \"${HEADER}\"\n\n")
 put(Before "${before}")
 put(After "${after}")

@@ -1,0 +1,32 @@
+// The history that a subcommand reads, and the part of it that was asked for.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kemdctl/performance/options.h"
+#include "performance/history_reader.h"
+
+class ReportWriter;
+
+// Null after a complaint. Damaged parts are reported.
+[[nodiscard]] std::unique_ptr<HistoryReader> OpenHistory(const PerformanceOptions& options);
+
+// The time between --since and --until, as far as the history goes. By default it ends with the
+// history, and is ten minutes long, or all that there is. Nothing, after a complaint, when the
+// history has none of it.
+[[nodiscard]] std::optional<HistorySpan> ChooseSpan(const PerformanceOptions& options,
+                                                    const HistoryReader& reader, bool isAll);
+
+// Where the history comes from, for people: the host's name and the file, when it was named.
+void ShowOrigin(ReportWriter& report, const PerformanceOptions& options,
+                const HistoryReader& reader);
+
+// "gap: 12 samples missed", "reboot", "clock set back by 2s": one line, printable.
+[[nodiscard]] std::string MarkText(const Mark& mark);
+// "gap", "clock-step": for JSON.
+[[nodiscard]] const char* MarkWord(MarkKind kind);
+// Into an array that is open.
+void StateMark(ReportWriter& report, const Mark& mark);

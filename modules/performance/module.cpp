@@ -1,0 +1,167 @@
+// The module performance: samples the host and the series of other modules into a history that
+// survives crashes, and reports what is beyond its limits.
+#include "kemd/module.h"
+
+#include <sys/stat.h>
+#include <time.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <string>
+
+#include "kemd/config.h"
+#include "kemd/trace.h"
+#include "modules/performance/monitor.h"
+#include "modules/performance/settings.h"
+#include "performance/history_reader.h"
+
+namespace {
+
+constexpr int64_t kPatience = 10'000'000'000;  // ns
+
+class PerformanceModule {
+  public:
+    int Configure(const KemdConfig* config);
+    int Start();
+    void Stop();
+    int Health(char* text, size_t size);
+    int Request(const std::string& text, KemdReply* reply);
+
+  private:
+    [[nodiscard]] std::string Status();
+
+    PerformanceSettings m_settings;
+    bool m_isStarted = false;
+    Monitor m_monitor;
+};
+
+int PerformanceModule::Configure(const KemdConfig* config) {
+    PerformanceSettings settings;
+    if (const int error = ReadSettings(config, settings)) return error;
+    m_settings = settings;
+    if (m_isStarted) m_monitor.Apply(settings);
+    return 0;
+}
+
+int PerformanceModule::Start() {
+    m_isStarted = m_monitor.Start(m_settings);
+    return m_isStarted ? 0 : EAGAIN;
+}
+
+void PerformanceModule::Stop() {
+    m_isStarted = false;
+    m_monitor.Stop();
+}
+
+int PerformanceModule::Health(char* text, size_t size) {
+    const MonitorState state = m_monitor.State();
+    if (!state.error.empty()) {
+        std::snprintf(text, size, "no sample is written: %s", state.error.c_str());
+        return KEMD_HEALTH_FAILED;
+    }
+    if (state.syncError != 0) {
+        std::snprintf(text, size, "%s does not reach the disk: %s", kHistoryFile,
+                      std::strerror(state.syncError));
+        return KEMD_HEALTH_FAILED;
+    }
+    const int64_t age = SampleTime::Now().monotonic - state.at;
+    if (age > 3 * state.periodMs * 1'000'000 + kPatience) {
+        std::snprintf(text, size, "the last sample is %lld s old: something does not answer",
+                      static_cast<long long>(age / 1'000'000'000));
+        return KEMD_HEALTH_FAILED;
+    }
+    std::snprintf(text, size, "%s", state.alarms.c_str());
+    return state.alarms.empty() ? KEMD_HEALTH_OK : KEMD_HEALTH_WARNING;
+}
+
+std::string WallText(int64_t wall) {
+    const time_t seconds = wall / 1'000'000'000;
+    tm local{};
+    char text[32] = "";
+    if (localtime_r(&seconds, &local) != nullptr) {
+        strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    }
+    return text;
+}
+
+std::string PerformanceModule::Status() {
+    const MonitorState state = m_monitor.State();
+    char head[256];
+    std::snprintf(
+        head, sizeof head,
+        "%llu samples, one every %g s; %llu missed\n%zu series with values; %zu of modules\n",
+        static_cast<unsigned long long>(state.samples), static_cast<double>(state.periodMs) / 1000,
+        static_cast<unsigned long long>(state.gaps), state.series, state.ofModules);
+    std::string text = head;
+    std::string error;
+    struct stat file {};
+    const auto history = HistoryReader::Open(kHistoryFile, error);
+    if (history != nullptr && stat(kHistoryFile, &file) == 0) {
+        const HistorySpan range = history->Range();
+        text += std::string(kHistoryFile) + ": " + std::to_string(file.st_size >> 20) + " MiB";
+        if (range.to > range.from)
+            text += ", " + WallText(range.from) + " to " + WallText(range.to);
+        text += "\n";
+    } else {
+        text += error + "\n";
+    }
+    if (!state.alarms.empty()) text += "alarms: " + state.alarms + "\n";
+    return text + state.notes;
+}
+
+int PerformanceModule::Request(const std::string& text, KemdReply* reply) {
+    if (text == "sync") return m_monitor.Sync();
+    if (text != "status") return EINVAL;
+    const std::string status = Status();
+    return reply->write(reply, status.data(), status.size());
+}
+
+// No exception may leave the module.
+template <typename Call>
+int Guarded(Call call, int withoutMemory = ENOMEM) try {
+    return call();
+} catch (const std::bad_alloc&) {
+    return withoutMemory;
+} catch (const std::exception& error) {
+    KemdMessage("performance", "%s", error.what());
+    return withoutMemory;
+}
+
+PerformanceModule& Module(void* user) {
+    return *static_cast<PerformanceModule*>(user);
+}
+int Configure(void* user, const KemdConfig* config) {
+    return Guarded([&] { return Module(user).Configure(config); });
+}
+int Start(void* user) {
+    return Guarded([&] { return Module(user).Start(); });
+}
+void Stop(void* user) {
+    (void)Guarded([&] { return Module(user).Stop(), 0; });
+}
+int Health(void* user, char* text, size_t size) {
+    return Guarded([&] { return Module(user).Health(text, size); }, KEMD_HEALTH_WARNING);
+}
+int Request(void* user, const char* text, KemdReply* reply) {
+    return Guarded([&] { return Module(user).Request(text, reply); });
+}
+
+PerformanceModule g_module;
+
+}  // namespace
+
+KEMD_MODULE_V2 = {KEMD_MODULE_V2_HEAD,
+                  "performance",
+                  "1.0",
+                  "History of the host's load, second by second",
+                  nullptr,
+                  &g_module,
+                  Configure,
+                  Start,
+                  Stop,
+                  nullptr,
+                  Health,
+                  Request};
