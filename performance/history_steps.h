@@ -6,21 +6,20 @@
 #include <optional>
 #include <vector>
 
+#include "performance/history_format.h"
 #include "performance/history_reader.h"
 
 // The rate of a counter between two of its samples.
 class CounterRate {
   public:
-    explicit CounterRate(const SeriesInfo& info) : m_info(info) {}
-
     // Units per second since the sample before. None for the first one, for one of another boot,
     // and where the counter began again.
-    std::optional<double> Next(uint32_t boot, int64_t monotonic, uint64_t bits);
+    std::optional<double> Next(const SeriesInfo& info, uint32_t boot, int64_t monotonic,
+                               uint64_t bits);
     // Seconds that the last rate is about.
     [[nodiscard]] double Seconds() const { return m_seconds; }
 
   private:
-    const SeriesInfo& m_info;
     bool m_known = false;
     uint32_t m_boot = 0;
     int64_t m_monotonic = 0;
@@ -33,23 +32,28 @@ class StepMerger {
     // `step` in nanoseconds, 0 for each sample. All that is given has to live as long as this.
     StepMerger(const SeriesInfo& info, HistorySpan span, int64_t step,
                std::vector<HistoryPoint>& points)
-        : m_info(info), m_span(span), m_step(step), m_rate(info), m_points(points) {}
+        : m_info(info), m_span(span), m_step(step), m_points(points) {}
 
-    // In the order of recording, with those just before the span: a rate needs two samples.
-    void AddSample(uint32_t boot, const SampleTime& time, uint64_t bits);
+    // In the order of recording, with those just before the span: a rate needs two samples. One
+    // that does not count is only for the rate of the next.
+    void AddSample(uint32_t boot, const SampleTime& time, uint64_t bits, bool counts);
     // A minute or hour, which begins at `begin`; `point.wall` is its end. `weight`: how many
     // samples of a gauge, how many seconds of a counter.
-    void AddRow(int64_t begin, const HistoryPoint& point, double weight);
+    void AddRow(HistoryKey key, int64_t begin, const HistoryPoint& point, double weight);
     // Sorts the points by wall clock and merges what belongs to one step.
     void Finish();
 
   private:
-    void Add(const HistoryPoint& point, double weight, bool isStep);
+    struct Entry {
+        HistoryKey key;
+        double weight = 0;  // 0: a sample of its own, never merged
+    };
+    void Add(HistoryKey key, const HistoryPoint& point, double weight);
 
     const SeriesInfo& m_info;
     HistorySpan m_span;
     int64_t m_step;
     CounterRate m_rate;
     std::vector<HistoryPoint>& m_points;
-    std::vector<double> m_weights;  // of the points; 0: a sample of its own, never merged
+    std::vector<Entry> m_entries;  // of the points
 };

@@ -1,113 +1,343 @@
 #include "performance/history_writer.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
+#include <map>
 
-#include "base/file_io.h"
-#include "base/unique_fd.h"
-#include "performance/history_format.h"
+#include "performance/block_log.h"
+#include "performance/history_file.h"
+#include "performance/history_marks.h"
+#include "performance/history_minutes.h"
+
+namespace {
+
+constexpr uint32_t kNoNumber = UINT32_MAX;
+
+uint64_t Identity(const SeriesInfo& info) {
+    const std::hash<std::string> hash;
+    return hash(info.name) * 31 + hash(info.labels) * 7 + info.divide * 5 + info.multiply * 3 +
+           static_cast<uint64_t>(info.kind) * 2 + (info.isReal ? 1 : 0);
+}
+
+}  // namespace
 
 struct HistoryWriter::File {
-    UniqueFd fd;
-    char* bytes = nullptr;
-    uint64_t size = 0;
-    uint64_t end = kFirstRecord;
-    uint64_t generation = UINT64_MAX;
-    HistorySettings settings;
-    std::string findings;
-    SeriesTable known;
+    // What a place in the table is here.
+    struct Known {
+        uint64_t identity = 0;
+        uint32_t place = kNoSeries;  // of its definition
+        uint16_t tag = 0;
+        uint32_t minutes = kNoNumber;
+        uint64_t block = 0;   // the sample block whose
+        uint32_t column = 0;  // column it is
+    };
 
-    ~File() {
-        if (bytes != nullptr) munmap(bytes, size);
+    std::unique_ptr<HistoryFile> file;
+    HistoryDefinitions definitions;
+    HistoryMarks marks;
+    HistoryMarks processNotes;
+    std::array<BlockLog, kLogs> logs;
+    HistoryMinutes minutes;
+    uint32_t boot = 1;
+    std::map<uint32_t, BlockOrigin> origins;  // of the boots in the file, and this one
+    std::string findings;
+    uint64_t generation = UINT64_MAX;
+    std::vector<Known> known;
+    std::vector<Cell> cells;
+    bool isHourOver = false;
+
+    explicit File(std::unique_ptr<HistoryFile> opened)
+        : file(std::move(opened)),
+          definitions(file->Bytes(kDefinitions)),
+          marks(file->Bytes(kMarks)),
+          processNotes(file->Bytes(kProcessNotes)),
+          logs{MakeLog(kSamples), MakeLog(kMinutes), MakeLog(kHours)},
+          minutes([this](const StepRow& row) { PutStepRow(row); }) {}
+
+    BlockLog MakeLog(uint32_t log) {
+        return {log, file->Bytes(log), file->Head().areas[log].slot, definitions};
     }
-    void Commit() {
-        reinterpret_cast<std::atomic<uint64_t>*>(bytes + kCommitted)
-            ->store(end, std::memory_order_release);
-    }
-    void Put(const void* data, size_t count) {
-        std::memcpy(bytes + end, data, count);
-        end += count;
-    }
-    template <typename Number>
-    void Put(Number number) {
-        Put(&number, sizeof number);
-    }
-    void PutText(const std::string& text) {
-        Put(static_cast<uint32_t>(text.size()));
-        Put(text.data(), text.size());
-    }
-    void Begin() {
-        Put(uint32_t{kRun});
-        Put(settings.periodNs);
-        PutText(settings.host);
-        PutText(settings.bootId);
-        generation = UINT64_MAX;
-    }
-    bool Fits(uint64_t count) {
-        if (end + count <= size) return true;
-        end = kFirstRecord;
-        Commit();
-        Begin();
-        return end + count <= size;
-    }
-    void PutSeries(const SeriesTable& table) {
-        for (SeriesTable::Index i = 0; i < table.Size(); ++i) {
-            if (!table.IsUsed(i)) continue;
-            const SeriesInfo& info = table.Info(i);
-            Put(uint32_t{kSeries});
-            Put(i);
-            Put(static_cast<uint8_t>(info.kind));
-            Put(static_cast<uint8_t>(info.isReal));
-            Put(info.multiply);
-            Put(info.divide);
-            for (const auto* text : {&info.name, &info.labels, &info.unit, &info.help}) {
-                PutText(*text);
-            }
-        }
-        generation = table.Generation();
-    }
+    void Resume(const HistorySettings& settings);
+    void ResumeSteps();
+    ColumnFilter Defined() const;
+    HistoryKey ReadSteps(uint32_t log, HistoryKey from);
+    void TakeMinute(const BlockRows& rows, size_t i, const StepRow& row);
+    void ReadSamples(HistoryKey from);
+    void TakeSample(const BlockRows& rows, size_t row, const std::vector<uint32_t>& numbers,
+                    HistoryKey from);
+    void Learn(const SeriesTable& table);
+    void LearnOne(const SeriesTable& table, SeriesTable::Index index);
+    void Trim(const SeriesTable& table);
+    void AddColumns(const SeriesTable& table);
+    void PutStepRow(const StepRow& row);
+    void AddStepColumns(uint32_t log);
+    void FillStepCells(const StepRow& row);
+    void Convert(const HistoryFile& old);
+    bool Translate(const HistoryDefinitions& from, ColumnId& id, uint16_t& tag);
+    void ConvertBlock(const HistoryFile& old, const BlockRef& block, const HistoryDefinitions& from,
+                      uint32_t log);
+    void ConvertSlot(const SlotRows& slot, const HistoryDefinitions& from, uint32_t log);
 };
+
+void HistoryWriter::File::LearnOne(const SeriesTable& table, SeriesTable::Index index) {
+    const SeriesInfo& info = table.Info(index);
+    Known& series = known[index];
+    series = {};
+    series.identity = Identity(info);
+    series.place = definitions.Place(info);
+    if (series.place == kNoSeries) return;
+    series.tag = definitions.Tag(series.place);
+    series.minutes = minutes.Number(series.place, series.tag, info);
+}
+
+// Looks those series up whose place in the table has got another one.
+void HistoryWriter::File::Learn(const SeriesTable& table) {
+    generation = table.Generation();
+    known.resize(table.Size());
+    for (SeriesTable::Index i = 0; i < table.Size(); ++i) {
+        if (table.IsUsed(i) && known[i].identity != Identity(table.Info(i))) LearnOne(table, i);
+    }
+}
+
+// Series that are gone are forgotten, which changes the numbers of the others.
+void HistoryWriter::File::Trim(const SeriesTable& table) {
+    isHourOver = false;
+    if (!minutes.Trim()) return;
+    known.clear();
+    Learn(table);
+}
+
+void HistoryWriter::File::AddColumns(const SeriesTable& table) {
+    BlockLog& log = logs[kSamples];
+    for (SeriesTable::Index i = 0; i < table.Size(); ++i) {
+        Known& series = known[i];
+        if (!table.HasValue(i) || series.place == kNoSeries || series.block == log.Block())
+            continue;
+        // It had no value for so long that another series has got its place.
+        if (!definitions.IsThere(series.place, series.tag)) LearnOne(table, i);
+        if (series.place == kNoSeries) continue;
+        const ColumnId id = MakeColumn(series.place, table.Info(i).isReal, kLast);
+        series.block = log.Block();
+        series.column = log.AddColumns({&id, 1}, series.tag);
+    }
+}
+
+void HistoryWriter::File::AddStepColumns(uint32_t number) {
+    BlockLog& log = logs[number];
+    const size_t which = number - 1;
+    constexpr ColumnId kOfRow[] = {kCountColumn, kLengthColumn, kRateColumn};
+    (void)log.AddColumns(kOfRow, 0);
+    for (HistoryMinutes::Series& series : minutes.All()) {
+        if (series.steps[which].weight == 0 || series.block[which] == log.Block()) continue;
+        std::array<ColumnId, 4> ids{};
+        for (uint32_t part = 0; part < ids.size(); ++part) {
+            ids[part] = MakeColumn(series.place, IsRealPart(series.info, part), part);
+        }
+        series.block[which] = log.Block();
+        series.column[which] = log.AddColumns(ids, series.tag);
+    }
+}
+
+void HistoryWriter::File::FillStepCells(const StepRow& row) {
+    const size_t which = row.log - 1;
+    cells.assign(logs[row.log].Columns(), {});
+    cells[0] = {row.samples, true};
+    cells[1] = {row.length, true};
+    cells[2] = {row.rateMs, true};
+    for (const HistoryMinutes::Series& series : minutes.All()) {
+        if (series.steps[which].weight == 0) continue;
+        const auto parts = PackStep(series.info, series.steps[which]);
+        for (size_t i = 0; i < parts.size(); ++i) {
+            cells[series.column[which] + i] = {parts[i], true};
+        }
+    }
+}
+
+void HistoryWriter::File::PutStepRow(const StepRow& row) {
+    isHourOver = isHourOver || row.log == kHours;
+    logs[row.log].SetOrigin(origins[row.boot]);
+    bool isDone = false;
+    while (!isDone) {
+        AddStepColumns(row.log);
+        FillStepCells(row);
+        isDone = logs[row.log].Append(row.time, cells);
+    }
+}
+
+void HistoryWriter::File::Resume(const HistorySettings& settings) {
+    const int fd = file->Descriptor();
+    const auto& areas = file->Head().areas;
+    for (uint32_t log = 0; log < kLogs; ++log) FindOrigins(fd, areas[log], log, origins);
+    const uint32_t marked = std::max(marks.NewestBoot(), processNotes.NewestBoot());
+    const uint32_t newest = std::max(marked, origins.empty() ? 0 : origins.rbegin()->first);
+    const auto found = origins.find(newest);
+    const bool isSame = found != origins.end() && found->second.bootId == settings.bootId;
+    boot = newest + (isSame ? 0 : 1);
+    origins[boot] = {boot, settings.bootId, settings.periodNs};
+    for (uint32_t log = 0; log < kLogs; ++log) logs[log].Resume(fd, areas[log]);
+    logs[kSamples].SetOrigin(origins[boot]);
+    ResumeSteps();
+}
+
+ColumnFilter HistoryWriter::File::Defined() const {
+    return [this](ColumnId id, uint16_t tag) {
+        return SeriesOf(id) == kNoSeries || definitions.IsThere(SeriesOf(id), tag);
+    };
+}
+
+void HistoryWriter::File::TakeMinute(const BlockRows& rows, size_t i, const StepRow& row) {
+    minutes.AddMinute(row);
+    ForEachStep(rows, i, [&](uint32_t place, uint16_t tag, const std::array<uint64_t, 4>& parts) {
+        const auto definition = definitions.Find(place, tag);
+        if (!definition) return;
+        StepValues values = UnpackStepValues(definition->info, parts);
+        values.weight = StepWeight(definition->info, row);
+        minutes.AddStep(minutes.Number(place, tag, definition->info), values);
+    });
+}
+
+// The key of the last row of a log; minutes after `from` are taken for the current hour.
+HistoryKey HistoryWriter::File::ReadSteps(uint32_t log, HistoryKey from) {
+    HistoryKey last = from;
+    const auto take = [&](const BlockRows& rows) {
+        for (size_t i = 0; i < rows.times.size(); ++i) {
+            const HistoryKey key{rows.boot, rows.times[i].monotonic};
+            if (key <= from) continue;
+            last = std::max(last, key);
+            StepRow row;
+            if (log == kMinutes && TakeStepRow(rows, i, row)) TakeMinute(rows, i, row);
+        }
+    };
+    ForEachBlock(file->Descriptor(), file->Head().areas[log], log, from, Defined(), take);
+    return last;
+}
+
+// Samples after `from` are taken for the current minute, those before it for rates.
+void HistoryWriter::File::ReadSamples(HistoryKey from) {
+    const auto take = [&](const BlockRows& rows) {
+        std::vector<uint32_t> numbers;
+        for (const ColumnValues& column : rows.columns) {
+            const uint32_t place = SeriesOf(column.id);
+            const auto definition = definitions.Find(place, column.tag);
+            numbers.push_back(definition ? minutes.Number(place, column.tag, definition->info)
+                                         : kNoNumber);
+        }
+        for (size_t row = 0; row < rows.times.size(); ++row) TakeSample(rows, row, numbers, from);
+    };
+    ForEachBlock(file->Descriptor(), file->Head().areas[kSamples], kSamples, from, Defined(), take);
+}
+
+void HistoryWriter::File::TakeSample(const BlockRows& rows, size_t row,
+                                     const std::vector<uint32_t>& numbers, HistoryKey from) {
+    const SampleTime& time = rows.times[row];
+    const bool isNew = HistoryKey{rows.boot, time.monotonic} > from;
+    if (isNew) minutes.Begin(rows.boot, time);
+    for (size_t i = 0; i < numbers.size(); ++i) {
+        if (numbers[i] == kNoNumber || rows.columns[i].isPresent[row] == 0) continue;
+        const uint64_t bits = rows.columns[i].values[row];
+        if (isNew) {
+            minutes.Set(numbers[i], bits);
+        } else {
+            minutes.Know(numbers[i], rows.boot, time, bits);
+        }
+    }
+}
+
+// The current minute and hour begin with what the file has of them, whatever ended the last run.
+void HistoryWriter::File::ResumeSteps() {
+    const HistoryKey hour = ReadSteps(kHours, {});
+    const HistoryKey minute = ReadSteps(kMinutes, hour);
+    ReadSamples(minute);
+}
 
 std::unique_ptr<HistoryWriter> HistoryWriter::Open(const HistorySettings& settings,
                                                    std::string& error) {
-    auto file = std::make_unique<File>();
-    std::error_code ignored;
-    std::filesystem::create_directories(std::filesystem::path(settings.path).parent_path(),
-                                        ignored);
-    file->fd = OpenRegularFile(settings.path.c_str(), O_RDWR | O_CREAT, 0644);
-    int failed = file->fd.IsOpen() ? 0 : errno;
-    if (failed == 0) {
-        failed = posix_fallocate(file->fd.Get(), 0, static_cast<off_t>(settings.size));
+    std::string findings;
+    auto opened = HistoryFile::Open(settings, findings, error);
+    if (opened == nullptr) return nullptr;
+    std::unique_ptr<HistoryFile> other;
+    if (opened->Head().size != MakeFileHead(settings.size, "").size) {
+        other = HistoryFile::MakeOther(settings, findings);
     }
-    if (failed == 0 && ftruncate(file->fd.Get(), static_cast<off_t>(settings.size)) != 0) {
-        failed = errno;
+    if (other != nullptr) {
+        File converted(std::move(other));
+        converted.Convert(*opened);
+        const int failed = converted.file->Replace(settings.path);
+        if (failed != 0) {
+            error = settings.path + ": cannot be replaced: " + std::strerror(failed);
+            return nullptr;
+        }
+        opened = std::move(converted.file);
     }
-    if (failed == 0) {
-        void* const bytes =
-            mmap(nullptr, settings.size, PROT_READ | PROT_WRITE, MAP_SHARED, file->fd.Get(), 0);
-        failed = bytes == MAP_FAILED ? errno : 0;
-        if (failed == 0) file->bytes = static_cast<char*>(bytes);
-    }
-    if (failed != 0) {
-        error = settings.path + ": " + std::strerror(failed);
-        return nullptr;
-    }
-    file->size = settings.size;
-    file->settings = settings;
-    uint64_t end = 0;
-    std::memcpy(&end, file->bytes + kCommitted, sizeof end);
-    if (std::memcmp(file->bytes, kMagic, sizeof kMagic) == 0 && end <= file->size) file->end = end;
-    std::memcpy(file->bytes, kMagic, sizeof kMagic);
-    if (file->Fits(4096)) file->Begin();
-    file->Commit();
+    auto file = std::make_unique<File>(std::move(opened));
+    file->findings = findings;
+    file->Resume(settings);
     return std::unique_ptr<HistoryWriter>(new HistoryWriter(std::move(file)));
+}
+
+// Sealed blocks are taken as they are, only their columns refer to the definitions here; the rows
+// of slots are appended. The newest come last, so they are what stays.
+void HistoryWriter::File::Convert(const HistoryFile& old) {
+    const HistoryDefinitions from(old.Bytes(kDefinitions));
+    for (uint32_t log = 0; log < kLogs; ++log) {
+        const AreaPlace& place = old.Head().areas[log];
+        std::vector<SlotRows> slots;
+        std::vector<BlockRef> blocks;
+        (void)ReadSlots(old.Descriptor(), place, log, slots);
+        (void)FindBlocks(old.Descriptor(), place, log, blocks);
+        for (const BlockRef& block : blocks) ConvertBlock(old, block, from, log);
+        for (const SlotRows& slot : slots) {
+            const bool isSealed =
+                !blocks.empty() && slot.head.sequence <= blocks.back().head.sequence;
+            if (!isSealed) ConvertSlot(slot, from, log);
+        }
+    }
+    for (const StoredMark& stored : ParseMarks(old.Bytes(kMarks))) {
+        marks.Append(stored.boot, stored.mark);
+    }
+    for (const StoredMark& stored : ParseMarks(old.Bytes(kProcessNotes))) {
+        processNotes.Append(stored.boot, stored.mark);
+    }
+}
+
+bool HistoryWriter::File::Translate(const HistoryDefinitions& from, ColumnId& id, uint16_t& tag) {
+    if (SeriesOf(id) == kNoSeries) return true;
+    const auto definition = from.Find(SeriesOf(id), tag);
+    const uint32_t place = definition ? definitions.Place(definition->info) : kNoSeries;
+    if (place == kNoSeries) return false;
+    id = MakeColumn(place, IsReal(id), PartOf(id));
+    tag = definitions.Tag(place);
+    return true;
+}
+
+void HistoryWriter::File::ConvertBlock(const HistoryFile& old, const BlockRef& block,
+                                       const HistoryDefinitions& from, uint32_t log) {
+    std::vector<DirectoryEntry> entries;
+    if (ReadDirectory(old.Descriptor(), block, entries) != BlockState::kSound) return;
+    const std::span<const uint8_t> bytes =
+        old.Bytes(log).subspan(block.offset - old.Head().areas[log].offset, block.head.size);
+    std::vector<DirectoryEntry> kept;
+    std::vector<uint8_t> columns;
+    for (DirectoryEntry& entry : entries) {
+        if (!Translate(from, entry.id, entry.tag)) continue;
+        const auto column = bytes.subspan(entry.offset, entry.size);
+        columns.insert(columns.end(), column.begin(), column.end());
+        kept.push_back(entry);
+    }
+    logs[log].Adopt(block.head, kept, columns);
+}
+
+void HistoryWriter::File::ConvertSlot(const SlotRows& slot, const HistoryDefinitions& from,
+                                      uint32_t log) {
+    SlotRows other = slot;
+    for (RowColumn& column : other.columns) {
+        // What has no definition stays where no block looks for it.
+        if (!Translate(from, column.id, column.tag)) column.id = MakeColumn(kNoSeries, false, 7);
+    }
+    logs[log].Adopt(other);
 }
 
 HistoryWriter::HistoryWriter(std::unique_ptr<File> file) : m_file(std::move(file)) {}
@@ -117,34 +347,33 @@ const std::string& HistoryWriter::Findings() const {
 }
 
 void HistoryWriter::Append(const SampleTime& time, const SeriesTable& table) {
-    constexpr size_t kMostText = 1024;
-    if (!m_file->Fits(table.Size() * (kMostText + 12) + 64)) return;
-    if (m_file->generation != table.Generation()) m_file->PutSeries(table);
-    m_file->Put(uint32_t{kSample});
-    m_file->Put(time.wall);
-    m_file->Put(time.monotonic);
-    uint32_t count = 0;
-    for (SeriesTable::Index i = 0; i < table.Size(); ++i) count += table.HasValue(i) ? 1 : 0;
-    m_file->Put(count);
-    for (SeriesTable::Index i = 0; i < table.Size(); ++i) {
-        if (!table.HasValue(i)) continue;
-        m_file->Put(i);
-        m_file->Put(table.Value(i));
+    File& file = *m_file;
+    if (file.generation != table.Generation()) file.Learn(table);
+    file.minutes.Begin(file.boot, time);
+    if (file.isHourOver) file.Trim(table);
+    BlockLog& log = file.logs[kSamples];
+    bool isDone = false;
+    while (!isDone) {
+        file.AddColumns(table);
+        file.cells.assign(log.Columns(), {});
+        for (SeriesTable::Index i = 0; i < table.Size(); ++i) {
+            if (!table.HasValue(i) || file.known[i].place == kNoSeries) continue;
+            file.cells[file.known[i].column] = {table.Value(i), true};
+        }
+        isDone = log.Append(time, file.cells);
     }
-    m_file->Commit();
+    for (SeriesTable::Index i = 0; i < table.Size(); ++i) {
+        if (table.HasValue(i) && file.known[i].minutes != kNoNumber) {
+            file.minutes.Set(file.known[i].minutes, table.Value(i));
+        }
+    }
 }
 
 void HistoryWriter::Mark(const ::Mark& mark) {
-    if (!m_file->Fits(mark.text.size() + 64)) return;
-    m_file->Put(uint32_t{kMark});
-    m_file->Put(mark.time.wall);
-    m_file->Put(mark.time.monotonic);
-    m_file->Put(static_cast<uint8_t>(mark.kind));
-    m_file->Put(mark.value);
-    m_file->PutText(mark.text);
-    m_file->Commit();
+    HistoryMarks& area = mark.kind == MarkKind::kProcesses ? m_file->processNotes : m_file->marks;
+    area.Append(m_file->boot, mark);
 }
 
 int HistoryWriter::Sync() {
-    return fdatasync(m_file->fd.Get()) == 0 ? 0 : errno;
+    return fdatasync(m_file->file->Descriptor()) == 0 ? 0 : errno;
 }

@@ -1,5 +1,19 @@
 // The history: what is appended is read again, at all resolutions, whatever happens to the process,
 // the machine and the file.
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <random>
+
+#include "performance/checksum.h"
+#include "performance/column_model.h"
 #include "performance/history_reader.h"
 #include "performance/history_writer.h"
 #include "tests/world.h"
@@ -7,17 +21,21 @@
 namespace {
 
 constexpr int64_t kSecond = 1'000'000'000;
-constexpr int64_t kStart = 1'700'000'040 * kSecond;
+constexpr int64_t kMinute = 60 * kSecond;
+constexpr int64_t kHour = 60 * kMinute;
+constexpr int64_t kStart = 472'000 * kHour;
+using Points = std::vector<std::vector<HistoryPoint>>;
 
 struct HistoryTest : testing::Test {
-    HistorySettings settings{.path = "/var/lib/kemd/performance/history",
-                             .size = 4 << 20,
-                             .host = "box",
-                             .bootId = "b0071d00-0000-4000-8000-000000000001"};
+    HistorySettings settings{"/var/lib/kemd/performance/history", 1 << 20, kSecond, "box",
+                             "b0071d00-0000-4000-8000-000000000001"};
     std::unique_ptr<HistoryWriter> writer;
     SeriesTable table;
+    std::mt19937_64 random{4711};
 
+    void SetUp() override { unlink(settings.path.c_str()); }
     void OpenWriter() {
+        writer.reset();
         std::string error;
         writer = HistoryWriter::Open(settings, error);
         ASSERT_NE(writer, nullptr) << error;
@@ -28,33 +46,421 @@ struct HistoryTest : testing::Test {
         EXPECT_NE(reader, nullptr) << error;
         return reader;
     }
+    // A gauge, a real gauge, a counter, one that never changes, and one that is often absent.
+    void AddFive() {
+        (void)table.Add({"gauge", "", "", "", SeriesKind::kGauge, false, 1, 100});
+        (void)table.Add({"real", "", "watts", "", SeriesKind::kGauge, true});
+        (void)table.Add({"counter", "", "bytes", "", SeriesKind::kCounter});
+        (void)table.Add({"constant", "of=\"all\"", "", "", SeriesKind::kGauge});
+        (void)table.Add({"rare", "", "", "", SeriesKind::kGauge});
+    }
+    // Values that tell the sample's number, so that a reader can check each.
+    void AppendFive(int64_t i) {
+        table.Set(0, static_cast<uint64_t>(i % 1000 - 500));
+        table.SetReal(1, Real(i));
+        table.Set(2, Counter(i));
+        table.Set(3, 7);
+        table.Clear(4);
+        if (i % 10 == 0) table.Set(4, static_cast<uint64_t>(i));
+        writer->Append({kStart + i * kSecond, kHour + i * kSecond}, table);
+    }
+    static double Real(int64_t i) { return i % 3 == 0 ? i * 0.1 : std::sqrt(i); }
+    static uint64_t Counter(int64_t i) { return static_cast<uint64_t>(i * (i + 7) / 2); }
+    static Points ReadAll(HistoryReader& reader, int64_t step, int64_t newest = kHour * 1000) {
+        std::vector<uint32_t> all(reader.Series().size());
+        for (uint32_t i = 0; i < all.size(); ++i) all[i] = i;
+        Points points;
+        HistorySpan span = reader.Range();
+        span.from = std::max(span.from, span.to - newest);
+        EXPECT_TRUE(reader.Read(all, span, step, points)) << reader.Error();
+        return points;
+    }
+    // The newest samples of AppendFive that are there are right; their numbers.
+    static std::vector<int64_t> CheckFive(HistoryReader& reader, int64_t newest = kHour * 1000) {
+        const Points points = ReadAll(reader, 0, newest);
+        std::vector<int64_t> numbers;
+        for (size_t s = 0; s < points.size(); ++s) {
+            for (const HistoryPoint& point : points[s]) {
+                const int64_t i = (point.wall - kStart) / kSecond;
+                const std::string& name = reader.Series()[s].name;
+                if (name == "gauge") numbers.push_back(i);
+                const double wanted = name == "gauge"      ? (i % 1000 - 500) / 100.0
+                                      : name == "real"     ? Real(i)
+                                      : name == "counter"  ? static_cast<double>(Counter(i))
+                                      : name == "constant" ? 7
+                                                           : static_cast<double>(i);
+                EXPECT_EQ(point.last, wanted) << name << " " << i;
+                if (point.last != wanted) return {};
+            }
+        }
+        return numbers;
+    }
+    // Of this process's time on a processor, so that a busy machine changes nothing.
+    static void KillAfter(long nanoseconds) {
+        sigevent event{};
+        event.sigev_notify = SIGEV_SIGNAL;
+        event.sigev_signo = SIGKILL;
+        timer_t timer{};
+        const itimerspec after{{}, {0, nanoseconds + 1}};
+        if (timer_create(CLOCK_PROCESS_CPUTIME_ID, &event, &timer) != 0 ||
+            timer_settime(timer, 0, &after, nullptr) != 0) {
+            _exit(1);
+        }
+    }
+    static bool IsRun(const std::vector<int64_t>& numbers) {
+        for (size_t i = 1; i < numbers.size(); ++i) {
+            if (numbers[i] != numbers[i - 1] + 1) return false;
+        }
+        return true;
+    }
 };
 
-TEST_F(HistoryTest, GaugesAndRatesOfCountersComeBackInSteps) {
+struct Bytes {
+    std::vector<uint8_t>* bytes;
+    void operator()(uint8_t byte) const { bytes->push_back(byte); }
+};
+
+TEST(Checksum, IsCastagnolis) {
+    EXPECT_EQ(Crc32c("123456789", 9), 0xe3069283U);
+    EXPECT_EQ(Crc32c("6789", 4, Crc32c("12345", 5)), 0xe3069283U);
+}
+
+TEST(ColumnModel, ReturnsEveryValueBitByBit) {
+    std::mt19937_64 random(1);
+    const auto real = [](double value) { return std::bit_cast<uint64_t>(value); };
+    std::vector<std::pair<bool, std::vector<uint64_t>>> columns = {
+        {false, {0, UINT64_MAX, 0, uint64_t{1} << 63, 1, (uint64_t{1} << 63) - 1, 5, 5}},
+        {false, {4096, 8192, 8192, 40960, 4096, 4097, 4096 * 3, 0}},
+        {true,
+         {real(0.1), real(-0.0), real(0.0), real(NAN), real(INFINITY), real(5e-324), real(1e300)}},
+        {true, {real(20.5), real(20.25), real(-3), real(1e15 + 0.5), real(1234567.891)}},
+    };
+    for (int shift = 0; shift < 64; shift += 7) {
+        std::vector<uint64_t> values(300);
+        for (uint64_t& value : values) value = random() >> shift;
+        columns.push_back({shift % 2 == 0, values});
+    }
+    for (const auto& [isReal, values] : columns) {
+        std::vector<uint8_t> bytes;
+        ColumnModel model(values[0], isReal);
+        BitEncoder<Bytes> encoder({&bytes});
+        for (size_t i = 1; i < values.size(); ++i) {
+            (void)model.Present(encoder, i % 5 != 0);
+            if (i % 5 != 0) (void)model.Value(encoder, values[i]);
+        }
+        encoder.Finish();
+        ColumnModel again(values[0], isReal);
+        BitDecoder decoder(bytes.data(), bytes.data() + bytes.size());
+        for (size_t i = 1; i < values.size(); ++i) {
+            ASSERT_EQ(again.Present(decoder, false), i % 5 != 0);
+            if (i % 5 == 0) continue;
+            ASSERT_EQ(again.Value(decoder, 0), values[i]) << i;
+        }
+    }
+}
+
+TEST_F(HistoryTest, SamplesMinutesAndHoursComeBackAndGoRound) {
+    AddFive();
     OpenWriter();
-    const auto gauge = table.Add({"load", "", "", "", SeriesKind::kGauge, false, 1, 100});
-    const auto counter = table.Add({"bytes", "", "bytes", "", SeriesKind::kCounter});
-    for (int i = 0; i < 20; ++i) {
-        table.Set(gauge, static_cast<uint64_t>(i - 5));
-        table.Set(counter, static_cast<uint64_t>(i) * i);
-        writer->Append({kStart + i * kSecond, 5 * kSecond + i * kSecond}, table);
+    constexpr int64_t kSamples = 100'000;
+    for (int64_t i = 0; i < kSamples; ++i) AppendFive(i);
+    const auto reader = OpenReader();
+    ASSERT_EQ(reader->Series().size(), 5U);
+    EXPECT_EQ(reader->Range().to, kStart + (kSamples - 1) * kSecond + 1);
+    const Points samples = ReadAll(*reader, 0);
+    EXPECT_TRUE(reader->Problems().empty()) << reader->Problems()[0];
+    // Hours, then minutes, then samples; each time once.
+    std::map<int64_t, int> steps;
+    for (size_t i = 1; i < samples[2].size(); ++i) {
+        ++steps[samples[2][i].wall - samples[2][i - 1].wall];
+    }
+    EXPECT_GT(steps[kSecond], 5000);
+    for (const int64_t step : {kHour, kMinute, 10 * kSecond}) {
+        const Points points = ReadAll(*reader, step);
+        for (const HistoryPoint& point : points[2]) {
+            if (point.wall % step != 0) continue;
+            const int64_t to = std::min((point.wall - kStart) / kSecond, kSamples) - 1;
+            EXPECT_EQ(point.last, static_cast<double>(Counter(to))) << step << " " << to;
+            EXPECT_NEAR(point.maximum, static_cast<double>(to + 3), point.maximum / 4000);
+        }
+    }
+    const Points hours = ReadAll(*reader, kHour);
+    ASSERT_EQ(hours[0].size(), 28U);
+    EXPECT_DOUBLE_EQ(hours[0][5].minimum, -5);
+    EXPECT_DOUBLE_EQ(hours[0][5].maximum, 4.99);
+    EXPECT_NEAR(hours[2][5].mean, (18000 + 21600 + 6) / 2.0, 20);
+}
+
+TEST_F(HistoryTest, AKillAtAnyMomentLosesNothing) {
+    AddFive();
+    auto* const done = static_cast<std::atomic<int64_t>*>(
+        mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(done, MAP_FAILED);
+    settings.size = 4 << 20;
+    int64_t last = -1;
+    for (int round = 0; round < 1000; ++round) {
+        *done = last;
+        const auto delay = static_cast<long>(random() % 6'000'000);
+        const pid_t child = fork();
+        if (child == 0) {
+            KillAfter(delay);
+            OpenWriter();
+            for (int64_t i = last + 1; i < last + 40; ++i) {
+                AppendFive(i);
+                *done = i;
+            }
+            raise(SIGKILL);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+        if (*done < 0) continue;
+        const auto reader = OpenReader();
+        const int64_t newest = round % 100 == 99 ? 10 * kHour : 3 * kMinute;
+        const std::vector<int64_t> numbers = CheckFive(*reader, newest);
+        ASSERT_FALSE(numbers.empty()) << round;
+        // The sample that the kill interrupted may be there or not.
+        ASSERT_TRUE(IsRun(numbers));
+        ASSERT_GE(numbers.back(), *done);
+        ASSERT_LE(numbers.back(), *done + 1);
+        ASSERT_TRUE(reader->Problems().empty()) << reader->Problems()[0];
+        last = numbers.back();
+    }
+    munmap(done, 4096);
+}
+
+TEST_F(HistoryTest, APowerCutLosesAtMostWhatCameAfterTheLastSync) {
+    AddFive();
+    OpenWriter();
+    int64_t i = 0;
+    for (int variant = 0; variant < 60; ++variant) {
+        for (const int64_t to = i + static_cast<int64_t>(random() % 400); i < to; ++i)
+            AppendFive(i);
+        ASSERT_EQ(writer->Sync(), 0);
+        const int64_t synced = i - 1;
+        std::string disk = ReadFile(settings.path);
+        for (const int64_t to = i + 1 + static_cast<int64_t>(random() % 60); i < to; ++i)
+            AppendFive(i);
+        const std::string memory = ReadFile(settings.path);
+        for (size_t page = 0; page < disk.size(); page += 4096) {
+            if (random() % 2 == 0) disk.replace(page, 4096, memory, page, 4096);
+        }
+        const HistorySettings kept = settings;
+        settings.path = "/tmp/after/history";
+        WriteFile(settings.path, disk);
+        auto other = std::move(writer);
+        const auto reader = OpenReader();
+        std::vector<int64_t> numbers = CheckFive(*reader, 10 * kMinute);
+        ASSERT_TRUE(IsRun(numbers));
+        ASSERT_GE(numbers.back(), synced) << variant;
+        // The next run goes on with it.
+        OpenWriter();
+        AppendFive(numbers.back() + 1);
+        ASSERT_TRUE(reader->Refresh());
+        ASSERT_EQ(CheckFive(*reader, 10 * kMinute).back(), numbers.back() + 1);
+        writer.reset();
+        settings = kept;
+        writer = std::move(other);
+    }
+}
+
+TEST_F(HistoryTest, DamagedBytesAreLeftOutAndReported) {
+    AddFive();
+    OpenWriter();
+    for (int64_t i = 0; i < 5000; ++i) AppendFive(i);
+    writer.reset();
+    const std::string sound = ReadFile(settings.path);
+    const size_t head = 4096;
+    int problems = 0;
+    for (int round = 0; round < 80; ++round) {
+        std::string damaged = sound;
+        for (int i = 0; i < 40; ++i) {
+            damaged[head + random() % (damaged.size() - head)] = static_cast<char>(random());
+        }
+        if (round % 10 == 0) damaged.resize(random() % damaged.size() + head);
+        WriteFile(settings.path, damaged);
+        const auto reader = OpenReader();
+        for (const int64_t step : {int64_t{0}, kMinute, kHour}) (void)ReadAll(*reader, step);
+        (void)reader->Marks(reader->Range());
+        problems += reader->Problems().empty() ? 0 : 1;
+        std::string error;
+        if (round % 10 != 1) continue;
+        EXPECT_NE(HistoryWriter::Open(settings, error), nullptr) << error;
+    }
+    EXPECT_GT(problems, 10);
+    // A block that is lost as a whole: its minutes answer for it.
+    std::string damaged = sound;
+    const size_t block = damaged.find("KBLK");
+    damaged[block + 9] ^= 1;
+    WriteFile(settings.path, damaged);
+    const auto reader = OpenReader();
+    const Points points = ReadAll(*reader, 0);
+    EXPECT_EQ(points[0].front().wall, kStart + kMinute);
+    EXPECT_EQ(points[0].back().wall, kStart + 4999 * kSecond);
+}
+
+TEST_F(HistoryTest, OpenRefusesConvertsOrSetsAside) {
+    AddFive();
+    settings.size = 4 << 20;
+    OpenWriter();
+    for (int64_t i = 0; i < 9000; ++i) AppendFive(i);
+    writer->Mark({{kStart, kHour}, MarkKind::kAlarm, -3, "hot"});
+    std::string error;
+    EXPECT_EQ(HistoryWriter::Open(settings, error), nullptr);
+    EXPECT_EQ(error, settings.path + ": another process is writing this history");
+    struct stat status {};
+    ASSERT_EQ(stat("/var/lib/kemd/performance", &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0755U);
+    // Another size keeps what fits, and a reader follows.
+    const auto reader = OpenReader();
+    for (const uint64_t size : {1 << 20, 8 << 20, 3 << 20}) {
+        settings.size = size;
+        OpenWriter();
+        EXPECT_EQ(writer->Findings(), "");
+        ASSERT_TRUE(reader->Refresh()) << reader->Error();
+        EXPECT_EQ(ReadFile(settings.path).size(), size);
+        const std::vector<int64_t> numbers = CheckFive(*reader, kHour);
+        ASSERT_TRUE(IsRun(numbers));
+        EXPECT_EQ(numbers.back(), 8999);
+        ASSERT_EQ(reader->Marks(reader->Range()).size(), 1U);
+        EXPECT_EQ(reader->Marks(reader->Range())[0].text, "hot");
+        EXPECT_EQ(ReadAll(*reader, kHour)[0].size(), 3U);
+        EXPECT_EQ(reader->Series().size(), 5U);
+    }
+    writer.reset();
+    std::string bytes = ReadFile(settings.path);
+    bytes[8] = 2;
+    WriteFile(settings.path, bytes);
+    EXPECT_EQ(HistoryWriter::Open(settings, error), nullptr);
+    EXPECT_TRUE(Contains(error, "a history of format 2, newer than 1")) << error;
+    bytes[0] = 'X';
+    WriteFile(settings.path, bytes);
+    OpenWriter();
+    EXPECT_EQ(writer->Findings(), settings.path +
+                                      ": not a history of the performance monitor; it is now " +
+                                      settings.path + ".bad\n");
+    EXPECT_EQ(ReadFile(settings.path + ".bad"), bytes);
+    // A disk with too little room: nothing is left there.
+    settings.path = "/small/history";
+    EXPECT_EQ(HistoryWriter::Open(settings, error), nullptr);
+    EXPECT_EQ(error, "/small/history: its 3 MiB cannot be reserved: No space left on device");
+    EXPECT_FALSE(std::filesystem::exists(settings.path));
+}
+
+TEST_F(HistoryTest, RatesAreNeverNegativeOrMadeUp) {
+    const auto counter = table.Add({"counter", "", "", "", SeriesKind::kCounter});
+    OpenWriter();
+    int64_t monotonic = kHour;
+    const auto append = [&](int64_t wall, uint64_t value) {
+        table.Set(counter, value);
+        writer->Append({kStart + wall * kSecond, monotonic}, table);
+        monotonic += kSecond;
+    };
+    append(0, 1000);
+    append(1, 1010);
+    append(2, 5);  // began again
+    append(3, 25);
+    monotonic += 100 * kSecond;  // missed
+    append(104, 1035);
+    settings.bootId = "b0071d00-0000-4000-8000-000000000002";
+    OpenWriter();
+    monotonic = kSecond;
+    append(200, 4000);
+    append(201, 4001);
+    append(150, 4011);  // the clock was set back
+    append(151, 4012);
+    const auto reader = OpenReader();
+    EXPECT_EQ(reader->BootId(), settings.bootId);
+    const Points points = ReadAll(*reader, 0);
+    std::vector<std::pair<int64_t, double>> rates;
+    for (const HistoryPoint& point : points[0]) {
+        rates.emplace_back((point.wall - kStart) / kSecond, point.mean);
+    }
+    EXPECT_EQ(rates, (std::vector<std::pair<int64_t, double>>{
+                         {1, 10}, {3, 20}, {104, 10}, {150, 10}, {151, 1}, {201, 1}}));
+    const Points minutes = ReadAll(*reader, kMinute);
+    ASSERT_EQ(minutes[0].size(), 4U);
+    EXPECT_EQ(minutes[0][2].wall, kStart + 3 * kMinute);
+    EXPECT_DOUBLE_EQ(minutes[0][2].maximum, 10);
+    EXPECT_DOUBLE_EQ(minutes[0][2].mean, 5.5);
+}
+
+TEST_F(HistoryTest, SeriesThatComeAndGoForYearsStayBounded) {
+    const auto lasting = table.Add({"lasting", "", "", "", SeriesKind::kGauge});
+    OpenWriter();
+    constexpr int64_t kSamples = 30'000;
+    std::vector<SeriesTable::Index> guests;
+    for (int64_t i = 0; i < kSamples; ++i) {
+        table.Set(lasting, static_cast<uint64_t>(i));
+        const std::string name = "veth" + std::to_string(i % 7 == 0 ? i : i % 5);
+        guests.push_back(
+            table.Add({"bytes", SeriesLabel("interface", name), "", "", SeriesKind::kGauge}));
+        table.Set(guests.back(), static_cast<uint64_t>(i));
+        if (guests.size() > 3) {
+            table.Remove(guests.front());
+            guests.erase(guests.begin());
+        }
+        writer->Append({kStart + i * kSecond, kHour + i * kSecond}, table);
+        if (i % 4000 == 0) OpenWriter();
     }
     const auto reader = OpenReader();
-    const uint32_t both[] = {0, 1};
-    std::vector<std::vector<HistoryPoint>> points;
-    ASSERT_TRUE(reader->Read(both, reader->Range(), 0, points));
-    ASSERT_EQ(points[0].size(), 20U);
-    ASSERT_EQ(points[1].size(), 19U);  // the first sample has no rate
-    EXPECT_DOUBLE_EQ(points[0][0].last, -0.05);
-    EXPECT_DOUBLE_EQ(points[1][18].mean, 19 * 19 - 18 * 18);
-    ASSERT_TRUE(reader->Read(both, reader->Range(), 10 * kSecond, points));
-    ASSERT_EQ(points[1].size(), 2U);
-    EXPECT_EQ(points[1][1].wall, kStart + 20 * kSecond);
-    EXPECT_DOUBLE_EQ(points[1][1].minimum, 19);
-    EXPECT_DOUBLE_EQ(points[1][1].maximum, 37);
-    EXPECT_DOUBLE_EQ(points[1][1].mean, 28);
-    EXPECT_DOUBLE_EQ(points[1][1].last, 19 * 19);
-    EXPECT_EQ(reader->Host(), "box");
+    EXPECT_TRUE(reader->Problems().empty());
+    const Points points = ReadAll(*reader, 0, kHour);
+    size_t found = 0;
+    for (size_t s = 0; s < points.size(); ++s) {
+        for (const HistoryPoint& point : points[s]) {
+            const int64_t i = (point.wall - kStart) / kSecond;
+            const SeriesInfo& info = reader->Series()[s];
+            if (info.name == "lasting") {
+                ASSERT_EQ(point.last, static_cast<double>(i));
+                ++found;
+            } else if (info.labels == "interface=\"veth3\"") {
+                ASSERT_EQ(static_cast<int64_t>(point.last) % 7 != 0, true);
+            }
+        }
+    }
+    EXPECT_GE(found, 3600U);
+}
+
+TEST_F(HistoryTest, NotesOfProcessesNeverPushOutOtherMarks) {
+    OpenWriter();
+    writer->Mark({{kStart, 1}, MarkKind::kStart, 0, "1.0"});
+    for (int64_t i = 1; i < 3000; ++i) {
+        writer->Mark({{kStart + i, i + 1}, MarkKind::kProcesses, 0, std::string(1000, 'p')});
+    }
+    const auto reader = OpenReader();
+    const std::vector<Mark> marks = reader->Marks({kStart, kStart + kHour});
+    ASSERT_GT(marks.size(), 20U);
+    EXPECT_EQ(marks.front().kind, MarkKind::kStart);
+    EXPECT_EQ(marks.front().text, "1.0");
+    EXPECT_EQ(marks.back().time.wall, kStart + 2999);
+}
+
+TEST_F(HistoryTest, AReaderBesideTheWriterSeesOnlyWholeSamples) {
+    AddFive();
+    OpenWriter();
+    AppendFive(0);
+    auto* const stop = static_cast<std::atomic<bool>*>(
+        mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(stop, MAP_FAILED);
+    const pid_t child = fork();
+    if (child == 0) {
+        for (int64_t i = 1; !*stop; ++i) AppendFive(i);
+        _exit(0);
+    }
+    const auto reader = OpenReader();
+    int64_t before = 0;
+    for (int round = 0; round < 100; ++round) {
+        ASSERT_TRUE(reader->Refresh());
+        const std::vector<int64_t> numbers = CheckFive(*reader, kMinute);
+        ASSERT_FALSE(numbers.empty());
+        ASSERT_GE(numbers.back(), before);
+        before = numbers.back();
+    }
+    *stop = true;
+    waitpid(child, nullptr, 0);
+    EXPECT_TRUE(reader->Problems().empty()) << reader->Problems()[0];
+    munmap(stop, 4096);
 }
 
 }  // namespace

@@ -1,0 +1,247 @@
+#include "performance/history_minutes.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+
+namespace {
+
+// Rates and distances of a mean keep 13 significant bits, in the order of the numbers.
+constexpr int kDropped = 40;
+
+uint64_t Short(double number) {
+    if (!(number > 0)) return 0;
+    return (std::bit_cast<uint64_t>(number) + (uint64_t{1} << (kDropped - 1))) >> kDropped;
+}
+double Long(uint64_t number) {
+    return std::bit_cast<double>(number << kDropped);
+}
+
+double Stored(const SeriesInfo& info, uint64_t bits) {
+    return info.isReal ? std::bit_cast<double>(bits)
+                       : static_cast<double>(static_cast<int64_t>(bits));
+}
+
+bool IsLess(const SeriesInfo& info, uint64_t a, uint64_t b) {
+    if (info.isReal) return std::bit_cast<double>(a) < std::bit_cast<double>(b);
+    return static_cast<int64_t>(a) < static_cast<int64_t>(b);
+}
+
+void Merge(const SeriesInfo& info, StepValues& into, const StepValues& values) {
+    const double weight = into.weight + values.weight;
+    if (into.weight == 0) {
+        into = values;
+        return;
+    }
+    into.minimum = std::min(into.minimum, values.minimum);
+    into.maximum = std::max(into.maximum, values.maximum);
+    into.mean += (values.mean - into.mean) * values.weight / weight;
+    if (IsLess(info, values.least, into.least)) into.least = values.least;
+    if (IsLess(info, into.most, values.most)) into.most = values.most;
+    into.last = values.last;
+    into.weight = weight;
+}
+
+int64_t IndexOf(int64_t wall, size_t which) {
+    const int64_t step = which == 0 ? kMinuteNs : kHourNs;
+    return wall / step - (wall % step < 0 ? 1 : 0);
+}
+
+}  // namespace
+
+bool IsRealPart(const SeriesInfo& info, uint32_t part) {
+    if (!info.isReal || part == kMean) return false;
+    return info.kind == SeriesKind::kGauge || part == kLast;
+}
+
+std::array<uint64_t, 4> PackStep(const SeriesInfo& info, const StepValues& values) {
+    std::array<uint64_t, 4> parts{};
+    if (info.kind == SeriesKind::kCounter) {
+        const uint64_t least = Short(values.minimum);
+        parts = {values.last, least, Short(values.mean) - least, Short(values.maximum) - least};
+        return parts;
+    }
+    const uint64_t base = info.isReal ? 0 : values.least;
+    parts[kLast] = values.last - base;
+    parts[kLeast] = values.least;
+    parts[kMean] = Short(values.mean - Stored(info, values.least));
+    parts[kMost] = values.most - base;
+    return parts;
+}
+
+StepValues UnpackStepValues(const SeriesInfo& info, const std::array<uint64_t, 4>& parts) {
+    StepValues values;
+    values.weight = 1;
+    if (info.kind == SeriesKind::kCounter) {
+        values.minimum = Long(parts[kLeast]);
+        values.mean = Long(parts[kLeast] + parts[kMean]);
+        values.maximum = Long(parts[kLeast] + parts[kMost]);
+        values.last = parts[kLast];
+        return values;
+    }
+    const uint64_t base = info.isReal ? 0 : parts[kLeast];
+    values.least = parts[kLeast];
+    values.most = parts[kMost] + base;
+    values.last = parts[kLast] + base;
+    values.minimum = Stored(info, values.least);
+    values.maximum = Stored(info, values.most);
+    values.mean = std::min(values.minimum + Long(parts[kMean]), values.maximum);
+    return values;
+}
+
+HistoryPoint UnpackStep(const SeriesInfo& info, const std::array<uint64_t, 4>& parts) {
+    const StepValues values = UnpackStepValues(info, parts);
+    const bool isScaled = info.kind == SeriesKind::kGauge && !info.isReal;
+    const double scale = isScaled ? static_cast<double>(info.multiply) / info.divide : 1;
+    HistoryPoint point;
+    point.minimum = isScaled ? SeriesNumber(info, values.least) : values.minimum;
+    point.maximum = isScaled ? SeriesNumber(info, values.most) : values.maximum;
+    point.mean = std::clamp(values.mean * scale, std::min(point.minimum, point.maximum),
+                            std::max(point.minimum, point.maximum));
+    point.last = SeriesNumber(info, values.last);
+    return point;
+}
+
+bool TakeStepRow(const BlockRows& rows, size_t i, StepRow& row) {
+    const ColumnValues* const count = rows.Find(kCountColumn);
+    const ColumnValues* const length = rows.Find(kLengthColumn);
+    const ColumnValues* const rate = rows.Find(kRateColumn);
+    if (count == nullptr || length == nullptr || rate == nullptr) return false;
+    row.boot = rows.boot;
+    row.time = rows.times[i];
+    row.samples = count->values[i];
+    row.length = length->values[i];
+    row.rateMs = rate->values[i];
+    return true;
+}
+
+void ForEachStep(const BlockRows& rows, size_t i,
+                 const std::function<void(uint32_t place, uint16_t tag,
+                                          const std::array<uint64_t, 4>& parts)>& take) {
+    const auto& columns = rows.columns;
+    for (size_t at = 0; at < columns.size();) {
+        const uint32_t place = SeriesOf(columns[at].id);
+        std::array<uint64_t, 4> parts{};
+        size_t found = 0;
+        const size_t first = at;
+        for (; at < columns.size() && SeriesOf(columns[at].id) == place; ++at) {
+            if (PartOf(columns[at].id) >= parts.size() || columns[at].isPresent[i] == 0) continue;
+            parts[PartOf(columns[at].id)] = columns[at].values[i];
+            ++found;
+        }
+        if (place != kNoSeries && found == parts.size()) take(place, columns[first].tag, parts);
+    }
+}
+
+double StepWeight(const SeriesInfo& info, const StepRow& row) {
+    constexpr double kLeast = 1e-3;
+    const double weight = info.kind == SeriesKind::kGauge ? static_cast<double>(row.samples)
+                                                          : static_cast<double>(row.rateMs) / 1000;
+    return std::max(weight, kLeast);
+}
+
+uint32_t HistoryMinutes::Number(uint32_t place, uint16_t tag, const SeriesInfo& info) {
+    const auto next = static_cast<uint32_t>(m_series.size());
+    const auto [found, isNew] = m_numbers.emplace(uint64_t{place} << 16 | tag, next);
+    if (isNew) {
+        Series& series = m_series.emplace_back();
+        series.place = place;
+        series.tag = tag;
+        series.info = info;
+    }
+    return found->second;
+}
+
+void HistoryMinutes::Begin(uint32_t boot, const SampleTime& time) {
+    Current& minute = m_now[0];
+    const int64_t index = IndexOf(time.wall, 0);
+    if (minute.row.samples > 0 && (minute.index != index || minute.row.boot != boot)) EndMinute();
+    Current& hour = m_now[1];
+    const bool isHourOver = hour.index != IndexOf(time.wall, 1) || hour.row.boot != boot;
+    if (hour.row.samples > 0 && isHourOver) End(1);
+    const int64_t before = m_boot == boot ? m_time.monotonic : time.monotonic;
+    if (minute.row.samples == 0) minute = {index, time.monotonic, {kMinutes, boot, {}, 0, 0, 0}};
+    ++minute.row.samples;
+    minute.row.time = time;
+    minute.row.length = static_cast<uint64_t>(time.monotonic - minute.first);
+    minute.row.rateMs += static_cast<uint64_t>((time.monotonic - before) / 1'000'000);
+    m_boot = boot;
+    m_time = time;
+}
+
+void HistoryMinutes::Set(uint32_t number, uint64_t bits) {
+    Series& series = m_series[number];
+    series.isSeen = true;
+    StepValues values;
+    values.last = bits;
+    values.weight = 1;
+    if (series.info.kind == SeriesKind::kCounter) {
+        const auto rate = series.rate.Next(series.info, m_boot, m_time.monotonic, bits);
+        if (!rate) {
+            series.steps[0].last = bits;
+            return;
+        }
+        values.minimum = values.mean = values.maximum = *rate;
+        values.weight = series.rate.Seconds();
+    } else {
+        values.least = values.most = bits;
+        values.mean = Stored(series.info, bits);
+        if (!std::isfinite(values.mean)) return;
+    }
+    Merge(series.info, series.steps[0], values);
+}
+
+void HistoryMinutes::Know(uint32_t number, uint32_t boot, const SampleTime& time, uint64_t bits) {
+    Series& series = m_series[number];
+    (void)series.rate.Next(series.info, boot, time.monotonic, bits);
+    m_boot = boot;
+    m_time = time;
+}
+
+void HistoryMinutes::BeginHour(uint32_t boot, int64_t wall, int64_t first) {
+    Current& hour = m_now[1];
+    const int64_t index = IndexOf(wall, 1);
+    if (hour.row.samples > 0 && (hour.index != index || hour.row.boot != boot)) End(1);
+    if (hour.row.samples == 0) hour = {index, first, {kHours, boot, {}, 0, 0, 0}};
+}
+
+void HistoryMinutes::AddMinute(const StepRow& row) {
+    BeginHour(row.boot, row.time.wall, row.time.monotonic - static_cast<int64_t>(row.length));
+    Current& hour = m_now[1];
+    hour.row.samples += row.samples;
+    hour.row.rateMs += row.rateMs;
+    hour.row.time = row.time;
+    hour.row.length = static_cast<uint64_t>(row.time.monotonic - hour.first);
+}
+
+void HistoryMinutes::AddStep(uint32_t number, const StepValues& values) {
+    Series& series = m_series[number];
+    Merge(series.info, series.steps[1], values);
+}
+
+void HistoryMinutes::EndMinute() {
+    const StepRow row = m_now[0].row;
+    AddMinute(row);
+    for (Series& series : m_series) {
+        if (series.steps[0].weight > 0) Merge(series.info, series.steps[1], series.steps[0]);
+    }
+    End(0);
+}
+
+void HistoryMinutes::End(size_t which) {
+    m_sink(m_now[which].row);
+    for (Series& series : m_series) series.steps[which] = {};
+    m_now[which].row.samples = 0;
+}
+
+bool HistoryMinutes::Trim() {
+    const size_t before = m_series.size();
+    std::erase_if(m_series, [](const Series& series) { return !series.isSeen; });
+    for (Series& series : m_series) series.isSeen = false;
+    if (m_series.size() == before) return false;
+    m_numbers.clear();
+    for (uint32_t i = 0; i < m_series.size(); ++i) {
+        m_numbers[uint64_t{m_series[i].place} << 16 | m_series[i].tag] = i;
+    }
+    return true;
+}
