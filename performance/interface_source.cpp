@@ -8,7 +8,7 @@
 namespace {
 
 struct CounterRow {
-    uint64_t KemdNetworkCounters::*counter;
+    uint64_t KemdNetworkCounters::*counter = nullptr;
     SeriesRow series;
 };
 using Counters = KemdNetworkCounters;

@@ -66,11 +66,12 @@ class ProtocolSource : public Source {
         const std::string_view title = names.Word();
         size_t column = 0;
         for (auto name = names.Word(); !name.empty(); name = names.Word(), ++column) {
-            for (size_t row = 0; row < m_rows.size(); ++row) {
-                if (m_rows[row].group == title && m_rows[row].column == name) {
-                    group.places.push_back({column, row});
-                }
-            }
+            const auto row =
+                std::find_if(m_rows.begin(), m_rows.end(), [&](const ColumnRow& wanted) {
+                    return wanted.group == title && wanted.column == name;
+                });
+            if (row == m_rows.end()) continue;
+            group.places.push_back({column, static_cast<size_t>(row - m_rows.begin())});
         }
         group.isLearnt = true;
     }

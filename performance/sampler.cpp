@@ -64,6 +64,9 @@ std::vector<std::string> Sampler::Notes() const {
     for (const auto& source : m_sources->slowSources) source->AddNotes(notes);
     if (m_sources->processes != nullptr) m_sources->processes->AddNotes(notes);
     const int hanging = m_sources->worker.HangingThreads();
-    if (hanging != 0) notes.push_back(std::to_string(hanging) + " threads hang in the kernel");
+    if (hanging != 0) {
+        notes.push_back(std::to_string(hanging) +
+                        (hanging == 1 ? " thread hangs" : " threads hang") + " in the kernel");
+    }
     return notes;
 }

@@ -92,24 +92,30 @@ std::string ChipName(const std::string& path) {
     return name;
 }
 
-// "temp1" and so on of "temp1_input", by the number of their kinds.
-std::vector<Sensor> SensorsOf(const std::string& path) {
+// Whether the file SENSOR SUFFIX, "temp1" and "_input", has this kind of value; `directory` ends
+// with a slash.
+bool IsOfKind(const std::string& directory, const std::string& sensor, std::string_view suffix,
+              const KindRow& kind) {
+    if (!sensor.starts_with(kind.prefix)) return false;
+    if (suffix == kind.suffixes[0]) return true;
+    if (suffix.empty() || suffix != kind.suffixes[1]) return false;
+    std::string better = directory + sensor;
+    better += kind.suffixes[0];
+    return access(better.c_str(), F_OK) != 0;
+}
+
+// Those of a chip, in the order of their files' names.
+std::vector<Sensor> SensorsOf(const std::string& directory) {
     std::vector<Sensor> sensors;
     std::map<std::string, std::string> labels;  // by the sensor that has it
-    for (const std::string& file : NamesIn(path)) {
+    for (const std::string& file : NamesIn(directory)) {
+        const size_t end = std::min(file.find('_'), file.size());
+        const std::string sensor = file.substr(0, end);
         for (const KindRow& kind : kKinds) {
-            if (!file.starts_with(kind.prefix)) continue;
-            const size_t end = std::min(file.find('_'), file.size());
-            const std::string sensor = file.substr(0, end);
-            const std::string_view suffix = std::string_view(file).substr(end);
-            const bool isFirst = suffix == kind.suffixes[0];
-            const bool isSecond =
-                suffix == kind.suffixes[1] && !suffix.empty() &&
-                access((path + "/" + sensor + std::string(kind.suffixes[0])).c_str(), F_OK) != 0;
-            if (!isFirst && !isSecond) continue;
-            UniqueFd fd(KeepHigh(open((path + "/" + file).c_str(), O_RDONLY | O_CLOEXEC)));
+            if (!IsOfKind(directory, sensor, std::string_view(file).substr(end), kind)) continue;
+            UniqueFd fd(KeepHigh(open((directory + file).c_str(), O_RDONLY | O_CLOEXEC)));
             if (!fd.IsOpen()) continue;
-            std::string label = LineOf(path + "/" + sensor + "_label");
+            std::string label = LineOf(directory + sensor + "_label");
             if (label.empty()) label = sensor;
             // Two may have the same label.
             if (labels.try_emplace(label, sensor).first->second != sensor) label += " " + sensor;
@@ -125,7 +131,7 @@ class Chip {
         : name(directory),
           m_path(std::string(kDirectory) + "/" + name),
           m_chip(ChipName(m_path)),
-          m_task(SensorsOf(m_path)) {}
+          m_task(SensorsOf(m_path + "/")) {}
 
     void Start(SlowWorker& worker, int64_t now) { m_task.Start(worker, now); }
     void Collect(SeriesTable& table, int64_t now) {
