@@ -155,6 +155,7 @@ const ColumnValues* BlockRows::Find(ColumnId id) const {
 int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>& blocks,
                uint64_t writing) {
     const uint64_t end = place.Ring() + place.RingSize();
+    if (writing == 1) return 0;
     for (uint64_t at = place.Ring(); at + sizeof(BlockHead) <= end;) {
         BlockRef block;
         block.offset = at;

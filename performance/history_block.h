@@ -55,8 +55,8 @@ enum class BlockState {
 };
 
 // The sound blocks of a log, in the order of their sequence. An errno number.
-// `writing`: the sequence of the block that is not sealed yet, where it is known: the part of a ring
-// that was never written is then not looked at.
+// `writing`: the sequence of the block that is not sealed yet, where it is known: the part of a
+// ring that was never written is then not looked at.
 int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>& blocks,
                uint64_t writing = UINT64_MAX);
 // Both slots of a log as far as they are sound; those that have rows.

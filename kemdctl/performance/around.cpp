@@ -119,7 +119,7 @@ bool FindLastRun(const PerformanceOptions& options, HistoryReader& reader, bool 
         Complain("no run that is over is known: neither the trace nor the history has one");
         return false;
     }
-    const int64_t from = std::max(reader.Range().from, *begin - 24 * 60 * kMinute);
+    const int64_t from = std::max(reader.Range().from, *begin - int64_t{24} * 60 * kMinute);
     moment.wall = FindLastSample(reader, from, *begin);
     return true;
 }

@@ -86,7 +86,8 @@ bool Exporter::ReadParts(std::span<const Exported> series, Take take) {
 }
 
 // Rows by time; what one series has at each.
-using Rows = std::map<int64_t, std::vector<const HistoryPoint*>>;
+using Row = std::vector<const HistoryPoint*>;
+using Rows = std::map<int64_t, Row>;
 Rows MakeRows(const std::vector<ColumnPoints>& points) {
     Rows rows;
     for (size_t i = 0; i < points.size(); ++i) {
@@ -109,18 +110,21 @@ class CsvExporter : public Exporter {
         text += '\n';
         return ReadParts(m_series, [&](const std::vector<ColumnPoints>& points) {
             for (const auto& [wall, row] : MakeRows(points)) {
-                AppendSeconds(text, wall);
-                for (const HistoryPoint* point : row) {
-                    text += ',';
-                    if (point != nullptr) text += NumberText(point->last);
-                }
-                text += '\n';
+                AppendRow(text, wall, row);
                 Put(text);
             }
         });
     }
 
   private:
+    static void AppendRow(std::string& text, int64_t wall, const Row& row) {
+        AppendSeconds(text, wall);
+        for (const HistoryPoint* point : row) {
+            text += ',';
+            if (point != nullptr) text += NumberText(point->last);
+        }
+        text += '\n';
+    }
     static std::string Quoted(const std::string& id) {
         if (id.find_first_of(",\"\n\r") == id.npos) return id;
         std::string text = "\"";
@@ -134,23 +138,28 @@ class JsonExporter : public Exporter {
   public:
     using Exporter::Exporter;
     bool Run() override {
-        std::vector<std::string> keys;
-        for (const Exported& each : m_series) keys.push_back(JsonQuoted(SeriesId(*each.info)));
+        for (const Exported& each : m_series) m_keys.push_back(JsonQuoted(SeriesId(*each.info)));
         return ReadParts(m_series, [&](const std::vector<ColumnPoints>& points) {
             std::string text;
             for (const auto& [wall, row] : MakeRows(points)) {
-                text += "{\"time\":";
-                AppendSeconds(text, wall);
-                for (size_t i = 0; i < row.size(); ++i) {
-                    if (row[i] == nullptr || !std::isfinite(row[i]->last)) continue;
-                    text += ',' + keys[i] + ':';
-                    text += NumberText(row[i]->last);
-                }
-                text += "}\n";
+                AppendRow(text, wall, row);
                 Put(text);
             }
         });
     }
+
+  private:
+    void AppendRow(std::string& text, int64_t wall, const Row& row) const {
+        text += "{\"time\":";
+        AppendSeconds(text, wall);
+        for (size_t i = 0; i < row.size(); ++i) {
+            if (row[i] == nullptr || !std::isfinite(row[i]->last)) continue;
+            text.append(",").append(m_keys[i]).append(":").append(NumberText(row[i]->last));
+        }
+        text += "}\n";
+    }
+
+    std::vector<std::string> m_keys;
 };
 
 // The exposition format of OpenMetrics 1.0: the series of a name together.

@@ -245,7 +245,7 @@ void ShowPlots(ReportWriter& report, const View& view, const PlotFrame& frame) {
     const bool hasColor = TerminalHasColor();
     const std::string on = hasColor ? "\033[1m" : "", off = hasColor ? "\033[0m" : "";
     for (size_t i = 0; i < view.columns.size(); ++i) {
-        report.Line(on + view.columns[i].heading + off);
+        report.Line(std::string(on).append(view.columns[i].heading).append(off));
         for (const std::string& line : PlotLines(view.columns[i], view.points[i], frame)) {
             report.Line(line);
         }
