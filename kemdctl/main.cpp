@@ -13,14 +13,14 @@ namespace {
 void WriteHelp() {
     Write("usage: kemdctl COMMAND ...\n\n");
     for (const Command& command : kCommands) {
-        const std::string blanks(13 - command.name.size(), ' ');
+        const std::string blanks(12 - command.name.size(), ' ');
         Write("  " + std::string(command.name) + blanks + command.summary + "\n");
     }
     Write(
         "\n"
-        "  --help       shows this, or the help of COMMAND\n"
-        "  --version    shows the version\n"
-        "  --json       results as JSON, where a command has them\n"
+        "  --help      shows this, or the help of COMMAND\n"
+        "  --version   shows the version\n"
+        "  --json      results as JSON, where a command has them\n"
         "\n"
         "Options may be anywhere; -- ends them. Exit status: 0 yes or done, 1 no (not\n"
         "there, findings), 2 an error, reported on standard error, 3 (status and\n"

@@ -74,6 +74,16 @@ int KemdNetworkTake(KemdNetwork* network, uint32_t parts, KemdNetworkSnapshot** 
     });
 }
 
+int KemdNetworkReadCounters(KemdNetwork* network, KemdNetworkOnCounters onCounters, void* user) {
+    if (network == nullptr || onCounters == nullptr) return EINVAL;
+    return Guarded([&] {
+        const int error = network->ReadCounters();
+        if (error != 0) return error;
+        for (const KemdNetworkCounters& counters : network->Counters()) onCounters(user, &counters);
+        return 0;
+    });
+}
+
 void KemdNetworkRelease(KemdNetworkSnapshot* snapshot) {
     delete snapshot;
 }

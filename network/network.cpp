@@ -4,15 +4,37 @@
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
+#include "network/attributes.h"
 #include "network/messages.h"
 #include "network/name_space.h"
 
 namespace {
 
 constexpr int kAttempts = 4;
+constexpr std::chrono::seconds kNamesFor(10);
+
+// RTM_NEWSTATS; index 0 when it is no such message.
+KemdNetworkCounters CountersOf(std::string_view payload) {
+    KemdNetworkCounters counters{};
+    counters.size = sizeof counters;
+    const auto header = HeaderOf<if_stats_msg>(payload);
+    if (!header) return counters;
+    const Attributes attributes(AfterHeader(payload, sizeof *header));
+    // The first eight are those of all kernels.
+    constexpr size_t kCount = 8;
+    using Numbers = std::array<uint64_t, kCount>;
+    const auto numbers = HeaderOf<Numbers>(attributes.Find(IFLA_STATS_LINK_64).bytes);
+    if (!numbers) return counters;
+    static_assert(sizeof counters == offsetof(KemdNetworkCounters, rxPackets) + sizeof *numbers);
+    std::memcpy(&counters.rxPackets, numbers->data(), sizeof *numbers);
+    counters.index = header->ifindex;
+    return counters;
+}
 
 }  // namespace
 
@@ -86,6 +108,47 @@ int KemdNetwork::ReadRoutes(std::vector<KemdNetworkRoute>& routes) {
         });
     SortRoutes(routes);
     return Explain(error);
+}
+
+int KemdNetwork::ReadNames() {
+    m_namedAt = std::chrono::steady_clock::now();
+    return TakeOnce(0, m_named);
+}
+
+// False when there is no name for one.
+bool KemdNetwork::AddNames() {
+    bool hasAll = true;
+    for (KemdNetworkCounters& counters : m_counters) {
+        const KemdNetworkInterface* const interface = m_named.Find(counters.index);
+        hasAll = hasAll && interface != nullptr;
+        counters.name = interface != nullptr ? interface->Text(KEMD_NET_NAME).c_str() : nullptr;
+    }
+    return hasAll;
+}
+
+int KemdNetwork::ReadCounters() {
+    const bool isOld = std::chrono::steady_clock::now() - m_namedAt > kNamesFor;
+    int error = isOld ? ReadNames() : 0;
+    if (error != 0) return error;
+    NetlinkRequest request("reading the counters", RTM_GETSTATS, NLM_F_DUMP);
+    if_stats_msg wanted{};
+    wanted.filter_mask = IFLA_STATS_FILTER_BIT(IFLA_STATS_LINK_64);
+    request.AddHeader(wanted);
+    error = m_route.Dump(
+        request, [&] { m_counters.clear(); },
+        [&](const NetlinkMessage& message) {
+            if (message.header.nlmsg_type != RTM_NEWSTATS) return;
+            const KemdNetworkCounters counters = CountersOf(message.payload);
+            if (counters.index != 0) m_counters.push_back(counters);
+        });
+    if (error != 0) return Explain(error);
+    if (AddNames()) return 0;
+    error = ReadNames();
+    // One that came after the names is left out until the next time.
+    if (error == 0 && !AddNames()) {
+        std::erase_if(m_counters, [](const auto& counters) { return counters.name == nullptr; });
+    }
+    return error;
 }
 
 int KemdNetwork::TakeOnce(uint32_t parts, KemdNetworkSnapshot& snapshot) {

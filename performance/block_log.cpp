@@ -191,7 +191,7 @@ void BlockLog::Adopt(const SlotRows& slot) {
     Seal();
 }
 
-void BlockLog::Resume(int fd, const AreaPlace& place, const BlockOrigin& origin) {
+void BlockLog::Resume(int fd, const AreaPlace& place) {
     std::vector<BlockRef> blocks;
     std::vector<SlotRows> slots;
     (void)ReadSlots(fd, place, m_number, slots);
@@ -206,7 +206,6 @@ void BlockLog::Resume(int fd, const AreaPlace& place, const BlockOrigin& origin)
             m_definitions.Use(SeriesOf(entry.id), entry.tag, m_number, block.head.sequence);
         }
     }
-    m_origin = origin;
     BeginBlock();
     for (const SlotRows& slot : slots) {
         if (slot.head.sequence < m_sequence) continue;  // it is sealed
@@ -214,7 +213,10 @@ void BlockLog::Resume(int fd, const AreaPlace& place, const BlockOrigin& origin)
         m_sequence = slot.head.sequence;
         Replay(slot);
     }
-    const bool goesOn = m_origin.boot == origin.boot && m_origin.period == origin.period;
-    if (m_builder.Rows() > 0 && !goesOn) Seal();
+}
+
+void BlockLog::SetOrigin(const BlockOrigin& origin) {
+    if (m_origin == origin) return;
+    if (m_builder.Rows() > 0) Seal();
     m_origin = origin;
 }

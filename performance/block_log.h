@@ -13,22 +13,16 @@
 #include "performance/history_block.h"
 #include "performance/history_definitions.h"
 
-// What the rows of a block have in common.
-struct BlockOrigin {
-    uint32_t boot = 0;
-    std::string bootId;
-    int64_t period = 0;
-};
-
 class BlockLog {
   public:
     // `area`: the log's bytes, mapped. Not the owner of anything.
     BlockLog(uint32_t number, std::span<uint8_t> area, uint64_t slotSize,
              HistoryDefinitions& definitions);
 
-    // Takes what is in the file; what is in a slot only is sealed, unless rows of `origin` can be
-    // added.
-    void Resume(int fd, const AreaPlace& place, const BlockOrigin& origin);
+    // Takes what is in the file, and goes on with the newest block.
+    void Resume(int fd, const AreaPlace& place);
+    // What the next rows have in common; a block that has another origin is sealed.
+    void SetOrigin(const BlockOrigin& origin);
 
     // Columns are numbered from 0 in each block, so they are added again when this number changes.
     [[nodiscard]] uint64_t Block() const { return m_sequence; }

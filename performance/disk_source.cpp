@@ -43,9 +43,10 @@ using Numbers = std::array<uint64_t, std::size(kRows)>;
 uint64_t Extend(uint64_t last, uint64_t now) {
     constexpr uint64_t kRange = uint64_t{1} << 32;
     if (now >= kRange) return now;  // a driver that counts with 64 bits
-    const auto step = static_cast<uint32_t>(now - last);
-    if (step < kRange / 2) return last + step;
-    return (last & ~(kRange - 1)) + now;  // it went back a little
+    const auto forward = static_cast<uint32_t>(now - last);
+    if (forward < kRange / 2) return last + forward;
+    const auto back = static_cast<uint32_t>(last - now);
+    return back <= last ? last - back : now;
 }
 
 // "sda1" of "sda", "nvme0n1p1" of "nvme0n1".

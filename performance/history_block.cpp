@@ -152,8 +152,10 @@ const ColumnValues* BlockRows::Find(ColumnId id) const {
     return found == columns.end() || found->id != id ? nullptr : &*found;
 }
 
-int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>& blocks) {
+int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>& blocks,
+               uint64_t writing) {
     const uint64_t end = place.Ring() + place.RingSize();
+    if (writing == 1) return 0;
     for (uint64_t at = place.Ring(); at + sizeof(BlockHead) <= end;) {
         BlockRef block;
         block.offset = at;
@@ -164,6 +166,8 @@ int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockR
         if (IsHead(block.head, area, end - at)) {
             blocks.push_back(block);
             at += block.head.size;
+            const bool isFirstRound = blocks.front().head.sequence == 1;
+            if (isFirstRound && block.head.sequence + 1 == writing) break;
         } else {
             at = NextMagic(fd, at + kBlockUnit, end);
         }
@@ -284,12 +288,13 @@ void ForEachBlock(int fd, const AreaPlace& place, uint32_t area, HistoryKey from
     }
 }
 
-void FindNewestBoot(int fd, const AreaPlace& place, uint32_t area, NewestBoot& newest) {
+void FindOrigins(int fd, const AreaPlace& place, uint32_t area,
+                 std::map<uint32_t, BlockOrigin>& origins) {
     std::vector<SlotRows> slots;
     std::vector<BlockRef> blocks;
     if (ReadSlots(fd, place, area, slots) != 0 || FindBlocks(fd, place, area, blocks) != 0) return;
     const auto take = [&](const auto& head) {
-        if (head.boot >= newest.number) newest = {head.boot, FixedText(head.bootId), head.period};
+        origins[head.boot] = {head.boot, FixedText(head.bootId), head.period};
     };
     for (const BlockRef& block : blocks) take(block.head);
     for (const SlotRows& slot : slots) take(slot.head);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -54,7 +55,10 @@ enum class BlockState {
 };
 
 // The sound blocks of a log, in the order of their sequence. An errno number.
-int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>& blocks);
+// `writing`: the sequence of the block that is not sealed yet, where it is known: the part of a
+// ring that was never written is then not looked at.
+int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>& blocks,
+               uint64_t writing = UINT64_MAX);
 // Both slots of a log as far as they are sound; those that have rows.
 int ReadSlots(int fd, const AreaPlace& place, uint32_t area, std::vector<SlotRows>& slots);
 BlockState ReadDirectory(int fd, const BlockRef& block, std::vector<DirectoryEntry>& entries);
@@ -66,9 +70,13 @@ void ReadSlot(const SlotRows& slot, const ColumnFilter& isWanted, BlockRows& row
 void ForEachBlock(int fd, const AreaPlace& place, uint32_t area, HistoryKey from,
                   const ColumnFilter& isWanted, const std::function<void(const BlockRows&)>& take);
 
-struct NewestBoot {
-    uint32_t number = 0;
-    std::string id;
+// What the rows of a block have in common.
+struct BlockOrigin {
+    uint32_t boot = 0;
+    std::string bootId;
     int64_t period = 0;
+    bool operator==(const BlockOrigin&) const = default;
 };
-void FindNewestBoot(int fd, const AreaPlace& place, uint32_t area, NewestBoot& newest);
+// Adds the newest origin of each boot that the log has.
+void FindOrigins(int fd, const AreaPlace& place, uint32_t area,
+                 std::map<uint32_t, BlockOrigin>& origins);

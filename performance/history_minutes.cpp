@@ -107,6 +107,7 @@ bool TakeStepRow(const BlockRows& rows, size_t i, StepRow& row) {
     const ColumnValues* const length = rows.Find(kLengthColumn);
     const ColumnValues* const rate = rows.Find(kRateColumn);
     if (count == nullptr || length == nullptr || rate == nullptr) return false;
+    row.boot = rows.boot;
     row.time = rows.times[i];
     row.samples = count->values[i];
     row.length = length->values[i];
@@ -154,12 +155,12 @@ uint32_t HistoryMinutes::Number(uint32_t place, uint16_t tag, const SeriesInfo& 
 void HistoryMinutes::Begin(uint32_t boot, const SampleTime& time) {
     Current& minute = m_now[0];
     const int64_t index = IndexOf(time.wall, 0);
-    if (minute.row.samples > 0 && (minute.index != index || minute.boot != boot)) EndMinute();
+    if (minute.row.samples > 0 && (minute.index != index || minute.row.boot != boot)) EndMinute();
     Current& hour = m_now[1];
-    const bool isHourOver = hour.index != IndexOf(time.wall, 1) || hour.boot != boot;
+    const bool isHourOver = hour.index != IndexOf(time.wall, 1) || hour.row.boot != boot;
     if (hour.row.samples > 0 && isHourOver) End(1);
     const int64_t before = m_boot == boot ? m_time.monotonic : time.monotonic;
-    if (minute.row.samples == 0) minute = {index, boot, time.monotonic, {kMinutes, {}, 0, 0, 0}};
+    if (minute.row.samples == 0) minute = {index, time.monotonic, {kMinutes, boot, {}, 0, 0, 0}};
     ++minute.row.samples;
     minute.row.time = time;
     minute.row.length = static_cast<uint64_t>(time.monotonic - minute.first);
@@ -200,12 +201,12 @@ void HistoryMinutes::Know(uint32_t number, uint32_t boot, const SampleTime& time
 void HistoryMinutes::BeginHour(uint32_t boot, int64_t wall, int64_t first) {
     Current& hour = m_now[1];
     const int64_t index = IndexOf(wall, 1);
-    if (hour.row.samples > 0 && (hour.index != index || hour.boot != boot)) End(1);
-    if (hour.row.samples == 0) hour = {index, boot, first, {kHours, {}, 0, 0, 0}};
+    if (hour.row.samples > 0 && (hour.index != index || hour.row.boot != boot)) End(1);
+    if (hour.row.samples == 0) hour = {index, first, {kHours, boot, {}, 0, 0, 0}};
 }
 
-void HistoryMinutes::AddMinute(uint32_t boot, const StepRow& row) {
-    BeginHour(boot, row.time.wall, row.time.monotonic - static_cast<int64_t>(row.length));
+void HistoryMinutes::AddMinute(const StepRow& row) {
+    BeginHour(row.boot, row.time.wall, row.time.monotonic - static_cast<int64_t>(row.length));
     Current& hour = m_now[1];
     hour.row.samples += row.samples;
     hour.row.rateMs += row.rateMs;
@@ -220,7 +221,7 @@ void HistoryMinutes::AddStep(uint32_t number, const StepValues& values) {
 
 void HistoryMinutes::EndMinute() {
     const StepRow row = m_now[0].row;
-    AddMinute(m_now[0].boot, row);
+    AddMinute(row);
     for (Series& series : m_series) {
         if (series.steps[0].weight > 0) Merge(series.info, series.steps[1], series.steps[0]);
     }

@@ -33,7 +33,8 @@ bool IsRealPart(const SeriesInfo& info, uint32_t part);
 // A row that has come to its end.
 struct StepRow {
     uint32_t log = 0;  // kMinutes or kHours
-    SampleTime time;   // of its last sample
+    uint32_t boot = 0;
+    SampleTime time;  // of its last sample
     uint64_t samples = 0;
     uint64_t length = 0;  // nanoseconds from its first to its last sample
     uint64_t rateMs = 0;  // milliseconds that its rates are about
@@ -75,7 +76,7 @@ class HistoryMinutes {
     // As Set, for a sample that the minutes in the file have already.
     void Know(uint32_t number, uint32_t boot, const SampleTime& time, uint64_t bits);
     // A minute from the file, for the current hour; AddStep for each of its series.
-    void AddMinute(uint32_t boot, const StepRow& row);
+    void AddMinute(const StepRow& row);
     void AddStep(uint32_t number, const StepValues& values);
     // Forgets series without a value since the last call; true when numbers have changed.
     bool Trim();
@@ -83,7 +84,6 @@ class HistoryMinutes {
   private:
     struct Current {
         int64_t index = 0;  // of the minute or hour since 1970
-        uint32_t boot = 0;
         int64_t first = 0;  // monotonic time of its first sample
         StepRow row;        // no samples: none yet
     };

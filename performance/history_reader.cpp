@@ -253,7 +253,10 @@ bool HistoryReader::File::LoadLog(uint32_t number) {
     log.blocks.clear();
     // The slots first: what is sealed meanwhile is then found in the ring.
     int failed = ReadSlots(fd.Get(), head.areas[number], number, log.slots);
-    if (failed == 0) failed = FindBlocks(fd.Get(), head.areas[number], number, log.blocks);
+    const uint64_t writing = log.slots.empty() ? UINT64_MAX : log.slots.back().head.sequence;
+    if (failed == 0) {
+        failed = FindBlocks(fd.Get(), head.areas[number], number, log.blocks, writing);
+    }
     if (failed != 0) return Fail(failed);
     ListParts(number);
     return true;
@@ -271,7 +274,8 @@ void HistoryReader::File::FindNewest() {
 bool HistoryReader::File::Load() {
     problems.clear();
     if (!Reopen() || !LoadHead()) return false;
-    for (uint32_t number = 0; number < kLogs; ++number) {
+    // The samples last, so that no minute is there before its samples are.
+    for (const uint32_t number : {kHours, kMinutes, kSamples}) {
         if (!LoadLog(number)) return false;
     }
     // After the blocks that refer to them.
@@ -328,7 +332,8 @@ void HistoryReader::File::AddStepRow(const BlockRows& rows, size_t i, const Step
     });
 }
 
-// Minutes or hours that no finer resolution has.
+// Minutes or hours that no finer resolution has. What it has the beginning of is taken from there:
+// where its end was lost in a power cut, the seconds before count more than the whole minute.
 void HistoryReader::File::ReadCoarse(uint32_t number, const std::vector<const KeySpans*>& finer,
                                      Request& request) {
     const int64_t step = StepOf(number);
@@ -352,7 +357,7 @@ void HistoryReader::File::ReadCoarse(uint32_t number, const std::vector<const Ke
                 BeginOf(row.time.wall, step) + step <= span.from || row.time.wall < 0 ||
                 BeginOf(row.time.wall, step) >= span.to ||
                 std::any_of(finer.begin(), finer.end(),
-                            [&](const KeySpans* other) { return other->Cover(first, last); });
+                            [&](const KeySpans* other) { return other->Cover(first, first); });
             if (!isElsewhere) {
                 request.used[number].Add(first, last, goesOn);
                 AddStepRow(rows, i, row, number, request);
@@ -365,13 +370,15 @@ void HistoryReader::File::ReadCoarse(uint32_t number, const std::vector<const Ke
 std::vector<bool> HistoryReader::File::NeededSamples(const Request& request) const {
     const std::vector<Part>& parts = logs[kSamples].parts;
     std::vector<bool> needed(parts.size() + 1);
+    bool isNextIn = false;
     for (size_t i = parts.size(); i-- > 0;) {
         const Part& part = parts[i];
-        const bool isIn = part.mostWall >= request.span.from && part.leastWall < request.span.to;
-        needed[i] = isIn && !request.IsUsed(part.first, part.last);
+        const bool isIn = part.mostWall >= request.span.from && part.leastWall < request.span.to &&
+                          !request.IsUsed(part.first, part.last);
         // The rate of its first sample needs the one before.
-        const bool isBefore = needed[i + 1] && parts[i + 1].leastWall >= request.span.from;
-        needed[i] = needed[i] || isBefore;
+        const bool isBefore = isNextIn && parts[i + 1].leastWall >= request.span.from;
+        needed[i] = isIn || isBefore;
+        isNextIn = isIn;
     }
     return needed;
 }

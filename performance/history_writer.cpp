@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <map>
 
 #include "performance/block_log.h"
 #include "performance/history_file.h"
@@ -41,6 +42,7 @@ struct HistoryWriter::File {
     std::array<BlockLog, kLogs> logs;
     HistoryMinutes minutes;
     uint32_t boot = 1;
+    std::map<uint32_t, BlockOrigin> origins;  // of the boots in the file, and this one
     std::string findings;
     uint64_t generation = UINT64_MAX;
     std::vector<Known> known;
@@ -156,6 +158,7 @@ void HistoryWriter::File::FillStepCells(const StepRow& row) {
 
 void HistoryWriter::File::PutStepRow(const StepRow& row) {
     isHourOver = isHourOver || row.log == kHours;
+    logs[row.log].SetOrigin(origins[row.boot]);
     bool isDone = false;
     while (!isDone) {
         AddStepColumns(row.log);
@@ -166,14 +169,16 @@ void HistoryWriter::File::PutStepRow(const StepRow& row) {
 
 void HistoryWriter::File::Resume(const HistorySettings& settings) {
     const int fd = file->Descriptor();
-    BlockOrigin origin{1, settings.bootId, settings.periodNs};
     const auto& areas = file->Head().areas;
-    NewestBoot newest{std::max(marks.NewestBoot(), processNotes.NewestBoot()), ""};
-    for (uint32_t log = 0; log < kLogs; ++log) FindNewestBoot(fd, areas[log], log, newest);
-    const bool isOther = newest.number == 0 || newest.id != settings.bootId;
-    origin.boot = newest.number + (isOther ? 1 : 0);
-    boot = origin.boot;
-    for (uint32_t log = 0; log < kLogs; ++log) logs[log].Resume(fd, areas[log], origin);
+    for (uint32_t log = 0; log < kLogs; ++log) FindOrigins(fd, areas[log], log, origins);
+    const uint32_t marked = std::max(marks.NewestBoot(), processNotes.NewestBoot());
+    const uint32_t newest = std::max(marked, origins.empty() ? 0 : origins.rbegin()->first);
+    const auto found = origins.find(newest);
+    const bool isSame = found != origins.end() && found->second.bootId == settings.bootId;
+    boot = newest + (isSame ? 0 : 1);
+    origins[boot] = {boot, settings.bootId, settings.periodNs};
+    for (uint32_t log = 0; log < kLogs; ++log) logs[log].Resume(fd, areas[log]);
+    logs[kSamples].SetOrigin(origins[boot]);
     ResumeSteps();
 }
 
@@ -184,7 +189,7 @@ ColumnFilter HistoryWriter::File::Defined() const {
 }
 
 void HistoryWriter::File::TakeMinute(const BlockRows& rows, size_t i, const StepRow& row) {
-    minutes.AddMinute(rows.boot, row);
+    minutes.AddMinute(row);
     ForEachStep(rows, i, [&](uint32_t place, uint16_t tag, const std::array<uint64_t, 4>& parts) {
         const auto definition = definitions.Find(place, tag);
         if (!definition) return;

@@ -18,16 +18,18 @@ bool SourceFile::Start(SampleContext& context) {
         if (context.now < m_retryAt) return false;
         const int fd = open(m_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
         if (fd < 0) {
-            Fail(context.now + kRareNs, errno);
+            Fail(context, errno);
             return false;
         }
         m_fd.Reset(KeepHigh(fd));
     }
     if (!Append(context)) return false;
+    if (m_size == 0) {
+        Fail(context, ENODATA);
+        return false;
+    }
     m_error = 0;
-    if (m_size != 0) return true;
-    Fail(context.now + kRareNs, ENODATA);
-    return false;
+    return true;
 }
 
 bool SourceFile::Append(SampleContext& context) {
@@ -40,19 +42,19 @@ bool SourceFile::Append(SampleContext& context) {
     } while (count < 0 && errno == EINTR);
     if (count < 0) {
         const int error = errno;
-        // One that was readable before may be again at once: its device was replaced.
-        Fail(m_error == 0 ? context.now : context.now + kRareNs, error);
+        Fail(context, error);
         return false;
     }
     m_size += static_cast<size_t>(count);
     return true;
 }
 
-void SourceFile::Fail(int64_t retryAt, int error) {
+void SourceFile::Fail(const SampleContext& context, int error) {
     m_fd.Reset();
     m_size = 0;
+    // What was readable before may be again at once.
+    m_retryAt = m_error == 0 ? context.now : context.now + kRareNs;
     m_error = error;
-    m_retryAt = retryAt;
 }
 
 std::string_view SourceFile::Read(SampleContext& context) {

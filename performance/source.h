@@ -63,7 +63,7 @@ class SourceFile {
     bool Start(SampleContext& context);
     // One pread after what is there; false when it failed, which closes the file.
     bool Append(SampleContext& context);
-    void Fail(int64_t now, int error);
+    void Fail(const SampleContext& context, int error);
     [[nodiscard]] std::string_view Text(const SampleContext& context) const {
         return {context.buffer.data(), m_size};
     }

@@ -60,6 +60,20 @@ KEMD_API int KemdNetworkIsConsistent(const struct KemdNetworkSnapshot* snapshot)
 KEMD_API int KemdNetworkNote(const struct KemdNetworkSnapshot* snapshot, size_t position, char* out,
                              size_t* size);
 
+/* The counters of one interface alone. */
+struct KemdNetworkCounters {
+    uint32_t size;
+    uint32_t index;
+    const char* name; /* a new name shows within 10 s */
+    uint64_t rxPackets, txPackets, rxBytes, txBytes, rxErrors, txErrors, rxDropped, txDropped;
+};
+/* All that `counters` points to is valid until the callback returns. */
+typedef void (*KemdNetworkOnCounters)(void* user, const struct KemdNetworkCounters* counters);
+/* Calls `onCounters` for each interface, in the kernel's order, which seldom changes. For who asks
+ * each second: a fraction of the cost of a snapshot. */
+KEMD_API int KemdNetworkReadCounters(struct KemdNetwork* network, KemdNetworkOnCounters onCounters,
+                                     void* user);
+
 /* In the order of their indexes; null after the last. */
 KEMD_API const struct KemdNetworkInterface* KemdNetworkAt(
     const struct KemdNetworkSnapshot* snapshot, size_t position);

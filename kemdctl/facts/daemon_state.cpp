@@ -56,6 +56,13 @@ pid_t DaemonState::Holder() const {
     return lock.holders.empty() ? 0 : lock.holders.front();
 }
 
+DaemonState ReadDaemonBriefly() {
+    DaemonState state;
+    state.pidFile = ReadPidFile();
+    state.daemon = ChooseDaemon(state);
+    return state;
+}
+
 DaemonState ReadDaemonState() {
     DaemonState state;
     state.lock = ReadLock(kLockFile);

@@ -24,6 +24,9 @@ struct DaemonState {
     [[nodiscard]] pid_t Holder() const;
 };
 DaemonState ReadDaemonState();
+// Without a look at all processes for the holder of the lock, in most cases the same daemon: for
+// what only helps, as its time zone.
+DaemonState ReadDaemonBriefly();
 
 // What the two files say, in words, without the file's name.
 std::string DescribeLock(const DaemonState& state);

@@ -115,7 +115,12 @@ std::vector<pid_t> ListProcesses() {
 pid_t FindDaemon() {
     std::vector<ProcessFacts> daemons;
     for (const pid_t pid : ListProcesses()) {
-        ProcessFacts process = ReadProcess(pid);
+        ProcessFacts process;
+        process.pid = pid;
+        process.name = ReadTextFile(ProcPath(pid, "comm")).value_or("");
+        process.name = process.name.substr(0, process.name.find('\n'));
+        if (!HasDaemonName(process)) continue;  // all of each would take ten milliseconds
+        process = ReadProcess(pid);
         if (IsDaemon(process)) daemons.push_back(std::move(process));
     }
     const ProcessFacts* oldest = nullptr;

@@ -102,7 +102,7 @@ int64_t ClockNow() {
 int64_t LocalTime(int64_t utcMilliseconds) {
     using namespace std::chrono;
     // The trace has the daemon's time, whatever the caller's is.
-    static const bool isZoneSet = (UseTimeZone(ReadDaemonEnvironment(ReadDaemonState())), true);
+    static const bool isZoneSet = (UseTimeZone(ReadDaemonEnvironment(ReadDaemonBriefly())), true);
     (void)isZoneSet;
     const auto second = floor<seconds>(milliseconds(utcMilliseconds));
     const auto time = static_cast<time_t>(second.count());

@@ -229,4 +229,238 @@ TEST_F(HistoryTest, AKillAtAnyMomentLosesNothing) {
     munmap(done, 4096);
 }
 
+TEST_F(HistoryTest, APowerCutLosesAtMostWhatCameAfterTheLastSync) {
+    AddFive();
+    OpenWriter();
+    int64_t i = 0;
+    for (int variant = 0; variant < 60; ++variant) {
+        for (const int64_t to = i + static_cast<int64_t>(random() % 400); i < to; ++i)
+            AppendFive(i);
+        ASSERT_EQ(writer->Sync(), 0);
+        const int64_t synced = i - 1;
+        std::string disk = ReadFile(settings.path);
+        for (const int64_t to = i + 1 + static_cast<int64_t>(random() % 60); i < to; ++i)
+            AppendFive(i);
+        const std::string memory = ReadFile(settings.path);
+        for (size_t page = 0; page < disk.size(); page += 4096) {
+            if (random() % 2 == 0) disk.replace(page, 4096, memory, page, 4096);
+        }
+        const HistorySettings kept = settings;
+        settings.path = "/tmp/after/history";
+        WriteFile(settings.path, disk);
+        auto other = std::move(writer);
+        const auto reader = OpenReader();
+        std::vector<int64_t> numbers = CheckFive(*reader, 10 * kMinute);
+        ASSERT_TRUE(IsRun(numbers));
+        ASSERT_GE(numbers.back(), synced) << variant;
+        // The next run goes on with it.
+        OpenWriter();
+        AppendFive(numbers.back() + 1);
+        ASSERT_TRUE(reader->Refresh());
+        ASSERT_EQ(CheckFive(*reader, 10 * kMinute).back(), numbers.back() + 1);
+        writer.reset();
+        settings = kept;
+        writer = std::move(other);
+    }
+}
+
+TEST_F(HistoryTest, DamagedBytesAreLeftOutAndReported) {
+    AddFive();
+    OpenWriter();
+    for (int64_t i = 0; i < 5000; ++i) AppendFive(i);
+    writer.reset();
+    const std::string sound = ReadFile(settings.path);
+    const size_t head = 4096;
+    int problems = 0;
+    for (int round = 0; round < 80; ++round) {
+        std::string damaged = sound;
+        for (int i = 0; i < 40; ++i) {
+            damaged[head + random() % (damaged.size() - head)] = static_cast<char>(random());
+        }
+        if (round % 10 == 0) damaged.resize(random() % damaged.size() + head);
+        WriteFile(settings.path, damaged);
+        const auto reader = OpenReader();
+        for (const int64_t step : {int64_t{0}, kMinute, kHour}) (void)ReadAll(*reader, step);
+        (void)reader->Marks(reader->Range());
+        problems += reader->Problems().empty() ? 0 : 1;
+        std::string error;
+        if (round % 10 != 1) continue;
+        EXPECT_NE(HistoryWriter::Open(settings, error), nullptr) << error;
+    }
+    EXPECT_GT(problems, 10);
+    // A block that is lost as a whole: its minutes answer for it.
+    std::string damaged = sound;
+    const size_t block = damaged.find("KBLK");
+    damaged[block + 9] ^= 1;
+    WriteFile(settings.path, damaged);
+    const auto reader = OpenReader();
+    const Points points = ReadAll(*reader, 0);
+    EXPECT_EQ(points[0].front().wall, kStart + kMinute);
+    EXPECT_EQ(points[0].back().wall, kStart + 4999 * kSecond);
+}
+
+TEST_F(HistoryTest, OpenRefusesConvertsOrSetsAside) {
+    AddFive();
+    settings.size = 4 << 20;
+    OpenWriter();
+    for (int64_t i = 0; i < 9000; ++i) AppendFive(i);
+    writer->Mark({{kStart, kHour}, MarkKind::kAlarm, -3, "hot"});
+    std::string error;
+    EXPECT_EQ(HistoryWriter::Open(settings, error), nullptr);
+    EXPECT_EQ(error, settings.path + ": another process is writing this history");
+    struct stat status {};
+    ASSERT_EQ(stat("/var/lib/kemd/performance", &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0755U);
+    // Another size keeps what fits, and a reader follows.
+    const auto reader = OpenReader();
+    for (const uint64_t size : {1 << 20, 8 << 20, 3 << 20}) {
+        settings.size = size;
+        OpenWriter();
+        EXPECT_EQ(writer->Findings(), "");
+        ASSERT_TRUE(reader->Refresh()) << reader->Error();
+        EXPECT_EQ(ReadFile(settings.path).size(), size);
+        const std::vector<int64_t> numbers = CheckFive(*reader, kHour);
+        ASSERT_TRUE(IsRun(numbers));
+        EXPECT_EQ(numbers.back(), 8999);
+        ASSERT_EQ(reader->Marks(reader->Range()).size(), 1U);
+        EXPECT_EQ(reader->Marks(reader->Range())[0].text, "hot");
+        EXPECT_EQ(ReadAll(*reader, kHour)[0].size(), 3U);
+        EXPECT_EQ(reader->Series().size(), 5U);
+    }
+    writer.reset();
+    std::string bytes = ReadFile(settings.path);
+    bytes[8] = 2;
+    WriteFile(settings.path, bytes);
+    EXPECT_EQ(HistoryWriter::Open(settings, error), nullptr);
+    EXPECT_TRUE(Contains(error, "a history of format 2, newer than 1")) << error;
+    bytes[0] = 'X';
+    WriteFile(settings.path, bytes);
+    OpenWriter();
+    EXPECT_EQ(writer->Findings(), settings.path +
+                                      ": not a history of the performance monitor; it is now " +
+                                      settings.path + ".bad\n");
+    EXPECT_EQ(ReadFile(settings.path + ".bad"), bytes);
+    // A disk with too little room: nothing is left there.
+    settings.path = "/small/history";
+    EXPECT_EQ(HistoryWriter::Open(settings, error), nullptr);
+    EXPECT_EQ(error, "/small/history: its 3 MiB cannot be reserved: No space left on device");
+    EXPECT_FALSE(std::filesystem::exists(settings.path));
+}
+
+TEST_F(HistoryTest, RatesAreNeverNegativeOrMadeUp) {
+    const auto counter = table.Add({"counter", "", "", "", SeriesKind::kCounter});
+    OpenWriter();
+    int64_t monotonic = kHour;
+    const auto append = [&](int64_t wall, uint64_t value) {
+        table.Set(counter, value);
+        writer->Append({kStart + wall * kSecond, monotonic}, table);
+        monotonic += kSecond;
+    };
+    append(0, 1000);
+    append(1, 1010);
+    append(2, 5);  // began again
+    append(3, 25);
+    monotonic += 100 * kSecond;  // missed
+    append(104, 1035);
+    settings.bootId = "b0071d00-0000-4000-8000-000000000002";
+    OpenWriter();
+    monotonic = kSecond;
+    append(200, 4000);
+    append(201, 4001);
+    append(150, 4011);  // the clock was set back
+    append(151, 4012);
+    const auto reader = OpenReader();
+    EXPECT_EQ(reader->BootId(), settings.bootId);
+    const Points points = ReadAll(*reader, 0);
+    std::vector<std::pair<int64_t, double>> rates;
+    for (const HistoryPoint& point : points[0]) {
+        rates.emplace_back((point.wall - kStart) / kSecond, point.mean);
+    }
+    EXPECT_EQ(rates, (std::vector<std::pair<int64_t, double>>{
+                         {1, 10}, {3, 20}, {104, 10}, {150, 10}, {151, 1}, {201, 1}}));
+    const Points minutes = ReadAll(*reader, kMinute);
+    ASSERT_EQ(minutes[0].size(), 4U);
+    EXPECT_EQ(minutes[0][2].wall, kStart + 3 * kMinute);
+    EXPECT_DOUBLE_EQ(minutes[0][2].maximum, 10);
+    EXPECT_DOUBLE_EQ(minutes[0][2].mean, 5.5);
+}
+
+TEST_F(HistoryTest, SeriesThatComeAndGoForYearsStayBounded) {
+    const auto lasting = table.Add({"lasting", "", "", "", SeriesKind::kGauge});
+    OpenWriter();
+    constexpr int64_t kSamples = 30'000;
+    std::vector<SeriesTable::Index> guests;
+    for (int64_t i = 0; i < kSamples; ++i) {
+        table.Set(lasting, static_cast<uint64_t>(i));
+        const std::string name = "veth" + std::to_string(i % 7 == 0 ? i : i % 5);
+        guests.push_back(
+            table.Add({"bytes", SeriesLabel("interface", name), "", "", SeriesKind::kGauge}));
+        table.Set(guests.back(), static_cast<uint64_t>(i));
+        if (guests.size() > 3) {
+            table.Remove(guests.front());
+            guests.erase(guests.begin());
+        }
+        writer->Append({kStart + i * kSecond, kHour + i * kSecond}, table);
+        if (i % 4000 == 0) OpenWriter();
+    }
+    const auto reader = OpenReader();
+    EXPECT_TRUE(reader->Problems().empty());
+    const Points points = ReadAll(*reader, 0, kHour);
+    size_t found = 0;
+    for (size_t s = 0; s < points.size(); ++s) {
+        for (const HistoryPoint& point : points[s]) {
+            const int64_t i = (point.wall - kStart) / kSecond;
+            const SeriesInfo& info = reader->Series()[s];
+            if (info.name == "lasting") {
+                ASSERT_EQ(point.last, static_cast<double>(i));
+                ++found;
+            } else if (info.labels == "interface=\"veth3\"") {
+                ASSERT_EQ(static_cast<int64_t>(point.last) % 7 != 0, true);
+            }
+        }
+    }
+    EXPECT_GE(found, 3600U);
+}
+
+TEST_F(HistoryTest, NotesOfProcessesNeverPushOutOtherMarks) {
+    OpenWriter();
+    writer->Mark({{kStart, 1}, MarkKind::kStart, 0, "1.0"});
+    for (int64_t i = 1; i < 3000; ++i) {
+        writer->Mark({{kStart + i, i + 1}, MarkKind::kProcesses, 0, std::string(1000, 'p')});
+    }
+    const auto reader = OpenReader();
+    const std::vector<Mark> marks = reader->Marks({kStart, kStart + kHour});
+    ASSERT_GT(marks.size(), 20U);
+    EXPECT_EQ(marks.front().kind, MarkKind::kStart);
+    EXPECT_EQ(marks.front().text, "1.0");
+    EXPECT_EQ(marks.back().time.wall, kStart + 2999);
+}
+
+TEST_F(HistoryTest, AReaderBesideTheWriterSeesOnlyWholeSamples) {
+    AddFive();
+    OpenWriter();
+    AppendFive(0);
+    auto* const stop = static_cast<std::atomic<bool>*>(
+        mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(stop, MAP_FAILED);
+    const pid_t child = fork();
+    if (child == 0) {
+        for (int64_t i = 1; !*stop; ++i) AppendFive(i);
+        _exit(0);
+    }
+    const auto reader = OpenReader();
+    int64_t before = 0;
+    for (int round = 0; round < 100; ++round) {
+        ASSERT_TRUE(reader->Refresh());
+        const std::vector<int64_t> numbers = CheckFive(*reader, kMinute);
+        ASSERT_FALSE(numbers.empty());
+        ASSERT_GE(numbers.back(), before);
+        before = numbers.back();
+    }
+    *stop = true;
+    waitpid(child, nullptr, 0);
+    EXPECT_TRUE(reader->Problems().empty()) << reader->Problems()[0];
+    munmap(stop, 4096);
+}
+
 }  // namespace

@@ -1,0 +1,16 @@
+// The performance monitor: performance_bench PART [SECONDS]. Parts are in files of their names.
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+#include "bench/performance_parts.h"
+
+int main(int argc, char** argv) {
+    const std::string_view part = argc > 1 ? argv[1] : "";
+    const int seconds = argc > 2 ? std::atoi(argv[2]) : 20;
+    if (part == "sampling") return MeasureSampling(seconds);
+    if (part == "made") return MeasureMadeFiles();
+    if (part == "compare") return CompareValues();
+    std::fprintf(stderr, "usage: performance_bench sampling|made|compare [SECONDS]\n");
+    return 2;
+}
