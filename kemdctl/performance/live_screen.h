@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "kemdctl/performance/live_values.h"
+#include "kemdctl/performance/live_tables.h"
 
 // What the user chose.
 struct LiveState {
@@ -20,23 +20,11 @@ struct LiveState {
     bool hasProcesses = false;
 };
 
-// What is known at one moment.
-struct LiveFacts {
-    std::string host;
-    std::string time;
-    std::string period;
-    LiveValues values;
-    std::vector<LiveModuleSeries> modules;
-    std::string processes;  // lines of Sampler::Processes
-};
-
 struct LiveSize {
     size_t columns = 80;
     size_t rows = 0;  // 0: as many as it takes
     bool hasColor = false;
 };
-
-inline constexpr size_t kLiveSections = 7;
 
 [[nodiscard]] std::vector<std::string> LiveLines(const LiveFacts& facts, const LiveState& state,
                                                  const LiveSize& size);

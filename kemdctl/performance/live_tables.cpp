@@ -235,13 +235,6 @@ LiveTable MakeTable(size_t number, const LiveFacts& facts) {
     return kMakers[number - 1](facts);
 }
 
-const char* SectionTitle(size_t number) {
-    constexpr const char* kTitles[] = {"CPUs",    "disks",   "interfaces", "file systems",
-                                       "sensors", "modules", "processes"};
-    static_assert(std::size(kTitles) == kLiveSections);
-    return kTitles[number - 1];
-}
-
 std::vector<LiveRow> ProcessorsBusy(const LiveValues& values) {
     constexpr std::string_view kNames[] = {"core_idle_seconds", "core_iowait_seconds"};
     std::vector<LiveRow> rows = values.Rows(kNames);

@@ -5,7 +5,19 @@
 #include <string>
 #include <vector>
 
-#include "kemdctl/performance/live_screen.h"
+#include "kemdctl/performance/live_values.h"
+
+inline constexpr size_t kLiveSections = 7;
+
+// What is known at one moment.
+struct LiveFacts {
+    std::string host;
+    std::string time;
+    std::string period;
+    LiveValues values;
+    std::vector<LiveModuleSeries> modules;
+    std::string processes;  // lines of Sampler::Processes
+};
 
 struct LiveColumn {
     const char* heading;
@@ -26,7 +38,6 @@ struct LiveTable {
 
 // Section `number`, from 1 on, with all its rows, unsorted.
 [[nodiscard]] LiveTable MakeTable(size_t number, const LiveFacts& facts);
-[[nodiscard]] const char* SectionTitle(size_t number);
 // How busy each processor is, 0 to 1, in their order; NaN where that is not known.
 [[nodiscard]] std::vector<LiveRow> ProcessorsBusy(const LiveValues& values);
 

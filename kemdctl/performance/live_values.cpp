@@ -102,10 +102,10 @@ double LiveValues::Sum(std::span<const std::string_view> names) const {
 }
 
 std::vector<LiveRow> LiveValues::Rows(std::span<const std::string_view> names) const {
-    constexpr auto less = [](const std::string& a, const std::string& b) {
+    constexpr auto kLess = [](const std::string& a, const std::string& b) {
         return NaturalLess(a, b);
     };
-    std::map<std::string, std::vector<double>, decltype(less)> rows(less);
+    std::map<std::string, std::vector<double>, decltype(kLess)> rows(kLess);
     for (size_t i = 0; i < names.size(); ++i) {
         const auto found = m_names.find(std::string(names[i]));
         if (found == m_names.end()) continue;

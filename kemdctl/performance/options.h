@@ -26,7 +26,7 @@ struct PerformanceOptions {
     const char* html = nullptr;       // the file of the page
     std::vector<std::string> traces;  // files and directories of `around` and of the page
     std::optional<uint64_t> last;     // records of `around`
-    std::optional<int64_t> period;  // of `live`
+    std::optional<int64_t> period;    // of `live`
     bool once = false;
     bool hasProcesses = false;
     int64_t now = 0;
