@@ -11,6 +11,10 @@ int main(int argc, char** argv) {
     if (part == "sampling") return MeasureSampling(seconds);
     if (part == "made") return MeasureMadeFiles();
     if (part == "compare") return CompareValues();
-    std::fprintf(stderr, "usage: performance_bench sampling|made|compare [SECONDS]\n");
+    if (part == "record" && argc > 3) return RecordValues(seconds, argv[3]);
+    if (part == "encoding" && argc > 3) return MeasureEncoding(seconds, argv[3]);
+    std::fprintf(stderr,
+                 "usage: performance_bench sampling|made|compare [SECONDS]\n"
+                 "       performance_bench record SECONDS FILE | encoding DAYS FILE\n");
     return 2;
 }

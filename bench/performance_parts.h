@@ -7,3 +7,7 @@ int MeasureSampling(int seconds);
 int MeasureMadeFiles();
 // The sampler's values beside those of node_exporter and sadf.
 int CompareValues();
+// Records the sampler's values once a second, as CSV.
+int RecordValues(int seconds, const char* path);
+// The history of a recording beside other coders; then days of it, written and read.
+int MeasureEncoding(int days, const char* path);

@@ -194,8 +194,7 @@ void BlockLog::Adopt(const SlotRows& slot) {
 void BlockLog::Resume(int fd, const AreaPlace& place) {
     std::vector<BlockRef> blocks;
     std::vector<SlotRows> slots;
-    (void)ReadSlots(fd, place, m_number, slots);
-    (void)FindBlocks(fd, place, m_number, blocks);
+    (void)ReadLog(fd, place, m_number, blocks, slots);
     for (const BlockRef& block : blocks) {
         m_blocks.push_back({block.head.sequence, block.offset - place.Ring(), block.head.size});
         m_ringEnd = m_blocks.back().offset + block.head.size;
@@ -208,7 +207,6 @@ void BlockLog::Resume(int fd, const AreaPlace& place) {
     }
     BeginBlock();
     for (const SlotRows& slot : slots) {
-        if (slot.head.sequence < m_sequence) continue;  // it is sealed
         if (m_builder.Rows() > 0) Seal();
         m_sequence = slot.head.sequence;
         Replay(slot);

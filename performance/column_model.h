@@ -161,7 +161,8 @@ class NumberModel {
         const auto whole = static_cast<int64_t>(delta);
         const bool divides = factor > 1 && coder.Bit(m_divides, whole % factor == 0);
         const int64_t unit = divides ? factor : 1;
-        const auto expected = static_cast<uint64_t>(Predicted(m_best) / unit);
+        const int64_t predicted = Predicted(m_best);
+        const auto expected = static_cast<uint64_t>(divides ? predicted / unit : predicted);
         const auto units = static_cast<uint64_t>(divides ? whole / unit : whole);
         return (Residual(coder, units - expected) + expected) * static_cast<uint64_t>(unit);
     }

@@ -126,32 +126,7 @@ BlockState Failed(int fd, const BlockRef& block) {
     return IsThere(fd, block) ? BlockState::kDamaged : BlockState::kGone;
 }
 
-}  // namespace
-
-void PutDirectoryEntry(BytePutter& bytes, const DirectoryEntry& entry, ColumnId before,
-                       uint32_t rows) {
-    const bool isWhole = entry.from == 0 && entry.to == rows;
-    bytes.Byte(static_cast<uint8_t>((entry.isConstant ? kConstant : 0) | (isWhole ? kWhole : 0)));
-    // The difference may have any sign.
-    bytes.Number(ZigZag(static_cast<uint64_t>(int64_t{entry.id} - int64_t{before})));
-    bytes.Fixed(entry.tag, 2);
-    if (!isWhole) {
-        bytes.Number(entry.from);
-        bytes.Number(entry.to);
-    }
-    bytes.Number(ZigZag(entry.first));
-    if (entry.isConstant) return;
-    bytes.Number(entry.size);
-    bytes.Fixed(entry.checksum, 4);
-}
-
-const ColumnValues* BlockRows::Find(ColumnId id) const {
-    const auto found = std::lower_bound(
-        columns.begin(), columns.end(), id,
-        [](const ColumnValues& column, ColumnId wanted) { return column.id < wanted; });
-    return found == columns.end() || found->id != id ? nullptr : &*found;
-}
-
+// `writing`: the sequence of the newer slot. The part of a ring that was never written is not read.
 int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>& blocks,
                uint64_t writing) {
     const uint64_t end = place.Ring() + place.RingSize();
@@ -182,21 +157,70 @@ int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockR
     return 0;
 }
 
-int ReadSlots(int fd, const AreaPlace& place, uint32_t area, std::vector<SlotRows>& slots) {
-    for (uint64_t i = 0; i < 2; ++i) {
-        // A second time, when the writer began the slot again while it was read.
-        for (int attempt = 0; attempt < 2; ++attempt) {
-            std::vector<uint8_t> bytes(place.slot);
-            const ReadResult got = ReadFullyAt(fd, bytes.data(), bytes.size(),
-                                               static_cast<off_t>(place.offset + i * place.slot));
-            if (got.error != 0) return got.error;
-            bytes.resize(got.count);
-            SlotRows slot;
-            if (!ParseSlot(std::move(bytes), area, slot)) continue;
-            slots.push_back(std::move(slot));
-            break;
-        }
+// A second time, when the writer began the slot again while it was read.
+bool ReadSlotBytes(int fd, const AreaPlace& place, uint64_t which, uint32_t area, SlotRows& slot) {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        std::vector<uint8_t> bytes(place.slot);
+        const ReadResult got = ReadFullyAt(fd, bytes.data(), bytes.size(),
+                                           static_cast<off_t>(place.offset + which * place.slot));
+        bytes.resize(got.count);
+        slot = {};
+        if (got.error == 0 && ParseSlot(std::move(bytes), area, slot)) return true;
     }
+    return false;
+}
+
+}  // namespace
+
+void PutDirectoryEntry(BytePutter& bytes, const DirectoryEntry& entry, ColumnId before,
+                       uint32_t rows) {
+    const bool isWhole = entry.from == 0 && entry.to == rows;
+    bytes.Byte(static_cast<uint8_t>((entry.isConstant ? kConstant : 0) | (isWhole ? kWhole : 0)));
+    // The difference may have any sign.
+    bytes.Number(ZigZag(static_cast<uint64_t>(int64_t{entry.id} - int64_t{before})));
+    bytes.Fixed(entry.tag, 2);
+    if (!isWhole) {
+        bytes.Number(entry.from);
+        bytes.Number(entry.to);
+    }
+    bytes.Number(ZigZag(entry.first));
+    if (entry.isConstant) return;
+    bytes.Number(entry.size);
+    bytes.Fixed(entry.checksum, 4);
+}
+
+const ColumnValues* BlockRows::Find(ColumnId id) const {
+    const auto found = std::lower_bound(
+        columns.begin(), columns.end(), id,
+        [](const ColumnValues& column, ColumnId wanted) { return column.id < wanted; });
+    return found == columns.end() || found->id != id ? nullptr : &*found;
+}
+
+int ReadLog(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>& blocks,
+            std::vector<SlotRows>& slots) {
+    std::array<uint64_t, 2> sequences{};
+    for (uint64_t i = 0; i < 2; ++i) {
+        SlotHead head;
+        const uint64_t at = place.offset + i * place.slot;
+        const ReadResult got = ReadFullyAt(fd, &head, sizeof head, static_cast<off_t>(at));
+        if (got.error != 0) return got.error;
+        if (head.magic == kSlotMagic) sequences[i] = head.sequence;
+    }
+    const uint64_t newer = sequences[1] > sequences[0] ? 1 : 0;
+    // The newer one before the ring: what is sealed meanwhile is then found there. The other one is
+    // sealed already, unless a power cut has taken its block.
+    SlotRows slot;
+    bool isThere = ReadSlotBytes(fd, place, newer, area, slot);
+    const int failed = FindBlocks(fd, place, area, blocks, sequences[newer]);
+    if (failed != 0) return failed;
+    const uint64_t sealed = blocks.empty() ? 0 : blocks.back().head.sequence;
+    SlotRows other;
+    if (sequences[1 - newer] > sealed && ReadSlotBytes(fd, place, 1 - newer, area, other) &&
+        other.head.sequence > sealed) {
+        slots.push_back(std::move(other));
+    }
+    isThere = isThere && slot.head.sequence > sealed;
+    if (isThere) slots.push_back(std::move(slot));
     std::sort(slots.begin(), slots.end(), [](const SlotRows& a, const SlotRows& b) {
         return a.head.sequence < b.head.sequence;
     });
@@ -274,14 +298,13 @@ void ForEachBlock(int fd, const AreaPlace& place, uint32_t area, HistoryKey from
                   const ColumnFilter& isWanted, const std::function<void(const BlockRows&)>& take) {
     std::vector<SlotRows> slots;
     std::vector<BlockRef> blocks;
-    if (ReadSlots(fd, place, area, slots) != 0 || FindBlocks(fd, place, area, blocks) != 0) return;
+    if (ReadLog(fd, place, area, blocks, slots) != 0) return;
     for (const BlockRef& block : blocks) {
         if (block.Last() <= from) continue;
         BlockRows rows;
         if (ReadBlock(fd, block, isWanted, rows) != BlockState::kGone) take(rows);
     }
     for (const SlotRows& slot : slots) {
-        if (!blocks.empty() && slot.head.sequence <= blocks.back().head.sequence) continue;
         BlockRows rows;
         ReadSlot(slot, isWanted, rows);
         take(rows);
@@ -292,7 +315,7 @@ void FindOrigins(int fd, const AreaPlace& place, uint32_t area,
                  std::map<uint32_t, BlockOrigin>& origins) {
     std::vector<SlotRows> slots;
     std::vector<BlockRef> blocks;
-    if (ReadSlots(fd, place, area, slots) != 0 || FindBlocks(fd, place, area, blocks) != 0) return;
+    if (ReadLog(fd, place, area, blocks, slots) != 0) return;
     const auto take = [&](const auto& head) {
         origins[head.boot] = {head.boot, FixedText(head.bootId), head.period};
     };

@@ -54,13 +54,10 @@ enum class BlockState {
     kDamaged,  // what can be read of it has been
 };
 
-// The sound blocks of a log, in the order of their sequence. An errno number.
-// `writing`: the sequence of the block that is not sealed yet, where it is known: the part of a
-// ring that was never written is then not looked at.
-int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>& blocks,
-               uint64_t writing = UINT64_MAX);
-// Both slots of a log as far as they are sound; those that have rows.
-int ReadSlots(int fd, const AreaPlace& place, uint32_t area, std::vector<SlotRows>& slots);
+// The sound blocks of a log, in the order of their sequence, and after them the rows of its slots
+// that are in no block. An errno number.
+int ReadLog(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>& blocks,
+            std::vector<SlotRows>& slots);
 BlockState ReadDirectory(int fd, const BlockRef& block, std::vector<DirectoryEntry>& entries);
 BlockState ReadBlock(int fd, const BlockRef& block, const ColumnFilter& isWanted, BlockRows& rows);
 void ReadSlot(const SlotRows& slot, const ColumnFilter& isWanted, BlockRows& rows);

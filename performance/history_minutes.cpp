@@ -6,8 +6,8 @@
 
 namespace {
 
-// Rates and distances of a mean keep 13 significant bits, in the order of the numbers.
-constexpr int kDropped = 40;
+// Rates and distances of a mean keep 9 significant bits, in the order of the numbers.
+constexpr int kDropped = 44;
 
 uint64_t Short(double number) {
     if (!(number > 0)) return 0;
@@ -28,18 +28,18 @@ bool IsLess(const SeriesInfo& info, uint64_t a, uint64_t b) {
 }
 
 void Merge(const SeriesInfo& info, StepValues& into, const StepValues& values) {
-    const double weight = into.weight + values.weight;
     if (into.weight == 0) {
         into = values;
         return;
     }
     into.minimum = std::min(into.minimum, values.minimum);
     into.maximum = std::max(into.maximum, values.maximum);
-    into.mean += (values.mean - into.mean) * values.weight / weight;
+    into.sum += values.sum;
+    into.weight += values.weight;
+    into.last = values.last;
+    if (info.kind == SeriesKind::kCounter) return;
     if (IsLess(info, values.least, into.least)) into.least = values.least;
     if (IsLess(info, into.most, values.most)) into.most = values.most;
-    into.last = values.last;
-    into.weight = weight;
 }
 
 int64_t IndexOf(int64_t wall, size_t which) {
@@ -58,13 +58,13 @@ std::array<uint64_t, 4> PackStep(const SeriesInfo& info, const StepValues& value
     std::array<uint64_t, 4> parts{};
     if (info.kind == SeriesKind::kCounter) {
         const uint64_t least = Short(values.minimum);
-        parts = {values.last, least, Short(values.mean) - least, Short(values.maximum) - least};
+        parts = {values.last, least, Short(values.Mean()) - least, Short(values.maximum) - least};
         return parts;
     }
     const uint64_t base = info.isReal ? 0 : values.least;
     parts[kLast] = values.last - base;
     parts[kLeast] = values.least;
-    parts[kMean] = Short(values.mean - Stored(info, values.least));
+    parts[kMean] = Short(values.Mean() - Stored(info, values.least));
     parts[kMost] = values.most - base;
     return parts;
 }
@@ -74,7 +74,7 @@ StepValues UnpackStepValues(const SeriesInfo& info, const std::array<uint64_t, 4
     values.weight = 1;
     if (info.kind == SeriesKind::kCounter) {
         values.minimum = Long(parts[kLeast]);
-        values.mean = Long(parts[kLeast] + parts[kMean]);
+        values.sum = Long(parts[kLeast] + parts[kMean]);
         values.maximum = Long(parts[kLeast] + parts[kMost]);
         values.last = parts[kLast];
         return values;
@@ -85,7 +85,7 @@ StepValues UnpackStepValues(const SeriesInfo& info, const std::array<uint64_t, 4
     values.last = parts[kLast] + base;
     values.minimum = Stored(info, values.least);
     values.maximum = Stored(info, values.most);
-    values.mean = std::min(values.minimum + Long(parts[kMean]), values.maximum);
+    values.sum = std::min(values.minimum + Long(parts[kMean]), values.maximum);
     return values;
 }
 
@@ -96,7 +96,7 @@ HistoryPoint UnpackStep(const SeriesInfo& info, const std::array<uint64_t, 4>& p
     HistoryPoint point;
     point.minimum = isScaled ? SeriesNumber(info, values.least) : values.minimum;
     point.maximum = isScaled ? SeriesNumber(info, values.most) : values.maximum;
-    point.mean = std::clamp(values.mean * scale, std::min(point.minimum, point.maximum),
+    point.mean = std::clamp(values.Mean() * scale, std::min(point.minimum, point.maximum),
                             std::max(point.minimum, point.maximum));
     point.last = SeriesNumber(info, values.last);
     return point;
@@ -181,13 +181,14 @@ void HistoryMinutes::Set(uint32_t number, uint64_t bits) {
             series.steps[0].last = bits;
             return;
         }
-        values.minimum = values.mean = values.maximum = *rate;
+        values.minimum = values.maximum = *rate;
         values.weight = series.rate.Seconds();
     } else {
         values.least = values.most = bits;
-        values.mean = Stored(series.info, bits);
-        if (!std::isfinite(values.mean)) return;
+        values.minimum = values.maximum = Stored(series.info, bits);
+        if (!std::isfinite(values.minimum)) return;
     }
+    values.sum = values.minimum * values.weight;
     Merge(series.info, series.steps[0], values);
 }
 

@@ -15,12 +15,17 @@
 // A part of a row: what the history keeps of one series for a minute or hour.
 struct StepValues {
     double minimum = 0;  // in stored units, of counters per second
-    double mean = 0;
+    double sum = 0;      // each value times its weight
     double maximum = 0;
     uint64_t least = 0;  // of a gauge exactly
     uint64_t most = 0;
     uint64_t last = 0;
     double weight = 0;  // 0: none
+    [[nodiscard]] double Mean() const { return weight > 0 ? sum / weight : minimum; }
+    void SetWeight(double wanted) {
+        sum = Mean() * wanted;
+        weight = wanted;
+    }
 };
 
 // As the columns of a row, and back: see docs/performance-format.md.

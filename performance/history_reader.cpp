@@ -87,6 +87,7 @@ struct HistoryReader::File {
     std::vector<SeriesInfo> series;
     std::unordered_map<std::string, std::vector<uint32_t>> numbers;  // by SeriesId
     std::vector<Place> places;
+    size_t unknown = 0;  // of them, that no block was seen to refer to
     std::array<Log, kLogs> logs;
     std::vector<std::string> problems;
     std::string error;
@@ -180,6 +181,10 @@ bool HistoryReader::File::LoadDefinitions() {
         }
         i += definition->units - 1;
     }
+    unknown =
+        static_cast<size_t>(std::count_if(places.begin(), places.end(), [](const Place& place) {
+            return place.isThere && place.series < 0;
+        }));
     return true;
 }
 
@@ -188,6 +193,7 @@ void HistoryReader::File::Note(ColumnId id, uint16_t tag) {
     if (at >= places.size() || !places[at].isThere || places[at].tag != tag) return;
     Place& place = places[at];
     if (place.series >= 0) return;
+    --unknown;
     std::vector<uint32_t>& known = numbers[SeriesId(place.info)];
     for (const uint32_t number : known) {
         if (IsSameSeries(series[number], place.info)) place.series = static_cast<int32_t>(number);
@@ -210,9 +216,7 @@ void HistoryReader::File::ListParts(uint32_t number) {
         log.parts.push_back({&block, nullptr, block.head.sequence, block.First(), block.Last(),
                              block.head.leastWall, block.head.mostWall});
     }
-    const uint64_t sealed = log.blocks.empty() ? 0 : log.blocks.back().head.sequence;
     for (const SlotRows& slot : log.slots) {
-        if (slot.head.sequence <= sealed) continue;
         log.parts.push_back({nullptr,
                              &slot,
                              slot.head.sequence,
@@ -229,16 +233,19 @@ void HistoryReader::File::ListParts(uint32_t number) {
     }
 }
 
+// The newest first: as a rule they have every series that is defined.
 void HistoryReader::File::ListSeries(uint32_t number) {
     Log& log = logs[number];
     std::vector<DirectoryEntry> entries;
-    for (const Part& part : log.parts) {
+    const uint64_t listed = log.listed;
+    for (size_t i = log.parts.size(); i-- > 0 && unknown > 0;) {
+        const Part& part = log.parts[i];
         if (part.slot != nullptr) {
             for (const RowColumn& column : part.slot->columns) Note(column.id, column.tag);
             continue;
         }
-        if (part.sequence <= log.listed) continue;
-        log.listed = part.sequence;
+        if (part.sequence <= listed) break;
+        log.listed = std::max(log.listed, part.sequence);
         if (ReadDirectory(fd.Get(), *part.block, entries) == BlockState::kDamaged) {
             AddProblem(std::string(kLogNames[number]) + " from " + TimeText(part.leastWall) +
                        " to " + TimeText(part.mostWall) + " are damaged");
@@ -251,12 +258,7 @@ bool HistoryReader::File::LoadLog(uint32_t number) {
     Log& log = logs[number];
     log.slots.clear();
     log.blocks.clear();
-    // The slots first: what is sealed meanwhile is then found in the ring.
-    int failed = ReadSlots(fd.Get(), head.areas[number], number, log.slots);
-    const uint64_t writing = log.slots.empty() ? UINT64_MAX : log.slots.back().head.sequence;
-    if (failed == 0) {
-        failed = FindBlocks(fd.Get(), head.areas[number], number, log.blocks, writing);
-    }
+    const int failed = ReadLog(fd.Get(), head.areas[number], number, log.blocks, log.slots);
     if (failed != 0) return Fail(failed);
     ListParts(number);
     return true;
@@ -343,23 +345,28 @@ void HistoryReader::File::ReadCoarse(uint32_t number, const std::vector<const Ke
     for (const Part& part : logs[number].parts) {
         const bool isIn = BeginOf(part.mostWall, step) > span.from - step &&
                           BeginOf(part.leastWall, step) < span.to;
+        HistoryKey first = part.first;
+        first.monotonic -= std::min(step, first.monotonic);
+        const bool isFiner = std::any_of(finer.begin(), finer.end(), [&](const KeySpans* other) {
+            return other->Cover(first, part.last);
+        });
         BlockRows rows;
-        if (!isIn || !LoadPart(number, part, request, rows)) continue;
+        if (!isIn || isFiner || !LoadPart(number, part, request, rows)) continue;
         goesOn = goesOn && part.sequence == sequence + 1;
         sequence = part.sequence;
         for (size_t i = 0; i < rows.times.size(); ++i) {
             StepRow row;
             if (!TakeStepRow(rows, i, row)) continue;
             const HistoryKey last{rows.boot, row.time.monotonic};
-            const HistoryKey first{rows.boot,
+            const HistoryKey begin{rows.boot,
                                    row.time.monotonic - static_cast<int64_t>(row.length)};
             const bool isElsewhere =
                 BeginOf(row.time.wall, step) + step <= span.from || row.time.wall < 0 ||
                 BeginOf(row.time.wall, step) >= span.to ||
                 std::any_of(finer.begin(), finer.end(),
-                            [&](const KeySpans* other) { return other->Cover(first, first); });
+                            [&](const KeySpans* other) { return other->Cover(begin, begin); });
             if (!isElsewhere) {
-                request.used[number].Add(first, last, goesOn);
+                request.used[number].Add(begin, last, goesOn);
                 AddStepRow(rows, i, row, number, request);
             }
             goesOn = !isElsewhere;

@@ -194,7 +194,7 @@ void HistoryWriter::File::TakeMinute(const BlockRows& rows, size_t i, const Step
         const auto definition = definitions.Find(place, tag);
         if (!definition) return;
         StepValues values = UnpackStepValues(definition->info, parts);
-        values.weight = StepWeight(definition->info, row);
+        values.SetWeight(StepWeight(definition->info, row));
         minutes.AddStep(minutes.Number(place, tag, definition->info), values);
     });
 }
@@ -286,14 +286,9 @@ void HistoryWriter::File::Convert(const HistoryFile& old) {
         const AreaPlace& place = old.Head().areas[log];
         std::vector<SlotRows> slots;
         std::vector<BlockRef> blocks;
-        (void)ReadSlots(old.Descriptor(), place, log, slots);
-        (void)FindBlocks(old.Descriptor(), place, log, blocks);
+        (void)ReadLog(old.Descriptor(), place, log, blocks, slots);
         for (const BlockRef& block : blocks) ConvertBlock(old, block, from, log);
-        for (const SlotRows& slot : slots) {
-            const bool isSealed =
-                !blocks.empty() && slot.head.sequence <= blocks.back().head.sequence;
-            if (!isSealed) ConvertSlot(slot, from, log);
-        }
+        for (const SlotRows& slot : slots) ConvertSlot(slot, from, log);
     }
     for (const StoredMark& stored : ParseMarks(old.Bytes(kMarks))) {
         marks.Append(stored.boot, stored.mark);
