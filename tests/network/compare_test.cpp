@@ -116,6 +116,13 @@ std::string Bond(const std::string& options) {
            "addr add 192.0.2.1/24 dev o0";
 }
 
+// So many that the drivers are not asked one by one.
+std::string ManyPairs() {
+    std::string commands = "link add b0 type bridge\nlink add b1 type bridge\nlink set p0 up";
+    for (int i = 0; i < 20; ++i) commands += "\nlink add type veth";
+    return commands;
+}
+
 // All have the pairs p0 and p1, q0 and q1.
 const World kWorlds[] = {
     {"Plain",
@@ -181,6 +188,7 @@ const World kWorlds[] = {
      "link add s0 type sit local 192.0.2.1 remote 192.0.2.9\nlink set s0 up\n"
      "link add g6 type ip6gre local 2001:db8::1 remote 2001:db8::9\nlink set g6 up\n"
      "link add t0 type ip6tnl local 2001:db8::1 remote 2001:db8::9"},
+    {"Many", ManyPairs()},
     {"Renamed",
      "link set p0 name uplink\nlink set q0 name p0\nlink property add dev uplink altname " +
          std::string(127, 'n') + " altname " + std::string(127, 'm') +
