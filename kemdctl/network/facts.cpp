@@ -73,8 +73,9 @@ std::optional<unsigned> SlotOf(InterfaceView interface) {
     unsigned segment = 0;
     unsigned bus = 0;
     unsigned device = 0;
-    const std::string address = interface.TextOr(KEMD_NET_BUS_ADDRESS);
-    if (std::sscanf(address.c_str(), "%x:%x:%x.", &segment, &bus, &device) != 3) return {};
+    const auto address = interface.Text(KEMD_NET_BUS_ADDRESS);
+    if (!address || std::sscanf(address->c_str(), "%x:%x:%x.", &segment, &bus, &device) != 3)
+        return {};
     // The map knows the first segment alone.
     if (segment != 0 || bus > UINT8_MAX || device > UINT8_MAX) return {};
     const uint8_t slot =
