@@ -88,12 +88,7 @@ int Ethtool::Open() {
 }
 
 int Ethtool::FindFamily() {
-    NetlinkRequest request("looking for ethtool", GENL_ID_CTRL, 0);
-    genlmsghdr header{};
-    header.cmd = CTRL_CMD_GETFAMILY;
-    header.version = 1;
-    request.AddHeader(header);
-    request.Add(CTRL_ATTR_FAMILY_NAME, {ETHTOOL_GENL_NAME, sizeof ETHTOOL_GENL_NAME});
+    NetlinkRequest request = FamilyRequest("looking for ethtool", ETHTOOL_GENL_NAME);
     return m_socket.Ask(request, [this](const NetlinkMessage& message) {
         const Attributes attributes(AfterHeader(message.payload, sizeof(genlmsghdr)));
         m_family = static_cast<uint16_t>(attributes.Find(CTRL_ATTR_FAMILY_ID).Number().value_or(0));

@@ -37,6 +37,8 @@ class Ethtool {
     // What is plugged in.
     void ReadModule(KemdNetworkInterface& interface);
 
+    // For other families of generic netlink.
+    [[nodiscard]] NetlinkSocket& Socket() { return m_socket; }
     // The number of the family's multicast group; 0 without one.
     [[nodiscard]] uint32_t MonitorGroup() const { return m_monitorGroup; }
 

@@ -156,6 +156,10 @@ constexpr FieldRow kFields[] = {
     {KEMD_NET_MODULE_REVISION, "module_revision", kText, kModule, ""},
     {KEMD_NET_MODULE_SERIAL, "module_serial", kText, kModule, ""},
     {KEMD_NET_MODULE_DATE, "module_date", kText, kModule, ""},
+    {KEMD_NET_TEAM_MODE, "team_mode", kText, kSettings, ""},
+    {KEMD_NET_TEAM_ACTIVE, "team_active", kIndex, kSettings, ""},
+    {KEMD_NET_TEAM_MEMBER_ENABLED, "team_member_enabled", kYes, kSettings, ""},
+    {KEMD_NET_TEAM_MEMBER_LINK, "team_member_link", kYes, kSettings, ""},
 };
 // clang-format on
 

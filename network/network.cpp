@@ -9,6 +9,7 @@
 
 #include "network/messages.h"
 #include "network/name_space.h"
+#include "network/team.h"
 
 namespace {
 
@@ -125,6 +126,7 @@ int KemdNetwork::Take(uint32_t asked, KemdNetworkSnapshot& snapshot) {
         });
     }
     m_ethtool.ReadAllByIoctl(parts, snapshot);
+    if ((parts & KEMD_NETWORK_SETTINGS) != 0) ReadTeams(m_ethtool.Socket(), snapshot);
     if ((parts & KEMD_NETWORK_MODULE) == 0) return 0;
     for (const auto& interface : snapshot.interfaces) m_ethtool.ReadModule(*interface);
     return 0;

@@ -30,7 +30,8 @@ constexpr Group kGroups[] = {{KEMD_NET_INDEX, "Identity"},
                              {KEMD_NET_RX_PACKETS, "Counters"},
                              {KEMD_NET_BUS, "Hardware"},
                              {KEMD_NET_PAUSE_AUTO, "Settings"},
-                             {KEMD_NET_MODULE_TYPE, "Plugged module"}};
+                             {KEMD_NET_MODULE_TYPE, "Plugged module"},
+                             {KEMD_NET_TEAM_MODE, "Team"}};
 
 struct ListRow {
     uint32_t list;
