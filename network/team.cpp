@@ -62,6 +62,21 @@ void SetErrors(const KemdNetworkSnapshot& snapshot, KemdNetworkInterface& team, 
     }
 }
 
+int AskAbout(KemdNetworkInterface& team, NetlinkSocket& socket, uint16_t family,
+             const KemdNetworkSnapshot& snapshot) {
+    int error = 0;
+    for (const uint8_t command : {TEAM_CMD_OPTIONS_GET, TEAM_CMD_PORT_LIST_GET}) {
+        NetlinkRequest request("team", family, 0);
+        request.AddHeader(genlmsghdr{command, TEAM_GENL_VERSION, 0});
+        request.AddNumber(TEAM_ATTR_TEAM_IFINDEX, team.Index());
+        error = socket.Ask(request, [&](const NetlinkMessage& message) {
+            ReadTeam(message.payload, snapshot, team);
+        });
+        if (error != 0) break;
+    }
+    return error;
+}
+
 }  // namespace
 
 void ReadTeam(std::string_view payload, const KemdNetworkSnapshot& snapshot,
@@ -82,14 +97,7 @@ void ReadTeams(NetlinkSocket& socket, const KemdNetworkSnapshot& snapshot) {
         // Not without a team: the kernel loads the driver when it is asked for the family.
         if (family == 0) family = FindFamily(socket);
         if (family == 0) return;
-        for (const uint8_t command : {TEAM_CMD_OPTIONS_GET, TEAM_CMD_PORT_LIST_GET}) {
-            NetlinkRequest request("team", family, 0);
-            request.AddHeader(genlmsghdr{command, TEAM_GENL_VERSION, 0});
-            request.AddNumber(TEAM_ATTR_TEAM_IFINDEX, team->Index());
-            const int error = socket.Ask(request, [&](const NetlinkMessage& message) {
-                ReadTeam(message.payload, snapshot, *team);
-            });
-            if (error != 0) SetErrors(snapshot, *team, error);
-        }
+        const int error = AskAbout(*team, socket, family, snapshot);
+        if (error != 0) SetErrors(snapshot, *team, error);
     }
 }
