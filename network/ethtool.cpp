@@ -195,9 +195,10 @@ void Ethtool::ReadByIoctl(KemdNetworkInterface& interface, uint32_t parts) const
 
 void Ethtool::ReadAllByIoctl(uint32_t parts, const KemdNetworkSnapshot& snapshot) const {
     // By kind, the first whose driver answered.
-    std::map<std::string_view, const KemdNetworkInterface*> answered;
+    std::map<std::string, const KemdNetworkInterface*> answered;
     for (const auto& interface : snapshot.interfaces) {
-        const std::string_view kind = interface->Text(KEMD_NET_KIND);
+        // Copied: what is read now may move the interface's texts.
+        const std::string kind = interface->Text(KEMD_NET_KIND);
         const auto known = answered.find(kind);
         const bool isKnown = known != answered.end();
         if (isKnown) interface->CopyFields(*known->second, KEMD_NET_BUS, KEMD_NET_FIRMWARE);
