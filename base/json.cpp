@@ -14,9 +14,10 @@ static bool IsPlain(char c) {
 void AppendJson(std::string& to, std::string_view text) {
     to += '"';
     while (!text.empty()) {
-        const auto* const plainEnd = std::find_if_not(text.begin(), text.end(), IsPlain);
-        to.append(text.begin(), plainEnd);
-        text.remove_prefix(static_cast<size_t>(plainEnd - text.begin()));
+        size_t plain = 0;
+        while (plain < text.size() && IsPlain(text[plain])) ++plain;
+        to.append(text.data(), plain);
+        text.remove_prefix(plain);
         if (text.empty()) break;
         const size_t length = Utf8Length(text);
         const uint32_t codePoint = length == 0 ? 0xfffd : CodePoint(text.substr(0, length));

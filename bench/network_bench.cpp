@@ -1,11 +1,15 @@
-// What a snapshot of 1,000 interfaces with 1,000 addresses costs beside the bare dumps, read and
-// dropped; what an interface costs in memory; how long a change takes to its callback.
+// network_bench [KEMDCTL] - what a snapshot of 1,000 interfaces with 1,000 addresses costs
+// beside the bare dumps, read and dropped; what `kemdctl network --json` as a whole process costs
+// beside ip; what an interface costs in memory; how long a change takes to its callback.
+#include <fcntl.h>
 #include <linux/if_link.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <malloc.h>
 #include <sched.h>
+#include <spawn.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -80,6 +84,35 @@ NetworkView TakeOrAbort(KemdNetwork* network, uint32_t parts) {
     return NetworkView(snapshot);
 }
 
+// The words of a command, and the file that its output goes to.
+void RunOrAbort(std::vector<const char*> words, const char* output) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output, O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
+    words.push_back(nullptr);
+    pid_t child = 0;
+    int status = -1;
+    const int error = posix_spawn(&child, words[0], &actions, nullptr,
+                                  const_cast<char* const*>(words.data()), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0 || waitpid(child, &status, 0) != child || status != 0) std::abort();
+}
+
+void MeasureCommands(const char* kemdctl, const char* output) {
+    std::vector<Contender> contenders = {
+        Make("kemdctl network --json",
+             [&](int) {
+                 RunOrAbort({kemdctl, "network", "--json"}, output);
+             }),
+        Make("ip -j addr; ip -j -d link", [&](int) {
+            RunOrAbort({"/usr/sbin/ip", "-j", "addr"}, output);
+            RunOrAbort({"/usr/sbin/ip", "-j", "-d", "link"}, output);
+        })};
+    MeasureRounds(contenders, 60, 1);
+    Report((std::string("Commands, to ") + output).c_str(), contenders);
+}
+
 void MeasureMemory(KemdNetwork* network) {
     const size_t before = mallinfo2().uordblks;
     const NetworkView all = TakeOrAbort(network, KEMD_NETWORK_ALL);
@@ -118,7 +151,7 @@ void MeasureWatch() {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
     if (!MakeInterfaces()) {
         std::fprintf(stderr, "network_bench: cannot make interfaces: run it as root, with ip\n");
         return 1;
@@ -138,6 +171,8 @@ int main() {
         Make("snapshot with all parts", [&](int) { (void)TakeOrAbort(opened, KEMD_NETWORK_ALL); })};
     MeasureRounds(contenders, 15, 5);
     Report("1,000 interfaces, 1,000 addresses", contenders);
+    const char* const kemdctl = argc > 1 ? argv[1] : "/build/bin/kemdctl";
+    for (const char* output : {"/dev/null", "/tmp/output"}) MeasureCommands(kemdctl, output);
     MeasureMemory(opened);
     MeasureWatch();
     close(fd);

@@ -69,13 +69,14 @@ void ReadByTable(KemdNetworkInterface& interface, const Attributes& attributes,
 
 std::string HexText(std::string_view bytes, char separator) {
     constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(bytes.size() * 3);
-    for (const char byte : bytes) {
-        if (separator != '\0' && !text.empty()) text += separator;
-        text += kDigits[static_cast<unsigned char>(byte) >> 4];
-        text += kDigits[static_cast<unsigned char>(byte) & 15];
+    const size_t each = separator != '\0' ? 3 : 2;
+    std::string text(bytes.size() * each, separator);
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(bytes[i]);
+        text[i * each] = kDigits[byte >> 4];
+        text[i * each + 1] = kDigits[byte & 15];
     }
+    if (each == 3 && !text.empty()) text.pop_back();
     return text;
 }
 

@@ -22,7 +22,7 @@ std::string NameOf(const NetworkFacts& facts, uint32_t set, size_t number) {
 
 uint32_t PartOfList(uint32_t list) {
     if (list >= KEMD_NETWORK_WAKE_MODES) return kWakePart;
-    return list >= KEMD_NETWORK_FEATURES ? KEMD_NETWORK_SETTINGS : KEMD_NETWORK_HARDWARE;
+    return list >= KEMD_NETWORK_FEATURES ? KEMD_NETWORK_SETTINGS : KEMD_NETWORK_LINK_SPEED;
 }
 
 // The number of the bit that is set at this position.
@@ -148,20 +148,20 @@ int KemdNetworkField(uint32_t field, KemdNetworkFieldInfo* info) {
 
 int KemdNetworkListAt(const KemdNetworkInterface* interface, uint32_t list, size_t position,
                       char* out, size_t* size) {
-    if (interface == nullptr || list >= interface->bits.size()) return EINVAL;
+    if (interface == nullptr || list > KEMD_NETWORK_SUPPORTED_WAKE_MODES) return EINVAL;
     if (list == KEMD_NETWORK_ALTERNATIVE_NAMES) {
         if (position >= interface->alternativeNames.size()) return ENOENT;
         return StoreText(interface->alternativeNames[position], out, size);
     }
-    const NamedBits& bits = interface->bits[list];
-    if (!bits.isKnown) {
+    const NamedBits* bits = interface->Bits(list);
+    if (bits == nullptr) {
         const int error = interface->PartError(PartOfList(list));
         return error != 0 ? error : EOPNOTSUPP;
     }
-    const auto bit = BitAt(bits, position);
+    const auto bit = BitAt(*bits, position);
     if (!bit) return ENOENT;
     return Guarded(
-        [&] { return StoreText(NameOf(*interface->facts, bits.names, *bit), out, size); });
+        [&] { return StoreText(NameOf(*interface->facts, bits->names, *bit), out, size); });
 }
 
 int KemdNetworkStatisticAt(const KemdNetworkInterface* interface, size_t position, char* out,

@@ -5,7 +5,11 @@
 #include <linux/genetlink.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
+#include <map>
+#include <string_view>
 
 #include "network/attributes.h"
 #include "network/ethtool_ioctl.h"
@@ -14,9 +18,18 @@
 
 namespace {
 
-constexpr uint32_t kNameSets[] = {ETH_SS_FEATURES,       ETH_SS_LINK_MODES,    ETH_SS_WOL_MODES,
-                                  ETH_SS_STATS_STD,      ETH_SS_STATS_ETH_PHY, ETH_SS_STATS_ETH_MAC,
-                                  ETH_SS_STATS_ETH_CTRL, ETH_SS_STATS_RMON};
+struct NameSet {
+    uint32_t id;
+    uint32_t part;
+};
+constexpr NameSet kNameSets[] = {{ETH_SS_LINK_MODES, KEMD_NETWORK_LINK_SPEED},
+                                 {ETH_SS_FEATURES, KEMD_NETWORK_SETTINGS},
+                                 {ETH_SS_WOL_MODES, KEMD_NETWORK_SETTINGS},
+                                 {ETH_SS_STATS_STD, KEMD_NETWORK_STATISTICS},
+                                 {ETH_SS_STATS_ETH_PHY, KEMD_NETWORK_STATISTICS},
+                                 {ETH_SS_STATS_ETH_MAC, KEMD_NETWORK_STATISTICS},
+                                 {ETH_SS_STATS_ETH_CTRL, KEMD_NETWORK_STATISTICS},
+                                 {ETH_SS_STATS_RMON, KEMD_NETWORK_STATISTICS}};
 // The request's header is attribute 1 of each request but that for statistics.
 constexpr uint16_t kHeader = 1;
 
@@ -37,6 +50,19 @@ void AddGroups(NetlinkRequest& request) {
     request.End(set);
 }
 
+// Kinds whose driver says the same for each, because none of them has a device of its own: with
+// thousands of containers asking each would take longer than all else.
+bool HasDriverOfKind(std::string_view kind) {
+    constexpr std::string_view kKinds[] = {"veth",   "bridge", "vlan",  "macvlan", "macvtap",
+                                           "ipvlan", "ipvtap", "vxlan", "dummy",   "tap"};
+    return std::find(std::begin(kKinds), std::end(kKinds), kind) != std::end(kKinds);
+}
+
+// The same of the link's settings: this driver makes them up, and nobody can change them.
+bool HasLinkOfKind(const KemdNetworkInterface& interface) {
+    return interface.Text(KEMD_NET_KIND) == "veth";
+}
+
 uint32_t GroupOf(const Attributes& groups) {
     for (const Attribute& attribute : groups) {
         const Attributes group(attribute.bytes);
@@ -53,22 +79,16 @@ int Ethtool::Open() {
     m_ioctl.Reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     // A kernel without IPv4 has the calls on other sockets too.
     if (!m_ioctl.IsOpen()) m_ioctl.Reset(socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    m_names = std::make_shared<NameSets>();
     const int error = m_socket.Open(NETLINK_GENERIC);
     // A kernel or a container without generic netlink: the ioctl is left.
     if (error == EPROTONOSUPPORT || error == EACCES || error == EPERM) return 0;
     if (error != 0) return error;
-    if (FindFamily() == 0) ReadNames();
+    (void)FindFamily();
     return 0;
 }
 
 int Ethtool::FindFamily() {
-    NetlinkRequest request("looking for ethtool", GENL_ID_CTRL, 0);
-    genlmsghdr header{};
-    header.cmd = CTRL_CMD_GETFAMILY;
-    header.version = 1;
-    request.AddHeader(header);
-    request.Add(CTRL_ATTR_FAMILY_NAME, {ETHTOOL_GENL_NAME, sizeof ETHTOOL_GENL_NAME});
+    NetlinkRequest request = FamilyRequest("looking for ethtool", ETHTOOL_GENL_NAME);
     return m_socket.Ask(request, [this](const NetlinkMessage& message) {
         const Attributes attributes(AfterHeader(message.payload, sizeof(genlmsghdr)));
         m_family = static_cast<uint16_t>(attributes.Find(CTRL_ATTR_FAMILY_ID).Number().value_or(0));
@@ -89,27 +109,36 @@ NetlinkRequest Ethtool::Request(const char* what, uint8_t command, uint16_t flag
     return request;
 }
 
-void Ethtool::ReadNames() {
-    auto names = std::make_shared<NameSets>();
-    for (const uint32_t id : kNameSets) {
-        // One at a time: an older kernel refuses a request with a set that it does not know.
-        NetlinkRequest request = Request("names", ETHTOOL_MSG_STRSET_GET, 0, 0);
-        const size_t sets = request.Begin(ETHTOOL_A_STRSET_STRINGSETS);
-        const size_t set = request.Begin(ETHTOOL_A_STRINGSETS_STRINGSET);
-        request.AddNumber(ETHTOOL_A_STRINGSET_ID, id);
-        request.End(set);
-        request.End(sets);
-        (void)m_socket.Ask(
-            request, [&](const NetlinkMessage& message) { ReadNameSets(message.payload, *names); });
+const std::shared_ptr<const NameSets>& Ethtool::Names(uint32_t parts) {
+    std::shared_ptr<NameSets> more;
+    for (const auto& [id, part] : kNameSets) {
+        if (m_family == 0 || (parts & part) == 0 || m_names->contains(id)) continue;
+        // Snapshots that were taken before keep what they have.
+        if (more == nullptr) more = std::make_shared<NameSets>(*m_names);
+        ReadNames(id, *more);
     }
-    m_names = names;
+    if (more != nullptr) m_names = more;
+    return m_names;
+}
+
+void Ethtool::ReadNames(uint32_t set, NameSets& names) {
+    names[set];  // asked once, whatever the answer
+    // One at a time: an older kernel refuses a request with a set that it does not know.
+    NetlinkRequest request = Request("names", ETHTOOL_MSG_STRSET_GET, 0, 0);
+    const size_t sets = request.Begin(ETHTOOL_A_STRSET_STRINGSETS);
+    const size_t one = request.Begin(ETHTOOL_A_STRINGSETS_STRINGSET);
+    request.AddNumber(ETHTOOL_A_STRINGSET_ID, set);
+    request.End(one);
+    request.End(sets);
+    (void)m_socket.Ask(
+        request, [&](const NetlinkMessage& message) { ReadNameSets(message.payload, names); });
 }
 
 void Ethtool::ReadAll(uint32_t parts, const KemdNetworkSnapshot& snapshot, const OnError& onError) {
     if ((parts & KEMD_NETWORK_SETTINGS) != 0) parts |= kWakePart;
     if (m_family == 0) return onError(kWakePart, "ethtool's netlink family", EOPNOTSUPP);
     for (const EthtoolQuery& query : kEthtoolQueries) {
-        if ((parts & query.part) == 0) continue;
+        if ((parts & query.part) == 0 || ReadByKind(query, snapshot)) continue;
         NetlinkRequest request = Request(query.what, query.command, NLM_F_DUMP, 0);
         const int error = m_socket.Dump(
             request, [] {},
@@ -127,6 +156,28 @@ void Ethtool::ReadAll(uint32_t parts, const KemdNetworkSnapshot& snapshot, const
     }
 }
 
+bool Ethtool::ReadByKind(const EthtoolQuery& query, const KemdNetworkSnapshot& snapshot) {
+    const auto& all = snapshot.interfaces;
+    const auto same = std::count_if(all.begin(), all.end(),
+                                    [](const auto& each) { return HasLinkOfKind(*each); });
+    constexpr size_t kDumpsCost = 4;  // as much less than asking each
+    const size_t others = all.size() - static_cast<size_t>(same);
+    if (query.command != ETHTOOL_MSG_LINKMODES_GET || others * kDumpsCost > all.size())
+        return false;
+    const KemdNetworkInterface* answered = nullptr;
+    for (const auto& interface : all) {
+        const bool isSame = HasLinkOfKind(*interface);
+        if (isSame && answered != nullptr) {
+            interface->CopyFields(*answered, KEMD_NET_SPEED, KEMD_NET_LANES);
+            interface->CopyBits(*answered);
+            continue;
+        }
+        AskOne(*interface, query);
+        if (isSame && interface->Has(KEMD_NET_SPEED)) answered = interface.get();
+    }
+    return true;
+}
+
 void Ethtool::AskOne(KemdNetworkInterface& interface, const EthtoolQuery& query) {
     NetlinkRequest request = Request(query.what, query.command, 0, interface.Index());
     (void)m_socket.Ask(request, [&](const NetlinkMessage& message) {
@@ -136,11 +187,25 @@ void Ethtool::AskOne(KemdNetworkInterface& interface, const EthtoolQuery& query)
 
 void Ethtool::ReadByIoctl(KemdNetworkInterface& interface, uint32_t parts) const {
     const EthtoolIoctl calls(m_ioctl.Get(), interface);
-    if ((parts & KEMD_NETWORK_HARDWARE) != 0) {
-        calls.ReadDriver();
-        if (m_family == 0) calls.ReadLink();
+    if ((parts & KEMD_NETWORK_DRIVER) != 0) calls.ReadDriver();
+    if (m_family != 0) return;
+    if ((parts & (KEMD_NETWORK_HARDWARE | KEMD_NETWORK_LINK_SPEED)) != 0) calls.ReadLink();
+    if ((parts & KEMD_NETWORK_SETTINGS) != 0) calls.ReadSettings();
+}
+
+void Ethtool::ReadAllByIoctl(uint32_t parts, const KemdNetworkSnapshot& snapshot) const {
+    // By kind, the first whose driver answered.
+    std::map<std::string, const KemdNetworkInterface*> answered;
+    for (const auto& interface : snapshot.interfaces) {
+        // Copied: what is read now may move the interface's texts.
+        const std::string kind = interface->Text(KEMD_NET_KIND);
+        const auto known = answered.find(kind);
+        const bool isKnown = known != answered.end();
+        if (isKnown) interface->CopyFields(*known->second, KEMD_NET_BUS, KEMD_NET_FIRMWARE);
+        ReadByIoctl(*interface, isKnown ? parts & ~KEMD_NETWORK_DRIVER : parts);
+        const bool isShared = !isKnown && interface->Has(KEMD_NET_DRIVER) && HasDriverOfKind(kind);
+        if (isShared) answered.emplace(kind, interface.get());
     }
-    if ((parts & KEMD_NETWORK_SETTINGS) != 0 && m_family == 0) calls.ReadSettings();
 }
 
 void Ethtool::ReadOne(KemdNetworkInterface& interface, uint32_t parts) {

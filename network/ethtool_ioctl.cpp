@@ -102,7 +102,7 @@ void EthtoolIoctl::ReadLink() const {
     const __u32* first = answer.data() + kHead;
     for (const uint32_t list :
          {KEMD_NETWORK_SUPPORTED_MODES, KEMD_NETWORK_ADVERTISED_MODES, KEMD_NETWORK_PEER_MODES}) {
-        m_interface.bits[list] = {ETH_SS_LINK_MODES, true, {first, first + words}};
+        m_interface.SetBits({list, ETH_SS_LINK_MODES, {first, first + words}});
         first += words;
     }
 }

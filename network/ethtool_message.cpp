@@ -5,6 +5,8 @@
 #include <linux/genetlink.h>
 
 #include <cstring>
+#include <span>
+#include <utility>
 
 #include "network/attribute_table.h"
 
@@ -63,53 +65,63 @@ constexpr AttributeRow kChannelRows[] = {
 constexpr AttributeTable kChannelTable(kChannelRows);
 
 std::vector<uint32_t> BitWords(std::string_view bytes) {
-    std::vector<uint32_t> words(bytes.size() / sizeof(uint32_t));
-    if (!words.empty()) std::memcpy(words.data(), bytes.data(), words.size() * sizeof words[0]);
+    // Most interfaces have none of the many.
+    bytes = bytes.substr(0, bytes.find_last_not_of('\0') + 1);
+    std::vector<uint32_t> words((bytes.size() + sizeof(uint32_t) - 1) / sizeof(uint32_t));
+    if (!words.empty()) std::memcpy(words.data(), bytes.data(), bytes.size());
     return words;
 }
 
 // One half of a compact set: the bits that are set, or those that may be.
-void ReadBits(NamedBits& bits, uint32_t names, const Attributes& attributes, uint16_t set,
-              uint16_t half) {
-    const Attribute whole = attributes.Find(set);
-    if (whole.bytes.empty()) return;
-    bits = {names, true, BitWords(Attributes(whole.bytes).Find(half).bytes)};
+struct BitsRow {
+    uint32_t list;
+    uint16_t set;
+    uint16_t half;
+};
+constexpr BitsRow kModeBits[] = {
+    {KEMD_NETWORK_SUPPORTED_MODES, ETHTOOL_A_LINKMODES_OURS, ETHTOOL_A_BITSET_MASK},
+    {KEMD_NETWORK_ADVERTISED_MODES, ETHTOOL_A_LINKMODES_OURS, ETHTOOL_A_BITSET_VALUE},
+    {KEMD_NETWORK_PEER_MODES, ETHTOOL_A_LINKMODES_PEER, ETHTOOL_A_BITSET_VALUE},
+};
+constexpr BitsRow kFeatureBits[] = {
+    {KEMD_NETWORK_FEATURES, ETHTOOL_A_FEATURES_ACTIVE, ETHTOOL_A_BITSET_VALUE},
+    {KEMD_NETWORK_WANTED_FEATURES, ETHTOOL_A_FEATURES_WANTED, ETHTOOL_A_BITSET_VALUE},
+};
+constexpr BitsRow kWakeBits[] = {
+    {KEMD_NETWORK_WAKE_MODES, ETHTOOL_A_WOL_MODES, ETHTOOL_A_BITSET_VALUE},
+    {KEMD_NETWORK_SUPPORTED_WAKE_MODES, ETHTOOL_A_WOL_MODES, ETHTOOL_A_BITSET_MASK},
+};
+
+std::vector<uint32_t> SetWords(const Attributes& attributes, uint16_t set, uint16_t half) {
+    return BitWords(Attributes(attributes.Find(set).bytes).Find(half).bytes);
+}
+
+void ReadBits(const Attributes& attributes, uint32_t names, std::span<const BitsRow> rows,
+              KemdNetworkInterface& interface) {
+    for (const auto& [list, set, half] : rows) {
+        if (attributes.Find(set).bytes.empty()) continue;
+        interface.SetBits({list, names, SetWords(attributes, set, half)});
+    }
 }
 
 void ReadFeatures(const Attributes& attributes, KemdNetworkInterface& interface) {
-    const auto read = [&](uint32_t list, uint16_t set) {
-        ReadBits(interface.bits[list], ETH_SS_FEATURES, attributes, set, ETHTOOL_A_BITSET_VALUE);
+    ReadBits(attributes, ETH_SS_FEATURES, kFeatureBits, interface);
+    if (attributes.Find(ETHTOOL_A_FEATURES_HW).bytes.empty()) return;
+    const auto words = [&](uint16_t set) {
+        return SetWords(attributes, set, ETHTOOL_A_BITSET_VALUE);
     };
-    read(KEMD_NETWORK_FEATURES, ETHTOOL_A_FEATURES_ACTIVE);
-    read(KEMD_NETWORK_WANTED_FEATURES, ETHTOOL_A_FEATURES_WANTED);
-    read(KEMD_NETWORK_CHANGEABLE_FEATURES, ETHTOOL_A_FEATURES_HW);
-    NamedBits fixed;
-    ReadBits(fixed, ETH_SS_FEATURES, attributes, ETHTOOL_A_FEATURES_NOCHANGE,
-             ETHTOOL_A_BITSET_VALUE);
-    auto& changeable = interface.bits[KEMD_NETWORK_CHANGEABLE_FEATURES].words;
-    for (size_t i = 0; i < changeable.size() && i < fixed.words.size(); ++i) {
-        changeable[i] &= ~fixed.words[i];
-    }
+    std::vector<uint32_t> changeable = words(ETHTOOL_A_FEATURES_HW);
+    const std::vector<uint32_t> fixed = words(ETHTOOL_A_FEATURES_NOCHANGE);
+    for (size_t i = 0; i < changeable.size() && i < fixed.size(); ++i) changeable[i] &= ~fixed[i];
+    interface.SetBits({KEMD_NETWORK_CHANGEABLE_FEATURES, ETH_SS_FEATURES, std::move(changeable)});
 }
 
 void ReadLinkModes(const Attributes& attributes, KemdNetworkInterface& interface) {
     // What an earlier answer said need not be said again.
     for (const AttributeRow& row : kModeRows) interface.Forget(row.field);
+    for (const BitsRow& row : kModeBits) interface.ForgetBits(row.list);
     ReadByTable(interface, attributes, kModeTable);
-    const auto read = [&](uint32_t list, uint16_t set, uint16_t half) {
-        interface.bits[list] = {};
-        ReadBits(interface.bits[list], ETH_SS_LINK_MODES, attributes, set, half);
-    };
-    read(KEMD_NETWORK_SUPPORTED_MODES, ETHTOOL_A_LINKMODES_OURS, ETHTOOL_A_BITSET_MASK);
-    read(KEMD_NETWORK_ADVERTISED_MODES, ETHTOOL_A_LINKMODES_OURS, ETHTOOL_A_BITSET_VALUE);
-    read(KEMD_NETWORK_PEER_MODES, ETHTOOL_A_LINKMODES_PEER, ETHTOOL_A_BITSET_VALUE);
-}
-
-void ReadWake(const Attributes& attributes, KemdNetworkInterface& interface) {
-    ReadBits(interface.bits[KEMD_NETWORK_WAKE_MODES], ETH_SS_WOL_MODES, attributes,
-             ETHTOOL_A_WOL_MODES, ETHTOOL_A_BITSET_VALUE);
-    ReadBits(interface.bits[KEMD_NETWORK_SUPPORTED_WAKE_MODES], ETH_SS_WOL_MODES, attributes,
-             ETHTOOL_A_WOL_MODES, ETHTOOL_A_BITSET_MASK);
+    ReadBits(attributes, ETH_SS_LINK_MODES, kModeBits, interface);
 }
 
 // A histogram of frame lengths becomes "rx-65-127".
@@ -159,7 +171,7 @@ void ReadStatistics(const Attributes& attributes, KemdNetworkInterface& interfac
 
 const EthtoolQuery kEthtoolQueries[9] = {
     {ETHTOOL_MSG_LINKINFO_GET, "port and transceiver", KEMD_NETWORK_HARDWARE},
-    {ETHTOOL_MSG_LINKMODES_GET, "speed and link modes", KEMD_NETWORK_HARDWARE},
+    {ETHTOOL_MSG_LINKMODES_GET, "speed and link modes", KEMD_NETWORK_LINK_SPEED},
     {ETHTOOL_MSG_LINKSTATE_GET, "link state", KEMD_NETWORK_HARDWARE},
     {ETHTOOL_MSG_PAUSE_GET, "pause", KEMD_NETWORK_SETTINGS},
     {ETHTOOL_MSG_RINGS_GET, "rings", KEMD_NETWORK_SETTINGS},
@@ -198,7 +210,7 @@ void ReadEthtool(uint8_t command, std::string_view payload, KemdNetworkInterface
         case ETHTOOL_MSG_FEATURES_GET:
             return ReadFeatures(attributes, interface);
         case ETHTOOL_MSG_WOL_GET:
-            return ReadWake(attributes, interface);
+            return ReadBits(attributes, ETH_SS_WOL_MODES, kWakeBits, interface);
         case ETHTOOL_MSG_STATS_GET:
             return ReadStatistics(attributes, interface);
         default:

@@ -13,6 +13,8 @@ constexpr uint32_t kFlags = KEMD_NETWORK_KIND_FLAGS;
 constexpr uint32_t kYes = KEMD_NETWORK_KIND_YES;
 constexpr uint32_t kIndex = KEMD_NETWORK_KIND_INDEX;
 constexpr uint32_t kHardware = KEMD_NETWORK_HARDWARE;
+constexpr uint32_t kDriver = KEMD_NETWORK_DRIVER;
+constexpr uint32_t kSpeed = KEMD_NETWORK_LINK_SPEED;
 constexpr uint32_t kSettings = KEMD_NETWORK_SETTINGS;
 constexpr uint32_t kModule = KEMD_NETWORK_MODULE;
 
@@ -109,16 +111,16 @@ constexpr FieldRow kFields[] = {
     {KEMD_NET_TX_COMPRESSED, "tx_compressed", kNumber, 0, ""},
     {KEMD_NET_RX_NO_HANDLER, "rx_no_handler", kNumber, 0, ""},
     {KEMD_NET_RX_OTHER_HOST_DROPPED, "rx_other_host_dropped", kNumber, 0, ""},
-    {KEMD_NET_BUS, "bus", kText, kHardware, ""},
-    {KEMD_NET_BUS_ADDRESS, "bus_address", kText, kHardware, ""},
-    {KEMD_NET_NUMA_NODE, "numa_node", kNumber, kHardware, ""},
-    {KEMD_NET_DRIVER, "driver", kText, kHardware, ""},
-    {KEMD_NET_DRIVER_VERSION, "driver_version", kText, kHardware, ""},
-    {KEMD_NET_FIRMWARE, "firmware", kText, kHardware, ""},
-    {KEMD_NET_SPEED, "speed", kNumber, kHardware, "Mbit/s"},
-    {KEMD_NET_DUPLEX, "duplex", kWord, kHardware, ""},
-    {KEMD_NET_AUTO_NEGOTIATION, "auto_negotiation", kYes, kHardware, ""},
-    {KEMD_NET_LANES, "lanes", kNumber, kHardware, ""},
+    {KEMD_NET_BUS, "bus", kText, kDriver, ""},
+    {KEMD_NET_BUS_ADDRESS, "bus_address", kText, kDriver, ""},
+    {KEMD_NET_NUMA_NODE, "numa_node", kNumber, kDriver, ""},
+    {KEMD_NET_DRIVER, "driver", kText, kDriver, ""},
+    {KEMD_NET_DRIVER_VERSION, "driver_version", kText, kDriver, ""},
+    {KEMD_NET_FIRMWARE, "firmware", kText, kDriver, ""},
+    {KEMD_NET_SPEED, "speed", kNumber, kSpeed, "Mbit/s"},
+    {KEMD_NET_DUPLEX, "duplex", kWord, kSpeed, ""},
+    {KEMD_NET_AUTO_NEGOTIATION, "auto_negotiation", kYes, kSpeed, ""},
+    {KEMD_NET_LANES, "lanes", kNumber, kSpeed, ""},
     {KEMD_NET_PORT, "port", kWord, kHardware, ""},
     {KEMD_NET_PHY_ADDRESS, "phy_address", kNumber, kHardware, ""},
     {KEMD_NET_TRANSCEIVER, "transceiver", kWord, kHardware, ""},
@@ -154,6 +156,10 @@ constexpr FieldRow kFields[] = {
     {KEMD_NET_MODULE_REVISION, "module_revision", kText, kModule, ""},
     {KEMD_NET_MODULE_SERIAL, "module_serial", kText, kModule, ""},
     {KEMD_NET_MODULE_DATE, "module_date", kText, kModule, ""},
+    {KEMD_NET_TEAM_MODE, "team_mode", kText, kSettings, ""},
+    {KEMD_NET_TEAM_ACTIVE, "team_active", kIndex, kSettings, ""},
+    {KEMD_NET_TEAM_MEMBER_ENABLED, "team_member_enabled", kYes, kSettings, ""},
+    {KEMD_NET_TEAM_MEMBER_LINK, "team_member_link", kYes, kSettings, ""},
 };
 // clang-format on
 

@@ -5,34 +5,63 @@
 
 #include "network/fields.h"
 
+namespace {
+
+// In place of what the field had.
+template <typename Stored, typename Value>
+void Store(std::vector<std::pair<uint32_t, Stored>>& all, uint32_t field, Value value) {
+    for (auto& [owner, stored] : all) {
+        if (owner != field) continue;
+        stored = value;
+        return;
+    }
+    all.emplace_back(field, value);
+}
+
+}  // namespace
+
 KemdNetworkInterface::KemdNetworkInterface(std::shared_ptr<const NetworkFacts> shared)
     : facts(std::move(shared)) {
-    constexpr size_t kUsualTexts = 8;
+    constexpr size_t kUsualTexts = 7;
     m_texts.reserve(kUsualTexts);
 }
 
-void KemdNetworkInterface::Set(uint32_t field, uint64_t value) {
-    m_numbers[field] = value;
-    m_known.set(field);
+void KemdNetworkInterface::SetRare(uint32_t field, uint64_t value) {
+    Store(m_rareNumbers, field, value);
 }
 
 void KemdNetworkInterface::SetText(uint32_t field, std::string_view text) {
     m_known.set(field);
-    for (auto& [owner, stored] : m_texts) {
-        if (owner != field) continue;
-        stored = text;
-        return;
-    }
-    m_texts.emplace_back(field, text);
+    Store(m_texts, field, text);
 }
 
 void KemdNetworkInterface::SetError(uint32_t field, int error) {
-    for (auto& [owner, stored] : m_errors) {
-        if (owner != field) continue;
-        stored = error;
-        return;
+    Store(m_errors, field, error);
+}
+
+void KemdNetworkInterface::SetBits(NamedBits bits) {
+    constexpr size_t kUsualLists = 3;  // of link modes
+    ForgetBits(bits.list);
+    if (m_bits.empty()) m_bits.reserve(kUsualLists);
+    m_bits.push_back(std::move(bits));
+}
+
+void KemdNetworkInterface::ForgetBits(uint32_t list) {
+    std::erase_if(m_bits, [list](const NamedBits& bits) { return bits.list == list; });
+}
+
+const NamedBits* KemdNetworkInterface::Bits(uint32_t list) const {
+    for (const NamedBits& bits : m_bits) {
+        if (bits.list == list) return &bits;
     }
-    m_errors.emplace_back(field, error);
+    return nullptr;
+}
+
+uint64_t KemdNetworkInterface::RareNumber(uint32_t field) const {
+    for (const auto& [owner, stored] : m_rareNumbers) {
+        if (owner == field) return stored;
+    }
+    return 0;
 }
 
 const std::string& KemdNetworkInterface::Text(uint32_t field) const {
@@ -68,20 +97,26 @@ bool KemdNetworkInterface::IsNamed(std::string_view name) const {
 bool KemdNetworkInterface::Equals(const KemdNetworkInterface& other, uint32_t field) const {
     if (Has(field) != other.Has(field)) return false;
     return !Has(field) ||
-           (m_numbers[field] == other.m_numbers[field] && Text(field) == other.Text(field));
+           (Number(field) == other.Number(field) && Text(field) == other.Text(field));
+}
+
+void KemdNetworkInterface::CopyFields(const KemdNetworkInterface& from, uint32_t first,
+                                      uint32_t last) {
+    for (uint32_t field = first; field <= last; ++field) {
+        if (!from.Has(field)) continue;
+        if (FindField(field)->kind == KEMD_NETWORK_KIND_TEXT) {
+            SetText(field, from.Text(field));
+        } else {
+            Set(field, from.Number(field));
+        }
+    }
 }
 
 void KemdNetworkInterface::KeepOthersOf(const KemdNetworkInterface& older) {
     for (uint32_t field = 0; field < KEMD_NET_FIELDS; ++field) {
-        const FieldRow* row = FindField(field);
-        if (row->part == 0 || !older.Has(field)) continue;
-        if (row->kind == KEMD_NETWORK_KIND_TEXT) {
-            SetText(field, older.Text(field));
-        } else {
-            Set(field, older.m_numbers[field]);
-        }
+        if (FindField(field)->part != 0) CopyFields(older, field, field);
     }
-    bits = older.bits;
+    m_bits = older.m_bits;
     addresses = older.addresses;
     statistics = older.statistics;
     m_errors = older.m_errors;

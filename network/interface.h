@@ -20,6 +20,13 @@ using NameSets = std::map<uint32_t, std::vector<std::string>>;
 
 // Beyond the parts of kemd/network.h: what only root is shown among the settings.
 constexpr uint32_t kWakePart = 1U << 16;
+// Those that have something to do with the hardware.
+constexpr uint32_t kHardwareParts =
+    KEMD_NETWORK_HARDWARE | KEMD_NETWORK_DRIVER | KEMD_NETWORK_LINK_SPEED;
+// With the parts that others consist of.
+constexpr uint32_t WithTheirParts(uint32_t parts) {
+    return parts | ((parts & KEMD_NETWORK_HARDWARE) != 0 ? kHardwareParts : 0);
+}
 
 struct NetworkFacts {
     uint32_t parts = 0;
@@ -29,10 +36,9 @@ struct NetworkFacts {
 
 // A set of bits with names: link modes, features.
 struct NamedBits {
+    uint32_t list = 0;   // KEMD_NETWORK_SUPPORTED_MODES ...
     uint32_t names = 0;  // number of the set
-    bool isKnown = false;
     std::vector<uint32_t> words;
-    bool operator==(const NamedBits&) const = default;
 };
 
 struct NamedCounter {
@@ -45,19 +51,32 @@ struct NamedCounter {
 struct KemdNetworkInterface {
     explicit KemdNetworkInterface(std::shared_ptr<const NetworkFacts> shared);
 
-    void Set(uint32_t field, uint64_t value);
+    void Set(uint32_t field, uint64_t value) {
+        if (IsRare(field)) {
+            SetRare(field, value);
+        } else {
+            m_numbers[PlaceOf(field)] = value;
+        }
+        m_known.set(field);
+    }
     void SetText(uint32_t field, std::string_view text);
     // Why the value is absent, for this interface alone; in place of what was said before.
     void SetError(uint32_t field, int error);
     void Forget(uint32_t field) { m_known.reset(field); }
+    // In place of what the list had.
+    void SetBits(NamedBits bits);
+    void ForgetBits(uint32_t list);
 
     [[nodiscard]] bool Has(uint32_t field) const { return m_known.test(field); }
     // 0 when it is absent.
     [[nodiscard]] uint64_t Number(uint32_t field) const {
-        return Has(field) ? m_numbers[field] : 0;
+        if (!Has(field)) return 0;
+        return IsRare(field) ? RareNumber(field) : m_numbers[PlaceOf(field)];
     }
     // Empty when it is absent.
     [[nodiscard]] const std::string& Text(uint32_t field) const;
+    // Null when it is absent.
+    [[nodiscard]] const NamedBits* Bits(uint32_t list) const;
     // Why a field is absent.
     [[nodiscard]] int Reason(uint32_t field) const;
     // 0, or why there is nothing of a part.
@@ -68,19 +87,35 @@ struct KemdNetworkInterface {
     // By its name or an alternative one.
     [[nodiscard]] bool IsNamed(std::string_view name) const;
     [[nodiscard]] bool Equals(const KemdNetworkInterface& other, uint32_t field) const;
+    // What the other has of the fields from `first` to `last`.
+    void CopyFields(const KemdNetworkInterface& from, uint32_t first, uint32_t last);
+    void CopyBits(const KemdNetworkInterface& from) { m_bits = from.m_bits; }
     // Takes over what a message of the link does not say: all but the fields that every snapshot
     // has.
     void KeepOthersOf(const KemdNetworkInterface& older);
 
     std::vector<std::string> alternativeNames;
-    std::array<NamedBits, KEMD_NETWORK_SUPPORTED_WAKE_MODES + 1> bits;  // by list
     std::vector<KemdNetworkAddress> addresses;
     std::vector<KemdNetworkVirtualFunction> functions;
     std::vector<NamedCounter> statistics;
     std::shared_ptr<const NetworkFacts> facts;
 
   private:
-    std::array<uint64_t, KEMD_NET_FIELDS> m_numbers{};
+    // Numbers stand at their place; those that few interfaces have are in a list, as a thousand
+    // interfaces cost the time that their memory takes to be had.
+    static constexpr uint32_t kOfKinds = KEMD_NET_RX_PACKETS - KEMD_NET_VLAN_ID;
+    static constexpr bool IsRare(uint32_t field) {
+        return field >= KEMD_NET_PAUSE_AUTO ||
+               (field >= KEMD_NET_VLAN_ID && field < KEMD_NET_RX_PACKETS);
+    }
+    static constexpr uint32_t PlaceOf(uint32_t field) {
+        return field < KEMD_NET_VLAN_ID ? field : field - kOfKinds;
+    }
+    void SetRare(uint32_t field, uint64_t value);
+    [[nodiscard]] uint64_t RareNumber(uint32_t field) const;
+    std::array<uint64_t, KEMD_NET_PAUSE_AUTO - kOfKinds> m_numbers{};
+    std::vector<std::pair<uint32_t, uint64_t>> m_rareNumbers;
+    std::vector<NamedBits> m_bits;
     std::bitset<KEMD_NET_FIELDS> m_known;
     std::vector<std::pair<uint32_t, std::string>> m_texts;
     std::vector<std::pair<uint32_t, int>> m_errors;

@@ -1,5 +1,6 @@
 #include "network/netlink_socket.h"
 
+#include <linux/genetlink.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -81,6 +82,13 @@ size_t NetlinkRequest::Begin(uint16_t type) {
 void NetlinkRequest::End(size_t begin) {
     const auto length = static_cast<uint16_t>(m_bytes.size() - begin);
     std::memcpy(m_bytes.data() + begin, &length, sizeof length);
+}
+
+NetlinkRequest FamilyRequest(const char* what, const char* name) {
+    NetlinkRequest request(what, GENL_ID_CTRL, 0);
+    request.AddHeader(genlmsghdr{CTRL_CMD_GETFAMILY, 1, 0});
+    request.Add(CTRL_ATTR_FAMILY_NAME, {name, std::strlen(name) + 1});
+    return request;
 }
 
 int NetlinkSocket::Open(int protocol) {

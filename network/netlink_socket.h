@@ -44,6 +44,9 @@ class NetlinkRequest {
     std::string m_bytes;
 };
 
+// Which number a family of generic netlink has: CTRL_ATTR_FAMILY_ID in the answer.
+[[nodiscard]] NetlinkRequest FamilyRequest(const char* what, const char* name);
+
 class NetlinkSocket {
   public:
     using Handler = std::function<void(const NetlinkMessage&)>;

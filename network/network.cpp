@@ -12,6 +12,7 @@
 #include "network/attributes.h"
 #include "network/messages.h"
 #include "network/name_space.h"
+#include "network/team.h"
 
 namespace {
 
@@ -65,8 +66,11 @@ int KemdNetwork::ReadLinks(KemdNetworkSnapshot& snapshot) {
             auto interface = ReadLink(message.payload, snapshot.facts);
             if (interface != nullptr) interfaces.push_back(std::move(interface));
         });
-    std::sort(interfaces.begin(), interfaces.end(),
-              [](const auto& a, const auto& b) { return a->Index() < b->Index(); });
+    const auto isBefore = [](const auto& a, const auto& b) { return a->Index() < b->Index(); };
+    // As newer kernels send them.
+    if (!std::is_sorted(interfaces.begin(), interfaces.end(), isBefore)) {
+        std::sort(interfaces.begin(), interfaces.end(), isBefore);
+    }
     // An interrupted dump may show one twice.
     interfaces.erase(
         std::unique(interfaces.begin(), interfaces.end(),
@@ -155,7 +159,7 @@ int KemdNetwork::TakeOnce(uint32_t parts, KemdNetworkSnapshot& snapshot) {
     snapshot = {};
     snapshot.facts = std::make_shared<NetworkFacts>();
     snapshot.facts->parts = parts;
-    snapshot.facts->names = m_ethtool.Names();
+    snapshot.facts->names = m_ethtool.Names(parts);
     int error = ReadLinks(snapshot);
     if (error == 0 && (parts & KEMD_NETWORK_ADDRESSES) != 0) error = ReadAddresses(snapshot);
     if (error != 0) return Explain(error);
@@ -169,7 +173,8 @@ int KemdNetwork::TakeOnce(uint32_t parts, KemdNetworkSnapshot& snapshot) {
     return error;
 }
 
-int KemdNetwork::Take(uint32_t parts, KemdNetworkSnapshot& snapshot) {
+int KemdNetwork::Take(uint32_t asked, KemdNetworkSnapshot& snapshot) {
+    const uint32_t parts = WithTheirParts(asked);
     // Each dump is repeated by itself; all of them when they do not fit together.
     for (int attempt = 1;; ++attempt) {
         const int error = TakeOnce(parts, snapshot);
@@ -177,19 +182,15 @@ int KemdNetwork::Take(uint32_t parts, KemdNetworkSnapshot& snapshot) {
         if (snapshot.isConsistent || attempt == kAttempts) break;
     }
     constexpr uint32_t kByEthtool =
-        KEMD_NETWORK_HARDWARE | KEMD_NETWORK_SETTINGS | KEMD_NETWORK_STATISTICS;
+        kHardwareParts | KEMD_NETWORK_SETTINGS | KEMD_NETWORK_STATISTICS;
     if ((parts & kByEthtool) != 0) {
         m_ethtool.ReadAll(parts, snapshot, [&](uint32_t part, const char* what, int error) {
             snapshot.NoteError(part, what, error);
         });
     }
-    constexpr uint32_t kOneByOne =
-        KEMD_NETWORK_HARDWARE | KEMD_NETWORK_SETTINGS | KEMD_NETWORK_MODULE;
-    if ((parts & kOneByOne) != 0) {
-        for (const auto& interface : snapshot.interfaces) {
-            m_ethtool.ReadByIoctl(*interface, parts);
-            if ((parts & KEMD_NETWORK_MODULE) != 0) m_ethtool.ReadModule(*interface);
-        }
-    }
+    m_ethtool.ReadAllByIoctl(parts, snapshot);
+    if ((parts & KEMD_NETWORK_SETTINGS) != 0) ReadTeams(m_ethtool.Socket(), snapshot);
+    if ((parts & KEMD_NETWORK_MODULE) == 0) return 0;
+    for (const auto& interface : snapshot.interfaces) m_ethtool.ReadModule(*interface);
     return 0;
 }

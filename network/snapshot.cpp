@@ -7,6 +7,12 @@
 namespace {
 
 auto Place(const std::vector<std::shared_ptr<KemdNetworkInterface>>& interfaces, uint64_t index) {
+    // Most often none has gone, and their indexes follow each other.
+    const uint64_t first = interfaces.empty() ? 0 : interfaces.front()->Index();
+    if (index >= first && index - first < interfaces.size()) {
+        const auto guess = interfaces.begin() + static_cast<ptrdiff_t>(index - first);
+        if ((*guess)->Index() == index) return guess;
+    }
     return std::lower_bound(
         interfaces.begin(), interfaces.end(), index,
         [](const auto& interface, uint64_t wanted) { return interface->Index() < wanted; });
@@ -15,7 +21,8 @@ auto Place(const std::vector<std::shared_ptr<KemdNetworkInterface>>& interfaces,
 }  // namespace
 
 KemdNetworkInterface* KemdNetworkSnapshot::Find(uint64_t index) const {
-    return Share(index).get();
+    const auto place = Place(interfaces, index);
+    return place != interfaces.end() && (*place)->Index() == index ? place->get() : nullptr;
 }
 
 std::shared_ptr<KemdNetworkInterface> KemdNetworkSnapshot::Share(uint64_t index) const {

@@ -23,15 +23,17 @@ using NetworkWatchHandle = std::unique_ptr<KemdNetworkWatch, NetworkCloser>;
 // A text of any length; nothing, and `error`, when there is none.
 template <typename Get>
 std::optional<std::string> NetworkText(const Get& get, int* error = nullptr) {
-    std::string text(63, '\0');
-    for (;;) {
-        size_t size = text.size() + 1;
-        const int result = get(text.data(), &size);
-        if (error != nullptr) *error = result;
-        if (result != 0 && result != ERANGE) return std::nullopt;
+    char usual[64];
+    size_t size = sizeof usual;
+    int result = get(usual, &size);
+    std::string text(usual, result == 0 ? size - 1 : 0);
+    while (result == ERANGE) {
         text.resize(size - 1);
-        if (result == 0) return text;
+        result = get(text.data(), &size);
     }
+    if (error != nullptr) *error = result;
+    if (result != 0) return std::nullopt;
+    return text;
 }
 
 // One interface; valid as long as its snapshot.

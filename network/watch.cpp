@@ -62,7 +62,7 @@ int KemdNetworkWatch::OpenSockets() {
         (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBytes, sizeof kReceiveBytes);
     }
     const uint32_t group = m_network.Hardware().MonitorGroup();
-    if ((m_parts & KEMD_NETWORK_HARDWARE) == 0 || group == 0) return 0;
+    if ((m_parts & KEMD_NETWORK_LINK_SPEED) == 0 || group == 0) return 0;
     error = m_monitor.Open(NETLINK_GENERIC);
     return error != 0 ? error : m_monitor.Join(group);
 }
@@ -185,7 +185,7 @@ void KemdNetworkWatch::OnLink(std::string_view payload) {
     constexpr uint32_t kRouteChanges = kLinkChanges | KEMD_NETWORK_MASTER;
     const uint32_t what = Difference(before.get(), after.get());
     if ((what & kLinkChanges) != 0) {
-        const uint32_t parts = before == nullptr ? m_parts : m_parts & KEMD_NETWORK_HARDWARE;
+        const uint32_t parts = before == nullptr ? m_parts : m_parts & kHardwareParts;
         m_network.Hardware().ReadOne(*after, parts);
     }
     // The kernel does not report routes that go with their interface.
@@ -243,7 +243,7 @@ void KemdNetworkWatch::OnSpeed(std::string_view payload) {
     if (before == nullptr) return;
     const auto after = std::make_shared<KemdNetworkInterface>(*before);
     // Read again, because a notification has its sets of bits in another form.
-    m_network.Hardware().ReadOne(*after, KEMD_NETWORK_HARDWARE);
+    m_network.Hardware().ReadOne(*after, m_parts & kHardwareParts);
     Replace(before, after);
 }
 

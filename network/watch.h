@@ -12,7 +12,7 @@
 
 struct KemdNetworkWatch {
     KemdNetworkWatch(uint32_t parts, KemdNetworkOnChange onChange, void* user)
-        : m_parts(parts), m_onChange(onChange), m_user(user) {}
+        : m_parts(WithTheirParts(parts)), m_onChange(onChange), m_user(user) {}
 
     // An errno number, as everywhere here.
     [[nodiscard]] int Open(int nameSpace);

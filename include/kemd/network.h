@@ -47,6 +47,9 @@ KEMD_API int KemdNetworkErrorText(const struct KemdNetwork* network, char* out, 
 #define KEMD_NETWORK_SETTINGS 8u    /* pause, rings, channels, features, wake-on-LAN */
 #define KEMD_NETWORK_STATISTICS 16u /* standard groups; counters of virtual functions */
 #define KEMD_NETWORK_MODULE 32u     /* identification of plugged modules: slow, and for root */
+/* What is a part of the hardware, for those who want no more of it. */
+#define KEMD_NETWORK_DRIVER 64u      /* driver, firmware, bus */
+#define KEMD_NETWORK_LINK_SPEED 128u /* speed, duplex, modes */
 #define KEMD_NETWORK_ALL 0xFFFFFFFFu
 
 KEMD_API int KemdNetworkTake(struct KemdNetwork* network, uint32_t parts,
@@ -209,7 +212,7 @@ struct KemdNetworkWatch;
 #define KEMD_NETWORK_ADDRESS 32u
 #define KEMD_NETWORK_MASTER 64u
 #define KEMD_NETWORK_ROUTE 128u
-#define KEMD_NETWORK_SPEED 256u /* speed or duplex, with KEMD_NETWORK_HARDWARE */
+#define KEMD_NETWORK_SPEED 256u /* speed or duplex, with KEMD_NETWORK_LINK_SPEED */
 #define KEMD_NETWORK_OTHER 512u /* MTU, MAC, alias, ... */
 
 struct KemdNetworkChange {

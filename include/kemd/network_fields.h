@@ -160,5 +160,11 @@
 #define KEMD_NET_MODULE_REVISION 133u  /* text */
 #define KEMD_NET_MODULE_SERIAL 134u    /* text */
 #define KEMD_NET_MODULE_DATE 135u      /* text: YYMMDD, and two characters of the maker's */
+
+/* Teams and their members, for root; with KEMD_NETWORK_SETTINGS */
+#define KEMD_NET_TEAM_MODE 136u           /* text: activebackup, loadbalance ... */
+#define KEMD_NET_TEAM_ACTIVE 137u         /* index of the active member */
+#define KEMD_NET_TEAM_MEMBER_ENABLED 138u /* 0 or 1 */
+#define KEMD_NET_TEAM_MEMBER_LINK 139u    /* 0 or 1, as the team sees it */
 /* How many there are here; grows. */
-#define KEMD_NET_FIELDS 136u
+#define KEMD_NET_FIELDS 140u

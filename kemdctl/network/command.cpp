@@ -44,6 +44,10 @@ bool MatchesAny(const std::vector<const char*>& patterns, const std::string& tex
            });
 }
 
+bool MatchesAny(const std::vector<const char*>& patterns, InterfaceView interface, uint32_t field) {
+    return patterns.empty() || MatchesAny(patterns, interface.TextOr(field));
+}
+
 int UsageError(const std::string& what) {
     Complain("%s; see kemdctl network --help", what.c_str());
     return kError;
@@ -64,7 +68,8 @@ TableRow RowOf(InterfaceView interface) {
 }
 
 int ListInterfaces(ReportWriter& report, const InterfaceFilter& filter) {
-    const auto view = TakeNetwork(KEMD_NETWORK_ADDRESSES | KEMD_NETWORK_HARDWARE);
+    const auto view =
+        TakeNetwork(KEMD_NETWORK_ADDRESSES | KEMD_NETWORK_DRIVER | KEMD_NETWORK_LINK_SPEED);
     if (!view) return kError;
     std::vector<InterfaceView> wanted = view->Interfaces();
     std::erase_if(wanted, [&](InterfaceView each) { return !filter.Matches(each); });
@@ -76,10 +81,12 @@ int ListInterfaces(ReportWriter& report, const InterfaceFilter& filter) {
         Complain("no interface matches");
         return kNo;
     }
-    std::vector<TableRow> rows = {
-        {"name", "state", "kind", "speed", "MAC", "driver", "slot", "addresses"}};
-    std::transform(wanted.begin(), wanted.end(), std::back_inserter(rows), RowOf);
-    ShowTable(report, rows);
+    report.ForPeople([&] {
+        std::vector<TableRow> rows = {
+            {"name", "state", "kind", "speed", "MAC", "driver", "slot", "addresses"}};
+        std::transform(wanted.begin(), wanted.end(), std::back_inserter(rows), RowOf);
+        ShowTable(report, rows);
+    });
     return kYes;
 }
 
@@ -109,13 +116,11 @@ bool TakeFilter(CommandLine& line, InterfaceFilter& filter) {
 }  // namespace
 
 bool InterfaceFilter::Matches(InterfaceView interface) const {
-    const std::string state = StateOf(interface);
-    const bool isWanted =
-        (states.empty() || std::any_of(states.begin(), states.end(),
-                                       [&](const char* each) { return each == state; })) &&
-        MatchesAny(kinds, interface.TextOr(KEMD_NET_KIND)) &&
-        MatchesAny(drivers, interface.TextOr(KEMD_NET_DRIVER));
-    if (!isWanted || MatchesAny(names, interface.TextOr(KEMD_NET_NAME))) return isWanted;
+    const auto isState = [&](const char* wanted) { return StateOf(interface) == wanted; };
+    const bool isWanted = (states.empty() || std::any_of(states.begin(), states.end(), isState)) &&
+                          MatchesAny(kinds, interface, KEMD_NET_KIND) &&
+                          MatchesAny(drivers, interface, KEMD_NET_DRIVER);
+    if (!isWanted || MatchesAny(names, interface, KEMD_NET_NAME)) return isWanted;
     const auto others = interface.List(KEMD_NETWORK_ALTERNATIVE_NAMES);
     return std::any_of(others.begin(), others.end(),
                        [&](const std::string& other) { return MatchesAny(names, other); });

@@ -73,8 +73,9 @@ std::optional<unsigned> SlotOf(InterfaceView interface) {
     unsigned segment = 0;
     unsigned bus = 0;
     unsigned device = 0;
-    const std::string address = interface.TextOr(KEMD_NET_BUS_ADDRESS);
-    if (std::sscanf(address.c_str(), "%x:%x:%x.", &segment, &bus, &device) != 3) return {};
+    const auto address = interface.Text(KEMD_NET_BUS_ADDRESS);
+    if (!address || std::sscanf(address->c_str(), "%x:%x:%x.", &segment, &bus, &device) != 3)
+        return {};
     // The map knows the first segment alone.
     if (segment != 0 || bus > UINT8_MAX || device > UINT8_MAX) return {};
     const uint8_t slot =
@@ -151,6 +152,9 @@ std::string Joined(const std::vector<std::string>& texts, const char* between) {
 void StateRow(ReportWriter& report, InterfaceView interface) {
     report.Number("index", interface.Number(KEMD_NET_INDEX));
     report.Text("name", interface.TextOr(KEMD_NET_NAME));
+    const auto plain = [&](const std::string& each) { report.Text({}, each); };
+    const auto others = interface.List(KEMD_NETWORK_ALTERNATIVE_NAMES);
+    if (!others.empty()) report.List("alternative_names", others, plain);
     report.Text("state", StateOf(interface));
     report.Text("kind", interface.TextOr(KEMD_NET_KIND));
     report.Number("speed", interface.Number(KEMD_NET_SPEED));
@@ -158,8 +162,7 @@ void StateRow(ReportWriter& report, InterfaceView interface) {
         if (const auto value = interface.Text(field)) report.Text(key, *value);
     };
     text("mac", KEMD_NET_MAC);
-    report.List("addresses", AddressTexts(interface),
-                [&](const std::string& address) { report.Text({}, address); });
+    report.List("addresses", AddressTexts(interface), plain);
     text("driver", KEMD_NET_DRIVER);
     report.Number("slot", SlotOf(interface));
 }

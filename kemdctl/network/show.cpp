@@ -30,7 +30,8 @@ constexpr Group kGroups[] = {{KEMD_NET_INDEX, "Identity"},
                              {KEMD_NET_RX_PACKETS, "Counters"},
                              {KEMD_NET_BUS, "Hardware"},
                              {KEMD_NET_PAUSE_AUTO, "Settings"},
-                             {KEMD_NET_MODULE_TYPE, "Plugged module"}};
+                             {KEMD_NET_MODULE_TYPE, "Plugged module"},
+                             {KEMD_NET_TEAM_MODE, "Team"}};
 
 struct ListRow {
     uint32_t list;
@@ -111,7 +112,7 @@ class InterfaceReport {
     void List(const ListRow& row);
     void StateAddress(const KemdNetworkAddress& address);
     void StateRoute(const KemdNetworkRoute& route);
-    void NoteError(const char* name, int error);
+    void NoteError(const char* name, int error, const char* label = nullptr);
     void Relations();
 
     ReportWriter& m_report;
@@ -119,7 +120,12 @@ class InterfaceReport {
     InterfaceView m_interface;
     InterfaceNames m_names;
     const char* m_title = nullptr;  // not shown yet
-    std::vector<std::pair<const char*, int>> m_absent;
+    struct AbsentValue {
+        const char* name;
+        const char* label;  // of all that are absent together; null: the name
+        int error;
+    };
+    std::vector<AbsentValue> m_absent;
 };
 
 std::string Label(std::string name) {
@@ -138,14 +144,15 @@ void InterfaceReport::Texts(const char* name, const std::vector<std::string>& te
     if (isShown) Line(Label(name), Printable(Joined(texts)));
 }
 
-void InterfaceReport::NoteError(const char* name, int error) {
-    if (error != EOPNOTSUPP && error != ENODATA) m_absent.emplace_back(name, error);
+void InterfaceReport::NoteError(const char* name, int error, const char* label) {
+    if (error != EOPNOTSUPP && error != ENODATA) m_absent.push_back({name, label, error});
 }
 
 void InterfaceReport::Field(uint32_t field, const KemdNetworkFieldInfo& info) {
     int error = 0;
     const auto text = FieldText(m_interface, field, m_names, &error);
-    if (!text) return NoteError(info.name, error);
+    const bool isOfModule = info.part == KEMD_NETWORK_MODULE;
+    if (!text) return NoteError(info.name, error, isOfModule ? "plugged_module" : nullptr);
     StateValue(field, info);
     Line(Label(info.name), *text);
 }
@@ -180,7 +187,7 @@ void InterfaceReport::List(const ListRow& row) {
     const int error = KemdNetworkListAt(m_interface.Get(), row.list, 0, nullptr, &size);
     const bool isEmpty = texts.empty() && error == ENOENT;
     if (!texts.empty() || isEmpty) return Texts(row.name, texts, !isEmpty);
-    NoteError(row.name, error);
+    NoteError(row.name, error, row.list >= KEMD_NETWORK_WAKE_MODES ? "wake-on-LAN" : nullptr);
 }
 
 // What the fields do not have: the members, and the slot.
@@ -360,10 +367,15 @@ void InterfaceReport::Statistics() {
 void InterfaceReport::Absent() {
     m_title = "Not shown";
     m_report.OpenObject("absent");
-    for (const auto& [name, error] : m_absent) {
+    std::string last;
+    for (const auto& [name, label, error] : m_absent) {
         m_report.Text(name, std::strerror(error));
         const bool needsRights = error == EPERM || error == EACCES;
-        Line(Label(name), std::string(std::strerror(error)) + (needsRights ? "; ask as root" : ""));
+        const std::string shown = Label(label != nullptr ? label : name);
+        const std::string why =
+            std::string(std::strerror(error)) + (needsRights ? "; ask as root" : "");
+        if (shown + why != last) Line(shown, why);
+        last = shown + why;
     }
     m_report.Close();
 }

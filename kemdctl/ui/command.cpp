@@ -179,4 +179,7 @@ void PrepareStreams() {
         const int flags = fd == STDIN_FILENO ? O_WRONLY : O_RDONLY;
         if (fcntl(fd, F_GETFD) < 0) (void)!open("/dev/null", flags);
     }
+    // A terminal shows lines as they come; all else takes many at once.
+    static char buffer[32 << 10];
+    if (isatty(STDOUT_FILENO) == 0) (void)std::setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
 }

@@ -69,6 +69,11 @@ class ReportWriter {
     void Line(Make make) {
         if (!m_asJson) Line(std::string_view(make()));
     }
+    // Lines that take work to make: `show` writes them, when they are shown.
+    template <std::invocable Show>
+    void ForPeople(Show show) {
+        if (!m_asJson) show();
+    }
     // A line "label:  text"; the texts form a column.
     void Field(std::string_view label, std::string_view text);
     void SetColumn(size_t column) { m_column = column; }

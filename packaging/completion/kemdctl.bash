@@ -93,6 +93,11 @@ _kemdctl_interfaces() {
         name=${path##*/}
         [[ -L $path && $name == "$(_kemdctl_unquote "$cur")"* ]] && COMPREPLY+=("$name")
     done
+    # sysfs lacks alternative names.
+    while read -r name; do
+        [[ $name == "$(_kemdctl_unquote "$cur")"* ]] && COMPREPLY+=("$name")
+    done < <(timeout 2 kemdctl network --json 2>/dev/null </dev/null |
+        sed 's/"alternative_names":\[\([^]\\]*\)\]/\n@\1\n/g' | sed -n 's/^@"\(.*\)"$/\1/p' | sed 's/","/\n/g')
     compopt -o filenames 2>/dev/null # for its quoting
 }
 

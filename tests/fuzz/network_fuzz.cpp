@@ -8,6 +8,7 @@
 #include "network/module_eeprom.h"
 #include "network/netlink_socket.h"
 #include "network/snapshot.h"
+#include "network/team.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace {
@@ -88,7 +89,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         auto interface = std::make_shared<KemdNetworkInterface>(snapshot.facts);
         interface->Set(KEMD_NET_INDEX, EthtoolIndex(message.payload));
         ReadEthtool(data[0], message.payload, *interface);
-        snapshot.Put(std::move(interface));
+        snapshot.Put(interface);
+        ReadTeam(message.payload, snapshot, *interface);
         return true;
     });
     uint64_t last = 0;

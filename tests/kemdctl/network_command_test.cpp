@@ -86,10 +86,11 @@ TEST_F(NetworkCommand, ListsWhatIsWanted) {
             EXPECT_EQ(isThere, isWanted) << filter << " " << name;
         }
     }
-    EXPECT_TRUE(Holds(Ctl("network --json --name p0").out,
-                      {"\"state\":\"up\",\"kind\":\"veth\",\"speed\":10000,"
-                       "\"mac\":\"02:00:00:00:00:01\",\"addresses\":[\"192.0.2.1/24\","
-                       "\"2001:db8::1/64\"],\"driver\":\"veth\"}"}));
+    EXPECT_TRUE(Holds(
+        Ctl("network --json --name p0").out,
+        {"\"alternative_names\":[\"second\"],\"state\":\"up\",\"kind\":\"veth\",\"speed\":10000,"
+         "\"mac\":\"02:00:00:00:00:01\",\"addresses\":[\"192.0.2.1/24\","
+         "\"2001:db8::1/64\"],\"driver\":\"veth\"}"}));
     ExpectAll("network ",
               {{"list --name 'p[5-9]'", 1, "", "no interface matches\n"},
                {"show p9", 1, "", "there is no interface p9\n"},
@@ -178,12 +179,20 @@ TEST_F(NetworkCommand, AnOrdinaryUserSeesTheRest) {
         __user_cap_data_struct none[2]{};
         if (prctl(PR_SET_SECUREBITS, SECBIT_NOROOT) != 0) return 99;
         if (syscall(SYS_capset, &header, none) != 0) return 98;
+        WriteFile("/tmp/text", Ctl("network show p0").out);
         return Ctl("network show p0 --json").code;
     });
+    const std::string text = ReadFile("/tmp/text");
+    EXPECT_TRUE(Holds(text,
+                      {"Not shown\n  wake-on-LAN:              Operation not permitted; ask as "
+                       "root\n  plugged module:           Operation not permitted; ask as root\n"},
+                      {"module vendor"}))
+        << text;
     EXPECT_EQ(code, 0);
     const std::string out = ReadFile("/tmp/out");
     EXPECT_TRUE(JsonCheck::IsValid(out)) << out;
-    EXPECT_TRUE(Holds(out, {"\"driver\":\"veth\"", "Operation not permitted"})) << out;
+    EXPECT_TRUE(Holds(out, {"\"driver\":\"veth\"", "\"module_vendor\":\"Operation not permitted"}))
+        << out;
     EXPECT_TRUE(Contains(ReadFile("/tmp/err"), "kemdctl: note: ")) << ReadFile("/tmp/err");
 }
 

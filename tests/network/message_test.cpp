@@ -1,12 +1,15 @@
-// What no kernel here sends: virtual functions and plugged modules, as bytes.
+// What most kernels do not send: virtual functions, teams and plugged modules, as bytes.
 #include <arpa/inet.h>
+#include <linux/genetlink.h>
 #include <linux/if_link.h>
+#include <linux/if_team.h>
 #include <linux/rtnetlink.h>
 
 #include <cstring>
 
 #include "network/messages.h"
 #include "network/module_eeprom.h"
+#include "network/team.h"
 #include "network/view.h"
 #include "tests/world.h"
 
@@ -58,6 +61,43 @@ TEST(NetworkMessageTest, VirtualFunctions) {
         const size_t expected = size < first ? 0 : 1 + (size - first) / each;
         EXPECT_EQ(ReadVirtualFunctions(std::string(list, 0, size), 6).size(), expected) << size;
     }
+}
+
+TEST(NetworkMessageTest, Teams) {
+    KemdNetworkSnapshot snapshot;
+    const auto facts = std::make_shared<NetworkFacts>();
+    for (const uint32_t index : {1U, 2U, 3U}) {
+        auto interface = std::make_shared<KemdNetworkInterface>(facts);
+        interface->Set(KEMD_NET_INDEX, index);
+        snapshot.Put(std::move(interface));
+    }
+    KemdNetworkInterface& team = *snapshot.Find(1);
+    snapshot.Find(2)->Set(KEMD_NET_MASTER, 1);
+    const auto option = [](const char* name, const std::string& rest) {
+        return Attr(TEAM_ATTR_ITEM_OPTION, Attr(TEAM_ATTR_OPTION_NAME, name) + rest);
+    };
+    const auto port = [](uint32_t index) {
+        return Attr(TEAM_ATTR_OPTION_PORT_IFINDEX, Raw(index));
+    };
+    const std::string options =
+        option("mode", Attr(TEAM_ATTR_OPTION_DATA, "loadbalance")) +
+        option("activeport", Attr(TEAM_ATTR_OPTION_DATA, Raw(uint32_t{2}))) +
+        option("enabled", port(2) + Attr(TEAM_ATTR_OPTION_DATA, "")) +
+        option("enabled", port(3) + Attr(TEAM_ATTR_OPTION_DATA, "")) + option("enabled", port(9));
+    const std::string message =
+        Raw(genlmsghdr{}) + Attr(TEAM_ATTR_LIST_OPTION, options) +
+        Attr(TEAM_ATTR_LIST_PORT,
+             Attr(TEAM_ATTR_ITEM_PORT, Attr(TEAM_ATTR_PORT_IFINDEX, Raw(uint32_t{2}))));
+    for (size_t size = 0; size <= message.size(); ++size) {
+        ReadTeam(std::string(message, 0, size), snapshot, team);
+    }
+    EXPECT_EQ(team.Text(KEMD_NET_TEAM_MODE), "loadbalance");
+    EXPECT_EQ(team.Number(KEMD_NET_TEAM_ACTIVE), 2U);
+    EXPECT_EQ(snapshot.Find(2)->Number(KEMD_NET_TEAM_MEMBER_ENABLED), 1U);
+    EXPECT_TRUE(snapshot.Find(2)->Has(KEMD_NET_TEAM_MEMBER_LINK));
+    EXPECT_EQ(snapshot.Find(2)->Number(KEMD_NET_TEAM_MEMBER_LINK), 0U);
+    // Another interface than the team's is not touched.
+    EXPECT_FALSE(snapshot.Find(3)->Has(KEMD_NET_TEAM_MEMBER_ENABLED));
 }
 
 TEST(NetworkMessageTest, Modules) {

@@ -188,9 +188,23 @@ TEST_F(NetworkTest, TheIoctlAnswersWhereNetlinkDoesNot) {
         }
         return text;
     };
+    // What is asked for of the hardware, and no more.
+    const auto parts = [] {
+        const NetworkView driver = Take(KEMD_NETWORK_DRIVER);
+        const NetworkView speed = Take(KEMD_NETWORK_LINK_SPEED);
+        uint64_t number = 0;
+        size_t size = 0;
+        EXPECT_EQ(driver.ByName("p0").TextOr(KEMD_NET_DRIVER), "veth");
+        EXPECT_EQ(speed.ByName("p0").TextOr(KEMD_NET_SPEED), "10000");
+        EXPECT_EQ(KemdNetworkNumber(driver.ByName("p0").Get(), KEMD_NET_SPEED, &number), ENODATA);
+        EXPECT_EQ(KemdNetworkText(speed.ByName("p0").Get(), KEMD_NET_DRIVER, nullptr, &size),
+                  ENODATA);
+    };
     const NetworkView netlink = Take();
+    parts();
     isGenericRefused = true;
     const NetworkView ioctl = Take();
+    parts();
     isGenericRefused = false;
     EXPECT_EQ(state(netlink), state(ioctl));
     EXPECT_NE(state(ioctl).find("veth"), std::string::npos);

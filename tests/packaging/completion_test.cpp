@@ -4,10 +4,10 @@
 namespace {
 
 // What is offered for the last of the words.
-std::string Offered(const std::string& words) {
+std::string Offered(const std::string& words, const std::string& before = "") {
     const std::string command = words.substr(0, words.find(' '));
-    WriteFile("/tmp/complete", "source /completion/" + command + ".bash\nCOMP_WORDS=(" + words +
-                                   ")\nCOMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n_" +
+    WriteFile("/tmp/complete", before + "\nsource /completion/" + command + ".bash\nCOMP_WORDS=(" +
+                                   words + ")\nCOMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n_" +
                                    (command == "kemd-module-host" ? "kemd_module_host" : command) +
                                    "\nprintf '%s\\n' \"${COMPREPLY[*]}\"\n");
     EXPECT_EQ(Shell("cd /tmp && bash /tmp/complete"), 0) << Output();
@@ -46,6 +46,9 @@ TEST(Completion, OffersWhatFits) {
         {"kemdctl registry get -", "--expand --help --json\n"},
     };
     for (const auto& [words, offered] : cases) EXPECT_EQ(Offered(words), offered) << words;
+    const std::string answer =
+        R"(timeout() { printf %s '{"interfaces":[{"alternative_names":["eth,2"]},{"alternative_names":["eth\"3"]},{"alternative_names":["eth]","ethernet"]}]}'; })";
+    EXPECT_EQ(Offered("kemdctl network show eth", answer), "eth0 eth1.5 eth,2\n");
 }
 
 // No option of a help text is missing in either shell. Those of kemdctl are read from the help.
