@@ -85,7 +85,11 @@ std::vector<size_t> Choose(const Recording& recording, size_t rows, bool constan
     return chosen;
 }
 
+// In blocks of as many rows as the history has.
 size_t BlockSize(const Recording& recording, const std::vector<size_t>& chosen, size_t rows) {
+    constexpr size_t kBlockRows = 512;
+    size_t size = 0;
+    BlockHead head;
     BlockBuilder builder(512 << 10);
     builder.Begin();
     std::vector<RowColumn> columns(chosen.size());
@@ -96,10 +100,12 @@ size_t BlockSize(const Recording& recording, const std::vector<size_t>& chosen, 
                           {recording.columns[chosen[i]][row], true}};
         }
         builder.Add(recording.times[row], columns);
+        if (builder.Rows() < kBlockRows && row + 1 < rows) continue;
+        (void)builder.Finish(head);
+        size += head.size;
+        builder.Begin();
     }
-    BlockHead head;
-    (void)builder.Finish(head);
-    return head.size;
+    return size;
 }
 
 // The textbook's coder: doubles as the exclusive or with the one before, in a window of its bits.

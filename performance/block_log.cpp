@@ -5,8 +5,8 @@
 
 namespace {
 
-constexpr uint32_t kMostSampleRows = 1024;
-constexpr uint32_t kMostStepRows = 512;
+// More would compress a little better, but a reader of the last minutes has to decode all of them.
+constexpr uint32_t kMostBlockRows = 512;
 
 }  // namespace
 
@@ -65,8 +65,7 @@ uint32_t BlockLog::AddColumns(std::span<const ColumnId> ids, uint16_t tag) {
 }
 
 bool BlockLog::Append(const SampleTime& time, std::span<const Cell> cells) {
-    const uint32_t mostRows = m_number == kSamples ? kMostSampleRows : kMostStepRows;
-    const bool isFull = m_builder.Rows() >= mostRows || !m_builder.HasRoom(m_columns.size());
+    const bool isFull = m_builder.Rows() >= kMostBlockRows || !m_builder.HasRoom(m_columns.size());
     if (isFull) {
         Seal();
         return false;

@@ -12,7 +12,11 @@
 #include <cstdlib>
 #include <numeric>
 
-inline constexpr uint32_t kEven = 32768;  // of 65536
+// How many plain bits go into the interval at once: it may be as narrow as a single number.
+inline int PlainBits(uint32_t low, uint32_t high, int wanted) {
+    const int room = std::bit_width(high - low) - 1;
+    return std::min({wanted, std::max(room - 8, 1), 8});
+}
 
 // How probable a set bit is, learnt fast at first and then slowly.
 class BitModel {
@@ -54,7 +58,14 @@ class BitEncoder {
     }
     // Bits that nothing is known about, the highest first.
     uint64_t Plain(int count, uint64_t bits) {
-        for (int i = count - 1; i >= 0; --i) Narrow(kEven, (bits >> i & 1) != 0);
+        for (int left = count; left > 0;) {
+            const int now = PlainBits(m_low, m_high, left);
+            left -= now;
+            const auto part = static_cast<uint32_t>((uint64_t{m_high - m_low} + 1) >> now);
+            m_low += part * static_cast<uint32_t>(bits >> left & ((uint64_t{1} << now) - 1));
+            m_high = m_low + part - 1;
+            Shift();
+        }
         return bits;
     }
     // The fewest bytes that tell the interval; zeros follow for the decoder.
@@ -73,6 +84,9 @@ class BitEncoder {
         const uint32_t middle =
             m_low + static_cast<uint32_t>(uint64_t{m_high - m_low} * probability >> 16);
         (bit ? m_high : m_low) = bit ? middle : middle + 1;
+        Shift();
+    }
+    void Shift() {
         while (((m_low ^ m_high) & 0xff000000U) == 0) {
             m_sink(static_cast<uint8_t>(m_high >> 24));
             m_low <<= 8;
@@ -89,7 +103,7 @@ class BitEncoder {
 class BitDecoder {
   public:
     BitDecoder(const uint8_t* begin, const uint8_t* end) : m_next(begin), m_end(end) {
-        for (int i = 0; i < 4; ++i) Shift();
+        for (int i = 0; i < 4; ++i) Take();
     }
 
     bool Bit(BitModel& model, bool /*bit*/) {
@@ -99,22 +113,34 @@ class BitDecoder {
     }
     uint64_t Plain(int count, uint64_t /*bits*/) {
         uint64_t bits = 0;
-        for (int i = 0; i < count; ++i) bits = bits << 1 | (Narrow(kEven) ? 1 : 0);
+        for (int left = count; left > 0;) {
+            const int now = PlainBits(m_low, m_high, left);
+            left -= now;
+            const auto part = static_cast<uint32_t>((uint64_t{m_high - m_low} + 1) >> now);
+            const uint32_t read = std::min((m_value - m_low) / part, (1U << now) - 1);
+            bits = bits << now | read;
+            m_low += part * read;
+            m_high = m_low + part - 1;
+            Shift();
+        }
         return bits;
     }
 
   private:
-    void Shift() { m_value = m_value << 8 | (m_next < m_end ? *m_next++ : 0); }
+    void Take() { m_value = m_value << 8 | (m_next < m_end ? *m_next++ : 0); }
+    void Shift() {
+        while (((m_low ^ m_high) & 0xff000000U) == 0) {
+            m_low <<= 8;
+            m_high = m_high << 8 | 0xff;
+            Take();
+        }
+    }
     bool Narrow(uint32_t probability) {
         const uint32_t middle =
             m_low + static_cast<uint32_t>(uint64_t{m_high - m_low} * probability >> 16);
         const bool bit = m_value <= middle;
         (bit ? m_high : m_low) = bit ? middle : middle + 1;
-        while (((m_low ^ m_high) & 0xff000000U) == 0) {
-            m_low <<= 8;
-            m_high = m_high << 8 | 0xff;
-            Shift();
-        }
+        Shift();
         return bit;
     }
 

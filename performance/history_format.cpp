@@ -24,7 +24,7 @@ FileHead MakeFileHead(uint64_t size, const std::string& host) {
     areas[kProcessNotes].size = RoundDown(size / 32);
     uint64_t left = head.size - kPage;
     for (const AreaPlace& area : areas) left -= area.size;
-    areas[kMinutes].size = RoundDown(left / 100 * 77);
+    areas[kMinutes].size = RoundDown(left / 100 * 78);
     areas[kHours].size = left - areas[kMinutes].size;
     uint64_t offset = kPage;
     for (uint32_t i = 0; i < kAreas; ++i) {

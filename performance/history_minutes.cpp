@@ -6,8 +6,8 @@
 
 namespace {
 
-// Rates and distances of a mean keep 9 significant bits, in the order of the numbers.
-constexpr int kDropped = 44;
+// Rates and distances of a mean keep 8 significant bits, in the order of the numbers.
+constexpr int kDropped = 45;
 
 uint64_t Short(double number) {
     if (!(number > 0)) return 0;

@@ -377,15 +377,14 @@ void HistoryReader::File::ReadCoarse(uint32_t number, const std::vector<const Ke
 std::vector<bool> HistoryReader::File::NeededSamples(const Request& request) const {
     const std::vector<Part>& parts = logs[kSamples].parts;
     std::vector<bool> needed(parts.size() + 1);
-    bool isNextIn = false;
+    bool isNextWanted = false;
     for (size_t i = parts.size(); i-- > 0;) {
         const Part& part = parts[i];
-        const bool isIn = part.mostWall >= request.span.from && part.leastWall < request.span.to &&
-                          !request.IsUsed(part.first, part.last);
+        const bool isIn = part.mostWall >= request.span.from && part.leastWall < request.span.to;
+        const bool isWanted = isIn && !request.IsUsed(part.first, part.last);
         // The rate of its first sample needs the one before.
-        const bool isBefore = isNextIn && parts[i + 1].leastWall >= request.span.from;
-        needed[i] = isIn || isBefore;
-        isNextIn = isIn;
+        needed[i] = isWanted || (isNextWanted && parts[i + 1].leastWall >= request.span.from);
+        isNextWanted = isWanted;
     }
     return needed;
 }

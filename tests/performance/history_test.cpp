@@ -181,14 +181,14 @@ TEST_F(HistoryTest, SamplesMinutesAndHoursComeBackAndGoRound) {
             if (point.wall % step != 0) continue;
             const int64_t to = std::min((point.wall - kStart) / kSecond, kSamples) - 1;
             EXPECT_EQ(point.last, static_cast<double>(Counter(to))) << step << " " << to;
-            EXPECT_NEAR(point.maximum, static_cast<double>(to + 3), point.maximum / 1000);
+            EXPECT_NEAR(point.maximum, static_cast<double>(to + 3), point.maximum / 250);
         }
     }
     const Points hours = ReadAll(*reader, kHour);
     ASSERT_EQ(hours[0].size(), 28U);
     EXPECT_DOUBLE_EQ(hours[0][5].minimum, -5);
     EXPECT_DOUBLE_EQ(hours[0][5].maximum, 4.99);
-    EXPECT_NEAR(hours[2][5].mean, (18000 + 21600 + 6) / 2.0, 40);
+    EXPECT_NEAR(hours[2][5].mean, (18000 + 21600 + 6) / 2.0, 80);
 }
 
 TEST_F(HistoryTest, AKillAtAnyMomentLosesNothing) {
@@ -251,8 +251,10 @@ TEST_F(HistoryTest, APowerCutLosesAtMostWhatCameAfterTheLastSync) {
         auto other = std::move(writer);
         const auto reader = OpenReader();
         std::vector<int64_t> numbers = CheckFive(*reader, 10 * kMinute);
-        ASSERT_TRUE(IsRun(numbers));
-        ASSERT_GE(numbers.back(), synced) << variant;
+        // What came after the sync may have holes.
+        const auto end = std::upper_bound(numbers.begin(), numbers.end(), synced);
+        ASSERT_TRUE(IsRun({numbers.begin(), end}));
+        ASSERT_TRUE(end != numbers.begin() && *std::prev(end) == synced) << variant;
         // The next run goes on with it.
         OpenWriter();
         AppendFive(numbers.back() + 1);
