@@ -43,6 +43,18 @@ void RefuseLimit(const XmlLimits& limits, uint32_t limit) {
     throw XmlRefusal{KEMD_XML_CAUSE_LIMIT, text, limit};
 }
 
+// Most names are short, and the same again and again.
+uint32_t XmlBuilder::ElementName(std::string_view name) {
+    uint64_t word = 0;
+    if (name.size() > sizeof word) return Name(name);
+    for (size_t i = 0; i < name.size(); ++i) {
+        word |= uint64_t{static_cast<unsigned char>(name[i])} << 8 * i;
+    }
+    ShortName& known = m_short[word * 0x9E3779B97F4A7C15U >> 58];
+    if (known.word != word) known = {word, Name(name)};
+    return known.number;
+}
+
 uint32_t XmlBuilder::Name(std::string_view name) {
     if (const uint32_t known = m_document.strings.Find(name); known != 0) return known;
     const uint64_t most = m_limits[KEMD_XML_LIMIT_NAME];
@@ -96,21 +108,28 @@ void XmlBuilder::Declare(KemdXmlDocument::Attribute& attribute) {
     m_uris[prefix] = uri;
 }
 
+// expat has each name of an attribute in one place for as long as it lives.
+uint32_t XmlBuilder::AttributeName(const char* name) {
+    KnownName& known = m_known[reinterpret_cast<uintptr_t>(name) / 8 % m_known.size()];
+    if (known.text != name) known = {name, Name(name)};
+    return known.number;
+}
+
 void XmlBuilder::AddAttributes(uint32_t element, const char* const* names, XmlPlace place,
                                const std::vector<XmlPlace>& places) {
     const uint64_t most = m_limits[KEMD_XML_LIMIT_ATTRIBUTES];
     uint32_t last = 0;
     for (size_t i = 0; names[2 * i] != nullptr; ++i) {
         if (most != 0 && i >= most) RefuseLimit(m_limits, KEMD_XML_LIMIT_ATTRIBUTES);
-        const std::string_view name = names[2 * i], value = names[2 * i + 1];
+        const std::string_view value = names[2 * i + 1];
         KemdXmlDocument::Attribute attribute{};
-        attribute.name = Name(name) & kNameBits;
+        attribute.name = AttributeName(names[2 * i]) & kNameBits;
         attribute.owner = element;
         attribute.length = static_cast<uint32_t>(value.size());
         attribute.text = m_document.AddText(value);
         attribute.isDefault = i < places.size() ? 0 : 1;
         attribute.place = i < places.size() ? places[i] : place;
-        m_delivered += name.size() + value.size();
+        m_delivered += m_document.strings.View(attribute.name).size() + value.size();
         const bool isDeclaration =
             attribute.name == m_document.xmlnsName ||
             m_document.strings.Prefix(attribute.name) == m_document.xmlnsName;
@@ -124,7 +143,7 @@ void XmlBuilder::AddAttributes(uint32_t element, const char* const* names, XmlPl
 
 void XmlBuilder::ResolveAttributes(uint32_t first) {
     StringTable& strings = m_document.strings;
-    m_keys.clear();
+    m_prefixed.clear();
     for (uint32_t at = first; at != 0; at = m_document.attributes[at].next) {
         KemdXmlDocument::Attribute& each = m_document.attributes[at];
         if (!strings.IsQualifiedName(each.name)) {
@@ -135,11 +154,16 @@ void XmlBuilder::ResolveAttributes(uint32_t first) {
             each.uri = m_document.xmlnsUri;
         } else if (strings.Prefix(each.name) != 0) {
             each.uri = Resolve(each.name);
-            m_keys.push_back(uint64_t{each.uri} << 32 |
-                             strings.Add(std::string(strings.Local(each.name))));
+            m_prefixed.push_back(at);
         }
     }
-    if (m_keys.size() < 2) return;
+    if (m_prefixed.size() < 2) return;
+    m_keys.clear();
+    for (const uint32_t at : m_prefixed) {
+        const KemdXmlDocument::Attribute& each = m_document.attributes[at];
+        m_keys.push_back(uint64_t{each.uri} << 32 |
+                         strings.Add(std::string(strings.Local(each.name))));
+    }
     std::sort(m_keys.begin(), m_keys.end());
     const auto twice = std::adjacent_find(m_keys.begin(), m_keys.end());
     if (twice == m_keys.end()) return;
@@ -156,7 +180,7 @@ void XmlBuilder::Start(const char* name, const char* const* names, XmlPlace plac
     const std::string_view view = name;
     KemdXmlDocument::Node node{};
     node.kind = KEMD_XML_ELEMENT;
-    node.name = Name(view) & kNameBits;
+    node.name = ElementName(view) & kNameBits;
     node.place = place;
     m_delivered += view.size();
     if (!m_document.strings.IsQualifiedName(node.name) ||

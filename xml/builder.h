@@ -60,7 +60,19 @@ class XmlBuilder {
         uint32_t uri;
     };
 
+    struct KnownName {
+        const char* text;
+        uint32_t number;
+    };
+
+    struct ShortName {
+        uint64_t word;  // its bytes
+        uint32_t number;
+    };
+
     uint32_t Name(std::string_view name);
+    uint32_t ElementName(std::string_view name);
+    uint32_t AttributeName(const char* name);
     void Count();
     void AddAttributes(uint32_t element, const char* const* names, XmlPlace place,
                        const std::vector<XmlPlace>& places);
@@ -77,5 +89,9 @@ class XmlBuilder {
     uint64_t m_delivered = 0;
     std::vector<uint32_t> m_uris;  // by number of a prefix, in scope now; 0: not declared
     std::vector<Undo> m_undo;      // what is in scope again after an element
-    std::vector<uint64_t> m_keys;  // of attributes with prefixes, to find duplicates
+    // Attributes with prefixes, and keys to find duplicates among them.
+    std::vector<uint32_t> m_prefixed;
+    std::vector<uint64_t> m_keys;
+    std::array<KnownName, 64> m_known{};
+    std::array<ShortName, 64> m_short{};
 };

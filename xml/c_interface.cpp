@@ -185,11 +185,7 @@ KemdXmlNode KemdXmlNext(const KemdXmlDocument* document, KemdXmlNode node) {
 }
 
 KemdXmlNode KemdXmlPrevious(const KemdXmlDocument* document, KemdXmlNode node) {
-    if (!IsGood(document, node)) return KEMD_XML_NONE;
-    if (!KemdXmlDocument::IsAttribute(node)) return document->At(node).previous;
-    KemdXmlNode each = document->FirstAttribute(document->Parent(node)), last = KEMD_XML_NONE;
-    for (; each != KEMD_XML_NONE && each != node; each = document->Next(each)) last = each;
-    return last;
+    return IsGood(document, node) ? document->Previous(node) : KEMD_XML_NONE;
 }
 
 KemdXmlNode KemdXmlFirstAttribute(const KemdXmlDocument* document, KemdXmlNode element) {

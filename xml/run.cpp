@@ -140,7 +140,7 @@ XmlRun::XmlRun(const XmlLimits& limits, const Encoding* wanted, KemdXmlError& er
 
 XmlRun::~XmlRun() = default;
 
-int XmlRun::Open(bool isAll) {
+int XmlRun::Open(bool isAll, size_t later) {
     Detection detection;
     if (!Detect(m_head, isAll, m_wanted, detection)) return 0;
     m_isOpen = true;
@@ -157,7 +157,10 @@ int XmlRun::Open(bool isAll) {
     }
     m_origin.Begin(detection.encoding, detection.mark);
     const std::string head = std::move(m_head);
-    return Decode(std::string_view(head).substr(detection.mark), false);
+    m_source -= later;
+    const int result = Decode(std::string_view(head).substr(detection.mark), false);
+    m_source += later;
+    return result;
 }
 
 int XmlRun::Room() {
@@ -221,8 +224,12 @@ int XmlRun::Feed(std::string_view bytes) {
     if (m_isOpen) {
         result = Decode(bytes, false);
     } else {
-        m_head += bytes;
-        result = Open(false);
+        constexpr size_t kHead = 4096;
+        const size_t taken = std::min(bytes.size(), kHead - std::min(m_head.size(), kHead));
+        m_head += bytes.substr(0, taken);
+        bytes.remove_prefix(taken);
+        result = Open(bytes.size() > 0, bytes.size());
+        if (result == 0 && m_isOpen) result = Decode(bytes, false);
     }
     if (result != 0 || !isTooLong) return result;
     if (m_isOpen) result = Parse(false);
@@ -236,7 +243,7 @@ int XmlRun::Feed(std::string_view bytes) {
 
 int XmlRun::Finish(std::unique_ptr<KemdXmlDocument>& document) {
     if (m_result != 0) return m_result;
-    int result = m_isOpen ? 0 : Open(true);
+    int result = m_isOpen ? 0 : Open(true, 0);
     if (result == 0 && !m_rest.empty()) result = Decode({}, true);
     if (result != 0) return result;
     if (result = Room(); result != 0) return result;
@@ -264,9 +271,10 @@ std::string_view XmlRun::Context(size_t& offset) const {
 }
 
 XmlPlace XmlRun::PlaceHere() {
+    const uint64_t distance = Index() - m_place.Index();
+    if (distance == 0) return m_place.Place();
     size_t offset = 0;
     const std::string_view context = Context(offset);
-    const uint64_t distance = Index() - m_place.Index();
     if (context.data() != nullptr && distance <= offset) {
         const char* const here = context.data() + offset;
         m_place.Advance(here - distance, here);

@@ -78,7 +78,8 @@ class XmlRun {
   private:
     friend struct XmlEvents;  // expat's handlers
 
-    [[nodiscard]] int Open(bool isAll);
+    // Begins with the head; `later` bytes of what was fed follow it.
+    [[nodiscard]] int Open(bool isAll, size_t later);
     [[nodiscard]] int Decode(std::string_view bytes, bool isLast);
     [[nodiscard]] int Room();
     [[nodiscard]] int Parse(bool isLast);

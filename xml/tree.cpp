@@ -49,6 +49,14 @@ KemdXmlNode KemdXmlDocument::Next(KemdXmlNode node) const {
     return next == 0 ? KEMD_XML_NONE : next | kAttributeBit;
 }
 
+KemdXmlNode KemdXmlDocument::Previous(KemdXmlNode node) const {
+    const KemdXmlNode parent = Parent(node);
+    KemdXmlNode each = IsAttribute(node) ? FirstAttribute(parent) : First(parent);
+    KemdXmlNode previous = KEMD_XML_NONE;
+    for (; each != node && each != KEMD_XML_NONE; each = Next(each)) previous = each;
+    return each == node ? previous : KEMD_XML_NONE;
+}
+
 KemdXmlNode KemdXmlDocument::First(KemdXmlNode node) const {
     if (IsAttribute(node)) return KEMD_XML_NONE;
     const Node& each = nodes[node];
@@ -107,13 +115,13 @@ size_t KemdXmlDocument::Bytes() const {
            facts.documentType.capacity();
 }
 
-uint32_t KemdXmlDocument::Append(uint32_t parent, uint32_t before, Node node) {
-    node.parent = parent;
-    node.next = before;
-    node.previous = before == 0 ? nodes[parent].last : nodes[before].previous;
+uint32_t KemdXmlDocument::Append(uint32_t parent, uint32_t before, const Node& node) {
+    const uint32_t previous = before == 0 ? nodes[parent].last : Previous(before);
     const uint32_t index = nodes.Add(node);
-    (node.previous == 0 ? nodes[parent].first : nodes[node.previous].next) = index;
-    (before == 0 ? nodes[parent].last : nodes[before].previous) = index;
+    nodes[index].parent = parent;
+    nodes[index].next = before;
+    (previous == 0 ? nodes[parent].first : nodes[previous].next) = index;
+    if (before == 0) nodes[parent].last = index;
     return index;
 }
 
@@ -126,8 +134,9 @@ uint32_t KemdXmlDocument::AddText(std::string_view text) {
 }
 
 void KemdXmlDocument::Unlink(uint32_t node) {
+    const uint32_t previous = Previous(node);
     const Node& gone = nodes[node];
     Node& parent = nodes[gone.parent];
-    (gone.previous == 0 ? parent.first : nodes[gone.previous].next) = gone.next;
-    (gone.next == 0 ? parent.last : nodes[gone.next].previous) = gone.previous;
+    (previous == 0 ? parent.first : nodes[previous].next) = gone.next;
+    if (gone.next == 0) parent.last = previous;
 }

@@ -25,7 +25,6 @@ struct KemdXmlDocument {
         uint32_t name : 28;  // number of a text in the table
         uint32_t parent;
         uint32_t next;
-        uint32_t previous;
         union {
             uint32_t first;  // child
             uint32_t text;   // where it begins in the characters
@@ -83,6 +82,8 @@ struct KemdXmlDocument {
     }
     [[nodiscard]] KemdXmlNode Parent(KemdXmlNode node) const;
     [[nodiscard]] KemdXmlNode Next(KemdXmlNode node) const;
+    // Walks from the first one.
+    [[nodiscard]] KemdXmlNode Previous(KemdXmlNode node) const;
     [[nodiscard]] KemdXmlNode First(KemdXmlNode node) const;
     [[nodiscard]] KemdXmlNode FirstAttribute(KemdXmlNode node) const;
     [[nodiscard]] KemdXmlNode Root() const;
@@ -96,7 +97,7 @@ struct KemdXmlDocument {
     [[nodiscard]] size_t Bytes() const;
 
     // For the builder and the editor.
-    uint32_t Append(uint32_t parent, uint32_t before, Node node);
+    uint32_t Append(uint32_t parent, uint32_t before, const Node& node);
     uint32_t AddText(std::string_view text);
     void Unlink(uint32_t node);
     // The number of the prefix that a declaration declares, 0 for "xmlns".
