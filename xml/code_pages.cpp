@@ -73,9 +73,13 @@ const CodePage* FindCodePage(uint32_t number) {
 
 const CodePage* FindCodePage(std::string_view name) {
     if (name.empty()) return nullptr;
+    // Of several numbers for one encoding, the row with the aliases.
+    const CodePage* named = nullptr;
     for (const CodePage& page : kPages) {
-        if (IsSame(page.name, name)) return &page;
+        if (!IsSame(page.name, name)) continue;
+        if (named == nullptr || *named->aliases == '\0') named = &page;
     }
+    if (named != nullptr) return named;
     for (const CodePage& page : kPages) {
         if (HasAlias(page, name)) return &page;
     }

@@ -232,18 +232,27 @@ void Encoder::End(std::string& out) {
     out.append(last, sizeof last - room);
 }
 
+// After a character that the encoding lacks in small steps, as the C library converts some
+// thousand characters each time before it finds the next one.
 size_t Encoder::ConvertByLibrary(std::string_view text, std::string& out) {
-    char* from = const_cast<char*>(text.data());
-    size_t left = text.size();
-    for (;;) {
-        char piece[4096];
+    constexpr size_t kSmallest = 16, kLargest = 4096;
+    size_t taken = 0;
+    while (taken < text.size()) {
+        size_t size = std::min(m_step, text.size() - taken);
+        while (taken + size < text.size() && (text[taken + size] & 0xC0) == 0x80) ++size;
+        char* from = const_cast<char*>(text.data()) + taken;
+        size_t left = size;
+        char piece[8 * kLargest];
         char* to = piece;
         size_t room = sizeof piece;
         const size_t result = iconv(m_conversion.Get(), &from, &left, &to, &room);
-        const int error = errno;
+        const bool isWhole = result != static_cast<size_t>(-1);
         out.append(piece, sizeof piece - room);
-        if (result != static_cast<size_t>(-1) || error != E2BIG) return text.size() - left;
+        taken += size - left;
+        m_step = isWhole ? std::min(m_step * 2, kLargest) : kSmallest;
+        if (!isWhole) break;
     }
+    return taken;
 }
 
 size_t Encoder::Convert(std::string_view text, std::string& out) {

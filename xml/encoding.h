@@ -92,6 +92,7 @@ class Encoder {
 
     Encoding m_encoding;
     Conversion m_conversion;
+    size_t m_step = 4096;  // bytes that are converted at a time
 };
 
 struct Detection {

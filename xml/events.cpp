@@ -142,7 +142,13 @@ struct XmlEvents::Handlers {
     static void Declaration(void* user, const XML_Char* version, const XML_Char* /*encoding*/,
                             int standalone) {
         Guarded(user, [&](XmlRun& run) {
-            if (version != nullptr) run.m_document->facts.version = version;
+            if (version != nullptr) {
+                const std::string_view number = version;
+                const bool isGood = number.starts_with("1.") && number.size() > 2 &&
+                                    number.find_first_not_of("0123456789", 2) == number.npos;
+                if (!isGood) throw XmlRefusal{KEMD_XML_CAUSE_SYNTAX, "this is not XML 1.0"};
+                run.m_document->facts.version = number;
+            }
             run.m_document->facts.standalone = standalone;
         });
     }
