@@ -192,6 +192,8 @@ _kemdctl() {
         modules:2) [[ ${words[1]} == list ]] || _kemdctl_modules ;;
         network:1) _kemdctl_choose "$(_kemdctl_commands network)" ;;
         network:2) [[ ${words[1]} != show ]] || _kemdctl_interfaces ;;
+        xml:1) _kemdctl_choose "$(_kemdctl_commands xml)" ;;
+        xml:*) _kemdctl_files ;;
         registry:1) _kemdctl_choose "$(_kemdctl_commands registry)" ;;
         registry:*) _kemdctl_registry "${words[@]:1}" "$cur" ;;
     esac
