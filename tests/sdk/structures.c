@@ -3,13 +3,19 @@
 #include "kemd/module_switch_table.h"
 #include "kemd/services.h"
 #include "kemd/trace_object.h"
+#include "kemd/xml.h"
 
 KEMD_API void Structures(struct KemdModule* module, struct KemdModuleV2* moduleV2,
                          struct KemdReply* reply, struct KemdTraceObject* traceObject,
-                         struct ModuleLoadParams* params, struct ModuleSwitchTable* table);
+                         struct ModuleLoadParams* params, struct ModuleSwitchTable* table,
+                         struct KemdXmlError* error, struct KemdXmlInfo* info,
+                         struct KemdXmlWriteOptions* options, struct KemdEncoding* encoding);
 
 void Structures(struct KemdModule* module, struct KemdModuleV2* moduleV2, struct KemdReply* reply,
                 struct KemdTraceObject* traceObject, struct ModuleLoadParams* params,
-                struct ModuleSwitchTable* table) {
+                struct ModuleSwitchTable* table, struct KemdXmlError* error,
+                struct KemdXmlInfo* info, struct KemdXmlWriteOptions* options,
+                struct KemdEncoding* encoding) {
     (void)module, (void)moduleV2, (void)reply, (void)traceObject, (void)params, (void)table;
+    (void)error, (void)info, (void)options, (void)encoding;
 }
