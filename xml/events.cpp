@@ -1,5 +1,4 @@
-#include "xml/events.h"
-
+// What expat calls while a document is read.
 #include <algorithm>
 #include <cstring>
 

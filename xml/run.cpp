@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "base/utf8.h"
-#include "xml/events.h"
 
 namespace {
 

@@ -63,6 +63,16 @@ class XmlOrigin {
     uint64_t m_kept = 0;  // which byte of the document m_bytes begin with
 };
 
+class XmlRun;
+
+// What expat calls while a document is read: events.cpp.
+struct XmlEvents {
+    static void Register(XmlRun& run, XML_Parser parser);
+
+  private:
+    struct Handlers;
+};
+
 class XmlRun {
   public:
     // Throws std::bad_alloc.
