@@ -69,8 +69,9 @@ KEMD_API int KemdXmlParse(const void* bytes, size_t size, struct KemdXmlDocument
 #define KEMD_XML_CAUSE_SYNTAX 1u    /* not well-formed */
 #define KEMD_XML_CAUSE_NAMESPACE 2u /* well-formed, but its names are not */
 #define KEMD_XML_CAUSE_ENTITY 3u    /* one that is not declared in the document */
-#define KEMD_XML_CAUSE_ENCODING 4u  /* bytes that the encoding does not have, or no such encoding \
-                                     */
+#define KEMD_XML_CAUSE_ENCODING                                      \
+    4u /* bytes that the encoding does not have, or no such encoding \
+        */
 #define KEMD_XML_CAUSE_LIMIT 5u
 #define KEMD_XML_CAUSE_SYSTEM 6u /* memory, a file */
 
