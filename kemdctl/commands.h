@@ -17,6 +17,7 @@ int RunPrepare(CommandLine& line, ReportWriter& report);
 int RunRegistry(CommandLine& line, ReportWriter& report);
 int RunStatus(CommandLine& line, ReportWriter& report);
 int RunTrace(CommandLine& line, ReportWriter& report);
+int RunXml(CommandLine& line, ReportWriter& report);
 
 struct Command {
     std::string_view name;
@@ -35,4 +36,5 @@ inline constexpr Command kCommands[] = {
     {"registry", "read, change, check and restore the suite's registry", RunRegistry},
     {"status", "show whether kemd runs, its lock, its trace and its modules", RunStatus},
     {"trace", "show the records of its trace files in one order", RunTrace},
+    {"xml", "check XML documents, and write them another way", RunXml},
 };

@@ -5,7 +5,7 @@
 #include <memory>
 #include <new>
 
-#include "network/answer.h"
+#include "base/answer.h"
 #include "network/ethtool_message.h"
 #include "network/fields.h"
 #include "network/network.h"

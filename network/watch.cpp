@@ -12,8 +12,8 @@
 #include <climits>
 #include <ctime>
 
+#include "base/answer.h"
 #include "kemd/services.h"
-#include "network/answer.h"
 #include "network/attributes.h"
 #include "network/difference.h"
 #include "network/ethtool_message.h"

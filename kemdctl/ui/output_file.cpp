@@ -1,15 +1,11 @@
 #include "kemdctl/ui/output_file.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include "base/unique_fd.h"
 #include "kemdctl/ui/command.h"
 #include "kemdctl/ui/text.h"
 
@@ -24,34 +20,6 @@ int FileError(const char* action, const char* path) {
     const int error = errno;
     Complain("cannot %s %s: %s", action, Printable(path).c_str(), ErrorText(error).c_str());
     return kError;
-}
-
-OutputFile::~OutputFile() {
-    const int saved = errno;
-    if (!m_name.empty()) unlink(m_name.c_str());
-    errno = saved;
-}
-
-bool OutputFile::Open() {
-    struct stat status {};
-    // Renaming would replace a device or a pipe.
-    if (stat(m_path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-        return false;
-    }
-    std::string name = m_path + ".XXXXXX";
-    m_fd.Reset(mkostemp(name.data(), O_CLOEXEC));
-    if (m_fd.IsOpen()) m_name = name;
-    return m_fd.IsOpen();
-}
-
-bool OutputFile::Commit() {
-    if (fchmod(m_fd.Get(), m_mode) != 0 || fsync(m_fd.Get()) != 0 ||
-        rename(m_name.c_str(), m_path.c_str()) != 0) {
-        return false;
-    }
-    m_name.clear();
-    return true;
 }
 
 int WriteOutputFile(const char* path, mode_t mode,

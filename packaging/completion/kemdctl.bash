@@ -213,6 +213,8 @@ _kemdctl() {
                 show | summary | list | export) _kemdctl_series ;;
             esac
             ;;
+        xml:1) _kemdctl_choose "$(_kemdctl_commands xml)" ;;
+        xml:*) _kemdctl_files ;;
         registry:1) _kemdctl_choose "$(_kemdctl_commands registry)" ;;
         registry:*) _kemdctl_registry "${words[@]:1}" "$cur" ;;
     esac

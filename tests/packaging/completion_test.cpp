@@ -27,7 +27,7 @@ TEST(Completion, OffersWhatFits) {
         {"kemd --", "--help --version\n"},
         {"kemd-module-host --t", "--timeout --trace\n"},
         {"kemd-module-host --trace = ''", "0 1 2 3 4 5 6\n"},
-        {"kemdctl ''", "check inventory modules network performance prepare registry status trace\n"},
+        {"kemdctl ''", "check inventory modules network performance prepare registry status trace xml\n"},
         {"kemdctl status --j", "--json\n"},
         {"kemdctl modules re", "restart reload request\n"},
         {"kemdctl modules stop --", "--help --json\n"},
@@ -35,6 +35,7 @@ TEST(Completion, OffersWhatFits) {
         {"kemdctl trace --tag kemd /tmp/log --tag = b", "beats\n"},
         {"kemdctl trace /tmp/log --thread ''", "0000ABCD D82A0740\n"},
         {"kemdctl trace --l", "--last-run --lines --list-runs\n"},
+        {"kemdctl xml ''", "check convert\n"},
         {"kemdctl network ''", "list show watch\n"},
         {"kemdctl network show eth", "eth0 eth1.5\n"},
         {"kemdctl network --name = e", "eth0 eth1.5\n"},
@@ -55,7 +56,7 @@ TEST(Completion, OffersWhatFits) {
 TEST(Completion, KnowsEveryOption) {
     for (const std::string command : {"kemd-module-host", "kemdctl trace", "kemdctl check",
                                       "kemdctl inventory", "kemdctl network",
-                                      "kemdctl performance"}) {
+                                      "kemdctl performance", "kemdctl xml"}) {
         ASSERT_EQ(Shell(command + " --help"), 0);
         const std::string help = Output(), name = command.substr(0, command.find(' '));
         const std::string bash = Offered(command + " --") + " ";

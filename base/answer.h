@@ -1,4 +1,4 @@
-// How the functions of kemd/network.h hand over their results.
+// How functions of the C interface hand over their results.
 #pragma once
 
 #include <algorithm>

@@ -1,0 +1,222 @@
+// Documents of 50 MB, heavy in attributes, in text and in depth: read by expat alone with empty
+// handlers, into a tree by kemd, libxml2 and pugixml, and written plainly and canonically. Each
+// contender works in a process of its own, so that its memory is its own.
+#include <expat.h>
+#include <libxml/c14n.h>
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <pugixml.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "bench/measure.h"
+#include "xml/view.h"
+
+namespace {
+
+constexpr size_t kSize = 50'000'000;
+constexpr int kRounds = 5;
+
+// A table as an inventory writes it: all in attributes.
+std::string WithAttributes() {
+    std::string text = "<inventory xmlns:p=\"urn:part\">\n";
+    for (size_t i = 0; text.size() < kSize; ++i) {
+        text += "  <part id=\"" + std::to_string(i) + "\" name=\"DIMM " + std::to_string(i % 32) +
+                "\" p:size=\"16384\" state=\"ok\" slot=\"" + std::to_string(i % 7) +
+                "\" speed=\"3200\" vendor=\"A &amp; B\"/>\n";
+    }
+    return text + "</inventory>\n";
+}
+
+// A log: much text in few elements.
+std::string WithText() {
+    std::string text = "<log>\n";
+    while (text.size() < kSize) {
+        text += "<entry>";
+        for (int i = 0; i < 100; ++i) {
+            text += "The fan of the second power supply runs at its highest speed again & ";
+            text.insert(text.size() - 1, "amp;");
+            text += "this is reported for the last time in this hour.\n";
+        }
+        text += "</entry>\n";
+    }
+    return text + "</log>\n";
+}
+
+// Elements within elements, 500 deep, with a word in each.
+std::string WithDepth() {
+    std::string text = "<tree>";
+    while (text.size() < kSize) {
+        for (int i = 0; i < 500; ++i) text += "<n>x";
+        for (int i = 0; i < 500; ++i) text += "</n>";
+    }
+    return text + "</tree>";
+}
+
+void Expat(const std::string& text) {
+    const XML_Parser parser = XML_ParserCreate(nullptr);
+    XML_SetElementHandler(
+        parser, [](void*, const XML_Char*, const XML_Char**) {}, [](void*, const XML_Char*) {});
+    XML_SetCharacterDataHandler(parser, [](void*, const XML_Char*, int) {});
+    if (XML_Parse(parser, text.data(), static_cast<int>(text.size()), 1) != XML_STATUS_OK) _exit(1);
+    XML_ParserFree(parser);
+}
+
+XmlDocument Read(const std::string& text) {
+    XmlReader reader;
+    XmlDocument document;
+    if (reader.Parse(text, document) != 0) {
+        std::fprintf(stderr, "%s\n", reader.Error().text);
+        _exit(1);
+    }
+    return document;
+}
+
+xmlDocPtr ReadByLibxml2(const std::string& text) {
+    const xmlDocPtr document =
+        xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, XML_PARSE_HUGE);
+    if (document == nullptr) _exit(1);
+    return document;
+}
+
+double Seconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// What a contender prepares is not measured; what it does is, five times.
+struct Work {
+    const char* name;
+    std::function<std::function<void()>(const std::string& text)> prepare;
+};
+
+struct Sample {
+    double milliseconds;
+    double mebibytes;  // of the first time
+};
+
+long PeakKb() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+Sample Measure(const Work& work, const std::string& text) {
+    int ends[2];
+    if (pipe(ends) != 0) _exit(1);
+    const pid_t child = fork();
+    if (child == 0) {
+        const std::function<void()> once = work.prepare(text);
+        const long before = PeakKb();
+        std::vector<double> times;
+        Sample sample{};
+        for (int i = 0; i < kRounds; ++i) {
+            const double start = Seconds();
+            once();
+            times.push_back((Seconds() - start) * 1000);
+            if (i == 0) sample.mebibytes = static_cast<double>(PeakKb() - before) / 1024;
+        }
+        sample.milliseconds = Median(times);
+        _exit(write(ends[1], &sample, sizeof sample) == sizeof sample ? 0 : 1);
+    }
+    Sample sample{};
+    close(ends[1]);
+    if (read(ends[0], &sample, sizeof sample) != sizeof sample) sample = {-1, -1};
+    close(ends[0]);
+    waitpid(child, nullptr, 0);
+    return sample;
+}
+
+std::vector<Work> ReadingWorks() {
+    return {
+        {"expat, empty handlers", [](const std::string& text) { return [&text] { Expat(text); }; }},
+        {"kemd, tree", [](const std::string& text) { return [&text] { Read(text); }; }},
+        {"libxml2, tree",
+         [](const std::string& text) { return [&text] { xmlFreeDoc(ReadByLibxml2(text)); }; }},
+        {"pugixml, tree",
+         [](const std::string& text) {
+             return [&text] {
+                 pugi::xml_document document;
+                 if (!document.load_buffer(text.data(), text.size(), pugi::parse_full)) _exit(1);
+             };
+         }},
+    };
+}
+
+Work Writing(const char* name, uint32_t form) {
+    return {name, [form](const std::string& text) {
+                auto document = std::make_shared<XmlDocument>(Read(text));
+                return [document, form] {
+                    KemdXmlWriteOptions options{};
+                    options.size = sizeof options;
+                    options.form = form;
+                    options.flags = KEMD_XML_WITH_COMMENTS;
+                    if (document->Written(&options).size() < kSize / 2) _exit(1);
+                };
+            }};
+}
+
+std::vector<Work> WritingWorks() {
+    return {
+        Writing("kemd, written", KEMD_XML_COMPACT),
+        {"libxml2, written",
+         [](const std::string& text) {
+             const xmlDocPtr document = ReadByLibxml2(text);
+             return [document] {
+                 xmlChar* out = nullptr;
+                 int size = 0;
+                 xmlDocDumpMemory(document, &out, &size);
+                 xmlFree(out);
+             };
+         }},
+        {"pugixml, written",
+         [](const std::string& text) {
+             auto document = std::make_shared<pugi::xml_document>();
+             document->load_buffer(text.data(), text.size(), pugi::parse_full);
+             return [document] {
+                 std::ostringstream out;
+                 document->save(out, "", pugi::format_raw);
+             };
+         }},
+        Writing("kemd, canonical", KEMD_XML_CANONICAL),
+        {"libxml2, canonical",
+         [](const std::string& text) {
+             const xmlDocPtr document = ReadByLibxml2(text);
+             return [document] {
+                 xmlChar* out = nullptr;
+                 xmlC14NDocDumpMemory(document, nullptr, XML_C14N_1_0, nullptr, 1, &out);
+                 xmlFree(out);
+             };
+         }},
+    };
+}
+
+}  // namespace
+
+int main() {
+    const struct {
+        const char* name;
+        std::string text;
+    } documents[] = {
+        {"attributes", WithAttributes()}, {"text", WithText()}, {"depth", WithDepth()}};
+    for (const auto& document : documents) {
+        std::printf("%s: %zu bytes, median of %d\n", document.name, document.text.size(), kRounds);
+        for (const auto& works : {ReadingWorks(), WritingWorks()}) {
+            for (const Work& work : works) {
+                const Sample sample = Measure(work, document.text);
+                std::printf("  %-24s %8.0f ms %8.0f MiB\n", work.name, sample.milliseconds,
+                            sample.mebibytes);
+                std::fflush(stdout);
+            }
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,232 @@
+// What expat calls while a document is read.
+#include <algorithm>
+#include <cstring>
+
+#include "xml/run.h"
+
+namespace {
+
+bool IsBlank(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+bool IsPredefined(std::string_view name) {
+    return name == "lt" || name == "gt" || name == "amp" || name == "apos" || name == "quot";
+}
+
+// The names of the entities that a text refers to.
+template <typename Use>
+void ForReferences(std::string_view text, const Use& use) {
+    for (size_t at = text.find('&'); at != text.npos; at = text.find('&', at + 1)) {
+        const size_t end = text.find(';', at);
+        if (end == text.npos) return;
+        const std::string_view name = text.substr(at + 1, end - at - 1);
+        if (!name.starts_with('#') && !IsPredefined(name)) use(name);
+    }
+}
+
+// expat follows such entities by recursion, and a thread's stack may be small.
+constexpr size_t kMostNested = 128;
+
+}  // namespace
+
+// A C function may not be left by an exception: the first one ends the parsing.
+struct XmlEvents::Handlers {
+    template <typename Work>
+    static void Guarded(void* user, const Work& work) {
+        auto& run = *static_cast<XmlRun*>(user);
+        if (run.m_result != 0) return;
+        try {
+            work(run);
+            return;
+        } catch (const XmlRefusal& refusal) {
+            (void)run.Refuse(refusal, run.Index(), false);
+        } catch (const std::bad_alloc&) {
+            OutOfMemory(run);
+        } catch (const std::length_error&) {
+            OutOfMemory(run);
+        }
+        (void)XML_StopParser(run.m_parser.get(), XML_FALSE);
+    }
+    static void OutOfMemory(XmlRun& run) {
+        // Short enough not to be allocated.
+        (void)run.Refuse({KEMD_XML_CAUSE_SYSTEM, "out of memory"}, 0, false);
+    }
+
+    // A tag is walked again for the places of its attributes, which expat does not have.
+    static void FindPlaces(XmlRun& run, const char* at, const char* end) {
+        while (at < end && !IsBlank(*at) && *at != '/' && *at != '>') ++at;
+        for (;;) {
+            while (at < end && IsBlank(*at)) ++at;
+            if (at >= end || *at == '/' || *at == '>') return;
+            run.m_place.Advance(end - run.m_rawLeft, at);
+            run.m_rawLeft = static_cast<size_t>(end - at);
+            run.m_attributePlaces.push_back(run.m_place.Place());
+            const auto* const equals =
+                static_cast<const char*>(std::memchr(at, '=', static_cast<size_t>(end - at)));
+            if (equals == nullptr) return;
+            at = equals + 1;
+            while (at < end && IsBlank(*at)) ++at;
+            if (at >= end) return;
+            const auto* const quote = static_cast<const char*>(
+                std::memchr(at + 1, *at, static_cast<size_t>(end - at - 1)));
+            if (quote == nullptr) return;
+            if (run.m_hasExternal)
+                CheckReferences(run, {at + 1, static_cast<size_t>(quote - at - 1)});
+            at = quote + 1;
+        }
+    }
+
+    // expat leaves a reference out of a value when the entity may be declared elsewhere.
+    static void CheckReferences(const XmlRun& run, std::string_view value) {
+        ForReferences(value, [&run](std::string_view name) {
+            const auto found = run.m_entities.find(std::string(name));
+            if (found == run.m_entities.end() || found->second) RefuseUnknown(name);
+        });
+    }
+    [[noreturn]] static void RefuseUnknown(std::string_view name) {
+        throw XmlRefusal{KEMD_XML_CAUSE_ENTITY,
+                         "the entity \"" + std::string(name) +
+                             "\" is not declared in the document, and others are not read"};
+    }
+
+    static void Start(void* user, const XML_Char* name, const XML_Char** attributes) {
+        Guarded(user, [&](XmlRun& run) {
+            run.m_hasRoot = true;
+            const XmlPlace place = run.PlaceHere();
+            run.m_attributePlaces.clear();
+            const int count = XML_GetSpecifiedAttributeCount(run.m_parser.get()) / 2;
+            if (count > 0) {
+                size_t offset = 0;
+                const char* const tag = run.Context(offset).data() + offset;
+                run.m_rawLeft = static_cast<size_t>(XML_GetCurrentByteCount(run.m_parser.get()));
+                if (*tag == '<') FindPlaces(run, tag, tag + run.m_rawLeft);
+                // Those of an element within an entity are where the reference is.
+                run.m_attributePlaces.resize(static_cast<size_t>(count), place);
+            }
+            run.m_builder.Start(name, attributes, place, run.m_attributePlaces);
+            run.CheckExpansion();
+        });
+    }
+    static void End(void* user, const XML_Char* /*name*/) {
+        Guarded(user, [](XmlRun& run) { run.m_builder.End(); });
+    }
+    static void Text(void* user, const XML_Char* text, int size) {
+        Guarded(user, [&](XmlRun& run) {
+            const XmlPlace place = run.m_builder.BeginsText() ? run.PlaceHere() : XmlPlace{};
+            run.m_builder.Text({text, static_cast<size_t>(size)}, place);
+            run.CheckExpansion();
+        });
+    }
+    static void StartCdata(void* user) {
+        Guarded(user, [](XmlRun& run) { run.m_builder.StartCdata(run.PlaceHere()); });
+    }
+    static void EndCdata(void* user) {
+        Guarded(user, [](XmlRun& run) { run.m_builder.EndText(); });
+    }
+    // Those of a document type are in its text.
+    static void Comment(void* user, const XML_Char* text) {
+        Guarded(user, [&](XmlRun& run) {
+            if (run.m_isInType) return;
+            run.m_builder.Other(KEMD_XML_COMMENT, {}, text, run.PlaceHere());
+        });
+    }
+    static void Instruction(void* user, const XML_Char* target, const XML_Char* text) {
+        Guarded(user, [&](XmlRun& run) {
+            if (run.m_isInType) return;
+            run.m_builder.Other(KEMD_XML_INSTRUCTION, target, text, run.PlaceHere());
+        });
+    }
+
+    static void Declaration(void* user, const XML_Char* version, const XML_Char* /*encoding*/,
+                            int standalone) {
+        Guarded(user, [&](XmlRun& run) {
+            if (version != nullptr) {
+                const std::string_view number = version;
+                const bool isGood = number.starts_with("1.") && number.size() > 2 &&
+                                    number.find_first_not_of("0123456789", 2) == number.npos;
+                if (!isGood) throw XmlRefusal{KEMD_XML_CAUSE_SYNTAX, "this is not XML 1.0"};
+                run.m_document->facts.version = number;
+            }
+            run.m_document->facts.standalone = standalone;
+        });
+    }
+    static void StartType(void* user, const XML_Char* /*name*/, const XML_Char* system,
+                          const XML_Char* /*publicId*/, int /*hasSubset*/) {
+        Guarded(user, [&](XmlRun& run) {
+            run.m_isInType = true;
+            run.m_hasExternal = system != nullptr;
+            run.m_documentType = run.m_prolog.rfind("<!DOCTYPE", run.Index());
+        });
+    }
+    static void EndType(void* user) {
+        Guarded(user, [](XmlRun& run) {
+            run.m_isInType = false;
+            run.m_document->facts.documentType =
+                run.m_prolog.substr(run.m_documentType, run.Index() + 1 - run.m_documentType);
+        });
+    }
+    static void Entity(void* user, const XML_Char* name, int isParameter, const XML_Char* value,
+                       int size, const XML_Char* /*base*/, const XML_Char* /*system*/,
+                       const XML_Char* /*publicId*/, const XML_Char* /*notation*/) {
+        if (value == nullptr) return;
+        Guarded(user, [&](XmlRun& run) {
+            const std::string_view text(value, static_cast<size_t>(size));
+            bool refers = isParameter != 0 && text.find('%') != text.npos;
+            ForReferences(text, [&refers](std::string_view /*name*/) { refers = true; });
+            const uint64_t most = run.m_limits[KEMD_XML_LIMIT_EXPANSION];
+            if (refers && ++run.m_nested > kMostNested && most != 0) {
+                throw XmlRefusal{
+                    KEMD_XML_CAUSE_LIMIT,
+                    "more than " + std::to_string(kMostNested) + " entities refer to others",
+                    KEMD_XML_LIMIT_EXPANSION};
+            }
+            if (isParameter == 0) run.m_entities.emplace(name, refers);
+        });
+    }
+    // expat compares each declaration with all others of the element.
+    static void AttributeList(void* user, const XML_Char* element, const XML_Char* /*name*/,
+                              const XML_Char* /*type*/, const XML_Char* /*value*/,
+                              int /*isRequired*/) {
+        Guarded(user, [&](XmlRun& run) {
+            const uint64_t most = run.m_limits[KEMD_XML_LIMIT_ATTRIBUTES];
+            if (++run.m_attributeCounts[element] > most && most != 0) {
+                RefuseLimit(run.m_limits, KEMD_XML_LIMIT_ATTRIBUTES);
+            }
+        });
+    }
+    static void Skipped(void* user, const XML_Char* name, int isParameter) {
+        Guarded(user, [&](XmlRun& run) {
+            run.m_hasExternal = true;
+            if (isParameter == 0) RefuseUnknown(name);
+        });
+    }
+    // Never read: the document type goes on without it, the content cannot.
+    static int External(XML_Parser parser, const XML_Char* context, const XML_Char* /*base*/,
+                        const XML_Char* system, const XML_Char* /*publicId*/) {
+        Guarded(XML_GetUserData(parser), [&](XmlRun& run) {
+            run.m_hasExternal = true;
+            if (context == nullptr) return;
+            throw XmlRefusal{KEMD_XML_CAUSE_ENTITY,
+                             "the external entity " + std::string(system == nullptr ? "" : system) +
+                                 " is not read"};
+        });
+        return XML_STATUS_OK;
+    }
+};
+
+void XmlEvents::Register(XmlRun& run, XML_Parser parser) {
+    XML_SetUserData(parser, &run);
+    XML_SetElementHandler(parser, Handlers::Start, Handlers::End);
+    XML_SetCharacterDataHandler(parser, Handlers::Text);
+    XML_SetCdataSectionHandler(parser, Handlers::StartCdata, Handlers::EndCdata);
+    XML_SetCommentHandler(parser, Handlers::Comment);
+    XML_SetProcessingInstructionHandler(parser, Handlers::Instruction);
+    XML_SetXmlDeclHandler(parser, Handlers::Declaration);
+    XML_SetDoctypeDeclHandler(parser, Handlers::StartType, Handlers::EndType);
+    XML_SetEntityDeclHandler(parser, Handlers::Entity);
+    XML_SetAttlistDeclHandler(parser, Handlers::AttributeList);
+    XML_SetSkippedEntityHandler(parser, Handlers::Skipped);
+    XML_SetExternalEntityRefHandler(parser, Handlers::External);
+    (void)XML_SetParamEntityParsing(parser, XML_PARAM_ENTITY_PARSING_ALWAYS);
+}

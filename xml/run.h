@@ -1,0 +1,144 @@
+// One document on its way into a tree: its encoding is found, it is converted to UTF-8, expat
+// parses it, the builder makes the tree. expat looks for the end of a tag, a name or a comment
+// before it reports any of it; what it waits for is looked at here, so that the limits hold then as
+// well.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+// expat.h declares the limits of expansion only so; Debian's expat is built with it.
+#define XML_DTD
+#include <expat.h>
+
+#include "xml/builder.h"
+#include "xml/encoding.h"
+#include "xml/tree.h"
+
+// Lines and characters, counted byte by byte of UTF-8. A carriage return, a line feed and both
+// together are the end of a line.
+class XmlPlaceCounter {
+  public:
+    void Advance(const char* from, const char* to);
+    [[nodiscard]] XmlPlace Place() const { return {m_line, m_column + 1}; }
+    [[nodiscard]] uint64_t Index() const { return m_index; }
+
+  private:
+    void Step(unsigned char byte);
+
+    uint64_t m_index = 0;
+    uint32_t m_line = 1;
+    uint32_t m_column = 0;
+    bool m_isAfterReturn = false;
+};
+
+// Which byte of the document a byte of its UTF-8 comes from. Keeps what the parser may still
+// complain about.
+class XmlOrigin {
+  public:
+    void Begin(const Encoding& encoding, uint64_t source) {
+        m_encoding = encoding;
+        m_kept = source;
+    }
+    // Conversion goes on here: byte `utf8` comes from byte `source`, where `bytes` begin.
+    void Mark(uint64_t utf8, uint64_t source) { m_marks.push_back({utf8, source}); }
+    void Keep(std::string_view bytes) { m_bytes += bytes; }
+    // Nothing before this byte of UTF-8 will be asked for.
+    void Forget(uint64_t utf8);
+    [[nodiscard]] uint64_t Source(uint64_t utf8) const;
+
+  private:
+    struct Pair {
+        uint64_t utf8;
+        uint64_t source;
+    };
+    Encoding m_encoding;
+    std::deque<Pair> m_marks;
+    std::string m_bytes;
+    uint64_t m_kept = 0;  // which byte of the document m_bytes begin with
+};
+
+class XmlRun;
+
+// What expat calls while a document is read: events.cpp.
+struct XmlEvents {
+    static void Register(XmlRun& run, XML_Parser parser);
+
+  private:
+    struct Handlers;
+};
+
+class XmlRun {
+  public:
+    // Throws std::bad_alloc.
+    XmlRun(const XmlLimits& limits, const Encoding* wanted, KemdXmlError& error);
+    XmlRun(const XmlRun&) = delete;
+    XmlRun& operator=(const XmlRun&) = delete;
+    ~XmlRun();
+
+    // An errno number, EBADMSG when the document is refused. May throw std::bad_alloc.
+    [[nodiscard]] int Feed(std::string_view bytes);
+    [[nodiscard]] int Finish(std::unique_ptr<KemdXmlDocument>& document);
+
+  private:
+    friend struct XmlEvents;  // expat's handlers
+
+    // Begins with the head; `later` bytes of what was fed follow it.
+    [[nodiscard]] int Open(bool isAll, size_t later);
+    [[nodiscard]] int Decode(std::string_view bytes, bool isLast);
+    [[nodiscard]] int Room();
+    [[nodiscard]] int Parse(bool isLast);
+    // Look at what expat waits for the rest of. Throw XmlRefusal.
+    void CheckPending(std::string_view pending) const;
+    void CheckTag(std::string_view tag) const;
+    void CheckExpansion() const;
+
+    // The bytes from expat's place on, and before it as far as they are there.
+    [[nodiscard]] std::string_view Context(size_t& offset) const;
+    [[nodiscard]] uint64_t Index() const;
+    XmlPlace PlaceHere();
+    int Refuse(const XmlRefusal& refusal, uint64_t index, bool isAtEnd);
+    int RefuseByExpat();
+    void Excerpt(std::string_view context, size_t offset);
+
+    const XmlLimits& m_limits;
+    const Encoding* m_wanted;
+    KemdXmlError& m_error;
+    std::unique_ptr<KemdXmlDocument> m_document;
+    XmlBuilder m_builder;
+    struct ParserFree {
+        void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
+    };
+    std::unique_ptr<std::remove_pointer_t<XML_Parser>, ParserFree> m_parser;
+
+    std::string m_head;  // until the encoding is known
+    bool m_isOpen = false;
+    int m_result = 0;  // of the first refusal
+    Decoder m_decoder;
+    XmlOrigin m_origin;
+    uint64_t m_source = 0;  // bytes of the document so far
+    std::string m_rest;     // the begin of a character
+
+    char* m_room = nullptr;  // expat's buffer
+    size_t m_roomSize = 0;
+    size_t m_filled = 0;
+    uint64_t m_fed = 0;  // bytes of UTF-8 that expat has
+    XmlPlaceCounter m_place;
+    std::vector<XmlPlace> m_attributePlaces;
+    size_t m_rawLeft = 0;  // bytes of a tag that the place is before
+
+    // Of the document type.
+    std::string m_prolog;  // the UTF-8 up to the root element
+    bool m_hasRoot = false;
+    bool m_isInType = false;
+    bool m_hasExternal = false;                        // something is declared elsewhere
+    size_t m_documentType = 0;                         // where it begins in the prolog
+    size_t m_nested = 0;                               // entities that refer to others
+    std::unordered_map<std::string, bool> m_entities;  // and whether they refer to others
+    std::unordered_map<std::string, uint32_t> m_attributeCounts;
+};
