@@ -66,11 +66,11 @@ template <typename Take>
 bool Exporter::ReadParts(std::span<const Exported> series, Take take) {
     std::vector<uint32_t> numbers;
     for (const Exported& each : series) numbers.push_back(each.number);
-    // About so many points at once, in whole steps.
-    constexpr int64_t kPoints = 200'000;
+    // About so many points at once, in whole steps; of long ones less than a year, or one.
+    constexpr int64_t kPoints = 200'000, kYear = 31'536'000 * kSecond;
     const int64_t unit = m_step > 0 ? m_step : std::max<int64_t>(m_reader.PeriodNs(), kSecond / 10);
-    const int64_t length =
-        unit * std::max<int64_t>(kPoints / static_cast<int64_t>(series.size()), 60);
+    const int64_t count = std::max<int64_t>(kPoints / static_cast<int64_t>(series.size()), 60);
+    const int64_t length = unit * std::clamp<int64_t>(kYear / unit, 1, count);
     std::vector<ColumnPoints> points;
     for (int64_t from = m_span.from; from < m_span.to && !HasWriteFailed();) {
         const int64_t end = (from / length + 1) * length;
@@ -246,7 +246,7 @@ class OpenMetricsExporter : public Exporter {
 
 int ExportHistory(const PerformanceOptions& options, ReportWriter& /*report*/) {
     if (options.form == ExportForm::kNone) {
-        Complain("export needs one of --csv, --json-lines and --openmetrics");
+        Complain("export needs one of --csv, --json-lines, --openmetrics and --html FILE");
         return kError;
     }
     const auto reader = OpenHistory(options);
