@@ -24,12 +24,19 @@ struct Word {
     const char* help;  // its lines of the help, which may be those of the next ones, too
 };
 
+// Nanoseconds since 1970 end in 2262: times that are farther away count as the last ones, with room
+// for windows around them.
+std::optional<int64_t> ReadTime(std::string_view text, int64_t now) {
+    constexpr int64_t kFarthest = INT64_MAX / kNsPerMs / 100 * 99;
+    const auto time = ParseUtcTime(text, now / kNsPerMs);
+    if (!time) return {};
+    return std::clamp(*time, -kFarthest, kFarthest) * kNsPerMs;
+}
+
 template <std::optional<int64_t> PerformanceOptions::*member>
 std::string SetTime(PerformanceOptions& options, const char* value) {
-    const auto time = ParseUtcTime(value, options.now / kNsPerMs);
-    if (!time) return kTimeHelp;
-    options.*member = *time * kNsPerMs;
-    return {};
+    options.*member = ReadTime(value, options.now);
+    return options.*member ? "" : kTimeHelp;
 }
 
 std::string SetStep(PerformanceOptions& options, const char* value) {
@@ -161,7 +168,8 @@ bool FitsUse(const CommandLine& line, std::string_view subcommand, unsigned use)
     return std::none_of(std::begin(kWords), std::end(kWords), [&](const Word& word) {
         return (word.uses & use) == 0 && line.Has(word.name) &&
                Complained(word.name, nullptr,
-                          "not of " + std::string(subcommand) + "; see kemdctl performance --help");
+                          "not an option of " + std::string(subcommand) +
+                              "; see kemdctl performance --help");
     });
 }
 
@@ -172,10 +180,7 @@ std::string PerformanceOptionsHelp() {
 }
 
 std::optional<int64_t> ParseMoment(std::string_view text, int64_t now) {
-    const auto time = ParseUtcTime(text, now / kNsPerMs);
-    if (!time) {
-        Complain("%s: %s", Printable(text).c_str(), kTimeHelp);
-        return {};
-    }
-    return *time * kNsPerMs;
+    const auto time = ReadTime(text, now);
+    if (!time) Complain("%s: %s", Printable(text).c_str(), kTimeHelp);
+    return time;
 }

@@ -260,7 +260,7 @@ TEST(Live, PrintsOnceWithoutATerminal) {
     EXPECT_TRUE(Shows("perf live cpu", 2, {"live takes no series"}));
     EXPECT_TRUE(Shows("perf --html /tmp/x --step 1s", 2, {"--step: not with --html"}));
     EXPECT_TRUE(Shows("perf --html /tmp/x --file /tmp/none", 2, {"/tmp/none"}));
-    EXPECT_TRUE(Shows("perf show --once", 2, {"--once: not of show"}));
+    EXPECT_TRUE(Shows("perf show --once", 2, {"--once: not an option of show"}));
 }
 
 }  // namespace
