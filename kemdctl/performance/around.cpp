@@ -4,9 +4,12 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstdio>
 #include <deque>
+#include <sstream>
 #include <string>
+#include <utility>
 
 #include "kemdctl/performance/command.h"
 #include "kemdctl/performance/history.h"
@@ -166,11 +169,13 @@ bool ShowChanges(ReportWriter& report, HistoryReader& reader, HistorySpan window
         report.Real("score", change.score);
         report.Close();
     });
-    if (changes.empty()) {
+    if (!changes.empty()) {
+        ShowTable(report, rows);
+    } else if (FindLastSample(reader, before.from, before.to) <= before.from) {
+        report.Line("nothing to compare with: there are no samples of the 15 minutes before");
+    } else {
         report.Line("nothing changed noticeably, compared with the " +
                     SpanText((before.to - before.from) / kMinute * kMinute) + " before");
-    } else {
-        ShowTable(report, rows);
     }
     return true;
 }
@@ -208,13 +213,38 @@ void Events::ReadRecords(const std::vector<std::string>& files, HistorySpan wind
     (void)ReportFacts(merge, true);
 }
 
+// "memory 1 8450 cc1plus 188854272" as "memory  180 MiB     cc1plus (8450)".
+std::string ProcessLine(const std::string& line) {
+    constexpr std::pair<std::string_view, const char*> kUnits[] = {
+        {"cpu", "percent"}, {"memory", "bytes"}, {"io", "bytes"}};
+    std::istringstream words(line);
+    std::string kind, name;
+    unsigned rank = 0, process = 0;
+    words >> kind >> rank >> process >> std::ws;
+    std::getline(words, name);
+    const size_t blank = name.rfind(' ');  // a name may have blanks, too
+    const auto* unit = std::find_if(std::begin(kUnits), std::end(kUnits),
+                                    [&](const auto& each) { return each.first == kind; });
+    if (!words || blank == name.npos || unit == std::end(kUnits)) return Printable(line);
+    double value = 0;
+    std::from_chars(&name[blank + 1], name.data() + name.size(), value);
+    SeriesInfo info;
+    info.unit = unit->second;
+    if (kind == "io") info.kind = SeriesKind::kCounter;
+    constexpr size_t kKindWidth = 8, kValueWidth = 20;
+    kind.resize(kKindWidth, ' ');
+    kind += ValueFormat(info, 0).Text(value);
+    kind.resize(std::max(kValueWidth, kind.size() + 2), ' ');
+    return kind + Printable(name.substr(0, blank)) + " (" + std::to_string(process) + ")";
+}
+
 std::vector<std::string> MarkLines(const Mark& mark) {
     const std::string time = TimeText(mark.time.wall) + " -- ";
     if (mark.kind != MarkKind::kProcesses) return {time + MarkText(mark)};
     std::vector<std::string> lines = {time + "busiest processes"};
     for (size_t begin = 0; begin < mark.text.size();) {
         const size_t end = std::min(mark.text.find('\n', begin), mark.text.size());
-        lines.push_back("    " + Printable(mark.text.substr(begin, end - begin)));
+        lines.push_back("    " + ProcessLine(mark.text.substr(begin, end - begin)));
         begin = end + 1;
     }
     return lines;

@@ -206,13 +206,14 @@ TEST_F(Performance, SaysWhatIsMissing) {
         const char* complaint;
     } cases[] = {
         {"show --since -1m", 1, "no samples of this time: the history goes from 2026-11-15 12:00"},
+        {"show --since 9999-12-31", 1, "no samples of this time"},
         {"show --since yesterdy", 2, "--since yesterdy: not a time such as"},
         {"show --since 13:00 --until 12:00", 2, "--since is after --until"},
         {"show --step 0", 2, "--step 0: not a step"},
-        {"show --csv", 2, "--csv: not of show"},
-        {"list --plot", 2, "--plot: not of list"},
+        {"show --csv", 2, "--csv: not an option of show"},
+        {"list --plot", 2, "--plot: not an option of list"},
         {"show --no", 2, "unknown option --no"},
-        {"export", 2, "export needs one of --csv, --json-lines and --openmetrics"},
+        {"export", 2, "export needs one of --csv, --json-lines, --openmetrics and --html FILE"},
         {"export --csv --json-lines", 2, "one form at a time"},
         {"around", 2, "around takes one time, or last-run"},
         {"around noon", 2, "noon: not a time such as"},
@@ -366,6 +367,10 @@ TEST_F(Performance, ExportsManyValues) {
         ASSERT_TRUE(line.starts_with(expected)) << line << " is not " << expected;
     }
     EXPECT_FALSE(std::getline(lines, line));
+    for (const char* const step : {"13h", "1d", "365d", "100000d"}) {
+        const Result steps = Ctl(std::string("perf export --csv count/7 --step ") + step + kFile);
+        EXPECT_EQ(std::count(steps.out.begin(), steps.out.end(), '\n'), 2) << step << steps.err;
+    }
 }
 
 // The monitor's own account of the minutes before a crash.
@@ -380,7 +385,9 @@ class PerformanceAround : public Performance {
         history.Mark(0, MarkKind::kStart);
         history.Mark(1020, MarkKind::kProcesses, 0, "cpu 1 old");
         history.Mark(1030, MarkKind::kAlarm, 0, "memory is low");
-        history.Mark(1040, MarkKind::kProcesses, 0, "cpu 99 eater\nmemory 9 eater");
+        history.Mark(
+            1040, MarkKind::kProcesses, 0,
+            "cpu 1 77 an eater 99.5\nmemory 1 77 an eater 3221225472\nio 1 5 dd 2048\nodd 9");
         history.Write(1100);  // to 12:18:19
         WriteFile("/var/log/orvmon/log.kemd",
                   Record("12:00:00.000", "kemd", "kemd Version=\"1.00-00\"") +
@@ -393,7 +400,9 @@ class PerformanceAround : public Performance {
 TEST_F(PerformanceAround, LastRunShowsTheMinutesBeforeItsEnd) {
     const std::vector<std::string> events = {
         "12:16:59.000 [D82A0740] web", "12:17:10.000 -- alarm: memory is low",
-        "12:17:20.000 -- busiest processes\n    cpu 99 eater\n    memory 9 eater\n",
+        "12:17:20.000 -- busiest processes\n"
+        "    cpu     99.5%       an eater (77)\n    memory  3 GiB       an eater (77)\n"
+        "    io      2 KiB/s     dd (5)\n    odd 9\n",
         "12:17:35.000 [D82A0740] web           ERROR! no memory"};
     std::vector<std::string> parts = {
         "last run:  to 2026-11-15 12:17:35.000, killed: no exit message",
@@ -421,6 +430,7 @@ TEST_F(PerformanceAround, LastRunShowsTheMinutesBeforeItsEnd) {
 TEST_F(PerformanceAround, AnyTimeAndAnotherMachine) {
     EXPECT_TRUE(Shows("perf around '2026-11-15 12:10'", 0,
                       {"nothing changed noticeably", "the trace has no records of these minutes"}));
+    EXPECT_TRUE(Shows("perf around '2026-11-15 12:01'", 0, {"nothing to compare with"}));
     EXPECT_TRUE(Shows("perf around '2026-11-15 12:18:00' --lines 1", 0,
                       {"memory_available_bytes", "the last 1 of 2 records", "ERROR!"}));
     EXPECT_TRUE(Shows("perf around '2026-11-15 10:00'", 1, {"there are no samples of this time"}));
