@@ -25,7 +25,7 @@ std::unique_ptr<HistoryReader> OpenHistory(const PerformanceOptions& options) {
         return nullptr;
     }
     for (const std::string& problem : reader->Problems()) {
-        Complain("note: %s: %s", Printable(options.Path()).c_str(), Printable(problem).c_str());
+        Complain("note: %s", Printable(problem).c_str());  // it names the file
     }
     return reader;
 }

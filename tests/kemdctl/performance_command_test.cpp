@@ -223,6 +223,9 @@ TEST_F(Performance, SaysWhatIsMissing) {
     for (const auto& [arguments, code, complaint] : cases) {
         EXPECT_TRUE(Shows(std::string("perf ") + arguments, code, {complaint}));
     }
+    fs::resize_file("/var/lib/kemd/performance/history", 30000);
+    EXPECT_TRUE(Shows("perf show depth", 1,
+                      {"note: /var/lib/kemd/performance/history: the file is cut: it has 30000"}));
 }
 
 TEST_F(Performance, PlotHasAxesAndLeavesGapsEmpty) {
