@@ -54,8 +54,9 @@ bool LiveTerminal::Take() {
 
 void LiveTerminal::GiveBack() {
     if (!std::exchange(m_isTaken, false)) return;
-    (void)WriteFully(STDOUT_FILENO, kGiveBack);
+    // The settings first: who sees the screen given back finds these, too.
     (void)tcsetattr(STDIN_FILENO, TCSANOW, &m_before);
+    (void)WriteFully(STDOUT_FILENO, kGiveBack);
     SetFaultHandler(SIG_DFL);
 }
 
