@@ -9,7 +9,7 @@
 #include "base/mapped_region.h"
 #include "base/unique_fd.h"
 #include "performance/history_format.h"
-#include "performance/history_writer.h"
+#include "performance/history_settings.h"
 
 class HistoryFile {
   public:

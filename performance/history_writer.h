@@ -4,20 +4,12 @@
 // Append and Mark belong to one thread; Sync may run beside them on another.
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <string>
 
+#include "performance/history_settings.h"
 #include "performance/sample_time.h"
 #include "performance/series.h"
-
-struct HistorySettings {
-    std::string path;
-    uint64_t size = uint64_t{64} << 20;
-    int64_t periodNs = 1'000'000'000;
-    std::string host;
-    std::string bootId;
-};
 
 class HistoryWriter {
   public:
