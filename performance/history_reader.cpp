@@ -30,6 +30,11 @@ struct HistoryReader::File {
                   BlockRows& rows);
     void AddStepRow(const BlockRows& rows, size_t i, const StepRow& row, uint32_t number,
                     Request& request) const;
+    static bool IsFiner(const std::vector<const KeySpans*>& finer, HistoryKey first,
+                        HistoryKey last);
+    void AddStepRows(const BlockRows& rows, uint32_t number,
+                     const std::vector<const KeySpans*>& finer, Request& request,
+                     bool& goesOn) const;
     void ReadCoarse(uint32_t number, const std::vector<const KeySpans*>& finer, Request& request);
     [[nodiscard]] std::vector<bool> NeededSamples(const Request& request) const;
     void AddSamples(const BlockRows& rows, Request& request) const;
@@ -62,6 +67,12 @@ void HistoryReader::File::AddStepRow(const BlockRows& rows, size_t i, const Step
     });
 }
 
+bool HistoryReader::File::IsFiner(const std::vector<const KeySpans*>& finer, HistoryKey first,
+                                  HistoryKey last) {
+    return std::any_of(finer.begin(), finer.end(),
+                       [&](const KeySpans* other) { return other->Cover(first, last); });
+}
+
 // Minutes or hours that no finer resolution has. What it has the beginning of is taken from there:
 // where its end was lost in a power cut, the seconds before count more than the whole minute.
 void HistoryReader::File::ReadCoarse(uint32_t number, const std::vector<const KeySpans*>& finer,
@@ -75,30 +86,35 @@ void HistoryReader::File::ReadCoarse(uint32_t number, const std::vector<const Ke
                           BeginOf(part.leastWall, step) < span.to;
         HistoryKey first = part.first;
         first.monotonic -= std::min(step, first.monotonic);
-        const bool isFiner = std::any_of(finer.begin(), finer.end(), [&](const KeySpans* other) {
-            return other->Cover(first, part.last);
-        });
         BlockRows rows;
-        if (!isIn || isFiner || !ReadRows(number, part, request, rows)) continue;
+        if (!isIn || IsFiner(finer, first, part.last) || !ReadRows(number, part, request, rows)) {
+            continue;
+        }
         goesOn = goesOn && part.sequence == sequence + 1;
         sequence = part.sequence;
-        for (size_t i = 0; i < rows.times.size(); ++i) {
-            StepRow row;
-            if (!TakeStepRow(rows, i, row)) continue;
-            const HistoryKey last{rows.boot, row.time.monotonic};
-            const HistoryKey begin{rows.boot,
-                                   row.time.monotonic - static_cast<int64_t>(row.length)};
-            const bool isElsewhere =
-                BeginOf(row.time.wall, step) + step <= span.from || row.time.wall < 0 ||
-                BeginOf(row.time.wall, step) >= span.to ||
-                std::any_of(finer.begin(), finer.end(),
-                            [&](const KeySpans* other) { return other->Cover(begin, begin); });
-            if (!isElsewhere) {
-                request.used[number].Add(begin, last, goesOn);
-                AddStepRow(rows, i, row, number, request);
-            }
-            goesOn = !isElsewhere;
+        AddStepRows(rows, number, finer, request, goesOn);
+    }
+}
+
+// `goesOn`: whether the row before the block's first one was taken, and its last one after it.
+void HistoryReader::File::AddStepRows(const BlockRows& rows, uint32_t number,
+                                      const std::vector<const KeySpans*>& finer, Request& request,
+                                      bool& goesOn) const {
+    const int64_t step = StepOf(number);
+    for (size_t i = 0; i < rows.times.size(); ++i) {
+        StepRow row;
+        if (!TakeStepRow(rows, i, row)) continue;
+        const int64_t wall = row.time.wall;
+        const HistoryKey last{rows.boot, row.time.monotonic};
+        const HistoryKey first{rows.boot, row.time.monotonic - static_cast<int64_t>(row.length)};
+        const bool isIn = wall >= 0 && BeginOf(wall, step) + step > request.span.from &&
+                          BeginOf(wall, step) < request.span.to;
+        const bool isTaken = isIn && !IsFiner(finer, first, first);
+        if (isTaken) {
+            request.used[number].Add(first, last, goesOn);
+            AddStepRow(rows, i, row, number, request);
         }
+        goesOn = isTaken;
     }
 }
 
@@ -216,6 +232,7 @@ std::vector<Mark> HistoryReader::Marks(HistorySpan span) const {
                HistoryKey{b.boot, b.mark.time.monotonic};
     });
     std::vector<Mark> marks;
+    marks.reserve(stored.size());
     for (StoredMark& mark : stored) marks.push_back(std::move(mark.mark));
     return marks;
 }

@@ -18,8 +18,9 @@ constexpr uint32_t kNoNumber = UINT32_MAX;
 
 uint64_t Identity(const SeriesInfo& info) {
     const std::hash<std::string> hash;
-    return hash(info.name) * 31 + hash(info.labels) * 7 + info.divide * 5 + info.multiply * 3 +
-           static_cast<uint64_t>(info.kind) * 2 + (info.isReal ? 1 : 0);
+    return hash(info.name) * 31 + hash(info.labels) * 7 + uint64_t{info.divide} * 5 +
+           uint64_t{info.multiply} * 3 + static_cast<uint64_t>(info.kind) * 2 +
+           (info.isReal ? 1 : 0);
 }
 
 }  // namespace
