@@ -365,6 +365,21 @@ void HistoryWriter::Append(const SampleTime& time, const SeriesTable& table) {
     }
 }
 
+std::string HistoryWriter::Losses(const SeriesTable& table) const {
+    uint64_t rows = 0;
+    for (const BlockLog& log : m_file->logs) rows += log.Lost();
+    size_t series = 0;
+    for (SeriesTable::Index i = 0; i < m_file->known.size(); ++i) {
+        if (table.IsUsed(i) && m_file->known[i].place == kNoSeries) ++series;
+    }
+    std::string losses;
+    if (rows > 0) losses = std::to_string(rows) + " rows";
+    if (series > 0) {
+        losses += (losses.empty() ? "" : " and ") + std::to_string(series) + " series";
+    }
+    return losses;
+}
+
 void HistoryWriter::Mark(const ::Mark& mark) {
     HistoryMarks& area = mark.kind == MarkKind::kProcesses ? m_file->processNotes : m_file->marks;
     area.Append(m_file->boot, mark);

@@ -25,6 +25,9 @@ class HistoryWriter {
     // One sample of all series that have a value. It is in the file when the call returns: a killed
     // process loses nothing. No system call, and no allocation unless series were added.
     void Append(const SampleTime& time, const SeriesTable& table);
+    // What was left out since the file was opened because it is too small, as "3 rows and 2
+    // series"; empty in the usual case.
+    std::string Losses(const SeriesTable& table) const;
     void Mark(const ::Mark& mark);
     // Until it returns, what was appended before the call may be lost in a power cut. 0 or an errno
     // number.
