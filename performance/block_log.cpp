@@ -77,7 +77,10 @@ bool BlockLog::Append(const SampleTime& time, std::span<const Cell> cells) {
     const size_t size = EncodeRow({row, room}, m_time, time, m_columns, m_known, cells);
     if (size == 0) {
         // What does not fit into an empty slot fits nowhere: the file is too small for its series.
-        if (m_builder.Rows() == 0) return true;
+        if (m_builder.Rows() == 0) {
+            ++m_lost;
+            return true;
+        }
         Seal();
         return false;
     }

@@ -33,6 +33,8 @@ class BlockLog {
     // A cell for each column. False when another block was begun: add the columns and call it
     // again.
     bool Append(const SampleTime& time, std::span<const Cell> cells);
+    // Rows that were left out because they do not even fit into an empty slot.
+    [[nodiscard]] uint64_t Lost() const { return m_lost; }
     void Seal();
     // A sealed block of another file; `entries` with places and tags of this one's definitions.
     void Adopt(const BlockHead& head, std::span<const DirectoryEntry> entries,
@@ -66,6 +68,7 @@ class BlockLog {
     uint64_t m_sequence = 1;  // of the block that is being written
     uint64_t m_end = 0;       // of the rows in its slot
     uint64_t m_ringEnd = 0;   // of the newest block
+    uint64_t m_lost = 0;
     SampleTime m_time;
     size_t m_known = 0;  // columns that the rows so far have
     std::vector<RowColumn> m_columns;

@@ -78,42 +78,54 @@ int HistoryFile::Map() {
     return m_mapping.MapShared(m_fd.Get(), m_head.size) ? 0 : errno;
 }
 
+bool HistoryFile::SetAside(std::string& wrong, std::string& findings) {
+    const std::string aside = m_path + ".bad";
+    if (std::rename(m_path.c_str(), aside.c_str()) != 0) {
+        wrong += std::string(", and cannot be set aside: ") + std::strerror(errno);
+        return false;
+    }
+    findings += m_path;
+    findings += ": " + wrong + "; it is now " + aside + "\n";
+    wrong.clear();
+    return true;
+}
+
+HistoryFile::State HistoryFile::OpenOnce(const HistorySettings& settings, std::string& error) {
+    m_path = settings.path;
+    m_fd = OpenOrMake(m_path, 0);
+    int failed = m_fd.IsOpen() ? Lock() : errno;
+    if (failed == EWOULDBLOCK) {
+        error = "another process is writing this history";
+    } else if (failed != 0) {
+        error = std::strerror(failed);
+    }
+    if (failed != 0) return State::kHistory;
+    const State state = ReadHead(error);
+    if (!error.empty()) return state;
+    if (state == State::kEmpty) failed = Reserve(settings.host, settings.size);
+    if (failed == 0) failed = Map();
+    if (failed == 0) return state;
+    // A file without a head is no use to anyone, and the disk is full.
+    if (state == State::kEmpty) unlink(m_path.c_str());
+    error = "its " + std::to_string(settings.size >> 20) +
+            " MiB cannot be reserved: " + std::strerror(failed);
+    return state;
+}
+
 std::unique_ptr<HistoryFile> HistoryFile::Open(const HistorySettings& settings,
                                                std::string& findings, std::string& error) {
-    const auto fail = [&](const std::string& reason) {
-        error = settings.path + ": " + reason;
-        return std::unique_ptr<HistoryFile>();
-    };
-    if (settings.size < kLeastHistory) return fail("a history needs at least 1 MiB");
-    MakeDirectory(settings.path);
-    for (int attempt = 0; attempt < 2; ++attempt) {
+    std::string wrong;
+    if (settings.size < kLeastHistory) wrong = "a history needs at least 1 MiB";
+    if (wrong.empty()) MakeDirectory(settings.path);
+    for (int attempt = 0; attempt < 2 && wrong.empty(); ++attempt) {
         auto file = std::make_unique<HistoryFile>();
-        file->m_path = settings.path;
-        file->m_fd = OpenOrMake(settings.path, 0);
-        if (!file->m_fd.IsOpen()) return fail(std::strerror(errno));
-        int failed = file->Lock();
-        if (failed == EWOULDBLOCK) return fail("another process is writing this history");
-        if (failed != 0) return fail(std::strerror(failed));
-        std::string wrong;
-        const State state = file->ReadHead(wrong);
-        if (state == State::kOther) {
-            const std::string aside = settings.path + ".bad";
-            if (std::rename(settings.path.c_str(), aside.c_str()) != 0) {
-                return fail(wrong + ", and cannot be set aside: " + std::strerror(errno));
-            }
-            findings += settings.path + ": " + wrong + "; it is now " + aside + "\n";
-            continue;
-        }
-        if (!wrong.empty()) return fail(wrong);
-        if (state == State::kEmpty) failed = file->Reserve(settings.host, settings.size);
-        if (failed == 0) failed = file->Map();
-        if (failed == 0) return file;
-        // A file without a head is no use to anyone, and the disk is full.
-        if (state == State::kEmpty) unlink(settings.path.c_str());
-        return fail("its " + std::to_string(settings.size >> 20) +
-                    " MiB cannot be reserved: " + std::strerror(failed));
+        const State state = file->OpenOnce(settings, wrong);
+        if (wrong.empty()) return file;
+        if (state != State::kOther || !file->SetAside(wrong, findings)) break;
     }
-    return fail("is replaced again and again by another process");
+    if (wrong.empty()) wrong = "is replaced again and again by another process";
+    error = settings.path + ": " + wrong;
+    return nullptr;
 }
 
 std::unique_ptr<HistoryFile> HistoryFile::MakeOther(const HistorySettings& settings,

@@ -9,7 +9,7 @@
 #include "base/mapped_region.h"
 #include "base/unique_fd.h"
 #include "performance/history_format.h"
-#include "performance/history_writer.h"
+#include "performance/history_settings.h"
 
 class HistoryFile {
   public:
@@ -32,6 +32,10 @@ class HistoryFile {
 
     int Lock();
     State ReadHead(std::string& error);
+    // The state of what is there; sound, reserved and mapped unless there is an error.
+    State OpenOnce(const HistorySettings& settings, std::string& error);
+    // Under another name: the reason goes to the findings, or says why it could not be.
+    bool SetAside(std::string& wrong, std::string& findings);
     int Reserve(const std::string& host, uint64_t size);
     int Map();
 

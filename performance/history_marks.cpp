@@ -82,7 +82,7 @@ void HistoryMarks::Append(uint32_t boot, const Mark& mark) {
     head.kind = static_cast<uint8_t>(mark.kind);
     head.checksum = Checksum(head, mark.text.data());
     uint8_t* const to = m_area.data() + m_end;
-    std::memcpy(to + sizeof head, mark.text.data(), length);
+    std::copy_n(mark.text.data(), length, to + sizeof head);
     std::memcpy(to, &head, sizeof head);
     m_end += size;
 }

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "performance/history_block.h"
-#include "performance/history_reader.h"
+#include "performance/history_points.h"
 #include "performance/history_steps.h"
 
 // A part of a row: what the history keeps of one series for a minute or hour.

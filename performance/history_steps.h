@@ -7,7 +7,8 @@
 #include <vector>
 
 #include "performance/history_format.h"
-#include "performance/history_reader.h"
+#include "performance/history_points.h"
+#include "performance/sample_time.h"
 
 // The rate of a counter between two of its samples.
 class CounterRate {

@@ -18,8 +18,9 @@ constexpr uint32_t kNoNumber = UINT32_MAX;
 
 uint64_t Identity(const SeriesInfo& info) {
     const std::hash<std::string> hash;
-    return hash(info.name) * 31 + hash(info.labels) * 7 + info.divide * 5 + info.multiply * 3 +
-           static_cast<uint64_t>(info.kind) * 2 + (info.isReal ? 1 : 0);
+    return hash(info.name) * 31 + hash(info.labels) * 7 + uint64_t{info.divide} * 5 +
+           uint64_t{info.multiply} * 3 + static_cast<uint64_t>(info.kind) * 2 +
+           (info.isReal ? 1 : 0);
 }
 
 }  // namespace
@@ -362,6 +363,21 @@ void HistoryWriter::Append(const SampleTime& time, const SeriesTable& table) {
             file.minutes.Set(file.known[i].minutes, table.Value(i));
         }
     }
+}
+
+std::string HistoryWriter::Losses(const SeriesTable& table) const {
+    uint64_t rows = 0;
+    for (const BlockLog& log : m_file->logs) rows += log.Lost();
+    size_t series = 0;
+    for (SeriesTable::Index i = 0; i < m_file->known.size(); ++i) {
+        if (table.IsUsed(i) && m_file->known[i].place == kNoSeries) ++series;
+    }
+    std::string losses;
+    if (rows > 0) losses = std::to_string(rows) + " rows";
+    if (series > 0) {
+        losses += (losses.empty() ? "" : " and ") + std::to_string(series) + " series";
+    }
+    return losses;
 }
 
 void HistoryWriter::Mark(const ::Mark& mark) {

@@ -4,20 +4,12 @@
 // Append and Mark belong to one thread; Sync may run beside them on another.
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <string>
 
+#include "performance/history_settings.h"
 #include "performance/sample_time.h"
 #include "performance/series.h"
-
-struct HistorySettings {
-    std::string path;
-    uint64_t size = uint64_t{64} << 20;
-    int64_t periodNs = 1'000'000'000;
-    std::string host;
-    std::string bootId;
-};
 
 class HistoryWriter {
   public:
@@ -33,6 +25,9 @@ class HistoryWriter {
     // One sample of all series that have a value. It is in the file when the call returns: a killed
     // process loses nothing. No system call, and no allocation unless series were added.
     void Append(const SampleTime& time, const SeriesTable& table);
+    // What was left out since the file was opened because it is too small, as "3 rows and 2
+    // series"; empty in the usual case.
+    std::string Losses(const SeriesTable& table) const;
     void Mark(const ::Mark& mark);
     // Until it returns, what was appended before the call may be lost in a power cut. 0 or an errno
     // number.

@@ -374,6 +374,12 @@ void Monitor::RequestSync(const SampleTime& now) {
     const int64_t next = now.monotonic + m_settings.periodMs * kMs;
     if (next - m_syncedAt <= m_settings.syncMs * kMs) return;
     m_syncedAt = now.monotonic;
+    const std::string losses = m_writer->Losses(*m_table);
+    if (!losses.empty() && m_losses.empty()) {
+        KemdMessage(kTag, "%s is too small for its series: %s left out; set a larger size",
+                    kHistoryFile, losses.c_str());
+    }
+    m_losses = losses;
     if (!IsFileOurs()) {
         KemdMessage(kTag, "%s is not the file any more that was written: it begins again",
                     kHistoryFile);

@@ -108,6 +108,7 @@ class Monitor {
     dev_t m_device = 0;      // of the file that is written
     ino_t m_inode = 0;
     off_t m_size = 0;
+    std::string m_losses;  // of the history, as it was reported
     MonitorState m_own;
 
     // Under the lock.

@@ -424,6 +424,30 @@ TEST_F(HistoryTest, SeriesThatComeAndGoForYearsStayBounded) {
     EXPECT_GE(found, 3600U);
 }
 
+TEST_F(HistoryTest, WhatDoesNotFitIntoASmallFileIsReported) {
+    OpenWriter();
+    const std::string help(300, 'h');
+    for (int i = 0; i < 6000; ++i) {
+        const auto index = table.Add({"series_" + std::to_string(i), "", "", help,
+                                      i % 2 == 0 ? SeriesKind::kGauge : SeriesKind::kCounter});
+        table.Set(index, 1);
+    }
+    EXPECT_EQ(writer->Losses(table), "");
+    writer->Append({kStart, kHour}, table);
+    const std::string series = writer->Losses(table);
+    EXPECT_TRUE(Contains(series, " series")) << series;
+    // Few have room.
+    SeriesTable few;
+    settings.path = "/var/lib/kemd/performance/other";
+    OpenWriter();
+    for (int i = 0; i < 80; ++i) {
+        (void)few.Add({"series_" + std::to_string(i), "", "", "", SeriesKind::kGauge});
+        few.Set(static_cast<SeriesTable::Index>(i), random());
+    }
+    writer->Append({kStart, kHour}, few);
+    EXPECT_EQ(writer->Losses(few), "");
+}
+
 TEST_F(HistoryTest, NotesOfProcessesNeverPushOutOtherMarks) {
     OpenWriter();
     writer->Mark({{kStart, 1}, MarkKind::kStart, 0, "1.0"});
