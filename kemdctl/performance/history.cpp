@@ -9,7 +9,14 @@
 #include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
-std::unique_ptr<HistoryReader> OpenHistory(const PerformanceOptions& options) {
+void CloseHistory::operator()(HistoryReader* reader) const {
+    for (const std::string& problem : reader->Problems()) {
+        Complain("note: %s", Printable(problem).c_str());  // it names the file
+    }
+    delete reader;
+}
+
+History OpenHistory(const PerformanceOptions& options) {
     struct stat status = {};
     if (options.file == nullptr && stat(kHistoryPath, &status) != 0 && errno == ENOENT) {
         Complain(
@@ -24,10 +31,7 @@ std::unique_ptr<HistoryReader> OpenHistory(const PerformanceOptions& options) {
         Complain("%s", Printable(error).c_str());
         return nullptr;
     }
-    for (const std::string& problem : reader->Problems()) {
-        Complain("note: %s", Printable(problem).c_str());  // it names the file
-    }
-    return reader;
+    return History(reader.release());
 }
 
 std::optional<HistorySpan> ChooseSpan(const PerformanceOptions& options,

@@ -11,8 +11,14 @@
 
 class ReportWriter;
 
-// Null after a complaint. Damaged parts are reported.
-[[nodiscard]] std::unique_ptr<HistoryReader> OpenHistory(const PerformanceOptions& options);
+// Reports the damaged parts that were met, at the end: some show only when values are read.
+struct CloseHistory {
+    void operator()(HistoryReader* reader) const;
+};
+using History = std::unique_ptr<HistoryReader, CloseHistory>;
+
+// Null after a complaint.
+[[nodiscard]] History OpenHistory(const PerformanceOptions& options);
 
 // The time between --since and --until, as far as the history goes. By default it ends with the
 // history, and is ten minutes long, or all that there is. Nothing, after a complaint, when the
