@@ -340,6 +340,10 @@ TEST(XmlTest, CodePagesHaveNumbersNamesAndAliases) {
                  {"IBM-850", "IBM850", 850},
                  {"ms936", "GBK", 936},
                  {"KS_C_5601-1987", "KS_C_5601-1987", 949},
+                 {"euc-jp", "EUC-JP", 51932},
+                 {"dos-862", "IBM862", 862},
+                 {"iso-ir-91", "JIS_C6229-1984-a", 0},
+                 {"ISO-IR-9-1", "NATS-DANO", 0},
                  {"ISO-8859-10", "ISO-8859-10", 0}};
     for (const auto& each : cases) {
         ASSERT_EQ(KemdEncodingFind(each.name, &encoding), 0) << each.name;
@@ -357,6 +361,7 @@ TEST(XmlTest, CodePagesHaveNumbersNamesAndAliases) {
             char text[100];
             size_t size = sizeof text;
             ASSERT_EQ(KemdEncodingAlias(name.c_str(), alias, text, &size), 0) << name;
+            EXPECT_EQ(std::string_view(text).find_first_of("\n()"), std::string_view::npos) << name;
             KemdEncoding found{};
             found.size = sizeof found;
             EXPECT_EQ(KemdEncodingFind(text, &found), 0) << text;
