@@ -238,6 +238,7 @@ uint32_t KemdXmlColumn(const KemdXmlDocument* document, KemdXmlNode node) {
     return IsGood(document, node) ? document->Place(node).column : 0;
 }
 
+// NOLINTNEXTLINE(readability-function-size): what a node is, and where
 int KemdXmlAdd(KemdXmlDocument* document, KemdXmlNode parent, KemdXmlNode before, uint32_t kind,
                const char* name, const char* text, KemdXmlNode* node) {
     return Changed(document, [&](XmlEditor editor) {

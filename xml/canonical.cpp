@@ -116,15 +116,15 @@ class CanonicalWriter {
             for (uint32_t at = m_document.FirstAttribute(above); at != 0;
                  at = m_document.Next(at)) {
                 const auto& each = m_document.AttributeAt(at);
-                const bool isKnown =
-                    std::any_of(m_attributes.begin(), m_attributes.end(), [&](uint32_t other) {
-                        return m_document.AttributeAt(other).name == each.name;
-                    });
-                if (each.uri == m_document.xmlUri && each.isNamespace == 0 && !isKnown) {
-                    m_attributes.push_back(at);
-                }
+                const bool isXml = each.uri == m_document.xmlUri && each.isNamespace == 0;
+                if (isXml && !HasAttribute(each.name)) m_attributes.push_back(at);
             }
         }
+    }
+    [[nodiscard]] bool HasAttribute(uint32_t name) const {
+        return std::any_of(m_attributes.begin(), m_attributes.end(), [this, name](uint32_t each) {
+            return m_document.NameNumber(each) == name;
+        });
     }
 
     void Put(std::string_view name, std::string_view value) {

@@ -77,14 +77,20 @@ bool XmlEditor::ResolveElement(uint32_t element) {
         if (each.isNamespace != 0 || itsPrefix == 0) continue;
         each.uri = m_document.UriOf(itsPrefix, element);
         if (each.uri == 0) return false;
-        for (uint32_t other = first; other != at; other = m_document.attributes[other].next) {
-            const KemdXmlDocument::Attribute& before = m_document.attributes[other];
-            if (before.uri == each.uri && strings.Local(before.name) == strings.Local(each.name)) {
-                return false;
-            }
-        }
+        if (HasBefore(first, at)) return false;
     }
     return true;
+}
+
+// Whether an attribute between the first one and this one has its expanded name.
+bool XmlEditor::HasBefore(uint32_t first, uint32_t at) const {
+    const KemdXmlDocument::Attribute& each = m_document.attributes[at];
+    const std::string_view local = m_document.strings.Local(each.name);
+    for (uint32_t other = first; other != at; other = m_document.attributes[other].next) {
+        const KemdXmlDocument::Attribute& before = m_document.attributes[other];
+        if (before.uri == each.uri && m_document.strings.Local(before.name) == local) return true;
+    }
+    return false;
 }
 
 bool XmlEditor::ResolveAll(uint32_t element) {

@@ -26,6 +26,7 @@ class XmlEditor {
   private:
     [[nodiscard]] bool MayAdd(uint32_t parent, uint32_t before, uint32_t kind) const;
     [[nodiscard]] bool ResolveElement(uint32_t element);
+    [[nodiscard]] bool HasBefore(uint32_t first, uint32_t at) const;
     [[nodiscard]] bool ResolveAll(uint32_t element);
     [[nodiscard]] bool MayDeclare(uint32_t name, std::string_view value);
     [[nodiscard]] uint32_t FindAttribute(uint32_t element, uint32_t name, uint32_t& last) const;

@@ -146,14 +146,15 @@ int FindEncoding(std::string_view name, Encoding& encoding) {
 }
 
 void Conversion::Close() {
-    if (m_conversion != reinterpret_cast<iconv_t>(-1)) iconv_close(m_conversion);
-    m_conversion = reinterpret_cast<iconv_t>(-1);
+    if (m_conversion != nullptr) iconv_close(m_conversion);
+    m_conversion = nullptr;
 }
 
 bool Conversion::Open(const std::string& name, bool toUtf8) {
     Close();
     m_conversion = iconv_open(toUtf8 ? "UTF-8" : name.c_str(), toUtf8 ? name.c_str() : "UTF-8");
-    return m_conversion != reinterpret_cast<iconv_t>(-1);
+    if (reinterpret_cast<intptr_t>(m_conversion) == -1) m_conversion = nullptr;
+    return m_conversion != nullptr;
 }
 
 // The C library knows most encodings by one of their names only, or by the number.
@@ -255,36 +256,40 @@ size_t Encoder::ConvertByLibrary(std::string_view text, std::string& out) {
     return taken;
 }
 
+// False: the encoding, which is none of the C library's, lacks it.
+bool Encoder::Put(uint32_t character, std::string& out) const {
+    const bool isBig =
+        m_encoding.coding == Coding::kUtf16Big || m_encoding.coding == Coding::kUtf32Big;
+    switch (m_encoding.coding) {
+        case Coding::kAscii:
+        case Coding::kLatin1:
+            if (character >= (m_encoding.coding == Coding::kAscii ? 0x80 : 0x100)) return false;
+            out += static_cast<char>(character);
+            return true;
+        case Coding::kUtf16Little:
+        case Coding::kUtf16Big:
+            if (character >= 0x10000) {
+                AddNumber(out, 0xD7C0 + (character >> 10), 2, isBig);
+                character = 0xDC00 | (character & 0x3FF);
+            }
+            AddNumber(out, character, 2, isBig);
+            return true;
+        default:
+            AddNumber(out, character, 4, isBig);
+            return true;
+    }
+}
+
 size_t Encoder::Convert(std::string_view text, std::string& out) {
     if (m_encoding.coding == Coding::kUtf8) {
         out += text;
         return text.size();
     }
     if (m_encoding.coding == Coding::kLibrary) return ConvertByLibrary(text, out);
-    const bool isBig =
-        m_encoding.coding == Coding::kUtf16Big || m_encoding.coding == Coding::kUtf32Big;
     size_t taken = 0;
     while (taken < text.size()) {
         const size_t length = Utf8Length(text.substr(taken));
-        const uint32_t character = CodePoint(text.substr(taken, length));
-        switch (m_encoding.coding) {
-            case Coding::kAscii:
-            case Coding::kLatin1:
-                if (character >= (m_encoding.coding == Coding::kAscii ? 0x80 : 0x100)) return taken;
-                out += static_cast<char>(character);
-                break;
-            case Coding::kUtf16Little:
-            case Coding::kUtf16Big:
-                if (character >= 0x10000) {
-                    AddNumber(out, 0xD7C0 + (character >> 10), 2, isBig);
-                    AddNumber(out, 0xDC00 | (character & 0x3FF), 2, isBig);
-                } else {
-                    AddNumber(out, character, 2, isBig);
-                }
-                break;
-            default:
-                AddNumber(out, character, 4, isBig);
-        }
+        if (!Put(CodePoint(text.substr(taken, length)), out)) break;
         taken += length;
     }
     return taken;

@@ -48,7 +48,7 @@ class Conversion {
   private:
     [[nodiscard]] bool Open(const std::string& name, bool toUtf8);
 
-    iconv_t m_conversion = reinterpret_cast<iconv_t>(-1);
+    iconv_t m_conversion = nullptr;
 };
 
 // What a conversion did. It ended because the room was full, nothing was left, what is left is the
@@ -89,6 +89,7 @@ class Encoder {
 
   private:
     size_t ConvertByLibrary(std::string_view text, std::string& out);
+    bool Put(uint32_t character, std::string& out) const;
 
     Encoding m_encoding;
     Conversion m_conversion;

@@ -166,6 +166,7 @@ struct XmlEvents::Handlers {
                 run.m_prolog.substr(run.m_documentType, run.Index() + 1 - run.m_documentType);
         });
     }
+    // NOLINTNEXTLINE(readability-function-size): expat calls it
     static void Entity(void* user, const XML_Char* name, int isParameter, const XML_Char* value,
                        int size, const XML_Char* /*base*/, const XML_Char* /*system*/,
                        const XML_Char* /*publicId*/, const XML_Char* /*notation*/) {

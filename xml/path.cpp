@@ -264,6 +264,21 @@ void XmlPath::Select(const KemdXmlDocument& document, const Step& step, KemdXmlN
     }
 }
 
+// Whether a node is `top` or within it.
+static bool IsWithin(const KemdXmlDocument& document, uint32_t node, uint32_t top) {
+    while (node != 0 && node != top) node = document.Parent(node);
+    return node == top;
+}
+
+void XmlPath::SelectAll(const KemdXmlDocument& document, const Step& step, KemdXmlNode from,
+                        std::vector<KemdXmlNode>& out) {
+    if (step.axis != Axis::kDescendant) return Select(document, step, from, out);
+    if (KemdXmlDocument::IsAttribute(from)) return;
+    for (uint32_t node = from; node != 0; node = document.Following(node, from)) {
+        Select(document, step, node, out);
+    }
+}
+
 std::vector<KemdXmlNode> XmlPath::Find(const KemdXmlDocument& document, KemdXmlNode context) const {
     std::vector<KemdXmlNode> nodes = {m_isAbsolute ? KEMD_XML_DOCUMENT_NODE : context};
     std::vector<KemdXmlNode> next;
@@ -272,21 +287,11 @@ std::vector<KemdXmlNode> XmlPath::Find(const KemdXmlDocument& document, KemdXmlN
         next.clear();
         uint32_t done = 0;
         for (const KemdXmlNode from : nodes) {
-            if (step.axis != Axis::kDescendant) {
-                Select(document, step, from, next);
-                continue;
-            }
-            if (KemdXmlDocument::IsAttribute(from)) continue;
             // Those within one that was walked are done.
-            uint32_t above = from;
-            while (isNested && done != 0 && above != 0 && above != done) {
-                above = document.Parent(above);
-            }
-            if (isNested && done != 0 && above == done) continue;
-            done = from;
-            for (uint32_t node = from; node != 0; node = document.Following(node, from)) {
-                Select(document, step, node, next);
-            }
+            const bool mayBeDone = isNested && done != 0 && step.axis == Axis::kDescendant;
+            if (mayBeDone && IsWithin(document, from, done)) continue;
+            if (!KemdXmlDocument::IsAttribute(from)) done = from;
+            SelectAll(document, step, from, next);
         }
         isNested = isNested || step.axis == Axis::kDescendant;
         nodes.swap(next);

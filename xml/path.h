@@ -49,6 +49,9 @@ class XmlPath {
                       size_t position, size_t count);
     static void Select(const KemdXmlDocument& document, const Step& step, KemdXmlNode from,
                        std::vector<KemdXmlNode>& out);
+    // Also of all nodes within it when the step is one of "//".
+    static void SelectAll(const KemdXmlDocument& document, const Step& step, KemdXmlNode from,
+                          std::vector<KemdXmlNode>& out);
 
     bool m_isAbsolute = false;
     std::vector<Step> m_steps;

@@ -129,14 +129,11 @@ class PlainWriter {
              each = m_document.At(each).parent) {
             for (uint32_t at = m_document.FirstAttribute(each); at != 0; at = m_document.Next(at)) {
                 const uint32_t name = m_document.NameNumber(at);
-                if (m_document.AttributeAt(at).isNamespace == 0 ||
-                    std::find(done.begin(), done.end(), name) != done.end()) {
-                    continue;
-                }
+                const bool isKnown = std::find(done.begin(), done.end(), name) != done.end();
+                if (isKnown || m_document.AttributeAt(at).isNamespace == 0) continue;
                 done.push_back(name);
-                if (each != element) {
-                    WriteAttribute(m_document.strings.View(name), m_document.Text(at));
-                }
+                if (each == element) continue;
+                WriteAttribute(m_document.strings.View(name), m_document.Text(at));
             }
         }
     }
