@@ -27,6 +27,16 @@ struct ErrorsTask : SlowTask {
     std::vector<Errors> found;
 
   private:
+    // A file system without a partition has the name of its disk.
+    void Add(const char* disk, uint64_t count) {
+        const auto place = std::find_if(found.begin(), found.end(),
+                                        [&](const Errors& errors) { return errors.disk == disk; });
+        if (place == found.end()) {
+            found.push_back({disk, count});
+        } else {
+            place->count += count;
+        }
+    }
     void Read(const std::string& directory, const char* file) {
         const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(directory.c_str()), closedir);
         if (entries == nullptr) return;
@@ -36,7 +46,7 @@ struct ErrorsTask : SlowTask {
             const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
             std::array<char, 32> text{};
             if (!fd.IsOpen() || read(fd.Get(), text.data(), text.size() - 1) <= 0) continue;
-            found.push_back({entry->d_name, std::strtoull(text.data(), nullptr, 0)});
+            Add(entry->d_name, std::strtoull(text.data(), nullptr, 0));
         }
     }
 };

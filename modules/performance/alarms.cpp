@@ -27,6 +27,12 @@ constexpr RuleRow kRows[] = {
 };
 static_assert(std::size(kRows) == kRules);
 
+// An alarm that comes and goes and comes again is over when its value was good for this long: its
+// records would fill the trace.
+constexpr int kManyBegins = 3;
+constexpr int64_t kSoonMs = 600'000;
+constexpr int64_t kCalmMs = 60'000;
+
 const RuleRow& RowOf(Rule rule) {
     return kRows[static_cast<size_t>(rule)];
 }
@@ -132,7 +138,8 @@ std::optional<double> Alarms::Value(Rule rule, Subject& subject, const SeriesTab
         }
         case Rule::kMemoryAvailable:
             return Percent(numbers[1], numbers[0]);
-        case Rule::kTemperatureMargin:
+        case Rule::kTemperatureMargin:  // 0: nobody has set the chip's limit
+            if (numbers[1] <= 0) return std::nullopt;
             return numbers[1] - numbers[0];
         case Rule::kMemoryPressure:
         case Rule::kOomKill:
@@ -169,7 +176,9 @@ void Alarms::CompareRule(Rule rule, const SeriesTable& table, const SampleTime& 
         const auto value = Value(rule, subject, table, time.monotonic);
         if (value) subject.value = *value;
         // One that has no value for a moment keeps its state; one that is gone has none.
-        if (value || isOff || subject.found == 0) Judge(rule, labels, subject, time, events);
+        if (value || isOff || subject.found != AllOf(RowOf(rule))) {
+            Judge(rule, labels, subject, time, events);
+        }
     }
     std::erase_if(subjects, [](const auto& each) { return each.second.found == 0; });
 }
@@ -179,7 +188,7 @@ void Alarms::Judge(Rule rule, const std::string& labels, Subject& subject, const
     const RuleRow& row = RowOf(rule);
     const Limit& limit = m_limits[static_cast<size_t>(rule)];
     const bool isAlarm = subject.since.has_value();
-    const bool isOff = limit.begin == 0 || subject.found == 0;
+    const bool isOff = limit.begin == 0 || subject.found != AllOf(row);
     // What was counted has to fall to half.
     const int64_t end = row.isCount ? (limit.begin + 1) / 2 : limit.end;
     const bool isBeyond = !isOff && IsBeyond(subject.value, isAlarm ? end : limit.begin, row.isLow);
@@ -193,7 +202,9 @@ void Alarms::Judge(Rule rule, const std::string& labels, Subject& subject, const
     }
     if (!subject.crossed) subject.crossed = time;
     const int64_t waitedMs = (time.monotonic - subject.crossed->monotonic) / 1'000'000;
-    if (!isOff && !row.isCount && waitedMs < limit.timeMs) return;
+    int64_t timeMs = row.isCount ? 0 : limit.timeMs;
+    if (isAlarm && subject.begins >= kManyBegins) timeMs = std::max(timeMs, kCalmMs);
+    if (!isOff && waitedMs < timeMs) return;
     AlarmEvent event{isAlarm, subject.value, Text(rule, labels, subject.value), labels, row.series};
     if (isAlarm) {
         const int64_t lasted = (time.monotonic - subject.since->monotonic) / 1'000'000;
@@ -203,6 +214,11 @@ void Alarms::Judge(Rule rule, const std::string& labels, Subject& subject, const
         event.text += ", since " + WallText(subject.crossed->wall);
     }
     events.push_back(std::move(event));
+    if (!isAlarm) {
+        const bool isSoon = time.monotonic - subject.lastBegin < kSoonMs * 1'000'000;
+        subject.begins = isSoon ? subject.begins + 1 : 1;
+        subject.lastBegin = time.monotonic;
+    }
     subject.worst = subject.value;
     subject.since = isAlarm ? std::nullopt : subject.crossed;
     subject.crossed.reset();

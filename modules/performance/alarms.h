@@ -47,6 +47,8 @@ class Alarms {
         std::optional<SampleTime> since;    // of an alarm
         double value = 0;
         double worst = 0;
+        int begins = 0;  // one soon after the other
+        int64_t lastBegin = 0;
     };
     using Subjects = std::map<std::string, Subject>;  // by labels
 

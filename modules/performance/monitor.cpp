@@ -3,12 +3,10 @@
 #include <pthread.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
-#include <time.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <fstream>
@@ -25,14 +23,11 @@ constexpr const char* kVersion = "1.0";
 constexpr int64_t kMs = 1'000'000;
 constexpr int64_t kSecond = 1000 * kMs;
 constexpr int64_t kRetry = 60 * kSecond;
-// Between two readings of the clocks; less is the reading itself.
-constexpr int64_t kLeastSuspend = 100 * kMs;
-constexpr int64_t kLeastStep = 20 * kMs;
+// What cannot be had may change, as when a disk no longer answers.
+constexpr int64_t kNotesEvery = 10 * kSecond;
 
-int64_t ReadClock(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return int64_t{now.tv_sec} * kSecond + now.tv_nsec;
+int64_t Monotonic() {
+    return SampleTime::Now().monotonic;
 }
 
 std::string ReadLine(const char* path) {
@@ -72,7 +67,7 @@ bool Monitor::Start(const PerformanceSettings& settings) {
     m_state.at = SampleTime::Now().monotonic;
     m_alarms = Alarms();
     m_dead.clear();
-    m_hasOffsets = false;
+    m_clocks = {};
     m_deadline = 0;
     m_isRunning = m_sampler.Start(RunSampler, this, 0, false, 0, true);
     if (!m_isRunning) return false;
@@ -154,12 +149,14 @@ void Monitor::Sample() {
         }
     }
     Close();
+    // Here, and not when the library is unloaded: too late then to keep it for a thread that hangs.
+    m_sources.reset();
 }
 
 void Monitor::TakeDueSample() {
     TakeSettings();
     const int64_t period = m_settings.periodMs * kMs;
-    const int64_t late = ReadClock(CLOCK_MONOTONIC) - m_deadline;
+    const int64_t late = Monotonic() - m_deadline;
     if (late < 0) return;  // new settings, before the next sample
     const auto missed = static_cast<uint64_t>(late / period);
     m_deadline += static_cast<int64_t>(missed + 1) * period;
@@ -187,7 +184,7 @@ void Monitor::TakeSettings() {
     m_settings = wanted;
     m_alarms.Configure(m_settings.limits);
     if (!isFirst && !isOther) return;
-    m_deadline = ReadClock(CLOCK_MONOTONIC);
+    m_deadline = Monotonic();
     m_isOpenWanted = true;
 }
 
@@ -265,8 +262,8 @@ void Monitor::Close() try {
 void Monitor::Tick(uint64_t missed) {
     if (m_isOpenWanted) {
         Open(SampleTime::Now());
-        m_deadline = ReadClock(CLOCK_MONOTONIC) + m_settings.periodMs * kMs;
-    } else if (m_writer == nullptr && ReadClock(CLOCK_MONOTONIC) >= m_openAt) {
+        m_deadline = Monotonic() + m_settings.periodMs * kMs;
+    } else if (m_writer == nullptr && Monotonic() >= m_openAt) {
         OpenWriter(SampleTime::Now());
     }
     const SampleTime now = SampleTime::Now();
@@ -297,30 +294,12 @@ void Monitor::AddMark(const SampleTime& now, MarkKind kind, int64_t value,
     if (m_writer != nullptr) m_writer->Mark({now, kind, value, text});
 }
 
-// False when the thread was interrupted each time.
-bool Monitor::ReadOffsets(Offsets& offsets) {
-    for (int tries = 0; tries < 3; ++tries) {
-        const int64_t begin = ReadClock(CLOCK_MONOTONIC);
-        const int64_t boot = ReadClock(CLOCK_BOOTTIME);
-        const int64_t wall = ReadClock(CLOCK_REALTIME);
-        const int64_t end = ReadClock(CLOCK_MONOTONIC);
-        offsets = {boot - begin, wall - boot};
-        if (end - begin < kMs) return true;
-    }
-    return false;
-}
-
-// The wall clock goes on while the machine sleeps, as CLOCK_BOOTTIME does, and all three follow
-// what slows or hastens them: a difference is a step.
 void Monitor::MarkClocks(const SampleTime& now) {
-    Offsets offsets;
-    if (!ReadOffsets(offsets)) return;
-    const int64_t slept = offsets.slept - m_offsets.slept;
-    const int64_t step = offsets.wall - m_offsets.wall;
-    m_offsets = offsets;
-    if (!std::exchange(m_hasOffsets, true)) return;
-    if (slept >= kLeastSuspend) AddMark(now, MarkKind::kSuspend, slept, "");
-    if (std::abs(step) >= kLeastStep) AddMark(now, MarkKind::kClockStep, step, "");
+    ClockReading reading;
+    if (!Clocks::Read(reading)) return;
+    const ClockChange change = m_clocks.Compare(reading);
+    if (change.slept != 0) AddMark(now, MarkKind::kSuspend, change.slept, "");
+    if (change.step != 0) AddMark(now, MarkKind::kClockStep, change.step, "");
 }
 
 void Monitor::Report(const SampleTime& now) {
@@ -393,14 +372,19 @@ void Monitor::RequestSync(const SampleTime& now) {
     m_request.notify_all();
 }
 
-void Monitor::Publish(const SampleTime& now) {
-    if (std::exchange(m_isFirst, false)) {
-        m_own.notes.clear();
-        for (const std::string& note : m_sources->Notes()) {
-            KemdTrace(kTag, 2, "%s", note.c_str());
-            m_own.notes += note + "\n";
-        }
+void Monitor::TakeNotes(const SampleTime& now) {
+    std::string notes;
+    for (const std::string& note : m_sources->Notes()) {
+        if (m_isFirst) KemdTrace(kTag, 2, "%s", note.c_str());
+        notes += note + "\n";
     }
+    m_own.notes = std::move(notes);
+    m_notesAt = now.monotonic + kNotesEvery;
+    m_isFirst = false;
+}
+
+void Monitor::Publish(const SampleTime& now) {
+    if (m_isFirst || now.monotonic >= m_notesAt) TakeNotes(now);
     m_own.series = 0;
     for (SeriesTable::Index i = 0; i < m_table->Size(); ++i) {
         m_own.series += m_table->HasValue(i) ? 1 : 0;

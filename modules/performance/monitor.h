@@ -16,6 +16,7 @@
 
 #include "kemd/thread.h"
 #include "modules/performance/alarms.h"
+#include "modules/performance/clocks.h"
 #include "modules/performance/module_series.h"
 #include "modules/performance/settings.h"
 #include "performance/history_writer.h"
@@ -55,12 +56,6 @@ class Monitor {
     [[nodiscard]] int Sync();
 
   private:
-    // Differences of clocks, in nanoseconds.
-    struct Offsets {
-        int64_t slept = 0;  // CLOCK_BOOTTIME - CLOCK_MONOTONIC
-        int64_t wall = 0;   // CLOCK_REALTIME - CLOCK_BOOTTIME
-    };
-
     static void* RunSampler(void* self);
     static void* RunSyncer(void* self);
     void Sample();
@@ -75,12 +70,12 @@ class Monitor {
     void Close();
     void Tick(uint64_t missed);
     void MarkClocks(const SampleTime& now);
-    [[nodiscard]] static bool ReadOffsets(Offsets& offsets);
     void AppendSample(const SampleTime& now);
     void Report(const SampleTime& now);
     void Report(const SampleTime& now, const AlarmEvent& event, bool isMovedShown);
     void MarkDeadModules(const SampleTime& now);
     void RequestSync(const SampleTime& now);
+    void TakeNotes(const SampleTime& now);
     void Publish(const SampleTime& now);
     void AddMark(const SampleTime& now, MarkKind kind, int64_t value, const std::string& text);
     [[nodiscard]] bool IsFileOurs();
@@ -98,12 +93,12 @@ class Monitor {
     std::vector<AlarmEvent> m_events;
     std::set<std::string> m_dead;  // modules
     std::string m_bootId;
-    Offsets m_offsets;
-    bool m_hasOffsets = false;
+    Clocks m_clocks;
     bool m_isOpenWanted = false;
     int64_t m_deadline = 0;  // CLOCK_MONOTONIC
     int64_t m_openAt = 0;    // when to try again
     int64_t m_syncedAt = 0;
+    int64_t m_notesAt = 0;   // when to ask for them again
     bool m_isFirst = false;  // after the sources were made
     dev_t m_device = 0;      // of the file that is written
     ino_t m_inode = 0;

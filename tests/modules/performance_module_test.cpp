@@ -12,6 +12,7 @@
 #include "tests/daemon/daemon_test.h"
 #include "tests/kemdctl/ctl.h"
 #include "tests/modules.h"
+#include "tests/performance/made_files.h"
 
 namespace {
 
@@ -114,6 +115,15 @@ class PerformanceModuleTest : public DaemonTest {
     static bool HasSamples(size_t more) {
         const size_t before = Values("load_1").size();
         return WaitFor([&] { return Values("load_1").size() >= before + more; });
+    }
+    static std::string Tasks(pid_t pid) {
+        std::string names;
+        std::error_code error;  // a thread ends meanwhile
+        const std::string directory = "/proc/" + std::to_string(pid) + "/task";
+        for (const auto& task : std::filesystem::directory_iterator(directory, error)) {
+            names += ReadFile(task.path() / "comm");
+        }
+        return names;
     }
     static pid_t ProcessOf(const std::string& module) {
         const std::string shown = Ctl("modules show " + module).out;
@@ -271,6 +281,53 @@ TEST_F(PerformanceModuleTest, SaysWhyNothingIsWritten) {
     EXPECT_TRUE(Contains(Trace(), "/history is not the file any more that was written"));
     EXPECT_EQ(Stop(pid), 0);
     EXPECT_EQ(umount("/var/lib/kemd"), 0);
+}
+
+TEST_F(PerformanceModuleTest, ReportsEachPartOfTheHost) {
+    MadeFiles files;
+    const std::string chip = "/sys/class/hwmon/hwmon0/";
+    for (const auto& [name, text] : std::map<std::string, std::string>{
+             {"name", "nvme"}, {"temp1_input", "84000"}, {"temp1_crit", "85000"}}) {
+        WriteFile(chip + name, text + "\n");
+    }
+    ASSERT_TRUE(files.Write("/proc/vmstat", "pgpgin 1\noom_kill 1\n"));
+    Configure("TemperatureMarginTime = 0\n");
+    // The file systems of the host that the private root shows.
+    std::string settings = ReadFile("/etc/kemd/modules.d/performance.ini");
+    settings.replace(settings.find("Full = 0"), 8, "Full = 1\nFileSystemFullTime = 0");
+    WriteFile("/etc/kemd/modules.d/performance.ini", settings);
+    const pid_t pid = Run();
+    EXPECT_TRUE(WaitFor([&] {
+        return InOrder(Trace(), {"temperature of nvme temp1: 1.0 C below the sensor's limit"}) &&
+               InOrder(Trace(), {"file system /", " % full (limit 1 %), since "});
+    })) << Trace();
+    ASSERT_TRUE(files.Write("/proc/vmstat", "pgpgin 1\noom_kill 2\n"));
+    EXPECT_TRUE(WaitFor([] { return Contains(Health(), "out of memory: 1 killed within 10 min"); }))
+        << Health();
+    Configure("TemperatureMargin = 0\nOomKill = 0\n");
+    EXPECT_EQ(Ctl("modules reload performance").code, 0);
+    EXPECT_TRUE(WaitFor([] { return Health() == "health:       ok"; })) << Health();
+    EXPECT_EQ(Stop(pid), 0);
+    std::filesystem::remove_all(chip);
+}
+
+TEST_F(PerformanceModuleTest, IsUnloadedWhileAReadHangs) {
+    const std::string disk = "/sys/block/sda/device";
+    std::filesystem::create_directories(disk);
+    ASSERT_EQ(mkfifo((disk + "/ioerr_cnt").c_str(), 0600), 0);
+    const pid_t pid = Run();
+    ASSERT_TRUE(HasSamples(2));
+    EXPECT_EQ(Ctl("modules stop performance").code, 0);
+    {
+        const UniqueFd answer(open((disk + "/ioerr_cnt").c_str(), O_RDWR | O_CLOEXEC));
+        EXPECT_EQ(write(answer.Get(), "1\n", 2), 2);
+        EXPECT_TRUE(WaitFor([&] {  // the thread goes on, and ends
+            return !Contains(Tasks(pid), "perf-slow");
+        })) << Tasks(pid);
+    }
+    EXPECT_EQ(Ctl("modules start performance").code, 0);
+    EXPECT_EQ(Stop(pid), 0);
+    std::filesystem::remove_all("/sys/block/sda");
 }
 
 // It sees the host, and of the modules none.

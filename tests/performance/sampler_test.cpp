@@ -270,6 +270,10 @@ TEST_F(SamplerTest, SensorsFrequenciesAndFileSystems) {
         WriteFile(std::string("/sys/devices/system/cpu/cpu") + cpu + "/cpufreq/scaling_cur_freq",
                   "240000" + std::string(cpu) + "\n");
     }
+    // A file system without a partition has the name of its disk.
+    WriteFile("/sys/block/sdz/device/ioerr_cnt", "0x12\n");
+    WriteFile("/sys/fs/ext4/sdz/errors_count", "4\n");
+    WriteFile("/sys/fs/ext4/sdz1/errors_count", "5\n");
     // The second mount of a device, one that another hides, and what is not local.
     Write("/proc/self/mountinfo",
           "1 0 8:1 /sub /run rw - ext4 /dev/a rw\n2 0 8:1 / /tmp rw shared:1 - ext4 /dev/a rw\n"
@@ -281,6 +285,7 @@ TEST_F(SamplerTest, SensorsFrequenciesAndFileSystems) {
         return IsKnown("temperature_celsius" + label + "\"temp2\"}") &&
                IsKnown("filesystem_size_bytes{mount=\"/tmp\"}") &&
                IsKnown("core_frequency_hertz{cpu=\"3\"}") &&
+               IsKnown("disk_errors{disk=\"sdz1\"}") &&
                Contains(Notes(), "/gone away: No such file");
     })) << Notes();
     Check({{"temperature_celsius" + label + "\"Composite\"}", -5.25},
@@ -288,6 +293,8 @@ TEST_F(SamplerTest, SensorsFrequenciesAndFileSystems) {
            {"temperature_limit_celsius" + label + "\"Composite\"}", 84.85},
            {"temperature_limit_celsius" + label + "\"temp2\"}", 70},
            {"temperature_celsius" + label + "\"temp3\"}", kAbsent},
+           {"disk_errors{disk=\"sdz\"}", 22},
+           {"disk_errors{disk=\"sdz1\"}", 5},
            {"fan_speed_rpm" + label + "\"fan1\"}", 1200},
            {"power_watts" + label + "\"power1\"}", 12.5},
            {"core_frequency_hertz{cpu=\"2\"}", 2400002000.0},
