@@ -72,6 +72,7 @@ class Child {
 
 pid_t Spawn(std::vector<std::string> words) {
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
     posix_spawn_file_actions_t quiet;
@@ -148,8 +149,8 @@ double Play(const std::string& id, const Values& values) {
 }
 
 struct Pair {
-    const char* ours;
-    const char* theirs;
+    const char* ours = nullptr;
+    const char* theirs = nullptr;
     double factor = 1;  // ours is theirs times this
 };
 // "*" is a device, the same in both.
@@ -345,6 +346,21 @@ Values Scrape(uint16_t port) {
     return values;
 }
 
+void CheckScrape(const Host& host, const Moment& before, const Values& theirs, const Moment& after,
+                 const std::string& id, Comparison& comparison) {
+    for (const Pair& pair : kNodeExporter) {
+        const auto device = DeviceOf(id, pair.ours);
+        if (!device || after.values.count(id) == 0) continue;
+        const auto found = theirs.find(WithDevice(pair.theirs, *device));
+        if (found == theirs.end()) continue;
+        const double play = host.IsCounter(id) ? 0 : Play(id, before.values);
+        const double first = before.values.at(id);
+        const double last = after.values.at(id);
+        comparison.Check("node_exporter", id, found->first, std::min(first, last) - play,
+                         found->second * pair.factor, std::max(first, last) + play);
+    }
+}
+
 int CompareNodeExporter(Host& host) {
     constexpr uint16_t kPort = 19100;
     const Child exporter(Spawn({"/usr/bin/prometheus-node-exporter",
@@ -355,17 +371,8 @@ int CompareNodeExporter(Host& host) {
         const Moment before = host.Sample();
         const Values theirs = Scrape(kPort);
         const Moment after = host.Sample();
-        for (const auto& [id, value] : before.values) {
-            for (const Pair& pair : kNodeExporter) {
-                const auto device = DeviceOf(id, pair.ours);
-                if (!device || after.values.count(id) == 0) continue;
-                const auto found = theirs.find(WithDevice(pair.theirs, *device));
-                if (found == theirs.end()) continue;
-                const double play = host.IsCounter(id) ? 0 : Play(id, before.values);
-                const double other = after.values.at(id);
-                comparison.Check("node_exporter", id, found->first, std::min(value, other) - play,
-                                 found->second * pair.factor, std::max(value, other) + play);
-            }
+        for (const auto& each : before.values) {
+            CheckScrape(host, before, theirs, after, each.first, comparison);
         }
     }
     return comparison.Report("node_exporter");
@@ -429,10 +436,42 @@ void AwaitSadc(Host& host, const char* path, Moment& before, Moment& after) {
     }
 }
 
+// `moments`: before and after sadc's first statistics, before and after its second.
+void CheckStatistics(const Host& host, const std::array<Moment, 4>& moments,
+                     const JsonValue& statistics, const std::string& id, Comparison& comparison) {
+    for (const Pair& pair : kSadf) {
+        const auto device = DeviceOf(id, pair.ours);
+        if (!device) continue;
+        const std::string name = WithDevice(pair.theirs, *device);
+        auto theirs = FindIn(statistics, name);
+        if (!theirs) continue;
+        *theirs *= pair.factor;
+        double numbers[4];
+        for (size_t i = 0; i < 4; ++i) numbers[i] = moments[i].values.at(id);
+        if (!host.IsCounter(id)) {
+            const double play = Play(id, moments[2].values);
+            comparison.Check("sadf", id, name, std::min(numbers[2], numbers[3]) - play, *theirs,
+                             std::max(numbers[2], numbers[3]) + play);
+            continue;
+        }
+        double rounding = 0.01 * pair.factor * 2;
+        // sadf takes the sum of the processors' whole ticks.
+        if (id.starts_with("cpu_")) {
+            const auto processors = static_cast<double>(sysconf(_SC_NPROCESSORS_ONLN));
+            *theirs *= processors;
+            rounding += processors / static_cast<double>(sysconf(_SC_CLK_TCK));
+        }
+        const double longest = moments[3].seconds - moments[0].seconds;
+        const double shortest = moments[2].seconds - moments[1].seconds;
+        comparison.Check("sadf", id, name, (numbers[2] - numbers[1]) / longest - rounding, *theirs,
+                         (numbers[3] - numbers[0]) / shortest + rounding);
+    }
+}
+
 int CompareSadf(Host& host) {
     const char* const path = "/tmp/performance_compare.sadc";
     unlink(path);
-    Moment moments[4];
+    std::array<Moment, 4> moments;
     moments[0] = host.Sample();
     const Child sadc(Spawn({"/usr/lib/sysstat/sadc", "-S", "XALL", "2", "2", path}));
     while (SizeOf(path) == 0) usleep(1000);
@@ -443,34 +482,8 @@ int CompareSadf(Host& host) {
     const auto statistics = ReadSadf(path);
     if (!statistics) return 1;
     Comparison comparison;
-    for (const auto& [id, first] : moments[0].values) {
-        for (const Pair& pair : kSadf) {
-            const auto device = DeviceOf(id, pair.ours);
-            if (!device) continue;
-            const std::string name = WithDevice(pair.theirs, *device);
-            auto theirs = FindIn(*statistics, name);
-            if (!theirs) continue;
-            *theirs *= pair.factor;
-            double numbers[4];
-            for (int i = 0; i < 4; ++i) numbers[i] = moments[i].values.at(id);
-            if (!host.IsCounter(id)) {
-                const double play = Play(id, moments[2].values);
-                comparison.Check("sadf", id, name, std::min(numbers[2], numbers[3]) - play, *theirs,
-                                 std::max(numbers[2], numbers[3]) + play);
-                continue;
-            }
-            double rounding = 0.01 * pair.factor * 2;
-            // sadf takes the sum of the processors' whole ticks.
-            if (id.starts_with("cpu_")) {
-                const auto processors = static_cast<double>(sysconf(_SC_NPROCESSORS_ONLN));
-                *theirs *= processors;
-                rounding += processors / static_cast<double>(sysconf(_SC_CLK_TCK));
-            }
-            const double longest = moments[3].seconds - moments[0].seconds;
-            const double shortest = moments[2].seconds - moments[1].seconds;
-            comparison.Check("sadf", id, name, (numbers[2] - numbers[1]) / longest - rounding,
-                             *theirs, (numbers[3] - numbers[0]) / shortest + rounding);
-        }
+    for (const auto& each : moments[0].values) {
+        CheckStatistics(host, moments, *statistics, each.first, comparison);
     }
     return comparison.Report("sadf");
 }

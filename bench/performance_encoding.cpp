@@ -363,6 +363,17 @@ void MeasureWriting(const Recording& recording, size_t series, int days) {
     MeasureReads();
 }
 
+void WriteNames(std::ofstream& file, const SeriesTable& table) {
+    file << "wall,monotonic";
+    for (SeriesTable::Index i = 0; i < table.Size(); ++i) {
+        const SeriesInfo& info = table.Info(i);
+        std::string name = SeriesId(info);
+        std::replace(name.begin(), name.end(), ',', ';');
+        file << (info.kind == SeriesKind::kCounter ? ",c:" : ",g:") << name;
+    }
+    file << '\n';
+}
+
 }  // namespace
 
 int RecordValues(int seconds, const char* path) {
@@ -379,14 +390,7 @@ int RecordValues(int seconds, const char* path) {
         const SampleTime now = SampleTime::Now();
         if (i == 0) {
             series = table.Size();
-            file << "wall,monotonic";
-            for (SeriesTable::Index s = 0; s < series; ++s) {
-                const SeriesInfo& info = table.Info(s);
-                std::string name = SeriesId(info);
-                std::replace(name.begin(), name.end(), ',', ';');
-                file << (info.kind == SeriesKind::kCounter ? ",c:" : ",g:") << name;
-            }
-            file << '\n';
+            WriteNames(file, table);
         }
         file << now.wall << ',' << now.monotonic;
         for (SeriesTable::Index s = 0; s < series; ++s) file << ',' << table.Value(s);

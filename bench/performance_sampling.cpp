@@ -54,7 +54,7 @@ class BareReads {
 
   private:
     std::vector<UniqueFd> m_files;
-    char m_buffer[64 << 10];
+    char m_buffer[64 << 10] = {};
 };
 
 size_t UsedSeries(const SeriesTable& table) {
@@ -79,6 +79,8 @@ class Sadc {
         kill(m_process, SIGINT);
         waitpid(m_process, nullptr, 0);
     }
+    Sadc(const Sadc&) = delete;
+    Sadc& operator=(const Sadc&) = delete;
     // Since it began; NaN without sadc.
     [[nodiscard]] double Microseconds() const {
         std::ifstream file("/proc/" + std::to_string(m_process) + "/schedstat");
@@ -155,46 +157,59 @@ int MeasureSampling(int seconds) {
     return 0;
 }
 
+namespace {
+
+struct Machine {
+    int processors;
+    int disks;
+};
+
+// 0, or 1 after a complaint.
+int MeasureMachine(const Machine& machine) {
+    constexpr uint64_t kRounds = 50;
+    MadeFiles files;
+    Sampler sampler({.processes = false});
+    SeriesTable table;
+    std::vector<double> samples;
+    std::vector<double> reads;
+    samples.reserve(kRounds);
+    reads.reserve(kRounds);
+    size_t bytes = 0;
+    for (uint64_t round = 0; round < kRounds; ++round) {
+        const std::string stat = MadeStat(machine.processors, 1000 + round);
+        const std::string disks = MadeDiskstats(machine.disks, 1000 + round);
+        bytes = stat.size() + disks.size();
+        if (!files.Write("/proc/stat", stat) || !files.Write("/proc/diskstats", disks)) {
+            std::perror("made files");
+            return 1;
+        }
+        double begin = CpuMicroseconds(CLOCK_THREAD_CPUTIME_ID);
+        sampler.Sample(table);
+        samples.push_back(CpuMicroseconds(CLOCK_THREAD_CPUTIME_ID) - begin);
+        BareReads bare;
+        begin = CpuMicroseconds(CLOCK_THREAD_CPUTIME_ID);
+        bare.Read();
+        reads.push_back(CpuMicroseconds(CLOCK_THREAD_CPUTIME_ID) - begin);
+    }
+    std::printf(
+        "%3d processors, %3d disks with 2 partitions: %5zu series, %6zu bytes: sample "
+        "%7.1f us, bare pread %6.1f us, beyond it %6.2f ns a byte\n",
+        machine.processors, machine.disks, UsedSeries(table), bytes, Median(samples), Median(reads),
+        (Median(samples) - Median(reads)) * 1000 / static_cast<double>(bytes));
+    return 0;
+}
+
+}  // namespace
+
 int MeasureMadeFiles() {
     if (unshare(CLONE_NEWNS) != 0 ||
         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         std::perror("a mount table of its own");
         return 1;
     }
-    const struct {
-        int processors, disks;
-    } machines[] = {{1, 2}, {16, 31}, {64, 125}, {128, 250}, {256, 500}};
-    constexpr int kRounds = 50;
-    for (const auto& machine : machines) {
-        MadeFiles files;
-        Sampler sampler({.processes = false});
-        SeriesTable table;
-        std::vector<double> samples;
-        std::vector<double> reads;
-        size_t bytes = 0;
-        for (int round = 0; round < kRounds; ++round) {
-            const std::string stat =
-                MadeStat(machine.processors, static_cast<uint64_t>(1000 + round));
-            const std::string disks =
-                MadeDiskstats(machine.disks, static_cast<uint64_t>(1000 + round));
-            bytes = stat.size() + disks.size();
-            if (!files.Write("/proc/stat", stat) || !files.Write("/proc/diskstats", disks)) {
-                std::perror("made files");
-                return 1;
-            }
-            double begin = CpuMicroseconds(CLOCK_THREAD_CPUTIME_ID);
-            sampler.Sample(table);
-            samples.push_back(CpuMicroseconds(CLOCK_THREAD_CPUTIME_ID) - begin);
-            BareReads bare;
-            begin = CpuMicroseconds(CLOCK_THREAD_CPUTIME_ID);
-            bare.Read();
-            reads.push_back(CpuMicroseconds(CLOCK_THREAD_CPUTIME_ID) - begin);
-        }
-        std::printf(
-            "%3d processors, %3d disks with 2 partitions: %5zu series, %6zu bytes: sample "
-            "%7.1f us, bare pread %6.1f us, beyond it %6.2f ns a byte\n",
-            machine.processors, machine.disks, UsedSeries(table), bytes, Median(samples),
-            Median(reads), (Median(samples) - Median(reads)) * 1000 / static_cast<double>(bytes));
+    for (const Machine& machine :
+         {Machine{1, 2}, Machine{16, 31}, Machine{64, 125}, Machine{128, 250}, Machine{256, 500}}) {
+        if (MeasureMachine(machine) != 0) return 1;
     }
     return 0;
 }

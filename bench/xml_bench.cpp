@@ -199,6 +199,15 @@ std::vector<Work> WritingWorks() {
     };
 }
 
+void Show(const std::vector<Work>& works, const std::string& text) {
+    for (const Work& work : works) {
+        const Sample sample = Measure(work, text);
+        std::printf("  %-24s %8.0f ms %8.0f MiB\n", work.name, sample.milliseconds,
+                    sample.mebibytes);
+        std::fflush(stdout);
+    }
+}
+
 }  // namespace
 
 int main() {
@@ -209,14 +218,8 @@ int main() {
         {"attributes", WithAttributes()}, {"text", WithText()}, {"depth", WithDepth()}};
     for (const auto& document : documents) {
         std::printf("%s: %zu bytes, median of %d\n", document.name, document.text.size(), kRounds);
-        for (const auto& works : {ReadingWorks(), WritingWorks()}) {
-            for (const Work& work : works) {
-                const Sample sample = Measure(work, document.text);
-                std::printf("  %-24s %8.0f ms %8.0f MiB\n", work.name, sample.milliseconds,
-                            sample.mebibytes);
-                std::fflush(stdout);
-            }
-        }
+        Show(ReadingWorks(), document.text);
+        Show(WritingWorks(), document.text);
     }
     return 0;
 }
