@@ -174,9 +174,8 @@ TEST(XmlTest, NoDocumentTakesMoreThanTheLimits) {
     for (const auto& each : cases) {
         const Cost cost = CostOf([&](XmlReader& reader) {
             int result = KemdXmlParserFeed(reader.Get(), each.start.data(), each.start.size());
-            for (size_t i = 0; i < each.parts && result == 0; ++i) {
+            for (size_t i = 0; i < each.parts && result == 0; ++i)
                 result = KemdXmlParserFeed(reader.Get(), each.part.data(), each.part.size());
-            }
             KemdXmlDocument* document = nullptr;
             if (result == 0) (void)KemdXmlParserFinish(reader.Get(), &document);
         });
