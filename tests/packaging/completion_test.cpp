@@ -27,7 +27,8 @@ TEST(Completion, OffersWhatFits) {
         {"kemd --", "--help --version\n"},
         {"kemd-module-host --t", "--timeout --trace\n"},
         {"kemd-module-host --trace = ''", "0 1 2 3 4 5 6\n"},
-        {"kemdctl ''", "check inventory modules network performance prepare registry status trace xml\n"},
+        {"kemdctl ''",
+         "check inventory modules network performance prepare registry status trace xml\n"},
         {"kemdctl status --j", "--json\n"},
         {"kemdctl modules re", "restart reload request\n"},
         {"kemdctl modules stop --", "--help --json\n"},
@@ -54,9 +55,9 @@ TEST(Completion, OffersWhatFits) {
 
 // No option of a help text is missing in either shell. Those of kemdctl are read from the help.
 TEST(Completion, KnowsEveryOption) {
-    for (const std::string command : {"kemd-module-host", "kemdctl trace", "kemdctl check",
-                                      "kemdctl inventory", "kemdctl network",
-                                      "kemdctl performance", "kemdctl xml"}) {
+    for (const std::string command :
+         {"kemd-module-host", "kemdctl trace", "kemdctl check", "kemdctl inventory",
+          "kemdctl network", "kemdctl performance", "kemdctl xml"}) {
         ASSERT_EQ(Shell(command + " --help"), 0);
         const std::string help = Output(), name = command.substr(0, command.find(' '));
         const std::string bash = Offered(command + " --") + " ";
