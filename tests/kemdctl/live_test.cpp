@@ -113,6 +113,11 @@ class Live {
         return Until([&] { return Contains(screen.Text(), text); });
     }
     int Signal(int signal) { return kill(m_child, signal); }
+    // SIGCONT before that would be lost.
+    bool Stops() const {
+        siginfo_t info{};
+        return waitid(P_PID, static_cast<id_t>(m_child), &info, WSTOPPED) == 0;
+    }
     // How the process ended; what it wrote until then is read.
     int Wait() {
         (void)Until([] { return false; });
@@ -220,6 +225,7 @@ TEST(Live, GivesTheTerminalBackOnEveryWayOut) {
     ASSERT_TRUE(live.Shows("q quit"));
     live.Signal(SIGTSTP);
     ASSERT_TRUE(live.Until([&] { return live.IsGivenBack(); }));
+    ASSERT_TRUE(live.Stops());
     live.screen.Clear();
     live.Signal(SIGCONT);
     EXPECT_TRUE(live.Shows("q quit"));
