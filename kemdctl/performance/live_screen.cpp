@@ -251,7 +251,7 @@ void Sort(LiveTable& table, size_t sort) {
 std::string HeadingLine(size_t number, const LiveTable& table, size_t shown, size_t nameWidth,
                         const LiveState& state, const LiveSize& size) {
     Line line(size);
-    std::string title = std::to_string(number) + " " + table.title;
+    std::string title = "[" + std::to_string(number) + "] " + table.title;
     if (shown < table.rows.size()) {
         title += " " + std::to_string(shown) + "/" + std::to_string(table.rows.size());
     }
@@ -311,7 +311,7 @@ Block ProcessorBlock(const LiveFacts& facts, const LiveState& state, const LiveS
     std::erase_if(
         rows, [&state](const LiveRow& row) { return !HasFilter("cpu" + row.name, state.filter); });
     Line title(size);
-    title.Put("1 CPUs", kBold);
+    title.Put("[1] CPUs", kBold);
     const bool areMany = rows.size() > kMostBars;
     if (areMany) title.Put("  each digit is one: tens of percent", kDim);
     return {1, title.Take(), areMany ? DigitGrid(rows, size) : BarGrid(rows, size)};

@@ -153,10 +153,11 @@ TEST(Live, FitsEverySizeWhileItRuns) {
         EXPECT_TRUE(Contains(live.screen.Line(1), "CPU    ["));
         // A wide screen has two sections beside each other.
         const std::string text = live.screen.Text();
-        const size_t first = text.find("1 CPUs"), end = text.find('\n', first);
+        const size_t first = text.find("[1] CPUs"), end = text.find('\n', first);
         if (rows == 4) continue;
-        EXPECT_EQ(columns >= 150, text.substr(first, end - first).find("2 disks") != text.npos ||
-                                      text.substr(first, end - first).find("3 inter") != text.npos);
+        EXPECT_EQ(columns >= 150,
+                  text.substr(first, end - first).find("[2] disks") != text.npos ||
+                      text.substr(first, end - first).find("[3] inter") != text.npos);
     }
     live.Type("q");
     EXPECT_EQ(live.Wait(), 0);
@@ -164,18 +165,18 @@ TEST(Live, FitsEverySizeWhileItRuns) {
 
 TEST(Live, KeysChooseWhatIsShown) {
     Live live(80, 24);
-    ASSERT_TRUE(live.Shows("\n3 interfaces"));
+    ASSERT_TRUE(live.Shows("\n[3] interfaces"));
     const struct {
         std::string keys, shown;
     } steps[] = {{"h", "this help"},
-                 {"h", "3 interfaces"},
-                 {"\x1b[A3", "\n3 interfaces"},
+                 {"h", "[3] interfaces"},
+                 {"\x1b[A3", "\n[3] interfaces"},
                  {"s", "s sort: name"},
                  {"s", "s sort: column"},
                  {"/L", "filter: L_"},
                  {"o\r", "  filter: Lo"},
                  {"p", "  paused"},
-                 {"\x1b", "1 CPUs"},
+                 {"\x1b", "[1] CPUs"},
                  {"p7", "press t to have them"},
                  {"t", "kemdctl"}};
     for (const auto& [keys, shown] : steps) {
@@ -188,7 +189,7 @@ TEST(Live, KeysChooseWhatIsShown) {
     live.Type("/x\r");
     EXPECT_TRUE(live.Shows("there are none"));
     live.Type("\x1b");
-    ASSERT_TRUE(live.Shows("1 CPUs"));
+    ASSERT_TRUE(live.Shows("[1] CPUs"));
     live.Type("\x1b");
     EXPECT_EQ(live.Wait(), 0);
 }
@@ -248,7 +249,7 @@ TEST(Live, HasTheSeriesOfModulesFromTheHistory) {
     writer->Append(SampleTime::Now(), table);
 
     Live live(100, 40, "NO_COLOR=1");
-    ASSERT_TRUE(live.Shows("6 modules"));
+    ASSERT_TRUE(live.Shows("[6] modules"));
     EXPECT_TRUE(live.Shows("queue_bytes/web\\x1b[2J")) << "a label is no order to the terminal";
     EXPECT_TRUE(live.Shows(" 2 KiB"));
     EXPECT_FALSE(Contains(live.written, "\x1b[1m") || Contains(live.written, "\x1b[32m"));
@@ -258,7 +259,7 @@ TEST(Live, PrintsOnceWithoutATerminal) {
     const Result once = Ctl("perf live --once --period 100ms --processes", "COLUMNS=90");
     EXPECT_EQ(once.code, 0) << once.err;
     EXPECT_TRUE(
-        Holds(once.out, {"CPU    [", "memory [", "interfaces", "lo ", "7 processes"}, {"\x1b"}));
+        Holds(once.out, {"CPU    [", "memory [", "interfaces", "lo ", "[7] processes"}, {"\x1b"}));
     // /proc/stat is one with 256 processors.
     EXPECT_TRUE(Holds(once.out, {"each digit is one", "\n    216 "}));
     EXPECT_TRUE(Shows("perf live </dev/null", 2, {"live needs a terminal; --once"}));
