@@ -37,6 +37,7 @@ class TextCursor {
     }
     // To the start of the next line; false when the text ends before.
     bool NextLine() {
+        if (m_at == m_end) return false;  // an empty text may be null
         const void* const feed = std::memchr(m_at, '\n', static_cast<size_t>(m_end - m_at));
         m_at = feed != nullptr ? static_cast<const char*>(feed) + 1 : m_end;
         return feed != nullptr;

@@ -173,7 +173,7 @@ TEST_F(ModuleSeriesTest, BelievesNothingOfAnIsolatedModule) {
     };
     write(0, std::string("\2\0\0\0", 4));                             // end
     write(512, std::string("\5\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0", 16));  // value, serial, kind
-    write(640, std::string("good_bytes\0bytes\0help\0to\0there\0", 33));
+    write(640, std::string("good_bytes\0bytes\0help\0to\0there\0", 31));
     const std::string good = "good_bytes{module=\"apart\",to=\"there\"} bytes help";
     EXPECT_EQ(Shown(), (std::map<std::string, int64_t>{{good, 5}}));
     const struct {
