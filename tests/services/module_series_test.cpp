@@ -173,14 +173,14 @@ TEST_F(ModuleSeriesTest, BelievesNothingOfAnIsolatedModule) {
     };
     write(0, std::string("\2\0\0\0", 4));                             // end
     write(512, std::string("\5\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0", 16));  // value, serial, kind
-    write(640, std::string("good_bytes\0bytes\0help\0to\0there\0", 31));
-    const std::string good = "good_bytes{module=\"apart\",to=\"there\"} bytes help";
+    write(640, std::string("good_bytes\0bytes\0help\0target\0there\0", 35));
+    const std::string good = "good_bytes{module=\"apart\",target=\"there\"} bytes help";
     EXPECT_EQ(Shown(), (std::map<std::string, int64_t>{{good, 5}}));
     const struct {
         size_t position;
         const char* bytes;
     } lies[] = {{640, "bad name"}, {640, "\033[2J"}, {651, "xxxxx"}, {524, "\7"},
-                {662, "module"},   {640, ""},        {657, "\n"},    {665, "\377"}};
+                {662, "module"},   {640, ""},        {657, "\n"},    {669, "\377"}};
     const std::string whole(memory, memory + 1024);
     for (const auto& [position, bytes] : lies) {
         write(position, std::string(bytes, std::max<size_t>(std::strlen(bytes), 1)));
