@@ -58,16 +58,6 @@ std::string DurationText(int64_t ms) {
     return Formatted("%.1f h", seconds / 3600);
 }
 
-std::string WallText(int64_t wall) {
-    const time_t seconds = wall / 1'000'000'000;
-    tm local{};
-    char text[32] = "";
-    if (localtime_r(&seconds, &local) != nullptr) {
-        strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    }
-    return text;
-}
-
 // The labels' values with blanks between: `chip="nvme",sensor="Composite"` is nvme Composite.
 std::string ValuesOf(const std::string& labels) {
     std::string values;
@@ -96,6 +86,16 @@ std::optional<double> Percent(double part, double whole) {
 }
 
 }  // namespace
+
+std::string WallText(int64_t wall) {
+    const time_t seconds = wall / 1'000'000'000;
+    tm local{};
+    char text[32] = "";
+    if (localtime_r(&seconds, &local) != nullptr) {
+        strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    }
+    return text;
+}
 
 void Alarms::Find(const SeriesTable& table) {
     for (Subjects& subjects : m_subjects) {

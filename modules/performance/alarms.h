@@ -24,6 +24,9 @@ struct AlarmEvent {
     std::array<const char*, 3> names{};  // null: fewer
 };
 
+// A wall clock in nanoseconds as local date and time.
+std::string WallText(int64_t wall);
+
 class Alarms {
   public:
     // Alarms that are off now, or within the new limits, end at the next sample.

@@ -14,6 +14,7 @@
 
 #include "kemd/config.h"
 #include "kemd/trace.h"
+#include "modules/performance/alarms.h"
 #include "modules/performance/monitor.h"
 #include "modules/performance/settings.h"
 #include "performance/history_reader.h"
@@ -75,16 +76,6 @@ int PerformanceModule::Health(char* text, size_t size) {
     }
     std::snprintf(text, size, "%s", state.alarms.c_str());
     return state.alarms.empty() ? KEMD_HEALTH_OK : KEMD_HEALTH_WARNING;
-}
-
-std::string WallText(int64_t wall) {
-    const time_t seconds = wall / 1'000'000'000;
-    tm local{};
-    char text[32] = "";
-    if (localtime_r(&seconds, &local) != nullptr) {
-        strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    }
-    return text;
 }
 
 std::string PerformanceModule::Status() {
