@@ -1,0 +1,3 @@
+#include "inventory/sources.h"
+
+void ScanDrives(KemdInventory& /*inventory*/, bool /*withHealth*/) {}

@@ -1,0 +1,23 @@
+#include <ctime>
+
+#include "inventory/host_inventory.h"
+#include "inventory/sources.h"
+
+void ScanHost(KemdInventory& inventory, uint32_t sections) {
+    constexpr uint32_t kAll = KEMD_INVENTORY_SYSTEM | KEMD_INVENTORY_MEMORY | KEMD_INVENTORY_SLOTS |
+                              KEMD_INVENTORY_PCI | KEMD_INVENTORY_USB | KEMD_INVENTORY_DRIVES |
+                              KEMD_INVENTORY_NETWORK | KEMD_INVENTORY_VOLUMES;
+    constexpr uint32_t kFirmware =
+        KEMD_INVENTORY_SYSTEM | KEMD_INVENTORY_MEMORY | KEMD_INVENTORY_SLOTS;
+    inventory.time = std::time(nullptr);
+    inventory.sections = sections & kAll;
+    if ((sections & kFirmware) != 0) ScanSystem(inventory, sections);
+    if ((sections & KEMD_INVENTORY_PCI) != 0) ScanPci(inventory);
+    if ((sections & KEMD_INVENTORY_USB) != 0) ScanUsb(inventory);
+    if ((sections & KEMD_INVENTORY_DRIVES) != 0) {
+        ScanDrives(inventory, (sections & KEMD_INVENTORY_HEALTH) != 0);
+    }
+    if ((sections & KEMD_INVENTORY_NETWORK) != 0) ScanInterfaces(inventory);
+    if ((sections & KEMD_INVENTORY_VOLUMES) != 0) ScanVolumes(inventory);
+    FindWarnings(inventory);
+}

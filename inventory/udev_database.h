@@ -1,0 +1,24 @@
+// What udev has found out about a device: its database in /run/udev/data.
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+
+struct KemdInventory;
+
+class UdevRecord {
+  public:
+    // `key`: "b8:0" for a block device, "+pci:0000:00:1f.2" for others.
+    UdevRecord(KemdInventory& inventory, const std::string& key);
+
+    // Whether udev knows the device.
+    [[nodiscard]] bool IsThere() const { return m_isThere; }
+    // "ID_FS_TYPE"; empty when there is none. Bytes that udev wrote as \xNN are decoded for names
+    // that end in _ENC.
+    [[nodiscard]] std::string Property(std::string_view name) const;
+
+  private:
+    bool m_isThere = false;
+    std::map<std::string, std::string, std::less<>> m_properties;
+};

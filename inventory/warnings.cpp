@@ -1,0 +1,3 @@
+#include "inventory/sources.h"
+
+void FindWarnings(KemdInventory& /*inventory*/) {}
