@@ -93,7 +93,16 @@ void IdNames::Read(KemdInventory& inventory, std::initializer_list<const char*> 
         if (error == ENOENT || error == ENOTDIR) continue;
         inventory.NoteError(path, error);
     }
-    inventory.Note("names of devices", std::string(*paths.begin()) + " is not installed");
+    inventory.Note(*paths.begin(), "not installed, names of devices are missing");
+}
+
+void IdNames::ReadPci(KemdInventory& inventory) {
+    Read(inventory, {"/usr/share/misc/pci.ids", "/usr/share/hwdata/pci.ids"});
+}
+
+void IdNames::ReadUsb(KemdInventory& inventory) {
+    Read(inventory,
+         {"/usr/share/misc/usb.ids", "/usr/share/hwdata/usb.ids", "/var/lib/usbutils/usb.ids"});
 }
 
 bool IdNames::Keep(Table table, uint64_t key, std::string_view name) {

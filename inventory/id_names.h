@@ -19,8 +19,10 @@ class IdNames {
     // Class, subclass and programming interface or protocol: 0x010802.
     void WantClass(uint32_t code);
 
-    // The first of the files that can be read; a note says when there is none.
-    void Read(KemdInventory& inventory, std::initializer_list<const char*> paths);
+    // Where distributions have pci.ids and usb.ids. The first file that can be read counts; a note
+    // says when there is none.
+    void ReadPci(KemdInventory& inventory);
+    void ReadUsb(KemdInventory& inventory);
     // Between Prepare and the questions: one line of the file.
     void Prepare();
     void Take(std::string_view line);
@@ -48,6 +50,7 @@ class IdNames {
     bool Keep(Table table, uint64_t key, std::string_view name);
     [[nodiscard]] std::string_view Find(Table table, uint64_t key) const;
     void TakeIndented(std::string_view line);
+    void Read(KemdInventory& inventory, std::initializer_list<const char*> paths);
 
     std::array<std::vector<Entry>, kTables> m_tables;
     // Of the lines that are indented under the last one that was not, and once more: which table

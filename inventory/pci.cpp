@@ -44,7 +44,7 @@ IdNames ReadNames(KemdInventory& inventory, const Functions& functions) {
         names.WantSubsystem(function.vendor, function.device, function.subsystemVendor,
                             function.subsystem);
     }
-    names.Read(inventory, {"/usr/share/misc/pci.ids", "/usr/share/hwdata/pci.ids"});
+    names.ReadPci(inventory);
     return names;
 }
 

@@ -85,3 +85,15 @@ unsigned ParsePciLinkSpeed(std::string_view text);
 // By position in `functions`: the kernel modules whose aliases fit, as modules.alias says.
 std::vector<std::vector<std::string>> FindPciModules(KemdInventory& inventory,
                                                      const std::vector<PciFunction>& functions);
+
+struct PciNames {
+    std::string vendor;
+    std::string device;
+};
+// By position: from the inventory's items where it has them, otherwise looked up. Empty when there
+// are none.
+std::vector<PciNames> NamePciFunctions(KemdInventory& inventory,
+                                       const std::vector<std::optional<PciAddress>>& addresses);
+// The number of the slot that holds it: that of its item, otherwise what the slot map says of its
+// bus and device. 0: not known.
+unsigned PciSlotOf(const KemdInventory& inventory, const PciAddress& address);

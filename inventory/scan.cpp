@@ -14,6 +14,7 @@ void ScanHost(KemdInventory& inventory, uint32_t sections) {
     if ((sections & kFirmware) != 0) ScanSystem(inventory, sections);
     if ((sections & KEMD_INVENTORY_PCI) != 0) ScanPci(inventory);
     if ((sections & KEMD_INVENTORY_USB) != 0) ScanUsb(inventory);
+    if ((sections & KEMD_INVENTORY_SYSTEM) != 0) ScanPorts(inventory);
     if ((sections & KEMD_INVENTORY_DRIVES) != 0) {
         ScanDrives(inventory, (sections & KEMD_INVENTORY_HEALTH) != 0);
     }

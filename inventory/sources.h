@@ -11,6 +11,7 @@ struct KemdInventory;
 void ScanSystem(KemdInventory& inventory, uint32_t sections);  // also memory, and slots
 void ScanPci(KemdInventory& inventory);
 void ScanUsb(KemdInventory& inventory);
+void ScanPorts(KemdInventory& inventory);                    // graphics adapters and serial ports
 void ScanDrives(KemdInventory& inventory, bool withHealth);  // storage adapters too
 void ScanInterfaces(KemdInventory& inventory);
 void ScanVolumes(KemdInventory& inventory);
