@@ -5,7 +5,7 @@
 #include <cstdio>
 
 #include "base/text.h"
-#include "kemdctl/inventory/names.h"
+#include "inventory/smbios_names.h"
 #include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 

@@ -1,4 +1,4 @@
-#include "kemdctl/inventory/names.h"
+#include "inventory/smbios_names.h"
 
 #include <array>
 #include <cstdio>
