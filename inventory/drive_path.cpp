@@ -45,7 +45,7 @@ DrivePath::DrivePath(std::string_view path) {
             ata = name;
         } else if (IsLike(name, "host9")) {
             host = name;
-            if (unit.empty()) unit = previous;
+            if (unit.empty()) unit = previous == "platform" ? name : previous;
         } else if (IsLike(name, "9:9:9:9")) {
             hctl = name;
         } else if (name == "block" && unit.empty()) {

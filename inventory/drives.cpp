@@ -130,6 +130,10 @@ void DriveScan::ReadDrive(const std::string& name, const std::string& path) {
     }
     item.Add("interface", drive.interface);
     AddFromUdev(udev, item);
+    if (item.Find("serial") == nullptr && !place.usb.empty()) {
+        const SysDirectory bridge(*m_inventory, "/sys/bus/usb/devices/" + place.usb);
+        item.Add("serial", bridge.Text("serial").value_or(""));
+    }
     AddSize(block, item);
     AddQueue(block.Below("queue"), item);
     AddHolders(block, item);
@@ -279,7 +283,6 @@ void DriveScan::AddMmc(const SysDirectory& device, KemdInventoryItem& item) {
     item.Add("model", device.Text("name").value_or(""));
     item.Add("serial", device.Text("serial").value_or(""));
     item.Add("firmware", device.Text("fwrev").value_or(""));
-    item.Add("vendor", device.Text("manfid").value_or(""));
 }
 
 void DriveScan::AddFromUdev(const UdevRecord& udev, KemdInventoryItem& item) {
@@ -321,7 +324,8 @@ std::string DriveScan::PlaceId(const DrivePath& path, const KemdInventoryItem& i
 void DriveScan::SetId(const DrivePath& path, KemdInventoryItem& item) {
     std::string name = item.Text("wwn");
     if (name.empty() && !item.Text("serial").empty()) {
-        name = item.Text("model") + "_" + item.Text("serial");
+        const std::string& model = item.Text("model");
+        name = (model.empty() ? "" : model + "_") + item.Text("serial");
     }
     if (name.empty()) name = PlaceId(path, item);
     const std::string plain = "drive:" + IdPart(name);

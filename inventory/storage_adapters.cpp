@@ -88,9 +88,11 @@ void AddHostVersions(const SysDirectory& host, KemdInventoryItem& adapter) {
 }  // namespace
 
 StorageAdapters::StorageAdapters(KemdInventory& inventory) : m_inventory(&inventory) {
-    for (const std::string& name : SysDirectory(inventory, "/sys/class/scsi_host").Names()) {
-        AddHost(name);
-    }
+    std::vector<std::string> hosts = SysDirectory(inventory, "/sys/class/scsi_host").Names();
+    // "host2" before "host10".
+    std::stable_sort(hosts.begin(), hosts.end(),
+                     [](const auto& one, const auto& other) { return one.size() < other.size(); });
+    for (const std::string& name : hosts) AddHost(name);
     for (const std::string& name : SysDirectory(inventory, "/sys/class/nvme").Names()) {
         AddNvme(name);
     }
@@ -121,7 +123,12 @@ void StorageAdapters::AddHost(const std::string& name) {
     const std::string real = RealPath(host.Path());
     if (real.empty()) return;
     DrivePath path(real);
-    const std::string driver = host.Text("proc_name").value_or("");
+    std::string driver = host.Text("proc_name").value_or("");
+    // Some drivers give no name there.
+    if (driver == "(null)") {
+        const std::string device = real.substr(0, real.find("/" + name + "/"));
+        driver = SysDirectory(*m_inventory, device).LinkName("driver");
+    }
     // Hosts of software have no hardware: one adapter for all of a driver's.
     if (path.HardwareId().empty() && !driver.empty()) path.unit = driver;
     const std::string interface = HostInterface(path, driver);
@@ -164,9 +171,13 @@ void StorageAdapters::AddNvme(const std::string& name) {
 std::string StorageAdapters::UnitId(const DrivePath& path, std::string_view devicePath,
                                     std::string_view interface) {
     if (path.Hardware().empty()) return {};
-    KemdInventoryItem& adapter = FindOrAdd(path, path.unit);
+    // A card "mmc0:0001" sits at the host "mmc0".
+    const bool isCard = interface == "mmc";
+    const std::string name = isCard ? path.unit.substr(0, path.unit.find(':')) : path.unit;
+    KemdInventoryItem& adapter = FindOrAdd(path, name);
     if (adapter.Find("interface") == nullptr) {
-        const SysDirectory device(*m_inventory, std::string(devicePath));
+        const SysDirectory device(*m_inventory, isCard ? "/sys/class/mmc_host/" + name + "/device"
+                                                       : std::string(devicePath));
         adapter.Add("driver", device.LinkName("driver"));
         adapter.Add("interface", interface);
     }
