@@ -68,7 +68,7 @@ inline constexpr auto kInventoryFields = std::to_array<InventoryFieldInfo>({
     {"sas_address", KEMD_INVENTORY_TEXT, "", kPrivate},
     {"by_path"},
     {"port"},
-    {"enclosure"},
+    {"enclosure", KEMD_INVENTORY_TEXT, "", kPrivate},
     {"bay"},
     {"holders", KEMD_INVENTORY_TEXT, "", kList},
     {"multipath"},

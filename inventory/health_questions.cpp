@@ -193,8 +193,8 @@ void Drive::Ask() {
     }
 }
 
-// The kernel's own time-outs are left as they are, though nobody waits for them: when one ends, the
-// kernel aborts commands and resets the link, and a drive that is merely slow would lose work.
+// The kernel's own time-outs stay long, though nobody waits for them: when one ends, the kernel
+// aborts commands and resets the link, also of a drive that is merely busy.
 int Drive::Call(unsigned long request, void* argument) {
     if (m_answer.error != 0 || !m_round->BeginQuestion(m_position)) return -1;
     const int result = ioctl(m_fd.Get(), request, argument);
@@ -219,7 +219,7 @@ void Drive::AskNvme() {
 }
 
 Drive::Reply Drive::Send(std::span<uint8_t> command, std::span<uint8_t> data) {
-    constexpr unsigned kKernelTimeout = 60000;
+    constexpr unsigned kKernelTimeout = 30000;  // milliseconds; that of a read
     constexpr uint8_t kCheckCondition = 0x02;
     constexpr uint8_t kDriverSense = 0x08;
     m_sense.fill(0);

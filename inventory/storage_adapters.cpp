@@ -76,6 +76,7 @@ void AddHostVersions(const SysDirectory& host, KemdInventoryItem& adapter) {
         {"serial_num", "serial"},
         {"serialnum", "serial"},
         {"serial_number", "serial"},
+        {"host_sas_address", "sas_address"},
     });
     const std::vector<std::string> names = host.Names();
     for (const auto& [name, field] : kAttributes) {
@@ -93,6 +94,7 @@ StorageAdapters::StorageAdapters(KemdInventory& inventory) : m_inventory(&invent
     std::stable_sort(hosts.begin(), hosts.end(),
                      [](const auto& one, const auto& other) { return one.size() < other.size(); });
     for (const std::string& name : hosts) AddHost(name);
+    for (const auto& [adapter, count] : m_ports) inventory.Find(adapter)->AddNumber("ports", count);
     for (const std::string& name : SysDirectory(inventory, "/sys/class/nvme").Names()) {
         AddNvme(name);
     }
@@ -141,6 +143,11 @@ void StorageAdapters::AddHost(const std::string& name) {
         AddHostVersions(host, adapter);
     }
     adapter.Add("hosts", name);
+    if (!path.ata.empty()) ++m_ports[adapter.id];
+    if (interface == "fc") {
+        const SysDirectory port(*m_inventory, "/sys/class/fc_host/" + name);
+        adapter.Add("wwn", port.Text("port_name").value_or(""));
+    }
     m_hosts[name] = {interface, adapter.id};
 }
 

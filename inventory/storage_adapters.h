@@ -3,6 +3,7 @@
 // makes of it.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <string_view>
@@ -38,4 +39,5 @@ class StorageAdapters {
     KemdInventory* m_inventory;
     std::map<std::string, Host> m_hosts;
     std::map<std::string, std::string> m_nvme;  // name, id
+    std::map<std::string, uint64_t> m_ports;    // of ATA, by the adapter's id
 };
