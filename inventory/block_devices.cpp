@@ -90,23 +90,22 @@ std::string DeviceName(std::string name) {
     return name;
 }
 
-// "vg--1-root" of the device mapper is "root" in "vg-1".
+// "vg--1-root" of the device mapper is "root" in "vg-1". A third part names a layer of the volume,
+// which is a device of its own.
 void AddLogicalVolume(KemdInventoryItem& item, std::string_view mapperName) {
-    std::string group;
-    std::string* part = &group;
-    std::string volume;
+    std::vector<std::string> parts(1);
     for (size_t i = 0; i < mapperName.size(); ++i) {
         const bool isDash = mapperName[i] == '-';
-        const bool isDouble = isDash && i + 1 < mapperName.size() && mapperName[i + 1] == '-';
-        if (isDash && !isDouble && part == &group) {
-            part = &volume;
+        const bool isDouble = isDash && mapperName.substr(i + 1).starts_with('-');
+        if (isDash && !isDouble) {
+            parts.emplace_back();
             continue;
         }
-        *part += mapperName[i];
+        parts.back() += mapperName[i];
         if (isDouble) ++i;
     }
-    item.Add("volume_group", group);
-    item.Add("logical_volume", volume);
+    item.Add("volume_group", parts[0]);
+    if (parts.size() == 2) item.Add("logical_volume", parts[1]);
 }
 
 class BlockScan {
@@ -185,7 +184,7 @@ class BlockScan {
         m_volumes.emplace_back(item.id, block.directory.Path());
         if (isArray) return AddArray(item, block.directory.Below("md"), record);
         const SysDirectory mapper = block.directory.Below("dm");
-        if (mapper.IsThere()) return AddMapped(item, mapper, record);
+        if (mapper.IsThere()) return AddMapped(item, mapper);
         const SysDirectory loop = block.directory.Below("loop");
         if (loop.IsThere()) return AddLoop(item, loop);
         const SysDirectory bcache = block.directory.Below("bcache");
@@ -234,7 +233,7 @@ class BlockScan {
         }
     }
 
-    void AddMapped(KemdInventoryItem& item, const SysDirectory& mapper, const UdevRecord& record) {
+    void AddMapped(KemdInventoryItem& item, const SysDirectory& mapper) {
         const std::string uuid = mapper.Text("uuid").value_or("");
         const std::string name = mapper.Text("name").value_or("");
         // The uuid begins with who made the device: "LVM-", "CRYPT-LUKS2-", "mpath-", "part1-".
@@ -247,11 +246,7 @@ class BlockScan {
             item.name = name;
             m_items.mapped[name] = item.Text("device");
         }
-        if (type == "lvm" && record.Property("DM_LV_NAME").empty()) AddLogicalVolume(item, name);
-        if (type == "lvm") {
-            item.Add("volume_group", record.Property("DM_VG_NAME"));
-            item.Add("logical_volume", record.Property("DM_LV_NAME"));
-        }
+        if (type == "lvm") AddLogicalVolume(item, name);
         if (type == "crypt") {
             const std::string rest = uuid.substr(uuid.find('-') + 1);
             item.Add("encryption", rest.substr(0, rest.find('-')));

@@ -50,7 +50,7 @@ inline constexpr auto kInventoryFields = std::to_array<InventoryFieldInfo>({
     {"fs_label"},
     {"fs_uuid", KEMD_INVENTORY_TEXT, "", kPrivate},
     {"fs_root"},
-    {"fs_size", KEMD_INVENTORY_NUMBER, "bytes"},
+    {"fs_size", KEMD_INVENTORY_NUMBER, "bytes", kVolatile},
     {"fs_used", KEMD_INVENTORY_NUMBER, "bytes", kVolatile},
     {"fs_available", KEMD_INVENTORY_NUMBER, "bytes", kVolatile},
     {"mountpoints", KEMD_INVENTORY_TEXT, "", kList},

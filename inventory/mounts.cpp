@@ -77,13 +77,15 @@ class MountScan {
         : m_inventory(&inventory), m_blocks(&blocks) {}
 
     void AddMounts() {
-        const std::vector<MountEntry> mounts = ParseMounts(Read("/proc/self/mountinfo"));
+        std::vector<MountEntry> mounts = ParseMounts(Read("/proc/self/mountinfo"));
+        std::erase_if(mounts, [](const auto& mount) { return Has(kPseudoTypes, mount.type); });
         std::vector<std::string> slow;
+        // Volumes before their mounts.
         for (const MountEntry& mount : mounts) {
-            if (!IsLocal(mount) && !Has(kPseudoTypes, mount.type)) slow.push_back(mount.target);
+            (void)Volume(mount);
+            if (!IsLocal(mount)) slow.push_back(mount.target);
         }
         for (const MountEntry& mount : mounts) {
-            if (Has(kPseudoTypes, mount.type)) continue;
             const bool isSlow = std::any_of(slow.begin(), slow.end(), [&](const auto& target) {
                 return IsWithin(mount.target, target);
             });
@@ -101,7 +103,7 @@ class MountScan {
                 item->Add("backing_file", swap.path);
                 item->AddNumber("size", swap.size);
             }
-            item->Set("fs_type", "swap");
+            if (item->Find("fs_type") == nullptr) item->Add("fs_type", "swap");
             item->Add("mountpoints", "[SWAP]");
             item->Add("swap_priority", swap.priority);
             item->AddNumber("swap_used", swap.used);
@@ -145,6 +147,12 @@ class MountScan {
                         : m_inventory->Find(known->second);
     }
 
+    KemdInventoryItem* Volume(const MountEntry& mount) {
+        const std::string name = KernelName(
+            std::to_string(mount.major) + ":" + std::to_string(mount.minor), mount.source);
+        return name.empty() ? nullptr : Volume(name);
+    }
+
     void AddMount(const MountEntry& mount, bool isFast) {
         struct statvfs space {};
         const bool hasSpace = isFast && GetSpace(mount, space);
@@ -161,9 +169,7 @@ class MountScan {
             item.AddNumber("fs_used", (space.f_blocks - space.f_bfree) * space.f_frsize);
             item.AddNumber("fs_available", space.f_bavail * space.f_frsize);
         }
-        const std::string name = KernelName(
-            std::to_string(mount.major) + ":" + std::to_string(mount.minor), mount.source);
-        KemdInventoryItem* const volume = name.empty() ? nullptr : Volume(name);
+        KemdInventoryItem* const volume = Volume(mount);
         if (volume == nullptr) return;
         item.parent = volume->id;
         volume->Add("mountpoints", mount.target);
@@ -190,6 +196,6 @@ class MountScan {
 
 void ScanMounts(KemdInventory& inventory, BlockItems& blocks) {
     MountScan scan(inventory, blocks);
-    scan.AddMounts();
     scan.AddSwaps();
+    scan.AddMounts();
 }
