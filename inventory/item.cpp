@@ -75,15 +75,13 @@ KindInfo Info(ItemKind kind) {
     return {"unknown", 0};
 }
 
-// The bytes beyond ASCII stay: names are often UTF-8.
-std::string Clean(std::string_view text) {
-    std::string clean(text);
-    std::replace_if(
-        clean.begin(), clean.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, ' ');
-    return std::string(Trim(clean));
-}
-
 }  // namespace
+
+std::string WithoutControls(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, ' ');
+    return text;
+}
 
 const char* KindWord(ItemKind kind) {
     return Info(kind).word;
@@ -94,7 +92,7 @@ uint32_t KindSection(ItemKind kind) {
 }
 
 void KemdInventoryItem::Add(InventoryField field, std::string_view text) {
-    std::string clean = Clean(text);
+    std::string clean(Trim(WithoutControls(std::string(text))));
     if (!clean.empty()) values.push_back({field, std::move(clean)});
 }
 

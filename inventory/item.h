@@ -44,6 +44,9 @@ enum class ItemKind : uint8_t {
 const char* KindWord(ItemKind kind);
 uint32_t KindSection(ItemKind kind);
 
+// Control characters become blanks. The bytes beyond ASCII stay: names are often UTF-8.
+std::string WithoutControls(std::string text);
+
 struct KemdInventoryItem {
     struct Value {
         InventoryField field;

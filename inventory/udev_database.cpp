@@ -34,9 +34,16 @@ UdevRecord::UdevRecord(KemdInventory& inventory, const std::string& key) {
         if (error != ENOENT && error != ENOTDIR) inventory.NoteError(path, error);
         return;
     }
-    std::string_view rest = *text;
-    while (!rest.empty()) {
-        std::string_view line = TakeLine(rest);
+    Read(*text);
+}
+
+UdevRecord::UdevRecord(std::string_view text) : m_isThere(true) {
+    Read(text);
+}
+
+void UdevRecord::Read(std::string_view text) {
+    while (!text.empty()) {
+        const std::string_view line = TakeLine(text);
         const size_t equals = line.find('=');
         if (!line.starts_with("E:") || equals == line.npos) continue;
         m_properties.emplace(line.substr(2, equals - 2), line.substr(equals + 1));
@@ -46,5 +53,6 @@ UdevRecord::UdevRecord(KemdInventory& inventory, const std::string& key) {
 std::string UdevRecord::Property(std::string_view name) const {
     const auto found = m_properties.find(name);
     if (found == m_properties.end()) return {};
-    return name.ends_with("_ENC") ? Decoded(found->second) : found->second;
+    const bool isEncoded = name.ends_with("_ENC") || name == "ID_PART_ENTRY_NAME";
+    return isEncoded ? Decoded(found->second) : found->second;
 }
