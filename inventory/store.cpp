@@ -1,26 +1,13 @@
 #include "inventory/store.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 
 #include "base/json.h"
 #include "inventory/host_inventory.h"
+#include "inventory/sections.h"
 
 namespace {
-
-struct SectionName {
-    uint32_t section;
-    const char* name;
-};
-constexpr std::array<SectionName, 8> kSections = {{{KEMD_INVENTORY_SYSTEM, "system"},
-                                                   {KEMD_INVENTORY_MEMORY, "memory"},
-                                                   {KEMD_INVENTORY_SLOTS, "slots"},
-                                                   {KEMD_INVENTORY_PCI, "pci"},
-                                                   {KEMD_INVENTORY_USB, "usb"},
-                                                   {KEMD_INVENTORY_DRIVES, "drives"},
-                                                   {KEMD_INVENTORY_NETWORK, "network"},
-                                                   {KEMD_INVENTORY_VOLUMES, "volumes"}}};
 
 void AppendMember(std::string& json, const char* name, std::string_view text) {
     json.append(", \"").append(name).append("\": ");
@@ -82,7 +69,7 @@ std::string InventoryJson(const KemdInventory& inventory) {
     std::string json = "{\"format\": \"kemd inventory\", \"version\": 1, \"time\": " +
                        std::to_string(inventory.time) + ",\n\"sections\": [";
     const char* separator = "";
-    for (const SectionName& section : kSections) {
+    for (const InventorySection& section : kInventorySections) {
         if ((inventory.sections & section.section) == 0) continue;
         json.append(separator).append("\"").append(section.name).append("\"");
         separator = ", ";

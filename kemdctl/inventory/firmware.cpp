@@ -117,3 +117,10 @@ int RunFirmware(ReportWriter& report, const FirmwareOptions& options) {
     if (target != nullptr) return WriteDump(report, inventory, target);
     return slot != nullptr ? ShowSlot(report, inventory, address) : Report(report, inventory);
 }
+
+void StateTables(ReportWriter& report) {
+    Inventory inventory;
+    (void)LoadMachine(inventory, true, true);
+    if (!inventory.hasSmbios) AddTableError(inventory);
+    ReportInventory(report, inventory);
+}

@@ -13,3 +13,5 @@ struct FirmwareOptions {
 bool IsStandardOutput(const char* path);
 // The exit code.
 int RunFirmware(ReportWriter& report, const FirmwareOptions& options);
+// For JSON: opens the document, with what --tables says about this machine as its members.
+void StateTables(ReportWriter& report);
