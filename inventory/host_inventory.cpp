@@ -14,13 +14,14 @@ auto* FindItem(Items& items, std::string_view id) {
 
 }  // namespace
 
-KemdInventoryItem& KemdInventory::Add(ItemKind kind, std::string id, std::string name) {
+KemdInventoryItem& KemdInventory::Add(ItemKind kind, std::string id, const std::string& name) {
+    id = CleanText(id);
     const size_t length = id.size();
     for (unsigned number = 2; Find(id) != nullptr; ++number) {
         id.resize(length);
         id += "#" + std::to_string(number);
     }
-    return items.emplace_back(KemdInventoryItem{kind, std::move(id), std::move(name), {}, {}});
+    return items.emplace_back(KemdInventoryItem{kind, std::move(id), CleanText(name), {}, {}});
 }
 
 const KemdInventoryItem* KemdInventory::Find(std::string_view id) const {

@@ -75,15 +75,14 @@ KindInfo Info(ItemKind kind) {
     return {"unknown", 0};
 }
 
-// The bytes beyond ASCII stay: names are often UTF-8.
-std::string Clean(std::string_view text) {
+}  // namespace
+
+std::string CleanText(std::string_view text) {
     std::string clean(text);
     std::replace_if(
         clean.begin(), clean.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, ' ');
     return std::string(Trim(clean));
 }
-
-}  // namespace
 
 const char* KindWord(ItemKind kind) {
     return Info(kind).word;
@@ -93,8 +92,16 @@ uint32_t KindSection(ItemKind kind) {
     return Info(kind).section;
 }
 
+std::optional<ItemKind> KindByWord(std::string_view word) {
+    for (unsigned i = 0; i <= static_cast<unsigned>(ItemKind::kMount); ++i) {
+        const auto kind = static_cast<ItemKind>(i);
+        if (word == KindWord(kind)) return kind;
+    }
+    return std::nullopt;
+}
+
 void KemdInventoryItem::Add(InventoryField field, std::string_view text) {
-    std::string clean = Clean(text);
+    std::string clean = CleanText(text);
     if (!clean.empty()) values.push_back({field, std::move(clean)});
 }
 
