@@ -21,20 +21,22 @@ struct Columns {
     std::array<const char*, 8> fields;
 };
 constexpr Columns kColumns[] = {
-    {ItemKind::kCache, {"level", "type", "size", "associativity"}},
-    {ItemKind::kConnector, {"type", "internal", "external"}},
-    {ItemKind::kOnboardDevice, {"type", "device", "enabled"}},
+    {ItemKind::kCache, {"level", "type", "size", "associativity", "location"}},
+    {ItemKind::kConnector, {"type", "internal_name", "external_name"}},
+    {ItemKind::kOnboardDevice, {"type", "bus_address", "enabled"}},
     {ItemKind::kMemoryModule,
-     {"size", "type", "speed", "configured_speed", "vendor", "part_number", "serial"}},
-    {ItemKind::kSlot, {"type", "width", "usage", "device"}},
-    {ItemKind::kPci, {"class_name", "vendor", "device", "driver", "slot"}},
-    {ItemKind::kUsb, {"vendor", "product", "speed", "driver", "serial"}},
+     {"size", "type", "configured_speed", "rated_speed", "vendor", "part_number", "serial"}},
+    {ItemKind::kSlot, {"type", "width", "usage", "bus_address"}},
+    {ItemKind::kPci, {"class", "vendor", "device", "driver", "slot"}},
+    {ItemKind::kUsb, {"vendor", "model", "device", "speed", "driver", "serial"}},
+    {ItemKind::kGraphics, {"vendor", "model", "driver", "slot"}},
+    {ItemKind::kSerialPort, {"type", "base_address", "driver"}},
     {ItemKind::kStorageAdapter, {"vendor", "model", "driver", "firmware", "slot"}},
-    {ItemKind::kDrive, {"model", "size", "interface", "firmware", "serial", "health", "slot"}},
+    {ItemKind::kDrive, {"size", "model", "interface", "firmware", "serial", "health", "slot"}},
     {ItemKind::kInterface, {"state", "speed", "mac", "driver", "firmware", "slot"}},
-    {ItemKind::kPartition, {"size", "type", "filesystem", "label", "mountpoint"}},
-    {ItemKind::kVolume, {"type", "size", "filesystem", "label", "state"}},
-    {ItemKind::kMount, {"source", "filesystem", "size", "used", "options"}},
+    {ItemKind::kPartition, {"size", "partition_type_name", "fs_type", "fs_label", "mountpoints"}},
+    {ItemKind::kVolume, {"type", "size", "state", "fs_type", "fs_label", "mountpoints"}},
+    {ItemKind::kMount, {"source", "fs_type", "fs_size", "fs_available"}},
 };
 
 const Columns* ColumnsOf(ItemKind kind) {
@@ -116,6 +118,18 @@ std::string BinarySize(uint64_t bytes) {
 std::string ShownField(const KemdInventoryItem& item, std::string_view name) {
     const std::optional<InventoryField> field = InventoryField::Find(name);
     return field ? FieldText(item, *field) : "";
+}
+
+std::string ShownSummary(const KemdInventoryItem& item) {
+    const Columns* const columns = ColumnsOf(item.kind);
+    std::string text;
+    if (columns == nullptr) return text;
+    for (const char* const field : columns->fields) {
+        if (field == nullptr) break;
+        const std::string shown = ShownField(item, field);
+        if (!shown.empty()) text += (text.empty() ? "" : "  ") + shown;
+    }
+    return text;
 }
 
 void ShowSections(ReportWriter& report, const KemdInventory& inventory, uint32_t sections,
