@@ -14,14 +14,15 @@ auto* FindItem(Items& items, std::string_view id) {
 
 }  // namespace
 
-KemdInventoryItem& KemdInventory::Add(ItemKind kind, std::string id, const std::string& name) {
-    id = CleanText(id);
+KemdInventoryItem& KemdInventory::Add(ItemKind kind, std::string id, std::string name) {
+    id = WithoutControls(std::move(id));
     const size_t length = id.size();
     for (unsigned number = 2; Find(id) != nullptr; ++number) {
         id.resize(length);
         id += "#" + std::to_string(number);
     }
-    return items.emplace_back(KemdInventoryItem{kind, std::move(id), CleanText(name), {}, {}});
+    return items.emplace_back(
+        KemdInventoryItem{kind, std::move(id), WithoutControls(std::move(name)), {}, {}});
 }
 
 const KemdInventoryItem* KemdInventory::Find(std::string_view id) const {

@@ -17,9 +17,8 @@ struct KemdInventory {
     std::vector<std::string> notes;
     std::vector<std::string> warnings;
 
-    // Id and name become as CleanText makes them. An id that is taken gets "#2", "#3" ... The
-    // reference stays valid.
-    KemdInventoryItem& Add(ItemKind kind, std::string id, const std::string& name);
+    // An id that is taken gets "#2", "#3" ... The reference stays valid.
+    KemdInventoryItem& Add(ItemKind kind, std::string id, std::string name);
     [[nodiscard]] const KemdInventoryItem* Find(std::string_view id) const;
     [[nodiscard]] KemdInventoryItem* Find(std::string_view id);
     // Once for equal texts: "subject: reason".

@@ -77,11 +77,10 @@ KindInfo Info(ItemKind kind) {
 
 }  // namespace
 
-std::string CleanText(std::string_view text) {
-    std::string clean(text);
+std::string WithoutControls(std::string text) {
     std::replace_if(
-        clean.begin(), clean.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, ' ');
-    return std::string(Trim(clean));
+        text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, ' ');
+    return text;
 }
 
 const char* KindWord(ItemKind kind) {
@@ -101,7 +100,7 @@ std::optional<ItemKind> KindByWord(std::string_view word) {
 }
 
 void KemdInventoryItem::Add(InventoryField field, std::string_view text) {
-    std::string clean = CleanText(text);
+    std::string clean(Trim(WithoutControls(std::string(text))));
     if (!clean.empty()) values.push_back({field, std::move(clean)});
 }
 

@@ -41,14 +41,14 @@ enum class ItemKind : uint8_t {
     kMount,
 };
 
-// Control characters become blanks, blanks at both ends go. Bytes beyond ASCII stay.
-std::string CleanText(std::string_view text);
-
 // "memory_module"; the section that the kind belongs to.
 const char* KindWord(ItemKind kind);
 uint32_t KindSection(ItemKind kind);
 // Nothing when there is no such kind.
 std::optional<ItemKind> KindByWord(std::string_view word);
+
+// Control characters become blanks. The bytes beyond ASCII stay: names are often UTF-8.
+std::string WithoutControls(std::string text);
 
 struct KemdInventoryItem {
     struct Value {
@@ -63,7 +63,7 @@ struct KemdInventoryItem {
     std::string parent;  // an id, or empty
     std::vector<Value> values;
 
-    // As CleanText makes it. An empty text is not added.
+    // Control characters become blanks, blanks at both ends go. An empty text is not added.
     void Add(InventoryField field, std::string_view text);
     void AddNumber(InventoryField field, uint64_t number);
     // In the place of all values that the field has.

@@ -73,6 +73,10 @@ void AppendTexts(std::string& json, const char* name, const std::vector<std::str
     json += "]";
 }
 
+std::string Clean(std::string_view text) {
+    return WithoutControls(std::string(text));
+}
+
 // Takes an inventory out of its document. Throws std::bad_alloc alone.
 class StoredInventory {
   public:
@@ -87,7 +91,7 @@ class StoredInventory {
         return false;
     }
     void Skip(const char* what, std::string_view name) {
-        m_inventory.Note(std::string(what) + " " + CleanText(name),
+        m_inventory.Note(std::string(what) + " " + Clean(name),
                          "this version does not know it; left out");
     }
     bool TakeSections(const JsonValue& document);
@@ -145,7 +149,7 @@ bool StoredInventory::TakeTexts(const JsonValue& document, const char* name,
     for (const JsonValue& text : array->elements) {
         if (text.kind != JsonValue::kText)
             return Fail(std::string("its ") + name + " are no texts");
-        texts.push_back(CleanText(text.text));
+        texts.push_back(Clean(text.text));
     }
     return true;
 }
@@ -156,8 +160,8 @@ bool StoredInventory::TakeItem(const JsonValue& value) {
     const std::string_view id = value.TextOf("id");
     if (word.empty() || id.empty()) return Fail("kind or id is missing");
     // Of names that are no UTF-8, two may have become the same.
-    if (!m_ids.insert(CleanText(id)).second) {
-        m_inventory.Note("item " + CleanText(id), "it is there twice; the first one counts");
+    if (!m_ids.insert(Clean(id)).second) {
+        m_inventory.Note("item " + Clean(id), "it is there twice; the first one counts");
         return true;
     }
     const std::optional<ItemKind> kind = KindByWord(word);
@@ -165,12 +169,8 @@ bool StoredInventory::TakeItem(const JsonValue& value) {
         Skip("kind", word);
         return true;
     }
-    KemdInventoryItem& item =
-        m_inventory.items.emplace_back(KemdInventoryItem{*kind,
-                                                         CleanText(id),
-                                                         CleanText(value.TextOf("name")),
-                                                         CleanText(value.TextOf("parent")),
-                                                         {}});
+    KemdInventoryItem& item = m_inventory.items.emplace_back(KemdInventoryItem{
+        *kind, Clean(id), Clean(value.TextOf("name")), Clean(value.TextOf("parent")), {}});
     return std::all_of(value.members.begin(), value.members.end(),
                        [&](const JsonMember& member) { return TakeField(item, member); });
 }

@@ -206,7 +206,9 @@ std::vector<std::string> Page::Ports() const {
     for (const Item* const item : Of(ItemKind::kInterface)) {
         std::string row = Printable(item->name);
         row.resize(std::max<size_t>(row.size(), 9), ' ');
-        Append(row, Fields(*item, {"state", "speed", "mac", "driver"}, "  "), "  ");
+        const std::string link = ShownField(*item, "link");
+        Append(row, link == "yes" ? "up" : link == "no" ? "down" : "", "  ");
+        Append(row, Fields(*item, {"speed", "mac", "driver"}, "  "), "  ");
         Append(row, ShownField(*item, "slot"), "  slot ");
         rows.push_back(row);
     }
