@@ -69,7 +69,7 @@ std::optional<int64_t> JsonValue::Number() const {
 
 namespace {
 
-constexpr size_t kMostMembers = 64;  // looking for one that is there twice takes its time
+constexpr size_t kMostMembers = 256;  // looking for one that is there twice takes its time
 
 // Each Take returns false with a fault, where the reading stands.
 class JsonReader {

@@ -40,5 +40,5 @@ struct JsonMember {
 // One document of at most `depth` arrays and objects within each other, with nothing but blanks
 // around it. Nothing, and `fault` says what is wrong at which byte, when it is not exactly that: no
 // comments, no trailing commas, no bytes that are not UTF-8, no \u0000, no member twice, and
-// at most 64 in an object.
+// at most 256 in an object.
 std::optional<JsonValue> ParseJson(std::string_view text, std::string& fault, unsigned depth = 8);

@@ -69,7 +69,8 @@ std::vector<ItemDifference> CompareInventories(const KemdInventory& before,
             continue;
         }
         std::vector<FieldDifference> fields = CompareItems(*was, item, withVolatile);
-        if (!fields.empty()) differences.push_back({was, &item, std::move(fields)});
+        if (!fields.empty() || was->parent != item.parent)
+            differences.push_back({was, &item, std::move(fields)});
     }
     return differences;
 }

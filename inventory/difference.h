@@ -14,6 +14,7 @@ struct FieldDifference {
     bool isThere;
 };
 
+// One that is in both has other fields, or another parent.
 struct ItemDifference {
     const KemdInventoryItem* before;  // null: new
     const KemdInventoryItem* after;   // null: gone

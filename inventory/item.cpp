@@ -91,6 +91,14 @@ uint32_t KindSection(ItemKind kind) {
     return Info(kind).section;
 }
 
+std::optional<ItemKind> KindByWord(std::string_view word) {
+    for (unsigned i = 0; i <= static_cast<unsigned>(ItemKind::kMount); ++i) {
+        const auto kind = static_cast<ItemKind>(i);
+        if (word == KindWord(kind)) return kind;
+    }
+    return std::nullopt;
+}
+
 void KemdInventoryItem::Add(InventoryField field, std::string_view text) {
     std::string clean(Trim(WithoutControls(std::string(text))));
     if (!clean.empty()) values.push_back({field, std::move(clean)});

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,6 +44,11 @@ enum class ItemKind : uint8_t {
 // "memory_module"; the section that the kind belongs to.
 const char* KindWord(ItemKind kind);
 uint32_t KindSection(ItemKind kind);
+// Nothing when there is no such kind.
+std::optional<ItemKind> KindByWord(std::string_view word);
+
+// Control characters become blanks. The bytes beyond ASCII stay: names are often UTF-8.
+std::string WithoutControls(std::string text);
 
 // Control characters become blanks. The bytes beyond ASCII stay: names are often UTF-8.
 std::string WithoutControls(std::string text);

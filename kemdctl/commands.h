@@ -27,7 +27,7 @@ struct Command {
 };
 inline constexpr Command kCommands[] = {
     {"check", "look for what keeps kemd from working, and say what to do", RunCheck},
-    {"inventory", "show the firmware's tables and which slot holds a PCI device", RunInventory},
+    {"inventory", "show the hardware and volumes of this host, and what changed", RunInventory},
     {"modules", "show, start, stop and ask the modules of the running kemd", RunModules},
     {"network", "show network interfaces, and what changes about them", RunNetwork},
     {"performance", "show the history of CPU, memory, disks, network (short: perf)", RunPerformance,

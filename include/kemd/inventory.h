@@ -100,7 +100,7 @@ KEMD_API int KemdInventoryFieldAt(const struct KemdInventoryItem* item, size_t p
 KEMD_API int KemdInventoryFieldByName(const struct KemdInventoryItem* item, const char* name,
                                       struct KemdInventoryField* field);
 
-/* Changes: an item that is new, gone, or the same with other fields. */
+/* Changes: an item that is new, gone, or the same with other fields or in another place. */
 struct KemdInventoryFieldChange {
     const char* name;
     uint32_t flags;     /* KEMD_INVENTORY_LIST ... */
@@ -109,7 +109,7 @@ struct KemdInventoryFieldChange {
 };
 struct KemdInventoryChange {
     uint32_t size;
-    uint32_t fieldCount;                    /* 0 for an item that is new or gone */
+    uint32_t fieldCount;                    /* 0 for one that is new, gone, or only has moved */
     const struct KemdInventoryItem* before; /* null: new */
     const struct KemdInventoryItem* after;  /* null: gone */
     const struct KemdInventoryFieldChange* fields;

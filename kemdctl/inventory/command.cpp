@@ -1,166 +1,200 @@
-#include <unistd.h>
-
+// kemdctl inventory: the hardware and volumes of the host, and what changed about them.
+#include <algorithm>
 #include <array>
-#include <cerrno>
-#include <charconv>
-#include <cstdio>
-#include <cstring>
 
+#include "inventory/sections.h"
+#include "inventory/store.h"
 #include "kemdctl/commands.h"
-#include "kemdctl/inventory/report.h"
-#include "kemdctl/ui/output_file.h"
+#include "kemdctl/inventory/firmware.h"
+#include "kemdctl/inventory/items.h"
+#include "kemdctl/inventory/mask.h"
+#include "kemdctl/inventory/output.h"
+#include "kemdctl/inventory/saved.h"
 #include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
 
 constexpr const char* kHelp =
-    R"(usage: kemdctl inventory [--slot BB:DD] [--from-dump FILE] [--dump FILE]
-                         [--json]
+    R"(usage: kemdctl inventory [SECTION ...] [OPTION ...]
+       kemdctl inventory save FILE [SECTION ...]
+       kemdctl inventory diff A [B] [--ignore WHAT] ... [--volatile]
+       kemdctl inventory --tables | --slot BB:DD | --dump FILE | --from-dump FILE
 
-Shows where the firmware's SMBIOS tables come from, their revision, the number
-of structures of each type, and which slot holds which PCI device.
+Shows the hardware and volumes of this host: without words a page, otherwise the
+sections system, memory, slots, pci, usb, drives, network and volumes.
 
+  save FILE          keeps the inventory in a file, mode 0600; -: standard output
+  diff A [B]         what changed from the kept inventory A to B, or to this
+                     machine: a line for each change; status 1: there are some
+  --ignore WHAT      of diff: not this FIELD, KIND, KIND.FIELD or pattern of ids,
+                     as 'mount:*'; may be repeated
+  --volatile         of diff: also what changes by itself, as temperatures
+  --long             all fields of each item
+  --tree             what sits in what: PCI, USB, drives, partitions, volumes
+  --json, --xml      as JSON, as XML
+  --mask             serial numbers, MAC addresses, UUIDs and the like become
+                     masked-1, masked-2 ...
+  --no-health        does not ask drives for their health, as root does otherwise
+  --tables           the firmware's SMBIOS tables: where they come from, revision,
+                     number of structures of each type, and which slot holds which
+                     PCI device
   --slot BB:DD       only the number of the slot that holds the device with this
                      bus and device number, hexadecimal; status 1: not known
   --from-dump FILE   looks at tables in a file, as --dump or dmidecode wrote it
   --dump FILE        writes the tables into a file that dmidecode reads as well;
                      -: to standard output
-  --json             results as JSON
 
 The slot map comes from the PCI IRQ routing table, with types from SMBIOS, or
 else from SMBIOS; for a dump only from SMBIOS. An on-board device has the number
 0 in the routing table, and in SMBIOS its instance among devices of its kind.
-Only root can read the tables.
-Exit status: 0 yes or done, 1 no (no tables, slot not known), 2 error.
+What only root can read is absent for others, and standard error says so.
+Exit status: 0 yes or done, 1 no (differences, no tables, slot not known), 2 error.
 )";
 
-struct PciAddress {
-    uint8_t bus;
-    uint8_t device;
-};
+constexpr uint32_t kAllSections = KEMD_INVENTORY_ALL & ~KEMD_INVENTORY_HEALTH;
 
-// One or two hexadecimal digits and nothing else.
-bool ParseNumber(std::string_view text, uint8_t& number) {
-    if (text.empty() || text.size() > 2) return false;
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), number, 16);
-    return result.ec == std::errc() && result.ptr == text.data() + text.size();
+int UsageError(const std::string& what) {
+    Complain("%s; see kemdctl inventory --help", what.c_str());
+    return kError;
 }
 
-bool ParseAddress(std::string_view text, PciAddress& address) {
-    const size_t colon = text.find(':');
-    if (colon != text.npos && ParseNumber(text.substr(0, colon), address.bus) &&
-        ParseNumber(text.substr(colon + 1), address.device) && address.device < 32) {
-        return true;
-    }
-    Complain("%s is not a bus and device number BB:DD", Printable(text).c_str());
-    return false;
+bool IsSubcommand(std::string_view word) {
+    return word == "save" || word == "diff";
 }
 
-int ShowSlot(ReportWriter& report, const Inventory& inventory, const PciAddress& address) {
-    const auto [bus, device] = address;
-    const SlotRow* const row = FindSlotRow(inventory.slots, bus, device);
-    report.OpenObject();
-    if (row == nullptr) {
-        std::array<char, 64> text{};
-        std::snprintf(text.data(), text.size(), "the slot of %02x:%02x is not known", bus, device);
-        const bool isMapEmpty = inventory.slots.empty() && inventory.hasSmbios;
-        const std::string error =
-            text.data() + (isMapEmpty ? ": " + WhyNoSlots(inventory.smbios) : "");
-        Complain("%s", error.c_str());
-        ReportError(report, error);
-        return kNo;
-    }
-    const bool isExact = row->data.Matches(bus, device, false);
-    if (!isExact) {
-        Complain("%02x:%02x has no row of its own: slot %d is that of %02x:%02x, by the bus alone",
-                 bus, device, row->data.slot, row->data.bus, row->data.device);
-    }
-    ReportSlot(report, *row, isExact);
-    ReportError(report, inventory.error);
-    return kYes;
-}
-
-bool IsStandardOutput(const char* path) {
-    return std::strcmp(path, "-") == 0;
-}
-
-int WriteDump(ReportWriter& report, const Inventory& inventory, const char* path) {
-    const std::string dump = EncodeSmbiosDump(inventory.smbios.Data());
-    if (dump.empty()) {
-        const std::string& error = inventory.smbios.Error();
-        Complain("there are no tables to dump: %s",
-                 error.empty() ? "an unknown entry point" : Printable(error).c_str());
-        return kNo;
-    }
-    if (IsStandardOutput(path)) {
-        if (isatty(STDOUT_FILENO) == 0) {
-            Write(dump);
-            return kYes;
+// False, after a complaint, when a word is no section. None: all of them.
+bool TakeSections(CommandLine& line, uint32_t& sections) {
+    sections = line.words.empty() ? kAllSections : 0;
+    for (const char* word : line.words) {
+        const uint32_t section = SectionByName(word);
+        if (section == 0) {
+            (void)UsageError(IsSubcommand(word)
+                                 ? std::string(word) + " comes before all other words"
+                                 : "there is no section " + Printable(word));
+            return false;
         }
-        Complain("the tables are binary and standard output is a terminal: name a file, or > FILE");
-        return kError;
+        sections |= section;
     }
-    const int result =
-        WriteOutputFile(path, 0600, [&dump](const FileSink& write) { return write(dump); });
-    if (result != kYes) return result;
-    report.OpenObject();
-    ReportError(report, inventory.error);
-    return result;
-}
-
-// After TakeValue of each of them.
-bool HasValues(const CommandLine& line) {
-    for (const CommandLine::Option& option : line.options) {
-        const bool needsValue = option.name != "--json";
-        if (!needsValue || option.value != nullptr) continue;
-        Complain("%s: a value is missing", Printable(option.name).c_str());
-        return false;
-    }
+    line.words.clear();
     return true;
 }
 
-int Report(ReportWriter& report, const Inventory& inventory) {
-    ReportInventory(report, inventory);
-    const bool isEmpty = !inventory.hasSmbios && inventory.slots.empty();
-    return IsBroken(inventory) || isEmpty ? kNo : kYes;
+// Complains when it is the name of a section, as somebody has forgotten the file.
+bool IsFile(const char* word) {
+    if (SectionByName(word) == 0) return true;
+    (void)UsageError(std::string(word) + " is a section; a file of that name is ./" + word);
+    return false;
 }
+
+KemdInventory Take(const CommandLine& line, uint32_t sections) {
+    KemdInventory inventory = TakeInventory(sections, !line.Has("--no-health"));
+    if (line.Has("--mask")) MaskInventory(inventory);
+    ComplainOfNotes(inventory);
+    return inventory;
+}
+
+int RunSave(CommandLine& line) {
+    if (line.words.empty()) return UsageError("save takes the name of a file");
+    const char* const path = line.words[0];
+    (void)line.TakeCommand();
+    uint32_t sections = 0;
+    if (!IsFile(path) || !TakeSections(line, sections)) return kError;
+    return SaveTo(path, Take(line, sections));
+}
+
+int RunDiff(const CommandLine& line, ReportWriter& report,
+            const std::vector<const char*>& ignored) {
+    const size_t count = line.words.size();
+    if (count == 0 || count > 2) return UsageError("diff takes the names of one file or two");
+    if (!std::all_of(line.words.begin(), line.words.end(), IsFile)) return kError;
+    const char* const after = count == 2 ? line.words[1] : nullptr;
+    DiffOptions options = {
+        line.words[0], after, {}, line.Has("--volatile"), !line.Has("--no-health")};
+    for (const char* const what : ignored) {
+        if (what == nullptr) return UsageError("--ignore: a value is missing");
+        if (options.ignored.Add(what)) continue;
+        return UsageError("--ignore: there is no field and no kind " + Printable(what));
+    }
+    return ShowDifferences(report, options);
+}
+
+int ShowItems(CommandLine& line, ReportWriter& report) {
+    constexpr std::array<const char*, 4> kForms = {"--long", "--tree", "--json", "--xml"};
+    const auto forms = std::count_if(kForms.begin(), kForms.end(),
+                                     [&line](const char* form) { return line.Has(form); });
+    if (forms > 1) return UsageError("--long, --tree, --json and --xml exclude each other");
+    const bool isWhole = line.words.empty();
+    uint32_t sections = 0;
+    if (!TakeSections(line, sections)) return kError;
+    const KemdInventory inventory = Take(line, sections);
+    if (line.Has("--xml")) return WriteXml(inventory);
+    if (line.Has("--tree")) {
+        ShowTree(report, inventory);
+    } else if (line.Has("--json") && isWhole) {
+        StateTables(report);
+        report.Members(InventoryJson(inventory));
+    } else if (line.Has("--json")) {
+        report.SetJson(false);
+        Write(InventoryJson(inventory));
+    } else if (isWhole && !line.Has("--long")) {
+        ShowPage(report, inventory);
+    } else {
+        ShowSections(report, inventory, sections, line.Has("--long"));
+    }
+    return kYes;
+}
+
+int ShowFirmware(const CommandLine& line, ReportWriter& report, const FirmwareOptions& options) {
+    if (!line.HasNoWords()) return UsageError("sections do not go with the firmware's tables");
+    for (const auto& [option, value] : {std::pair("--slot", options.slot),
+                                        {"--from-dump", options.source},
+                                        {"--dump", options.target}}) {
+        if (line.Has(option) && value == nullptr) {
+            return UsageError(std::string(option) + ": a value is missing");
+        }
+    }
+    if (options.slot != nullptr && options.target != nullptr) {
+        return UsageError("--slot and --dump do not go together");
+    }
+    if (options.target != nullptr && IsStandardOutput(options.target) && line.Has("--json")) {
+        Complain("--json and --dump - both write to standard output; name a file for --dump");
+        return kError;
+    }
+    return RunFirmware(report, options);
+}
+
+// What each form of the command knows.
+constexpr std::array<std::string_view, 5> kFirmware = {"--slot", "--from-dump", "--dump",
+                                                       "--tables", "--json"};
+constexpr std::array<std::string_view, 6> kItems = {"--json", "--xml",  "--tree",
+                                                    "--long", "--mask", "--no-health"};
+constexpr std::array<std::string_view, 2> kSave = {"--mask", "--no-health"};
+constexpr std::array<std::string_view, 4> kDiff = {"--json", "--ignore", "--volatile",
+                                                   "--no-health"};
 
 }  // namespace
 
 int RunInventory(CommandLine& line, ReportWriter& report) {
-    constexpr std::array<std::string_view, 5> kOptions = {"--slot", "--from-dump", "--dump",
-                                                          "--json", "--help"};
     if (line.Has("--help")) {
+        report.SetJson(false);
         Write(kHelp);
         return kYes;
     }
-    const char* const slot = line.TakeValue("--slot");
-    const char* const source = line.TakeValue("--from-dump");
-    const char* const target = line.TakeValue("--dump");
-    if (!line.HasOnly(kOptions) || !line.HasNoWords() || !HasValues(line) ||
-        (slot != nullptr && target != nullptr)) {
-        Complain("see kemdctl inventory --help");
-        return kError;
-    }
-    if (target != nullptr && IsStandardOutput(target) && line.Has("--json")) {
-        Complain("--json and --dump - both write to standard output; name a file for --dump");
-        return kError;
-    }
-    PciAddress address{};
-    if (slot != nullptr && !ParseAddress(slot, address)) return kError;
-    Inventory inventory;
-    const bool isLoaded = source != nullptr
-                              ? LoadDump(source, inventory)
-                              : LoadMachine(inventory, slot == nullptr, target == nullptr);
-    const bool needsTables = slot == nullptr && target == nullptr && isLoaded;
-    if (IsBroken(inventory) || (needsTables && !inventory.hasSmbios)) AddTableError(inventory);
-    if (!inventory.error.empty()) Complain("%s", Printable(inventory.error).c_str());
-    if (!isLoaded) {
-        report.OpenObject();
-        ReportError(report, inventory.error);
-        return kError;
-    }
-    if (target != nullptr) return WriteDump(report, inventory, target);
-    return slot != nullptr ? ShowSlot(report, inventory, address) : Report(report, inventory);
+    const FirmwareOptions firmware = {line.TakeValue("--slot"), line.TakeValue("--from-dump"),
+                                      line.TakeValue("--dump")};
+    const std::vector<const char*> ignored = line.TakeValues("--ignore");
+    const bool isFirmware = std::any_of(kFirmware.begin(), kFirmware.end() - 1,
+                                        [&line](auto option) { return line.Has(option); });
+    const std::string_view name = line.words.empty() ? "" : line.words[0];
+    const bool isItems = !isFirmware && !IsSubcommand(name);
+    std::span<const std::string_view> known = kDiff;
+    if (name == "save") known = kSave;
+    if (isItems) known = kItems;
+    if (isFirmware) known = kFirmware;
+    if (!line.HasOnly(known)) return UsageError("this does not fit the other words");
+    if (isFirmware) return ShowFirmware(line, report, firmware);
+    if (isItems) return ShowItems(line, report);
+    (void)line.TakeCommand();
+    return name == "save" ? RunSave(line) : RunDiff(line, report, ignored);
 }

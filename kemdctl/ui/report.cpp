@@ -21,6 +21,12 @@ void ReportWriter::Put(std::string_view key, std::string_view json) {
     m_needsComma = true;
 }
 
+void ReportWriter::Members(std::string_view object) {
+    const size_t begin = object.find('{') + 1;
+    const size_t end = object.rfind('}');
+    if (begin < end && end != object.npos) Put({}, object.substr(begin, end - begin));
+}
+
 void ReportWriter::Real(std::string_view key, double number) {
     if (!m_asJson) return;
     Put(key, std::isfinite(number) ? NumberText(number) : "null");

@@ -41,6 +41,8 @@ class ReportWriter {
     void Number(std::string_view key, const std::optional<Integer>& number) {
         if (number) Number(key, *number);
     }
+    // Those of an object that is JSON already.
+    void Members(std::string_view object);
     // Null for what is no number.
     void Real(std::string_view key, double number);
     // `fill` states the members.

@@ -27,13 +27,13 @@ struct InventoryCommand : testing::Test {
 TEST_F(InventoryCommand, ShowsTablesAndSlots) {
     UseMemory("pc");
     EXPECT_TRUE(
-        Shows("inventory", 0,
+        Shows("inventory --tables", 0,
               {"SMBIOS 2.8, 11 structures in 438 bytes, from the BIOS shadow memory\n",
                "   0           1  BIOS\n", " 127           1  end of table\n",
                "bus:device  slot  type", "00:01          0  on board", "IRQ routing table\n",
                "00:05          4  not known", "IRQ routing table  Onboard\n", "00:06          5"}));
     EXPECT_TRUE(Shows(
-        "inventory --json", 0,
+        "inventory --tables --json", 0,
         {R"({"smbios":{"source":"shadow","revision":"2.8","structures":11,"types":[{"type":0,)",
          R"("name":"BIOS","count":1},)", R"("slots":[{"bus":0,"device":1,"slot":0,"type":0,)",
          R"("kind":"onboard","label":"","source":"irq-routing-table"},)",
@@ -107,16 +107,24 @@ TEST_F(InventoryCommand, DumpsAreReadBack) {
 }
 
 TEST_F(InventoryCommand, SaysWhatIsMissing) {
-    EXPECT_TRUE(Prints("inventory", 1, "", "SMBIOS: Could not map"));
+    EXPECT_TRUE(Prints("inventory --tables", 1, "", "SMBIOS: Could not map"));
     EXPECT_TRUE(Prints("inventory --dump /tmp/none", 1, "", "there are no tables to dump: "));
     EXPECT_FALSE(fs::exists("/tmp/none"));
     UseMemory("q35");
     fs::create_directories("/sys/firmware/dmi/tables");
     fs::create_symlink("DMI", "/sys/firmware/dmi/tables/DMI");  // not readable, even for root
     const std::string denied = "cannot read /sys/firmware/dmi/tables/DMI: Too many levels";
-    EXPECT_TRUE(Shows("inventory", 0, {"00:06          5", denied}));  // the slots are there
+    EXPECT_TRUE(
+        Shows("inventory --tables", 0, {"00:06          5", denied}));  // the slots are there
     fs::remove("/dev/mem");
-    EXPECT_TRUE(Shows("inventory --json", 2, {"{\"incomplete\":true,\"error\":\"" + denied}));
+    EXPECT_TRUE(
+        Shows("inventory --tables --json", 2, {"{\"incomplete\":true,\"error\":\"" + denied}));
+    // The whole inventory has what there is.
+    EXPECT_TRUE(Shows("inventory --json", 0,
+                      {R"({"smbios":{"source":"none")", R"("incomplete":true,"error":")" + denied,
+                       R"(,"format": "kemd inventory", "version": 1,)", "\"notes\": ["}));
+    ExpectAll("inventory ", {{"disks", 2, "", "there is no section disks; see kemdctl inv"},
+                             {"pci --tables", 2, "", "unexpected argument pci"}});
 }
 
 using namespace std::string_literals;

@@ -1,0 +1,239 @@
+// kemdctl inventory without options: the machine on one page.
+#include <algorithm>
+
+#include "kemdctl/inventory/items.h"
+#include "kemdctl/inventory/output.h"
+#include "kemdctl/ui/command.h"
+#include "kemdctl/ui/report.h"
+#include "kemdctl/ui/text.h"
+
+namespace {
+
+using Item = KemdInventoryItem;
+using Items = std::vector<const Item*>;
+
+// Of drives and of ports. With what stands above them and a few warnings, 24 lines hold it.
+constexpr size_t kMostRows = 6;
+constexpr size_t kColumn = 12;
+constexpr size_t kPageWidth = 80;
+
+class Page {
+  public:
+    Page(ReportWriter& report, const KemdInventory& inventory)
+        : m_report(report), m_inventory(inventory) {}
+    void Show();
+
+  private:
+    [[nodiscard]] Items Of(ItemKind kind) const;
+    // The fields of the first item of a kind, with blanks between.
+    [[nodiscard]] std::string First(ItemKind kind, std::initializer_list<const char*> fields) const;
+    void Line(const char* label, const std::string& text);
+    void Rows(const char* label, const std::vector<std::string>& rows, const char* section);
+    [[nodiscard]] std::string Firmware() const;
+    [[nodiscard]] std::string System() const;
+    [[nodiscard]] std::string Processors() const;
+    [[nodiscard]] std::string Memory() const;
+    [[nodiscard]] std::vector<std::string> Drives() const;
+    [[nodiscard]] std::vector<std::string> Ports() const;
+
+    ReportWriter& m_report;
+    const KemdInventory& m_inventory;
+};
+
+void Append(std::string& text, const std::string& more, const char* between = " ") {
+    if (!more.empty()) text += (text.empty() ? "" : between) + more;
+}
+
+std::string Fields(const Item& item, std::initializer_list<const char*> fields,
+                   const char* between = " ") {
+    std::string text;
+    for (const char* const field : fields) Append(text, ShownField(item, field), between);
+    return text;
+}
+
+uint64_t NumberOf(const Item& item, const char* name) {
+    const std::optional<InventoryField> field = InventoryField::Find(name);
+    return field ? item.Number(*field) : 0;
+}
+
+bool IsUnpopulated(const Item& item) {
+    return ShownField(item, "populated") == "no";
+}
+
+// "2 x A, B" in the order in which they came.
+std::string Grouped(const std::vector<std::string>& texts) {
+    std::vector<std::pair<std::string, size_t>> groups;
+    for (const std::string& text : texts) {
+        const auto found = std::find_if(groups.begin(), groups.end(),
+                                        [&](const auto& group) { return group.first == text; });
+        if (found == groups.end()) {
+            groups.emplace_back(text, 1);
+        } else {
+            ++found->second;
+        }
+    }
+    std::string all;
+    for (const auto& [text, count] : groups) {
+        Append(all, (count > 1 ? std::to_string(count) + " x " : "") + text, ", ");
+    }
+    return all;
+}
+
+Items Page::Of(ItemKind kind) const {
+    Items items;
+    for (const Item& item : m_inventory.items) {
+        if (item.kind == kind) items.push_back(&item);
+    }
+    return items;
+}
+
+std::string Page::First(ItemKind kind, std::initializer_list<const char*> fields) const {
+    const Items items = Of(kind);
+    return items.empty() ? "" : Fields(*items[0], fields);
+}
+
+// Cut to the page's width: the sections have the whole text.
+void Page::Line(const char* label, const std::string& text) {
+    if (text.empty()) return;
+    std::string shown = text;
+    const size_t room = kPageWidth - kColumn;
+    if (Width(shown) > room) {
+        while (Width(shown) > room - 3) {
+            do shown.pop_back();
+            while ((static_cast<unsigned char>(shown.back()) & 0xC0) == 0x80);
+        }
+        shown += "...";
+    }
+    m_report.Line(label + std::string(kColumn - std::string_view(label).size(), ' ') + shown);
+}
+
+void Page::Rows(const char* label, const std::vector<std::string>& rows, const char* section) {
+    const size_t shown = rows.size() > kMostRows ? kMostRows - 1 : rows.size();
+    for (size_t i = 0; i < shown; ++i) Line(i == 0 ? label : "", rows[i]);
+    if (shown == rows.size()) return;
+    Line("", "and " + std::to_string(rows.size() - shown) + " more: kemdctl inventory " + section);
+}
+
+std::string Page::Firmware() const {
+    std::string text = First(ItemKind::kFirmware, {"vendor", "version", "date"});
+    Append(text, First(ItemKind::kKernel, {"boot_mode"}), ", ");
+    const std::string secure = First(ItemKind::kKernel, {"secure_boot"});
+    if (!secure.empty()) Append(text, secure == "yes" ? "secure boot" : "no secure boot", ", ");
+    return text;
+}
+
+std::string Page::System() const {
+    std::string text = First(ItemKind::kKernel, {"operating_system"});
+    Append(text, First(ItemKind::kKernel, {"release", "architecture"}), ", ");
+    Append(text, First(ItemKind::kKernel, {"virtualization"}), ", ");
+    Append(text, First(ItemKind::kKernel, {"container"}), ", in ");
+    return text;
+}
+
+std::string Page::Processors() const {
+    std::vector<std::string> models;
+    uint64_t cores = 0;
+    uint64_t threads = 0;
+    for (const Item* const item : Of(ItemKind::kProcessor)) {
+        if (IsUnpopulated(*item)) continue;
+        models.push_back(ShownField(*item, "model"));
+        cores += NumberOf(*item, "cores");
+        threads += NumberOf(*item, "threads");
+    }
+    // What the kernel runs on counts, where it says so.
+    const Items cpus = Of(ItemKind::kCpu);
+    if (!cpus.empty()) {
+        models.assign(std::max<uint64_t>(NumberOf(*cpus[0], "sockets"), 1),
+                      ShownField(*cpus[0], "model"));
+        cores = NumberOf(*cpus[0], "cores");
+        threads = NumberOf(*cpus[0], "threads");
+    }
+    std::string text = Grouped(models);
+    if (cores > 0) Append(text, Counted(cores, "core"), ", ");
+    if (threads > 0) Append(text, Counted(threads, "thread"), ", ");
+    return text;
+}
+
+std::string Page::Memory() const {
+    std::vector<std::string> modules;
+    uint64_t size = 0;
+    size_t empty = 0;
+    for (const Item* const item : Of(ItemKind::kMemoryModule)) {
+        const uint64_t bytes = NumberOf(*item, "size");
+        empty += IsUnpopulated(*item) ? 1 : 0;
+        size += bytes;
+        if (bytes == 0) continue;
+        modules.push_back(Fields(*item, {"size", "type"}));
+        Append(modules.back(), ShownField(*item, "configured_speed"), " at ");
+    }
+    std::string text;
+    if (modules.empty()) return First(ItemKind::kKernel, {"memory_total"});
+    Append(text, BinarySize(size) + ": " + Grouped(modules));
+    if (empty > 0) Append(text, Counted(empty, "empty socket"), ", ");
+    return text;
+}
+
+std::vector<std::string> Page::Drives() const {
+    const Items drives = Of(ItemKind::kDrive);
+    std::vector<std::string> rows;
+    for (const Item* const item : drives) {
+        std::string row = Printable(item->name);
+        row.resize(std::max<size_t>(row.size(), 9), ' ');
+        Append(row, Fields(*item, {"size", "model", "interface"}, "  "), "  ");
+        Append(row, ShownField(*item, "health"), "  ");
+        Append(row, ShownField(*item, "slot"), "  slot ");
+        rows.push_back(row);
+    }
+    if (rows.size() <= kMostRows) return rows;
+    // Of many, alike ones are one row.
+    std::vector<std::string> kinds;
+    for (const Item* const item : drives) {
+        kinds.push_back(Fields(*item, {"size", "model", "interface", "health"}, "  "));
+    }
+    std::vector<std::string> groups;
+    for (const std::string& kind : kinds) {
+        const auto count = std::count(kinds.begin(), kinds.end(), kind);
+        std::string row = std::to_string(count) + " x  " + kind;
+        if (std::find(groups.begin(), groups.end(), row) == groups.end()) {
+            groups.push_back(std::move(row));
+        }
+    }
+    return groups;
+}
+
+std::vector<std::string> Page::Ports() const {
+    std::vector<std::string> rows;
+    for (const Item* const item : Of(ItemKind::kInterface)) {
+        std::string row = Printable(item->name);
+        row.resize(std::max<size_t>(row.size(), 9), ' ');
+        const std::string link = ShownField(*item, "link");
+        Append(row, link == "yes" ? "up" : link == "no" ? "down" : "", "  ");
+        Append(row, Fields(*item, {"speed", "mac", "driver"}, "  "), "  ");
+        Append(row, ShownField(*item, "slot"), "  slot ");
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+void Page::Show() {
+    Line("Machine", First(ItemKind::kSystem, {"vendor", "model", "version"}));
+    Line("Serial", First(ItemKind::kSystem, {"serial"}));
+    Line("Firmware", Firmware());
+    Line("System", System());
+    Line("Processors", Processors());
+    Line("Memory", Memory());
+    Rows("Drives", Drives(), "drives");
+    Rows("Ports", Ports(), "network");
+    const char* label = "Attention";
+    for (const std::string& warning : m_inventory.warnings) {
+        Line(label, Printable(warning));
+        label = "";
+    }
+    if (m_inventory.warnings.empty()) Line(label, "nothing needs it");
+}
+
+}  // namespace
+
+void ShowPage(ReportWriter& report, const KemdInventory& inventory) {
+    Page(report, inventory).Show();
+}

@@ -1,0 +1,204 @@
+#include "modules/inventory/keeper.h"
+
+#include <fnmatch.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <string_view>
+
+#include "kemd/trace.h"
+
+namespace {
+
+constexpr const char* kTag = "inventory";
+constexpr const char* kDirectory = "/var/lib/kemd";
+constexpr const char* kFile = "/var/lib/kemd/inventory.json";
+// More says nothing: the hardware is another one.
+constexpr unsigned kMostLines = 100;
+
+struct Lines {
+    uint32_t traced = 0;  // sections that need no line
+    unsigned count = 0;
+};
+
+const char* OrNone(const char* text) {
+    return text == nullptr ? "(none)" : text;
+}
+
+// A drive in standby, or one that did not answer in time, says nothing about its health.
+bool HasAnswered(const KemdInventoryItem* item) {
+    KemdInventoryField health{};
+    health.size = sizeof health;
+    return KemdInventoryFieldByName(item, "health", &health) == 0 &&
+           std::string_view(health.text) != "unknown";
+}
+
+bool IsOfHealth(const char* field) {
+    const std::string_view name(field);
+    return name == "health" || name == "critical_warning" || name == "spare_threshold";
+}
+
+// Calls `write` with a line for each thing that changed.
+template <typename Write>
+void Describe(const KemdInventoryChange& change, const Write& write) {
+    const KemdInventoryItem* const item = change.after != nullptr ? change.after : change.before;
+    const std::string id = KemdInventoryItemId(item);
+    if (change.before == nullptr || change.after == nullptr) {
+        const char* const what = change.after != nullptr ? " added: " : " removed: ";
+        write(id + what + KemdInventoryItemName(item));
+        return;
+    }
+    const bool hasHealth = HasAnswered(change.before) && HasAnswered(change.after);
+    if (change.fieldCount == 0) write(id + " changed: it sits in another place");
+    for (uint32_t i = 0; i < change.fieldCount; ++i) {
+        const KemdInventoryFieldChange& field = change.fields[i];
+        if (IsOfHealth(field.name) && !hasHealth) continue;
+        write(id + " changed: " + field.name + ": " + OrNone(field.before) + " -> " +
+              OrNone(field.after));
+    }
+}
+
+std::string TimeText(int64_t seconds) {
+    const time_t time = seconds;
+    struct tm local {};
+    char text[64];
+    if (localtime_r(&time, &local) == nullptr ||
+        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local) == 0) {
+        return "an unknown time";
+    }
+    return text;
+}
+
+template <typename At>
+std::vector<std::string> Texts(const KemdInventory& inventory, const At& at) {
+    std::vector<std::string> texts;
+    while (const char* const text = at(&inventory, texts.size())) texts.emplace_back(text);
+    return texts;
+}
+
+size_t CountItems(const KemdInventory& inventory) {
+    size_t count = 0;
+    while (KemdInventoryAt(&inventory, count) != nullptr) ++count;
+    return count;
+}
+
+}  // namespace
+
+void InventoryKeeper::Configure(const InventorySettings& settings) {
+    const std::lock_guard lock(m_mutex);
+    m_settings = settings;
+}
+
+void InventoryKeeper::Trace(const KemdInventoryChange& change) {
+    Describe(change, [](const std::string& line) { KemdTrace(kTag, 1, "%s", line.c_str()); });
+}
+
+InventoryHandle InventoryKeeper::Kept() {
+    KemdInventory* kept = nullptr;
+    const int error = KemdInventoryLoad(&kept, kFile);
+    if (error != 0 && error != ENOENT) {
+        KemdMessage(kTag, "cannot read the last inventory in %s: %s; a new one replaces it", kFile,
+                    error == EBADMSG ? "it is no inventory" : std::strerror(error));
+    }
+    return InventoryHandle(kept);
+}
+
+void InventoryKeeper::Compare(const KemdInventory& before, const KemdInventory& after,
+                              uint32_t traced) {
+    Lines lines = {traced, 0};
+    const auto count = [](void* user, const KemdInventoryChange* change) {
+        auto& counted = *static_cast<Lines*>(user);
+        const auto* const item = change->after != nullptr ? change->after : change->before;
+        if ((KemdInventoryItemSection(item) & counted.traced) != 0) return;
+        Describe(*change, [&counted](const std::string& line) {
+            if (++counted.count <= kMostLines) KemdTrace(kTag, 1, "%s", line.c_str());
+        });
+    };
+    const int error = KemdInventoryCompare(&before, &after, 0, count, &lines);
+    if (error != 0) {
+        KemdMessage(kTag, "cannot compare with the last inventory: %s", std::strerror(error));
+        return;
+    }
+    if (lines.count > kMostLines) {
+        KemdTrace(kTag, 1, "and %u more changes", lines.count - kMostLines);
+    }
+    if (traced != 0 && lines.count == 0) return;
+    KemdTrace(kTag, 1, "%u change%s since the inventory of %s", lines.count,
+              lines.count == 1 ? "" : "s", TimeText(KemdInventoryTime(&before)).c_str());
+}
+
+void InventoryKeeper::TakeWarnings(const KemdInventory& inventory) {
+    std::vector<std::string> warnings = Texts(inventory, KemdInventoryWarning);
+    const std::lock_guard lock(m_mutex);
+    std::erase_if(warnings, [this](const std::string& warning) {
+        return std::any_of(m_settings.accepted.begin(), m_settings.accepted.end(),
+                           [&](const std::string& pattern) {
+                               return fnmatch(pattern.c_str(), warning.c_str(), 0) == 0;
+                           });
+    });
+    const auto trace = [](const auto& these, const auto& others, const char* what) {
+        for (const std::string& text : these) {
+            if (std::find(others.begin(), others.end(), text) != others.end()) continue;
+            KemdTrace(kTag, 1, "%s%s", what, text.c_str());
+        }
+    };
+    trace(warnings, m_warnings, "warning: ");
+    trace(m_warnings, warnings, "no longer: ");
+    m_warnings = std::move(warnings);
+}
+
+void InventoryKeeper::Take(uint32_t traced) {
+    uint32_t sections = 0;
+    {
+        const std::lock_guard lock(m_mutex);
+        sections = m_settings.sections;
+    }
+    KemdInventory* scanned = nullptr;
+    int error = KemdInventoryScan(&scanned, sections);
+    InventoryHandle inventory(scanned);
+    if (error == 0) {
+        const InventoryHandle before = Kept();
+        (void)mkdir(kDirectory, 0755);
+        error = KemdInventorySave(inventory.get(), kFile);
+        // What JSON cannot hold would differ from what is read back.
+        if (error == 0) inventory = Kept();
+        if (inventory != nullptr) {
+            if (before != nullptr) Compare(*before, *inventory, traced);
+            TakeWarnings(*inventory);
+        }
+    }
+    const std::lock_guard lock(m_mutex);
+    if (error != 0 && error != m_error) {
+        KemdMessage(kTag, "cannot keep the inventory in %s: %s", kFile, std::strerror(error));
+    }
+    m_error = error;
+    if (inventory == nullptr) return;
+    m_time = KemdInventoryTime(inventory.get());
+    m_items = CountItems(*inventory);
+}
+
+std::string InventoryKeeper::Problems() const {
+    const std::lock_guard lock(m_mutex);
+    std::string problems;
+    for (const std::string& warning : m_warnings) {
+        problems += (problems.empty() ? "" : "; ") + warning;
+    }
+    return problems;
+}
+
+int InventoryKeeper::Error() const {
+    const std::lock_guard lock(m_mutex);
+    return m_error;
+}
+
+std::string InventoryKeeper::Status() const {
+    const std::lock_guard lock(m_mutex);
+    std::string text = m_time == 0 ? "no inventory yet\n"
+                                   : std::to_string(m_items) + " items at " + TimeText(m_time) +
+                                         ", in " + kFile + "\n";
+    for (const std::string& warning : m_warnings) text += "warning: " + warning + "\n";
+    return text;
+}

@@ -1,0 +1,162 @@
+// inventory.so in the real daemon, over a made sysfs that changes between two runs and within one.
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include "tests/daemon/daemon_test.h"
+#include "tests/kemdctl/ctl.h"
+#include "tests/modules.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kFile = "/var/lib/kemd/inventory.json";
+constexpr const char* kDevices = "/sys/bus/pci/devices/";
+
+class InventoryModuleTest : public DaemonTest {
+  protected:
+    void SetUp() override {
+        DaemonTest::SetUp();
+        for (const char* const path : {"/etc/kemd", "/var/lib/kemd", "/sys/bus", "/sys/devices"}) {
+            fs::remove_all(path);
+        }
+        ClearModules();
+        AddModule("/build/modules/inventory/inventory.so");
+        UseSwitch("reference");
+        WriteFile("/etc/orvmon/registry", "[HKEY_LOCAL_MACHINE]\n\n\n\n");
+        m_environment["OV_MODULE_DIR"] = kModules;
+        MakeFunction("0000:00:01.0", "8");
+        MakeFunction("0000:00:02.0", "8");
+    }
+    static void Configure(const std::string& settings) {
+        WriteFile("/etc/kemd/modules.d/inventory.ini", "[Settings]\n" + settings);
+    }
+    // A card of 8 lanes that uses `lanes` of them.
+    static void MakeFunction(const std::string& address, const std::string& lanes,
+                             const std::string& device = "1563") {
+        const std::string path = "/sys/devices/pci0000:00/" + address;
+        const std::pair<const char*, std::string> attributes[] = {
+            {"/uevent", "PCI_CLASS=20000\nPCI_ID=8086:" + device + "\n"},
+            {"/current_link_width", lanes + "\n"},
+            {"/max_link_width", "8\n"},
+            {"/current_link_speed", "8.0 GT/s PCIe\n"},
+            {"/max_link_speed", "8.0 GT/s PCIe\n"}};
+        for (const auto& [name, text] : attributes) WriteFile(path + name, text);
+        fs::create_directories(kDevices);
+        std::error_code error;
+        fs::create_symlink(path, kDevices + address, error);
+    }
+    static void RemoveFunction(const std::string& address) {
+        fs::remove(kDevices + address);
+        fs::remove_all("/sys/devices/pci0000:00/" + address);
+    }
+    [[nodiscard]] bool Traces(const std::string& text) const {
+        return WaitFor([&] { return Contains(Trace(), text); });
+    }
+    static std::string Health() {
+        const std::string shown = Ctl("modules show inventory").out;
+        const size_t start = shown.find("health:");
+        return start == shown.npos ? shown : shown.substr(start, shown.find('\n', start) - start);
+    }
+    static bool IsHealth(const std::string& text) {
+        return WaitFor([&] { return Health() == "health:       " + text; });
+    }
+};
+
+TEST_F(InventoryModuleTest, ReportsWhatChangedSinceTheLastRun) {
+    Configure("Delay = 0\nHealth = no\nSections = pci\n");
+    const pid_t first = Run();
+    ASSERT_TRUE(WaitFor([] { return fs::exists(kFile); }));
+    struct stat status {};
+    ASSERT_EQ(stat(kFile, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+    EXPECT_TRUE(Holds(ReadFile(kFile), {R"("sections": ["pci"])", R"("id": "pci:0000:00:02.0")"}));
+    EXPECT_TRUE(WaitFor(
+        [] { return Contains(Ctl("modules request inventory status").out, "2 items at "); }));
+    EXPECT_EQ(Ctl("modules request inventory nonsense").code, 2);
+    EXPECT_EQ(Stop(first), 0);
+    EXPECT_FALSE(Contains(Trace(), "since the inventory"));
+
+    RemoveFunction("0000:00:01.0");
+    MakeFunction("0000:00:02.0", "8", "1564");
+    MakeFunction("0000:00:03.0", "8");
+    const pid_t second = Run();
+    ASSERT_TRUE(Traces("3 changes since the inventory of "));
+    EXPECT_TRUE(Holds(Trace(), {"pci:0000:00:01.0 removed: 0000:00:01.0\n",
+                                "pci:0000:00:02.0 changed: device_id: 1563 -> 1564\n",
+                                "pci:0000:00:03.0 added: 0000:00:03.0\n"}));
+    EXPECT_TRUE(IsHealth("ok"));
+    // What the administrator asks for is compared too.
+    RemoveFunction("0000:00:03.0");
+    EXPECT_EQ(Ctl("modules request inventory scan").code, 0);
+    EXPECT_TRUE(Traces("1 change since the inventory of "));
+    EXPECT_EQ(Stop(second), 0);
+}
+
+TEST_F(InventoryModuleTest, WarningsAreItsHealth) {
+    RemoveFunction("0000:00:02.0");
+    MakeFunction("0000:00:01.0", "4");
+    Configure("Delay = 0\nHealth = no\nSections = pci\n");
+    const pid_t pid = Run();
+    EXPECT_TRUE(IsHealth("warning: 0000:00:01.0: runs with 4 of 8 lanes")) << Health();
+    EXPECT_TRUE(Traces("warning: 0000:00:01.0: runs with 4 of 8 lanes"));
+    Configure("Delay = 0\nHealth = no\nSections = pci\nAccepted = other; *of 8 lanes\n");
+    EXPECT_EQ(Ctl("modules reload inventory").code, 0);
+    EXPECT_EQ(Ctl("modules request inventory scan").code, 0);
+    EXPECT_TRUE(IsHealth("ok")) << Health();
+    EXPECT_TRUE(Traces("no longer: 0000:00:01.0: runs with 4 of 8 lanes"));
+    Configure("Sections = disks\n");
+    EXPECT_NE(Ctl("modules reload inventory").code, 0);
+    EXPECT_TRUE(Traces("Sections: there is no section disks; known are: system memory"));
+    EXPECT_EQ(Stop(pid), 0);
+}
+
+// A mount is seen by the watch, traced as it comes, and not again by the scan after it.
+TEST_F(InventoryModuleTest, TracesWhatTheWatchSees) {
+    Configure("Delay = 0\nHealth = no\nSections = volumes\n");
+    const pid_t pid = Run();
+    ASSERT_TRUE(WaitFor([] { return fs::exists(kFile); }));
+    fs::create_directories("/tmp/disk");
+    ASSERT_EQ(mount("none", "/tmp/disk", "tmpfs", 0, nullptr), 0);
+    EXPECT_TRUE(Traces("mount:/tmp/disk added: /tmp/disk\n"));
+    EXPECT_TRUE(WaitFor([] { return Contains(ReadFile(kFile), "mount:/tmp/disk"); }));
+    ASSERT_EQ(umount("/tmp/disk"), 0);
+    EXPECT_TRUE(Traces("mount:/tmp/disk removed: /tmp/disk\n"));
+    EXPECT_TRUE(WaitFor([] { return !Contains(ReadFile(kFile), "mount:/tmp/disk"); }));
+    EXPECT_EQ(Stop(pid), 0);
+    const std::string trace = Trace();
+    EXPECT_EQ(trace.find("mount:/tmp/disk added"), trace.rfind("mount:/tmp/disk added"));
+    EXPECT_FALSE(Contains(trace, "since the inventory"));
+}
+
+// Before its time, and while thousands of functions are read.
+TEST_F(InventoryModuleTest, StopsAtOnce) {
+    Configure("Delay = 1h\n");
+    EXPECT_EQ(Stop(Run()), 0);
+    EXPECT_FALSE(fs::exists(kFile));
+    for (int i = 0; i < 2000; ++i) {
+        char address[32];
+        std::snprintf(address, sizeof address, "0000:%02x:%02x.0", 1 + i / 32, i % 32);
+        MakeFunction(address, "8");
+    }
+    Configure("Delay = 0\nHealth = no\n");
+    EXPECT_EQ(Stop(Run()), 0);
+    EXPECT_FALSE(Contains(Trace(), "exceeded"));
+}
+
+TEST_F(InventoryModuleTest, SaysWhatItCannotKeep) {
+    WriteFile(kFile, "{}");
+    Configure("Delay = 0\nHealth = no\nSections = pci\n");
+    const pid_t pid = Run();
+    EXPECT_TRUE(
+        Traces("cannot read the last inventory in /var/lib/kemd/inventory.json: it is no "
+               "inventory; a new one replaces it"));
+    EXPECT_TRUE(WaitFor([] { return Contains(ReadFile(kFile), "kemd inventory"); }));
+    fs::remove(kFile);
+    fs::create_directories(kFile);
+    EXPECT_EQ(Ctl("modules request inventory scan").code, 0);
+    EXPECT_TRUE(IsHealth("failed: the inventory is not kept: Is a directory")) << Health();
+    EXPECT_EQ(Stop(pid), 0);
+}
+
+}  // namespace
