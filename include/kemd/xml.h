@@ -59,10 +59,13 @@ KEMD_API int KemdXmlParserFeed(struct KemdXmlParser* parser, const void* bytes, 
 /* The end: the document, which the caller releases. The parser is then ready for another one, with
  * the same limits and encoding. */
 KEMD_API int KemdXmlParserFinish(struct KemdXmlParser* parser, struct KemdXmlDocument** document);
+/* The end in one: a whole document in memory, faster than in pieces, or the rest of one. */
+KEMD_API int KemdXmlParserParse(struct KemdXmlParser* parser, const void* bytes, size_t size,
+                                struct KemdXmlDocument** document);
 /* A whole regular file. An errno number of the file; KemdXmlParserError has its text as well. */
 KEMD_API int KemdXmlParserReadFile(struct KemdXmlParser* parser, const char* path,
                                    struct KemdXmlDocument** document);
-/* A whole document in memory, with the defaults. */
+/* With the defaults. */
 KEMD_API int KemdXmlParse(const void* bytes, size_t size, struct KemdXmlDocument** document);
 
 #define KEMD_XML_CAUSE_NONE 0u
