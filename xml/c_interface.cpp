@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -50,6 +51,12 @@ XmlWriteOptions Options(const KemdXmlWriteOptions* options) {
     wanted.flags = options->flags;
     wanted.indent = options->indent;
     if (options->encoding != nullptr) wanted.encoding = options->encoding;
+    // Not in the first version of the structure.
+    const size_t needed =
+        offsetof(KemdXmlWriteOptions, inclusivePrefixes) + sizeof options->inclusivePrefixes;
+    if (options->size >= needed && options->inclusivePrefixes != nullptr) {
+        wanted.inclusivePrefixes = options->inclusivePrefixes;
+    }
     return wanted;
 }
 

@@ -195,6 +195,9 @@ struct KemdXmlWriteOptions {
     uint32_t flags;       /* KEMD_XML_WITH_COMMENTS ... */
     uint32_t indent;      /* pretty: blanks for each level */
     const char* encoding; /* a name or number; null: UTF-8, which canonical forms always are */
+    /* Exclusive: prefixes whose declarations are kept as in the canonical form, with blanks between
+     * them, "#default" for that without a prefix: PrefixList of InclusiveNamespaces. Null: none. */
+    const char* inclusivePrefixes;
 };
 /* Takes the next piece; what it returns, unless 0, ends the writing and is its result. */
 typedef int (*KemdXmlSink)(void* user, const char* bytes, size_t size);

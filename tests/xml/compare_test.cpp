@@ -136,11 +136,14 @@ struct Other {
     Other& operator=(const Other&) = delete;
     ~Other() { xmlFreeDoc(document); }
 
-    [[nodiscard]] std::string Canonical(bool isExclusive, bool hasComments) const {
+    [[nodiscard]] std::string Canonical(bool isExclusive, bool hasComments,
+                                        std::vector<const char*> prefixes = {}) const {
         xmlChar* out = nullptr;
-        const int size = xmlC14NDocDumpMemory(document, nullptr,
-                                              isExclusive ? XML_C14N_EXCLUSIVE_1_0 : XML_C14N_1_0,
-                                              nullptr, hasComments ? 1 : 0, &out);
+        prefixes.push_back(nullptr);
+        auto** const list = reinterpret_cast<xmlChar**>(const_cast<char**>(prefixes.data()));
+        const int size = xmlC14NDocDumpMemory(
+            document, nullptr, isExclusive ? XML_C14N_EXCLUSIVE_1_0 : XML_C14N_1_0,
+            isExclusive ? list : nullptr, hasComments ? 1 : 0, &out);
         std::string text = size < 0 ? "none" : std::string(reinterpret_cast<char*>(out));
         xmlFree(out);
         return text;
@@ -150,11 +153,13 @@ struct Other {
     int error = 0;
 };
 
-std::string Canonical(const XmlDocument& document, bool isExclusive, bool hasComments) {
+std::string Canonical(const XmlDocument& document, bool isExclusive, bool hasComments,
+                      const char* prefixes = nullptr) {
     KemdXmlWriteOptions options{};
     options.size = sizeof options;
     options.form = isExclusive ? KEMD_XML_EXCLUSIVE : KEMD_XML_CANONICAL;
     options.flags = hasComments ? KEMD_XML_WITH_COMMENTS : 0;
+    options.inclusivePrefixes = prefixes;
     int error = 0;
     std::string text = document.Written(&options, KEMD_XML_DOCUMENT_NODE, &error);
     return error == 0 ? text : "none";
@@ -197,6 +202,12 @@ TEST(XmlCompareTest, CanonicalFormsAreThoseOfLibxml2) {
                       other.Canonical((form & 1) != 0, (form & 2) != 0))
                 << source;
         }
+        ASSERT_EQ(Canonical(document, true, true, "p  none"),
+                  other.Canonical(true, true, {"p", "none"}))
+            << source;
+        ASSERT_EQ(Canonical(document, true, true, "#default q"),
+                  other.Canonical(true, true, {"#default", "q"}))
+            << source;
         // Written plainly in its own encoding, prettily in UTF-8, and read again, it is the same.
         KemdXmlWriteOptions options{};
         options.size = sizeof options;
