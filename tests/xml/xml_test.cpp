@@ -138,6 +138,33 @@ Cost CostOf(const std::function<void(XmlReader&)>& feed) {
     return cost;
 }
 
+// What is parsed of a whole document is given back meanwhile, but for the tags that are open.
+TEST(XmlTest, AWholeDocumentIsReadAsInPieces) {
+    std::string text = "<r\u00e9>\n";
+    for (int i = 0; i < 100'000; ++i) {
+        const bool isOpen = i % 500 == 0;
+        text += "<e a='\u00e9\u6f22' b='" + std::to_string(i) + "'>text \u00e4\r\n more long text" +
+                std::string(40, '.') + (isOpen ? "\r" : "</e>\n");
+    }
+    for (int i = 0; i < 200; ++i) text += "</e>";
+    text += "</r\u00e9>";
+    XmlReader reader;
+    XmlDocument whole;
+    ASSERT_EQ(reader.Parse(text, whole), 0) << reader.Error().text;
+    for (size_t at = 0; at < text.size(); at += 50'000) {
+        const std::string piece = text.substr(at, 50'000);
+        ASSERT_EQ(KemdXmlParserFeed(reader.Get(), piece.data(), piece.size()), 0);
+    }
+    KemdXmlDocument* made = nullptr;
+    ASSERT_EQ(KemdXmlParserFinish(reader.Get(), &made), 0);
+    const XmlDocument pieces(made);
+    EXPECT_TRUE(whole.Written() == pieces.Written());
+    for (KemdXmlNode node = 1; node < whole.Info().nodes; ++node) {
+        ASSERT_EQ(KemdXmlLine(whole.Get(), node), KemdXmlLine(made, node));
+        ASSERT_EQ(KemdXmlColumn(whole.Get(), node), KemdXmlColumn(made, node));
+    }
+}
+
 TEST(XmlTest, NoDocumentTakesMoreThanTheLimits) {
     std::string laughs = "<!DOCTYPE a [<!ENTITY a0 'ha'>", chain = "<!DOCTYPE a [<!ENTITY c0 'x'>";
     std::string hollow = "<!DOCTYPE a [<!ENTITY a0 ''>", attributes, declared = "<!DOCTYPE a [";
