@@ -44,14 +44,15 @@ void RefuseLimit(const XmlLimits& limits, uint32_t limit) {
 }
 
 // Most names are short, and the same again and again.
-uint32_t XmlBuilder::ElementName(std::string_view name) {
+uint32_t XmlBuilder::ElementName(const char* name) {
     uint64_t word = 0;
-    if (name.size() > sizeof word) return Name(name);
-    for (size_t i = 0; i < name.size(); ++i) {
-        word |= uint64_t{static_cast<unsigned char>(name[i])} << 8 * i;
+    size_t size = 0;
+    for (; size < sizeof word && name[size] != '\0'; ++size) {
+        word |= uint64_t{static_cast<unsigned char>(name[size])} << 8 * size;
     }
+    if (name[size] != '\0') return Name(name);
     ShortName& known = m_short[word * 0x9E3779B97F4A7C15U >> 58];
-    if (known.word != word) known = {word, Name(name)};
+    if (known.word != word) known = {word, Name({name, size})};
     return known.number;
 }
 
@@ -115,8 +116,8 @@ uint32_t XmlBuilder::AttributeName(const char* name) {
     return known.number;
 }
 
-void XmlBuilder::AddAttributes(uint32_t element, const char* const* names, XmlPlace place,
-                               const std::vector<XmlPlace>& places) {
+void XmlBuilder::AddAttributes(uint32_t element, const char* const* names, uint32_t place,
+                               const std::vector<uint32_t>& places) {
     const uint64_t most = m_limits[KEMD_XML_LIMIT_ATTRIBUTES];
     uint32_t last = 0;
     for (size_t i = 0; names[2 * i] != nullptr; ++i) {
@@ -171,29 +172,26 @@ void XmlBuilder::ResolveAttributes(uint32_t first) {
                 Quoted(strings.View(static_cast<uint32_t>(*twice >> 32))) + " is there twice");
 }
 
-void XmlBuilder::Start(const char* name, const char* const* names, XmlPlace place,
-                       const std::vector<XmlPlace>& places) {
+void XmlBuilder::Start(const char* name, const char* const* names, uint32_t place,
+                       const std::vector<uint32_t>& places) {
     EndText();
     const uint64_t deepest = m_limits[KEMD_XML_LIMIT_DEPTH];
     if (++m_depth > deepest && deepest != 0) RefuseLimit(m_limits, KEMD_XML_LIMIT_DEPTH);
     m_document.facts.depth = std::max(m_document.facts.depth, m_depth);
-    const std::string_view view = name;
-    KemdXmlDocument::Node node{};
-    node.kind = KEMD_XML_ELEMENT;
-    node.name = ElementName(view) & kNameBits;
-    node.place = place;
-    m_delivered += view.size();
-    if (!m_document.strings.IsQualifiedName(node.name) ||
-        m_document.strings.Prefix(node.name) == m_document.xmlnsName) {
-        RefuseNames("the element " + Quoted(view) + " is no name with one prefix");
+    const StringTable& strings = m_document.strings;
+    const uint32_t number = ElementName(name);
+    m_delivered += strings.View(number).size();
+    const uint32_t prefix = strings.Prefix(number);
+    if (!strings.IsQualifiedName(number) || prefix == m_document.xmlnsName) {
+        RefuseNames("the element " + Quoted(name) + " is no name with one prefix");
     }
-    m_open = m_document.Append(m_open, 0, node);
+    m_open = AddNode(KEMD_XML_ELEMENT, number, place);
     if (names[0] != nullptr) {
         AddAttributes(m_open, names, place, places);
         ResolveAttributes(m_document.At(m_open).attributes);
     }
     Count();
-    m_document.nodes[m_open].uri = Resolve(node.name);
+    m_document.nodes[m_open].uri = Resolve(number);
 }
 
 void XmlBuilder::End() {
@@ -206,22 +204,36 @@ void XmlBuilder::End() {
     --m_depth;
 }
 
-uint32_t XmlBuilder::BeginText(uint32_t kind, XmlPlace place) {
-    Count();
-    KemdXmlDocument::Node node{};
+// The last one in the element that is open.
+uint32_t XmlBuilder::AddNode(uint32_t kind, uint32_t name, uint32_t place) {
+    const uint32_t index = m_document.nodes.Size();
+    KemdXmlDocument::Node& node = *m_document.nodes.Grow(1);
+    node = {};
     node.kind = kind & 0xF;
+    node.name = name & kNameBits;
+    node.parent = m_open;
     node.place = place;
-    node.text = m_document.characters.Size();
-    return m_document.Append(m_open, 0, node);
+    KemdXmlDocument::Node& parent = m_document.nodes[m_open];
+    (parent.last == 0 ? parent.first : m_document.nodes[parent.last].next) = index;
+    parent.last = index;
+    return index;
 }
 
-void XmlBuilder::Text(std::string_view text, XmlPlace place) {
+uint32_t XmlBuilder::BeginText(uint32_t kind, uint32_t place) {
+    Count();
+    const uint32_t start = m_document.characters.Size();
+    const uint32_t index = AddNode(kind, 0, place);
+    m_document.nodes[index].text = start;
+    return index;
+}
+
+void XmlBuilder::Text(std::string_view text, uint32_t place) {
     if (m_text == 0) m_text = BeginText(KEMD_XML_TEXT, place);
     m_document.characters.Append(text.data(), text.size());
     m_delivered += text.size();
 }
 
-void XmlBuilder::StartCdata(XmlPlace place) {
+void XmlBuilder::StartCdata(uint32_t place) {
     EndText();
     m_text = BeginText(KEMD_XML_CDATA, place);
 }
@@ -235,18 +247,16 @@ void XmlBuilder::EndText() {
 }
 
 void XmlBuilder::Other(uint32_t kind, std::string_view name, std::string_view text,
-                       XmlPlace place) {
+                       uint32_t place) {
     EndText();
     Count();
-    KemdXmlDocument::Node node{};
-    node.kind = kind & 0xF;
-    node.name = Name(name) & kNameBits;
-    node.place = place;
-    node.length = static_cast<uint32_t>(text.size());
-    node.text = m_document.AddText(text);
+    const uint32_t number = Name(name);
+    const uint32_t start = m_document.AddText(text);
     m_delivered += name.size() + text.size();
     if (name.find(':') != name.npos) {
         RefuseNames("the instruction " + Quoted(name) + " has a colon in its name");
     }
-    m_document.Append(m_open, 0, node);
+    const uint32_t index = AddNode(kind, number, place);
+    m_document.nodes[index].text = start;
+    m_document.nodes[index].length = static_cast<uint32_t>(text.size());
 }

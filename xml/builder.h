@@ -33,22 +33,22 @@ class XmlBuilder {
 
     // The attributes that the tag has come first; `places` are theirs, the others are defaults.
     // `names` is as expat has it: name, value, ..., null.
-    void Start(const char* name, const char* const* names, XmlPlace place,
-               const std::vector<XmlPlace>& places);
+    void Start(const char* name, const char* const* names, uint32_t place,
+               const std::vector<uint32_t>& places);
     void End();
     // Whether the next text begins a node, which then needs a place.
     [[nodiscard]] bool BeginsText() const { return m_text == 0; }
-    void Text(std::string_view text, XmlPlace place);
-    void StartCdata(XmlPlace place);
+    void Text(std::string_view text, uint32_t place);
+    void StartCdata(uint32_t place);
     void EndText();
     // A comment, or an instruction with its target.
-    void Other(uint32_t kind, std::string_view name, std::string_view text, XmlPlace place);
+    void Other(uint32_t kind, std::string_view name, std::string_view text, uint32_t place);
 
     // Bytes of all names and texts so far: more than the document has only because of entities and
     // defaults.
     [[nodiscard]] uint64_t Delivered() const { return m_delivered; }
     // Where the element that is open began, and its name; empty outside of the root element.
-    [[nodiscard]] XmlPlace OpenPlace() const { return m_document.At(m_open).place; }
+    [[nodiscard]] XmlPlace OpenPlace() const { return m_document.Place(m_open); }
     [[nodiscard]] std::string_view OpenName() const {
         return m_document.strings.View(m_document.At(m_open).name);
     }
@@ -71,15 +71,16 @@ class XmlBuilder {
     };
 
     uint32_t Name(std::string_view name);
-    uint32_t ElementName(std::string_view name);
+    uint32_t ElementName(const char* name);
     uint32_t AttributeName(const char* name);
     void Count();
-    void AddAttributes(uint32_t element, const char* const* names, XmlPlace place,
-                       const std::vector<XmlPlace>& places);
+    void AddAttributes(uint32_t element, const char* const* names, uint32_t place,
+                       const std::vector<uint32_t>& places);
     void Declare(KemdXmlDocument::Attribute& attribute);
     void ResolveAttributes(uint32_t first);
     [[nodiscard]] uint32_t Resolve(uint32_t name) const;
-    uint32_t BeginText(uint32_t kind, XmlPlace place);
+    uint32_t AddNode(uint32_t kind, uint32_t name, uint32_t place);
+    uint32_t BeginText(uint32_t kind, uint32_t place);
 
     KemdXmlDocument& m_document;
     const XmlLimits& m_limits;

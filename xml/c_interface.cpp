@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -50,6 +51,12 @@ XmlWriteOptions Options(const KemdXmlWriteOptions* options) {
     wanted.flags = options->flags;
     wanted.indent = options->indent;
     if (options->encoding != nullptr) wanted.encoding = options->encoding;
+    // Not in the first version of the structure.
+    const size_t needed =
+        offsetof(KemdXmlWriteOptions, inclusivePrefixes) + sizeof options->inclusivePrefixes;
+    if (options->size >= needed && options->inclusivePrefixes != nullptr) {
+        wanted.inclusivePrefixes = options->inclusivePrefixes;
+    }
     return wanted;
 }
 
@@ -96,39 +103,43 @@ int KemdXmlParserFeed(KemdXmlParser* parser, const void* bytes, size_t size) {
     return Guarded([&] { return parser->Feed({static_cast<const char*>(bytes), size}); });
 }
 
-int KemdXmlParserFinish(KemdXmlParser* parser, KemdXmlDocument** document) {
-    if (parser == nullptr || document == nullptr) return EINVAL;
+// The document that `make` makes; the parser is then ready for another one.
+template <typename Make>
+static int Made(KemdXmlParser* parser, KemdXmlDocument** document, const Make& make) {
     *document = nullptr;
     const int result = Guarded([&] {
         std::unique_ptr<KemdXmlDocument> made;
-        const int error = parser->Finish(made);
+        const int error = make(made);
         *document = made.release();
         return error;
     });
     parser->Reset();
     return result;
+}
+
+int KemdXmlParserFinish(KemdXmlParser* parser, KemdXmlDocument** document) {
+    if (parser == nullptr || document == nullptr) return EINVAL;
+    return Made(parser, document, [&](auto& made) { return parser->Finish(made); });
+}
+
+int KemdXmlParserParse(KemdXmlParser* parser, const void* bytes, size_t size,
+                       KemdXmlDocument** document) {
+    if (parser == nullptr || document == nullptr || (bytes == nullptr && size > 0)) return EINVAL;
+    const std::string_view text(static_cast<const char*>(bytes), size);
+    return Made(parser, document, [&](auto& made) { return parser->Parse(text, made); });
 }
 
 int KemdXmlParserReadFile(KemdXmlParser* parser, const char* path, KemdXmlDocument** document) {
     if (parser == nullptr || document == nullptr || path == nullptr) return EINVAL;
-    *document = nullptr;
-    const int result = Guarded([&] {
-        std::unique_ptr<KemdXmlDocument> made;
-        const int error = parser->ReadFile(path, made);
-        *document = made.release();
-        return error;
-    });
-    parser->Reset();
-    return result;
+    return Made(parser, document, [&](auto& made) { return parser->ReadFile(path, made); });
 }
 
 int KemdXmlParse(const void* bytes, size_t size, KemdXmlDocument** document) {
     KemdXmlParser* parser = nullptr;
-    int result = KemdXmlParserOpen(&parser);
+    const int result = KemdXmlParserOpen(&parser);
     if (result != 0) return result;
     const std::unique_ptr<KemdXmlParser> owner(parser);
-    result = KemdXmlParserFeed(parser, bytes, size);
-    return result != 0 ? result : KemdXmlParserFinish(parser, document);
+    return KemdXmlParserParse(parser, bytes, size, document);
 }
 
 int KemdXmlParserError(const KemdXmlParser* parser, KemdXmlError* error) {

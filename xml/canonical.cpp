@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/text.h"
 #include "xml/writer.h"
 
 namespace {
@@ -31,7 +32,9 @@ class CanonicalWriter {
           m_isExclusive(options.form == KEMD_XML_EXCLUSIVE),
           m_hasComments((options.flags & KEMD_XML_WITH_COMMENTS) != 0),
           m_output(output),
-          m_rendered(document.strings.Size()) {}
+          m_rendered(document.strings.Size()) {
+        SetInclusive(options.inclusivePrefixes);
+    }
 
     void Write() {
         WalkXml(
@@ -49,6 +52,21 @@ class CanonicalWriter {
         Declaration was;
     };
 
+    // Prefixes that the document lacks change nothing.
+    void SetInclusive(std::string_view prefixes) {
+        while (!(prefixes = TrimStart(prefixes)).empty()) {
+            const size_t end = std::min(prefixes.find_first_of(" \t\r\n"), prefixes.size());
+            const std::string_view prefix = prefixes.substr(0, end);
+            const uint32_t number = prefix == "#default" ? 0 : m_document.strings.Find(prefix);
+            if (number != 0 || prefix == "#default") m_inclusive.push_back(number);
+            prefixes.remove_prefix(end);
+        }
+    }
+    [[nodiscard]] bool IsInclusive(uint32_t prefix) const {
+        return !m_isExclusive ||
+               std::find(m_inclusive.begin(), m_inclusive.end(), prefix) != m_inclusive.end();
+    }
+
     void Want(uint32_t prefix, uint32_t uri) {
         if (prefix == m_document.xmlPrefix) return;
         const bool isKnown =
@@ -60,22 +78,25 @@ class CanonicalWriter {
         for (uint32_t at = m_document.FirstAttribute(element); at != 0; at = m_document.Next(at)) {
             const auto& each = m_document.AttributeAt(at);
             if (each.isNamespace == 0) continue;
-            Want(m_document.DeclaredPrefix(each), m_document.strings.Find(m_document.Text(at)));
+            const uint32_t prefix = m_document.DeclaredPrefix(each);
+            if (!IsInclusive(prefix)) continue;
+            Want(prefix, m_document.strings.Find(m_document.Text(at)));
         }
     }
 
-    // What the element declares (inclusive), or what its names use (exclusive).
+    // What the element declares (inclusive), and what its names use (exclusive).
     void CollectDeclarations(uint32_t element) {
         m_declarations.clear();
         const StringTable& strings = m_document.strings;
-        if (!m_isExclusive) {
+        if (!m_isExclusive || !m_inclusive.empty()) {
             WantDeclared(element);
             for (uint32_t above = m_document.At(element).parent;
                  element == m_top && above > KEMD_XML_DOCUMENT_NODE;
                  above = m_document.At(above).parent) {
                 WantDeclared(above);
             }
-        } else {
+        }
+        if (m_isExclusive) {
             Want(strings.Prefix(m_document.At(element).name), m_document.At(element).uri);
             for (const uint32_t at : m_attributes) {
                 const uint32_t prefix = strings.Prefix(m_document.NameNumber(at));
@@ -204,6 +225,7 @@ class CanonicalWriter {
     const bool m_isExclusive;
     const bool m_hasComments;
     XmlOutput& m_output;
+    std::vector<uint32_t> m_inclusive;  // prefixes, of the exclusive form
     bool m_hasRoot = false;
     std::vector<uint32_t> m_rendered;  // by prefix: what the output has declared
     std::vector<Undo> m_undo;

@@ -54,18 +54,16 @@ struct XmlEvents::Handlers {
     }
 
     // A tag is walked again for the places of its attributes, which expat does not have.
-    static void FindPlaces(XmlRun& run, const char* at, const char* end) {
+    static void FindPlaces(XmlRun& run, const char* tag, const char* end, uint64_t index) {
+        const char* at = tag;
         while (at < end && !IsBlank(*at) && *at != '/' && *at != '>') ++at;
         for (;;) {
             while (at < end && IsBlank(*at)) ++at;
             if (at >= end || *at == '/' || *at == '>') return;
-            run.m_place.Advance(end - run.m_rawLeft, at);
-            run.m_rawLeft = static_cast<size_t>(end - at);
-            run.m_attributePlaces.push_back(run.m_place.Place());
-            const auto* const equals =
-                static_cast<const char*>(std::memchr(at, '=', static_cast<size_t>(end - at)));
-            if (equals == nullptr) return;
-            at = equals + 1;
+            run.m_attributePlaces.push_back(
+                run.m_places.At(index + static_cast<uint64_t>(at - tag)));
+            while (at < end && *at != '=') ++at;
+            ++at;
             while (at < end && IsBlank(*at)) ++at;
             if (at >= end) return;
             const auto* const quote = static_cast<const char*>(
@@ -93,28 +91,36 @@ struct XmlEvents::Handlers {
     static void Start(void* user, const XML_Char* name, const XML_Char** attributes) {
         Guarded(user, [&](XmlRun& run) {
             run.m_hasRoot = true;
-            const XmlPlace place = run.PlaceHere();
+            const uint64_t index = run.Index();
+            const uint32_t place = run.m_places.At(index);
+            run.Release(index);
             run.m_attributePlaces.clear();
-            const int count = XML_GetSpecifiedAttributeCount(run.m_parser.get()) / 2;
-            if (count > 0) {
+            if (attributes[0] != nullptr) {
+                const int count = XML_GetSpecifiedAttributeCount(run.m_parser.get()) / 2;
                 size_t offset = 0;
                 const char* const tag = run.Context(offset).data() + offset;
-                run.m_rawLeft = static_cast<size_t>(XML_GetCurrentByteCount(run.m_parser.get()));
-                if (*tag == '<') FindPlaces(run, tag, tag + run.m_rawLeft);
+                const int size = XML_GetCurrentByteCount(run.m_parser.get());
+                if (*tag == '<') FindPlaces(run, tag, tag + size, index);
                 // Those of an element within an entity are where the reference is.
                 run.m_attributePlaces.resize(static_cast<size_t>(count), place);
             }
+            run.m_openTags.push_back(index);
             run.m_builder.Start(name, attributes, place, run.m_attributePlaces);
             run.CheckExpansion();
         });
     }
     static void End(void* user, const XML_Char* /*name*/) {
-        Guarded(user, [](XmlRun& run) { run.m_builder.End(); });
+        Guarded(user, [](XmlRun& run) {
+            run.m_builder.End();
+            run.m_openTags.pop_back();
+        });
     }
     static void Text(void* user, const XML_Char* text, int size) {
         Guarded(user, [&](XmlRun& run) {
-            const XmlPlace place = run.m_builder.BeginsText() ? run.PlaceHere() : XmlPlace{};
+            const uint64_t index = run.Index();
+            const uint32_t place = run.m_builder.BeginsText() ? run.m_places.At(index) : 0;
             run.m_builder.Text({text, static_cast<size_t>(size)}, place);
+            run.Release(index);
             run.CheckExpansion();
         });
     }
@@ -156,14 +162,14 @@ struct XmlEvents::Handlers {
         Guarded(user, [&](XmlRun& run) {
             run.m_isInType = true;
             run.m_hasExternal = system != nullptr;
-            run.m_documentType = run.m_prolog.rfind("<!DOCTYPE", run.Index());
+            run.m_documentType = run.m_toRoot.rfind("<!DOCTYPE", run.Index());
         });
     }
     static void EndType(void* user) {
         Guarded(user, [](XmlRun& run) {
             run.m_isInType = false;
             run.m_document->facts.documentType =
-                run.m_prolog.substr(run.m_documentType, run.Index() + 1 - run.m_documentType);
+                run.m_toRoot.substr(run.m_documentType, run.Index() + 1 - run.m_documentType);
         });
     }
     // NOLINTNEXTLINE(readability-function-size): expat calls it

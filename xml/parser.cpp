@@ -1,5 +1,7 @@
 #include "xml/parser.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstring>
 
@@ -27,10 +29,13 @@ int KemdXmlParser::SetEncoding(const char* name) {
     return error;
 }
 
+void KemdXmlParser::Begin(uint64_t expected) {
+    m_run = std::make_unique<XmlRun>(m_limits, m_wanted ? &*m_wanted : nullptr, m_error);
+    m_run->Expect(expected);
+}
+
 int KemdXmlParser::Feed(std::string_view bytes) {
-    if (m_run == nullptr) {
-        m_run = std::make_unique<XmlRun>(m_limits, m_wanted ? &*m_wanted : nullptr, m_error);
-    }
+    if (m_run == nullptr) Begin(0);
     return m_run->Feed(bytes);
 }
 
@@ -41,10 +46,20 @@ int KemdXmlParser::Finish(std::unique_ptr<KemdXmlDocument>& document) {
     return result;
 }
 
+int KemdXmlParser::Parse(std::string_view bytes, std::unique_ptr<KemdXmlDocument>& document) {
+    if (m_run == nullptr) Begin(bytes.size());
+    const int result = Feed(bytes);
+    if (result == 0) return Finish(document);
+    m_run.reset();
+    return result;
+}
+
 int KemdXmlParser::ReadFile(const char* path, std::unique_ptr<KemdXmlDocument>& document) {
     m_run.reset();
     const UniqueFd file = OpenRegularFile(path, O_RDONLY);
     int error = file.IsOpen() ? 0 : errno;
+    struct stat status {};
+    if (error == 0 && fstat(file.Get(), &status) == 0) Begin(static_cast<uint64_t>(status.st_size));
     std::string piece(size_t{64} << 10, '\0');
     while (error == 0) {
         const ReadResult read = ReadFully(file.Get(), piece.data(), piece.size());

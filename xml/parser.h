@@ -26,12 +26,16 @@ struct KemdXmlParser {
     [[nodiscard]] int SetEncoding(const char* name);
     [[nodiscard]] int Feed(std::string_view bytes);
     [[nodiscard]] int Finish(std::unique_ptr<KemdXmlDocument>& document);
+    // A whole document, or the rest of one.
+    [[nodiscard]] int Parse(std::string_view bytes, std::unique_ptr<KemdXmlDocument>& document);
     [[nodiscard]] int ReadFile(const char* path, std::unique_ptr<KemdXmlDocument>& document);
     [[nodiscard]] const KemdXmlError& Error() const { return m_error; }
     // Drops a document that was begun.
     void Reset();
 
   private:
+    void Begin(uint64_t expected);
+
     XmlLimits m_limits = kXmlLimits;
     std::optional<Encoding> m_wanted;
     KemdXmlError m_error{};

@@ -1,18 +1,43 @@
-// An array that grows at its end, for plain records and bytes. It is reallocated by the C library,
-// which moves pages of large blocks instead of copying them. Not thread-safe.
+// An array that grows at its end, for plain records and bytes. It is moved by its pages instead of
+// being copied once it is large. Not thread-safe.
 #pragma once
-
-#include <sys/mman.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
 #include <type_traits>
 #include <utility>
+
+// Bytes that grow: of the C library while they are few, later mapped, so that no block of theirs is
+// left over in the heap when they move.
+class GrowingMemory {
+  public:
+    GrowingMemory() = default;
+    GrowingMemory(const GrowingMemory&) = delete;
+    GrowingMemory& operator=(const GrowingMemory&) = delete;
+    ~GrowingMemory();
+
+    [[nodiscard]] void* Data() const { return m_data; }
+    // Throws std::bad_alloc and is as it was then.
+    void Resize(size_t bytes);
+    // Asks for the pages from byte `start` on together, which takes half of the time. How far they
+    // are there now.
+    [[nodiscard]] size_t Populate(size_t start) const;
+    void Swap(GrowingMemory& other) noexcept {
+        std::swap(m_data, other.m_data);
+        std::swap(m_bytes, other.m_bytes);
+    }
+
+  private:
+    [[nodiscard]] bool IsMapped() const;
+    void Map(size_t bytes);
+
+    void* m_data = nullptr;
+    size_t m_bytes = 0;
+};
 
 template <typename T>
 class Pool {
@@ -27,7 +52,7 @@ class Pool {
     }
     Pool(const Pool&) = delete;
     Pool& operator=(const Pool&) = delete;
-    ~Pool() { std::free(m_items); }
+    ~Pool() = default;
 
     [[nodiscard]] uint32_t Size() const { return m_size; }
     [[nodiscard]] T& operator[](uint32_t index) { return m_items[index]; }
@@ -51,52 +76,35 @@ class Pool {
     void Append(const T* items, size_t count) {
         if (count > 0) std::memcpy(Grow(count), items, count * sizeof(T));
     }
-    void Cut(uint32_t size) { m_size = size; }
     // Gives back what is not used.
-    void Shrink() {
-        void* const fitting = std::realloc(m_items, std::max<size_t>(m_size, 1) * sizeof(T));
-        if (fitting == nullptr) return;
-        m_items = static_cast<T*>(fitting);
-        m_capacity = m_total = std::max<uint32_t>(m_size, 1);
-    }
+    void Shrink() { Resize(std::max<uint32_t>(m_size, 1)); }
 
   private:
-    // Pages that are asked for together take half of the time.
-    void Populate() {
-        constexpr size_t kBytes = size_t{1} << 20, kPage = 4096;
-        if (m_total * sizeof(T) < 4 * kBytes) {
-            m_capacity = m_total;
-            return;
-        }
-        const size_t more = kBytes / sizeof(T);
-        const size_t wanted = m_total - m_size > more ? m_size + more : m_total;
-        m_capacity = static_cast<uint32_t>(wanted);
-        const auto start = reinterpret_cast<uintptr_t>(m_items + m_size) / kPage * kPage;
-        const auto end = reinterpret_cast<uintptr_t>(m_items + m_capacity) / kPage * kPage;
-        if (end > start) {
-            (void)madvise(reinterpret_cast<void*>(start), end - start, MADV_POPULATE_WRITE);
-        }
+    void Resize(uint32_t total) {
+        m_memory.Resize(total * sizeof(T));
+        m_items = static_cast<T*>(m_memory.Data());
+        m_total = m_capacity = total;
     }
     void Reserve(size_t count) {
-        if (count <= m_total - m_size && count * sizeof(T) < (size_t{1} << 19)) return Populate();
         constexpr size_t kMost = std::numeric_limits<uint32_t>::max() - 1;
         if (count > kMost - m_size) throw std::bad_alloc();
-        const size_t wanted = size_t{m_total} + m_total / 2 + 64;
-        const size_t capacity = std::min(std::max(wanted, m_size + count), kMost);
-        void* const grown = std::realloc(m_items, capacity * sizeof(T));
-        if (grown == nullptr) throw std::bad_alloc();
-        m_items = static_cast<T*>(grown);
-        m_total = static_cast<uint32_t>(capacity);
-        m_capacity = m_total;
-        if (count * sizeof(T) < (size_t{1} << 19)) Populate();
+        const size_t needed = m_size + count;
+        if (needed > m_total) {
+            const size_t wanted = size_t{m_total} + m_total / 2 + 64;
+            Resize(static_cast<uint32_t>(std::min(std::max(wanted, needed), kMost)));
+        }
+        const size_t there = m_memory.Populate(m_size * sizeof(T)) / sizeof(T);
+        m_capacity = static_cast<uint32_t>(std::clamp<size_t>(there, needed, m_total));
     }
-    void Swap(Pool& other) {
+    void Swap(Pool& other) noexcept {
+        m_memory.Swap(other.m_memory);
         std::swap(m_items, other.m_items);
         std::swap(m_size, other.m_size);
         std::swap(m_capacity, other.m_capacity);
         std::swap(m_total, other.m_total);
     }
 
+    GrowingMemory m_memory;
     T* m_items = nullptr;
     uint32_t m_size = 0;
     uint32_t m_capacity = 0;  // room whose pages are there

@@ -1,5 +1,7 @@
 #include "xml/run.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -10,6 +12,20 @@ namespace {
 
 constexpr size_t kPiece = size_t{64} << 10;
 constexpr size_t kLargestPiece = size_t{64} << 20;
+// What is copied before it is parsed. Where a "<" is in each block, no tag is longer than two.
+constexpr size_t kBlock = size_t{32} << 10;
+constexpr size_t kPage = 4096;
+
+char* PageOf(char* at) {
+    return at - reinterpret_cast<uintptr_t>(at) % kPage;
+}
+
+// Whole pages, of memory that is not looked at again.
+void Discard(char* from, char* to) {
+    char* const begin = PageOf(from + kPage - 1);
+    char* const end = PageOf(to);
+    if (begin < end) (void)madvise(begin, static_cast<size_t>(end - begin), MADV_DONTNEED);
+}
 
 // What a refusal says about expat's errors whose own text does not help.
 std::string TextOf(XML_Error error) {
@@ -57,34 +73,6 @@ void Copy(std::string_view text, char (&out)[N]) {
 
 }  // namespace
 
-void XmlPlaceCounter::Step(unsigned char byte) {
-    if (byte == '\r' || (byte == '\n' && !m_isAfterReturn)) {
-        ++m_line;
-        m_column = 0;
-    } else if (byte != '\n' && (byte & 0xC0) != 0x80) {
-        ++m_column;
-    }
-    m_isAfterReturn = byte == '\r';
-}
-
-void XmlPlaceCounter::Advance(const char* from, const char* to) {
-    m_index += static_cast<uint64_t>(to - from);
-    constexpr size_t kWord = sizeof(uint64_t);
-    while (from < to) {
-        uint64_t word = ~uint64_t{0};
-        if (static_cast<size_t>(to - from) >= kWord) std::memcpy(&word, from, kWord);
-        // Neither below 0x10 nor above 0x7F: characters of one byte each, and no end of a line.
-        if (((word | (word - 0x1010101010101010U)) & 0x8080808080808080U) == 0) {
-            m_column += kWord;
-            m_isAfterReturn = false;
-            from += kWord;
-            continue;
-        }
-        const char* const end = std::min(to, from + kWord);
-        for (; from < end; ++from) Step(static_cast<unsigned char>(*from));
-    }
-}
-
 void XmlOrigin::Forget(uint64_t utf8) {
     size_t gone = 0;
     while (m_marks.size() > 1 && m_marks[1].utf8 <= utf8) {
@@ -125,7 +113,8 @@ XmlRun::XmlRun(const XmlLimits& limits, const Encoding* wanted, KemdXmlError& er
       m_error(error),
       m_document(std::make_unique<KemdXmlDocument>()),
       m_builder(*m_document, limits),
-      m_parser(XML_ParserCreate("UTF-8")) {
+      m_parser(XML_ParserCreate("UTF-8")),
+      m_places(m_document->lines) {
     if (m_parser == nullptr) throw std::bad_alloc();
     m_error = {};
     XmlEvents::Register(*this, m_parser.get());
@@ -163,17 +152,49 @@ int XmlRun::Open(bool isAll, size_t later) {
 }
 
 int XmlRun::Room() {
-    if (m_room != nullptr && m_roomSize - m_filled >= 8) return 0;
+    if (m_room != nullptr && m_roomSize - m_filled >= 8) return 0;  // the longest character
     if (m_room != nullptr) {
         const int result = Parse(false);
         if (result != 0) return result;
     }
-    // What expat waits for is looked at from its start each time: as much again takes as long.
-    const uint64_t pending = m_fed - std::min(Index(), m_fed);
-    m_roomSize = std::clamp<size_t>(pending, kPiece, kLargestPiece);
+    m_roomSize = NextRoom(m_fed - std::min(Index(), m_fed));
     m_room = static_cast<char*>(XML_GetBuffer(m_parser.get(), static_cast<int>(m_roomSize)));
     if (m_room == nullptr) throw std::bad_alloc();
+    m_places.SetRoom(m_room);
+    if (m_isLarge) {  // its pages together, which takes half of the time
+        char* const begin = PageOf(m_room + kPage - 1);
+        char* const end = PageOf(m_room + m_roomSize);
+        (void)madvise(begin, static_cast<size_t>(end - begin), MADV_POPULATE_WRITE);
+    }
     return 0;
+}
+
+size_t XmlRun::NextRoom(uint64_t pending) {
+    // expat counts the lines of each piece but the last one, byte by byte, which can take as long
+    // as it takes to parse it: so all that is left is one piece.
+    const uint64_t left = m_expected - std::min(m_fed, m_expected);
+    m_isLarge = left > kPiece && left < kLargestPiece && pending < kPiece &&
+                m_decoder.Of().coding == Coding::kUtf8 && (m_hasRoot || m_prolog.empty());
+    if (m_isLarge) return left + kBlock;
+    // What it waits for is looked at from its start each time: as much again takes as long.
+    return std::clamp<size_t>(pending, kPiece, kLargestPiece);
+}
+
+void XmlRun::ReleaseTo(uint64_t index) {
+    m_parsed = index;
+    if (m_kept == nullptr) return;
+    (void)m_places.At(index);
+    char* const end = m_keptEnd - (m_fed - index) - kBlock;
+    // The end of a tag that is open is compared with its start, which expat has only there.
+    constexpr uint64_t kLongestTag = 2 * kBlock;
+    for (const uint64_t open : m_openTags) {
+        char* const tag = m_keptEnd - (m_fed - std::min(open, index));
+        if (tag >= end) break;
+        Discard(m_kept, tag);
+        m_kept = std::max(m_kept, tag + kLongestTag);
+    }
+    Discard(m_kept, end);
+    m_kept = std::max(m_kept, end);
 }
 
 int XmlRun::Decode(std::string_view bytes, bool isLast) {
@@ -189,8 +210,11 @@ int XmlRun::Decode(std::string_view bytes, bool isLast) {
     while (!bytes.empty()) {
         if (const int result = Room(); result != 0) return result;
         if (!isUtf8) m_origin.Mark(m_fed + m_filled, source);
-        const size_t room = m_decoder.Of().hasState ? 8 : m_roomSize - m_filled;
+        const size_t free = m_roomSize - m_filled;
+        const size_t room = m_decoder.Of().hasState ? 8 : std::min(free, kBlock);
         const Converted done = m_decoder.Convert(bytes, m_room + m_filled, room);
+        const std::string_view block(m_room + m_filled, done.given);
+        m_places.Scan(block.data(), block.size());
         m_filled += done.given;
         source += done.taken;
         bytes.remove_prefix(done.taken);
@@ -206,6 +230,9 @@ int XmlRun::Decode(std::string_view bytes, bool isLast) {
         }
         if (isCut) m_rest = bytes;
         if (isCut) return 0;
+        if (m_isLarge && block.size() == kBlock && block.find('<') == block.npos) {
+            if (const int result = Parse(false); result != 0) return result;
+        }
     }
     return 0;
 }
@@ -246,12 +273,15 @@ int XmlRun::Finish(std::unique_ptr<KemdXmlDocument>& document) {
     if (result == 0 && !m_rest.empty()) result = Decode({}, true);
     if (result != 0) return result;
     if (result = Room(); result != 0) return result;
-    m_filled += m_decoder.Flush(m_room + m_filled, m_roomSize - m_filled);
+    const size_t last = m_decoder.Flush(m_room + m_filled, m_roomSize - m_filled);
+    m_places.Scan(m_room + m_filled, last);
+    m_filled += last;
     if (result = Parse(true); result != 0) return result;
     m_document->facts.bytes = m_source;
     m_document->characters.Shrink();
     m_document->nodes.Shrink();
     m_document->attributes.Shrink();
+    m_document->lines.Shrink();
     document = std::move(m_document);
     return 0;
 }
@@ -269,29 +299,23 @@ std::string_view XmlRun::Context(size_t& offset) const {
                             : std::string_view(bytes, static_cast<size_t>(size));
 }
 
-XmlPlace XmlRun::PlaceHere() {
-    const uint64_t distance = Index() - m_place.Index();
-    if (distance == 0) return m_place.Place();
-    size_t offset = 0;
-    const std::string_view context = Context(offset);
-    if (context.data() != nullptr && distance <= offset) {
-        const char* const here = context.data() + offset;
-        m_place.Advance(here - distance, here);
-    }
-    return m_place.Place();
-}
-
 int XmlRun::Parse(bool isLast) {
-    if (!m_hasRoot) m_prolog.append(m_room, m_filled);
+    const std::string_view piece(m_room, m_filled);
+    if (!m_hasRoot) m_toRoot = m_prolog.empty() ? piece : m_prolog.append(piece);
+    m_kept = m_isLarge ? m_room : nullptr;
+    m_keptEnd = m_room + m_filled;
+    m_parsed = m_fed;
     m_fed += m_filled;
-    const int filled = static_cast<int>(m_filled);
     m_filled = 0;
     m_room = nullptr;
+    const auto filled = static_cast<int>(piece.size());
     const XML_Status status = XML_ParseBuffer(m_parser.get(), filled, isLast ? 1 : 0);
+    m_kept = nullptr;
     if (m_result != 0) return m_result;
     if (status == XML_STATUS_ERROR) return RefuseByExpat();
     if (m_hasRoot) m_prolog.clear();
-    (void)PlaceHere();
+    if (!m_hasRoot && m_prolog.empty()) m_prolog = piece;
+    m_places.Finish();
     const uint64_t index = Index();
     if (m_decoder.Of().coding != Coding::kUtf8) m_origin.Forget(index);
     size_t offset = 0;
@@ -338,9 +362,10 @@ void XmlRun::CheckPending(std::string_view pending) const {
     if (most != 0 && end - start > most) RefuseLimit(m_limits, KEMD_XML_LIMIT_NAME);
 }
 
-void XmlRun::CheckExpansion() const {
+void XmlRun::CheckExpansionHere() {
     const uint64_t most = m_limits[KEMD_XML_LIMIT_EXPANSION];
-    if (most != 0 && m_builder.Delivered() > m_fed + most) {
+    const auto size = static_cast<uint64_t>(XML_GetCurrentByteCount(m_parser.get()));
+    if (m_builder.Delivered() > Index() + size + most) {
         RefuseLimit(m_limits, KEMD_XML_LIMIT_EXPANSION);
     }
 }
@@ -368,15 +393,10 @@ int XmlRun::Refuse(const XmlRefusal& refusal, uint64_t index, bool isAtEnd) {
     m_error.cause = refusal.cause;
     m_error.limit = refusal.limit;
     Copy(refusal.text, m_error.text);
-    XmlPlace place = PlaceHere();
     size_t offset = 0;
     const std::string_view context = Context(offset);
-    if (isAtEnd && context.data() != nullptr) {
-        const size_t more = std::min<size_t>(m_fed - m_place.Index(), context.size() - offset);
-        m_place.Advance(context.data() + offset, context.data() + offset + more);
-        place = m_place.Place();
-        offset += more;
-    }
+    if (isAtEnd) offset += std::min<size_t>(m_fed - Index(), context.size() - offset);
+    const XmlPlace place = m_document->PlaceOf(m_places.At(isAtEnd ? m_fed : Index()));
     m_error.line = place.line;
     m_error.column = place.column;
     m_error.offset = m_isOpen ? m_origin.Source(index) : 0;

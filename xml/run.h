@@ -18,24 +18,8 @@
 
 #include "xml/builder.h"
 #include "xml/encoding.h"
+#include "xml/places.h"
 #include "xml/tree.h"
-
-// Lines and characters, counted byte by byte of UTF-8. A carriage return, a line feed and both
-// together are the end of a line.
-class XmlPlaceCounter {
-  public:
-    void Advance(const char* from, const char* to);
-    [[nodiscard]] XmlPlace Place() const { return {m_line, m_column + 1}; }
-    [[nodiscard]] uint64_t Index() const { return m_index; }
-
-  private:
-    void Step(unsigned char byte);
-
-    uint64_t m_index = 0;
-    uint32_t m_line = 1;
-    uint32_t m_column = 0;
-    bool m_isAfterReturn = false;
-};
 
 // Which byte of the document a byte of its UTF-8 comes from. Keeps what the parser may still
 // complain about.
@@ -81,6 +65,8 @@ class XmlRun {
     XmlRun& operator=(const XmlRun&) = delete;
     ~XmlRun();
 
+    // Before the first byte, when the length of the document is known: it is parsed faster then.
+    void Expect(uint64_t bytes) { m_expected = bytes; }
     // An errno number, EBADMSG when the document is refused. May throw std::bad_alloc.
     [[nodiscard]] int Feed(std::string_view bytes);
     [[nodiscard]] int Finish(std::unique_ptr<KemdXmlDocument>& document);
@@ -96,12 +82,24 @@ class XmlRun {
     // Look at what expat waits for the rest of. Throw XmlRefusal.
     void CheckPending(std::string_view pending) const;
     void CheckTag(std::string_view tag) const;
-    void CheckExpansion() const;
+    void CheckExpansion() {
+        const uint64_t most = m_limits[KEMD_XML_LIMIT_EXPANSION];
+        if (most != 0 && m_builder.Delivered() > m_parsed + most) CheckExpansionHere();
+    }
+    void CheckExpansionHere();
+    // Called while expat parses: what it has parsed of a large buffer is given back.
+    void Release(uint64_t index) {
+        constexpr uint64_t kStep = uint64_t{4} << 20;
+        if (index >= m_parsed + kStep) ReleaseTo(index);
+    }
+    void ReleaseTo(uint64_t index);
+    // How many bytes of UTF-8 expat shall have next; `pending`: what it has not parsed.
+    [[nodiscard]] size_t NextRoom(uint64_t pending);
 
     // The bytes from expat's place on, and before it as far as they are there.
     [[nodiscard]] std::string_view Context(size_t& offset) const;
     [[nodiscard]] uint64_t Index() const;
-    XmlPlace PlaceHere();
+    [[nodiscard]] uint32_t PlaceHere() { return m_places.At(Index()); }
     int Refuse(const XmlRefusal& refusal, uint64_t index, bool isAtEnd);
     int RefuseByExpat();
     void Excerpt(std::string_view context, size_t offset);
@@ -127,13 +125,19 @@ class XmlRun {
     char* m_room = nullptr;  // expat's buffer
     size_t m_roomSize = 0;
     size_t m_filled = 0;
-    uint64_t m_fed = 0;  // bytes of UTF-8 that expat has
-    XmlPlaceCounter m_place;
-    std::vector<XmlPlace> m_attributePlaces;
-    size_t m_rawLeft = 0;  // bytes of a tag that the place is before
+    uint64_t m_fed = 0;       // bytes of UTF-8 that expat has
+    uint64_t m_expected = 0;  // bytes of the document
+    bool m_isLarge = false;   // the buffer is for all that is expected
+    char* m_kept = nullptr;   // of a large buffer that is parsed: what is not given back
+    char* m_keptEnd = nullptr;
+    uint64_t m_parsed = 0;             // at least
+    std::vector<uint64_t> m_openTags;  // where they begin
+    XmlPlaces m_places;
+    std::vector<uint32_t> m_attributePlaces;
 
     // Of the document type.
-    std::string m_prolog;  // the UTF-8 up to the root element
+    std::string m_prolog;       // what expat had before this piece, up to the root element
+    std::string_view m_toRoot;  // and with this piece
     bool m_hasRoot = false;
     bool m_isInType = false;
     bool m_hasExternal = false;                        // something is declared elsewhere

@@ -1,5 +1,7 @@
 #include "xml/tree.h"
 
+#include <algorithm>
+
 KemdXmlDocument::KemdXmlDocument()
     : xmlPrefix(strings.Add("xml")),
       xmlUri(strings.Add("http://www.w3.org/XML/1998/namespace")),
@@ -37,6 +39,14 @@ std::string_view KemdXmlDocument::Text(KemdXmlNode node) const {
     const Node& each = nodes[node];
     if (each.kind == KEMD_XML_ELEMENT || each.kind == KEMD_XML_DOCUMENT) return "";
     return {characters.Data() + each.text, each.length};
+}
+
+XmlPlace KemdXmlDocument::PlaceOf(uint32_t character) const {
+    if (character == 0) return {};
+    const uint32_t* const end = lines.Data() + lines.Size();
+    const uint32_t* const next = std::upper_bound(lines.Data(), end, character);
+    const uint32_t first = next == lines.Data() ? 1 : next[-1];
+    return {static_cast<uint32_t>(next - lines.Data()) + 1, character - first + 1};
 }
 
 KemdXmlNode KemdXmlDocument::Parent(KemdXmlNode node) const {
@@ -112,7 +122,7 @@ std::string KemdXmlDocument::Content(KemdXmlNode node) const {
 
 size_t KemdXmlDocument::Bytes() const {
     return characters.Bytes() + strings.Bytes() + nodes.Bytes() + attributes.Bytes() +
-           facts.documentType.capacity();
+           lines.Bytes() + facts.documentType.capacity();
 }
 
 uint32_t KemdXmlDocument::Append(uint32_t parent, uint32_t before, const Node& node) {

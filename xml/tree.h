@@ -12,7 +12,7 @@
 #include "xml/pool.h"
 #include "xml/string_table.h"
 
-// A place in the document as it was read; both from 1 on.
+// A place in the document as it was read; both from 1 on, 0: none.
 struct XmlPlace {
     uint32_t line = 0;
     uint32_t column = 0;
@@ -20,6 +20,7 @@ struct XmlPlace {
 
 struct KemdXmlDocument {
   public:
+    // `place` is the number of the character, from 1 on; 0: none, as of what was added later.
     struct Node {
         uint32_t kind : 4;   // KEMD_XML_ELEMENT ...
         uint32_t name : 28;  // number of a text in the table
@@ -35,7 +36,7 @@ struct KemdXmlDocument {
         };
         uint32_t attributes;  // the first
         uint32_t uri;         // number of a text in the table
-        XmlPlace place;
+        uint32_t place;
     };
     struct Attribute {
         uint32_t isNamespace : 1;
@@ -46,7 +47,7 @@ struct KemdXmlDocument {
         uint32_t uri;
         uint32_t text;
         uint32_t length;
-        XmlPlace place;
+        uint32_t place;
     };
     struct Facts {
         std::string encoding = "UTF-8";
@@ -78,8 +79,9 @@ struct KemdXmlDocument {
     [[nodiscard]] uint32_t UriNumber(KemdXmlNode node) const;
     [[nodiscard]] std::string_view Text(KemdXmlNode node) const;
     [[nodiscard]] XmlPlace Place(KemdXmlNode node) const {
-        return IsAttribute(node) ? AttributeAt(node).place : nodes[node].place;
+        return PlaceOf(IsAttribute(node) ? AttributeAt(node).place : nodes[node].place);
     }
+    [[nodiscard]] XmlPlace PlaceOf(uint32_t character) const;
     [[nodiscard]] KemdXmlNode Parent(KemdXmlNode node) const;
     [[nodiscard]] KemdXmlNode Next(KemdXmlNode node) const;
     // Walks from the first one.
@@ -107,6 +109,7 @@ struct KemdXmlDocument {
     StringTable strings{characters};
     Pool<Node> nodes;
     Pool<Attribute> attributes;
+    Pool<uint32_t> lines;  // the first character of each, from the second line on
     Facts facts;
     uint32_t xmlPrefix;
     uint32_t xmlUri;

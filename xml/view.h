@@ -99,10 +99,9 @@ class XmlReader {
     // An errno number each; `document` is empty after an error.
     [[nodiscard]] int Parse(std::string_view text, XmlDocument& document) {
         KemdXmlDocument* made = nullptr;
-        const int fed = KemdXmlParserFeed(Get(), text.data(), text.size());
-        const int error = KemdXmlParserFinish(Get(), &made);
+        const int error = KemdXmlParserParse(Get(), text.data(), text.size(), &made);
         document = XmlDocument(made);
-        return fed != 0 ? fed : error;
+        return error;
     }
     [[nodiscard]] int ReadFile(const char* path, XmlDocument& document) {
         KemdXmlDocument* made = nullptr;

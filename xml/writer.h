@@ -16,6 +16,7 @@ struct XmlWriteOptions {
     uint32_t flags = 0;
     uint32_t indent = 2;
     std::string encoding = "UTF-8";
+    std::string inclusivePrefixes = {};  // of the exclusive form
 };
 
 // An errno number: see KemdXmlWrite. Throws std::bad_alloc.

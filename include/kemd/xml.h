@@ -59,10 +59,13 @@ KEMD_API int KemdXmlParserFeed(struct KemdXmlParser* parser, const void* bytes, 
 /* The end: the document, which the caller releases. The parser is then ready for another one, with
  * the same limits and encoding. */
 KEMD_API int KemdXmlParserFinish(struct KemdXmlParser* parser, struct KemdXmlDocument** document);
+/* The end in one: a whole document in memory, faster than in pieces, or the rest of one. */
+KEMD_API int KemdXmlParserParse(struct KemdXmlParser* parser, const void* bytes, size_t size,
+                                struct KemdXmlDocument** document);
 /* A whole regular file. An errno number of the file; KemdXmlParserError has its text as well. */
 KEMD_API int KemdXmlParserReadFile(struct KemdXmlParser* parser, const char* path,
                                    struct KemdXmlDocument** document);
-/* A whole document in memory, with the defaults. */
+/* With the defaults. */
 KEMD_API int KemdXmlParse(const void* bytes, size_t size, struct KemdXmlDocument** document);
 
 #define KEMD_XML_CAUSE_NONE 0u
@@ -192,6 +195,9 @@ struct KemdXmlWriteOptions {
     uint32_t flags;       /* KEMD_XML_WITH_COMMENTS ... */
     uint32_t indent;      /* pretty: blanks for each level */
     const char* encoding; /* a name or number; null: UTF-8, which canonical forms always are */
+    /* Exclusive: prefixes whose declarations are kept as in the canonical form, with blanks between
+     * them, "#default" for that without a prefix: PrefixList of InclusiveNamespaces. Null: none. */
+    const char* inclusivePrefixes;
 };
 /* Takes the next piece; what it returns, unless 0, ends the writing and is its result. */
 typedef int (*KemdXmlSink)(void* user, const char* bytes, size_t size);

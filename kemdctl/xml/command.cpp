@@ -27,6 +27,9 @@ constexpr const char* kHelp =
   --pretty           of convert: a line for each element that is not among text
   --canonical        of convert: canonical XML 1.0, always UTF-8
   --exclusive        of convert: exclusive canonical XML 1.0
+  --inclusive-prefixes "P Q"
+                     of --exclusive: declarations of these prefixes stay as in the
+                     canonical form; #default for the one without a prefix
   --comments         of a canonical form: comments stay
   --output FILE      of convert: into this file, which is replaced whole or not at
                      all; it may be the document itself
@@ -154,8 +157,14 @@ bool TakeForm(CommandLine& line, KemdXmlWriteOptions& options) {
     const bool isCanonical =
         options.form == KEMD_XML_CANONICAL || options.form == KEMD_XML_EXCLUSIVE;
     if (line.Has("--comments")) options.flags |= KEMD_XML_WITH_COMMENTS;
+    const bool hasPrefixes = line.Has("--inclusive-prefixes");
+    if (hasPrefixes) options.inclusivePrefixes = line.TakeValue("--inclusive-prefixes");
     if (forms > 1) {
         (void)UsageError("--pretty, --canonical and --exclusive exclude each other");
+    } else if (hasPrefixes && options.inclusivePrefixes == nullptr) {
+        (void)UsageError("--inclusive-prefixes takes prefixes with blanks between them");
+    } else if (hasPrefixes && options.form != KEMD_XML_EXCLUSIVE) {
+        (void)UsageError("--inclusive-prefixes is for --exclusive");
     } else if (line.Has("--comments") && !isCanonical) {
         (void)UsageError("--comments is for --canonical and --exclusive");
     } else if (line.Has("--to") && isCanonical) {
@@ -185,9 +194,10 @@ int WriteError(int error, const KemdXmlWriteOptions& options, const char* path) 
 }
 
 int RunConvert(CommandLine& line, XmlReader& reader) {
-    constexpr std::array<std::string_view, 8> kOptions = {
-        "--from",      "--no-limits", "--to",       "--pretty",
-        "--canonical", "--exclusive", "--comments", "--output"};
+    constexpr std::array<std::string_view, 9> kOptions = {
+        "--from",     "--no-limits", "--to",
+        "--pretty",   "--canonical", "--exclusive",
+        "--comments", "--output",    "--inclusive-prefixes"};
     KemdXmlWriteOptions options{};
     options.size = sizeof options;
     options.indent = 2;

@@ -30,9 +30,13 @@ TEST(KemdctlXml, ConvertsDocuments) {
                {"--canonical", 0, "<a><b>\xC3\xA9</b></a>"},
                {"--exclusive --comments", 0, "<a><!--c--><b>\xC3\xA9</b></a>"},
                {"--to 1252 --output /tmp/a.xml", 0, ""},
+               {"--canonical --inclusive-prefixes p", 2, "", "is for --exclusive"},
                {"--canonical --pretty", 2, "", "exclude each other"},
                {"--to nobody", 2, "", "there is no encoding nobody"},
                {"--output /none/b.xml", 2, "", "cannot write /none/b.xml"}});
+    WriteFile("/tmp/p.xml", "<a xmlns:p='urn:p' xmlns:q='urn:q'/>");
+    EXPECT_TRUE(Shows("xml convert /tmp/p.xml --exclusive --inclusive-prefixes 'q r'", 0,
+                      {"<a xmlns:q=\"urn:q\"></a>"}));
     EXPECT_TRUE(
         Contains(ReadFile("/tmp/a.xml"), "encoding=\"windows-1252\"?>\n<a><!--c--><b>\xE9"));
 }
