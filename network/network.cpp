@@ -125,7 +125,7 @@ bool KemdNetwork::AddNames() {
     for (KemdNetworkCounters& counters : m_counters) {
         const KemdNetworkInterface* const interface = m_named.Find(counters.index);
         hasAll = hasAll && interface != nullptr;
-        counters.name = interface != nullptr ? interface->Text(KEMD_NET_NAME).c_str() : nullptr;
+        counters.name = interface != nullptr ? interface->Text(KEMD_NET_NAME).data() : nullptr;
     }
     return hasAll;
 }
