@@ -144,7 +144,8 @@ int KemdNetwork::ReadCounters() {
             if (message.header.nlmsg_type != RTM_NEWSTATS) return;
             const KemdNetworkCounters counters = CountersOf(message.payload);
             if (counters.index != 0) m_counters.push_back(counters);
-        });
+        },
+        NetlinkSocket::Lengths::kTried);
     if (error != 0) return Explain(error);
     if (AddNames()) return 0;
     error = ReadNames();
