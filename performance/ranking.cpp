@@ -137,14 +137,30 @@ bool IsCore(const SeriesInfo& info) {
     return info.name.starts_with("core_");
 }
 
+bool IsNear(const RankedChange& change, const RankedChange& other, double play) {
+    const auto isNear = [play](double one, double another) {
+        return std::fabs(one - another) <= play * std::max(std::fabs(one), std::fabs(another));
+    };
+    return isNear(change.during, other.during) && isNear(change.extreme, other.extreme);
+}
+
 // Of a device above or below another, as a volume and its disk.
 bool IsSameChange(const SeriesInfo& info, const RankedChange& change, const SeriesInfo& otherInfo,
                   const RankedChange& other) {
-    const auto isNear = [](double one, double another) {
-        return std::fabs(one - another) <= 0.05 * std::max(std::fabs(one), std::fabs(another));
-    };
-    return info.name == otherInfo.name && isNear(change.during, other.during) &&
-           isNear(change.extreme, other.extreme);
+    return info.name == otherInfo.name && IsNear(change, other, 0.05);
+}
+
+// What the kernel counts for the host and for the device: bytes paged out, and written to a disk.
+bool IsDevicesPart(const SeriesInfo& info, const RankedChange& change, const SeriesInfo& otherInfo,
+                   const RankedChange& other) {
+    return info.kind == SeriesKind::kCounter && otherInfo.kind == SeriesKind::kCounter &&
+           info.unit == "bytes" && otherInfo.unit == "bytes" &&
+           info.labels.empty() != otherInfo.labels.empty() && IsNear(change, other, 0.02);
+}
+
+RankedChange WithScore(RankedChange change, double score) {
+    change.score = score;
+    return change;
 }
 
 class Picker {
@@ -152,13 +168,18 @@ class Picker {
     explicit Picker(const std::vector<SeriesInfo>& series) : m_series(series) {}
 
     // Whether the change says something that the taken ones do not.
-    [[nodiscard]] bool IsNew(const RankedChange& change, const std::vector<RankedChange>& taken) {
+    // The one that names the device takes the place of the host's.
+    [[nodiscard]] bool IsNew(const RankedChange& change, std::vector<RankedChange>& taken) {
         constexpr size_t kOfGroup = 2;
         const SeriesInfo& info = m_series[change.series];
         if (IsRest(info.name)) return false;
-        for (const RankedChange& other : taken) {
+        for (RankedChange& other : taken) {
             const SeriesInfo& otherInfo = m_series[other.series];
             if (IsSameChange(info, change, otherInfo, other)) return false;
+            if (IsDevicesPart(info, change, otherInfo, other)) {
+                if (otherInfo.labels.empty()) other = WithScore(change, other.score);
+                return false;
+            }
             if (!IsCore(info) || GroupOf(otherInfo) != "cpu") continue;
             // One processor matters when it has most of what all did.
             if (IsCore(otherInfo) || std::fabs(change.during - change.before) * 2 <
