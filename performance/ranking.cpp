@@ -177,7 +177,10 @@ class Picker {
             const SeriesInfo& otherInfo = m_series[other.series];
             if (IsSameChange(info, change, otherInfo, other)) return false;
             if (IsDevicesPart(info, change, otherInfo, other)) {
-                if (otherInfo.labels.empty()) other = WithScore(change, other.score);
+                if (otherInfo.labels.empty()) {
+                    other = WithScore(change, other.score);
+                    ++m_groups[GroupOf(info)];
+                }
                 return false;
             }
             if (!IsCore(info) || GroupOf(otherInfo) != "cpu") continue;
