@@ -158,42 +158,43 @@ bool IsDevicesPart(const SeriesInfo& info, const RankedChange& change, const Ser
            info.labels.empty() != otherInfo.labels.empty() && IsNear(change, other, 0.02);
 }
 
-RankedChange WithScore(RankedChange change, double score) {
-    change.score = score;
-    return change;
-}
-
 class Picker {
   public:
     explicit Picker(const std::vector<SeriesInfo>& series) : m_series(series) {}
 
-    // Whether the change says something that the taken ones do not.
-    // The one that names the device takes the place of the host's.
+    // Whether the change says something that the taken ones do not. One that names the device takes
+    // the place of the host's.
     [[nodiscard]] bool IsNew(const RankedChange& change, std::vector<RankedChange>& taken) {
         constexpr size_t kOfGroup = 2;
         const SeriesInfo& info = m_series[change.series];
-        if (IsRest(info.name)) return false;
-        for (RankedChange& other : taken) {
-            const SeriesInfo& otherInfo = m_series[other.series];
-            if (IsSameChange(info, change, otherInfo, other)) return false;
-            if (IsDevicesPart(info, change, otherInfo, other)) {
-                if (otherInfo.labels.empty()) {
-                    other = WithScore(change, other.score);
-                    ++m_groups[GroupOf(info)];
-                }
-                return false;
-            }
-            if (!IsCore(info) || GroupOf(otherInfo) != "cpu") continue;
-            // One processor matters when it has most of what all did.
-            if (IsCore(otherInfo) || std::fabs(change.during - change.before) * 2 <
-                                         std::fabs(other.during - other.before)) {
-                return false;
-            }
+        if (IsRest(info.name) || IsShownBy(change, taken)) return false;
+        const auto host = std::find_if(taken.begin(), taken.end(), [&](const RankedChange& other) {
+            return IsDevicesPart(info, change, m_series[other.series], other);
+        });
+        const bool hasRoom = ++m_groups[GroupOf(info)] <= kOfGroup;
+        if (host == taken.end()) return hasRoom;
+        if (m_series[host->series].labels.empty()) {
+            const double score = host->score;
+            *host = change;
+            host->score = score;
         }
-        return ++m_groups[GroupOf(info)] <= kOfGroup;
+        return false;
     }
 
   private:
+    [[nodiscard]] bool IsShownBy(const RankedChange& change,
+                                 const std::vector<RankedChange>& taken) const {
+        const SeriesInfo& info = m_series[change.series];
+        return std::any_of(taken.begin(), taken.end(), [&](const RankedChange& other) {
+            const SeriesInfo& otherInfo = m_series[other.series];
+            if (IsSameChange(info, change, otherInfo, other)) return true;
+            if (!IsCore(info) || GroupOf(otherInfo) != "cpu") return false;
+            // One processor matters when it has most of what all did.
+            return IsCore(otherInfo) || std::fabs(change.during - change.before) * 2 <
+                                            std::fabs(other.during - other.before);
+        });
+    }
+
     const std::vector<SeriesInfo>& m_series;
     std::map<std::string, size_t> m_groups;
 };
