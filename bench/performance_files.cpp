@@ -21,40 +21,53 @@ struct Row {
     double factor = 1;  // ours is theirs times this
 };
 
-void AddRows(std::vector<Row>& rows, const std::string& before, const std::string& after,
-             const std::string& path, double factor,
-             const std::vector<std::pair<const char*, const char*>>& names, size_t column = 1) {
+// What the rows of one file have in common; the series is `before`, the name, `after`.
+struct Place {
+    std::string before, after, path;
+    double factor = 1;
+    std::string key = {};  // of columns
+    size_t column = 1;
+};
+
+void AddRows(std::vector<Row>& rows, const Place& place,
+             const std::vector<std::pair<const char*, const char*>>& names) {
     for (const auto& [ours, key] : names) {
-        rows.push_back({before + ours + after, path, key, column, factor});
+        const std::string series = place.before + ours;
+        rows.push_back({series + place.after, place.path, key, place.column, place.factor});
     }
 }
 
 // Names that follow each other in a line; "" is not ours.
-void AddColumns(std::vector<Row>& rows, const std::string& before, const std::string& after,
-                const std::string& path, const std::string& key, size_t column,
+void AddColumns(std::vector<Row>& rows, const Place& place,
                 const std::vector<std::pair<const char*, double>>& names) {
+    size_t column = place.column;
     for (const auto& [ours, factor] : names) {
-        if (*ours != '\0') rows.push_back({before + ours + after, path, key, column, factor});
+        const std::string series = place.before + ours;
+        if (*ours != '\0') {
+            rows.push_back({series + place.after, place.path, place.key, column, factor});
+        }
         ++column;
     }
 }
 
-std::vector<Row> AllRows() {
-    std::vector<Row> rows;
+void AddProcessors(std::vector<Row>& rows) {
     const double tick = 1.0 / static_cast<double>(sysconf(_SC_CLK_TCK));
     const std::vector<std::pair<const char*, double>> times = {
         {"user", tick}, {"nice", tick},    {"system", tick}, {"idle", tick},  {"iowait", tick},
         {"irq", tick},  {"softirq", tick}, {"steal", tick},  {"guest", tick}, {"guest_nice", tick}};
-    AddColumns(rows, "cpu_", "_seconds", "/proc/stat", "cpu", 1, times);
-    AddColumns(rows, "core_", "_seconds{cpu=\"*\"}", "/proc/stat", "cpu*", 1, times);
-    AddRows(rows, "", "", "/proc/stat", 1,
+    AddColumns(rows, {"cpu_", "_seconds", "/proc/stat", 1, "cpu", 1}, times);
+    AddColumns(rows, {"core_", "_seconds{cpu=\"*\"}", "/proc/stat", 1, "cpu*", 1}, times);
+    AddRows(rows, {"", "", "/proc/stat", 1},
             {{"interrupts", "intr"},
              {"context_switches", "ctxt"},
              {"forks", "processes"},
              {"processes_running", "procs_running"},
              {"processes_blocked", "procs_blocked"}});
-    AddColumns(rows, "load_", "", "/proc/loadavg", "", 0, {{"1", 1}, {"5", 1}, {"15", 1}});
-    AddRows(rows, "", "_bytes", "/proc/meminfo", 1024,
+    AddColumns(rows, {"load_", "", "/proc/loadavg", 1, "", 0}, {{"1", 1}, {"5", 1}, {"15", 1}});
+}
+
+void AddMemory(std::vector<Row>& rows) {
+    AddRows(rows, {"", "_bytes", "/proc/meminfo", 1024},
             {{"memory_total", "MemTotal"},
              {"memory_available", "MemAvailable"},
              {"memory_free", "MemFree"},
@@ -69,11 +82,12 @@ std::vector<Row> AllRows() {
              {"memory_commit_limit", "CommitLimit"},
              {"swap_total", "SwapTotal"},
              {"swap_free", "SwapFree"}});
-    AddRows(rows, "memory_huge_", "_bytes", "/proc/meminfo", 2 << 20,
+    AddRows(rows, {"memory_huge_", "_bytes", "/proc/meminfo", 2 << 20},
             {{"total", "HugePages_Total"}, {"free", "HugePages_Free"}});
-    AddRows(rows, "paged_", "_bytes", "/proc/vmstat", 1024, {{"in", "pgpgin"}, {"out", "pgpgout"}});
+    AddRows(rows, {"paged_", "_bytes", "/proc/vmstat", 1024},
+            {{"in", "pgpgin"}, {"out", "pgpgout"}});
     AddRows(
-        rows, "", "", "/proc/vmstat", 1,
+        rows, {"", "", "/proc/vmstat", 1},
         {{"swapped_in_pages", "pswpin"},
          {"swapped_out_pages", "pswpout"},
          {"page_faults", "pgfault"},
@@ -83,10 +97,13 @@ std::vector<Row> AllRows() {
          {"reclaim_scanned_pages",
           "pgscan_kswapd+pgscan_direct+pgscan_khugepaged+pgscan_proactive"}});
     for (const std::string what : {"cpu", "memory", "io"}) {
-        AddRows(rows, "pressure_" + what + "_", "_seconds", "/proc/pressure/" + what, 1e-6,
-                {{"some", "some"}, {"full", "full"}}, 8);
+        AddRows(rows, {"pressure_" + what + "_", "_seconds", "/proc/pressure/" + what, 1e-6, "", 8},
+                {{"some", "some"}, {"full", "full"}});
     }
-    AddColumns(rows, "disk_", "{disk=\"*\"}", "/proc/diskstats", "*", 1,
+}
+
+void AddDevices(std::vector<Row>& rows) {
+    AddColumns(rows, {"disk_", "{disk=\"*\"}", "/proc/diskstats", 1, "*", 1},
                {{"reads", 1},
                 {"", 1},
                 {"read_bytes", 512},
@@ -110,9 +127,12 @@ std::vector<Row> AllRows() {
     const std::vector<std::pair<const char*, double>> packets = {
         {"bytes", 1}, {"packets", 1}, {"errors", 1}, {"drops", 1}};
     const std::string interface = "{interface=\"*\"}";
-    AddColumns(rows, "network_received_", interface, "/proc/net/dev", "*", 1, packets);
-    AddColumns(rows, "network_transmitted_", interface, "/proc/net/dev", "*", 9, packets);
-    AddRows(rows, "", "", "/proc/net/snmp", 1,
+    AddColumns(rows, {"network_received_", interface, "/proc/net/dev", 1, "*", 1}, packets);
+    AddColumns(rows, {"network_transmitted_", interface, "/proc/net/dev", 1, "*", 9}, packets);
+}
+
+void AddOthers(std::vector<Row>& rows) {
+    AddRows(rows, {"", "", "/proc/net/snmp", 1},
             {{"tcp_segments_received", "Tcp/InSegs"},
              {"tcp_segments_sent", "Tcp/OutSegs"},
              {"tcp_segments_retransmitted", "Tcp/RetransSegs"},
@@ -124,14 +144,13 @@ std::vector<Row> AllRows() {
              {"udp_datagrams_received", "Udp/InDatagrams"},
              {"udp_datagrams_sent", "Udp/OutDatagrams"},
              {"udp_errors", "Udp/InErrors"}});
-    AddRows(rows, "tcp_listen_", "", "/proc/net/netstat", 1,
+    AddRows(rows, {"tcp_listen_", "", "/proc/net/netstat", 1},
             {{"overflows", "TcpExt/ListenOverflows"}, {"drops", "TcpExt/ListenDrops"}});
     rows.push_back({"entropy_available_bits", "/proc/sys/kernel/random/entropy_avail", "", 0});
-    AddColumns(rows, "descriptors_", "", "/proc/sys/fs/file-nr", "", 0,
+    AddColumns(rows, {"descriptors_", "", "/proc/sys/fs/file-nr", 1, "", 0},
                {{"open", 1}, {"", 1}, {"limit", 1}});
     rows.push_back({"core_frequency_hertz{cpu=\"*\"}",
                     "/sys/devices/system/cpu/cpu*/cpufreq/scaling_cur_freq", "", 0, 1000});
-    return rows;
 }
 
 using Lines = std::vector<std::vector<std::string>>;
@@ -172,7 +191,7 @@ std::optional<double> Find(const Lines& lines, const std::string& key, size_t co
 
 class Files {
   public:
-    // The same bytes for all that asks until Forget.
+    // The same bytes for all that asks.
     std::optional<double> Value(const Row& row, const std::string& device) {
         const std::string path = WithDevice(row.path, device);
         const auto [lines, isNew] = m_files.try_emplace(path);
@@ -188,40 +207,45 @@ class Files {
         } while (keys && !keys.eof() && !row.key.empty());
         return sum;
     }
-    void Forget() { m_files.clear(); }
 
   private:
     std::map<std::string, Lines> m_files;
 };
 
+// What the files say of the series of the moment.
+Values ReadAgain(const std::vector<Row>& rows, const Moment& moment) {
+    Files files;
+    Values theirs;
+    for (const auto& each : moment.values) {
+        for (const Row& row : rows) {
+            const auto device = DeviceOf(each.first, row.ours);
+            const auto value = device ? files.Value(row, *device) : std::nullopt;
+            if (value) theirs[each.first] = *value;
+        }
+    }
+    return theirs;
+}
+
 }  // namespace
 
 int CompareFiles(Host& host) {
-    const std::vector<Row> rows = AllRows();
-    Files files;
+    std::vector<Row> rows;
+    AddProcessors(rows);
+    AddMemory(rows);
+    AddDevices(rows);
+    AddOthers(rows);
     Comparison comparison;
     std::set<std::string> others;
     for (int round = 0; round < 5; ++round) {
         const Moment before = host.Sample();
-        std::map<std::string, double> theirs;
-        for (const auto& each : before.values) {
-            for (const Row& row : rows) {
-                const auto device = DeviceOf(each.first, row.ours);
-                const auto value = device ? files.Value(row, *device) : std::nullopt;
-                if (value) theirs[each.first] = *value;
-            }
-        }
-        files.Forget();
+        const Values theirs = ReadAgain(rows, before);
         const Moment after = host.Sample();
         for (const auto& [id, first] : before.values) {
-            if (after.values.count(id) == 0) continue;
-            if (theirs.count(id) == 0) {
-                others.insert(id.substr(0, id.find('{')));
-                continue;
-            }
+            if (theirs.count(id) == 0) others.insert(id.substr(0, id.find('{')));
+            if (theirs.count(id) == 0 || after.values.count(id) == 0) continue;
             const double last = after.values.at(id);
             const double play = host.IsCounter(id) ? 0 : Play(id, before.values);
-            comparison.Check("file", id, "value", std::min(first, last) - play, theirs[id],
+            comparison.Check("file", id, "value", std::min(first, last) - play, theirs.at(id),
                              std::max(first, last) + play);
         }
         usleep(200'000);
