@@ -1,7 +1,7 @@
-// The values of the sampler beside those of node_exporter and sadf, in one run, under load made for
-// it. A sample is taken before and after the other tool reads, so that its counters must be between
-// ours; gauges may differ from both by as much as they move. Packages: prometheus-node-exporter,
-// sysstat.
+// The values of the sampler beside the files themselves, node_exporter and sadf, in one run, under
+// load made for it. A sample is taken before and after the other tool reads, so that its counters
+// must be between ours; gauges may differ from both by as much as they move. Packages:
+// prometheus-node-exporter, sysstat.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -11,50 +11,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cmath>
-#include <cstdio>
 #include <cstring>
-#include <map>
-#include <optional>
-#include <string>
 
 #include "base/file_io.h"
 #include "base/json.h"
 #include "base/unique_fd.h"
 #include "bench/performance_parts.h"
-#include "performance/sampler.h"
+#include "bench/performance_values.h"
 
 namespace {
-
-// Values in their units, by the series' identities.
-using Values = std::map<std::string, double>;
-
-struct Moment {
-    double seconds = 0;
-    Values values;
-};
-
-class Host {
-  public:
-    Moment Sample() {
-        Moment moment;
-        m_sampler.Sample(m_table);
-        moment.seconds = static_cast<double>(SampleTime::Now().monotonic) / 1e9;
-        for (SeriesTable::Index i = 0; i < m_table.Size(); ++i) {
-            if (!m_table.IsUsed(i) || !m_table.HasValue(i)) continue;
-            const SeriesInfo& info = m_table.Info(i);
-            moment.values[SeriesId(info)] = SeriesNumber(info, m_table.Value(i));
-            m_isCounter[SeriesId(info)] = info.kind == SeriesKind::kCounter;
-        }
-        return moment;
-    }
-    [[nodiscard]] bool IsCounter(const std::string& id) const { return m_isCounter.at(id); }
-
-  private:
-    Sampler m_sampler{{.processes = false}};
-    SeriesTable m_table;
-    std::map<std::string, bool> m_isCounter;
-};
 
 class Child {
   public:
@@ -112,40 +77,6 @@ pid_t StartLoad() {
         (void)connect(tcp.Get(), reinterpret_cast<const sockaddr*>(&to), sizeof to);
         usleep(2000);
     }
-}
-
-// What the other tool says, and the bounds that ours allow.
-class Comparison {
-  public:
-    void Check(const char* tool, const std::string& id, const std::string& theirName, double low,
-               double value, double high) {
-        const double slack = 1e-6 * std::fabs(value);
-        const bool isWithin = value >= low - slack && value <= high + slack;
-        ++(isWithin ? m_equal : m_different);
-        if (isWithin) return;
-        std::printf("  %s %s = %.6g, not between %.6g and %.6g of %s\n", tool, theirName.c_str(),
-                    value, low, high, id.c_str());
-    }
-    int Report(const char* tool) const {
-        std::printf("%s: %d values equal, %d differ\n", tool, m_equal, m_different);
-        return m_different == 0 && m_equal > 0 ? 0 : 1;
-    }
-
-  private:
-    int m_equal = 0;
-    int m_different = 0;
-};
-
-// How far a gauge may move between two reads: memory by programs that come and go.
-double Play(const std::string& id, const Values& values) {
-    if (id.starts_with("memory_")) return values.at("memory_total_bytes") / 50;
-    if (id.starts_with("filesystem_")) {
-        const std::string size =
-            id.starts_with("filesystem_inodes") ? "filesystem_inodes" : "filesystem_size_bytes";
-        return values.at(size + id.substr(id.find('{'))) / 100;
-    }
-    if (id.starts_with("load_") || id.starts_with("disk_in_flight")) return 1;
-    return id.starts_with("processes_") || id == "tcp_established" ? 10 : 300;
 }
 
 struct Pair {
@@ -309,20 +240,6 @@ constexpr Pair kSadf[] = {
     {"udp_datagrams_sent", "net-udp/odgm"},
     {"udp_errors", "net-udp/idgmerr"},
 };
-
-// The device that stands for the "*" of a series' identity; nothing when they do not match.
-std::optional<std::string> DeviceOf(const std::string& id, const std::string& pattern) {
-    const size_t star = pattern.find('*');
-    if (star == pattern.npos) return id == pattern ? std::optional<std::string>("") : std::nullopt;
-    const std::string_view after = std::string_view(pattern).substr(star + 1);
-    if (!id.starts_with(pattern.substr(0, star)) || !id.ends_with(after)) return std::nullopt;
-    return id.substr(star, id.size() - star - after.size());
-}
-
-std::string WithDevice(std::string name, const std::string& device) {
-    const size_t star = name.find('*');
-    return star == name.npos ? name : name.replace(star, 1, device);
-}
 
 // All metrics of node_exporter; file systems by their mount points alone.
 Values Scrape(uint16_t port) {
@@ -494,6 +411,7 @@ int CompareValues() {
     const Child load(StartLoad());
     Host host;
     (void)host.Sample();
+    const int files = CompareFiles(host);
     const int nodeExporter = CompareNodeExporter(host);
-    return CompareSadf(host) + nodeExporter;
+    return CompareSadf(host) + nodeExporter + files;
 }

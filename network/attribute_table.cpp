@@ -59,12 +59,16 @@ void ReadOne(KemdNetworkInterface& interface, const Attribute& attribute, const 
 
 }  // namespace
 
+bool ReadByTable(KemdNetworkInterface& interface, const Attribute& attribute,
+                 const AttributeTable& table) {
+    const AttributeRow* row = table.Find(attribute.type);
+    if (row != nullptr) ReadOne(interface, attribute, *row);
+    return row != nullptr;
+}
+
 void ReadByTable(KemdNetworkInterface& interface, const Attributes& attributes,
                  const AttributeTable& table) {
-    for (const Attribute& attribute : attributes) {
-        const AttributeRow* row = table.Find(attribute.type);
-        if (row != nullptr) ReadOne(interface, attribute, *row);
-    }
+    for (const Attribute& attribute : attributes) (void)ReadByTable(interface, attribute, table);
 }
 
 std::string HexText(std::string_view bytes, char separator) {

@@ -45,6 +45,9 @@ class AttributeTable {
     std::array<uint8_t, 64> m_places{};  // from 1
 };
 
+// False when the attribute fills no field.
+bool ReadByTable(KemdNetworkInterface& interface, const Attribute& attribute,
+                 const AttributeTable& table);
 void ReadByTable(KemdNetworkInterface& interface, const Attributes& attributes,
                  const AttributeTable& table);
 

@@ -195,16 +195,19 @@ void Ethtool::ReadByIoctl(KemdNetworkInterface& interface, uint32_t parts) const
 
 void Ethtool::ReadAllByIoctl(uint32_t parts, const KemdNetworkSnapshot& snapshot) const {
     // By kind, the first whose driver answered.
-    std::map<std::string, const KemdNetworkInterface*> answered;
+    std::map<std::string, const KemdNetworkInterface*, std::less<>> answered;
     for (const auto& interface : snapshot.interfaces) {
-        // Copied: what is read now may move the interface's texts.
-        const std::string kind = interface->Text(KEMD_NET_KIND);
-        const auto known = answered.find(kind);
-        const bool isKnown = known != answered.end();
-        if (isKnown) interface->CopyFields(*known->second, KEMD_NET_BUS, KEMD_NET_FIRMWARE);
-        ReadByIoctl(*interface, isKnown ? parts & ~KEMD_NETWORK_DRIVER : parts);
-        const bool isShared = !isKnown && interface->Has(KEMD_NET_DRIVER) && HasDriverOfKind(kind);
-        if (isShared) answered.emplace(kind, interface.get());
+        const auto known = answered.find(interface->Text(KEMD_NET_KIND));
+        if (known != answered.end()) {
+            interface->CopyFields(*known->second, KEMD_NET_BUS, KEMD_NET_FIRMWARE);
+            ReadByIoctl(*interface, parts & ~KEMD_NETWORK_DRIVER);
+            continue;
+        }
+        ReadByIoctl(*interface, parts);
+        const std::string_view kind = interface->Text(KEMD_NET_KIND);
+        if (interface->Has(KEMD_NET_DRIVER) && HasDriverOfKind(kind)) {
+            answered.emplace(kind, interface.get());
+        }
     }
 }
 

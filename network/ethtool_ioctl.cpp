@@ -32,7 +32,7 @@ std::string_view FixedText(const char (&text)[kSize]) {
 
 int EthtoolIoctl::Call(void* command) const {
     ifreq request{};
-    const std::string& name = m_interface.Text(KEMD_NET_NAME);
+    const std::string_view name = m_interface.Text(KEMD_NET_NAME);
     name.copy(request.ifr_name, sizeof request.ifr_name - 1);
     request.ifr_data = static_cast<char*>(command);
     return ioctl(m_fd, SIOCETHTOOL, &request) == 0 ? 0 : errno;
@@ -60,7 +60,7 @@ void EthtoolIoctl::ReadDriver() const {
 }
 
 void EthtoolIoctl::ReadNumaNode() const {
-    const std::string& address = m_interface.Text(KEMD_NET_BUS_ADDRESS);
+    const std::string address(m_interface.Text(KEMD_NET_BUS_ADDRESS));
     if (!IsPciAddress(address) || address.find('/') != std::string::npos) return;
     const auto text = ReadTextFile("/sys/bus/pci/devices/" + address + "/numa_node");
     int node = -1;

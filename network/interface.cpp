@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "network/fields.h"
 
@@ -18,11 +19,32 @@ void Store(std::vector<std::pair<uint32_t, Stored>>& all, uint32_t field, Value 
     all.emplace_back(field, value);
 }
 
+struct TextHead {
+    uint32_t field;
+    uint32_t length;
+};
+
+// Where the field's head is; npos when the field has no text.
+size_t FindText(std::string_view texts, uint32_t field) {
+    TextHead head{};
+    for (size_t at = 0; at < texts.size(); at += sizeof head + head.length + 1) {
+        std::memcpy(&head, texts.data() + at, sizeof head);
+        if (head.field == field) return at;
+    }
+    return std::string_view::npos;
+}
+
+std::string_view TextAt(std::string_view texts, size_t at) {
+    TextHead head{};
+    std::memcpy(&head, texts.data() + at, sizeof head);
+    return texts.substr(at + sizeof head, head.length);
+}
+
 }  // namespace
 
 KemdNetworkInterface::KemdNetworkInterface(std::shared_ptr<const NetworkFacts> shared)
     : facts(std::move(shared)) {
-    constexpr size_t kUsualTexts = 7;
+    constexpr size_t kUsualTexts = 128;
     m_texts.reserve(kUsualTexts);
 }
 
@@ -31,8 +53,13 @@ void KemdNetworkInterface::SetRare(uint32_t field, uint64_t value) {
 }
 
 void KemdNetworkInterface::SetText(uint32_t field, std::string_view text) {
+    const TextHead head = {field, static_cast<uint32_t>(text.size())};
+    const size_t old = FindText(m_texts, field);
+    if (old != std::string::npos) {
+        m_texts.erase(old, sizeof head + TextAt(m_texts, old).size() + 1);
+    }
+    m_texts.append(reinterpret_cast<const char*>(&head), sizeof head).append(text) += '\0';
     m_known.set(field);
-    Store(m_texts, field, text);
 }
 
 void KemdNetworkInterface::SetError(uint32_t field, int error) {
@@ -42,16 +69,25 @@ void KemdNetworkInterface::SetError(uint32_t field, int error) {
 void KemdNetworkInterface::SetBits(NamedBits bits) {
     constexpr size_t kUsualLists = 3;  // of link modes
     ForgetBits(bits.list);
-    if (m_bits.empty()) m_bits.reserve(kUsualLists);
-    m_bits.push_back(std::move(bits));
+    if (m_bits == nullptr) {
+        m_bits = std::make_shared<std::vector<NamedBits>>();
+        m_bits->reserve(kUsualLists);
+    } else if (m_bits.use_count() > 1) {
+        m_bits = std::make_shared<std::vector<NamedBits>>(*m_bits);
+    }
+    m_bits->push_back(std::move(bits));
 }
 
 void KemdNetworkInterface::ForgetBits(uint32_t list) {
-    std::erase_if(m_bits, [list](const NamedBits& bits) { return bits.list == list; });
+    if (Bits(list) == nullptr) return;
+    auto others = std::make_shared<std::vector<NamedBits>>(*m_bits);
+    std::erase_if(*others, [list](const NamedBits& bits) { return bits.list == list; });
+    m_bits = std::move(others);
 }
 
 const NamedBits* KemdNetworkInterface::Bits(uint32_t list) const {
-    for (const NamedBits& bits : m_bits) {
+    if (m_bits == nullptr) return nullptr;
+    for (const NamedBits& bits : *m_bits) {
         if (bits.list == list) return &bits;
     }
     return nullptr;
@@ -64,13 +100,9 @@ uint64_t KemdNetworkInterface::RareNumber(uint32_t field) const {
     return 0;
 }
 
-const std::string& KemdNetworkInterface::Text(uint32_t field) const {
-    static const auto& empty = *new std::string;  // also for a thread that outlives main
-    if (!Has(field)) return empty;
-    for (const auto& [owner, stored] : m_texts) {
-        if (owner == field) return stored;
-    }
-    return empty;
+std::string_view KemdNetworkInterface::Text(uint32_t field) const {
+    const size_t at = Has(field) ? FindText(m_texts, field) : std::string::npos;
+    return at != std::string::npos ? TextAt(m_texts, at) : "";
 }
 
 int KemdNetworkInterface::PartError(uint32_t part) const {

@@ -52,10 +52,10 @@ struct KemdNetworkInterface {
     explicit KemdNetworkInterface(std::shared_ptr<const NetworkFacts> shared);
 
     void Set(uint32_t field, uint64_t value) {
-        if (IsRare(field)) {
-            SetRare(field, value);
-        } else {
-            m_numbers[PlaceOf(field)] = value;
+        const bool isRare = IsRare(field) || value >= kElsewhere;
+        if (isRare) SetRare(field, value);
+        if (!IsRare(field)) {
+            m_numbers[PlaceOf(field)] = isRare ? kElsewhere : static_cast<uint32_t>(value);
         }
         m_known.set(field);
     }
@@ -71,19 +71,18 @@ struct KemdNetworkInterface {
     // 0 when it is absent.
     [[nodiscard]] uint64_t Number(uint32_t field) const {
         if (!Has(field)) return 0;
-        return IsRare(field) ? RareNumber(field) : m_numbers[PlaceOf(field)];
+        const uint32_t number = IsRare(field) ? kElsewhere : m_numbers[PlaceOf(field)];
+        return number == kElsewhere ? RareNumber(field) : number;
     }
-    // Empty when it is absent.
-    [[nodiscard]] const std::string& Text(uint32_t field) const;
+    // Empty when it is absent. A NUL follows; valid until a text of the interface is set.
+    [[nodiscard]] std::string_view Text(uint32_t field) const;
     // Null when it is absent.
     [[nodiscard]] const NamedBits* Bits(uint32_t list) const;
     // Why a field is absent.
     [[nodiscard]] int Reason(uint32_t field) const;
     // 0, or why there is nothing of a part.
     [[nodiscard]] int PartError(uint32_t part) const;
-    [[nodiscard]] uint32_t Index() const {
-        return static_cast<uint32_t>(m_numbers[KEMD_NET_INDEX]);
-    }
+    [[nodiscard]] uint32_t Index() const { return m_numbers[KEMD_NET_INDEX]; }
     // By its name or an alternative one.
     [[nodiscard]] bool IsNamed(std::string_view name) const;
     [[nodiscard]] bool Equals(const KemdNetworkInterface& other, uint32_t field) const;
@@ -101,8 +100,9 @@ struct KemdNetworkInterface {
     std::shared_ptr<const NetworkFacts> facts;
 
   private:
-    // Numbers stand at their place; those that few interfaces have are in a list, as a thousand
-    // interfaces cost the time that their memory takes to be had.
+    // Numbers stand at their place; large ones, and those that few interfaces have, are in a list,
+    // as a thousand interfaces cost the time that their memory takes to be had.
+    static constexpr uint32_t kElsewhere = UINT32_MAX;
     static constexpr uint32_t kOfKinds = KEMD_NET_RX_PACKETS - KEMD_NET_VLAN_ID;
     static constexpr bool IsRare(uint32_t field) {
         return field >= KEMD_NET_PAUSE_AUTO ||
@@ -113,10 +113,11 @@ struct KemdNetworkInterface {
     }
     void SetRare(uint32_t field, uint64_t value);
     [[nodiscard]] uint64_t RareNumber(uint32_t field) const;
-    std::array<uint64_t, KEMD_NET_PAUSE_AUTO - kOfKinds> m_numbers{};
+    std::array<uint32_t, KEMD_NET_PAUSE_AUTO - kOfKinds> m_numbers{};
     std::vector<std::pair<uint32_t, uint64_t>> m_rareNumbers;
-    std::vector<NamedBits> m_bits;
+    // Shared by interfaces that have the same.
+    std::shared_ptr<std::vector<NamedBits>> m_bits;
     std::bitset<KEMD_NET_FIELDS> m_known;
-    std::vector<std::pair<uint32_t, std::string>> m_texts;
+    std::string m_texts;  // each after its TextHead, and with a NUL
     std::vector<std::pair<uint32_t, int>> m_errors;
 };

@@ -175,8 +175,8 @@ std::shared_ptr<KemdNetworkInterface> ReadLink(std::string_view payload,
     interface->Set(KEMD_NET_TYPE, header->ifi_type);
     interface->Set(KEMD_NET_FLAGS, header->ifi_flags);
     const Attributes attributes(AfterHeader(payload, sizeof *header));
-    ReadByTable(*interface, attributes, kLinkTable);
     for (const Attribute& attribute : attributes) {
+        if (ReadByTable(*interface, attribute, kLinkTable)) continue;
         if (attribute.type == IFLA_LINKINFO) {
             ReadLinkInfo(*interface, Attributes(attribute.bytes));
         } else if (attribute.type == IFLA_STATS64) {

@@ -138,7 +138,9 @@ int NetlinkSocket::Send(NetlinkRequest& request) {
 int NetlinkSocket::Receive(std::string_view& bytes, int flags) {
     for (;;) {
         // Without a buffer: only how long the next datagram is.
-        const ssize_t next = recv(m_fd.Get(), nullptr, 0, MSG_PEEK | MSG_TRUNC | flags);
+        const ssize_t next = m_lengths == Lengths::kAsked
+                                 ? recv(m_fd.Get(), nullptr, 0, MSG_PEEK | MSG_TRUNC | flags)
+                                 : 0;
         if (next > static_cast<ssize_t>(m_buffer.size())) {
             m_buffer.resize(static_cast<size_t>(next));
         }
@@ -152,7 +154,10 @@ int NetlinkSocket::Receive(std::string_view& bytes, int flags) {
         if (error == EINTR) continue;
         if (error != 0) return error;
         if (from.nl_pid != 0 && (flags & MSG_PEEK) == 0) continue;  // not from the kernel
-        if (static_cast<size_t>(size) > m_buffer.size()) return ENOBUFS;
+        if (static_cast<size_t>(size) > m_buffer.size()) {
+            m_buffer.resize(static_cast<size_t>(size));
+            return ENOBUFS;
+        }
         bytes = {m_buffer.data(), static_cast<size_t>(size)};
         return 0;
     }
@@ -197,11 +202,13 @@ int NetlinkSocket::Ask(NetlinkRequest& request, const Handler& onMessage) {
     std::memcpy(&header, request.m_bytes.data(), sizeof header);
     header.nlmsg_flags |= NLM_F_ACK;
     std::memcpy(request.m_bytes.data(), &header, sizeof header);
+    m_lengths = Lengths::kAsked;
     return ReadAnswer(request, onMessage);
 }
 
 int NetlinkSocket::Dump(NetlinkRequest& request, const std::function<void()>& onBegin,
-                        const Handler& onMessage) {
+                        const Handler& onMessage, Lengths lengths) {
+    m_lengths = lengths;
     for (int attempt = 1;; ++attempt) {
         m_isConsistent = true;
         onBegin();

@@ -50,6 +50,9 @@ class NetlinkRequest {
 class NetlinkSocket {
   public:
     using Handler = std::function<void(const NetlinkMessage&)>;
+    // Whether the length of each part of an answer is asked for before it is read; or the buffer
+    // grows when one does not fit, and the dump begins again: half the calls.
+    enum class Lengths { kAsked, kTried };
 
     // An errno number, as everywhere here.
     [[nodiscard]] int Open(int protocol);
@@ -58,7 +61,7 @@ class NetlinkSocket {
     // A dump. `onBegin` comes before each attempt and forgets what the one before brought. Succeeds
     // also when the last attempt was interrupted; IsConsistent then says so.
     [[nodiscard]] int Dump(NetlinkRequest& request, const std::function<void()>& onBegin,
-                           const Handler& onMessage);
+                           const Handler& onMessage, Lengths lengths = Lengths::kAsked);
     [[nodiscard]] bool IsConsistent() const { return m_isConsistent; }
 
     [[nodiscard]] int Join(uint32_t group);
@@ -85,6 +88,7 @@ class NetlinkSocket {
     std::vector<char> m_buffer;
     bool m_isConsistent = true;
     bool m_isAnswering = false;  // a request was sent, the end of its answer not read
-    std::string m_kernelText;    // of the extended acknowledgement
+    Lengths m_lengths = Lengths::kAsked;
+    std::string m_kernelText;  // of the extended acknowledgement
     std::string m_errorText;
 };

@@ -125,7 +125,7 @@ bool KemdNetwork::AddNames() {
     for (KemdNetworkCounters& counters : m_counters) {
         const KemdNetworkInterface* const interface = m_named.Find(counters.index);
         hasAll = hasAll && interface != nullptr;
-        counters.name = interface != nullptr ? interface->Text(KEMD_NET_NAME).c_str() : nullptr;
+        counters.name = interface != nullptr ? interface->Text(KEMD_NET_NAME).data() : nullptr;
     }
     return hasAll;
 }
@@ -144,7 +144,8 @@ int KemdNetwork::ReadCounters() {
             if (message.header.nlmsg_type != RTM_NEWSTATS) return;
             const KemdNetworkCounters counters = CountersOf(message.payload);
             if (counters.index != 0) m_counters.push_back(counters);
-        });
+        },
+        NetlinkSocket::Lengths::kTried);
     if (error != 0) return Explain(error);
     if (AddNames()) return 0;
     error = ReadNames();

@@ -73,10 +73,7 @@ class DiskErrorSource : public SlowSource {
         m_disks.Begin();
         for (const auto& [name, count] : m_task.Result().found) {
             Disk& disk = m_disks.Next(name);
-            if (!disk.series.IsAdded()) {
-                disk.series.Add(context.table, kRow, SeriesLabel("disk", disk.name));
-            }
-            disk.series.Set(context.table, count);
+            disk.series.Set(context.table, kRow, "disk", disk.name, count);
         }
         m_disks.End(context.table);
     }

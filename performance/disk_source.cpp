@@ -79,10 +79,7 @@ class Disk {
         for (size_t i = 0; i < count; ++i) {
             if (kRows[i].name == nullptr) continue;
             if (HasMilliseconds(kRows[i]) && !isReset) numbers[i] = Extend(m_last[i], numbers[i]);
-            if (!m_series[i].IsAdded()) {
-                m_series[i].Add(table, kRows[i], SeriesLabel("disk", name));
-            }
-            m_series[i].Set(table, numbers[i]);
+            m_series[i].Set(table, kRows[i], "disk", name, numbers[i]);
         }
         m_last = numbers;
         m_count = count;

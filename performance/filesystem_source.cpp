@@ -86,10 +86,7 @@ class Mount {
         // Without a fixed number of inodes: btrfs, FAT.
         const size_t count = space.f_files == 0 ? 3 : m_series.size();
         for (size_t i = 0; i < count; ++i) {
-            if (!m_series[i].IsAdded()) {
-                m_series[i].Add(table, kRows[i], SeriesLabel("mount", name));
-            }
-            m_series[i].Set(table, values[i]);
+            m_series[i].Set(table, kRows[i], "mount", name, values[i]);
         }
     }
     void AddNote(std::vector<std::string>& notes) const {

@@ -113,10 +113,7 @@ class FrequencySource : public SlowSource {
             char number[24];
             std::snprintf(number, sizeof number, "%u", static_cast<unsigned>(processor));
             Core& core = m_cores.Next(number);
-            if (!core.series.IsAdded()) {
-                core.series.Add(context.table, kRow, SeriesLabel("cpu", core.name));
-            }
-            core.series.Set(context.table, kilohertz);
+            core.series.Set(context.table, kRow, "cpu", core.name, kilohertz);
         }
         m_cores.End(context.table);
     }

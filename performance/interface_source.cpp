@@ -29,10 +29,8 @@ class Interface {
 
     void Read(SeriesTable& table, const Counters& counters) {
         for (size_t i = 0; i < m_series.size(); ++i) {
-            if (!m_series[i].IsAdded()) {
-                m_series[i].Add(table, kRows[i].series, SeriesLabel("interface", name));
-            }
-            m_series[i].Set(table, counters.*kRows[i].counter);
+            const uint64_t value = counters.*kRows[i].counter;
+            m_series[i].Set(table, kRows[i].series, "interface", name, value);
         }
     }
     void Clear(SeriesTable& table) const {

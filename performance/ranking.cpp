@@ -137,39 +137,64 @@ bool IsCore(const SeriesInfo& info) {
     return info.name.starts_with("core_");
 }
 
+bool IsNear(const RankedChange& change, const RankedChange& other, double play) {
+    const auto isNear = [play](double one, double another) {
+        return std::fabs(one - another) <= play * std::max(std::fabs(one), std::fabs(another));
+    };
+    return isNear(change.during, other.during) && isNear(change.extreme, other.extreme);
+}
+
 // Of a device above or below another, as a volume and its disk.
 bool IsSameChange(const SeriesInfo& info, const RankedChange& change, const SeriesInfo& otherInfo,
                   const RankedChange& other) {
-    const auto isNear = [](double one, double another) {
-        return std::fabs(one - another) <= 0.05 * std::max(std::fabs(one), std::fabs(another));
-    };
-    return info.name == otherInfo.name && isNear(change.during, other.during) &&
-           isNear(change.extreme, other.extreme);
+    return info.name == otherInfo.name && IsNear(change, other, 0.05);
+}
+
+// What the kernel counts for the host and for the device: bytes paged out, and written to a disk.
+bool IsDevicesPart(const SeriesInfo& info, const RankedChange& change, const SeriesInfo& otherInfo,
+                   const RankedChange& other) {
+    return info.kind == SeriesKind::kCounter && otherInfo.kind == SeriesKind::kCounter &&
+           info.unit == "bytes" && otherInfo.unit == "bytes" &&
+           info.labels.empty() != otherInfo.labels.empty() && IsNear(change, other, 0.02);
 }
 
 class Picker {
   public:
     explicit Picker(const std::vector<SeriesInfo>& series) : m_series(series) {}
 
-    // Whether the change says something that the taken ones do not.
-    [[nodiscard]] bool IsNew(const RankedChange& change, const std::vector<RankedChange>& taken) {
+    // Whether the change says something that the taken ones do not. One that names the device takes
+    // the place of the host's.
+    [[nodiscard]] bool IsNew(const RankedChange& change, std::vector<RankedChange>& taken) {
         constexpr size_t kOfGroup = 2;
         const SeriesInfo& info = m_series[change.series];
-        if (IsRest(info.name)) return false;
-        for (const RankedChange& other : taken) {
-            const SeriesInfo& otherInfo = m_series[other.series];
-            if (IsSameChange(info, change, otherInfo, other)) return false;
-            if (!IsCore(info) || GroupOf(otherInfo) != "cpu") continue;
-            // One processor matters when it has most of what all did.
-            if (IsCore(otherInfo) || std::fabs(change.during - change.before) * 2 <
-                                         std::fabs(other.during - other.before)) {
-                return false;
-            }
+        if (IsRest(info.name) || IsShownBy(change, taken)) return false;
+        const auto host = std::find_if(taken.begin(), taken.end(), [&](const RankedChange& other) {
+            return IsDevicesPart(info, change, m_series[other.series], other);
+        });
+        const bool hasRoom = ++m_groups[GroupOf(info)] <= kOfGroup;
+        if (host == taken.end()) return hasRoom;
+        if (m_series[host->series].labels.empty()) {
+            const double score = host->score;
+            *host = change;
+            host->score = score;
         }
-        return ++m_groups[GroupOf(info)] <= kOfGroup;
+        return false;
     }
 
   private:
+    [[nodiscard]] bool IsShownBy(const RankedChange& change,
+                                 const std::vector<RankedChange>& taken) const {
+        const SeriesInfo& info = m_series[change.series];
+        return std::any_of(taken.begin(), taken.end(), [&](const RankedChange& other) {
+            const SeriesInfo& otherInfo = m_series[other.series];
+            if (IsSameChange(info, change, otherInfo, other)) return true;
+            if (!IsCore(info) || GroupOf(otherInfo) != "cpu") return false;
+            // One processor matters when it has most of what all did.
+            return IsCore(otherInfo) || std::fabs(change.during - change.before) * 2 <
+                                            std::fabs(other.during - other.before);
+        });
+    }
+
     const std::vector<SeriesInfo>& m_series;
     std::map<std::string, size_t> m_groups;
 };

@@ -1,13 +1,22 @@
 #include "performance/sampler.h"
 
+#include <algorithm>
+
 #include "performance/process_source.h"
 #include "performance/slow_source.h"
 #include "performance/source.h"
 
 namespace {
 
-// How long the first sample, and each of a long period, waits for what is read by the worker.
+// How long the first sample waits for what is read by the worker.
 constexpr int64_t kFirstWaitNs = kSecondNs / 10;
+
+// Where a sample comes as seldom as a round, what the worker reads would be as late as the next
+// sample: an hour.
+int64_t WaitFor(int64_t sinceSample) {
+    constexpr int64_t kPart = 20;
+    return sinceSample < kRareNs ? 0 : std::min(sinceSample / kPart, SlowTask::kPatienceNs);
+}
 
 }  // namespace
 
@@ -16,6 +25,7 @@ struct Sampler::Sources {
     SlowSources slowSources;
     SlowWorker worker;
     int64_t slowRound = INT64_MIN / 2;
+    int64_t sampledAt = 0;  // 0: never
     std::vector<char> buffer = std::vector<char>(size_t{16} << 10);
     std::unique_ptr<ProcessSource> processes;  // null: not wanted
 };
@@ -41,15 +51,16 @@ Sampler::~Sampler() = default;
 void Sampler::Sample(SeriesTable& table) {
     Sources& all = *m_sources;
     SampleContext context{table, SampleTime::Now().monotonic, all.buffer};
-    const int64_t sinceRound = context.now - all.slowRound;
-    if (sinceRound >= kRareNs) {
+    const int64_t wait = all.sampledAt == 0 ? kFirstWaitNs : WaitFor(context.now - all.sampledAt);
+    all.sampledAt = context.now;
+    if (wait > 0 || context.now - all.slowRound >= kRareNs) {
         for (const auto& source : all.slowSources) source->Start(context, all.worker);
         all.slowRound = context.now;
     }
     for (const auto& source : all.sources) source->Sample(context);
     if (all.processes != nullptr) all.processes->Sample(context.now);
     all.worker.Check(context.now);
-    if (sinceRound > 2 * kRareNs) all.worker.Wait(kFirstWaitNs);
+    if (wait > 0) all.worker.Wait(wait);
     for (const auto& source : all.slowSources) source->Collect(context);
 }
 

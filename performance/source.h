@@ -102,6 +102,12 @@ class LazySeries {
         if (!IsAdded()) Add(table, row);
         Set(table, bits);
     }
+    // Of a device: `label` is "disk", "mount" ...
+    void Set(SeriesTable& table, const SeriesRow& row, const char* label, const std::string& device,
+             uint64_t bits) {
+        if (!IsAdded()) Add(table, row, SeriesLabel(label, device));
+        Set(table, bits);
+    }
     void Clear(SeriesTable& table) const {
         if (IsAdded()) table.Clear(m_index);
     }

@@ -104,8 +104,13 @@ std::optional<std::string> FieldText(InterfaceView interface, uint32_t field,
 std::vector<std::string> AddressTexts(InterfaceView interface) {
     std::vector<std::string> texts;
     std::vector<KemdNetworkAddress> addresses = interface.Addresses();
-    std::stable_sort(addresses.begin(), addresses.end(),
-                     [](const auto& one, const auto& other) { return one.family < other.family; });
+    const auto isBefore = [](const auto& one, const auto& other) {
+        return one.family < other.family;
+    };
+    // As the kernel sends them; sorting would take memory.
+    if (!std::is_sorted(addresses.begin(), addresses.end(), isBefore)) {
+        std::stable_sort(addresses.begin(), addresses.end(), isBefore);
+    }
     std::transform(addresses.begin(), addresses.end(), std::back_inserter(texts),
                    [](const KemdNetworkAddress& address) { return AddressText(address); });
     return texts;

@@ -133,7 +133,7 @@ std::string_view Complaints() {
 }
 
 void Write(std::string_view text) {
-    if (g_writeError != 0 || std::fwrite(text.data(), 1, text.size(), stdout) == text.size())
+    if (g_writeError != 0 || fwrite_unlocked(text.data(), 1, text.size(), stdout) == text.size())
         return;
     g_writeError = errno;
 }

@@ -15,11 +15,11 @@
 #include "kemd/config.h"
 #include "kemd/services.h"
 #include "kemd/trace.h"
+#include "modules/module_calls.h"
 #include "modules/network/links.h"
 
 namespace {
 
-constexpr const char* kTag = "network";
 // What containers and virtual machines come and go with.
 constexpr const char* kDefaultInterfaces = "* !veth* !tap* !tun* !vnet* !cali*";
 // Changes are kept together, as a change seldom comes alone.
@@ -29,6 +29,8 @@ using Clock = Links::Clock;
 
 class NetworkModule {
   public:
+    static constexpr const char* kTag = "network";
+
     NetworkModule() = default;
     NetworkModule(const NetworkModule&) = delete;
     NetworkModule& operator=(const NetworkModule&) = delete;
@@ -192,33 +194,7 @@ int NetworkModule::Request(const std::string& text, KemdReply* reply) {
     return reply->write(reply, list.data(), list.size());
 }
 
-// No exception may leave the module.
-template <typename Call>
-int Guarded(Call call, int withoutMemory = ENOMEM) try {
-    return call();
-} catch (const std::bad_alloc&) {
-    return withoutMemory;
-}
-
-NetworkModule& Module(void* user) {
-    return *static_cast<NetworkModule*>(user);
-}
-int Configure(void* user, const KemdConfig* config) {
-    return Guarded([&] { return Module(user).Configure(config); });
-}
-int Start(void* user) {
-    return Guarded([&] { return Module(user).Start(); });
-}
-void Stop(void* user) {
-    (void)Guarded([&] { return Module(user).Stop(), 0; });
-}
-int Health(void* user, char* text, size_t size) {
-    return Guarded([&] { return Module(user).Health(text, size); }, KEMD_HEALTH_WARNING);
-}
-int Request(void* user, const char* text, KemdReply* reply) {
-    return Guarded([&] { return Module(user).Request(text, reply); });
-}
-
+using Calls = ModuleCalls<NetworkModule>;
 NetworkModule g_module;
 
 }  // namespace
@@ -229,9 +205,9 @@ KEMD_MODULE_V2 = {KEMD_MODULE_V2_HEAD,
                   "Links of the network interfaces",
                   nullptr,
                   &g_module,
-                  Configure,
-                  Start,
-                  Stop,
+                  Calls::Configure,
+                  Calls::Start,
+                  Calls::Stop,
                   nullptr,
-                  Health,
-                  Request};
+                  Calls::Health,
+                  Calls::Request};

@@ -8,12 +8,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <exception>
-#include <new>
 #include <string>
 
 #include "kemd/config.h"
-#include "kemd/trace.h"
+#include "modules/module_calls.h"
 #include "modules/performance/alarms.h"
 #include "modules/performance/monitor.h"
 #include "modules/performance/settings.h"
@@ -25,6 +23,8 @@ constexpr int64_t kPatience = 10'000'000'000;  // ns
 
 class PerformanceModule {
   public:
+    static constexpr const char* kTag = "performance";
+
     int Configure(const KemdConfig* config);
     int Start();
     void Stop();
@@ -110,36 +110,7 @@ int PerformanceModule::Request(const std::string& text, KemdReply* reply) {
     return reply->write(reply, status.data(), status.size());
 }
 
-// No exception may leave the module.
-template <typename Call>
-int Guarded(Call call, int withoutMemory = ENOMEM) try {
-    return call();
-} catch (const std::bad_alloc&) {
-    return withoutMemory;
-} catch (const std::exception& error) {
-    KemdMessage("performance", "%s", error.what());
-    return withoutMemory;
-}
-
-PerformanceModule& Module(void* user) {
-    return *static_cast<PerformanceModule*>(user);
-}
-int Configure(void* user, const KemdConfig* config) {
-    return Guarded([&] { return Module(user).Configure(config); });
-}
-int Start(void* user) {
-    return Guarded([&] { return Module(user).Start(); });
-}
-void Stop(void* user) {
-    (void)Guarded([&] { return Module(user).Stop(), 0; });
-}
-int Health(void* user, char* text, size_t size) {
-    return Guarded([&] { return Module(user).Health(text, size); }, KEMD_HEALTH_WARNING);
-}
-int Request(void* user, const char* text, KemdReply* reply) {
-    return Guarded([&] { return Module(user).Request(text, reply); });
-}
-
+using Calls = ModuleCalls<PerformanceModule>;
 PerformanceModule g_module;
 
 }  // namespace
@@ -150,9 +121,9 @@ KEMD_MODULE_V2 = {KEMD_MODULE_V2_HEAD,
                   "History of the host's load, second by second",
                   nullptr,
                   &g_module,
-                  Configure,
-                  Start,
-                  Stop,
+                  Calls::Configure,
+                  Calls::Start,
+                  Calls::Stop,
                   nullptr,
-                  Health,
-                  Request};
+                  Calls::Health,
+                  Calls::Request};

@@ -12,8 +12,9 @@ void ModuleSeries::Take() {
 }
 
 bool ModuleSeries::IsSame() const {
-    return std::equal(m_values.begin(), m_values.end(), m_ids.begin(), m_ids.end(),
-                      [](const KemdSeriesValue& value, uint64_t id) { return value.id == id; });
+    return std::equal(
+        m_values.begin(), m_values.end(), m_known.begin(), m_known.end(),
+        [](const KemdSeriesValue& value, const Known& known) { return value.id == known.id; });
 }
 
 void ModuleSeries::RemoveGone(SeriesTable& table) {
@@ -52,10 +53,15 @@ void ModuleSeries::AddNew(SeriesTable& table, uint64_t id) {
 }
 
 void ModuleSeries::TakeUp(SeriesTable& table) {
-    m_ids.clear();  // without memory this is done again at the next sample
+    m_known.clear();  // without memory this is done again at the next sample
     RemoveGone(table);
     for (const KemdSeriesValue& value : m_values) AddNew(table, value.id);
-    for (const KemdSeriesValue& value : m_values) m_ids.push_back(value.id);
+    for (const KemdSeriesValue& value : m_values) m_known.push_back({value.id, Find(value.id)});
+}
+
+const ModuleSeries::Place* ModuleSeries::Find(uint64_t id) const {
+    const auto place = m_places.find(id);
+    return place != m_places.end() ? &place->second : nullptr;
 }
 
 bool ModuleSeries::MayTakeUp(int64_t monotonic) {
@@ -69,22 +75,23 @@ bool ModuleSeries::MayTakeUp(int64_t monotonic) {
 
 void ModuleSeries::Sample(SeriesTable& table, int64_t monotonic) {
     Take();
-    if (!IsSame()) {
-        if (MayTakeUp(monotonic)) {
-            TakeUp(table);
-        } else {
-            for (const auto& [id, place] : m_places) table.Clear(place.index);
-        }
+    bool isSame = IsSame();
+    if (!isSame && MayTakeUp(monotonic)) {
+        TakeUp(table);
+        isSame = true;
+    } else if (!isSame) {
+        for (const auto& [id, place] : m_places) table.Clear(place.index);
     }
     m_dead.clear();
-    for (const KemdSeriesValue& value : m_values) {
-        const auto place = m_places.find(value.id);
-        if (place == m_places.end()) continue;
+    for (size_t i = 0; i < m_values.size(); ++i) {
+        const KemdSeriesValue& value = m_values[i];
+        const Place* const place = isSame ? m_known[i].place : Find(value.id);
+        if (place == nullptr) continue;
         if ((value.flags & KEMD_SERIES_DEAD) == 0) {
-            table.Set(place->second.index, value.bits);
+            table.Set(place->index, value.bits);
             continue;
         }
-        table.Clear(place->second.index);
-        m_dead.insert(place->second.module);
+        table.Clear(place->index);
+        m_dead.insert(place->module);
     }
 }

@@ -27,11 +27,16 @@ class ModuleSeries {
         std::string module;
         std::string name;  // with its labels
     };
+    struct Known {
+        uint64_t id;
+        const Place* place;  // null: refused
+    };
 
     void Take();
     [[nodiscard]] bool IsSame() const;
     void TakeUp(SeriesTable& table);
     [[nodiscard]] bool MayTakeUp(int64_t monotonic);
+    [[nodiscard]] const Place* Find(uint64_t id) const;
     void RemoveGone(SeriesTable& table);
     void AddNew(SeriesTable& table, uint64_t id);
 
@@ -39,7 +44,7 @@ class ModuleSeries {
     std::map<uint64_t, Place> m_places;  // by id
     std::set<std::string> m_names;
     std::set<uint64_t> m_refused;  // ids that are shown for nothing, or twice
-    std::vector<uint64_t> m_ids;   // of the sample before
+    std::vector<Known> m_known;    // of the sample before, in the order of the values
     std::set<std::string> m_dead;
     int64_t m_changes = 0;  // that were taken up, less one every ten seconds
     int64_t m_since = 0;

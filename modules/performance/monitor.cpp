@@ -13,7 +13,6 @@
 #include <utility>
 
 #include "kemd/trace.h"
-#include "modules/performance/moved.h"
 #include "performance/history_reader.h"
 
 namespace {
@@ -305,20 +304,15 @@ void Monitor::MarkClocks(const SampleTime& now) {
 void Monitor::Report(const SampleTime& now) {
     m_events.clear();
     m_alarms.Compare(*m_table, now, m_events);
-    // The history is read for a few: for fifty it would take the time of many samples.
-    int searches = 3;
-    for (const AlarmEvent& event : m_events) {
-        const bool isMovedShown = !event.isEnd && m_writer != nullptr && searches-- > 0;
-        Report(now, event, isMovedShown);
-    }
+    Moved moved(kHistoryFile, now, m_settings.periodMs * kMs);
+    for (const AlarmEvent& event : m_events) Report(now, event, moved);
 }
 
-void Monitor::Report(const SampleTime& now, const AlarmEvent& event, bool isMovedShown) {
+void Monitor::Report(const SampleTime& now, const AlarmEvent& event, Moved& moved) {
     std::string text = event.text;
-    if (isMovedShown) {
-        const int64_t period = m_settings.periodMs * kMs;
-        const std::string moved = MovedSeries(kHistoryFile, now, period, event);
-        if (!moved.empty()) text += "; with it: " + moved;
+    if (!event.isEnd && m_writer != nullptr) {
+        const std::string others = moved.Text(event);
+        if (!others.empty()) text += "; with it: " + others;
     }
     KemdTrace(kTag, 1, "%s", text.c_str());
     AddMark(now, event.isEnd ? MarkKind::kAlarmEnd : MarkKind::kAlarm,

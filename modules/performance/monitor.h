@@ -18,6 +18,7 @@
 #include "modules/performance/alarms.h"
 #include "modules/performance/clocks.h"
 #include "modules/performance/module_series.h"
+#include "modules/performance/moved.h"
 #include "modules/performance/settings.h"
 #include "performance/history_writer.h"
 #include "performance/sampler.h"
@@ -72,7 +73,7 @@ class Monitor {
     void MarkClocks(const SampleTime& now);
     void AppendSample(const SampleTime& now);
     void Report(const SampleTime& now);
-    void Report(const SampleTime& now, const AlarmEvent& event, bool isMovedShown);
+    void Report(const SampleTime& now, const AlarmEvent& event, Moved& moved);
     void MarkDeadModules(const SampleTime& now);
     void RequestSync(const SampleTime& now);
     void TakeNotes(const SampleTime& now);

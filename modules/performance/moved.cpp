@@ -20,34 +20,37 @@ bool IsOf(const AlarmEvent& alarm, const SeriesInfo& info) {
            (!info.labels.empty() || std::any_of(alarm.names.begin(), alarm.names.end(), isName));
 }
 
-std::string Ranked(const std::string& history, const SampleTime& now, int64_t periodNs,
-                   const AlarmEvent& alarm) {
+}  // namespace
+
+void Moved::Read() {
     std::string error;
-    const auto reader = HistoryReader::Open(history, error);
-    if (reader == nullptr) return {};
-    const int64_t length = std::max(30 * kSecond, 5 * periodNs);
-    const HistorySpan window{now.wall - length, now.wall + 1};
+    const auto reader = HistoryReader::Open(m_history, error);
+    if (reader == nullptr) return;
+    const int64_t length = std::max(30 * kSecond, 5 * m_periodNs);
+    const HistorySpan window{m_now.wall - length, m_now.wall + 1};
     const HistorySpan before{window.from - 10 * length, window.from};
-    std::string text;
-    size_t shown = 0;
     for (const RankedChange& change : RankChanges(*reader, window, before, 4 * kShown)) {
         const SeriesInfo& info = reader->Series()[change.series];
-        if (shown == kShown || IsOf(alarm, info)) continue;
         const std::string unit = (info.unit.empty() ? "" : " " + info.unit) +
                                  (info.kind == SeriesKind::kCounter ? "/s" : "");
         char values[128];
         std::snprintf(values, sizeof values, " %.4g%s (was %.4g)", change.extreme, unit.c_str(),
                       change.before);
-        text += (shown++ > 0 ? ", " : "") + SeriesId(info) + values;
+        m_changes.emplace_back(info, SeriesId(info) + values);
     }
-    return text;
 }
 
-}  // namespace
-
-std::string MovedSeries(const std::string& history, const SampleTime& now, int64_t periodNs,
-                        const AlarmEvent& alarm) {
-    std::string text = Ranked(history, now, periodNs, alarm);
-    malloc_trim(0);  // the reader took much, for a moment
+std::string Moved::Text(const AlarmEvent& alarm) {
+    if (!m_isRead) {
+        m_isRead = true;
+        Read();
+        malloc_trim(0);  // the reader took much, for a moment
+    }
+    std::string text;
+    size_t shown = 0;
+    for (const auto& [info, change] : m_changes) {
+        if (shown == kShown || IsOf(alarm, info)) continue;
+        text += (shown++ > 0 ? ", " : "") + change;
+    }
     return text;
 }

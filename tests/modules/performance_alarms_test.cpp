@@ -1,6 +1,8 @@
 // What the module performance decides from values and clocks alone.
 #include "modules/performance/alarms.h"
 #include "modules/performance/clocks.h"
+#include "modules/performance/moved.h"
+#include "performance/history_writer.h"
 #include "tests/world.h"
 
 namespace {
@@ -203,6 +205,34 @@ TEST(ClocksTest, SuspendAndSteps) {
         const ClockChange change = clocks.Compare(now);
         EXPECT_EQ(change.slept, each.slept * 1'000'000) << each.what;
         EXPECT_EQ(change.step, each.step * 1'000'000) << each.what;
+    }
+}
+
+TEST(MovedTest, AllAlarmsOfASampleHaveTheOthers) {
+    const char* const path = "/tmp/moved.history";
+    std::string error;
+    auto writer = HistoryWriter::Open({path, 4 << 20, 1'000'000'000, "host", "boot"}, error);
+    ASSERT_NE(writer, nullptr) << error;
+    SeriesTable table;
+    std::vector<SeriesTable::Index> series;
+    for (const char* const name : {"one_free", "two_free", "three_free", "four_free"}) {
+        series.push_back(table.Add({name, "", "", "", SeriesKind::kGauge}));
+    }
+    const SampleTime now = SampleTime::Now();
+    for (int64_t ago = 330; ago >= 0; --ago) {
+        for (size_t i = 0; i < series.size(); ++i) table.Set(series[i], ago < 20 ? 100 << i : 1);
+        const int64_t back = ago * 1'000'000'000;
+        writer->Append({now.wall - back, now.monotonic - back}, table);
+    }
+    Moved moved(path, now, 1'000'000'000);
+    const std::string last = "four_free 800 (was 1), ";
+    const std::string two = "two_free 200 (was 1)";
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(moved.Text({false, 0, "", "", {"other"}}),
+                  last + "three_free 400 (was 1), " + two);
+        EXPECT_EQ(moved.Text({false, 0, "", "", {"three_free"}}),
+                  last + two + ", one_free 100 (was 1)");
+        unlink(path);  // it is read once
     }
 }
 

@@ -100,6 +100,33 @@ TEST(NetworkMessageTest, Teams) {
     EXPECT_FALSE(snapshot.Find(3)->Has(KEMD_NET_TEAM_MEMBER_ENABLED));
 }
 
+TEST(NetworkMessageTest, ValuesTakeThePlaceOfOlderOnes) {
+    KemdNetworkInterface interface(std::make_shared<NetworkFacts>());
+    for (const uint64_t bytes :
+         {uint64_t{1}, uint64_t{UINT32_MAX}, uint64_t{1} << 40, uint64_t{7}, UINT64_MAX}) {
+        interface.Set(KEMD_NET_RX_BYTES, bytes);
+        interface.Set(KEMD_NET_MTU, bytes);
+        EXPECT_TRUE(interface.Number(KEMD_NET_RX_BYTES) == bytes &&
+                    interface.Number(KEMD_NET_MTU) == bytes);
+    }
+    for (const std::string& name : {std::string("a"), std::string(300, 'b'), std::string()}) {
+        interface.SetText(KEMD_NET_NAME, name);
+        interface.SetText(KEMD_NET_QDISC, "q" + name);
+        EXPECT_EQ(interface.Text(KEMD_NET_NAME).data(), name);  // with its NUL
+        EXPECT_EQ(interface.Text(KEMD_NET_QDISC), "q" + name);
+    }
+    // Two that share their bits, until one changes.
+    interface.SetBits({KEMD_NETWORK_SUPPORTED_MODES, 0, {1}});
+    KemdNetworkInterface other(interface.facts);
+    other.CopyBits(interface);
+    other.SetBits({KEMD_NETWORK_PEER_MODES, 0, {2}});
+    interface.ForgetBits(KEMD_NETWORK_SUPPORTED_MODES);
+    EXPECT_TRUE(interface.Bits(KEMD_NETWORK_SUPPORTED_MODES) == nullptr &&
+                interface.Bits(KEMD_NETWORK_PEER_MODES) == nullptr);
+    EXPECT_TRUE(other.Bits(KEMD_NETWORK_SUPPORTED_MODES) != nullptr &&
+                other.Bits(KEMD_NETWORK_PEER_MODES) != nullptr);
+}
+
 TEST(NetworkMessageTest, Modules) {
     const struct {
         unsigned char type;

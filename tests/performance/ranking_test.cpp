@@ -90,7 +90,8 @@ TEST(Ranking, RelatedSeriesAreNotRepeated) {
     }
     history.Counter("cpu_user_seconds", "seconds", burst(7.2), "", 100);
     history.Gauge("load_1", "", burst(400));
-    // A volume over a disk, and another disk.
+    // A volume over a disk, and another disk; what is paged in is what they read.
+    history.Counter("paged_in_bytes", "bytes", burst(50.1e6));
     history.Counter("disk_read_bytes", "bytes", burst(50e6), "disk=\"dm-0\"");
     history.Counter("disk_read_bytes", "bytes", burst(50e6), "disk=\"sda\"");
     history.Counter("disk_read_bytes", "bytes", burst(9e6), "disk=\"sdb\"");
