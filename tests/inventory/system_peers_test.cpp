@@ -43,149 +43,91 @@ std::vector<DmiRecord> DmiRecords(const std::string& arguments) {
     return records;
 }
 
+// Fields by dmidecode's names and ours.
+struct Table {
+    int type;
+    ItemKind kind;
+    const char* fields;
+};
+constexpr Table kTables[] = {
+    {0, ItemKind::kFirmware,
+     "Vendor=vendor|Version=version|Release Date=date|ROM Size=rom_size|BIOS Revision=release|"
+     "Firmware Revision=controller_release|Characteristics=characteristics"},
+    {1, ItemKind::kSystem,
+     "Manufacturer=vendor|Product Name=model|Version=version|Serial Number=serial|UUID=uuid|"
+     "Wake-up Type=wake_up|SKU Number=sku|Family=family"},
+    {2, ItemKind::kBoard,
+     "Manufacturer=vendor|Product Name=model|Version=version|Serial Number=serial|"
+     "Asset Tag=asset_tag|Features=characteristics|Location In Chassis=location|Type=type"},
+    {3, ItemKind::kChassis,
+     "Manufacturer=vendor|Type=type|Lock=locked|Version=version|Serial Number=serial|"
+     "Asset Tag=asset_tag|Boot-up State=boot_up_state|Power Supply State=power_supply_state|"
+     "Thermal State=thermal_state|Security Status=security|Height=height|"
+     "Number Of Power Cords=power_cords|SKU Number=sku"},
+    {4, ItemKind::kProcessor,
+     "Type=type|Manufacturer=vendor|Version=model|Voltage=voltage|External Clock=bus_clock|"
+     "Max Speed=max_speed|Current Speed=current_speed|Status=status|Upgrade=socket_type|"
+     "Serial Number=serial|Asset Tag=asset_tag|Part Number=part_number|Core Count=cores|"
+     "Core Enabled=cores_enabled|Thread Count=threads|Characteristics=characteristics"},
+    {7, ItemKind::kCache,
+     "Location=location|Operational Mode=mode|Installed Size=size|Maximum Size=size_max|"
+     "Error Correction Type=error_correction|System Type=type|Associativity=associativity"},
+    {8, ItemKind::kConnector,
+     "Internal Reference Designator=internal_name|Internal Connector Type=internal_connector|"
+     "External Reference Designator=external_name|External Connector Type=external_connector|"
+     "Port Type=type"},
+    {9, ItemKind::kSlot,
+     "Type=type|Current Usage=usage|Length=length|ID=number|Bus Address=bus_address|"
+     "Characteristics=characteristics"},
+    {16, ItemKind::kMemoryArray,
+     "Location=location|Use=use|Error Correction Type=error_correction|"
+     "Maximum Capacity=size_max|Number Of Devices=devices"},
+    {17, ItemKind::kMemoryModule,
+     "Total Width=total_width|Data Width=data_width|Size=size|Form Factor=form_factor|"
+     "Locator=location|Bank Locator=bank|Type=type|Type Detail=type_detail|Speed=rated_speed|"
+     "Manufacturer=vendor|Serial Number=serial|Asset Tag=asset_tag|Part Number=part_number|"
+     "Rank=rank|Configured Memory Speed=configured_speed|Minimum Voltage=voltage_min|"
+     "Maximum Voltage=voltage_max|Configured Voltage=voltage|Memory Technology=technology|"
+     "Firmware Version=firmware|Non-Volatile Size=nonvolatile_size|Volatile Size=volatile_size"},
+    {19, ItemKind::kMemoryRange, "Starting Address=start_address|Ending Address=end_address"},
+    {22, ItemKind::kBattery,
+     "Location=location|Manufacturer=vendor|Manufacture Date=date|SBDS Manufacture Date=date|"
+     "Serial Number=serial|SBDS Serial Number=serial|Name=model|Chemistry=chemistry|"
+     "SBDS Chemistry=chemistry|Design Capacity=capacity|Design Voltage=voltage|"
+     "SBDS Version=version"},
+    {38, ItemKind::kManagementController,
+     "Interface Type=interface_type|Specification Version=version|Base Address=base_address|"
+     "Interrupt Number=irq"},
+    {39, ItemKind::kPowerSupply,
+     "Location=location|Name=model|Manufacturer=vendor|Serial Number=serial|"
+     "Asset Tag=asset_tag|Model Part Number=part_number|Revision=version|"
+     "Max Power Capacity=power_max|Type=type|Input Voltage Range Switching=input_range|"
+     "Plugged=plugged|Hot Replaceable=hot_replaceable"},
+    {41, ItemKind::kOnboardDevice,
+     "Type=type|Status=enabled|Type Instance=number|Bus Address=bus_address"},
+    {43, ItemKind::kTpm,
+     "Vendor ID=vendor|Specification Version=version|Firmware Revision=firmware|"
+     "Description=model"},
+};
+
 struct Row {
     int type;
     ItemKind kind;
-    const char* key;
+    std::string key;
     InventoryField field;
 };
-constexpr Row kRows[] = {
-    {0, ItemKind::kFirmware, "Vendor", "vendor"},
-    {0, ItemKind::kFirmware, "Version", "version"},
-    {0, ItemKind::kFirmware, "Release Date", "date"},
-    {0, ItemKind::kFirmware, "ROM Size", "rom_size"},
-    {0, ItemKind::kFirmware, "BIOS Revision", "release"},
-    {0, ItemKind::kFirmware, "Firmware Revision", "controller_release"},
-    {0, ItemKind::kFirmware, "Characteristics", "characteristics"},
-    {1, ItemKind::kSystem, "Manufacturer", "vendor"},
-    {1, ItemKind::kSystem, "Product Name", "model"},
-    {1, ItemKind::kSystem, "Version", "version"},
-    {1, ItemKind::kSystem, "Serial Number", "serial"},
-    {1, ItemKind::kSystem, "UUID", "uuid"},
-    {1, ItemKind::kSystem, "Wake-up Type", "wake_up"},
-    {1, ItemKind::kSystem, "SKU Number", "sku"},
-    {1, ItemKind::kSystem, "Family", "family"},
-    {2, ItemKind::kBoard, "Manufacturer", "vendor"},
-    {2, ItemKind::kBoard, "Product Name", "model"},
-    {2, ItemKind::kBoard, "Version", "version"},
-    {2, ItemKind::kBoard, "Serial Number", "serial"},
-    {2, ItemKind::kBoard, "Asset Tag", "asset_tag"},
-    {2, ItemKind::kBoard, "Features", "characteristics"},
-    {2, ItemKind::kBoard, "Location In Chassis", "location"},
-    {2, ItemKind::kBoard, "Type", "type"},
-    {3, ItemKind::kChassis, "Manufacturer", "vendor"},
-    {3, ItemKind::kChassis, "Type", "type"},
-    {3, ItemKind::kChassis, "Lock", "locked"},
-    {3, ItemKind::kChassis, "Version", "version"},
-    {3, ItemKind::kChassis, "Serial Number", "serial"},
-    {3, ItemKind::kChassis, "Asset Tag", "asset_tag"},
-    {3, ItemKind::kChassis, "Boot-up State", "boot_up_state"},
-    {3, ItemKind::kChassis, "Power Supply State", "power_supply_state"},
-    {3, ItemKind::kChassis, "Thermal State", "thermal_state"},
-    {3, ItemKind::kChassis, "Security Status", "security"},
-    {3, ItemKind::kChassis, "Height", "height"},
-    {3, ItemKind::kChassis, "Number Of Power Cords", "power_cords"},
-    {3, ItemKind::kChassis, "SKU Number", "sku"},
-    {4, ItemKind::kProcessor, "Type", "type"},
-    {4, ItemKind::kProcessor, "Manufacturer", "vendor"},
-    {4, ItemKind::kProcessor, "Version", "model"},
-    {4, ItemKind::kProcessor, "Voltage", "voltage"},
-    {4, ItemKind::kProcessor, "External Clock", "bus_clock"},
-    {4, ItemKind::kProcessor, "Max Speed", "max_speed"},
-    {4, ItemKind::kProcessor, "Current Speed", "current_speed"},
-    {4, ItemKind::kProcessor, "Status", "status"},
-    {4, ItemKind::kProcessor, "Upgrade", "socket_type"},
-    {4, ItemKind::kProcessor, "Serial Number", "serial"},
-    {4, ItemKind::kProcessor, "Asset Tag", "asset_tag"},
-    {4, ItemKind::kProcessor, "Part Number", "part_number"},
-    {4, ItemKind::kProcessor, "Core Count", "cores"},
-    {4, ItemKind::kProcessor, "Core Enabled", "cores_enabled"},
-    {4, ItemKind::kProcessor, "Thread Count", "threads"},
-    {4, ItemKind::kProcessor, "Characteristics", "characteristics"},
-    {7, ItemKind::kCache, "Location", "location"},
-    {7, ItemKind::kCache, "Operational Mode", "mode"},
-    {7, ItemKind::kCache, "Installed Size", "size"},
-    {7, ItemKind::kCache, "Maximum Size", "size_max"},
-    {7, ItemKind::kCache, "Error Correction Type", "error_correction"},
-    {7, ItemKind::kCache, "System Type", "type"},
-    {7, ItemKind::kCache, "Associativity", "associativity"},
-    {8, ItemKind::kConnector, "Internal Reference Designator", "internal_name"},
-    {8, ItemKind::kConnector, "Internal Connector Type", "internal_connector"},
-    {8, ItemKind::kConnector, "External Reference Designator", "external_name"},
-    {8, ItemKind::kConnector, "External Connector Type", "external_connector"},
-    {8, ItemKind::kConnector, "Port Type", "type"},
-    {9, ItemKind::kSlot, "Type", "type"},
-    {9, ItemKind::kSlot, "Current Usage", "usage"},
-    {9, ItemKind::kSlot, "Length", "length"},
-    {9, ItemKind::kSlot, "ID", "number"},
-    {9, ItemKind::kSlot, "Bus Address", "bus_address"},
-    {9, ItemKind::kSlot, "Characteristics", "characteristics"},
-    {16, ItemKind::kMemoryArray, "Location", "location"},
-    {16, ItemKind::kMemoryArray, "Use", "use"},
-    {16, ItemKind::kMemoryArray, "Error Correction Type", "error_correction"},
-    {16, ItemKind::kMemoryArray, "Maximum Capacity", "size_max"},
-    {16, ItemKind::kMemoryArray, "Number Of Devices", "devices"},
-    {17, ItemKind::kMemoryModule, "Total Width", "total_width"},
-    {17, ItemKind::kMemoryModule, "Data Width", "data_width"},
-    {17, ItemKind::kMemoryModule, "Size", "size"},
-    {17, ItemKind::kMemoryModule, "Form Factor", "form_factor"},
-    {17, ItemKind::kMemoryModule, "Locator", "location"},
-    {17, ItemKind::kMemoryModule, "Bank Locator", "bank"},
-    {17, ItemKind::kMemoryModule, "Type", "type"},
-    {17, ItemKind::kMemoryModule, "Type Detail", "type_detail"},
-    {17, ItemKind::kMemoryModule, "Speed", "rated_speed"},
-    {17, ItemKind::kMemoryModule, "Manufacturer", "vendor"},
-    {17, ItemKind::kMemoryModule, "Serial Number", "serial"},
-    {17, ItemKind::kMemoryModule, "Asset Tag", "asset_tag"},
-    {17, ItemKind::kMemoryModule, "Part Number", "part_number"},
-    {17, ItemKind::kMemoryModule, "Rank", "rank"},
-    {17, ItemKind::kMemoryModule, "Configured Memory Speed", "configured_speed"},
-    {17, ItemKind::kMemoryModule, "Minimum Voltage", "voltage_min"},
-    {17, ItemKind::kMemoryModule, "Maximum Voltage", "voltage_max"},
-    {17, ItemKind::kMemoryModule, "Configured Voltage", "voltage"},
-    {17, ItemKind::kMemoryModule, "Memory Technology", "technology"},
-    {17, ItemKind::kMemoryModule, "Firmware Version", "firmware"},
-    {17, ItemKind::kMemoryModule, "Non-Volatile Size", "nonvolatile_size"},
-    {17, ItemKind::kMemoryModule, "Volatile Size", "volatile_size"},
-    {19, ItemKind::kMemoryRange, "Starting Address", "start_address"},
-    {19, ItemKind::kMemoryRange, "Ending Address", "end_address"},
-    {22, ItemKind::kBattery, "Location", "location"},
-    {22, ItemKind::kBattery, "Manufacturer", "vendor"},
-    {22, ItemKind::kBattery, "Manufacture Date", "date"},
-    {22, ItemKind::kBattery, "SBDS Manufacture Date", "date"},
-    {22, ItemKind::kBattery, "Serial Number", "serial"},
-    {22, ItemKind::kBattery, "SBDS Serial Number", "serial"},
-    {22, ItemKind::kBattery, "Name", "model"},
-    {22, ItemKind::kBattery, "Chemistry", "chemistry"},
-    {22, ItemKind::kBattery, "SBDS Chemistry", "chemistry"},
-    {22, ItemKind::kBattery, "Design Capacity", "capacity"},
-    {22, ItemKind::kBattery, "Design Voltage", "voltage"},
-    {22, ItemKind::kBattery, "SBDS Version", "version"},
-    {38, ItemKind::kManagementController, "Interface Type", "interface_type"},
-    {38, ItemKind::kManagementController, "Specification Version", "version"},
-    {38, ItemKind::kManagementController, "Base Address", "base_address"},
-    {38, ItemKind::kManagementController, "Interrupt Number", "irq"},
-    {39, ItemKind::kPowerSupply, "Location", "location"},
-    {39, ItemKind::kPowerSupply, "Name", "model"},
-    {39, ItemKind::kPowerSupply, "Manufacturer", "vendor"},
-    {39, ItemKind::kPowerSupply, "Serial Number", "serial"},
-    {39, ItemKind::kPowerSupply, "Asset Tag", "asset_tag"},
-    {39, ItemKind::kPowerSupply, "Model Part Number", "part_number"},
-    {39, ItemKind::kPowerSupply, "Revision", "version"},
-    {39, ItemKind::kPowerSupply, "Max Power Capacity", "power_max"},
-    {39, ItemKind::kPowerSupply, "Type", "type"},
-    {39, ItemKind::kPowerSupply, "Input Voltage Range Switching", "input_range"},
-    {39, ItemKind::kPowerSupply, "Plugged", "plugged"},
-    {39, ItemKind::kPowerSupply, "Hot Replaceable", "hot_replaceable"},
-    {41, ItemKind::kOnboardDevice, "Type", "type"},
-    {41, ItemKind::kOnboardDevice, "Status", "enabled"},
-    {41, ItemKind::kOnboardDevice, "Type Instance", "number"},
-    {41, ItemKind::kOnboardDevice, "Bus Address", "bus_address"},
-    {43, ItemKind::kTpm, "Vendor ID", "vendor"},
-    {43, ItemKind::kTpm, "Specification Version", "version"},
-    {43, ItemKind::kTpm, "Firmware Revision", "firmware"},
-    {43, ItemKind::kTpm, "Description", "model"},
-};
+std::vector<Row> Rows() {
+    std::vector<Row> rows;
+    for (const Table& table : kTables) {
+        std::istringstream fields(table.fields);
+        for (std::string field; std::getline(fields, field, '|');) {
+            const size_t equals = field.find('=');
+            rows.push_back({table.type, table.kind, field.substr(0, equals),
+                            InventoryField::Find(field.substr(equals + 1)).value()});
+        }
+    }
+    return rows;
+}
 
 // What dmidecode prints in place of a value.
 bool IsNothing(const std::string& text) {
@@ -294,9 +236,10 @@ size_t CompareTables(const SmbiosData& data, const std::string& name) {
     for (const KemdInventoryItem& item : inventory.items) byKind[item.kind].push_back(&item);
     std::map<int, size_t> positions;
     size_t compared = 0;
+    static const std::vector<Row> rows = Rows();
     for (const DmiRecord& record : DmiRecords("--from-dump /tmp/dump")) {
         const size_t position = positions[record.type]++;
-        for (const Row& row : kRows) {
+        for (const Row& row : rows) {
             const auto value = record.values.find(row.key);
             if (row.type != record.type || value == record.values.end()) continue;
             if (IsOther(row, value->second)) continue;
@@ -389,6 +332,15 @@ std::string ListText(const std::string& text) {
     return text == "0-1" ? "0,1" : text;
 }
 
+// In some virtual machines two processors share one cache with two ids, and lscpu counts ids.
+bool AreCacheIdsWrong() {
+    const auto text = [](const char* cpu, const char* file) {
+        return ReadFile(std::string("/sys/devices/system/cpu/") + cpu + "/cache/index3/" + file);
+    };
+    return text("cpu0", "shared_cpu_list") == text("cpu1", "shared_cpu_list") &&
+           text("cpu0", "id") != text("cpu1", "id");
+}
+
 TEST(SystemPeers, ProcessorsAreThoseOfLscpu) {
     NEED_PEER("lscpu");
     KemdInventory inventory;
@@ -415,8 +367,10 @@ TEST(SystemPeers, ProcessorsAreThoseOfLscpu) {
         {"Hypervisor vendor:", kernel.Text("hypervisor")},
         {"NUMA node0 CPU(s):", ListText(node.Text("cpus"))},
     };
-    std::erase_if(ours, [](const auto& each) { return each.second.empty(); });
-    for (const auto& [key, value] : ours) EXPECT_EQ(value, theirs[key]) << key;
+    for (const auto& [key, value] : ours) {
+        if (value.empty() || theirs[key].empty()) continue;
+        EXPECT_EQ(value, theirs[key]) << key;
+    }
     EXPECT_EQ(Sum(inventory, "cores"), number("Core(s) per socket:") * number("Socket(s):"));
     struct CacheRow {
         const char* key;
@@ -428,6 +382,7 @@ TEST(SystemPeers, ProcessorsAreThoseOfLscpu) {
                                            {"L2 cache:", "l2_cache", "l2_instances"},
                                            {"L3 cache:", "l3_cache", "l3_instances"}};
     for (const CacheRow& row : kCaches) {
+        if (row.key[1] == '3' && AreCacheIdsWrong()) continue;
         EXPECT_EQ(Sum(inventory, row.size), number(row.key)) << row.key;
         const std::string& text = theirs[row.key];  // "65536 (2 instances)"
         const size_t bracket = text.find('(');
