@@ -38,7 +38,6 @@ inline constexpr auto kInventoryFields = std::to_array<InventoryFieldInfo>({
     {"state"},
 
     // System, memory, slots.
-    {"type"},
     {"date"},
     {"release"},
     {"controller_release"},
@@ -74,7 +73,6 @@ inline constexpr auto kInventoryFields = std::to_array<InventoryFieldInfo>({
     {"socket_type"},
     {"caches", KEMD_INVENTORY_TEXT, "", kList},
     {"level", KEMD_INVENTORY_NUMBER},
-    {"enabled", KEMD_INVENTORY_YES},
     {"mode"},
     {"error_correction"},
     {"associativity"},
@@ -93,7 +91,6 @@ inline constexpr auto kInventoryFields = std::to_array<InventoryFieldInfo>({
     {"interface_type"},
     {"base_address"},
     {"i2c_address"},
-    {"irq", KEMD_INVENTORY_NUMBER, "", kVolatile},
     {"protocols", KEMD_INVENTORY_TEXT, "", kList},
     {"number", KEMD_INVENTORY_NUMBER},
     {"width"},

@@ -8,7 +8,7 @@
 namespace {
 
 std::string Format(const char* format, unsigned long long number) {
-    std::array<char, 32> text{};
+    std::array<char, 64> text{};
     // NOLINTNEXTLINE(clang-diagnostic-format-nonliteral): all callers are below
     std::snprintf(text.data(), text.size(), format, number);
     return text.data();
@@ -82,10 +82,9 @@ void SmbiosItems::AddPowerSupplies() {
         const bool isPresent = (bits & 2) != 0;
         item.AddNumber("present", isPresent ? 1 : 0);
         item.AddNumber("hot_replaceable", bits & 1);
-        if (!isPresent) continue;
         item.AddNumber("plugged", (bits & 4) != 0 ? 0 : 1);
         item.Add("input_range", SmbiosWord(kSupplyRangeWords, bits >> 3 & 15));
-        item.Add("status", SmbiosWord(kSupplyStatusWords, bits >> 7 & 7));
+        if (isPresent) item.Add("status", SmbiosWord(kSupplyStatusWords, bits >> 7 & 7));
         item.Add("type", SmbiosWord(kSupplyWords, bits >> 10 & 15));
     }
 }
@@ -130,7 +129,8 @@ void SmbiosItems::AddTpm() {
         KemdInventoryItem& item = Add(ItemKind::kTpm, {}, record);
         std::string vendor;
         for (size_t offset = 0x04; offset < 0x08 && record.Byte(offset) != 0; ++offset) {
-            vendor += static_cast<char>(record.Byte(offset));
+            const uint8_t byte = record.Byte(offset);
+            vendor += byte > ' ' && byte < 0x7F ? static_cast<char>(byte) : '.';
         }
         item.Add("vendor", vendor);
         item.Add("model", record.Text(0x12));

@@ -107,6 +107,8 @@ void SmbiosItems::AddFirmware() {
         const uint64_t bits = record.Qword(0x0A);
         if ((bits & kNotSupported) == 0) {
             AddFlags(item, "characteristics", kFirmwareBits, bits & UINT32_MAX);
+        } else {
+            item.Add("characteristics", "BIOS characteristics not supported");
         }
         AddFlags(item, "characteristics", kFirmwareBits1, record.Byte(0x12));
         AddFlags(item, "characteristics", kFirmwareBits2, record.Byte(0x13));

@@ -60,6 +60,11 @@ class SmbiosItems {
 // Gives slots the addresses that only the slot map has, and adds the slots that only it has.
 void JoinSlotMap(KemdInventory& inventory, const CPciSlotMap::Slots& slots, PciSlotSource source);
 
+// From the bank or the locator, where one of them says so.
+void AddMemoryChannel(KemdInventoryItem& module);
+// The locator, with the bank where another module has the same locator.
+std::string MemoryModuleName(std::string_view locator, std::string_view bank, bool isRepeated);
+
 // "0x00000000fee00000".
 std::string SmbiosHex(uint64_t number);
 // As the PCI source names functions: "0000:01:00.0". Empty when firmware has no address.

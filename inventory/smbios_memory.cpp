@@ -31,9 +31,26 @@ uint64_t ModuleSpeed(const SmbiosRecord& record, size_t word, size_t dword) {
     return speed == kExtended ? record.Dword(dword) & 0x7FFFFFFFU : speed;
 }
 
+void AddModuleFields(KemdInventoryItem& item, const SmbiosRecord& record) {
+    record.AddTexts(item, {{"vendor", 0x17},
+                           {"serial", 0x18},
+                           {"asset_tag", 0x19},
+                           {"part_number", 0x1A},
+                           {"firmware", 0x2B}});
+    record.AddWord(item, "technology", 0x28, kMemoryTechnologyWords);
+    AddKnown(item, "rank", record.Byte(0x1B) & 15U);
+    AddKnown(item, "rated_speed", ModuleSpeed(record, 0x15, 0x54));
+    AddKnown(item, "configured_speed", ModuleSpeed(record, 0x20, 0x58));
+    AddKnown(item, "voltage_min", record.Word(0x22));
+    AddKnown(item, "voltage_max", record.Word(0x24));
+    AddKnown(item, "voltage", record.Word(0x26));
+    AddKnown(item, "nonvolatile_size", record.Qword(0x34), UINT64_MAX);
+    AddKnown(item, "volatile_size", record.Qword(0x3C), UINT64_MAX);
+}
+
 // "P0 CHANNEL A", "P1_Node0_Channel2_Dimm0", "ChannelB-DIMM0": the letter or number after the word,
 // letters counted from A = 0.
-std::optional<uint64_t> Channel(std::string_view text) {
+std::optional<uint64_t> MemoryChannel(std::string_view text) {
     constexpr std::string_view kWord = "CHANNEL";
     const auto* const found = std::search(
         text.begin(), text.end(), kWord.begin(), kWord.end(),
@@ -50,39 +67,18 @@ std::optional<uint64_t> Channel(std::string_view text) {
     return static_cast<uint64_t>(std::toupper(static_cast<unsigned char>(text[0])) - 'A');
 }
 
-void AddModuleFields(KemdInventoryItem& item, const SmbiosRecord& record) {
-    constexpr uint16_t kUnknownWidth = 0xFFFF;
-    record.AddTexts(item, {{"vendor", 0x17},
-                           {"serial", 0x18},
-                           {"asset_tag", 0x19},
-                           {"part_number", 0x1A},
-                           {"firmware", 0x2B}});
-    AddFlags(item, "type_detail", kMemoryBits, record.Word(0x13));
-    record.AddWord(item, "technology", 0x28, kMemoryTechnologyWords);
-    AddKnown(item, "rank", record.Byte(0x1B) & 15U);
-    AddKnown(item, "rated_speed", ModuleSpeed(record, 0x15, 0x54));
-    AddKnown(item, "configured_speed", ModuleSpeed(record, 0x20, 0x58));
-    AddKnown(item, "total_width", record.Word(0x08), kUnknownWidth);
-    AddKnown(item, "data_width", record.Word(0x0A), kUnknownWidth);
-    AddKnown(item, "voltage_min", record.Word(0x22));
-    AddKnown(item, "voltage_max", record.Word(0x24));
-    AddKnown(item, "voltage", record.Word(0x26));
-    AddKnown(item, "nonvolatile_size", record.Qword(0x34), UINT64_MAX);
-    AddKnown(item, "volatile_size", record.Qword(0x3C), UINT64_MAX);
+}  // namespace
+
+void AddMemoryChannel(KemdInventoryItem& module) {
+    auto channel = MemoryChannel(module.Text("bank"));
+    if (!channel) channel = MemoryChannel(module.Text("location"));
+    if (channel) module.AddNumber("channel", *channel);
 }
 
-// "DIMM 0" of each channel is told apart by its bank.
-std::string ModuleName(const SmbiosRecord& record, const std::vector<SmbiosRecord>& records) {
-    const std::string_view locator = Trim(record.Text(kLocator));
-    const std::string_view bank = Trim(record.Text(kBank));
-    const auto count = std::count_if(records.begin(), records.end(), [&](const SmbiosRecord& each) {
-        return Trim(each.Text(kLocator)) == locator;
-    });
-    if (count < 2 || bank.empty()) return std::string(locator);
+std::string MemoryModuleName(std::string_view locator, std::string_view bank, bool isRepeated) {
+    if (!isRepeated || bank.empty()) return std::string(locator);
     return std::string(bank) + (locator.empty() ? "" : "/") + std::string(locator);
 }
-
-}  // namespace
 
 void SmbiosItems::AddMemory() {
     AddMemoryArrays();
@@ -105,19 +101,26 @@ void SmbiosItems::AddMemoryArrays() {
 }
 
 void SmbiosItems::AddMemoryModules() {
+    constexpr uint16_t kUnknownWidth = 0xFFFF;
     const std::vector<SmbiosRecord> records = Records(17);
+    std::map<std::string_view, unsigned> locators;
+    for (const SmbiosRecord& record : records) ++locators[Trim(record.Text(kLocator))];
     for (const SmbiosRecord& record : records) {
-        KemdInventoryItem& item = Add(ItemKind::kMemoryModule, ModuleName(record, records), record);
+        const std::string_view locator = Trim(record.Text(kLocator));
+        const std::string name =
+            MemoryModuleName(locator, Trim(record.Text(kBank)), locators[locator] > 1);
+        KemdInventoryItem& item = Add(ItemKind::kMemoryModule, name, record);
         const std::optional<uint64_t> size = ModuleSize(record);
         const bool isPopulated = !size || *size != 0;
         if (record.Has(0x04, 2)) SetParent(item, ItemKind::kMemoryArray, record.Word(0x04));
         record.AddTexts(item, {{"location", kLocator}, {"bank", kBank}});
-        auto channel = Channel(record.Text(kBank));
-        if (!channel) channel = Channel(record.Text(kLocator));
-        if (channel) item.AddNumber("channel", *channel);
+        AddMemoryChannel(item);
         item.AddNumber("populated", isPopulated ? 1 : 0);
         record.AddWord(item, "form_factor", 0x0E, kFormFactorWords);
         record.AddWord(item, "type", 0x12, kMemoryWords);
+        AddKnown(item, "total_width", record.Word(0x08), kUnknownWidth);
+        AddKnown(item, "data_width", record.Word(0x0A), kUnknownWidth);
+        AddFlags(item, "type_detail", kMemoryBits, record.Word(0x13));
         if (!isPopulated) continue;
         if (size) item.AddNumber("size", *size);
         AddModuleFields(item, record);
@@ -131,11 +134,11 @@ void SmbiosItems::AddMemoryRanges() {
         const uint64_t start = isExtended ? record.Qword(0x0F) : uint64_t{record.Dword(0x04)} << 10;
         const uint64_t last =
             isExtended ? record.Qword(0x17) : (uint64_t{record.Dword(0x08)} << 10) + 1023;
-        if (!record.Has(0x04, 8) || last < start) continue;
+        if (!record.Has(0x04, 8)) continue;
         KemdInventoryItem& item = Add(ItemKind::kMemoryRange, SmbiosHex(start), record);
         item.AddNumber("start_address", start);
         item.AddNumber("end_address", last);
-        item.AddNumber("size", last - start + 1);
+        if (last > start) item.AddNumber("size", last - start + 1);
         if (record.Has(0x0C, 2)) SetParent(item, ItemKind::kMemoryArray, record.Word(0x0C));
     }
 }

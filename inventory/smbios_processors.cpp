@@ -28,14 +28,14 @@ void AddVoltage(KemdInventoryItem& item, uint8_t code) {
     }
 }
 
-// KiB, or 64 KiB with the highest bit set; a dword for what does not fit into the word.
+// KiB, or 64 KiB with the highest bit set, in a dword or, in older tables, a word.
 uint64_t CacheSize(const SmbiosRecord& record, size_t word, size_t dword) {
     constexpr uint32_t kLargeUnit = 0x80000000;
-    const uint16_t size = record.Word(word);
-    const bool isExtended = size == 0xFFFF && record.Has(dword, 4);
-    const uint32_t wide =
-        isExtended ? record.Dword(dword) : (size & 0x8000U) << 16 | (size & 0x7FFFU);
-    return uint64_t{wide & ~kLargeUnit} << ((wide & kLargeUnit) != 0 ? 16 : 10);
+    const uint32_t small = record.Word(word);
+    const bool isWide = record.Has(dword, 4) && record.Dword(dword) != 0;
+    const uint32_t size =
+        isWide ? record.Dword(dword) : (small & 0x8000U) << 16 | (small & 0x7FFFU);
+    return uint64_t{size & ~kLargeUnit} << ((size & kLargeUnit) != 0 ? 16 : 10);
 }
 
 }  // namespace
@@ -47,13 +47,14 @@ void SmbiosItems::AddProcessors() {
         record.AddWord(item, "type", 0x05, kProcessorWords);
         item.AddNumber("populated", isPopulated ? 1 : 0);
         record.AddWord(item, "socket_type", 0x19, kSocketWords);
-        if (!isPopulated) continue;
         record.AddTexts(item, {{"vendor", 0x07},
                                {"model", 0x10},
                                {"serial", 0x20},
                                {"asset_tag", 0x21},
                                {"part_number", 0x22}});
-        item.Add("status", SmbiosWord(kProcessorStatusWords, record.Byte(0x18) & 7));
+        if (isPopulated) {
+            item.Add("status", SmbiosWord(kProcessorStatusWords, record.Byte(0x18) & 7));
+        }
         AddVoltage(item, record.Byte(0x11));
         AddKnown(item, "bus_clock", record.Word(0x12));
         AddKnown(item, "max_speed", record.Word(0x14));

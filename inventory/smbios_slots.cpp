@@ -32,15 +32,18 @@ bool IsAt(const KemdInventoryItem& slot, const std::string& address) {
 }  // namespace
 
 void SmbiosItems::AddSlots() {
+    constexpr uint8_t kUnknown = 1;
     for (const SmbiosRecord& record : Records(9)) {
         KemdInventoryItem& item = Add(ItemKind::kSlot, record.Text(0x04), record);
         if (record.Has(kSlotType)) item.Add("type", TypeWord(record.Byte(kSlotType)));
         record.AddWord(item, "width", 0x06, kSlotWidthWords);
         record.AddWord(item, "usage", 0x07, kSlotUsageWords);
         record.AddWord(item, "length", 0x08, kSlotLengthWords);
-        if (record.Has(0x09, 2)) item.AddNumber("number", record.Word(0x09));
-        AddFlags(item, "characteristics", kSlotBits1, record.Byte(0x0B));
-        AddFlags(item, "characteristics", kSlotBits2, record.Byte(0x0C));
+        if (record.Has(0x09)) item.AddNumber("number", record.Byte(0x09));
+        if ((record.Byte(0x0B) & kUnknown) == 0) {
+            AddFlags(item, "characteristics", kSlotBits1, record.Byte(0x0B));
+            AddFlags(item, "characteristics", kSlotBits2, record.Byte(0x0C));
+        }
         if (record.Has(0x0D, 4)) {
             item.Add("bus_address",
                      SmbiosPciAddress(record.Word(0x0D), record.Byte(0x0F), record.Byte(0x10)));

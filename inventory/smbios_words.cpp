@@ -59,7 +59,7 @@ const SmbiosWords kSecurityWords{
 const SmbiosWords kProcessorWords{
     1, "Other|Unknown|Central Processor|Math Processor|DSP Processor|Video Processor"};
 const SmbiosWords kProcessorStatusWords{
-    0, "Unknown|Enabled|Disabled By User|Disabled By BIOS|Idle|Reserved|Reserved|Other"};
+    0, "Unknown|Enabled|Disabled By User|Disabled By BIOS|Idle|||Other"};
 const SmbiosWords kSocketWords{
     1,
     "Other|Unknown|Daughter Board|ZIF Socket|Replaceable Piggy Back|None|LIF Socket|Slot 1|"
@@ -78,7 +78,7 @@ const SmbiosWords kSocketWords{
     "Socket LGA1851|Socket BGA2114|Socket BGA2833",
     kOtherSockets};
 const SmbiosWords kCacheModeWords{0, "Write Through|Write Back|Varies With Memory Address|Unknown"};
-const SmbiosWords kCacheLocationWords{0, "Internal|External|Reserved|Unknown"};
+const SmbiosWords kCacheLocationWords{0, "Internal|External||Unknown"};
 const SmbiosWords kCacheCorrectionWords{1,
                                         "Other|Unknown|None|Parity|Single-bit ECC|Multi-bit ECC"};
 const SmbiosWords kCacheWords{1, "Other|Unknown|Instruction|Data|Unified"};
@@ -154,7 +154,7 @@ const SmbiosWords kHostInterfaceWords{
 const SmbiosWords kHostProtocolWords{2, "IPMI|MCTP|Redfish over IP", kOtherHostProtocols};
 const SmbiosWords kSupplyWords{1, "Other|Unknown|Linear|Switching|Battery|UPS|Converter|Regulator"};
 const SmbiosWords kSupplyStatusWords{1, "Other|Unknown|OK|Non-critical|Critical"};
-const SmbiosWords kSupplyRangeWords{1, "Other|Unknown|Manual|Auto-switch|Wide range|N/A"};
+const SmbiosWords kSupplyRangeWords{1, "Other|Unknown|Manual|Auto-switch|Wide Range|N/A"};
 const SmbiosBits kFirmwareBits{
     "||||ISA|MCA|EISA|PCI|PC Card (PCMCIA)|PNP|APM|BIOS is upgradeable|BIOS shadowing is allowed|"
     "VLB|ESCD support is available|Boot from CD|Selectable boot|BIOS ROM is socketed|"

@@ -48,7 +48,12 @@ void ScanSystem(KemdInventory& inventory, uint32_t sections) {
         AddCpus(inventory);
         AddNumaNodes(inventory);
     }
-    if ((sections & KEMD_INVENTORY_MEMORY) != 0) items.AddMemory();
+    if ((sections & KEMD_INVENTORY_MEMORY) != 0) {
+        if (hasTables)
+            items.AddMemory();
+        else
+            AddUdevMemory(inventory);
+    }
     if ((sections & KEMD_INVENTORY_SLOTS) != 0) {
         items.AddSlots();
         JoinSlotMap(inventory, CPciSlotMap::GetSlotMapping(), CPciSlotMap::Source());
