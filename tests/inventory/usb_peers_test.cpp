@@ -18,7 +18,7 @@ using DeviceNumber = std::pair<unsigned, unsigned>;  // of the bus, on the bus
 std::map<DeviceNumber, const KemdInventoryItem*> ByNumber(const KemdInventory& inventory) {
     std::map<DeviceNumber, const KemdInventoryItem*> items;
     for (const KemdInventoryItem& item : inventory.items) {
-        items[{item.Number("bus_number"), item.Number("device_number")}] = &item;
+        items[{item.Number("bus_number"), item.Number("bus_device")}] = &item;
     }
     return items;
 }
@@ -69,7 +69,7 @@ TEST(UsbPeersTest, LsusbSeesTheSameDevicesAndDrivers) {
             line.substr(driver + 7, line.find_first_of("/,", driver) - driver - 7);
         if (root == line.npos) {
             const auto hasDriver = [&name](const auto& value) {
-                return value.field == InventoryField("interface") &&
+                return value.field == InventoryField("usb_interfaces") &&
                        Contains(value.text + ",", " " + name + ",");
             };
             EXPECT_TRUE(std::any_of(item.values.begin(), item.values.end(), hasDriver)) << line;
