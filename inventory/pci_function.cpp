@@ -84,15 +84,18 @@ std::optional<PciRegion> ParsePciResource(std::string_view line, unsigned number
     uint64_t end = 0;
     uint64_t flags = 0;
     if (!TakeHex(line, start) || !TakeHex(line, end) || !TakeHex(line, flags)) return std::nullopt;
-    if (flags == 0 || end < start || end - start == UINT64_MAX) return std::nullopt;
-    if (end == 0) return std::nullopt;
+    const bool isUsed = flags != 0 && end != 0 && end >= start && end - start != UINT64_MAX;
+    if (!isUsed) return std::nullopt;
+    const PciRegion::Use use = UseOf(number, (flags & kWindow) != 0);
+    // The kernel calls every ROM prefetchable.
+    if (use == PciRegion::Use::kRom) flags &= ~kPrefetchable;
     std::array<char, 128> text{};
     std::snprintf(
         text.data(), text.size(), "%s%s%s 0x%llx size %llu%s", (flags & kIo) != 0 ? "io" : "memory",
         (flags & k64Bit) != 0 ? " 64-bit" : "", (flags & kPrefetchable) != 0 ? " prefetchable" : "",
         static_cast<unsigned long long>(start), static_cast<unsigned long long>(end - start + 1),
         (flags & (kDisabled | kUnset)) != 0 ? " disabled" : "");
-    return PciRegion{UseOf(number, (flags & kWindow) != 0), number, text.data()};
+    return PciRegion{use, number, text.data()};
 }
 
 unsigned ParsePciLinkSpeed(std::string_view text) {

@@ -79,8 +79,8 @@ std::string Detail(const std::string& line) {
     std::smatch match;
     static const std::regex kMemory(
         R"(\s+(?:Region (\d)|Expansion ROM).*? at ([0-9a-f]+) (?:\((32|64)-bit, (non-)?prefetchable\) )?.*\[size=(\w+)\])");
-    static const std::regex kPorts(R"(\s+Region (\d): I/O ports at ([0-9a-f]+).*\[size=(\w+)\])");
-    static const std::regex kIrq(R"(\s+Interrupt: .*routed to IRQ (\d+))");
+    static const std::regex kPorts(R"(\s+Region (\d): I/O ports at 0*([0-9a-f]+).*\[size=(\w+)\])");
+    static const std::regex kIrq(R"(\s+Interrupt: .*routed to IRQ ([1-9]\d*))");
     static const std::regex kLink(R"(\s+Lnk(Cap|Sta):.*Speed ([0-9.]+)GT/s.*, Width x(\d+).*)");
     if (std::regex_match(line, match, kPorts)) {
         return "bar " + match[1].str() + ": io 0x" + match[2].str() + " size " +
@@ -175,9 +175,12 @@ void CompareWithLshw(const JsonValue& node, const KemdInventory& inventory, int&
         const KemdInventoryItem* const item = inventory.Find("pci:" + bus.substr(4));
         ASSERT_NE(item, nullptr) << bus;
         EXPECT_EQ(item->Text("vendor"), node.TextOf("vendor")) << bus;
-        EXPECT_EQ(item->Text("revision"), node.TextOf("version")) << bus;
-        // For a device that it has no name for it repeats the vendor's.
-        if (item->Find("device") != nullptr) {
+        // Of NVMe it has version and name of the drive. For a device that it has no name for it
+        // repeats the vendor's.
+        const bool isDrive = item->Text("class_id") == "0108";
+        EXPECT_EQ(isDrive ? node.TextOf("version") : item->Text("revision"), node.TextOf("version"))
+            << bus;
+        if (item->Find("device") != nullptr && !isDrive) {
             EXPECT_EQ(item->Text("device"), node.TextOf("product")) << bus;
         }
         const JsonValue* const configuration = node.Find("configuration");

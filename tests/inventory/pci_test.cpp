@@ -93,7 +93,7 @@ TEST_F(PciTest, AFunctionHasAllThatTheKernelAndPciIdsKnow) {
               "programming_interface=00\nprogramming_interface_name=Plain\nlabel=NIC 1\n"
               "physical_slot=4-1\ndriver=ixgbe\nmodule=ixgbe\nirq=35\niommu_group=17\nenabled=1\n"
               "power_state=D0\nbar=0: memory 64-bit prefetchable 0xfb000000 size 4194304\n"
-              "bar=2: io 0xe020 size 32\nrom=memory prefetchable 0xfb400000 size 524288\n"
+              "bar=2: io 0xe020 size 32\nrom=memory 0xfb400000 size 524288\n"
               "virtual_function_bar=0: memory 64-bit prefetchable 0xf8000000 size 1048576\n"
               "virtual_functions=2\nvirtual_functions_max=64\ncorrectable_errors=7\n"
               "fatal_errors=0\n");

@@ -1,0 +1,72 @@
+// Network interfaces beside lshw and ethtool.
+#include <map>
+#include <sstream>
+
+#include "inventory/host_inventory.h"
+#include "inventory/sources.h"
+#include "tests/inventory/peers.h"
+
+namespace {
+
+// By name; of ports that no hardware has, none.
+std::map<std::string, const KemdInventoryItem*> ByName(const KemdInventory& inventory) {
+    std::map<std::string, const KemdInventoryItem*> items;
+    for (const KemdInventoryItem& item : inventory.items) items[item.name] = &item;
+    return items;
+}
+
+}  // namespace
+
+TEST(InterfacesPeersTest, LshwKnowsTheSameAddressesAndDrivers) {
+    NEED_PEER("lshw");
+    KemdInventory inventory;
+    ScanInterfaces(inventory);
+    const auto items = ByName(inventory);
+    if (items.empty()) GTEST_SKIP() << "no network hardware on this machine";
+    size_t compared = 0;
+    const JsonValue list = PeerJson("lshw -json -quiet -class network");
+    for (const JsonValue& node : list.elements) {
+        const auto found = items.find(std::string(node.TextOf("logicalname")));
+        const JsonValue* const configuration = node.Find("configuration");
+        if (found == items.end() || configuration == nullptr) continue;
+        const KemdInventoryItem& item = *found->second;
+        EXPECT_EQ(item.Text("mac"), node.TextOf("serial"));
+        EXPECT_EQ(item.Text("driver"), configuration->TextOf("driver"));
+        EXPECT_EQ(item.Text("driver_version"), configuration->TextOf("driverversion"));
+        EXPECT_EQ(item.Number("link"), configuration->TextOf("link") == "yes" ? 1U : 0U);
+        const std::string_view firmware = configuration->TextOf("firmware");
+        EXPECT_EQ(item.Text("firmware"), firmware == "N/A" ? "" : firmware);
+        const std::string_view duplex = configuration->TextOf("duplex");
+        EXPECT_EQ(duplex.empty() ? duplex : item.Text("duplex"), duplex);
+        // "1Gbit/s"
+        const std::string speed(configuration->TextOf("speed"));
+        if (!speed.empty()) {
+            const uint64_t unit = speed.find("Gbit") != speed.npos ? 1000 : 1;
+            EXPECT_EQ(item.Number("speed"), std::stoull(speed) * unit);
+        }
+        ++compared;
+    }
+    EXPECT_EQ(compared, items.size());
+}
+
+TEST(InterfacesPeersTest, EthtoolKnowsTheSameBusAddressAndPort) {
+    NEED_PEER("ethtool");
+    KemdInventory inventory;
+    ScanInterfaces(inventory);
+    if (inventory.items.empty()) GTEST_SKIP() << "no network hardware on this machine";
+    for (const KemdInventoryItem& item : inventory.items) {
+        std::istringstream lines(PeerText("ethtool -i " + item.name + "; ethtool -P " + item.name));
+        for (std::string line; std::getline(lines, line);) {
+            const std::string value = line.substr(std::min(line.find(": ") + 2, line.size()));
+            const auto same = [&](const char* start, InventoryField field) {
+                if (!line.starts_with(start) || value == "not set") return;
+                EXPECT_EQ(item.Text(field), value) << line;
+            };
+            same("driver: ", "driver");
+            same("bus-info: 0", "address");
+            same("Permanent address: ", "permanent_mac");
+        }
+        const bool isPci = item.Text("bus") == "pci";
+        EXPECT_EQ(isPci ? "pci:" + item.Text("address") : item.parent, item.parent);
+    }
+}
