@@ -27,9 +27,10 @@ class DrivesPeers : public testing::Test {
             std::count_if(m_inventory.items.begin(), m_inventory.items.end(),
                           [](const auto& item) { return item.kind == ItemKind::kDrive; }));
     }
-    const KemdInventoryItem* ByDevice(std::string_view device) {
+    // Adapters too: "/dev/nvme0".
+    const KemdInventoryItem* ByDevice(const std::string& device) {
         for (const KemdInventoryItem& item : m_inventory.items) {
-            if (item.kind == ItemKind::kDrive && item.Text("device") == device) return &item;
+            if (item.Text("device") == device || "/dev/" + item.name == device) return &item;
         }
         return nullptr;
     }
@@ -173,7 +174,7 @@ TEST_F(DrivesPeers, SmartctlShowsTheSameHealth) {
 TEST_F(DrivesPeers, LshwShowsTheSameDrives) {
     NEED_PEER("lshw");
     Scan(false);
-    const JsonValue all = PeerJson("lshw -json -quiet -disable dmi -class disk");
+    const JsonValue all = PeerJson("lshw -json -quiet -disable dmi -class disk -class storage");
     for (const JsonValue& node : all.elements) {
         const JsonValue* const names = node.Find("logicalname");
         if (names == nullptr) continue;
@@ -181,7 +182,11 @@ TEST_F(DrivesPeers, LshwShowsTheSameDrives) {
         const KemdInventoryItem* const item =
             ByDevice(isList ? names->elements[0].text : names->text);
         if (item == nullptr) continue;
-        Equal(*item, node, {{"product", "model"}, {"version", "firmware"}, {"size", "size"}});
+        Equal(*item, node,
+              {{"vendor", "vendor"},
+               {"product", "model"},
+               {"version", "firmware"},
+               {"size", "size"}});
         // In decimal where ours, a card's, is hexadecimal.
         const std::string ours = item->Text("serial");
         const bool isHex = ours.starts_with("0x");

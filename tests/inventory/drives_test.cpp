@@ -273,6 +273,8 @@ TEST_F(DrivesTest, EachKindHasItsInterfaceAndAnId) {
         if (host == device.npos) continue;
         Host(device.substr(0, host), device.substr(host + 1, 5), c.driver);
     }
+    Tree(
+        "devices/pci0000:00/0000:00:14.0/usb1/1-1/1-1.2/1-1.2:1.0/host4/4:0:0:0/block/sdc/removable=1");
     Tree("class/iscsi_host/host6/uevent=\nclass/ata_port/ata3/port_no=5\n");
     Tree(
         "devices/pci0000:00/0000:00:7.0/mmc_host/mmc0/mmc0:0001/life_time=0x02 0x0a\n"
@@ -287,7 +289,10 @@ TEST_F(DrivesTest, EachKindHasItsInterfaceAndAnId) {
             << c.name << ": " << text;
         EXPECT_TRUE(Contains(text, std::string(" interface=") + c.interface)) << text;
     }
-    // eMMC needs no question.
+    // A USB stick is asked nothing, and eMMC needs no question.
+    EXPECT_EQ(std::count_if(inventory.notes.begin(), inventory.notes.end(),
+                            [](const auto& note) { return note.starts_with("drive:sdc"); }),
+              0);
     EXPECT_EQ(Health(inventory, "mmcblk0"),
               "health=ok critical_warning=spare blocks at 80 % percentage_used=100");
     EXPECT_FALSE(Contains(Item(inventory, "vdb"), "size=3"));
