@@ -17,7 +17,7 @@ struct Pair {
 
 class DrivesPeers : public testing::Test {
   protected:
-    ~DrivesPeers() override {
+    void TearDown() override {
         std::printf("%zu values of %zu drives compared\n", m_compared, Drives());
     }
 

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <bit>
 #include <condition_variable>
 #include <functional>
 #include <map>
@@ -60,7 +61,7 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     if (request == NVME_IOCTL_ADMIN_CMD) {
         auto* const admin = static_cast<nvme_admin_cmd*>(argument);
         const size_t size = std::min<size_t>(reply.data.size(), admin->data_len);
-        std::copy_n(reply.data.begin(), size, reinterpret_cast<uint8_t*>(admin->addr));
+        std::copy_n(reply.data.begin(), size, std::bit_cast<uint8_t*>(admin->addr));
         return reply.result;
     }
     auto* const header = static_cast<sg_io_hdr_t*>(argument);
