@@ -1,6 +1,7 @@
 #include "inventory/drive_health.h"
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <string_view>
 
@@ -102,7 +103,7 @@ void AddHealth(KemdInventoryItem& drive, const DriveHealth& health) {
 bool TakeNvmeHealth(DriveBytes page, DriveHealth& health) {
     constexpr size_t kPageSize = 512;
     constexpr int kKelvin = 273;
-    constexpr uint64_t kDataUnit = 512 * 1000;
+    constexpr uint64_t kDataUnit = 512000;
     constexpr uint8_t kTemperatureBit = 2;
     constexpr auto kWarnings = std::to_array<const char*>(
         {"spare below its threshold", "temperature", "reliability degraded", "media read-only",
@@ -171,15 +172,13 @@ void TakeAtaAttributes(DriveBytes data, DriveHealth& health) {
     uint8_t sum = 0;
     for (const uint8_t byte : data) sum = static_cast<uint8_t>(sum + byte);
     if (data.size() != kSize || sum != 0 || health.temperature) return;
-    for (const uint8_t wanted : {kAirflowTemperature, kTemperature}) {
-        for (size_t i = 0; i < kAttributes; ++i) {
-            const DriveBytes attribute = data.subspan(2 + i * 12, 12);
-            // The lowest byte of the raw value; others hold the lowest and the highest.
-            if (attribute[0] == wanted && attribute[5] != 0) {
-                SetTemperature(attribute[5], health.temperature);
-            }
-        }
-    }
+    // The lowest byte of the raw value; others hold the lowest and the highest.
+    constexpr size_t kRaw = 5;
+    std::array<uint8_t, 256> raw{};
+    for (size_t i = 0; i < kAttributes; ++i) raw[data[2 + i * 12]] = data[2 + i * 12 + kRaw];
+    const uint8_t temperature =
+        raw[kTemperature] != 0 ? raw[kTemperature] : raw[kAirflowTemperature];
+    if (temperature != 0) SetTemperature(temperature, health.temperature);
 }
 
 std::vector<uint8_t> AtaStatisticsPages(DriveBytes page0) {

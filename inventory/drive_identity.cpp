@@ -49,16 +49,20 @@ AtaIdentity ReadAtaIdentity(Bytes page) {
     const Bytes body = PageBody(page, kCode);
     if (body.size() < kHeader + kSize) return identity;
     const Bytes words = body.subspan(kHeader, kSize);
-    identity.serial = AtaText(words.subspan(10 * 2, 20));
-    identity.firmware = AtaText(words.subspan(23 * 2, 8));
-    identity.model = AtaText(words.subspan(27 * 2, 40));
-    // Word 87: valid when its highest bits are 01; bit 8: words 108 to 111 hold a name.
-    if ((ReadWord(words, 87 * 2) & 0xC100) == 0x4100) {
+    // Offsets in bytes, two a word.
+    constexpr size_t kEnabled = 174;  // word 87
+    constexpr size_t kName = 216;     // words 108 to 111
+    constexpr size_t kRate = 434;     // word 217
+    identity.serial = AtaText(words.subspan(20, 20));
+    identity.firmware = AtaText(words.subspan(46, 8));
+    identity.model = AtaText(words.subspan(54, 40));
+    // Valid when the highest bits are 01; bit 8: there is a name.
+    if ((ReadWord(words, kEnabled) & 0xC100) == 0x4100) {
         std::array<uint8_t, 8> name{};
-        for (size_t i = 0; i < name.size(); ++i) name[i] = words[108 * 2 + (i ^ 1)];
+        for (size_t i = 0; i < name.size(); ++i) name[i] = words[kName + (i ^ 1)];
         if (name[0] >> 4 == kNaa5) identity.wwn = "0x" + Hex(name);
     }
-    const uint16_t rate = ReadWord(words, 217 * 2);
+    const uint16_t rate = ReadWord(words, kRate);
     if (rate >= 0x0401 && rate != 0xFFFF) identity.rotationRate = rate;
     return identity;
 }

@@ -361,7 +361,9 @@ void AddMmcHealth(KemdInventory& inventory, KemdInventoryItem& item) {
 std::optional<HealthLanguage> LanguageOf(const FoundDrive& drive) {
     if (drive.item.Text("type") != "disk") return std::nullopt;
     if (drive.interface == "nvme") return HealthLanguage::kNvme;
-    // A bridge passes ATA on or refuses; SCSI's log pages are beyond most.
+    // A stick has nothing to say, and some hang at what they do not know. A bridge passes ATA on or
+    // refuses; SCSI's log pages are beyond most.
+    if (drive.interface == "usb" && drive.item.Number("removable") != 0) return std::nullopt;
     if (drive.isAta || drive.interface == "usb") return HealthLanguage::kAta;
     const bool isScsi = drive.interface == "scsi" || drive.interface == "sas" ||
                         drive.interface == "fc" || drive.interface == "iscsi";

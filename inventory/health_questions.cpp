@@ -294,8 +294,8 @@ void Drive::AskAta() {
     if (!ReadAta(kIdentify, 0, 0, 0, 0)) return;
     // Words 85 and 87 hold what is enabled; the highest two bits of word 87 are 01 when it is
     // valid.
-    const bool hasSmart = (ReadWord(m_page, 85 * 2) & 1) != 0;
-    const bool hasLogs = (ReadWord(m_page, 87 * 2) & 0xC020) == 0x4020;
+    const bool hasSmart = (ReadWord(m_page, 170) & 1) != 0;
+    const bool hasLogs = (ReadWord(m_page, 174) & 0xC020) == 0x4020;
     if (hasSmart) {
         const std::optional<AtaRegisters> status =
             AtaCommand(kSmart, kReturnStatus, kSmartMid, kSmartHigh);

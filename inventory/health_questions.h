@@ -14,8 +14,8 @@ enum class HealthLanguage : uint8_t { kNvme, kAta, kScsi };
 
 struct HealthTarget {
     std::string device;  // "/dev/sda"
-    dev_t number;        // the node must have it
-    HealthLanguage language;
+    dev_t number = 0;    // the node must have it
+    HealthLanguage language = HealthLanguage::kAta;
 };
 
 struct HealthAnswer {

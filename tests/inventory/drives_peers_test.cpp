@@ -1,9 +1,8 @@
 // Drives beside lsblk, nvme, smartctl and lshw.
 #include <algorithm>
-#include <cmath>
-#include <map>
 #include <vector>
 
+#include "base/text.h"
 #include "inventory/host_inventory.h"
 #include "inventory/sources.h"
 #include "tests/inventory/peers.h"
@@ -11,248 +10,195 @@
 
 namespace {
 
-// A peer's value as our fields have it.
-std::string TextOf(const JsonValue& value) {
-    if (value.kind == JsonValue::kFlag) return value.flag ? "1" : "0";
-    if (value.kind != JsonValue::kText && value.kind != JsonValue::kNumber) return {};
-    std::string text = value.text;
-    text.erase(text.find_last_not_of(' ') + 1);
-    return text.substr(std::min(text.find_first_not_of(' '), text.size()));
-}
-
-// udev writes "_" for a blank.
-std::string Blanks(std::string text) {
-    std::replace(text.begin(), text.end(), '_', ' ');
-    return text;
-}
-
-const KemdInventoryItem* ByDevice(const KemdInventory& inventory, const std::string& device) {
-    for (const KemdInventoryItem& item : inventory.items) {
-        if (item.kind == ItemKind::kDrive && item.Text("device") == device) return &item;
-    }
-    return nullptr;
-}
-
 struct Pair {
     const char* theirs;
     InventoryField ours;
 };
 
-// The number of values that both have; each that differs is a failure.
-class Comparison {
-  public:
-    void Equal(const KemdInventoryItem& item, InventoryField field, const std::string& theirs) {
-        const std::string ours = item.Text(field);
+class DrivesPeers : public testing::Test {
+  protected:
+    void TearDown() override {
+        std::printf("%zu values of %zu drives compared\n", m_compared, Drives());
+    }
+
+    void Scan(bool withHealth) { ScanDrives(m_inventory, withHealth); }
+    size_t Drives() {
+        return static_cast<size_t>(
+            std::count_if(m_inventory.items.begin(), m_inventory.items.end(),
+                          [](const auto& item) { return item.kind == ItemKind::kDrive; }));
+    }
+    // Adapters too: "/dev/nvme0".
+    const KemdInventoryItem* ByDevice(const std::string& device) {
+        for (const KemdInventoryItem& item : m_inventory.items) {
+            if (item.Text("device") == device || "/dev/" + item.name == device) return &item;
+        }
+        return nullptr;
+    }
+    // What only one of both knows is not compared. udev writes "_" for a blank; of an ATA drive
+    // SCSI's inquiry has 16 characters of the model and 4 of the firmware.
+    void Equal(const KemdInventoryItem& item, InventoryField field, std::string theirs) {
+        std::string ours = item.Text(field);
         if (ours.empty() || theirs.empty()) return;
         ++m_compared;
-        EXPECT_EQ(Blanks(ours), Blanks(theirs)) << item.name << ": " << field.Info().name;
+        std::replace(ours.begin(), ours.end(), '_', ' ');
+        std::replace(theirs.begin(), theirs.end(), '_', ' ');
+        const bool isAta = item.Text("interface") == "sata" || item.Text("interface") == "ide";
+        if (isAta && theirs.size() == 16 && field == "model") ours = ours.substr(0, 16);
+        if (isAta && theirs.size() == 4 && field == "firmware" && ours.ends_with(theirs)) return;
+        EXPECT_EQ(ours, theirs) << item.name << ": " << field.Info().name;
     }
-    void Print(const char* peer) const {
-        std::printf("%s: %zu values compared\n", peer, m_compared);
+    void Equal(const KemdInventoryItem& item, const JsonValue& peer,
+               const std::vector<Pair>& fields) {
+        for (const auto& [theirs, ours] : fields) Equal(item, ours, Value(peer, theirs));
     }
-    [[nodiscard]] size_t Count() const { return m_compared; }
+    // As our fields have it.
+    static std::string Value(const JsonValue& object, const char* name) {
+        const JsonValue* const value = object.Find(name);
+        if (value == nullptr) return {};
+        if (value->kind == JsonValue::kFlag) return value->flag ? "1" : "0";
+        return std::string(Trim(value->text));
+    }
 
-  private:
+    KemdInventory m_inventory;
     size_t m_compared = 0;
 };
 
-// lsblk's words.
-std::string Interface(const std::string& transport) {
-    return transport == "ata" ? "ide" : transport == "spi" ? "scsi" : transport;
-}
-
-// udev, which lsblk asks, and we for want of better have the serial number of the USB bridge. A
-// drive's own is better.
-bool IsOfBridge(const KemdInventoryItem& item, const std::string& serial) {
-    const std::string usb = item.parent.substr(item.parent.find(':') + 1);
-    const std::string own = ReadFile("/sys/bus/usb/devices/" + usb + "/serial");
-    return item.Text("interface") == "usb" && own == serial + "\n";
-}
-
-TEST(DrivesPeers, LsblkShowsTheSameDrives) {
+TEST_F(DrivesPeers, LsblkShowsTheSameDrives) {
     NEED_PEER("lsblk");
-    KemdInventory inventory;
-    ScanDrives(inventory, false);
+    Scan(false);
     const JsonValue all = PeerJson("lsblk -a -d -J -O -b");
-    const JsonValue* const devices = all.Find("blockdevices");
-    ASSERT_NE(devices, nullptr);
-    const std::vector<Pair> fields = {
-        {"maj:min", "device_number"},
-        {"size", "size"},
-        {"model", "model"},
-        {"wwn", "wwn"},
-        {"type", "type"},
-        {"rota", "rotational"},
-        {"rm", "removable"},
-        {"ro", "read_only"},
-        {"log-sec", "logical_sector_size"},
-        {"phy-sec", "physical_sector_size"},
-        {"min-io", "minimum_io_size"},
-        {"opt-io", "optimal_io_size"},
-        {"disc-gran", "discard_granularity"},
-        {"disc-max", "discard_max"},
-        {"sched", "scheduler"},
-        {"rq-size", "queue_requests"},
-        {"zoned", "zoned"},
-        {"state", "state"},
-        {"hctl", "hctl"},
-    };
-    Comparison comparison;
+    ASSERT_NE(all.Find("blockdevices"), nullptr);
     size_t drives = 0;
-    for (const JsonValue& device : devices->elements) {
-        const std::string type(device.TextOf("type"));
-        const std::string name(device.TextOf("name"));
-        const bool isDrive = (type == "disk" || type == "rom") && !name.starts_with("zram") &&
-                             !name.starts_with("ram") && !name.starts_with("nbd");
-        if (!isDrive) continue;
+    for (const JsonValue& device : all.Find("blockdevices")->elements) {
+        const std::string type = Value(device, "type");
+        const std::string name = Value(device, "name");
+        const bool isMemory = name.starts_with("zram") || name.starts_with("ram");
+        if ((type != "disk" && type != "rom") || isMemory || name.starts_with("nbd")) continue;
         ++drives;
-        const KemdInventoryItem* const item = ByDevice(inventory, TextOf(*device.Find("path")));
+        const KemdInventoryItem* const item = ByDevice(Value(device, "path"));
         ASSERT_NE(item, nullptr) << name;
-        for (const auto& [theirs, ours] : fields) {
-            comparison.Equal(*item, ours, TextOf(*device.Find(theirs)));
-        }
-        const std::string serial = TextOf(*device.Find("serial"));
-        if (!IsOfBridge(*item, serial)) comparison.Equal(*item, "serial", serial);
-        // lsblk shows numbers of virtio and mmc, and SCSI's word for all ATA drives.
-        const std::string vendor = TextOf(*device.Find("vendor"));
-        if (vendor != "ATA" && !vendor.starts_with("0x")) comparison.Equal(*item, "vendor", vendor);
-        comparison.Equal(*item, "interface", Interface(TextOf(*device.Find("tran"))));
-        // Four characters of it.
-        EXPECT_NE(item->Text("firmware").find(TextOf(*device.Find("rev"))), std::string::npos);
+        Equal(*item, device,
+              {{"maj:min", "device_number"},
+               {"size", "size"},
+               {"model", "model"},
+               {"rev", "firmware"},
+               {"wwn", "wwn"},
+               {"type", "type"},
+               {"rota", "rotational"},
+               {"rm", "removable"},
+               {"ro", "read_only"},
+               {"log-sec", "logical_sector_size"},
+               {"hctl", "hctl"},
+               {"phy-sec", "physical_sector_size"},
+               {"min-io", "minimum_io_size"},
+               {"opt-io", "optimal_io_size"},
+               {"disc-max", "discard_max"},
+               {"disc-gran", "discard_granularity"},
+               {"sched", "scheduler"},
+               {"zoned", "zoned"},
+               {"rq-size", "queue_requests"},
+               {"state", "state"}});
+        // A number for virtio and mmc, SCSI's word for all ATA drives.
+        const std::string vendor = Value(device, "vendor");
+        if (vendor != "ATA" && !vendor.starts_with("0x")) Equal(*item, "vendor", vendor);
+        const std::string transport = Value(device, "tran");
+        Equal(*item, "interface",
+              transport == "ata"   ? "ide"
+              : transport == "spi" ? "scsi"
+                                   : transport);
+        // udev has the serial number of the USB bridge also where the drive has its own.
+        const std::string usb = item->parent.substr(item->parent.find(':') + 1);
+        const std::string bridge = ReadFile("/sys/bus/usb/devices/" + usb + "/serial");
+        const std::string serial = Value(device, "serial");
+        if (bridge != serial + "\n") Equal(*item, "serial", serial);
     }
-    EXPECT_EQ(drives, std::count_if(inventory.items.begin(), inventory.items.end(),
-                                    [](const auto& i) { return i.kind == ItemKind::kDrive; }));
-    comparison.Print("lsblk");
+    EXPECT_EQ(drives, Drives());
 }
 
-TEST(DrivesPeers, NvmeShowsTheSameNamespacesAndHealth) {
+TEST_F(DrivesPeers, NvmeShowsTheSameNamespacesAndHealth) {
     NEED_PEER("nvme");
-    KemdInventory inventory;
-    ScanDrives(inventory, true);
-    const bool hasNvme =
-        std::any_of(inventory.items.begin(), inventory.items.end(), [](const auto& item) {
-            return item.kind == ItemKind::kDrive && item.Text("interface") == "nvme";
-        });
-    if (!hasNvme) GTEST_SKIP() << "not compared: there is no NVMe drive";
-    Comparison comparison;
+    if (access("/sys/class/nvme/nvme0", F_OK) != 0) GTEST_SKIP() << "not compared: no NVMe drive";
+    Scan(true);
     const JsonValue all = PeerJson("nvme list -o json");
     ASSERT_NE(all.Find("Devices"), nullptr);
     for (const JsonValue& device : all.Find("Devices")->elements) {
-        const std::string path(device.TextOf("DevicePath"));
-        const KemdInventoryItem* const item = ByDevice(inventory, path);
+        const std::string path = Value(device, "DevicePath");
+        const KemdInventoryItem* const item = ByDevice(path);
         ASSERT_NE(item, nullptr) << path;
-        comparison.Equal(*item, "namespace", TextOf(*device.Find("NameSpace")));
-        comparison.Equal(*item, "firmware", TextOf(*device.Find("Firmware")));
-        comparison.Equal(*item, "model", TextOf(*device.Find("ModelNumber")));
-        comparison.Equal(*item, "serial", TextOf(*device.Find("SerialNumber")));
-        comparison.Equal(*item, "size", TextOf(*device.Find("PhysicalSize")));
-        comparison.Equal(*item, "logical_sector_size", TextOf(*device.Find("SectorSize")));
+        Equal(*item, device,
+              {{"NameSpace", "namespace"},
+               {"Firmware", "firmware"},
+               {"ModelNumber", "model"},
+               {"SerialNumber", "serial"},
+               {"PhysicalSize", "size"},
+               {"SectorSize", "logical_sector_size"}});
         const JsonValue log = PeerJson("nvme smart-log -o json " + path);
-        comparison.Equal(*item, "temperature",
-                         std::to_string(log.NumberOf("temperature").value_or(0) - 273));
-        EXPECT_EQ(item->Text("health"),
-                  (log.NumberOf("critical_warning").value_or(0) & ~2) == 0 ? "ok" : "failing");
-        const std::vector<Pair> counters = {{"avail_spare", "spare"},
-                                            {"spare_thresh", "spare_threshold"},
-                                            {"percent_used", "percentage_used"},
-                                            {"power_cycles", "power_cycles"},
-                                            {"power_on_hours", "power_on_hours"},
-                                            {"unsafe_shutdowns", "unsafe_shutdowns"},
-                                            {"media_errors", "media_errors"}};
-        for (const auto& [theirs, ours] : counters) {
-            comparison.Equal(*item, ours, TextOf(*log.Find(theirs)));
-        }
+        Equal(*item, log,
+              {{"avail_spare", "spare"},
+               {"spare_thresh", "spare_threshold"},
+               {"percent_used", "percentage_used"},
+               {"power_cycles", "power_cycles"},
+               {"power_on_hours", "power_on_hours"},
+               {"unsafe_shutdowns", "unsafe_shutdowns"},
+               {"media_errors", "media_errors"}});
+        const int64_t kelvin = log.NumberOf("temperature").value_or(0);
+        Equal(*item, "temperature", std::to_string(kelvin - 273));
+        const bool isGood = (log.NumberOf("critical_warning").value_or(0) & ~2) == 0;
+        Equal(*item, "health", isGood ? "ok" : "failing");
     }
-    EXPECT_GT(comparison.Count(), 0U);
-    comparison.Print("nvme");
+    EXPECT_GT(m_compared, 0U);
 }
 
-TEST(DrivesPeers, SmartctlShowsTheSameHealth) {
+TEST_F(DrivesPeers, SmartctlShowsTheSameHealth) {
     NEED_PEER("smartctl");
-    KemdInventory inventory;
-    ScanDrives(inventory, true);
-    Comparison comparison;
-    for (const KemdInventoryItem& item : inventory.items) {
+    Scan(true);
+    for (const KemdInventoryItem& item : m_inventory.items) {
         const std::string health = item.Text("health");
         if (item.kind != ItemKind::kDrive || health.empty()) continue;
         const JsonValue all = PeerJson("smartctl -j -i -H -A " + item.Text("device"));
         const JsonValue* const status = all.Find("smart_status");
         const JsonValue* const temperature = all.Find("temperature");
-        if (status != nullptr && status->Find("passed") != nullptr && health != "unknown") {
-            const bool hasPassed = status->Find("passed")->flag;
-            comparison.Equal(item, "health", hasPassed ? "ok" : "failing");
+        const std::string verdict = status == nullptr ? "" : Value(*status, "passed");
+        if (!verdict.empty() && health != "unknown") {
+            Equal(item, "health", verdict == "1" ? "ok" : "failing");
         }
-        if (temperature != nullptr && temperature->Find("current") != nullptr) {
-            comparison.Equal(item, "temperature", TextOf(*temperature->Find("current")));
-        }
-        comparison.Equal(item, "model", std::string(all.TextOf("model_name")));
-        comparison.Equal(item, "serial", std::string(all.TextOf("serial_number")));
-        comparison.Equal(item, "firmware", std::string(all.TextOf("firmware_version")));
+        if (temperature != nullptr) Equal(item, "temperature", Value(*temperature, "current"));
+        Equal(item, all,
+              {{"model_name", "model"},
+               {"serial_number", "serial"},
+               {"firmware_version", "firmware"}});
     }
-    comparison.Print("smartctl");
+    if (m_compared == 0) GTEST_SKIP() << "not compared: smartctl knows nothing of these drives";
 }
 
-std::string Hexadecimal(const std::string& decimal) {
-    std::ostringstream text;
-    text << "0x" << std::hex << std::strtoull(decimal.c_str(), nullptr, 10);
-    return text.str();
-}
-
-void CompareLshw(const KemdInventory& inventory, const JsonValue& node, Comparison& comparison) {
-    const JsonValue* const names = node.Find("logicalname");
-    std::vector<std::string> paths;
-    if (names != nullptr && names->kind == JsonValue::kText) paths.push_back(names->text);
-    for (size_t i = 0; names != nullptr && i < names->elements.size(); ++i) {
-        paths.push_back(names->elements[i].text);
-    }
-    const std::string nodeClass(node.TextOf("class"));
-    const KemdInventoryItem* const item =
-        paths.empty() || nodeClass != "disk" ? nullptr : ByDevice(inventory, paths.front());
-    if (item == nullptr) return;
-    const std::vector<Pair> fields = {
-        {"serial", "serial"}, {"product", "model"}, {"version", "firmware"}, {"size", "size"}};
-    for (const auto& [theirs, ours] : fields) {
-        if (node.Find(theirs) == nullptr) continue;
-        // Of an ATA drive lshw sees what fits SCSI's inquiry: 16 characters of the model, 4 of the
-        // firmware; and it writes the hexadecimal serial number of a card in decimal.
-        const std::string full = item->Text(ours);
-        std::string text = TextOf(*node.Find(theirs));
-        const bool isPart = (text.size() == 16 && full.starts_with(text)) ||
-                            (text.size() == 4 && full.ends_with(text));
-        if (full.starts_with("0x") && full == Hexadecimal(text)) text = full;
-        comparison.Equal(*item, ours, isPart ? full : text);
-    }
-    const JsonValue* const settings = node.Find("configuration");
-    if (settings == nullptr) return;
-    comparison.Equal(*item, "logical_sector_size",
-                     std::string(settings->TextOf("logicalsectorsize")));
-    comparison.Equal(*item, "physical_sector_size", std::string(settings->TextOf("sectorsize")));
-}
-
-TEST(DrivesPeers, LshwShowsTheSameDrives) {
+TEST_F(DrivesPeers, LshwShowsTheSameDrives) {
     NEED_PEER("lshw");
-    KemdInventory inventory;
-    ScanDrives(inventory, false);
-    Comparison comparison;
+    Scan(false);
     const JsonValue all = PeerJson("lshw -json -quiet -disable dmi -class disk -class storage");
-    for (const JsonValue& node : all.elements) CompareLshw(inventory, node, comparison);
-    comparison.Print("lshw");
-}
-
-// For a look at it: run with --gtest_also_run_disabled_tests.
-TEST(DrivesPeers, DISABLED_Print) {
-    KemdInventory inventory;
-    ScanPci(inventory);
-    ScanDrives(inventory, true);
-    for (const KemdInventoryItem& item : inventory.items) {
-        if (KindSection(item.kind) != KEMD_INVENTORY_DRIVES) continue;
-        std::printf("%s \"%s\" parent %s\n", item.id.c_str(), item.name.c_str(),
-                    item.parent.c_str());
-        for (const auto& value : item.values) {
-            std::printf("    %s = %s\n", value.field.Info().name, value.text.c_str());
-        }
+    for (const JsonValue& node : all.elements) {
+        const JsonValue* const names = node.Find("logicalname");
+        if (names == nullptr) continue;
+        const bool isList = names->kind == JsonValue::kArray && !names->elements.empty();
+        const KemdInventoryItem* const item =
+            ByDevice(isList ? names->elements[0].text : names->text);
+        if (item == nullptr) continue;
+        Equal(*item, node,
+              {{"vendor", "vendor"},
+               {"product", "model"},
+               {"version", "firmware"},
+               {"size", "size"}});
+        // In decimal where ours, a card's, is hexadecimal.
+        const std::string ours = item->Text("serial");
+        const bool isHex = ours.starts_with("0x");
+        const std::string number = std::to_string(std::strtoull(ours.c_str(), nullptr, 16));
+        Equal(*item, "serial",
+              isHex && Value(node, "serial") == number ? ours : Value(node, "serial"));
+        const JsonValue* const settings = node.Find("configuration");
+        if (settings == nullptr) continue;
+        Equal(
+            *item, *settings,
+            {{"logicalsectorsize", "logical_sector_size"}, {"sectorsize", "physical_sector_size"}});
     }
-    for (const std::string& note : inventory.notes) std::printf("note: %s\n", note.c_str());
 }
 
 }  // namespace

@@ -7,11 +7,13 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <bit>
 #include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
 
+#include "base/text.h"
 #include "inventory/drive_identity.h"
 #include "inventory/host_inventory.h"
 #include "inventory/sources.h"
@@ -59,16 +61,16 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     if (request == NVME_IOCTL_ADMIN_CMD) {
         auto* const admin = static_cast<nvme_admin_cmd*>(argument);
         const size_t size = std::min<size_t>(reply.data.size(), admin->data_len);
-        std::memcpy(reinterpret_cast<void*>(admin->addr), reply.data.data(), size);
+        std::copy_n(reply.data.begin(), size, std::bit_cast<uint8_t*>(admin->addr));
         return reply.result;
     }
     auto* const header = static_cast<sg_io_hdr_t*>(argument);
     const size_t size = std::min<size_t>(reply.data.size(), header->dxfer_len);
-    if (size > 0) std::memcpy(header->dxferp, reply.data.data(), size);
+    std::copy_n(reply.data.begin(), size, static_cast<uint8_t*>(header->dxferp));
     header->resid = static_cast<int>(header->dxfer_len - size);
     header->status = reply.sense.empty() ? 0 : 2;
     header->sb_len_wr = static_cast<uint8_t>(std::min<size_t>(reply.sense.size(), 64));
-    std::memcpy(header->sbp, reply.sense.data(), header->sb_len_wr);
+    std::copy_n(reply.sense.begin(), header->sb_len_wr, header->sbp);
     return 0;
 }
 
@@ -76,10 +78,10 @@ namespace {
 
 class DrivesTest : public testing::Test {
   protected:
+    void SetUp() override { std::filesystem::create_directories("/run/udev/data"); }
     void TearDown() override {
         for (const char* const folder : {"/sys", "/run/udev"}) {
-            for (const auto& entry : std::filesystem::directory_iterator(
-                     folder, std::filesystem::directory_options::skip_permission_denied)) {
+            for (const auto& entry : std::filesystem::directory_iterator(folder)) {
                 std::filesystem::remove_all(entry.path());
             }
         }
@@ -88,29 +90,32 @@ class DrivesTest : public testing::Test {
         g_commands.clear();
     }
 
-    void SetUp() override { std::filesystem::create_directories("/run/udev/data"); }
-
-    static void Link(const std::string& target, const std::string& path) {
-        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-        std::filesystem::create_symlink(target, path);
-    }
-    static void Write(const std::string& folder, const std::map<std::string, std::string>& texts) {
-        for (const auto& [name, text] : texts) WriteFile(folder + "/" + name, text);
+    // Lines "FILE=TEXT" and "LINK>TARGET", relative to /sys as targets are.
+    static void Tree(std::string_view lines) {
+        while (!lines.empty()) {
+            const std::string line(TakeLine(lines));
+            const size_t mark = line.find_first_of("=>");
+            if (mark == line.npos) continue;
+            const std::string path = "/sys/" + line.substr(0, mark);
+            if (line[mark] == '=') {
+                WriteFile(path, line.substr(mark + 1) + "\n");
+                continue;
+            }
+            std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+            std::filesystem::create_symlink("/sys/" + line.substr(mark + 1), path);
+        }
     }
     // `device`: the folder that the drive's "block" is in.
     static void Drive(const std::string& device, const std::string& name,
-                      const std::map<std::string, std::string>& texts) {
-        const std::string folder = "/sys/devices/" + device + "/block/" + name;
-        Write(folder, {{"size", "2048"}, {"removable", "0"}, {"ro", "0"}});
-        Write(folder, texts);
-        Link("../..", folder + "/device");
-        Link(folder, "/sys/block/" + name);
+                      const std::string& number = "8:0", const std::string& size = "2048") {
+        const std::string folder = "devices/" + device + "/block/" + name;
+        Tree(folder + "/size=" + size + "\n" + folder + "/dev=" + number + "\n" + folder +
+             "/device>devices/" + device + "\nblock/" + name + ">" + folder + "\n");
     }
     static void Host(const std::string& device, const std::string& name,
-                     const std::map<std::string, std::string>& texts) {
-        const std::string folder = "/sys/devices/" + device + "/" + name + "/scsi_host/" + name;
-        Write(folder, texts);
-        Link(folder, "/sys/class/scsi_host/" + name);
+                     const std::string& driver) {
+        const std::string folder = "devices/" + device + "/" + name + "/scsi_host/" + name;
+        Tree(folder + "/proc_name=" + driver + "\nclass/scsi_host/" + name + ">" + folder + "\n");
     }
     // A drive that can be asked: the node is the one of memory's character devices with that minor.
     static void Asked(const std::string& name, unsigned minor, const std::string& vendor,
@@ -118,15 +123,15 @@ class DrivesTest : public testing::Test {
         const std::map<unsigned, std::string> nodes = {
             {3, "null"}, {5, "zero"}, {7, "full"}, {8, "random"}, {9, "urandom"}};
         std::filesystem::remove("/dev/" + name);
-        Link("/dev/" + nodes.at(minor), "/dev/" + name);
+        std::filesystem::create_symlink("/dev/" + nodes.at(minor), "/dev/" + name);
         const std::string device = "pci0000:00/0000:00:0" + std::to_string(minor) +
                                    (vendor.empty() ? ".0" : ".0/host1/1:0:0:0");
-        Drive(device, name, {{"dev", "1:" + std::to_string(minor)}});
-        if (!vendor.empty()) Write("/sys/devices/" + device, {{"vendor", vendor}});
+        Drive(device, name, "1:" + std::to_string(minor));
+        if (!vendor.empty()) Tree("devices/" + device + "/vendor=" + vendor);
         const std::lock_guard lock(g_mutex);
         g_drives[minor] = std::move(drive);
     }
-    static std::vector<uint8_t> Commands(unsigned minor) {
+    static Bytes Commands(unsigned minor) {
         const std::lock_guard lock(g_mutex);
         return g_commands[minor];
     }
@@ -136,128 +141,103 @@ class DrivesTest : public testing::Test {
         ScanDrives(inventory, withHealth);
         return inventory;
     }
-    // "ID < PARENT" and the fields, a line each.
-    static std::string Text(const KemdInventory& inventory) {
+    // "ID < PARENT: FIELD=VALUE ..." of the item with that name.
+    static std::string Item(const KemdInventory& inventory, const std::string& name) {
         std::string text;
         for (const KemdInventoryItem& item : inventory.items) {
-            text += item.id + " < " + item.parent + "\n" + Fields(item);
-        }
-        for (const std::string& note : inventory.notes) text += "note " + note + "\n";
-        return text;
-    }
-    static std::string Fields(const KemdInventoryItem& item) {
-        std::string text;
-        for (const auto& value : item.values) {
-            text += std::string("  ") + value.field.Info().name + "=" + value.text + "\n";
+            if (item.name != name) continue;
+            text += item.id + " < " + item.parent + ":";
+            for (const auto& value : item.values) {
+                text += std::string(" ") + value.field.Info().name + "=" + value.text;
+            }
         }
         return text;
     }
-    static std::string Named(const KemdInventory& inventory, const std::string& name) {
-        for (const KemdInventoryItem& item : inventory.items) {
-            if (item.name == name) return item.id + " < " + item.parent + "\n" + Fields(item);
-        }
-        return {};
-    }
-    // Fields of health alone.
     static std::string Health(const KemdInventory& inventory, const std::string& name) {
-        std::istringstream lines(Named(inventory, name));
-        std::string health;
-        bool isHealth = false;
-        for (std::string line; std::getline(lines, line);) {
-            isHealth =
-                isHealth || line.starts_with("  power_state") || line.starts_with("  health");
-            if (isHealth) health += line.substr(2) + "\n";
-        }
-        return health;
+        const std::string text = Item(inventory, name);
+        const size_t start = std::min(text.find("power_state="), text.find("health="));
+        return start == text.npos ? "" : text.substr(start);
     }
 };
 
 TEST_F(DrivesTest, SasDriveHasItsBayItsAdapterAndItsPaths) {
-    const std::string hba = "pci0000:00/0000:00:01.0/0000:03:00.0";
-    Host(hba, "host0",
-         {{"proc_name", "mpt3sas\n"}, {"version_fw", "16.00.01.00"}, {"board_name", "HBA 9400"}});
-    Write("/sys/class/sas_host/host0", {{"uevent", ""}});
-    const std::string bay = "/sys/devices/" + hba + "/host0/enclosure/0:0:9:0";
-    Write(bay, {{"id", "0x500a098004b7a6c0"}, {"Slot 07/slot", "7"}});
-    Link(bay, "/sys/class/enclosure/0:0:9:0");
-    const std::string page80("\x00\x80\x00\x08 ZA1B2C3 ", 13);
-    for (const auto& [target, name] : {std::pair("0:0:2:0", "sdb"), std::pair("0:0:1:0", "sda")}) {
-        const std::string device = hba + "/host0/" + target;
-        Drive(device, name,
-              {{"dev", name == std::string("sda") ? "8:0" : "8:16"},
-               {"queue/scheduler", "none [mq-deadline] kyber"},
-               {"queue/rotational", "1"},
-               {"queue/zoned", "host-managed"},
-               {"queue/nr_zones", "20"},
-               {"queue/chunk_sectors", "524288"},
-               {"holders/dm-3/x", ""}});
-        Write("/sys/devices/" + device, {{"vendor", "ACME    "},
-                                         {"model", "ST4000\tX  "},
-                                         {"rev", "0003"},
-                                         {"wwid", "naa.5000c50012345678\n"},
-                                         {"vpd_pg80", page80},
-                                         {"sas_address", "0x5000c50012345679"},
-                                         {"state", "running"}});
-        Link(bay + "/Slot 07", "/sys/devices/" + device + "/enclosure_device:Slot 07");
+    Tree(R"(devices/pci0000:00/0000:03:00.0/host0/scsi_host/host0/version_fw=16.00.01.00
+devices/pci0000:00/0000:03:00.0/host0/scsi_host/host0/board_name=HBA 9400
+class/sas_host/host0/uevent=
+devices/pci0000:00/0000:03:00.0/host0/enclosure/0:0:9:0/id=0x500a098004b7a6c0
+devices/pci0000:00/0000:03:00.0/host0/enclosure/0:0:9:0/Slot 07/slot=7
+class/enclosure/0:0:9:0>devices/pci0000:00/0000:03:00.0/host0/enclosure/0:0:9:0
+devices/virtual/block/dm-3/dm/name=mpatha
+devices/virtual/block/dm-3/dm/uuid=mpath-35000
+block/dm-3>devices/virtual/block/dm-3
+block/sdz>it went while it was listed
+)");
+    Host("pci0000:00/0000:03:00.0", "host0", "mpt3sas");
+    for (const auto& [unit, name] : {std::pair("0:0:2:0", "sdb"), std::pair("0:0:1:0", "sda")}) {
+        const std::string device = std::string("pci0000:00/0000:03:00.0/host0/") + unit;
+        Drive(device, name, name == std::string("sda") ? "8:0" : "8:16");
+        std::string tree = R"(@/vendor=ACME
+@/model=ST4000	X
+@/rev=0003
+@/wwid=naa.5000c50012345678
+@/sas_address=0x5000c50012345679
+@/enclosure_device:Slot 07>devices/pci0000:00/0000:03:00.0/host0/enclosure/0:0:9:0/Slot 07
+@/block/#/queue/scheduler=none [mq-deadline] kyber
+@/block/#/queue/zoned=host-managed
+@/block/#/queue/nr_zones=20
+@/block/#/queue/chunk_sectors=524288
+@/block/#/holders/dm-3/x=
+)";
+        for (size_t at = 0; (at = tree.find_first_of("@#", at)) != tree.npos;) {
+            tree.replace(at, 1, tree[at] == '@' ? "devices/" + device : name);
+        }
+        Tree(tree);
+        WriteFile("/sys/devices/" + device + "/vpd_pg80", {"\0\x80\0\x08 ZA1B2C3 ", 13});
     }
-    Write("/sys/devices/virtual/block/dm-3", {{"dm/name", "mpatha\n"}, {"dm/uuid", "mpath-35000"}});
-    Link("/sys/devices/virtual/block/dm-3", "/sys/block/dm-3");
-    Link("/nowhere", "/sys/block/sdz");  // it went while it was listed
     WriteFile("/run/udev/data/b8:0",
               "S:disk/by-path/x\nE:ID_PATH=pci-0000:03:00.0-sas-phy1-lun-0\n");
     const KemdInventory inventory = Scan();
-    const std::string adapter = "storage_adapter:0000:03:00.0";
-    EXPECT_EQ(Text(inventory).substr(0, Text(inventory).find("drive:")),
-              adapter +
-                  " < pci:0000:03:00.0\n"
-                  "  driver=mpt3sas\n  interface=sas\n  firmware=16.00.01.00\n"
-                  "  model=HBA 9400\n  hosts=host0\n");
-    EXPECT_EQ(Named(inventory, "sda"),
-              "drive:0x5000c50012345678 < " + adapter +
-                  "\n  device=/dev/sda\n  device_number=8:0\n  type=disk\n  vendor=ACME\n"
-                  "  serial=ZA1B2C3\n  wwn=0x5000c50012345678\n  model=ST4000 X\n  firmware=0003\n"
-                  "  state=running\n  sas_address=0x5000c50012345679\n  hctl=0:0:1:0\n"
-                  "  bay=Slot 07\n  enclosure=0x500a098004b7a6c0\n  interface=sas\n"
-                  "  by_path=/dev/disk/by-path/pci-0000:03:00.0-sas-phy1-lun-0\n"
-                  "  size=1048576\n  removable=0\n  read_only=0\n  rotational=1\n"
-                  "  scheduler=mq-deadline\n  zoned=host-managed\n  zones=20\n"
-                  "  zone_size=268435456\n  holders=mpatha\n  multipath=mpatha\n");
-    EXPECT_TRUE(Named(inventory, "sdb").starts_with("drive:0x5000c50012345678#2 <"));
+    EXPECT_EQ(Item(inventory, "mpt3sas 0000:03:00.0"),
+              "storage_adapter:0000:03:00.0 < pci:0000:03:00.0: driver=mpt3sas interface=sas "
+              "firmware=16.00.01.00 model=HBA 9400 hosts=host0");
+    EXPECT_EQ(Item(inventory, "sda"),
+              "drive:0x5000c50012345678 < storage_adapter:0000:03:00.0: device=/dev/sda "
+              "device_number=8:0 type=disk vendor=ACME serial=ZA1B2C3 wwn=0x5000c50012345678 "
+              "model=ST4000 X firmware=0003 sas_address=0x5000c50012345679 hctl=0:0:1:0 "
+              "bay=Slot 07 enclosure=0x500a098004b7a6c0 interface=sas "
+              "by_path=/dev/disk/by-path/pci-0000:03:00.0-sas-phy1-lun-0 size=1048576 "
+              "scheduler=mq-deadline zoned=host-managed zones=20 zone_size=268435456 "
+              "holders=mpatha multipath=mpatha");
+    EXPECT_TRUE(Item(inventory, "sdb").starts_with("drive:0x5000c50012345678#2 <"));
     EXPECT_EQ(inventory.items.size(), 3U);
     EXPECT_TRUE(inventory.notes.empty());
 }
 
 TEST_F(DrivesTest, NvmePathsAreNoDrives) {
-    const std::string subsystem = "/sys/devices/virtual/nvme-subsystem/nvme-subsys0";
-    Write(subsystem, {{"model", "NV 1"}, {"serial", "S1"}, {"firmware_rev", "F1"}});
-    Write(subsystem + "/nvme0n1",
-          {{"dev", "259:1"}, {"size", "8"}, {"wwid", "eui.0011"}, {"eui", "00 00"}, {"nsid", "3"}});
-    Link("..", subsystem + "/nvme0n1/device");
-    Link(subsystem + "/nvme0n1", "/sys/block/nvme0n1");
-    for (const std::string number : {"0", "1"}) {
-        const std::string controller =
-            "/sys/devices/pci0000:00/0000:0" + number + ":00.0/nvme/nvme" + number;
-        Write(controller, {{"model", "NV 1"},
-                           {"serial", "S1"},
-                           {"firmware_rev", "F1"},
-                           {"transport", "pcie"},
-                           {"state", "live"},
-                           {"cntlid", number},
-                           {"nvme0c" + number + "n1/hidden", "1"}});
-        Link(controller, "/sys/class/nvme/nvme" + number);
-        Link(controller + "/nvme0c" + number + "n1", "/sys/block/nvme0c" + number + "n1");
-    }
+    Tree(R"(devices/virtual/nvme-subsystem/nvme-subsys0/serial=S1
+devices/virtual/nvme-subsystem/nvme-subsys0/nvme0n1/wwid=eui.0011
+devices/virtual/nvme-subsystem/nvme-subsys0/nvme0n1/eui=00 00
+devices/virtual/nvme-subsystem/nvme-subsys0/nvme0n1/nsid=3
+devices/virtual/nvme-subsystem/nvme-subsys0/nvme0n1/device>devices/virtual/nvme-subsystem/nvme-subsys0
+devices/pci0000:00/0000:01:00.0/nvme/nvme0/nvme0c0n1/hidden=1
+devices/pci0000:00/0000:02:00.0/nvme/nvme1/nvme0c1n1/hidden=1
+devices/pci0000:00/0000:02:00.0/nvme/nvme1/firmware_rev=F1
+devices/pci0000:00/0000:02:00.0/nvme/nvme1/cntlid=1
+class/nvme/nvme0>devices/pci0000:00/0000:01:00.0/nvme/nvme0
+class/nvme/nvme1>devices/pci0000:00/0000:02:00.0/nvme/nvme1
+block/nvme0n1>devices/virtual/nvme-subsystem/nvme-subsys0/nvme0n1
+block/nvme0c0n1>devices/pci0000:00/0000:01:00.0/nvme/nvme0/nvme0c0n1
+block/nvme0c1n1>devices/pci0000:00/0000:02:00.0/nvme/nvme1/nvme0c1n1
+)");
     const KemdInventory inventory = Scan();
     ASSERT_EQ(inventory.items.size(), 3U);
-    EXPECT_EQ(Named(inventory, "nvme1"),
-              "storage_adapter:0000:01:00.0 < pci:0000:01:00.0\n  driver=nvme\n  interface=nvme\n"
-              "  transport=pcie\n  model=NV 1\n  serial=S1\n  firmware=F1\n  state=live\n"
-              "  controller_id=1\n");
-    EXPECT_EQ(Named(inventory, "nvme0n1"),
-              "drive:eui.0011 < storage_adapter:0000:00:00.0\n  device=/dev/nvme0n1\n"
-              "  device_number=259:1\n  type=disk\n  model=NV 1\n  serial=S1\n  firmware=F1\n"
-              "  wwn=eui.0011\n  namespace=3\n  nvme_paths=nvme0c0n1\n  nvme_paths=nvme0c1n1\n"
-              "  interface=nvme\n  size=4096\n");
+    EXPECT_EQ(Item(inventory, "nvme1"),
+              "storage_adapter:0000:02:00.0 < pci:0000:02:00.0: driver=nvme interface=nvme "
+              "firmware=F1 controller_id=1");
+    EXPECT_EQ(Item(inventory, "nvme0n1"),
+              "drive:eui.0011 < storage_adapter:0000:01:00.0: device=/dev/nvme0n1 type=disk "
+              "serial=S1 wwn=eui.0011 namespace=3 nvme_paths=nvme0c0n1 nvme_paths=nvme0c1n1 "
+              "interface=nvme");
 }
 
 // Each kind's interface, its id without a name of its own, and what is no drive or no size.
@@ -288,42 +268,48 @@ TEST_F(DrivesTest, EachKindHasItsInterfaceAndAnId) {
          "0000:00:7.0"},
     };
     for (const Case& c : cases) {
-        Drive(c.device, c.name, {{"dev", "8:0"}});
         const std::string device = c.device;
         const size_t host = device.find("/host");
+        Drive(device, c.name);
         if (host == device.npos) continue;
-        Host(device.substr(0, host), device.substr(host + 1, 5), {{"proc_name", c.driver}});
+        Host(device.substr(0, host), device.substr(host + 1, 5), c.driver);
     }
-    Write("/sys/class/iscsi_host/host6", {{"uevent", ""}});
-    Write("/sys/class/ata_port/ata3", {{"port_no", "5\n"}});
-    for (const char* const name : {"loop0", "ram0", "zram0", "md0", "nbd0"}) {
-        Drive("virtual", name, {});
-    }
-    Drive("pci0000:00/0000:00:8.0/virtio4", "vdb", {{"size", "36028797018963968"}});
-    const KemdInventory inventory = Scan();
+    Tree(
+        "devices/pci0000:00/0000:00:14.0/usb1/1-1/1-1.2/1-1.2:1.0/host4/4:0:0:0/block/sdc/removable=1");
+    Tree("class/iscsi_host/host6/uevent=\nclass/ata_port/ata3/port_no=5\n");
+    Tree(
+        "devices/pci0000:00/0000:00:7.0/mmc_host/mmc0/mmc0:0001/life_time=0x02 0x0a\n"
+        "devices/pci0000:00/0000:00:7.0/mmc_host/mmc0/mmc0:0001/pre_eol_info=0x02\n");
+    for (const char* const name : {"loop0", "ram0", "zram0", "md0", "nbd0"}) Drive("virtual", name);
+    Drive("pci0000:00/0000:00:8.0/virtio4", "vdb", "8:0", "36028797018963968");
+    const KemdInventory inventory = Scan(true);
     for (const Case& c : cases) {
-        const std::string text = Named(inventory, c.name);
-        EXPECT_TRUE(text.starts_with("drive:" + std::string(c.id) +
-                                     " < storage_adapter:" + c.parent + "\n"))
+        const std::string text = Item(inventory, c.name);
+        EXPECT_TRUE(
+            text.starts_with("drive:" + std::string(c.id) + " < storage_adapter:" + c.parent + ":"))
             << c.name << ": " << text;
-        EXPECT_TRUE(Contains(text, std::string("  interface=") + c.interface + "\n")) << text;
+        EXPECT_TRUE(Contains(text, std::string(" interface=") + c.interface)) << text;
     }
-    EXPECT_FALSE(Contains(Named(inventory, "vdb"), "size=3"));
-    EXPECT_TRUE(Contains(Text(inventory), "note drive:vdb: a size of 36028797018963968 sectors"));
+    // A USB stick is asked nothing, and eMMC needs no question.
+    EXPECT_EQ(std::count_if(inventory.notes.begin(), inventory.notes.end(),
+                            [](const auto& note) { return note.starts_with("drive:sdc"); }),
+              0);
+    EXPECT_EQ(Health(inventory, "mmcblk0"),
+              "health=ok critical_warning=spare blocks at 80 % percentage_used=100");
+    EXPECT_FALSE(Contains(Item(inventory, "vdb"), "size=3"));
+    EXPECT_EQ(inventory.notes[0], "drive:vdb: a size of 36028797018963968 sectors is no size");
     EXPECT_EQ(inventory.items.size(), 2 * cases.size() + 2);
 }
 
-TEST_F(DrivesTest, FiveHundredDrivesHaveOneIdEach) {
+TEST_F(DrivesTest, FiveHundredDrivesHaveOneIdEachInTheOrderOfTheirNames) {
     const auto name = [](int i) {
-        std::string letters;
-        for (int rest = i; rest >= 0; rest = rest / 26 - 1) {
-            letters.insert(letters.begin(), static_cast<char>('a' + rest % 26));
-        }
-        return "sd" + letters;
+        const std::string last(1, static_cast<char>('a' + i % 26));
+        return i < 26 ? "sd" + last
+                      : "sd" + std::string(1, static_cast<char>('a' + i / 26 - 1)) + last;
     };
-    Host("pci0000:00/0000:00:01.0", "host0", {{"proc_name", "mpt3sas"}});
+    Host("pci0000:00/0000:00:01.0", "host0", "mpt3sas");
     for (int i = 0; i < 500; ++i) {
-        Drive("pci0000:00/0000:00:01.0/host0/0:0:" + std::to_string(i) + ":0", name(i), {});
+        Drive("pci0000:00/0000:00:01.0/host0/0:0:" + std::to_string(i) + ":0", name(i));
     }
     const KemdInventory inventory = Scan();
     ASSERT_EQ(inventory.items.size(), 501U);
@@ -377,7 +363,7 @@ Reply AnswerAta(const Bytes& command, uint8_t power, bool isFailing) {
 
 TEST_F(DrivesTest, AtaHealthIsAskedOfDrivesThatAreAwake) {
     const std::string known =
-        "temperature=41\npercentage_used=93\npower_cycles=12\npower_on_hours=1000\n";
+        "temperature=41 percentage_used=93 power_cycles=12 power_on_hours=1000";
     Asked("sda", 3, "ATA", [](const Bytes& c) { return AnswerAta(c, 0xFF, false); });
     Asked("sdb", 5, "ATA", [](const Bytes& c) { return AnswerAta(c, 0x82, true); });
     Asked("sdc", 7, "ATA", [](const Bytes& c) { return AnswerAta(c, 0x00, false); });
@@ -385,15 +371,14 @@ TEST_F(DrivesTest, AtaHealthIsAskedOfDrivesThatAreAwake) {
     // awake.
     Asked("sdd", 8, "ATA", [](const Bytes&) { return Reply{Bytes(512), {}}; });
     Asked("sde", 9, "ATA", [](const Bytes& c) { return AnswerAta(c, 0xFF, false); });
-    Write("/sys/devices/pci0000:00/0000:00:09.0/host1/1:0:0:0/power",
-          {{"runtime_status", "suspended\n"}});
+    Tree("devices/pci0000:00/0000:00:09.0/host1/1:0:0:0/power/runtime_status=suspended");
     const KemdInventory inventory = Scan(true);
-    EXPECT_EQ(Health(inventory, "sda"), "power_state=active\nhealth=ok\n" + known);
+    EXPECT_EQ(Health(inventory, "sda"), "power_state=active health=ok " + known);
     EXPECT_EQ(Health(inventory, "sdb"),
-              "power_state=idle\nhealth=failing\ncritical_warning=failure predicted\n" + known);
-    EXPECT_EQ(Health(inventory, "sdc"), "power_state=standby\nhealth=unknown\n");
-    EXPECT_EQ(Health(inventory, "sdd"), "health=unknown\n");
-    EXPECT_EQ(Health(inventory, "sde"), "power_state=suspended\n");
+              "power_state=idle health=failing critical_warning=failure predicted " + known);
+    EXPECT_EQ(Health(inventory, "sdc"), "power_state=standby health=unknown");
+    EXPECT_EQ(Health(inventory, "sdd"), "health=unknown");
+    EXPECT_EQ(Health(inventory, "sde"), "power_state=suspended");
     EXPECT_EQ(Commands(7), Bytes{0xE5});
     EXPECT_EQ(Commands(8), Bytes{0xE5});
     EXPECT_EQ(Commands(9), Bytes{});
@@ -419,13 +404,13 @@ TEST_F(DrivesTest, ScsiHealthIsAskedOfDrivesThatAreAwake) {
     Asked("sdd", 8, "ACME", [&](const Bytes&) { return Reply{{0x70}, {0x70, 0, 5}}; });
     const KemdInventory inventory = Scan(true);
     EXPECT_EQ(Health(inventory, "sda"),
-              "power_state=active\nhealth=failing\ncritical_warning=failure predicted\n"
-              "temperature=37\npercentage_used=12\n");
-    EXPECT_EQ(Health(inventory, "sdb"), "power_state=standby\nhealth=unknown\n");
-    EXPECT_EQ(Health(inventory, "sdc"), "power_state=standby\nhealth=unknown\n");
+              "power_state=active health=failing critical_warning=failure predicted "
+              "temperature=37 percentage_used=12");
+    EXPECT_EQ(Health(inventory, "sdb"), "power_state=standby health=unknown");
+    EXPECT_EQ(Health(inventory, "sdc"), "power_state=standby health=unknown");
     EXPECT_EQ(Commands(5), Bytes{0x03});
     EXPECT_EQ(Commands(7), (Bytes{0x03, 0x00}));
-    EXPECT_FALSE(Contains(Health(inventory, "sdd"), "ok"));
+    EXPECT_EQ(Health(inventory, "sdd"), "health=unknown");
 }
 
 TEST_F(DrivesTest, NvmeHealthAndWhatRefuses) {
@@ -442,19 +427,19 @@ TEST_F(DrivesTest, NvmeHealthAndWhatRefuses) {
     Asked("nvme3n1", 8, "", [](const Bytes&) { return Reply{{}, {}, EPERM}; });
     Asked("nvme4n1", 9, "", [](const Bytes&) { return Reply{{}, {}, EIO}; });
     std::filesystem::remove("/dev/nvme9n1");
-    Drive("pci0000:00/0000:00:0a.0", "nvme9n1", {{"dev", "1:11"}});
+    Drive("pci0000:00/0000:00:0a.0", "nvme9n1", "1:11");
     const KemdInventory inventory = Scan(true);
     EXPECT_EQ(Health(inventory, "nvme0n1"),
-              "health=failing\ncritical_warning=spare below its threshold\n"
-              "critical_warning=temperature\ncritical_warning=media read-only\ntemperature=37\n"
-              "percentage_used=255\nspare=4\nspare_threshold=10\nmedia_errors=0\n"
-              "unsafe_shutdowns=9\npower_cycles=0\npower_on_hours=0\ndata_read=1024000\n"
-              "data_written=18446744073709551615\n");
-    EXPECT_EQ(Health(inventory, "nvme1n1"), "health=unknown\n");
-    EXPECT_TRUE(
-        Text(inventory).ends_with("note health of drives: only root may ask for it\n"
-                                  "note drive:nvme4n1: health: Input/output error\n"
-                                  "note drive:nvme9n1: health: No such file or directory\n"));
+              "health=failing critical_warning=spare below its threshold "
+              "critical_warning=temperature critical_warning=media read-only temperature=37 "
+              "percentage_used=255 spare=4 spare_threshold=10 media_errors=0 "
+              "unsafe_shutdowns=9 power_cycles=0 power_on_hours=0 data_read=1024000 "
+              "data_written=18446744073709551615");
+    EXPECT_EQ(Health(inventory, "nvme1n1"), "health=unknown");
+    EXPECT_EQ(std::vector(inventory.notes.end() - 3, inventory.notes.end()),
+              (std::vector<std::string>{"health of drives: only root may ask for it",
+                                        "drive:nvme4n1: health: Input/output error",
+                                        "drive:nvme9n1: health: No such file or directory"}));
 }
 
 TEST_F(DrivesTest, DriveThatHangsIsGivenUpAndNotAskedAgain) {
@@ -471,8 +456,8 @@ TEST_F(DrivesTest, DriveThatHangsIsGivenUpAndNotAskedAgain) {
     for (int scan = 0; scan < 2; ++scan) {
         const KemdInventory inventory = Scan(true);
         EXPECT_TRUE(Contains(Health(inventory, "sda"), "health=ok"));
-        EXPECT_EQ(Health(inventory, "sdb"), "health=unknown\n");
-        EXPECT_TRUE(Text(inventory).ends_with("note drive:sdb: health: no answer within 2 s\n"));
+        EXPECT_EQ(Health(inventory, "sdb"), "health=unknown");
+        EXPECT_EQ(inventory.notes.back(), "drive:sdb: health: no answer within 2 s");
         EXPECT_EQ(Commands(5), Bytes{0xE5});
     }
     {
@@ -485,15 +470,6 @@ TEST_F(DrivesTest, DriveThatHangsIsGivenUpAndNotAskedAgain) {
     EXPECT_TRUE(WaitFor([&] { return Contains(Health(Scan(true), "sdb"), "health=ok"); }));
     const std::lock_guard lock(g_mutex);
     EXPECT_TRUE(hasEnded);
-}
-
-TEST_F(DrivesTest, EmmcWearNeedsNoQuestion) {
-    const std::string device = "pci0000:00/0000:00:7.0/mmc_host/mmc0/mmc0:0001";
-    Drive(device, "mmcblk0", {{"dev", "179:0"}});
-    Write("/sys/devices/" + device,
-          {{"life_time", "0x02 0x0a\n"}, {"pre_eol_info", "0x02\n"}, {"name", "DG4064"}});
-    EXPECT_EQ(Health(Scan(true), "mmcblk0"),
-              "health=ok\ncritical_warning=spare blocks at 80 %\npercentage_used=100\n");
 }
 
 TEST(DriveIdentity, PagesAreReadWithinTheirLength) {
