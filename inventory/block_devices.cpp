@@ -75,19 +75,13 @@ void AddFilesystem(KemdInventoryItem& item, const UdevRecord& record) {
 
 // What all have.
 void AddCommon(KemdInventoryItem& item, const Block& block, const UdevRecord& record) {
-    item.Add("device", block.name);
+    item.Add("device", DeviceNode(block.name));
     item.Add("device_number", block.Number());
     AddFigure(item, "size", block.directory, "size", kSector);
     if (const auto isReadOnly = block.directory.Number("ro")) {
         item.AddNumber("read_only", *isReadOnly);
     }
     AddFilesystem(item, record);
-}
-
-// The kernel's name has '/' as '!'.
-std::string DeviceName(std::string name) {
-    std::replace(name.begin(), name.end(), '!', '/');
-    return name;
 }
 
 // "vg--1-root" of the device mapper is "root" in "vg-1". A third part names a layer of the volume,
@@ -152,7 +146,8 @@ class BlockScan {
         const bool hasDrives = (m_inventory->sections & KEMD_INVENTORY_DRIVES) != 0;
         if (!hasDrives) ScanDrives(scratch, false);
         for (const KemdInventoryItem& item : (hasDrives ? *m_inventory : scratch).items) {
-            if (item.kind == ItemKind::kDrive) m_items.drives[item.Text("device")] = item.id;
+            if (item.kind == ItemKind::kDrive)
+                m_items.drives[KernelName(item.Text("device"))] = item.id;
         }
     }
 
@@ -178,7 +173,7 @@ class BlockScan {
         // Not set up, or memory that nothing uses. An array that did not start is worth a look.
         if ((size == 0 && !isArray) || name.starts_with("ram")) return;
         KemdInventoryItem& item =
-            m_inventory->Add(ItemKind::kVolume, VolumeId(block, record), DeviceName(block.name));
+            m_inventory->Add(ItemKind::kVolume, VolumeId(block, record), block.name);
         AddCommon(item, block, record);
         Remember(block, item.id);
         m_volumes.emplace_back(item.id, block.directory.Path());
@@ -244,7 +239,7 @@ class BlockScan {
         item.Add("state", mapper.Number("suspended").value_or(0) != 0 ? "suspended" : "running");
         if (!name.empty()) {
             item.name = name;
-            m_items.mapped[name] = item.Text("device");
+            m_items.mapped[name] = KernelName(item.Text("device"));
         }
         if (type == "lvm") AddLogicalVolume(item, name);
         if (type == "crypt") {
@@ -302,8 +297,7 @@ class BlockScan {
         const std::string id =
             parent.empty() ? "partition:" + block.name
                            : "partition:" + parent.substr(parent.find(':') + 1) + "-" + number;
-        KemdInventoryItem& item =
-            m_inventory->Add(ItemKind::kPartition, id, DeviceName(block.name));
+        KemdInventoryItem& item = m_inventory->Add(ItemKind::kPartition, id, block.name);
         item.parent = parent;
         Remember(block, item.id);
         AddCommon(item, block, record);
@@ -348,15 +342,31 @@ class BlockScan {
     std::vector<std::pair<std::string, std::string>> m_volumes;  // id, directory
 };
 
+constexpr std::string_view kNodes = "/dev/";
+
 }  // namespace
+
+std::string KernelName(std::string_view node) {
+    if (node.starts_with(kNodes)) node.remove_prefix(kNodes.size());
+    std::string name(node);
+    std::replace(name.begin(), name.end(), '/', '!');
+    return name;
+}
+
+std::string DeviceNode(std::string_view kernelName) {
+    std::string node(kNodes);
+    node += kernelName;
+    std::replace(node.begin(), node.end(), '!', '/');
+    return node;
+}
 
 KemdInventoryItem& AddWholeDrive(KemdInventory& inventory, BlockItems& blocks,
                                  const std::string& name) {
     const Block block(inventory, name);
     const std::string drive = blocks.drives[name];
-    KemdInventoryItem& item = inventory.Add(
-        ItemKind::kVolume, "volume:" + (drive.empty() ? name : drive.substr(drive.find(':') + 1)),
-        DeviceName(name));
+    KemdInventoryItem& item =
+        inventory.Add(ItemKind::kVolume,
+                      "volume:" + (drive.empty() ? name : drive.substr(drive.find(':') + 1)), name);
     item.parent = drive;
     item.Add("type", "disk");
     AddCommon(item, block, UdevRecord(inventory, "b" + block.Number()));

@@ -95,7 +95,7 @@ class MountScan {
 
     void AddSwaps() {
         for (const SwapEntry& swap : ParseSwaps(Read("/proc/swaps"))) {
-            const std::string name = swap.isFile ? std::string() : KernelName("", swap.path);
+            const std::string name = swap.isFile ? std::string() : NameOf("", swap.path);
             KemdInventoryItem* item = name.empty() ? nullptr : Volume(name);
             if (item == nullptr) {
                 item = &m_inventory->Add(ItemKind::kVolume, "volume:swap:" + swap.path, swap.path);
@@ -119,8 +119,7 @@ class MountScan {
     }
 
     // Of the device of a mount; empty when it has none.
-    [[nodiscard]] std::string KernelName(const std::string& number,
-                                         const std::string& source) const {
+    [[nodiscard]] std::string NameOf(const std::string& number, const std::string& source) const {
         const auto known = m_blocks->numbers.find(number);
         if (known != m_blocks->numbers.end()) return known->second;
         // btrfs has a number of its own.
@@ -131,9 +130,7 @@ class MountScan {
                                 : m_blocks->mapped.end();
         if (mapped != m_blocks->mapped.end()) return mapped->second;
         const std::string real = RealPath(source);
-        const std::string& path = real.empty() ? source : real;
-        std::string name = path.substr(std::string_view("/dev/").size());
-        std::replace(name.begin(), name.end(), '/', '!');
+        std::string name = KernelName(real.empty() ? source : real);
         return m_blocks->ids.contains(name) ? name : std::string();
     }
 
@@ -148,8 +145,8 @@ class MountScan {
     }
 
     KemdInventoryItem* Volume(const MountEntry& mount) {
-        const std::string name = KernelName(
-            std::to_string(mount.major) + ":" + std::to_string(mount.minor), mount.source);
+        const std::string name =
+            NameOf(std::to_string(mount.major) + ":" + std::to_string(mount.minor), mount.source);
         return name.empty() ? nullptr : Volume(name);
     }
 

@@ -19,6 +19,10 @@ struct BlockItems {
     std::map<std::string, std::string> numbers;  // "8:1" to the kernel's name
 };
 
+// "/dev/cciss/c0d0" is "cciss!c0d0" to the kernel, and back.
+std::string KernelName(std::string_view node);
+std::string DeviceNode(std::string_view kernelName);
+
 // Partitions and volumes; `inventory` has the drives, if it has that section.
 BlockItems ScanBlockDevices(KemdInventory& inventory);
 // The volume that a drive with a file system of its own is.

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "inventory/sources.h"
+#include "inventory/volumes.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ std::string KeyOf(const KemdInventoryItem& item) {
         case ItemKind::kPartition:
         case ItemKind::kVolume: {
             const std::string& device = item.Text("device");
-            return device.empty() ? std::string() : "block:" + device;
+            return device.empty() ? std::string() : "block:" + KernelName(device);
         }
         default:
             return {};
@@ -116,7 +117,7 @@ WatchedState::Items WatchedState::MadeFrom(const Uevent& event) const {
     const std::string name = LastName(event.Field("DEVPATH"));
     KemdInventoryItem item{kind, std::string(KindWord(kind)) + ":" + name, name, {}, {}};
     if (event.Field("SUBSYSTEM") == "block") {
-        item.Add("device", name);
+        item.Add("device", DeviceNode(name));
         item.Add("partition_name", event.Field("PARTNAME"));
     }
     if (const auto number = event.Number("PARTN")) item.AddNumber("partition_number", *number);

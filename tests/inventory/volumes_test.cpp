@@ -139,7 +139,7 @@ TEST_F(VolumesTest, EachKindOfVolumeWithoutUdev) {
          R"("sync_action": "recover", "sync_percent": 75, "members": ["sdx", "partition:sdy2"], )"
          R"("failed_members": ["partition:sdy2"]})",
          R"("type": "zram", "algorithm": "zstd", "memory_used": 4096})",
-         R"("partition:sdy2", "name": "sdy2", "device": "sdy2", "device_number": "8:3", "size": 1048576, )"
+         R"("partition:sdy2", "name": "sdy2", "device": "/dev/sdy2", "device_number": "8:3", "size": 1048576, )"
          R"("read_only": true, "partition_number": 2, "partition_start": 1048576, "partition_name": "a b"})",
          "no udev: labels"}))
         << json;
