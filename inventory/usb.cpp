@@ -175,7 +175,7 @@ void AddInterfaces(KemdInventoryItem& item, const UsbDevice& device, const IdNam
         text += each.driver.empty() ? " no driver" : " " + each.driver;
         const std::string_view name = ClassNameOf(names, each.classCode);
         if (!name.empty()) text.append(", ").append(name);
-        item.Add("interface", text);
+        item.Add("interfaces", text);
         if (item.Find("driver") == nullptr) item.Add("driver", each.driver);
     }
 }
@@ -192,7 +192,7 @@ void AddState(KemdInventoryItem& item, const UsbDevice& device) {
         item.AddNumber("ports", *ports);
     }
     AddLeadingNumber(item, "bus_number", directory.Text("busnum").value_or(""));
-    AddLeadingNumber(item, "device_number", directory.Text("devnum").value_or(""));
+    AddLeadingNumber(item, "usb_device_number", directory.Text("devnum").value_or(""));
 }
 
 }  // namespace

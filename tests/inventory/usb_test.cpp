@@ -56,14 +56,14 @@ TEST(UsbTest, DevicesHaveTheirHubsTheirInterfacesAndTheirNames) {
     EXPECT_EQ(FieldsOf(inventory, "usb:usb1"),
               "parent=pci:0000:00:14.0\naddress=usb1\nvendor=Linux xhci\nvendor_id=1d6b\n"
               "device=xHCI\ndevice_id=0002\nmanufacturer=Linux xhci\nproduct=xHCI\nclass=Hub\n"
-              "class_id=09\nsubclass_id=00\nprotocol_id=01\ninterface=0: 09/00/00 no driver, Hub\n"
+              "class_id=09\nsubclass_id=00\nprotocol_id=01\ninterfaces=0: 09/00/00 no driver, Hub\n"
               "bus_speed=480000\nports=16\n");
     EXPECT_TRUE(FieldsOf(inventory, "usb:1-1").starts_with("parent=usb:usb1\n"));
     EXPECT_EQ(FieldsOf(inventory, "usb:1-1.2"),
               "parent=usb:1-1\naddress=1-1.2\nvendor=SanDisk\nvendor_id=0781\ndevice=Ultra\n"
               "device_id=5581\nproduct=Stick\nserial=4C53\nclass_id=00\nsubclass_id=00\n"
-              "protocol_id=00\ninterface=0: 08/06/50 usb-storage, Mass Storage\n"
-              "driver=usb-storage\ninterface=10: 08/06/50 no driver, Mass Storage\n"
+              "protocol_id=00\ninterfaces=0: 08/06/50 usb-storage, Mass Storage\n"
+              "driver=usb-storage\ninterfaces=10: 08/06/50 no driver, Mass Storage\n"
               "revision=01.10\nusb_version=2.10\nbus_speed=1500\nmax_power=224\nbus_number=1\n"
-              "device_number=7\n");
+              "usb_device_number=7\n");
 }
