@@ -102,7 +102,7 @@ TEST_F(InventoryModuleTest, WarningsAreItsHealth) {
     const pid_t pid = Run();
     EXPECT_TRUE(IsHealth("warning: PCI 0000:01:00.0 runs with 4 of 8 lanes")) << Health();
     EXPECT_TRUE(Traces("warning: PCI 0000:01:00.0 runs with 4 of 8 lanes"));
-    Configure("Delay = 0\nHealth = no\nSections = pci\nAccepted = other; *of 8 lanes\n");
+    Configure("Delay = 0\nHealth = no\nSections = pci\nAccepted = other | *of 8 lanes\n");
     EXPECT_EQ(Ctl("modules reload inventory").code, 0);
     EXPECT_EQ(Ctl("modules request inventory scan").code, 0);
     EXPECT_TRUE(IsHealth("ok")) << Health();
