@@ -214,7 +214,6 @@ inline constexpr auto kInventoryFields = std::to_array<InventoryFieldInfo>({
     {"console", KEMD_INVENTORY_YES},
 
     // Drives and adapters.
-    {"interface"},
     {"wwn", KEMD_INVENTORY_TEXT, "", kPrivate},
     {"nguid", KEMD_INVENTORY_TEXT, "", kPrivate},
     {"eui64", KEMD_INVENTORY_TEXT, "", kPrivate},

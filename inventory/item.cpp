@@ -1,6 +1,7 @@
 #include "inventory/item.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "base/text.h"
 
@@ -100,11 +101,13 @@ std::optional<ItemKind> KindByWord(std::string_view word) {
 }
 
 void KemdInventoryItem::Add(InventoryField field, std::string_view text) {
+    assert(field.Info().kind == KEMD_INVENTORY_TEXT);
     std::string clean(Trim(WithoutControls(std::string(text))));
     if (!clean.empty()) values.push_back({field, std::move(clean)});
 }
 
 void KemdInventoryItem::AddNumber(InventoryField field, uint64_t number) {
+    assert(field.Info().kind != KEMD_INVENTORY_TEXT);
     values.push_back({field, std::to_string(number), number});
 }
 

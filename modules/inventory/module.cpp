@@ -66,7 +66,7 @@ bool ReadSections(const char* text, uint32_t& sections) {
 std::vector<std::string> Patterns(const char* text) {
     std::vector<std::string> patterns;
     std::istringstream parts(text);
-    for (std::string part; std::getline(parts >> std::ws, part, ';');) {
+    for (std::string part; std::getline(parts >> std::ws, part, '|');) {
         part.erase(part.find_last_not_of(" \t") + 1);
         if (!part.empty()) patterns.push_back(part);
     }

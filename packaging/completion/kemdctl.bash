@@ -110,6 +110,8 @@ _kemdctl_series() {
     compopt -o filenames 2>/dev/null # for its quoting
 }
 
+_kemdctl_sections="system memory slots pci usb drives network volumes"
+
 # Leaves the word to the completion of file names.
 _kemdctl_files() { compopt -o default 2>/dev/null; }
 
@@ -202,6 +204,14 @@ _kemdctl() {
     case ${words[0]-}:${#words[@]} in
         :0) _kemdctl_choose "$(_kemdctl_commands '')" ;;
         trace:*) _kemdctl_files ;;
+        inventory:1) _kemdctl_choose "$(_kemdctl_commands inventory) $_kemdctl_sections" ;;
+        inventory:*)
+            case ${words[1]}:${#words[@]} in
+                save:2 | diff:[23]) _kemdctl_files ;;
+                diff:*) ;;
+                *) _kemdctl_choose "$_kemdctl_sections" ;;
+            esac
+            ;;
         modules:1) _kemdctl_choose "$(_kemdctl_commands modules)" ;;
         modules:2) [[ ${words[1]} == list ]] || _kemdctl_modules ;;
         network:1) _kemdctl_choose "$(_kemdctl_commands network)" ;;

@@ -20,23 +20,24 @@ class InventoryModuleTest : public DaemonTest {
         for (const char* const path : {"/etc/kemd", "/var/lib/kemd", "/sys/bus", "/sys/devices"}) {
             fs::remove_all(path);
         }
+        fs::create_directories("/var/lib");
         ClearModules();
         AddModule("/build/modules/inventory/inventory.so");
         UseSwitch("reference");
         WriteFile("/etc/orvmon/registry", "[HKEY_LOCAL_MACHINE]\n\n\n\n");
         m_environment["OV_MODULE_DIR"] = kModules;
-        MakeFunction("0000:00:01.0", "8");
-        MakeFunction("0000:00:02.0", "8");
+        MakeFunction("0000:00:01.0");
+        MakeFunction("0000:00:02.0");
     }
     static void Configure(const std::string& settings) {
         WriteFile("/etc/kemd/modules.d/inventory.ini", "[Settings]\n" + settings);
     }
-    // A card of 8 lanes that uses `lanes` of them.
-    static void MakeFunction(const std::string& address, const std::string& lanes,
-                             const std::string& device = "1563") {
-        const std::string path = "/sys/devices/pci0000:00/" + address;
+    static void MakeFunction(const std::string& address, const std::string& device = "1563",
+                             const std::string& port = "", const std::string& lanes = "8",
+                             const std::string& classCode = "20000") {
+        const std::string path = "/sys/devices/pci0000:00/" + port + address;
         const std::pair<const char*, std::string> attributes[] = {
-            {"/uevent", "PCI_CLASS=20000\nPCI_ID=8086:" + device + "\n"},
+            {"/uevent", "PCI_CLASS=" + classCode + "\nPCI_ID=8086:" + device + "\n"},
             {"/current_link_width", lanes + "\n"},
             {"/max_link_width", "8\n"},
             {"/current_link_speed", "8.0 GT/s PCIe\n"},
@@ -78,8 +79,8 @@ TEST_F(InventoryModuleTest, ReportsWhatChangedSinceTheLastRun) {
     EXPECT_FALSE(Contains(Trace(), "since the inventory"));
 
     RemoveFunction("0000:00:01.0");
-    MakeFunction("0000:00:02.0", "8", "1564");
-    MakeFunction("0000:00:03.0", "8");
+    MakeFunction("0000:00:02.0", "1564");
+    MakeFunction("0000:00:03.0");
     const pid_t second = Run();
     ASSERT_TRUE(Traces("3 changes since the inventory of "));
     EXPECT_TRUE(Holds(Trace(), {"pci:0000:00:01.0 removed: 0000:00:01.0\n",
@@ -94,17 +95,18 @@ TEST_F(InventoryModuleTest, ReportsWhatChangedSinceTheLastRun) {
 }
 
 TEST_F(InventoryModuleTest, WarningsAreItsHealth) {
-    RemoveFunction("0000:00:02.0");
-    MakeFunction("0000:00:01.0", "4");
+    // A card of 8 lanes that uses 4, below a port of 8.
+    MakeFunction("0000:00:03.0", "1901", "", "8", "60400");
+    MakeFunction("0000:01:00.0", "1563", "0000:00:03.0/", "4");
     Configure("Delay = 0\nHealth = no\nSections = pci\n");
     const pid_t pid = Run();
-    EXPECT_TRUE(IsHealth("warning: 0000:00:01.0: runs with 4 of 8 lanes")) << Health();
-    EXPECT_TRUE(Traces("warning: 0000:00:01.0: runs with 4 of 8 lanes"));
-    Configure("Delay = 0\nHealth = no\nSections = pci\nAccepted = other; *of 8 lanes\n");
+    EXPECT_TRUE(IsHealth("warning: PCI 0000:01:00.0 runs with 4 of 8 lanes")) << Health();
+    EXPECT_TRUE(Traces("warning: PCI 0000:01:00.0 runs with 4 of 8 lanes"));
+    Configure("Delay = 0\nHealth = no\nSections = pci\nAccepted = other | *of 8 lanes\n");
     EXPECT_EQ(Ctl("modules reload inventory").code, 0);
     EXPECT_EQ(Ctl("modules request inventory scan").code, 0);
     EXPECT_TRUE(IsHealth("ok")) << Health();
-    EXPECT_TRUE(Traces("no longer: 0000:00:01.0: runs with 4 of 8 lanes"));
+    EXPECT_TRUE(Traces("no longer: PCI 0000:01:00.0 runs with 4 of 8 lanes"));
     Configure("Sections = disks\n");
     EXPECT_NE(Ctl("modules reload inventory").code, 0);
     EXPECT_TRUE(Traces("Sections: there is no section disks; known are: system memory"));
@@ -137,7 +139,7 @@ TEST_F(InventoryModuleTest, StopsAtOnce) {
     for (int i = 0; i < 2000; ++i) {
         char address[32];
         std::snprintf(address, sizeof address, "0000:%02x:%02x.0", 1 + i / 32, i % 32);
-        MakeFunction(address, "8");
+        MakeFunction(address);
     }
     Configure("Delay = 0\nHealth = no\n");
     EXPECT_EQ(Stop(Run()), 0);
