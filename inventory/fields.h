@@ -41,6 +41,7 @@ inline constexpr auto kInventoryFields = std::to_array<InventoryFieldInfo>({
     {"read_only", KEMD_INVENTORY_YES},
     {"irq", KEMD_INVENTORY_NUMBER, "", kVolatile},
     {"port"},
+    {"interface"},
     {"ports", KEMD_INVENTORY_NUMBER},
     {"power_state", KEMD_INVENTORY_TEXT, "", kVolatile},
     {"device_number", KEMD_INVENTORY_TEXT, "", kVolatile},
