@@ -89,7 +89,7 @@ int WriteXml(const KemdInventory& inventory) {
     for (const std::string& warning : inventory.warnings) xml.Add(warnings, "warning", warning);
     const KemdXmlNode notes = xml.Add(root, "notes");
     for (const std::string& note : inventory.notes) xml.Add(notes, "note", note);
-    const KemdXmlWriteOptions options = {sizeof options, KEMD_XML_PRETTY, 0, 2, nullptr};
+    const KemdXmlWriteOptions options = {sizeof options, KEMD_XML_PRETTY, 0, 2, nullptr, nullptr};
     const int error = xml.Document().WriteTo(
         [](std::string_view piece) {
             Write(piece);
