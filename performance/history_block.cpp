@@ -157,15 +157,36 @@ int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockR
     return 0;
 }
 
+// The rows of a slot as far as their sizes lead, so that the rest of it is not read.
+bool ReadRows(int fd, const AreaPlace& place, uint64_t which, std::vector<uint8_t>& bytes) {
+    constexpr uint64_t kPart = 64 << 10;
+    RowHead head;
+    head.size = sizeof(SlotHead) - sizeof head;
+    for (uint64_t at = 0; head.size > 0 && head.size + sizeof head <= place.slot - at;) {
+        at += sizeof head + head.size;
+        const size_t have = bytes.size();
+        if (have < std::min(at + sizeof head, place.slot)) {
+            bytes.resize(std::min(at + kPart, place.slot));
+            const uint64_t from = place.offset + which * place.slot + have;
+            const ReadResult got =
+                ReadFullyAt(fd, bytes.data() + have, bytes.size() - have, static_cast<off_t>(from));
+            bytes.resize(have + got.count);
+            if (got.error != 0) return false;
+        }
+        if (at + sizeof head > bytes.size()) break;
+        std::memcpy(&head, bytes.data() + at, sizeof head);
+    }
+    return true;
+}
+
 // A second time, when the writer began the slot again while it was read.
 bool ReadSlotBytes(int fd, const AreaPlace& place, uint64_t which, uint32_t area, SlotRows& slot) {
     for (int attempt = 0; attempt < 2; ++attempt) {
-        std::vector<uint8_t> bytes(place.slot);
-        const ReadResult got = ReadFullyAt(fd, bytes.data(), bytes.size(),
-                                           static_cast<off_t>(place.offset + which * place.slot));
-        bytes.resize(got.count);
+        std::vector<uint8_t> bytes;
         slot = {};
-        if (got.error == 0 && ParseSlot(std::move(bytes), area, slot)) return true;
+        if (ReadRows(fd, place, which, bytes) && ParseSlot(std::move(bytes), area, slot)) {
+            return true;
+        }
     }
     return false;
 }

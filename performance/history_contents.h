@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -77,6 +78,7 @@ class HistoryContents {
     bool Fail(int number);
     bool Reopen();
     bool LoadHead();
+    uint32_t TakeDefinition(size_t at, std::span<const uint8_t> bytes);
     bool LoadDefinitions();
     bool LoadLog(uint32_t number);
     void ListParts(uint32_t number);

@@ -181,6 +181,7 @@ class ByteTaker {
         return 0;
     }
     uint64_t Number() {
+        if (m_next < m_end && *m_next < 0x80) return *m_next++;
         uint64_t number = 0;
         for (unsigned shift = 0; shift < 64; shift += 7) {
             const uint8_t byte = Byte();

@@ -194,7 +194,7 @@ void HistoryMinutes::Set(uint32_t number, uint64_t bits) {
 
 void HistoryMinutes::Know(uint32_t number, uint32_t boot, const SampleTime& time, uint64_t bits) {
     Series& series = m_series[number];
-    (void)series.rate.Next(series.info, boot, time.monotonic, bits);
+    series.rate.Know(boot, time.monotonic, bits);
     m_boot = boot;
     m_time = time;
 }

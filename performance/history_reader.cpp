@@ -137,16 +137,24 @@ void HistoryReader::File::AddSamples(const BlockRows& rows, Request& request) co
     std::vector<bool> counts(rows.times.size());
     for (size_t i = 0; i < counts.size(); ++i) {
         const HistoryKey key{rows.boot, rows.times[i].monotonic};
-        counts[i] = !request.IsUsed(key, key);
+        const int64_t wall = rows.times[i].wall;
+        const bool isIn = wall >= request.span.from && wall < request.span.to;
+        counts[i] = isIn && !request.IsUsed(key, key);
     }
+    const auto counted = static_cast<size_t>(std::count(counts.begin(), counts.end(), true));
     for (const ColumnValues& column : rows.columns) {
         const int32_t at = contents.SeriesAt(column.id, column.tag);
         if (at < 0 || PartOf(column.id) != kLast) continue;
         StepMerger& merger =
             request.mergers[static_cast<size_t>(request.positions[static_cast<size_t>(at)])];
+        merger.Reserve(counted);
         for (size_t i = 0; i < counts.size(); ++i) {
             if (column.isPresent[i] == 0) continue;
-            merger.AddSample(rows.boot, rows.times[i], column.values[i], counts[i]);
+            if (counts[i]) {
+                merger.AddSample(rows.boot, rows.times[i], column.values[i]);
+            } else {
+                merger.KnowSample(rows.boot, rows.times[i], column.values[i]);
+            }
         }
     }
 }

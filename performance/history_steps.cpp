@@ -40,15 +40,25 @@ std::optional<double> CounterRate::Next(const SeriesInfo& info, uint32_t boot, i
         m_seconds = static_cast<double>(monotonic - m_monotonic) / kNanoseconds;
         rate = grown / m_seconds;
     }
+    Know(boot, monotonic, bits);
+    return rate;
+}
+
+void CounterRate::Know(uint32_t boot, int64_t monotonic, uint64_t bits) {
     m_known = true;
     m_boot = boot;
     m_monotonic = monotonic;
     m_bits = bits;
-    return rate;
+}
+
+void StepMerger::Reserve(size_t samples) {
+    const size_t wanted = m_points.size() + samples;
+    if (m_step > 0 || wanted <= m_points.capacity()) return;
+    m_points.reserve(std::max(wanted, 2 * m_points.size()));
 }
 
 void StepMerger::Add(HistoryKey key, const HistoryPoint& point, double weight) {
-    if (weight != 0 && !m_points.empty() && m_points.back().wall == point.wall) {
+    if (weight != 0 && !m_entries.empty() && m_points.back().wall == point.wall) {
         Entry& last = m_entries.back();
         if (last.weight != 0 && last.key <= key) {
             Merge(m_points.back(), last.weight, point, weight);
@@ -56,11 +66,11 @@ void StepMerger::Add(HistoryKey key, const HistoryPoint& point, double weight) {
             return;
         }
     }
+    if (weight != 0 || !m_entries.empty()) m_entries.push_back({key, weight});
     m_points.push_back(point);
-    m_entries.push_back({key, weight});
 }
 
-void StepMerger::AddSample(uint32_t boot, const SampleTime& time, uint64_t bits, bool counts) {
+void StepMerger::AddSample(uint32_t boot, const SampleTime& time, uint64_t bits) {
     HistoryPoint point;
     double weight = 1;
     point.last = SeriesNumber(m_info, bits);
@@ -71,7 +81,6 @@ void StepMerger::AddSample(uint32_t boot, const SampleTime& time, uint64_t bits,
         point.minimum = point.mean = point.maximum = *rate;
         weight = m_rate.Seconds();
     }
-    if (!counts || time.wall < m_span.from || time.wall >= m_span.to) return;
     point.wall = m_step > 0 ? (Multiples(time.wall, m_step) + 1) * m_step : time.wall;
     Add({boot, time.monotonic}, point, m_step > 0 ? weight : 0);
 }
@@ -84,6 +93,20 @@ void StepMerger::AddRow(HistoryKey key, int64_t begin, const HistoryPoint& point
 }
 
 void StepMerger::Finish() {
+    const auto isOver = [](const HistoryPoint& a, const HistoryPoint& b) {
+        return a.wall >= b.wall;
+    };
+    if (std::adjacent_find(m_points.begin(), m_points.end(), isOver) == m_points.end()) return;
+    if (m_entries.empty()) {
+        std::stable_sort(
+            m_points.begin(), m_points.end(),
+            [](const HistoryPoint& a, const HistoryPoint& b) { return a.wall < b.wall; });
+    } else {
+        SortAndMerge();
+    }
+}
+
+void StepMerger::SortAndMerge() {
     std::vector<size_t> order(m_points.size());
     std::iota(order.begin(), order.end(), size_t{0});
     std::sort(order.begin(), order.end(), [&](size_t a, size_t b) {

@@ -2,7 +2,6 @@
 // is a part of the time, whatever is exported.
 #include <algorithm>
 #include <cmath>
-#include <map>
 #include <string>
 #include <utility>
 
@@ -85,19 +84,29 @@ bool Exporter::ReadParts(std::span<const Exported> series, Take take) {
     return true;
 }
 
-// Rows by time; what one series has at each.
+// What each series has at one time; null: nothing.
 using Row = std::vector<const HistoryPoint*>;
-using Rows = std::map<int64_t, Row>;
-Rows MakeRows(const std::vector<ColumnPoints>& points) {
-    Rows rows;
-    for (size_t i = 0; i < points.size(); ++i) {
-        for (const HistoryPoint& point : points[i]) {
-            auto& row = rows[point.wall];
-            row.resize(points.size());
-            row[i] = &point;
+
+// Calls take(wall, row) for each time in order. The points of a series are in order of time.
+template <typename Take>
+void ForEachRow(const std::vector<ColumnPoints>& points, Take take) {
+    Row row(points.size());
+    std::vector<size_t> next(points.size());
+    for (;;) {
+        int64_t wall = INT64_MAX;
+        for (size_t i = 0; i < points.size(); ++i) {
+            if (next[i] < points[i].size()) wall = std::min(wall, points[i][next[i]].wall);
         }
+        if (wall == INT64_MAX) return;
+        for (size_t i = 0; i < points.size(); ++i) {
+            row[i] = nullptr;
+            // The clock may have been set back: the last one counts.
+            while (next[i] < points[i].size() && points[i][next[i]].wall == wall) {
+                row[i] = &points[i][next[i]++];
+            }
+        }
+        take(wall, row);
     }
-    return rows;
 }
 
 // A row for each time: the time, then the value of each series; empty where it has none.
@@ -109,10 +118,10 @@ class CsvExporter : public Exporter {
         for (const Exported& each : m_series) text += "," + Quoted(SeriesId(*each.info));
         text += '\n';
         return ReadParts(m_series, [&](const std::vector<ColumnPoints>& points) {
-            for (const auto& [wall, row] : MakeRows(points)) {
+            ForEachRow(points, [&](int64_t wall, const Row& row) {
                 AppendRow(text, wall, row);
                 Put(text);
-            }
+            });
         });
     }
 
@@ -141,10 +150,10 @@ class JsonExporter : public Exporter {
         for (const Exported& each : m_series) m_keys.push_back(JsonQuoted(SeriesId(*each.info)));
         return ReadParts(m_series, [&](const std::vector<ColumnPoints>& points) {
             std::string text;
-            for (const auto& [wall, row] : MakeRows(points)) {
+            ForEachRow(points, [&](int64_t wall, const Row& row) {
                 AppendRow(text, wall, row);
                 Put(text);
-            }
+            });
         });
     }
 
