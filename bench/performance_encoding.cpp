@@ -224,8 +224,9 @@ void CompareSizes(const Recording& recording) {
 // gauges are up to 12 % higher or lower; what never changed stays as it is.
 class Replay {
   public:
-    Replay(const Recording& recording, const std::vector<size_t>& chosen)
-        : m_recording(recording), m_chosen(chosen), m_scales(chosen.size()) {
+    // A sample each `seconds`: what counters grow is multiplied.
+    Replay(const Recording& recording, const std::vector<size_t>& chosen, uint64_t seconds)
+        : m_recording(recording), m_chosen(chosen), m_seconds(seconds), m_scales(chosen.size()) {
         for (const size_t i : chosen) {
             const bool isCounter = recording.names[i][0] == 'c';
             m_indexes.push_back(table.Add({recording.names[i].substr(2), "", "", "",
@@ -234,7 +235,7 @@ class Replay {
         }
     }
     SampleTime Next() {
-        if (m_count % 3600 == 0) BeginHour();
+        if (m_count * m_seconds % 3600 == 0) BeginHour();
         const size_t row = m_row;
         m_row = row + 1 < m_recording.times.size() ? row + 1 : 1;
         for (size_t i = 0; i < m_chosen.size(); ++i) {
@@ -242,7 +243,8 @@ class Replay {
             double value = static_cast<double>(column[row]);
             if (m_recording.names[m_chosen[i]][0] == 'c') {
                 const double grown = value - static_cast<double>(column[row - 1]);
-                value = m_counters[i] += std::round(std::max(grown, 0.0) * m_scales[i]);
+                const double scale = m_scales[i] * static_cast<double>(m_seconds);
+                value = m_counters[i] += std::round(std::max(grown, 0.0) * scale);
             } else if (!IsConstant(column, m_recording.times.size())) {
                 value = std::round(value * std::pow(m_scales[i], 0.11));
             }
@@ -250,7 +252,7 @@ class Replay {
         }
         const SampleTime& first = m_recording.times[0];
         // Keeps the jitter of the recording.
-        const int64_t time = static_cast<int64_t>(m_count) * kSecond +
+        const int64_t time = static_cast<int64_t>(m_count * m_seconds) * kSecond +
                              (m_recording.times[row].monotonic - first.monotonic) % kSecond;
         ++m_count;
         return {first.wall + time, first.monotonic + time};
@@ -266,6 +268,7 @@ class Replay {
 
     const Recording& m_recording;
     const std::vector<size_t>& m_chosen;
+    uint64_t m_seconds;
     std::vector<double> m_scales;
     std::vector<double> m_counters;
     std::vector<SeriesTable::Index> m_indexes;
@@ -293,12 +296,17 @@ void ShowLog(uint32_t log, const char* name, size_t changing, double wanted) {
         rows += block.head.rows;
     }
     if (rows == 0) return;
+    const double days =
+        static_cast<double>(blocks.back().head.mostWall - blocks.front().head.leastWall) / kSecond /
+        86'400;
     const double perRow = bytes / rows;
-    std::printf("  %-8s %8.1f B a row (%.2f a changing series), ring of %.1f MiB: %.1f %s of %zu\n",
-                name, perRow, perRow / static_cast<double>(changing),
-                static_cast<double>(head.areas[log].RingSize()) / (1 << 20),
-                static_cast<double>(head.areas[log].RingSize()) / perRow / wanted,
-                log == kSamples ? "days" : (log == kMinutes ? "months" : "years"), changing);
+    std::printf(
+        "  %-8s %8.1f B a row (%.2f a changing series), ring of %.1f MiB: for %.1f %s, has "
+        "%.1f days\n",
+        name, perRow, perRow / static_cast<double>(changing),
+        static_cast<double>(head.areas[log].RingSize()) / (1 << 20),
+        static_cast<double>(head.areas[log].RingSize()) / perRow / wanted,
+        log == kSamples ? "days" : (log == kMinutes ? "months" : "years"), days);
 }
 
 void MeasureReads() {
@@ -340,7 +348,7 @@ void MeasureWriting(const Recording& recording, size_t series, int days) {
         std::printf("%s\n", error.c_str());
         return;
     }
-    Replay replay(recording, chosen);
+    Replay replay(recording, chosen, 1);
     std::vector<double> took;
     // A reader of the newest five minutes has the most to do when a block was sealed within them.
     constexpr int kBlock = 512;
@@ -360,10 +368,37 @@ void MeasureWriting(const Recording& recording, size_t series, int days) {
     std::printf("  append, sealing included: mean %.2f us, median %.2f, 99.9 %% %.0f, most %.0f\n",
                 sum / count, took[took.size() / 2], took[took.size() * 999 / 1000], took.back());
     ShowLog(kSamples, "samples", changing, 86'400);
-    ShowLog(kMinutes, "minutes", changing, 43'200);
+    ShowLog(kMinutes, "minutes", changing, 43'830);
     ShowLog(kHours, "hours", changing, 8'766);
     MeasureReads();
     MeasureCommands(kFile);
+}
+
+// The default file with 100 series that all change, as long as it has to reach back: a month at 1
+// s, then two years of a sample a minute, for the hours.
+void MeasureLongTime(const Recording& recording, uint64_t seconds, uint64_t days) {
+    (void)unlink(kFile);
+    const std::vector<size_t> chosen = Choose(recording, kRows, false, 100);
+    std::string error;
+    auto writer = HistoryWriter::Open(
+        {kFile, uint64_t{64} << 20, static_cast<int64_t>(seconds) * kSecond, "bench", "boot"},
+        error);
+    if (writer == nullptr) {
+        std::printf("%s\n", error.c_str());
+        return;
+    }
+    Replay replay(recording, chosen, seconds);
+    for (uint64_t i = 0; i < days * 86'400 / seconds; ++i) {
+        const SampleTime time = replay.Next();
+        writer->Append(time, replay.table);
+    }
+    std::printf("%zu series, all changing, %zu days of a sample each %zu s\n", chosen.size(),
+                static_cast<size_t>(days), static_cast<size_t>(seconds));
+    if (seconds == 1) {
+        ShowLog(kSamples, "samples", chosen.size(), 86'400);
+        ShowLog(kMinutes, "minutes", chosen.size(), 43'830);
+    }
+    ShowLog(kHours, "hours", chosen.size(), 8'766);
 }
 
 void WriteNames(std::ofstream& file, const SeriesTable& table) {
@@ -411,5 +446,7 @@ int MeasureEncoding(int days, const char* path) {
     CompareSizes(recording);
     MeasureWriting(recording, 300, 2);
     MeasureWriting(recording, kSeries, days);
+    MeasureLongTime(recording, 1, 33);
+    MeasureLongTime(recording, 60, 760);
     return 0;
 }

@@ -14,7 +14,7 @@
 #include "performance/series.h"
 
 inline constexpr std::string_view kHistoryMagic = "KEMDPERF";
-inline constexpr uint32_t kHistoryVersion = 1;
+inline constexpr uint32_t kHistoryVersion = 2;
 inline constexpr size_t kPage = 4096;
 inline constexpr uint64_t kLeastHistory = uint64_t{1} << 20;
 

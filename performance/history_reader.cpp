@@ -55,12 +55,12 @@ bool HistoryReader::File::ReadRows(uint32_t number, const HistoryPart& part, con
 void HistoryReader::File::AddStepRow(const BlockRows& rows, size_t i, const StepRow& row,
                                      uint32_t number, Request& request) const {
     const int64_t begin = BeginOf(row.time.wall, StepOf(number));
-    ForEachStep(rows, i, [&](uint32_t place, uint16_t tag, const std::array<uint64_t, 4>& parts) {
+    ForEachStep(rows, i, [&](uint32_t place, uint16_t tag, const StepCells& step) {
         const int32_t at = contents.SeriesAt(MakeColumn(place, false, 0), tag);
         if (at < 0) return;
         const auto position = static_cast<size_t>(request.positions[static_cast<size_t>(at)]);
         const SeriesInfo& info = contents.Series()[static_cast<size_t>(at)];
-        HistoryPoint point = UnpackStep(info, parts);
+        HistoryPoint point = UnpackStep(info, step);
         point.wall = begin + StepOf(number);
         request.mergers[position].AddRow({rows.boot, row.time.monotonic}, begin, point,
                                          StepWeight(info, row));

@@ -25,6 +25,15 @@ void Merge(HistoryPoint& into, double& weight, const HistoryPoint& point, double
 
 }  // namespace
 
+std::optional<double> CounterGrowth(const SeriesInfo& info, uint64_t before, uint64_t now) {
+    if (!info.isReal) {
+        if (now < before) return {};
+        return static_cast<double>(now - before) * info.multiply / info.divide;
+    }
+    const double grown = std::bit_cast<double>(now) - std::bit_cast<double>(before);
+    return grown >= 0 ? std::optional(grown) : std::nullopt;
+}
+
 std::optional<double> CounterRate::Next(const SeriesInfo& info, uint32_t boot, int64_t monotonic,
                                         uint64_t bits) {
     std::optional<double> rate;
@@ -32,13 +41,10 @@ std::optional<double> CounterRate::Next(const SeriesInfo& info, uint32_t boot, i
     // by.
     constexpr int64_t kLeast = 1'000'000;
     const bool isNext = m_known && boot == m_boot && monotonic - m_monotonic >= kLeast;
-    const double grown = info.isReal
-                             ? std::bit_cast<double>(bits) - std::bit_cast<double>(m_bits)
-                             : static_cast<double>(bits - m_bits) * info.multiply / info.divide;
-    const bool isLess = info.isReal ? !(grown >= 0) : bits < m_bits;
-    if (isNext && !isLess) {
+    const auto grown = isNext ? CounterGrowth(info, m_bits, bits) : std::nullopt;
+    if (grown) {
         m_seconds = static_cast<double>(monotonic - m_monotonic) / kNanoseconds;
-        rate = grown / m_seconds;
+        rate = *grown / m_seconds;
     }
     Know(boot, monotonic, bits);
     return rate;

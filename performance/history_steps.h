@@ -10,6 +10,9 @@
 #include "performance/history_points.h"
 #include "performance/sample_time.h"
 
+// By how much a counter has grown, in its units; none where it began again.
+std::optional<double> CounterGrowth(const SeriesInfo& info, uint64_t before, uint64_t now);
+
 // The rate of a counter between two of its samples.
 class CounterRate {
   public:

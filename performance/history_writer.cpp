@@ -144,16 +144,19 @@ void HistoryWriter::File::AddStepColumns(uint32_t number) {
 
 void HistoryWriter::File::FillStepCells(const StepRow& row) {
     const size_t which = row.log - 1;
-    cells.assign(logs[row.log].Columns(), {});
+    const BlockLog& log = logs[row.log];
+    cells.assign(log.Columns(), {});
     cells[0] = {row.samples, true};
     cells[1] = {row.length, true};
     cells[2] = {row.rateMs, true};
     for (const HistoryMinutes::Series& series : minutes.All()) {
         if (series.steps[which].weight == 0) continue;
-        const auto parts = PackStep(series.info, series.steps[which]);
-        for (size_t i = 0; i < parts.size(); ++i) {
-            cells[series.column[which] + i] = {parts[i], true};
-        }
+        const uint32_t column = series.column[which];
+        const Cell& before = log.Before(column);
+        StepCells step{
+            {}, before.isPresent, before.value, row.time.monotonic - log.TimeBefore().monotonic};
+        PackStep(series.info, series.steps[which], step);
+        for (size_t i = 0; i < step.parts.size(); ++i) cells[column + i] = {step.parts[i], true};
     }
 }
 
@@ -191,10 +194,10 @@ ColumnFilter HistoryWriter::File::Defined() const {
 
 void HistoryWriter::File::TakeMinute(const BlockRows& rows, size_t i, const StepRow& row) {
     minutes.AddMinute(row);
-    ForEachStep(rows, i, [&](uint32_t place, uint16_t tag, const std::array<uint64_t, 4>& parts) {
+    ForEachStep(rows, i, [&](uint32_t place, uint16_t tag, const StepCells& step) {
         const auto definition = definitions.Find(place, tag);
         if (!definition) return;
-        StepValues values = UnpackStepValues(definition->info, parts);
+        StepValues values = UnpackStepValues(definition->info, step);
         values.SetWeight(StepWeight(definition->info, row));
         minutes.AddStep(minutes.Number(place, tag, definition->info), values);
     });
