@@ -325,7 +325,7 @@ void MeasureReads() {
                              int64_t step) {
         const auto from = Clock::now();
         const auto cold = HistoryReader::Open(kFile, error);
-        (void)cold->Read(series, {range.to - length, range.to}, step, points);
+        cold->Read(series, {range.to - length, range.to}, step, points);
         std::printf("  %-44s %8.2f ms, %zu points\n", name, Microseconds(from) / 1000,
                     points[0].size());
     };

@@ -19,8 +19,8 @@ class BlockLog {
     BlockLog(uint32_t number, std::span<uint8_t> area, uint64_t slotSize,
              HistoryDefinitions& definitions);
 
-    // Takes what is in the file, and goes on with the newest block.
-    void Resume(int fd, const AreaPlace& place);
+    // Takes what is in the file, and goes on with the newest block. An errno number.
+    int Resume(int fd, const AreaPlace& place);
     // What the next rows have in common; a block that has another origin is sealed.
     void SetOrigin(const BlockOrigin& origin);
 

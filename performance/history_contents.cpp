@@ -65,8 +65,8 @@ bool HistoryContents::LoadHead() {
     struct stat status {};
     if (fstat(m_fd.Get(), &status) != 0) return Fail(errno);
     if (static_cast<uint64_t>(status.st_size) < m_head.size) {
-        AddProblem("the file is cut: it has " + std::to_string(status.st_size) + " of " +
-                   std::to_string(m_head.size) + " bytes");
+        m_error = m_path + ": the file is cut: it has " + std::to_string(status.st_size) + " of " +
+                  std::to_string(m_head.size) + " bytes";
     }
     return true;
 }
@@ -176,7 +176,7 @@ void HistoryContents::ListParts(uint32_t number) {
 }
 
 // The newest first: as a rule they have every series that is defined.
-void HistoryContents::ListSeries(uint32_t number) {
+bool HistoryContents::ListSeries(uint32_t number) {
     HistoryLog& log = m_logs[number];
     std::vector<DirectoryEntry> entries;
     const uint64_t listed = log.listed;
@@ -189,9 +189,11 @@ void HistoryContents::ListSeries(uint32_t number) {
         if (part.sequence <= listed) break;
         log.listed = std::max(log.listed, part.sequence);
         const BlockState state = ReadDirectory(m_fd.Get(), *part.block, entries);
+        if (state == BlockState::kUnread) return Fail(errno);
         if (state == BlockState::kDamaged) AddDamage(number, part);
         for (const DirectoryEntry& entry : entries) Note(entry.id, entry.tag);
     }
+    return true;
 }
 
 bool HistoryContents::LoadLog(uint32_t number) {
@@ -223,7 +225,9 @@ bool HistoryContents::Load() {
     }
     // After the blocks that refer to them.
     if (!LoadDefinitions()) return false;
-    for (uint32_t number = 0; number < kLogs; ++number) ListSeries(number);
+    for (uint32_t number = 0; number < kLogs; ++number) {
+        if (!ListSeries(number)) return false;
+    }
     FindNewest();
     return true;
 }
@@ -240,6 +244,7 @@ bool HistoryContents::ReadRows(uint32_t log, const HistoryPart& part, const Colu
         return true;
     }
     const BlockState state = ReadBlock(m_fd.Get(), *part.block, isWanted, rows);
+    if (state == BlockState::kUnread) return Fail(errno);
     if (state == BlockState::kDamaged) AddDamage(log, part);
     return state != BlockState::kGone;
 }
@@ -257,9 +262,10 @@ KeySpans HistoryContents::Covered(uint32_t number) const {
     return covered;
 }
 
-void HistoryContents::TakeMarks(Area area, HistorySpan span, std::vector<StoredMark>& marks) const {
+void HistoryContents::TakeMarks(Area area, HistorySpan span, std::vector<StoredMark>& marks) {
     std::vector<uint8_t> bytes;
-    (void)ReadArea(area, bytes);
+    const int failed = ReadArea(area, bytes);
+    if (failed != 0) (void)Fail(failed);
     for (StoredMark& stored : ParseMarks(bytes)) {
         const int64_t wall = stored.mark.time.wall;
         if (wall >= span.from && wall < span.to) marks.push_back(std::move(stored));

@@ -231,7 +231,7 @@ HistorySpan HistoryReader::Range() const {
     return range;
 }
 
-std::vector<Mark> HistoryReader::Marks(HistorySpan span) const {
+std::vector<Mark> HistoryReader::Marks(HistorySpan span) {
     std::vector<StoredMark> stored;
     m_file->contents.TakeMarks(kMarks, span, stored);
     m_file->contents.TakeMarks(kProcessNotes, span, stored);
@@ -245,7 +245,7 @@ std::vector<Mark> HistoryReader::Marks(HistorySpan span) const {
     return marks;
 }
 
-bool HistoryReader::Read(std::span<const uint32_t> series, HistorySpan span, int64_t step,
+void HistoryReader::Read(std::span<const uint32_t> series, HistorySpan span, int64_t step,
                          std::vector<std::vector<HistoryPoint>>& points) {
     // Not all at once: a damaged file may have very many.
     constexpr size_t kGroup = 1024;
@@ -263,7 +263,6 @@ bool HistoryReader::Read(std::span<const uint32_t> series, HistorySpan span, int
         }
         m_file->ReadGroup(request);
     }
-    return true;
 }
 
 bool HistoryReader::Refresh() {

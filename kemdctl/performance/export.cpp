@@ -43,13 +43,12 @@ class Exporter {
     Exporter(const Exporter&) = delete;
     Exporter& operator=(const Exporter&) = delete;
     virtual ~Exporter() = default;
-    // False, after a complaint, when the history cannot be read.
-    virtual bool Run() = 0;
+    virtual void Run() = 0;
 
   protected:
     // Calls `take` with each part of the time and the points of these series in it.
     template <typename Take>
-    bool ReadParts(std::span<const Exported> series, Take take);
+    void ReadParts(std::span<const Exported> series, Take take);
     void Put(std::string& text) {
         Write(text);
         text.clear();
@@ -62,7 +61,7 @@ class Exporter {
 };
 
 template <typename Take>
-bool Exporter::ReadParts(std::span<const Exported> series, Take take) {
+void Exporter::ReadParts(std::span<const Exported> series, Take take) {
     std::vector<uint32_t> numbers;
     for (const Exported& each : series) numbers.push_back(each.number);
     // About so many points at once, in whole steps; of long ones less than a year, or one.
@@ -74,14 +73,10 @@ bool Exporter::ReadParts(std::span<const Exported> series, Take take) {
     for (int64_t from = m_span.from; from < m_span.to && !HasWriteFailed();) {
         const int64_t end = (from / length + 1) * length;
         const HistorySpan part = {from, std::min(end, m_span.to)};
-        if (!m_reader.Read(numbers, part, m_step, points)) {
-            Complain("%s", Printable(m_reader.Error()).c_str());
-            return false;
-        }
+        m_reader.Read(numbers, part, m_step, points);
         take(points);
         from = part.to;
     }
-    return true;
 }
 
 // What each series has at one time; null: nothing.
@@ -113,11 +108,11 @@ void ForEachRow(const std::vector<ColumnPoints>& points, Take take) {
 class CsvExporter : public Exporter {
   public:
     using Exporter::Exporter;
-    bool Run() override {
+    void Run() override {
         std::string text = "time";
         for (const Exported& each : m_series) text += "," + Quoted(SeriesId(*each.info));
         text += '\n';
-        return ReadParts(m_series, [&](const std::vector<ColumnPoints>& points) {
+        ReadParts(m_series, [&](const std::vector<ColumnPoints>& points) {
             ForEachRow(points, [&](int64_t wall, const Row& row) {
                 AppendRow(text, wall, row);
                 Put(text);
@@ -146,9 +141,9 @@ class CsvExporter : public Exporter {
 class JsonExporter : public Exporter {
   public:
     using Exporter::Exporter;
-    bool Run() override {
+    void Run() override {
         for (const Exported& each : m_series) m_keys.push_back(JsonQuoted(SeriesId(*each.info)));
-        return ReadParts(m_series, [&](const std::vector<ColumnPoints>& points) {
+        ReadParts(m_series, [&](const std::vector<ColumnPoints>& points) {
             std::string text;
             ForEachRow(points, [&](int64_t wall, const Row& row) {
                 AppendRow(text, wall, row);
@@ -175,7 +170,7 @@ class JsonExporter : public Exporter {
 class OpenMetricsExporter : public Exporter {
   public:
     using Exporter::Exporter;
-    bool Run() override {
+    void Run() override {
         std::stable_sort(m_series.begin(), m_series.end(), [](const auto& one, const auto& other) {
             return one.info->name < other.info->name;
         });
@@ -187,11 +182,10 @@ class OpenMetricsExporter : public Exporter {
             PutHead(*m_series[begin].info);
             // The samples of a series stand together.
             for (size_t i = begin; i < end; ++i) {
-                if (!PutSeries(m_series[i])) return false;
+                PutSeries(m_series[i]);
             }
         }
         Write("# EOF\n");
-        return true;
     }
 
   private:
@@ -218,12 +212,12 @@ class OpenMetricsExporter : public Exporter {
         }
         Write(text + "\n");
     }
-    bool PutSeries(const Exported& series) {
+    void PutSeries(const Exported& series) {
         std::string head = Family(*series.info);
         if (series.info->kind == SeriesKind::kCounter) head += "_total";
         if (!series.info->labels.empty()) head += "{" + series.info->labels + "}";
         std::string text;
-        return ReadParts({&series, 1}, [&](const std::vector<ColumnPoints>& points) {
+        ReadParts({&series, 1}, [&](const std::vector<ColumnPoints>& points) {
             for (const HistoryPoint& point : points[0]) {
                 text += head + ' ';
                 AppendValue(text, point.last);
@@ -265,13 +259,12 @@ int ExportHistory(const PerformanceOptions& options, ReportWriter& /*report*/) {
     const auto span = ChooseSpan(options, *reader, true);
     if (!span) return kNo;
     const int64_t step = options.step.value_or(0);
-    bool isWhole = false;
     if (options.form == ExportForm::kCsv) {
-        isWhole = CsvExporter(*reader, *numbers, *span, step).Run();
+        CsvExporter(*reader, *numbers, *span, step).Run();
     } else if (options.form == ExportForm::kJsonLines) {
-        isWhole = JsonExporter(*reader, *numbers, *span, step).Run();
+        JsonExporter(*reader, *numbers, *span, step).Run();
     } else {
-        isWhole = OpenMetricsExporter(*reader, *numbers, *span, step).Run();
+        OpenMetricsExporter(*reader, *numbers, *span, step).Run();
     }
-    return isWhole && !HasWriteFailed() ? kYes : kError;
+    return HasWriteFailed() ? kError : kYes;
 }

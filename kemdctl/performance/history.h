@@ -11,11 +11,15 @@
 
 class ReportWriter;
 
-// Reports the damaged parts that were met, at the end: some show only when values are read.
+// Reports the damaged parts that were met and a failure to read, at the end: some show only when
+// values are read.
 struct CloseHistory {
     void operator()(HistoryReader* reader) const;
 };
 using History = std::unique_ptr<HistoryReader, CloseHistory>;
+
+// Whether one that was closed could not be read whole: the status is then an error.
+[[nodiscard]] bool HasReadFailed();
 
 // Null after a complaint.
 [[nodiscard]] History OpenHistory(const PerformanceOptions& options);

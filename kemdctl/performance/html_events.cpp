@@ -46,7 +46,7 @@ const char* WordOf(MarkKind kind) {
     return nullptr;
 }
 
-void AddMarks(const HistoryReader& reader, HistorySpan span, std::vector<PageEvent>& events) {
+void AddMarks(HistoryReader& reader, HistorySpan span, std::vector<PageEvent>& events) {
     for (const Mark& mark : reader.Marks(span)) {
         const char* const word = WordOf(mark.kind);
         if (word == nullptr) continue;
@@ -129,7 +129,7 @@ void AddCrashes(const PerformanceOptions& options, HistorySpan span,
 
 }  // namespace
 
-std::vector<PageEvent> CollectEvents(const PerformanceOptions& options, const HistoryReader& reader,
+std::vector<PageEvent> CollectEvents(const PerformanceOptions& options, HistoryReader& reader,
                                      HistorySpan span, std::vector<std::string>& notes) {
     std::vector<PageEvent> events;
     AddMarks(reader, span, events);
