@@ -36,7 +36,7 @@ void ShowOrigin(ReportWriter& report, const PerformanceOptions& options,
 
 // "gap: 12 samples missed", "reboot", "clock set back by 2s": one line, printable.
 [[nodiscard]] std::string MarkText(const Mark& mark);
-// "gap", "clock-step": for JSON.
+// "gap", "clock-step": for JSON and the page.
 [[nodiscard]] const char* MarkWord(MarkKind kind);
 // Into an array that is open.
 void StateMark(ReportWriter& report, const Mark& mark);
