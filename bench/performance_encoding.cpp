@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -217,6 +218,36 @@ void CompareSizes(const Recording& recording) {
     }
     show("gzip -6 of CSV", static_cast<double>(sizes[0][0]), static_cast<double>(sizes[1][0]));
     show("zstd -19 of CSV", static_cast<double>(sizes[0][1]), static_cast<double>(sizes[1][1]));
+}
+
+// The file of sysstat's sadc for the same half minute of this machine, by the values that sadf
+// lists.
+void ShowSysstat() {
+    constexpr const char* kSadc = "/usr/lib/sysstat/sadc";
+    const std::string path = "/tmp/performance_bench.sadc";
+    if (access(kSadc, X_OK) != 0) {
+        std::printf("  sysstat is not compared: %s is missing\n", kSadc);
+        return;
+    }
+    (void)unlink(path.c_str());
+    const std::string record = std::string(kSadc) + " -S XALL 1 31 " + path;
+    FILE* const pipe = std::system(record.c_str()) != 0
+                           ? nullptr
+                           : popen(("sadf -d " + path +
+                                    " -- -A 2>/dev/null | awk -F';' '!/^#/ { for (i = 4; i <= "
+                                    "NF; ++i) if ($i ~ /^-?[0-9.]+$/) ++n } END { print n + 0 }'")
+                                       .c_str(),
+                                   "r");
+    size_t values = 0;
+    if (pipe == nullptr || std::fscanf(pipe, "%zu", &values) != 1) values = 0;
+    if (pipe != nullptr) pclose(pipe);
+    const size_t size = SizeAfter("cat " + path);
+    if (values == 0) {
+        std::printf("  sysstat is not compared: sadc or sadf failed\n");
+        return;
+    }
+    std::printf("  %-44s %8.3f B a value, %zu values of this machine now\n", "sysstat's file",
+                static_cast<double>(size) / static_cast<double>(values), values);
 }
 
 // Goes on for days: each hour begins somewhere else in the recording, and with another load, so
@@ -444,6 +475,7 @@ int MeasureEncoding(int days, const char* path) {
         return 1;
     }
     CompareSizes(recording);
+    ShowSysstat();
     MeasureWriting(recording, 300, 2);
     MeasureWriting(recording, kSeries, days);
     MeasureLongTime(recording, 1, 33);
