@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -219,13 +220,44 @@ void CompareSizes(const Recording& recording) {
     show("zstd -19 of CSV", static_cast<double>(sizes[0][1]), static_cast<double>(sizes[1][1]));
 }
 
+// The file of sysstat's sadc for the same half minute of this machine, by the values that sadf
+// lists.
+void ShowSysstat() {
+    constexpr const char* kSadc = "/usr/lib/sysstat/sadc";
+    const std::string path = "/tmp/performance_bench.sadc";
+    if (access(kSadc, X_OK) != 0) {
+        std::printf("  sysstat is not compared: %s is missing\n", kSadc);
+        return;
+    }
+    (void)unlink(path.c_str());
+    const std::string record = std::string(kSadc) + " -S XALL 1 31 " + path;
+    FILE* const pipe = std::system(record.c_str()) != 0
+                           ? nullptr
+                           : popen(("sadf -d " + path +
+                                    " -- -A 2>/dev/null | awk -F';' '!/^#/ { for (i = 4; i <= "
+                                    "NF; ++i) if ($i ~ /^-?[0-9.]+$/) ++n } END { print n + 0 }'")
+                                       .c_str(),
+                                   "r");
+    size_t values = 0;
+    if (pipe == nullptr || std::fscanf(pipe, "%zu", &values) != 1) values = 0;
+    if (pipe != nullptr) pclose(pipe);
+    const size_t size = SizeAfter("cat " + path);
+    if (values == 0) {
+        std::printf("  sysstat is not compared: sadc or sadf failed\n");
+        return;
+    }
+    std::printf("  %-44s %8.3f B a value, %zu values of this machine now\n", "sysstat's file",
+                static_cast<double>(size) / static_cast<double>(values), values);
+}
+
 // Goes on for days: each hour begins somewhere else in the recording, and with another load, so
 // that no minute or hour is like the one before. Counters grow up to 2.8 times faster or slower,
 // gauges are up to 12 % higher or lower; what never changed stays as it is.
 class Replay {
   public:
-    Replay(const Recording& recording, const std::vector<size_t>& chosen)
-        : m_recording(recording), m_chosen(chosen), m_scales(chosen.size()) {
+    // A sample each `seconds`: what counters grow is multiplied.
+    Replay(const Recording& recording, const std::vector<size_t>& chosen, uint64_t seconds)
+        : m_recording(recording), m_chosen(chosen), m_seconds(seconds), m_scales(chosen.size()) {
         for (const size_t i : chosen) {
             const bool isCounter = recording.names[i][0] == 'c';
             m_indexes.push_back(table.Add({recording.names[i].substr(2), "", "", "",
@@ -234,7 +266,7 @@ class Replay {
         }
     }
     SampleTime Next() {
-        if (m_count % 3600 == 0) BeginHour();
+        if (m_count * m_seconds % 3600 == 0) BeginHour();
         const size_t row = m_row;
         m_row = row + 1 < m_recording.times.size() ? row + 1 : 1;
         for (size_t i = 0; i < m_chosen.size(); ++i) {
@@ -242,7 +274,8 @@ class Replay {
             double value = static_cast<double>(column[row]);
             if (m_recording.names[m_chosen[i]][0] == 'c') {
                 const double grown = value - static_cast<double>(column[row - 1]);
-                value = m_counters[i] += std::round(std::max(grown, 0.0) * m_scales[i]);
+                const double scale = m_scales[i] * static_cast<double>(m_seconds);
+                value = m_counters[i] += std::round(std::max(grown, 0.0) * scale);
             } else if (!IsConstant(column, m_recording.times.size())) {
                 value = std::round(value * std::pow(m_scales[i], 0.11));
             }
@@ -250,7 +283,7 @@ class Replay {
         }
         const SampleTime& first = m_recording.times[0];
         // Keeps the jitter of the recording.
-        const int64_t time = static_cast<int64_t>(m_count) * kSecond +
+        const int64_t time = static_cast<int64_t>(m_count * m_seconds) * kSecond +
                              (m_recording.times[row].monotonic - first.monotonic) % kSecond;
         ++m_count;
         return {first.wall + time, first.monotonic + time};
@@ -266,6 +299,7 @@ class Replay {
 
     const Recording& m_recording;
     const std::vector<size_t>& m_chosen;
+    uint64_t m_seconds;
     std::vector<double> m_scales;
     std::vector<double> m_counters;
     std::vector<SeriesTable::Index> m_indexes;
@@ -293,12 +327,17 @@ void ShowLog(uint32_t log, const char* name, size_t changing, double wanted) {
         rows += block.head.rows;
     }
     if (rows == 0) return;
+    const double days =
+        static_cast<double>(blocks.back().head.mostWall - blocks.front().head.leastWall) / kSecond /
+        86'400;
     const double perRow = bytes / rows;
-    std::printf("  %-8s %8.1f B a row (%.2f a changing series), ring of %.1f MiB: %.1f %s of %zu\n",
-                name, perRow, perRow / static_cast<double>(changing),
-                static_cast<double>(head.areas[log].RingSize()) / (1 << 20),
-                static_cast<double>(head.areas[log].RingSize()) / perRow / wanted,
-                log == kSamples ? "days" : (log == kMinutes ? "months" : "years"), changing);
+    std::printf(
+        "  %-8s %8.1f B a row (%.2f a changing series), ring of %.1f MiB: for %.1f %s, has "
+        "%.1f days\n",
+        name, perRow, perRow / static_cast<double>(changing),
+        static_cast<double>(head.areas[log].RingSize()) / (1 << 20),
+        static_cast<double>(head.areas[log].RingSize()) / perRow / wanted,
+        log == kSamples ? "days" : (log == kMinutes ? "months" : "years"), days);
 }
 
 void MeasureReads() {
@@ -317,7 +356,7 @@ void MeasureReads() {
                              int64_t step) {
         const auto from = Clock::now();
         const auto cold = HistoryReader::Open(kFile, error);
-        (void)cold->Read(series, {range.to - length, range.to}, step, points);
+        cold->Read(series, {range.to - length, range.to}, step, points);
         std::printf("  %-44s %8.2f ms, %zu points\n", name, Microseconds(from) / 1000,
                     points[0].size());
     };
@@ -340,9 +379,11 @@ void MeasureWriting(const Recording& recording, size_t series, int days) {
         std::printf("%s\n", error.c_str());
         return;
     }
-    Replay replay(recording, chosen);
+    Replay replay(recording, chosen, 1);
     std::vector<double> took;
-    const int count = days * 86'400;
+    // A reader of the newest five minutes has the most to do when a block was sealed within them.
+    constexpr int kBlock = 512;
+    const int count = days * 86'400 / kBlock * kBlock + 290;
     took.reserve(static_cast<size_t>(count));
     for (int i = 0; i < count; ++i) {
         const SampleTime time = replay.Next();
@@ -358,9 +399,37 @@ void MeasureWriting(const Recording& recording, size_t series, int days) {
     std::printf("  append, sealing included: mean %.2f us, median %.2f, 99.9 %% %.0f, most %.0f\n",
                 sum / count, took[took.size() / 2], took[took.size() * 999 / 1000], took.back());
     ShowLog(kSamples, "samples", changing, 86'400);
-    ShowLog(kMinutes, "minutes", changing, 43'200);
+    ShowLog(kMinutes, "minutes", changing, 43'830);
     ShowLog(kHours, "hours", changing, 8'766);
     MeasureReads();
+    MeasureCommands(kFile);
+}
+
+// The default file with 100 series that all change, as long as it has to reach back: a month at 1
+// s, then two years of a sample a minute, for the hours.
+void MeasureLongTime(const Recording& recording, uint64_t seconds, uint64_t days) {
+    (void)unlink(kFile);
+    const std::vector<size_t> chosen = Choose(recording, kRows, false, 100);
+    std::string error;
+    auto writer = HistoryWriter::Open(
+        {kFile, uint64_t{64} << 20, static_cast<int64_t>(seconds) * kSecond, "bench", "boot"},
+        error);
+    if (writer == nullptr) {
+        std::printf("%s\n", error.c_str());
+        return;
+    }
+    Replay replay(recording, chosen, seconds);
+    for (uint64_t i = 0; i < days * 86'400 / seconds; ++i) {
+        const SampleTime time = replay.Next();
+        writer->Append(time, replay.table);
+    }
+    std::printf("%zu series, all changing, %zu days of a sample each %zu s\n", chosen.size(),
+                static_cast<size_t>(days), static_cast<size_t>(seconds));
+    if (seconds == 1) {
+        ShowLog(kSamples, "samples", chosen.size(), 86'400);
+        ShowLog(kMinutes, "minutes", chosen.size(), 43'830);
+    }
+    ShowLog(kHours, "hours", chosen.size(), 8'766);
 }
 
 void WriteNames(std::ofstream& file, const SeriesTable& table) {
@@ -406,7 +475,10 @@ int MeasureEncoding(int days, const char* path) {
         return 1;
     }
     CompareSizes(recording);
+    ShowSysstat();
     MeasureWriting(recording, 300, 2);
     MeasureWriting(recording, kSeries, days);
+    MeasureLongTime(recording, 1, 33);
+    MeasureLongTime(recording, 60, 760);
     return 0;
 }

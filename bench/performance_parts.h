@@ -11,3 +11,5 @@ int CompareValues();
 int RecordValues(int seconds, const char* path);
 // The history of a recording beside other coders; then days of it, written and read.
 int MeasureEncoding(int days, const char* path);
+// kemdctl performance on this history.
+void MeasureCommands(const char* history);

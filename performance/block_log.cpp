@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 
 namespace {
 
@@ -193,16 +194,17 @@ void BlockLog::Adopt(const SlotRows& slot) {
     Seal();
 }
 
-void BlockLog::Resume(int fd, const AreaPlace& place) {
+int BlockLog::Resume(int fd, const AreaPlace& place) {
     std::vector<BlockRef> blocks;
     std::vector<SlotRows> slots;
-    (void)ReadLog(fd, place, m_number, blocks, slots);
+    const int failed = ReadLog(fd, place, m_number, blocks, slots);
+    if (failed != 0) return failed;
     for (const BlockRef& block : blocks) {
         m_blocks.push_back({block.head.sequence, block.offset - place.Ring(), block.head.size});
         m_ringEnd = m_blocks.back().offset + block.head.size;
         m_sequence = block.head.sequence + 1;
         std::vector<DirectoryEntry> entries;
-        (void)ReadDirectory(fd, block, entries);
+        if (ReadDirectory(fd, block, entries) == BlockState::kUnread) return errno;
         for (const DirectoryEntry& entry : entries) {
             m_definitions.Use(SeriesOf(entry.id), entry.tag, m_number, block.head.sequence);
         }
@@ -213,6 +215,7 @@ void BlockLog::Resume(int fd, const AreaPlace& place) {
         m_sequence = slot.head.sequence;
         Replay(slot);
     }
+    return 0;
 }
 
 void BlockLog::SetOrigin(const BlockOrigin& origin) {

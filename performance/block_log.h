@@ -19,14 +19,17 @@ class BlockLog {
     BlockLog(uint32_t number, std::span<uint8_t> area, uint64_t slotSize,
              HistoryDefinitions& definitions);
 
-    // Takes what is in the file, and goes on with the newest block.
-    void Resume(int fd, const AreaPlace& place);
+    // Takes what is in the file, and goes on with the newest block. An errno number.
+    int Resume(int fd, const AreaPlace& place);
     // What the next rows have in common; a block that has another origin is sealed.
     void SetOrigin(const BlockOrigin& origin);
 
     // Columns are numbered from 0 in each block, so they are added again when this number changes.
     [[nodiscard]] uint64_t Block() const { return m_sequence; }
     [[nodiscard]] size_t Columns() const { return m_columns.size(); }
+    // What the column has in the row before in this block, and that row's times.
+    [[nodiscard]] const Cell& Before(uint32_t column) const { return m_columns[column].cell; }
+    [[nodiscard]] const SampleTime& TimeBefore() const { return m_time; }
     // The columns of one series, or those of the rows themselves; the number of the first one.
     // Those that the block has already are not added again.
     uint32_t AddColumns(std::span<const ColumnId> ids, uint16_t tag);

@@ -11,9 +11,11 @@ namespace {
 constexpr uint8_t kConstant = 1;
 constexpr uint8_t kWhole = 2;  // from the first row to the last
 
+// False with errno, which is 0 at the end of the file.
 bool ReadBytes(int fd, uint64_t offset, size_t size, std::vector<uint8_t>& bytes) {
     bytes.resize(size);
     const ReadResult got = ReadFullyAt(fd, bytes.data(), size, static_cast<off_t>(offset));
+    errno = got.error;
     return got.error == 0 && got.count == size;
 }
 
@@ -58,7 +60,7 @@ bool IsHead(const BlockHead& head, uint32_t area, uint64_t room) {
            head.directorySize <= head.size - sizeof head;
 }
 
-// The next place from `at` on where a block may begin.
+// The next place from `at` on where a block may begin. `end` when there is none, with errno.
 uint64_t NextMagic(int fd, uint64_t at, uint64_t end) {
     constexpr uint64_t kWindow = kPage;
     std::vector<uint8_t> bytes;
@@ -69,6 +71,7 @@ uint64_t NextMagic(int fd, uint64_t at, uint64_t end) {
             if (std::memcmp(bytes.data() + i, &kBlockMagic, sizeof kBlockMagic) == 0) return at + i;
         }
     }
+    errno = 0;
     return end;
 }
 
@@ -116,14 +119,19 @@ void KeepFirstOfEach(std::vector<Item>& items, IdOf idOf) {
     items.erase(last, items.end());
 }
 
-bool IsThere(int fd, const BlockRef& block) {
+// What it is when its bytes are not right.
+BlockState Wrong(int fd, const BlockRef& block) {
     BlockHead now;
     const ReadResult got = ReadFullyAt(fd, &now, sizeof now, static_cast<off_t>(block.offset));
-    return got.count == sizeof now && std::memcmp(&now, &block.head, sizeof now) == 0;
+    errno = got.error;
+    if (got.error != 0) return BlockState::kUnread;
+    const bool isThere = got.count == sizeof now && std::memcmp(&now, &block.head, sizeof now) == 0;
+    return isThere ? BlockState::kDamaged : BlockState::kGone;
 }
 
+// After ReadBytes.
 BlockState Failed(int fd, const BlockRef& block) {
-    return IsThere(fd, block) ? BlockState::kDamaged : BlockState::kGone;
+    return errno != 0 ? BlockState::kUnread : Wrong(fd, block);
 }
 
 // `writing`: the sequence of the newer slot. The part of a ring that was never written is not read.
@@ -145,6 +153,7 @@ int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockR
             if (isFirstRound && block.head.sequence + 1 == writing) break;
         } else {
             at = NextMagic(fd, at + kBlockUnit, end);
+            if (at == end && errno != 0) return errno;
         }
     }
     std::sort(blocks.begin(), blocks.end(), [](const BlockRef& a, const BlockRef& b) {
@@ -157,17 +166,42 @@ int FindBlocks(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockR
     return 0;
 }
 
-// A second time, when the writer began the slot again while it was read.
-bool ReadSlotBytes(int fd, const AreaPlace& place, uint64_t which, uint32_t area, SlotRows& slot) {
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        std::vector<uint8_t> bytes(place.slot);
-        const ReadResult got = ReadFullyAt(fd, bytes.data(), bytes.size(),
-                                           static_cast<off_t>(place.offset + which * place.slot));
-        bytes.resize(got.count);
-        slot = {};
-        if (got.error == 0 && ParseSlot(std::move(bytes), area, slot)) return true;
+// The rows of a slot as far as their sizes lead, so that the rest of it is not read. An errno
+// number.
+int ReadRows(int fd, const AreaPlace& place, uint64_t which, std::vector<uint8_t>& bytes) {
+    constexpr uint64_t kPart = 64 << 10;
+    RowHead head;
+    head.size = sizeof(SlotHead) - sizeof head;
+    for (uint64_t at = 0; head.size > 0 && head.size + sizeof head <= place.slot - at;) {
+        at += sizeof head + head.size;
+        const size_t have = bytes.size();
+        if (have < std::min(at + sizeof head, place.slot)) {
+            bytes.resize(std::min(at + kPart, place.slot));
+            const uint64_t from = place.offset + which * place.slot + have;
+            const ReadResult got =
+                ReadFullyAt(fd, bytes.data() + have, bytes.size() - have, static_cast<off_t>(from));
+            bytes.resize(have + got.count);
+            if (got.error != 0) return got.error;
+        }
+        if (at + sizeof head > bytes.size()) break;
+        std::memcpy(&head, bytes.data() + at, sizeof head);
     }
-    return false;
+    return 0;
+}
+
+// Without rows when there is none. A second time, when the writer began the slot again while it was
+// read. An errno number.
+int ReadSlotRows(int fd, const AreaPlace& place, uint64_t which, uint32_t area, SlotRows& slot) {
+    bool isThere = false;
+    for (int attempt = 0; attempt < 2 && !isThere; ++attempt) {
+        std::vector<uint8_t> bytes;
+        slot = {};
+        const int failed = ReadRows(fd, place, which, bytes);
+        if (failed != 0) return failed;
+        isThere = ParseSlot(std::move(bytes), area, slot);
+    }
+    if (!isThere) slot = {};
+    return 0;
 }
 
 }  // namespace
@@ -210,17 +244,17 @@ int ReadLog(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>
     // The newer one before the ring: what is sealed meanwhile is then found there. The other one is
     // sealed already, unless a power cut has taken its block.
     SlotRows slot;
-    bool isThere = ReadSlotBytes(fd, place, newer, area, slot);
-    const int failed = FindBlocks(fd, place, area, blocks, sequences[newer]);
-    if (failed != 0) return failed;
-    const uint64_t sealed = blocks.empty() ? 0 : blocks.back().head.sequence;
     SlotRows other;
-    if (sequences[1 - newer] > sealed && ReadSlotBytes(fd, place, 1 - newer, area, other) &&
-        other.head.sequence > sealed) {
-        slots.push_back(std::move(other));
+    int failed = ReadSlotRows(fd, place, newer, area, slot);
+    if (failed == 0) failed = FindBlocks(fd, place, area, blocks, sequences[newer]);
+    const uint64_t sealed = blocks.empty() ? 0 : blocks.back().head.sequence;
+    if (failed == 0 && sequences[1 - newer] > sealed) {
+        failed = ReadSlotRows(fd, place, 1 - newer, area, other);
     }
-    isThere = isThere && slot.head.sequence > sealed;
-    if (isThere) slots.push_back(std::move(slot));
+    if (failed != 0) return failed;
+    for (SlotRows* const each : {&other, &slot}) {
+        if (each->rows > 0 && each->head.sequence > sealed) slots.push_back(std::move(*each));
+    }
     std::sort(slots.begin(), slots.end(), [](const SlotRows& a, const SlotRows& b) {
         return a.head.sequence < b.head.sequence;
     });
@@ -230,12 +264,12 @@ int ReadLog(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>
 BlockState ReadDirectory(int fd, const BlockRef& block, std::vector<DirectoryEntry>& entries) {
     std::vector<uint8_t> bytes;
     entries.clear();
-    const bool isSound =
-        ReadBytes(fd, block.offset + sizeof block.head, block.head.directorySize, bytes) &&
-        ParseDirectory(bytes, block.head, entries);
-    if (isSound) return BlockState::kSound;
+    if (!ReadBytes(fd, block.offset + sizeof block.head, block.head.directorySize, bytes)) {
+        return Failed(fd, block);
+    }
+    if (ParseDirectory(bytes, block.head, entries)) return BlockState::kSound;
     entries.clear();
-    return Failed(fd, block);
+    return Wrong(fd, block);
 }
 
 BlockState ReadBlock(int fd, const BlockRef& block, const ColumnFilter& isWanted, BlockRows& rows) {
@@ -260,7 +294,7 @@ BlockState ReadBlock(int fd, const BlockRef& block, const ColumnFilter& isWanted
         }
         const uint8_t* const column = bytes.data() + (isWhole ? entry.offset : 0);
         if (!entry.isConstant && Crc32c(column, entry.size) != entry.checksum) {
-            state = Failed(fd, block);
+            state = Wrong(fd, block);
             continue;
         }
         DecodeColumn(entry, column, block.head.rows, rows.columns.emplace_back());
@@ -294,31 +328,37 @@ void ReadSlot(const SlotRows& slot, const ColumnFilter& isWanted, BlockRows& row
     });
 }
 
-void ForEachBlock(int fd, const AreaPlace& place, uint32_t area, HistoryKey from,
-                  const ColumnFilter& isWanted, const std::function<void(const BlockRows&)>& take) {
+int ForEachBlock(int fd, const AreaPlace& place, uint32_t area, HistoryKey from,
+                 const ColumnFilter& isWanted, const std::function<void(const BlockRows&)>& take) {
     std::vector<SlotRows> slots;
     std::vector<BlockRef> blocks;
-    if (ReadLog(fd, place, area, blocks, slots) != 0) return;
+    const int failed = ReadLog(fd, place, area, blocks, slots);
+    if (failed != 0) return failed;
     for (const BlockRef& block : blocks) {
         if (block.Last() <= from) continue;
         BlockRows rows;
-        if (ReadBlock(fd, block, isWanted, rows) != BlockState::kGone) take(rows);
+        const BlockState state = ReadBlock(fd, block, isWanted, rows);
+        if (state == BlockState::kUnread) return errno;
+        if (state != BlockState::kGone) take(rows);
     }
     for (const SlotRows& slot : slots) {
         BlockRows rows;
         ReadSlot(slot, isWanted, rows);
         take(rows);
     }
+    return 0;
 }
 
-void FindOrigins(int fd, const AreaPlace& place, uint32_t area,
-                 std::map<uint32_t, BlockOrigin>& origins) {
+int FindOrigins(int fd, const AreaPlace& place, uint32_t area,
+                std::map<uint32_t, BlockOrigin>& origins) {
     std::vector<SlotRows> slots;
     std::vector<BlockRef> blocks;
-    if (ReadLog(fd, place, area, blocks, slots) != 0) return;
+    const int failed = ReadLog(fd, place, area, blocks, slots);
+    if (failed != 0) return failed;
     const auto take = [&](const auto& head) {
         origins[head.boot] = {head.boot, FixedText(head.bootId), head.period};
     };
     for (const BlockRef& block : blocks) take(block.head);
     for (const SlotRows& slot : slots) take(slot.head);
+    return 0;
 }

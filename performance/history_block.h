@@ -52,6 +52,7 @@ enum class BlockState {
     kSound,
     kGone,     // the writer has overwritten it meanwhile
     kDamaged,  // what can be read of it has been
+    kUnread,   // the file cannot be read, errno says why
 };
 
 // The sound blocks of a log, in the order of their sequence, and after them the rows of its slots
@@ -63,9 +64,10 @@ BlockState ReadBlock(int fd, const BlockRef& block, const ColumnFilter& isWanted
 void ReadSlot(const SlotRows& slot, const ColumnFilter& isWanted, BlockRows& rows);
 
 // Calls take for the rows of each sealed block, then of each slot, of a log in the order of
-// recording, from the block on that holds rows after `from`. What cannot be read is left out.
-void ForEachBlock(int fd, const AreaPlace& place, uint32_t area, HistoryKey from,
-                  const ColumnFilter& isWanted, const std::function<void(const BlockRows&)>& take);
+// recording, from the block on that holds rows after `from`. What is damaged is left out. An errno
+// number.
+int ForEachBlock(int fd, const AreaPlace& place, uint32_t area, HistoryKey from,
+                 const ColumnFilter& isWanted, const std::function<void(const BlockRows&)>& take);
 
 // What the rows of a block have in common.
 struct BlockOrigin {
@@ -74,6 +76,6 @@ struct BlockOrigin {
     int64_t period = 0;
     bool operator==(const BlockOrigin&) const = default;
 };
-// Adds the newest origin of each boot that the log has.
-void FindOrigins(int fd, const AreaPlace& place, uint32_t area,
-                 std::map<uint32_t, BlockOrigin>& origins);
+// Adds the newest origin of each boot that the log has. An errno number.
+int FindOrigins(int fd, const AreaPlace& place, uint32_t area,
+                std::map<uint32_t, BlockOrigin>& origins);

@@ -65,8 +65,8 @@ bool HistoryContents::LoadHead() {
     struct stat status {};
     if (fstat(m_fd.Get(), &status) != 0) return Fail(errno);
     if (static_cast<uint64_t>(status.st_size) < m_head.size) {
-        AddProblem("the file is cut: it has " + std::to_string(status.st_size) + " of " +
-                   std::to_string(m_head.size) + " bytes");
+        m_error = m_path + ": the file is cut: it has " + std::to_string(status.st_size) + " of " +
+                  std::to_string(m_head.size) + " bytes";
     }
     return true;
 }
@@ -76,27 +76,52 @@ int HistoryContents::ReadArea(Area area, std::vector<uint8_t>& bytes) const {
     if (fstat(m_fd.Get(), &status) != 0) return errno;
     const AreaPlace& place = m_head.areas[area];
     const auto fileSize = static_cast<uint64_t>(status.st_size);
-    bytes.resize(std::min(place.size, fileSize > place.offset ? fileSize - place.offset : 0));
-    const ReadResult got =
-        ReadFullyAt(m_fd.Get(), bytes.data(), bytes.size(), static_cast<off_t>(place.offset));
-    bytes.resize(got.count);
-    return got.error;
+    const uint64_t size =
+        std::min(place.size, fileSize > place.offset ? fileSize - place.offset : 0);
+    // Records begin at the area's start: where there are none nothing was ever written.
+    bytes.resize(std::min<uint64_t>(size, kPage));
+    const auto read = [&](size_t from) {
+        const ReadResult got = ReadFullyAt(m_fd.Get(), bytes.data() + from, bytes.size() - from,
+                                           static_cast<off_t>(place.offset + from));
+        bytes.resize(from + got.count);
+        return got.error;
+    };
+    const int failed = read(0);
+    const bool isUsed =
+        std::any_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte != 0; });
+    if (failed != 0 || bytes.size() < kPage || !isUsed) return failed;
+    bytes.resize(size);
+    return read(kPage);
 }
 
+// What begins at this place; how many units it has.
+uint32_t HistoryContents::TakeDefinition(size_t at, std::span<const uint8_t> bytes) {
+    auto definition = ParseDefinition(bytes);
+    if (!definition) return 1;
+    if (m_places.size() <= at) m_places.resize(at + 1);
+    Place& place = m_places[at];
+    if (!place.isThere || place.tag != definition->tag) {
+        place = {true, definition->tag, -1, std::move(definition->info)};
+    }
+    return definition->units;
+}
+
+// In parts: most of the area is empty, and fresh memory costs more than reading it.
 bool HistoryContents::LoadDefinitions() {
-    std::vector<uint8_t> bytes;
-    const int failed = ReadArea(kDefinitions, bytes);
-    if (failed != 0) return Fail(failed);
-    const size_t units = bytes.size() / kDefinitionUnit;
-    for (size_t i = 0; i < units; ++i) {
-        auto definition = ParseDefinition(std::span(bytes).subspan(i * kDefinitionUnit));
-        if (!definition) continue;
-        if (m_places.size() <= i) m_places.resize(i + 1);
-        Place& place = m_places[i];
-        if (!place.isThere || place.tag != definition->tag) {
-            place = {true, definition->tag, -1, std::move(definition->info)};
-        }
-        i += definition->units - 1;
+    constexpr size_t kPart = 512;  // units
+    const AreaPlace& area = m_head.areas[kDefinitions];
+    std::vector<uint8_t> bytes((kPart + kMostDefinitionUnits) * kDefinitionUnit);
+    for (size_t at = 0; at < area.size / kDefinitionUnit;) {
+        const size_t begin = at;
+        const uint64_t offset = begin * kDefinitionUnit;
+        const ReadResult got =
+            ReadFullyAt(m_fd.Get(), bytes.data(), std::min(bytes.size(), area.size - offset),
+                        static_cast<off_t>(area.offset + offset));
+        if (got.error != 0) return Fail(got.error);
+        const size_t end = begin + std::min(got.count / kDefinitionUnit, kPart);
+        if (begin == end) break;
+        const std::span<const uint8_t> read(bytes.data(), got.count);
+        while (at < end) at += TakeDefinition(at, read.subspan((at - begin) * kDefinitionUnit));
     }
     m_unknown =
         static_cast<size_t>(std::count_if(m_places.begin(), m_places.end(), [](const Place& place) {
@@ -151,7 +176,7 @@ void HistoryContents::ListParts(uint32_t number) {
 }
 
 // The newest first: as a rule they have every series that is defined.
-void HistoryContents::ListSeries(uint32_t number) {
+bool HistoryContents::ListSeries(uint32_t number) {
     HistoryLog& log = m_logs[number];
     std::vector<DirectoryEntry> entries;
     const uint64_t listed = log.listed;
@@ -164,9 +189,11 @@ void HistoryContents::ListSeries(uint32_t number) {
         if (part.sequence <= listed) break;
         log.listed = std::max(log.listed, part.sequence);
         const BlockState state = ReadDirectory(m_fd.Get(), *part.block, entries);
+        if (state == BlockState::kUnread) return Fail(errno);
         if (state == BlockState::kDamaged) AddDamage(number, part);
         for (const DirectoryEntry& entry : entries) Note(entry.id, entry.tag);
     }
+    return true;
 }
 
 bool HistoryContents::LoadLog(uint32_t number) {
@@ -198,7 +225,9 @@ bool HistoryContents::Load() {
     }
     // After the blocks that refer to them.
     if (!LoadDefinitions()) return false;
-    for (uint32_t number = 0; number < kLogs; ++number) ListSeries(number);
+    for (uint32_t number = 0; number < kLogs; ++number) {
+        if (!ListSeries(number)) return false;
+    }
     FindNewest();
     return true;
 }
@@ -215,6 +244,7 @@ bool HistoryContents::ReadRows(uint32_t log, const HistoryPart& part, const Colu
         return true;
     }
     const BlockState state = ReadBlock(m_fd.Get(), *part.block, isWanted, rows);
+    if (state == BlockState::kUnread) return Fail(errno);
     if (state == BlockState::kDamaged) AddDamage(log, part);
     return state != BlockState::kGone;
 }
@@ -232,9 +262,10 @@ KeySpans HistoryContents::Covered(uint32_t number) const {
     return covered;
 }
 
-void HistoryContents::TakeMarks(Area area, HistorySpan span, std::vector<StoredMark>& marks) const {
+void HistoryContents::TakeMarks(Area area, HistorySpan span, std::vector<StoredMark>& marks) {
     std::vector<uint8_t> bytes;
-    (void)ReadArea(area, bytes);
+    const int failed = ReadArea(area, bytes);
+    if (failed != 0) (void)Fail(failed);
     for (StoredMark& stored : ParseMarks(bytes)) {
         const int64_t wall = stored.mark.time.wall;
         if (wall >= span.from && wall < span.to) marks.push_back(std::move(stored));

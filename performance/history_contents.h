@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -45,7 +46,7 @@ class HistoryContents {
     explicit HistoryContents(std::string path) : m_path(std::move(path)) {}
 
     // Reads it, or what has been written since; also another file in its place, as after a change
-    // of its size. False with Error().
+    // of its size. False with Error(); also a file that was cut has one, after what there is.
     bool Load();
     [[nodiscard]] const std::string& Host() const { return m_host; }
     [[nodiscard]] const std::string& BootId() const { return m_bootId; }
@@ -60,10 +61,10 @@ class HistoryContents {
     [[nodiscard]] int32_t SeriesAt(ColumnId id, uint16_t tag) const;
     // The times that the log's parts are about.
     [[nodiscard]] KeySpans Covered(uint32_t log) const;
-    // The part's rows. False when the writer has overwritten it meanwhile.
+    // The part's rows. False when the writer has overwritten it meanwhile, or with Error().
     bool ReadRows(uint32_t log, const HistoryPart& part, const ColumnFilter& isWanted,
                   BlockRows& rows);
-    void TakeMarks(Area area, HistorySpan span, std::vector<StoredMark>& marks) const;
+    void TakeMarks(Area area, HistorySpan span, std::vector<StoredMark>& marks);
 
   private:
     // A place of the area of definitions.
@@ -77,10 +78,11 @@ class HistoryContents {
     bool Fail(int number);
     bool Reopen();
     bool LoadHead();
+    uint32_t TakeDefinition(size_t at, std::span<const uint8_t> bytes);
     bool LoadDefinitions();
     bool LoadLog(uint32_t number);
     void ListParts(uint32_t number);
-    void ListSeries(uint32_t number);
+    bool ListSeries(uint32_t number);
     void Note(ColumnId id, uint16_t tag);
     void AddProblem(const std::string& problem);
     void AddDamage(uint32_t log, const HistoryPart& part);

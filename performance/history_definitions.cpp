@@ -6,7 +6,6 @@
 namespace {
 
 constexpr uint32_t kMagic = 0x4645444b;  // "KDEF"
-constexpr size_t kMostUnits = 16;
 
 struct DefinitionHead {
     uint32_t magic = 0;
@@ -19,7 +18,7 @@ struct DefinitionHead {
     uint16_t units = 0;
 };
 static_assert(sizeof(DefinitionHead) == 28);
-constexpr size_t kMostText = kMostUnits * kDefinitionUnit - sizeof(DefinitionHead);
+constexpr size_t kMostText = kMostDefinitionUnits * kDefinitionUnit - sizeof(DefinitionHead);
 
 uint16_t TagOf(uint32_t checksum) {
     return static_cast<uint16_t>(checksum ^ checksum >> 16);
@@ -76,8 +75,8 @@ std::optional<Definition> ParseDefinition(std::span<const uint8_t> bytes) {
     std::memcpy(&head, bytes.data(), sizeof head);
     const size_t size = head.units * kDefinitionUnit;
     constexpr size_t kFrom = 2 * sizeof(uint32_t);
-    if (head.magic != kMagic || head.units == 0 || head.units > kMostUnits || size > bytes.size() ||
-        head.checksum != Crc32c(bytes.data() + kFrom, size - kFrom)) {
+    if (head.magic != kMagic || head.units == 0 || head.units > kMostDefinitionUnits ||
+        size > bytes.size() || head.checksum != Crc32c(bytes.data() + kFrom, size - kFrom)) {
         return std::nullopt;
     }
     Definition definition;

@@ -13,6 +13,7 @@
 #include "performance/history_format.h"
 
 inline constexpr size_t kDefinitionUnit = 128;
+inline constexpr size_t kMostDefinitionUnits = 16;
 
 struct Definition {
     SeriesInfo info;

@@ -21,10 +21,10 @@ FileHead MakeFileHead(uint64_t size, const std::string& host) {
     areas[kSamples].size = RoundDown(size / 2);
     areas[kDefinitions].size = RoundDown(size / 32);
     areas[kMarks].size = RoundDown(size / 128);
-    areas[kProcessNotes].size = RoundDown(size / 32);
+    areas[kProcessNotes].size = RoundDown(size / 64);
     uint64_t left = head.size - kPage;
     for (const AreaPlace& area : areas) left -= area.size;
-    areas[kMinutes].size = RoundDown(left / 100 * 78);
+    areas[kMinutes].size = RoundDown(left / 100 * 67);
     areas[kHours].size = left - areas[kMinutes].size;
     uint64_t offset = kPage;
     for (uint32_t i = 0; i < kAreas; ++i) {
@@ -45,6 +45,9 @@ std::string CheckFileHead(const FileHead& head) {
     if (head.version > kHistoryVersion) {
         return "a history of format " + std::to_string(head.version) + ", newer than " +
                std::to_string(kHistoryVersion) + ": use the kemd that wrote it, or a newer one";
+    }
+    if (head.version < kHistoryVersion) {
+        return "a history of format " + std::to_string(head.version) + ", which no release wrote";
     }
     FileHead plain = head;
     plain.checksum = 0;

@@ -14,7 +14,7 @@
 #include "performance/series.h"
 
 inline constexpr std::string_view kHistoryMagic = "KEMDPERF";
-inline constexpr uint32_t kHistoryVersion = 1;
+inline constexpr uint32_t kHistoryVersion = 2;
 inline constexpr size_t kPage = 4096;
 inline constexpr uint64_t kLeastHistory = uint64_t{1} << 20;
 
@@ -181,6 +181,7 @@ class ByteTaker {
         return 0;
     }
     uint64_t Number() {
+        if (m_next < m_end && *m_next < 0x80) return *m_next++;
         uint64_t number = 0;
         for (unsigned shift = 0; shift < 64; shift += 7) {
             const uint8_t byte = Byte();

@@ -35,14 +35,12 @@ uint32_t Checksum(const MarkHead& head, const void* text) {
 std::vector<StoredMark> ParseMarks(std::span<const uint8_t> area) {
     std::vector<StoredMark> marks;
     for (size_t at = 0; at + sizeof(MarkHead) <= area.size(); at += kUnit) {
+        if (std::memcmp(area.data() + at, &kMagic, sizeof kMagic) != 0) continue;
         MarkHead head;
         std::memcpy(&head, area.data() + at, sizeof head);
         const size_t size = SizeOf(head.length);
         const uint8_t* const text = area.data() + at + sizeof head;
-        if (head.magic != kMagic || size > area.size() - at ||
-            head.checksum != Checksum(head, text)) {
-            continue;
-        }
+        if (size > area.size() - at || head.checksum != Checksum(head, text)) continue;
         StoredMark& stored = marks.emplace_back();
         stored.sequence = head.sequence;
         stored.boot = head.boot;

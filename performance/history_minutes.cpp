@@ -42,6 +42,16 @@ void Merge(const SeriesInfo& info, StepValues& into, const StepValues& values) {
     if (IsLess(info, into.most, values.most)) into.most = values.most;
 }
 
+// Of a counter without a reset the mean rate follows from its last values, so that as a rule only
+// zeros are kept of it.
+std::optional<uint64_t> ExpectedMean(const SeriesInfo& info, const StepCells& cells,
+                                     uint64_t last) {
+    if (!cells.hasBefore || cells.nanoseconds <= 0) return {};
+    const auto grown = CounterGrowth(info, cells.lastBefore, last);
+    if (!grown) return {};
+    return Short(*grown / (static_cast<double>(cells.nanoseconds) / 1e9));
+}
+
 int64_t IndexOf(int64_t wall, size_t which) {
     const int64_t step = which == 0 ? kMinuteNs : kHourNs;
     return wall / step - (wall % step < 0 ? 1 : 0);
@@ -54,43 +64,50 @@ bool IsRealPart(const SeriesInfo& info, uint32_t part) {
     return info.kind == SeriesKind::kGauge || part == kLast;
 }
 
-std::array<uint64_t, 4> PackStep(const SeriesInfo& info, const StepValues& values) {
-    std::array<uint64_t, 4> parts{};
+void PackStep(const SeriesInfo& info, const StepValues& values, StepCells& cells) {
+    auto& parts = cells.parts;
     if (info.kind == SeriesKind::kCounter) {
         const uint64_t least = Short(values.minimum);
-        parts = {values.last, least, Short(values.Mean()) - least, Short(values.maximum) - least};
-        return parts;
+        const uint64_t mean = Short(values.Mean());
+        parts[kLast] = values.last;
+        parts[kLeast] = least;
+        parts[kMean] = mean - ExpectedMean(info, cells, values.last).value_or(least);
+        parts[kMost] = Short(values.maximum) - mean;
+        return;
     }
-    const uint64_t base = info.isReal ? 0 : values.least;
-    parts[kLast] = values.last - base;
+    const double least = Stored(info, values.least);
+    parts[kLast] = values.last - (info.isReal ? 0 : values.least);
     parts[kLeast] = values.least;
-    parts[kMean] = Short(values.Mean() - Stored(info, values.least));
-    parts[kMost] = values.most - base;
-    return parts;
+    parts[kMean] = Short(Stored(info, values.most) - least) - Short(values.Mean() - least);
+    parts[kMost] = values.most - (info.isReal ? 0 : values.last);
 }
 
-StepValues UnpackStepValues(const SeriesInfo& info, const std::array<uint64_t, 4>& parts) {
+StepValues UnpackStepValues(const SeriesInfo& info, const StepCells& cells) {
+    const auto& parts = cells.parts;
     StepValues values;
     values.weight = 1;
     if (info.kind == SeriesKind::kCounter) {
-        values.minimum = Long(parts[kLeast]);
-        values.sum = Long(parts[kLeast] + parts[kMean]);
-        values.maximum = Long(parts[kLeast] + parts[kMost]);
+        const uint64_t least = parts[kLeast];
+        const uint64_t mean =
+            parts[kMean] + ExpectedMean(info, cells, parts[kLast]).value_or(least);
+        values.minimum = Long(least);
+        values.sum = Long(mean);
+        values.maximum = Long(mean + parts[kMost]);
         values.last = parts[kLast];
         return values;
     }
-    const uint64_t base = info.isReal ? 0 : parts[kLeast];
     values.least = parts[kLeast];
-    values.most = parts[kMost] + base;
-    values.last = parts[kLast] + base;
+    values.last = parts[kLast] + (info.isReal ? 0 : values.least);
+    values.most = parts[kMost] + (info.isReal ? 0 : values.last);
     values.minimum = Stored(info, values.least);
     values.maximum = Stored(info, values.most);
-    values.sum = std::min(values.minimum + Long(parts[kMean]), values.maximum);
+    const uint64_t range = Short(values.maximum - values.minimum);
+    values.sum = std::min(values.minimum + Long(range - parts[kMean]), values.maximum);
     return values;
 }
 
-HistoryPoint UnpackStep(const SeriesInfo& info, const std::array<uint64_t, 4>& parts) {
-    const StepValues values = UnpackStepValues(info, parts);
+HistoryPoint UnpackStep(const SeriesInfo& info, const StepCells& cells) {
+    const StepValues values = UnpackStepValues(info, cells);
     const bool isScaled = info.kind == SeriesKind::kGauge && !info.isReal;
     const double scale = isScaled ? static_cast<double>(info.multiply) / info.divide : 1;
     HistoryPoint point;
@@ -115,21 +132,28 @@ bool TakeStepRow(const BlockRows& rows, size_t i, StepRow& row) {
     return true;
 }
 
-void ForEachStep(const BlockRows& rows, size_t i,
-                 const std::function<void(uint32_t place, uint16_t tag,
-                                          const std::array<uint64_t, 4>& parts)>& take) {
+void ForEachStep(
+    const BlockRows& rows, size_t i,
+    const std::function<void(uint32_t place, uint16_t tag, const StepCells& cells)>& take) {
     const auto& columns = rows.columns;
     for (size_t at = 0; at < columns.size();) {
         const uint32_t place = SeriesOf(columns[at].id);
-        std::array<uint64_t, 4> parts{};
+        StepCells cells;
         size_t found = 0;
         const size_t first = at;
         for (; at < columns.size() && SeriesOf(columns[at].id) == place; ++at) {
-            if (PartOf(columns[at].id) >= parts.size() || columns[at].isPresent[i] == 0) continue;
-            parts[PartOf(columns[at].id)] = columns[at].values[i];
+            const uint32_t part = PartOf(columns[at].id);
+            if (part >= cells.parts.size() || columns[at].isPresent[i] == 0) continue;
+            cells.parts[part] = columns[at].values[i];
             ++found;
+            if (part != kLast || i == 0 || columns[at].isPresent[i - 1] == 0) continue;
+            cells.hasBefore = true;
+            cells.lastBefore = columns[at].values[i - 1];
+            cells.nanoseconds = rows.times[i].monotonic - rows.times[i - 1].monotonic;
         }
-        if (place != kNoSeries && found == parts.size()) take(place, columns[first].tag, parts);
+        if (place != kNoSeries && found == cells.parts.size()) {
+            take(place, columns[first].tag, cells);
+        }
     }
 }
 
@@ -194,7 +218,7 @@ void HistoryMinutes::Set(uint32_t number, uint64_t bits) {
 
 void HistoryMinutes::Know(uint32_t number, uint32_t boot, const SampleTime& time, uint64_t bits) {
     Series& series = m_series[number];
-    (void)series.rate.Next(series.info, boot, time.monotonic, bits);
+    series.rate.Know(boot, time.monotonic, bits);
     m_boot = boot;
     m_time = time;
 }

@@ -28,10 +28,18 @@ struct StepValues {
     }
 };
 
+// The columns of a series in a row, and what the row before in its block says about them.
+struct StepCells {
+    std::array<uint64_t, 4> parts{};
+    bool hasBefore = false;
+    uint64_t lastBefore = 0;
+    int64_t nanoseconds = 0;  // since then
+};
+
 // As the columns of a row, and back: see docs/performance-format.md.
-std::array<uint64_t, 4> PackStep(const SeriesInfo& info, const StepValues& values);
-HistoryPoint UnpackStep(const SeriesInfo& info, const std::array<uint64_t, 4>& parts);
-StepValues UnpackStepValues(const SeriesInfo& info, const std::array<uint64_t, 4>& parts);
+void PackStep(const SeriesInfo& info, const StepValues& values, StepCells& cells);
+HistoryPoint UnpackStep(const SeriesInfo& info, const StepCells& cells);
+StepValues UnpackStepValues(const SeriesInfo& info, const StepCells& cells);
 // Whether the part is a double by itself.
 bool IsRealPart(const SeriesInfo& info, uint32_t part);
 
@@ -47,10 +55,10 @@ struct StepRow {
 
 // Row `i` of a block of minutes or hours; false when it is none.
 bool TakeStepRow(const BlockRows& rows, size_t i, StepRow& row);
-// Calls take(place, tag, parts) for each series that the row has in whole.
-void ForEachStep(const BlockRows& rows, size_t i,
-                 const std::function<void(uint32_t place, uint16_t tag,
-                                          const std::array<uint64_t, 4>& parts)>& take);
+// Calls take(place, tag, cells) for each series that the row has in whole.
+void ForEachStep(
+    const BlockRows& rows, size_t i,
+    const std::function<void(uint32_t place, uint16_t tag, const StepCells& cells)>& take);
 // How much it counts when several are merged: samples of a gauge, seconds of a counter.
 double StepWeight(const SeriesInfo& info, const StepRow& row);
 

@@ -55,12 +55,12 @@ bool HistoryReader::File::ReadRows(uint32_t number, const HistoryPart& part, con
 void HistoryReader::File::AddStepRow(const BlockRows& rows, size_t i, const StepRow& row,
                                      uint32_t number, Request& request) const {
     const int64_t begin = BeginOf(row.time.wall, StepOf(number));
-    ForEachStep(rows, i, [&](uint32_t place, uint16_t tag, const std::array<uint64_t, 4>& parts) {
+    ForEachStep(rows, i, [&](uint32_t place, uint16_t tag, const StepCells& step) {
         const int32_t at = contents.SeriesAt(MakeColumn(place, false, 0), tag);
         if (at < 0) return;
         const auto position = static_cast<size_t>(request.positions[static_cast<size_t>(at)]);
         const SeriesInfo& info = contents.Series()[static_cast<size_t>(at)];
-        HistoryPoint point = UnpackStep(info, parts);
+        HistoryPoint point = UnpackStep(info, step);
         point.wall = begin + StepOf(number);
         request.mergers[position].AddRow({rows.boot, row.time.monotonic}, begin, point,
                                          StepWeight(info, row));
@@ -137,16 +137,24 @@ void HistoryReader::File::AddSamples(const BlockRows& rows, Request& request) co
     std::vector<bool> counts(rows.times.size());
     for (size_t i = 0; i < counts.size(); ++i) {
         const HistoryKey key{rows.boot, rows.times[i].monotonic};
-        counts[i] = !request.IsUsed(key, key);
+        const int64_t wall = rows.times[i].wall;
+        const bool isIn = wall >= request.span.from && wall < request.span.to;
+        counts[i] = isIn && !request.IsUsed(key, key);
     }
+    const auto counted = static_cast<size_t>(std::count(counts.begin(), counts.end(), true));
     for (const ColumnValues& column : rows.columns) {
         const int32_t at = contents.SeriesAt(column.id, column.tag);
         if (at < 0 || PartOf(column.id) != kLast) continue;
         StepMerger& merger =
             request.mergers[static_cast<size_t>(request.positions[static_cast<size_t>(at)])];
+        merger.Reserve(counted);
         for (size_t i = 0; i < counts.size(); ++i) {
             if (column.isPresent[i] == 0) continue;
-            merger.AddSample(rows.boot, rows.times[i], column.values[i], counts[i]);
+            if (counts[i]) {
+                merger.AddSample(rows.boot, rows.times[i], column.values[i]);
+            } else {
+                merger.KnowSample(rows.boot, rows.times[i], column.values[i]);
+            }
         }
     }
 }
@@ -223,7 +231,7 @@ HistorySpan HistoryReader::Range() const {
     return range;
 }
 
-std::vector<Mark> HistoryReader::Marks(HistorySpan span) const {
+std::vector<Mark> HistoryReader::Marks(HistorySpan span) {
     std::vector<StoredMark> stored;
     m_file->contents.TakeMarks(kMarks, span, stored);
     m_file->contents.TakeMarks(kProcessNotes, span, stored);
@@ -237,7 +245,7 @@ std::vector<Mark> HistoryReader::Marks(HistorySpan span) const {
     return marks;
 }
 
-bool HistoryReader::Read(std::span<const uint32_t> series, HistorySpan span, int64_t step,
+void HistoryReader::Read(std::span<const uint32_t> series, HistorySpan span, int64_t step,
                          std::vector<std::vector<HistoryPoint>>& points) {
     // Not all at once: a damaged file may have very many.
     constexpr size_t kGroup = 1024;
@@ -255,7 +263,6 @@ bool HistoryReader::Read(std::span<const uint32_t> series, HistorySpan span, int
         }
         m_file->ReadGroup(request);
     }
-    return true;
 }
 
 bool HistoryReader::Refresh() {

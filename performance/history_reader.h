@@ -29,7 +29,7 @@ class HistoryReader {
     const std::vector<SeriesInfo>& Series() const;
     // From the oldest to after the newest sample, over all resolutions; empty when there is none.
     HistorySpan Range() const;
-    std::vector<Mark> Marks(HistorySpan span) const;
+    std::vector<Mark> Marks(HistorySpan span);
     // Damaged parts that were left out, a line each.
     const std::vector<std::string>& Problems() const;
 
@@ -39,11 +39,12 @@ class HistoryReader {
     // there more coarsely comes as it is. A step without a sample has no point: a gap is a gap.
     // Where the clock was set back, samples of before and after share wall times: each counts once,
     // in the step of its wall time, and those of one wall time come in the order of recording.
-    // False, with Error(), when the file cannot be read.
-    bool Read(std::span<const uint32_t> series, HistorySpan span, int64_t step,
+    void Read(std::span<const uint32_t> series, HistorySpan span, int64_t step,
               std::vector<std::vector<HistoryPoint>>& points);
     // What has been written since: false when the file cannot be read.
     bool Refresh();
+    // Empty, or why the file could not be read whole since it was opened or refreshed: a failed
+    // read, or a file that was cut. What came since may lack values, so ask at the end.
     const std::string& Error() const;
 
   private:

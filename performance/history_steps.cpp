@@ -25,6 +25,15 @@ void Merge(HistoryPoint& into, double& weight, const HistoryPoint& point, double
 
 }  // namespace
 
+std::optional<double> CounterGrowth(const SeriesInfo& info, uint64_t before, uint64_t now) {
+    if (!info.isReal) {
+        if (now < before) return {};
+        return static_cast<double>(now - before) * info.multiply / info.divide;
+    }
+    const double grown = std::bit_cast<double>(now) - std::bit_cast<double>(before);
+    return grown >= 0 ? std::optional(grown) : std::nullopt;
+}
+
 std::optional<double> CounterRate::Next(const SeriesInfo& info, uint32_t boot, int64_t monotonic,
                                         uint64_t bits) {
     std::optional<double> rate;
@@ -32,23 +41,30 @@ std::optional<double> CounterRate::Next(const SeriesInfo& info, uint32_t boot, i
     // by.
     constexpr int64_t kLeast = 1'000'000;
     const bool isNext = m_known && boot == m_boot && monotonic - m_monotonic >= kLeast;
-    const double grown = info.isReal
-                             ? std::bit_cast<double>(bits) - std::bit_cast<double>(m_bits)
-                             : static_cast<double>(bits - m_bits) * info.multiply / info.divide;
-    const bool isLess = info.isReal ? !(grown >= 0) : bits < m_bits;
-    if (isNext && !isLess) {
+    const auto grown = isNext ? CounterGrowth(info, m_bits, bits) : std::nullopt;
+    if (grown) {
         m_seconds = static_cast<double>(monotonic - m_monotonic) / kNanoseconds;
-        rate = grown / m_seconds;
+        rate = *grown / m_seconds;
     }
+    Know(boot, monotonic, bits);
+    return rate;
+}
+
+void CounterRate::Know(uint32_t boot, int64_t monotonic, uint64_t bits) {
     m_known = true;
     m_boot = boot;
     m_monotonic = monotonic;
     m_bits = bits;
-    return rate;
+}
+
+void StepMerger::Reserve(size_t samples) {
+    const size_t wanted = m_points.size() + samples;
+    if (m_step > 0 || wanted <= m_points.capacity()) return;
+    m_points.reserve(std::max(wanted, 2 * m_points.size()));
 }
 
 void StepMerger::Add(HistoryKey key, const HistoryPoint& point, double weight) {
-    if (weight != 0 && !m_points.empty() && m_points.back().wall == point.wall) {
+    if (weight != 0 && !m_entries.empty() && m_points.back().wall == point.wall) {
         Entry& last = m_entries.back();
         if (last.weight != 0 && last.key <= key) {
             Merge(m_points.back(), last.weight, point, weight);
@@ -56,11 +72,11 @@ void StepMerger::Add(HistoryKey key, const HistoryPoint& point, double weight) {
             return;
         }
     }
+    if (weight != 0 || !m_entries.empty()) m_entries.push_back({key, weight});
     m_points.push_back(point);
-    m_entries.push_back({key, weight});
 }
 
-void StepMerger::AddSample(uint32_t boot, const SampleTime& time, uint64_t bits, bool counts) {
+void StepMerger::AddSample(uint32_t boot, const SampleTime& time, uint64_t bits) {
     HistoryPoint point;
     double weight = 1;
     point.last = SeriesNumber(m_info, bits);
@@ -71,7 +87,6 @@ void StepMerger::AddSample(uint32_t boot, const SampleTime& time, uint64_t bits,
         point.minimum = point.mean = point.maximum = *rate;
         weight = m_rate.Seconds();
     }
-    if (!counts || time.wall < m_span.from || time.wall >= m_span.to) return;
     point.wall = m_step > 0 ? (Multiples(time.wall, m_step) + 1) * m_step : time.wall;
     Add({boot, time.monotonic}, point, m_step > 0 ? weight : 0);
 }
@@ -84,6 +99,20 @@ void StepMerger::AddRow(HistoryKey key, int64_t begin, const HistoryPoint& point
 }
 
 void StepMerger::Finish() {
+    const auto isOver = [](const HistoryPoint& a, const HistoryPoint& b) {
+        return a.wall >= b.wall;
+    };
+    if (std::adjacent_find(m_points.begin(), m_points.end(), isOver) == m_points.end()) return;
+    if (m_entries.empty()) {
+        std::stable_sort(
+            m_points.begin(), m_points.end(),
+            [](const HistoryPoint& a, const HistoryPoint& b) { return a.wall < b.wall; });
+    } else {
+        SortAndMerge();
+    }
+}
+
+void StepMerger::SortAndMerge() {
     std::vector<size_t> order(m_points.size());
     std::iota(order.begin(), order.end(), size_t{0});
     std::sort(order.begin(), order.end(), [&](size_t a, size_t b) {

@@ -10,6 +10,9 @@
 #include "performance/history_points.h"
 #include "performance/sample_time.h"
 
+// By how much a counter has grown, in its units; none where it began again.
+std::optional<double> CounterGrowth(const SeriesInfo& info, uint64_t before, uint64_t now);
+
 // The rate of a counter between two of its samples.
 class CounterRate {
   public:
@@ -17,6 +20,8 @@ class CounterRate {
     // and where the counter began again.
     std::optional<double> Next(const SeriesInfo& info, uint32_t boot, int64_t monotonic,
                                uint64_t bits);
+    // As Next, of a sample whose own rate nobody wants.
+    void Know(uint32_t boot, int64_t monotonic, uint64_t bits);
     // Seconds that the last rate is about.
     [[nodiscard]] double Seconds() const { return m_seconds; }
 
@@ -35,9 +40,14 @@ class StepMerger {
                std::vector<HistoryPoint>& points)
         : m_info(info), m_span(span), m_step(step), m_points(points) {}
 
-    // In the order of recording, with those just before the span: a rate needs two samples. One
-    // that does not count is only for the rate of the next.
-    void AddSample(uint32_t boot, const SampleTime& time, uint64_t bits, bool counts);
+    // So many samples that count come next.
+    void Reserve(size_t samples);
+    // In the order of recording.
+    void AddSample(uint32_t boot, const SampleTime& time, uint64_t bits);
+    // One that does not count, as it is before the span: the rate of the next needs it.
+    void KnowSample(uint32_t boot, const SampleTime& time, uint64_t bits) {
+        if (m_info.kind == SeriesKind::kCounter) m_rate.Know(boot, time.monotonic, bits);
+    }
     // A minute or hour, which begins at `begin`; `point.wall` is its end. `weight`: how many
     // samples of a gauge, how many seconds of a counter.
     void AddRow(HistoryKey key, int64_t begin, const HistoryPoint& point, double weight);
@@ -50,11 +60,13 @@ class StepMerger {
         double weight = 0;  // 0: a sample of its own, never merged
     };
     void Add(HistoryKey key, const HistoryPoint& point, double weight);
+    void SortAndMerge();
 
     const SeriesInfo& m_info;
     HistorySpan m_span;
     int64_t m_step;
     CounterRate m_rate;
     std::vector<HistoryPoint>& m_points;
-    std::vector<Entry> m_entries;  // of the points
+    // Of each point; none as long as all are samples, which come in the order of recording.
+    std::vector<Entry> m_entries;
 };

@@ -61,12 +61,12 @@ struct HistoryWriter::File {
     BlockLog MakeLog(uint32_t log) {
         return {log, file->Bytes(log), file->Head().areas[log].slot, definitions};
     }
-    void Resume(const HistorySettings& settings);
-    void ResumeSteps();
+    int Resume(const HistorySettings& settings);
+    int ResumeSteps();
     ColumnFilter Defined() const;
-    HistoryKey ReadSteps(uint32_t log, HistoryKey from);
+    int ReadSteps(uint32_t log, HistoryKey from, HistoryKey& last);
     void TakeMinute(const BlockRows& rows, size_t i, const StepRow& row);
-    void ReadSamples(HistoryKey from);
+    int ReadSamples(HistoryKey from);
     void TakeSample(const BlockRows& rows, size_t row, const std::vector<uint32_t>& numbers,
                     HistoryKey from);
     void Learn(const SeriesTable& table);
@@ -76,7 +76,7 @@ struct HistoryWriter::File {
     void PutStepRow(const StepRow& row);
     void AddStepColumns(uint32_t log);
     void FillStepCells(const StepRow& row);
-    void Convert(const HistoryFile& old);
+    int Convert(const HistoryFile& old);
     bool Translate(const HistoryDefinitions& from, ColumnId& id, uint16_t& tag);
     void ConvertBlock(const HistoryFile& old, const BlockRef& block, const HistoryDefinitions& from,
                       uint32_t log);
@@ -144,16 +144,19 @@ void HistoryWriter::File::AddStepColumns(uint32_t number) {
 
 void HistoryWriter::File::FillStepCells(const StepRow& row) {
     const size_t which = row.log - 1;
-    cells.assign(logs[row.log].Columns(), {});
+    const BlockLog& log = logs[row.log];
+    cells.assign(log.Columns(), {});
     cells[0] = {row.samples, true};
     cells[1] = {row.length, true};
     cells[2] = {row.rateMs, true};
     for (const HistoryMinutes::Series& series : minutes.All()) {
         if (series.steps[which].weight == 0) continue;
-        const auto parts = PackStep(series.info, series.steps[which]);
-        for (size_t i = 0; i < parts.size(); ++i) {
-            cells[series.column[which] + i] = {parts[i], true};
-        }
+        const uint32_t column = series.column[which];
+        const Cell& before = log.Before(column);
+        StepCells step{
+            {}, before.isPresent, before.value, row.time.monotonic - log.TimeBefore().monotonic};
+        PackStep(series.info, series.steps[which], step);
+        for (size_t i = 0; i < step.parts.size(); ++i) cells[column + i] = {step.parts[i], true};
     }
 }
 
@@ -168,19 +171,26 @@ void HistoryWriter::File::PutStepRow(const StepRow& row) {
     }
 }
 
-void HistoryWriter::File::Resume(const HistorySettings& settings) {
+// An errno number.
+int HistoryWriter::File::Resume(const HistorySettings& settings) {
     const int fd = file->Descriptor();
     const auto& areas = file->Head().areas;
-    for (uint32_t log = 0; log < kLogs; ++log) FindOrigins(fd, areas[log], log, origins);
+    int failed = 0;
+    for (uint32_t log = 0; log < kLogs && failed == 0; ++log) {
+        failed = FindOrigins(fd, areas[log], log, origins);
+    }
     const uint32_t marked = std::max(marks.NewestBoot(), processNotes.NewestBoot());
     const uint32_t newest = std::max(marked, origins.empty() ? 0 : origins.rbegin()->first);
     const auto found = origins.find(newest);
     const bool isSame = found != origins.end() && found->second.bootId == settings.bootId;
     boot = newest + (isSame ? 0 : 1);
     origins[boot] = {boot, settings.bootId, settings.periodNs};
-    for (uint32_t log = 0; log < kLogs; ++log) logs[log].Resume(fd, areas[log]);
+    for (uint32_t log = 0; log < kLogs && failed == 0; ++log) {
+        failed = logs[log].Resume(fd, areas[log]);
+    }
+    if (failed != 0) return failed;
     logs[kSamples].SetOrigin(origins[boot]);
-    ResumeSteps();
+    return ResumeSteps();
 }
 
 ColumnFilter HistoryWriter::File::Defined() const {
@@ -191,18 +201,18 @@ ColumnFilter HistoryWriter::File::Defined() const {
 
 void HistoryWriter::File::TakeMinute(const BlockRows& rows, size_t i, const StepRow& row) {
     minutes.AddMinute(row);
-    ForEachStep(rows, i, [&](uint32_t place, uint16_t tag, const std::array<uint64_t, 4>& parts) {
+    ForEachStep(rows, i, [&](uint32_t place, uint16_t tag, const StepCells& step) {
         const auto definition = definitions.Find(place, tag);
         if (!definition) return;
-        StepValues values = UnpackStepValues(definition->info, parts);
+        StepValues values = UnpackStepValues(definition->info, step);
         values.SetWeight(StepWeight(definition->info, row));
         minutes.AddStep(minutes.Number(place, tag, definition->info), values);
     });
 }
 
-// The key of the last row of a log; minutes after `from` are taken for the current hour.
-HistoryKey HistoryWriter::File::ReadSteps(uint32_t log, HistoryKey from) {
-    HistoryKey last = from;
+// `last`: the key of the last row of the log; minutes after `from` are taken for the current hour.
+int HistoryWriter::File::ReadSteps(uint32_t log, HistoryKey from, HistoryKey& last) {
+    last = from;
     const auto take = [&](const BlockRows& rows) {
         for (size_t i = 0; i < rows.times.size(); ++i) {
             const HistoryKey key{rows.boot, rows.times[i].monotonic};
@@ -212,12 +222,11 @@ HistoryKey HistoryWriter::File::ReadSteps(uint32_t log, HistoryKey from) {
             if (log == kMinutes && TakeStepRow(rows, i, row)) TakeMinute(rows, i, row);
         }
     };
-    ForEachBlock(file->Descriptor(), file->Head().areas[log], log, from, Defined(), take);
-    return last;
+    return ForEachBlock(file->Descriptor(), file->Head().areas[log], log, from, Defined(), take);
 }
 
 // Samples after `from` are taken for the current minute, those before it for rates.
-void HistoryWriter::File::ReadSamples(HistoryKey from) {
+int HistoryWriter::File::ReadSamples(HistoryKey from) {
     const auto take = [&](const BlockRows& rows) {
         std::vector<uint32_t> numbers;
         for (const ColumnValues& column : rows.columns) {
@@ -228,7 +237,8 @@ void HistoryWriter::File::ReadSamples(HistoryKey from) {
         }
         for (size_t row = 0; row < rows.times.size(); ++row) TakeSample(rows, row, numbers, from);
     };
-    ForEachBlock(file->Descriptor(), file->Head().areas[kSamples], kSamples, from, Defined(), take);
+    return ForEachBlock(file->Descriptor(), file->Head().areas[kSamples], kSamples, from, Defined(),
+                        take);
 }
 
 void HistoryWriter::File::TakeSample(const BlockRows& rows, size_t row,
@@ -248,10 +258,12 @@ void HistoryWriter::File::TakeSample(const BlockRows& rows, size_t row,
 }
 
 // The current minute and hour begin with what the file has of them, whatever ended the last run.
-void HistoryWriter::File::ResumeSteps() {
-    const HistoryKey hour = ReadSteps(kHours, {});
-    const HistoryKey minute = ReadSteps(kMinutes, hour);
-    ReadSamples(minute);
+int HistoryWriter::File::ResumeSteps() {
+    HistoryKey hour;
+    HistoryKey minute;
+    int failed = ReadSteps(kHours, {}, hour);
+    if (failed == 0) failed = ReadSteps(kMinutes, hour, minute);
+    return failed != 0 ? failed : ReadSamples(minute);
 }
 
 std::unique_ptr<HistoryWriter> HistoryWriter::Open(const HistorySettings& settings,
@@ -265,9 +277,10 @@ std::unique_ptr<HistoryWriter> HistoryWriter::Open(const HistorySettings& settin
     }
     if (other != nullptr) {
         File converted(std::move(other));
-        converted.Convert(*opened);
-        const int failed = converted.file->Replace(settings.path);
+        int failed = converted.Convert(*opened);
+        if (failed == 0) failed = converted.file->Replace(settings.path);
         if (failed != 0) {
+            unlink((settings.path + ".new").c_str());
             error = settings.path + ": cannot be replaced: " + std::strerror(failed);
             return nullptr;
         }
@@ -275,19 +288,24 @@ std::unique_ptr<HistoryWriter> HistoryWriter::Open(const HistorySettings& settin
     }
     auto file = std::make_unique<File>(std::move(opened));
     file->findings = findings;
-    file->Resume(settings);
+    const int failed = file->Resume(settings);
+    if (failed != 0) {
+        error = settings.path + ": cannot be read: " + std::strerror(failed);
+        return nullptr;
+    }
     return std::unique_ptr<HistoryWriter>(new HistoryWriter(std::move(file)));
 }
 
 // Sealed blocks are taken as they are, only their columns refer to the definitions here; the rows
 // of slots are appended. The newest come last, so they are what stays.
-void HistoryWriter::File::Convert(const HistoryFile& old) {
+int HistoryWriter::File::Convert(const HistoryFile& old) {
     const HistoryDefinitions from(old.Bytes(kDefinitions));
     for (uint32_t log = 0; log < kLogs; ++log) {
         const AreaPlace& place = old.Head().areas[log];
         std::vector<SlotRows> slots;
         std::vector<BlockRef> blocks;
-        (void)ReadLog(old.Descriptor(), place, log, blocks, slots);
+        const int failed = ReadLog(old.Descriptor(), place, log, blocks, slots);
+        if (failed != 0) return failed;
         for (const BlockRef& block : blocks) ConvertBlock(old, block, from, log);
         for (const SlotRows& slot : slots) ConvertSlot(slot, from, log);
     }
@@ -297,6 +315,7 @@ void HistoryWriter::File::Convert(const HistoryFile& old) {
     for (const StoredMark& stored : ParseMarks(old.Bytes(kProcessNotes))) {
         processNotes.Append(stored.boot, stored.mark);
     }
+    return 0;
 }
 
 bool HistoryWriter::File::Translate(const HistoryDefinitions& from, ColumnId& id, uint16_t& tag) {

@@ -241,7 +241,7 @@ std::vector<RankedChange> RankChanges(HistoryReader& reader, HistorySpan window,
     for (uint32_t begin = 0; begin < count; begin += kAtOnce) {
         std::vector<uint32_t> numbers(std::min(kAtOnce, count - begin));
         std::iota(numbers.begin(), numbers.end(), begin);
-        if (!reader.Read(numbers, both, step, points)) return {};
+        reader.Read(numbers, both, step, points);
         for (size_t i = 0; i < numbers.size(); ++i) {
             RankedChange change = Compare(numbers[i], reader.Series()[numbers[i]],
                                           Within(points[i], before), Within(points[i], during));

@@ -74,7 +74,7 @@ std::optional<RunStory> FindEndedRun(const PerformanceOptions& options) {
 }
 
 // What a monitor that began again says about the one before; nothing when it has always run.
-std::optional<int64_t> FindLastBegin(const HistoryReader& reader) {
+std::optional<int64_t> FindLastBegin(HistoryReader& reader) {
     const std::vector<Mark> marks = reader.Marks(reader.Range());
     for (size_t i = marks.size(); i-- > 1;) {
         if (marks[i].kind != MarkKind::kReboot && marks[i].kind != MarkKind::kStart) continue;
@@ -86,12 +86,9 @@ std::optional<int64_t> FindLastBegin(const HistoryReader& reader) {
 // The newest sample before `to`, looked for from `from` on; `from` when there is none.
 int64_t FindLastSample(HistoryReader& reader, int64_t from, int64_t to) {
     const auto columns = ChooseColumns(reader, {});
-    std::vector<ColumnPoints> points;
-    int64_t last = from;
-    if (!columns || columns->empty() || from >= to) return last;
-    if (!ReadColumns(reader, {&columns->front(), 1}, {from, to}, 0, points)) return last;
-    if (!points[0].empty()) last = std::max(last, points[0].back().wall);
-    return last;
+    if (!columns || columns->empty() || from >= to) return from;
+    const auto points = ReadColumns(reader, {&columns->front(), 1}, {from, to}, 0);
+    return points[0].empty() ? from : std::max(from, points[0].back().wall);
 }
 
 // When a run ended: at its crash, or with its last record or sample.
@@ -138,16 +135,11 @@ bool FindMoment(const PerformanceOptions& options, HistoryReader& reader, Moment
     return true;
 }
 
-// False, after a complaint, when the history cannot be read.
-bool ShowChanges(ReportWriter& report, HistoryReader& reader, HistorySpan window) {
+void ShowChanges(ReportWriter& report, HistoryReader& reader, HistorySpan window) {
     constexpr size_t kMost = 12;
     const HistorySpan before = {std::max(window.from - kBefore, reader.Range().from), window.from};
     const size_t cores = CountCores(reader.Series());
     const std::vector<RankedChange> changes = RankChanges(reader, window, before, kMost);
-    if (!reader.Error().empty()) {
-        Complain("%s", Printable(reader.Error()).c_str());
-        return false;
-    }
     std::vector<TableRow> rows = {
         {"what changed most", "usual", "these 2 min", "farthest", "at", "score"}};
     report.List("changes", changes, [&](const RankedChange& change) {
@@ -177,7 +169,6 @@ bool ShowChanges(ReportWriter& report, HistoryReader& reader, HistorySpan window
         report.Line("nothing changed noticeably, compared with the " +
                     SpanText((before.to - before.from) / kMinute * kMinute) + " before");
     }
-    return true;
 }
 
 // Records and marks of the window in one order.
@@ -319,7 +310,7 @@ int ShowAround(const PerformanceOptions& options, ReportWriter& report) {
     }
     report.Field("moment", TimeText(moment.wall) + ", and the two minutes before");
     report.Line("");
-    if (!ShowChanges(report, *reader, window)) return kError;
+    ShowChanges(report, *reader, window);
     constexpr size_t kRecords = 40;
     Events events(options, kRecords);
     if (!moment.files.empty()) events.ReadRecords(moment.files, window);

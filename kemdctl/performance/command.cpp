@@ -6,6 +6,7 @@
 #include <string>
 
 #include "kemdctl/commands.h"
+#include "kemdctl/performance/history.h"
 #include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
@@ -72,5 +73,7 @@ int RunPerformance(CommandLine& line, ReportWriter& report) {
     }
     if (!FitsUse(line, found->name, found->use)) return kError;
     options->words.assign(line.words.begin(), line.words.end());
-    return options->html != nullptr ? WritePage(*options, report) : found->run(*options, report);
+    const int status =
+        options->html != nullptr ? WritePage(*options, report) : found->run(*options, report);
+    return HasReadFailed() ? kError : status;
 }

@@ -2,7 +2,6 @@
 // is a part of the time, whatever is exported.
 #include <algorithm>
 #include <cmath>
-#include <map>
 #include <string>
 #include <utility>
 
@@ -44,13 +43,12 @@ class Exporter {
     Exporter(const Exporter&) = delete;
     Exporter& operator=(const Exporter&) = delete;
     virtual ~Exporter() = default;
-    // False, after a complaint, when the history cannot be read.
-    virtual bool Run() = 0;
+    virtual void Run() = 0;
 
   protected:
     // Calls `take` with each part of the time and the points of these series in it.
     template <typename Take>
-    bool ReadParts(std::span<const Exported> series, Take take);
+    void ReadParts(std::span<const Exported> series, Take take);
     void Put(std::string& text) {
         Write(text);
         text.clear();
@@ -63,7 +61,7 @@ class Exporter {
 };
 
 template <typename Take>
-bool Exporter::ReadParts(std::span<const Exported> series, Take take) {
+void Exporter::ReadParts(std::span<const Exported> series, Take take) {
     std::vector<uint32_t> numbers;
     for (const Exported& each : series) numbers.push_back(each.number);
     // About so many points at once, in whole steps; of long ones less than a year, or one.
@@ -75,44 +73,50 @@ bool Exporter::ReadParts(std::span<const Exported> series, Take take) {
     for (int64_t from = m_span.from; from < m_span.to && !HasWriteFailed();) {
         const int64_t end = (from / length + 1) * length;
         const HistorySpan part = {from, std::min(end, m_span.to)};
-        if (!m_reader.Read(numbers, part, m_step, points)) {
-            Complain("%s", Printable(m_reader.Error()).c_str());
-            return false;
-        }
+        m_reader.Read(numbers, part, m_step, points);
         take(points);
         from = part.to;
     }
-    return true;
 }
 
-// Rows by time; what one series has at each.
+// What each series has at one time; null: nothing.
 using Row = std::vector<const HistoryPoint*>;
-using Rows = std::map<int64_t, Row>;
-Rows MakeRows(const std::vector<ColumnPoints>& points) {
-    Rows rows;
-    for (size_t i = 0; i < points.size(); ++i) {
-        for (const HistoryPoint& point : points[i]) {
-            auto& row = rows[point.wall];
-            row.resize(points.size());
-            row[i] = &point;
+
+// Calls take(wall, row) for each time in order. The points of a series are in order of time.
+template <typename Take>
+void ForEachRow(const std::vector<ColumnPoints>& points, Take take) {
+    Row row(points.size());
+    std::vector<size_t> next(points.size());
+    for (;;) {
+        int64_t wall = INT64_MAX;
+        for (size_t i = 0; i < points.size(); ++i) {
+            if (next[i] < points[i].size()) wall = std::min(wall, points[i][next[i]].wall);
         }
+        if (wall == INT64_MAX) return;
+        for (size_t i = 0; i < points.size(); ++i) {
+            row[i] = nullptr;
+            // The clock may have been set back: the last one counts.
+            while (next[i] < points[i].size() && points[i][next[i]].wall == wall) {
+                row[i] = &points[i][next[i]++];
+            }
+        }
+        take(wall, row);
     }
-    return rows;
 }
 
 // A row for each time: the time, then the value of each series; empty where it has none.
 class CsvExporter : public Exporter {
   public:
     using Exporter::Exporter;
-    bool Run() override {
+    void Run() override {
         std::string text = "time";
         for (const Exported& each : m_series) text += "," + Quoted(SeriesId(*each.info));
         text += '\n';
-        return ReadParts(m_series, [&](const std::vector<ColumnPoints>& points) {
-            for (const auto& [wall, row] : MakeRows(points)) {
+        ReadParts(m_series, [&](const std::vector<ColumnPoints>& points) {
+            ForEachRow(points, [&](int64_t wall, const Row& row) {
                 AppendRow(text, wall, row);
                 Put(text);
-            }
+            });
         });
     }
 
@@ -137,14 +141,14 @@ class CsvExporter : public Exporter {
 class JsonExporter : public Exporter {
   public:
     using Exporter::Exporter;
-    bool Run() override {
+    void Run() override {
         for (const Exported& each : m_series) m_keys.push_back(JsonQuoted(SeriesId(*each.info)));
-        return ReadParts(m_series, [&](const std::vector<ColumnPoints>& points) {
+        ReadParts(m_series, [&](const std::vector<ColumnPoints>& points) {
             std::string text;
-            for (const auto& [wall, row] : MakeRows(points)) {
+            ForEachRow(points, [&](int64_t wall, const Row& row) {
                 AppendRow(text, wall, row);
                 Put(text);
-            }
+            });
         });
     }
 
@@ -166,7 +170,7 @@ class JsonExporter : public Exporter {
 class OpenMetricsExporter : public Exporter {
   public:
     using Exporter::Exporter;
-    bool Run() override {
+    void Run() override {
         std::stable_sort(m_series.begin(), m_series.end(), [](const auto& one, const auto& other) {
             return one.info->name < other.info->name;
         });
@@ -178,11 +182,10 @@ class OpenMetricsExporter : public Exporter {
             PutHead(*m_series[begin].info);
             // The samples of a series stand together.
             for (size_t i = begin; i < end; ++i) {
-                if (!PutSeries(m_series[i])) return false;
+                PutSeries(m_series[i]);
             }
         }
         Write("# EOF\n");
-        return true;
     }
 
   private:
@@ -209,12 +212,12 @@ class OpenMetricsExporter : public Exporter {
         }
         Write(text + "\n");
     }
-    bool PutSeries(const Exported& series) {
+    void PutSeries(const Exported& series) {
         std::string head = Family(*series.info);
         if (series.info->kind == SeriesKind::kCounter) head += "_total";
         if (!series.info->labels.empty()) head += "{" + series.info->labels + "}";
         std::string text;
-        return ReadParts({&series, 1}, [&](const std::vector<ColumnPoints>& points) {
+        ReadParts({&series, 1}, [&](const std::vector<ColumnPoints>& points) {
             for (const HistoryPoint& point : points[0]) {
                 text += head + ' ';
                 AppendValue(text, point.last);
@@ -256,13 +259,12 @@ int ExportHistory(const PerformanceOptions& options, ReportWriter& /*report*/) {
     const auto span = ChooseSpan(options, *reader, true);
     if (!span) return kNo;
     const int64_t step = options.step.value_or(0);
-    bool isWhole = false;
     if (options.form == ExportForm::kCsv) {
-        isWhole = CsvExporter(*reader, *numbers, *span, step).Run();
+        CsvExporter(*reader, *numbers, *span, step).Run();
     } else if (options.form == ExportForm::kJsonLines) {
-        isWhole = JsonExporter(*reader, *numbers, *span, step).Run();
+        JsonExporter(*reader, *numbers, *span, step).Run();
     } else {
-        isWhole = OpenMetricsExporter(*reader, *numbers, *span, step).Run();
+        OpenMetricsExporter(*reader, *numbers, *span, step).Run();
     }
-    return isWhole && !HasWriteFailed() ? kYes : kError;
+    return HasWriteFailed() ? kError : kYes;
 }

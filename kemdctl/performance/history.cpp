@@ -9,9 +9,23 @@
 #include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
 
+namespace {
+
+bool g_hasReadFailed = false;
+
+}  // namespace
+
+bool HasReadFailed() {
+    return g_hasReadFailed;
+}
+
 void CloseHistory::operator()(HistoryReader* reader) const {
     for (const std::string& problem : reader->Problems()) {
         Complain("note: %s", Printable(problem).c_str());  // it names the file
+    }
+    if (!reader->Error().empty()) {
+        g_hasReadFailed = true;
+        Complain("%s", Printable(reader->Error()).c_str());
     }
     delete reader;
 }

@@ -11,11 +11,15 @@
 
 class ReportWriter;
 
-// Reports the damaged parts that were met, at the end: some show only when values are read.
+// Reports the damaged parts that were met and a failure to read, at the end: some show only when
+// values are read.
 struct CloseHistory {
     void operator()(HistoryReader* reader) const;
 };
 using History = std::unique_ptr<HistoryReader, CloseHistory>;
+
+// Whether one that was closed could not be read whole: the status is then an error.
+[[nodiscard]] bool HasReadFailed();
 
 // Null after a complaint.
 [[nodiscard]] History OpenHistory(const PerformanceOptions& options);
@@ -32,7 +36,7 @@ void ShowOrigin(ReportWriter& report, const PerformanceOptions& options,
 
 // "gap: 12 samples missed", "reboot", "clock set back by 2s": one line, printable.
 [[nodiscard]] std::string MarkText(const Mark& mark);
-// "gap", "clock-step": for JSON.
+// "gap", "clock-step": for JSON and the page.
 [[nodiscard]] const char* MarkWord(MarkKind kind);
 // Into an array that is open.
 void StateMark(ReportWriter& report, const Mark& mark);

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "base/crash_file.h"
+#include "kemdctl/performance/history.h"
 #include "kemdctl/trace/crashes.h"
 #include "kemdctl/trace/options.h"
 #include "kemdctl/trace/run_marks.h"
@@ -21,37 +22,11 @@ constexpr int64_t kNsPerMs = 1'000'000;
 constexpr size_t kMostRecords = 5000;
 constexpr size_t kLongestText = 1000;
 
-// Null: not for the axis.
-const char* WordOf(MarkKind kind) {
-    switch (kind) {
-        case MarkKind::kStart:
-            return "start";
-        case MarkKind::kStop:
-            return "stop";
-        case MarkKind::kGap:
-            return "gap";
-        case MarkKind::kSuspend:
-            return "suspend";
-        case MarkKind::kClockStep:
-            return "clock step";
-        case MarkKind::kReboot:
-            return "reboot";
-        case MarkKind::kAlarm:
-            return "alarm";
-        case MarkKind::kAlarmEnd:
-            return "alarm end";
-        case MarkKind::kProcesses:
-            return nullptr;
-    }
-    return nullptr;
-}
-
-void AddMarks(const HistoryReader& reader, HistorySpan span, std::vector<PageEvent>& events) {
+void AddMarks(HistoryReader& reader, HistorySpan span, std::vector<PageEvent>& events) {
     for (const Mark& mark : reader.Marks(span)) {
-        const char* const word = WordOf(mark.kind);
-        if (word == nullptr) continue;
+        if (mark.kind == MarkKind::kProcesses) continue;
         const bool isImportant = mark.kind == MarkKind::kReboot || mark.kind == MarkKind::kAlarm;
-        events.push_back({mark.time.wall, word, mark.value, mark.text, isImportant});
+        events.push_back({mark.time.wall, MarkWord(mark.kind), mark.value, mark.text, isImportant});
     }
 }
 
@@ -129,7 +104,7 @@ void AddCrashes(const PerformanceOptions& options, HistorySpan span,
 
 }  // namespace
 
-std::vector<PageEvent> CollectEvents(const PerformanceOptions& options, const HistoryReader& reader,
+std::vector<PageEvent> CollectEvents(const PerformanceOptions& options, HistoryReader& reader,
                                      HistorySpan span, std::vector<std::string>& notes) {
     std::vector<PageEvent> events;
     AddMarks(reader, span, events);

@@ -19,5 +19,5 @@ struct PageEvent {
 
 // In order of time. `notes` gets what was left out, a line each.
 [[nodiscard]] std::vector<PageEvent> CollectEvents(const PerformanceOptions& options,
-                                                   const HistoryReader& reader, HistorySpan span,
+                                                   HistoryReader& reader, HistorySpan span,
                                                    std::vector<std::string>& notes);

@@ -59,17 +59,16 @@ class Page {
         m_events = std::move(events);
         m_notes = std::move(notes);
     }
-    // False, after a complaint, when the history cannot be read.
-    [[nodiscard]] bool Pack();
+    void Pack();
     [[nodiscard]] bool Put(const FileSink& sink) const;
 
   private:
     void ChooseParts(int64_t step);
     void AddFineParts();
     void AddFinePart(int64_t from, int64_t to);
-    [[nodiscard]] bool AlignParts();
-    [[nodiscard]] bool PackAll();
-    [[nodiscard]] bool PackSome(std::span<const uint32_t> numbers);
+    void AlignParts();
+    void PackAll();
+    void PackSome(std::span<const uint32_t> numbers);
     void AppendSeries(const SeriesInfo& info, const PackedSeries& packed);
     [[nodiscard]] std::string Facts() const;
     [[nodiscard]] std::string Events() const;
@@ -119,23 +118,22 @@ void Page::AddFinePart(int64_t from, int64_t to) {
 }
 
 // The steps of a fine part are where the samples are.
-bool Page::AlignParts() {
+void Page::AlignParts() {
     const size_t count = std::min(m_numbers.size(), kSeriesAtOnce);
     for (PagePart& part : m_parts) {
         if (!part.isFine) continue;
         const HistorySpan span = {part.from, part.from + 60 * part.step};
         std::vector<std::vector<HistoryPoint>> points;
-        if (!m_reader.Read({m_numbers.data(), count}, span, 0, points)) return false;
+        m_reader.Read({m_numbers.data(), count}, span, 0, points);
         for (const auto& each : points) {
             if (each.empty()) continue;
             part.from += (each.front().wall - part.from) % part.step;
             break;
         }
     }
-    return true;
 }
 
-bool Page::Pack() {
+void Page::Pack() {
     const int64_t period = std::max(m_reader.PeriodNs(), kNsPerMs);
     int64_t least = std::max(period, (m_span.to - m_span.from) / kMostSteps);
     if (least < 2 * period) least = period;
@@ -143,27 +141,24 @@ bool Page::Pack() {
         const auto* const step = std::find_if(std::begin(kSteps), std::end(kSteps) - 1,
                                               [least](int64_t each) { return each >= least; });
         ChooseParts(least == period ? period : *step);
-        if (!AlignParts() || !PackAll()) {
-            Complain("%s", Printable(m_reader.Error()).c_str());
-            return false;
-        }
-        if (m_series.size() <= kMostBytes || step == std::end(kSteps) - 1) return true;
+        AlignParts();
+        PackAll();
+        if (m_series.size() <= kMostBytes || step == std::end(kSteps) - 1) return;
         least = *step + 1;
     }
 }
 
 // Stops early when it is too much.
-bool Page::PackAll() {
+void Page::PackAll() {
     m_series.clear();
     for (size_t at = 0; at < m_numbers.size() && m_series.size() <= kMostBytes;
          at += kSeriesAtOnce) {
         const size_t count = std::min(m_numbers.size() - at, kSeriesAtOnce);
-        if (!PackSome({m_numbers.data() + at, count})) return false;
+        PackSome({m_numbers.data() + at, count});
     }
-    return true;
 }
 
-bool Page::PackSome(std::span<const uint32_t> numbers) {
+void Page::PackSome(std::span<const uint32_t> numbers) {
     using Points = std::vector<HistoryPoint>;
     std::vector<std::vector<Points>> all(numbers.size(), std::vector<Points>(m_parts.size()));
     for (size_t part = 0; part < m_parts.size(); ++part) {
@@ -171,7 +166,7 @@ bool Page::PackSome(std::span<const uint32_t> numbers) {
         const HistorySpan span = {std::max(from, m_span.from),
                                   std::min(from + count * step, m_span.to)};
         std::vector<Points> points;
-        if (!m_reader.Read(numbers, span, isFine ? 0 : step, points)) return false;
+        m_reader.Read(numbers, span, isFine ? 0 : step, points);
         for (size_t i = 0; i < numbers.size(); ++i) all[i][part] = std::move(points[i]);
     }
     for (size_t i = 0; i < numbers.size(); ++i) {
@@ -179,7 +174,6 @@ bool Page::PackSome(std::span<const uint32_t> numbers) {
         const PackedSeries packed = PackSeries(info, m_parts, all[i]);
         if (!packed.isEmpty) AppendSeries(info, packed);
     }
-    return true;
 }
 
 void Page::AppendSeries(const SeriesInfo& info, const PackedSeries& packed) {
@@ -257,9 +251,10 @@ int WritePage(const PerformanceOptions& options, ReportWriter& /*report*/) {
     }
     Page page(*reader, *span, std::move(*series));
     std::vector<std::string> notes = reader->Problems();
+    if (!reader->Error().empty()) notes.push_back(reader->Error());
     std::vector<PageEvent> events = CollectEvents(options, *reader, *span, notes);
     page.SetEvents(std::move(events), std::move(notes));
-    if (!page.Pack()) return kError;
+    page.Pack();
     return WriteOutputFile(options.html, 0600,
                            [&page](const FileSink& sink) { return page.Put(sink); });
 }

@@ -136,7 +136,8 @@ std::vector<LiveModuleSeries> LiveModules::Newest(int64_t wall) {
     const int64_t end = m_reader->Range().to;
     const int64_t begin = end - 3 * std::max(m_reader->PeriodNs(), kSecond);
     std::vector<std::vector<HistoryPoint>> points;
-    if (numbers.empty() || !m_reader->Read(numbers, {begin, end}, 0, points)) return {};
+    if (numbers.empty()) return {};
+    m_reader->Read(numbers, {begin, end}, 0, points);
     std::vector<LiveModuleSeries> result;
     for (size_t i = 0; i < numbers.size(); ++i) {
         if (points[i].empty()) continue;

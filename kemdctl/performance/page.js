@@ -576,21 +576,21 @@ function draw() {
 
 // ---- Events: marks of the history and records of the trace.
 
-const KINDS = {start: "good", stop: "idle", gap: "warn", suspend: "idle", "clock step": "warn", reboot: "bad", alarm: "warn",
-  "alarm end": "good", error: "bad", crash: "bad", begin: "good", exit: "idle"};
+const KINDS = {start: "good", stop: "idle", gap: "warn", suspend: "idle", "clock-step": "warn", reboot: "bad", alarm: "warn",
+  "alarm-end": "good", error: "bad", crash: "bad", begin: "good", exit: "idle"};
 let events = [];
 
 function loadEvents() {
   const open = new Map();
   for (const [time, kind, value, text] of data.events) {
     const event = {time, begin: time, kind, text, color: {good: "good", idle: "quiet", warn: "warn", bad: "bad"}[KINDS[kind]] ?? "quiet"};
-    event.isLine = kind !== "alarm end" && kind !== "gap" && kind !== "suspend";
+    event.isLine = kind !== "alarm-end" && kind !== "gap" && kind !== "suspend";
     if (kind === "gap") event.begin = time - value * data.period;
     if (kind === "suspend") event.begin = time - value / 1e6;
     // An alarm lasts until its end, which names the same place first.
     const key = text.split(":")[0];
     if (kind === "alarm") { open.set(key, event); event.time = data.to; }
-    if (kind === "alarm end" && open.has(key)) { open.get(key).time = time; open.delete(key); }
+    if (kind === "alarm-end" && open.has(key)) { open.get(key).time = time; open.delete(key); }
     events.push(event);
   }
 }
@@ -605,7 +605,7 @@ function showEvents() {
   const rows = shown.slice(-MOST_EVENTS).map(event => {
     const row = make("button", "", "event");
     row.type = "button";
-    row.append(make("span", iso(event.begin).slice(0, 23).replace("T", " ")), make("span", event.kind, KINDS[event.kind] ?? ""), make("span", detail(event)));
+    row.append(make("span", iso(event.begin).slice(0, 23).replace("T", " ")), make("span", event.kind.replace("-", " "), KINDS[event.kind] ?? ""), make("span", detail(event)));
     row.addEventListener("click", () => show(event.begin - 2 * MINUTE, event.begin + MINUTE));
     return row;
   });

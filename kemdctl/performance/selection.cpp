@@ -197,23 +197,20 @@ std::optional<std::vector<Column>> ChooseColumns(const HistoryReader& reader,
     return columns;
 }
 
-bool ReadColumns(HistoryReader& reader, std::span<const Column> columns, HistorySpan span,
-                 int64_t step, std::vector<ColumnPoints>& points) {
+std::vector<ColumnPoints> ReadColumns(HistoryReader& reader, std::span<const Column> columns,
+                                      HistorySpan span, int64_t step) {
     std::vector<uint32_t> numbers;
     for (const Column& column : columns) {
         numbers.insert(numbers.end(), column.series.begin(), column.series.end());
     }
     std::vector<ColumnPoints> read;
-    if (!reader.Read(numbers, span, step, read)) {
-        Complain("%s", Printable(reader.Error()).c_str());
-        return false;
-    }
-    points.clear();
+    reader.Read(numbers, span, step, read);
+    std::vector<ColumnPoints> points;
     size_t next = 0;
     for (const Column& column : columns) {
         const std::span<ColumnPoints> parts(&read[next], column.series.size());
         next += column.series.size();
         points.push_back(parts.size() == 1 ? std::move(parts[0]) : Sum(parts));
     }
-    return true;
+    return points;
 }

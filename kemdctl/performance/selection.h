@@ -32,6 +32,6 @@ struct Column {
 
 // A value of a column. `minimum` and `maximum` of a sum: of each series for itself.
 using ColumnPoints = std::vector<HistoryPoint>;
-// Complains and returns false when the history cannot be read.
-[[nodiscard]] bool ReadColumns(HistoryReader& reader, std::span<const Column> columns,
-                               HistorySpan span, int64_t step, std::vector<ColumnPoints>& points);
+[[nodiscard]] std::vector<ColumnPoints> ReadColumns(HistoryReader& reader,
+                                                    std::span<const Column> columns,
+                                                    HistorySpan span, int64_t step);

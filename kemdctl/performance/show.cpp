@@ -63,7 +63,7 @@ bool IsShown(const Mark& mark) {
 int ReadView(const PerformanceOptions& options, HistoryReader& reader, View& view) {
     // Samples have exact times.
     const int64_t step = view.step > reader.PeriodNs() ? view.step : 0;
-    if (!ReadColumns(reader, view.columns, view.span, step, view.points)) return kError;
+    view.points = ReadColumns(reader, view.columns, view.span, step);
     view.marks = reader.Marks(view.span);
     std::erase_if(view.marks, [](const Mark& mark) { return !IsShown(mark); });
     if (options.step) NoteCoarse(view);

@@ -116,11 +116,10 @@ int Summarize(const PerformanceOptions& options, ReportWriter& report) {
         {"series", "minimum", "mean", "50 %", "95 %", "99 %", "maximum", "maximum at"}};
     // Some at a time: a day has 86,400 samples of each.
     constexpr size_t kAtOnce = 8;
-    std::vector<ColumnPoints> points;
     for (size_t begin = 0; begin < columns->size(); begin += kAtOnce) {
         const std::span<const Column> part(&(*columns)[begin],
                                            std::min(kAtOnce, columns->size() - begin));
-        if (!ReadColumns(*reader, part, *span, 0, points)) return kError;
+        const std::vector<ColumnPoints> points = ReadColumns(*reader, part, *span, 0);
         for (size_t i = 0; i < part.size(); ++i) {
             const Summary summary = points[i].empty() ? Summary() : Summarize(points[i]);
             StateSummary(report, reader->Series()[part[i].series[0]], part[i], points[i].size(),

@@ -1,6 +1,7 @@
 # cmake -D SOURCE=FOLDER/NAME -D HEADER=... -D VARIABLE=... -D OUTPUT=... -P html_page.cmake - puts the three files
-# of a page together, NAME.html, NAME.css and NAME.js, and makes a C++ source of it: ${VARIABLE}BeforeData and
-# ${VARIABLE}AfterData, which HEADER declares. The page runs no script and takes no style but those with these hashes.
+# of a page together, NAME.html, NAME.css and NAME.js, with the head of all pages, and makes a C++ source of it:
+# ${VARIABLE}BeforeData and ${VARIABLE}AfterData, which HEADER declares. The page runs no script and takes no style but
+# those with these hashes.
 
 # The text's SHA-256 as base64.
 function(hash text result)
@@ -29,6 +30,10 @@ function(put name text)
 endfunction()
 
 file(READ ${SOURCE}.html page)
+file(READ ${CMAKE_CURRENT_LIST_DIR}/html_page_head.html head)
+string(REGEX MATCH "^@HEAD ([^@]*)@\n" first "${page}")
+string(REPLACE "@TITLE@" "${CMAKE_MATCH_1}" head "${head}")
+string(REPLACE "${first}" "${head}" page "${page}")
 foreach(part STYLE=css SCRIPT=js)
   string(REGEX MATCH "(.*)=(.*)" part ${part})
   set(name ${CMAKE_MATCH_1})

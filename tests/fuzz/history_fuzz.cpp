@@ -39,7 +39,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (uint32_t i = 0; i < all.size(); ++i) all[i] = i;
     std::vector<std::vector<HistoryPoint>> points;
     for (const int64_t step : {int64_t{0}, int64_t{60'000'000'000}}) {
-        (void)reader->Read(all, reader->Range(), step, points);
+        reader->Read(all, reader->Range(), step, points);
         for (const auto& series : points) {
             for (size_t i = 1; i < series.size(); ++i) {
                 Require(series[i - 1].wall <= series[i].wall, "points out of order");

@@ -1,5 +1,6 @@
 // kemdctl performance on histories that the test writes.
 #include "base/utf8.h"
+#include "performance/history_format.h"
 #include "tests/kemdctl/ctl.h"
 #include "tests/kemdctl/json_check.h"
 #include "tests/performance/made_history.h"
@@ -224,8 +225,34 @@ TEST_F(Performance, SaysWhatIsMissing) {
         EXPECT_TRUE(Shows(std::string("perf ") + arguments, code, {complaint}));
     }
     fs::resize_file("/var/lib/kemd/performance/history", 30000);
-    EXPECT_TRUE(Shows("perf show depth", 1,
-                      {"note: /var/lib/kemd/performance/history: the file is cut: it has 30000"}));
+    EXPECT_TRUE(Shows("perf show depth", 2,
+                      {"/var/lib/kemd/performance/history: the file is cut: it has 30000"}));
+}
+
+TEST_F(Performance, AFailedReadIsNotTheEndOfTheHistory) {
+    MadeHistory history("/tmp/bad");
+    history.Gauge("depth", "", [](int64_t second) { return second; });
+    history.Write(1300);
+#ifndef __SANITIZE_ADDRESS__
+    const auto fails = [](const std::string& arguments, size_t byte) {
+        setenv("BAD_BYTE", std::to_string(byte).c_str(), 1);
+        setenv("LD_PRELOAD", "/build/tests/kemdctl/libfailing_read.so", 1);
+        const auto result =
+            Shows("perf " + arguments + " --file /tmp/bad", 2, {"/tmp/bad: Input/output error"});
+        unsetenv("LD_PRELOAD");
+        return result;
+    };
+    EXPECT_TRUE(fails("list", 4096));
+    // In a block: what can be read is shown.
+    const size_t block = ReadFile("/tmp/bad").find("KBLK") + sizeof(BlockHead);
+    for (const std::string each :
+         {"export --csv --since '2026-11-15 12:00:00'", "summary --since '2026-11-15 12:00:00'",
+          "around '2026-11-15 12:20:00'", "export --html /tmp/page.html"}) {
+        EXPECT_TRUE(fails(each, block)) << each;
+    }
+    EXPECT_TRUE(fails("export --csv", block));
+    EXPECT_TRUE(Contains(ReadFile("/tmp/out"), ",1299\n"));
+#endif
 }
 
 TEST_F(Performance, PlotHasAxesAndLeavesGapsEmpty) {

@@ -86,7 +86,7 @@ class PerformanceModuleTest : public DaemonTest {
         for (uint32_t i = 0; i < history->Series().size(); ++i) {
             if (SeriesId(history->Series()[i]) != id) continue;
             std::vector<std::vector<HistoryPoint>> points;
-            EXPECT_TRUE(history->Read({&i, 1}, history->Range(), 0, points));
+            history->Read({&i, 1}, history->Range(), 0, points);
             return points[0];
         }
         return {};
