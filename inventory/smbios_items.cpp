@@ -4,6 +4,8 @@
 #include <array>
 #include <cstdio>
 
+#include "base/text.h"
+
 namespace {
 
 // More structures of one type than the largest machine has.
@@ -70,9 +72,7 @@ std::vector<SmbiosRecord> SmbiosItems::Records(uint8_t type) {
 KemdInventoryItem& SmbiosItems::Add(ItemKind kind, std::string_view name,
                                     const SmbiosRecord& record) {
     const unsigned number = ++m_counts[kind];
-    KemdInventoryItem named{kind, {}, {}, {}, {}};
-    named.Add("location", name);  // cleans the text
-    std::string text = named.Text("location");
+    std::string text(Trim(WithoutControls(std::string(name))));
     if (text.empty()) text = std::to_string(number);
     std::string id = std::string(KindWord(kind)) + ":" + text;
     // Firmware repeats names: counted here, since asking for each id in turn takes long.

@@ -194,7 +194,7 @@ std::string DetectContainer() {
     std::string name(Trim(ReadTextFile("/run/systemd/container").value_or("")));
     if (name.empty()) name = ContainerVariable();
     if (name.empty() || name == "oci") {
-        const std::string byFile = ContainerByFile();
+        std::string byFile = ContainerByFile();
         if (!byFile.empty() || name.empty()) return byFile;
     }
     const bool isKnown = std::find(std::begin(kKnown), std::end(kKnown), name) != std::end(kKnown);
