@@ -60,7 +60,9 @@ void AddFields(KemdInventoryItem& item, const Port& port) {
     AddText(item, "bus", port, KEMD_NET_BUS);
     AddText(item, "address", port, KEMD_NET_BUS_ADDRESS);
     AddNumber(item, "numa_node", port, KEMD_NET_NUMA_NODE);
-    AddNumber(item, "link", port, KEMD_NET_CARRIER);
+    // Of an interface that is off the carrier says nothing.
+    const bool isDetected = port.view.Number(KEMD_NET_LINK_DETECTED).has_value();
+    AddNumber(item, "link", port, isDetected ? KEMD_NET_LINK_DETECTED : KEMD_NET_CARRIER);
     AddNumber(item, "speed", port, KEMD_NET_SPEED);
     AddText(item, "duplex", port, KEMD_NET_DUPLEX);
     if (const uint64_t most = MostSpeed(port); most != 0) item.AddNumber("speed_max", most);
@@ -107,6 +109,7 @@ void ScanInterfaces(KemdInventory& inventory) {
     for (const std::string& note : view->Notes()) inventory.Note("network interfaces", note);
     const std::vector<Port> ports = PortsOf(*view);
     std::vector<std::optional<PciAddress>> addresses;
+    addresses.reserve(ports.size());
     for (const Port& port : ports) addresses.push_back(port.pci);
     const std::vector<PciNames> names = NamePciFunctions(inventory, addresses);
     for (size_t i = 0; i < ports.size(); ++i) {

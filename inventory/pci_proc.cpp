@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cinttypes>
 #include <cstdio>
 #include <span>
 
@@ -38,10 +39,9 @@ PciRegion Region(unsigned number, uint64_t base, uint64_t size) {
     const bool isPrefetchable = !isRom && !isIo && (base & 8) != 0;
     const uint64_t flags = isRom ? kRomFlags : isIo ? 3 : 15;
     std::array<char, 128> text{};
-    std::snprintf(text.data(), text.size(), "%s%s%s 0x%llx size %llu", isIo ? "io" : "memory",
-                  isWide ? " 64-bit" : "", isPrefetchable ? " prefetchable" : "",
-                  static_cast<unsigned long long>(base & ~flags),
-                  static_cast<unsigned long long>(size));
+    std::snprintf(text.data(), text.size(), "%s%s%s 0x%" PRIx64 " size %" PRIu64,
+                  isIo ? "io" : "memory", isWide ? " 64-bit" : "",
+                  isPrefetchable ? " prefetchable" : "", base & ~flags, size);
     return {isRom ? PciRegion::Use::kRom : PciRegion::Use::kBar, number, text.data()};
 }
 
