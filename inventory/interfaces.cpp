@@ -104,7 +104,7 @@ void AddRelations(KemdInventory& inventory, KemdInventoryItem& item, const Port&
 
 void ScanInterfaces(KemdInventory& inventory) {
     std::string error;
-    const auto view = NetworkView::Take(KEMD_NETWORK_DRIVER | KEMD_NETWORK_LINK_SPEED, error);
+    const auto view = NetworkView::Take(KEMD_NETWORK_HARDWARE, error);
     if (!view) return inventory.Note("network interfaces", error);
     for (const std::string& note : view->Notes()) inventory.Note("network interfaces", note);
     const std::vector<Port> ports = PortsOf(*view);
