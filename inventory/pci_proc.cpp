@@ -77,6 +77,16 @@ struct Bridge {
     uint8_t secondaryBus;
 };
 
+std::optional<PciAddress> ParentOf(const PciFunction& function,
+                                   const std::vector<Bridge>& bridges) {
+    for (const auto& [address, secondaryBus] : bridges) {
+        if (address.segment == function.address.segment && secondaryBus == function.address.bus) {
+            return address;
+        }
+    }
+    return std::nullopt;
+}
+
 void ReadBus(const SysDirectory& bus, const std::string& name, std::vector<PciFunction>& functions,
              std::vector<Bridge>& bridges) {
     for (const std::string& file : bus.Names()) {
@@ -167,13 +177,6 @@ std::vector<PciFunction> ReadPciFromProc(KemdInventory& inventory) {
     for (std::string_view rest = lines ? *lines : std::string_view(); !rest.empty();) {
         TakeProcLine(TakeLine(rest), functions);
     }
-    for (PciFunction& function : functions) {
-        for (const Bridge& bridge : bridges) {
-            if (bridge.address.segment == function.address.segment &&
-                bridge.secondaryBus == function.address.bus) {
-                function.parent = bridge.address;
-            }
-        }
-    }
+    for (PciFunction& function : functions) function.parent = ParentOf(function, bridges);
     return functions;
 }

@@ -113,8 +113,9 @@ std::vector<std::string> DetailsOf(const KemdInventoryItem& item) {
         const auto speed = *InventoryField::Find("link_speed" + most);
         const auto width = *InventoryField::Find("link_width" + most);
         if (item.Find(speed) == nullptr || item.Find(width) == nullptr) continue;
-        details.push_back("link_speed" + most + " " + item.Text(speed) + " link_width" + most +
-                          " " + item.Text(width));
+        std::string& text = details.emplace_back("link_speed");
+        text.append(most).append(" ").append(item.Text(speed));
+        text.append(" link_width").append(most).append(" ").append(item.Text(width));
     }
     return details;
 }
