@@ -60,7 +60,9 @@ void AddFields(KemdInventoryItem& item, const Port& port) {
     AddText(item, "bus", port, KEMD_NET_BUS);
     AddText(item, "address", port, KEMD_NET_BUS_ADDRESS);
     AddNumber(item, "numa_node", port, KEMD_NET_NUMA_NODE);
-    AddNumber(item, "link", port, KEMD_NET_CARRIER);
+    // Of an interface that is off the carrier says nothing.
+    const bool isDetected = port.view.Number(KEMD_NET_LINK_DETECTED).has_value();
+    AddNumber(item, "link", port, isDetected ? KEMD_NET_LINK_DETECTED : KEMD_NET_CARRIER);
     AddNumber(item, "speed", port, KEMD_NET_SPEED);
     AddText(item, "duplex", port, KEMD_NET_DUPLEX);
     if (const uint64_t most = MostSpeed(port); most != 0) item.AddNumber("speed_max", most);
@@ -102,11 +104,12 @@ void AddRelations(KemdInventory& inventory, KemdInventoryItem& item, const Port&
 
 void ScanInterfaces(KemdInventory& inventory) {
     std::string error;
-    const auto view = NetworkView::Take(KEMD_NETWORK_DRIVER | KEMD_NETWORK_LINK_SPEED, error);
+    const auto view = NetworkView::Take(KEMD_NETWORK_HARDWARE, error);
     if (!view) return inventory.Note("network interfaces", error);
     for (const std::string& note : view->Notes()) inventory.Note("network interfaces", note);
     const std::vector<Port> ports = PortsOf(*view);
     std::vector<std::optional<PciAddress>> addresses;
+    addresses.reserve(ports.size());
     for (const Port& port : ports) addresses.push_back(port.pci);
     const std::vector<PciNames> names = NamePciFunctions(inventory, addresses);
     for (size_t i = 0; i < ports.size(); ++i) {

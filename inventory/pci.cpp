@@ -1,6 +1,7 @@
 // Items of PCI functions: names, slots, and what their links are held against.
 #include <algorithm>
 #include <array>
+#include <cinttypes>
 #include <cstdio>
 #include <map>
 
@@ -18,8 +19,7 @@ using Functions = std::vector<PciFunction>;
 
 std::string Hex(uint64_t number, int digits) {
     std::array<char, 20> text{};
-    std::snprintf(text.data(), text.size(), "%0*llx", digits,
-                  static_cast<unsigned long long>(number));
+    std::snprintf(text.data(), text.size(), "%0*" PRIx64, digits, number);
     return text.data();
 }
 

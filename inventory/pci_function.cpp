@@ -2,6 +2,7 @@
 
 #include <array>
 #include <charconv>
+#include <cinttypes>
 #include <cstdio>
 
 #include "base/text.h"
@@ -89,12 +90,12 @@ std::optional<PciRegion> ParsePciResource(std::string_view line, unsigned number
     const PciRegion::Use use = UseOf(number, (flags & kWindow) != 0);
     // The kernel calls every ROM prefetchable.
     if (use == PciRegion::Use::kRom) flags &= ~kPrefetchable;
+    const uint64_t size = end - start + 1;
     std::array<char, 128> text{};
-    std::snprintf(
-        text.data(), text.size(), "%s%s%s 0x%llx size %llu%s", (flags & kIo) != 0 ? "io" : "memory",
-        (flags & k64Bit) != 0 ? " 64-bit" : "", (flags & kPrefetchable) != 0 ? " prefetchable" : "",
-        static_cast<unsigned long long>(start), static_cast<unsigned long long>(end - start + 1),
-        (flags & (kDisabled | kUnset)) != 0 ? " disabled" : "");
+    std::snprintf(text.data(), text.size(), "%s%s%s 0x%" PRIx64 " size %" PRIu64 "%s",
+                  (flags & kIo) != 0 ? "io" : "memory", (flags & k64Bit) != 0 ? " 64-bit" : "",
+                  (flags & kPrefetchable) != 0 ? " prefetchable" : "", start, size,
+                  (flags & (kDisabled | kUnset)) != 0 ? " disabled" : "");
     return PciRegion{use, number, text.data()};
 }
 

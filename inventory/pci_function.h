@@ -16,6 +16,7 @@ struct PciAddress {
     uint8_t device = 0;
     uint8_t function = 0;
 
+    // NOLINTNEXTLINE(modernize-use-nullptr): there is no pointer
     auto operator<=>(const PciAddress&) const = default;
     // "0000:00:1f.2"; nothing for another text.
     static std::optional<PciAddress> Parse(std::string_view text);

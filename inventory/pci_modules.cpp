@@ -29,45 +29,57 @@ bool Fits(const std::string& pattern, size_t literal, const std::string& modalia
            fnmatch(pattern.c_str(), modalias.c_str(), 0) == 0;
 }
 
+// Aliases are many: those of other vendors are dropped at the first look.
+class ModuleFinder {
+  public:
+    explicit ModuleFinder(const std::vector<PciFunction>& functions)
+        : m_functions(functions), m_modules(functions.size()) {
+        for (const PciFunction& function : functions) {
+            m_vendors.insert(function.modalias.substr(0, kVendorEnd));
+        }
+    }
+    void Take(std::string_view line) {
+        const std::string_view text = PatternOf(line);
+        const size_t literal = text.find_first_of("*?[");
+        const bool hasVendor = literal >= kVendorEnd;
+        if (text.empty() || (hasVendor && !m_vendors.contains(text.substr(0, kVendorEnd)))) return;
+        const std::string pattern(text);
+        const std::string module(Trim(line.substr(line.rfind(' ') + 1)));
+        for (size_t i = 0; i < m_functions.size(); ++i) {
+            if (!Fits(pattern, std::min(literal, text.size()), m_functions[i].modalias)) continue;
+            std::vector<std::string>& found = m_modules[i];
+            const bool isKnown = std::find(found.begin(), found.end(), module) != found.end();
+            if (!isKnown) found.push_back(module);
+        }
+    }
+    [[nodiscard]] std::vector<std::vector<std::string>> Modules() && {
+        return std::move(m_modules);
+    }
+
+  private:
+    static constexpr size_t kVendorEnd = 14;  // "pci:v00008086"
+
+    const std::vector<PciFunction>& m_functions;
+    std::set<std::string, std::less<>> m_vendors;
+    std::vector<std::vector<std::string>> m_modules;
+};
+
 }  // namespace
 
 std::vector<std::vector<std::string>> FindPciModules(KemdInventory& inventory,
                                                      const std::vector<PciFunction>& functions) {
-    std::vector<std::vector<std::string>> modules(functions.size());
+    ModuleFinder finder(functions);
     struct utsname system {};
-    if (functions.empty() || uname(&system) != 0) return modules;
+    if (functions.empty() || uname(&system) != 0) return std::move(finder).Modules();
     const std::string path = std::string("/lib/modules/") + system.release + "/modules.alias";
     const UniqueFd file = OpenRegularFile(path.c_str(), O_RDONLY);
-    const int openError = errno;
-    if (!file.IsOpen()) {
-        if (openError != ENOENT && openError != ENOTDIR) inventory.NoteError(path, openError);
-        return modules;
+    int error = errno;
+    if (file.IsOpen()) {
+        LineReader reader(file.Get());
+        for (std::string_view line; reader.Next(line);) finder.Take(line);
+        error = reader.Error();
     }
-    // "pci:v00008086", of which most lines have another.
-    constexpr size_t kVendorEnd = 14;
-    std::set<std::string, std::less<>> vendors;
-    for (const PciFunction& function : functions) {
-        vendors.insert(function.modalias.substr(0, kVendorEnd));
-    }
-    LineReader reader(file.Get());
-    std::string pattern;
-    for (std::string_view line; reader.Next(line);) {
-        const std::string_view text = PatternOf(line);
-        const size_t literal = text.find_first_of("*?[");
-        if (text.empty() ||
-            (literal >= kVendorEnd && !vendors.contains(text.substr(0, kVendorEnd)))) {
-            continue;
-        }
-        pattern = text;
-        const std::string module(Trim(line.substr(line.rfind(' ') + 1)));
-        for (size_t i = 0; i < functions.size(); ++i) {
-            std::vector<std::string>& found = modules[i];
-            if (Fits(pattern, std::min(literal, pattern.size()), functions[i].modalias) &&
-                std::find(found.begin(), found.end(), module) == found.end()) {
-                found.push_back(module);
-            }
-        }
-    }
-    if (reader.HasFailed()) inventory.NoteError(path, reader.Error());
-    return modules;
+    // A kernel need not have modules.
+    if (error != 0 && error != ENOENT && error != ENOTDIR) inventory.NoteError(path, error);
+    return std::move(finder).Modules();
 }

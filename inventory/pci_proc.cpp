@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cinttypes>
 #include <cstdio>
 #include <span>
 
@@ -38,10 +39,9 @@ PciRegion Region(unsigned number, uint64_t base, uint64_t size) {
     const bool isPrefetchable = !isRom && !isIo && (base & 8) != 0;
     const uint64_t flags = isRom ? kRomFlags : isIo ? 3 : 15;
     std::array<char, 128> text{};
-    std::snprintf(text.data(), text.size(), "%s%s%s 0x%llx size %llu", isIo ? "io" : "memory",
-                  isWide ? " 64-bit" : "", isPrefetchable ? " prefetchable" : "",
-                  static_cast<unsigned long long>(base & ~flags),
-                  static_cast<unsigned long long>(size));
+    std::snprintf(text.data(), text.size(), "%s%s%s 0x%" PRIx64 " size %" PRIu64,
+                  isIo ? "io" : "memory", isWide ? " 64-bit" : "",
+                  isPrefetchable ? " prefetchable" : "", base & ~flags, size);
     return {isRom ? PciRegion::Use::kRom : PciRegion::Use::kBar, number, text.data()};
 }
 
@@ -76,6 +76,16 @@ struct Bridge {
     PciAddress address;
     uint8_t secondaryBus;
 };
+
+std::optional<PciAddress> ParentOf(const PciFunction& function,
+                                   const std::vector<Bridge>& bridges) {
+    for (const auto& [address, secondaryBus] : bridges) {
+        if (address.segment == function.address.segment && secondaryBus == function.address.bus) {
+            return address;
+        }
+    }
+    return std::nullopt;
+}
 
 void ReadBus(const SysDirectory& bus, const std::string& name, std::vector<PciFunction>& functions,
              std::vector<Bridge>& bridges) {
@@ -167,13 +177,6 @@ std::vector<PciFunction> ReadPciFromProc(KemdInventory& inventory) {
     for (std::string_view rest = lines ? *lines : std::string_view(); !rest.empty();) {
         TakeProcLine(TakeLine(rest), functions);
     }
-    for (PciFunction& function : functions) {
-        for (const Bridge& bridge : bridges) {
-            if (bridge.address.segment == function.address.segment &&
-                bridge.secondaryBus == function.address.bus) {
-                function.parent = bridge.address;
-            }
-        }
-    }
+    for (PciFunction& function : functions) function.parent = ParentOf(function, bridges);
     return functions;
 }

@@ -41,7 +41,7 @@ void FindCards(KemdInventory& inventory, Adapters& adapters) {
     const std::string base = "/sys/class/drm";
     for (const std::string& name : SysDirectory(inventory, base).Names()) {
         if (!IsNumbered(name, "card")) continue;
-        const SysDirectory card(inventory, base + "/" + name);
+        const SysDirectory card(inventory, std::string(base).append("/").append(name));
         const std::string path = RealPath(card.Path() + "/device");
         if (path.empty()) continue;
         Adapter& adapter = adapters[path];
@@ -58,7 +58,7 @@ void FindFramebuffers(KemdInventory& inventory, Adapters& adapters) {
     const std::string base = "/sys/class/graphics";
     for (const std::string& name : SysDirectory(inventory, base).Names()) {
         if (!IsNumbered(name, "fb")) continue;
-        const SysDirectory directory(inventory, base + "/" + name);
+        const SysDirectory directory(inventory, std::string(base).append("/").append(name));
         std::string size = directory.Text("virtual_size").value_or("");
         std::replace(size.begin(), size.end(), ',', 'x');
         const std::string path = RealPath(directory.Path() + "/device");
@@ -75,7 +75,7 @@ void FindFunctions(KemdInventory& inventory, Adapters& adapters) {
     constexpr uint64_t kDisplay = 0x03;
     const std::string base = "/sys/bus/pci/devices";
     for (const std::string& name : SysDirectory(inventory, base).Names()) {
-        const std::string path = base + "/" + name;
+        const std::string path = std::string(base).append("/").append(name);
         const KemdInventoryItem* const item = inventory.Find("pci:" + name);
         if (item != nullptr
                 ? !item->Text("class_id").starts_with("03")

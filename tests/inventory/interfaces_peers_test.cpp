@@ -49,23 +49,38 @@ TEST(InterfacesPeersTest, LshwKnowsTheSameAddressesAndDrivers) {
     EXPECT_EQ(compared, items.size());
 }
 
+namespace {
+
+// A line of ethtool -i or -P.
+void CompareLine(const std::string& line, const KemdInventoryItem& item) {
+    struct Known {
+        const char* start;
+        InventoryField field;
+    };
+    const Known known[] = {
+        {"driver: ", "driver"},
+        {"bus-info: 0", "address"},
+        {"Permanent address: ", "permanent_mac"},
+    };
+    const std::string value = line.substr(std::min(line.find(": ") + 2, line.size()));
+    for (const auto& [start, field] : known) {
+        if (!line.starts_with(start) || value == "not set") continue;
+        EXPECT_EQ(item.Text(field), value) << line;
+    }
+}
+
+}  // namespace
+
 TEST(InterfacesPeersTest, EthtoolKnowsTheSameBusAddressAndPort) {
     NEED_PEER("ethtool");
     KemdInventory inventory;
     ScanInterfaces(inventory);
     if (inventory.items.empty()) GTEST_SKIP() << "no network hardware on this machine";
     for (const KemdInventoryItem& item : inventory.items) {
-        std::istringstream lines(PeerText("ethtool -i " + item.name + "; ethtool -P " + item.name));
-        for (std::string line; std::getline(lines, line);) {
-            const std::string value = line.substr(std::min(line.find(": ") + 2, line.size()));
-            const auto same = [&](const char* start, InventoryField field) {
-                if (!line.starts_with(start) || value == "not set") return;
-                EXPECT_EQ(item.Text(field), value) << line;
-            };
-            same("driver: ", "driver");
-            same("bus-info: 0", "address");
-            same("Permanent address: ", "permanent_mac");
-        }
+        std::string command = "ethtool -i " + item.name;
+        command.append("; ethtool -P ").append(item.name);
+        std::istringstream lines(PeerText(command));
+        for (std::string line; std::getline(lines, line);) CompareLine(line, item);
         const bool isPci = item.Text("bus") == "pci";
         EXPECT_EQ(isPci ? "pci:" + item.Text("address") : item.parent, item.parent);
     }

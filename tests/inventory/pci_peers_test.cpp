@@ -78,7 +78,7 @@ uint64_t Bytes(const std::string& size) {
 std::string Detail(const std::string& line) {
     std::smatch match;
     static const std::regex kMemory(
-        R"(\s+(?:Region (\d)|Expansion ROM).*? at ([0-9a-f]+) (?:\((32|64)-bit, (non-)?prefetchable\) )?.*\[size=(\w+)\])");
+        R"(\s+(?:Region (\d)|Expansion ROM).*? at 0*([0-9a-f]+) (?:\((32|64)-bit, (non-)?prefetchable\) )?.*\[size=(\w+)\])");
     static const std::regex kPorts(R"(\s+Region (\d): I/O ports at 0*([0-9a-f]+).*\[size=(\w+)\])");
     static const std::regex kIrq(R"(\s+Interrupt: .*routed to IRQ ([1-9]\d*))");
     static const std::regex kLink(R"(\s+Lnk(Cap|Sta):.*Speed ([0-9.]+)GT/s.*, Width x(\d+).*)");
@@ -113,8 +113,9 @@ std::vector<std::string> DetailsOf(const KemdInventoryItem& item) {
         const auto speed = *InventoryField::Find("link_speed" + most);
         const auto width = *InventoryField::Find("link_width" + most);
         if (item.Find(speed) == nullptr || item.Find(width) == nullptr) continue;
-        details.push_back("link_speed" + most + " " + item.Text(speed) + " link_width" + most +
-                          " " + item.Text(width));
+        std::string& text = details.emplace_back("link_speed");
+        text.append(most).append(" ").append(item.Text(speed));
+        text.append(" link_width").append(most).append(" ").append(item.Text(width));
     }
     return details;
 }

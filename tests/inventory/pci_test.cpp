@@ -43,6 +43,17 @@ class PciTest : public testing::Test {
         ScanPci(m_inventory);
         return FieldsOf(m_inventory, id);
     }
+    // The parent, and all about the link, of what a new scan finds.
+    std::string LinkOf(const std::string& id) {
+        std::istringstream lines(Scan("pci:" + id));
+        std::string text;
+        for (std::string line; std::getline(lines, line);) {
+            const bool isWanted =
+                line.starts_with("parent=") || Contains(line, "_max") || Contains(line, "link_");
+            if (isWanted) text += line + "|";
+        }
+        return text;
+    }
     KemdInventory m_inventory;
 };
 
@@ -120,32 +131,22 @@ TEST_F(PciTest, LinksAreHeldAgainstThePortAbove) {
     Make("pci0000:00/0000:00:0e.0/pci10000:e0/10000:e0:06.0",
          {{"uevent", "PCI_CLASS=60400\nPCI_ID=8086:1"}});
 
-    const auto link = [this](const std::string& id) {
-        std::istringstream lines(Scan("pci:" + id));
-        std::string text;
-        for (std::string line; std::getline(lines, line);) {
-            if (line.starts_with("parent=") || Contains(line, "_max") || Contains(line, "link_")) {
-                text += line + "|";
-            }
-        }
-        return text;
-    };
-    EXPECT_EQ(link("0000:00:01.0"),
+    EXPECT_EQ(LinkOf("0000:00:01.0"),
               "link_speed=8000|link_speed_max=16000|link_width=4|link_width_max=8|");
-    EXPECT_EQ(link("0000:01:00.0"),
+    EXPECT_EQ(LinkOf("0000:01:00.0"),
               "parent=pci:0000:00:01.0|link_speed=8000|link_speed_max=8000|link_width=4|"
               "link_width_max=16|port_speed_max=16000|port_width_max=8|link_limited=width|"
               "link_degraded=width|");
-    EXPECT_EQ(link("0000:02:08.0"),
+    EXPECT_EQ(LinkOf("0000:02:08.0"),
               "parent=pci:0000:01:00.0|link_speed=2500|link_speed_max=8000|link_width=1|"
               "link_width_max=4|");
-    EXPECT_EQ(link("0000:03:00.0"),
+    EXPECT_EQ(LinkOf("0000:03:00.0"),
               "parent=pci:0000:02:08.0|link_speed=2500|link_speed_max=16000|link_width=4|"
               "link_width_max=4|port_speed_max=8000|port_width_max=4|link_limited=speed|"
               "link_degraded=speed|");
-    EXPECT_FALSE(Contains(link("0000:03:00.1"), "link_degraded"));
-    EXPECT_EQ(link("0001:00:00.0"), "link_speed_max=16000|link_width_max=4|");
-    EXPECT_EQ(link("10000:e0:06.0"), "parent=pci:0000:00:0e.0|");
+    EXPECT_FALSE(Contains(LinkOf("0000:03:00.1"), "link_degraded"));
+    EXPECT_EQ(LinkOf("0001:00:00.0"), "link_speed_max=16000|link_width_max=4|");
+    EXPECT_EQ(LinkOf("10000:e0:06.0"), "parent=pci:0000:00:0e.0|");
 }
 
 TEST_F(PciTest, WhatVanishesOrLacksAttributesDoesNotStopTheScan) {
