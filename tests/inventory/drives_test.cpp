@@ -426,7 +426,9 @@ TEST_F(DrivesTest, NvmeHealthAndWhatRefuses) {
     Asked("nvme2n1", 7, "", [](const Bytes&) { return Reply{{}, {}, EACCES}; });
     Asked("nvme3n1", 8, "", [](const Bytes&) { return Reply{{}, {}, EPERM}; });
     Asked("nvme4n1", 9, "", [](const Bytes&) { return Reply{{}, {}, EIO}; });
+    // A node of another device in its place.
     std::filesystem::remove("/dev/nvme9n1");
+    std::filesystem::create_symlink("/dev/null", "/dev/nvme9n1");
     Drive("pci0000:00/0000:00:0a.0", "nvme9n1", "1:11");
     const KemdInventory inventory = Scan(true);
     EXPECT_EQ(Health(inventory, "nvme0n1"),
@@ -439,7 +441,7 @@ TEST_F(DrivesTest, NvmeHealthAndWhatRefuses) {
     EXPECT_EQ(std::vector(inventory.notes.end() - 3, inventory.notes.end()),
               (std::vector<std::string>{"health of drives: only root may ask for it",
                                         "drive:nvme4n1: health: Input/output error",
-                                        "drive:nvme9n1: health: No such file or directory"}));
+                                        "drive:nvme9n1: health: No such device"}));
 }
 
 TEST_F(DrivesTest, DriveThatHangsIsGivenUpAndNotAskedAgain) {
