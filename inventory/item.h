@@ -50,9 +50,6 @@ std::optional<ItemKind> KindByWord(std::string_view word);
 // Control characters become blanks. The bytes beyond ASCII stay: names are often UTF-8.
 std::string WithoutControls(std::string text);
 
-// Control characters become blanks. The bytes beyond ASCII stay: names are often UTF-8.
-std::string WithoutControls(std::string text);
-
 struct KemdInventoryItem {
     struct Value {
         InventoryField field;
