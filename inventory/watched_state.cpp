@@ -199,7 +199,8 @@ void WatchedState::DeliverOthers(const KemdInventory& next) {
     for (ItemDifference& gone : differences) {
         if (gone.before == nullptr || gone.after != nullptr) continue;
         const auto same = std::find_if(differences.begin(), differences.end(), [&](const auto& d) {
-            return d.before == nullptr && isSameDevice(*gone.before, *d.after);
+            return d.before == nullptr && d.after != nullptr &&
+                   isSameDevice(*gone.before, *d.after);
         });
         if (same == differences.end()) continue;
         gone.after = std::exchange(same->after, nullptr);

@@ -151,10 +151,15 @@ TEST_F(InventoryWatchTest, WhatUdevFindsOutLaterIsAChange) {
     WriteFile("/tmp/record", "E:ID_FS_TYPE=ext4\nE:ID_FS_UUID_ENC=1-2\n");
     std::filesystem::rename("/tmp/record", "/run/udev/data/b7:1");
     EXPECT_EQ(Take(1), "changed volume loop1 fs_type fs_uuid\n");
-    // Another id of the same device is a change too.
-    WriteFile("/tmp/record", "E:MD_UUID=a:b\n");
+    // Other ids of the same devices are changes too.
+    MakeLoop("2", "8");
+    Send("add", "/devices/virtual/block/loop2");
+    EXPECT_EQ(Take(1), "new volume loop2\n");
+    WriteFile("/tmp/record", "E:MD_UUID=a:b\nE:ID_FS_TYPE=x\n");
+    WriteFile("/tmp/record2", "E:MD_UUID=a:c\nE:ID_FS_TYPE=x\n");
     std::filesystem::rename("/tmp/record", "/run/udev/data/b7:1");
-    EXPECT_EQ(Take(1), "changed volume loop1 fs_type fs_uuid\n");
+    std::filesystem::rename("/tmp/record2", "/run/udev/data/b7:2");
+    EXPECT_EQ(Take(2), "changed volume loop1 fs_type fs_uuid\nchanged volume loop2 fs_type\n");
 }
 
 TEST_F(InventoryWatchTest, LostMessagesLeadToAScanAndForeignOnesToNothing) {
