@@ -130,8 +130,8 @@ void Warnings::DriveHealth() {
     constexpr uint64_t kUsedUp = 100;
     for (const Item* const item : Of(ItemKind::kDrive)) {
         const std::string& model = item->Text("model");
-        const std::string subject =
-            "drive " + item->name + (model.empty() ? "" : " (" + model + ")");
+        std::string subject = "drive " + item->name;
+        if (!model.empty()) subject.append(" (").append(model).append(")");
         const std::string reasons = Joined(Values(*item, "critical_warning"));
         if (item->Text("health") == "failing") {
             Warn(subject + " is failing" + (reasons.empty() ? "" : ": " + reasons));
@@ -150,14 +150,16 @@ void Warnings::Firmware(ItemKind kind, const char* word) {
         const std::string& firmware = item->Text("firmware");
         const std::string& model = item->Text("model");
         if (model.empty() || firmware.empty()) continue;
-        models[(item->Text("vendor").empty() ? "" : item->Text("vendor") + " ") + model][firmware]
-            .push_back(item->name);
+        std::string name = item->Text("vendor");
+        name.append(name.empty() ? "" : " ").append(model);
+        models[name][firmware].push_back(item->name);
     }
     for (const auto& [model, versions] : models) {
         if (versions.size() < 2) continue;
         std::vector<std::string> texts;
         for (const auto& [version, names] : versions) {
-            texts.push_back(version + " (" + Joined(names) + ")");
+            texts.push_back(version);
+            texts.back().append(" (").append(Joined(names)).append(")");
         }
         Warn(std::string(word) + " " + model + " have different firmware: " + Joined(texts));
     }

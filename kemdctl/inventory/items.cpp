@@ -14,6 +14,8 @@ namespace {
 
 using Items = std::vector<const KemdInventoryItem*>;
 
+constexpr size_t kColumn = 24;  // where values begin
+
 // What a table shows of a kind beside the name; those that no item has are left out. Kinds that
 // have no row here are shown as blocks.
 struct Columns {
@@ -86,6 +88,21 @@ void ShowTableOf(ReportWriter& report, const Items& items, const Columns& column
     ShowTable(report, rows);
 }
 
+// Values that are too many for a line have one each.
+void ShowField(ReportWriter& report, const KemdInventoryItem& item, InventoryField field) {
+    constexpr size_t kLong = 56;
+    std::string label = "  " + Label(field.Info().name);
+    const std::string all = FieldText(item, field);
+    if (all.size() <= kLong || (field.Info().flags & kList) == 0) return report.Field(label, all);
+    label += ':';
+    for (const auto& value : item.values) {
+        if (value.field != field) continue;
+        label.resize(std::max(label.size(), kColumn), ' ');
+        report.Line(label + ValueText(value));
+        label.clear();
+    }
+}
+
 void ShowBlock(ReportWriter& report, const KemdInventoryItem& item) {
     report.Line(Label(KindWord(item.kind)) + " " + Printable(item.name));
     report.Field("  id", Printable(item.id));
@@ -94,7 +111,7 @@ void ShowBlock(ReportWriter& report, const KemdInventoryItem& item) {
     for (const auto& value : item.values) {
         if (std::find(shown.begin(), shown.end(), value.field) != shown.end()) continue;
         shown.push_back(value.field);
-        report.Field("  " + Label(value.field.Info().name), FieldText(item, value.field));
+        ShowField(report, item, value.field);
     }
 }
 
@@ -127,7 +144,9 @@ std::string ShownSummary(const KemdInventoryItem& item) {
     for (const char* const field : columns->fields) {
         if (field == nullptr) break;
         const std::string shown = ShownField(item, field);
-        if (!shown.empty()) text += (text.empty() ? "" : "  ") + shown;
+        // "yes" says nothing without its name.
+        if (!shown.empty() && shown != "yes" && shown != "no")
+            text += (text.empty() ? "" : "  ") + shown;
     }
     return text;
 }
@@ -140,7 +159,6 @@ void ShowSections(ReportWriter& report, const KemdInventory& inventory, uint32_t
         const bool isNew = std::find(kinds.begin(), kinds.end(), item.kind) == kinds.end();
         if (isWanted && isNew) kinds.push_back(item.kind);
     }
-    constexpr size_t kColumn = 24;
     report.SetColumn(kColumn);
     const char* before = "";
     for (const ItemKind kind : kinds) {

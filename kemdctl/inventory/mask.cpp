@@ -40,8 +40,16 @@ class Mask {
         });
     }
 
-    [[nodiscard]] const std::string& Of(const std::string& text) const {
-        return m_masks.at(Folded(text));
+    void Apply(KemdInventoryItem& item) const {
+        for (std::string* text : {&item.id, &item.name, &item.parent}) Apply(*text);
+        for (auto& value : item.values) {
+            const InventoryFieldInfo& info = value.field.Info();
+            if ((info.flags & kPrivate) != 0) {
+                value.text = m_masks.at(Folded(value.text));
+            } else if (info.kind == KEMD_INVENTORY_TEXT) {
+                Apply(value.text);
+            }
+        }
     }
     void Apply(std::string& text) const {
         std::string folded = Folded(text);
@@ -73,17 +81,7 @@ class Mask {
 
 void MaskInventory(KemdInventory& inventory) {
     const Mask mask(inventory);
-    for (KemdInventoryItem& item : inventory.items) {
-        for (std::string* text : {&item.id, &item.name, &item.parent}) mask.Apply(*text);
-        for (auto& value : item.values) {
-            const InventoryFieldInfo& info = value.field.Info();
-            if ((info.flags & kPrivate) != 0) {
-                value.text = mask.Of(value.text);
-            } else if (info.kind == KEMD_INVENTORY_TEXT) {
-                mask.Apply(value.text);
-            }
-        }
-    }
+    for (KemdInventoryItem& item : inventory.items) mask.Apply(item);
     for (std::string& note : inventory.notes) mask.Apply(note);
     for (std::string& warning : inventory.warnings) mask.Apply(warning);
 }

@@ -79,6 +79,19 @@ std::string Grouped(const std::vector<std::string>& texts) {
     return all;
 }
 
+// Takes as many words as there is room for.
+std::string_view TakeWords(std::string_view& text, size_t room) {
+    size_t end = text.size();
+    while (Width(Printable(text.substr(0, end))) > room) {
+        const size_t blank = text.rfind(' ', end - 1);
+        if (blank == text.npos || blank == 0) break;
+        end = blank;
+    }
+    const std::string_view taken = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    return taken;
+}
+
 Items Page::Of(ItemKind kind) const {
     Items items;
     for (const Item& item : m_inventory.items) {
@@ -226,8 +239,10 @@ void Page::Show() {
     Rows("Ports", Ports(), "network");
     const char* label = "Attention";
     for (const std::string& warning : m_inventory.warnings) {
-        Line(label, Printable(warning));
-        label = "";
+        for (std::string_view rest = warning; !rest.empty();) {
+            Line(label, Printable(TakeWords(rest, kPageWidth - kColumn)));
+            label = "";
+        }
     }
     if (m_inventory.warnings.empty()) Line(label, "nothing needs it");
 }

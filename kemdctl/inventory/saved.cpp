@@ -50,6 +50,7 @@ class DifferenceReport {
 
   private:
     void Field(const FieldDifference& field);
+    void Parent(const std::string& before, const std::string& after);
     void Change(const std::string& name, const std::string& before, const std::string& after) {
         m_report.Line(m_subject + " changed: " + name + ": " + before + " -> " + after);
     }
@@ -70,6 +71,18 @@ void DifferenceReport::Field(const FieldDifference& field) {
     });
 }
 
+void DifferenceReport::Parent(const std::string& before, const std::string& after) {
+    const auto shown = [](const std::string& parent) {
+        return parent.empty() ? "(none)" : Printable(parent);
+    };
+    Change("parent", shown(before), shown(after));
+    m_report.Object({}, [&] {
+        m_report.Text("name", "parent");
+        if (!before.empty()) m_report.Text("before", before);
+        if (!after.empty()) m_report.Text("after", after);
+    });
+}
+
 void DifferenceReport::Item(const ItemDifference& difference) {
     const auto& [before, after, fields] = difference;
     const KemdInventoryItem& item = after != nullptr ? *after : *before;
@@ -87,17 +100,7 @@ void DifferenceReport::Item(const ItemDifference& difference) {
         return;
     }
     m_report.OpenArray("fields");
-    if (HasMoved(difference, m_ignored)) {
-        const auto shown = [](const std::string& parent) {
-            return parent.empty() ? "(none)" : Printable(parent);
-        };
-        Change("parent", shown(before->parent), shown(after->parent));
-        m_report.Object({}, [&] {
-            m_report.Text("name", "parent");
-            if (!before->parent.empty()) m_report.Text("before", before->parent);
-            if (!after->parent.empty()) m_report.Text("after", after->parent);
-        });
-    }
+    if (HasMoved(difference, m_ignored)) Parent(before->parent, after->parent);
     for (const FieldDifference& field : fields) Field(field);
     m_report.Close();
     m_report.Close();

@@ -28,11 +28,11 @@ class IgnoreList {
 };
 
 struct DiffOptions {
-    const char* before;
-    const char* after;  // null: this machine
+    const char* before = nullptr;
+    const char* after = nullptr;  // null: this machine
     IgnoreList ignored;
-    bool withVolatile;
-    bool withHealth;
+    bool withVolatile = false;
+    bool withHealth = true;
 };
 
 // Of this machine. Root asks drives for their health too, with `withHealth`. Texts are UTF-8.

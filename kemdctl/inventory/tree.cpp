@@ -29,23 +29,25 @@ class Tree {
     std::set<const Item*> m_shown;
 };
 
+// A volume of several drives or partitions is under each of them.
+std::set<std::string_view> ParentsOf(const Item& item) {
+    std::set<std::string_view> parents = {item.parent};
+    for (const auto& value : item.values) {
+        if (value.field == InventoryField("members")) parents.insert(value.text);
+    }
+    return parents;
+}
+
 Tree::Tree(ReportWriter& report, const KemdInventory& inventory)
     : m_report(report), m_inventory(inventory) {
     std::set<std::string_view> ids;
     for (const Item& item : inventory.items) {
         if ((KindSection(item.kind) & kSections) != 0) ids.insert(item.id);
     }
-    const std::optional<InventoryField> members = InventoryField::Find("members");
     for (const Item& item : inventory.items) {
         if (!ids.contains(item.id)) continue;
-        // A volume of several drives or partitions is under each of them.
-        std::set<std::string_view> parents;
-        if (ids.contains(item.parent)) parents.insert(item.parent);
-        for (const auto& value : item.values) {
-            if (members && value.field == *members && ids.contains(value.text)) {
-                parents.insert(value.text);
-            }
-        }
+        std::set<std::string_view> parents = ParentsOf(item);
+        std::erase_if(parents, [&ids](std::string_view id) { return !ids.contains(id); });
         if (parents.empty()) parents.insert(std::string_view());
         for (const std::string_view parent : parents) m_children[parent].push_back(&item);
     }

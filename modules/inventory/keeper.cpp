@@ -161,7 +161,8 @@ void InventoryKeeper::Take(uint32_t traced) {
     InventoryHandle inventory(scanned);
     if (error == 0) {
         const InventoryHandle before = Kept();
-        (void)mkdir(kDirectory, 0755);
+        // The daemon's mask lets nobody else in, but other modules' files may be read by all.
+        if (mkdir(kDirectory, 0755) == 0) (void)chmod(kDirectory, 0755);
         error = KemdInventorySave(inventory.get(), kFile);
         // What JSON cannot hold would differ from what is read back.
         if (error == 0) inventory = Kept();
