@@ -279,7 +279,7 @@ TEST(SystemPeers, MadeTablesAreThoseOfDmidecode) {
     EXPECT_GT(compared, 10000U);
 }
 
-TEST(SystemPeers, RealTablesAreThoseOfDmidecode) {
+TEST(SystemPeers, KeptTablesAreThoseOfDmidecode) {
     NEED_PEER("dmidecode");
     const Bytes pc = FirmwareImage("pc");
     const Bytes q35 = FirmwareImage("q35");
@@ -296,6 +296,10 @@ TEST(SystemPeers, RealTablesAreThoseOfDmidecode) {
     };
     EXPECT_GT(CompareTables(tables(pc, 0xF59B0, 31, 0xF59D0, 0x1B6), "pc"), 50U);
     EXPECT_GT(CompareTables(tables(q35, 0xF59C0, 24, 0xF59E0, 432), "q35"), 50U);
+}
+
+TEST(SystemPeers, OwnTablesAreThoseOfDmidecode) {
+    NEED_PEER("dmidecode");
     const auto own = CBiosTables::GetSmbiosData();
     if (!own) GTEST_SKIP() << "not compared: this machine has no tables";
     EXPECT_GT(CompareTables(*own, "this machine"), 20U);
