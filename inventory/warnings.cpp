@@ -133,10 +133,10 @@ void Warnings::DriveHealth() {
         std::string subject = "drive " + item->name;
         if (!model.empty()) subject.append(" (").append(model).append(")");
         const std::string reasons = Joined(Values(*item, "critical_warning"));
-        if (item->Text("health") == "failing") {
-            Warn(subject + " is failing" + (reasons.empty() ? "" : ": " + reasons));
-        } else if (!reasons.empty()) {
-            Warn(subject + " warns: " + reasons);
+        const bool isFailing = item->Text("health") == "failing";
+        if (isFailing || !reasons.empty()) {
+            std::string text = subject + (isFailing ? " is failing" : " warns");
+            Warn(text.append(reasons.empty() ? "" : ": ").append(reasons));
         }
         if (item->Number("percentage_used") >= kUsedUp) {
             Warn(subject + " has used " + item->Text("percentage_used") + " % of its life");
@@ -174,7 +174,8 @@ void Warnings::Volumes() {
         if (missing > 0) {
             text += ": " + std::to_string(missing) + " of " + item->Text("raid_disks") + " missing";
         }
-        Warn(text + (failed.empty() ? "" : ": failed " + failed));
+        if (!failed.empty()) text.append(": failed ").append(failed);
+        Warn(std::move(text));
     }
 }
 

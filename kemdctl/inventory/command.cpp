@@ -19,26 +19,27 @@ constexpr const char* kHelp =
     R"(usage: kemdctl inventory [SECTION ...] [OPTION ...]
        kemdctl inventory save FILE [SECTION ...]
        kemdctl inventory diff A [B] [--ignore WHAT] ... [--volatile]
-       kemdctl inventory --tables | --slot BB:DD | --dump FILE | --from-dump FILE
+       kemdctl inventory --tables | --slot BB:DD | --dump FILE
+       kemdctl inventory --from-dump FILE [--slot BB:DD]
 
 Shows the hardware and volumes of this host: without words a page, otherwise the
 sections system, memory, slots, pci, usb, drives, network and volumes.
 
-  save FILE          keeps the inventory in a file, mode 0600; -: standard output
+  save FILE          keeps the inventory in a file; -: standard output
   diff A [B]         what changed from the kept inventory A to B, or to this
                      machine: a line for each change; status 1: there are some
-  --ignore WHAT      of diff: not this FIELD, KIND, KIND.FIELD or pattern of ids,
-                     as 'mount:*'; may be repeated
+  --ignore WHAT      of diff: not this FIELD, KIND, KIND.FIELD or pattern of
+                     ids, as 'mount:*'; may be repeated
   --volatile         of diff: also what changes by itself, as temperatures
   --long             all fields of each item
   --tree             what sits in what: PCI, USB, drives, partitions, volumes
   --json, --xml      as JSON, as XML
   --mask             serial numbers, MAC addresses, UUIDs and the like become
                      masked-1, masked-2 ...
-  --no-health        does not ask drives for their health, as root does otherwise
-  --tables           the firmware's SMBIOS tables: where they come from, revision,
-                     number of structures of each type, and which slot holds which
-                     PCI device
+  --no-health        does not ask drives for their health; root does otherwise
+  --tables           the firmware's SMBIOS tables: where they come from,
+                     revision, number of structures of each type, and which
+                     slot holds which PCI device
   --slot BB:DD       only the number of the slot that holds the device with this
                      bus and device number, hexadecimal; status 1: not known
   --from-dump FILE   looks at tables in a file, as --dump or dmidecode wrote it
@@ -49,7 +50,8 @@ The slot map comes from the PCI IRQ routing table, with types from SMBIOS, or
 else from SMBIOS; for a dump only from SMBIOS. An on-board device has the number
 0 in the routing table, and in SMBIOS its instance among devices of its kind.
 What only root can read is absent for others, and standard error says so.
-Exit status: 0 yes or done, 1 no (differences, no tables, slot not known), 2 error.
+Exit status: 0 yes or done, 1 differences, no tables, or the slot is not
+known, 2 error.
 )";
 
 constexpr uint32_t kAllSections = KEMD_INVENTORY_ALL & ~KEMD_INVENTORY_HEALTH;

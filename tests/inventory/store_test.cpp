@@ -11,6 +11,16 @@ namespace {
 
 namespace fs = std::filesystem;
 
+void AddValues(InventoryField field, int times, KemdInventoryItem& item) {
+    for (int i = 0; i < times; ++i) {
+        if (field.Info().kind == KEMD_INVENTORY_TEXT) {
+            item.Add(field, "</" + std::to_string(i) + "&\"\\ \xe2\x82\xac");
+        } else {
+            item.AddNumber(field, field.Info().kind == KEMD_INVENTORY_YES ? 1 : UINT64_MAX - i);
+        }
+    }
+}
+
 // An item with every field that there is, and texts that JSON must escape.
 KemdInventory EveryField() {
     KemdInventory inventory;
@@ -24,14 +34,7 @@ KemdInventory EveryField() {
         KemdInventoryItem& item = inventory.items.back();
         const InventoryFieldInfo& info = kInventoryFields.at(position);
         const InventoryField field = *InventoryField::Find(info.name);
-        const int times = (info.flags & kList) != 0 ? 3 : 1;
-        for (int i = 0; i < times; ++i) {
-            if (info.kind == KEMD_INVENTORY_TEXT) {
-                item.Add(field, "</" + std::to_string(i) + "&\"\\ \xe2\x82\xac");
-            } else {
-                item.AddNumber(field, info.kind == KEMD_INVENTORY_YES ? 1 : UINT64_MAX - i);
-            }
-        }
+        AddValues(field, (info.flags & kList) != 0 ? 3 : 1, item);
     }
     inventory.Add(ItemKind::kMount, "mount:/", "/");
     inventory.warnings.emplace_back("a warning");
