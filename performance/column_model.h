@@ -168,6 +168,7 @@ class NumberModel {
         }
         const uint64_t delta = Delta(coder, value - m_last);
         Learn(static_cast<int64_t>(delta));
+        if (!m_divided && m_factor != 1) LearnFactor(static_cast<int64_t>(delta));
         return m_last += delta;
     }
 
@@ -186,6 +187,7 @@ class NumberModel {
         const auto factor = static_cast<int64_t>(m_factor);
         const auto whole = static_cast<int64_t>(delta);
         const bool divides = factor > 1 && coder.Bit(m_divides, whole % factor == 0);
+        m_divided = divides;
         const int64_t unit = divides ? factor : 1;
         const int64_t predicted = Predicted(m_best);
         const auto expected = static_cast<uint64_t>(divides ? predicted / unit : predicted);
@@ -251,17 +253,19 @@ class NumberModel {
         }
         m_mean += (near * 16 - m_mean) / 8;
         m_delta = near;
-        if (delta != 0 && m_factor != 1) {
-            m_factor = std::gcd(m_factor, delta < 0 ? 0 - static_cast<uint64_t>(delta)
-                                                    : static_cast<uint64_t>(delta));
-            if (m_factor >> 62 != 0) m_factor = 1;
-        }
+    }
+    // A difference that the factor so far divides leaves it as it is.
+    void LearnFactor(int64_t delta) {
+        m_factor = std::gcd(
+            m_factor, delta < 0 ? 0 - static_cast<uint64_t>(delta) : static_cast<uint64_t>(delta));
+        if (m_factor >> 62 != 0) m_factor = 1;
     }
 
     uint64_t m_last;
     int64_t m_delta = 0;
-    int64_t m_mean = 0;     // of the differences, times 16
-    uint64_t m_factor = 0;  // 0: no difference yet
+    int64_t m_mean = 0;      // of the differences, times 16
+    uint64_t m_factor = 0;   // 0: no difference yet
+    bool m_divided = false;  // the last difference
     std::array<uint64_t, kPredictors> m_errors{};
     int m_best = 0;
     int m_length = 0;       // usual number of bits, times 16

@@ -27,27 +27,31 @@ void Merge(HistoryPoint& into, double& weight, const HistoryPoint& point, double
 
 std::optional<double> CounterGrowth(const SeriesInfo& info, uint64_t before, uint64_t now) {
     if (!info.isReal) {
+        if (now == before) return 0;
         if (now < before) return {};
         return static_cast<double>(now - before) * info.multiply / info.divide;
     }
     const double grown = std::bit_cast<double>(now) - std::bit_cast<double>(before);
-    return grown >= 0 ? std::optional(grown) : std::nullopt;
+    if (!(grown >= 0)) return {};
+    return grown;
 }
 
 std::optional<double> CounterRate::Next(const SeriesInfo& info, uint32_t boot, int64_t monotonic,
                                         uint64_t bits) {
-    std::optional<double> rate;
     // 1 ms: two samples of one moment, where a suspended process wakes up, are no time to divide
     // by.
     constexpr int64_t kLeast = 1'000'000;
-    const bool isNext = m_known && boot == m_boot && monotonic - m_monotonic >= kLeast;
-    const auto grown = isNext ? CounterGrowth(info, m_bits, bits) : std::nullopt;
-    if (grown) {
-        m_seconds = static_cast<double>(monotonic - m_monotonic) / kNanoseconds;
-        rate = *grown / m_seconds;
-    }
+    const int64_t since = monotonic - m_monotonic;
+    const bool isNext = m_known && boot == m_boot && since >= kLeast;
+    const uint64_t before = m_bits;
     Know(boot, monotonic, bits);
-    return rate;
+    if (!isNext) return std::nullopt;
+    const auto grown = CounterGrowth(info, before, bits);
+    if (!grown) return std::nullopt;
+    m_seconds = static_cast<double>(since) / kNanoseconds;
+    // Most counters of a host stand still, and this is for each series once a sample.
+    if (*grown == 0) return 0;
+    return *grown / m_seconds;
 }
 
 void CounterRate::Know(uint32_t boot, int64_t monotonic, uint64_t bits) {
