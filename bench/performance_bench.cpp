@@ -13,8 +13,9 @@ int main(int argc, char** argv) {
     if (part == "compare") return CompareValues();
     if (part == "record" && argc > 3) return RecordValues(seconds, argv[3]);
     if (part == "encoding" && argc > 3) return MeasureEncoding(seconds, argv[3]);
+    if (part == "many" && argc > 2) return MeasureManySeries(argv[2]);
     std::fprintf(stderr,
                  "usage: performance_bench sampling|made|compare [SECONDS]\n"
-                 "       performance_bench record SECONDS FILE | encoding DAYS FILE\n");
+                 "       performance_bench record SECONDS FILE | encoding DAYS FILE | many FILE\n");
     return 2;
 }

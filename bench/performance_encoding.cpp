@@ -260,9 +260,11 @@ class Replay {
         : m_recording(recording), m_chosen(chosen), m_seconds(seconds), m_scales(chosen.size()) {
         for (const size_t i : chosen) {
             const bool isCounter = recording.names[i][0] == 'c';
-            m_indexes.push_back(table.Add({recording.names[i].substr(2), "", "", "",
+            const std::string number = SeriesLabel("number", std::to_string(m_indexes.size()));
+            m_indexes.push_back(table.Add({recording.names[i].substr(2), number, "", "",
                                            isCounter ? SeriesKind::kCounter : SeriesKind::kGauge}));
             m_counters.push_back(static_cast<double>(recording.columns[i][0]));
+            m_isConstant.push_back(IsConstant(recording.columns[i], recording.times.size()));
         }
     }
     SampleTime Next() {
@@ -276,7 +278,7 @@ class Replay {
                 const double grown = value - static_cast<double>(column[row - 1]);
                 const double scale = m_scales[i] * static_cast<double>(m_seconds);
                 value = m_counters[i] += std::round(std::max(grown, 0.0) * scale);
-            } else if (!IsConstant(column, m_recording.times.size())) {
+            } else if (!m_isConstant[i]) {
                 value = std::round(value * std::pow(m_scales[i], 0.11));
             }
             table.Set(m_indexes[i], static_cast<uint64_t>(static_cast<int64_t>(value)));
@@ -302,6 +304,7 @@ class Replay {
     uint64_t m_seconds;
     std::vector<double> m_scales;
     std::vector<double> m_counters;
+    std::vector<bool> m_isConstant;
     std::vector<SeriesTable::Index> m_indexes;
     std::mt19937_64 m_random{4711};
     size_t m_row = 1;
@@ -310,6 +313,38 @@ class Replay {
 
 double Microseconds(Clock::time_point from) {
     return std::chrono::duration<double, std::micro>(Clock::now() - from).count();
+}
+
+// Of this thread alone, so that what else runs on the machine counts less.
+double CpuMicroseconds() {
+    timespec used{};
+    (void)clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    return static_cast<double>(used.tv_sec) * 1e6 + static_cast<double>(used.tv_nsec) / 1e3;
+}
+
+void ShowTimes(const char* name, std::vector<double>& took) {
+    double sum = 0;
+    for (const double one : took) sum += one;
+    std::sort(took.begin(), took.end());
+    std::printf(
+        "  append, sealing included, %s: mean %.2f us, median %.2f, 99.9 %% %.0f, most %.0f\n",
+        name, sum / static_cast<double>(took.size()), took[took.size() / 2],
+        took[took.size() * 999 / 1000], took.back());
+}
+
+void AppendAll(HistoryWriter& writer, Replay& replay, int count) {
+    std::vector<double> wall;
+    std::vector<double> cpu;
+    for (int i = 0; i < count; ++i) {
+        const SampleTime time = replay.Next();
+        const auto from = Clock::now();
+        const double used = CpuMicroseconds();
+        writer.Append(time, replay.table);
+        cpu.push_back(CpuMicroseconds() - used);
+        wall.push_back(Microseconds(from));
+    }
+    ShowTimes("CPU time", cpu);
+    ShowTimes("wall clock", wall);
 }
 
 void ShowLog(uint32_t log, const char* name, size_t changing, double wanted) {
@@ -380,29 +415,46 @@ void MeasureWriting(const Recording& recording, size_t series, int days) {
         return;
     }
     Replay replay(recording, chosen, 1);
-    std::vector<double> took;
-    // A reader of the newest five minutes has the most to do when a block was sealed within them.
-    constexpr int kBlock = 512;
-    const int count = days * 86'400 / kBlock * kBlock + 290;
-    took.reserve(static_cast<size_t>(count));
-    for (int i = 0; i < count; ++i) {
-        const SampleTime time = replay.Next();
-        const auto from = Clock::now();
-        writer->Append(time, replay.table);
-        took.push_back(Microseconds(from));
-    }
-    double sum = 0;
-    for (const double one : took) sum += one;
-    std::sort(took.begin(), took.end());
     std::printf("%zu series, %zu of them changing, %d days of samples\n", chosen.size(), changing,
                 days);
-    std::printf("  append, sealing included: mean %.2f us, median %.2f, 99.9 %% %.0f, most %.0f\n",
-                sum / count, took[took.size() / 2], took[took.size() * 999 / 1000], took.back());
+    // A reader of the newest five minutes has the most to do when a block was sealed within them.
+    constexpr int kBlock = 512;
+    AppendAll(*writer, replay, days * 86'400 / kBlock * kBlock + 290);
     ShowLog(kSamples, "samples", changing, 86'400);
     ShowLog(kMinutes, "minutes", changing, 43'830);
     ShowLog(kHours, "hours", changing, 8'766);
     MeasureReads();
     MeasureCommands(kFile);
+}
+
+// As many as 256 processors and 500 disks have: those of the recording, again and again, each copy
+// with loads of its own.
+void MeasureMany(const Recording& recording, uint64_t megabytes) {
+    constexpr size_t kMany = 8500;
+    constexpr int kSamplesOfMany = 3 * 3600;
+    (void)unlink(kFile);
+    const std::vector<size_t> changing = Choose(recording, kRows, false, SIZE_MAX);
+    const std::vector<size_t> constant = Choose(recording, kRows, true, SIZE_MAX);
+    const size_t wanted = kMany * (kSeries - kConstant) / kSeries;
+    std::vector<size_t> chosen;
+    for (size_t i = 0; i < wanted; ++i) chosen.push_back(changing[i % changing.size()]);
+    for (size_t i = wanted; i < kMany; ++i) chosen.push_back(constant[i % constant.size()]);
+    std::string error;
+    auto writer = HistoryWriter::Open({kFile, megabytes << 20, kSecond, "bench", "boot"}, error);
+    if (writer == nullptr) {
+        std::printf("%s\n", error.c_str());
+        return;
+    }
+    Replay replay(recording, chosen, 1);
+    std::printf("%zu series, %zu of them changing, %d samples, %zu MiB\n", kMany, wanted,
+                kSamplesOfMany, static_cast<size_t>(megabytes));
+    AppendAll(*writer, replay, kSamplesOfMany);
+    ShowLog(kSamples, "samples", wanted, 86'400);
+    ShowLog(kMinutes, "minutes", wanted, 43'830);
+    ShowLog(kHours, "hours", wanted, 8'766);
+    const std::string losses = writer->Losses(replay.table);
+    std::printf("  not stored: %s\n", losses.empty() ? "nothing" : losses.c_str());
+    MeasureReads();
 }
 
 // The default file with 100 series that all change, as long as it has to reach back: a month at 1
@@ -480,5 +532,16 @@ int MeasureEncoding(int days, const char* path) {
     MeasureWriting(recording, kSeries, days);
     MeasureLongTime(recording, 1, 33);
     MeasureLongTime(recording, 60, 760);
+    return 0;
+}
+
+int MeasureManySeries(const char* path) {
+    const Recording recording = Load(path);
+    if (recording.times.size() < kRows) {
+        std::fprintf(stderr, "%s: needs %zu samples, see performance_bench record\n", path, kRows);
+        return 1;
+    }
+    for (const uint64_t megabytes : {uint64_t{64}, uint64_t{512}})
+        MeasureMany(recording, megabytes);
     return 0;
 }

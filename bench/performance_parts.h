@@ -11,5 +11,7 @@ int CompareValues();
 int RecordValues(int seconds, const char* path);
 // The history of a recording beside other coders; then days of it, written and read.
 int MeasureEncoding(int days, const char* path);
+// The history of 8,500 series, made of the recording's.
+int MeasureManySeries(const char* path);
 // kemdctl performance on this history.
 void MeasureCommands(const char* history);
