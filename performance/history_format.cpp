@@ -11,7 +11,8 @@ constexpr uint64_t RoundDown(uint64_t size) {
 }  // namespace
 
 FileHead MakeFileHead(uint64_t size, const std::string& host) {
-    constexpr uint64_t kMostSlot = 512 << 10;
+    constexpr uint64_t kUsualSlot = 512 << 10;
+    constexpr uint64_t kMostSlot = 16 << 20;
     FileHead head;
     kHistoryMagic.copy(head.magic.data(), head.magic.size());
     head.version = kHistoryVersion;
@@ -30,9 +31,11 @@ FileHead MakeFileHead(uint64_t size, const std::string& host) {
     for (uint32_t i = 0; i < kAreas; ++i) {
         areas[i].offset = offset;
         offset += areas[i].size;
-        if (i < kLogs) {
-            areas[i].slot = RoundDown(std::clamp(areas[i].size / 8, 4 * kPage, kMostSlot));
-        }
+        if (i >= kLogs) continue;
+        // Thousands of series fill a slot after few rows, and short blocks compress badly: who
+        // makes the file larger for them gets larger slots, too.
+        const uint64_t most = std::clamp(areas[i].size / 64, kUsualSlot, kMostSlot);
+        areas[i].slot = RoundDown(std::clamp(areas[i].size / 8, 4 * kPage, most));
     }
     head.checksum = Crc32c(&head, sizeof head);
     return head;

@@ -14,6 +14,7 @@
 
 #include "performance/checksum.h"
 #include "performance/column_model.h"
+#include "performance/history_format.h"
 #include "performance/history_reader.h"
 #include "performance/history_writer.h"
 #include "tests/world.h"
@@ -123,6 +124,32 @@ struct Bytes {
 TEST(Checksum, IsCastagnolis) {
     EXPECT_EQ(Crc32c("123456789", 9), 0xe3069283U);
     EXPECT_EQ(Crc32c("6789", 4, Crc32c("12345", 5)), 0xe3069283U);
+}
+
+TEST(FileHead, EverySizeHasRoomForItsAreasAndSlots) {
+    constexpr uint64_t kMiB = 1 << 20;
+    const struct {
+        uint64_t size;
+        std::array<uint64_t, kLogs> slots;  // in KiB
+    } cases[] = {
+        {kMiB, {64, 36, 16}},
+        {64 * kMiB, {512, 512, 512}},
+        {512 * kMiB, {4096, 2444, 1200}},
+        {uint64_t{16} << 30, {16384, 16384, 16384}},
+    };
+    for (const auto& one : cases) {
+        const FileHead head = MakeFileHead(one.size, "host");
+        EXPECT_EQ(CheckFileHead(head), "");
+        uint64_t end = kPage;
+        for (uint32_t area = 0; area < kAreas; ++area) {
+            EXPECT_EQ(head.areas[area].offset, end) << one.size << " area " << area;
+            end += head.areas[area].size;
+            if (area < kLogs) {
+                EXPECT_EQ(head.areas[area].slot >> 10, one.slots[area]) << one.size;
+            }
+        }
+        EXPECT_EQ(end, one.size);
+    }
 }
 
 TEST(ColumnModel, ReturnsEveryValueBitByBit) {
