@@ -427,6 +427,17 @@ void MeasureWriting(const Recording& recording, size_t series, int days) {
     MeasureCommands(kFile);
 }
 
+// Memory that is this process's alone, without the mapped file.
+double OwnMegabytes() {
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    size_t kilobytes = 0;
+    while (status >> word && word != "RssAnon:") {
+    }
+    status >> kilobytes;
+    return static_cast<double>(kilobytes) / 1024;
+}
+
 // As many as 256 processors and 500 disks have: those of the recording, again and again, each copy
 // with loads of its own.
 void MeasureMany(const Recording& recording, uint64_t megabytes) {
@@ -446,9 +457,11 @@ void MeasureMany(const Recording& recording, uint64_t megabytes) {
         return;
     }
     Replay replay(recording, chosen, 1);
+    const double before = OwnMegabytes();
     std::printf("%zu series, %zu of them changing, %d samples, %zu MiB\n", kMany, wanted,
                 kSamplesOfMany, static_cast<size_t>(megabytes));
     AppendAll(*writer, replay, kSamplesOfMany);
+    std::printf("  memory beside the file: %.1f MiB\n", OwnMegabytes() - before);
     ShowLog(kSamples, "samples", wanted, 86'400);
     ShowLog(kMinutes, "minutes", wanted, 43'830);
     ShowLog(kHours, "hours", wanted, 8'766);
