@@ -23,8 +23,8 @@ class GrowingMemory {
     [[nodiscard]] void* Data() const { return m_data; }
     // Throws std::bad_alloc and is as it was then.
     void Resize(size_t bytes);
-    // Asks for the pages from byte `start` on together, which takes half of the time. How far they
-    // are there now.
+    // Asks for the pages from byte `start` on together, which is faster. How far they are there
+    // now.
     [[nodiscard]] size_t Populate(size_t start) const;
     void Swap(GrowingMemory& other) noexcept {
         std::swap(m_data, other.m_data);

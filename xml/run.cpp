@@ -15,15 +15,17 @@ constexpr size_t kLargestPiece = size_t{64} << 20;
 // What is copied before it is parsed. Where a "<" is in each block, no tag is longer than two.
 constexpr size_t kBlock = size_t{32} << 10;
 constexpr size_t kPage = 4096;
+constexpr size_t kHugePage = size_t{2} << 20;
 
-char* PageOf(char* at) {
-    return at - reinterpret_cast<uintptr_t>(at) % kPage;
+char* AlignDown(char* at, size_t to) {
+    return at - reinterpret_cast<uintptr_t>(at) % to;
 }
 
-// Whole pages, of memory that is not looked at again.
+// Whole pages, of memory that is not looked at again. A huge page of which a part is given back
+// would be taken apart and stay.
 void Discard(char* from, char* to) {
-    char* const begin = PageOf(from + kPage - 1);
-    char* const end = PageOf(to);
+    char* const begin = AlignDown(from + kHugePage - 1, kHugePage);
+    char* const end = AlignDown(to, kHugePage);
     if (begin < end) (void)madvise(begin, static_cast<size_t>(end - begin), MADV_DONTNEED);
 }
 
@@ -161,9 +163,10 @@ int XmlRun::Room() {
     m_room = static_cast<char*>(XML_GetBuffer(m_parser.get(), static_cast<int>(m_roomSize)));
     if (m_room == nullptr) throw std::bad_alloc();
     m_places.SetRoom(m_room);
-    if (m_isLarge) {  // its pages together, which takes half of the time
-        char* const begin = PageOf(m_room + kPage - 1);
-        char* const end = PageOf(m_room + m_roomSize);
+    if (m_isLarge) {  // its pages together, huge ones if possible: that is faster
+        char* const begin = AlignDown(m_room + kPage - 1, kPage);
+        char* const end = AlignDown(m_room + m_roomSize, kPage);
+        (void)madvise(begin, static_cast<size_t>(end - begin), MADV_HUGEPAGE);
         (void)madvise(begin, static_cast<size_t>(end - begin), MADV_POPULATE_WRITE);
     }
     return 0;
@@ -194,7 +197,7 @@ void XmlRun::ReleaseTo(uint64_t index) {
         m_kept = std::max(m_kept, tag + kLongestTag);
     }
     Discard(m_kept, end);
-    m_kept = std::max(m_kept, end);
+    m_kept = std::max(m_kept, AlignDown(end, kHugePage));
 }
 
 int XmlRun::Decode(std::string_view bytes, bool isLast) {

@@ -89,7 +89,7 @@ class XmlRun {
     void CheckExpansionHere();
     // Called while expat parses: what it has parsed of a large buffer is given back.
     void Release(uint64_t index) {
-        constexpr uint64_t kStep = uint64_t{4} << 20;
+        constexpr uint64_t kStep = uint64_t{2} << 20;
         if (index >= m_parsed + kStep) ReleaseTo(index);
     }
     void ReleaseTo(uint64_t index);
