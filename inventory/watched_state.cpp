@@ -97,7 +97,7 @@ KemdInventory WatchedState::Scanned(uint32_t sections) const {
     KemdInventory next;
     next.sections = m_sections;
     for (const KemdInventoryItem& item : m_state.items) {
-        if ((KindSection(item.kind) & sections) == 0) next.items.push_back(item);
+        if ((KindSection(item.kind) & sections) == 0) next.Append(item);
     }
     ScanSections(next, sections);
     return next;
