@@ -76,6 +76,18 @@ KindInfo Info(ItemKind kind) {
     return {"unknown", 0};
 }
 
+// Else the second one of a name could never be reached.
+consteval bool AreFieldNamesUnique() {
+    for (size_t i = 0; i < kInventoryFields.size(); ++i) {
+        for (size_t j = 0; j < i; ++j) {
+            if (std::string_view(kInventoryFields[i].name) == kInventoryFields[j].name)
+                return false;
+        }
+    }
+    return true;
+}
+static_assert(AreFieldNamesUnique());
+
 }  // namespace
 
 std::string WithoutControls(std::string text) {
