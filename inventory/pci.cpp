@@ -143,26 +143,44 @@ bool IsDownstreamPort(const Functions& functions, const PciFunction& function) {
     return isDownstream;
 }
 
+// The port above the function's link; null when it is not known.
+const PciFunction* PortAbove(const Functions& functions, const PciFunction& function) {
+    const PciFunction* const port = Find(functions, function.parent);
+    const bool isPort =
+        port != nullptr && port->mostLinkWidth != 0 && IsDownstreamPort(functions, *port);
+    return isPort ? port : nullptr;
+}
+
+// What the link lacks: against the port, when it is known.
+void MarkLink(KemdInventoryItem& item, const PciFunction& function, const PciFunction* port) {
+    unsigned width = function.mostLinkWidth;
+    unsigned speed = 0;
+    if (port != nullptr) {
+        if (port->mostLinkWidth < width) item.Add("link_limited", "width");
+        if (port->mostLinkSpeed < function.mostLinkSpeed) item.Add("link_limited", "speed");
+        width = std::min(port->mostLinkWidth, width);
+        speed = std::min(port->mostLinkSpeed, function.mostLinkSpeed);
+    }
+    if (function.linkWidth != 0 && function.linkWidth < width) item.Add("link_degraded", "width");
+    if (function.linkSpeed != 0 && function.linkSpeed < speed) item.Add("link_degraded", "speed");
+}
+
 void AddLink(KemdInventoryItem& item, const PciFunction& function, const Functions& functions) {
     AddIfNotZero(item, "link_speed", function.linkSpeed);
     AddIfNotZero(item, "link_speed_max", function.mostLinkSpeed);
     AddIfNotZero(item, "link_width", function.linkWidth);
     AddIfNotZero(item, "link_width_max", function.mostLinkWidth);
-    const PciFunction* const port = Find(functions, function.parent);
-    if (port == nullptr || function.physicalFunction || function.mostLinkWidth == 0 ||
-        port->mostLinkWidth == 0 || !IsDownstreamPort(functions, *port)) {
-        return;
+    if (function.physicalFunction || function.mostLinkWidth == 0) return;
+    const PciFunction* const port = PortAbove(functions, function);
+    // A virtual machine has cards without their ports: then their own width counts. What a bridge
+    // says may be about the link below it.
+    if (port == nullptr && function.IsBridge()) return;
+    if (port != nullptr) {
+        AddIfNotZero(item, "port_speed_max", port->mostLinkSpeed);
+        AddIfNotZero(item, "port_width_max", port->mostLinkWidth);
     }
-    AddIfNotZero(item, "port_speed_max", port->mostLinkSpeed);
-    AddIfNotZero(item, "port_width_max", port->mostLinkWidth);
     // All functions of a card share the link.
-    if (function.address.function != 0) return;
-    if (port->mostLinkWidth < function.mostLinkWidth) item.Add("link_limited", "width");
-    if (port->mostLinkSpeed < function.mostLinkSpeed) item.Add("link_limited", "speed");
-    const unsigned width = std::min(port->mostLinkWidth, function.mostLinkWidth);
-    const unsigned speed = std::min(port->mostLinkSpeed, function.mostLinkSpeed);
-    if (function.linkWidth != 0 && function.linkWidth < width) item.Add("link_degraded", "width");
-    if (function.linkSpeed != 0 && function.linkSpeed < speed) item.Add("link_degraded", "speed");
+    if (function.address.function == 0) MarkLink(item, function, port);
 }
 
 // Slots as the firmware numbers them, and as hot-plug drivers name them.

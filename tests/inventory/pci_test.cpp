@@ -128,6 +128,8 @@ TEST_F(PciTest, LinksAreHeldAgainstThePortAbove) {
     MakeLinked(down + "/0000:03:00.0", "30000", "2.5 of 16.0", "4 of 4");
     MakeLinked(down + "/0000:03:00.1", "40300", "2.5 of 16.0", "4 of 4");
     MakeLinked("pci0001:00/0001:00:00.0", "10802", "Unknown of 16.0", "0 of 4");
+    // A card without its port, in a virtual machine.
+    MakeLinked("pci0001:00/0001:00:01.0", "10802", "8.0 of 16.0", "4 of 8");
     Make("pci0000:00/0000:00:0e.0/pci10000:e0/10000:e0:06.0",
          {{"uevent", "PCI_CLASS=60400\nPCI_ID=8086:1"}});
 
@@ -146,6 +148,9 @@ TEST_F(PciTest, LinksAreHeldAgainstThePortAbove) {
               "link_degraded=speed|");
     EXPECT_FALSE(Contains(LinkOf("0000:03:00.1"), "link_degraded"));
     EXPECT_EQ(LinkOf("0001:00:00.0"), "link_speed_max=16000|link_width_max=4|");
+    EXPECT_EQ(LinkOf("0001:00:01.0"),
+              "link_speed=8000|link_speed_max=16000|link_width=4|link_width_max=8|"
+              "link_degraded=width|");
     EXPECT_EQ(LinkOf("10000:e0:06.0"), "parent=pci:0000:00:0e.0|");
 }
 
