@@ -226,3 +226,31 @@ TEST_F(PciTest, WhatIsBelowTheBridgeOfASlotIsInTheSlot) {
         EXPECT_FALSE(Contains(FieldsOf(m_inventory, id), "slot=")) << id;
     }
 }
+
+TEST_F(PciTest, ADeviceOnBoardIsInNoSlot) {
+    // A parallel slot, one with a bus of its own, and devices on board, by both sources.
+    const CPciSlotMap::Slots smbios = {{0, 5, 1, 6}, {3, 0, 4, 0xA5}, {0, 6, 7, 0}, {3, 1, 2, 0}};
+    const CPciSlotMap::Slots routing = {{0, 5, 1, 0}, {0, 6, 0, 0}};
+    const struct {
+        const CPciSlotMap::Slots& slots;
+        PciSlotSource source;
+        PciAddress address;
+        bool isBelowBridge;
+        unsigned expected;
+    } cases[] = {
+        {smbios, PciSlotSource::kSmbios, {0, 0, 5, 1}, false, 1},
+        {smbios, PciSlotSource::kSmbios, {0, 0, 6, 0}, false, 0},
+        {smbios, PciSlotSource::kSmbios, {0, 3, 1, 0}, true, 4},
+        {smbios, PciSlotSource::kSmbios, {0, 3, 1, 0}, false, 0},
+        {smbios, PciSlotSource::kSmbios, {1, 0, 5, 0}, false, 0},
+        {routing, PciSlotSource::kIrqRoutingTable, {0, 0, 5, 0}, false, 1},
+        {routing, PciSlotSource::kIrqRoutingTable, {0, 0, 6, 0}, false, 0},
+    };
+    for (const auto& [slots, source, address, isBelowBridge, expected] : cases) {
+        EXPECT_EQ(PciSlotNumber(slots, source, address, isBelowBridge), expected) << address.Text();
+    }
+    (void)Scan("");
+    EXPECT_EQ(m_inventory.notes,
+              std::vector<std::string>{
+                  "/sys/bus/pci: not there, nor is /proc/bus/pci: no PCI functions"});
+}
