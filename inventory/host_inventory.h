@@ -20,6 +20,9 @@ struct KemdInventory {
     std::vector<std::string> warnings;
 
     KemdInventory() = default;
+    ~KemdInventory() = default;
+    KemdInventory(const KemdInventory&) = delete;
+    KemdInventory& operator=(const KemdInventory&) = delete;
     KemdInventory(KemdInventory&&) = default;
     KemdInventory& operator=(KemdInventory&&) = default;
 
