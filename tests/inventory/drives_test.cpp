@@ -214,7 +214,7 @@ block/sdz>it went while it was listed
 }
 
 TEST_F(DrivesTest, OneNoteSaysThatThereIsNoUdev) {
-    std::filesystem::remove_all("/run/udev");
+    std::filesystem::remove("/run/udev/data");
     KemdInventory inventory;
     inventory.sections = KEMD_INVENTORY_DRIVES | KEMD_INVENTORY_VOLUMES;
     ScanDrives(inventory, false);
