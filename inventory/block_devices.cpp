@@ -113,12 +113,7 @@ class BlockScan {
             m_inventory->Note("/sys/class/block", "not there: no partitions and no volumes");
         }
         const SysDirectory database(*m_inventory, "/run/udev/data");
-        if (classes.IsThere() && !database.IsThere()) {
-            m_inventory->Note(
-                "/run/udev/data",
-                "no udev: labels and UUIDs of file systems are unknown, and the types "
-                "of those that are not mounted");
-        }
+        if (classes.IsThere() && !database.IsThere()) NoteNoUdev(*m_inventory);
         std::vector<std::string> names = classes.Names();
         // sda2 before sda10.
         std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {

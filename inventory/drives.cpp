@@ -76,7 +76,9 @@ class DriveScan {
 // In the order of where they sit, not of their names, which may change with each boot: of two paths
 // to one drive the same one has the plain id.
 void DriveScan::Read() {
-    m_names = SysDirectory(*m_inventory, "/sys/block").Names();
+    const SysDirectory blocks(*m_inventory, "/sys/block");
+    if (!blocks.IsThere()) m_inventory->Note("/sys/block", "not there: no drives");
+    m_names = blocks.Names();
     std::vector<std::pair<std::string, std::string>> paths;
     for (const std::string& name : m_names) {
         std::string path = RealPath("/sys/block/" + name);
@@ -89,11 +91,7 @@ void DriveScan::Read() {
     std::sort(m_drives.begin(), m_drives.end(), [](const FoundDrive& one, const FoundDrive& other) {
         return ComesBefore(one.item, other.item);
     });
-    if (!m_drives.empty() && !m_hasUdev) {
-        m_inventory->Note("drives",
-                          "udev's database in /run/udev has none of them: what only udev "
-                          "asks drives for is absent");
-    }
+    if (!m_drives.empty() && !m_hasUdev) NoteNoUdev(*m_inventory);
 }
 
 void DriveScan::ReadDrive(const std::string& name, const std::string& path) {

@@ -368,7 +368,8 @@ void* RunThread(void* pointer) {
 int StartThread(const std::shared_ptr<Round>& round, size_t position) {
     // The sanitizers' needs; an ordinary thread touches two pages of it.
     constexpr size_t kStack = size_t{256} << 10;
-    auto argument = std::make_unique<ThreadArgument>(ThreadArgument{round, position});
+    std::unique_ptr<ThreadArgument> argument(new (std::nothrow) ThreadArgument{round, position});
+    if (argument == nullptr) return ENOMEM;
     pthread_attr_t attributes;
     int error = pthread_attr_init(&attributes);
     if (error != 0) return error;

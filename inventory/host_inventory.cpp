@@ -3,17 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-namespace {
-
-template <typename Items>
-auto* FindItem(Items& items, std::string_view id) {
-    const auto found = std::find_if(items.begin(), items.end(),
-                                    [id](const KemdInventoryItem& item) { return item.id == id; });
-    return found == items.end() ? nullptr : &*found;
-}
-
-}  // namespace
-
 KemdInventoryItem& KemdInventory::Add(ItemKind kind, std::string id, std::string name) {
     id = WithoutControls(std::move(id));
     const size_t length = id.size();
@@ -21,16 +10,26 @@ KemdInventoryItem& KemdInventory::Add(ItemKind kind, std::string id, std::string
         id.resize(length);
         id += "#" + std::to_string(number);
     }
-    return items.emplace_back(
-        KemdInventoryItem{kind, std::move(id), WithoutControls(std::move(name)), {}, {}});
+    return Append({kind, std::move(id), WithoutControls(std::move(name)), {}, {}});
+}
+
+KemdInventoryItem& KemdInventory::Append(KemdInventoryItem item) {
+    KemdInventoryItem& added = items.emplace_back(std::move(item));
+    m_byId.emplace(added.id, &added);
+    return added;
+}
+
+KemdInventoryItem* KemdInventory::Lookup(std::string_view id) const {
+    const auto found = m_byId.find(id);
+    return found == m_byId.end() ? nullptr : found->second;
 }
 
 const KemdInventoryItem* KemdInventory::Find(std::string_view id) const {
-    return FindItem(items, id);
+    return Lookup(id);
 }
 
 KemdInventoryItem* KemdInventory::Find(std::string_view id) {
-    return FindItem(items, id);
+    return Lookup(id);
 }
 
 void KemdInventory::Note(std::string_view subject, std::string_view reason) {

@@ -25,6 +25,11 @@ std::vector<Port> PortsOf(const NetworkView& view) {
         // Drivers of virtual ones report a bus, too: "tun".
         if (port.address.empty() || interface.TextOr(KEMD_NET_KIND) != "physical") continue;
         if (port.bus == "pci") port.pci = PciAddress::Parse(port.address);
+        // The function that a virtio device belongs to is above it.
+        if (port.bus == "virtio") {
+            const std::string name = interface.TextOr(KEMD_NET_NAME);
+            port.pci = PciAddressInPath(RealPath("/sys/class/net/" + name + "/device"));
+        }
         ports.push_back(std::move(port));
     }
     return ports;
@@ -74,7 +79,7 @@ void AddFields(KemdInventoryItem& item, const Port& port) {
 const Port* PhysicalPort(KemdInventory& inventory, const Port& port,
                          const std::vector<Port>& ports) {
     if (!port.pci) return nullptr;
-    const SysDirectory directory(inventory, "/sys/bus/pci/devices/" + port.address);
+    const SysDirectory directory(inventory, "/sys/bus/pci/devices/" + port.pci->Text());
     const auto physical = PciAddress::Parse(directory.LinkName("physfn"));
     const auto found = std::find_if(ports.begin(), ports.end(), [&](const Port& each) {
         return physical && each.pci == physical;
@@ -84,7 +89,9 @@ const Port* PhysicalPort(KemdInventory& inventory, const Port& port,
 
 std::string IdOf(const Port& port) {
     const std::string name = port.view.TextOr(KEMD_NET_PORT_NAME);
-    return "interface:" + port.bus + ":" + port.address + (name.empty() ? "" : ":" + name);
+    // The numbers of virtio devices change when one is added.
+    const std::string place = port.pci ? port.pci->Id() : port.bus + ":" + port.address;
+    return "interface:" + place + (name.empty() ? "" : ":" + name);
 }
 
 void AddRelations(KemdInventory& inventory, KemdInventoryItem& item, const Port& port,

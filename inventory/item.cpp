@@ -1,6 +1,7 @@
 #include "inventory/item.h"
 
 #include <algorithm>
+#include <array>
 #include <cassert>
 
 #include "base/text.h"
@@ -12,69 +13,49 @@ struct KindInfo {
     uint32_t section;
 };
 
-KindInfo Info(ItemKind kind) {
-    switch (kind) {
-        case ItemKind::kFirmware:
-            return {"firmware", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kSystem:
-            return {"system", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kBoard:
-            return {"board", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kChassis:
-            return {"chassis", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kProcessor:
-            return {"processor", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kCache:
-            return {"cache", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kConnector:
-            return {"connector", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kPowerSupply:
-            return {"power_supply", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kBattery:
-            return {"battery", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kManagementController:
-            return {"management_controller", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kTpm:
-            return {"tpm", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kOnboardDevice:
-            return {"onboard_device", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kKernel:
-            return {"kernel", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kCpu:
-            return {"cpu", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kNumaNode:
-            return {"numa_node", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kGraphics:
-            return {"graphics", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kSerialPort:
-            return {"serial_port", KEMD_INVENTORY_SYSTEM};
-        case ItemKind::kMemoryArray:
-            return {"memory_array", KEMD_INVENTORY_MEMORY};
-        case ItemKind::kMemoryModule:
-            return {"memory_module", KEMD_INVENTORY_MEMORY};
-        case ItemKind::kMemoryRange:
-            return {"memory_range", KEMD_INVENTORY_MEMORY};
-        case ItemKind::kSlot:
-            return {"slot", KEMD_INVENTORY_SLOTS};
-        case ItemKind::kPci:
-            return {"pci", KEMD_INVENTORY_PCI};
-        case ItemKind::kUsb:
-            return {"usb", KEMD_INVENTORY_USB};
-        case ItemKind::kStorageAdapter:
-            return {"storage_adapter", KEMD_INVENTORY_DRIVES};
-        case ItemKind::kDrive:
-            return {"drive", KEMD_INVENTORY_DRIVES};
-        case ItemKind::kInterface:
-            return {"interface", KEMD_INVENTORY_NETWORK};
-        case ItemKind::kPartition:
-            return {"partition", KEMD_INVENTORY_VOLUMES};
-        case ItemKind::kVolume:
-            return {"volume", KEMD_INVENTORY_VOLUMES};
-        case ItemKind::kMount:
-            return {"mount", KEMD_INVENTORY_VOLUMES};
-    }
-    return {"unknown", 0};
+// In the order of ItemKind.
+constexpr auto kKinds = std::to_array<KindInfo>({
+    {"firmware", KEMD_INVENTORY_SYSTEM},
+    {"system", KEMD_INVENTORY_SYSTEM},
+    {"board", KEMD_INVENTORY_SYSTEM},
+    {"chassis", KEMD_INVENTORY_SYSTEM},
+    {"processor", KEMD_INVENTORY_SYSTEM},
+    {"cache", KEMD_INVENTORY_SYSTEM},
+    {"connector", KEMD_INVENTORY_SYSTEM},
+    {"power_supply", KEMD_INVENTORY_SYSTEM},
+    {"battery", KEMD_INVENTORY_SYSTEM},
+    {"management_controller", KEMD_INVENTORY_SYSTEM},
+    {"tpm", KEMD_INVENTORY_SYSTEM},
+    {"onboard_device", KEMD_INVENTORY_SYSTEM},
+    {"kernel", KEMD_INVENTORY_SYSTEM},
+    {"cpu", KEMD_INVENTORY_SYSTEM},
+    {"numa_node", KEMD_INVENTORY_SYSTEM},
+    {"graphics", KEMD_INVENTORY_SYSTEM},
+    {"serial_port", KEMD_INVENTORY_SYSTEM},
+    {"memory_array", KEMD_INVENTORY_MEMORY},
+    {"memory_module", KEMD_INVENTORY_MEMORY},
+    {"memory_range", KEMD_INVENTORY_MEMORY},
+    {"slot", KEMD_INVENTORY_SLOTS},
+    {"pci", KEMD_INVENTORY_PCI},
+    {"usb", KEMD_INVENTORY_USB},
+    {"storage_adapter", KEMD_INVENTORY_DRIVES},
+    {"drive", KEMD_INVENTORY_DRIVES},
+    {"interface", KEMD_INVENTORY_NETWORK},
+    {"partition", KEMD_INVENTORY_VOLUMES},
+    {"volume", KEMD_INVENTORY_VOLUMES},
+    {"mount", KEMD_INVENTORY_VOLUMES},
+});
+static_assert(kKinds.size() == static_cast<size_t>(ItemKind::kMount) + 1);
+
+// Else the second one of a name could never be reached.
+consteval bool AreFieldNamesUnique() {
+    std::array<std::string_view, kInventoryFields.size()> names;
+    std::transform(kInventoryFields.begin(), kInventoryFields.end(), names.begin(),
+                   [](const InventoryFieldInfo& field) { return std::string_view(field.name); });
+    std::sort(names.begin(), names.end());
+    return std::adjacent_find(names.begin(), names.end()) == names.end();
 }
+static_assert(AreFieldNamesUnique());
 
 }  // namespace
 
@@ -85,11 +66,11 @@ std::string WithoutControls(std::string text) {
 }
 
 const char* KindWord(ItemKind kind) {
-    return Info(kind).word;
+    return kKinds.at(static_cast<size_t>(kind)).word;
 }
 
 uint32_t KindSection(ItemKind kind) {
-    return Info(kind).section;
+    return kKinds.at(static_cast<size_t>(kind)).section;
 }
 
 std::optional<ItemKind> KindByWord(std::string_view word) {

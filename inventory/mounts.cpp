@@ -56,10 +56,14 @@ bool IsLocal(const MountEntry& mount) {
            (mount.type == "overlay" && mount.options.find(",upperdir=") != mount.options.npos);
 }
 
-bool IsWithin(std::string_view path, std::string_view directory) {
-    if (directory == "/") return true;
-    return path.starts_with(directory) &&
-           (path.size() == directory.size() || path[directory.size()] == '/');
+using Directories = std::set<std::string, std::less<>>;
+
+bool IsWithinOne(const Directories& directories, std::string_view path) {
+    if (directories.contains("/")) return true;
+    while (!path.empty() && !directories.contains(path)) {
+        path.remove_suffix(path.size() - std::min(path.size() - 1, path.rfind('/')));
+    }
+    return !path.empty();
 }
 
 // The mount at the end of the path is the one with this number: it is not hidden by another one.
@@ -79,18 +83,13 @@ class MountScan {
     void AddMounts() {
         std::vector<MountEntry> mounts = ParseMounts(Read("/proc/self/mountinfo"));
         std::erase_if(mounts, [](const auto& mount) { return Has(kPseudoTypes, mount.type); });
-        std::vector<std::string> slow;
+        Directories slow;
         // Volumes before their mounts.
         for (const MountEntry& mount : mounts) {
             (void)Volume(mount);
-            if (!IsLocal(mount)) slow.push_back(mount.target);
+            if (!IsLocal(mount)) slow.insert(mount.target);
         }
-        for (const MountEntry& mount : mounts) {
-            const bool isSlow = std::any_of(slow.begin(), slow.end(), [&](const auto& target) {
-                return IsWithin(mount.target, target);
-            });
-            AddMount(mount, !isSlow);
-        }
+        for (const MountEntry& mount : mounts) AddMount(mount, !IsWithinOne(slow, mount.target));
     }
 
     void AddSwaps() {
@@ -163,7 +162,8 @@ class MountScan {
         item.Add("options", mount.options);
         if (hasSpace) {
             item.AddNumber("fs_size", space.f_blocks * space.f_frsize);
-            item.AddNumber("fs_used", (space.f_blocks - space.f_bfree) * space.f_frsize);
+            item.AddNumber("fs_used", (space.f_blocks - std::min(space.f_bfree, space.f_blocks)) *
+                                          space.f_frsize);
             item.AddNumber("fs_available", space.f_bavail * space.f_frsize);
         }
         KemdInventoryItem* const volume = Volume(mount);
@@ -178,8 +178,13 @@ class MountScan {
         const UniqueFd fd(open(mount.target.c_str(), O_PATH | O_CLOEXEC));
         if (!fd.IsOpen()) {
             const int error = errno;
-            // Hidden by a later mount above it, or removed.
-            if (error != ENOENT && error != ENOTDIR) m_inventory->NoteError(mount.target, error);
+            // Others are hidden by a later mount above them, or removed. Hosts of containers have
+            // thousands in directories that only root may enter: one note says so for all.
+            const bool isDenied = error == EACCES;
+            if (isDenied) m_inventory->NoteError("space of mounts in others' directories", error);
+            if (!isDenied && error != ENOENT && error != ENOTDIR) {
+                m_inventory->NoteError(mount.target, error);
+            }
             return false;
         }
         return IsMount(fd.Get(), mount.id) && fstatvfs(fd.Get(), &space) == 0;

@@ -11,7 +11,6 @@
 #include "inventory/pci_function.h"
 #include "inventory/sources.h"
 #include "inventory/sys_directory.h"
-#include "kemd/pci_slot_map.h"
 
 namespace {
 
@@ -143,26 +142,44 @@ bool IsDownstreamPort(const Functions& functions, const PciFunction& function) {
     return isDownstream;
 }
 
+// The port above the function's link; null when it is not known.
+const PciFunction* PortAbove(const Functions& functions, const PciFunction& function) {
+    const PciFunction* const port = Find(functions, function.parent);
+    const bool isPort =
+        port != nullptr && port->mostLinkWidth != 0 && IsDownstreamPort(functions, *port);
+    return isPort ? port : nullptr;
+}
+
+// What the link lacks: against the port, when it is known.
+void MarkLink(KemdInventoryItem& item, const PciFunction& function, const PciFunction* port) {
+    unsigned width = function.mostLinkWidth;
+    unsigned speed = 0;
+    if (port != nullptr) {
+        if (port->mostLinkWidth < width) item.Add("link_limited", "width");
+        if (port->mostLinkSpeed < function.mostLinkSpeed) item.Add("link_limited", "speed");
+        width = std::min(port->mostLinkWidth, width);
+        speed = std::min(port->mostLinkSpeed, function.mostLinkSpeed);
+    }
+    if (function.linkWidth != 0 && function.linkWidth < width) item.Add("link_degraded", "width");
+    if (function.linkSpeed != 0 && function.linkSpeed < speed) item.Add("link_degraded", "speed");
+}
+
 void AddLink(KemdInventoryItem& item, const PciFunction& function, const Functions& functions) {
     AddIfNotZero(item, "link_speed", function.linkSpeed);
     AddIfNotZero(item, "link_speed_max", function.mostLinkSpeed);
     AddIfNotZero(item, "link_width", function.linkWidth);
     AddIfNotZero(item, "link_width_max", function.mostLinkWidth);
-    const PciFunction* const port = Find(functions, function.parent);
-    if (port == nullptr || function.physicalFunction || function.mostLinkWidth == 0 ||
-        port->mostLinkWidth == 0 || !IsDownstreamPort(functions, *port)) {
-        return;
+    if (function.physicalFunction || function.mostLinkWidth == 0) return;
+    const PciFunction* const port = PortAbove(functions, function);
+    // A virtual machine has cards without their ports: then their own width counts. What a bridge
+    // says may be about the link below it.
+    if (port == nullptr && function.IsBridge()) return;
+    if (port != nullptr) {
+        AddIfNotZero(item, "port_speed_max", port->mostLinkSpeed);
+        AddIfNotZero(item, "port_width_max", port->mostLinkWidth);
     }
-    AddIfNotZero(item, "port_speed_max", port->mostLinkSpeed);
-    AddIfNotZero(item, "port_width_max", port->mostLinkWidth);
     // All functions of a card share the link.
-    if (function.address.function != 0) return;
-    if (port->mostLinkWidth < function.mostLinkWidth) item.Add("link_limited", "width");
-    if (port->mostLinkSpeed < function.mostLinkSpeed) item.Add("link_limited", "speed");
-    const unsigned width = std::min(port->mostLinkWidth, function.mostLinkWidth);
-    const unsigned speed = std::min(port->mostLinkSpeed, function.mostLinkSpeed);
-    if (function.linkWidth != 0 && function.linkWidth < width) item.Add("link_degraded", "width");
-    if (function.linkSpeed != 0 && function.linkSpeed < speed) item.Add("link_degraded", "speed");
+    if (function.address.function == 0) MarkLink(item, function, port);
 }
 
 // Slots as the firmware numbers them, and as hot-plug drivers name them.
@@ -176,7 +193,7 @@ class SlotFinder {
     }
     // Functions come after their bridges.
     void Add(KemdInventoryItem& item, const PciFunction& function) {
-        const uint8_t slot = NumberOf(function);
+        const unsigned slot = NumberOf(function);
         m_numbers[function.address] = slot;
         if (slot != 0) item.Add("slot", std::to_string(slot));
         const std::string address = function.address.Text();  // "0000:03:00.0"
@@ -189,25 +206,17 @@ class SlotFinder {
     }
 
   private:
-    [[nodiscard]] uint8_t NumberOf(const PciFunction& function) const {
-        const PciAddress& at = function.address;
-        const auto fits = [&](const PciSlotData& slot) {
-            // Of a serial slot some firmwares give the port instead of the bus below it. So on a
-            // root bus, which no slot has for its own, the device counts.
-            const bool isSerial = function.parent && slot.IsSerialBus();
-            return slot.slot != 0 && slot.Matches(at.bus, at.device, isSerial);
-        };
-        const CPciSlotMap::Slots& slots = CPciSlotMap::GetSlotMapping();
-        const auto found = std::find_if(slots.begin(), slots.end(), fits);
-        if (at.segment == 0 && found != slots.end()) return found->slot;
-        if (!function.parent) return 0;
+    [[nodiscard]] unsigned NumberOf(const PciFunction& function) const {
+        const unsigned slot = PciSlotNumber(CPciSlotMap::GetSlotMapping(), CPciSlotMap::Source(),
+                                            function.address, function.parent.has_value());
+        if (slot != 0 || !function.parent) return slot;
         // What a card's bridge leads to is in the card's slot.
         const auto parent = m_numbers.find(*function.parent);
-        return parent == m_numbers.end() ? uint8_t{0} : parent->second;
+        return parent == m_numbers.end() ? 0 : parent->second;
     }
 
     std::map<std::string, std::string, std::less<>> m_physical;
-    std::map<PciAddress, uint8_t> m_numbers;
+    std::map<PciAddress, unsigned> m_numbers;
 };
 
 }  // namespace
@@ -215,6 +224,9 @@ class SlotFinder {
 void ScanPci(KemdInventory& inventory) {
     auto read = ReadPciFromSysfs(inventory);
     const Functions functions = read ? std::move(*read) : ReadPciFromProc(inventory);
+    if (!read && functions.empty()) {
+        inventory.Note("/sys/bus/pci", "not there, nor is /proc/bus/pci: no PCI functions");
+    }
     if (functions.empty()) return;
     const IdNames names = ReadNames(inventory, functions);
     const auto modules = FindPciModules(inventory, functions);

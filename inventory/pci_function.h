@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "kemd/pci_slot_map.h"
+
 struct KemdInventory;
 
 struct PciAddress {
@@ -95,6 +97,10 @@ struct PciNames {
 // are none.
 std::vector<PciNames> NamePciFunctions(KemdInventory& inventory,
                                        const std::vector<std::optional<PciAddress>>& addresses);
+// The number of the slot whose record is of this bus and device; 0 when there is none. A device on
+// board has no slot: its record has its number among its kind.
+unsigned PciSlotNumber(const CPciSlotMap::Slots& slots, PciSlotSource source,
+                       const PciAddress& address, bool isBelowBridge);
 // The number of the slot that holds it: that of its item, otherwise what the slot map says of its
 // bus and device. 0: not known.
 unsigned PciSlotOf(const KemdInventory& inventory, const PciAddress& address);

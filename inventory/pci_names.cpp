@@ -1,11 +1,11 @@
 // What items of other sections say of the PCI function that they belong to.
+#include <algorithm>
 #include <charconv>
 
 #include "inventory/host_inventory.h"
 #include "inventory/id_names.h"
 #include "inventory/pci_function.h"
 #include "inventory/sys_directory.h"
-#include "kemd/pci_slot_map.h"
 
 std::vector<PciNames> NamePciFunctions(KemdInventory& inventory,
                                        const std::vector<std::optional<PciAddress>>& addresses) {
@@ -34,6 +34,20 @@ std::vector<PciNames> NamePciFunctions(KemdInventory& inventory,
     return found;
 }
 
+unsigned PciSlotNumber(const CPciSlotMap::Slots& slots, PciSlotSource source,
+                       const PciAddress& address, bool isBelowBridge) {
+    const auto fits = [&](const PciSlotData& slot) {
+        const bool isOnboard =
+            slot.slot == 0 || (source == PciSlotSource::kSmbios && slot.type == 0);
+        // Of a serial slot some firmwares give the port instead of the bus below it. So on a root
+        // bus, which no slot has for its own, the device counts.
+        return !isOnboard &&
+               slot.Matches(address.bus, address.device, isBelowBridge && slot.IsSerialBus());
+    };
+    const auto found = std::find_if(slots.begin(), slots.end(), fits);
+    return address.segment != 0 || found == slots.end() ? 0 : found->slot;
+}
+
 unsigned PciSlotOf(const KemdInventory& inventory, const PciAddress& address) {
     if (const KemdInventoryItem* const item = inventory.Find(address.Id())) {
         const std::string& text = item->Text("slot");
@@ -41,8 +55,5 @@ unsigned PciSlotOf(const KemdInventory& inventory, const PciAddress& address) {
         (void)std::from_chars(text.data(), text.data() + text.size(), slot);
         return slot;
     }
-    if (address.segment != 0) return 0;
-    const PciSlotData* const slot =
-        CPciSlotMap::Find(CPciSlotMap::GetSlotMapping(), address.bus, address.device);
-    return slot == nullptr ? 0 : slot->slot;
+    return PciSlotNumber(CPciSlotMap::GetSlotMapping(), CPciSlotMap::Source(), address, true);
 }

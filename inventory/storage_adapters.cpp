@@ -4,36 +4,14 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 
 #include "inventory/drive_identity.h"
 #include "inventory/drive_path.h"
 #include "inventory/host_inventory.h"
+#include "inventory/pci_function.h"
 #include "inventory/sys_directory.h"
-#include "kemd/pci_slot_map.h"
 
 namespace {
-
-// The slot of the function or of a bridge above it, as the PCI functions have it; where these were
-// not looked at, as the map has it.
-std::string SlotOf(const KemdInventory& inventory, const std::string& address) {
-    constexpr int kMostBridges = 32;
-    const KemdInventoryItem* function = inventory.Find("pci:" + address);
-    const bool isKnown = function != nullptr;
-    for (int i = 0; function != nullptr && i < kMostBridges; ++i) {
-        if (function->Find("slot") != nullptr) return function->Text("slot");
-        function = inventory.Find(function->parent);
-    }
-    const size_t colon = address.rfind(':');
-    if (isKnown || colon == address.npos || colon < 2 || address.size() < colon + 3) return {};
-    uint8_t bus = 0;
-    uint8_t device = 0;
-    const char* const text = address.data() + colon;
-    std::from_chars(text - 2, text, bus, 16);
-    std::from_chars(text + 1, text + 3, device, 16);
-    const uint8_t slot = CPciSlotMap::GetPciSlotNumber(bus, device);
-    return slot == 0 ? std::string() : std::to_string(slot);
-}
 
 bool IsClassDevice(const char* deviceClass, const std::string& name) {
     return access(("/sys/class/" + std::string(deviceClass) + "/" + name).c_str(), F_OK) == 0;
@@ -116,7 +94,9 @@ KemdInventoryItem& StorageAdapters::FindOrAdd(const DrivePath& path, const std::
     if (found != nullptr) return *found;
     KemdInventoryItem& adapter = m_inventory->Add(ItemKind::kStorageAdapter, id, name);
     adapter.parent = path.HardwareId();
-    if (!path.pci.empty()) adapter.Add("slot", SlotOf(*m_inventory, path.pci));
+    const auto address = PciAddress::Parse(path.pci);
+    const unsigned slot = address ? PciSlotOf(*m_inventory, *address) : 0;
+    if (slot != 0) adapter.Add("slot", std::to_string(slot));
     return adapter;
 }
 

@@ -169,8 +169,8 @@ bool StoredInventory::TakeItem(const JsonValue& value) {
         Skip("kind", word);
         return true;
     }
-    KemdInventoryItem& item = m_inventory.items.emplace_back(KemdInventoryItem{
-        *kind, Clean(id), Clean(value.TextOf("name")), Clean(value.TextOf("parent")), {}});
+    KemdInventoryItem& item = m_inventory.Append(
+        {*kind, Clean(id), Clean(value.TextOf("name")), Clean(value.TextOf("parent")), {}});
     return std::all_of(value.members.begin(), value.members.end(),
                        [&](const JsonMember& member) { return TakeField(item, member); });
 }

@@ -25,6 +25,12 @@ std::string Decoded(std::string_view text) {
 
 }  // namespace
 
+void NoteNoUdev(KemdInventory& inventory) {
+    inventory.Note("/run/udev/data",
+                   "no udev: labels, UUIDs and types of file systems that are not mounted, and "
+                   "what only udev asks drives for, are unknown");
+}
+
 UdevRecord::UdevRecord(KemdInventory& inventory, const std::string& key) {
     const std::string path = "/run/udev/data/" + key;
     const std::optional<std::string> text = ReadTextFile(path);

@@ -7,6 +7,9 @@
 
 struct KemdInventory;
 
+// Notes what is not known without udev; once, whoever misses it.
+void NoteNoUdev(KemdInventory& inventory);
+
 class UdevRecord {
   public:
     // `key`: "b8:0" for a block device, "+pci:0000:00:1f.2" for others.

@@ -66,7 +66,8 @@ class Warnings {
 void Warnings::Link(const Item& item) {
     const std::string subject = "PCI " + item.name;
     const auto most = [&item](InventoryField own, InventoryField port) {
-        return std::min(item.Number(own), item.Number(port));
+        const uint64_t below = item.Number(port);
+        return below == 0 ? item.Number(own) : std::min(item.Number(own), below);
     };
     for (const std::string& what : Values(item, "link_degraded")) {
         if (what == "width") {

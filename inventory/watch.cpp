@@ -41,6 +41,8 @@ struct KemdInventoryWatch {
     [[nodiscard]] bool Wait();
     void TakeEvents();
     void TakeUevents();
+    // Whether it is watched from now on.
+    [[nodiscard]] bool WatchUdev();
     void TakeUdevRecords();
     void Concern(uint32_t sections);
     [[nodiscard]] bool IsSettled() const;
@@ -63,6 +65,7 @@ struct KemdInventoryWatch {
     // What is to be looked at.
     uint32_t m_concerned = 0;
     bool m_hasLost = false;
+    bool m_watchesUdev = false;
     bool m_isQuiet = false;
     Clock::time_point m_since;
     std::vector<Uevent> m_events;
@@ -103,7 +106,7 @@ int KemdInventoryWatch::Open() {
     if (!m_stop.IsOpen()) return errno;
     // udev writes what it found out after the kernel's event. It may be missing.
     m_udev.Reset(KeepHigh(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)));
-    if (m_udev.IsOpen()) (void)inotify_add_watch(m_udev.Get(), "/run/udev/data", IN_MOVED_TO);
+    (void)WatchUdev();
     m_poll[kStop] = {m_stop.Get(), POLLIN, 0};
     m_poll[kUevents] = {m_uevents.Descriptor(), POLLIN, 0};
     m_poll[kUdev] = {m_udev.Get(), POLLIN, 0};
@@ -127,6 +130,8 @@ int KemdInventoryWatch::StartThread() {
         m_thread = std::thread([this] { Work(); });
     } catch (const std::system_error& failure) {
         error = failure.code().value();
+    } catch (const std::bad_alloc&) {
+        error = ENOMEM;
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     return error;
@@ -167,7 +172,10 @@ bool KemdInventoryWatch::IsSettled() const {
 }
 
 void KemdInventoryWatch::TakeEvents() {
-    if (m_poll[kUevents].revents != 0) TakeUevents();
+    if (m_poll[kUevents].revents != 0) {
+        if (WatchUdev()) Concern(m_sections);
+        TakeUevents();
+    }
     if (m_poll[kUdev].revents != 0) TakeUdevRecords();
     const bool hasVolumes =
         m_poll[kMounts].revents != 0 || m_poll[kSwaps].revents != 0 || m_poll[kArrays].revents != 0;
@@ -192,6 +200,13 @@ void KemdInventoryWatch::TakeUevents() {
         Concern(sections);
         if (sections != 0) m_events.push_back(std::move(*event));
     }
+}
+
+// Early in the boot its directory is not there yet.
+bool KemdInventoryWatch::WatchUdev() {
+    if (m_watchesUdev || !m_udev.IsOpen()) return false;
+    m_watchesUdev = inotify_add_watch(m_udev.Get(), "/run/udev/data", IN_MOVED_TO) >= 0;
+    return m_watchesUdev;
 }
 
 void KemdInventoryWatch::TakeUdevRecords() {

@@ -97,18 +97,26 @@ KemdInventory WatchedState::Scanned(uint32_t sections) const {
     KemdInventory next;
     next.sections = m_sections;
     for (const KemdInventoryItem& item : m_state.items) {
-        if ((KindSection(item.kind) & sections) == 0) next.items.push_back(item);
+        if ((KindSection(item.kind) & sections) == 0) next.Append(item);
     }
     ScanSections(next, sections);
     return next;
 }
 
-WatchedState::Items WatchedState::ItemsOf(const KemdInventory& inventory, const std::string& key) {
-    Items items;
+WatchedState::ByKey WatchedState::Keyed(const KemdInventory& inventory) {
+    ByKey items;
     for (const KemdInventoryItem& item : inventory.items) {
-        if (KeyOf(item) == key) items.push_back(item);
+        std::string key = KeyOf(item);
+        if (!key.empty()) items.emplace(std::move(key), &item);
     }
     return items;
+}
+
+WatchedState::Items WatchedState::ItemsOf(const ByKey& items, const std::string& key) {
+    Items found;
+    const auto [begin, end] = items.equal_range(key);
+    for (auto each = begin; each != end; ++each) found.push_back(*each->second);
+    return found;
 }
 
 WatchedState::Items WatchedState::MadeFrom(const Uevent& event) const {
@@ -129,21 +137,23 @@ void WatchedState::Update(uint32_t sections, const std::vector<Uevent>& events) 
     sections &= m_sections;
     if (sections == 0) return;
     KemdInventory next = Scanned(sections);
+    const ByKey before = Keyed(m_state);
+    const ByKey after = Keyed(next);
     m_touched.clear();
     for (const Uevent& event : events) {
         const std::string key = KeyOf(event);
         const std::string_view action = event.Field("ACTION");
         if (key.empty() || (action != "add" && action != "remove")) continue;
-        if (!m_touched.contains(key)) m_touched.emplace(key, ItemsOf(m_state, key));
+        if (!m_touched.contains(key)) m_touched.emplace(key, ItemsOf(before, key));
         if (action == "add") {
-            OnCome(key, event, next);
+            OnCome(key, event, after);
         } else {
             OnGone(key);
         }
     }
-    DeliverTouched(next);
+    DeliverTouched(after);
     DeliverOthers(next);
-    std::erase_if(m_unseen, [&](const auto& entry) { return !ItemsOf(next, entry.first).empty(); });
+    std::erase_if(m_unseen, [&](const auto& entry) { return after.contains(entry.first); });
     m_state = std::move(next);
 }
 
@@ -152,7 +162,7 @@ void WatchedState::Resynchronise() {
     Update(m_sections, {});
 }
 
-void WatchedState::OnCome(const std::string& key, const Uevent& event, const KemdInventory& next) {
+void WatchedState::OnCome(const std::string& key, const Uevent& event, const ByKey& next) {
     Items& items = m_touched[key];
     if (!items.empty()) return;  // a scan was faster
     items = ItemsOf(next, key);
@@ -171,7 +181,7 @@ void WatchedState::OnGone(const std::string& key) {
     DeliverGone(items);
 }
 
-void WatchedState::DeliverTouched(const KemdInventory& next) {
+void WatchedState::DeliverTouched(const ByKey& next) {
     for (const auto& [key, delivered] : m_touched) {
         const Items now = ItemsOf(next, key);
         for (const KemdInventoryItem& item : delivered) {

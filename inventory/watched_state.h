@@ -31,14 +31,17 @@ class WatchedState {
 
   private:
     using Items = std::vector<KemdInventoryItem>;
+    // The items of an inventory by the devices that they are.
+    using ByKey = std::multimap<std::string, const KemdInventoryItem*>;
 
     [[nodiscard]] KemdInventory Scanned(uint32_t sections) const;
-    void OnCome(const std::string& key, const Uevent& event, const KemdInventory& next);
+    void OnCome(const std::string& key, const Uevent& event, const ByKey& next);
     void OnGone(const std::string& key);
     // Items that this one device is.
-    [[nodiscard]] static Items ItemsOf(const KemdInventory& inventory, const std::string& key);
+    [[nodiscard]] static Items ItemsOf(const ByKey& items, const std::string& key);
+    [[nodiscard]] static ByKey Keyed(const KemdInventory& inventory);
     [[nodiscard]] Items MadeFrom(const Uevent& event) const;
-    void DeliverTouched(const KemdInventory& next);
+    void DeliverTouched(const ByKey& next);
     void DeliverOthers(const KemdInventory& next);
     void DeliverNew(const Items& items);
     void DeliverGone(const Items& items);

@@ -213,6 +213,21 @@ block/sdz>it went while it was listed
     EXPECT_TRUE(inventory.notes.empty());
 }
 
+TEST_F(DrivesTest, OneNoteSaysThatThereIsNoUdev) {
+    std::filesystem::remove("/run/udev/data");
+    KemdInventory inventory;
+    inventory.sections = KEMD_INVENTORY_DRIVES | KEMD_INVENTORY_VOLUMES;
+    ScanDrives(inventory, false);
+    EXPECT_EQ(inventory.notes, std::vector<std::string>{"/sys/block: not there: no drives"});
+    Drive("pci0000:00/0000:00:06.0/virtio3", "vda");
+    std::filesystem::create_directories("/sys/class/block");
+    ScanDrives(inventory, false);
+    ScanVolumes(inventory);
+    EXPECT_EQ(std::count_if(inventory.notes.begin(), inventory.notes.end(),
+                            [](const auto& note) { return Contains(note, "udev"); }),
+              1);
+}
+
 TEST_F(DrivesTest, NvmePathsAreNoDrives) {
     Tree(R"(devices/virtual/nvme-subsystem/nvme-subsys0/serial=S1
 devices/virtual/nvme-subsystem/nvme-subsys0/nvme0n1/wwid=eui.0011

@@ -3,7 +3,9 @@
 #include <sstream>
 
 #include "inventory/host_inventory.h"
+#include "inventory/pci_function.h"
 #include "inventory/sources.h"
+#include "inventory/sys_directory.h"
 #include "tests/inventory/peers.h"
 
 namespace {
@@ -83,5 +85,8 @@ TEST(InterfacesPeersTest, EthtoolKnowsTheSameBusAddressAndPort) {
         for (std::string line; std::getline(lines, line);) CompareLine(line, item);
         const bool isPci = item.Text("bus") == "pci";
         EXPECT_EQ(isPci ? "pci:" + item.Text("address") : item.parent, item.parent);
+        const auto above = PciAddressInPath(RealPath("/sys/class/net/" + item.name + "/device"));
+        const bool isOnPci = above && item.Text("bus") != "usb";
+        EXPECT_EQ(isOnPci ? above->Id() : item.parent, item.parent);
     }
 }

@@ -128,6 +128,8 @@ TEST_F(PciTest, LinksAreHeldAgainstThePortAbove) {
     MakeLinked(down + "/0000:03:00.0", "30000", "2.5 of 16.0", "4 of 4");
     MakeLinked(down + "/0000:03:00.1", "40300", "2.5 of 16.0", "4 of 4");
     MakeLinked("pci0001:00/0001:00:00.0", "10802", "Unknown of 16.0", "0 of 4");
+    // A card without its port, in a virtual machine.
+    MakeLinked("pci0001:00/0001:00:01.0", "10802", "8.0 of 16.0", "4 of 8");
     Make("pci0000:00/0000:00:0e.0/pci10000:e0/10000:e0:06.0",
          {{"uevent", "PCI_CLASS=60400\nPCI_ID=8086:1"}});
 
@@ -146,6 +148,9 @@ TEST_F(PciTest, LinksAreHeldAgainstThePortAbove) {
               "link_degraded=speed|");
     EXPECT_FALSE(Contains(LinkOf("0000:03:00.1"), "link_degraded"));
     EXPECT_EQ(LinkOf("0001:00:00.0"), "link_speed_max=16000|link_width_max=4|");
+    EXPECT_EQ(LinkOf("0001:00:01.0"),
+              "link_speed=8000|link_speed_max=16000|link_width=4|link_width_max=8|"
+              "link_degraded=width|");
     EXPECT_EQ(LinkOf("10000:e0:06.0"), "parent=pci:0000:00:0e.0|");
 }
 
@@ -220,4 +225,32 @@ TEST_F(PciTest, WhatIsBelowTheBridgeOfASlotIsInTheSlot) {
     for (const char* const id : {"pci:0000:00:08.0", "pci:0001:00:03.0"}) {
         EXPECT_FALSE(Contains(FieldsOf(m_inventory, id), "slot=")) << id;
     }
+}
+
+TEST_F(PciTest, ADeviceOnBoardIsInNoSlot) {
+    // A parallel slot, one with a bus of its own, and devices on board, by both sources.
+    const CPciSlotMap::Slots smbios = {{0, 5, 1, 6}, {3, 0, 4, 0xA5}, {0, 6, 7, 0}, {3, 1, 2, 0}};
+    const CPciSlotMap::Slots routing = {{0, 5, 1, 0}, {0, 6, 0, 0}};
+    const struct {
+        const CPciSlotMap::Slots& slots;
+        PciSlotSource source;
+        PciAddress address;
+        bool isBelowBridge;
+        unsigned expected;
+    } cases[] = {
+        {smbios, PciSlotSource::kSmbios, {0, 0, 5, 1}, false, 1},
+        {smbios, PciSlotSource::kSmbios, {0, 0, 6, 0}, false, 0},
+        {smbios, PciSlotSource::kSmbios, {0, 3, 1, 0}, true, 4},
+        {smbios, PciSlotSource::kSmbios, {0, 3, 1, 0}, false, 0},
+        {smbios, PciSlotSource::kSmbios, {1, 0, 5, 0}, false, 0},
+        {routing, PciSlotSource::kIrqRoutingTable, {0, 0, 5, 0}, false, 1},
+        {routing, PciSlotSource::kIrqRoutingTable, {0, 0, 6, 0}, false, 0},
+    };
+    for (const auto& [slots, source, address, isBelowBridge, expected] : cases) {
+        EXPECT_EQ(PciSlotNumber(slots, source, address, isBelowBridge), expected) << address.Text();
+    }
+    (void)Scan("");
+    EXPECT_EQ(m_inventory.notes,
+              std::vector<std::string>{
+                  "/sys/bus/pci: not there, nor is /proc/bus/pci: no PCI functions"});
 }

@@ -1,6 +1,10 @@
 // Partitions, volumes and mounts: the kernel's texts, and made files of sysfs and udev.
+#include <fcntl.h>
+#include <sys/mount.h>
+
 #include <filesystem>
 
+#include "base/unique_fd.h"
 #include "inventory/host_inventory.h"
 #include "inventory/mount_table.h"
 #include "inventory/sources.h"
@@ -46,6 +50,29 @@ TEST(MountTableTest, LinesOfTheKernel) {
     EXPECT_EQ(swaps[0].priority, "-2");
     EXPECT_EQ(swaps[1].path, "/s w");
     EXPECT_TRUE(swaps[1].isFile);
+}
+
+// A file system whose process never answers, and one that is mounted below it.
+TEST(MountsTest, WhatMayNotAnswerIsNotAsked) {
+    const UniqueFd fuse(open("/dev/fuse", O_RDWR | O_CLOEXEC));
+    if (!fuse.IsOpen()) GTEST_SKIP() << "no /dev/fuse";
+    for (const char* const path : {"/far/below", "/farther"}) {
+        std::filesystem::create_directories(path);
+        ASSERT_EQ(mount("near", path, "tmpfs", 0, "size=1M"), 0);
+    }
+    const std::string options =
+        "fd=" + std::to_string(fuse.Get()) + ",rootmode=40000,user_id=0,group_id=0";
+    ASSERT_EQ(mount("nobody", "/far", "fuse", 0, options.c_str()), 0) << strerror(errno);
+    KemdInventory inventory;
+    ScanVolumes(inventory);
+    EXPECT_EQ(umount2("/far", MNT_DETACH), 0);
+    EXPECT_EQ(umount("/far/below"), 0);
+    EXPECT_EQ(umount("/farther"), 0);
+    for (const char* const id : {"mount:/far", "mount:/far/below"}) {
+        ASSERT_NE(inventory.Find(id), nullptr) << id;
+        EXPECT_EQ(inventory.Find(id)->Find("fs_size"), nullptr) << id;
+    }
+    EXPECT_EQ(inventory.Find("mount:/farther")->Number("fs_size"), 1U << 20);
 }
 
 TEST(UeventTest, MessagesOfTheKernelOnly) {

@@ -55,6 +55,8 @@ TEST(InventoryWarnings, FindsWhatNeedsAttentionAndNothingElse) {
         {Link(R"("link_limited":["width","speed"])"),
          {"PCI 0000:03:00.0 has 16 lanes, its slot only 8"}},
         {Link(R"("revision":"01")"), {}},
+        {Item("pci", "1", R"("link_width":4,"link_width_max":8,"link_degraded":["width"])"),
+         {"PCI 1 runs with 4 of 8 lanes"}},
         // An idle display adapter.
         {Item("pci", "1", R"("class_id":"0300","link_degraded":["speed"])"), {}},
 

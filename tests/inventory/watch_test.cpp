@@ -37,9 +37,7 @@ class InventoryWatchTest : public testing::Test {
         std::filesystem::create_directories("/sys/class/block");
         std::filesystem::create_directories("/run/udev/data");
         std::filesystem::create_directories("/mnt");
-        const int error = KemdInventoryWatchOpen(
-            &m_watch, KEMD_INVENTORY_VOLUMES | KEMD_INVENTORY_DRIVES, OnChange, this);
-        EXPECT_EQ(error, 0);
+        Open();
     }
     ~InventoryWatchTest() override {
         KemdInventoryWatchClose(m_watch);
@@ -47,6 +45,12 @@ class InventoryWatchTest : public testing::Test {
         std::filesystem::remove_all("/sys/devices");
         std::filesystem::remove_all("/run/udev");
         g_from = From::kKernel;
+    }
+    void Open() {
+        KemdInventoryWatchClose(m_watch);
+        const int error = KemdInventoryWatchOpen(
+            &m_watch, KEMD_INVENTORY_VOLUMES | KEMD_INVENTORY_DRIVES, OnChange, this);
+        EXPECT_EQ(error, 0);
     }
     static void MakeLoop(const std::string& number, const std::string& size) {
         const std::string directory = "/sys/devices/virtual/block/loop" + number + "/";
@@ -160,6 +164,21 @@ TEST_F(InventoryWatchTest, WhatUdevFindsOutLaterIsAChange) {
     std::filesystem::rename("/tmp/record", "/run/udev/data/b7:1");
     std::filesystem::rename("/tmp/record2", "/run/udev/data/b7:2");
     EXPECT_EQ(Take(2), "changed volume loop1 fs_type fs_uuid\nchanged volume loop2 fs_type\n");
+}
+
+TEST_F(InventoryWatchTest, UdevMayStartLater) {
+    std::filesystem::remove_all("/run/udev");
+    Open();
+    MakeLoop("1", "8");
+    Send("add", kLoop1);
+    EXPECT_EQ(Take(1), "new volume loop1\n");
+    std::filesystem::create_directories("/run/udev/data");
+    MakeLoop("1", "16");
+    Send("change", kLoop1);
+    EXPECT_EQ(Take(1), "changed volume loop1 size\n");
+    WriteFile("/tmp/record", "E:ID_FS_TYPE=ext4\n");
+    std::filesystem::rename("/tmp/record", "/run/udev/data/b7:1");
+    EXPECT_EQ(Take(1), "changed volume loop1 fs_type\n");
 }
 
 TEST_F(InventoryWatchTest, LostMessagesLeadToAScanAndForeignOnesToNothing) {
