@@ -1,4 +1,7 @@
 // kemdctl inventory over a made sysfs: forms, kept inventories, differences, masks.
+#include "inventory/host_inventory.h"
+#include "inventory/store.h"
+#include "kemdctl/inventory/mask.h"
 #include "tests/inventory/memory_world.h"
 #include "tests/kemdctl/ctl.h"
 
@@ -163,6 +166,34 @@ TEST_F(InventoryItems, PrivateFieldsAreMasked) {
     EXPECT_TRUE(InOrder(json, {"\"id\": \"drive:", "masked-1\"", "\"serial\": \"masked-1\"",
                                "masked-2\"", "\"serial\": \"masked-2\""}));
     EXPECT_FALSE(Contains(json, "SERIAL"));
+}
+
+// The same name with other signs, a part of it, a short one, the ports on the way to a drive.
+TEST_F(InventoryItems, PrivateTextsAreFoundInOtherForms) {
+    const std::pair<std::string, std::string> items[] = {
+        // before, after
+        {R"("kind":"kernel","id":"k","name":"k","host_name":"db1.example.org")",
+         R"("host_name": "masked-1")"},
+        {R"("kind":"volume","id":"volume:LVM-x","name":"db1-vg-root","volume_group":"db12")",
+         R"("name": "masked-2-vg-root", "volume_group": "db12")"},
+        {R"("kind":"interface","id":"i","name":"enx525400123456","mac":"52:54:00:12:34:56")",
+         R"("name": "enxmasked-3", "mac": "masked-3")"},
+        {R"("kind":"drive","id":"drive:0x5000c500a1b2c3d4","name":"sda","by_path":)"
+         R"("/dev/disk/by-path/pci-0000:03:00.0-sas-exp0x500605b0000272bf-lun-0",)"
+         R"("wwn":"naa.5000c500a1b2c3d4","serial":"00000001")",
+         R"("id": "drive:0xmasked-5", "name": "sda", "by_path": )"
+         R"("/dev/disk/by-path/pci-0000:03:00.0-sas-exp0xmasked-4-lun-0", "wwn": "masked-5")"},
+        {R"("kind":"pci","id":"pci:0000:00:01.0","name":"0000:00:01.0")", "pci:0000:00:01.0"}};
+    std::string json = R"({"format":"kemd inventory","version":1,"time":1,"sections":[],)"
+                       R"("warnings":[],"notes":[],"items":[)";
+    for (const auto& [before, after] : items)
+        json += (json.ends_with('[') ? "{" : ",{") + before + "}";
+    KemdInventory inventory;
+    std::string fault;
+    ASSERT_EQ(ParseInventory(json + "]}", inventory, fault), 0) << fault;
+    MaskInventory(inventory);
+    const std::string masked = InventoryJson(inventory);
+    for (const auto& [before, after] : items) EXPECT_TRUE(Contains(masked, after)) << masked;
 }
 
 }  // namespace
