@@ -11,6 +11,7 @@
 #include "inventory/sections.h"
 #include "inventory/sources.h"
 #include "inventory/store.h"
+#include "kemdctl/inventory/items.h"
 #include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
@@ -133,12 +134,6 @@ void ComplainOfSections(const KemdInventory& before, const KemdInventory& after)
              missing.c_str());
 }
 
-void ComplainOfNotes(const char* path, const KemdInventory& inventory) {
-    for (const std::string& note : inventory.notes) {
-        Complain("note: %s: %s", Printable(path).c_str(), Printable(note).c_str());
-    }
-}
-
 }  // namespace
 
 bool IgnoreList::Add(const std::string& text) {
@@ -201,8 +196,8 @@ int ShowDifferences(ReportWriter& report, const DiffOptions& options) {
         isOfMachine ? TakeInventory(before->sections, options.withHealth)
                     : LoadSaved(options.after);
     if (!after) return kError;
-    ComplainOfNotes(options.before, *before);
-    ComplainOfNotes(isOfMachine ? "this machine" : options.after, *after);
+    ComplainOfNotes(*before, Printable(options.before) + ": ");
+    ComplainOfNotes(*after, (isOfMachine ? "this machine" : Printable(options.after)) + ": ");
     ComplainOfSections(*before, *after);
     const std::vector<ItemDifference> differences =
         Wanted(CompareInventories(*before, *after, options.withVolatile), options.ignored);

@@ -103,14 +103,18 @@ TEST_F(InventoryItems, ThePageFitsAScreen) {
     for (const char name : std::string("bcdefghijklmnop")) {
         MakeDrive(std::string("vd") + name, std::string("S") + name);
     }
+    for (char card = 'a'; card <= 'f'; ++card) {
+        MakeFunction(std::string(kBridge) + "/0000:0" + card + ":00.0", "10000", "4");
+    }
     const std::string page = Ctl("inventory").out;
     EXPECT_TRUE(InOrder(
         page, {"Machine     ", "Firmware    ", "Memory      ", "Drives      16 x  2 GiB  virtio\n",
-               "Attention   PCI 0000:01:00.0 runs with 4 of 8 lanes\n"}));
+               "Attention   PCI 0000:01:00.0 runs with 4 of 8 lanes\n",
+               "            and 3 more: kemdctl inventory --long"}));
     std::istringstream lines(page);
     int count = 0;
     for (std::string line; std::getline(lines, line); ++count) EXPECT_LE(line.size(), 80U) << line;
-    EXPECT_LE(count, 24);
+    EXPECT_LE(count, 24 - 6 - 1);  // ports have up to six lines, the prompt one
     fs::remove("/dev/mem");
 }
 
@@ -149,6 +153,18 @@ TEST_F(InventoryItems, WhatChangedIsALineEach) {
               "pci:0000:01:00.0 changed: parent: pci:0000:00:03.0 -> pci:0000:00:04.0\n");
     EXPECT_EQ(Ctl("inventory diff /tmp/after /tmp/moved --ignore parent --volatile").out,
               "pci:0000:00:03.0 changed: link_speed: 8000 MT/s -> 2500 MT/s\n");
+    // Notes of the same reason are a few lines.
+    std::string noted = ReadFile("/tmp/after");
+    std::string notes;
+    for (const char place : std::string("abcde")) {
+        notes += std::string("\"/mnt/") + place + ": Permission denied\", ";
+    }
+    noted.insert(noted.find("\"notes\": [") + 10, notes + "\"x: none\", ");
+    WriteFile("/tmp/noted", noted);
+    const std::string said = Ctl("inventory diff /tmp/noted /tmp/after").err;
+    EXPECT_TRUE(Holds(said, {"note: /tmp/noted: /mnt/c: Permission denied\n", "/tmp/noted: x: none",
+                             "note: /tmp/noted: 2 more: Permission denied; the document has"}));
+    EXPECT_FALSE(Contains(said, "/mnt/d"));
     ASSERT_EQ(Ctl("inventory save /tmp/pci pci").code, 0);
     EXPECT_TRUE(Contains(Ctl("inventory diff /tmp/after /tmp/pci").err,
                          "these sections, which are not compared: drives\n"));
