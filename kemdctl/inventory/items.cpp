@@ -186,10 +186,10 @@ void ShowSections(ReportWriter& report, const KemdInventory& inventory, uint32_t
     }
 }
 
-void ComplainOfNotes(const KemdInventory& inventory, const std::string& subject) {
+void ComplainOfNotes(const std::vector<std::string>& notes, const std::string& subject) {
     constexpr size_t kMost = 3;
     std::map<std::string_view, size_t> reasons;
-    for (const std::string_view note : inventory.notes) {
+    for (const std::string_view note : notes) {
         const size_t colon = note.rfind(": ");
         const std::string_view reason = colon == note.npos ? note : note.substr(colon + 2);
         if (++reasons[reason] > kMost) continue;

@@ -3,6 +3,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "inventory/host_inventory.h"
 
@@ -22,4 +23,4 @@ std::string ShownSummary(const KemdInventoryItem& item);
 void ShowSections(ReportWriter& report, const KemdInventory& inventory, uint32_t sections,
                   bool isLong);
 // What could not be read, on standard error; a few lines for each reason, after `subject`.
-void ComplainOfNotes(const KemdInventory& inventory, const std::string& subject);
+void ComplainOfNotes(const std::vector<std::string>& notes, const std::string& subject);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <optional>
 
 #include "inventory/difference.h"
@@ -134,6 +135,25 @@ void ComplainOfSections(const KemdInventory& before, const KemdInventory& after)
              missing.c_str());
 }
 
+void ComplainOfBoth(const KemdInventory& before, const KemdInventory& after,
+                    const DiffOptions& options) {
+    std::vector<std::string> first = before.notes;
+    std::vector<std::string> second = after.notes;
+    std::vector<std::string> both;
+    const auto isInBoth = [&second](const std::string& note) {
+        return std::find(second.begin(), second.end(), note) != second.end();
+    };
+    std::copy_if(first.begin(), first.end(), std::back_inserter(both), isInBoth);
+    for (const std::string& note : both) {
+        std::erase(first, note);
+        std::erase(second, note);
+    }
+    ComplainOfNotes(both, "both: ");
+    ComplainOfNotes(first, Printable(options.before) + ": ");
+    ComplainOfNotes(second,
+                    (options.after != nullptr ? Printable(options.after) : "this machine") + ": ");
+}
+
 }  // namespace
 
 bool IgnoreList::Add(const std::string& text) {
@@ -196,8 +216,7 @@ int ShowDifferences(ReportWriter& report, const DiffOptions& options) {
         isOfMachine ? TakeInventory(before->sections, options.withHealth)
                     : LoadSaved(options.after);
     if (!after) return kError;
-    ComplainOfNotes(*before, Printable(options.before) + ": ");
-    ComplainOfNotes(*after, (isOfMachine ? "this machine" : Printable(options.after)) + ": ");
+    ComplainOfBoth(*before, *after, options);
     ComplainOfSections(*before, *after);
     const std::vector<ItemDifference> differences =
         Wanted(CompareInventories(*before, *after, options.withVolatile), options.ignored);

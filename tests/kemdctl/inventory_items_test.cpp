@@ -162,8 +162,9 @@ TEST_F(InventoryItems, WhatChangedIsALineEach) {
     noted.insert(noted.find("\"notes\": [") + 10, notes + "\"x: none\", ");
     WriteFile("/tmp/noted", noted);
     const std::string said = Ctl("inventory diff /tmp/noted /tmp/after").err;
-    EXPECT_TRUE(Holds(said, {"note: /tmp/noted: /mnt/c: Permission denied\n", "/tmp/noted: x: none",
-                             "note: /tmp/noted: 2 more: Permission denied; the document has"}));
+    EXPECT_TRUE(Holds(
+        said, {"note: /tmp/noted: /mnt/c: Permission denied\n", "/tmp/noted: x: none",
+               "note: both: ", "note: /tmp/noted: 2 more: Permission denied; the document has"}));
     EXPECT_FALSE(Contains(said, "/mnt/d"));
     ASSERT_EQ(Ctl("inventory save /tmp/pci pci").code, 0);
     EXPECT_TRUE(Contains(Ctl("inventory diff /tmp/after /tmp/pci").err,
