@@ -161,6 +161,7 @@ void ShowSections(ReportWriter& report, const KemdInventory& inventory, uint32_t
         if (isWanted && isNew) kinds.push_back(item.kind);
     }
     report.SetColumn(kColumn);
+    if (kinds.empty()) report.Line("nothing found");
     const char* before = "";
     for (const ItemKind kind : kinds) {
         Items items;

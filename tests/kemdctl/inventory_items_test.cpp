@@ -171,6 +171,14 @@ TEST_F(InventoryItems, WhatChangedIsALineEach) {
                          "these sections, which are not compared: drives\n"));
 }
 
+// What is not there, and why.
+TEST_F(InventoryItems, NothingIsSaidToBeNothing) {
+    EXPECT_TRUE(Shows("inventory usb", 0, {"nothing found\n"}));
+    fs::remove_all("/sys/devices");
+    ExpectAll("inventory ", {{"drives", 0, "nothing found\n", "note: /sys: not mounted: "}});
+    EXPECT_FALSE(Contains(Ctl("inventory --json").out, "boot_mode"));
+}
+
 // Nothing of a serial number is left, also in ids, and equal ones stay equal.
 TEST_F(InventoryItems, PrivateFieldsAreMasked) {
     MakeDrive("vdb", "SERIAL-0002");
