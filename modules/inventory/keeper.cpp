@@ -23,19 +23,6 @@ const char* OrNone(const char* text) {
     return text == nullptr ? "(none)" : text;
 }
 
-// A drive in standby, or one that did not answer in time, says nothing about its health.
-bool HasAnswered(const KemdInventoryItem* item) {
-    KemdInventoryField health{};
-    health.size = sizeof health;
-    return KemdInventoryFieldByName(item, "health", &health) == 0 &&
-           std::string_view(health.text) != "unknown";
-}
-
-bool IsOfHealth(const char* field) {
-    const std::string_view name(field);
-    return name == "health" || name == "critical_warning" || name == "spare_threshold";
-}
-
 // Calls `write` with a line for each thing that changed.
 template <typename Write>
 void Describe(const KemdInventoryChange& change, const Write& write) {
@@ -46,11 +33,9 @@ void Describe(const KemdInventoryChange& change, const Write& write) {
         write(id + what + KemdInventoryItemName(item));
         return;
     }
-    const bool hasHealth = HasAnswered(change.before) && HasAnswered(change.after);
     if (change.fieldCount == 0) write(id + " changed: it sits in another place");
     for (uint32_t i = 0; i < change.fieldCount; ++i) {
         const KemdInventoryFieldChange& field = change.fields[i];
-        if (IsOfHealth(field.name) && !hasHealth) continue;
         write(id + " changed: " + field.name + ": " + OrNone(field.before) + " -> " +
               OrNone(field.after));
     }
