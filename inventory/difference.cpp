@@ -32,15 +32,28 @@ std::string Joined(const KemdInventoryItem& item, InventoryField field) {
     return joined;
 }
 
+bool IsOfHealth(InventoryField field) {
+    return field == InventoryField("health") || field == InventoryField("critical_warning") ||
+           field == InventoryField("spare_threshold");
+}
+
+// A drive that was not asked, sleeps or did not answer in time says nothing about its health.
+bool HasAnswered(const KemdInventoryItem& drive) {
+    const std::string& health = drive.Text("health");
+    return !health.empty() && health != "unknown";
+}
+
 }  // namespace
 
 std::vector<FieldDifference> CompareItems(const KemdInventoryItem& before,
                                           const KemdInventoryItem& after, bool withVolatile) {
     std::vector<FieldDifference> differences;
+    const bool hasHealth = withVolatile || (HasAnswered(before) && HasAnswered(after));
     const auto compare = [&](InventoryField field) {
         const bool isDone = std::any_of(differences.begin(), differences.end(),
                                         [field](const auto& done) { return done.field == field; });
         if (isDone || ((field.Info().flags & kVolatile) != 0 && !withVolatile)) return;
+        if (IsOfHealth(field) && !hasHealth) return;
         FieldDifference difference{field, Joined(before, field), Joined(after, field),
                                    before.Find(field) != nullptr, after.Find(field) != nullptr};
         if (difference.before != difference.after) differences.push_back(std::move(difference));

@@ -31,6 +31,14 @@ std::string OperatingSystem() {
     return std::string(ValueOf(text.value_or(""), "PRETTY_NAME="));
 }
 
+// A container may not see any of it, and then says nothing.
+const char* BootMode() {
+    if (access("/sys/firmware/efi", F_OK) == 0) return "UEFI";
+    const bool isSeen =
+        access("/sys/firmware/acpi", F_OK) == 0 || access("/sys/firmware/memmap", F_OK) == 0;
+    return isSeen ? "BIOS" : "";
+}
+
 // A variable of the firmware: 4 bytes of attributes, then its value.
 void AddSecureBoot(KemdInventory& inventory, KemdInventoryItem& item) {
     constexpr size_t kSize = 5;
@@ -141,7 +149,7 @@ void AddKernel(KemdInventory& inventory) {
     item.Add("architecture", names.machine);
     item.Add("host_name", names.nodename);
     item.Add("operating_system", OperatingSystem());
-    item.Add("boot_mode", access("/sys/firmware/efi", F_OK) == 0 ? "UEFI" : "BIOS");
+    item.Add("boot_mode", BootMode());
     AddSecureBoot(inventory, item);
     const std::string signature = HypervisorSignature();
     item.Add("virtualization", DetectMachine(inventory, signature));

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <ctime>
 
 #include "inventory/host_inventory.h"
@@ -11,6 +13,9 @@ void ScanHost(KemdInventory& inventory, uint32_t sections) {
         KEMD_INVENTORY_SYSTEM | KEMD_INVENTORY_MEMORY | KEMD_INVENTORY_SLOTS;
     inventory.time = std::time(nullptr);
     inventory.sections = sections & kAll;
+    if (access("/sys/devices", F_OK) != 0) {
+        inventory.Note("/sys", "not mounted: what only the kernel's sysfs knows is absent");
+    }
     if ((sections & kFirmware) != 0) ScanSystem(inventory, sections);
     if ((sections & KEMD_INVENTORY_PCI) != 0) ScanPci(inventory);
     if ((sections & KEMD_INVENTORY_USB) != 0) ScanUsb(inventory);

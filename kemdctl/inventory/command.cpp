@@ -92,7 +92,7 @@ bool IsFile(const char* word) {
 KemdInventory Take(const CommandLine& line, uint32_t sections) {
     KemdInventory inventory = TakeInventory(sections, !line.Has("--no-health"));
     if (line.Has("--mask")) MaskInventory(inventory);
-    ComplainOfNotes(inventory);
+    ComplainOfNotes(inventory.notes, "");
     return inventory;
 }
 

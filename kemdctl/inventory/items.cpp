@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <map>
 #include <vector>
 
 #include "inventory/sections.h"
@@ -160,6 +161,7 @@ void ShowSections(ReportWriter& report, const KemdInventory& inventory, uint32_t
         if (isWanted && isNew) kinds.push_back(item.kind);
     }
     report.SetColumn(kColumn);
+    if (kinds.empty()) report.Line("nothing found");
     const char* before = "";
     for (const ItemKind kind : kinds) {
         Items items;
@@ -185,6 +187,18 @@ void ShowSections(ReportWriter& report, const KemdInventory& inventory, uint32_t
     }
 }
 
-void ComplainOfNotes(const KemdInventory& inventory) {
-    for (const std::string& note : inventory.notes) Complain("note: %s", Printable(note).c_str());
+void ComplainOfNotes(const std::vector<std::string>& notes, const std::string& subject) {
+    constexpr size_t kMost = 3;
+    std::map<std::string_view, size_t> reasons;
+    for (const std::string_view note : notes) {
+        const size_t colon = note.rfind(": ");
+        const std::string_view reason = colon == note.npos ? note : note.substr(colon + 2);
+        if (++reasons[reason] > kMost) continue;
+        Complain("note: %s%s", subject.c_str(), Printable(note).c_str());
+    }
+    for (const auto& [reason, count] : reasons) {
+        if (count <= kMost) continue;
+        Complain("note: %s%zu more: %s; the document has them all", subject.c_str(), count - kMost,
+                 Printable(reason).c_str());
+    }
 }

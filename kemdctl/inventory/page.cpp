@@ -12,8 +12,9 @@ namespace {
 using Item = KemdInventoryItem;
 using Items = std::vector<const Item*>;
 
-// Of drives and of ports. With what stands above them and a few warnings, 24 lines hold it.
+// Of drives and of ports. With the six lines above them and the prompt, 24 lines hold it.
 constexpr size_t kMostRows = 6;
+constexpr size_t kMostWarningLines = 5;
 constexpr size_t kColumn = 12;
 constexpr size_t kPageWidth = 80;
 
@@ -35,6 +36,7 @@ class Page {
     [[nodiscard]] std::string Memory() const;
     [[nodiscard]] std::vector<std::string> Drives() const;
     [[nodiscard]] std::vector<std::string> Ports() const;
+    [[nodiscard]] std::vector<std::string> Attention() const;
 
     ReportWriter& m_report;
     const KemdInventory& m_inventory;
@@ -228,6 +230,26 @@ std::vector<std::string> Page::Ports() const {
     return rows;
 }
 
+// The first ones weigh most. Two lines each have to do.
+std::vector<std::string> Page::Attention() const {
+    const std::vector<std::string>& warnings = m_inventory.warnings;
+    if (warnings.empty()) return {"nothing needs it"};
+    std::vector<std::string> lines;
+    for (size_t i = 0; i < warnings.size(); ++i) {
+        std::string_view rest = warnings[i];
+        std::vector<std::string> own = {Printable(TakeWords(rest, kPageWidth - kColumn))};
+        if (!rest.empty()) own.push_back(Printable(rest));
+        const size_t room = kMostWarningLines - (i + 1 < warnings.size() ? 1 : 0);
+        if (lines.size() + own.size() > room) {
+            lines.push_back("and " + std::to_string(warnings.size() - i) +
+                            " more: kemdctl inventory --long, at its end");
+            break;
+        }
+        lines.insert(lines.end(), own.begin(), own.end());
+    }
+    return lines;
+}
+
 void Page::Show() {
     Line("Machine", First(ItemKind::kSystem, {"vendor", "model", "version"}));
     Line("Serial", First(ItemKind::kSystem, {"serial"}));
@@ -238,13 +260,10 @@ void Page::Show() {
     Rows("Drives", Drives(), "drives");
     Rows("Ports", Ports(), "network");
     const char* label = "Attention";
-    for (const std::string& warning : m_inventory.warnings) {
-        for (std::string_view rest = warning; !rest.empty();) {
-            Line(label, Printable(TakeWords(rest, kPageWidth - kColumn)));
-            label = "";
-        }
+    for (const std::string& line : Attention()) {
+        Line(label, line);
+        label = "";
     }
-    if (m_inventory.warnings.empty()) Line(label, "nothing needs it");
 }
 
 }  // namespace

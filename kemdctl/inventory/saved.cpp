@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <optional>
 
 #include "inventory/difference.h"
 #include "inventory/sections.h"
 #include "inventory/sources.h"
 #include "inventory/store.h"
+#include "kemdctl/inventory/items.h"
 #include "kemdctl/ui/output_file.h"
 #include "kemdctl/ui/report.h"
 #include "kemdctl/ui/text.h"
@@ -133,10 +135,23 @@ void ComplainOfSections(const KemdInventory& before, const KemdInventory& after)
              missing.c_str());
 }
 
-void ComplainOfNotes(const char* path, const KemdInventory& inventory) {
-    for (const std::string& note : inventory.notes) {
-        Complain("note: %s: %s", Printable(path).c_str(), Printable(note).c_str());
+void ComplainOfBoth(const KemdInventory& before, const KemdInventory& after,
+                    const DiffOptions& options) {
+    std::vector<std::string> first = before.notes;
+    std::vector<std::string> second = after.notes;
+    std::vector<std::string> both;
+    const auto isInBoth = [&second](const std::string& note) {
+        return std::find(second.begin(), second.end(), note) != second.end();
+    };
+    std::copy_if(first.begin(), first.end(), std::back_inserter(both), isInBoth);
+    for (const std::string& note : both) {
+        std::erase(first, note);
+        std::erase(second, note);
     }
+    ComplainOfNotes(both, "both: ");
+    ComplainOfNotes(first, Printable(options.before) + ": ");
+    ComplainOfNotes(second,
+                    (options.after != nullptr ? Printable(options.after) : "this machine") + ": ");
 }
 
 }  // namespace
@@ -201,8 +216,7 @@ int ShowDifferences(ReportWriter& report, const DiffOptions& options) {
         isOfMachine ? TakeInventory(before->sections, options.withHealth)
                     : LoadSaved(options.after);
     if (!after) return kError;
-    ComplainOfNotes(options.before, *before);
-    ComplainOfNotes(isOfMachine ? "this machine" : options.after, *after);
+    ComplainOfBoth(*before, *after, options);
     ComplainOfSections(*before, *after);
     const std::vector<ItemDifference> differences =
         Wanted(CompareInventories(*before, *after, options.withVolatile), options.ignored);

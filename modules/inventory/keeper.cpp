@@ -17,28 +17,10 @@ constexpr const char* kTag = "inventory";
 constexpr const char* kDirectory = "/var/lib/kemd";
 constexpr const char* kFile = "/var/lib/kemd/inventory.json";
 // More says nothing: the hardware is another one.
-constexpr unsigned kMostLines = 100;
-
-struct Lines {
-    uint32_t traced = 0;  // sections that need no line
-    unsigned count = 0;
-};
+constexpr size_t kMostLines = 100;
 
 const char* OrNone(const char* text) {
     return text == nullptr ? "(none)" : text;
-}
-
-// A drive in standby, or one that did not answer in time, says nothing about its health.
-bool HasAnswered(const KemdInventoryItem* item) {
-    KemdInventoryField health{};
-    health.size = sizeof health;
-    return KemdInventoryFieldByName(item, "health", &health) == 0 &&
-           std::string_view(health.text) != "unknown";
-}
-
-bool IsOfHealth(const char* field) {
-    const std::string_view name(field);
-    return name == "health" || name == "critical_warning" || name == "spare_threshold";
 }
 
 // Calls `write` with a line for each thing that changed.
@@ -51,11 +33,9 @@ void Describe(const KemdInventoryChange& change, const Write& write) {
         write(id + what + KemdInventoryItemName(item));
         return;
     }
-    const bool hasHealth = HasAnswered(change.before) && HasAnswered(change.after);
     if (change.fieldCount == 0) write(id + " changed: it sits in another place");
     for (uint32_t i = 0; i < change.fieldCount; ++i) {
         const KemdInventoryFieldChange& field = change.fields[i];
-        if (IsOfHealth(field.name) && !hasHealth) continue;
         write(id + " changed: " + field.name + ": " + OrNone(field.before) + " -> " +
               OrNone(field.after));
     }
@@ -92,42 +72,62 @@ void InventoryKeeper::Configure(const InventorySettings& settings) {
     m_settings = settings;
 }
 
+// A device that came while a scan ran is seen by the scan and by the watch.
 void InventoryKeeper::Trace(const KemdInventoryChange& change) {
-    Describe(change, [](const std::string& line) { KemdTrace(kTag, 1, "%s", line.c_str()); });
+    const std::lock_guard lock(m_mutex);
+    Describe(change, [this](const std::string& line) {
+        if (m_compared.erase(line) != 0) return;
+        m_compared.clear();
+        if (m_seen.size() >= kMostLines) return;
+        m_seen.insert(line);
+        KemdTrace(kTag, 1, "%s", line.c_str());
+        if (m_seen.size() < kMostLines) return;
+        KemdTrace(kTag, 1, "many changes: the next inventory has what follows");
+    });
+}
+
+void InventoryKeeper::ReportKept(int error) {
+    const bool isNew = error != m_keptError;
+    m_keptError = error;
+    if (error == 0 || error == ENOENT || !isNew) return;
+    KemdMessage(kTag, "cannot read the last inventory in %s: %s; a new one replaces it", kFile,
+                error == EBADMSG ? "it is no inventory" : std::strerror(error));
 }
 
 InventoryHandle InventoryKeeper::Kept() {
     KemdInventory* kept = nullptr;
     const int error = KemdInventoryLoad(&kept, kFile);
-    if (error != 0 && error != ENOENT) {
-        KemdMessage(kTag, "cannot read the last inventory in %s: %s; a new one replaces it", kFile,
-                    error == EBADMSG ? "it is no inventory" : std::strerror(error));
-    }
+    const std::lock_guard lock(m_mutex);
+    ReportKept(error);
     return InventoryHandle(kept);
 }
 
 void InventoryKeeper::Compare(const KemdInventory& before, const KemdInventory& after,
-                              uint32_t traced) {
-    Lines lines = {traced, 0};
-    const auto count = [](void* user, const KemdInventoryChange* change) {
-        auto& counted = *static_cast<Lines*>(user);
-        const auto* const item = change->after != nullptr ? change->after : change->before;
-        if ((KemdInventoryItemSection(item) & counted.traced) != 0) return;
-        Describe(*change, [&counted](const std::string& line) {
-            if (++counted.count <= kMostLines) KemdTrace(kTag, 1, "%s", line.c_str());
+                              bool isQuiet) {
+    std::vector<std::string> lines;
+    const auto collect = [](void* user, const KemdInventoryChange* change) {
+        Describe(*change, [user](std::string line) {
+            static_cast<std::vector<std::string>*>(user)->push_back(std::move(line));
         });
     };
-    const int error = KemdInventoryCompare(&before, &after, 0, count, &lines);
+    const int error = KemdInventoryCompare(&before, &after, 0, collect, &lines);
     if (error != 0) {
         KemdMessage(kTag, "cannot compare with the last inventory: %s", std::strerror(error));
         return;
     }
-    if (lines.count > kMostLines) {
-        KemdTrace(kTag, 1, "and %u more changes", lines.count - kMostLines);
+    const std::lock_guard lock(m_mutex);
+    m_compared.clear();
+    size_t count = 0;
+    for (const std::string& line : lines) {
+        if (m_earlier.contains(line) || m_seen.contains(line)) continue;
+        if (++count > kMostLines) continue;
+        KemdTrace(kTag, 1, "%s", line.c_str());
+        m_compared.insert(line);
     }
-    if (traced != 0 && lines.count == 0) return;
-    KemdTrace(kTag, 1, "%u change%s since the inventory of %s", lines.count,
-              lines.count == 1 ? "" : "s", TimeText(KemdInventoryTime(&before)).c_str());
+    if (count > kMostLines) KemdTrace(kTag, 1, "and %zu more changes", count - kMostLines);
+    if (isQuiet && count == 0) return;
+    KemdTrace(kTag, 1, "%zu change%s since the inventory of %s", lines.size(),
+              lines.size() == 1 ? "" : "s", TimeText(KemdInventoryTime(&before)).c_str());
 }
 
 void InventoryKeeper::TakeWarnings(const KemdInventory& inventory) {
@@ -150,24 +150,26 @@ void InventoryKeeper::TakeWarnings(const KemdInventory& inventory) {
     m_warnings = std::move(warnings);
 }
 
-void InventoryKeeper::Take(uint32_t traced) {
+void InventoryKeeper::Take(bool isQuiet) {
     uint32_t sections = 0;
     {
         const std::lock_guard lock(m_mutex);
         sections = m_settings.sections;
+        m_earlier = std::move(m_seen);
+        m_seen.clear();
     }
     KemdInventory* scanned = nullptr;
     int error = KemdInventoryScan(&scanned, sections);
     InventoryHandle inventory(scanned);
     if (error == 0) {
-        const InventoryHandle before = Kept();
+        const InventoryHandle before = m_unsaved != nullptr ? std::move(m_unsaved) : Kept();
         // The daemon's mask lets nobody else in, but other modules' files may be read by all.
         if (mkdir(kDirectory, 0755) == 0) (void)chmod(kDirectory, 0755);
         error = KemdInventorySave(inventory.get(), kFile);
         // What JSON cannot hold would differ from what is read back.
         if (error == 0) inventory = Kept();
         if (inventory != nullptr) {
-            if (before != nullptr) Compare(*before, *inventory, traced);
+            if (before != nullptr) Compare(*before, *inventory, isQuiet);
             TakeWarnings(*inventory);
         }
     }
@@ -179,6 +181,7 @@ void InventoryKeeper::Take(uint32_t traced) {
     if (inventory == nullptr) return;
     m_time = KemdInventoryTime(inventory.get());
     m_items = CountItems(*inventory);
+    if (error != 0) m_unsaved = std::move(inventory);
 }
 
 std::string InventoryKeeper::Problems() const {

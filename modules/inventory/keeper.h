@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -27,10 +28,10 @@ using InventoryHandle = std::unique_ptr<KemdInventory, InventoryCloser>;
 class InventoryKeeper {
   public:
     void Configure(const InventorySettings& settings);
-    // A scan. `traced`: sections whose changes have been traced as they happened.
-    void Take(uint32_t traced);
-    // For the watch: traces a change.
-    static void Trace(const KemdInventoryChange& change);
+    // A scan. `isQuiet`: without a summary when all that changed has been traced as it happened.
+    void Take(bool isQuiet);
+    // For the watch: traces a change, at most kMostLines lines between two scans.
+    void Trace(const KemdInventoryChange& change);
 
     // What somebody should look at: warnings that are not accepted; empty: nothing.
     [[nodiscard]] std::string Problems() const;
@@ -40,9 +41,11 @@ class InventoryKeeper {
     [[nodiscard]] std::string Status() const;
 
   private:
-    static void Compare(const KemdInventory& before, const KemdInventory& after, uint32_t traced);
+    void Compare(const KemdInventory& before, const KemdInventory& after, bool isQuiet);
     void TakeWarnings(const KemdInventory& inventory);
     [[nodiscard]] InventoryHandle Kept();
+    // Once for each error.
+    void ReportKept(int error);
 
     mutable std::mutex m_mutex;  // for all that follows
     InventorySettings m_settings;
@@ -50,4 +53,9 @@ class InventoryKeeper {
     int64_t m_time = 0;                   // of the last inventory; 0: none yet
     size_t m_items = 0;
     int m_error = 0;
+    int m_keptError = 0;
+    std::set<std::string> m_seen;      // lines that the watch has traced since the scan began
+    std::set<std::string> m_earlier;   // and before
+    std::set<std::string> m_compared;  // lines of the scan, until the watch sees something else
+    InventoryHandle m_unsaved;         // the last inventory, when there is no file; Take's thread's
 };

@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -30,6 +31,7 @@ constexpr const char* kDefaultSections = "system memory slots pci usb drives net
 constexpr uint32_t kWatched =
     KEMD_INVENTORY_PCI | KEMD_INVENTORY_USB | KEMD_INVENTORY_DRIVES | KEMD_INVENTORY_VOLUMES;
 constexpr int64_t kDay = 86'400'000;
+constexpr int kMostDelays = 10;
 
 // Of <linux/ioprio.h>, which is no C++.
 constexpr int kIoClassShift = 13;
@@ -112,9 +114,10 @@ class InventoryModule {
     std::condition_variable m_wake;
     InventorySettings m_settings;
     bool m_isStopping = false;
-    bool m_isAsked = false;                      // for a scan
-    std::optional<Clock::time_point> m_last;     // scan
-    std::optional<Clock::time_point> m_changed;  // as the watch saw it
+    bool m_isAsked = false;                          // for a scan
+    std::optional<Clock::time_point> m_last;         // scan
+    std::optional<Clock::time_point> m_firstChange;  // since the scan, as the watch saw it
+    std::optional<Clock::time_point> m_changed;      // the last one
     Clock::time_point m_started;
     pid_t m_threadId = 0;
     int m_watchError = 0;
@@ -148,6 +151,7 @@ int InventoryModule::Start() {
     m_isStopping = false;
     m_isAsked = false;
     m_last.reset();
+    m_firstChange.reset();
     m_changed.reset();
     m_started = Clock::now();
     try {
@@ -172,9 +176,10 @@ void InventoryModule::Stop() {
 
 void InventoryModule::OnChange(void* user, const KemdInventoryChange* change) try {
     auto& module = *static_cast<InventoryModule*>(user);
-    InventoryKeeper::Trace(*change);
+    module.m_keeper.Trace(*change);
     const std::lock_guard lock(module.m_mutex);
     module.m_changed = Clock::now();
+    if (!module.m_firstChange) module.m_firstChange = module.m_changed;
     module.m_wake.notify_all();
 } catch (const std::bad_alloc&) {
     KemdMessage(kTag, "there is not enough memory: a change is not reported");
@@ -184,8 +189,8 @@ std::optional<Clock::time_point> InventoryModule::NextScan() const {
     const std::chrono::milliseconds delay(m_settings.delayMs);
     if (m_isAsked) return Clock::time_point::min();
     if (!m_last) return m_started + delay;
-    // Changes seldom come alone.
-    if (m_changed) return *m_changed + delay;
+    // Changes seldom come alone, and those that never end are not waited for.
+    if (m_changed) return std::min(*m_changed + delay, *m_firstChange + kMostDelays * delay);
     if (m_settings.periodMs == 0) return std::nullopt;
     return *m_last + std::chrono::milliseconds(m_settings.periodMs);
 }
@@ -204,6 +209,7 @@ bool InventoryModule::Wait(bool& isQuiet) {
     }
     isQuiet = m_changed && !m_isAsked;
     m_isAsked = false;
+    m_firstChange.reset();
     m_changed.reset();
     m_last = Clock::now();
     return true;
@@ -238,7 +244,7 @@ void InventoryModule::Run() {
     while (Wait(isQuiet)) {
         try {
             if (m_watch == nullptr) OpenWatch();
-            m_keeper.Take(isQuiet ? kWatched : 0);
+            m_keeper.Take(isQuiet);
         } catch (const std::bad_alloc&) {
             KemdMessage(kTag, "there is not enough memory for an inventory");
         }

@@ -73,6 +73,29 @@ std::string Document(const std::string& items, const std::string& sections = "\"
            sections + R"(],"items":[)" + items + R"(],"warnings":[],"notes":[]})";
 }
 
+// A drive that sleeps or was not asked has no other health than before.
+TEST(InventoryStore, ComparesHealthThatIsKnown) {
+    const auto with = [](const char* health, const char* warning) {
+        KemdInventory inventory;
+        inventory.sections = KEMD_INVENTORY_DRIVES;
+        KemdInventoryItem& drive = inventory.Add(ItemKind::kDrive, "drive:1", "sda");
+        drive.Add("health", health);
+        drive.Add("critical_warning", warning);
+        return inventory;
+    };
+    const struct {
+        const char *before, *after;
+        size_t changes;
+        size_t withVolatile;
+    } cases[] = {{"ok", "failing", 1, 1}, {"ok", "unknown", 0, 1}, {"", "ok", 0, 1}};
+    for (const auto& [before, after, changes, withVolatile] : cases) {
+        const KemdInventory first = with(before, "");
+        const KemdInventory second = with(after, "temperature");
+        EXPECT_EQ(CompareInventories(first, second, false).size(), changes) << after;
+        EXPECT_EQ(CompareInventories(first, second, true).size(), withVolatile) << after;
+    }
+}
+
 TEST(InventoryStore, RefusesWhatIsNoInventory) {
     const std::string head = R"({"kind":"pci","id":"pci:1","name":"1",)";
     const std::pair<std::string, std::string> cases[] = {

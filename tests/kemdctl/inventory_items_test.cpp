@@ -1,4 +1,7 @@
 // kemdctl inventory over a made sysfs: forms, kept inventories, differences, masks.
+#include "inventory/host_inventory.h"
+#include "inventory/store.h"
+#include "kemdctl/inventory/mask.h"
 #include "tests/inventory/memory_world.h"
 #include "tests/kemdctl/ctl.h"
 
@@ -100,14 +103,18 @@ TEST_F(InventoryItems, ThePageFitsAScreen) {
     for (const char name : std::string("bcdefghijklmnop")) {
         MakeDrive(std::string("vd") + name, std::string("S") + name);
     }
+    for (char card = 'a'; card <= 'f'; ++card) {
+        MakeFunction(std::string(kBridge) + "/0000:0" + card + ":00.0", "10000", "4");
+    }
     const std::string page = Ctl("inventory").out;
     EXPECT_TRUE(InOrder(
         page, {"Machine     ", "Firmware    ", "Memory      ", "Drives      16 x  2 GiB  virtio\n",
-               "Attention   PCI 0000:01:00.0 runs with 4 of 8 lanes\n"}));
+               "Attention   PCI 0000:01:00.0 runs with 4 of 8 lanes\n",
+               "            and 3 more: kemdctl inventory --long"}));
     std::istringstream lines(page);
     int count = 0;
     for (std::string line; std::getline(lines, line); ++count) EXPECT_LE(line.size(), 80U) << line;
-    EXPECT_LE(count, 24);
+    EXPECT_LE(count, 24 - 6 - 1);  // ports have up to six lines, the prompt one
     fs::remove("/dev/mem");
 }
 
@@ -146,9 +153,30 @@ TEST_F(InventoryItems, WhatChangedIsALineEach) {
               "pci:0000:01:00.0 changed: parent: pci:0000:00:03.0 -> pci:0000:00:04.0\n");
     EXPECT_EQ(Ctl("inventory diff /tmp/after /tmp/moved --ignore parent --volatile").out,
               "pci:0000:00:03.0 changed: link_speed: 8000 MT/s -> 2500 MT/s\n");
+    // Notes of the same reason are a few lines.
+    std::string noted = ReadFile("/tmp/after");
+    std::string notes;
+    for (const char place : std::string("abcde")) {
+        notes += std::string("\"/mnt/") + place + ": Permission denied\", ";
+    }
+    noted.insert(noted.find("\"notes\": [") + 10, notes + "\"x: none\", ");
+    WriteFile("/tmp/noted", noted);
+    const std::string said = Ctl("inventory diff /tmp/noted /tmp/after").err;
+    EXPECT_TRUE(Holds(
+        said, {"note: /tmp/noted: /mnt/c: Permission denied\n", "/tmp/noted: x: none",
+               "note: both: ", "note: /tmp/noted: 2 more: Permission denied; the document has"}));
+    EXPECT_FALSE(Contains(said, "/mnt/d"));
     ASSERT_EQ(Ctl("inventory save /tmp/pci pci").code, 0);
     EXPECT_TRUE(Contains(Ctl("inventory diff /tmp/after /tmp/pci").err,
                          "these sections, which are not compared: drives\n"));
+}
+
+// What is not there, and why.
+TEST_F(InventoryItems, NothingIsSaidToBeNothing) {
+    EXPECT_TRUE(Shows("inventory usb", 0, {"nothing found\n"}));
+    fs::remove_all("/sys/devices");
+    ExpectAll("inventory ", {{"drives", 0, "nothing found\n", "note: /sys: not mounted: "}});
+    EXPECT_FALSE(Contains(Ctl("inventory --json").out, "boot_mode"));
 }
 
 // Nothing of a serial number is left, also in ids, and equal ones stay equal.
@@ -163,6 +191,34 @@ TEST_F(InventoryItems, PrivateFieldsAreMasked) {
     EXPECT_TRUE(InOrder(json, {"\"id\": \"drive:", "masked-1\"", "\"serial\": \"masked-1\"",
                                "masked-2\"", "\"serial\": \"masked-2\""}));
     EXPECT_FALSE(Contains(json, "SERIAL"));
+}
+
+// The same name with other signs, a part of it, a short one, the ports on the way to a drive.
+TEST_F(InventoryItems, PrivateTextsAreFoundInOtherForms) {
+    const std::pair<std::string, std::string> items[] = {
+        // before, after
+        {R"("kind":"kernel","id":"k","name":"k","host_name":"db1.example.org")",
+         R"("host_name": "masked-1")"},
+        {R"("kind":"volume","id":"volume:LVM-x","name":"db1-vg-root","volume_group":"db12")",
+         R"("name": "masked-2-vg-root", "volume_group": "db12")"},
+        {R"("kind":"interface","id":"i","name":"enx525400123456","mac":"52:54:00:12:34:56")",
+         R"("name": "enxmasked-3", "mac": "masked-3")"},
+        {R"("kind":"drive","id":"drive:0x5000c500a1b2c3d4","name":"sda","by_path":)"
+         R"("/dev/disk/by-path/pci-0000:03:00.0-sas-exp0x500605b0000272bf-lun-0",)"
+         R"("wwn":"naa.5000c500a1b2c3d4","serial":"00000001")",
+         R"("id": "drive:0xmasked-5", "name": "sda", "by_path": )"
+         R"("/dev/disk/by-path/pci-0000:03:00.0-sas-exp0xmasked-4-lun-0", "wwn": "masked-5")"},
+        {R"("kind":"pci","id":"pci:0000:00:01.0","name":"0000:00:01.0")", "pci:0000:00:01.0"}};
+    std::string json = R"({"format":"kemd inventory","version":1,"time":1,"sections":[],)"
+                       R"("warnings":[],"notes":[],"items":[)";
+    for (const auto& [before, after] : items)
+        json += (json.ends_with('[') ? "{" : ",{") + before + "}";
+    KemdInventory inventory;
+    std::string fault;
+    ASSERT_EQ(ParseInventory(json + "]}", inventory, fault), 0) << fault;
+    MaskInventory(inventory);
+    const std::string masked = InventoryJson(inventory);
+    for (const auto& [before, after] : items) EXPECT_TRUE(Contains(masked, after)) << masked;
 }
 
 }  // namespace

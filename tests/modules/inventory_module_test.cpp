@@ -131,6 +131,43 @@ TEST_F(InventoryModuleTest, TracesWhatTheWatchSees) {
     EXPECT_FALSE(Contains(trace, "since the inventory"));
 }
 
+// Of many changes a part is traced, and a stream of them does not put the inventory off.
+TEST_F(InventoryModuleTest, BearsManyChanges) {
+    Configure("Delay = 100ms\nHealth = no\nSections = pci volumes\n");
+    const pid_t pid = Run();
+    ASSERT_TRUE(WaitFor([] { return fs::exists(kFile); }));
+    MakeFunction("0000:00:03.0");  // without an event: the scan finds it
+    int round = 0;
+    EXPECT_TRUE(WaitFor([&] {
+        const std::string path = "/tmp/many" + std::to_string(round++);
+        fs::create_directories(path);
+        for (int i = 0; i < 8; ++i) {
+            if (mount("none", path.c_str(), "tmpfs", 0, nullptr) != 0) return true;
+        }
+        return Contains(ReadFile(kFile), "0000:00:03.0");
+    }));
+    EXPECT_TRUE(Traces("pci:0000:00:03.0 added: 0000:00:03.0\n"));
+    EXPECT_EQ(Stop(pid), 0);
+
+    Configure("Delay = 1h\nHealth = no\nSections = volumes\n");
+    fs::remove(kFile);
+    const pid_t calm = Run();
+    EXPECT_EQ(Ctl("modules request inventory scan").code, 0);
+    ASSERT_TRUE(WaitFor([] { return fs::exists(kFile); }));
+    for (int i = 0; i < 150; ++i) {
+        const std::string path = "/tmp/flood" + std::to_string(i);
+        fs::create_directories(path);
+        ASSERT_EQ(mount("none", path.c_str(), "tmpfs", 0, nullptr), 0);
+    }
+    ASSERT_TRUE(Traces("many changes: the next inventory has what follows"));
+    EXPECT_EQ(Ctl("modules request inventory scan").code, 0);
+    EXPECT_TRUE(Traces("150 changes since the inventory of "));
+    for (const char* const number : {"0", "149"}) {
+        EXPECT_TRUE(Traces("flood" + std::string(number) + " added: "));
+    }
+    EXPECT_EQ(Stop(calm), 0);
+}
+
 // Before its time, and while thousands of functions are read.
 TEST_F(InventoryModuleTest, StopsAtOnce) {
     Configure("Delay = 1h\n");
@@ -158,7 +195,18 @@ TEST_F(InventoryModuleTest, SaysWhatItCannotKeep) {
     fs::create_directories(kFile);
     EXPECT_EQ(Ctl("modules request inventory scan").code, 0);
     EXPECT_TRUE(IsHealth("failed: the inventory is not kept: Is a directory")) << Health();
+    // Each fault and each change is traced once, as often as it is tried.
+    MakeFunction("0000:00:03.0");
+    for (const char* const changes : {"1 change since", "0 changes since"}) {
+        EXPECT_EQ(Ctl("modules request inventory scan").code, 0);
+        const std::string text = std::string(changes) + " the inventory of ";
+        EXPECT_TRUE(Traces(text)) << text;
+    }
     EXPECT_EQ(Stop(pid), 0);
+    const std::string trace = Trace();
+    for (const char* const once : {"03.0 added", "cannot keep the inventory in"}) {
+        EXPECT_EQ(trace.find(once), trace.rfind(once)) << once;
+    }
 }
 
 }  // namespace
