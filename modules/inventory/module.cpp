@@ -23,10 +23,10 @@
 #include "kemd/config.h"
 #include "kemd/trace.h"
 #include "modules/inventory/keeper.h"
+#include "modules/module_calls.h"
 
 namespace {
 
-constexpr const char* kTag = "inventory";
 constexpr const char* kDefaultSections = "system memory slots pci usb drives network volumes";
 constexpr uint32_t kWatched =
     KEMD_INVENTORY_PCI | KEMD_INVENTORY_USB | KEMD_INVENTORY_DRIVES | KEMD_INVENTORY_VOLUMES;
@@ -56,8 +56,8 @@ bool ReadSections(const char* text, uint32_t& sections) {
         uint32_t section = 0;
         for (const auto& each : kSections) section |= word == each.name ? each.section : 0;
         if (section == 0) {
-            KemdMessage(kTag, "Sections: there is no section %s; known are: %s", word.c_str(),
-                        kDefaultSections);
+            KemdMessage("inventory", "Sections: there is no section %s; known are: %s",
+                        word.c_str(), kDefaultSections);
             return false;
         }
         sections |= section;
@@ -86,6 +86,8 @@ void SetPriority(pid_t thread, bool isLow) {
 
 class InventoryModule {
   public:
+    static constexpr const char* kTag = "inventory";
+
     InventoryModule() = default;
     InventoryModule(const InventoryModule&) = delete;
     InventoryModule& operator=(const InventoryModule&) = delete;
@@ -281,33 +283,7 @@ int InventoryModule::Request(const std::string& text, KemdReply* reply) {
     return reply->write(reply, status.data(), status.size());
 }
 
-// No exception may leave the module.
-template <typename Call>
-int Guarded(Call call, int withoutMemory = ENOMEM) try {
-    return call();
-} catch (const std::bad_alloc&) {
-    return withoutMemory;
-}
-
-InventoryModule& Module(void* user) {
-    return *static_cast<InventoryModule*>(user);
-}
-int Configure(void* user, const KemdConfig* config) {
-    return Guarded([&] { return Module(user).Configure(config); });
-}
-int Start(void* user) {
-    return Guarded([&] { return Module(user).Start(); });
-}
-void Stop(void* user) {
-    (void)Guarded([&] { return Module(user).Stop(), 0; });
-}
-int Health(void* user, char* text, size_t size) {
-    return Guarded([&] { return Module(user).Health(text, size); }, KEMD_HEALTH_WARNING);
-}
-int Request(void* user, const char* text, KemdReply* reply) {
-    return Guarded([&] { return Module(user).Request(text, reply); });
-}
-
+using Calls = ModuleCalls<InventoryModule>;
 InventoryModule g_module;
 
 }  // namespace
@@ -318,9 +294,9 @@ KEMD_MODULE_V2 = {KEMD_MODULE_V2_HEAD,
                   "Hardware and volumes of the host, and what changes about them",
                   nullptr,
                   &g_module,
-                  Configure,
-                  Start,
-                  Stop,
+                  Calls::Configure,
+                  Calls::Start,
+                  Calls::Stop,
                   nullptr,
-                  Health,
-                  Request};
+                  Calls::Health,
+                  Calls::Request};
