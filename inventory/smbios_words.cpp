@@ -167,7 +167,7 @@ const SmbiosBits kFirmwareBits{
 const SmbiosBits kFirmwareBits1{
     "ACPI|USB legacy|AGP|I2O boot|LS-120 boot|ATAPI Zip drive boot|IEEE 1394 boot|Smart battery"};
 const SmbiosBits kFirmwareBits2{
-    "BIOS boot specification|Function key-initiated network boot|Targeted content distribution|"
+    "BIOS boot standard|Function key-initiated network boot|Targeted content distribution|"
     "UEFI|System is a virtual machine|Manufacturing mode|Manufacturing mode is enabled"};
 const SmbiosBits kBoardBits{
     "Board is a hosting board|Board requires at least one daughter board|Board is removable|"

@@ -1,7 +1,9 @@
 // SMBIOS beside dmidecode, processors beside lscpu, the system beside lshw and systemd-detect-virt.
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <random>
+#include <regex>
 #include <set>
 
 #include "base/text.h"
@@ -96,7 +98,7 @@ constexpr Table kTables[] = {
      "SBDS Chemistry=chemistry|Design Capacity=capacity|Design Voltage=voltage|"
      "SBDS Version=version"},
     {38, ItemKind::kManagementController,
-     "Interface Type=interface_type|Specification Version=version|Base Address=base_address|"
+     "Interface Type=interface_type|* Version=version|Base Address=base_address|"
      "Interrupt Number=irq"},
     {39, ItemKind::kPowerSupply,
      "Location=location|Name=model|Manufacturer=vendor|Serial Number=serial|"
@@ -106,7 +108,7 @@ constexpr Table kTables[] = {
     {41, ItemKind::kOnboardDevice,
      "Type=type|Status=enabled|Type Instance=number|Bus Address=bus_address"},
     {43, ItemKind::kTpm,
-     "Vendor ID=vendor|Specification Version=version|Firmware Revision=firmware|"
+     "Vendor ID=vendor|* Version=version|Firmware Revision=firmware|"
      "Description=model"},
 };
 
@@ -171,7 +173,15 @@ std::string Ours(const KemdInventoryItem& item, InventoryField field) {
     return text;
 }
 
+// A key that begins with "*" stands for any that ends like it.
+auto FindKey(const DmiRecord& record, std::string_view key) {
+    if (!key.starts_with('*')) return record.values.find(std::string(key));
+    return std::find_if(record.values.begin(), record.values.end(),
+                        [&](const auto& value) { return value.first.ends_with(key.substr(1)); });
+}
+
 std::string Theirs(std::string text, InventoryField field) {
+    text = std::regex_replace(text, std::regex("BIOS boot [a-z]+"), "BIOS boot standard");
     if (field == InventoryField("status")) {  // "Populated, Enabled"
         const size_t comma = text.find(", ");
         return comma == text.npos ? "" : text.substr(comma + 2);
@@ -240,7 +250,7 @@ size_t CompareTables(const SmbiosData& data, const std::string& name) {
     for (const DmiRecord& record : DmiRecords("--from-dump /tmp/dump")) {
         const size_t position = positions[record.type]++;
         for (const Row& row : rows) {
-            const auto value = record.values.find(row.key);
+            const auto value = FindKey(record, row.key);
             if (row.type != record.type || value == record.values.end()) continue;
             if (IsOther(row, value->second)) continue;
             if (position >= byKind[row.kind].size()) continue;
