@@ -27,8 +27,6 @@
 
 namespace {
 
-constexpr int64_t kNsPerMs = 1'000'000;
-constexpr int64_t kMinute = int64_t{60} * 1000 * kNsPerMs;
 constexpr int64_t kWindow = 2 * kMinute;
 constexpr int64_t kBefore = 15 * kMinute;
 

@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr int64_t kSecond = 1'000'000'000;
-
 // Seconds since 1970 with what it takes of the fraction.
 void AppendSeconds(std::string& to, int64_t wall) {
     to += std::to_string(wall / kSecond);

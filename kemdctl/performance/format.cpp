@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr int64_t kNsPerMs = 1'000'000;
-
 // Three digits; whole numbers as they are.
 std::string Digits(double number) {
     std::array<char, 32> text{};

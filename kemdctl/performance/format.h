@@ -11,6 +11,11 @@
 
 #include "performance/series.h"
 
+// The history counts in nanoseconds.
+inline constexpr int64_t kNsPerMs = 1'000'000;
+inline constexpr int64_t kSecond = 1000 * kNsPerMs;
+inline constexpr int64_t kMinute = 60 * kSecond;
+
 // How values of one series are shown. Values are in the series' unit, of a counter per second.
 class ValueFormat {
   public:

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "base/crash_file.h"
+#include "kemdctl/performance/format.h"
 #include "kemdctl/performance/history.h"
 #include "kemdctl/trace/crashes.h"
 #include "kemdctl/trace/options.h"
@@ -18,7 +19,6 @@
 
 namespace {
 
-constexpr int64_t kNsPerMs = 1'000'000;
 constexpr size_t kMostRecords = 5000;
 constexpr size_t kLongestText = 1000;
 

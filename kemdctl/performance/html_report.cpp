@@ -20,9 +20,6 @@
 
 namespace {
 
-constexpr int64_t kNsPerMs = 1'000'000;
-constexpr int64_t kSecond = 1'000'000'000;
-constexpr int64_t kMinute = 60 * kSecond;
 constexpr int64_t kHour = 60 * kMinute;
 // More than any screen has pixels, to zoom in.
 constexpr int64_t kMostSteps = 8640;

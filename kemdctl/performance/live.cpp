@@ -22,7 +22,6 @@
 
 namespace {
 
-constexpr int64_t kSecond = 1'000'000'000;
 // The first rates come soon.
 constexpr int64_t kFirst = kSecond / 4;
 

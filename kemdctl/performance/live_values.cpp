@@ -12,7 +12,6 @@
 namespace {
 
 constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
-constexpr int64_t kSecond = 1'000'000'000;
 
 bool IsDigit(char c) {
     return c >= '0' && c <= '9';

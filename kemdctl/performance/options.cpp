@@ -5,12 +5,12 @@
 #include <cstring>
 #include <iterator>
 
+#include "kemdctl/performance/format.h"
 #include "kemdctl/trace/time_word.h"
 #include "kemdctl/ui/text.h"
 
 namespace {
 
-constexpr int64_t kNsPerMs = 1'000'000;
 constexpr const char* kTimeHelp =
     "not a time such as \"2026-11-15 20:04:51.123\", 20:04, today or -2h30m";
 

@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr int64_t kSecond = 1'000'000'000;
-
 // What is shown.
 struct View {
     std::vector<Column> columns;
