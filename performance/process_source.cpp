@@ -11,12 +11,12 @@
 #include <cstring>
 
 #include "base/unique_fd.h"
+#include "performance/source.h"
 #include "performance/text_cursor.h"
 
 namespace {
 
-constexpr size_t kMost = 10;
-constexpr double kSecondNs = 1e9;
+constexpr size_t kMostProcesses = 10;
 
 // As the start of a process is counted: suspended time included.
 uint64_t TicksSinceBoot() {
@@ -96,7 +96,7 @@ void ProcessSource::AddTop(const char* what, uint64_t Process::*use, int64_t per
     for (const Process& process : m_now) {
         if (process.*use != 0) m_order.push_back(&process);
     }
-    const size_t count = std::min(kMost, m_order.size());
+    const size_t count = std::min(kMostProcesses, m_order.size());
     std::partial_sort(m_order.begin(), m_order.begin() + static_cast<long>(count), m_order.end(),
                       [&](const Process* a, const Process* b) { return a->*use > b->*use; });
     for (size_t i = 0; i < count; ++i) {
@@ -109,7 +109,7 @@ void ProcessSource::AddTop(const char* what, uint64_t Process::*use, int64_t per
             m_lines += static_cast<unsigned char>(letter) < ' ' ? '?' : letter;
         }
         const auto value = static_cast<double>(process.*use);
-        const double seconds = static_cast<double>(period) / kSecondNs;
+        const double seconds = static_cast<double>(period) / static_cast<double>(kSecondNs);
         if (use == &Process::cpu) {
             const auto ticksPerSecond = static_cast<double>(sysconf(_SC_CLK_TCK));
             length =

@@ -7,7 +7,6 @@
 
 namespace {
 
-constexpr int64_t kMs = 1'000'000;
 // Less is the reading itself.
 constexpr int64_t kLeastSuspend = 100 * kMs;
 constexpr int64_t kLeastStep = 20 * kMs;

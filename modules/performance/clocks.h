@@ -4,6 +4,9 @@
 
 #include <cstdint>
 
+inline constexpr int64_t kMs = 1'000'000;  // nanoseconds
+inline constexpr int64_t kSecond = 1000 * kMs;
+
 // In nanoseconds.
 struct ClockReading {
     int64_t monotonic = 0;  // stands still while the machine sleeps

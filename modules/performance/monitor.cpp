@@ -19,8 +19,6 @@ namespace {
 
 constexpr const char* kTag = "performance";
 constexpr const char* kVersion = "1.0";
-constexpr int64_t kMs = 1'000'000;
-constexpr int64_t kSecond = 1000 * kMs;
 constexpr int64_t kRetry = 60 * kSecond;
 // What cannot be had may change, as when a disk no longer answers.
 constexpr int64_t kNotesEvery = 10 * kSecond;

@@ -5,13 +5,13 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "modules/performance/clocks.h"
 #include "performance/history_reader.h"
 #include "performance/ranking.h"
 
 namespace {
 
 constexpr size_t kShown = 3;
-constexpr int64_t kSecond = 1'000'000'000;
 
 // A file system, disk or sensor moves as a whole.
 bool IsOf(const AlarmEvent& alarm, const SeriesInfo& info) {

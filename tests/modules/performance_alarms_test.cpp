@@ -7,8 +7,6 @@
 
 namespace {
 
-constexpr int64_t kSecond = 1'000'000'000;
-
 class AlarmsTest : public testing::Test {
   protected:
     void Limits(Rule rule, const Limit& limit) {
