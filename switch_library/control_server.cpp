@@ -20,7 +20,6 @@ using std::chrono::seconds;
 
 namespace {
 
-constexpr const char* kTag = "switch";
 constexpr size_t kMostClients = 32;
 constexpr uint64_t kNoClient = 0;         // the server's own requests
 constexpr uint64_t kNobody = UINT64_MAX;  // of those that need no answer

@@ -8,11 +8,10 @@
 
 #include "base/crash_file.h"
 #include "kemd/trace.h"
+#include "switch_library/module_board.h"
 #include "switch_library/module_call.h"
 
 namespace {
-
-constexpr const char* kTag = "switch";
 
 UniqueFd g_file;
 struct stat g_status {};

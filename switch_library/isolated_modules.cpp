@@ -22,7 +22,6 @@ using std::chrono::seconds;
 
 namespace {
 
-constexpr const char* kTag = "switch";
 constexpr size_t kPageSize = 4096;
 constexpr const char* kLost = "a module has closed descriptors of kemd: restart kemd";
 

@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr const char* kTag = "switch";
-
 void Assign(std::string& to, std::string_view text) noexcept {
     try {
         to = text;
@@ -215,9 +213,9 @@ void ModuleBoard::NameOverdueCall() {
         call = m_call;
     }
     constexpr const char* kText = "module %s hangs: its %s has not come back within %.1f s";
-    const double seconds = std::chrono::duration<double>(call.timeout).count();
-    KemdMessage(kTag, kText, call.file.data(), call.name, seconds);
-    WriteToJournal(kText, call.file.data(), call.name, seconds);
+    const double waited = std::chrono::duration<double>(call.timeout).count();
+    KemdMessage(kTag, kText, call.file.data(), call.name, waited);
+    WriteToJournal(kText, call.file.data(), call.name, waited);
 }
 
 bool ModuleBoard::Has(const std::string& file) {

@@ -17,6 +17,8 @@
 #include "services/module_settings.h"
 #include "switch_library/live_threads.h"
 
+inline constexpr const char* kTag = "switch";  // of all that this library traces
+
 enum class ModuleState {
     kNotLoaded,
     kDisabled,

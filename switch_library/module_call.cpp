@@ -17,8 +17,6 @@
 
 namespace {
 
-constexpr const char* kTag = "switch";
-
 // Not thread_local: in a library that takes the dynamic loader's lock.
 std::atomic<const ModuleCall*> g_current{nullptr};
 std::atomic<pid_t> g_thread{0};

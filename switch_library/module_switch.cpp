@@ -27,8 +27,6 @@
 
 namespace {
 
-constexpr const char* kTag = "switch";
-
 std::string ModuleDirectory() {
     const char* directory = std::getenv("OV_MODULE_DIR");
     return directory != nullptr && *directory != '\0' ? directory : kModuleDirectory;
