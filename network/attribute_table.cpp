@@ -1,11 +1,11 @@
 #include "network/attribute_table.h"
 
 #include <arpa/inet.h>
-#include <net/if_arp.h>
+#include <linux/if_arp.h>
 
 namespace {
 
-constexpr uint64_t kTunnel6 = 769;  // ARPHRD_TUNNEL6 and ARPHRD_IP6GRE: not in every net/if_arp.h
+constexpr uint64_t kTunnel6 = 769;  // ARPHRD_TUNNEL6 and ARPHRD_IP6GRE: not in every linux/if_arp.h
 constexpr uint64_t kGre6 = 823;
 
 // Tunnels have an IP address for their hardware's.

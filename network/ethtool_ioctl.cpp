@@ -1,8 +1,8 @@
 #include "network/ethtool_ioctl.h"
 
 #include <linux/ethtool.h>
+#include <linux/if.h>
 #include <linux/sockios.h>
-#include <net/if.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>

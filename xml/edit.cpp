@@ -1,13 +1,12 @@
 #include "xml/edit.h"
 
-#include <expat.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <string>
 
 #include "base/utf8.h"
+#include "xml/run.h"  // expat
 
 namespace {
 
