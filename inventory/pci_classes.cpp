@@ -5,13 +5,13 @@
 
 namespace {
 
-struct ClassName {
+struct PciClass {
     uint16_t code;  // 0x..80, "other", stands for the class as a whole
     const char* name;
 };
 
 // In the order of the codes.
-constexpr auto kClasses = std::to_array<ClassName>({
+constexpr auto kPciClasses = std::to_array<PciClass>({
     {0x0001, "VGA compatible unclassified device"},
     {0x0080, "Unclassified device"},
     {0x0100, "SCSI storage controller"},
@@ -82,9 +82,9 @@ constexpr auto kClasses = std::to_array<ClassName>({
 
 std::string_view Find(uint16_t code) {
     const auto* const found = std::lower_bound(
-        kClasses.begin(), kClasses.end(), code,
-        [](const ClassName& entry, uint16_t wanted) { return entry.code < wanted; });
-    return found == kClasses.end() || found->code != code ? std::string_view() : found->name;
+        kPciClasses.begin(), kPciClasses.end(), code,
+        [](const PciClass& entry, uint16_t wanted) { return entry.code < wanted; });
+    return found == kPciClasses.end() || found->code != code ? std::string_view() : found->name;
 }
 
 }  // namespace

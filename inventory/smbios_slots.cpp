@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr uint8_t kSlotType = 0x05;
+constexpr uint8_t kTypeOfSlot = 0x05;
 constexpr size_t kPeerSize = 5;
 
 std::string TypeWord(uint8_t type) {
@@ -35,7 +35,7 @@ void SmbiosItems::AddSlots() {
     constexpr uint8_t kUnknown = 1;
     for (const SmbiosRecord& record : Records(9)) {
         KemdInventoryItem& item = Add(ItemKind::kSlot, record.Text(0x04), record);
-        if (record.Has(kSlotType)) item.Add("type", TypeWord(record.Byte(kSlotType)));
+        if (record.Has(kTypeOfSlot)) item.Add("type", TypeWord(record.Byte(kTypeOfSlot)));
         record.AddWord(item, "width", 0x06, kSlotWidthWords);
         record.AddWord(item, "usage", 0x07, kSlotUsageWords);
         record.AddWord(item, "length", 0x08, kSlotLengthWords);

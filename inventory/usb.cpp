@@ -28,12 +28,12 @@ struct UsbDevice {
     std::vector<UsbInterface> interfaces;
 };
 
-struct ClassName {
+struct UsbClass {
     uint8_t code;
     const char* name;
 };
 // For hosts without usb.ids.
-constexpr auto kClasses = std::to_array<ClassName>({
+constexpr auto kUsbClasses = std::to_array<UsbClass>({
     {0x01, "Audio"},
     {0x02, "Communications"},
     {0x03, "Human Interface Device"},
@@ -59,9 +59,9 @@ constexpr auto kClasses = std::to_array<ClassName>({
 std::string_view ClassNameOf(const IdNames& names, uint32_t code) {
     if (const auto name = names.BaseClass(code); !name.empty()) return name;
     const auto* const found =
-        std::find_if(kClasses.begin(), kClasses.end(),
-                     [code](const ClassName& entry) { return entry.code == code >> 16; });
-    return found == kClasses.end() ? std::string_view() : found->name;
+        std::find_if(kUsbClasses.begin(), kUsbClasses.end(),
+                     [code](const UsbClass& entry) { return entry.code == code >> 16; });
+    return found == kUsbClasses.end() ? std::string_view() : found->name;
 }
 
 // These attributes are hexadecimal without "0x".

@@ -13,7 +13,7 @@
 namespace {
 
 constexpr size_t kFirstBuffer = size_t{32} << 10;
-constexpr int kAttempts = 8;
+constexpr int kDumpAttempts = 8;
 constexpr timeval kPatience = {10, 0};  // the kernel answers at once, or never
 
 // The text of an extended acknowledgement; empty when there is none.
@@ -214,7 +214,7 @@ int NetlinkSocket::Dump(NetlinkRequest& request, const std::function<void()>& on
         onBegin();
         const int error = ReadAnswer(request, onMessage);
         const bool isWhole = error == 0 && m_isConsistent;
-        if (isWhole || attempt == kAttempts) return error;
+        if (isWhole || attempt == kDumpAttempts) return error;
         if (error != 0 && error != ENOBUFS && error != EINTR) return error;
     }
 }

@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr int kAttempts = 4;
+constexpr int kSnapshotAttempts = 4;
 constexpr std::chrono::seconds kNamesFor(10);
 
 // RTM_NEWSTATS; index 0 when it is no such message.
@@ -180,7 +180,7 @@ int KemdNetwork::Take(uint32_t asked, KemdNetworkSnapshot& snapshot) {
     for (int attempt = 1;; ++attempt) {
         const int error = TakeOnce(parts, snapshot);
         if (error != 0) return error;
-        if (snapshot.isConsistent || attempt == kAttempts) break;
+        if (snapshot.isConsistent || attempt == kSnapshotAttempts) break;
     }
     constexpr uint32_t kByEthtool =
         kHardwareParts | KEMD_NETWORK_SETTINGS | KEMD_NETWORK_STATISTICS;

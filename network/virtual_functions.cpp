@@ -17,9 +17,9 @@ struct Setting {
     uint16_t attribute;
     int32_t Function::*member;
 };
-constexpr Setting kSettings[] = {{IFLA_VF_SPOOFCHK, &Function::isSpoofChecked},
-                                 {IFLA_VF_LINK_STATE, &Function::linkState},
-                                 {IFLA_VF_TRUST, &Function::isTrusted}};
+constexpr Setting kFunctionSettings[] = {{IFLA_VF_SPOOFCHK, &Function::isSpoofChecked},
+                                         {IFLA_VF_LINK_STATE, &Function::linkState},
+                                         {IFLA_VF_TRUST, &Function::isTrusted}};
 struct Counter {
     uint16_t attribute;
     uint64_t Function::*member;
@@ -52,7 +52,7 @@ void ReadVlans(Function& function, const Attributes& list) {
 }
 
 void ReadAttribute(Function& function, const Attribute& attribute) {
-    for (const Setting& setting : kSettings) {
+    for (const Setting& setting : kFunctionSettings) {
         if (setting.attribute != attribute.type) continue;
         // All bits set: the driver does not say, which is -1 as well.
         const auto value = HeaderOf<ifla_vf_spoofchk>(attribute.bytes);

@@ -51,11 +51,11 @@ struct ErrorsTask : SlowTask {
     }
 };
 
-constexpr SeriesRow kRow = {"disk_errors", "", "Commands that failed, or errors of its file system",
-                            SeriesKind::kCounter};
+constexpr SeriesRow kErrorRow = {
+    "disk_errors", "", "Commands that failed, or errors of its file system", SeriesKind::kCounter};
 
-struct Disk {
-    explicit Disk(std::string_view text) : name(text) {}
+struct FailingDisk {
+    explicit FailingDisk(std::string_view text) : name(text) {}
     void Clear(SeriesTable& table) const { series.Clear(table); }
     void Remove(SeriesTable& table) { series.Remove(table); }
     std::string name;
@@ -72,8 +72,8 @@ class DiskErrorSource : public SlowSource {
         if (!m_task.Take()) return;
         m_disks.Begin();
         for (const auto& [name, count] : m_task.Result().found) {
-            Disk& disk = m_disks.Next(name);
-            disk.series.Set(context.table, kRow, "disk", disk.name, count);
+            FailingDisk& disk = m_disks.Next(name);
+            disk.series.Set(context.table, kErrorRow, "disk", disk.name, count);
         }
         m_disks.End(context.table);
     }
@@ -81,7 +81,7 @@ class DiskErrorSource : public SlowSource {
 
   private:
     PendingTask<ErrorsTask> m_task;
-    DeviceList<Disk> m_disks;
+    DeviceList<FailingDisk> m_disks;
 };
 
 }  // namespace

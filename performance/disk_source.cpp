@@ -12,7 +12,7 @@ constexpr SeriesRow Sectors(const char* name, const char* help) {
 }
 // The numbers after the name, in the kernel's order; those without a name are not kept. 11 before
 // Linux 4.18, 15 before 5.5, then 17. The milliseconds have 32 bits.
-constexpr SeriesRow kRows[] = {
+constexpr SeriesRow kDiskRows[] = {
     {"disk_reads", "", "Reads completed"},
     {},
     Sectors("disk_read_bytes", "Bytes read"),
@@ -37,7 +37,7 @@ constexpr bool HasMilliseconds(const SeriesRow& row) {
     return row.divide == 1000;
 }
 
-using Numbers = std::array<uint64_t, std::size(kRows)>;
+using Numbers = std::array<uint64_t, std::size(kDiskRows)>;
 
 // A 32-bit counter as a 64-bit one.
 uint64_t Extend(uint64_t last, uint64_t now) {
@@ -77,9 +77,10 @@ class Disk {
         const bool isReset =
             m_count == 0 || numbers[kReads] < m_last[kReads] || numbers[kWrites] < m_last[kWrites];
         for (size_t i = 0; i < count; ++i) {
-            if (kRows[i].name == nullptr) continue;
-            if (HasMilliseconds(kRows[i]) && !isReset) numbers[i] = Extend(m_last[i], numbers[i]);
-            m_series[i].Set(table, kRows[i], "disk", name, numbers[i]);
+            if (kDiskRows[i].name == nullptr) continue;
+            if (HasMilliseconds(kDiskRows[i]) && !isReset)
+                numbers[i] = Extend(m_last[i], numbers[i]);
+            m_series[i].Set(table, kDiskRows[i], "disk", name, numbers[i]);
         }
         m_last = numbers;
         m_count = count;
@@ -95,7 +96,7 @@ class Disk {
     enum { kNew, kDisk, kPartition } role = kNew;
 
   private:
-    std::array<LazySeries, std::size(kRows)> m_series;
+    std::array<LazySeries, std::size(kDiskRows)> m_series;
     Numbers m_last{};
     size_t m_count = 0;  // of numbers; 0: it was not used yet
 };

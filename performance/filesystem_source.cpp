@@ -61,7 +61,7 @@ struct SpaceTask : SlowTask {
 constexpr SeriesRow Gauge(const char* name, const char* unit, const char* help) {
     return {name, unit, help, SeriesKind::kGauge};
 }
-constexpr SeriesRow kRows[] = {
+constexpr SeriesRow kFileSystemRows[] = {
     Gauge("filesystem_size_bytes", "bytes", "Size"),
     Gauge("filesystem_free_bytes", "bytes", "Free space, what is kept for root included"),
     Gauge("filesystem_available_bytes", "bytes", "Space that ordinary users can have"),
@@ -86,7 +86,7 @@ class Mount {
         // Without a fixed number of inodes: btrfs, FAT.
         const size_t count = space.f_files == 0 ? 3 : m_series.size();
         for (size_t i = 0; i < count; ++i) {
-            m_series[i].Set(table, kRows[i], "mount", name, values[i]);
+            m_series[i].Set(table, kFileSystemRows[i], "mount", name, values[i]);
         }
     }
     void AddNote(std::vector<std::string>& notes) const {
@@ -105,7 +105,7 @@ class Mount {
 
   private:
     PendingTask<SpaceTask> m_task;
-    std::array<LazySeries, std::size(kRows)> m_series;
+    std::array<LazySeries, std::size(kFileSystemRows)> m_series;
     bool m_isOverdue = false;
     int m_error = 0;
 };

@@ -88,8 +88,8 @@ struct FrequencyTask : SlowTask {
     bool m_isCpuInfo = false;
 };
 
-constexpr SeriesRow kRow = {"core_frequency_hertz", "hertz", "Frequency of a processor",
-                            SeriesKind::kGauge, 1000};
+constexpr SeriesRow kFrequencyRow = {"core_frequency_hertz", "hertz", "Frequency of a processor",
+                                     SeriesKind::kGauge, 1000};
 
 struct Core {
     explicit Core(std::string_view number) : name(number) {}
@@ -113,7 +113,7 @@ class FrequencySource : public SlowSource {
             char number[24];
             std::snprintf(number, sizeof number, "%u", static_cast<unsigned>(processor));
             Core& core = m_cores.Next(number);
-            core.series.Set(context.table, kRow, "cpu", core.name, kilohertz);
+            core.series.Set(context.table, kFrequencyRow, "cpu", core.name, kilohertz);
         }
         m_cores.End(context.table);
     }

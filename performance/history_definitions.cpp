@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr uint32_t kMagic = 0x4645444b;  // "KDEF"
+constexpr uint32_t kDefinitionMagic = 0x4645444b;  // "KDEF"
 
 struct DefinitionHead {
     uint32_t magic = 0;
@@ -18,7 +18,8 @@ struct DefinitionHead {
     uint16_t units = 0;
 };
 static_assert(sizeof(DefinitionHead) == 28);
-constexpr size_t kMostText = kMostDefinitionUnits * kDefinitionUnit - sizeof(DefinitionHead);
+constexpr size_t kMostDefinitionText =
+    kMostDefinitionUnits * kDefinitionUnit - sizeof(DefinitionHead);
 
 uint16_t TagOf(uint32_t checksum) {
     return static_cast<uint16_t>(checksum ^ checksum >> 16);
@@ -42,14 +43,14 @@ uint64_t Hash(const SeriesInfo& info) {
 // there is none for the names.
 std::string Serialise(const SeriesInfo& info) {
     DefinitionHead head;
-    head.magic = kMagic;
+    head.magic = kDefinitionMagic;
     head.multiply = info.multiply;
     head.divide = info.divide;
     head.kind = static_cast<uint8_t>(info.kind);
     head.isReal = info.isReal ? 1 : 0;
     const size_t names = info.name.size() + info.labels.size() + info.unit.size();
-    if (names > kMostText) return "";
-    const std::string help = info.help.substr(0, kMostText - names);
+    if (names > kMostDefinitionText) return "";
+    const std::string help = info.help.substr(0, kMostDefinitionText - names);
     std::string text;
     size_t i = 0;
     for (const auto* part : {&info.name, &info.labels, &info.unit, &help}) {
@@ -75,7 +76,7 @@ std::optional<Definition> ParseDefinition(std::span<const uint8_t> bytes) {
     std::memcpy(&head, bytes.data(), sizeof head);
     const size_t size = head.units * kDefinitionUnit;
     constexpr size_t kFrom = 2 * sizeof(uint32_t);
-    if (head.magic != kMagic || head.units == 0 || head.units > kMostDefinitionUnits ||
+    if (head.magic != kDefinitionMagic || head.units == 0 || head.units > kMostDefinitionUnits ||
         size > bytes.size() || head.checksum != Crc32c(bytes.data() + kFrom, size - kFrom)) {
         return std::nullopt;
     }

@@ -4,9 +4,9 @@
 
 namespace {
 
-constexpr uint32_t kMagic = 0x4b52414d;  // "MARK"
+constexpr uint32_t kMarkMagic = 0x4b52414d;  // "MARK"
 constexpr size_t kUnit = 8;
-constexpr size_t kMostText = 65535;
+constexpr size_t kMostMarkText = 65535;
 
 struct MarkHead {
     uint32_t magic = 0;
@@ -35,7 +35,7 @@ uint32_t Checksum(const MarkHead& head, const void* text) {
 std::vector<StoredMark> ParseMarks(std::span<const uint8_t> area) {
     std::vector<StoredMark> marks;
     for (size_t at = 0; at + sizeof(MarkHead) <= area.size(); at += kUnit) {
-        if (std::memcmp(area.data() + at, &kMagic, sizeof kMagic) != 0) continue;
+        if (std::memcmp(area.data() + at, &kMarkMagic, sizeof kMarkMagic) != 0) continue;
         MarkHead head;
         std::memcpy(&head, area.data() + at, sizeof head);
         const size_t size = SizeOf(head.length);
@@ -66,11 +66,11 @@ HistoryMarks::HistoryMarks(std::span<uint8_t> area) : m_area(area) {
 }
 
 void HistoryMarks::Append(uint32_t boot, const Mark& mark) {
-    const size_t length = std::min({mark.text.size(), kMostText, m_area.size() / 4});
+    const size_t length = std::min({mark.text.size(), kMostMarkText, m_area.size() / 4});
     const size_t size = SizeOf(length);
     if (m_end + size > m_area.size()) m_end = 0;
     MarkHead head;
-    head.magic = kMagic;
+    head.magic = kMarkMagic;
     head.sequence = m_sequence++;
     head.wall = mark.time.wall;
     head.monotonic = mark.time.monotonic;

@@ -12,7 +12,7 @@ struct CounterRow {
     SeriesRow series;
 };
 using Counters = KemdNetworkCounters;
-constexpr CounterRow kRows[] = {
+constexpr CounterRow kCounterRows[] = {
     {&Counters::rxBytes, {"network_received_bytes", "bytes", "Bytes received"}},
     {&Counters::txBytes, {"network_transmitted_bytes", "bytes", "Bytes transmitted"}},
     {&Counters::rxPackets, {"network_received_packets", "", "Packets received"}},
@@ -29,8 +29,8 @@ class Interface {
 
     void Read(SeriesTable& table, const Counters& counters) {
         for (size_t i = 0; i < m_series.size(); ++i) {
-            const uint64_t value = counters.*kRows[i].counter;
-            m_series[i].Set(table, kRows[i].series, "interface", name, value);
+            const uint64_t value = counters.*kCounterRows[i].counter;
+            m_series[i].Set(table, kCounterRows[i].series, "interface", name, value);
         }
     }
     void Clear(SeriesTable& table) const {
@@ -43,7 +43,7 @@ class Interface {
     std::string name;
 
   private:
-    std::array<LazySeries, std::size(kRows)> m_series;
+    std::array<LazySeries, std::size(kCounterRows)> m_series;
 };
 
 class InterfaceSource : public Source {

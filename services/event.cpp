@@ -53,10 +53,10 @@ class EventLock {
 
 // The reference lock is taken before the table's own lock.
 constinit NeverDestroyed<RecursiveMutex> g_referenceLock;
-constinit NeverDestroyed<EventRegistry> g_registry;
+constinit NeverDestroyed<EventRegistry> g_events;
 
 bool JoinNamed(EventHandle& handle, bool manualReset, const char* name) {
-    auto* event = static_cast<EventObject*>(g_registry.object.Find(name));
+    auto* event = static_cast<EventObject*>(g_events.object.Find(name));
     if (event == nullptr) return false;
     handle.event = event;
     ++event->refCount;
@@ -133,7 +133,7 @@ EventObject* NewEvent(bool initialState, bool manualReset, const char* name) {
     }
     if (name == nullptr) return event;
     event->name = strdup(name);
-    if (event->name == nullptr || !g_registry.object.Put(name, event)) {
+    if (event->name == nullptr || !g_events.object.Put(name, event)) {
         Destroy(event);
         return nullptr;
     }
@@ -155,7 +155,7 @@ bool DropReference(EventObject& event) {
     const RecursiveLock lock(g_referenceLock.object);
     if (event.refCount == 1) {
         event.refCount = 0;
-        if (event.name != nullptr) g_registry.object.Remove(event.name);
+        if (event.name != nullptr) g_events.object.Remove(event.name);
         return false;
     }
     --event.refCount;

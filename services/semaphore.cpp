@@ -20,7 +20,7 @@ struct SemaphoreObject {
 
 namespace {
 
-constinit NeverDestroyed<SemaphoreRegistry> g_registry;
+constinit NeverDestroyed<SemaphoreRegistry> g_semaphores;
 
 enum class Dropped { kOthersRemain, kDestroyed, kDestroyFailed };
 
@@ -34,7 +34,7 @@ Dropped DropReference(SemaphoreHandle& handle) {
 }
 
 void JoinNamed(SemaphoreHandle& handle, const char* name) {
-    auto* object = static_cast<SemaphoreObject*>(g_registry.object.Find(name));
+    auto* object = static_cast<SemaphoreObject*>(g_semaphores.object.Find(name));
     if (object == nullptr) return;
     handle.object = object;
     ++object->refCount;
@@ -53,7 +53,7 @@ SemaphoreObject* NewSemaphore(int64_t initialCount, int64_t maximumCount) {
 }  // namespace
 
 SemaphoreRegistry& NamedSemaphores() {
-    return g_registry.object;
+    return g_semaphores.object;
 }
 
 int CreateSemaphore(SemaphoreHandle& handle, int64_t initialCount, int64_t maximumCount,

@@ -19,12 +19,12 @@ uint64_t LineEnd(const std::string& text, uint64_t place) {
     return feed == text.npos ? text.npos : feed + 1;
 }
 
-constexpr size_t kBlock = 4096;
+constexpr size_t kCompared = 4096;
 
 // The first of so many bytes, which both texts have, that differs; `length` when none does.
 size_t FindDifference(const std::string& a, const std::string& b, size_t length) {
     size_t at = 0;
-    while (at + kBlock <= length && std::memcmp(&a[at], &b[at], kBlock) == 0) at += kBlock;
+    while (at + kCompared <= length && std::memcmp(&a[at], &b[at], kCompared) == 0) at += kCompared;
     while (at < length && a[at] == b[at]) ++at;
     return at;
 }
@@ -81,9 +81,9 @@ uint64_t LogCopy::SkipLines(uint64_t end, uint64_t limit) const {
 // the disk was full within the last. It is in the copy then.
 uint64_t LogCopy::TakeOver(uint64_t begin, uint64_t limit) {
     uint64_t changed = std::min(limit, m_now.size());
-    while (changed >= begin + kBlock && changed <= m_before.size() &&
-           std::memcmp(&m_now[changed - kBlock], &m_before[changed - kBlock], kBlock) == 0)
-        changed -= kBlock;
+    while (changed >= begin + kCompared && changed <= m_before.size() &&
+           std::memcmp(&m_now[changed - kCompared], &m_before[changed - kCompared], kCompared) == 0)
+        changed -= kCompared;
     while (changed > begin && changed <= m_before.size() &&
            m_now[changed - 1] == m_before[changed - 1])
         --changed;

@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr size_t kBlock = size_t{1} << 18;                     // stays in the processor's cache
+constexpr size_t kStreamBlock = size_t{1} << 18;               // stays in the processor's cache
 constexpr size_t kPreFillLine = trace_text::kPreFillLine - 1;  // without its line feed
 constexpr uint64_t kPage = 4096;
 
@@ -36,7 +36,7 @@ bool RecordStream::MakeRoom() {
     if (m_capacity >= kLongest) return false;
     // One byte more than the segment has: it is then read at once.
     const uint64_t length = m_segment.end - m_segment.begin + 1;
-    m_capacity = m_capacity == 0 ? std::min<uint64_t>(kBlock, length) : 2 * m_capacity;
+    m_capacity = m_capacity == 0 ? std::min<uint64_t>(kStreamBlock, length) : 2 * m_capacity;
     auto larger = std::make_unique_for_overwrite<char[]>(m_capacity);
     if (m_end > 0) std::memcpy(larger.get(), m_buffer.get(), m_end);
     m_buffer = std::move(larger);
@@ -182,12 +182,12 @@ std::optional<RecordPlace> FindRecord(const TraceFile& file, uint64_t begin, uin
 
 namespace {
 
-constexpr uint64_t kNear = uint64_t{1} << 16;
+constexpr uint64_t kNearTime = uint64_t{1} << 16;
 
 // At most 64 KiB before where records of this time begin in [begin, end), as if time never went
 // back.
 uint64_t FindTime(const TraceFile& file, int64_t time, uint64_t begin, uint64_t end) {
-    while (end - begin > kNear) {
+    while (end - begin > kNearTime) {
         const uint64_t middle = begin + (end - begin) / 2;
         const auto place = FindRecord(file, middle, end);
         if (place && place->kind == RecordKind::kRecord && place->time < time) {
@@ -225,13 +225,13 @@ void NarrowToTimes(const TraceFile& file, Segment& segment, int64_t since, int64
         to = earlier;
     }
     for (uint64_t from = segment.begin; until < INT64_MAX;) {
-        end = std::min(FindTime(file, until + 1, from, segment.end) + 2 * kNear, segment.end);
+        end = std::min(FindTime(file, until + 1, from, segment.end) + 2 * kNearTime, segment.end);
         const uint64_t later = FindSample(file, end, segment.end, INT64_MIN, until);
         if (later == segment.end) break;
         from = later;
     }
     // Times of several threads may differ a little from their order.
-    constexpr uint64_t kMargin = 4 * kNear;
+    constexpr uint64_t kMargin = 4 * kNearTime;
     if (begin > segment.begin + kMargin) {
         const auto place = FindRecord(file, begin - kMargin, segment.end);
         segment.begin = place ? place->offset : segment.end;
@@ -252,7 +252,7 @@ uint64_t NarrowToLast(const TraceFile& file, Segment& segment, uint64_t most) {
         }
         return false;
     };
-    for (uint64_t length = kNear;; length *= 4) {
+    for (uint64_t length = kNearTime;; length *= 4) {
         Segment part = segment;
         const bool isAll = length >= segment.end - segment.begin;
         if (!isAll) part.begin = segment.end - length;

@@ -20,11 +20,11 @@
 
 namespace {
 
-constexpr uint64_t kBlock = uint64_t{1} << 20;
+constexpr uint64_t kFirstPiece = uint64_t{1} << 20;
 constexpr uint64_t kFirstBlock = uint64_t{1} << 14;
 
 uint64_t Longer(uint64_t length) {
-    return std::min(2 * length, kBlock);
+    return std::min(2 * length, kFirstPiece);
 }
 
 // Starts "gzip -dc" from `in` to `out`; -1, with errno, when that fails.
@@ -108,7 +108,7 @@ void TraceFile::Unpack() {
     }
     to.Reset();
     // The first block shows how large the file may get.
-    uint64_t size = 0, limit = kBlock;
+    uint64_t size = 0, limit = kFirstPiece;
     while (size <= limit) {
         const ReadResult got = ReadFully(from.Get(), block.get(), kPipe);
         if (!Write(size, {block.get(), got.count}) || got.error != 0) {
@@ -118,7 +118,7 @@ void TraceFile::Unpack() {
         }
         size += got.count;
         if (got.count < kPipe) break;
-        if (size > limit && limit == kBlock) limit = UnpackedLimit(packed.Get());
+        if (size > limit && limit == kFirstPiece) limit = UnpackedLimit(packed.Get());
     }
     from.Reset();  // ends a gzip that still writes
     int status = 0;
@@ -137,12 +137,13 @@ uint64_t TraceFile::UnpackedLimit(int packed) const {
     struct stat status = {};
     (void)fstat(packed, &status);
     const auto packedSize = static_cast<uint64_t>(status.st_size);
-    const std::string text = Read(0, kBlock);
+    const std::string text = Read(0, kFirstPiece);
     const size_t found = text.find(trace_text::kRingSize);
     const char* const number = text.c_str() + found + trace_text::kRingSize.size();
     const uint64_t ring = found == text.npos ? 0 : std::strtoull(number, nullptr, 10);
     const uint64_t limit = std::max(ring, packedSize * kTextRatio);
-    return std::clamp(limit, kBlock, kLimit - trace_text::kPreFillLine) + trace_text::kPreFillLine;
+    return std::clamp(limit, kFirstPiece, kLimit - trace_text::kPreFillLine) +
+           trace_text::kPreFillLine;
 }
 
 uint64_t TraceFile::Size() const {

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr size_t kPiece = size_t{64} << 10;
+constexpr size_t kFlushed = size_t{64} << 10;
 
 // What replaces a byte; empty: itself.
 using Replacements = std::array<std::string_view, 256>;
@@ -211,7 +211,7 @@ void XmlOutput::Put(std::string_view markup) {
     } else if (m_error == 0 && m_encoder.Convert(markup, m_buffer) != markup.size()) {
         m_error = EILSEQ;
     }
-    if (m_buffer.size() >= kPiece) Flush();
+    if (m_buffer.size() >= kFlushed) Flush();
 }
 
 // A character that the encoding lacks: a reference, between what ends a section and begins it
@@ -229,7 +229,7 @@ void XmlOutput::PutEncoded(std::string_view text, std::string_view before, std::
         text.remove_prefix(length);
     }
     if (m_isUtf8) m_buffer += text;
-    if (m_buffer.size() >= kPiece) Flush();
+    if (m_buffer.size() >= kFlushed) Flush();
 }
 
 void XmlOutput::PutText(std::string_view text, Kind kind) {
