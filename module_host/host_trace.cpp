@@ -11,7 +11,7 @@
 #include "base/cancel_guard.h"
 #include "trace/debug.h"
 
-static void Write(const char* tag, unsigned /*level*/, const char* format, va_list args) {
+static void WriteLine(const char* tag, unsigned /*level*/, const char* format, va_list args) {
     const CancelGuard guard;
     std::array<char, 1200> line{};
     std::snprintf(line.data(), line.size(), "%-13s ", tag != nullptr ? tag : "kemd");
@@ -26,5 +26,5 @@ static void Write(const char* tag, unsigned /*level*/, const char* format, va_li
 void TraceToStandardError(unsigned level) {
     static std::atomic<uint32_t> inForce;
     inForce = level;
-    Debug.Redirect({Write, &inForce});
+    Debug.Redirect({WriteLine, &inForce});
 }

@@ -108,12 +108,12 @@ class IsolatedModule {
 };
 
 // Reports a thread that ends inside a call.
-class LastWord {
+class EndOfProcess {
   public:
-    explicit LastWord(const char* module) : m_module(module) {}
-    LastWord(const LastWord&) = delete;
-    LastWord& operator=(const LastWord&) = delete;
-    ~LastWord() {
+    explicit EndOfProcess(const char* module) : m_module(module) {}
+    EndOfProcess(const EndOfProcess&) = delete;
+    EndOfProcess& operator=(const EndOfProcess&) = delete;
+    ~EndOfProcess() {
         if (!m_isDismissed) End();
     }
     void Dismiss() { m_isDismissed = true; }
@@ -161,7 +161,7 @@ bool IsolatedModule::Answer(const Exchange& exchange) {
 
 void IsolatedModule::Make(Exchange& exchange) {
     Thrown thrown{};
-    LastWord lastWord(m_tag.c_str());
+    EndOfProcess lastWord(m_tag.c_str());
     const bool returned = CallGuarded(thrown, [&] {
         Call(exchange);
         pthread_testcancel();  // a pending request is obeyed here, where it is noticed

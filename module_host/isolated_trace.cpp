@@ -32,7 +32,7 @@ void ForgetPipe() {
 
 // A pipe takes what is no longer than PIPE_BUF whole, from any thread, and it is in the pipe
 // whatever happens to this process then. It blocks while the daemon is slow: nothing is lost.
-void Write(const char* tag, unsigned level, const char* format, va_list args) {
+void PassOn(const char* tag, unsigned level, const char* format, va_list args) {
     const int pipe = g_pipe.load(std::memory_order_relaxed);
     if (pipe < 0 || format == nullptr) return;
     const int error = errno;
@@ -66,7 +66,7 @@ void TraceToDaemon(UniqueFd pipe, const uint32_t* level) {
     (void)pthread_atfork(nullptr, nullptr, ForgetPipe);
     static_assert(sizeof(std::atomic<uint32_t>) == sizeof *level &&
                   std::atomic<uint32_t>::is_always_lock_free);
-    Debug.Redirect({Write, reinterpret_cast<const std::atomic<uint32_t>*>(level)});
+    Debug.Redirect({PassOn, reinterpret_cast<const std::atomic<uint32_t>*>(level)});
 }
 
 void SetOwnTag(const char* tag) {

@@ -102,7 +102,7 @@ bool Parse(int argc, char** argv, Arguments& arguments) {
     return arguments.help || arguments.module != nullptr;
 }
 
-int Walk(const char* module, WalkOptions& options) {
+int RunWalk(const char* module, WalkOptions& options) {
     const std::unique_ptr<char, decltype(&free)> path(realpath(module, nullptr), free);
     if (!path) {
         std::fprintf(stderr, "kemd-module-host: %s: %s\n", module, std::strerror(errno));
@@ -141,7 +141,7 @@ int main(int argc, char** argv) {
     if (arguments.help) return std::fputs(kHelp, stdout) < 0 ? 1 : 0;
     TraceToStandardError(arguments.traceLevel);
     try {
-        return Walk(arguments.module, arguments.walk);
+        return RunWalk(arguments.module, arguments.walk);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "kemd-module-host: %s\n", error.what());
         return kUsageStatus;

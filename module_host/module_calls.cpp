@@ -109,13 +109,13 @@ void MakeGuarded(CallBoard& board, LoadedModule& module, const char* path) {
 }
 
 // Reports a thread that ends inside the call.
-struct LastWord {
+struct EndOfThread {
     CallBoard& board;
 
-    explicit LastWord(CallBoard& shared) : board(shared) {}
-    LastWord(const LastWord&) = delete;
-    LastWord& operator=(const LastWord&) = delete;
-    ~LastWord() {
+    explicit EndOfThread(CallBoard& shared) : board(shared) {}
+    EndOfThread(const EndOfThread&) = delete;
+    EndOfThread& operator=(const EndOfThread&) = delete;
+    ~EndOfThread() {
         board.outcome = Outcome::kEnded;
         sem_post(&board.done);
     }
@@ -136,7 +136,7 @@ void ServeCalls(CallBoard& board, const char* path) {
     // Whatever the run-time library creates with the first thread exists before the module is
     // loaded.
     std::thread([] {}).join();
-    const LastWord lastWord(board);
+    const EndOfThread lastWord(board);
     LoadedModule module;
     for (;;) {
         sem_post(&board.done);

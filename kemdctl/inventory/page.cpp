@@ -15,7 +15,7 @@ using Items = std::vector<const Item*>;
 // Of drives and of ports. With the six lines above them and the prompt, 24 lines hold it.
 constexpr size_t kMostRows = 6;
 constexpr size_t kMostWarningLines = 5;
-constexpr size_t kColumn = 12;
+constexpr size_t kPageColumn = 12;
 constexpr size_t kPageWidth = 80;
 
 class Page {
@@ -111,7 +111,7 @@ std::string Page::First(ItemKind kind, std::initializer_list<const char*> fields
 void Page::Line(const char* label, const std::string& text) {
     if (text.empty()) return;
     std::string shown = text;
-    const size_t room = kPageWidth - kColumn;
+    const size_t room = kPageWidth - kPageColumn;
     if (Width(shown) > room) {
         while (Width(shown) > room - 3) {
             do shown.pop_back();
@@ -119,7 +119,7 @@ void Page::Line(const char* label, const std::string& text) {
         }
         shown += "...";
     }
-    m_report.Line(label + std::string(kColumn - std::string_view(label).size(), ' ') + shown);
+    m_report.Line(label + std::string(kPageColumn - std::string_view(label).size(), ' ') + shown);
 }
 
 void Page::Rows(const char* label, const std::vector<std::string>& rows, const char* section) {
@@ -237,7 +237,7 @@ std::vector<std::string> Page::Attention() const {
     std::vector<std::string> lines;
     for (size_t i = 0; i < warnings.size(); ++i) {
         std::string_view rest = warnings[i];
-        std::vector<std::string> own = {Printable(TakeWords(rest, kPageWidth - kColumn))};
+        std::vector<std::string> own = {Printable(TakeWords(rest, kPageWidth - kPageColumn))};
         if (!rest.empty()) own.push_back(Printable(rest));
         const size_t room = kMostWarningLines - (i + 1 < warnings.size() ? 1 : 0);
         if (lines.size() + own.size() > room) {

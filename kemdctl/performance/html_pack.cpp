@@ -32,9 +32,9 @@ Bounds BoundsOf(std::span<const std::vector<HistoryPoint>> points) {
     return bounds;
 }
 
-class Column {
+class PackedColumn {
   public:
-    explicit Column(bool isDifference) : m_isDifference(isDifference) {}
+    explicit PackedColumn(bool isDifference) : m_isDifference(isDifference) {}
 
     // In order; `step` grows.
     void Put(uint32_t step, int64_t value) {
@@ -139,9 +139,9 @@ uint32_t FilledFrom(const PagePart& part, uint32_t step, int64_t wall, int64_t b
 }
 
 struct Columns {
-    Column means{true};
-    Column below{false};
-    Column above{false};
+    PackedColumn means{true};
+    PackedColumn below{false};
+    PackedColumn above{false};
 };
 
 std::string PackPart(const Scale& scale, const PagePart& part,

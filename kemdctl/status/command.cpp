@@ -60,7 +60,7 @@ bool HasModule(const std::string& directory) {
     return error && error.value() != ENOENT;  // perhaps
 }
 
-std::string ModuleNote(const Status& status, const std::string& directory) {
+std::string NoteOnModules(const Status& status, const std::string& directory) {
     if (const TraceFileFacts* const file = status.trace.Unreadable()) {
         return (status.trace.modules.empty() ? "not known: " : "perhaps not all: ") +
                Printable(file->path) + " cannot be read: " + std::strerror(file->error) +
@@ -102,7 +102,7 @@ int RunStatus(CommandLine& line, ReportWriter& report) {
     status.trace = ReadTrace(status.traceDirectory);
     status.now = time(nullptr);
     status.modules = AskModules(status.state);
-    status.moduleNote = ModuleNote(status, ModuleDirectory(environment));
+    status.moduleNote = NoteOnModules(status, ModuleDirectory(environment));
     CheckTracing(status, settings);
     CheckTraceLimits(status.findings, environment, settings);
     ShowStatus(report, status);

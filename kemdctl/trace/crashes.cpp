@@ -18,7 +18,7 @@
 namespace {
 
 // As times of records are.
-int64_t LocalTime(int64_t time) {
+int64_t RecordTime(int64_t time) {
     const time_t seconds = time / 1000;
     std::tm local{};
     localtime_r(&seconds, &local);
@@ -95,7 +95,7 @@ void ShowFrames(ReportWriter& report, const CrashRecord& crash, bool isListed) {
 }
 
 void Show(ReportWriter& report, const CrashRecord& crash, bool isListed) {
-    const std::string time = FormatTime(LocalTime(crash.time)).data();
+    const std::string time = FormatTime(RecordTime(crash.time)).data();
     const std::string sender = std::to_string(crash.sender);
     report.OpenObject();
     report.Text("time", time);
@@ -128,7 +128,7 @@ std::vector<CrashRecord> CrashesOf(const LastRun& run, const std::vector<int>& w
     std::vector<CrashRecord> found;
     if (!all) return found;
     for (const CrashRecord& crash : *all) {
-        const int64_t time = LocalTime(crash.time);
+        const int64_t time = RecordTime(crash.time);
         if (crash.signal == 0 || time < run.begin) continue;
         const bool isOwn =
             !crash.isIsolated &&

@@ -19,11 +19,11 @@ struct Parser {
 };
 // The value is null for an option that has none. Empty, or what is wrong with it.
 using Setter = std::string (*)(Parser& parser, const char* value);
-enum class Kind : uint8_t { kFlag, kValue, kRepeated };
+enum class Arity : uint8_t { kFlag, kValue, kRepeated };
 struct Word {
     std::string_view name;
     std::string_view other;  // may be empty
-    Kind kind;
+    Arity kind;
     Setter set;
     const char* help;  // its lines of the help, which may be those of the next ones, too
 };
@@ -132,61 +132,61 @@ std::string IgnoreCase(Parser& parser, const char* /*none*/) {
 // -i stands before what it works on. The help has the lines of this table in its order, and the
 // shells complete from it: there what an option takes follows it, in capitals or as "one|other".
 constexpr Word kWords[] = {
-    {"--help", "", Kind::kFlag, SetFlag<&TraceOptions::isHelp>,
+    {"--help", "", Arity::kFlag, SetFlag<&TraceOptions::isHelp>,
      "usage: kemdctl trace [OPTION...] [FILE|DIRECTORY...]  the directory in force\n"
      "       kemdctl trace level [N [--for 10m]]           the level in force of kemd\n"
      "Records of all the files in the order of time. They are chosen in this order:\n"},
-    {"-i", "--ignore-case", Kind::kFlag, IgnoreCase, ""},
-    {"--start", "", Kind::kFlag, SetFlag<&TraceOptions::fromStart>,
+    {"-i", "--ignore-case", Arity::kFlag, IgnoreCase, ""},
+    {"--start", "", Arity::kFlag, SetFlag<&TraceOptions::fromStart>,
      "  --start                   since the last start of the daemon\n"},
-    {"--since", "", Kind::kValue, SetTime<&Filter::since>,
+    {"--since", "", Arity::kValue, SetTime<&Filter::since>,
      "  --since T, --until T      T: \"2026-11-15 20:04:51.123\", 20:04, today, -2h30m\n"},
-    {"--until", "", Kind::kValue, SetTime<&Filter::until>, ""},
-    {"--thread", "", Kind::kRepeated, AddThread,
+    {"--until", "", Arity::kValue, SetTime<&Filter::until>, ""},
+    {"--thread", "", Arity::kRepeated, AddThread,
      "  --thread ID, --tag NAME   of any of these threads, with any of these tags\n"},
-    {"--tag", "", Kind::kRepeated, AddTag, ""},
-    {"-g", "--grep", Kind::kRepeated, AddPattern<&Filter::wanted>,
+    {"--tag", "", Arity::kRepeated, AddTag, ""},
+    {"-g", "--grep", Arity::kRepeated, AddPattern<&Filter::wanted>,
      "  -g, --grep REGEX          whose text matches any of these\n"},
-    {"-v", "--exclude", Kind::kRepeated, AddPattern<&Filter::excluded>,
+    {"-v", "--exclude", Arity::kRepeated, AddPattern<&Filter::excluded>,
      "  -v, --exclude REGEX       whose text matches none; -i, --ignore-case in both\n"},
-    {"-n", "--lines", Kind::kValue, SetNumber<&TraceOptions::last, 0>,
+    {"-n", "--lines", Arity::kValue, SetNumber<&TraceOptions::last, 0>,
      "  -n, --lines N             the last N of them, and when following all new ones\n"},
-    {"-f", "--follow", Kind::kFlag, SetFlag<&TraceOptions::follows>,
+    {"-f", "--follow", Arity::kFlag, SetFlag<&TraceOptions::follows>,
      "Show them:\n"
      "  -f, --follow              and go on with what is written\n"},
-    {"--wait-for", "", Kind::kValue, SetWaitFor,
+    {"--wait-for", "", Arity::kValue, SetWaitFor,
      "  --wait-for REGEX          only the next that matches; end after --timeout S\n"},
-    {"--timeout", "", Kind::kValue, SetSpan<&TraceOptions::timeout>, ""},
-    {"-o", "--output", Kind::kValue, SetForm,
+    {"--timeout", "", Arity::kValue, SetSpan<&TraceOptions::timeout>, ""},
+    {"-o", "--output", Arity::kValue, SetForm,
      "  -o, --output full|short|json|csv    in this form; --json is -o json\n"},
-    {"--json", "", Kind::kFlag, SetJson, ""},
-    {"--gaps", "", Kind::kValue, SetSpan<&TraceOptions::gap>,
+    {"--json", "", Arity::kFlag, SetJson, ""},
+    {"--gaps", "", Arity::kValue, SetSpan<&TraceOptions::gap>,
      "  --gaps S, --delta         only around gaps above S; with the time between\n"},
-    {"--delta", "", Kind::kFlag, SetFlag<&TraceOptions::showsDelta>, ""},
-    {"--raw", "", Kind::kFlag, SetFlag<&TraceOptions::isRaw>,
+    {"--delta", "", Arity::kFlag, SetFlag<&TraceOptions::showsDelta>, ""},
+    {"--raw", "", Arity::kFlag, SetFlag<&TraceOptions::isRaw>,
      "  --raw                     with all that is not a record\n"},
-    {"--color", "", Kind::kValue, SetColor,
+    {"--color", "", Arity::kValue, SetColor,
      "  --color auto|always|never    --no-pager    -q, --quiet  no word on the files\n"},
-    {"--no-pager", "", Kind::kFlag, SetFlag<&TraceOptions::mayPage, false>, ""},
-    {"-q", "--quiet", Kind::kFlag, SetFlag<&TraceOptions::isQuiet>, ""},
-    {"--count", "", Kind::kFlag, SetReport<MakeCountSink>,
+    {"--no-pager", "", Arity::kFlag, SetFlag<&TraceOptions::mayPage, false>, ""},
+    {"-q", "--quiet", Arity::kFlag, SetFlag<&TraceOptions::isQuiet>, ""},
+    {"--count", "", Arity::kFlag, SetReport<MakeCountSink>,
      "Or, in their place:\n"
      "  --count, --stats          their number; how many of which kind, when, memory\n"},
-    {"--stats", "", Kind::kFlag, SetReport<MakeStatsSink>, ""},
-    {"--export", "", Kind::kValue, SetReport<MakeTimelineSink>,
+    {"--stats", "", Arity::kFlag, SetReport<MakeStatsSink>, ""},
+    {"--export", "", Arity::kValue, SetReport<MakeTimelineSink>,
      "  --export, --html FILE     a timeline for trace viewers; a page to look at\n"},
-    {"--html", "", Kind::kValue, SetReport<MakeHtmlSink>, ""},
-    {"--header", "", Kind::kFlag, SetReport<ShowHeaders>,
+    {"--html", "", Arity::kValue, SetReport<MakeHtmlSink>, ""},
+    {"--header", "", Arity::kFlag, SetReport<ShowHeaders>,
      "Or, of whole files:\n"
      "  --header, --verify        the writer's settings; whether the files are sound\n"},
-    {"--verify", "", Kind::kFlag, SetReport<VerifyFiles>, ""},
-    {"--last-run", "", Kind::kFlag, SetReport<ShowLastRun>,
+    {"--verify", "", Arity::kFlag, SetReport<VerifyFiles>, ""},
+    {"--last-run", "", Arity::kFlag, SetReport<ShowLastRun>,
      "  --last-run                how the last run ended\n"},
-    {"--collect", "", Kind::kValue, SetReport<CollectFiles>,
+    {"--collect", "", Arity::kValue, SetReport<CollectFiles>,
      "  --collect FILE            everything for support, secrets masked\n"},
-    {"--list-runs", "", Kind::kFlag, SetReport<ListKeptRuns>,
+    {"--list-runs", "", Arity::kFlag, SetReport<ListKeptRuns>,
      "  --run N, --list-runs      runs that did not end in order are kept: read one\n"},
-    {"--run", "", Kind::kValue, SetNumber<&TraceOptions::run, 1>, ""},
+    {"--run", "", Arity::kValue, SetNumber<&TraceOptions::run, 1>, ""},
 };
 
 bool Complained(std::string_view name, const char* value, const std::string& problem) {
@@ -197,7 +197,7 @@ bool Complained(std::string_view name, const char* value, const std::string& pro
 }
 
 bool TakeWord(CommandLine& line, const Word& word, Parser& parser) {
-    if (word.kind == Kind::kFlag) {
+    if (word.kind == Arity::kFlag) {
         const bool isSet = line.Has(word.name) || (!word.other.empty() && line.Has(word.other));
         return !isSet || !Complained(word.name, nullptr, word.set(parser, nullptr));
     }
@@ -205,7 +205,7 @@ bool TakeWord(CommandLine& line, const Word& word, Parser& parser) {
     if (!word.other.empty()) {
         for (const char* value : line.TakeValues(word.other)) values.push_back(value);
     }
-    if (word.kind == Kind::kValue && values.size() > 1) {
+    if (word.kind == Arity::kValue && values.size() > 1) {
         return !Complained(word.name, nullptr, "given more than once");
     }
     for (const char* value : values) {
@@ -247,7 +247,7 @@ static void PartShortOptions(CommandLine& line) {
         const std::string_view name = each.name.substr(0, 2);
         const auto* word = std::find_if(std::begin(kWords), std::end(kWords),
                                         [name](const Word& one) { return one.name == name; });
-        if (each.name.size() == 2 || word == std::end(kWords) || word->kind == Kind::kFlag)
+        if (each.name.size() == 2 || word == std::end(kWords) || word->kind == Arity::kFlag)
             continue;
         each.value = each.name.data() + name.size();  // up to the end of its word
         each.name = name;

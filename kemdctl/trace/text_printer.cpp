@@ -12,7 +12,7 @@ namespace {
 constexpr const char* kReset = "\x1b[0m";
 constexpr const char* kDim = "\x1b[2m";
 constexpr const char* kMark = "\x1b[1;7m";
-constexpr const char* kError = "\x1b[31m";
+constexpr const char* kErrorColor = "\x1b[31m";
 constexpr const char* kWarning = "\x1b[33m";
 // Looking for matches in more of a line would take long in a line that was made for that.
 constexpr size_t kMarked = 4096;
@@ -23,7 +23,7 @@ bool IsTail(char byte) {
 
 const char* Severity(std::string_view text) {
     const auto has = [text](std::string_view word) { return text.find(word) != text.npos; };
-    if (has("ERROR") || has("FATAL")) return kError;
+    if (has("ERROR") || has("FATAL")) return kErrorColor;
     return has("WARNING") ? kWarning : "";
 }
 

@@ -13,15 +13,15 @@
 namespace {
 
 constexpr size_t kDateLength = 10;
-constexpr int64_t kDay = int64_t{24} * 60 * 60 * 1000;
-constexpr int64_t kLongest = 100'000 * kDay;
+constexpr int64_t kDayMs = int64_t{24} * 60 * 60 * 1000;
+constexpr int64_t kLongest = 100'000 * kDayMs;
 
 struct Unit {
     std::string_view name;
     int64_t milliseconds;
 };
-constexpr Unit kUnits[] = {{"ms", 1},        {"s", 1000}, {"m", 60'000},
-                           {"h", 3'600'000}, {"d", kDay}, {"w", 7 * kDay}};
+constexpr Unit kSpanUnits[] = {{"ms", 1},        {"s", 1000},   {"m", 60'000},
+                               {"h", 3'600'000}, {"d", kDayMs}, {"w", 7 * kDayMs}};
 
 bool IsDigit(char c) {
     return c >= '0' && c <= '9';
@@ -51,10 +51,10 @@ std::optional<int64_t> ParseSpan(std::string_view text, bool mayBeBare) {
         if (!number) return {};
         const size_t length = std::min(text.find_first_of("0123456789"), text.size());
         const std::string_view name = text.substr(0, length);
-        const auto* unit = std::find_if(std::begin(kUnits), std::end(kUnits),
+        const auto* unit = std::find_if(std::begin(kSpanUnits), std::end(kSpanUnits),
                                         [name](const Unit& each) { return each.name == name; });
         const bool isBare = name.empty() && mayBeBare && sum == 0;
-        if (unit == std::end(kUnits) && !isBare) return {};
+        if (unit == std::end(kSpanUnits) && !isBare) return {};
         sum += *number * static_cast<double>(isBare ? 1000 : unit->milliseconds);
         text.remove_prefix(length);
     } while (!text.empty());
@@ -137,7 +137,7 @@ std::optional<int64_t> ParseTime(std::string_view text, int64_t now) {
     bool hasDate = TakeWord(text, "today");
     if (!hasDate && TakeWord(text, "yesterday")) {
         hasDate = true;
-        day -= kDay;
+        day -= kDayMs;
     }
     std::string date(FormatTime(day).data(), kDateLength);
     if (!hasDate && text.size() >= kDateLength && text[4] == '-') {

@@ -8,7 +8,7 @@ namespace {
 constexpr int64_t kHour = 3'600'000;
 
 // What a rule needs: its keys are NAME, NAMEEnd and NAMETime.
-struct RuleRow {
+struct RuleKeys {
     const char* name;
     int64_t begin;
     int64_t most;
@@ -16,7 +16,7 @@ struct RuleRow {
     int64_t timeMs;
 };
 // In the order of Rule.
-constexpr RuleRow kRows[] = {
+constexpr RuleKeys kRuleKeys[] = {
     {"FileSystemFull", 95, 100, -2, 10'000},
     {"MemoryAvailable", 5, 100, 2, 10'000},
     {"MemoryPressure", 20, 100, -10, 30'000},
@@ -25,9 +25,9 @@ constexpr RuleRow kRows[] = {
     {"DiskErrors", 3, 1'000'000'000, 0, 600'000},
     {"InterfaceErrors", 100, 1'000'000'000, 0, 60'000},
 };
-static_assert(std::size(kRows) == kRules);
+static_assert(std::size(kRuleKeys) == kRules);
 
-int ReadLimit(const KemdConfig* config, const RuleRow& row, Limit& limit) {
+int ReadLimit(const KemdConfig* config, const RuleKeys& row, Limit& limit) {
     const std::string name = row.name;
     int error = KemdConfigNumber(config, row.name, row.begin, 0, row.most, &limit.begin);
     if (error != 0) return error;
@@ -56,7 +56,7 @@ int ReadSettings(const KemdConfig* config, PerformanceSettings& settings) {
         if (error != 0) return error;
     }
     for (size_t i = 0; i < kRules; ++i) {
-        if (const int error = ReadLimit(config, kRows[i], settings.limits[i])) return error;
+        if (const int error = ReadLimit(config, kRuleKeys[i], settings.limits[i])) return error;
     }
     return 0;
 }
