@@ -24,11 +24,16 @@ int StoreField(const KemdInventoryItem::Value& value, KemdInventoryField* out) {
 }  // namespace
 
 int KemdInventoryScan(KemdInventory** inventory, uint32_t sections) {
+    return KemdInventoryRescan(inventory, sections, nullptr, 0);
+}
+
+int KemdInventoryRescan(KemdInventory** inventory, uint32_t sections, const KemdInventory* last,
+                        int onlyNew) {
     if (inventory == nullptr) return EINVAL;
     *inventory = nullptr;
     return Guarded([&] {
         auto scanned = std::make_unique<KemdInventory>();
-        ScanHost(*scanned, sections);
+        ScanHost(*scanned, sections, last, onlyNew != 0);
         *inventory = scanned.release();
         return 0;
     });

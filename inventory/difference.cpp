@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "inventory/drive_health.h"
+
 namespace {
 
 using ItemsById = std::unordered_map<std::string_view, const KemdInventoryItem*>;
@@ -30,11 +32,6 @@ std::string Joined(const KemdInventoryItem& item, InventoryField field) {
         joined.append(joined.empty() ? "" : ", ").append(text);
     }
     return joined;
-}
-
-bool IsOfHealth(InventoryField field) {
-    return field == InventoryField("health") || field == InventoryField("critical_warning") ||
-           field == InventoryField("spare_threshold");
 }
 
 // A drive that was not asked, sleeps or did not answer in time says nothing about its health.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <limits>
 #include <string_view>
 
@@ -98,6 +99,24 @@ void AddHealth(KemdInventoryItem& drive, const DriveHealth& health) {
     addNumber("power_on_hours", health.powerOnHours);
     addNumber("data_read", health.bytesRead);
     addNumber("data_written", health.bytesWritten);
+}
+
+bool IsOfHealth(InventoryField field) {
+    constexpr auto kFields = std::to_array<InventoryField>(
+        {"health", "critical_warning", "temperature", "percentage_used", "spare", "spare_threshold",
+         "media_errors", "unsafe_shutdowns", "power_cycles", "power_on_hours", "data_read",
+         "data_written"});
+    return std::find(kFields.begin(), kFields.end(), field) != kFields.end();
+}
+
+void KeepHealth(const KemdInventoryItem& last, KemdInventoryItem& drive) {
+    const auto isAnswer = [](const KemdInventoryItem::Value& value) {
+        return IsOfHealth(value.field) && value.text != "unknown";
+    };
+    if (std::any_of(drive.values.begin(), drive.values.end(), isAnswer)) return;
+    std::erase_if(drive.values, [](const auto& value) { return IsOfHealth(value.field); });
+    std::copy_if(last.values.begin(), last.values.end(), std::back_inserter(drive.values),
+                 [](const auto& value) { return IsOfHealth(value.field); });
 }
 
 bool TakeNvmeHealth(DriveBytes page, DriveHealth& health) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+class InventoryField;
 struct KemdInventoryItem;
 
 struct DriveHealth {
@@ -28,6 +29,10 @@ struct DriveHealth {
 
 // Adds the fields of what is known.
 void AddHealth(KemdInventoryItem& drive, const DriveHealth& health);
+// Of AddHealth's fields all but the power state, which is that of the moment.
+bool IsOfHealth(InventoryField field);
+// Takes over what the drive said last time, unless it says something now.
+void KeepHealth(const KemdInventoryItem& last, KemdInventoryItem& drive);
 
 using DriveBytes = std::span<const uint8_t>;
 

@@ -46,7 +46,7 @@ class DriveScan {
           m_hasEnclosures(!SysDirectory(inventory, "/sys/class/enclosure").Names().empty()) {}
 
     void Read();
-    void AskHealth();
+    void AskHealth(const KemdInventory* last, bool onlyNew);
     void AddItems();
 
   private:
@@ -391,13 +391,41 @@ void AddAnswer(KemdInventory& inventory, const HealthAnswer& answer, KemdInvento
     }
 }
 
-void DriveScan::AskHealth() {
+// The same drive in the last inventory: what has no name of its own may be another one in its
+// place.
+const KemdInventoryItem* FindLast(const KemdInventory* last, const KemdInventoryItem& item) {
+    const KemdInventoryItem* const found = last == nullptr ? nullptr : last->Find(item.id);
+    const bool isSame = found != nullptr && found->Text("model") == item.Text("model") &&
+                        found->Number("size") == item.Number("size");
+    return isSame ? found : nullptr;
+}
+
+// Why a drive could not be asked last time is true until it is asked again.
+void KeepNotes(const KemdInventory& last, const std::string& lastName, const std::string& name,
+               KemdInventory& inventory) {
+    for (const std::string_view note : last.notes) {
+        const size_t colon = note.find(": ");
+        if (note.starts_with("health of drives: ")) {
+            inventory.Note(note.substr(0, colon), note.substr(colon + 2));
+        } else if (const std::string subject = "drive:" + lastName + ": health";
+                   note.starts_with(subject + ": ")) {
+            inventory.Note("drive:" + name + ": health", note.substr(subject.size() + 2));
+        }
+    }
+}
+
+void DriveScan::AskHealth(const KemdInventory* last, bool onlyNew) {
     std::vector<HealthTarget> targets;
     std::vector<KemdInventoryItem*> items;
     for (FoundDrive& drive : m_drives) {
         const std::optional<HealthLanguage> language = LanguageOf(drive);
         if (drive.interface == "mmc") AddMmcHealth(*m_inventory, drive.item);
         if (!language) continue;
+        const KemdInventoryItem* const was = FindLast(last, drive.item);
+        if (onlyNew && was != nullptr && was->Find("health") != nullptr) {
+            KeepNotes(*last, was->name, drive.item.name, *m_inventory);
+            continue;
+        }
         if (drive.isAsleep) {
             drive.item.Add("power_state", "suspended");
             continue;
@@ -408,6 +436,10 @@ void DriveScan::AskHealth() {
     }
     const std::vector<HealthAnswer> answers = AskForHealth(targets);
     for (size_t i = 0; i < answers.size(); ++i) AddAnswer(*m_inventory, answers[i], *items[i]);
+    for (FoundDrive& drive : m_drives) {
+        const KemdInventoryItem* const was = FindLast(last, drive.item);
+        if (was != nullptr) KeepHealth(*was, drive.item);
+    }
 }
 
 void DriveScan::AddItems() {
@@ -421,9 +453,10 @@ void DriveScan::AddItems() {
 
 }  // namespace
 
-void ScanDrives(KemdInventory& inventory, bool withHealth) {
+void ScanDrives(KemdInventory& inventory, bool withHealth, const KemdInventory* last,
+                bool onlyNew) {
     DriveScan scan(inventory);
     scan.Read();
-    if (withHealth) scan.AskHealth();
+    if (withHealth) scan.AskHealth(last, onlyNew);
     scan.AddItems();
 }

@@ -5,7 +5,8 @@
 #include "inventory/host_inventory.h"
 #include "inventory/sources.h"
 
-void ScanHost(KemdInventory& inventory, uint32_t sections) {
+void ScanHost(KemdInventory& inventory, uint32_t sections, const KemdInventory* last,
+              bool onlyNew) {
     constexpr uint32_t kAll = KEMD_INVENTORY_SYSTEM | KEMD_INVENTORY_MEMORY | KEMD_INVENTORY_SLOTS |
                               KEMD_INVENTORY_PCI | KEMD_INVENTORY_USB | KEMD_INVENTORY_DRIVES |
                               KEMD_INVENTORY_NETWORK | KEMD_INVENTORY_VOLUMES;
@@ -21,7 +22,7 @@ void ScanHost(KemdInventory& inventory, uint32_t sections) {
     if ((sections & KEMD_INVENTORY_USB) != 0) ScanUsb(inventory);
     if ((sections & KEMD_INVENTORY_SYSTEM) != 0) ScanPorts(inventory);
     if ((sections & KEMD_INVENTORY_DRIVES) != 0) {
-        ScanDrives(inventory, (sections & KEMD_INVENTORY_HEALTH) != 0);
+        ScanDrives(inventory, (sections & KEMD_INVENTORY_HEALTH) != 0, last, onlyNew);
     }
     if ((sections & KEMD_INVENTORY_NETWORK) != 0) ScanInterfaces(inventory);
     if ((sections & KEMD_INVENTORY_VOLUMES) != 0) ScanVolumes(inventory);

@@ -11,12 +11,16 @@ struct KemdInventory;
 void ScanSystem(KemdInventory& inventory, uint32_t sections);  // also memory, and slots
 void ScanPci(KemdInventory& inventory);
 void ScanUsb(KemdInventory& inventory);
-void ScanPorts(KemdInventory& inventory);                    // graphics adapters and serial ports
-void ScanDrives(KemdInventory& inventory, bool withHealth);  // storage adapters too
+void ScanPorts(KemdInventory& inventory);  // graphics adapters and serial ports
+// Storage adapters too. Of a drive that says nothing about its health what the last inventory has
+// stays; with `onlyNew` drives that were asked then are not asked.
+void ScanDrives(KemdInventory& inventory, bool withHealth, const KemdInventory* last = nullptr,
+                bool onlyNew = false);
 void ScanInterfaces(KemdInventory& inventory);
 void ScanVolumes(KemdInventory& inventory);
 // What needs attention, after all sources.
 void FindWarnings(KemdInventory& inventory);
 
 // All of it.
-void ScanHost(KemdInventory& inventory, uint32_t sections);
+void ScanHost(KemdInventory& inventory, uint32_t sections, const KemdInventory* last = nullptr,
+              bool onlyNew = false);

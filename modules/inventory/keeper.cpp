@@ -150,7 +150,7 @@ void InventoryKeeper::TakeWarnings(const KemdInventory& inventory) {
     m_warnings = std::move(warnings);
 }
 
-void InventoryKeeper::Take(bool isQuiet) {
+void InventoryKeeper::Take(bool isQuiet, bool asksAll) {
     uint32_t sections = 0;
     {
         const std::lock_guard lock(m_mutex);
@@ -158,11 +158,12 @@ void InventoryKeeper::Take(bool isQuiet) {
         m_earlier = std::move(m_seen);
         m_seen.clear();
     }
+    const InventoryHandle kept = m_unsaved == nullptr ? Kept() : nullptr;
+    const KemdInventory* const before = m_unsaved != nullptr ? m_unsaved.get() : kept.get();
     KemdInventory* scanned = nullptr;
-    int error = KemdInventoryScan(&scanned, sections);
+    int error = KemdInventoryRescan(&scanned, sections, before, asksAll ? 0 : 1);
     InventoryHandle inventory(scanned);
     if (error == 0) {
-        const InventoryHandle before = m_unsaved != nullptr ? std::move(m_unsaved) : Kept();
         // The daemon's mask lets nobody else in, but other modules' files may be read by all.
         if (mkdir(kDirectory, 0755) == 0) (void)chmod(kDirectory, 0755);
         error = KemdInventorySave(inventory.get(), kFile);
@@ -181,7 +182,7 @@ void InventoryKeeper::Take(bool isQuiet) {
     if (inventory == nullptr) return;
     m_time = KemdInventoryTime(inventory.get());
     m_items = CountItems(*inventory);
-    if (error != 0) m_unsaved = std::move(inventory);
+    m_unsaved = error != 0 ? std::move(inventory) : nullptr;
 }
 
 std::string InventoryKeeper::Problems() const {

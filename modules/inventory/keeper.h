@@ -29,7 +29,9 @@ class InventoryKeeper {
   public:
     void Configure(const InventorySettings& settings);
     // A scan. `isQuiet`: without a summary when all that changed has been traced as it happened.
-    void Take(bool isQuiet);
+    // `asksAll`: drives for their health; otherwise only those that the last inventory does not
+    // have.
+    void Take(bool isQuiet, bool asksAll);
     // For the watch: traces a change, at most kMostLines lines between two scans.
     void Trace(const KemdInventoryChange& change);
 

@@ -105,7 +105,8 @@ class InventoryModule {
     void Run();
     void OpenWatch();
     // Until something is due; false when the thread is to end. `isQuiet`: the watch traced it.
-    bool Wait(bool& isQuiet);
+    bool Wait(bool& isQuiet, bool& asksAll);
+    [[nodiscard]] std::optional<Clock::time_point> NextFullScan() const;
     [[nodiscard]] std::optional<Clock::time_point> NextScan() const;
 
     InventoryKeeper m_keeper;
@@ -117,7 +118,7 @@ class InventoryModule {
     InventorySettings m_settings;
     bool m_isStopping = false;
     bool m_isAsked = false;                          // for a scan
-    std::optional<Clock::time_point> m_last;         // scan
+    std::optional<Clock::time_point> m_lastFull;     // scan that asked all drives
     std::optional<Clock::time_point> m_firstChange;  // since the scan, as the watch saw it
     std::optional<Clock::time_point> m_changed;      // the last one
     Clock::time_point m_started;
@@ -152,7 +153,7 @@ int InventoryModule::Configure(const KemdConfig* config) {
 int InventoryModule::Start() {
     m_isStopping = false;
     m_isAsked = false;
-    m_last.reset();
+    m_lastFull.reset();
     m_firstChange.reset();
     m_changed.reset();
     m_started = Clock::now();
@@ -187,17 +188,24 @@ void InventoryModule::OnChange(void* user, const KemdInventoryChange* change) tr
     KemdMessage(kTag, "there is not enough memory: a change is not reported");
 }
 
-std::optional<Clock::time_point> InventoryModule::NextScan() const {
-    const std::chrono::milliseconds delay(m_settings.delayMs);
+// Changes do not put it off.
+std::optional<Clock::time_point> InventoryModule::NextFullScan() const {
     if (m_isAsked) return Clock::time_point::min();
-    if (!m_last) return m_started + delay;
-    // Changes seldom come alone, and those that never end are not waited for.
-    if (m_changed) return std::min(*m_changed + delay, *m_firstChange + kMostDelays * delay);
+    if (!m_lastFull) return m_started + std::chrono::milliseconds(m_settings.delayMs);
     if (m_settings.periodMs == 0) return std::nullopt;
-    return *m_last + std::chrono::milliseconds(m_settings.periodMs);
+    return *m_lastFull + std::chrono::milliseconds(m_settings.periodMs);
 }
 
-bool InventoryModule::Wait(bool& isQuiet) {
+std::optional<Clock::time_point> InventoryModule::NextScan() const {
+    const std::chrono::milliseconds delay(m_settings.delayMs);
+    const std::optional<Clock::time_point> full = NextFullScan();
+    if (!m_lastFull || !m_changed) return full;
+    // Changes seldom come alone, and those that never end are not waited for.
+    const auto next = std::min(*m_changed + delay, *m_firstChange + kMostDelays * delay);
+    return full ? std::min(*full, next) : next;
+}
+
+bool InventoryModule::Wait(bool& isQuiet, bool& asksAll) {
     std::unique_lock lock(m_mutex);
     for (;;) {
         if (m_isStopping) return false;
@@ -209,11 +217,14 @@ bool InventoryModule::Wait(bool& isQuiet) {
             m_wake.wait(lock);
         }
     }
+    const Clock::time_point now = Clock::now();
+    const std::optional<Clock::time_point> full = NextFullScan();
     isQuiet = m_changed && !m_isAsked;
+    asksAll = full && *full <= now;
+    if (asksAll) m_lastFull = now;
     m_isAsked = false;
     m_firstChange.reset();
     m_changed.reset();
-    m_last = Clock::now();
     return true;
 }
 
@@ -243,10 +254,11 @@ void InventoryModule::Run() {
     }
     pthread_setname_np(pthread_self(), "inventory");
     bool isQuiet = false;
-    while (Wait(isQuiet)) {
+    bool asksAll = false;
+    while (Wait(isQuiet, asksAll)) {
         try {
             if (m_watch == nullptr) OpenWatch();
-            m_keeper.Take(isQuiet);
+            m_keeper.Take(isQuiet, asksAll);
         } catch (const std::bad_alloc&) {
             KemdMessage(kTag, "there is not enough memory for an inventory");
         }

@@ -489,6 +489,37 @@ TEST_F(DrivesTest, DriveThatHangsIsGivenUpAndNotAskedAgain) {
     EXPECT_TRUE(hasEnded);
 }
 
+// Questions that come often keep drives awake: between them the last answer stays.
+TEST_F(DrivesTest, BetweenTheQuestionsTheLastAnswerStays) {
+    Asked("sda", 3, "ATA", [](const Bytes& c) { return AnswerAta(c, 0xFF, true); });
+    Asked("nvme0n1", 5, "", [](const Bytes&) { return Reply{{}, {}, EIO}; });
+    Asked("nvme1n1", 7, "", [](const Bytes&) { return Reply{{}, {}, EPERM}; });
+    const KemdInventory first = Scan(true);
+    const Bytes questions = Commands(3);
+    const std::string answer = Health(first, "sda").substr(strlen("power_state=active "));
+    Asked("sdb", 8, "ATA", [](const Bytes& c) { return AnswerAta(c, 0xFF, false); });
+    KemdInventory second;
+    ScanDrives(second, true, &first, true);
+    EXPECT_EQ(Commands(3), questions);
+    EXPECT_EQ(Commands(5).size() + Commands(7).size(), 2U);
+    EXPECT_EQ(Health(second, "sda"), answer);
+    EXPECT_TRUE(Contains(Health(second, "sdb"), "health=ok"));
+    EXPECT_EQ(second.notes, first.notes);
+    // All are asked, and this one sleeps.
+    {
+        const std::lock_guard lock(g_mutex);
+        g_drives[3] = [](const Bytes& c) { return AnswerAta(c, 0x00, false); };
+    }
+    KemdInventory third;
+    ScanDrives(third, true, &second);
+    EXPECT_EQ(Health(third, "sda"), "power_state=standby " + answer);
+    // Another drive in the same place.
+    Tree("devices/pci0000:00/0000:00:03.0/host1/1:0:0:0/block/sda/size=4096");
+    KemdInventory fourth;
+    ScanDrives(fourth, true, &third, true);
+    EXPECT_EQ(Health(fourth, "sda"), "power_state=standby health=unknown");
+}
+
 TEST(DriveIdentity, PagesAreReadWithinTheirLength) {
     Bytes page(572);
     page[1] = 0x89;

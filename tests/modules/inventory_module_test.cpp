@@ -17,7 +17,8 @@ class InventoryModuleTest : public DaemonTest {
   protected:
     void SetUp() override {
         DaemonTest::SetUp();
-        for (const char* const path : {"/etc/kemd", "/var/lib/kemd", "/sys/bus", "/sys/devices"}) {
+        for (const char* const path :
+             {"/etc/kemd", "/var/lib/kemd", "/sys/block", "/sys/bus", "/sys/devices", "/dev/sda"}) {
             fs::remove_all(path);
         }
         fs::create_directories("/var/lib");
@@ -46,6 +47,15 @@ class InventoryModuleTest : public DaemonTest {
         fs::create_directories(kDevices);
         std::error_code error;
         fs::create_symlink(path, kDevices + address, error);
+    }
+    // It has no node in /dev.
+    static void MakeDrive(const std::string& name, const std::string& number) {
+        const std::string device = "/sys/devices/pci0000:00/" + name + "/host1/1:0:0:0";
+        WriteFile(device + "/vendor", "ATA\n");
+        WriteFile(device + "/block/" + name + "/dev", number + "\n");
+        fs::create_symlink(device, device + "/block/" + name + "/device");
+        fs::create_directories("/sys/block");
+        fs::create_symlink(device + "/block/" + name, "/sys/block/" + name);
     }
     static void RemoveFunction(const std::string& address) {
         fs::remove(kDevices + address);
@@ -129,6 +139,28 @@ TEST_F(InventoryModuleTest, TracesWhatTheWatchSees) {
     const std::string trace = Trace();
     EXPECT_EQ(trace.find("mount:/tmp/disk added"), trace.rfind("mount:/tmp/disk added"));
     EXPECT_FALSE(Contains(trace, "since the inventory"));
+}
+
+// A drive that is asked at each change may never sleep. What it could not be asked for stays too.
+TEST_F(InventoryModuleTest, AsksForHealthAtTheStartAndNotAtEachChange) {
+    const auto keeps = [](const std::vector<std::string>& texts) {
+        return WaitFor([&] { return Holds(ReadFile(kFile), texts); });
+    };
+    MakeDrive("sda", "8:0");
+    Configure("Delay = 0\nSections = drives volumes\n");
+    const pid_t pid = Run();
+    ASSERT_TRUE(keeps({"drive:sda: health: No such file or directory"}));
+    fs::create_symlink("/dev/null", "/dev/sda");
+    MakeDrive("sdb", "8:16");
+    fs::create_directories("/tmp/disk");
+    ASSERT_EQ(mount("none", "/tmp/disk", "tmpfs", 0, nullptr), 0);
+    EXPECT_TRUE(keeps({"mount:/tmp/disk", "drive:sda: health: No such file or directory",
+                       "drive:sdb: health: No such file or directory"}))
+        << ReadFile(kFile);
+    EXPECT_EQ(Ctl("modules request inventory scan").code, 0);
+    EXPECT_TRUE(keeps({"drive:sda: health: No such device"})) << ReadFile(kFile);
+    EXPECT_EQ(umount("/tmp/disk"), 0);
+    EXPECT_EQ(Stop(pid), 0);
 }
 
 // Of many changes a part is traced as they come, the others after the next scan.
