@@ -17,7 +17,6 @@
 namespace {
 
 constexpr const char* kFormat = "kemd inventory";
-constexpr size_t kLargestFile = size_t{16} << 20;
 
 void AppendMember(std::string& json, const char* name, std::string_view text) {
     json.append(", \"").append(name).append("\": ");
@@ -249,21 +248,23 @@ int ParseInventory(std::string_view json, KemdInventory& inventory, std::string&
 }
 
 int SaveInventory(const KemdInventory& inventory, const std::string& path) {
+    const std::string json = InventoryJson(inventory);
+    if (json.size() > kLargestInventory) return EFBIG;
     OutputFile file(path, 0600);
-    const bool isDone = file.Open() && file.Write(InventoryJson(inventory)) && file.Commit();
+    const bool isDone = file.Open() && file.Write(json) && file.Commit();
     return isDone ? 0 : errno;
 }
 
 int LoadInventory(const std::string& path, KemdInventory& inventory, std::string& fault) {
-    const std::optional<std::string> json = ReadTextFile(path, kLargestFile + 1);
+    const std::optional<std::string> json = ReadTextFile(path, kLargestInventory + 1);
     if (!json) {
         const int error = errno;
         fault = error == EINVAL ? "not a regular file" : std::strerror(error);
         return error;
     }
-    if (json->size() > kLargestFile) {
-        fault = "it is larger than an inventory can be";
-        return EBADMSG;
+    if (json->size() > kLargestInventory) {
+        fault = "it has more than the 64 MiB that an inventory may have";
+        return EFBIG;
     }
     return ParseInventory(*json, inventory, fault);
 }

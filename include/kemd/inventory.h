@@ -49,9 +49,11 @@ KEMD_API int KemdInventoryScan(struct KemdInventory** inventory, uint32_t sectio
  * asked for `last` are not asked again: questions that come often may keep a drive awake. */
 KEMD_API int KemdInventoryRescan(struct KemdInventory** inventory, uint32_t sections,
                                  const struct KemdInventory* last, int onlyNew);
-/* One that KemdInventorySave wrote. EBADMSG when the file holds something else. */
+/* One that KemdInventorySave wrote. EBADMSG when the file holds something else, EFBIG when it has
+ * more than 64 MiB. */
 KEMD_API int KemdInventoryLoad(struct KemdInventory** inventory, const char* path);
-/* Replaces the file whole or leaves it as it was; mode 0600. */
+/* Replaces the file whole or leaves it as it was; mode 0600. EFBIG when it would have more than
+ * 64 MiB. */
 KEMD_API int KemdInventorySave(const struct KemdInventory* inventory, const char* path);
 /* Null does nothing. */
 KEMD_API void KemdInventoryRelease(struct KemdInventory* inventory);

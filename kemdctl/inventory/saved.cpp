@@ -200,8 +200,15 @@ KemdInventory TakeInventory(uint32_t sections, bool withHealth) {
 }
 
 int SaveTo(const char* path, const KemdInventory& inventory) {
+    const std::string json = InventoryJson(inventory);
+    if (json.size() > kLargestInventory) {
+        Complain(
+            "cannot write %s: the inventory has %s, and diff reads 64 MiB; save fewer sections",
+            Printable(path).c_str(), BinarySize(json.size()).c_str());
+        return kError;
+    }
     if (std::strcmp(path, "-") == 0) {
-        Write(InventoryJson(inventory));
+        Write(json);
         return kYes;
     }
     errno = SaveInventory(inventory, path);

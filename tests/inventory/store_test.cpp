@@ -73,6 +73,20 @@ std::string Document(const std::string& items, const std::string& sections = "\"
            sections + R"(],"items":[)" + items + R"(],"warnings":[],"notes":[]})";
 }
 
+// What is too large to be read back does not replace what is there.
+TEST(InventoryStore, KeepsNothingThatItCannotRead) {
+    const char* const path = "/tmp/old/large.json";
+    WriteFile(path, "old");
+    KemdInventory inventory;
+    inventory.warnings.emplace_back(kLargestInventory, 'x');
+    EXPECT_EQ(SaveInventory(inventory, path), EFBIG);
+    EXPECT_EQ(ReadFile(path), "old");
+    fs::resize_file(path, kLargestInventory + 1);
+    std::string fault;
+    EXPECT_EQ(LoadInventory(path, inventory, fault), EFBIG);
+    fs::remove(path);
+}
+
 // A drive that sleeps or was not asked has no other health than before.
 TEST(InventoryStore, ComparesHealthThatIsKnown) {
     const auto with = [](const char* health, const char* warning) {

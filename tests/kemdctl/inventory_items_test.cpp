@@ -79,6 +79,8 @@ TEST_F(InventoryItems, AreShownInEachForm) {
                           "2>/tmp/xmllint.err"),
               0)
         << ReadFile("/tmp/xmllint.err");
+    WriteFile("/large", "");
+    fs::resize_file("/large", (64 << 20) + 1);
     ExpectAll("inventory ",
               {{"disks", 2, "", "there is no section disks; see kemdctl inv"},
                {"pci --tables", 2, "", "sections do not go with"},
@@ -90,6 +92,7 @@ TEST_F(InventoryItems, AreShownInEachForm) {
                {"diff /a --ignore flux", 2, "", "there is no field and no kind flux"},
                {"diff /none", 2, "", "cannot read /none: No such file"},
                {"diff /inventory.rng", 2, "", "it must be what kemdctl inventory save wrote"},
+               {"diff /large", 2, "", "cannot read /large: it has more than the 64 MiB"},
                {"--tree --xml", 2, "", "exclude each other"},
                {"pci --volatile", 2, "", "unknown option --volatile"},
                {"save /none/x pci", 2, "", "cannot write /none/x: No such file"},
