@@ -1,5 +1,6 @@
 // kemdctl inventory without options: the machine on one page.
 #include <algorithm>
+#include <map>
 
 #include "kemdctl/inventory/items.h"
 #include "kemdctl/inventory/output.h"
@@ -18,6 +19,12 @@ constexpr size_t kMostWarningLines = 5;
 constexpr size_t kPageColumn = 12;
 constexpr size_t kPageWidth = 80;
 
+// One thing, or several alike ones.
+struct Row {
+    std::string text;
+    size_t count = 1;
+};
+
 class Page {
   public:
     Page(ReportWriter& report, const KemdInventory& inventory)
@@ -29,13 +36,13 @@ class Page {
     // The fields of the first item of a kind, with blanks between.
     [[nodiscard]] std::string First(ItemKind kind, std::initializer_list<const char*> fields) const;
     void Line(const char* label, const std::string& text);
-    void Rows(const char* label, const std::vector<std::string>& rows, const char* section);
+    void Rows(const char* label, const std::vector<Row>& rows, const char* section);
     [[nodiscard]] std::string Firmware() const;
     [[nodiscard]] std::string System() const;
     [[nodiscard]] std::string Processors() const;
     [[nodiscard]] std::string Memory() const;
-    [[nodiscard]] std::vector<std::string> Drives() const;
-    [[nodiscard]] std::vector<std::string> Ports() const;
+    [[nodiscard]] std::vector<Row> Drives() const;
+    [[nodiscard]] std::vector<Row> Ports() const;
     [[nodiscard]] std::vector<std::string> Attention() const;
 
     ReportWriter& m_report;
@@ -81,6 +88,13 @@ std::string Grouped(const std::vector<std::string>& texts) {
     return all;
 }
 
+std::string FirstColumn(const std::string& name) {
+    constexpr size_t kWidth = 9;
+    std::string column = Printable(name);
+    column.resize(std::max(column.size(), kWidth), ' ');
+    return column;
+}
+
 // Takes as many words as there is room for.
 std::string_view TakeWords(std::string_view& text, size_t room) {
     size_t end = text.size();
@@ -122,11 +136,14 @@ void Page::Line(const char* label, const std::string& text) {
     m_report.Line(label + std::string(kPageColumn - std::string_view(label).size(), ' ') + shown);
 }
 
-void Page::Rows(const char* label, const std::vector<std::string>& rows, const char* section) {
+void Page::Rows(const char* label, const std::vector<Row>& rows, const char* section) {
     const size_t shown = rows.size() > kMostRows ? kMostRows - 1 : rows.size();
-    for (size_t i = 0; i < shown; ++i) Line(i == 0 ? label : "", rows[i]);
-    if (shown == rows.size()) return;
-    Line("", "and " + std::to_string(rows.size() - shown) + " more: kemdctl inventory " + section);
+    size_t more = 0;
+    for (size_t i = 0; i < rows.size(); ++i) {
+        if (i < shown) Line(i == 0 ? label : "", rows[i].text);
+        if (i >= shown) more += rows[i].count;
+    }
+    if (more > 0) Line("", "and " + std::to_string(more) + " more: kemdctl inventory " + section);
 }
 
 std::string Page::Firmware() const {
@@ -188,44 +205,38 @@ std::string Page::Memory() const {
     return text;
 }
 
-std::vector<std::string> Page::Drives() const {
-    const Items drives = Of(ItemKind::kDrive);
-    std::vector<std::string> rows;
-    for (const Item* const item : drives) {
-        std::string row = Printable(item->name);
-        row.resize(std::max<size_t>(row.size(), 9), ' ');
-        Append(row, Fields(*item, {"size", "model", "interface"}, "  "), "  ");
-        Append(row, ShownField(*item, "health"), "  ");
-        Append(row, ShownField(*item, "slot"), "  slot ");
-        rows.push_back(row);
-    }
-    if (rows.size() <= kMostRows) return rows;
-    // Of many, alike ones are one row.
-    std::vector<std::string> kinds;
-    for (const Item* const item : drives) {
-        kinds.push_back(Fields(*item, {"size", "model", "interface", "health"}, "  "));
-    }
-    std::vector<std::string> groups;
-    for (const std::string& kind : kinds) {
-        const auto count = std::count(kinds.begin(), kinds.end(), kind);
-        std::string row = std::to_string(count) + " x  " + kind;
-        if (std::find(groups.begin(), groups.end(), row) == groups.end()) {
-            groups.push_back(std::move(row));
-        }
-    }
-    return groups;
+std::string DriveKind(const Item& item) {
+    return Fields(item, {"size", "model", "interface", "health"}, "  ");
 }
 
-std::vector<std::string> Page::Ports() const {
-    std::vector<std::string> rows;
+std::vector<Row> Page::Drives() const {
+    const Items drives = Of(ItemKind::kDrive);
+    std::map<std::string, size_t> counts;
+    for (const Item* const item : drives) ++counts[DriveKind(*item)];
+    std::vector<Row> rows;
+    for (const Item* const item : drives) {
+        // Of many, alike ones are one row: that of the first.
+        size_t& count = counts[DriveKind(*item)];
+        const bool isGroup = drives.size() > kMostRows && count > 1;
+        if (count == 0) continue;
+        std::string row = FirstColumn(isGroup ? std::to_string(count) + " x" : item->name);
+        Append(row, DriveKind(*item), "  ");
+        if (!isGroup) Append(row, ShownField(*item, "slot"), "  slot ");
+        rows.push_back({row, isGroup ? count : 1});
+        if (isGroup) count = 0;
+    }
+    return rows;
+}
+
+std::vector<Row> Page::Ports() const {
+    std::vector<Row> rows;
     for (const Item* const item : Of(ItemKind::kInterface)) {
-        std::string row = Printable(item->name);
-        row.resize(std::max<size_t>(row.size(), 9), ' ');
+        std::string row = FirstColumn(item->name);
         const std::string link = ShownField(*item, "link");
         Append(row, link == "yes" ? "up" : link == "no" ? "down" : "", "  ");
         Append(row, Fields(*item, {"speed", "mac", "driver"}, "  "), "  ");
         Append(row, ShownField(*item, "slot"), "  slot ");
-        rows.push_back(row);
+        rows.push_back({row});
     }
     return rows;
 }

@@ -106,12 +106,14 @@ TEST_F(InventoryItems, ThePageFitsAScreen) {
     for (const char name : std::string("bcdefghijklmnop")) {
         MakeDrive(std::string("vd") + name, std::string("S") + name);
     }
+    WriteFile(std::string(kCard) + "/virtio0/block/vda/size", "8388608\n");
     for (char card = 'a'; card <= 'f'; ++card) {
         MakeFunction(std::string(kBridge) + "/0000:0" + card + ":00.0", "10000", "4");
     }
     const std::string page = Ctl("inventory").out;
     EXPECT_TRUE(InOrder(
-        page, {"Machine     ", "Firmware    ", "Memory      ", "Drives      16 x  2 GiB  virtio\n",
+        page, {"Machine     ", "Firmware    ", "Memory      ",
+               "Drives      vda        4 GiB  virtio  slot 2\n            15 x       2 GiB  virtio\n",
                "Attention   PCI 0000:01:00.0 runs with 4 of 8 lanes\n",
                "            and 3 more: kemdctl inventory --long"}));
     std::istringstream lines(page);
