@@ -148,7 +148,7 @@ int ShowItems(CommandLine& line, ReportWriter& report) {
 }
 
 int ShowFirmware(const CommandLine& line, ReportWriter& report, const FirmwareOptions& options) {
-    if (!line.HasNoWords()) return UsageError("sections do not go with the firmware's tables");
+    if (!line.words.empty()) return UsageError("sections do not go with the firmware's tables");
     for (const auto& [option, value] : {std::pair("--slot", options.slot),
                                         {"--from-dump", options.source},
                                         {"--dump", options.target}}) {
@@ -166,7 +166,7 @@ int ShowFirmware(const CommandLine& line, ReportWriter& report, const FirmwareOp
     return RunFirmware(report, options);
 }
 
-// What each form of the command knows.
+// What each form of the command has.
 constexpr std::array<std::string_view, 5> kFirmware = {"--slot", "--from-dump", "--dump",
                                                        "--tables", "--json"};
 constexpr std::array<std::string_view, 6> kItems = {"--json", "--xml",  "--tree",
@@ -174,6 +174,27 @@ constexpr std::array<std::string_view, 6> kItems = {"--json", "--xml",  "--tree"
 constexpr std::array<std::string_view, 2> kSave = {"--mask", "--no-health"};
 constexpr std::array<std::string_view, 4> kDiff = {"--json", "--ignore", "--volatile",
                                                    "--no-health"};
+
+struct Form {
+    const char* name;
+    std::span<const std::string_view> options;
+};
+
+// False, after a complaint, when an option belongs to another form, or to none.
+bool HasOnlyOptionsOf(const CommandLine& line, const Form& form) {
+    const std::span<const std::string_view> forms[] = {kFirmware, kItems, kSave, kDiff};
+    for (const auto& option : line.options) {
+        const auto has = [&option](std::span<const std::string_view> names) {
+            return std::find(names.begin(), names.end(), option.name) != names.end();
+        };
+        if (has(form.options)) continue;
+        const bool isKnown = std::any_of(std::begin(forms), std::end(forms), has);
+        (void)UsageError(isKnown ? std::string(option.name) + " does not go with " + form.name
+                                 : "unknown option " + Printable(option.name));
+        return false;
+    }
+    return line.HasOnly(form.options);
+}
 
 }  // namespace
 
@@ -190,11 +211,11 @@ int RunInventory(CommandLine& line, ReportWriter& report) {
                                         [&line](auto option) { return line.Has(option); });
     const std::string_view name = line.words.empty() ? "" : line.words[0];
     const bool isItems = !isFirmware && !IsSubcommand(name);
-    std::span<const std::string_view> known = kDiff;
-    if (name == "save") known = kSave;
-    if (isItems) known = kItems;
-    if (isFirmware) known = kFirmware;
-    if (!line.HasOnly(known)) return UsageError("this does not fit the other words");
+    Form form = {"diff", kDiff};
+    if (name == "save") form = {"save", kSave};
+    if (isItems) form = {line.words.empty() ? "the page" : "sections", kItems};
+    if (isFirmware) form = {"the firmware's tables", kFirmware};
+    if (!HasOnlyOptionsOf(line, form)) return kError;
     if (isFirmware) return ShowFirmware(line, report, firmware);
     if (isItems) return ShowItems(line, report);
     (void)line.TakeCommand();

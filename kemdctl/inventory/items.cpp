@@ -144,10 +144,11 @@ std::string ShownSummary(const KemdInventoryItem& item) {
     if (columns == nullptr) return text;
     for (const char* const field : columns->fields) {
         if (field == nullptr) break;
-        const std::string shown = ShownField(item, field);
-        // "yes" says nothing without its name.
-        if (!shown.empty() && shown != "yes" && shown != "no")
-            text += (text.empty() ? "" : "  ") + shown;
+        std::string shown = ShownField(item, field);
+        // "yes" says nothing without its name, and a mount has two sizes.
+        if (shown.empty() || shown == "yes" || shown == "no") continue;
+        if (std::string_view(field) == "fs_available") shown += " available";
+        text += (text.empty() ? "" : "  ") + shown;
     }
     return text;
 }

@@ -156,7 +156,7 @@ std::string Page::Firmware() const {
 
 std::string Page::System() const {
     std::string text = First(ItemKind::kKernel, {"operating_system"});
-    Append(text, First(ItemKind::kKernel, {"release", "architecture"}), ", ");
+    Append(text, First(ItemKind::kKernel, {"release"}), ", ");
     Append(text, First(ItemKind::kKernel, {"virtualization"}), ", ");
     Append(text, First(ItemKind::kKernel, {"container"}), ", in ");
     return text;

@@ -69,6 +69,7 @@ void Tree::ShowItem(const Item& item, const std::string& first, const std::strin
 }
 
 void Tree::Show() {
+    if (m_children.empty()) m_report.Line("nothing found");
     for (const Item* const item : m_children[std::string_view()]) ShowItem(*item, "", "");
     // What is left are circles, which no inventory of a machine has.
     for (const Item& item : m_inventory.items) {

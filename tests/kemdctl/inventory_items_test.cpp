@@ -68,6 +68,7 @@ TEST_F(InventoryItems, AreShownInEachForm) {
     EXPECT_TRUE(Shows(
         "inventory --tree", 0,
         {"0000:00:03.0  PCI bridge", "\n`- 0000:01:00.0", "\n   `- ", "\n      `- vda  2 GiB"}));
+    EXPECT_TRUE(Shows("inventory memory --tree", 0, {"nothing found\n"}));
     EXPECT_TRUE(Shows("inventory drives pci --json", 0,
                       {"\"sections\": [\"pci\", \"drives\"]", "\"id\": \"pci:0000:01:00.0\"",
                        "\"serial\": \"SERIAL-0001\"", "\"size\": 2147483648"}));
@@ -94,7 +95,8 @@ TEST_F(InventoryItems, AreShownInEachForm) {
                {"diff /inventory.rng", 2, "", "it must be what kemdctl inventory save wrote"},
                {"diff /large", 2, "", "cannot read /large: it has more than the 64 MiB"},
                {"--tree --xml", 2, "", "exclude each other"},
-               {"pci --volatile", 2, "", "unknown option --volatile"},
+               {"pci --volatile", 2, "", "--volatile does not go with sections"},
+               {"diff /large --bogus", 2, "", "unknown option --bogus"},
                {"save /none/x pci", 2, "", "cannot write /none/x: No such file"},
                {"save - pci >/dev/full", 2, "", "No space left"}});
 }
@@ -112,10 +114,11 @@ TEST_F(InventoryItems, ThePageFitsAScreen) {
     }
     const std::string page = Ctl("inventory").out;
     EXPECT_TRUE(InOrder(
-        page, {"Machine     ", "Firmware    ", "Memory      ",
-               "Drives      vda        4 GiB  virtio  slot 2\n            15 x       2 GiB  virtio\n",
-               "Attention   PCI 0000:01:00.0 runs with 4 of 8 lanes\n",
-               "            and 3 more: kemdctl inventory --long"}));
+        page,
+        {"Machine     ", "Firmware    ", "Memory      ",
+         "Drives      vda        4 GiB  virtio  slot 2\n            15 x       2 GiB  virtio\n",
+         "Attention   PCI 0000:01:00.0 runs with 4 of 8 lanes\n",
+         "            and 3 more: kemdctl inventory --long"}));
     std::istringstream lines(page);
     int count = 0;
     for (std::string line; std::getline(lines, line); ++count) EXPECT_LE(line.size(), 80U) << line;
