@@ -1,5 +1,7 @@
 #include "inventory/mount_table.h"
 
+#include <sys/stat.h>
+
 #include <charconv>
 
 #include "base/text.h"
@@ -106,6 +108,14 @@ std::vector<Entry> ParseLines(std::string_view text, Parse parse) {
 }
 
 }  // namespace
+
+std::string HostMountsProcess() {
+    struct stat own {};
+    struct stat first {};
+    const bool isKnown =
+        stat("/proc/self/ns/mnt", &own) == 0 && stat("/proc/1/ns/mnt", &first) == 0;
+    return isKnown && own.st_ino != first.st_ino ? "/proc/1" : "/proc/self";
+}
 
 std::vector<MountEntry> ParseMounts(std::string_view text) {
     return ParseLines<MountEntry>(text, ParseMount);

@@ -1,5 +1,5 @@
-// The kernel's tables of mounts and of swap space, as text. Pure functions; what a line lacks or
-// has too much is left out. They throw std::bad_alloc alone.
+// The kernel's tables of mounts and of swap space, as text. The parsers are pure functions; what a
+// line lacks or has too much is left out. They throw std::bad_alloc alone.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,11 @@
 #include <string_view>
 #include <vector>
 
-// A line of /proc/self/mountinfo.
+// The directory in /proc of a process that has the host's mounts: of process 1 when this one has
+// others, as a service with a private /tmp, and may look; otherwise its own.
+std::string HostMountsProcess();
+
+// A line of "mountinfo" there.
 struct MountEntry {
     uint64_t id = 0;
     uint32_t major = 0;  // 0 for what is on no block device, and for btrfs

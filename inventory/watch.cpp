@@ -17,6 +17,7 @@
 
 #include "base/answer.h"
 #include "base/unique_fd.h"
+#include "inventory/mount_table.h"
 #include "inventory/uevent_socket.h"
 #include "inventory/watched_state.h"
 
@@ -110,7 +111,7 @@ int KemdInventoryWatch::Open() {
     m_poll[kStop] = {m_stop.Get(), POLLIN, 0};
     m_poll[kUevents] = {m_uevents.Descriptor(), POLLIN, 0};
     m_poll[kUdev] = {m_udev.Get(), POLLIN, 0};
-    OpenTable(kMounts, "/proc/self/mountinfo");
+    OpenTable(kMounts, (HostMountsProcess() + "/mountinfo").c_str());
     OpenTable(kSwaps, "/proc/swaps");
     OpenArrays();
     m_state = std::make_unique<WatchedState>(m_sections, [this](const ItemDifference& difference) {

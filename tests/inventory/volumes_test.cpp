@@ -1,6 +1,9 @@
 // Partitions, volumes and mounts: the kernel's texts, and made files of sysfs and udev.
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -73,6 +76,29 @@ TEST(MountsTest, WhatMayNotAnswerIsNotAsked) {
         EXPECT_EQ(inventory.Find(id)->Find("fs_size"), nullptr) << id;
     }
     EXPECT_EQ(inventory.Find("mount:/farther")->Number("fs_size"), 1U << 20);
+}
+
+// A service with mounts of its own sees those of the host, with their space.
+TEST(MountsTest, AreThoseOfTheHost) {
+    std::filesystem::create_directories("/both");
+    ASSERT_EQ(mount("host", "/both", "tmpfs", 0, "size=1M"), 0);
+    const pid_t service = fork();
+    if (service == 0) {
+        KemdInventory inventory;
+        if (unshare(CLONE_NEWNS) != 0 || mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("own", "/both", "tmpfs", MS_NOSUID, "size=2M") != 0) {
+            _exit(2);
+        }
+        ScanVolumes(inventory);
+        const KemdInventoryItem* const seen = inventory.Find("mount:/both");
+        const bool isHosts = seen != nullptr && seen->Text("source") == "host" &&
+                             seen->Number("fs_size") == 1U << 20;
+        _exit(isHosts && inventory.Find("mount:/both#2") == nullptr ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(service, &status, 0), service);
+    EXPECT_EQ(umount("/both"), 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 TEST(UeventTest, MessagesOfTheKernelOnly) {
