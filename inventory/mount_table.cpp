@@ -117,6 +117,10 @@ std::string HostMountsProcess() {
     return isKnown && own.st_ino != first.st_ino ? "/proc/1" : "/proc/self";
 }
 
+std::string HostPath(const std::string& path) {
+    return HostMountsProcess() == "/proc/1" ? "/proc/1/root" + path : path;
+}
+
 std::vector<MountEntry> ParseMounts(std::string_view text) {
     return ParseLines<MountEntry>(text, ParseMount);
 }

@@ -10,6 +10,8 @@
 // The directory in /proc of a process that has the host's mounts: of process 1 when this one has
 // others, as a service with a private /tmp, and may look; otherwise its own.
 std::string HostMountsProcess();
+// Where this process finds a path of the host that its own mounts may hide.
+std::string HostPath(const std::string& path);
 
 // A line of "mountinfo" there.
 struct MountEntry {

@@ -81,7 +81,7 @@ class MountScan {
         : m_inventory(&inventory), m_blocks(&blocks) {}
 
     void AddMounts() {
-        std::vector<MountEntry> mounts = ParseMounts(Read(m_process + "/mountinfo"));
+        std::vector<MountEntry> mounts = ParseMounts(Read(HostMountsProcess() + "/mountinfo"));
         std::erase_if(mounts, [](const auto& mount) { return Has(kPseudoTypes, mount.type); });
         Directories slow;
         // Volumes before their mounts.
@@ -175,7 +175,7 @@ class MountScan {
     }
 
     bool GetSpace(const MountEntry& mount, struct statvfs& space) {
-        const UniqueFd fd(open((m_process + "/root" + mount.target).c_str(), O_PATH | O_CLOEXEC));
+        const UniqueFd fd(open((m_root + mount.target).c_str(), O_PATH | O_CLOEXEC));
         if (!fd.IsOpen()) {
             const int error = errno;
             // Others are hidden by a later mount above them, or removed. Hosts of containers have
@@ -192,7 +192,7 @@ class MountScan {
 
     KemdInventory* m_inventory;
     BlockItems* m_blocks;
-    std::string m_process = HostMountsProcess();
+    std::string m_root = HostPath("");
 };
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "base/line_reader.h"
 #include "base/text.h"
 #include "inventory/host_inventory.h"
+#include "inventory/mount_table.h"
 #include "inventory/pci_function.h"
 
 namespace {
@@ -72,7 +73,8 @@ std::vector<std::vector<std::string>> FindPciModules(KemdInventory& inventory,
     struct utsname system {};
     if (functions.empty() || uname(&system) != 0) return std::move(finder).Modules();
     const std::string path = std::string("/lib/modules/") + system.release + "/modules.alias";
-    const UniqueFd file = OpenRegularFile(path.c_str(), O_RDONLY);
+    // The service is not to load modules: systemd hides them from it.
+    const UniqueFd file = OpenRegularFile(HostPath(path).c_str(), O_RDONLY);
     int error = errno;
     if (file.IsOpen()) {
         LineReader reader(file.Get());
