@@ -113,7 +113,10 @@ void KeepHealth(const KemdInventoryItem& last, KemdInventoryItem& drive) {
     const auto isAnswer = [](const KemdInventoryItem::Value& value) {
         return IsOfHealth(value.field) && value.text != "unknown";
     };
-    if (std::any_of(drive.values.begin(), drive.values.end(), isAnswer)) return;
+    if (last.Find("health") == nullptr ||
+        std::any_of(drive.values.begin(), drive.values.end(), isAnswer)) {
+        return;
+    }
     std::erase_if(drive.values, [](const auto& value) { return IsOfHealth(value.field); });
     std::copy_if(last.values.begin(), last.values.end(), std::back_inserter(drive.values),
                  [](const auto& value) { return IsOfHealth(value.field); });

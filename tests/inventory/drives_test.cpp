@@ -518,6 +518,11 @@ TEST_F(DrivesTest, BetweenTheQuestionsTheLastAnswerStays) {
     KemdInventory fourth;
     ScanDrives(fourth, true, &third, true);
     EXPECT_EQ(Health(fourth, "sda"), "power_state=standby health=unknown");
+    // That it was asked is known also when it never was before.
+    const KemdInventory unasked = Scan();
+    KemdInventory fifth;
+    ScanDrives(fifth, true, &unasked);
+    EXPECT_EQ(Health(fifth, "sda"), "power_state=standby health=unknown");
 }
 
 TEST(DriveIdentity, PagesAreReadWithinTheirLength) {
