@@ -189,6 +189,26 @@ int ReadRows(int fd, const AreaPlace& place, uint64_t which, std::vector<uint8_t
     return 0;
 }
 
+// Whether bytes of the block are wrong. A power cut while it was being brought to the disk leaves
+// some of its pages; its rows are still in the slot. An errno number.
+int FindTear(int fd, const BlockRef& block, bool& isTorn) {
+    std::vector<DirectoryEntry> entries;
+    std::vector<uint8_t> bytes;
+    BlockState state = ReadDirectory(fd, block, entries);
+    if (state == BlockState::kSound && !ReadBytes(fd, block.offset, block.head.size, bytes)) {
+        state = Failed(fd, block);
+    }
+    const bool isWrong =
+        state == BlockState::kSound &&
+        std::any_of(entries.begin(), entries.end(), [&](const DirectoryEntry& entry) {
+            return !entry.isConstant &&
+                   Crc32c(bytes.data() + entry.offset, entry.size) != entry.checksum;
+        });
+    if (isWrong) state = Wrong(fd, block);
+    isTorn = state == BlockState::kDamaged;
+    return state == BlockState::kUnread ? errno : 0;
+}
+
 // Without rows when there is none. A second time, when the writer began the slot again while it was
 // read. An errno number.
 int ReadSlotRows(int fd, const AreaPlace& place, uint64_t which, uint32_t area, SlotRows& slot) {
@@ -247,13 +267,22 @@ int ReadLog(int fd, const AreaPlace& place, uint32_t area, std::vector<BlockRef>
     SlotRows other;
     int failed = ReadSlotRows(fd, place, newer, area, slot);
     if (failed == 0) failed = FindBlocks(fd, place, area, blocks, sequences[newer]);
-    const uint64_t sealed = blocks.empty() ? 0 : blocks.back().head.sequence;
+    bool isTorn = false;
+    if (failed == 0 && !blocks.empty()) failed = FindTear(fd, blocks.back(), isTorn);
+    const uint64_t sealed = blocks.empty() ? 0 : blocks.back().head.sequence - (isTorn ? 1 : 0);
     if (failed == 0 && sequences[1 - newer] > sealed) {
         failed = ReadSlotRows(fd, place, 1 - newer, area, other);
     }
     if (failed != 0) return failed;
     for (SlotRows* const each : {&other, &slot}) {
-        if (each->rows > 0 && each->head.sequence > sealed) slots.push_back(std::move(*each));
+        if (each->rows == 0 || each->head.sequence <= sealed) continue;
+        if (isTorn && each->head.sequence == sealed + 1) {
+            // What still has most of the rows is taken.
+            if (each->rows < blocks.back().head.rows / 2) continue;
+            blocks.pop_back();
+            isTorn = false;
+        }
+        slots.push_back(std::move(*each));
     }
     std::sort(slots.begin(), slots.end(), [](const SlotRows& a, const SlotRows& b) {
         return a.head.sequence < b.head.sequence;
