@@ -43,17 +43,39 @@ void RefuseLimit(const XmlLimits& limits, uint32_t limit) {
     throw XmlRefusal{KEMD_XML_CAUSE_LIMIT, text, limit};
 }
 
+XmlBuilder::KnownName XmlBuilder::Known(uint64_t key, std::string_view name) {
+    const uint32_t number = Name(name);
+    const StringTable& strings = m_document.strings;
+    const bool isPlain = strings.IsQualifiedName(number) && strings.Prefix(number) == 0 &&
+                         number != m_document.xmlnsName;
+    return {key, number, static_cast<uint32_t>(name.size()) & 0x7FFFFFFFU, isPlain ? 1U : 0U};
+}
+
 // Most names are short, and the same again and again.
-uint32_t XmlBuilder::ElementName(const char* name) {
+XmlBuilder::KnownName XmlBuilder::ElementName(const char* name) {
     uint64_t word = 0;
     size_t size = 0;
     for (; size < sizeof word && name[size] != '\0'; ++size) {
         word |= uint64_t{static_cast<unsigned char>(name[size])} << 8 * size;
     }
-    if (name[size] != '\0') return Name(name);
-    ShortName& known = m_short[word * 0x9E3779B97F4A7C15U >> 58];
-    if (known.word != word) known = {word, Name({name, size})};
-    return known.number;
+    if (name[size] != '\0') return Known(0, name);
+    KnownName& known = m_elementNames[word * 0x9E3779B97F4A7C15U >> 58];
+    if (known.key != word) known = Known(word, {name, size});
+    return known;
+}
+
+// expat has each name of an attribute in one place for as long as it lives.
+const XmlBuilder::KnownName& XmlBuilder::AttributeName(const char* name) {
+    const auto key = reinterpret_cast<uintptr_t>(name);
+    KnownName& known = m_attributeNames[key % m_attributeNames.size()];
+    if (known.key != key) known = Known(key, name);
+    return known;
+}
+
+void XmlBuilder::CheckElementName(uint32_t name) const {
+    const StringTable& strings = m_document.strings;
+    if (strings.IsQualifiedName(name) && strings.Prefix(name) != m_document.xmlnsName) return;
+    RefuseNames("the element " + Quoted(strings.View(name)) + " is no name with one prefix");
 }
 
 uint32_t XmlBuilder::Name(std::string_view name) {
@@ -109,59 +131,69 @@ void XmlBuilder::Declare(KemdXmlDocument::Attribute& attribute) {
     m_uris[prefix] = uri;
 }
 
-// expat has each name of an attribute in one place for as long as it lives.
-uint32_t XmlBuilder::AttributeName(const char* name) {
-    KnownName& known = m_known[reinterpret_cast<uintptr_t>(name) / 8 % m_known.size()];
-    if (known.text != name) known = {name, Name(name)};
-    return known.number;
+// To copy always as much takes a few instructions.
+uint32_t XmlBuilder::AddShortText(const char* text, size_t length) {
+    if (length == 0) return 0;
+    Pool<char>& characters = m_document.characters;
+    const uint32_t start = characters.Size();
+    char* const room = characters.Grow(XmlTag::kShort);
+    std::memcpy(room, text, XmlTag::kShort);
+    room[length] = '\0';
+    characters.Drop(XmlTag::kShort - length - 1);
+    return start;
 }
 
-void XmlBuilder::AddAttributes(uint32_t element, const char* const* names, uint32_t place,
-                               const std::vector<uint32_t>& places) {
+void XmlBuilder::AddAttributes(const char* const* names, uint32_t place, XmlTag& tag,
+                               size_t specified) {
+    size_t count = 0;
+    while (names[2 * count] != nullptr) ++count;
     const uint64_t most = m_limits[KEMD_XML_LIMIT_ATTRIBUTES];
-    uint32_t last = 0;
-    for (size_t i = 0; names[2 * i] != nullptr; ++i) {
-        if (most != 0 && i >= most) RefuseLimit(m_limits, KEMD_XML_LIMIT_ATTRIBUTES);
-        const std::string_view value = names[2 * i + 1];
-        KemdXmlDocument::Attribute attribute{};
-        attribute.name = AttributeName(names[2 * i]) & kNameBits;
-        attribute.owner = element;
-        attribute.length = static_cast<uint32_t>(value.size());
-        attribute.text = m_document.AddText(value);
-        attribute.isDefault = i < places.size() ? 0 : 1;
-        attribute.place = i < places.size() ? places[i] : place;
-        m_delivered += m_document.strings.View(attribute.name).size() + value.size();
-        const bool isDeclaration =
-            attribute.name == m_document.xmlnsName ||
-            m_document.strings.Prefix(attribute.name) == m_document.xmlnsName;
-        if (isDeclaration) Declare(attribute);
-        const uint32_t index = m_document.attributes.Add(attribute);
-        (last == 0 ? m_document.nodes[element].attributes : m_document.attributes[last].next) =
-            index;
-        last = index;
+    if (most != 0 && count > most) RefuseLimit(m_limits, KEMD_XML_LIMIT_ATTRIBUTES);
+    const uint32_t first = m_document.attributes.Size();
+    KemdXmlDocument::Attribute* const added = m_document.attributes.Grow(count);
+    m_notPlain.clear();
+    for (size_t i = 0; i < count; ++i) {
+        const KnownName& name = AttributeName(names[2 * i]);
+        if (name.isPlain == 0) m_notPlain.push_back(static_cast<uint32_t>(first + i));
+        const bool isDefault = i >= specified;
+        KemdXmlDocument::Attribute& attribute = added[i] = {};
+        attribute.isDefault = isDefault ? 1 : 0;
+        attribute.name = name.number & kNameBits;
+        attribute.owner = m_open;
+        attribute.next = i + 1 < count ? static_cast<uint32_t>(first + i + 1) : 0;
+        attribute.place = isDefault ? place : tag.Next(name.length);
+        uint32_t length = 0;
+        if (const char* const text = isDefault ? nullptr : tag.ShortValue(length)) {
+            attribute.text = AddShortText(text, length);
+        } else {
+            const std::string_view value = names[2 * i + 1];
+            length = static_cast<uint32_t>(value.size());
+            attribute.text = m_document.AddText(value);
+        }
+        attribute.length = length;
+        m_delivered += name.length + length;
     }
+    m_document.nodes[m_open].attributes = first;
+    if (!m_notPlain.empty()) ResolveAttributes();
 }
 
-void XmlBuilder::ResolveAttributes(uint32_t first) {
+void XmlBuilder::ResolveAttributes() {
     StringTable& strings = m_document.strings;
-    m_prefixed.clear();
-    for (uint32_t at = first; at != 0; at = m_document.attributes[at].next) {
+    for (const uint32_t at : m_notPlain) {
+        KemdXmlDocument::Attribute& each = m_document.attributes[at];
+        const bool isDeclaration =
+            each.name == m_document.xmlnsName || strings.Prefix(each.name) == m_document.xmlnsName;
+        if (isDeclaration) Declare(each);
+    }
+    m_keys.clear();
+    for (const uint32_t at : m_notPlain) {
         KemdXmlDocument::Attribute& each = m_document.attributes[at];
         if (!strings.IsQualifiedName(each.name)) {
             RefuseNames("the attribute " + Quoted(strings.View(each.name)) +
                         " is no name with one prefix");
         }
-        if (each.isNamespace != 0) {
-            each.uri = m_document.xmlnsUri;
-        } else if (strings.Prefix(each.name) != 0) {
-            each.uri = Resolve(each.name);
-            m_prefixed.push_back(at);
-        }
-    }
-    if (m_prefixed.size() < 2) return;
-    m_keys.clear();
-    for (const uint32_t at : m_prefixed) {
-        const KemdXmlDocument::Attribute& each = m_document.attributes[at];
+        each.uri = each.isNamespace != 0 ? m_document.xmlnsUri : Resolve(each.name);
+        if (each.isNamespace != 0 || m_notPlain.size() == 1) continue;
         m_keys.push_back(uint64_t{each.uri} << 32 |
                          strings.Add(std::string(strings.Local(each.name))));
     }
@@ -172,26 +204,19 @@ void XmlBuilder::ResolveAttributes(uint32_t first) {
                 Quoted(strings.View(static_cast<uint32_t>(*twice >> 32))) + " is there twice");
 }
 
-void XmlBuilder::Start(const char* name, const char* const* names, uint32_t place,
-                       const std::vector<uint32_t>& places) {
+void XmlBuilder::Start(const char* name, const char* const* names, uint32_t place, XmlTag* tag,
+                       size_t specified) {
     EndText();
     const uint64_t deepest = m_limits[KEMD_XML_LIMIT_DEPTH];
     if (++m_depth > deepest && deepest != 0) RefuseLimit(m_limits, KEMD_XML_LIMIT_DEPTH);
     m_document.facts.depth = std::max(m_document.facts.depth, m_depth);
-    const StringTable& strings = m_document.strings;
-    const uint32_t number = ElementName(name);
-    m_delivered += strings.View(number).size();
-    const uint32_t prefix = strings.Prefix(number);
-    if (!strings.IsQualifiedName(number) || prefix == m_document.xmlnsName) {
-        RefuseNames("the element " + Quoted(name) + " is no name with one prefix");
-    }
-    m_open = AddNode(KEMD_XML_ELEMENT, number, place);
-    if (names[0] != nullptr) {
-        AddAttributes(m_open, names, place, places);
-        ResolveAttributes(m_document.At(m_open).attributes);
-    }
+    const KnownName known = ElementName(name);
+    m_delivered += known.length;
+    if (known.isPlain == 0) CheckElementName(known.number);
+    m_open = AddNode(KEMD_XML_ELEMENT, known.number, place);
+    if (tag != nullptr) AddAttributes(names, place, *tag, specified);
     Count();
-    m_document.nodes[m_open].uri = Resolve(number);
+    m_document.nodes[m_open].uri = known.isPlain != 0 ? m_uris[0] : Resolve(known.number);
 }
 
 void XmlBuilder::End() {
@@ -207,8 +232,7 @@ void XmlBuilder::End() {
 // The last one in the element that is open.
 uint32_t XmlBuilder::AddNode(uint32_t kind, uint32_t name, uint32_t place) {
     const uint32_t index = m_document.nodes.Size();
-    KemdXmlDocument::Node& node = *m_document.nodes.Grow(1);
-    node = {};
+    KemdXmlDocument::Node& node = *m_document.nodes.Grow(1) = {};
     node.kind = kind & 0xF;
     node.name = name & kNameBits;
     node.parent = m_open;
@@ -229,7 +253,12 @@ uint32_t XmlBuilder::BeginText(uint32_t kind, uint32_t place) {
 
 void XmlBuilder::Text(std::string_view text, uint32_t place) {
     if (m_text == 0) m_text = BeginText(KEMD_XML_TEXT, place);
-    m_document.characters.Append(text.data(), text.size());
+    // Often a line end.
+    if (text.size() == 1) {
+        m_document.characters.Add(text[0]);
+    } else {
+        m_document.characters.Append(text.data(), text.size());
+    }
     m_delivered += text.size();
 }
 

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "xml/tag.h"
 #include "xml/tree.h"
 
 // Why a document is refused.
@@ -31,10 +32,10 @@ class XmlBuilder {
     XmlBuilder(KemdXmlDocument& document, const XmlLimits& limits)
         : m_document(document), m_limits(limits) {}
 
-    // The attributes that the tag has come first; `places` are theirs, the others are defaults.
-    // `names` is as expat has it: name, value, ..., null.
-    void Start(const char* name, const char* const* names, uint32_t place,
-               const std::vector<uint32_t>& places);
+    // `names` is as expat has it: name, value, ..., null. The first `specified` attributes are
+    // those of the tag, which is null when there are none; the others are defaults.
+    void Start(const char* name, const char* const* names, uint32_t place, XmlTag* tag,
+               size_t specified);
     void End();
     // Whether the next text begins a node, which then needs a place.
     [[nodiscard]] bool BeginsText() const { return m_text == 0; }
@@ -60,24 +61,24 @@ class XmlBuilder {
         uint32_t uri;
     };
 
+    // What is asked of the name of each element and attribute.
     struct KnownName {
-        const char* text;
+        uint64_t key;  // an element's: its bytes; an attribute's: where expat has it
         uint32_t number;
-    };
-
-    struct ShortName {
-        uint64_t word;  // its bytes
-        uint32_t number;
+        uint32_t length : 31;
+        uint32_t isPlain : 1;  // has no prefix and declares nothing
     };
 
     uint32_t Name(std::string_view name);
-    uint32_t ElementName(const char* name);
-    uint32_t AttributeName(const char* name);
+    KnownName Known(uint64_t key, std::string_view name);
+    KnownName ElementName(const char* name);
+    const KnownName& AttributeName(const char* name);
+    void CheckElementName(uint32_t name) const;
     void Count();
-    void AddAttributes(uint32_t element, const char* const* names, uint32_t place,
-                       const std::vector<uint32_t>& places);
+    void AddAttributes(const char* const* names, uint32_t place, XmlTag& tag, size_t specified);
+    uint32_t AddShortText(const char* text, size_t length);
     void Declare(KemdXmlDocument::Attribute& attribute);
-    void ResolveAttributes(uint32_t first);
+    void ResolveAttributes();
     [[nodiscard]] uint32_t Resolve(uint32_t name) const;
     uint32_t AddNode(uint32_t kind, uint32_t name, uint32_t place);
     uint32_t BeginText(uint32_t kind, uint32_t place);
@@ -88,11 +89,11 @@ class XmlBuilder {
     uint32_t m_depth = 0;
     uint32_t m_text = 0;  // the text or CDATA section that grows
     uint64_t m_delivered = 0;
-    std::vector<uint32_t> m_uris;  // by number of a prefix, in scope now; 0: not declared
-    std::vector<Undo> m_undo;      // what is in scope again after an element
-    // Attributes with prefixes, and keys to find duplicates among them.
-    std::vector<uint32_t> m_prefixed;
+    std::vector<uint32_t> m_uris{0};  // by number of a prefix, in scope now; 0: not declared
+    std::vector<Undo> m_undo;         // what is in scope again after an element
+    // Attributes of the element whose names are not plain, and keys to find duplicates among them.
+    std::vector<uint32_t> m_notPlain;
     std::vector<uint64_t> m_keys;
-    std::array<KnownName, 64> m_known{};
-    std::array<ShortName, 64> m_short{};
+    std::array<KnownName, 64> m_elementNames{};
+    std::array<KnownName, 256> m_attributeNames{};
 };

@@ -6,10 +6,6 @@
 
 namespace {
 
-bool IsBlank(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
-}
-
 bool IsPredefined(std::string_view name) {
     return name == "lt" || name == "gt" || name == "amp" || name == "apos" || name == "quot";
 }
@@ -53,31 +49,9 @@ struct XmlEvents::Handlers {
         (void)run.Refuse({KEMD_XML_CAUSE_SYSTEM, "out of memory"}, 0, false);
     }
 
-    // A tag is walked again for the places of its attributes, which expat does not have.
-    static void FindPlaces(XmlRun& run, const char* tag, const char* end, uint64_t index) {
-        const char* at = tag;
-        while (at < end && !IsBlank(*at) && *at != '/' && *at != '>') ++at;
-        for (;;) {
-            while (at < end && IsBlank(*at)) ++at;
-            if (at >= end || *at == '/' || *at == '>') return;
-            run.m_attributePlaces.push_back(
-                run.m_places.At(index + static_cast<uint64_t>(at - tag)));
-            while (at < end && *at != '=') ++at;
-            ++at;
-            while (at < end && IsBlank(*at)) ++at;
-            if (at >= end) return;
-            const auto* const quote = static_cast<const char*>(
-                std::memchr(at + 1, *at, static_cast<size_t>(end - at - 1)));
-            if (quote == nullptr) return;
-            if (run.m_hasExternal)
-                CheckReferences(run, {at + 1, static_cast<size_t>(quote - at - 1)});
-            at = quote + 1;
-        }
-    }
-
     // expat leaves a reference out of a value when the entity may be declared elsewhere.
-    static void CheckReferences(const XmlRun& run, std::string_view value) {
-        ForReferences(value, [&run](std::string_view name) {
+    static void CheckReferences(const XmlRun& run, std::string_view tag) {
+        ForReferences(tag, [&run](std::string_view name) {
             const auto found = run.m_entities.find(std::string(name));
             if (found == run.m_entities.end() || found->second) RefuseUnknown(name);
         });
@@ -88,24 +62,34 @@ struct XmlEvents::Handlers {
                              "\" is not declared in the document, and others are not read"};
     }
 
+    static void StartWithAttributes(XmlRun& run, const XML_Char* name, const XML_Char** attributes,
+                                    uint64_t index) {
+        const int specified = XML_GetSpecifiedAttributeCount(run.m_parser.get()) / 2;
+        const int size = XML_GetCurrentByteCount(run.m_parser.get());
+        size_t offset = 0;
+        const std::string_view context = run.Context(offset);
+        std::string_view tag = context.substr(offset, static_cast<size_t>(size));
+        // An element within an entity is where the reference is.
+        if (!tag.starts_with('<')) tag = {};
+        if (run.m_hasExternal) CheckReferences(run, tag);
+        XmlTag walk(tag, index, run.m_places, context.data() + context.size(),
+                    !run.m_attributeCounts.empty());
+        run.m_builder.Start(name, attributes, run.m_places.At(index), &walk,
+                            static_cast<size_t>(specified));
+    }
+
     static void Start(void* user, const XML_Char* name, const XML_Char** attributes) {
         Guarded(user, [&](XmlRun& run) {
             run.m_hasRoot = true;
             const uint64_t index = run.Index();
             const uint32_t place = run.m_places.At(index);
             run.Release(index);
-            run.m_attributePlaces.clear();
-            if (attributes[0] != nullptr) {
-                const int count = XML_GetSpecifiedAttributeCount(run.m_parser.get()) / 2;
-                size_t offset = 0;
-                const char* const tag = run.Context(offset).data() + offset;
-                const int size = XML_GetCurrentByteCount(run.m_parser.get());
-                if (*tag == '<') FindPlaces(run, tag, tag + size, index);
-                // Those of an element within an entity are where the reference is.
-                run.m_attributePlaces.resize(static_cast<size_t>(count), place);
-            }
             run.m_openTags.push_back(index);
-            run.m_builder.Start(name, attributes, place, run.m_attributePlaces);
+            if (attributes[0] == nullptr) {
+                run.m_builder.Start(name, attributes, place, nullptr, 0);
+            } else {
+                StartWithAttributes(run, name, attributes, index);
+            }
             run.CheckExpansion();
         });
     }

@@ -76,6 +76,8 @@ class Pool {
     void Append(const T* items, size_t count) {
         if (count > 0) std::memcpy(Grow(count), items, count * sizeof(T));
     }
+    // Takes back the last ones.
+    void Drop(size_t count) { m_size -= static_cast<uint32_t>(count); }
     // Gives back what is not used.
     void Shrink() { Resize(std::max<uint32_t>(m_size, 1)); }
 
@@ -85,7 +87,8 @@ class Pool {
         m_items = static_cast<T*>(m_memory.Data());
         m_total = m_capacity = total;
     }
-    void Reserve(size_t count) {
+    // Rare: inlined it would slow down those who call Grow.
+    [[gnu::noinline]] void Reserve(size_t count) {
         constexpr size_t kMost = std::numeric_limits<uint32_t>::max() - 1;
         if (count > kMost - m_size) throw std::bad_alloc();
         const size_t needed = m_size + count;

@@ -184,7 +184,7 @@ size_t XmlRun::NextRoom(uint64_t pending) {
 }
 
 void XmlRun::ReleaseTo(uint64_t index) {
-    m_parsed = index;
+    m_released = index;
     if (m_kept == nullptr) return;
     (void)m_places.At(index);
     char* const end = m_keptEnd - (m_fed - index) - kBlock;
@@ -289,11 +289,6 @@ int XmlRun::Finish(std::unique_ptr<KemdXmlDocument>& document) {
     return 0;
 }
 
-uint64_t XmlRun::Index() const {
-    const XML_Index index = XML_GetCurrentByteIndex(m_parser.get());
-    return index < 0 ? 0 : static_cast<uint64_t>(index);
-}
-
 std::string_view XmlRun::Context(size_t& offset) const {
     int start = 0, size = 0;
     const char* const bytes = XML_GetInputContext(m_parser.get(), &start, &size);
@@ -307,7 +302,7 @@ int XmlRun::Parse(bool isLast) {
     if (!m_hasRoot) m_toRoot = m_prolog.empty() ? piece : m_prolog.append(piece);
     m_kept = m_isLarge ? m_room : nullptr;
     m_keptEnd = m_room + m_filled;
-    m_parsed = m_fed;
+    m_parsed = m_released = m_fed;
     m_fed += m_filled;
     m_filled = 0;
     m_room = nullptr;

@@ -90,7 +90,8 @@ class XmlRun {
     // Called while expat parses: what it has parsed of a large buffer is given back.
     void Release(uint64_t index) {
         constexpr uint64_t kStep = uint64_t{2} << 20;
-        if (index >= m_parsed + kStep) ReleaseTo(index);
+        m_parsed = index;
+        if (index >= m_released + kStep) ReleaseTo(index);
     }
     void ReleaseTo(uint64_t index);
     // How many bytes of UTF-8 expat shall have next; `pending`: what it has not parsed.
@@ -98,7 +99,10 @@ class XmlRun {
 
     // The bytes from expat's place on, and before it as far as they are there.
     [[nodiscard]] std::string_view Context(size_t& offset) const;
-    [[nodiscard]] uint64_t Index() const;
+    [[nodiscard]] uint64_t Index() const {
+        const XML_Index index = XML_GetCurrentByteIndex(m_parser.get());
+        return index < 0 ? 0 : static_cast<uint64_t>(index);
+    }
     [[nodiscard]] uint32_t PlaceHere() { return m_places.At(Index()); }
     int Refuse(const XmlRefusal& refusal, uint64_t index, bool isAtEnd);
     int RefuseByExpat();
@@ -131,9 +135,9 @@ class XmlRun {
     char* m_kept = nullptr;   // of a large buffer that is parsed: what is not given back
     char* m_keptEnd = nullptr;
     uint64_t m_parsed = 0;             // at least
+    uint64_t m_released = 0;           // looked at for that
     std::vector<uint64_t> m_openTags;  // where they begin
     XmlPlaces m_places;
-    std::vector<uint32_t> m_attributePlaces;
 
     // Of the document type.
     std::string m_prolog;       // what expat had before this piece, up to the root element
