@@ -25,6 +25,16 @@ bool IsAt(const TraceFile& file, uint64_t offset, std::string_view text) {
     return file.Read(offset, text.size()) == text;
 }
 
+// A power cut may leave the size of a file and none of its bytes.
+bool HasZerosOnly(const TraceFile& file, uint64_t size) {
+    std::string bytes;
+    for (uint64_t at = 0; at < size; at += bytes.size()) {
+        bytes = file.Read(at, 65536);
+        if (bytes.empty() || bytes.find_first_not_of('\0') != bytes.npos) return false;
+    }
+    return true;
+}
+
 bool EndsWithFill(const TraceFile& file, uint64_t size) {
     return size >= kFill.size() && IsAt(file, size - kFill.size(), kFill);
 }
@@ -346,6 +356,10 @@ Layout ExamineFile(const TraceFile& file) {
     Layout layout;
     layout.size = file.Size();
     if (layout.size == 0) return layout;
+    if (HasZerosOnly(file, layout.size)) {
+        layout.problem = "zeros only, as a power cut leaves them";
+        return layout;
+    }
     const uint64_t begin = FindBegin(file, layout.size);
     const bool isRing = begin != TraceFile::npos;
     // A ring that is being made has its whole size only when its records begin.

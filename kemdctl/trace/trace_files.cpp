@@ -158,8 +158,9 @@ std::string Describe(const TraceSource& source) {
                         ? ", " + process + " no longer writes it"
                         : ", whether " + process + " still writes it cannot be seen";
         }
-        if (!facts.problem.empty()) text += "; " + facts.problem;
     }
+    if (facts.kind != FileKind::kForeignFile && !facts.problem.empty())
+        text += "; " + facts.problem;
     if (facts.error.empty()) return text;
     return source.IsOpen() ? text + "; " + facts.error : facts.error;
 }

@@ -148,6 +148,7 @@ TEST_F(ReportTest, VerifySeparatesSoundFromDamaged) {
                  {Line(1, "a") + Line(2, "b"), 0, "sound: log, 2 records"},
                  {"garbage\n" + Line(1, "a"), 1, "7 bytes are not records"},
                  {"", 1, "empty"},
+                 {std::string(5000, '\0'), 1, "zeros only"},
                  {"not a trace", 2, "not a trace file"}};
     for (const auto& each : cases) {
         WriteFile("/tmp/file", each.content);
