@@ -80,6 +80,13 @@ void Exporter::ReadParts(std::span<const Exported> series, Take take) {
 // What each series has at one time; null: nothing.
 using Row = std::vector<const HistoryPoint*>;
 
+// The point of a time, and goes on after it. The clock may have been set back: the last one counts.
+const HistoryPoint* TakeAt(const ColumnPoints& points, int64_t wall, size_t& next) {
+    const HistoryPoint* point = nullptr;
+    while (next < points.size() && points[next].wall == wall) point = &points[next++];
+    return point;
+}
+
 // Calls take(wall, row) for each time in order. The points of a series are in order of time.
 template <typename Take>
 void ForEachRow(const std::vector<ColumnPoints>& points, Take take) {
@@ -91,13 +98,7 @@ void ForEachRow(const std::vector<ColumnPoints>& points, Take take) {
             if (next[i] < points[i].size()) wall = std::min(wall, points[i][next[i]].wall);
         }
         if (wall == INT64_MAX) return;
-        for (size_t i = 0; i < points.size(); ++i) {
-            row[i] = nullptr;
-            // The clock may have been set back: the last one counts.
-            while (next[i] < points[i].size() && points[i][next[i]].wall == wall) {
-                row[i] = &points[i][next[i]++];
-            }
-        }
+        for (size_t i = 0; i < points.size(); ++i) row[i] = TakeAt(points[i], wall, next[i]);
         take(wall, row);
     }
 }
