@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <ctime>
 #include <iterator>
 #include <limits>
 #include <string_view>
@@ -75,6 +76,14 @@ void TakeScsiExceptions(DriveBytes parameter, DriveHealth& health) {
     }
 }
 
+std::string UtcTime(int64_t seconds) {
+    const time_t time = seconds;
+    struct tm parts {};
+    std::array<char, 64> text{};
+    if (gmtime_r(&time, &parts) == nullptr) return "";
+    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts)};
+}
+
 }  // namespace
 
 void AddHealth(KemdInventoryItem& drive, const DriveHealth& health) {
@@ -103,13 +112,13 @@ void AddHealth(KemdInventoryItem& drive, const DriveHealth& health) {
 
 bool IsOfHealth(InventoryField field) {
     constexpr auto kFields = std::to_array<InventoryField>(
-        {"health", "critical_warning", "temperature", "percentage_used", "spare", "spare_threshold",
-         "media_errors", "unsafe_shutdowns", "power_cycles", "power_on_hours", "data_read",
-         "data_written"});
+        {"health", "health_time", "critical_warning", "temperature", "percentage_used", "spare",
+         "spare_threshold", "media_errors", "unsafe_shutdowns", "power_cycles", "power_on_hours",
+         "data_read", "data_written"});
     return std::find(kFields.begin(), kFields.end(), field) != kFields.end();
 }
 
-void KeepHealth(const KemdInventoryItem& last, KemdInventoryItem& drive) {
+void KeepHealth(const KemdInventoryItem& last, int64_t lastTime, KemdInventoryItem& drive) {
     const auto isAnswer = [](const KemdInventoryItem::Value& value) {
         return IsOfHealth(value.field) && value.text != "unknown";
     };
@@ -120,6 +129,10 @@ void KeepHealth(const KemdInventoryItem& last, KemdInventoryItem& drive) {
     std::erase_if(drive.values, [](const auto& value) { return IsOfHealth(value.field); });
     std::copy_if(last.values.begin(), last.values.end(), std::back_inserter(drive.values),
                  [](const auto& value) { return IsOfHealth(value.field); });
+    const bool hasAnswer = std::any_of(last.values.begin(), last.values.end(), isAnswer);
+    if (hasAnswer && last.Find("health_time") == nullptr) {
+        drive.Add("health_time", UtcTime(lastTime));
+    }
 }
 
 bool TakeNvmeHealth(DriveBytes page, DriveHealth& health) {

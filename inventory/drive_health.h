@@ -31,8 +31,9 @@ struct DriveHealth {
 void AddHealth(KemdInventoryItem& drive, const DriveHealth& health);
 // Of AddHealth's fields all but the power state, which is that of the moment.
 bool IsOfHealth(InventoryField field);
-// Takes over what the drive said last time, unless it says something now.
-void KeepHealth(const KemdInventoryItem& last, KemdInventoryItem& drive);
+// Takes over what the drive said at `lastTime`, in seconds since 1970, or before it, unless it says
+// something now.
+void KeepHealth(const KemdInventoryItem& last, int64_t lastTime, KemdInventoryItem& drive);
 
 using DriveBytes = std::span<const uint8_t>;
 

@@ -438,7 +438,7 @@ void DriveScan::AskHealth(const KemdInventory* last, bool onlyNew) {
     for (size_t i = 0; i < answers.size(); ++i) AddAnswer(*m_inventory, answers[i], *items[i]);
     for (FoundDrive& drive : m_drives) {
         const KemdInventoryItem* const was = FindLast(last, drive.item);
-        if (was != nullptr) KeepHealth(*was, drive.item);
+        if (was != nullptr) KeepHealth(*was, last->time, drive.item);
     }
 }
 

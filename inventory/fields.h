@@ -247,6 +247,7 @@ inline constexpr auto kInventoryFields = std::to_array<InventoryFieldInfo>({
     {"controller_id", KEMD_INVENTORY_NUMBER},
     {"subsystem_nqn", KEMD_INVENTORY_TEXT, "", kPrivate},
     {"health"},
+    {"health_time", KEMD_INVENTORY_TEXT, "", kVolatile},
     {"critical_warning", KEMD_INVENTORY_TEXT, "", kList},
     {"temperature", KEMD_INVENTORY_NUMBER, "C", kVolatile},
     {"percentage_used", KEMD_INVENTORY_NUMBER, "%", kVolatile},

@@ -44,9 +44,11 @@ struct KemdInventoryItem;
 
 /* Never fails as a whole, but for ENOMEM: what cannot be read is absent, and a note says why. */
 KEMD_API int KemdInventoryScan(struct KemdInventory** inventory, uint32_t sections);
-/* The next one after `last`, which may be null: of a drive that says nothing about its health, as
- * it sleeps or does not answer, what `last` has stays. With `onlyNew` other than 0 drives that were
- * asked for `last` are not asked again: questions that come often may keep a drive awake. */
+/* The next one after `last`, which may be null, stays the caller's and is not needed afterwards.
+ * With KEMD_INVENTORY_HEALTH: of a drive that says nothing about its health, as it sleeps or does
+ * not answer, what `last` has is copied, and "health_time" says when it was true. With `onlyNew`
+ * other than 0 drives that were asked for `last` are not asked again: questions that come often may
+ * keep a drive awake. */
 KEMD_API int KemdInventoryRescan(struct KemdInventory** inventory, uint32_t sections,
                                  const struct KemdInventory* last, int onlyNew);
 /* One that KemdInventorySave wrote. EBADMSG when the file holds something else, EFBIG when it has

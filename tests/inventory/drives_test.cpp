@@ -494,9 +494,12 @@ TEST_F(DrivesTest, BetweenTheQuestionsTheLastAnswerStays) {
     Asked("sda", 3, "ATA", [](const Bytes& c) { return AnswerAta(c, 0xFF, true); });
     Asked("nvme0n1", 5, "", [](const Bytes&) { return Reply{{}, {}, EIO}; });
     Asked("nvme1n1", 7, "", [](const Bytes&) { return Reply{{}, {}, EPERM}; });
-    const KemdInventory first = Scan(true);
+    KemdInventory first = Scan(true);
+    first.time = 1795387462;
     const Bytes questions = Commands(3);
-    const std::string answer = Health(first, "sda").substr(strlen("power_state=active "));
+    const std::string given = Health(first, "sda").substr(strlen("power_state=active "));
+    const std::string answer = given + " health_time=2026-11-22T22:44:22Z";
+    EXPECT_FALSE(Contains(given, "health_time"));
     Asked("sdb", 8, "ATA", [](const Bytes& c) { return AnswerAta(c, 0xFF, false); });
     KemdInventory second;
     ScanDrives(second, true, &first, true);
@@ -504,6 +507,7 @@ TEST_F(DrivesTest, BetweenTheQuestionsTheLastAnswerStays) {
     EXPECT_EQ(Commands(5).size() + Commands(7).size(), 2U);
     EXPECT_EQ(Health(second, "sda"), answer);
     EXPECT_TRUE(Contains(Health(second, "sdb"), "health=ok"));
+    EXPECT_EQ(Health(second, "nvme0n1"), "health=unknown");
     EXPECT_EQ(second.notes, first.notes);
     // All are asked, and this one sleeps.
     {
