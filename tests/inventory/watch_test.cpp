@@ -1,8 +1,11 @@
 // The watch: made messages, which reach it as the kernel's, over made files; mounts for real.
 #include <linux/netlink.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <mutex>
@@ -205,4 +208,37 @@ TEST(InventoryWatchOpenTest, EndsAtOnceAndRefusesNonsense) {
               0);
     KemdInventoryWatchClose(watch);
     KemdInventoryWatchClose(nullptr);
+}
+
+// A service with mounts of its own, which those of the host do not reach.
+TEST(InventoryWatchOpenTest, SeesTheMountsOfTheHost) {
+    std::filesystem::create_directories("/mnt");
+    int ready[2];
+    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+    const pid_t service = fork();
+    if (service == 0) {
+        std::atomic<bool> isSeen = false;
+        const auto look = [](void* seen, const KemdInventoryChange* change) {
+            const bool isNew = change->before == nullptr && change->after != nullptr;
+            if (isNew && std::string_view(KemdInventoryItemName(change->after)) == "/mnt") {
+                *static_cast<std::atomic<bool>*>(seen) = true;
+            }
+        };
+        KemdInventoryWatch* watch = nullptr;
+        if (unshare(CLONE_NEWNS) != 0 || mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            KemdInventoryWatchOpen(&watch, KEMD_INVENTORY_VOLUMES, look, &isSeen) != 0 ||
+            write(ready[1], "", 1) != 1) {
+            _exit(2);
+        }
+        _exit(WaitFor([&] { return isSeen.load(); }) ? 0 : 1);
+    }
+    close(ready[1]);
+    char byte = 0;
+    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    EXPECT_EQ(mount("tmp", "/mnt", "tmpfs", 0, ""), 0);
+    int status = -1;
+    EXPECT_EQ(waitpid(service, &status, 0), service);
+    EXPECT_EQ(umount("/mnt"), 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
