@@ -78,7 +78,13 @@ TEST(MountsTest, WhatMayNotAnswerIsNotAsked) {
     EXPECT_EQ(inventory.Find("mount:/farther")->Number("fs_size"), 1U << 20);
 }
 
-// A service with mounts of its own sees those of the host, with their space.
+uint64_t Space(const KemdInventory& inventory, const char* id, std::string_view source) {
+    const KemdInventoryItem* const item = inventory.Find(id);
+    return item != nullptr && item->Text("source") == source ? item->Number("fs_size") : 0;
+}
+
+// A service with mounts of its own sees those of the host, with their space; one that may not look
+// there its own.
 TEST(MountsTest, AreThoseOfTheHost) {
     std::filesystem::create_directories("/both");
     ASSERT_EQ(mount("host", "/both", "tmpfs", 0, "size=1M"), 0);
@@ -90,10 +96,13 @@ TEST(MountsTest, AreThoseOfTheHost) {
             _exit(2);
         }
         ScanVolumes(inventory);
-        const KemdInventoryItem* const seen = inventory.Find("mount:/both");
-        const bool isHosts = seen != nullptr && seen->Text("source") == "host" &&
-                             seen->Number("fs_size") == 1U << 20;
-        _exit(isHosts && inventory.Find("mount:/both#2") == nullptr ? 0 : 1);
+        const bool isHosts = Space(inventory, "mount:/both", "host") == 1U << 20 &&
+                             inventory.Find("mount:/both#2") == nullptr;
+        if (mount("none", "/proc/1", "tmpfs", 0, nullptr) != 0) _exit(2);
+        KemdInventory hardened;
+        ScanVolumes(hardened);
+        const bool isOwn = Space(hardened, "mount:/both#2", "own") == 2U << 20;
+        _exit(isHosts && isOwn ? 0 : 1);
     }
     int status = -1;
     ASSERT_EQ(waitpid(service, &status, 0), service);
