@@ -1,5 +1,6 @@
 // The history: what is appended is read again, at all resolutions, whatever happens to the process,
 // the machine and the file.
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -13,8 +14,10 @@
 #include <map>
 #include <random>
 
+#include "base/unique_fd.h"
 #include "performance/checksum.h"
 #include "performance/column_model.h"
+#include "performance/history_block.h"
 #include "performance/history_format.h"
 #include "performance/history_reader.h"
 #include "performance/history_writer.h"
@@ -311,6 +314,58 @@ TEST_F(HistoryTest, APowerCutLosesAtMostWhatCameAfterTheLastSync) {
         writer.reset();
         settings = kept;
         writer = std::move(other);
+    }
+}
+
+// The rows of a torn newest block come from its slot, unless most of them are gone there.
+TEST_F(HistoryTest, ATornBlockIsReplacedByWhatItsSlotHas) {
+    AddFive();
+    OpenWriter();
+    for (int64_t i = 0; i < 600; ++i) AppendFive(i);
+    writer.reset();
+    const AreaPlace place = MakeFileHead(1 << 20, "box").areas[kSamples];
+    const UniqueFd file(open(settings.path.c_str(), O_RDWR | O_CLOEXEC));
+    const auto read = [&](std::vector<BlockRef>& blocks) {
+        std::vector<SlotRows> slots;
+        blocks.clear();
+        EXPECT_EQ(ReadLog(file.Get(), place, kSamples, blocks, slots), 0);
+        std::vector<uint32_t> rows;
+        for (const SlotRows& slot : slots) rows.push_back(slot.rows);
+        return rows;
+    };
+    std::vector<BlockRef> blocks;
+    EXPECT_EQ(read(blocks), std::vector<uint32_t>({88}));
+    ASSERT_EQ(blocks.size(), 1U);
+    std::vector<DirectoryEntry> entries;
+    ASSERT_EQ(ReadDirectory(file.Get(), blocks[0], entries), BlockState::kSound);
+    const auto torn = std::find_if(entries.begin(), entries.end(), [](const auto& entry) {
+        return !entry.isConstant && SeriesOf(entry.id) != kNoSeries;
+    });
+    ASSERT_NE(torn, entries.end());
+    const auto last = static_cast<off_t>(blocks[0].offset + torn->offset + torn->size - 1);
+    char byte = 0;
+    ASSERT_EQ(pread(file.Get(), &byte, 1, last), 1);
+    byte = static_cast<char>(byte ^ 0x40);
+    ASSERT_EQ(pwrite(file.Get(), &byte, 1, last), 1);
+    // So many rows of its slot are there.
+    const struct {
+        uint32_t kept;
+        std::vector<uint32_t> slots;
+    } cases[] = {{512, {512, 88}}, {256, {256, 88}}, {255, {88}}, {0, {88}}};
+    for (const auto& each : cases) {
+        auto at = static_cast<off_t>(place.offset + place.slot + sizeof(SlotHead));
+        RowHead head;
+        for (uint32_t row = 0; row < each.kept; ++row) {
+            ASSERT_EQ(pread(file.Get(), &head, sizeof head, at), sizeof head);
+            at += static_cast<off_t>(sizeof head + head.size);
+        }
+        ASSERT_EQ(pwrite(file.Get(), "", 1, at), 1);
+        EXPECT_EQ(read(blocks), each.slots) << each.kept;
+        EXPECT_EQ(blocks.size(), 2 - each.slots.size()) << each.kept;
+        const auto reader = OpenReader();
+        const size_t whole = CheckFive(*reader).size();
+        EXPECT_EQ(whole, 88 + (each.slots.size() == 2 ? each.kept : 0)) << each.kept;
+        EXPECT_EQ(reader->Problems().size(), blocks.size()) << each.kept;
     }
 }
 
