@@ -134,4 +134,21 @@ TEST_F(FollowTest, WriterThatOvertakesTheReaderNeverLeavesATornRecord) {
     }
 }
 
+// What a power cut leaves, and what the next run makes of it.
+TEST_F(FollowTest, FileOfZerosIsReadOnceItIsWritten) {
+    StartRing();
+    TraceMany(0, 10);
+    const std::string ring = ReadFile(kRuntimeRing);
+    constexpr const char* kFile = "/tmp/zeros";
+    WriteFile(kFile, std::string(ring.size(), '\0'));
+    TraceSource source(kFile, 0);
+    source.Follow();
+    EXPECT_TRUE(source.Open());
+    EXPECT_TRUE(source.IsGood());
+    EXPECT_FALSE(source.Advance());
+    WriteFile(kFile, ring);
+    EXPECT_TRUE(source.Advance());
+    EXPECT_EQ("", Differ(Whole(), Read(source)));
+}
+
 }  // namespace
