@@ -179,10 +179,11 @@ void InventoryKeeper::Take(bool isQuiet, bool asksAll) {
         KemdMessage(kTag, "cannot keep the inventory in %s: %s", kFile, std::strerror(error));
     }
     m_error = error;
+    if (error == 0) m_unsaved = nullptr;
     if (inventory == nullptr) return;
     m_time = KemdInventoryTime(inventory.get());
     m_items = CountItems(*inventory);
-    m_unsaved = error != 0 ? std::move(inventory) : nullptr;
+    if (error != 0) m_unsaved = std::move(inventory);
 }
 
 std::string InventoryKeeper::Problems() const {
