@@ -114,6 +114,7 @@ class MountScan {
         std::optional<std::string> text = ReadTextFile(path, kMostText);
         const int error = errno;
         if (!text) m_inventory->NoteError(path, error);
+        if (text && text->size() == kMostText) m_inventory->Note(path, "more than 16 MiB: cut");
         return text ? std::move(*text) : std::string();
     }
 

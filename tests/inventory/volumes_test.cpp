@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "base/unique_fd.h"
@@ -76,6 +77,16 @@ TEST(MountsTest, WhatMayNotAnswerIsNotAsked) {
         EXPECT_EQ(inventory.Find(id)->Find("fs_size"), nullptr) << id;
     }
     EXPECT_EQ(inventory.Find("mount:/farther")->Number("fs_size"), 1U << 20);
+}
+
+TEST(MountsTest, TableThatIsTooLongIsNoted) {
+    WriteFile("/tmp/swaps", std::string(17 << 20, 'x'));
+    ASSERT_EQ(mount("/tmp/swaps", "/proc/swaps", "", MS_BIND, nullptr), 0);
+    KemdInventory inventory;
+    ScanVolumes(inventory);
+    EXPECT_EQ(umount("/proc/swaps"), 0);
+    const auto& notes = inventory.notes;
+    EXPECT_EQ(std::count(notes.begin(), notes.end(), "/proc/swaps: more than 16 MiB: cut"), 1);
 }
 
 uint64_t Space(const KemdInventory& inventory, const char* id, std::string_view source) {
