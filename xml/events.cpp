@@ -1,6 +1,7 @@
 // What expat calls while a document is read.
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "xml/run.h"
 
@@ -50,11 +51,28 @@ struct XmlEvents::Handlers {
     }
 
     // expat leaves a reference out of a value when the entity may be declared elsewhere.
-    static void CheckReferences(const XmlRun& run, std::string_view tag) {
-        ForReferences(tag, [&run](std::string_view name) {
-            const auto found = run.m_entities.find(std::string(name));
-            if (found == run.m_entities.end() || found->second) RefuseUnknown(name);
-        });
+    // `event`: a tag or a default, or the reference to the entity that it is in.
+    static void CheckReferences(XmlRun& run, std::string_view event) {
+        std::vector<std::string_view> texts{event};
+        if (event.starts_with('%')) texts.swap(run.m_parameterEntities);
+        while (!texts.empty()) {
+            const std::string_view text = texts.back();
+            texts.pop_back();
+            ForReferences(text, [&](std::string_view name) {
+                const auto found = run.m_entities.find(std::string(name));
+                if (found == run.m_entities.end()) RefuseUnknown(name);
+                // Once is enough.
+                if (!found->second.empty()) texts.push_back(std::exchange(found->second, {}));
+            });
+        }
+    }
+    // Where it begins is all that expat has of it.
+    static void CheckDefault(XmlRun& run) {
+        size_t offset = 0;
+        std::string_view event = run.Context(offset);
+        event.remove_prefix(offset);
+        if (!event.starts_with('%')) event = event.substr(0, event.find(event[0], 1));
+        CheckReferences(run, event);
     }
     [[noreturn]] static void RefuseUnknown(std::string_view name) {
         throw XmlRefusal{KEMD_XML_CAUSE_ENTITY,
@@ -63,19 +81,18 @@ struct XmlEvents::Handlers {
     }
 
     static void StartWithAttributes(XmlRun& run, const XML_Char* name, const XML_Char** attributes,
-                                    uint64_t index) {
+                                    uint64_t index, uint32_t place) {
         const int specified = XML_GetSpecifiedAttributeCount(run.m_parser.get()) / 2;
         const int size = XML_GetCurrentByteCount(run.m_parser.get());
         size_t offset = 0;
         const std::string_view context = run.Context(offset);
         std::string_view tag = context.substr(offset, static_cast<size_t>(size));
+        if (run.m_mayLeaveOut) CheckReferences(run, tag);
         // An element within an entity is where the reference is.
-        if (!tag.starts_with('<')) tag = {};
-        if (run.m_hasExternal) CheckReferences(run, tag);
+        if (!tag.starts_with('<')) tag.remove_suffix(tag.size());
         XmlTag walk(tag, index, run.m_places, context.data() + context.size(),
                     !run.m_attributeCounts.empty());
-        run.m_builder.Start(name, attributes, run.m_places.At(index), &walk,
-                            static_cast<size_t>(specified));
+        run.m_builder.Start(name, attributes, place, &walk, static_cast<size_t>(specified));
     }
 
     static void Start(void* user, const XML_Char* name, const XML_Char** attributes) {
@@ -88,7 +105,7 @@ struct XmlEvents::Handlers {
             if (attributes[0] == nullptr) {
                 run.m_builder.Start(name, attributes, place, nullptr, 0);
             } else {
-                StartWithAttributes(run, name, attributes, index);
+                StartWithAttributes(run, name, attributes, index, place);
             }
             run.CheckExpansion();
         });
@@ -145,7 +162,7 @@ struct XmlEvents::Handlers {
                           const XML_Char* /*publicId*/, int /*hasSubset*/) {
         Guarded(user, [&](XmlRun& run) {
             run.m_isInType = true;
-            run.m_hasExternal = system != nullptr;
+            run.m_mayLeaveOut = system != nullptr;
             run.m_documentType = run.m_toRoot.rfind("<!DOCTYPE", run.Index());
         });
     }
@@ -172,14 +189,20 @@ struct XmlEvents::Handlers {
                     "more than " + std::to_string(kMostNested) + " entities refer to others",
                     KEMD_XML_LIMIT_EXPANSION};
             }
-            if (isParameter == 0) run.m_entities.emplace(name, refers);
+            // expat keeps the text in one place.
+            if (isParameter == 0) {
+                run.m_entities.emplace(name, text);
+            } else {
+                run.m_mayLeaveOut = true;
+                run.m_parameterEntities.push_back(text);
+            }
         });
     }
     // expat compares each declaration with all others of the element.
     static void AttributeList(void* user, const XML_Char* element, const XML_Char* /*name*/,
-                              const XML_Char* /*type*/, const XML_Char* /*value*/,
-                              int /*isRequired*/) {
+                              const XML_Char* /*type*/, const XML_Char* value, int /*isRequired*/) {
         Guarded(user, [&](XmlRun& run) {
+            if (value != nullptr && run.m_mayLeaveOut) CheckDefault(run);
             const uint64_t most = run.m_limits[KEMD_XML_LIMIT_ATTRIBUTES];
             if (++run.m_attributeCounts[element] > most && most != 0) {
                 RefuseLimit(run.m_limits, KEMD_XML_LIMIT_ATTRIBUTES);
@@ -188,7 +211,7 @@ struct XmlEvents::Handlers {
     }
     static void Skipped(void* user, const XML_Char* name, int isParameter) {
         Guarded(user, [&](XmlRun& run) {
-            run.m_hasExternal = true;
+            run.m_mayLeaveOut = true;
             if (isParameter == 0) RefuseUnknown(name);
         });
     }
@@ -196,7 +219,7 @@ struct XmlEvents::Handlers {
     static int External(XML_Parser parser, const XML_Char* context, const XML_Char* /*base*/,
                         const XML_Char* system, const XML_Char* /*publicId*/) {
         Guarded(XML_GetUserData(parser), [&](XmlRun& run) {
-            run.m_hasExternal = true;
+            run.m_mayLeaveOut = true;
             if (context == nullptr) return;
             throw XmlRefusal{KEMD_XML_CAUSE_ENTITY,
                              "the external entity " + std::string(system == nullptr ? "" : system) +

@@ -144,9 +144,11 @@ class XmlRun {
     std::string_view m_toRoot;  // and with this piece
     bool m_hasRoot = false;
     bool m_isInType = false;
-    bool m_hasExternal = false;                        // something is declared elsewhere
-    size_t m_documentType = 0;                         // where it begins in the prolog
-    size_t m_nested = 0;                               // entities that refer to others
-    std::unordered_map<std::string, bool> m_entities;  // and whether they refer to others
+    bool m_mayLeaveOut = false;  // expat leaves unknown references out of values
+    size_t m_documentType = 0;   // where it begins in the prolog
+    size_t m_nested = 0;         // entities that refer to others
+    // Their texts; empty once the references in it are checked.
+    std::unordered_map<std::string, std::string_view> m_entities;
+    std::vector<std::string_view> m_parameterEntities;
     std::unordered_map<std::string, uint32_t> m_attributeCounts;
 };

@@ -83,6 +83,14 @@ TEST(XmlTest, ErrorsNameTheirPlaceWhateverThePiecesAre) {
         {"<a x='1' x='2'/>", KEMD_XML_CAUSE_SYNTAX, 1, 10, 9, "duplicate attribute"},
         {"<a>&x;</a>", KEMD_XML_CAUSE_ENTITY, 1, 4, 3, "not declared"},
         {"<!DOCTYPE a SYSTEM 'x'><a b='&x;'/>", KEMD_XML_CAUSE_ENTITY, 1, 24, 23, "\"x\""},
+        {"<!DOCTYPE a SYSTEM 'x' [<!ENTITY e \"<b c='&x;'/>\">]><a>&e;</a>", KEMD_XML_CAUSE_ENTITY,
+         1, 56, 55, "\"x\""},
+        {"<!DOCTYPE a [<!ENTITY % p ''><!ENTITY f '&x;'><!ENTITY e '&f;'>%p;]><a b='&e;'/>",
+         KEMD_XML_CAUSE_ENTITY, 1, 69, 68, "\"x\""},
+        {"<!DOCTYPE a SYSTEM 'x' [<!ATTLIST a b CDATA '&x;'>]><a/>", KEMD_XML_CAUSE_ENTITY, 1, 45,
+         44, "\"x\""},
+        {"<!DOCTYPE a [<!ENTITY % p \"<!ATTLIST a b CDATA '&x;'>\">%p;]><a/>",
+         KEMD_XML_CAUSE_ENTITY, 1, 56, 55, "\"x\""},
         {"<!DOCTYPE a [<!ENTITY x SYSTEM '/etc/passwd'>]><a>&x;</a>", KEMD_XML_CAUSE_ENTITY, 1, 51,
          50, "/etc/passwd is not read"},
         {"<a><p:b/></a>", KEMD_XML_CAUSE_NAMESPACE, 1, 4, 3, "\"p\" is not declared"},
@@ -221,7 +229,11 @@ TEST(XmlTest, LimitsAreExact) {
                {KEMD_XML_LIMIT_DEPTH, 2, "<a><b/></a>", "<a><b><c/></b></a>"},
                {KEMD_XML_LIMIT_NODES, 3, "<a b=''>c</a>", "<a b=''>c<d/></a>"},
                {KEMD_XML_LIMIT_ATTRIBUTES, 1, "<a b=''/>", "<a b='' c=''/>"},
-               {KEMD_XML_LIMIT_NAME, 3, "<abc/>", "<abcd/>"}};
+               {KEMD_XML_LIMIT_ATTRIBUTES, 1, "<!DOCTYPE a [<!ATTLIST a b CDATA ''>]><a/>",
+                "<!DOCTYPE a [<!ATTLIST a b CDATA ''>]><a c=''/>"},
+               {KEMD_XML_LIMIT_NAME, 3, "<abc/>", "<abcd/>"},
+               {KEMD_XML_LIMIT_NAME, 3, "<a abc='long'/>", "<a abcd=''/>"},
+               {KEMD_XML_LIMIT_NAME, 3, "<a xmlns='u:n'/>", "<a xmlns='u:no'/>"}};
     for (const auto& each : set) {
         XmlReader reader;
         XmlDocument document;
