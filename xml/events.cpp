@@ -131,16 +131,24 @@ struct XmlEvents::Handlers {
     static void EndCdata(void* user) {
         Guarded(user, [](XmlRun& run) { run.m_builder.EndText(); });
     }
+    // What is before the document type may look like it.
+    static void Pass(XmlRun& run) {
+        if (run.m_hasRoot) return;
+        const int size = XML_GetCurrentByteCount(run.m_parser.get());
+        run.m_documentType = run.Index() + static_cast<uint64_t>(size);
+    }
     // Those of a document type are in its text.
     static void Comment(void* user, const XML_Char* text) {
         Guarded(user, [&](XmlRun& run) {
             if (run.m_isInType) return;
+            Pass(run);
             run.m_builder.Other(KEMD_XML_COMMENT, {}, text, run.PlaceHere());
         });
     }
     static void Instruction(void* user, const XML_Char* target, const XML_Char* text) {
         Guarded(user, [&](XmlRun& run) {
             if (run.m_isInType) return;
+            Pass(run);
             run.m_builder.Other(KEMD_XML_INSTRUCTION, target, text, run.PlaceHere());
         });
     }
@@ -163,7 +171,7 @@ struct XmlEvents::Handlers {
         Guarded(user, [&](XmlRun& run) {
             run.m_isInType = true;
             run.m_mayLeaveOut = system != nullptr;
-            run.m_documentType = run.m_toRoot.rfind("<!DOCTYPE", run.Index());
+            run.m_documentType = run.m_toRoot.find("<!DOCTYPE", run.m_documentType);
         });
     }
     static void EndType(void* user) {

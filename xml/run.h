@@ -145,7 +145,7 @@ class XmlRun {
     bool m_hasRoot = false;
     bool m_isInType = false;
     bool m_mayLeaveOut = false;  // expat leaves unknown references out of values
-    size_t m_documentType = 0;   // where it begins in the prolog
+    size_t m_documentType = 0;   // where it begins in the prolog, or later
     size_t m_nested = 0;         // entities that refer to others
     // Their texts; empty once the references in it are checked.
     std::unordered_map<std::string, std::string_view> m_entities;
