@@ -3,10 +3,12 @@
 #include <iconv.h>
 #include <libxml/c14n.h>
 #include <libxml/parser.h>
+#include <sys/mman.h>
 
 #include <random>
 
 #include "tests/world.h"
+#include "xml/tag.h"
 #include "xml/view.h"
 
 namespace {
@@ -221,6 +223,132 @@ TEST(XmlCompareTest, CanonicalFormsAreThoseOfLibxml2) {
         XmlDocument again;
         ASSERT_EQ(reader.Parse(document.Written(&options), again), 0) << reader.Error().text;
         EXPECT_EQ(Canonical(again, false, true), Canonical(document, false, true)) << source;
+    }
+}
+
+// Memory that ends where nothing can be read.
+class PageEnd {
+  public:
+    PageEnd()
+        : m_pages(static_cast<char*>(mmap(nullptr, kSize + kPage, PROT_READ | PROT_WRITE,
+                                          MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))) {
+        EXPECT_EQ(mprotect(m_pages + kSize, kPage, PROT_NONE), 0);
+    }
+    PageEnd(const PageEnd&) = delete;
+    PageEnd& operator=(const PageEnd&) = delete;
+    ~PageEnd() { munmap(m_pages, kSize + kPage); }
+    [[nodiscard]] std::string_view Put(std::string_view text) const {
+        char* const at = m_pages + kSize - text.size();
+        text.copy(at, text.size());
+        return {at, text.size()};
+    }
+
+  private:
+    static constexpr size_t kPage = 4096, kSize = size_t{1} << 20;
+    char* m_pages;
+};
+
+// Attributes that are where their places say.
+size_t AtTheirPlaces(const XmlDocument& document, const std::string& text) {
+    std::vector<size_t> lines{0};
+    for (size_t at = 0; at < text.size(); ++at) {
+        const bool isEnd = text[at] == '\n' || (text[at] == '\r' && text[at + 1] != '\n');
+        if (isEnd) lines.push_back(at + 1);
+    }
+    size_t count = 0;
+    const auto attributes = document.Find("//@*");
+    for (const KemdXmlNode each : *attributes) {
+        size_t at = lines.at(KemdXmlLine(document.Get(), each) - 1);
+        for (uint32_t left = KemdXmlColumn(document.Get(), each); --left > 0;) {
+            do ++at;
+            while ((text[at] & 0xC0) == 0x80);
+        }
+        count += text.substr(at, 40).starts_with(KemdXmlName(document.Get(), each)) ? 1 : 0;
+    }
+    return count;
+}
+
+// Each of these parts at each place of values around the length that is copied at once.
+std::string ManyAttributes(size_t& count) {
+    std::string all;
+    for (const char* part : {"", "&amp;", "&#9;", "&#x10FFFF;", "\t", "\n", "\r", "\r\n", " ", "  ",
+                             ">", "/>", "=", "'", "\x7f", "é", "漢", "😀"}) {
+        for (size_t i = 0; i < 90; ++i) {
+            const size_t size = 13 + i / 18, at = std::min(i % 18, size);
+            const std::string value = std::string(size, 'x').insert(at, part);
+            all.append("<e a=\"").append(value).append("\"\rk = \"").append(value);
+            all.append("\" é\n=\t''/>\n");
+            count += 3;
+        }
+    }
+    return all;
+}
+
+TEST(XmlCompareTest, AttributesAreThoseOfTheirTags) {
+    size_t valueCount = 0;
+    const std::string values = ManyAttributes(valueCount);
+    const std::string list =
+        "<!DOCTYPE r [<!ATTLIST e k NMTOKENS #IMPLIED d CDATA ' by  default'>]>\n";
+    const struct {
+        std::string text;
+        size_t places;  // attributes that are in the document themselves
+    } cases[] = {
+        {"<r>" + values + "</r>", valueCount},
+        {list + "<r>" + values + "</r>", valueCount},
+        {"<r a=''/>", 1},
+        {"<r a='123456789012345'/>", 1},
+        {"<r a='1234567890123456' b=\"'\" ></r>", 2},
+        {"<r\n\ta = '>'\r\nb\r=\n\"/>'\"\n/>", 2},
+        {"<p:é漢 xmlns:p='urn:p' p:a='1' xml:lang='de' a='é' xmlns='urn:d' é漢='漢'/>", 4},
+        {"<!DOCTYPE r [<!ENTITY v 'one & two'><!ENTITY e \"<b c='&v;' d='  x'/>\">]>"
+         "<r a='&v;'>&e;<b c='1' d='&#38;v;'/>&e;</r>",
+         3},
+        {"<!DOCTYPE r SYSTEM 'none' [<!ENTITY v 'V'><!ENTITY e \"<b c='&v;'/>\">]>"
+         "<r a='1&v;2'>&e;</r>",
+         1},
+        {"<!DOCTYPE r [<!ENTITY % p \"<!ENTITY x 'X'>\">%p;]><r a='1&x;2'/>", 1},
+    };
+    const PageEnd end;
+    for (auto [text, places] : cases) {
+        for (size_t at = 0; (at = text.find(" & ", at)) != text.npos;)
+            text.replace(at, 3, " &#38;#38; ");
+        const Other other(text);
+        const std::string expected = other.Canonical(false, true);
+        ASSERT_EQ(other.error, 0) << text;
+        XmlReader reader;
+        XmlDocument document;
+        for (const char* encoding : {"UTF-8", "UTF-16BE"}) {
+            const std::string encoded = Encoded(text, encoding);
+            ASSERT_EQ(reader.Parse(end.Put(encoded), document), 0) << reader.Error().text << text;
+            EXPECT_EQ(Canonical(document, false, true), expected);
+            EXPECT_EQ(AtTheirPlaces(document, text), places) << text.substr(0, 200);
+            WriteFile("/tmp/x/places.xml", encoded);
+            ASSERT_EQ(reader.ReadFile("/tmp/x/places.xml", document), 0);
+            EXPECT_EQ(Canonical(document, false, true), expected);
+            for (const char& byte : encoded)
+                ASSERT_EQ(KemdXmlParserFeed(reader.Get(), &byte, 1), 0);
+            KemdXmlDocument* made = nullptr;
+            ASSERT_EQ(KemdXmlParserFinish(reader.Get(), &made), 0);
+            EXPECT_EQ(Canonical(XmlDocument(made), false, true), expected);
+        }
+    }
+}
+
+TEST(XmlCompareTest, NothingIsReadAfterWhatCanBeRead) {
+    const PageEnd end;
+    for (size_t size = 0; size < 40; ++size) {
+        const std::string value(size, 'v');
+        const std::string_view text =
+            end.Put(std::string("<a b='").append(value).append("' c='").append(value).append("'>"));
+        Pool<uint32_t> lines;
+        XmlPlaces places(lines);
+        XmlTag tag(text, 0, places, text.data() + text.size(), false);
+        for (const uint32_t place : {size_t{4}, size + 9}) {
+            EXPECT_EQ(tag.Next(1), place);
+            uint32_t length = 0;
+            const char* const found = tag.ShortValue(length);
+            EXPECT_TRUE(found == nullptr || std::string_view(found, length) == value) << size;
+        }
     }
 }
 
