@@ -118,7 +118,7 @@ long PeakKb() {
 
 // A host may take back memory that its virtual machine does not use, huge pages first, and to get
 // it again can take 30 times as long as to clear it. So before each contender begins, more memory
-// than kemd or expat needs is taken and freed. libxml2 and pugixml need more for depth.
+// than kemd or expat needs is taken and freed. libxml2 and pugixml need more for some.
 void WarmMemory() {
     constexpr size_t kBytes = size_t{512} << 20;
     void* const memory =
@@ -147,7 +147,10 @@ Sample Measure(const Work& work, const std::string& text) {
     }
     Sample sample{};
     close(ends[1]);
-    if (read(ends[0], &sample, sizeof sample) != sizeof sample) _exit(1);
+    if (read(ends[0], &sample, sizeof sample) != sizeof sample) {
+        std::fprintf(stderr, "xml_bench: \"%s\" failed\n", work.name);
+        std::exit(1);
+    }
     close(ends[0]);
     waitpid(child, nullptr, 0);
     return sample;
